@@ -1,0 +1,573 @@
+#include <algorithm>
+#include <atomic>
+#include <cassert>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gio/gio.h>
+#include <gst/gst.h>
+#include <gst/net/gstnet.h>
+
+#include <miscUtils/SyncedNetClock.hpp>
+
+// How a provider is followed
+//
+// GStreamer asks the provider for its time, takes a regression over the answers and posts a message
+// for each answer that it accepts: the observation, and the calibration (a straight line from local
+// to provider time) that resulted. A session's thread pops these messages, judges each observation,
+// and takes the calibration over only while the observations fit together. Nothing else of
+// GStreamer's clock is used: its time is clamped to be monotonic, its flag stays "synced" when the
+// provider is gone, and its calibration is wrong for seconds after the provider's clock has jumped.
+//
+// Its "synced" signal is not needed, since each message is posted after the flag has changed, and
+// not wanted: it comes from GStreamer's thread, does not come at all when a recently used address
+// is used again, and flaps with every answer of a provider that has been set back.
+
+namespace miscUtils
+{
+
+namespace
+{
+
+// Answers come every 50 to 100 ms, every 250 ms while GStreamer rejects them for their round trip.
+constexpr guint64 SilenceLimitNs = 3'000'000'000;
+
+// How often the provider is asked while it is silent. GStreamer's own 1 s finds it late.
+constexpr guint64 RequestIntervalNs = 100'000'000;
+
+constexpr guint64 ResolveIntervalNs = 1'000'000'000;
+
+// The range that GStreamer accepts.
+constexpr unsigned int SmallestWindow = 2;
+constexpr unsigned int LargestWindow = 1024;
+
+// Deviations up to this much are left to the regression.
+constexpr guint64 StepSlackNs = 10'000'000;
+
+// Linux slews a clock by at most a tenth.
+constexpr guint64 SlewDivisor = 10;
+
+// Answers are closer together than this unless the provider was silent. Over a longer time a
+// deviation is not put down to slewing: even if it was, the estimate is no longer right.
+constexpr guint64 LongestSlewNs = 500'000'000;
+
+struct GObjectDeleter
+{
+    void operator()(gpointer object) const
+    {
+        g_object_unref(object);
+    }
+};
+
+struct MessageDeleter
+{
+    void operator()(GstMessage* message) const
+    {
+        gst_message_unref(message);
+    }
+};
+
+template <typename T>
+using GObjectPtr = std::unique_ptr<T, GObjectDeleter>;
+using MessagePtr = std::unique_ptr<GstMessage, MessageDeleter>;
+
+// A straight line from local to provider time, both in nanoseconds.
+struct Calibration
+{
+    guint64 internal = 0;
+    guint64 external = 0;
+    guint64 rateNum = 1;
+    guint64 rateDen = 1;
+
+    guint64 toProviderTime(guint64 local) const
+    {
+        return gst_clock_adjust_with_calibration(
+            nullptr, local, internal, external, rateNum, rateDen);
+    }
+};
+
+// One answer of the provider. All in nanoseconds; `local` and `received` on the local clock.
+struct Observation
+{
+    guint64 local = 0; // middle of the round trip
+    guint64 remote = 0;
+    guint64 received = 0;
+    guint64 roundTrip = 0;
+    guint64 averageRoundTrip = 0;
+    Calibration calibration; // after this observation
+};
+
+std::optional<Observation> parseObservation(GstMessage* message)
+{
+    const GstStructure* const fields = gst_message_get_structure(message);
+    if (fields == nullptr || !gst_structure_has_name(fields, "gst-netclock-statistics"))
+        return std::nullopt;
+
+    const std::pair<const char*, guint64 Observation::*> times[] = {
+        {"local", &Observation::local},
+        {"remote", &Observation::remote},
+        {"request-receive", &Observation::received},
+        {"rtt", &Observation::roundTrip},
+        {"rtt-average", &Observation::averageRoundTrip}};
+    const std::pair<const char*, guint64 Calibration::*> line[] = {
+        {"internal-time", &Calibration::internal},
+        {"external-time", &Calibration::external},
+        {"rate-num", &Calibration::rateNum},
+        {"rate-den", &Calibration::rateDen}};
+
+    Observation result;
+    bool isComplete = true;
+    for (const auto& [name, field] : times)
+        isComplete &= gst_structure_get_uint64(fields, name, &(result.*field)) != FALSE;
+    for (const auto& [name, field] : line)
+        isComplete &= gst_structure_get_uint64(fields, name, &(result.calibration.*field)) != FALSE;
+    return isComplete ? std::optional(result) : std::nullopt;
+}
+
+// Whether the provider's clock has jumped, either way, between two observations.
+//
+// An observation tells the offset between the clocks to within half its round trip, so that two of
+// them differ by no more than the halves together and what a clock is slewed by meanwhile. This
+// holds however bad the network or the estimate is, and also after the provider, or this process,
+// was stopped and continued: late answers have long round trips.
+bool hasJumped(const Observation& before, const Observation& now)
+{
+    // Modulo 2^64: the provider's clock may well be behind ours.
+    const guint64 shift = (now.remote - now.local) - (before.remote - before.local);
+    const guint64 magnitude = std::min(shift, guint64{0} - shift);
+
+    const guint64 elapsed = now.local > before.local ? now.local - before.local : 0;
+    const guint64 slew = std::min(elapsed, LongestSlewNs) / SlewDivisor;
+    return magnitude > (before.roundTrip + now.roundTrip) / 2 + slew + StepSlackNs;
+}
+
+// Whether the line gives what was observed. The average allows for the uncertainty of the line.
+bool isNear(const Calibration& line, const Observation& seen)
+{
+    const guint64 estimate = line.toProviderTime(seen.local);
+    const guint64 deviation = std::max(estimate, seen.remote) - std::min(estimate, seen.remote);
+    return deviation <= seen.roundTrip / 2 + seen.averageRoundTrip + StepSlackNs;
+}
+
+struct Target
+{
+    std::string address;
+    unsigned int port;
+    unsigned int windowSize;
+    unsigned long roundTripLimitNs;
+};
+
+// What one call of startSynchronization() begins and a stop, or the next start, ends. Owned by
+// shared pointers, so that a reader may hold it a little longer; joined before the owner lets go.
+class Session
+{
+public:
+    Session(Target target, std::function<void()> onStateChange);
+
+    // Starts the thread, unless a stop was requested before.
+    void launch();
+
+    // Makes the thread end as soon as it can. Any thread; does not wait.
+    void requestStop();
+
+    // Waits for the thread. After requestStop(), by one thread only, never the session's own.
+    void join();
+
+    bool isOwnThread() const;
+
+    bool isSynchronized() const;
+    TimeValue getSynchronizedTime() const;
+
+private:
+    enum class Phase
+    {
+        Learning,  // no estimate that holds: at the beginning and after a jump
+        Following, // the estimate holds
+        Silent     // the estimate held until the provider fell silent
+    };
+
+    void run();
+    bool openBus();
+    std::string awaitNumericAddress();
+    std::string resolveAddress() const;
+    bool openClock(const std::string& numericAddress);
+    void closeClock();
+    void follow();
+    MessagePtr awaitMessage();
+    void observe(const Observation& now);
+    void restartRegression();
+    void setPhase(Phase phase);
+
+    // Constant after construction.
+    const Target m_target;
+    const std::function<void()> m_onStateChange;
+    const GObjectPtr<GCancellable> m_cancellable; // ends a name's resolution
+
+    // Own thread only.
+    GObjectPtr<GstClock> m_clock;
+    std::optional<Observation> m_lastObservation;
+
+    std::atomic<bool> m_isStopping = false;
+
+    // Leaf lock: held for a few instructions, never across a wait or a callback.
+    mutable std::mutex m_mutex;
+
+    // Guarded by m_mutex. The own thread alone writes them, and so reads them without the lock.
+    GObjectPtr<GstBus> m_bus; // set once, after GStreamer's initialisation
+    GObjectPtr<GstClock> m_internalClock;
+    Phase m_phase = Phase::Learning;
+    Calibration m_estimate;
+
+    // Guarded by m_mutex until a stop is requested, then the joining thread's.
+    std::thread m_thread;
+};
+
+thread_local const Session* t_ownSession = nullptr;
+
+Session::Session(Target target, std::function<void()> onStateChange)
+    : m_target(std::move(target)),
+      m_onStateChange(std::move(onStateChange)),
+      m_cancellable(g_cancellable_new())
+{
+}
+
+void Session::launch()
+{
+    const std::lock_guard lock(m_mutex);
+    if (!m_isStopping)
+        m_thread = std::thread(&Session::run, this);
+}
+
+void Session::requestStop()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        m_isStopping = true;
+        // Any message wakes the thread.
+        if (m_bus)
+            gst_bus_post(
+                m_bus.get(),
+                gst_message_new_application(nullptr, gst_structure_new_empty("stop-request")));
+    }
+    g_cancellable_cancel(m_cancellable.get());
+}
+
+void Session::join()
+{
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+bool Session::isOwnThread() const
+{
+    return t_ownSession == this;
+}
+
+bool Session::isSynchronized() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_phase == Phase::Following;
+}
+
+TimeValue Session::getSynchronizedTime() const
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_phase == Phase::Learning || !m_internalClock)
+        return 0;
+    // The internal clock's internal time is the plain local clock: no lock, no clamp.
+    return m_estimate.toProviderTime(gst_clock_get_internal_time(m_internalClock.get()));
+}
+
+void Session::run()
+{
+    t_ownSession = this;
+
+    if (!openBus())
+        return;
+    const std::string numericAddress = awaitNumericAddress();
+    if (m_isStopping || !openClock(numericAddress))
+        return;
+    follow();
+    closeClock();
+}
+
+bool Session::openBus()
+{
+    if (!gst_init_check(nullptr, nullptr, nullptr))
+        return false;
+
+    GObjectPtr<GstBus> bus(gst_bus_new());
+    const std::lock_guard lock(m_mutex);
+    m_bus = std::move(bus);
+    return true;
+}
+
+// Empty if a stop was requested meanwhile. GStreamer must not get a name: it would resolve it in a
+// call that nothing ends, and keep a dead clock for it if that fails.
+std::string Session::awaitNumericAddress()
+{
+    const GObjectPtr<GInetAddress> numeric(
+        g_inet_address_new_from_string(m_target.address.c_str()));
+    if (numeric)
+        return m_target.address;
+
+    std::string resolved;
+    while (!m_isStopping && (resolved = resolveAddress()).empty())
+        MessagePtr(gst_bus_timed_pop(m_bus.get(), ResolveIntervalNs));
+    return resolved;
+}
+
+// IPv4 first: a provider listens there unless it is told otherwise. Empty on failure.
+std::string Session::resolveAddress() const
+{
+    const GObjectPtr<GResolver> resolver(g_resolver_get_default());
+    const std::unique_ptr<GList, decltype(&g_resolver_free_addresses)> addresses(
+        g_resolver_lookup_by_name(
+            resolver.get(), m_target.address.c_str(), m_cancellable.get(), nullptr),
+        &g_resolver_free_addresses);
+
+    GInetAddress* chosen = nullptr;
+    for (GList* entry = addresses.get(); entry != nullptr; entry = entry->next)
+    {
+        auto* const candidate = static_cast<GInetAddress*>(entry->data);
+        const bool isIPv4 = g_inet_address_get_family(candidate) == G_SOCKET_FAMILY_IPV4;
+        if (chosen == nullptr || isIPv4)
+            chosen = candidate;
+        if (isIPv4)
+            break;
+    }
+    if (chosen == nullptr)
+        return {};
+
+    const std::unique_ptr<char, decltype(&g_free)> text(g_inet_address_to_string(chosen), &g_free);
+    return text.get();
+}
+
+bool Session::openClock(const std::string& numericAddress)
+{
+    if (m_target.port == 0 || m_target.port > G_MAXUINT16)
+        return false;
+
+    m_clock.reset(gst_net_client_clock_new(
+        nullptr, numericAddress.c_str(), static_cast<gint>(m_target.port), 0));
+    if (!m_clock)
+        return false;
+
+    // The bus before the regression is restarted, so that no observation enters it unseen: the
+    // internal clock may be one that has been running since an earlier use of the address.
+    const guint64 roundTripLimit = m_target.roundTripLimitNs;
+    g_object_set(m_clock.get(), "bus", m_bus.get(), "round-trip-limit", roundTripLimit, nullptr);
+
+    GstClock* internalClock = nullptr;
+    g_object_get(m_clock.get(), "internal-clock", &internalClock, nullptr);
+    g_object_set(internalClock, "timeout", RequestIntervalNs, nullptr);
+    {
+        const std::lock_guard lock(m_mutex);
+        m_internalClock.reset(internalClock);
+    }
+    restartRegression();
+    return true;
+}
+
+void Session::closeClock()
+{
+    g_object_set(m_clock.get(), "bus", nullptr, nullptr);
+
+    GObjectPtr<GstClock> internalClock;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_phase = Phase::Learning;
+        internalClock = std::move(m_internalClock);
+    }
+    m_clock.reset();
+}
+
+void Session::follow()
+{
+    bool wasSynchronized = false;
+    while (!m_isStopping)
+    {
+        // One message at a time: the callback sees every change, even of a thread that runs late.
+        const MessagePtr message = awaitMessage();
+        if (!message)
+            setPhase(Phase::Silent);
+        else if (const std::optional<Observation> observation = parseObservation(message.get()))
+            observe(*observation);
+
+        const bool isSynchronizedNow = m_phase == Phase::Following;
+        if (isSynchronizedNow == wasSynchronized || m_isStopping)
+            continue;
+        wasSynchronized = isSynchronizedNow;
+        if (m_onStateChange)
+            m_onStateChange();
+    }
+}
+
+// Null when the provider that is being followed has fallen silent. A message that waits is always
+// delivered, so that a long callback is not taken for silence.
+MessagePtr Session::awaitMessage()
+{
+    guint64 timeout = GST_CLOCK_TIME_NONE;
+    if (m_phase == Phase::Following)
+    {
+        const guint64 deadline = m_lastObservation->received + SilenceLimitNs;
+        const guint64 now = gst_clock_get_internal_time(m_internalClock.get());
+        timeout = deadline > now ? deadline - now : 0;
+    }
+    return MessagePtr(gst_bus_timed_pop(m_bus.get(), timeout));
+}
+
+void Session::observe(const Observation& now)
+{
+    const bool jumped = m_lastObservation && hasJumped(*m_lastObservation, now);
+    const bool wentAstray = m_phase == Phase::Silent && !isNear(m_estimate, now);
+    m_lastObservation = now;
+
+    if (jumped || wentAstray)
+    {
+        setPhase(Phase::Learning);
+        restartRegression();
+        return;
+    }
+
+    // A clock without its first calibration could be near by chance: with the provider's clock the
+    // same as ours. One that was used before, or restarted, keeps its calibration for a while.
+    const bool isLearned =
+        gst_clock_is_synced(m_internalClock.get()) && isNear(now.calibration, now);
+    if (m_phase == Phase::Learning && !isLearned)
+        return;
+
+    const std::lock_guard lock(m_mutex);
+    m_estimate = now.calibration;
+    m_phase = Phase::Following;
+}
+
+// Setting the window size makes GStreamer forget its observations; the calibration is kept until
+// there are four new ones. This must be done on the internal clock, on the outer one it has no
+// effect. Sessions with the same provider restart each other's regression: after a jump all of them
+// do, each within moments of the same message, and each comes back when the calibration is near.
+void Session::restartRegression()
+{
+    const auto window =
+        static_cast<gint>(std::clamp(m_target.windowSize, SmallestWindow, LargestWindow));
+    g_object_set(m_internalClock.get(), "window-size", window, nullptr);
+}
+
+void Session::setPhase(Phase phase)
+{
+    const std::lock_guard lock(m_mutex);
+    m_phase = phase;
+}
+
+} // namespace
+
+class SyncedNetClock::Impl
+{
+public:
+    ~Impl()
+    {
+        stop();
+        joinEnding();
+        assert(m_ending.empty() && "a clock must not be destroyed from inside its own callback");
+    }
+
+    void start(std::shared_ptr<Session> session)
+    {
+        end(exchangeSession(session));
+        joinEnding();
+        session->launch();
+    }
+
+    void stop()
+    {
+        end(exchangeSession(nullptr));
+    }
+
+    std::shared_ptr<Session> getSession() const
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_session;
+    }
+
+private:
+    std::shared_ptr<Session> exchangeSession(std::shared_ptr<Session> next)
+    {
+        const std::lock_guard lock(m_mutex);
+        return std::exchange(m_session, std::move(next));
+    }
+
+    void end(std::shared_ptr<Session> session)
+    {
+        if (!session)
+            return;
+        session->requestStop();
+        if (!session->isOwnThread())
+            session->join();
+        else
+        {
+            const std::lock_guard lock(m_mutex);
+            m_ending.push_back(std::move(session));
+        }
+    }
+
+    // Joins what was stopped from inside its callback, except for the callback that this call comes
+    // from.
+    void joinEnding()
+    {
+        std::vector<std::shared_ptr<Session>> ended;
+        {
+            const std::lock_guard lock(m_mutex);
+            const auto others = std::partition(
+                m_ending.begin(), m_ending.end(),
+                [](const auto& session) { return session->isOwnThread(); });
+            ended.assign(std::move_iterator(others), std::move_iterator(m_ending.end()));
+            m_ending.erase(others, m_ending.end());
+        }
+        for (const auto& session : ended)
+            session->join();
+    }
+
+    // Never held across a wait.
+    mutable std::mutex m_mutex;
+
+    // Guarded by m_mutex.
+    std::shared_ptr<Session> m_session;
+    std::vector<std::shared_ptr<Session>> m_ending;
+};
+
+SyncedNetClock::SyncedNetClock() : m_impl(std::make_unique<Impl>()) {}
+
+SyncedNetClock::~SyncedNetClock() = default;
+
+void SyncedNetClock::startSynchronization(
+    std::string address,
+    unsigned int port,
+    unsigned int windowSize,
+    unsigned long roundTripLimit,
+    std::function<void()> onStateChange)
+{
+    m_impl->start(std::make_shared<Session>(
+        Target{std::move(address), port, windowSize, roundTripLimit}, std::move(onStateChange)));
+}
+
+void SyncedNetClock::stopSynchronization()
+{
+    m_impl->stop();
+}
+
+bool SyncedNetClock::isSynchronized() const
+{
+    const std::shared_ptr<Session> session = m_impl->getSession();
+    return session && session->isSynchronized();
+}
+
+TimeValue SyncedNetClock::getSynchronizedTime() const
+{
+    const std::shared_ptr<Session> session = m_impl->getSession();
+    return session ? session->getSynchronizedTime() : 0;
+}
+
+} // namespace miscUtils
