@@ -1,0 +1,260 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <miscUtils/SyncedNetClock.hpp>
+#include <vlx/SideChannel.hpp>
+#include <vlx/VlxPayload.hpp>
+#include <vlx/VlxTypes.hpp>
+
+namespace vlx
+{
+
+/// The consuming end of one stream: joins the sender of a given name, waits for it if it is not
+/// there, joins it again whenever the connection is lost, and calls the application back with each
+/// frame.
+///
+/// Threads: one worker and one monitor thread per initialised receiver, and with a network clock
+/// the clock's own. Callbacks run on the worker thread unless they say otherwise, with no lock
+/// held. A callback that takes long makes this receiver lose frames, and nobody else. Exceptions
+/// must not leave a callback.
+///
+/// Set all callbacks and depayloaders before initializeReceiver(); they are not guarded afterwards.
+/// From inside a callback never call initializeReceiver() or shutdownReceiver(), and never destroy
+/// the receiver: the thread would wait for itself.
+///
+/// A receiver trusts the process that holds the sender's name: a malformed first message from it,
+/// or one that names an unknown transport, stops this process with an assertion.
+///
+/// Logging goes to the log4cplus logger "Vellox", which the application configures; unconfigured,
+/// log4cplus prints a warning of its own.
+class VLX_API Receiver
+{
+public:
+    enum class State : std::int32_t
+    {
+        /// No worker thread, or one that has given up.
+        Idle = 0,
+        /// Looking for the sender, or between two connections.
+        Connecting = 1,
+        /// Joined; frames arrive once the sender has announced a sequence.
+        Running = 2,
+    };
+
+    /// The clock that the stream's timestamps stand on.
+    enum class StreamClockType : std::int32_t
+    {
+        /// Not known outside State::Running.
+        Undetermined = 0,
+        /// The sender names no clock.
+        NoClock = 1,
+        /// CLOCK_MONOTONIC of this machine.
+        MonotonicSystemClock = 2,
+        /// The network clock that the sender names.
+        SyncedNetClock = 3,
+    };
+
+    Receiver();
+
+    /// Calls shutdownReceiver(), with everything that is said there.
+    ~Receiver();
+
+    Receiver(const Receiver&) = delete;
+    Receiver& operator=(const Receiver&) = delete;
+
+    /// Registers a depayloader under its FourCC; a second one with the same FourCC replaces the
+    /// first. A stream whose codec nobody registered makes the receiver connect and drop over and
+    /// over.
+    ///
+    /// @param depayloader  not owned; must outlive the receiver
+    void addDepayloader(Depayloader& depayloader);
+
+    /// @return the current state
+    /// @thread any
+    State getState() const;
+
+    /// Called at most once per connection: a sequence is announced and its clock, if it has one, is
+    /// synchronised.
+    /// @thread the worker's or the clock's
+    void setReceiverIsReadyCallback(std::function<void(Depayloader&, StreamClockType)> callback);
+
+    /// Called at each change of state. The first Connecting comes from inside initializeReceiver(),
+    /// on its caller's thread; all others come from the worker.
+    void setStateChangedCallback(std::function<void(State)> callback);
+
+    /// Called once, after State::Idle, when the worker has given up: the system refused a socket.
+    /// The receiver has to be shut down before it can be initialised again.
+    void setConnectionAttemptFailedCallback(std::function<void()> callback);
+
+    /// Called for each frame with timestamp, duration and media data; the data is valid only during
+    /// the call. Without this callback frames are dropped silently.
+    void setMediaDataCallback(std::function<void(TimeValue, TimeValue, const Buffer&)> callback);
+
+    /// Called for each new sequence, before its first frame. The place to read the format from the
+    /// depayloader.
+    void setNewSequenceCallback(std::function<void(Depayloader&)> callback);
+
+    /// Starts to look for the sender; returns at once, whether there is one or not.
+    ///
+    /// A sender that starts is noticed by its directory in "TMPDIR" (or "/tmp/vlx"), otherwise
+    /// every 400 ms; if that directory does not exist when this is called, only every 400 ms.
+    ///
+    /// @param socketAddress  the sender's name in the abstract socket namespace; only the first 107
+    ///                       bytes count
+    /// @return true if the receiver works now, also if it did already: the argument is then
+    ///         ignored. false after one ERROR in the log if the system has no descriptors left
+    /// @throws std::system_error if a thread cannot be started
+    /// @pre after State::Idle was reached by itself: shutdownReceiver() was called; otherwise the
+    ///      process stops
+    bool initializeReceiver(std::string socketAddress);
+
+    /// Stops both threads and waits for them. Safe to call at any time and any number of times, but
+    /// not from a callback, nor from two threads at once.
+    ///
+    /// Takes up to 5 seconds: nothing interrupts the monitor's wait, except any entry that somebody
+    /// makes in the watched directory. A callback in progress is waited for.
+    void shutdownReceiver();
+
+    /// @return nanoseconds on the stream's clock: CLOCK_MONOTONIC if the sender says so, otherwise
+    ///         the network clock, 0 while that is not synchronised. Meaningful in State::Running
+    ///         only
+    /// @thread any
+    TimeValue getCurrentStreamTime() const;
+
+    /// @return the clock of the current stream; whether it is synchronised already does not count.
+    ///         Undetermined, with an ERROR in the log, outside State::Running
+    /// @thread any
+    StreamClockType getStreamClockType() const;
+
+private:
+    friend class ReceiverTestAccess;
+
+    enum class ConnectingState : std::int32_t
+    {
+        Undefined = 0,
+        NotConnected = 1,
+        WaitingForInitialInfo = 2,
+        ConnectingMainChannel = 3,
+        Connected = 4,
+    };
+
+    enum class ConnectionRetval : std::int32_t
+    {
+        Success = 0,
+        Retry = 1,
+        Failure = 2,
+    };
+
+    enum class InitialInfoRetval : std::int32_t
+    {
+        Pending = 0,
+        Success = 1,
+        Aborted = 2,
+        Failure = 3,
+    };
+
+    // Worker thread and state machine. All but startThread() and stopThread() run on the worker.
+    void startThread();
+    void stopThread();
+    void threadLoop();
+    bool iterate();
+    bool isWantedToRun() const; // also the monitor
+    void setState(State newState, bool force);
+    void setReceiverToIdle();
+    void resetConnectionStates(); // m_mutex is held by the caller
+
+    // Connecting. Worker thread.
+    bool handleConnectingState();
+    void waitBeforeReconnect();
+    ConnectionRetval connectSidechannel();
+    void disconnectSidechannel();
+    InitialInfoRetval listenForInitialInfo();
+    void storeInitialInfo(InitialInfo info);
+    void startClockSynchronization();
+    ConnectionRetval connectNanomsgMainChannel();
+    void disconnectNanomsgMainChannel();
+
+    // Input. Worker thread.
+    bool listenForInput();
+    bool shouldPacketBeKept(const ByteView& packet);
+    bool isSequenceNrTooOld(unsigned short sequenceNr) const;
+
+    // Delivery. Worker thread; readiness also on the clock's thread. m_mutex must not be held.
+    bool handleSequenceInfoPacket();
+    void handleFramePacket();
+    void reportReceiverIsReady();
+    void onClockSyncStateChange();
+
+    // Sender-presence monitor.
+    void startFsMonitorThread();
+    void fsMonitorThreadLoop();
+    void stopFsMonitorThread();
+
+    // Sidechannel message reader. Worker thread.
+    int readSidechannelMessage();
+    bool readSomeFromSidechannel(void* buffer, std::size_t length, std::size_t& bytesRead);
+
+    std::string m_socketAddress; // written before the threads exist
+    // Worker thread, except for the selected depayloader, which the clock's thread reads.
+    DepayloaderList m_depayloaderList;
+    // The worker replaces it under m_mutex, others read it under m_mutex.
+    InitialInfo m_initialInfo{};
+    std::uint16_t m_currentSequenceNr = 0; // worker thread; 0: no sequence adopted yet
+    // Read under m_mutex by application threads; atomic because only setReceiverToIdle() writes it
+    // under the lock.
+    std::atomic<State> m_state = State::Idle;
+    ConnectingState m_connectingState = ConnectingState::Undefined; // worker thread
+    bool m_connectionAttemptFailed = false;                         // worker thread
+    // Read under m_mutex; atomic because the worker clears it without.
+    std::atomic<bool> m_keepRunning = false;
+    // Never held while a callback runs, across poll, or while joining.
+    mutable std::mutex m_mutex;
+    std::thread m_thread;
+    std::condition_variable m_conditionVariable; // the wait between two attempts, with m_mutex
+    std::atomic<bool> m_senderAppeared;          // set by the monitor before it notifies, no lock
+    std::thread m_fsMonitorThread;
+    // Claimed by exchange: the worker and the clock's thread may both want to report.
+    std::atomic<bool> m_receiverIsReadyReported = false;
+    // Set once the new-sequence callback has returned: before that the clock's thread must not
+    // report readiness, since the depayloader may not have its format yet.
+    std::atomic<bool> m_sequenceAnnounced = false;
+
+    // Constant while the threads run.
+    std::function<void(Depayloader&, StreamClockType)> m_receiverIsReadyCallback;
+    std::function<void(State)> m_stateChangedCallback;
+    std::function<void()> m_connectionAttemptFailedCallback;
+    std::function<void(TimeValue, TimeValue, const Buffer&)> m_mediaDataCallback;
+    std::function<void(Depayloader&)> m_newSequenceCallback;
+
+    // Sidechannel message reader; worker thread.
+    std::uint32_t m_sidechannelMessageSize = 0xFFFFFFFF; // all ones: the prefix comes next
+    std::uint32_t m_sidechannelBytesRead = 0;            // of the prefix or of the payload
+    Buffer m_sidechannelBuffer;                          // the message being read
+
+    int m_sideChannelSocketFD = -1; // worker thread
+    int m_nanomsgMainFD = -1;       // worker thread
+    int m_nanomsgWatchFD = -1;      // owned by nanomsg, never closed here
+    // The worker closes it under m_mutex, and stopThread() writes to it under m_mutex.
+    int m_loopWakeupPipe[2] = {-1, -1};
+    int m_nanomsgEndpointID = -1; // worker thread
+    // Thread-safe inside. Stopped without m_mutex wherever a callback of it may be in progress.
+    miscUtils::SyncedNetClock m_syncedNetClock;
+    int m_inotifyFD = -1;    // constant while the monitor runs
+    int m_inotifyWatch = -1; // constant while the monitor runs
+};
+
+/// @return "idle", "connecting" or "running"; "unknown" for any other value; a static string
+VLX_API const char* toString(Receiver::State state);
+
+/// @return "undetermined", "no clock", "monotonic system clock" or "synced net clock"; "unknown"
+///         for any other value; a static string
+VLX_API const char* toString(Receiver::StreamClockType type);
+
+} // namespace vlx

@@ -1,0 +1,206 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <vlx/SideChannel.hpp>
+#include <vlx/VlxTypes.hpp>
+
+struct pollfd;
+
+namespace vlx
+{
+
+class Payloader;
+
+/// The producing end of one stream: announces it under a name, and sends media frames to every
+/// receiver that has joined. A slow or stopped receiver never delays the sender or the others.
+///
+/// Threads: one listener thread per initialised sender. setCurrentPayloader(), startNewSequence()
+/// and sendMediaData() belong to one producing thread; disableSend() and getNumReceivers() may come
+/// from any other. initializeSender() and
+/// shutdownSender() must not run beside any of the media calls, nor beside each other.
+///
+/// The order of a producer:
+///   1. open the input, make the payloader and set its format;
+///   2. initializeSender(), setCurrentPayloader() and, at once, startNewSequence(). A receiver that
+///      has joined before the first sequence may miss its announcement, and then refuses every
+///      frame until the next one. After a second initialisation newcomers would first be handed the
+///      previous sequence;
+///   3. sendMediaData() for each frame; startNewSequence() again after each change of format;
+///   4. wait for the duration of a frame, at least 100 ms: what has not left the process when the
+///      sender shuts down is lost;
+///   5. from the stopping thread disableSend(true), join the producing thread, shutdownSender().
+///
+/// What is announced can be joined by every local process; the file that carries the main channel
+/// follows the process's umask. A producer that serves other users changes that file's mode after
+/// initializeSender().
+///
+/// Logging goes to the log4cplus logger "Vellox", which the application configures; unconfigured,
+/// log4cplus prints a warning of its own.
+class VLX_API Sender
+{
+public:
+    Sender();
+
+    /// Calls shutdownSender().
+    /// @pre no other thread uses the sender
+    ~Sender();
+
+    Sender(const Sender&) = delete;
+    Sender& operator=(const Sender&) = delete;
+
+    /// Opens the stream: listens on the sidechannel, makes a private directory with the main
+    /// channel's socket in "TMPDIR" (or "/tmp/vlx", which is not created here), and starts the
+    /// listener thread.
+    ///
+    /// @param socketAddress             name of the stream in the abstract socket namespace; one
+    ///                                  that is longer than 107 bytes is reported and cut
+    /// @param alternativeSocketAddress  name to use if the first one is taken; empty: none
+    /// @param timeSyncIPAddress         announced address of the network clock; may be empty
+    /// @param timeSyncPort              announced port of the network clock, low 16 bits; 0: none
+    /// @param timeSyncProtocol          announced: the clock that timestamps stand on
+    /// @param nanomsgProtocol           transport of the main channel, PubSub or Pipeline; any
+    ///                                  other value stops the process with the assertion "false"
+    /// @return true if the stream is open, also if it was open already: the arguments are then
+    ///         ignored. false after one ERROR in the log; give the object up then, since what was
+    ///         set up before the failing step stays until the process ends, and a second try may
+    ///         stop the process with an assertion
+    /// @throws std::system_error if the listener thread cannot be started; the sender can then
+    ///         still be shut down
+    bool initializeSender(
+        std::string socketAddress,
+        std::string alternativeSocketAddress,
+        std::string timeSyncIPAddress,
+        std::uint32_t timeSyncPort,
+        TimeSyncProtocol timeSyncProtocol,
+        NanomsgProtocol nanomsgProtocol);
+
+    /// Closes the stream and removes its directory. Does nothing on a sender that is not open.
+    ///
+    /// Frames that have not left the process yet are lost. Sending stays disabled until the next
+    /// initialisation.
+    /// @pre no media call is running, and no other thread is shutting the sender down
+    void shutdownSender();
+
+    /// Makes a payloader the current one. Announces nothing: call startNewSequence() afterwards.
+    ///
+    /// @param payloader  not owned; must outlive its use by the sender
+    /// @thread the producing thread
+    void setCurrentPayloader(Payloader& payloader);
+
+    /// Opens a new sequence with the current payloader's FourCC and codec header: tells the
+    /// receivers that have joined, and keeps the announcement for those that join later. Without an
+    /// open stream it does nothing.
+    ///
+    /// @pre a payloader is set; checked by assertion
+    /// @thread the producing thread; can block as sendMediaData() does
+    void startNewSequence();
+
+    /// Sends one frame in the current sequence. What a receiver cannot take at once is lost to that
+    /// receiver. Without an open stream the frame is dropped; no error is reported.
+    ///
+    /// PubSub: never blocks. Pipeline: blocks until a receiver has bound, disableSend(true) is
+    /// called from another thread, or the stream is shut down. Allocates nothing once the largest
+    /// frame has been sent; copies the data once.
+    ///
+    /// @param timestamp  carried as given; for receivers to mean anything by it, on the announced
+    ///                   clock, in nanoseconds
+    /// @param duration   carried as given, same unit
+    /// @param mediaData  the frame, in the current payloader's format; not used after the call
+    /// @pre a payloader is set; checked by assertion
+    /// @thread the producing thread; never two at once
+    void sendMediaData(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
+
+    /// Switches sending off or on. Switching off frees a call that blocks in sendMediaData() or
+    /// startNewSequence(); its packet is dropped. A successful initialisation switches sending on,
+    /// so a producer that is being stopped looks at its own stop flag again afterwards.
+    ///
+    /// @thread any
+    void disableSend(bool disable);
+
+    /// @return receivers now joined on the main channel, as the transport counts them; 0 if the
+    ///         sender is not initialised
+    /// @thread any
+    std::size_t getNumReceivers() const;
+
+private:
+    friend class SenderTestAccess;
+
+    // m_mutex is held by the caller of each of these.
+    void prepareInitialInfoPacket();
+    bool setupListener();
+    void shutdownListener();
+    bool createNanomsgWakeupPipe();
+    void closeNanomsgWakeupPipe();
+    bool setupNanomsgMainChannel();
+    void shutdownNanomsgMainChannel();
+    bool areThereClientConnections() const;
+    void sendDataOverAllClientConnections(const ByteView& data);
+
+    // Listener thread, called without m_mutex.
+    void listenerThreadLoop();
+    bool isListenerThreadWanted() const;
+
+    // Producing thread, called without m_mutex.
+    void sendDataOverNanomsg(const ByteView& data);
+
+    static void sendDataOverClientConnection(int fd, const ByteView& data);
+
+    // Written by initializeSender() only, before the listener thread exists.
+    std::string m_socketAddress;
+    std::string m_alternativeSocketAddress;
+    std::string m_timeSyncIPAddress;
+    std::uint32_t m_timeSyncPort; // only the low 16 bits are announced
+    TimeSyncProtocol m_timeSyncProtocol;
+    std::string m_nanomsgURI;
+    NanomsgProtocol m_nanomsgProtocol;
+
+    // Guarded by m_mutex. Exception: sendMediaData() reads m_framePacket after unlocking, which is
+    // why only one thread may send.
+    Payloader* m_payloader = nullptr; // not owned
+    Buffer m_initialInfoPacket;
+    Buffer m_sequenceInfoPacket; // empty until the first sequence
+    Buffer m_framePacket;
+    std::uint16_t m_sequenceNr = 0; // 0 only before the first sequence
+
+    std::thread m_listenerThread;
+
+    // The main lock. Never held across poll, a main-channel send, or the join of the listener
+    // thread.
+    mutable std::mutex m_mutex;
+    // Guards m_sendDisabled, and m_nanomsgWakeupPipe against a disableSend() from another thread.
+    // Taken last; nothing is called with it held but the one-byte wakeup write.
+    std::mutex m_sendMutex;
+
+    bool m_initialized = false; // guarded by m_mutex
+    // Read under m_mutex; atomic because the listener thread clears it without.
+    std::atomic<bool> m_listenerThreadRunning = false;
+
+    // Constant while the listener thread runs.
+    int m_listenerSocketFD = -1;
+    int m_nanomsgMainFD = -1;
+    int m_nanomsgWatchFD = -1; // owned by nanomsg, never closed here
+    int m_listenerWakeupPipe[2] = {-1, -1};
+    int m_nanomsgWakeupPipe[2] = {-1, -1};
+
+    // Read under m_sendMutex; atomic because set-up and shutdown write it without.
+    std::atomic<bool> m_sendDisabled = false;
+
+    int m_nanomsgEndpointID = -1;
+    std::string m_tempDirectory;
+    std::string m_nanomsgIPCFilePath;
+
+    // Entry 0: read end of m_listenerWakeupPipe; entry 1: m_listenerSocketFD; then one per client.
+    // Only the listener thread changes it while it runs, under m_mutex; it polls it without the
+    // lock.
+    std::unique_ptr<std::vector<pollfd>> m_pollFDs;
+};
+
+} // namespace vlx

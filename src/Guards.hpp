@@ -1,0 +1,39 @@
+#pragma once
+
+#include <utility>
+
+#ifdef NDEBUG
+#error "Assertions are part of this library: build it without NDEBUG"
+#endif
+
+namespace vlx
+{
+
+/// Undoes a set-up that did not reach its end: runs the action when the scope is left, by return or
+/// by exception, unless it was dismissed.
+template <class Action>
+class ScopeGuard
+{
+public:
+    explicit ScopeGuard(Action action) : m_action(std::move(action)) {}
+
+    ~ScopeGuard()
+    {
+        if (m_armed)
+            m_action();
+    }
+
+    ScopeGuard(const ScopeGuard&) = delete;
+    ScopeGuard& operator=(const ScopeGuard&) = delete;
+
+    void dismiss()
+    {
+        m_armed = false;
+    }
+
+private:
+    Action m_action;
+    bool m_armed = true;
+};
+
+} // namespace vlx
