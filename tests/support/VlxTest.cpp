@@ -1,0 +1,209 @@
+#include "support/VlxTest.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <vlx/VlxReceiver.hpp>
+
+namespace fs = std::filesystem;
+
+namespace vlx::testing
+{
+
+namespace
+{
+
+constexpr std::chrono::milliseconds PollInterval{1};
+constexpr std::chrono::milliseconds WakeInterval{20};
+
+// The program that a death test starts runs the fixture too, and never its end.
+constexpr const char* DeathTestDirectoryPrefix = "death-";
+
+bool isInDeathTestChild()
+{
+    return !GTEST_FLAG_GET(internal_run_death_test).empty();
+}
+
+std::string makeTempDirectory(std::string pattern)
+{
+    return ::mkdtemp(pattern.data()) != nullptr ? pattern : std::string();
+}
+
+bool isInternetSocket(int fd)
+{
+    sockaddr_storage address{};
+    socklen_t length = sizeof(address);
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        return false;
+    return address.ss_family == AF_INET || address.ss_family == AF_INET6;
+}
+
+/// @param netClockTolerated  leave out what a network clock keeps open
+std::multiset<std::string> listDescriptors(bool netClockTolerated)
+{
+    std::multiset<std::string> targets;
+    const fs::path directory = "/proc/self/fd";
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory))
+    {
+        std::error_code error;
+        const std::string target = fs::read_symlink(entry.path(), error).string();
+        const bool isOfIterator = target.find("/proc/") == 0;
+        const bool isOfNetClock = target == "anon_inode:[eventfd]" ||
+                                  isInternetSocket(std::stoi(entry.path().filename().string()));
+        if (!error && !isOfIterator && !(netClockTolerated && isOfNetClock))
+            targets.insert(target);
+    }
+    return targets;
+}
+
+/// @return "tid name" of each thread of this process
+std::set<std::string> listThreads()
+{
+    std::set<std::string> threads;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/task"))
+    {
+        std::string name;
+        std::getline(std::ifstream(entry.path() / "comm"), name);
+        if (!name.empty()) // otherwise it has just ended
+            threads.insert(entry.path().filename().string() + " " + name);
+    }
+    return threads;
+}
+
+bool isNetClockThread(const std::string& thread)
+{
+    constexpr std::array<const char*, 4> Names = {" GstNetClient", " gmain", " gdbus", " pool-"};
+    return std::any_of(
+        Names.begin(), Names.end(),
+        [&thread](const char* name) { return thread.find(name) != std::string::npos; });
+}
+
+} // namespace
+
+bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds deadline)
+{
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    while (!condition())
+    {
+        if (std::chrono::steady_clock::now() >= end)
+            return condition();
+        std::this_thread::sleep_for(PollInterval);
+    }
+    return true;
+}
+
+Buffer toBytes(const std::string& text)
+{
+    return Buffer(text.begin(), text.end());
+}
+
+PromptStop::PromptStop()
+{
+    // Looked up here: the environment must not be read beside a test that changes it.
+    const char* const directory = std::getenv("TMPDIR");
+    const std::string entry = std::string(directory != nullptr ? directory : "/tmp/vlx") + "/wake";
+    m_thread = std::thread(
+        [this, entry]
+        {
+            while (m_keepRunning)
+            {
+                fs::create_directory(entry);
+                fs::remove(entry);
+                std::this_thread::sleep_for(WakeInterval);
+            }
+        });
+}
+
+PromptStop::~PromptStop()
+{
+    m_keepRunning = false;
+    m_thread.join();
+}
+
+void shutdownPromptly(Receiver& receiver)
+{
+    const PromptStop promptStop;
+    receiver.shutdownReceiver();
+}
+
+VlxTest::VlxTest()
+{
+    static int numTests = 0;
+    m_socketName = "vlx-test-" + std::to_string(::getpid()) + "-" + std::to_string(++numTests);
+}
+
+void VlxTest::SetUp()
+{
+    if (const char* const outer = std::getenv("TMPDIR"))
+        m_outerTempDirectory = outer;
+
+    const std::string pattern = isInDeathTestChild() ? m_outerTempDirectory.value_or("/tmp") + "/" +
+                                                           DeathTestDirectoryPrefix
+                                                     : std::string("/tmp/vt-");
+    m_tempDirectory = makeTempDirectory(pattern + "XXXXXX");
+    ASSERT_FALSE(m_tempDirectory.empty()) << "no directory " << pattern;
+    ::setenv("TMPDIR", m_tempDirectory.c_str(), 1);
+
+    m_descriptorsBefore = listDescriptors(false);
+    m_threadsBefore = listThreads();
+}
+
+void VlxTest::TearDown()
+{
+    if (m_outerTempDirectory)
+        ::setenv("TMPDIR", m_outerTempDirectory->c_str(), 1);
+    else
+        ::unsetenv("TMPDIR");
+
+    // Threads end, and nanomsg lets go of its descriptors, a moment after the call that asks them.
+    waitFor([this] { return findLeftDescriptors().empty() && findLeftThreads().empty(); });
+    EXPECT_THAT(findLeftDescriptors(), ::testing::IsEmpty()) << "descriptors were left open";
+    EXPECT_THAT(findLeftThreads(), ::testing::IsEmpty()) << "threads were left running";
+
+    std::error_code error;
+    for (const std::string& name : listTempDirectory())
+    {
+        if (name.rfind(DeathTestDirectoryPrefix, 0) == 0)
+            fs::remove_all(fs::path(m_tempDirectory) / name, error);
+    }
+    EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty()) << "left in the directory";
+    fs::remove_all(m_tempDirectory, error);
+}
+
+std::vector<std::string> VlxTest::listTempDirectory() const
+{
+    std::vector<std::string> names;
+    for (const fs::directory_entry& entry : fs::directory_iterator(m_tempDirectory))
+        names.push_back(entry.path().filename().string());
+    return names;
+}
+
+VlxTest::Descriptors VlxTest::findLeftDescriptors() const
+{
+    const Descriptors now = listDescriptors(m_netClockTolerated);
+    Descriptors left;
+    std::set_difference(
+        now.begin(), now.end(), m_descriptorsBefore.begin(), m_descriptorsBefore.end(),
+        std::inserter(left, left.end()));
+    return left;
+}
+
+std::set<std::string> VlxTest::findLeftThreads() const
+{
+    std::set<std::string> left;
+    for (const std::string& thread : listThreads())
+    {
+        if (!m_threadsBefore.contains(thread) && !(m_netClockTolerated && isNetClockThread(thread)))
+            left.insert(thread);
+    }
+    return left;
+}
+
+} // namespace vlx::testing

@@ -1,0 +1,113 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <vlx/VlxTypes.hpp>
+
+#include "support/LogCapture.hpp"
+
+namespace vlx
+{
+class Receiver;
+}
+
+namespace vlx::testing
+{
+
+/// Generous, since a busy machine under a sanitizer is slow; only a failing test waits this long.
+inline constexpr std::chrono::seconds DefaultDeadline{10};
+
+/// Waits until a condition holds.
+///
+/// @param condition  called again and again, from the calling thread
+/// @return whether it held before the deadline
+bool waitFor(
+    const std::function<bool()>& condition,
+    std::chrono::milliseconds deadline = DefaultDeadline);
+
+/// Makes the bytes of a text, for tests that spell packets out.
+Buffer toBytes(const std::string& text);
+
+/// While it lives, whatever watches the directory in "TMPDIR" is woken every 20 ms. A receiver's
+/// monitor looks at its stop flag only when it is woken, so that a stop could take 5 s without.
+class PromptStop
+{
+public:
+    PromptStop();
+    ~PromptStop();
+
+    PromptStop(const PromptStop&) = delete;
+    PromptStop& operator=(const PromptStop&) = delete;
+
+private:
+    std::atomic<bool> m_keepRunning = true;
+    std::thread m_thread;
+};
+
+/// Calls shutdownReceiver() without the wait for the monitor.
+void shutdownPromptly(Receiver& receiver);
+
+/// Base of all tests that open anything: a short private directory in "TMPDIR", a socket name that
+/// no other test has, and at the end the check that no descriptor, thread or file has been left.
+///
+/// What a test opens it closes in its body, since the check runs before members are destroyed.
+class VlxTest : public ::testing::Test
+{
+protected:
+    VlxTest();
+
+    void SetUp() override;
+    void TearDown() override;
+
+    /// @return the directory that "TMPDIR" names
+    const std::string& getTempDirectory() const
+    {
+        return m_tempDirectory;
+    }
+
+    /// @return a name for the abstract socket namespace; always the same within a test
+    const std::string& getSocketName() const
+    {
+        return m_socketName;
+    }
+
+    /// @return names of what is in the private directory
+    std::vector<std::string> listTempDirectory() const;
+
+    /// The threads and descriptors of GStreamer stay for a minute after the last use of a network
+    /// clock: for tests that use one.
+    void tolerateNetClock()
+    {
+        m_netClockTolerated = true;
+    }
+
+    static LogCapture& log()
+    {
+        return LogCapture::get();
+    }
+
+private:
+    using Descriptors = std::multiset<std::string>; // what they point to
+
+    Descriptors findLeftDescriptors() const;
+    std::set<std::string> findLeftThreads() const;
+
+    std::string m_tempDirectory;
+    std::string m_socketName;
+    std::optional<std::string> m_outerTempDirectory; // value of TMPDIR before
+    bool m_netClockTolerated = false;
+    Descriptors m_descriptorsBefore;
+    std::set<std::string> m_threadsBefore;
+};
+
+} // namespace vlx::testing
