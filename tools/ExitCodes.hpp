@@ -1,0 +1,46 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace vlx::tool
+{
+
+/// Exit codes that every subcommand keeps to. A stop by signal n is 128 + n.
+enum class ExitCode : int
+{
+    Done = 0,
+    Failed = 1,
+    Usage = 2,
+    /// A time-out passed, or no sender was there in time.
+    TimedOut = 3,
+};
+
+constexpr int toInt(ExitCode code)
+{
+    return static_cast<int>(code);
+}
+
+constexpr int toExitCode(int signalNumber)
+{
+    return 128 + signalNumber;
+}
+
+/// Ends a subcommand from inside its set-up: one line for standard error, and the exit code.
+class CommandFailure : public std::runtime_error
+{
+public:
+    CommandFailure(ExitCode code, const std::string& line) : std::runtime_error(line), m_code(code)
+    {
+    }
+
+    ExitCode getCode() const
+    {
+        return m_code;
+    }
+
+private:
+    ExitCode m_code;
+};
+
+} // namespace vlx::tool

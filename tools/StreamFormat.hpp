@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include <audioUtils/PcmFormat.hpp>
+#include <vlx/VlxTypes.hpp>
+
+namespace vlx::tool
+{
+
+/// Format of an uncompressed stream. Throughout the tool a "sample" is one value per channel.
+struct StreamFormat
+{
+    audioUtils::PcmFormat sampleFormat = audioUtils::PcmFormat::S16LE;
+    std::uint32_t rate = 48000; ///< samples per second
+    std::uint32_t channels = 2;
+
+    bool operator==(const StreamFormat&) const = default;
+
+    std::size_t getBytesPerSample() const
+    {
+        return audioUtils::bytesPerFrame(sampleFormat, channels);
+    }
+
+    /// @return nanoseconds that a number of samples takes, rounded down once, exact for any number
+    TimeValue toNanoseconds(std::uint64_t samples) const
+    {
+        constexpr TimeValue Second = 1'000'000'000;
+        return samples / rate * Second + samples % rate * Second / rate;
+    }
+
+    /// @return samples that lie between two times; a part of a sample counts from its half on
+    std::uint64_t toSamples(TimeValue nanoseconds) const
+    {
+        constexpr TimeValue Second = 1'000'000'000;
+        return nanoseconds / Second * rate + (nanoseconds % Second * rate + Second / 2) / Second;
+    }
+};
+
+/// @return such as "S16LE, 48000 Hz, 2 channels"
+inline std::string toText(const StreamFormat& format)
+{
+    return std::string(audioUtils::toString(format.sampleFormat)) + ", " +
+           std::to_string(format.rate) + " Hz, " + std::to_string(format.channels) +
+           (format.channels == 1 ? " channel" : " channels");
+}
+
+} // namespace vlx::tool
