@@ -1,0 +1,87 @@
+# Installs the libraries, the headers, the CMake package and the pkg-config file. All of them find
+# each other by relative paths, so that `cmake --install BUILD --prefix PREFIX` may put them
+# anywhere.
+
+option(VLX_INSTALL "Make install rules" ${PROJECT_IS_TOP_LEVEL})
+if(NOT VLX_INSTALL)
+    return()
+endif()
+
+include(CMakePackageConfigHelpers)
+set(vlx_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tavo_vellox)
+
+# Libraries. Siblings lie beside each other; another build of the companion stays where it is.
+set(vlx_libraries vellox)
+if(NOT VLX_COMPANION_DIR)
+    list(APPEND vlx_libraries miscUtils)
+endif()
+set_target_properties(${vlx_libraries} PROPERTIES
+    INSTALL_RPATH $ORIGIN
+    INSTALL_RPATH_USE_LINK_PATH ON)
+install(TARGETS vellox miscUtils audioUtils vlx_span
+    EXPORT tavo_velloxTargets
+    LIBRARY COMPONENT runtime NAMELINK_COMPONENT development)
+
+# Headers.
+set(vlx_header_dirs include/vlx companion/audioUtils)
+if(NOT VLX_COMPANION_DIR)
+    list(APPEND vlx_header_dirs companion/miscUtils)
+endif()
+install(DIRECTORY ${vlx_header_dirs}
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+    COMPONENT development
+    FILES_MATCHING PATTERN *.hpp)
+if(NOT VLX_SPAN_LITE_FOUND)
+    install(DIRECTORY compat/nonstd
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vlx/compat
+        COMPONENT development)
+endif()
+
+# CMake package.
+install(EXPORT tavo_velloxTargets
+    NAMESPACE tavo::
+    DESTINATION ${vlx_package_dir}
+    COMPONENT development)
+configure_package_config_file(cmake/tavo_velloxConfig.cmake.in
+    ${CMAKE_CURRENT_BINARY_DIR}/tavo_velloxConfig.cmake
+    INSTALL_DESTINATION ${vlx_package_dir})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/tavo_velloxConfigVersion.cmake
+    COMPATIBILITY SameMinorVersion)
+install(FILES
+    ${CMAKE_CURRENT_BINARY_DIR}/tavo_velloxConfig.cmake
+    ${CMAKE_CURRENT_BINARY_DIR}/tavo_velloxConfigVersion.cmake
+    DESTINATION ${vlx_package_dir}
+    COMPONENT development)
+
+# pkg-config file.
+file(RELATIVE_PATH VLX_PC_TO_PREFIX
+    ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" VLX_PC_TO_PREFIX ${VLX_PC_TO_PREFIX})
+file(RELATIVE_PATH VLX_PC_LIBDIR ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
+file(RELATIVE_PATH VLX_PC_INCLUDEDIR ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+set(VLX_PC_CFLAGS -I\${includedir})
+set(VLX_PC_LIBS "-L\${libdir} -ltavo_vellox")
+if(VLX_SPAN_LITE_FOUND)
+    string(APPEND VLX_PC_CFLAGS " -Dspan_CONFIG_SELECT_SPAN=span_SPAN_NONSTD")
+else()
+    string(APPEND VLX_PC_CFLAGS " -I\${includedir}/vlx/compat")
+endif()
+if(VLX_COMPANION_DIR)
+    cmake_path(GET VLX_MISCUTILS_LIBRARY PARENT_PATH vlx_companion_libdir)
+    string(APPEND VLX_PC_CFLAGS " -I${VLX_MISCUTILS_INCLUDE_DIR}")
+    string(APPEND VLX_PC_LIBS " -L${vlx_companion_libdir}")
+endif()
+string(APPEND VLX_PC_LIBS " -ltavo_miscUtils -pthread")
+configure_file(cmake/tavo_vellox.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tavo_vellox.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tavo_vellox.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+    COMPONENT development)
+
+# The command-line tool, which tools/ installs, finds the libraries from where it lies.
+if(TARGET vlx)
+    file(RELATIVE_PATH vlx_bindir_to_libdir
+        ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+    set_target_properties(vlx PROPERTIES
+        INSTALL_RPATH $ORIGIN/${vlx_bindir_to_libdir}
+        INSTALL_RPATH_USE_LINK_PATH ON)
+endif()
