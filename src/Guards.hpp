@@ -2,14 +2,11 @@
 
 #include <utility>
 
-#ifdef NDEBUG
-#error "Assertions are part of this library: build it without NDEBUG"
-#endif
-
 namespace vlx
 {
 
-/// Undoes a set-up that did not reach its end: runs the action when the scope is left, by return or
+/// Undoes a set-up that did not reach its end, or releases what the scope holds: runs the action
+/// when the scope is left, by return or
 /// by exception, unless it was dismissed.
 template <class Action>
 class ScopeGuard

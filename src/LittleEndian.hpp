@@ -70,6 +70,7 @@ public:
     }
 
     /// @return what has not been read yet
+    /// @pre isOk()
     ByteView getRest() const
     {
         return m_bytes.subspan(m_position);

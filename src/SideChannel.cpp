@@ -1,8 +1,6 @@
-#include <cassert>
-
 #include <vlx/SideChannel.hpp>
 
-#include "Guards.hpp"
+#include "Assertions.hpp"
 #include "LittleEndian.hpp"
 
 namespace vlx

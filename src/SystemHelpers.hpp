@@ -42,14 +42,14 @@ inline void setCloseOnExec(int fd)
 
 /// Makes a pipe, read end first.
 ///
-/// @return whether it was made; otherwise errno tells why and the ends are untouched
-inline bool createPipe(int (&ends)[2])
+/// @return 0, or the system's error number; the ends are then untouched
+inline int createPipe(int (&ends)[2])
 {
     if (::pipe(ends) < 0)
-        return false;
+        return errno;
     setCloseOnExec(ends[0]);
     setCloseOnExec(ends[1]);
-    return true;
+    return 0;
 }
 
 /// Closes both ends of a pipe if there is one.

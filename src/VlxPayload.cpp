@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cassert>
 #include <utility>
 
 #include <log4cplus/logger.h>
@@ -7,8 +6,8 @@
 
 #include <vlx/VlxPayload.hpp>
 
+#include "Assertions.hpp"
 #include "Fourcc.hpp"
-#include "Guards.hpp"
 #include "LittleEndian.hpp"
 
 namespace vlx
@@ -17,7 +16,7 @@ namespace vlx
 namespace
 {
 
-const log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
+log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
 
 // Offsets in the packets, in bytes.
 constexpr std::size_t PacketTypeOffset = 0;
@@ -32,11 +31,21 @@ constexpr std::size_t SampleRateOffset = 0;
 constexpr std::size_t NumChannelsOffset = 4;
 constexpr std::size_t SampleFormatOffset = 5;
 
+constexpr std::uint8_t LargestSampleFormat = 11;
+
 void writePacketHeader(Buffer& packet, PacketType type, std::uint16_t sequenceNr)
 {
     writeLittleEndian(packet, PacketTypeOffset, static_cast<std::uint8_t>(type));
     writeLittleEndian(packet, ReservedOffset, std::uint8_t{0});
     writeLittleEndian(packet, SequenceNrOffset, sequenceNr);
+}
+
+/// @return whether the field was there; otherwise it keeps its value
+bool readInto(ByteCursor& cursor, TimeValue& field)
+{
+    const auto value = cursor.read<TimeValue>();
+    field = value.value_or(field);
+    return value.has_value();
 }
 
 } // namespace
@@ -220,7 +229,7 @@ DepayloaderList::ConsumePacketRetcode DepayloaderList::consumePacket(const ByteV
         if (depayloader == nullptr)
             return ConsumePacketRetcode::NoCurrentDepayloader;
 
-        if (!readFrameTimes(cursor))
+        if (!readInto(cursor, m_currentFrameTimestamp) || !readInto(cursor, m_currentFrameDuration))
         {
             LOG4CPLUS_ERROR(logger, "Could not read VLX Frame packet timestamp and duration");
             return ConsumePacketRetcode::Error;
@@ -229,20 +238,6 @@ DepayloaderList::ConsumePacketRetcode DepayloaderList::consumePacket(const ByteV
         return ConsumePacketRetcode::Ok;
     }
     return ConsumePacketRetcode::Ok;
-}
-
-bool DepayloaderList::readFrameTimes(ByteCursor& cursor)
-{
-    const auto timestamp = cursor.read<std::uint64_t>();
-    if (!timestamp)
-        return false;
-    m_currentFrameTimestamp = *timestamp;
-
-    const auto duration = cursor.read<std::uint64_t>();
-    if (!duration)
-        return false;
-    m_currentFrameDuration = *duration;
-    return true;
 }
 
 Depayloader* DepayloaderList::findDepayloader(std::uint32_t fourcc) const
@@ -324,7 +319,7 @@ bool PcmDepayloader::processCodecHeader(const ByteView& codecHeader)
         return false;
     m_sampleFormat = static_cast<audioUtils::PcmFormat>(*sampleFormat);
 
-    return *sampleRate != 0 && *numChannels != 0 && audioUtils::isValid(m_sampleFormat);
+    return *sampleRate != 0 && *numChannels != 0 && *sampleFormat <= LargestSampleFormat;
 }
 
 std::uint32_t PcmDepayloader::getSampleRate() const

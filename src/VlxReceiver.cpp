@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <array>
-#include <cassert>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -23,6 +22,7 @@
 #include <miscUtils/MiscUtils.hpp>
 #include <vlx/VlxReceiver.hpp>
 
+#include "Assertions.hpp"
 #include "Guards.hpp"
 #include "SystemHelpers.hpp"
 
@@ -32,7 +32,7 @@ namespace vlx
 namespace
 {
 
-const log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
+log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
 
 constexpr int ReconnectDelayMs = 400;
 constexpr int InputTimeoutMs = 50;
@@ -229,9 +229,8 @@ bool Receiver::initializeReceiver(std::string socketAddress)
     if (getState() != State::Idle)
         return true;
 
-    if (!createPipe(m_loopWakeupPipe))
+    if (const int error = createPipe(m_loopWakeupPipe))
     {
-        const int error = errno;
         LOG4CPLUS_ERROR(
             logger,
             "Could not create VLX receiver thread look wakeup pipe: " << describeError(error));
@@ -247,10 +246,22 @@ bool Receiver::initializeReceiver(std::string socketAddress)
     if (m_stateChangedCallback)
         m_stateChangedCallback(State::Connecting);
 
+    // A receiver whose worker could not be started is idle again when the exception leaves.
+    ScopeGuard workerGuard([this] { forgetInitialization(); });
     startThread();
+    workerGuard.dismiss();
     startFsMonitorThread();
     LOG4CPLUS_DEBUG(logger, "Receiver initialized");
     return true;
+}
+
+void Receiver::forgetInitialization()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    closePipe(m_loopWakeupPipe);
+    m_keepRunning = false;
+    m_connectingState = ConnectingState::Undefined;
+    m_state = State::Idle;
 }
 
 void Receiver::shutdownReceiver()
@@ -380,6 +391,7 @@ void Receiver::setReceiverToIdle()
         m_stateChangedCallback(State::Idle);
 }
 
+// NOLINTNEXTLINE(readability-function-size): its log lines carry this function's name
 bool Receiver::handleConnectingState()
 {
     assert(m_state == State::Connecting);
@@ -898,6 +910,9 @@ bool Receiver::shouldPacketBeKept(const ByteView& packet)
             logger,
             "setting sequence nr " << sequenceNr << " of SequenceInfo packet as new current one");
         m_currentSequenceNr = sequenceNr;
+        // Until this sequence is announced, the clock's thread must not report its depayloader,
+        // which may yet reject the codec header.
+        m_sequenceAnnounced = false;
     }
     return true;
 }
@@ -958,22 +973,22 @@ void Receiver::reportReceiverIsReady()
     }
 
     const StreamClockType clockType = getStreamClockType();
+    bool isClockUsable = false;
     switch (clockType)
     {
     case StreamClockType::Undetermined:
         assert(false);
-        return;
+        break;
     case StreamClockType::NoClock:
     case StreamClockType::MonotonicSystemClock:
+        isClockUsable = true;
         break;
     case StreamClockType::SyncedNetClock:
-        if (!m_syncedNetClock.isSynchronized())
-            return;
+        isClockUsable = m_syncedNetClock.isSynchronized();
         break;
     }
 
-    // The worker and the clock's thread may both have come this far.
-    if (m_receiverIsReadyReported.exchange(true))
+    if (!isClockUsable || m_receiverIsReadyReported.exchange(true))
         return;
     if (m_receiverIsReadyCallback)
         m_receiverIsReadyCallback(*depayloader, clockType);
@@ -1021,6 +1036,7 @@ void Receiver::startFsMonitorThread()
     // Without the directory nothing is found here, and the monitor then never hears of a sender.
     if (DIR* const directory = ::opendir(path.c_str()))
     {
+        const ScopeGuard directoryGuard([directory] { ::closedir(directory); });
         LOG4CPLUS_DEBUG(logger, "Opened " << path);
         const std::string name = findSenderDirectory(directory);
         if (!name.empty())
@@ -1029,7 +1045,6 @@ void Receiver::startFsMonitorThread()
             m_senderAppeared = true;
             m_conditionVariable.notify_one();
         }
-        ::closedir(directory);
     }
 
     m_fsMonitorThread = std::thread(&Receiver::fsMonitorThreadLoop, this);

@@ -1,5 +1,4 @@
 #include <array>
-#include <cassert>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -20,6 +19,7 @@
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxSender.hpp>
 
+#include "Assertions.hpp"
 #include "Fourcc.hpp"
 #include "Guards.hpp"
 #include "SystemHelpers.hpp"
@@ -30,7 +30,7 @@ namespace vlx
 namespace
 {
 
-const log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
+log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
 
 constexpr std::uint16_t ProtocolVersion = 1;
 constexpr mode_t TempDirectoryMode = 0777;
@@ -44,14 +44,21 @@ constexpr std::size_t WakeupEntry = 0;
 constexpr std::size_t ListenerEntry = 1;
 constexpr std::size_t FirstClientEntry = 2;
 
-/// @return the path of a new private directory; empty, with errno telling why, if it cannot be made
-std::string makeTempDirectory()
+/// Makes the sender's own directory.
+///
+/// @param path  becomes the directory's path; empty if it cannot be made
+/// @return 0, or the system's error number
+int makeTempDirectory(std::string& path)
 {
-    std::string path = getBaseDirectory() + "/" + SenderDirectoryPrefix + "XXXXXX";
+    path = getBaseDirectory() + "/" + SenderDirectoryPrefix + "XXXXXX";
     if (::mkdtemp(path.data()) == nullptr)
-        return {};
+    {
+        const int error = errno;
+        path.clear();
+        return error;
+    }
     ::chmod(path.c_str(), TempDirectoryMode);
-    return path;
+    return 0;
 }
 
 /// @return whether the socket is bound; otherwise errno tells why
@@ -71,8 +78,6 @@ int acceptConnection(int listenerFD)
         setCloseOnExec(fd);
     return fd;
 }
-
-constexpr ssize_t NothingToRead = 1;
 
 /// Takes what a receiver wrote and forgets it.
 ///
@@ -109,6 +114,7 @@ Sender::~Sender()
     shutdownSender();
 }
 
+// NOLINTNEXTLINE(readability-function-size): its log lines carry this function's name
 bool Sender::initializeSender(
     std::string socketAddress,
     std::string alternativeSocketAddress,
@@ -136,28 +142,25 @@ bool Sender::initializeSender(
         LOG4CPLUS_TRACE(logger, "Alternative socket address \"" << alternativeSocketAddress << '"');
     }
 
-    if (!createPipe(m_listenerWakeupPipe))
+    if (const int error = createPipe(m_listenerWakeupPipe))
     {
-        const int error = errno;
         LOG4CPLUS_ERROR(
             logger,
             "Could not create VLX sender thread look wakeup pipe: " << describeError(error));
         return false;
     }
-    if (!createNanomsgWakeupPipe())
+    if (const int error = createNanomsgWakeupPipe())
     {
-        const int error = errno;
         LOG4CPLUS_ERROR(logger, "Could not create nanomsg wakeup pipe: " << describeError(error));
         return false;
     }
 
-    m_tempDirectory = makeTempDirectory();
+    const int tempDirectoryError = makeTempDirectory(m_tempDirectory);
     if (m_tempDirectory.empty())
     {
-        const int error = errno;
         LOG4CPLUS_ERROR(
-            logger,
-            "Could not create temporary directory for nanomsg SP socket: " << describeError(error));
+            logger, "Could not create temporary directory for nanomsg SP socket: "
+                        << describeError(tempDirectoryError));
         return false;
     }
     m_nanomsgIPCFilePath = m_tempDirectory + "/nanomsgChannel.ipc";
@@ -250,7 +253,7 @@ void Sender::shutdownSender()
     LOG4CPLUS_TRACE(logger, "Sender shut down");
 }
 
-bool Sender::createNanomsgWakeupPipe()
+int Sender::createNanomsgWakeupPipe()
 {
     const std::lock_guard<std::mutex> lock(m_sendMutex);
     return createPipe(m_nanomsgWakeupPipe);
@@ -388,9 +391,13 @@ void Sender::listenerThreadLoop()
         const std::lock_guard<std::mutex> lock(m_mutex);
         for (std::size_t i = FirstClientEntry; i < entries.size();)
         {
+            if ((entries[i].revents & POLLIN) == 0)
+            {
+                ++i;
+                continue;
+            }
             const int fd = entries[i].fd;
-            const ssize_t numBytes =
-                (entries[i].revents & POLLIN) != 0 ? discardInput(fd) : NothingToRead;
+            const ssize_t numBytes = discardInput(fd);
             if (numBytes == 0)
             {
                 closeConnection(fd);
@@ -476,22 +483,11 @@ bool Sender::setupNanomsgMainChannel()
     assert(m_nanomsgMainFD < 0);
     ScopeGuard mainChannelGuard([this] { shutdownNanomsgMainChannel(); });
 
-    int socketType = -1;
-    switch (m_nanomsgProtocol)
-    {
-    case NanomsgProtocol::Pipeline:
-        socketType = NN_PUSH;
-        break;
-    case NanomsgProtocol::PubSub:
-        socketType = NN_PUB;
-        break;
-    case NanomsgProtocol::Unknown:
-        break;
-    }
-    if (socketType < 0)
+    const bool isPipeline = m_nanomsgProtocol == NanomsgProtocol::Pipeline;
+    if (!isPipeline && m_nanomsgProtocol != NanomsgProtocol::PubSub)
         assert(false);
 
-    m_nanomsgMainFD = ::nn_socket(AF_SP, socketType);
+    m_nanomsgMainFD = ::nn_socket(AF_SP, isPipeline ? NN_PUSH : NN_PUB);
     if (m_nanomsgMainFD < 0)
     {
         const int error = errno;
@@ -499,9 +495,8 @@ bool Sender::setupNanomsgMainChannel()
         return false;
     }
 
-    m_nanomsgEndpointID = m_nanomsgProtocol == NanomsgProtocol::Pipeline
-                              ? ::nn_connect(m_nanomsgMainFD, m_nanomsgURI.c_str())
-                              : ::nn_bind(m_nanomsgMainFD, m_nanomsgURI.c_str());
+    m_nanomsgEndpointID = isPipeline ? ::nn_connect(m_nanomsgMainFD, m_nanomsgURI.c_str())
+                                     : ::nn_bind(m_nanomsgMainFD, m_nanomsgURI.c_str());
     if (m_nanomsgEndpointID < 0)
     {
         const int error = errno;

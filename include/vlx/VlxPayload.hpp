@@ -17,8 +17,6 @@
 namespace vlx
 {
 
-class ByteCursor;
-
 /// First byte of every packet on the main channel.
 enum class PacketType : std::int32_t
 {
@@ -50,7 +48,7 @@ VLX_API std::uint16_t parsePacketSequenceNr(const ByteView& packetData);
 ///
 /// @param packet       its content is replaced; its capacity stays for reuse
 /// @param fourcc       code of the codec, four characters, lowest byte first
-/// @param codecHeader  the codec's header, appended unchanged; may be empty
+/// @param codecHeader  the codec's header, appended unchanged; may be empty; not in `packet`
 /// @param sequenceNr   number of the sequence that the packet opens
 VLX_API void produceSequenceInfoPacket(
     Buffer& packet,
@@ -92,7 +90,7 @@ public:
     /// @param sequenceNr  number of the sequence that the frame belongs to
     /// @param timestamp   carried as given
     /// @param duration    carried as given
-    /// @param mediaData   the frame; may be empty; copied once, straight into the packet
+    /// @param mediaData   the frame; may be empty; not in `packet`; copied once
     void produceFramePacket(
         Buffer& packet,
         std::uint16_t sequenceNr,
@@ -119,7 +117,7 @@ public:
     ///
     /// @param codecHeader  valid only during the call; may be empty
     /// @return whether the header is acceptable; false makes a receiver drop its connection
-    /// @thread a receiver's worker thread
+    /// @thread a receiver's worker thread, or the one that uses a list
     virtual bool processCodecHeader(const ByteView& codecHeader) = 0;
 
     /// Turns a Frame packet's payload into media data; here: a copy.
@@ -132,7 +130,7 @@ public:
     /// Forgets what belongs to one stream; here: nothing.
     ///
     /// A receiver calls it with its own lock held: never call a receiver from here.
-    /// @thread a receiver's worker thread, and the thread that constructs a list
+    /// @thread a receiver's worker thread, or the one that resets a list
     virtual void reset();
 
     /// @return the FourCC given at construction
@@ -145,7 +143,7 @@ protected:
 /// Depayloaders by FourCC, the one that the current sequence selected, and the last frame.
 ///
 /// One thread at a time, except getCurrentDepayloader(), which any thread may call.
-class VLX_API DepayloaderList
+class DepayloaderList
 {
 public:
     /// Result of consumePacket().
@@ -161,24 +159,24 @@ public:
         NoCurrentDepayloader = 3,
     };
 
-    DepayloaderList();
+    VLX_API DepayloaderList();
 
     /// Registers a depayloader under its FourCC. One that was registered under the same FourCC
     /// before is replaced, silently.
     ///
     /// @param depayloader  not owned; must outlive the list
-    void addDepayloader(Depayloader& depayloader);
+    VLX_API void addDepayloader(Depayloader& depayloader);
 
     /// Selects a depayloader without a SequenceInfo packet, for streams whose codec header arrives
     /// by other means.
     ///
     /// @return what processCodecHeader() of the selected depayloader says; false, with nothing
     ///         selected, if the FourCC is not registered
-    bool setOutOfBandInfo(std::uint32_t fourcc, const ByteView& codecHeader);
+    VLX_API bool setOutOfBandInfo(std::uint32_t fourcc, const ByteView& codecHeader);
 
     /// Forgets the current frame and selection, then resets every depayloader in ascending order of
     /// FourCC.
-    void reset();
+    VLX_API void reset();
 
     /// Takes one packet. A SequenceInfo selects a depayloader and gives it the codec header; a
     /// Frame is unwrapped by the selected one. What the getters return is updated field by field:
@@ -187,32 +185,31 @@ public:
     ///
     /// @param packetData  one complete packet; valid only during the call
     /// @pre packetData.size() > 4; checked by assertion
-    ConsumePacketRetcode consumePacket(const ByteView& packetData);
+    VLX_API ConsumePacketRetcode consumePacket(const ByteView& packetData);
 
     /// @return media data of the last unwrapped frame; valid until the next packet or reset
-    const Buffer& getCurrentFrameMediaData() const;
+    VLX_API const Buffer& getCurrentFrameMediaData() const;
 
     /// @return the same, moved out; the list's own copy is empty afterwards
-    Buffer stealCurrentFrameMediaData();
+    VLX_API Buffer stealCurrentFrameMediaData();
 
     /// @return timestamp of the last Frame packet, as sent
-    TimeValue getCurrentFrameTimestamp() const;
+    VLX_API TimeValue getCurrentFrameTimestamp() const;
 
     /// @return duration of the last Frame packet, as sent
-    TimeValue getCurrentFrameDuration() const;
+    VLX_API TimeValue getCurrentFrameDuration() const;
 
     /// @return sequence number of the last packet of any type
-    std::uint16_t getCurrentSequenceNr() const;
+    VLX_API std::uint16_t getCurrentSequenceNr() const;
 
     /// @return type of the last packet; Unknown for a type that this version does not know
-    PacketType getCurrentPacketType() const;
+    VLX_API PacketType getCurrentPacketType() const;
 
     /// @return the selected depayloader, or null
     /// @thread any
-    Depayloader* getCurrentDepayloader() const;
+    VLX_API Depayloader* getCurrentDepayloader() const;
 
 private:
-    bool readFrameTimes(ByteCursor& cursor);
     Depayloader* findDepayloader(std::uint32_t fourcc) const;
 
     std::map<std::uint32_t, Depayloader*> m_depayloaders; // borrowed, never null

@@ -27,17 +27,30 @@ namespace vlx
 /// must not leave a callback.
 ///
 /// Set all callbacks and depayloaders before initializeReceiver(); they are not guarded afterwards.
-/// From inside a callback never call initializeReceiver() or shutdownReceiver(), and never destroy
-/// the receiver: the thread would wait for itself.
+/// Set up, initialise, shut down and destroy from one thread at a time, and never from inside a
+/// callback: the thread would wait for itself.
 ///
-/// A receiver trusts the process that holds the sender's name: a malformed first message from it,
-/// or one that names an unknown transport, stops this process with an assertion.
+/// Running does not mean that frames arrive. An application that cares watches for frames, and
+/// after some time without any, two seconds say, shuts the receiver down and initialises it again:
+///   - the transport may drop the announcement of a sequence, and the receiver then refuses every
+///     frame until the next sequence or connection;
+///   - a sender of another user whose socket file is not writable here never gets a frame across.
+///
+/// A receiver connects and drops over and over, with no pause, while a stream's codec is announced
+/// that nobody registered, while its depayloader rejects the codec header, and while a stranger
+/// holds the name and closes at once.
+///
+/// A receiver trusts the process that holds the sender's name, and every local process can hold it:
+/// a malformed first message, or one that names an unknown transport, stops this process with an
+/// assertion; the lengths that it announces are allocated; in Pipeline the receiver binds the path
+/// that it names and changes that file's mode.
 ///
 /// Logging goes to the log4cplus logger "Vellox", which the application configures; unconfigured,
 /// log4cplus prints a warning of its own.
-class VLX_API Receiver
+class Receiver
 {
 public:
+    /// What the receiver is doing.
     enum class State : std::int32_t
     {
         /// No worker thread, or one that has given up.
@@ -61,77 +74,90 @@ public:
         SyncedNetClock = 3,
     };
 
-    Receiver();
+    /// A receiver that does nothing yet.
+    VLX_API Receiver();
 
     /// Calls shutdownReceiver(), with everything that is said there.
-    ~Receiver();
+    VLX_API ~Receiver();
 
     Receiver(const Receiver&) = delete;
     Receiver& operator=(const Receiver&) = delete;
 
     /// Registers a depayloader under its FourCC; a second one with the same FourCC replaces the
-    /// first. A stream whose codec nobody registered makes the receiver connect and drop over and
-    /// over.
+    /// first. Before initializeReceiver().
     ///
     /// @param depayloader  not owned; must outlive the receiver
-    void addDepayloader(Depayloader& depayloader);
+    VLX_API void addDepayloader(Depayloader& depayloader);
 
     /// @return the current state
     /// @thread any
-    State getState() const;
+    VLX_API State getState() const;
 
     /// Called at most once per connection: a sequence is announced and its clock, if it has one, is
     /// synchronised.
     /// @thread the worker's or the clock's
-    void setReceiverIsReadyCallback(std::function<void(Depayloader&, StreamClockType)> callback);
+    VLX_API void
+    setReceiverIsReadyCallback(std::function<void(Depayloader&, StreamClockType)> callback);
 
     /// Called at each change of state. The first Connecting comes from inside initializeReceiver(),
     /// on its caller's thread; all others come from the worker.
-    void setStateChangedCallback(std::function<void(State)> callback);
+    VLX_API void setStateChangedCallback(std::function<void(State)> callback);
 
-    /// Called once, after State::Idle, when the worker has given up: the system refused a socket.
-    /// The receiver has to be shut down before it can be initialised again.
-    void setConnectionAttemptFailedCallback(std::function<void()> callback);
+    /// Called once, after State::Idle, when the worker has given up, because a channel could not be
+    /// opened: no descriptors left, or in Pipeline another receiver that has bound the stream
+    /// already, or a sender that has just gone. Shut the receiver down, outside the callback,
+    /// before it is initialised again.
+    VLX_API void setConnectionAttemptFailedCallback(std::function<void()> callback);
 
     /// Called for each frame with timestamp, duration and media data; the data is valid only during
     /// the call. Without this callback frames are dropped silently.
-    void setMediaDataCallback(std::function<void(TimeValue, TimeValue, const Buffer&)> callback);
+    VLX_API void
+    setMediaDataCallback(std::function<void(TimeValue, TimeValue, const Buffer&)> callback);
 
     /// Called for each new sequence, before its first frame. The place to read the format from the
     /// depayloader.
-    void setNewSequenceCallback(std::function<void(Depayloader&)> callback);
+    VLX_API void setNewSequenceCallback(std::function<void(Depayloader&)> callback);
 
     /// Starts to look for the sender; returns at once, whether there is one or not.
     ///
-    /// A sender that starts is noticed by its directory in "TMPDIR" (or "/tmp/vlx"), otherwise
-    /// every 400 ms; if that directory does not exist when this is called, only every 400 ms.
+    /// A sender that starts is usually noticed at once, by its directory in "TMPDIR" (or
+    /// "/tmp/vlx"), and otherwise at the next attempt, 400 ms later: the directory appears a moment
+    /// before the sender listens. If the base directory does not exist when this is called, only
+    /// every 400 ms.
     ///
     /// @param socketAddress  the sender's name in the abstract socket namespace; only the first 107
     ///                       bytes count
     /// @return true if the receiver works now, also if it did already: the argument is then
     ///         ignored. false after one ERROR in the log if the system has no descriptors left
-    /// @throws std::system_error if a thread cannot be started
+    /// @throws std::system_error if a thread cannot be started. Without a worker the receiver is
+    ///         Idle again, which is not called back; without a monitor it runs, and
+    ///         shutdownReceiver() ends it
     /// @pre after State::Idle was reached by itself: shutdownReceiver() was called; otherwise the
     ///      process stops
-    bool initializeReceiver(std::string socketAddress);
+    VLX_API bool initializeReceiver(std::string socketAddress);
 
-    /// Stops both threads and waits for them. Safe to call at any time and any number of times, but
-    /// not from a callback, nor from two threads at once.
+    /// Stops both threads and waits for them. Does nothing on a receiver that was never
+    /// initialised, or was shut down before.
     ///
-    /// Takes up to 5 seconds: nothing interrupts the monitor's wait, except any entry that somebody
-    /// makes in the watched directory. A callback in progress is waited for.
-    void shutdownReceiver();
+    /// Takes up to 5 seconds: nothing interrupts the monitor's wait, except an entry that somebody
+    /// makes in the watched directory. Takes longer while the worker waits to be connected: a
+    /// sender that is stopped (SIGSTOP) with its backlog full is waited for without limit. A
+    /// callback in progress is waited for, so hold no lock that a callback takes.
+    /// @thread one at a time, never from a callback and never beside initializeReceiver()
+    VLX_API void shutdownReceiver();
 
     /// @return nanoseconds on the stream's clock: CLOCK_MONOTONIC if the sender says so, otherwise
-    ///         the network clock, 0 while that is not synchronised. Meaningful in State::Running
-    ///         only
+    ///         the network clock. That is 0 if the sender names none and while it is not
+    ///         synchronised yet; while its provider is silent, the last estimate goes on.
+    ///         Meaningful in State::Running only
     /// @thread any
-    TimeValue getCurrentStreamTime() const;
+    VLX_API TimeValue getCurrentStreamTime() const;
 
     /// @return the clock of the current stream; whether it is synchronised already does not count.
-    ///         Undetermined, with an ERROR in the log, outside State::Running
+    ///         Undetermined, with an ERROR in the log, outside State::Running. For an instant after
+    ///         a connection is lost it may be NoClock
     /// @thread any
-    StreamClockType getStreamClockType() const;
+    VLX_API StreamClockType getStreamClockType() const;
 
 private:
     friend class ReceiverTestAccess;
@@ -160,9 +186,10 @@ private:
         Failure = 3,
     };
 
-    // Worker thread and state machine. All but startThread() and stopThread() run on the worker.
+    // Worker thread and state machine. All but the first three run on the worker.
     void startThread();
     void stopThread();
+    void forgetInitialization();
     void threadLoop();
     bool iterate();
     bool isWantedToRun() const; // also the monitor
@@ -208,7 +235,7 @@ private:
     InitialInfo m_initialInfo{};
     std::uint16_t m_currentSequenceNr = 0; // worker thread; 0: no sequence adopted yet
     // Read under m_mutex by application threads; atomic because only setReceiverToIdle() writes it
-    // under the lock.
+    // under the lock, and the clock's thread reads it without.
     std::atomic<State> m_state = State::Idle;
     ConnectingState m_connectingState = ConnectingState::Undefined; // worker thread
     bool m_connectionAttemptFailed = false;                         // worker thread

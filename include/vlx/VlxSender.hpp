@@ -20,61 +20,67 @@ namespace vlx
 class Payloader;
 
 /// The producing end of one stream: announces it under a name, and sends media frames to every
-/// receiver that has joined. A slow or stopped receiver never delays the sender or the others.
+/// receiver that has joined. In PubSub a slow or stopped receiver never delays the sender or the
+/// others; in Pipeline the sender waits for its one receiver.
 ///
 /// Threads: one listener thread per initialised sender. setCurrentPayloader(), startNewSequence()
 /// and sendMediaData() belong to one producing thread; disableSend() and getNumReceivers() may come
-/// from any other. initializeSender() and
-/// shutdownSender() must not run beside any of the media calls, nor beside each other.
+/// from any other. initializeSender() and shutdownSender() must not run beside a call that sends,
+/// nor beside each other.
 ///
 /// The order of a producer:
-///   1. open the input, make the payloader and set its format;
-///   2. initializeSender(), setCurrentPayloader() and, at once, startNewSequence(). A receiver that
-///      has joined before the first sequence may miss its announcement, and then refuses every
-///      frame until the next one. After a second initialisation newcomers would first be handed the
-///      previous sequence;
+///   1. open the input, make the payloader, set its format and hand it to setCurrentPayloader();
+///   2. initializeSender() and, directly after it, startNewSequence(). A receiver that has joined
+///      before the first sequence may miss its announcement, and then refuses every frame until the
+///      next one. After a second initialisation newcomers would first be handed the previous
+///      sequence;
 ///   3. sendMediaData() for each frame; startNewSequence() again after each change of format;
 ///   4. wait for the duration of a frame, at least 100 ms: what has not left the process when the
 ///      sender shuts down is lost;
 ///   5. from the stopping thread disableSend(true), join the producing thread, shutdownSender().
 ///
-/// What is announced can be joined by every local process; the file that carries the main channel
-/// follows the process's umask. A producer that serves other users changes that file's mode after
-/// initializeSender().
+/// Every local process can join. In PubSub it must also be able to write to the main channel's
+/// socket file, "TMPDIR" (or "/tmp/vlx") + "/VlxSender-XXXXXX/nanomsgChannel.ipc", which gets the
+/// mode that the process's umask leaves: under the usual 022 another user's receiver goes Running
+/// and never gets a frame. A producer that serves other users changes the file's mode after
+/// initializeSender(); the URI that a sidechannel connection announces names the file.
 ///
 /// Logging goes to the log4cplus logger "Vellox", which the application configures; unconfigured,
 /// log4cplus prints a warning of its own.
-class VLX_API Sender
+class Sender
 {
 public:
-    Sender();
+    VLX_API Sender();
 
     /// Calls shutdownSender().
     /// @pre no other thread uses the sender
-    ~Sender();
+    VLX_API ~Sender();
 
     Sender(const Sender&) = delete;
     Sender& operator=(const Sender&) = delete;
 
-    /// Opens the stream: listens on the sidechannel, makes a private directory with the main
-    /// channel's socket in "TMPDIR" (or "/tmp/vlx", which is not created here), and starts the
-    /// listener thread.
+    /// Opens the stream: listens on the sidechannel, makes a directory for the main channel's
+    /// socket file in "TMPDIR" (or "/tmp/vlx", which is not created here), and starts the listener
+    /// thread.
     ///
     /// @param socketAddress             name of the stream in the abstract socket namespace; one
     ///                                  that is longer than 107 bytes is reported and cut
-    /// @param alternativeSocketAddress  name to use if the first one is taken; empty: none
-    /// @param timeSyncIPAddress         announced address of the network clock; may be empty
+    /// @param alternativeSocketAddress  name to use if the first one cannot be bound, cut likewise;
+    ///                                  empty: none
+    /// @param timeSyncIPAddress         announced address of the network clock; may be empty, must
+    ///                                  not hold a 0 byte
     /// @param timeSyncPort              announced port of the network clock, low 16 bits; 0: none
     /// @param timeSyncProtocol          announced: the clock that timestamps stand on
     /// @param nanomsgProtocol           transport of the main channel, PubSub or Pipeline; any
     ///                                  other value stops the process with the assertion "false"
     /// @return true if the stream is open, also if it was open already: the arguments are then
-    ///         ignored. false after one ERROR in the log; give the object up then, since what was
-    ///         set up before the failing step stays until the process ends, and a second try may
-    ///         stop the process with an assertion
-    /// @throws std::system_error if the listener thread cannot be started; the sender can then
-    ///         still be shut down
-    bool initializeSender(
+    ///         ignored. false after at least one ERROR in the log; why a name could not be bound is
+    ///         logged as DEBUG. Give the object up then: what was set up before the failing step
+    ///         stays until the process ends, and a second try may stop the process with an
+    ///         assertion
+    /// @throws std::system_error if the listener thread cannot be started. The sender then counts
+    ///         as initialised, and must be shut down before it is initialised again
+    VLX_API bool initializeSender(
         std::string socketAddress,
         std::string alternativeSocketAddress,
         std::string timeSyncIPAddress,
@@ -87,13 +93,13 @@ public:
     /// Frames that have not left the process yet are lost. Sending stays disabled until the next
     /// initialisation.
     /// @pre no media call is running, and no other thread is shutting the sender down
-    void shutdownSender();
+    VLX_API void shutdownSender();
 
     /// Makes a payloader the current one. Announces nothing: call startNewSequence() afterwards.
     ///
     /// @param payloader  not owned; must outlive its use by the sender
     /// @thread the producing thread
-    void setCurrentPayloader(Payloader& payloader);
+    VLX_API void setCurrentPayloader(Payloader& payloader);
 
     /// Opens a new sequence with the current payloader's FourCC and codec header: tells the
     /// receivers that have joined, and keeps the announcement for those that join later. Without an
@@ -101,14 +107,15 @@ public:
     ///
     /// @pre a payloader is set; checked by assertion
     /// @thread the producing thread; can block as sendMediaData() does
-    void startNewSequence();
+    VLX_API void startNewSequence();
 
     /// Sends one frame in the current sequence. What a receiver cannot take at once is lost to that
     /// receiver. Without an open stream the frame is dropped; no error is reported.
     ///
-    /// PubSub: never blocks. Pipeline: blocks until a receiver has bound, disableSend(true) is
-    /// called from another thread, or the stream is shut down. Allocates nothing once the largest
-    /// frame has been sent; copies the data once.
+    /// PubSub: never blocks. Pipeline: blocks while no receiver has bound, or while the one that
+    /// has takes nothing; only disableSend(true) from another thread ends that wait. Frames before
+    /// the first sequence belong to none, and receivers refuse them. Allocates nothing once the
+    /// largest frame has been sent; copies the data once.
     ///
     /// @param timestamp  carried as given; for receivers to mean anything by it, on the announced
     ///                   clock, in nanoseconds
@@ -116,19 +123,19 @@ public:
     /// @param mediaData  the frame, in the current payloader's format; not used after the call
     /// @pre a payloader is set; checked by assertion
     /// @thread the producing thread; never two at once
-    void sendMediaData(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
+    VLX_API void sendMediaData(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
 
     /// Switches sending off or on. Switching off frees a call that blocks in sendMediaData() or
     /// startNewSequence(); its packet is dropped. A successful initialisation switches sending on,
     /// so a producer that is being stopped looks at its own stop flag again afterwards.
     ///
     /// @thread any
-    void disableSend(bool disable);
+    VLX_API void disableSend(bool disable);
 
     /// @return receivers now joined on the main channel, as the transport counts them; 0 if the
     ///         sender is not initialised
     /// @thread any
-    std::size_t getNumReceivers() const;
+    VLX_API std::size_t getNumReceivers() const;
 
 private:
     friend class SenderTestAccess;
@@ -137,7 +144,7 @@ private:
     void prepareInitialInfoPacket();
     bool setupListener();
     void shutdownListener();
-    bool createNanomsgWakeupPipe();
+    int createNanomsgWakeupPipe();
     void closeNanomsgWakeupPipe();
     bool setupNanomsgMainChannel();
     void shutdownNanomsgMainChannel();
@@ -153,7 +160,8 @@ private:
 
     static void sendDataOverClientConnection(int fd, const ByteView& data);
 
-    // Written by initializeSender() only, before the listener thread exists.
+    // Changed by initializeSender() and shutdownSender() only, under m_mutex, while there is no
+    // listener thread.
     std::string m_socketAddress;
     std::string m_alternativeSocketAddress;
     std::string m_timeSyncIPAddress;
@@ -193,6 +201,7 @@ private:
     // Read under m_sendMutex; atomic because set-up and shutdown write it without.
     std::atomic<bool> m_sendDisabled = false;
 
+    // As the addresses above.
     int m_nanomsgEndpointID = -1;
     std::string m_tempDirectory;
     std::string m_nanomsgIPCFilePath;
