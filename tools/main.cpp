@@ -7,6 +7,8 @@
 #include "ExitCodes.hpp"
 #include "LogSetup.hpp"
 #include "Messages.hpp"
+#include "ReceiveCommand.hpp"
+#include "ReceiveOptions.hpp"
 #include "SendCommand.hpp"
 #include "SendOptions.hpp"
 #include "SignalThread.hpp"
@@ -68,6 +70,8 @@ int main(int argc, char** argv)
     program.require_subcommand(1);
     SendOptions sendOptions;
     const CLI::App* const send = addSendCommand(program, sendOptions);
+    ReceiveOptions receiveOptions;
+    const CLI::App* const receive = addReceiveCommand(program, receiveOptions);
     try
     {
         program.parse(argc, argv);
@@ -81,5 +85,9 @@ int main(int argc, char** argv)
         return runCommand(
             "send", sendOptions.common,
             [&](StopSignal& stop) { return runSend(sendOptions, stop); });
+    if (receive->parsed())
+        return runCommand(
+            "receive", receiveOptions.common,
+            [&](StopSignal& stop) { return runReceive(receiveOptions, stop); });
     return toInt(ExitCode::Usage);
 }

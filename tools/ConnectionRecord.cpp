@@ -1,0 +1,131 @@
+#include "ConnectionRecord.hpp"
+
+#include <algorithm>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+namespace vlx::tool
+{
+
+namespace
+{
+
+// Timestamps may jitter by this much, or by half a frame if that is less, and still continue one
+// another; a lost frame always makes more.
+constexpr TimeValue MaxJitterNs = 1'000'000;
+constexpr TimeValue RoundingNs = 2;
+
+const char* toText(EndReason reason)
+{
+    switch (reason)
+    {
+    case EndReason::Lost:
+        return "lost";
+    case EndReason::Stall:
+        return "stall";
+    case EndReason::Stop:
+        return "stop";
+    }
+    return "unknown";
+}
+
+} // unnamed namespace
+
+ConnectionRecord::ConnectionRecord(std::string joinedAfter, TimeValue waitBegin)
+    : m_joinedAfter(std::move(joinedAfter)), m_waitBegin(waitBegin)
+{
+}
+
+void ConnectionRecord::setFormat(const StreamFormat& format, Receiver::StreamClockType clock)
+{
+    m_format = format;
+    m_clock = clock;
+}
+
+void ConnectionRecord::addFrame(
+    const StreamEvent& frame,
+    std::uint64_t samples,
+    std::uint64_t fileSample)
+{
+    if (m_frames == 0)
+    {
+        m_firstFrameTime = frame.time;
+        m_firstTimestamp = frame.timestamp;
+    }
+    ++m_frames;
+    m_bytes += frame.data.size();
+    if (frame.data.size() % m_format.getBytesPerSample() != 0)
+        ++m_oddFrames;
+    m_lastTimestamp = frame.timestamp;
+    noteAge(frame);
+    continueSegments(frame.timestamp, samples, fileSample);
+}
+
+void ConnectionRecord::end(EndReason reason)
+{
+    m_ended = toText(reason);
+}
+
+void ConnectionRecord::noteAge(const StreamEvent& frame)
+{
+    // Only then do timestamp and arrival stand on one clock.
+    if (m_clock == Receiver::StreamClockType::MonotonicSystemClock)
+        m_ages.add(static_cast<std::int64_t>(frame.time - frame.timestamp));
+}
+
+void ConnectionRecord::continueSegments(
+    TimeValue timestamp,
+    std::uint64_t samples,
+    std::uint64_t fileSample)
+{
+    const TimeValue duration = m_format.toNanoseconds(samples);
+    const TimeValue tolerance = std::max(std::min(duration / 2, MaxJitterNs), RoundingNs);
+    const bool later = timestamp > m_expectedTimestamp;
+    const TimeValue jump =
+        later ? timestamp - m_expectedTimestamp : m_expectedTimestamp - timestamp;
+
+    if (m_segments.empty() || jump > tolerance)
+    {
+        if (!m_segments.empty())
+        {
+            ++(later ? m_gaps : m_overlaps);
+            (later ? m_gapNs : m_overlapNs) += jump;
+        }
+        m_segments.push_back({fileSample, timestamp, 0});
+    }
+    m_segments.back().samples += samples;
+    m_expectedTimestamp = timestamp + duration;
+}
+
+nlohmann::ordered_json ConnectionRecord::toJson() const
+{
+    nlohmann::ordered_json segments = nlohmann::ordered_json::array();
+    for (const Segment& segment : m_segments)
+        segments.push_back(
+            {{"file_sample", segment.fileSample},
+             {"timestamp", segment.timestamp},
+             {"samples", segment.samples}});
+
+    const auto toJsonNumber = [](const std::optional<std::int64_t>& value)
+    { return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr); };
+    return {
+        {"joined_after", m_joinedAfter},
+        {"join_ns", m_firstFrameTime - m_waitBegin},
+        {"ended", m_ended},
+        {"clock", toString(m_clock)},
+        {"frames", m_frames},
+        {"bytes", m_bytes},
+        {"odd_frames", m_oddFrames},
+        {"gaps", m_gaps},
+        {"gap_ns", m_gapNs},
+        {"overlaps", m_overlaps},
+        {"overlap_ns", m_overlapNs},
+        {"age_p50_ns", toJsonNumber(m_ages.getPercentile(0.50))},
+        {"age_p99_ns", toJsonNumber(m_ages.getPercentile(0.99))},
+        {"first_timestamp", m_firstTimestamp},
+        {"last_timestamp", m_lastTimestamp},
+        {"segments", segments}};
+}
+
+} // namespace vlx::tool
