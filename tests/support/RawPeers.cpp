@@ -97,9 +97,9 @@ void Descriptor::close()
 Buffer makeSidechannelMessage(const Buffer& payload)
 {
     const auto size = static_cast<std::uint32_t>(payload.size());
-    Buffer message(sizeof(size));
+    Buffer message(sizeof(size) + payload.size());
     std::memcpy(message.data(), &size, sizeof(size));
-    message.insert(message.end(), payload.begin(), payload.end());
+    std::copy(payload.begin(), payload.end(), message.begin() + sizeof(size));
     return message;
 }
 

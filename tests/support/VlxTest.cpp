@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -102,6 +103,18 @@ bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds d
 Buffer toBytes(const std::string& text)
 {
     return Buffer(text.begin(), text.end());
+}
+
+Buffer fromHex(const std::string& digits)
+{
+    Buffer bytes;
+    std::istringstream stream(digits);
+    for (std::string group; stream >> group;)
+    {
+        for (std::size_t i = 0; i + 1 < group.size(); i += 2)
+            bytes.push_back(static_cast<std::uint8_t>(std::stoul(group.substr(i, 2), nullptr, 16)));
+    }
+    return bytes;
 }
 
 PromptStop::PromptStop()

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <functional>
 #include <optional>
 #include <set>
@@ -35,8 +36,17 @@ bool waitFor(
     const std::function<bool()>& condition,
     std::chrono::milliseconds deadline = DefaultDeadline);
 
-/// Makes the bytes of a text, for tests that spell packets out.
+/// @return the bytes of a text
 Buffer toBytes(const std::string& text);
+
+/// @param digits  two hexadecimal digits per byte; spaces are ignored
+Buffer fromHex(const std::string& digits);
+
+/// Expects a statement to stop the process by the assertion with exactly this expression.
+#define EXPECT_ASSERTION(statement, expression)                                                    \
+    EXPECT_EXIT(                                                                                   \
+        statement, ::testing::KilledBySignal(SIGABRT),                                             \
+        ::testing::HasSubstr("Assertion `" expression "' failed"))
 
 /// While it lives, whatever watches the directory in "TMPDIR" is woken every 20 ms. A receiver's
 /// monitor looks at its stop flag only when it is woken, so that a stop could take 5 s without.

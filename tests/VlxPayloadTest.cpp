@@ -1,0 +1,462 @@
+#include <string>
+#include <vector>
+
+#include <vlx/VlxPayload.hpp>
+
+#include "support/LogCapture.hpp"
+#include "support/VlxTest.hpp"
+
+namespace vlx
+{
+
+using testing::debugLog;
+using testing::errorLog;
+using testing::fromHex;
+using testing::LogCapture;
+using testing::LogExpectation;
+
+using Retcode = DepayloaderList::ConsumePacketRetcode;
+
+namespace
+{
+
+constexpr std::uint32_t CodecA = 0x41434441; // "ADCA"
+constexpr std::uint32_t CodecB = 0x42434442; // "BDCB"
+
+constexpr const char* FourccUnreadable = "Could not read VLX SequenceInfo packet FourCC";
+constexpr const char* HeaderRejected =
+    "Could not process codec header from VLX SequenceInfo packet";
+constexpr const char* TimesUnreadable = "Could not read VLX Frame packet timestamp and duration";
+
+std::string lookingFor(const std::string& fourcc)
+{
+    return "Consumed SequenceInfo packet; looking for payloader with FourCC \"" + fourcc + "\"";
+}
+
+/// Escapes every media byte, so that a frame's payload is longer than the frame.
+class EscapingPayloader : public Payloader
+{
+public:
+    EscapingPayloader() : Payloader(CodecA) {}
+
+    std::size_t getSizeForWrappedFrame(const ByteView& mediaData) const override
+    {
+        return 2 * mediaData.size();
+    }
+
+    void wrapFrame(Buffer& packet, std::size_t packetOffset, const ByteView& mediaData) override
+    {
+        for (std::size_t i = 0; i < mediaData.size(); ++i)
+        {
+            packet[packetOffset + 2 * i] = 0x5C;
+            packet[packetOffset + 2 * i + 1] = mediaData[i];
+        }
+    }
+};
+
+/// Announces less than the base writes.
+class UnderstatingPayloader : public Payloader
+{
+public:
+    UnderstatingPayloader() : Payloader(CodecA) {}
+
+    std::size_t getSizeForWrappedFrame(const ByteView& mediaData) const override
+    {
+        return mediaData.size() - 1;
+    }
+};
+
+/// Records what a list asks of it.
+class RecordingDepayloader : public Depayloader
+{
+public:
+    explicit RecordingDepayloader(
+        std::uint32_t fourcc,
+        std::vector<std::uint32_t>* resets = nullptr)
+        : Depayloader(fourcc), m_resets(resets)
+    {
+    }
+
+    bool processCodecHeader(const ByteView& codecHeader) override
+    {
+        headers.emplace_back(codecHeader.begin(), codecHeader.end());
+        return accepts;
+    }
+
+    void reset() override
+    {
+        if (m_resets != nullptr)
+            m_resets->push_back(getFourcc());
+    }
+
+    bool accepts = true;
+    std::vector<Buffer> headers;
+
+private:
+    std::vector<std::uint32_t>* m_resets;
+};
+
+Buffer makePrefix(const Buffer& bytes, std::size_t size)
+{
+    return Buffer(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
+}
+
+} // namespace
+
+TEST(VlxPayloadTest, PacketTypesHaveNames)
+{
+    EXPECT_EQ(toString(PacketType{0}), "unknown");
+    EXPECT_EQ(toString(PacketType{1}), "sequenceInfo");
+    EXPECT_EQ(toString(PacketType{2}), "frame");
+    for (const int value : {4, 7, 255, -1, -3})
+        EXPECT_EQ(toString(PacketType{value}), "<dummy>") << value;
+}
+
+TEST(VlxPayloadTest, HeaderIsReadWhateverFollows)
+{
+    for (unsigned type = 0; type <= 0xFF; ++type)
+    {
+        const Buffer packet = {static_cast<std::uint8_t>(type), 0xFF, 0x34, 0x12};
+        const auto expected =
+            type == 1 || type == 2 ? PacketType{static_cast<int>(type)} : PacketType::Unknown;
+        EXPECT_EQ(parsePacketType(packet), expected) << type;
+        EXPECT_EQ(parsePacketType(makePrefix(packet, 1)), expected) << type;
+        EXPECT_EQ(parsePacketSequenceNr(packet), 0x1234) << type;
+    }
+    EXPECT_EQ(parsePacketSequenceNr(fromHex("02 00 FF80 7F")), 0x80FF);
+}
+
+TEST(VlxPayloadDeathTest, BrokenPreconditionsStopTheProcess)
+{
+    EXPECT_ASSERTION(toString(PacketType::NumPacketTypes), "false");
+    EXPECT_ASSERTION(parsePacketType(Buffer()), "packetData.size() >= 1");
+    for (std::size_t size = 0; size < 4; ++size)
+        EXPECT_ASSERTION(parsePacketSequenceNr(Buffer(size)), "packetData.size() >= 4");
+    for (const std::size_t size : {0U, 3U, 4U})
+    {
+        EXPECT_ASSERTION(DepayloaderList().consumePacket(Buffer(size, 1)), "packetData.size() > 4");
+    }
+
+    Buffer packet;
+    EXPECT_ASSERTION(
+        UnderstatingPayloader().produceFramePacket(packet, 1, 2, 3, Buffer(8)),
+        "(packetOffset + mediaData.size()) <= packet.size()");
+}
+
+TEST(VlxPayloadTest, SequenceInfoIsLaidOutByteForByte)
+{
+    struct Row
+    {
+        const char* name;
+        std::uint32_t fourcc;
+        Buffer codecHeader;
+        std::uint16_t sequenceNr;
+        Buffer packet;
+    };
+    const std::vector<Row> rows = {
+        {"no codec header", PcmFourcc, {}, 5, fromHex("01 00 0500 50434D41")},
+        {"low bytes first", 0x04030201, {}, 0xABCD, fromHex("01 00 CDAB 01020304")},
+        {"codec header unchanged", 0xFFFE8000, fromHex("00 FF 01"), 0xFFFF,
+         fromHex("01 00 FFFF 0080FEFF 00FF01")},
+    };
+
+    Buffer packet(64, 0xEE); // of an earlier, longer packet
+    const std::uint8_t* const storage = packet.data();
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.name);
+        produceSequenceInfoPacket(packet, row.fourcc, row.codecHeader, row.sequenceNr);
+        EXPECT_EQ(packet, row.packet);
+        EXPECT_EQ(packet.data(), storage);
+    }
+}
+
+TEST(VlxPayloadTest, FrameIsLaidOutByteForByte)
+{
+    struct Row
+    {
+        const char* name;
+        std::uint16_t sequenceNr;
+        TimeValue timestamp;
+        TimeValue duration;
+        Buffer mediaData;
+        Buffer packet;
+    };
+    const std::vector<Row> rows = {
+        {"two bytes", 0x0102, 1, 2, fromHex("AABB"),
+         fromHex("02 00 0201 0100000000000000 0200000000000000 AABB")},
+        {"low bytes first", 0xFFFE, 0x0807060504030201, 0xF8F7F6F5F4F3F2F1, fromHex("00"),
+         fromHex("02 00 FEFF 0102030405060708 F1F2F3F4F5F6F7F8 00")},
+        {"no media data", 0, 0, 0, {}, fromHex("02 00 0000 0000000000000000 0000000000000000")},
+    };
+
+    Payloader payloader(CodecA);
+    Buffer packet(64, 0xEE); // of an earlier, longer packet
+    const std::uint8_t* const storage = packet.data();
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.name);
+        payloader.produceFramePacket(
+            packet, row.sequenceNr, row.timestamp, row.duration, row.mediaData);
+        EXPECT_EQ(packet, row.packet);
+        EXPECT_EQ(packet.data(), storage);
+    }
+}
+
+TEST(VlxPayloadTest, DerivedPayloaderChoosesThePayload)
+{
+    Buffer packet;
+    EscapingPayloader payloader;
+    payloader.produceFramePacket(packet, 1, 0, 0, fromHex("0A0B"));
+    EXPECT_EQ(packet, fromHex("02 00 0100 0000000000000000 0000000000000000 5C0A 5C0B"));
+    EXPECT_EQ(payloader.getFourcc(), CodecA);
+    EXPECT_TRUE(payloader.getCodecHeader().empty());
+}
+
+namespace
+{
+
+/// A list with one depayloader that accepts, and a frame that it has consumed.
+class DepayloaderListTest : public ::testing::Test
+{
+protected:
+    DepayloaderListTest()
+    {
+        m_list.addDepayloader(m_depayloader);
+        EXPECT_EQ(m_list.consumePacket(m_sequenceInfo), Retcode::Ok);
+        EXPECT_EQ(m_list.consumePacket(m_frame), Retcode::Ok);
+        LogCapture::get().clear();
+    }
+
+    void expectFrame(TimeValue timestamp, TimeValue duration, const Buffer& mediaData) const
+    {
+        EXPECT_EQ(m_list.getCurrentFrameTimestamp(), timestamp);
+        EXPECT_EQ(m_list.getCurrentFrameDuration(), duration);
+        EXPECT_EQ(m_list.getCurrentFrameMediaData(), mediaData);
+    }
+
+    static ::testing::AssertionResult logged(const std::vector<LogExpectation>& expected)
+    {
+        const ::testing::AssertionResult result = LogCapture::get().isExactly(expected);
+        LogCapture::get().clear();
+        return result;
+    }
+
+    const Buffer m_sequenceInfo = fromHex("01 00 0700 41444341 0102");
+    const Buffer m_frame = fromHex("02 FF 0800 0300000000000000 0400000000000000 AABBCC");
+    RecordingDepayloader m_depayloader{CodecA};
+    DepayloaderList m_list;
+};
+
+} // namespace
+
+TEST_F(DepayloaderListTest, ConsumesASequence)
+{
+    EXPECT_EQ(m_depayloader.headers, std::vector<Buffer>{fromHex("0102")});
+    EXPECT_EQ(m_list.getCurrentDepayloader(), &m_depayloader);
+    EXPECT_EQ(m_list.getCurrentSequenceNr(), 8);
+    EXPECT_EQ(m_list.getCurrentPacketType(), PacketType::Frame);
+    expectFrame(3, 4, fromHex("AABBCC"));
+
+    EXPECT_EQ(m_list.consumePacket(makePrefix(m_frame, 20)), Retcode::Ok);
+    expectFrame(3, 4, {});
+    EXPECT_TRUE(logged({}));
+
+    EXPECT_EQ(m_list.consumePacket(makePrefix(m_sequenceInfo, 8)), Retcode::Ok);
+    EXPECT_EQ(m_depayloader.headers.back(), Buffer());
+    EXPECT_EQ(m_list.getCurrentPacketType(), PacketType::SequenceInfo);
+    EXPECT_TRUE(logged({debugLog(lookingFor("ADCA")), debugLog("Matching payloader found")}));
+}
+
+TEST_F(DepayloaderListTest, TruncatedPacketsChangeOnlyWhatTheyHold)
+{
+    for (std::size_t size = 5; size < 8; ++size)
+    {
+        SCOPED_TRACE(size);
+        EXPECT_EQ(m_list.consumePacket(makePrefix(m_sequenceInfo, size)), Retcode::Error);
+        EXPECT_EQ(m_list.getCurrentPacketType(), PacketType::SequenceInfo);
+        EXPECT_EQ(m_list.getCurrentSequenceNr(), 7);
+        EXPECT_EQ(m_list.getCurrentDepayloader(), &m_depayloader);
+        EXPECT_TRUE(logged({errorLog(FourccUnreadable)}));
+    }
+
+    const Buffer frame = fromHex("02 00 0900 0500000000000080 0600000000000080 DD");
+    for (std::size_t size = 5; size < 20; ++size)
+    {
+        SCOPED_TRACE(size);
+        EXPECT_EQ(m_list.consumePacket(makePrefix(frame, size)), Retcode::Error);
+        EXPECT_EQ(m_list.getCurrentSequenceNr(), 9);
+        expectFrame(size < 12 ? 3 : 0x8000000000000005, 4, fromHex("AABBCC"));
+        EXPECT_TRUE(logged({errorLog(TimesUnreadable)}));
+    }
+}
+
+TEST_F(DepayloaderListTest, UnknownTypesAreIgnored)
+{
+    for (const std::uint8_t type : Buffer{0, 3, 9, 255})
+    {
+        const Buffer packet = {type, 0, type, 0xA0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+        EXPECT_EQ(m_list.consumePacket(packet), Retcode::Ok);
+        EXPECT_EQ(m_list.getCurrentPacketType(), PacketType::Unknown);
+        EXPECT_EQ(m_list.getCurrentSequenceNr(), 0xA000 + type);
+        EXPECT_EQ(m_list.getCurrentDepayloader(), &m_depayloader);
+        expectFrame(3, 4, fromHex("AABBCC"));
+    }
+    EXPECT_TRUE(logged({}));
+}
+
+TEST_F(DepayloaderListTest, UnknownCodecDeselects)
+{
+    struct Row
+    {
+        const char* fourcc;
+        const char* shown;
+    };
+    for (const Row& row :
+         {Row{"42444342", "BDCB"}, Row{"01020304", "    "}, Row{"1F207E41", "  ~A"},
+          Row{"410A00FF", "A  \xFF"}})
+    {
+        SCOPED_TRACE(row.fourcc);
+        const Buffer packet = fromHex(std::string("01 00 0100 ") + row.fourcc + " 01");
+        EXPECT_EQ(m_list.consumePacket(packet), Retcode::NoMatchingDepayloader);
+        EXPECT_EQ(m_list.getCurrentDepayloader(), nullptr);
+        EXPECT_TRUE(
+            logged({debugLog(lookingFor(row.shown)), debugLog("No matching payloader found")}));
+    }
+
+    // Without a selection not even the size of a frame is looked at.
+    for (const std::size_t size : {m_frame.size(), std::size_t{5}})
+    {
+        EXPECT_EQ(m_list.consumePacket(makePrefix(m_frame, size)), Retcode::NoCurrentDepayloader);
+    }
+    expectFrame(3, 4, fromHex("AABBCC"));
+    EXPECT_EQ(m_list.getCurrentSequenceNr(), 8);
+    EXPECT_EQ(m_list.getCurrentPacketType(), PacketType::Frame);
+    EXPECT_TRUE(logged({}));
+}
+
+TEST_F(DepayloaderListTest, RejectedHeaderKeepsTheSelection)
+{
+    m_depayloader.accepts = false;
+    EXPECT_EQ(m_list.consumePacket(m_sequenceInfo), Retcode::Error);
+    EXPECT_EQ(m_list.getCurrentDepayloader(), &m_depayloader);
+    EXPECT_TRUE(logged(
+        {debugLog(lookingFor("ADCA")), debugLog("Matching payloader found"),
+         errorLog(HeaderRejected)}));
+    EXPECT_EQ(m_list.consumePacket(m_frame), Retcode::Ok);
+}
+
+TEST_F(DepayloaderListTest, LastDepayloaderOfACodecWins)
+{
+    RecordingDepayloader second(CodecA);
+    m_list.addDepayloader(second);
+    EXPECT_EQ(m_list.consumePacket(m_sequenceInfo), Retcode::Ok);
+    EXPECT_EQ(m_list.getCurrentDepayloader(), &second);
+    EXPECT_EQ(second.headers.size(), 1U);
+    EXPECT_EQ(m_depayloader.headers.size(), 1U);
+}
+
+TEST_F(DepayloaderListTest, OutOfBandInfoSelects)
+{
+    RecordingDepayloader other(CodecB);
+    m_list.addDepayloader(other);
+    EXPECT_TRUE(m_list.setOutOfBandInfo(CodecB, fromHex("0A")));
+    EXPECT_EQ(m_list.getCurrentDepayloader(), &other);
+    EXPECT_EQ(other.headers, std::vector<Buffer>{fromHex("0A")});
+
+    other.accepts = false;
+    EXPECT_FALSE(m_list.setOutOfBandInfo(CodecB, {}));
+    EXPECT_EQ(m_list.getCurrentDepayloader(), &other);
+
+    EXPECT_FALSE(m_list.setOutOfBandInfo(0, {}));
+    EXPECT_EQ(m_list.getCurrentDepayloader(), nullptr);
+    EXPECT_TRUE(logged({}));
+}
+
+TEST_F(DepayloaderListTest, ResetForgetsAndReachesEveryDepayloader)
+{
+    std::vector<std::uint32_t> resets;
+    RecordingDepayloader high(0xF0000000, &resets);
+    RecordingDepayloader low(1, &resets);
+    m_list.addDepayloader(high);
+    m_list.addDepayloader(low);
+
+    m_list.reset();
+    EXPECT_EQ(resets, (std::vector<std::uint32_t>{1, 0xF0000000}));
+    EXPECT_EQ(m_list.getCurrentDepayloader(), nullptr);
+    EXPECT_EQ(m_list.getCurrentPacketType(), PacketType::Unknown);
+    EXPECT_EQ(m_list.getCurrentSequenceNr(), 0);
+    expectFrame(0, 0, {});
+    EXPECT_EQ(m_list.consumePacket(m_frame), Retcode::NoCurrentDepayloader);
+}
+
+TEST_F(DepayloaderListTest, MediaDataIsMovedOut)
+{
+    const std::uint8_t* const storage = m_list.getCurrentFrameMediaData().data();
+    const Buffer taken = m_list.stealCurrentFrameMediaData();
+    EXPECT_EQ(taken, fromHex("AABBCC"));
+    EXPECT_EQ(taken.data(), storage);
+    expectFrame(3, 4, {});
+}
+
+TEST(VlxPayloadTest, PcmHeaderIsWrittenAndRead)
+{
+    struct Row
+    {
+        const char* name;
+        std::uint32_t sampleRate;
+        std::uint32_t numChannels;
+        int sampleFormat;
+        const char* header;
+        bool accepted;
+    };
+    const std::vector<Row> rows = {
+        {"stereo", 48000, 2, 3, "80BB0000 02 03", true},
+        {"low bytes first", 0x04030201, 255, 11, "01020304 FF 0B", true},
+        {"channels cut to a byte", 48000, 258, 0, "80BB0000 02 00", true},
+        {"no rate", 0, 2, 3, "00000000 02 03", false},
+        {"no channels after the cut", 48000, 256, 3, "80BB0000 00 03", false},
+        {"format 12", 48000, 2, 12, "80BB0000 02 0C", false},
+        {"format 255", 48000, 2, -1, "80BB0000 02 FF", false},
+    };
+
+    PcmPayloader payloader;
+    EXPECT_EQ(payloader.getFourcc(), PcmFourcc);
+    EXPECT_TRUE(payloader.getCodecHeader().empty());
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.name);
+        payloader.setNewFormat(
+            row.sampleRate, row.numChannels, audioUtils::PcmFormat{row.sampleFormat});
+        EXPECT_EQ(payloader.getCodecHeader(), fromHex(row.header));
+
+        PcmDepayloader depayloader;
+        EXPECT_EQ(depayloader.processCodecHeader(payloader.getCodecHeader()), row.accepted);
+        EXPECT_EQ(depayloader.getSampleRate(), row.sampleRate);
+        EXPECT_EQ(depayloader.getNumChannels(), row.numChannels & 0xFF);
+        EXPECT_EQ(depayloader.getSampleFormat(), audioUtils::PcmFormat{row.sampleFormat & 0xFF});
+    }
+}
+
+TEST(VlxPayloadTest, TruncatedPcmHeaderChangesOnlyWhatItHolds)
+{
+    const Buffer header = fromHex("11000000 02 05 FFFFFFFF");
+    for (std::size_t size = 0; size <= header.size(); ++size)
+    {
+        SCOPED_TRACE(size);
+        PcmDepayloader depayloader;
+        ASSERT_TRUE(depayloader.processCodecHeader(fromHex("44AC0000 01 09")));
+        EXPECT_EQ(depayloader.processCodecHeader(makePrefix(header, size)), size >= 6);
+        EXPECT_EQ(depayloader.getSampleRate(), size >= 4 ? 0x11U : 44100U);
+        EXPECT_EQ(depayloader.getNumChannels(), size >= 5 ? 2U : 1U);
+        EXPECT_EQ(depayloader.getSampleFormat(), audioUtils::PcmFormat{size >= 6 ? 5 : 9});
+    }
+
+    const PcmDepayloader fresh;
+    EXPECT_EQ(fresh.getFourcc(), PcmFourcc);
+    EXPECT_EQ(fresh.getSampleRate(), 0U);
+    EXPECT_EQ(fresh.getNumChannels(), 0U);
+    EXPECT_EQ(fresh.getSampleFormat(), audioUtils::PcmFormat{0});
+}
+
+} // namespace vlx
