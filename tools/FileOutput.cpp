@@ -26,25 +26,26 @@ struct FileKind
     std::string_view name;
     int container;
     int lossyCodec;     // 0: samples are kept as they are
+    bool rewritable;    // the header can be brought up to date while the file grows
     bool fourGigabytes; // sizes in the header have 32 bits
 };
 
 constexpr FileKind FileKinds[] = {
     // The first one is also for files without a known extension.
-    {"wav", "WAV", SF_FORMAT_WAV, 0, true},
-    {"rf64", "RF64", SF_FORMAT_RF64, 0, false},
-    {"w64", "W64", SF_FORMAT_W64, 0, false},
-    {"caf", "CAF", SF_FORMAT_CAF, 0, false},
-    {"aiff", "AIFF", SF_FORMAT_AIFF, 0, true},
-    {"aif", "AIFF", SF_FORMAT_AIFF, 0, true},
-    {"aifc", "AIFF", SF_FORMAT_AIFF, 0, true},
-    {"au", "AU", SF_FORMAT_AU, 0, true},
-    {"snd", "AU", SF_FORMAT_AU, 0, true},
-    {"flac", "FLAC", SF_FORMAT_FLAC, 0, false},
-    {"ogg", "Ogg Vorbis", SF_FORMAT_OGG, SF_FORMAT_VORBIS, false},
-    {"oga", "Ogg Vorbis", SF_FORMAT_OGG, SF_FORMAT_VORBIS, false},
-    {"opus", "Ogg Opus", SF_FORMAT_OGG, SF_FORMAT_OPUS, false},
-    {"mp3", "MP3", SF_FORMAT_MPEG, SF_FORMAT_MPEG_LAYER_III, false},
+    {"wav", "WAV", SF_FORMAT_WAV, 0, true, true},
+    {"rf64", "RF64", SF_FORMAT_RF64, 0, true, false},
+    {"w64", "W64", SF_FORMAT_W64, 0, true, false},
+    {"caf", "CAF", SF_FORMAT_CAF, 0, true, false},
+    {"aiff", "AIFF", SF_FORMAT_AIFF, 0, true, true},
+    {"aif", "AIFF", SF_FORMAT_AIFF, 0, true, true},
+    {"aifc", "AIFF", SF_FORMAT_AIFF, 0, true, true},
+    {"au", "AU", SF_FORMAT_AU, 0, true, true},
+    {"snd", "AU", SF_FORMAT_AU, 0, true, true},
+    {"flac", "FLAC", SF_FORMAT_FLAC, 0, false, false},
+    {"ogg", "Ogg Vorbis", SF_FORMAT_OGG, SF_FORMAT_VORBIS, false, false},
+    {"oga", "Ogg Vorbis", SF_FORMAT_OGG, SF_FORMAT_VORBIS, false, false},
+    {"opus", "Ogg Opus", SF_FORMAT_OGG, SF_FORMAT_OPUS, false, false},
+    {"mp3", "MP3", SF_FORMAT_MPEG, SF_FORMAT_MPEG_LAYER_III, false, false},
 };
 
 // Leaves room for the header.
@@ -174,14 +175,17 @@ public:
             return fail(miscUtils::strerror_r_safe(errno));
         m_sound = ::sf_open_fd(m_file.getFD(), SFM_WRITE, &info, SF_FALSE);
         if (m_sound == nullptr)
-            return fail(::sf_strerror(nullptr));
+            return failInLibrary(::sf_strerror(nullptr));
 
         m_format = format;
         // The chunk of peak values holds nothing that was received.
         ::sf_command(m_sound, SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
-        ::sf_command(m_sound, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
-        ::sf_command(m_sound, SFC_UPDATE_HEADER_NOW, nullptr, 0);
-        return ::sf_error(m_sound) == SF_ERR_NO_ERROR || fail(::sf_strerror(m_sound));
+        if (m_kind.rewritable)
+        {
+            ::sf_command(m_sound, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
+            ::sf_command(m_sound, SFC_UPDATE_HEADER_NOW, nullptr, 0);
+        }
+        return ::sf_error(m_sound) == SF_ERR_NO_ERROR || failInLibrary(::sf_strerror(m_sound));
     }
 
     bool write(const ByteView& bytes) override
@@ -189,6 +193,8 @@ public:
         if (m_kind.fourGigabytes && m_numBytes + bytes.size() > MaxBytesOfFourGigabytes)
             return fail("it is full: " + std::string(m_kind.name) + " files end at 4 GiB");
 
+        if (!m_kind.rewritable)
+            m_completeSize = m_file.getSize();
         decodeSamples(bytes, m_format.sampleFormat, m_values);
         const sf_count_t written =
             std::visit([&](const auto& values) { return writeValues(m_sound, values); }, m_values);
@@ -197,8 +203,10 @@ public:
         if (::sf_error(m_sound) == SF_ERR_NO_ERROR)
             return true;
 
-        fail(::sf_strerror(m_sound));
-        dropIncompleteSample();
+        failInLibrary(::sf_strerror(m_sound));
+        m_writeFailed = true;
+        if (m_kind.rewritable)
+            dropIncompleteSample();
         return false;
     }
 
@@ -209,8 +217,11 @@ public:
         {
             const int error = ::sf_close(m_sound);
             m_sound = nullptr;
-            ok = error == 0 || fail(::sf_error_number(error));
+            ok = error == 0 || failInLibrary(::sf_error_number(error));
         }
+        // The block that did not fit is cut off again; only now nothing is written behind it.
+        if (m_writeFailed && !m_kind.rewritable)
+            m_file.truncate(m_completeSize);
         if (!m_file.close())
             ok = fail(miscUtils::strerror_r_safe(errno));
         return ok;
@@ -221,6 +232,17 @@ private:
     {
         m_problem = "cannot write " + m_file.getName() + ": " + reason;
         return false;
+    }
+
+    // libsndfile puts its own words before the system's.
+    bool failInLibrary(std::string_view reason)
+    {
+        constexpr std::string_view SystemErrorPrefix = "System error : ";
+        if (reason.starts_with(SystemErrorPrefix))
+            reason.remove_prefix(SystemErrorPrefix.size());
+        while (!reason.empty() && reason.back() == '.')
+            reason.remove_suffix(1);
+        return fail(std::string(reason));
     }
 
     // A write that ran out of space may have ended anywhere.
@@ -238,6 +260,8 @@ private:
     SampleValues m_values;
     sf_count_t m_numSamples = 0;
     std::uint64_t m_numBytes = 0;
+    bool m_writeFailed = false;
+    std::uint64_t m_completeSize = 0; // of the file before the last write; kinds with blocks only
 };
 
 } // unnamed namespace

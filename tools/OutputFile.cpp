@@ -55,6 +55,19 @@ bool OutputFile::begin()
     return !m_regular || ::ftruncate(m_fd, 0) == 0;
 }
 
+std::uint64_t OutputFile::getSize() const
+{
+    struct stat status
+    {
+    };
+    return ::fstat(m_fd, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+}
+
+void OutputFile::truncate(std::uint64_t size)
+{
+    [[maybe_unused]] const int result = ::ftruncate(m_fd, static_cast<off_t>(size));
+}
+
 bool OutputFile::close()
 {
     if (m_fd == -1)

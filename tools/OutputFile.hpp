@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace vlx::tool
@@ -37,6 +38,12 @@ public:
     ///
     /// @return whether it worked; otherwise errno tells why not
     bool begin();
+
+    /// @return bytes in the file
+    std::uint64_t getSize() const;
+
+    /// Cuts the file. A failure leaves it longer.
+    void truncate(std::uint64_t size);
 
     /// Closes the file, and removes it if it was made here and never begun.
     ///

@@ -27,6 +27,8 @@ int explainParseEnd(const CLI::App& program, const CLI::ParseError& error)
 {
     if (error.get_exit_code() == toInt(ExitCode::Done))
         return program.exit(error);
+    for (const CLI::App* const command : program.get_subcommands())
+        configureMessages("vlx " + command->get_name(), false, ColorUse::Auto);
     printError(std::string(error.what()) + "; see --help");
     return toInt(ExitCode::Usage);
 }
