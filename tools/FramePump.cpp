@@ -20,6 +20,7 @@ namespace
 using SteadyClock = std::chrono::steady_clock;
 
 constexpr auto MaxLateness = std::chrono::milliseconds(500);
+constexpr auto NewSequenceDelay = std::chrono::seconds(1);
 constexpr auto ProgressInterval = std::chrono::milliseconds(200);
 
 } // unnamed namespace
@@ -47,6 +48,7 @@ void FramePump::run(const PumpSettings& settings)
         const std::size_t numSamples = readFrame(settings);
         if (numSamples == 0 || !waitForDeadline())
             return;
+        announceIfDue();
         sendFrame(numSamples);
         showProgress();
     }
@@ -82,7 +84,7 @@ bool FramePump::waitForDeadline()
     if (now - deadline > MaxLateness)
     {
         beginRun(now);
-        m_sender.startNewSequence();
+        m_newSequenceTime = now + NewSequenceDelay;
     }
     return true;
 }
@@ -92,6 +94,14 @@ void FramePump::beginRun(SteadyClock::time_point now)
     m_runStart = now;
     m_report.runs.push_back({m_report.samples, m_clock.getTime()});
     m_onRunBegins();
+}
+
+void FramePump::announceIfDue()
+{
+    if (!m_newSequenceTime || SteadyClock::now() < *m_newSequenceTime)
+        return;
+    m_newSequenceTime.reset();
+    m_sender.startNewSequence();
 }
 
 void FramePump::sendFrame(std::size_t numSamples)

@@ -33,7 +33,9 @@ struct PumpSettings
 /// Each frame has an absolute deadline and a timestamp, both computed from the number of samples
 /// before it, so that rounding never adds up. A pump that has fallen far behind, because its input
 /// or the whole process was stopped or no pipeline receiver was there, does not rush through what it
-/// missed: it begins a new run, whose timestamps start from the present, and a new sequence.
+/// missed: it begins a new run, whose timestamps start from the present. A second later it opens a new
+/// sequence, for receivers that lost track meanwhile; not at once, since receivers that waited for
+/// the sender are joining just then, and one that joins while a sequence is opened can miss it.
 class FramePump
 {
 public:
@@ -54,6 +56,7 @@ private:
     std::size_t readFrame(const PumpSettings& settings);
     bool waitForDeadline();
     void beginRun(std::chrono::steady_clock::time_point now);
+    void announceIfDue();
     void sendFrame(std::size_t numSamples);
     void showProgress();
 
@@ -67,6 +70,7 @@ private:
     const std::function<void()> m_onRunBegins;
     Buffer m_frame;
     std::chrono::steady_clock::time_point m_runStart; // of the last run in the report
+    std::optional<std::chrono::steady_clock::time_point> m_newSequenceTime; // unset: none is due
     std::chrono::steady_clock::time_point m_nextProgress;
 };
 
