@@ -1,0 +1,238 @@
+/// How fast is a receiver in, and back in? 1,000 frames of 1,920 bytes a second.
+///
+/// Join: a receiver waits, a sender starts. Rejoin: a sender is killed with -9 and another one is
+/// started under its name. Cases alternate within each repetition; each case keeps one receiver's
+/// process for all repetitions.
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <random>
+
+#include "support/Campaign.hpp"
+#include "support/Clock.hpp"
+#include "support/Interrupt.hpp"
+#include "support/Session.hpp"
+#include "support/Summaries.hpp"
+
+namespace vlx::bench
+{
+namespace
+{
+
+constexpr std::uint64_t StepTimeoutMs = 10'000;
+// After a sender's end a receiver needs 50 ms of silence, and is somewhere in its 400 ms retry.
+constexpr std::uint64_t SilenceMs = 150;
+constexpr std::uint64_t RetryMs = 400;
+
+// Which paths a scenario is run with; ours always with the bell.
+enum class Company
+{
+    BellOnly,
+    BellAndSilent,
+    Peers, // and ours both ways
+};
+
+struct Scenario
+{
+    const char* text;                   // in tables
+    bool busy;                          // beside a busy core
+    std::optional<std::uint64_t> gapMs; // rejoin: from the kill to the next sender's start
+    Company company;
+};
+
+constexpr Scenario Scenarios[] = {
+    {"join", false, std::nullopt, Company::Peers},
+    {"join, busy core", true, std::nullopt, Company::BellAndSilent},
+    {"rejoin, gap 0", false, 0, Company::Peers},
+    {"rejoin, gap 100 ms", false, 100, Company::Peers},
+    {"rejoin, gap 1000 ms", false, 1000, Company::BellOnly},
+};
+
+// One row of the table: a path, with or without the bell, in one scenario.
+class Case
+{
+public:
+    // In a directory of its own: other cases' senders shall not wake this one's receiver.
+    Case(const Campaign& campaign, const Scenario& scenario, const Path& path)
+        : m_scenario(scenario),
+          m_path(path),
+          m_name(makeSessionName()),
+          m_directory(campaign.getDirectory() + "/" + m_name)
+    {
+        std::filesystem::create_directory(m_directory);
+    }
+
+    // One repetition.
+    std::optional<Record> measure(std::mt19937& random)
+    {
+        if (!m_receiver)
+            m_receiver.emplace(startEndpoint("receive", m_path, m_directory, m_name, m_plan));
+        auto record = m_scenario.gapMs ? measureRejoin(*m_scenario.gapMs) : measureJoin(random);
+        if (!record)
+            m_receiver.reset(); // the next repetition begins with a new one
+        m_senderEndNs = nowNs();
+        return record;
+    }
+
+private:
+    // Set up as far as the call that opens the stream.
+    Child prepareSender(const Path& path)
+    {
+        m_epoch = static_cast<std::uint16_t>(m_epoch + 1);
+        Child sender = startEndpoint(
+            "send", path, m_directory, m_name, m_plan, {"--epoch", std::to_string(m_epoch)});
+        sender.expect("ready", StepTimeoutMs);
+        return sender;
+    }
+
+    static std::optional<std::uint64_t> openStream(Child& sender)
+    {
+        sender.tell("open");
+        const auto calledNs = sender.expect("opened", StepTimeoutMs);
+        if (!calledNs)
+            return std::nullopt;
+        return std::stoull(*calledNs);
+    }
+
+    // Time of the first frame of the current sender at the receiver.
+    std::optional<std::uint64_t> waitForFirstFrame()
+    {
+        const std::string prefix = std::to_string(m_epoch) + " ";
+        while (const auto line = m_receiver->expect("first", StepTimeoutMs))
+        {
+            if (line->starts_with(prefix))
+                return std::stoull(line->substr(prefix.size()));
+        }
+        return std::nullopt;
+    }
+
+    Record makeRecord() const
+    {
+        const std::string bell = m_path.variant == "bell" ? "yes" : "no";
+        return {
+            {"case", m_scenario.text},
+            {"path", m_path.id},
+            {"bell", m_path.id == OursId ? bell : "-"},
+            {"row", m_path.id + " " + bell}};
+    }
+
+    static double toMs(std::uint64_t fromNs, std::uint64_t toNs)
+    {
+        return (static_cast<double>(toNs) - static_cast<double>(fromNs)) / 1e6;
+    }
+
+    // The receiver is known to wait: it has lost the last sender, and its retry is anywhere.
+    std::optional<Record> measureJoin(std::mt19937& random)
+    {
+        Child sender = prepareSender(m_path);
+        const std::uint64_t waitMs =
+            std::uniform_int_distribution<std::uint64_t>(0, RetryMs)(random);
+        const std::uint64_t waitingNs = m_senderEndNs + SilenceMs * NsPerMs;
+        sleepUntilNs(std::max(waitingNs, nowNs()) + waitMs * NsPerMs);
+        const auto calledNs = openStream(sender);
+        const auto firstNs = calledNs ? waitForFirstFrame() : std::nullopt;
+        if (!firstNs)
+            return std::nullopt;
+        Record record = makeRecord();
+        record["open_ms"] = toMs(*calledNs, *firstNs);
+        return record;
+    }
+
+    std::optional<Record> measureRejoin(std::uint64_t gapMs)
+    {
+        Path first = m_path;
+        if (m_path.id == OursId)
+            first.variant = "bell"; // not measured: as quickly as possible
+        Child victim = prepareSender(first);
+        if (!openStream(victim) || !waitForFirstFrame())
+            return std::nullopt;
+        Child next = prepareSender(m_path);
+        sleepUntilNs(nowNs() + SilenceMs * NsPerMs);
+        const std::uint64_t killNs = nowNs();
+        victim.kill();
+        sleepUntilNs(killNs + gapMs * NsPerMs);
+        const auto calledNs = openStream(next);
+        const auto firstNs = calledNs ? waitForFirstFrame() : std::nullopt;
+        if (!firstNs)
+            return std::nullopt;
+        Record record = makeRecord();
+        record["kill_ms"] = toMs(killNs, *firstNs);
+        record["open_ms"] = toMs(*calledNs, *firstNs);
+        return record;
+    }
+
+    Scenario m_scenario;
+    Path m_path;
+    std::string m_name;
+    std::string m_directory;
+    SessionPlan m_plan;
+    std::uint16_t m_epoch = 0; // of the latest sender
+    std::uint64_t m_senderEndNs = 0;
+    std::optional<Child> m_receiver;
+};
+
+std::vector<Path> listPaths(const Campaign& campaign, Company company)
+{
+    std::vector<std::string> ids = {OursId};
+    if (company == Company::Peers)
+        ids.insert(ids.end(), {RawNanomsgId, ZmqId, NngId});
+    std::vector<Path> paths;
+    for (const Path& path : campaign.selectPaths(ids))
+    {
+        paths.push_back(path);
+        if (path.id == OursId && company != Company::BellOnly)
+            paths.emplace_back(path).variant = "";
+    }
+    return paths;
+}
+
+bool measureScenario(Campaign& campaign, const Scenario& scenario, unsigned repetitions)
+{
+    std::mt19937 random(1);
+    std::vector<std::unique_ptr<Case>> cases;
+    for (const Path& path : listPaths(campaign, scenario.company))
+        cases.push_back(std::make_unique<Case>(campaign, scenario, path));
+    std::optional<BusyProcess> busy;
+    if (scenario.busy)
+        busy.emplace();
+    bool ok = !cases.empty();
+    for (unsigned repetition = 0; repetition < repetitions; repetition++)
+    {
+        for (const auto& one : cases)
+        {
+            auto record = one->measure(random);
+            if (isInterrupted())
+                return false;
+            ok = record.has_value() && ok;
+            if (!record)
+                continue;
+            (*record)["repetition"] = repetition;
+            campaign.add(std::move(*record));
+        }
+    }
+    return ok;
+}
+
+bool run(Campaign& campaign)
+{
+    const bool quick = campaign.getOptions().quick;
+    const unsigned repetitions = quick ? 6 : 100;
+    campaign.begin(std::to_string(repetitions) + " repetitions interleaved");
+    bool ok = true;
+    for (const Scenario& scenario : Scenarios)
+        ok = !isInterrupted() && measureScenario(campaign, scenario, repetitions) && ok;
+    std::printf("%s", makeJoinTable(campaign.getRecords()).toText().c_str());
+    return ok;
+}
+
+} // namespace
+} // namespace vlx::bench
+
+int main(int argc, char** argv)
+{
+    return vlx::bench::runCampaign(
+        argc, argv, "Time to the first frame after a start, and after a kill.", vlx::bench::run);
+}
