@@ -162,9 +162,19 @@ LogCapture::containsInOrder(const std::vector<LogExpectation>& expected) const
     return ::testing::AssertionSuccess();
 }
 
-::testing::AssertionResult LogCapture::isExactly(const std::vector<LogExpectation>& expected) const
+::testing::AssertionResult LogCapture::isExactly(
+    const std::vector<LogExpectation>& expected,
+    const std::vector<LogExpectation>& ignored) const
 {
-    const std::vector<LogEntry> entries = getEntries();
+    std::vector<LogEntry> entries = getEntries();
+    std::erase_if(
+        entries,
+        [&ignored](const LogEntry& entry)
+        {
+            return std::any_of(
+                ignored.begin(), ignored.end(),
+                [&entry](const LogExpectation& one) { return one.matches(entry); });
+        });
     for (std::size_t i = 0; i < std::min(entries.size(), expected.size()); ++i)
     {
         if (!expected[i].matches(entries[i]))

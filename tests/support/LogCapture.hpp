@@ -61,8 +61,11 @@ public:
     /// @return success if all were logged in this order, whatever else stood between them
     ::testing::AssertionResult containsInOrder(const std::vector<LogExpectation>& expected) const;
 
+    /// @param ignored  messages of other threads, which may come anywhere or not at all
     /// @return success if exactly these were logged, in this order
-    ::testing::AssertionResult isExactly(const std::vector<LogExpectation>& expected) const;
+    ::testing::AssertionResult isExactly(
+        const std::vector<LogExpectation>& expected,
+        const std::vector<LogExpectation>& ignored = {}) const;
 
     /// Waits until a message has been logged, possibly before the call.
     ///

@@ -18,6 +18,17 @@ namespace vlx
 class SenderTestAccess
 {
 public:
+    /// Holds the sender's main lock, and so its listener thread at the next step that needs it.
+    static std::unique_lock<std::mutex> lock(Sender& sender)
+    {
+        return std::unique_lock<std::mutex>(sender.m_mutex);
+    }
+
+    static std::thread::native_handle_type getListenerThread(Sender& sender)
+    {
+        return sender.m_listenerThread.native_handle();
+    }
+
     static bool isInitialized(Sender& sender)
     {
         const std::lock_guard<std::mutex> lock(sender.m_mutex);
@@ -67,10 +78,14 @@ public:
         return sender.m_sequenceInfoPacket;
     }
 
-    static std::vector<pollfd> getPollFDs(Sender& sender)
+    /// @return the descriptors of the poll set; what poll found belongs to the listener thread
+    static std::vector<int> getPolledFDs(Sender& sender)
     {
         const std::lock_guard<std::mutex> lock(sender.m_mutex);
-        return *sender.m_pollFDs;
+        std::vector<int> fds;
+        for (const pollfd& entry : *sender.m_pollFDs)
+            fds.push_back(entry.fd);
+        return fds;
     }
 
     static int& listenerSocketFD(Sender& sender)
@@ -194,6 +209,23 @@ public:
     static int& nanomsgMainFD(Receiver& receiver)
     {
         return receiver.m_nanomsgMainFD;
+    }
+
+    static int getNanomsgWatchFD(Receiver& receiver)
+    {
+        return receiver.m_nanomsgWatchFD;
+    }
+
+    using Pipe = int[2];
+
+    static Pipe& loopWakeupPipe(Receiver& receiver)
+    {
+        return receiver.m_loopWakeupPipe;
+    }
+
+    static int getInotifyFD(Receiver& receiver)
+    {
+        return receiver.m_inotifyFD;
     }
 
     static bool handleSequenceInfoPacket(Receiver& receiver)

@@ -15,6 +15,11 @@
 
 namespace fs = std::filesystem;
 
+void vlx::PrintTo(NanomsgProtocol protocol, std::ostream* stream)
+{
+    *stream << toString(protocol);
+}
+
 namespace vlx::testing
 {
 

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <functional>
 #include <optional>
+#include <ostream>
 #include <set>
 #include <string>
 #include <thread>
@@ -13,14 +14,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <vlx/SideChannel.hpp>
 #include <vlx/VlxTypes.hpp>
 
 #include "support/LogCapture.hpp"
 
 namespace vlx
 {
+
 class Receiver;
-}
+
+/// Lets the test framework show a protocol by its name.
+void PrintTo(NanomsgProtocol protocol, std::ostream* stream);
+
+} // namespace vlx
 
 namespace vlx::testing
 {

@@ -1,0 +1,1114 @@
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <log4cplus/logger.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <vlx/VlxPayload.hpp>
+#include <vlx/VlxSender.hpp>
+
+#include "support/AllocationCounter.hpp"
+#include "support/LogCapture.hpp"
+#include "support/RawPeers.hpp"
+#include "support/TestAccess.hpp"
+#include "support/VlxTest.hpp"
+
+namespace fs = std::filesystem;
+
+namespace vlx
+{
+
+using Access = SenderTestAccess;
+
+using testing::debugLog;
+using testing::errorLog;
+using testing::fromHex;
+using ::testing::HasSubstr;
+using testing::LogExpectation;
+using ::testing::MatchesRegex;
+using testing::RawConnection;
+using testing::RawNanomsg;
+using testing::RawNanomsgPull;
+using testing::RawNanomsgSub;
+using testing::RawSidechannelClient;
+using testing::RawSidechannelServer;
+using ::testing::StartsWith;
+using testing::toBytes;
+using testing::traceLog;
+using testing::waitFor;
+
+namespace
+{
+
+constexpr std::size_t LongestName = 107;
+constexpr const char* SendingData = "Sending data with [0-9]+ bytes over nanomsg SP socket";
+constexpr const char* WatchActivity = "Nanomsg watch FD activity";
+constexpr const char* WakeupActivity = "Nanomsg wakeup pipe activity";
+constexpr const char* NewClient = "New client connection: FD ";
+
+int countBytesInPipe(int readEnd)
+{
+    int numBytes = -1;
+    ::ioctl(readEnd, FIONREAD, &numBytes);
+    return numBytes;
+}
+
+/// Limits what descriptors the process may use, while it lives.
+class DescriptorLimit
+{
+public:
+    explicit DescriptorLimit(rlim_t limit)
+    {
+        EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &m_before), 0);
+        const rlimit changed{limit, m_before.rlim_max};
+        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &changed), 0);
+    }
+
+    ~DescriptorLimit()
+    {
+        ::setrlimit(RLIMIT_NOFILE, &m_before);
+    }
+
+    DescriptorLimit(const DescriptorLimit&) = delete;
+    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+private:
+    rlimit m_before{};
+};
+
+/// The bytes of an InitialInfo packet of a sender without a network clock.
+Buffer makeInitialInfo(const std::string& uri, NanomsgProtocol protocol)
+{
+    Buffer packet = fromHex("0100 00 0000 02");
+    packet.push_back(protocol == NanomsgProtocol::Pipeline ? 1 : 2);
+    const Buffer text = toBytes(uri);
+    packet.insert(packet.end(), text.begin(), text.end());
+    packet.push_back(0);
+    return packet;
+}
+
+Buffer makeSequenceInfo(std::uint16_t sequenceNr)
+{
+    Buffer packet = fromHex("01 00 0000 50434D41 80BB0000 02 02");
+    packet[2] = static_cast<std::uint8_t>(sequenceNr);
+    packet[3] = static_cast<std::uint8_t>(sequenceNr >> 8);
+    return packet;
+}
+
+Buffer makeFrame(std::uint8_t sequenceNr, std::uint8_t timestamp, const Buffer& mediaData)
+{
+    Buffer packet = fromHex("02 00 0000 0000000000000000 0A00000000000000");
+    packet[2] = sequenceNr;
+    packet[4] = timestamp;
+    packet.insert(packet.end(), mediaData.begin(), mediaData.end());
+    return packet;
+}
+
+class SenderTest : public testing::VlxTest
+{
+protected:
+    SenderTest()
+    {
+        m_payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
+    }
+
+    void TearDown() override
+    {
+        m_sender.shutdownSender();
+        VlxTest::TearDown();
+    }
+
+    bool initialize(NanomsgProtocol protocol = NanomsgProtocol::PubSub)
+    {
+        return initialize(m_sender, getSocketName(), "", protocol);
+    }
+
+    static bool initialize(
+        Sender& sender,
+        const std::string& name,
+        const std::string& alternative = "",
+        NanomsgProtocol protocol = NanomsgProtocol::PubSub)
+    {
+        return sender.initializeSender(
+            name, alternative, "", 0, TimeSyncProtocol::MonotonicSystemClock, protocol);
+    }
+
+    /// Initialises the sender and opens the first sequence.
+    void startStream(NanomsgProtocol protocol = NanomsgProtocol::PubSub)
+    {
+        ASSERT_TRUE(initialize(protocol));
+        m_sender.setCurrentPayloader(m_payloader);
+        m_sender.startNewSequence();
+    }
+
+    /// Joins the main channel as a receiver does, and waits until the sender knows.
+    void join(RawNanomsg& receiver, NanomsgProtocol protocol = NanomsgProtocol::PubSub)
+    {
+        const std::string& uri = Access::getNanomsgURI(m_sender);
+        const std::size_t numReceivers = m_sender.getNumReceivers();
+        ASSERT_TRUE(
+            protocol == NanomsgProtocol::Pipeline ? receiver.bind(uri) : receiver.connect(uri));
+        ASSERT_TRUE(waitFor([&] { return m_sender.getNumReceivers() == numReceivers + 1; }));
+    }
+
+    void sendFrame(std::uint8_t timestamp, const Buffer& mediaData)
+    {
+        m_sender.sendMediaData(timestamp, 10, mediaData);
+    }
+
+    bool waitForClients(std::size_t number)
+    {
+        return waitFor([&] { return Access::getPolledFDs(m_sender).size() == number + 2; });
+    }
+
+    /// Connects a receiver that is accepted but not greeted as long as the lock is held.
+    RawSidechannelClient connectUngreeted(std::unique_lock<std::mutex>& lock)
+    {
+        constexpr std::chrono::milliseconds TryDuration{200};
+        const LogExpectation accepted = debugLog(StartsWith(NewClient));
+        for (;;)
+        {
+            const std::size_t numBefore = log().count(accepted);
+            lock = Access::lock(m_sender);
+            RawSidechannelClient client(getSocketName());
+            if (!client.isOpen() ||
+                waitFor([&] { return log().count(accepted) > numBefore; }, TryDuration))
+                return client;
+
+            // The listener thread was already waiting for the lock, on its way to poll.
+            lock.unlock();
+            client.readMessage();
+            client.close();
+            waitForClients(0);
+        }
+    }
+
+    /// Gives back what a failed initialisation keeps.
+    static void release(Sender& sender)
+    {
+        for (auto* pipe : {&Access::listenerWakeupPipe(sender), &Access::nanomsgWakeupPipe(sender)})
+        {
+            for (int& end : *pipe)
+            {
+                ::close(end);
+                end = -1;
+            }
+        }
+        Access::shutdownListener(sender);
+        const std::string& uri = Access::getNanomsgURI(sender);
+        if (!uri.empty())
+            fs::remove_all(fs::path(uri.substr(std::string("ipc://").size())).parent_path());
+    }
+
+    PcmPayloader m_payloader;
+    Sender m_sender;
+};
+
+using SenderDeathTest = SenderTest;
+
+class SenderTransportTest : public SenderTest, public ::testing::WithParamInterface<NanomsgProtocol>
+{
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    Transports,
+    SenderTransportTest,
+    ::testing::Values(NanomsgProtocol::PubSub, NanomsgProtocol::Pipeline),
+    [](const auto& transport) { return std::string(toString(transport.param)); });
+
+} // namespace
+
+TEST_P(SenderTransportTest, LifeCycleIsLoggedStepByStep)
+{
+    m_sender.shutdownSender();
+    EXPECT_FALSE(Access::isInitialized(m_sender));
+    EXPECT_TRUE(log().isExactly({}));
+
+    ASSERT_TRUE(initialize(m_sender, getSocketName(), "other", GetParam()));
+    const std::string uri = Access::getNanomsgURI(m_sender);
+    const std::string directory = getTempDirectory() + "/" + listTempDirectory().at(0);
+    EXPECT_TRUE(log().isExactly(
+        {traceLog("Setting up sender with socket address \"" + getSocketName() + "\""),
+         traceLog("Alternative socket address \"other\""),
+         debugLog("Nanomsg URI: \"ipc://" + directory + "/nanomsgChannel.ipc\""),
+         traceLog("Listener set up"), debugLog(MatchesRegex("Nanomsg watch FD: [0-9]+")),
+         traceLog("Sender initialized")}));
+
+    log().clear();
+    EXPECT_TRUE(initialize(m_sender, std::string(50, 'x'), "", NanomsgProtocol{9}));
+    EXPECT_EQ(Access::getNanomsgURI(m_sender), uri);
+    EXPECT_TRUE(log().isExactly({}));
+
+    RawSidechannelClient client(getSocketName());
+    EXPECT_EQ(client.readMessage(), makeInitialInfo(uri, GetParam()));
+    log().clear();
+    m_sender.shutdownSender();
+    EXPECT_TRUE(log().isExactly(
+        {traceLog("Listener shut down"),
+         debugLog(
+             "Deleting nanomsg IPC socket file \"" + directory +
+             "/nanomsgChannel.ipc\" if it exists"),
+         debugLog("Deleting temporary nanomsg socket directory \"" + directory + "\""),
+         traceLog("Sender shut down")},
+        {traceLog("Listener thread loop wakeup activity")}));
+    EXPECT_TRUE(client.waitForClose());
+    EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty());
+    EXPECT_TRUE(Access::getPolledFDs(m_sender).empty());
+
+    log().clear();
+    m_sender.shutdownSender();
+    EXPECT_TRUE(log().isExactly({}));
+}
+
+TEST_P(SenderTransportTest, PlainSocketsReadTheStreamByteForByte)
+{
+    startStream(GetParam());
+    const std::string uri = Access::getNanomsgURI(m_sender);
+    RawSidechannelClient client(getSocketName());
+    const Buffer expected = [&]
+    {
+        Buffer bytes = testing::makeSidechannelMessage(makeInitialInfo(uri, GetParam()));
+        const Buffer second = testing::makeSidechannelMessage(makeSequenceInfo(1));
+        bytes.insert(bytes.end(), second.begin(), second.end());
+        return bytes;
+    }();
+    EXPECT_EQ(client.readBytes(expected.size()), expected);
+
+    const bool isPipeline = GetParam() == NanomsgProtocol::Pipeline;
+    RawNanomsgPull pull;
+    RawNanomsgSub sub;
+    RawNanomsg& receiver = isPipeline ? static_cast<RawNanomsg&>(pull) : sub;
+    EXPECT_EQ(m_sender.getNumReceivers(), 0U);
+    ASSERT_NO_FATAL_FAILURE(join(receiver, GetParam()));
+
+    for (const std::size_t size :
+         {std::size_t{0}, std::size_t{1}, std::size_t{1920}, std::size_t{300'000},
+          std::size_t{1920}})
+    {
+        const Buffer mediaData(size, static_cast<std::uint8_t>(size));
+        sendFrame(7, mediaData);
+        EXPECT_EQ(receiver.receive(), makeFrame(1, 7, mediaData)) << size;
+    }
+    m_sender.startNewSequence();
+    EXPECT_EQ(receiver.receive(), makeSequenceInfo(2));
+    sendFrame(8, {1, 2});
+    EXPECT_EQ(receiver.receive(), makeFrame(2, 8, {1, 2}));
+    EXPECT_FALSE(client.hasInput()) << "only newcomers are told on the sidechannel";
+
+    receiver.close();
+    EXPECT_TRUE(waitFor([&] { return m_sender.getNumReceivers() == 0; }));
+    m_sender.shutdownSender();
+    EXPECT_EQ(m_sender.getNumReceivers(), 0U);
+}
+
+TEST_P(SenderTransportTest, CanBeInitializedAgain)
+{
+    startStream(GetParam());
+    const std::string firstURI = Access::getNanomsgURI(m_sender);
+    m_sender.shutdownSender();
+    EXPECT_TRUE(Access::isSendDisabled(m_sender));
+
+    const std::string name = getSocketName() + "-again";
+    ASSERT_TRUE(initialize(m_sender, name, "", GetParam()));
+    EXPECT_FALSE(Access::isSendDisabled(m_sender));
+    const std::string uri = Access::getNanomsgURI(m_sender);
+    EXPECT_NE(uri, firstURI);
+
+    RawSidechannelClient client(name);
+    EXPECT_EQ(client.readMessage(), makeInitialInfo(uri, GetParam()));
+    EXPECT_EQ(client.readMessage(), makeSequenceInfo(1)) << "the one from before";
+    client.close();
+    ASSERT_TRUE(waitForClients(0));
+    m_sender.startNewSequence();
+    EXPECT_EQ(Access::getSequenceInfoPacket(m_sender), makeSequenceInfo(2));
+}
+
+TEST_F(SenderTest, DestructionShutsDown)
+{
+    {
+        Sender sender;
+        ASSERT_TRUE(initialize(sender, getSocketName()));
+    }
+    EXPECT_TRUE(log().contains(traceLog("Sender shut down")));
+    EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty());
+}
+
+TEST_F(SenderTest, LongNamesAreReportedAndCut)
+{
+    for (const std::size_t length : {LongestName, LongestName + 1, std::size_t{120}})
+    {
+        SCOPED_TRACE(length);
+        std::string name = getSocketName();
+        name.resize(LongestName, 'n');
+        name.resize(length, 'x');
+        log().clear();
+        ASSERT_TRUE(initialize(m_sender, name));
+
+        std::vector<LogExpectation> first;
+        if (length > LongestName)
+        {
+            first.push_back(errorLog(
+                "Cannot set up sender since the Unix domain socket address is too long (max "
+                "allowed length: 107 actual length: " +
+                std::to_string(length) + ")"));
+        }
+        first.push_back(traceLog("Setting up sender with socket address \"" + name + "\""));
+        EXPECT_TRUE(log().containsInOrder(first));
+        EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), first.size() - 1);
+
+        RawSidechannelClient client(name.substr(0, LongestName));
+        EXPECT_TRUE(client.readMessage().has_value());
+        client.close();
+        m_sender.shutdownSender();
+    }
+}
+
+TEST_F(SenderTest, TakenNameIsReplacedByTheAlternative)
+{
+    // Longer than the alternative, of which nothing may be left behind it.
+    std::string taken = getSocketName();
+    taken.resize(LongestName, 't');
+    RawSidechannelServer other(taken);
+    ASSERT_TRUE(other.isListening());
+    std::string longAlternative = getSocketName() + "-long";
+    longAlternative.resize(LongestName + 20, 'a');
+
+    for (const std::string& alternative : {getSocketName() + "-b", longAlternative})
+    {
+        log().clear();
+        ASSERT_TRUE(initialize(m_sender, taken, alternative));
+        EXPECT_TRUE(log().containsInOrder(
+            {debugLog("Could not bind listener socket: Address already in use (98)"),
+             debugLog("Binding to alternative address " + alternative),
+             traceLog("Listener set up")}));
+        EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), 0U);
+        RawSidechannelClient client(alternative.substr(0, LongestName));
+        EXPECT_TRUE(client.readMessage().has_value());
+        client.close();
+        m_sender.shutdownSender();
+    }
+    other.close();
+}
+
+TEST_F(SenderTest, TakenNameWithoutFreeAlternativeFails)
+{
+    RawSidechannelServer other(getSocketName());
+    const LogExpectation bindFailed =
+        debugLog("Could not bind listener socket: Address already in use (98)");
+    for (const std::string& alternative : {std::string(), getSocketName()})
+    {
+        Sender sender;
+        EXPECT_FALSE(initialize(sender, getSocketName(), alternative));
+        EXPECT_FALSE(Access::isInitialized(sender));
+        EXPECT_EQ(Access::listenerSocketFD(sender), -1);
+        EXPECT_EQ(log().count(bindFailed), alternative.empty() ? 1U : 2U);
+        EXPECT_TRUE(log().containsInOrder(
+            {bindFailed, traceLog("Listener shut down"),
+             errorLog("Failed to set up the listener socket")}));
+        log().clear();
+        sender.shutdownSender();
+        EXPECT_TRUE(log().isExactly({}));
+        release(sender);
+        log().clear();
+    }
+    other.close();
+}
+
+TEST_F(SenderTest, UnusableTempDirectoryFails)
+{
+    const bool fallbackExists = fs::exists("/tmp/vlx");
+    for (const char* const directory : {static_cast<const char*>(nullptr), "/nowhere/at/all"})
+    {
+        if (directory == nullptr && fallbackExists)
+            continue; // whether it is looked for cannot be seen here
+        if (directory == nullptr)
+            ::unsetenv("TMPDIR");
+        else
+            ::setenv("TMPDIR", directory, 1);
+
+        Sender sender;
+        EXPECT_FALSE(initialize(sender, getSocketName()));
+        EXPECT_FALSE(Access::isInitialized(sender));
+        EXPECT_TRUE(log().isExactly(
+            {traceLog(StartsWith("Setting up sender")),
+             errorLog("Could not create temporary directory for nanomsg SP socket: No such file or "
+                      "directory (2)")}));
+        release(sender);
+        log().clear();
+    }
+}
+
+TEST_F(SenderTest, EmptyTempDirectoryVariableCountsAsSet)
+{
+    ::setenv("TMPDIR", "", 1);
+    Sender sender;
+    if (initialize(sender, getSocketName()))
+    {
+        EXPECT_THAT(Access::getNanomsgURI(sender), StartsWith("ipc:///VlxSender-"));
+        return;
+    }
+    // The root directory cannot be written to; the fall-back would not have been missing.
+    EXPECT_FALSE(log().contains(errorLog(HasSubstr("(2)"))));
+    release(sender);
+}
+
+TEST_P(SenderTransportTest, TempDirectoryIsOpenToEveryone)
+{
+    const mode_t mask = ::umask(0077);
+    ASSERT_TRUE(initialize(GetParam()));
+    ::umask(mask);
+
+    ASSERT_EQ(listTempDirectory().size(), 1U);
+    const std::string name = listTempDirectory()[0];
+    EXPECT_THAT(name, MatchesRegex("VlxSender-[A-Za-z0-9]{6}"));
+    const fs::path directory = fs::path(getTempDirectory()) / name;
+    struct stat status
+    {
+    };
+    ASSERT_EQ(::stat(directory.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0777U);
+    // In a pipeline the receiver makes it.
+    EXPECT_EQ(fs::exists(directory / "nanomsgChannel.ipc"), GetParam() == NanomsgProtocol::PubSub);
+}
+
+TEST_F(SenderTest, AnnouncesItsClock)
+{
+    struct Row
+    {
+        std::string address;
+        std::uint32_t port;
+        TimeSyncProtocol protocol;
+        const char* afterAddress; // terminator, port, protocols
+    };
+    for (const Row& row :
+         {Row{"10.1.2.3", 0x1234, TimeSyncProtocol::GstNetClock, "00 3412 01 02"},
+          Row{"", 0x10005, TimeSyncProtocol::MonotonicSystemClock, "00 0500 02 02"},
+          Row{"::1", 65535, TimeSyncProtocol::Unknown, "00 FFFF 00 02"}})
+    {
+        SCOPED_TRACE(row.port);
+        ASSERT_TRUE(m_sender.initializeSender(
+            getSocketName(), "", row.address, row.port, row.protocol, NanomsgProtocol::PubSub));
+        Buffer expected = fromHex("0100");
+        for (const Buffer& part :
+             {toBytes(row.address), fromHex(row.afterAddress),
+              toBytes(Access::getNanomsgURI(m_sender)), Buffer{0}})
+            expected.insert(expected.end(), part.begin(), part.end());
+
+        RawSidechannelClient client(getSocketName());
+        EXPECT_EQ(client.readMessage(), expected);
+        client.close();
+        m_sender.shutdownSender();
+    }
+}
+
+TEST_F(SenderTest, NewcomersAreToldTheCurrentSequence)
+{
+    ASSERT_TRUE(initialize());
+    m_sender.setCurrentPayloader(m_payloader);
+    const Buffer initialInfo =
+        makeInitialInfo(Access::getNanomsgURI(m_sender), NanomsgProtocol::PubSub);
+    RawSidechannelClient early(getSocketName());
+    EXPECT_EQ(early.readMessage(), initialInfo);
+    ASSERT_TRUE(waitForClients(1));
+    EXPECT_FALSE(early.hasInput()) << "no sequence yet";
+
+    m_sender.startNewSequence();
+    log().clear();
+    RawSidechannelClient late(getSocketName());
+    EXPECT_EQ(late.readMessage(), initialInfo);
+    EXPECT_EQ(late.readMessage(), makeSequenceInfo(1));
+    EXPECT_FALSE(early.hasInput());
+
+    ASSERT_TRUE(waitForClients(2));
+    const std::string fd = std::to_string(Access::getPolledFDs(m_sender)[3]);
+    const std::string size = std::to_string(initialInfo.size());
+    EXPECT_TRUE(log().isExactly(
+        {traceLog("Listener thread socket activity"), debugLog(NewClient + fd),
+         debugLog("Sending InitialInfo packet with " + size + " bytes to connection with FD " + fd),
+         traceLog("Sending message with " + size + " bytes over client connection with FD " + fd),
+         debugLog("Sending SequenceInfo packet with 14 bytes to connection with FD " + fd),
+         traceLog("Sending message with 14 bytes over client connection with FD " + fd)}));
+}
+
+TEST_F(SenderTest, WhatReceiversWriteIsDiscarded)
+{
+    ASSERT_TRUE(initialize());
+    RawSidechannelClient first(getSocketName());
+    RawSidechannelClient second(getSocketName());
+    ASSERT_TRUE(first.readMessage() && second.readMessage());
+    ASSERT_TRUE(waitForClients(2));
+    const std::vector<int> fds = Access::getPolledFDs(m_sender);
+
+    ASSERT_TRUE(first.send(Buffer(1000, 0xAA)));
+    ASSERT_TRUE(second.send(Buffer(3, 0xAA), 1));
+    EXPECT_TRUE(
+        waitFor([&] { return countBytesInPipe(fds[2]) == 0 && countBytesInPipe(fds[3]) == 0; }));
+    EXPECT_EQ(Access::getPolledFDs(m_sender).size(), 4U);
+
+    const auto closed = [](int fd, int remaining)
+    {
+        return debugLog(
+            "Client connection with FD " + std::to_string(fd) + " got closed; " +
+            std::to_string(remaining) + " connection(s) remain");
+    };
+    first.close();
+    EXPECT_TRUE(log().waitFor(closed(fds[2], 1)));
+    EXPECT_TRUE(Access::areThereClientConnections(m_sender));
+    EXPECT_EQ(Access::getPolledFDs(m_sender).at(2), fds[3]);
+    second.close();
+    EXPECT_TRUE(log().waitFor(closed(fds[3], 0)));
+    EXPECT_FALSE(Access::areThereClientConnections(m_sender));
+    EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), 0U);
+}
+
+TEST_F(SenderTest, ReceiverThatLeavesUnreadBytesIsReportedAndRemoved)
+{
+    ASSERT_TRUE(initialize());
+    {
+        const RawSidechannelClient client(getSocketName());
+        ASSERT_TRUE(waitFor([&] { return client.hasInput(); }));
+        ASSERT_TRUE(waitForClients(1));
+    }
+    ASSERT_TRUE(waitForClients(0));
+    EXPECT_TRUE(log().containsInOrder(
+        {errorLog("Error trying to receive bytes from client connection FD: Connection reset by "
+                  "peer (104)"),
+         debugLog(MatchesRegex(
+             "Client connection with FD [0-9]+ got closed; 0 connection\\(s\\) remain"))}));
+}
+
+TEST_F(SenderTest, ReceiverThatLeavesBeforeItsGreetingDoesNotKill)
+{
+    // Nobody protects this process: the default action of SIGPIPE ends it.
+    ASSERT_EQ(::signal(SIGPIPE, SIG_DFL), SIG_DFL);
+    startStream();
+    std::unique_lock<std::mutex> lock;
+    for (std::size_t i = 1; i <= 3; ++i)
+    {
+        RawSidechannelClient client = connectUngreeted(lock);
+        client.close();
+        lock.unlock();
+        ASSERT_TRUE(log().waitFor(
+            errorLog(MatchesRegex("Could not send message size to client connection with FD [0-9]+:"
+                                  " Broken pipe \\(32\\)")),
+            2 * i));
+    }
+    EXPECT_TRUE(waitForClients(0));
+    EXPECT_FALSE(log().contains(errorLog(HasSubstr("payload"))));
+
+    sigset_t mask{};
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    EXPECT_EQ(::sigismember(&mask, SIGPIPE), 0) << "the application's threads keep their mask";
+}
+
+TEST_F(SenderTest, OutOfDescriptorsTheListenerGoesOn)
+{
+    ASSERT_TRUE(initialize());
+    std::unique_lock<std::mutex> lock;
+    const RawSidechannelClient first = connectUngreeted(lock);
+    RawSidechannelClient second(getSocketName());
+    {
+        const int nextFD = testing::Descriptor(::dup(0)).get();
+        const DescriptorLimit noMore(static_cast<rlim_t>(nextFD));
+        lock.unlock();
+        EXPECT_TRUE(
+            log().waitFor(errorLog("Could not accept new connection: Too many open files (24)")));
+    }
+    EXPECT_TRUE(second.readMessage().has_value());
+}
+
+TEST_F(SenderTest, FailedPollEndsTheListenerThread)
+{
+    ASSERT_TRUE(initialize());
+    std::unique_lock<std::mutex> lock;
+    const RawSidechannelClient client = connectUngreeted(lock);
+    {
+        const DescriptorLimit fewerThanPolled(2);
+        lock.unlock();
+        EXPECT_TRUE(log().waitFor(errorLog("Could not poll for activity: Invalid argument (22)")));
+    }
+    ASSERT_TRUE(waitFor([&] { return !Access::isListenerThreadRunning(m_sender); }));
+    EXPECT_TRUE(Access::isInitialized(m_sender));
+    sendFrame(1, {1}); // without a payloader: not even that is looked at
+    EXPECT_TRUE(log().contains(traceLog("Cannot send media data: Listener thread is not running")));
+}
+
+TEST_F(SenderTest, WakeupEndsTheListenerThreadAndTheStream)
+{
+    startStream();
+    ASSERT_EQ(::write(Access::listenerWakeupPipe(m_sender)[1], "xyz", 3), 3);
+    ASSERT_TRUE(waitFor([&] { return !Access::isListenerThreadRunning(m_sender); }));
+    EXPECT_TRUE(log().contains(traceLog("Listener thread loop wakeup activity")));
+    EXPECT_EQ(countBytesInPipe(Access::listenerWakeupPipe(m_sender)[0]), 0);
+
+    log().clear();
+    m_sender.startNewSequence();
+    sendFrame(1, {1});
+    EXPECT_TRUE(log().isExactly(
+        {debugLog("Not starting new sequence since the listener thread is not running"),
+         traceLog("Cannot send media data: Listener thread is not running")}));
+    EXPECT_EQ(Access::getSequenceNr(m_sender), 1);
+    EXPECT_EQ(Access::getSequenceInfoPacket(m_sender), makeSequenceInfo(1));
+}
+
+TEST_F(SenderTest, SendingToAllClientsTriesTheFirstTwoEntriesToo)
+{
+    ASSERT_TRUE(initialize());
+    const std::vector<int> fds = Access::getPolledFDs(m_sender);
+    const auto couldNotSend = [&fds](std::size_t entry, const std::string& reason)
+    {
+        return errorLog(
+            "Could not send message size to client connection with FD " +
+            std::to_string(fds[entry]) + ": " + reason);
+    };
+    log().clear();
+    Access::sendDataOverAllClientConnections(m_sender, Buffer(40));
+    EXPECT_TRUE(log().isExactly(
+        {traceLog(StartsWith("Sending message with 40 bytes")),
+         couldNotSend(0, "Socket operation on non-socket (88)"),
+         traceLog(StartsWith("Sending message with 40 bytes")),
+         couldNotSend(1, "Transport endpoint is not connected (107)")}));
+
+    RawSidechannelClient client(getSocketName());
+    ASSERT_TRUE(client.readMessage().has_value());
+    ASSERT_TRUE(waitForClients(1));
+    Access::sendDataOverAllClientConnections(m_sender, Buffer(40, 0x40));
+    Access::sendDataOverAllClientConnections(m_sender, Buffer(12, 0x12));
+    Buffer expected = fromHex("28000000");
+    expected.insert(expected.end(), 40, 0x40);
+    expected.insert(expected.end(), {12, 0, 0, 0});
+    expected.insert(expected.end(), 12, 0x12);
+    EXPECT_EQ(client.readBytes(60), expected);
+    EXPECT_FALSE(client.hasInput());
+
+    // A receiver that does not read is not waited for.
+    const Buffer large(100'000);
+    EXPECT_TRUE(waitFor(
+        [&]
+        {
+            Access::sendDataOverAllClientConnections(m_sender, large);
+            return log().contains(errorLog(HasSubstr("Resource temporarily unavailable (11)")));
+        }));
+    EXPECT_EQ(Access::getPolledFDs(m_sender).size(), 3U);
+}
+
+TEST_F(SenderTest, MessagesCarryTheFunctionThatTheyBelongTo)
+{
+    startStream();
+    RawSidechannelClient client(getSocketName());
+    ASSERT_TRUE(client.readMessage() && client.readMessage());
+    client.close();
+    ASSERT_TRUE(waitForClients(0));
+    sendFrame(1, {1});
+    m_sender.disableSend(true);
+    m_sender.shutdownSender();
+
+    struct Row
+    {
+        const char* text;
+        const char* function;
+    };
+    const std::vector<Row> rows = {
+        {"Setting up sender", "initializeSender"},
+        {"Nanomsg URI", "initializeSender"},
+        {"Listener set up", "setupListener"},
+        {"Nanomsg watch FD:", "setupNanomsgMainChannel"},
+        {"Set payloader", "setCurrentPayloader"},
+        {"Starting new sequence", "startNewSequence"},
+        {"New client connection", "listenerThreadLoop"},
+        {"Client connection with FD", "listenerThreadLoop"},
+        {"Sending message with", "sendDataOverClientConnection"},
+        {"Payloader wrapped", "sendMediaData"},
+        {"Sending data with", "sendDataOverNanomsg"},
+        {"Send operations", "disableSend"},
+        {"Listener shut down", "shutdownListener"},
+        {"Deleting nanomsg", "shutdownSender"},
+    };
+    for (const Row& row : rows)
+    {
+        bool found = false;
+        for (const testing::LogEntry& entry : log().getEntries())
+        {
+            if (entry.text.find(row.text) != 0)
+                continue;
+            found = true;
+            EXPECT_THAT(entry.function, HasSubstr(std::string("Sender::") + row.function))
+                << row.text;
+        }
+        EXPECT_TRUE(found) << row.text;
+    }
+}
+
+TEST_F(SenderTest, SequenceNumbersSkipZero)
+{
+    ASSERT_TRUE(initialize());
+    m_sender.setCurrentPayloader(m_payloader);
+    struct Row
+    {
+        std::uint16_t before;
+        std::uint16_t after;
+    };
+    for (const Row& row : {Row{0, 1}, Row{1, 2}, Row{255, 256}, Row{65534, 65535}, Row{65535, 1}})
+    {
+        SCOPED_TRACE(row.before);
+        Access::setSequenceNr(m_sender, row.before);
+        log().clear();
+        m_sender.startNewSequence();
+        EXPECT_EQ(Access::getSequenceNr(m_sender), row.after);
+        EXPECT_EQ(Access::getSequenceInfoPacket(m_sender), makeSequenceInfo(row.after));
+        EXPECT_TRUE(log().isExactly(
+            {debugLog("Starting new sequence with nr " + std::to_string(row.after)),
+             debugLog("There are no client connections; no need to send SequenceInfo packet "
+                      "now")}));
+    }
+}
+
+TEST_F(SenderTest, SequencesAndFramesAreLogged)
+{
+    m_sender.startNewSequence();
+    sendFrame(1, {1});
+    Payloader odd(0x7F1F0041);
+    m_sender.setCurrentPayloader(odd);
+    EXPECT_TRUE(log().isExactly(
+        {debugLog("Not starting new sequence since the listener thread is not running"),
+         traceLog("Cannot send media data: Listener thread is not running"),
+         debugLog("Set payloader with FourCC \"A  \x7F\"")}));
+    EXPECT_EQ(Access::getSequenceNr(m_sender), 0);
+
+    startStream();
+    RawSidechannelClient client(getSocketName());
+    ASSERT_TRUE(client.readMessage() && client.readMessage());
+    ASSERT_TRUE(waitForClients(1));
+    log().clear();
+    m_sender.startNewSequence();
+    sendFrame(1, {1, 2, 3});
+    EXPECT_TRUE(log().isExactly(
+        {debugLog("Starting new sequence with nr 2"),
+         debugLog("Sending out new SequenceInfo packet to client connections"),
+         traceLog("Sending data with 14 bytes over nanomsg SP socket"), traceLog(WatchActivity),
+         traceLog("Payloader wrapped media data with 3 byte into packet with 23 byte"),
+         traceLog("Sending data with 23 bytes over nanomsg SP socket"), traceLog(WatchActivity)}));
+}
+
+TEST_F(SenderTest, PayloaderChangesAtOnceAndTheSequenceNumberLater)
+{
+    class Reversing : public Payloader
+    {
+    public:
+        Reversing() : Payloader(1) {}
+
+        void wrapFrame(Buffer& packet, std::size_t offset, const ByteView& mediaData) override
+        {
+            std::copy(
+                mediaData.rbegin(), mediaData.rend(),
+                packet.begin() + static_cast<std::ptrdiff_t>(offset));
+        }
+    };
+    ASSERT_TRUE(initialize());
+    m_sender.setCurrentPayloader(m_payloader);
+    RawNanomsgSub receiver;
+    ASSERT_NO_FATAL_FAILURE(join(receiver));
+    sendFrame(1, {1, 2, 3});
+    EXPECT_EQ(receiver.receive(), makeFrame(0, 1, {1, 2, 3})) << "before the first sequence";
+    m_sender.startNewSequence(); // nobody is on the sidechannel: not sent on the main channel
+
+    Reversing reversing;
+    m_sender.setCurrentPayloader(reversing);
+    sendFrame(2, {1, 2, 3});
+    EXPECT_EQ(receiver.receive(), makeFrame(1, 2, {3, 2, 1}));
+    m_sender.startNewSequence();
+    sendFrame(3, {4, 5});
+    EXPECT_EQ(receiver.receive(), makeFrame(2, 3, {5, 4}));
+}
+
+TEST_F(SenderTest, DisabledSendingDropsFrames)
+{
+    startStream();
+    RawNanomsgSub receiver;
+    ASSERT_NO_FATAL_FAILURE(join(receiver));
+    const int pipe = Access::nanomsgWakeupPipe(m_sender)[0];
+
+    log().clear();
+    m_sender.disableSend(false);
+    EXPECT_EQ(countBytesInPipe(pipe), 0);
+    m_sender.disableSend(true);
+    m_sender.disableSend(true);
+    EXPECT_EQ(countBytesInPipe(pipe), 1);
+    sendFrame(1, {1});
+    m_sender.disableSend(false);
+    m_sender.disableSend(false);
+    EXPECT_EQ(countBytesInPipe(pipe), 1);
+    EXPECT_TRUE(log().isExactly(
+        {traceLog("Send operations are now disabled"), traceLog(StartsWith("Payloader wrapped")),
+         traceLog("Cannot send anything; sending is disabled"),
+         traceLog("Send operations are now enabled")}));
+
+    // The byte that nobody was waiting for is drained, and the frame sent all the same.
+    log().clear();
+    sendFrame(2, {2});
+    EXPECT_EQ(countBytesInPipe(pipe), 0);
+    EXPECT_TRUE(log().isExactly(
+        {traceLog(StartsWith("Payloader wrapped")), traceLog(MatchesRegex(SendingData)),
+         traceLog(WakeupActivity), traceLog(WatchActivity)}));
+    EXPECT_EQ(receiver.receive(), makeFrame(1, 2, {2}));
+
+    m_sender.shutdownSender();
+    log().clear();
+    m_sender.disableSend(true);
+    EXPECT_TRUE(log().isExactly({})) << "disabled already";
+    m_sender.disableSend(false);
+    m_sender.disableSend(true); // there is no pipe to write to
+    EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), 0U);
+    ASSERT_TRUE(initialize());
+    EXPECT_FALSE(Access::isSendDisabled(m_sender));
+}
+
+TEST_F(SenderTest, BlockedSendIsFreedByDisabling)
+{
+    startStream(NanomsgProtocol::Pipeline);
+    log().clear();
+    auto blocked = std::async(std::launch::async, [this] { sendFrame(1, {1}); });
+    ASSERT_TRUE(log().waitFor(traceLog(MatchesRegex(SendingData))));
+    EXPECT_EQ(blocked.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    m_sender.disableSend(true);
+    ASSERT_EQ(blocked.wait_for(testing::DefaultDeadline), std::future_status::ready);
+    EXPECT_EQ(countBytesInPipe(Access::nanomsgWakeupPipe(m_sender)[0]), 0);
+    EXPECT_TRUE(log().isExactly(
+        {traceLog(StartsWith("Payloader wrapped")), traceLog(MatchesRegex(SendingData)),
+         traceLog("Send operations are now disabled"), traceLog(WakeupActivity)}));
+
+    // A byte left from a change that freed nobody costs the next frame, without a word.
+    m_sender.disableSend(false);
+    m_sender.disableSend(true);
+    m_sender.disableSend(false);
+    log().clear();
+    sendFrame(2, {2});
+    EXPECT_TRUE(log().isExactly(
+        {traceLog(StartsWith("Payloader wrapped")), traceLog(MatchesRegex(SendingData)),
+         traceLog(WakeupActivity)}));
+
+    RawNanomsgPull receiver;
+    ASSERT_NO_FATAL_FAILURE(join(receiver, NanomsgProtocol::Pipeline));
+    sendFrame(3, {3});
+    EXPECT_EQ(receiver.receive(), makeFrame(1, 3, {3})) << "the dropped frames stay dropped";
+}
+
+TEST_F(SenderTest, SignalsEndNeitherABlockedSendNorTheListener)
+{
+    static std::atomic<int> numSignals{0};
+    struct sigaction action
+    {
+    };
+    struct sigaction before
+    {
+    };
+    action.sa_handler = [](int) { ++numSignals; };
+    ASSERT_EQ(::sigaction(SIGUSR1, &action, &before), 0);
+    startStream(NanomsgProtocol::Pipeline);
+
+    std::promise<pthread_t> blockedThread;
+    auto blocked = std::async(
+        std::launch::async,
+        [&]
+        {
+            blockedThread.set_value(::pthread_self());
+            sendFrame(1, {1});
+        });
+    const pthread_t producer = blockedThread.get_future().get();
+    ASSERT_TRUE(log().waitFor(traceLog(MatchesRegex(SendingData))));
+    for (int i = 0; i < 20; ++i)
+    {
+        ::pthread_kill(producer, SIGUSR1);
+        ::pthread_kill(Access::getListenerThread(m_sender), SIGUSR1);
+        ASSERT_TRUE(waitFor([i] { return numSignals == 2 * (i + 1); }));
+    }
+
+    EXPECT_EQ(blocked.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    RawNanomsgPull receiver;
+    ASSERT_TRUE(receiver.bind(Access::getNanomsgURI(m_sender)));
+    EXPECT_EQ(receiver.receive(), makeFrame(1, 1, {1}));
+    RawSidechannelClient client(getSocketName());
+    EXPECT_TRUE(client.readMessage().has_value());
+    EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), 0U);
+    blocked.get();
+    ::sigaction(SIGUSR1, &before, nullptr);
+}
+
+TEST_F(SenderTest, ReceiverThatTakesNothingDisturbsNobody)
+{
+    startStream();
+    RawNanomsgSub paused;
+    RawNanomsgSub receiver;
+    ASSERT_NO_FATAL_FAILURE(join(paused));
+    ASSERT_NO_FATAL_FAILURE(join(receiver));
+    const Buffer mediaData(100'000, 0x55);
+    for (std::uint8_t i = 0; i < 50; ++i)
+    {
+        sendFrame(i, mediaData);
+        ASSERT_EQ(receiver.receive(), makeFrame(1, i, mediaData));
+    }
+    EXPECT_EQ(m_sender.getNumReceivers(), 2U);
+}
+
+TEST_F(SenderTest, DescriptorsAreNotInherited)
+{
+    std::vector<int> before;
+    for (int fd = 0; fd < 1024; ++fd)
+    {
+        if (::fcntl(fd, F_GETFD) != -1)
+            before.push_back(fd);
+    }
+    startStream();
+    RawSidechannelClient client(getSocketName());
+    ASSERT_TRUE(client.readMessage().has_value());
+    ASSERT_TRUE(waitForClients(1));
+
+    std::size_t numChecked = 0;
+    for (int fd = 0; fd < 1024; ++fd)
+    {
+        const int flags = ::fcntl(fd, F_GETFD);
+        if (flags == -1 || std::find(before.begin(), before.end(), fd) != before.end())
+            continue;
+        std::error_code error;
+        const fs::path target = fs::read_symlink("/proc/self/fd/" + std::to_string(fd), error);
+        EXPECT_NE(flags & FD_CLOEXEC, 0) << fd << " " << target;
+        ++numChecked;
+    }
+    EXPECT_GE(numChecked, 6U) << "two pipes, listener and connection";
+}
+
+TEST_F(SenderTest, SendingAllocatesNothing)
+{
+    // Writing messages would allocate.
+    log4cplus::Logger::getInstance("Vellox").setLogLevel(log4cplus::WARN_LOG_LEVEL);
+    startStream();
+    RawNanomsgSub receiver;
+    ASSERT_NO_FATAL_FAILURE(join(receiver));
+    const Buffer largest(7680, 1);
+    const Buffer usual(1920, 2);
+    const std::size_t countedBefore = testing::countAllocationsOfThread();
+    sendFrame(0, largest);
+    ASSERT_GT(testing::countAllocationsOfThread(), countedBefore)
+        << "the first frame grows the buffer";
+
+    const std::size_t allocationsBefore = testing::countAllocationsOfThread();
+    for (std::uint8_t i = 1; i < 200; ++i)
+        sendFrame(i, i % 2 == 0 ? largest : usual);
+    EXPECT_EQ(testing::countAllocationsOfThread(), allocationsBefore);
+    EXPECT_TRUE(receiver.receive().has_value());
+    log4cplus::Logger::getInstance("Vellox").setLogLevel(log4cplus::TRACE_LOG_LEVEL);
+}
+
+TEST_F(SenderTest, ThreadsMayMeet)
+{
+    startStream();
+    std::atomic<bool> keepRunning = true;
+    std::thread producer(
+        [&]
+        {
+            for (std::uint8_t i = 0; keepRunning; ++i)
+            {
+                if (i % 16 == 0)
+                    m_sender.startNewSequence();
+                sendFrame(i, Buffer(100, i));
+            }
+        });
+    std::thread controller(
+        [&]
+        {
+            while (keepRunning)
+            {
+                m_sender.disableSend(true);
+                m_sender.getNumReceivers();
+                m_sender.disableSend(false);
+            }
+        });
+
+    const Buffer initialInfo =
+        makeInitialInfo(Access::getNanomsgURI(m_sender), NanomsgProtocol::PubSub);
+    for (int i = 0; i < 50; ++i)
+    {
+        RawSidechannelClient client(getSocketName());
+        EXPECT_EQ(client.readMessage(), initialInfo);
+        const Buffer sequenceInfo = client.readMessage().value_or(Buffer());
+        ASSERT_EQ(sequenceInfo.size(), 14U);
+        EXPECT_EQ(sequenceInfo, makeSequenceInfo(parsePacketSequenceNr(sequenceInfo)));
+    }
+    keepRunning = false;
+    producer.join();
+    controller.join();
+    EXPECT_TRUE(waitForClients(0));
+    EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), 0U);
+}
+
+TEST_F(SenderTest, MainChannelCanBeTriedAgain)
+{
+    Access::shutdownNanomsgMainChannel(m_sender);
+    EXPECT_TRUE(log().isExactly({}));
+
+    Access::setNanomsgProtocol(m_sender, NanomsgProtocol::PubSub);
+    Access::setNanomsgURI(m_sender, "ipc://" + std::string(200, 'x'));
+    EXPECT_FALSE(Access::setupNanomsgMainChannel(m_sender));
+    EXPECT_EQ(Access::nanomsgMainFD(m_sender), -1);
+    EXPECT_EQ(Access::getNanomsgEndpointID(m_sender), -1);
+    EXPECT_TRUE(log().isExactly(
+        {errorLog(MatchesRegex("Could not connect the nanomsg SP socket: .+ \\([0-9]+\\)"))}));
+
+    const std::string file = getTempDirectory() + "/file";
+    Access::setNanomsgURI(m_sender, "ipc://" + file);
+    EXPECT_TRUE(Access::setupNanomsgMainChannel(m_sender));
+    Access::shutdownNanomsgMainChannel(m_sender);
+    EXPECT_EQ(Access::nanomsgMainFD(m_sender), -1);
+    EXPECT_EQ(Access::getNanomsgEndpointID(m_sender), -1);
+    ::unlink(file.c_str());
+}
+
+TEST_F(SenderDeathTest, FailedMainChannelLeavesTheListenerOpen)
+{
+    // One that a directory can have, but the path of a socket file cannot.
+    const fs::path directory = fs::path(getTempDirectory()) / std::string(100, 'd');
+    fs::create_directory(directory);
+    ::setenv("TMPDIR", directory.c_str(), 1);
+
+    Sender sender;
+    EXPECT_FALSE(initialize(sender, getSocketName()));
+    EXPECT_TRUE(log().containsInOrder(
+        {traceLog("Listener set up"), errorLog(StartsWith("Could not connect the nanomsg SP")),
+         errorLog("Failed to set up the nanomsg main channel")}));
+    EXPECT_GE(Access::listenerSocketFD(sender), 0);
+    EXPECT_EQ(Access::nanomsgMainFD(sender), -1);
+    EXPECT_EQ(Access::getNanomsgEndpointID(sender), -1);
+    sender.shutdownSender();
+    EXPECT_GE(Access::listenerSocketFD(sender), 0);
+    EXPECT_ASSERTION(initialize(sender, getSocketName()), "m_listenerSocketFD < 0");
+    release(sender);
+    fs::remove_all(directory);
+}
+
+TEST_F(SenderDeathTest, BrokenPreconditionsStopTheProcess)
+{
+    EXPECT_ASSERTION(Access::sendDataOverNanomsg(m_sender, Buffer(5)), "m_nanomsgMainFD >= 0");
+    for (const int protocol : {0, 3, 0x102})
+    {
+        EXPECT_ASSERTION(
+            initialize(m_sender, getSocketName(), "", NanomsgProtocol{protocol}), "false");
+    }
+    ASSERT_TRUE(initialize());
+    EXPECT_ASSERTION(m_sender.startNewSequence(), "m_payloader != nullptr");
+    EXPECT_ASSERTION(sendFrame(1, {1}), "m_payloader != nullptr");
+    EXPECT_ASSERTION(Access::setupListener(m_sender), "m_listenerSocketFD < 0");
+    EXPECT_ASSERTION(Access::setupNanomsgMainChannel(m_sender), "m_nanomsgMainFD < 0");
+}
+
+} // namespace vlx
