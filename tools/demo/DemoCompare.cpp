@@ -49,6 +49,7 @@ struct Comparison
 {
     std::uint64_t compared = 0;
     std::uint64_t differing = 0;
+    TimeValue missedNs = 0; ///< sent before the first sample that arrived
 };
 
 json readJson(const std::string& path)
@@ -96,17 +97,15 @@ std::vector<Run> readRuns(const std::vector<std::string>& sentReports)
     return runs;
 }
 
-/// @return position in the source of the sample that was sent with a timestamp
-std::uint64_t
-findSourceSample(const std::vector<Run>& runs, TimeValue timestamp, const StreamFormat& format)
+/// @return the run that a timestamp belongs to
+const Run& findRun(const std::vector<Run>& runs, TimeValue timestamp)
 {
     const auto later = std::upper_bound(
         runs.begin(), runs.end(), timestamp,
         [](TimeValue value, const Run& run) { return value < run.timestamp; });
     if (later == runs.begin())
         throw std::runtime_error("a frame is older than everything that was sent");
-    const Run& run = *(later - 1);
-    return run.sample + format.toSamples(timestamp - run.timestamp);
+    return *(later - 1);
 }
 
 Comparison compareSegment(
@@ -117,15 +116,17 @@ Comparison compareSegment(
 {
     const std::uint64_t samples = segment.at("samples");
     const std::uint64_t fileSample = segment.at("file_sample");
+    const TimeValue timestamp = segment.at("timestamp");
+    const Run& run = findRun(runs, timestamp);
     const std::uint64_t sourceSample =
-        findSourceSample(runs, segment.at("timestamp"), source.format);
+        run.sample + source.format.toSamples(timestamp - run.timestamp);
     if (fileSample + samples > recording.getNumSamples())
         throw std::runtime_error("the recording is shorter than its report says");
     if (sourceSample + samples > source.getNumSamples())
         throw std::runtime_error("frames lie beyond the end of the file that was sent");
 
     const std::size_t sampleBytes = source.format.getBytesPerSample();
-    Comparison result;
+    Comparison result{0, 0, timestamp - run.timestamp};
     for (; result.compared < samples; ++result.compared)
     {
         const auto* const received =
@@ -150,8 +151,9 @@ std::string printNs(const json& value, double unitNs)
 void printHeader()
 {
     std::printf(
-        "%-9s %4s %9s %7s %5s %7s %11s %11s %9s %9s\n", "receiver", "conn", "join ms", "frames",
-        "gaps", "gap ms", "age p50 us", "age p99 us", "compared", "differing");
+        "%-9s %4s %9s %9s %7s %5s %7s %11s %11s %9s %9s\n", "receiver", "conn", "join ms",
+        "missed ms", "frames", "gaps", "gap ms", "age p50 us", "age p99 us", "compared",
+        "differing");
 }
 
 void printRow(
@@ -163,8 +165,9 @@ void printRow(
     constexpr double Millisecond = 1e6;
     constexpr double Microsecond = 1e3;
     std::printf(
-        "%-9s %4zu %9s %7llu %5llu %7s %11s %11s %9llu %9llu\n", name.c_str(), number,
+        "%-9s %4zu %9s %9s %7llu %5llu %7s %11s %11s %9llu %9llu\n", name.c_str(), number,
         printNs(connection.at("join_ns"), Millisecond).c_str(),
+        printNs(result.missedNs, Millisecond).c_str(),
         connection.at("frames").get<unsigned long long>(),
         connection.at("gaps").get<unsigned long long>(),
         printNs(connection.at("gap_ns"), Millisecond).c_str(),
@@ -202,6 +205,8 @@ bool compareReceiver(
         for (const json& segment : connections[i].at("segments"))
         {
             const Comparison result = compareSegment(segment, recording, source, runs);
+            if (total.compared == 0)
+                total.missedNs = result.missedNs;
             total.compared += result.compared;
             total.differing += result.differing;
         }
