@@ -18,6 +18,7 @@
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxSender.hpp>
 
+#include "Guards.hpp"
 #include "support/AllocationCounter.hpp"
 #include "support/LogCapture.hpp"
 #include "support/RawPeers.hpp"
@@ -630,6 +631,9 @@ TEST_F(SenderTest, OutOfDescriptorsTheListenerGoesOn)
 
 TEST_F(SenderTest, FailedPollEndsTheListenerThread)
 {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer's own checks need a descriptor while the thread ends";
+#endif
     ASSERT_TRUE(initialize());
     std::unique_lock<std::mutex> lock;
     const RawSidechannelClient client = connectUngreeted(lock);
@@ -879,6 +883,7 @@ TEST_F(SenderTest, BlockedSendIsFreedByDisabling)
     startStream(NanomsgProtocol::Pipeline);
     log().clear();
     auto blocked = std::async(std::launch::async, [this] { sendFrame(1, {1}); });
+    const ScopeGuard freeOnFailure([this] { m_sender.disableSend(true); });
     ASSERT_TRUE(log().waitFor(traceLog(MatchesRegex(SendingData))));
     EXPECT_EQ(blocked.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     m_sender.disableSend(true);
@@ -925,13 +930,18 @@ TEST_F(SenderTest, SignalsEndNeitherABlockedSendNorTheListener)
             blockedThread.set_value(::pthread_self());
             sendFrame(1, {1});
         });
+    const ScopeGuard freeOnFailure([this] { m_sender.disableSend(true); });
     const pthread_t producer = blockedThread.get_future().get();
     ASSERT_TRUE(log().waitFor(traceLog(MatchesRegex(SendingData))));
-    for (int i = 0; i < 20; ++i)
+    for (const pthread_t thread : {producer, Access::getListenerThread(m_sender)})
     {
-        ::pthread_kill(producer, SIGUSR1);
-        ::pthread_kill(Access::getListenerThread(m_sender), SIGUSR1);
-        ASSERT_TRUE(waitFor([i] { return numSignals == 2 * (i + 1); }));
+        numSignals = 0;
+        ASSERT_TRUE(waitFor(
+            [thread]
+            {
+                ::pthread_kill(thread, SIGUSR1);
+                return numSignals >= 20;
+            }));
     }
 
     EXPECT_EQ(blocked.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
