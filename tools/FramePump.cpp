@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <utility>
 
+#include <toolkit/SequenceAnnouncer.hpp>
+
 #include <vlx/VlxSender.hpp>
 
 #include "AudioInput.hpp"
@@ -27,12 +29,14 @@ constexpr auto ProgressInterval = std::chrono::milliseconds(200);
 
 FramePump::FramePump(
     Sender& sender,
+    toolkit::SequenceAnnouncer& announcer,
     AudioInput& input,
     const StreamClock& clock,
     StopSignal& stop,
     SendReport& report,
     std::function<void()> onRunBegins)
     : m_sender(sender),
+      m_announcer(announcer),
       m_input(input),
       m_clock(clock),
       m_stop(stop),
@@ -48,7 +52,7 @@ void FramePump::run(const PumpSettings& settings)
         const std::size_t numSamples = readFrame(settings);
         if (numSamples == 0 || !waitForDeadline())
             return;
-        announceIfDue();
+        announce();
         sendFrame(numSamples);
         showProgress();
     }
@@ -96,12 +100,13 @@ void FramePump::beginRun(SteadyClock::time_point now)
     m_onRunBegins();
 }
 
-void FramePump::announceIfDue()
+void FramePump::announce()
 {
+    m_numReceivers = m_announcer.checkReceivers();
     if (!m_newSequenceTime || SteadyClock::now() < *m_newSequenceTime)
         return;
     m_newSequenceTime.reset();
-    m_sender.startNewSequence();
+    m_announcer.announce();
 }
 
 void FramePump::sendFrame(std::size_t numSamples)
@@ -126,7 +131,7 @@ void FramePump::showProgress()
     char text[128];
     std::snprintf(
         text, sizeof(text), "%.1f s sent in %llu frames, receivers: %zu", seconds,
-        static_cast<unsigned long long>(m_report.frames), m_sender.getNumReceivers());
+        static_cast<unsigned long long>(m_report.frames), m_numReceivers);
     printProgress(text);
 }
 

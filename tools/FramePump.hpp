@@ -14,6 +14,11 @@ namespace vlx
 class Sender;
 }
 
+namespace vlx::toolkit
+{
+class SequenceAnnouncer;
+}
+
 namespace vlx::tool
 {
 
@@ -33,9 +38,8 @@ struct PumpSettings
 /// Each frame has an absolute deadline and a timestamp, both computed from the number of samples
 /// before it, so that rounding never adds up. A pump that has fallen far behind, because its input
 /// or the whole process was stopped or no pipeline receiver was there, does not rush through what it
-/// missed: it begins a new run, whose timestamps start from the present. A second later it opens a new
-/// sequence, for receivers that lost track meanwhile; not at once, since receivers that waited for
-/// the sender are joining just then, and one that joins while a sequence is opened can miss it.
+/// missed: it begins a new run, whose timestamps start from the present. A second later, when
+/// receivers that waited for it have joined again, it opens a new sequence for those that lost track.
 class FramePump
 {
 public:
@@ -43,6 +47,7 @@ public:
     /// @param onRunBegins  called when a run was added to the report, before its first frame
     FramePump(
         Sender& sender,
+        toolkit::SequenceAnnouncer& announcer,
         AudioInput& input,
         const StreamClock& clock,
         StopSignal& stop,
@@ -56,13 +61,14 @@ private:
     std::size_t readFrame(const PumpSettings& settings);
     bool waitForDeadline();
     void beginRun(std::chrono::steady_clock::time_point now);
-    void announceIfDue();
+    void announce();
     void sendFrame(std::size_t numSamples);
     void showProgress();
 
     std::uint64_t getSamplesInRun() const;
 
     Sender& m_sender;
+    toolkit::SequenceAnnouncer& m_announcer;
     AudioInput& m_input;
     const StreamClock& m_clock;
     StopSignal& m_stop;
@@ -71,6 +77,7 @@ private:
     Buffer m_frame;
     std::chrono::steady_clock::time_point m_runStart; // of the last run in the report
     std::optional<std::chrono::steady_clock::time_point> m_newSequenceTime; // unset: none is due
+    std::size_t m_numReceivers = 0;
     std::chrono::steady_clock::time_point m_nextProgress;
 };
 

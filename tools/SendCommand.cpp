@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <chrono>
 #include <memory>
+#include <thread>
 
 #include <toolkit/BaseDirectory.hpp>
 #include <toolkit/Bell.hpp>
+#include <toolkit/SequenceAnnouncer.hpp>
 #include <toolkit/Sidechannel.hpp>
 #include <toolkit/TailWait.hpp>
 
@@ -33,10 +35,6 @@ using SteadyClock = std::chrono::steady_clock;
 
 constexpr auto DefaultFrame = std::chrono::milliseconds(10);
 constexpr auto ReceiverCheckInterval = std::chrono::milliseconds(5);
-
-// A receiver that counts as joined still has to read the announcement of the sequence; until then it
-// refuses frames.
-constexpr auto AnnouncementMargin = std::chrono::milliseconds(20);
 
 std::unique_ptr<AudioInput> openInput(const SendOptions& options, const StopSignal& stop)
 {
@@ -67,12 +65,7 @@ void prepareBaseDirectory()
         printNotice("created " + base.path + " (mode 1777), where senders and receivers meet");
 }
 
-/// Opens the stream and makes it known, in the one order that loses nothing.
-void openStream(
-    Sender& sender,
-    PcmPayloader& payloader,
-    const SendOptions& options,
-    const StreamClock& clock)
+void openSender(Sender& sender, const SendOptions& options, const StreamClock& clock)
 {
     if (toolkit::isNameTaken(options.name))
         throw CommandFailure(
@@ -83,9 +76,18 @@ void openStream(
         throw CommandFailure(
             ExitCode::Failed,
             "cannot open the stream \"" + options.name + "\"" + quoteLastLibraryError());
-    sender.setCurrentPayloader(payloader);
-    sender.startNewSequence();
+}
 
+/// Makes an open sender's stream known. The sequence comes first: the sooner, the fewer receivers
+/// have joined that could miss it.
+void makeKnown(
+    Sender& sender,
+    PcmPayloader& payloader,
+    toolkit::SequenceAnnouncer& announcer,
+    const SendOptions& options)
+{
+    sender.setCurrentPayloader(payloader);
+    announcer.announce();
     const std::string problem = toolkit::setSocketFileMode(options.name, options.socketMode);
     if (!problem.empty())
         printNotice(problem + "; receivers of other users may get no frames");
@@ -93,14 +95,17 @@ void openStream(
 }
 
 /// @return whether they are there; otherwise a stop was asked for
-bool waitForReceivers(const Sender& sender, const SendOptions& options, StopSignal& stop)
+bool waitForReceivers(
+    toolkit::SequenceAnnouncer& announcer,
+    const SendOptions& options,
+    StopSignal& stop)
 {
     if (options.waitReceivers == 0)
         return !stop.isRequested();
 
     const auto start = SteadyClock::now();
     std::size_t joined = 0;
-    while ((joined = sender.getNumReceivers()) < options.waitReceivers)
+    while ((joined = announcer.checkReceivers()) < options.waitReceivers)
     {
         const auto now = SteadyClock::now();
         const std::string count =
@@ -112,7 +117,7 @@ bool waitForReceivers(const Sender& sender, const SendOptions& options, StopSign
         if (stop.waitUntil(now + ReceiverCheckInterval))
             return false;
     }
-    return !stop.waitUntil(SteadyClock::now() + AnnouncementMargin);
+    return !stop.isRequested();
 }
 
 void writeReport(const SendReport& report, const std::string& path)
@@ -122,7 +127,51 @@ void writeReport(const SendReport& report, const std::string& path)
         throw CommandFailure(ExitCode::Failed, problem);
 }
 
-int finish(const AudioInput& input, const StopSignal& stop)
+PumpSettings makePumpSettings(const SendOptions& options, const StreamFormat& format)
+{
+    PumpSettings settings{getSamplesPerFrame(options, format), std::nullopt, options.loop};
+    if (options.duration)
+        settings.maxSamples = format.toSamples(static_cast<TimeValue>(options.duration->count()));
+    return settings;
+}
+
+/// Lets the last frame leave. A stop cuts the wait for a long frame short, but never below what the
+/// transport needs.
+void waitForTail(std::chrono::nanoseconds frameDuration, StopSignal& stop)
+{
+    const auto now = SteadyClock::now();
+    stop.waitUntil(now + toolkit::getTailWait(frameDuration));
+    std::this_thread::sleep_until(now + toolkit::getTailWait({}));
+}
+
+/// Sends the whole input over an open stream.
+void sendInput(
+    Sender& sender,
+    AudioInput& input,
+    const SendOptions& options,
+    const StreamClock& clock,
+    StopSignal& stop,
+    SendReport& report)
+{
+    const StreamFormat& format = input.getFormat();
+    PcmPayloader payloader;
+    payloader.setNewFormat(format.rate, format.channels, format.sampleFormat);
+    // Frees a pipeline send that waits for its receiver.
+    const StopListener freeSends(stop, [&sender] { sender.disableSend(true); });
+    toolkit::SequenceAnnouncer announcer(sender);
+    makeKnown(sender, payloader, announcer, options);
+
+    const PumpSettings settings = makePumpSettings(options, format);
+    const auto onRunBegins = [&] { writeReport(report, options.report); };
+    if (waitForReceivers(announcer, options, stop))
+        FramePump(sender, announcer, input, clock, stop, report, onRunBegins).run(settings);
+    finishProgress();
+    if (report.frames > 0)
+        waitForTail(std::chrono::nanoseconds(format.toNanoseconds(settings.samplesPerFrame)), stop);
+    sender.shutdownSender();
+}
+
+int getExitCode(const AudioInput& input, const StopSignal& stop)
 {
     if (stop.isRequested())
         return toExitCode(stop.getSignalNumber());
@@ -138,7 +187,6 @@ int finish(const AudioInput& input, const StopSignal& stop)
 int runSend(const SendOptions& options, StopSignal& stop)
 {
     const std::unique_ptr<AudioInput> input = openInput(options, stop);
-    const StreamFormat& format = input->getFormat();
     prepareBaseDirectory();
     StreamClock clock(options.clockAddress, options.clockPort);
     if (!clock.waitUntilReady(options.timeout, stop))
@@ -147,32 +195,17 @@ int runSend(const SendOptions& options, StopSignal& stop)
     SendReport report;
     report.name = options.name;
     report.input = options.input;
-    report.format = format;
+    report.format = input->getFormat();
     report.clock = toString(clock.getProtocol());
     writeReport(report, options.report);
-    PcmPayloader payloader;
-    payloader.setNewFormat(format.rate, format.channels, format.sampleFormat);
+
     Sender sender;
-    openStream(sender, payloader, options, clock);
-    // Frees a pipeline send that waits for its receiver.
-    const StopListener freeSends(stop, [&sender] { sender.disableSend(true); });
+    openSender(sender, options, clock);
+    sendInput(sender, *input, options, clock, stop, report);
 
-    PumpSettings settings{getSamplesPerFrame(options, format), std::nullopt, options.loop};
-    if (options.duration)
-        settings.maxSamples = format.toSamples(static_cast<TimeValue>(options.duration->count()));
-    if (waitForReceivers(sender, options, stop))
-        FramePump(sender, *input, clock, stop, report, [&] { writeReport(report, options.report); })
-            .run(settings);
-
-    finishProgress();
     report.finished = !stop.isRequested() && input->getProblem().empty();
-    if (report.frames > 0)
-        stop.waitUntil(
-            SteadyClock::now() + toolkit::getTailWait(std::chrono::nanoseconds(
-                                     format.toNanoseconds(settings.samplesPerFrame))));
-    sender.shutdownSender();
     writeReport(report, options.report);
-    return finish(*input, stop);
+    return getExitCode(*input, stop);
 }
 
 } // namespace vlx::tool

@@ -1,0 +1,324 @@
+// The tool's parts that need no process: durations, conversions, timestamps, watches.
+
+#include <cstring>
+#include <limits>
+
+#include <AgeSamples.hpp>
+#include <ConnectionRecord.hpp>
+#include <Duration.hpp>
+#include <PcmCodec.hpp>
+#include <StreamEvents.hpp>
+#include <StreamFormat.hpp>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/inotify.h>
+#include <toolkit/Bell.hpp>
+#include <toolkit/FlapWatch.hpp>
+#include <toolkit/PromptStop.hpp>
+#include <toolkit/Sidechannel.hpp>
+#include <toolkit/StallWatch.hpp>
+
+#include <vlx/VlxReceiver.hpp>
+
+#include "support/RawPeers.hpp"
+
+namespace vlx::testing
+{
+
+namespace
+{
+
+using audioUtils::PcmFormat;
+using tool::StreamFormat;
+
+constexpr TimeValue Second = 1'000'000'000;
+
+TEST(DurationTest, ReadsNumbersWithUnits)
+{
+    struct Row
+    {
+        const char* text;
+        std::optional<std::int64_t> ns;
+    };
+    const Row rows[] = {
+        {"10ms", 10'000'000},
+        {"1.5s", 1'500'000'000},
+        {"0.0000000019s", 1},
+        {"250us", 250'000},
+        {"7ns", 7},
+        {"2min", 120'000'000'000},
+        {"1h", 3'600'000'000'000},
+        {"9223372036854775807ns", std::numeric_limits<std::int64_t>::max()},
+        {"9223372036.854775807s", std::numeric_limits<std::int64_t>::max()},
+        {"0.333333333333333333333s", 333'333'333},
+        {"9223372036854775808ns", std::nullopt},
+        {"9223372036.9s", std::nullopt},
+        {"99999999999999999999h", std::nullopt},
+        {"10", std::nullopt},
+        {"ms", std::nullopt},
+        {"", std::nullopt},
+        {"-1s", std::nullopt},
+        {"1.s", std::nullopt},
+        {"1,5s", std::nullopt},
+        {"1 s", std::nullopt},
+        {"1S", std::nullopt},
+        {"1sx", std::nullopt}};
+    for (const Row& row : rows)
+    {
+        const auto duration = tool::parseDuration(row.text);
+        ASSERT_EQ(duration.has_value(), row.ns.has_value()) << row.text;
+        if (row.ns)
+        {
+            EXPECT_EQ(duration->count(), *row.ns) << row.text;
+        }
+    }
+}
+
+TEST(PcmCodecTest, EveryFormatSurvivesDecodingAndEncoding)
+{
+    for (std::size_t i = 0; i < audioUtils::NumPcmFormats; ++i)
+    {
+        const auto format = static_cast<PcmFormat>(i);
+        Buffer bytes(audioUtils::bytesPerSample(format) * 64);
+        for (std::size_t k = 0; k < bytes.size(); ++k)
+            bytes[k] = static_cast<std::uint8_t>(k * 37 + 11);
+        tool::SampleValues values;
+        Buffer result;
+        tool::decodeSamples(bytes, format, values);
+        tool::encodeSamples(values, format, result);
+        EXPECT_EQ(result, bytes) << audioUtils::toString(format);
+    }
+}
+
+TEST(PcmCodecTest, ValuesFillTheirTypeFromTheTop)
+{
+    struct Row
+    {
+        PcmFormat format;
+        const char* bytes;
+        std::int32_t value;
+    };
+    const Row rows[] = {
+        {PcmFormat::S8, "80", -32768},
+        {PcmFormat::U8, "00", -32768},
+        {PcmFormat::U8, "81", 256},
+        {PcmFormat::S16LE, "34 12", 0x1234},
+        {PcmFormat::S16BE, "12 34", 0x1234},
+        {PcmFormat::S24LE, "56 34 12", 0x12345600},
+        {PcmFormat::S24BE, "ff ff ff", -256},
+        {PcmFormat::S32LE, "78 56 34 12", 0x12345678},
+        {PcmFormat::S32BE, "12 34 56 78", 0x12345678}};
+    for (const Row& row : rows)
+    {
+        tool::SampleValues values;
+        tool::decodeSamples(fromHex(row.bytes), row.format, values);
+        const std::int32_t value = std::holds_alternative<std::vector<std::int16_t>>(values)
+                                       ? std::get<std::vector<std::int16_t>>(values).at(0)
+                                       : std::get<std::vector<std::int32_t>>(values).at(0);
+        EXPECT_EQ(value, row.value) << audioUtils::toString(row.format) << " " << row.bytes;
+    }
+}
+
+TEST(StreamFormatTest, TimesFollowFromTheSampleCountAlone)
+{
+    const StreamFormat format{PcmFormat::S16LE, 22050, 1};
+    EXPECT_EQ(format.toNanoseconds(1), 45351U); // of 45351.47
+    // A year of samples is a year, to the nanosecond.
+    constexpr std::uint64_t Year = 365ULL * 24 * 3600;
+    EXPECT_EQ(format.toNanoseconds(Year * 22050), Year * Second);
+    for (const std::uint64_t samples : {1ULL, 220ULL, 22049ULL, 22051ULL, 695'368'800'001ULL})
+        EXPECT_EQ(format.toSamples(format.toNanoseconds(samples)), samples);
+}
+
+TEST(AgeSamplesTest, PercentilesStayRightBeyondTheLimit)
+{
+    tool::AgeSamples ages;
+    EXPECT_FALSE(ages.getPercentile(0.5));
+    constexpr std::int64_t Count = 5'000'000;
+    for (std::int64_t i = 0; i < Count; ++i)
+        ages.add(i - Count / 2);
+    EXPECT_NEAR(static_cast<double>(*ages.getPercentile(0.5)), 0, Count / 1000);
+    EXPECT_NEAR(static_cast<double>(*ages.getPercentile(0.99)), 0.49 * Count, Count / 1000);
+}
+
+TEST(ConnectionRecordTest, GapsAndOverlapsSplitTheRecordingIntoSegments)
+{
+    constexpr TimeValue Ms = 1'000'000;
+    struct Frame
+    {
+        TimeValue timestamp;
+        std::uint64_t samples;
+    };
+    // 1000 samples per second. Jitter below half a frame and 1 ms continues a segment.
+    const Frame frames[] = {{100 * Ms, 10}, {110 * Ms + 900'000, 10},
+                            {120 * Ms, 10}, {150 * Ms, 10}, // gap of 20 ms
+                            {155 * Ms, 10},                 // overlap of 5 ms
+                            {165 * Ms, 10}};
+
+    tool::ConnectionRecord record("start", 90 * Ms);
+    record.setFormat({PcmFormat::U8, 1000, 1}, Receiver::StreamClockType::MonotonicSystemClock);
+    std::uint64_t fileSample = 0;
+    for (const Frame& frame : frames)
+    {
+        tool::StreamEvent event;
+        event.time = frame.timestamp + Ms;
+        event.timestamp = frame.timestamp;
+        event.data.resize(frame.samples);
+        record.addFrame(event, frame.samples, fileSample);
+        fileSample += frame.samples;
+    }
+
+    const auto json = record.toJson();
+    EXPECT_EQ(json["gaps"], 1);
+    EXPECT_EQ(json["gap_ns"], 20 * Ms);
+    EXPECT_EQ(json["overlaps"], 1);
+    EXPECT_EQ(json["overlap_ns"], 5 * Ms);
+    EXPECT_EQ(json["join_ns"], 11 * Ms);
+    EXPECT_EQ(json["age_p99_ns"], Ms);
+    ASSERT_EQ(json["segments"].size(), 3U);
+    EXPECT_EQ(json["segments"][1]["file_sample"], 30);
+    EXPECT_EQ(json["segments"][1]["timestamp"], 150 * Ms);
+    EXPECT_EQ(json["segments"][2]["samples"], 20);
+}
+
+TEST(StreamEventQueueTest, FramesBeyondTheLimitAreCountedAndOtherEventsAreNot)
+{
+    tool::StreamEventQueue queue(100);
+    queue.pushFrame({}, Buffer(200)); // one always fits
+    queue.pushFrame({}, Buffer(1));
+    tool::StreamEvent ended;
+    ended.kind = tool::StreamEvent::Kind::Ended;
+    queue.push(ended);
+    EXPECT_EQ(queue.getNumDropped(), 1U);
+    EXPECT_EQ(queue.pop()->data.size(), 200U);
+    queue.pushFrame({}, Buffer(1));
+    queue.close();
+    queue.pushFrame({}, Buffer(1));
+    EXPECT_EQ(queue.pop()->kind, tool::StreamEvent::Kind::Ended);
+    EXPECT_EQ(queue.pop()->data.size(), 1U);
+    EXPECT_FALSE(queue.pop());
+    EXPECT_EQ(queue.getNumDropped(), 1U);
+}
+
+TEST(FlapWatchTest, OnlyFiveLossesWithinASecondAndWithoutASequenceCount)
+{
+    toolkit::FlapWatch watch;
+    for (TimeValue i = 0; i < 20; ++i)
+        watch.onLoss(i * Second / 3);
+    EXPECT_FALSE(watch.isFlapping());
+    for (TimeValue i = 0; i < 4; ++i)
+        watch.onLoss(10 * Second + i);
+    EXPECT_FALSE(watch.isFlapping());
+    watch.onLoss(10 * Second + 5);
+    EXPECT_TRUE(watch.isFlapping());
+    watch.onSequence();
+    EXPECT_FALSE(watch.isFlapping());
+}
+
+TEST(StallWatchTest, LimitDoublesUntilAFrameComes)
+{
+    toolkit::StallWatch watch(2 * Second);
+    EXPECT_FALSE(watch.isStalled(100 * Second)); // never joined
+    watch.onRunning(100 * Second);
+    EXPECT_FALSE(watch.isStalled(101 * Second));
+    EXPECT_TRUE(watch.isStalled(102 * Second));
+    watch.onRestart();
+    EXPECT_FALSE(watch.isStalled(200 * Second));
+    watch.onRunning(200 * Second);
+    EXPECT_FALSE(watch.isStalled(203 * Second));
+    EXPECT_TRUE(watch.isStalled(204 * Second));
+    watch.onFrame(204 * Second);
+    EXPECT_FALSE(watch.isStalled(205 * Second));
+    EXPECT_TRUE(watch.isStalled(206 * Second));
+    watch.onNotRunning();
+    EXPECT_FALSE(watch.isStalled(300 * Second));
+    EXPECT_EQ(watch.getNumRestarts(), 1U);
+}
+
+class ToolkitTest : public VlxTest
+{
+};
+
+TEST_F(ToolkitTest, NoSidechannelAnswerStopsTheProcess)
+{
+    const Buffer info = produceInitialInfoPacket(
+        {1, "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub, "ipc:///x"});
+    const Buffer sequence = fromHex("01 00 01 00 4f 50 55 53 aa");
+    struct Row
+    {
+        const char* name;
+        Buffer bytes;
+        bool hasInfo;
+        bool hasFourcc;
+    };
+    const auto frame = [](const Buffer& payload) { return makeSidechannelMessage(payload); };
+    const auto join = [](Buffer left, const Buffer& right)
+    {
+        left.insert(left.end(), right.begin(), right.end());
+        return left;
+    };
+    const Row rows[] = {
+        {"nothing", {}, false, false},
+        {"half a prefix", fromHex("05 00"), false, false},
+        {"huge length", fromHex("ff ff ff ff 00"), false, false},
+        {"empty message", frame({}), false, false},
+        {"no info", frame(toBytes("garbage without an end")), false, false},
+        {"cut info", frame(Buffer(info.begin(), info.end() - 1)), false, false},
+        {"info alone", frame(info), true, false},
+        {"short sequence", join(frame(info), frame(fromHex("01 00 01 00"))), true, false},
+        {"frame", join(frame(info), frame(fromHex("02 00 01 00 4f 50 55 53"))), true, false},
+        {"whole", join(frame(info), frame(sequence)), true, true}};
+    for (const Row& row : rows)
+    {
+        RawSidechannelServer server(getSocketName());
+        std::thread peer(
+            [&]
+            {
+                RawConnection connection = server.accept();
+                connection.send(row.bytes, 3);
+            });
+        const auto answer = toolkit::askSidechannel(getSocketName(), DefaultDeadline);
+        peer.join();
+        EXPECT_TRUE(answer.reached) << row.name;
+        EXPECT_EQ(answer.initialInfo.has_value(), row.hasInfo) << row.name;
+        EXPECT_EQ(answer.fourcc.has_value(), row.hasFourcc) << row.name;
+        if (row.hasFourcc)
+        {
+            EXPECT_EQ(toolkit::toFourccText(*answer.fourcc), "OPUS");
+            EXPECT_EQ(answer.codecHeader, fromHex("aa"));
+        }
+    }
+    EXPECT_FALSE(toolkit::askSidechannel(getSocketName(), DefaultDeadline).reached);
+    EXPECT_FALSE(toolkit::isNameTaken(getSocketName()));
+}
+
+TEST_F(ToolkitTest, BellIsHeardByWaitingReceiversOnly)
+{
+    Descriptor watcher(::inotify_init1(IN_CLOEXEC));
+    ::inotify_add_watch(watcher.get(), getTempDirectory().c_str(), IN_CREATE);
+    ASSERT_TRUE(toolkit::ringBell());
+    alignas(inotify_event) char event[512] = {};
+    ASSERT_GT(::read(watcher.get(), event, sizeof(event)), 0);
+    const std::string name = event + offsetof(inotify_event, name);
+    EXPECT_NE(name.find("VlxSender-"), std::string::npos);
+    EXPECT_NE(name.rfind("VlxSender-", 0), 0U);
+    EXPECT_TRUE(listTempDirectory().empty());
+}
+
+TEST_F(ToolkitTest, PromptStopDoesNotWaitForTheMonitor)
+{
+    // The monitor alone would take 5 s each time.
+    constexpr auto SeveralStops = std::chrono::milliseconds(4000);
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 3; ++i)
+    {
+        Receiver receiver;
+        ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
+        toolkit::stopPromptly(receiver);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, SeveralStops);
+}
+
+} // namespace
+
+} // namespace vlx::testing

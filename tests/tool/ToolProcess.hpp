@@ -1,0 +1,66 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "support/RawPeers.hpp"
+
+namespace vlx::testing
+{
+
+/// How a run of the tool differs from a plain one.
+struct ToolSettings
+{
+    std::optional<std::string> input;         ///< of standard input; unset: empty
+    std::optional<std::string> outputPath;    ///< of standard output; unset: kept
+    std::optional<std::string> tempDirectory; ///< for TMPDIR; unset: the test's
+    std::optional<std::size_t> maxFileSize;   ///< bytes
+    std::optional<uid_t> asUser;              ///< needs root
+};
+
+/// One run of the tool. Kills it at the end if it still runs.
+class ToolProcess
+{
+public:
+    explicit ToolProcess(std::vector<std::string> arguments, const ToolSettings& settings = {});
+    ~ToolProcess();
+
+    ToolProcess(const ToolProcess&) = delete;
+    ToolProcess& operator=(const ToolProcess&) = delete;
+
+    void signal(int number) const;
+
+    /// @return the exit code as a shell sees it, so 128 + n after signal n; nothing at the deadline
+    std::optional<int> wait(std::chrono::milliseconds deadline = DefaultDeadline);
+
+    /// Asks for a clean stop.
+    ///
+    /// @return as wait()
+    std::optional<int> stop();
+
+    /// @return what was written to standard output so far
+    std::string getOutput() const;
+
+    /// @return what was written to standard error so far
+    std::string getErrors() const;
+
+private:
+    [[noreturn]] void
+    runChild(const std::vector<std::string>& arguments, const ToolSettings& settings) const;
+
+    // Files in memory: nothing is left in the test's directory.
+    Descriptor m_input;
+    Descriptor m_output;
+    Descriptor m_errors;
+    pid_t m_pid = -1;
+    std::optional<int> m_exitCode;
+};
+
+/// @return the number of lines in a text
+std::size_t countLines(const std::string& text);
+
+} // namespace vlx::testing
