@@ -38,17 +38,17 @@ enum class Company
 struct Scenario
 {
     const char* text;                   // in tables
-    bool busy;                          // beside a busy core
     std::optional<std::uint64_t> gapMs; // rejoin: from the kill to the next sender's start
     Company company;
+    bool busy; // beside a busy core
 };
 
 constexpr Scenario Scenarios[] = {
-    {"join", false, std::nullopt, Company::Peers},
-    {"join, busy core", true, std::nullopt, Company::BellAndSilent},
-    {"rejoin, gap 0", false, 0, Company::Peers},
-    {"rejoin, gap 100 ms", false, 100, Company::Peers},
-    {"rejoin, gap 1000 ms", false, 1000, Company::BellOnly},
+    {"join", std::nullopt, Company::Peers, false},
+    {"join, busy core", std::nullopt, Company::BellAndSilent, true},
+    {"rejoin, gap 0", 0, Company::Peers, false},
+    {"rejoin, gap 100 ms", 100, Company::Peers, false},
+    {"rejoin, gap 1000 ms", 1000, Company::BellOnly, false},
 };
 
 // One row of the table: a path, with or without the bell, in one scenario.

@@ -1,6 +1,7 @@
 /// What do the packet functions cost? Producing and consuming a Frame packet beside a plain copy of
 /// the same bytes.
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -152,9 +153,8 @@ bool run(Campaign& campaign)
         "micro", std::string("--benchmark_min_time=") + (quick ? "0.02" : "0.2"),
         "--benchmark_repetitions=" + std::to_string(campaign.getOptions().rounds),
         "--benchmark_enable_random_interleaving=true"};
-    std::vector<char*> arguments;
-    for (std::string& word : words)
-        arguments.push_back(word.data());
+    std::vector<char*> arguments(words.size());
+    std::ranges::transform(words, arguments.begin(), [](std::string& word) { return word.data(); });
     int count = static_cast<int>(arguments.size());
     benchmark::Initialize(&count, arguments.data());
 

@@ -171,6 +171,7 @@ void writeColumns(
     for (const std::string& row : rows)
     {
         std::vector<double> values;
+        values.reserve(paths.size());
         for (const auto& path : paths)
             values.push_back(value(records.where("path", path), row));
         file.addRow(row, values);

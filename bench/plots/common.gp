@@ -6,4 +6,4 @@ set grid lc rgb '#dddddd'
 set border 3
 set tics nomirror
 set style data linespoints
-set for [i=1:12] style line i lw 2 pt 7 ps 0.5
+set pointsize 0.5

@@ -7,4 +7,4 @@ set yrange [0:100]
 set style data steps
 stats data using 2 nooutput
 plot for [i=0:STATS_blocks-1] data index i using (real(stringcolumn(1))):2 \
-    title columnheader(2) ls i+1
+    title columnheader(2) lt i+1 lw 2

@@ -81,7 +81,8 @@ int runCampaign(
 std::vector<Path> rotate(std::vector<Path> paths, unsigned round)
 {
     if (!paths.empty())
-        std::ranges::rotate(paths, paths.begin() + static_cast<long>(round % paths.size()));
+        std::rotate(
+            paths.begin(), paths.begin() + static_cast<long>(round % paths.size()), paths.end());
     return paths;
 }
 

@@ -139,8 +139,8 @@ trySession(const Path& path, const std::string& directory, const SessionPlan& pl
         return std::nullopt;
 
     sender.tell("go");
-    const auto sent =
-        sender.expect("result", StepTimeoutMs + plan.floodMs + plan.frames * 1000 / plan.rateHz);
+    const auto sent = sender.expect(
+        "result", StepTimeoutMs + plan.floodMs + std::uint64_t{plan.frames} * 1000 / plan.rateHz);
     if (!sent)
         return std::nullopt;
     json memory = json::object();

@@ -127,7 +127,7 @@ const std::vector<Target>& allTargets()
 
 std::string describeLimit(const Target& target)
 {
-    const std::string limit = formatNumber(target.limit);
+    std::string limit = formatNumber(target.limit);
     switch (target.kind)
     {
     case Limit::AtMost:
