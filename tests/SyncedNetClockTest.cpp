@@ -118,21 +118,28 @@ private:
     GstNetTimeProvider* m_provider = nullptr;
 };
 
-// A clock under test, and what its callback saw.
+// A clock under test, and what its callback saw. On a busy machine GStreamer may reject every answer
+// for some seconds, which counts as silence: the tests ask for losses seen, not for exact numbers.
 struct Follower
 {
     std::atomic<int> numCallbacks = 0;
+    std::atomic<int> numLosses = 0;
     std::atomic<bool> lastSeen = false;
+    std::atomic<bool> wasCalledInVain = false;
     SyncedNetClock clock;
 
     void start(const std::string& address, unsigned int port)
     {
+        lastSeen = false;
         clock.startSynchronization(
             address, port, WindowSize, RoundTripLimitNs,
             [this]
             {
-                lastSeen = clock.isSynchronized();
+                const bool isSynchronized = clock.isSynchronized();
                 clock.getSynchronizedTime();
+                if (lastSeen.exchange(isSynchronized) == isSynchronized)
+                    wasCalledInVain = true;
+                numLosses += isSynchronized ? 0 : 1;
                 ++numCallbacks;
             });
     }
@@ -168,10 +175,9 @@ struct Follower
         return clock.isSynchronized() && isNear(provider.getOffsetNs());
     }
 
-    // One callback for the first synchronisation, one for the loss, one for the return.
     bool hasReturned(const Provider& provider) const
     {
-        return numCallbacks >= 3 && follows(provider);
+        return numLosses > 0 && lastSeen && follows(provider);
     }
 };
 
@@ -185,8 +191,7 @@ TEST(SyncedNetClockTest, FollowsTheProvider)
 
     follower.start(provider);
     EXPECT_TRUE(waitFor([&] { return follower.follows(provider); }));
-    EXPECT_TRUE(waitFor([&] { return follower.numCallbacks == 1; }));
-    EXPECT_TRUE(follower.lastSeen);
+    EXPECT_TRUE(waitFor([&] { return follower.lastSeen.load(); }));
 
     follower.clock.stopSynchronization();
     EXPECT_FALSE(follower.clock.isSynchronized());
@@ -208,6 +213,12 @@ struct Event
     const char* name;
     bool isSeenSilent; // whether it is away until the clocks have noticed
     std::int64_t jumpNs;
+
+    // A part of the test's name.
+    friend void PrintTo(const Event& event, std::ostream* stream)
+    {
+        *stream << event.name;
+    }
 };
 
 class SyncedNetClockEventTest : public testing::TestWithParam<Event>
@@ -262,8 +273,7 @@ TEST_P(SyncedNetClockEventTest, IsSurvived)
     {
         for (Follower& follower : m_followers)
         {
-            EXPECT_TRUE(waitFor([&] { return follower.numCallbacks == 2; }));
-            EXPECT_FALSE(follower.lastSeen);
+            EXPECT_TRUE(waitFor([&] { return follower.numLosses > 0 && !follower.lastSeen; }));
             EXPECT_FALSE(follower.clock.isSynchronized());
             EXPECT_TRUE(follower.isNear(InitialOffsetNs, ToleranceNs)) << "time not continued";
         }
@@ -272,7 +282,7 @@ TEST_P(SyncedNetClockEventTest, IsSurvived)
     m_provider.start(InitialOffsetNs + GetParam().jumpNs);
     checkReturn(InitialOffsetNs);
     for (Follower& follower : m_followers)
-        EXPECT_TRUE(follower.lastSeen);
+        EXPECT_FALSE(follower.wasCalledInVain);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -301,11 +311,10 @@ TEST(SyncedNetClockTest, IsNeverWrongAboutAnAddressUsedBefore)
     {
         provider.stop();
         provider.start(InitialOffsetNs + jumpNs);
-        follower.numCallbacks = 0;
         follower.start(provider);
         ASSERT_TRUE(waitFor([&] { return follower.clock.isSynchronized(); }));
         EXPECT_TRUE(follower.isNear(provider.getOffsetNs(), ToleranceNs)) << jumpNs;
-        EXPECT_TRUE(waitFor([&] { return follower.numCallbacks == 1; }));
+        EXPECT_TRUE(waitFor([&] { return follower.lastSeen.load(); }));
         follower.clock.stopSynchronization();
     }
 }
@@ -322,8 +331,7 @@ TEST(SyncedNetClockTest, FollowsTheLastOneStarted)
 
     follower.start(second);
     EXPECT_FALSE(follower.isNear(first.getOffsetNs(), NsPerSecond));
-    EXPECT_TRUE(waitFor([&] { return follower.follows(second); }));
-    EXPECT_TRUE(waitFor([&] { return follower.numCallbacks == 2; }));
+    EXPECT_TRUE(waitFor([&] { return follower.lastSeen && follower.follows(second); }));
 }
 
 TEST(SyncedNetClockTest, NeverSynchronizesWithoutAProvider)
@@ -439,7 +447,7 @@ TEST(SyncedNetClockTest, MakesNoCallbackAfterTheStop)
     const int numCallbacks = stopped.numCallbacks;
     provider.stop();
     provider.start(InitialOffsetNs + 1000 * NsPerSecond);
-    EXPECT_TRUE(waitFor([&] { return witness.numCallbacks == 3; }));
+    EXPECT_TRUE(waitFor([&] { return witness.hasReturned(provider); }));
     EXPECT_EQ(stopped.numCallbacks, numCallbacks);
 }
 

@@ -32,7 +32,9 @@ namespace miscUtils
 namespace
 {
 
-// Answers come every 50 to 100 ms, every 250 ms while GStreamer rejects them for their round trip.
+// Accepted answers come every 50 to 100 ms. GStreamer rejects those with a round trip well above the
+// usual, then asks again after 250 ms: where round trips grow many times longer all at once, it can
+// take a second more than this limit until they are the usual, and the clock counts as lost so long.
 constexpr guint64 SilenceLimitNs = 3'000'000'000;
 
 // How often the provider is asked while it is silent. GStreamer's own 1 s finds it late.
@@ -474,7 +476,7 @@ public:
         assert(m_ending.empty() && "a clock must not be destroyed from inside its own callback");
     }
 
-    void start(std::shared_ptr<Session> session)
+    void start(const std::shared_ptr<Session>& session)
     {
         end(exchangeSession(session));
         joinEnding();
