@@ -96,13 +96,6 @@ Outcome Bystanders::judge(const std::string& done)
     return {isOk ? Verdict::Ok : Verdict::Failed, figure};
 }
 
-WorkerConfig makePeer(Role role)
-{
-    WorkerConfig config;
-    config.role = role;
-    return config;
-}
-
 Outcome fail(const std::string& figure)
 {
     return {Verdict::Failed, figure};
@@ -111,7 +104,10 @@ Outcome fail(const std::string& figure)
 namespace
 {
 
-constexpr const char* NoStream = "the stream itself did not start";
+bool diedBy(const std::optional<int>& status, int signalNumber)
+{
+    return status && WIFSIGNALED(*status) && WTERMSIG(*status) == signalNumber;
+}
 
 /// @return how many lines a sender logs from its start until its fifth frame is out
 unsigned countSetUpLines(const WorkerConfig& sender)
@@ -121,76 +117,54 @@ unsigned countSetUpLines(const WorkerConfig& sender)
     config.killAtLogLine = std::numeric_limits<unsigned>::max(); // every line is counted
     config.numFrames = 5;
     fleet.start(SenderSlot, config);
-    fleet.start(FirstReceiverSlot, makeReceiver());
+    fleet.start(FirstReceiverSlot, makeWorker(Role::Receiver));
     fleet.waitExit(SenderSlot, ResumeLimitMs);
     return static_cast<unsigned>(fleet[SenderSlot].logLines);
 }
 
-/// Kills a sender at its n-th log line, for every n, and starts a good one each time.
-Outcome killAtEachStep(const ChaosContext& context, NanomsgProtocol protocol, std::size_t count)
+/// Kills the sender, lets another die at its n-th log line if `dieAtEachStep`, and starts a good
+/// one, so many times.
+Outcome killSenders(
+    const ChaosContext& context,
+    NanomsgProtocol protocol,
+    std::size_t numReceivers,
+    bool dieAtEachStep)
 {
-    WorkerConfig sender = makeSender();
+    WorkerConfig sender = makeWorker(Role::Sender);
     sender.protocol = protocol;
-    const unsigned numLines = countSetUpLines(sender);
+    const unsigned count =
+        dieAtEachStep ? countSetUpLines(sender) : 10 * static_cast<unsigned>(context.minutes);
     Bystanders stream(context);
-    if (!stream.begin(count, sender))
+    if (count == 0 || !stream.begin(numReceivers, sender))
         return fail(NoStream);
 
     std::vector<double> times;
-    for (unsigned line = 1; line <= numLines; ++line)
+    for (unsigned i = 1; i <= count; ++i)
     {
-        WorkerConfig dying = sender;
-        dying.killAtLogLine = line;
-        stream.fleet.start(SenderSlot, dying);
-        const auto status = stream.fleet.waitExit(SenderSlot, ResumeLimitMs);
-        if (!status || !WIFSIGNALED(*status) || WTERMSIG(*status) != SIGKILL)
-            return fail(
-                format("at log line %u: the sender %s", line, describeStatus(status).c_str()));
+        if (dieAtEachStep)
+        {
+            WorkerConfig dying = sender;
+            dying.killAtLogLine = i;
+            stream.fleet.start(SenderSlot, dying);
+            if (!diedBy(stream.fleet.waitExit(SenderSlot, ResumeLimitMs), SIGKILL))
+                return fail(format("the sender did not die at log line %u", i));
+        }
+        else
+            letPass(pickRandom(0, 400));
         const auto took = stream.restartSender(sender);
         if (!took)
-            return fail(format("killed at log line %u: no frames within 3 s after", line));
+            return fail(format("kill %u of %u: no frames within 3 s", i, count));
         times.push_back(*took);
     }
-    const bool isOk = stream.haveSameHandles() && !times.empty();
+    const bool isOk = stream.haveSameHandles();
+    std::uint64_t stalls = 0;
+    for (const std::size_t index : stream.receivers)
+        stalls += stream.fleet[index].stallRestarts;
     return {
         isOk ? Verdict::Ok : Verdict::Failed,
         format(
-            "%zu steps; resumed after p50 %.0f, max %.0f ms; %s", times.size(), getMedian(times),
-            *std::max_element(times.begin(), times.end()),
-            isOk ? "nothing left" : "descriptors or threads left")};
-}
-
-Outcome killAtEachStepPubSub(const ChaosContext& context)
-{
-    return killAtEachStep(context, NanomsgProtocol::PubSub, 4);
-}
-
-Outcome killAtEachStepPipeline(const ChaosContext& context)
-{
-    return killAtEachStep(context, NanomsgProtocol::Pipeline, 1);
-}
-
-Outcome killWhileSending(const ChaosContext& context)
-{
-    Bystanders stream(context);
-    if (!stream.begin(8))
-        return fail(NoStream);
-    std::vector<double> times;
-    const int count = 10 * context.minutes;
-    for (int i = 0; i < count && !isInterrupted(); ++i)
-    {
-        letPass(pickRandom(0, 400));
-        const auto took = stream.restartSender();
-        if (!took)
-            return fail(format("kill %d: no frames within 3 s", i + 1));
-        times.push_back(*took);
-    }
-    const bool isOk = stream.haveSameHandles() && !times.empty();
-    return {
-        isOk ? Verdict::Ok : Verdict::Failed,
-        format(
-            "%zu kills; resumed after p50 %.0f, max %.0f ms; %s", times.size(), getMedian(times),
-            *std::max_element(times.begin(), times.end()),
+            "%zu kills; resumed after p50 %.0f, max %.0f ms; stall watch used %lu times; %s",
+            times.size(), getMedian(times), *std::max_element(times.begin(), times.end()), stalls,
             isOk ? "nothing left" : "descriptors or threads left")};
 }
 
@@ -204,17 +178,11 @@ int harass(Fleet& fleet, const std::vector<std::size_t>& victims, int seconds)
     {
         const int last = static_cast<int>(victims.size()) - 1;
         const std::size_t victim = victims[static_cast<std::size_t>(pickRandom(0, last))];
-        switch (pickRandom(0, 3))
-        {
-        case 0:
-            fleet.start(victim, makeReceiver());
-            break;
-        case 1:
-            fleet.signal(victim, SIGSTOP);
-            break;
-        default:
-            fleet.signal(victim, SIGCONT);
-        }
+        const int action = pickRandom(0, 3);
+        if (action == 0)
+            fleet.start(victim, makeWorker(Role::Receiver));
+        else
+            fleet.signal(victim, action == 1 ? SIGSTOP : SIGCONT);
         letPass(pickRandom(20, 150));
     }
     for (const std::size_t victim : victims)
@@ -222,85 +190,59 @@ int harass(Fleet& fleet, const std::vector<std::size_t>& victims, int seconds)
     return count;
 }
 
+/// A control run, and one in which a quarter of the receivers is harassed.
 Outcome harassReceivers(const ChaosContext& context)
 {
     constexpr std::size_t NumReceivers = 32;
     constexpr std::size_t NumVictims = 8;
     const int seconds = 12 + (context.minutes - 1) * 20;
-    std::uint64_t controlLost = 0;
-    for (const bool isControl : {true, false})
-    {
-        Bystanders stream(context);
-        if (!stream.begin(NumReceivers))
-            return fail(NoStream);
-        // The others are a part of all receivers, the same number in both runs.
-        const std::vector<std::size_t> victims(
-            stream.receivers.end() - NumVictims, stream.receivers.end());
-        std::vector<std::size_t> all = stream.receivers;
-        stream.receivers.resize(NumReceivers - NumVictims);
-        if (isControl)
-        {
-            letPass(seconds * 1'000);
-            controlLost = stream.getLosses().lost;
-            continue;
-        }
-        const int count = harass(stream.fleet, victims, seconds);
-        const LossSummary losses = stream.getLosses();
-        stream.receivers = std::move(all);
-        const bool deliver = stream.areDelivering();
-        const bool isOk = deliver && losses.unexplained <= controlLost;
-        return {
-            isOk ? Verdict::Ok : Verdict::Failed,
-            format(
-                "%d kills, stops, resumes in %d s; others: %s; control: %lu lost%s", count, seconds,
-                losses.toText().c_str(), controlLost,
-                deliver ? "" : "; not all 32 deliver in the end")};
-    }
-    return fail(NoStream);
+    Bystanders control(context);
+    if (!control.begin(NumReceivers))
+        return fail(NoStream);
+    control.receivers.resize(NumReceivers - NumVictims);
+    letPass(seconds * 1'000);
+    const std::uint64_t controlLost = control.getLosses().lost;
+    control.fleet.killAll();
+
+    Bystanders stream(context);
+    if (!stream.begin(NumReceivers))
+        return fail(NoStream);
+    const auto all = stream.receivers;
+    stream.receivers.resize(NumReceivers - NumVictims);
+    const int count = harass(stream.fleet, {all.end() - NumVictims, all.end()}, seconds);
+    const LossSummary losses = stream.getLosses();
+    stream.receivers = all;
+    const bool deliver = stream.areDelivering();
+    return {
+        deliver && losses.unexplained <= controlLost ? Verdict::Ok : Verdict::Failed,
+        format(
+            "%d kills, stops, resumes in %d s; others: %s; control: %lu lost%s", count, seconds,
+            losses.toText().c_str(), controlLost,
+            deliver ? "" : "; not all 32 deliver in the end")};
 }
 
 /// Receivers beside a client of the sender that misbehaves for a while, or until it ends.
-Outcome runBeside(const ChaosContext& context, const WorkerConfig& peer, int limitMs)
+Outcome runBeside(const ChaosContext& context, Role role, std::uint64_t numConnections = 0)
 {
+    const int limitMs = numConnections == 0 ? 2'000 * context.minutes : 60'000;
     Bystanders stream(context);
-    WorkerConfig sender = makeSender();
+    WorkerConfig sender = makeWorker(Role::Sender);
     sender.sequenceEveryMs = 100;
     if (!stream.begin(4, sender))
         return fail(NoStream);
+    WorkerConfig peer = makeWorker(role);
+    peer.numFrames = numConnections;
     const TimeValue start = miscUtils::getMonotonicSysclockTime();
     Slot& slot = stream.fleet.start(FirstPeerSlot, peer);
     waitUntil(limitMs, [&] { return !stream.fleet.isRunning(FirstPeerSlot); });
     const double seconds = toMs(miscUtils::getMonotonicSysclockTime() - start) / 1e3;
     const bool isEndless = stream.fleet.isRunning(FirstPeerSlot);
     stream.fleet.kill(FirstPeerSlot);
-    const bool didWork =
-        slot.ready && (peer.numFrames == 0 ? isEndless : slot.joins >= peer.numFrames);
+    const bool didWork = slot.joins > 0 && slot.joins >= numConnections;
     Outcome outcome = stream.judge(format("%lu x in %.1f s", slot.joins.load(), seconds));
-    if (!didWork)
+    if (!didWork || isEndless != (numConnections == 0))
         return fail("the client did not do its work; " + outcome.figure);
     return outcome;
-}
-
-Outcome churn(const ChaosContext& context)
-{
-    WorkerConfig peer = makePeer(Role::ChurnClient);
-    peer.numFrames = 10'000;
-    return runBeside(context, peer, 60'000);
-}
-
-Outcome neverRead(const ChaosContext& context)
-{
-    return runBeside(context, makePeer(Role::SilentClient), 2'000);
-}
-
-Outcome writeRubbishToSidechannel(const ChaosContext& context)
-{
-    return runBeside(context, makePeer(Role::RubbishSidechannel), 2'000);
-}
-
-Outcome writeRubbishToMainChannel(const ChaosContext& context)
-{
-    return runBeside(context, makePeer(Role::RubbishMainChannel), 2'000);
 }
 
 Outcome sendToPublisher(const ChaosContext& context)
@@ -308,28 +250,23 @@ Outcome sendToPublisher(const ChaosContext& context)
     Bystanders stream(context);
     if (!stream.begin(2))
         return fail(NoStream);
-    stream.fleet.start(FirstPeerSlot, makePeer(Role::MessageToPublisher));
+    stream.fleet.start(FirstPeerSlot, makeWorker(Role::MessageToPublisher));
     const auto status = stream.fleet.waitExit(SenderSlot, 2'000);
-    if (!status)
-        return {Verdict::Ok, "the sender goes on"};
     const auto took = stream.restartSender();
-    if (!took || !WIFSIGNALED(*status) || WTERMSIG(*status) != SIGABRT)
+    if (!took || !diedBy(status, SIGABRT))
         return fail("the sender: " + describeStatus(status));
     return {
         Verdict::Limit,
         format("nanomsg aborts the sender; receivers resume %.0f ms after its restart", *took)};
 }
 
-Outcome greetMalformed(const ChaosContext& context)
+Outcome greetMalformed(const ChaosContext&)
 {
-    static_cast<void>(context);
     Fleet fleet;
-    fleet.start(SenderSlot, makePeer(Role::ImpostorInitialInfo));
-    fleet.start(FirstReceiverSlot, makeReceiver());
+    fleet.start(SenderSlot, makeWorker(Role::ImpostorInitialInfo));
+    fleet.start(FirstReceiverSlot, makeWorker(Role::Receiver));
     const auto status = fleet.waitExit(FirstReceiverSlot, 2'000);
-    const bool isAssertion =
-        fleet.readLastWords(FirstReceiverSlot).find("Assertion `ok' failed") != std::string::npos;
-    if (!isAssertion)
+    if (fleet.readLastWords(FirstReceiverSlot).find("Assertion `ok' failed") == std::string::npos)
         return fail("the receiver: " + describeStatus(status));
     return {Verdict::Limit, "assertion \"ok\" stops the receiver"};
 }
@@ -337,44 +274,48 @@ Outcome greetMalformed(const ChaosContext& context)
 Outcome publishRubbish(const ChaosContext& context)
 {
     Fleet fleet;
-    Slot& impostor = fleet.start(SenderSlot, makePeer(Role::ImpostorPackets));
-    fleet.start(FirstReceiverSlot, makeReceiver());
+    fleet.start(SenderSlot, makeWorker(Role::ImpostorPackets));
+    fleet.start(FirstReceiverSlot, makeWorker(Role::Receiver));
     letPass(2'000 * context.minutes);
+    const std::uint64_t packets = fleet[SenderSlot].joins;
     const std::uint64_t joins = fleet[FirstReceiverSlot].joins;
-    const bool survives = fleet.isRunning(FirstReceiverSlot) && joins > 0 && impostor.joins > 0;
+    const bool survives = fleet.isRunning(FirstReceiverSlot) && joins > 0 && packets > 0;
     // The impostor leaves, a real sender comes.
-    fleet.start(SenderSlot, makeSender());
+    fleet.start(SenderSlot, makeWorker(Role::Sender));
     const auto took = waitForDelivery(
         fleet, {FirstReceiverSlot}, miscUtils::getMonotonicSysclockTime(), ResumeLimitMs);
     return {
         survives && took ? Verdict::Ok : Verdict::Failed,
         format(
-            "joined %lu times; a real sender's frames %s", joins,
+            "%lu packets, joined %lu times; a real sender's frames %s", packets, joins,
             took ? format("after %.0f ms", *took).c_str() : "did not come")};
 }
 
+using Context = const ChaosContext&;
+
 constexpr Scenario PeerScenarios[] = {
     {"setup-kill", "sender killed -9 at each step of its set-up", "4 receivers resume within 3 s",
-     killAtEachStepPubSub},
+     [](Context context) { return killSenders(context, NanomsgProtocol::PubSub, 4, true); }},
     {"setup-kill-pipeline", "the same in pipeline mode", "the receiver resumes within 3 s",
-     killAtEachStepPipeline},
+     [](Context context) { return killSenders(context, NanomsgProtocol::Pipeline, 1, true); }},
     {"send-kill", "sender killed -9 while sending", "8 receivers resume within 3 s",
-     killWhileSending},
+     [](Context context) { return killSenders(context, NanomsgProtocol::PubSub, 8, false); }},
     {"receivers", "8 of 32 receivers killed, stopped, resumed",
      "24 others lose no more than without", harassReceivers},
-    {"churn", "client connects and leaves 10,000 times", "others undisturbed, nothing left", churn},
+    {"churn", "client connects and leaves 10,000 times", "others undisturbed, nothing left",
+     [](Context context) { return runBeside(context, Role::ChurnClient, 10'000); }},
     {"silent", "client joins both channels, never reads", "others undisturbed, nothing left",
-     neverRead},
+     [](Context context) { return runBeside(context, Role::SilentClient); }},
     {"rubbish-sidechannel", "client writes rubbish to the sidechannel", "others undisturbed",
-     writeRubbishToSidechannel},
+     [](Context context) { return runBeside(context, Role::RubbishSidechannel); }},
     {"rubbish-main", "client writes rubbish to the main channel", "others undisturbed",
-     writeRubbishToMainChannel},
-    {"publisher-message", "client sends a proper message to the publisher", "limit: may abort it",
-     sendToPublisher},
-    {"impostor-greeting", "impostor sends a malformed InitialInfo", "limit: assertion \"ok\"",
-     greetMalformed},
+     [](Context context) { return runBeside(context, Role::RubbishMainChannel); }},
+    {"publisher-message", "client sends a proper message to the publisher",
+     "limit: nanomsg aborts the sender", sendToPublisher},
+    {"impostor-greeting", "impostor sends a malformed InitialInfo",
+     "limit: assertion \"ok\" in the receiver", greetMalformed},
     {"impostor-packets", "impostor publishes rubbish packets",
-     "receiver survives, finds real sender", publishRubbish},
+     "receiver survives, finds the real sender", publishRubbish},
 };
 
 const char* toString(Verdict verdict)

@@ -55,8 +55,8 @@ public:
     /// @return whether the stream runs
     bool begin(
         std::size_t numReceivers,
-        const WorkerConfig& sender = makeSender(),
-        const WorkerConfig& receiver = makeReceiver());
+        const WorkerConfig& sender = makeWorker(Role::Sender),
+        const WorkerConfig& receiver = makeWorker(Role::Receiver));
 
     /// @return whether every receiver gets further frames within 3 s
     bool areDelivering();
@@ -71,7 +71,7 @@ public:
     ///
     /// @return milliseconds from the kill until all receivers deliver; nothing if one does not
     ///         within 3 s
-    std::optional<double> restartSender(const WorkerConfig& sender = makeSender());
+    std::optional<double> restartSender(const WorkerConfig& sender = makeWorker(Role::Sender));
 
     /// Everything above: ok if nothing was lost without a pause of the machine, all deliver, and
     /// nothing is left.
@@ -91,7 +91,7 @@ private:
 /// Lowest slot that no stream of these scenarios uses.
 constexpr std::size_t FirstPeerSlot = 40;
 
-WorkerConfig makePeer(Role role);
+constexpr const char* NoStream = "the stream itself did not start";
 
 Outcome fail(const std::string& figure);
 

@@ -61,7 +61,7 @@ Result runLoss(const PauseProbe& probe, const Plan& plan, int number)
     const std::string what = format("loss, run %d of %d", number, plan.numRuns);
     std::printf("%s: 1,920 bytes, 100 frames/s, %d s\n", what.c_str(), plan.runSeconds);
     Fleet fleet;
-    WorkerConfig sender = makeSender();
+    WorkerConfig sender = makeWorker(Role::Sender);
     sender.numFrames = static_cast<std::uint64_t>(plan.runSeconds) * 100;
     const TimeValue start = miscUtils::getMonotonicSysclockTime();
     const auto receivers = startStream(fleet, NumReceivers, sender);
@@ -118,7 +118,7 @@ Result runRestarts(const Plan& plan)
         letPass(pickRandom(200, 1'500));
         const TimeValue killed = miscUtils::getMonotonicSysclockTime();
         fleet.kill(SenderSlot);
-        fleet.start(SenderSlot, makeSender());
+        fleet.start(SenderSlot, makeWorker(Role::Sender));
         const auto took = waitForDelivery(fleet, receivers, killed, GiveUpMs);
         std::printf(
             "  restart %2d: %s\n", i,

@@ -22,6 +22,7 @@ namespace
 {
 
 constexpr int CleanStopLimitMs = 8'000;
+constexpr TimeValue CauseNs = 100 * NsPerMs; // what starts a loss lies near its beginning
 constexpr int ReadyLimitMs = 10'000;
 
 [[noreturn]] void die(const char* what)
@@ -30,31 +31,24 @@ constexpr int ReadyLimitMs = 10'000;
     std::exit(EXIT_FAILURE);
 }
 
-template <class Member>
-std::uint64_t sumOfPhases(const Slot& slot, Member member)
-{
-    std::uint64_t sum = 0;
-    for (const PhaseCounters& phase : slot.phases)
-        sum += phase.*member;
-    return sum;
-}
-
 } // namespace
 
 std::uint64_t Slot::countFrames() const
 {
-    return sumOfPhases(*this, &PhaseCounters::frames);
+    return phases[0].frames + phases[1].frames + phases[2].frames;
 }
 
 std::uint64_t Slot::countLost() const
 {
-    return sumOfPhases(*this, &PhaseCounters::lost);
+    return phases[0].lost + phases[1].lost + phases[2].lost;
 }
 
 SharedBlock& mapSharedBlock(int fd)
 {
     void* const memory =
-        ::mmap(nullptr, sizeof(SharedBlock), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        // Populated: pages that come one by one would look like growth.
+        ::mmap(
+            nullptr, sizeof(SharedBlock), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd, 0);
     if (memory == MAP_FAILED)
         die("stress: mmap");
     return *static_cast<SharedBlock*>(memory);
@@ -184,18 +178,6 @@ std::string describeStatus(const std::optional<int>& status)
     return "exit " + std::to_string(WEXITSTATUS(*status));
 }
 
-WorkerConfig makeSender()
-{
-    return {};
-}
-
-WorkerConfig makeReceiver()
-{
-    WorkerConfig config;
-    config.role = Role::Receiver;
-    return config;
-}
-
 std::vector<std::size_t> startStream(
     Fleet& fleet,
     std::size_t numReceivers,
@@ -267,7 +249,8 @@ LossSummary summariseLosses(
         for (std::size_t i = 0; i < numBursts; ++i)
         {
             const LossBurst& burst = slot.bursts[i];
-            const TimeValue pause = probe.getLargest(burst.from, burst.until);
+            const TimeValue cause = std::min<TimeValue>(burst.until, burst.from + CauseNs);
+            const TimeValue pause = probe.getLargest(burst.from, cause);
             largest = std::max(largest, pause);
             if (pause >= periodNs)
                 explained += burst.count;

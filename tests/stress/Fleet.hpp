@@ -74,7 +74,7 @@ struct PhaseCounters
 
 struct LossBurst
 {
-    std::atomic<TimeValue> from = 0; ///< arrival of the frame before
+    std::atomic<TimeValue> from = 0; ///< when the frame before was sent, and the one after
     std::atomic<TimeValue> until = 0;
     std::atomic<std::uint64_t> count = 0;
 };
@@ -89,7 +89,7 @@ struct Slot
     std::atomic<bool> stop = false; // by the orchestrator
 
     std::array<PhaseCounters, NumPhases> phases;
-    std::array<LossBurst, 64> bursts;
+    std::array<LossBurst, 256> bursts;
     std::atomic<std::uint32_t> numBursts = 0; // may exceed what fits
 
     std::atomic<bool> ready = false; // Receiver: takes a sequence's frames; others: at work
@@ -117,6 +117,14 @@ struct SharedBlock
     std::atomic<std::uint64_t> lastIncarnation = 0;
     std::array<Slot, NumSlots> slots;
 };
+
+/// The main program of a worker process.
+///
+/// @return its exit code, an ExitCode
+int runWorker(SharedBlock& block, std::size_t index);
+
+/// The roles that are no sender and no receiver.
+int runHostilePeer(Slot& slot);
 
 /// Maps the block behind a descriptor that the orchestrator handed over.
 SharedBlock& mapSharedBlock(int fd);
@@ -176,8 +184,12 @@ private:
 /// @return "worked", "refused", "SIGABRT", ...; "hung" for nothing
 std::string describeStatus(const std::optional<int>& status);
 
-WorkerConfig makeSender();
-WorkerConfig makeReceiver();
+inline WorkerConfig makeWorker(Role role)
+{
+    WorkerConfig config;
+    config.role = role;
+    return config;
+}
 
 /// A sender in SenderSlot and receivers from FirstReceiverSlot on, joined; the sender's first frame
 /// waits for all of them.
@@ -186,8 +198,8 @@ WorkerConfig makeReceiver();
 std::vector<std::size_t> startStream(
     Fleet& fleet,
     std::size_t numReceivers,
-    WorkerConfig sender = makeSender(),
-    const WorkerConfig& receiver = makeReceiver());
+    WorkerConfig sender = makeWorker(Role::Sender),
+    const WorkerConfig& receiver = makeWorker(Role::Receiver));
 
 constexpr std::size_t SenderSlot = 0;
 constexpr std::size_t FirstReceiverSlot = 1;

@@ -1,21 +1,13 @@
 // Local processes that misbehave: clients of a sender, and impostors that hold a sender's name.
 
 #include <algorithm>
-#include <array>
-#include <cstring>
-#include <memory>
-#include <optional>
-#include <string>
 #include <vector>
 
-#include <SystemHelpers.hpp>
-#include <nanomsg/nn.h>
-#include <nanomsg/pubsub.h>
+#include <support/RawPeers.hpp>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include "Workers.hpp"
+#include "Fleet.hpp"
 
 namespace vlx::stress
 {
@@ -23,242 +15,144 @@ namespace vlx::stress
 namespace
 {
 
+using testing::Descriptor;
+using testing::RawConnection;
+using testing::RawSidechannelClient;
+using testing::RawSidechannelServer;
+
 constexpr std::size_t RubbishBytes = 4096;
-constexpr std::size_t MaxInitialInfoBytes = 4096;
-constexpr std::string_view IpcUriPrefix = "ipc://";
-constexpr int ImpostorBacklog = 64;
+constexpr std::size_t IpcUriPrefixLength = 6; // "ipc://"
 
-/// What a subscriber says first on the main channel's socket.
-constexpr std::array<unsigned char, 8> SubscriberGreeting = {0, 'S', 'P', 0, 0, 33, 0, 0};
-/// Type and length, big-endian.
-constexpr std::array<unsigned char, 9> EndlessMessage = {1, 255, 255, 255, 255, 255, 255, 255, 255};
-/// Type and length of a message of one byte, and the byte.
-constexpr std::array<unsigned char, 10> OneByteMessage = {1, 0, 0, 0, 0, 0, 0, 0, 1, 'x'};
+// What subscribers say on the main channel's socket: first a greeting, which is answered by one of
+// the same length; then type, length (big-endian) and bytes of each message.
+const Buffer SubscriberGreeting = {0, 'S', 'P', 0, 0, 33, 0, 0};
+const Buffer OneByteMessage = {1, 0, 0, 0, 0, 0, 0, 0, 1, 'x'};
+const Buffer EndlessMessage = {1, 255, 255, 255, 255, 255, 255, 255, 255};
 
-/// A plain Unix socket that closes with the scope.
-class Peer
+RawConnection connectToFile(const std::string& path)
 {
-public:
-    explicit Peer(int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) : m_fd(fd) {}
-
-    ~Peer()
-    {
-        if (m_fd >= 0)
-            ::close(m_fd);
-    }
-
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
-
-    bool connectToName(const std::string& name)
-    {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        const socklen_t length = setAbstractName(address, name);
-        return ::connect(m_fd, reinterpret_cast<const sockaddr*>(&address), length) == 0;
-    }
-
-    bool listenOnName(const std::string& name)
-    {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        const socklen_t length = setAbstractName(address, name);
-        return ::bind(m_fd, reinterpret_cast<const sockaddr*>(&address), length) == 0 &&
-               ::listen(m_fd, ImpostorBacklog) == 0;
-    }
-
-    bool connectToPath(const std::string& path)
-    {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        return ::connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    }
-
-    int getFD() const
-    {
-        return m_fd;
-    }
-
-    bool write(const void* data, std::size_t size) const
-    {
-        return ::send(m_fd, data, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
-    }
-
-    bool read(void* data, std::size_t size) const
-    {
-        return ::recv(m_fd, data, size, MSG_WAITALL) == static_cast<ssize_t>(size);
-    }
-
-private:
-    const int m_fd;
-};
-
-/// @return the path of the main channel's socket, as the sender's greeting tells it
-std::optional<std::string> readMainChannelPath(const Peer& sidechannel)
-{
-    std::uint32_t size = 0;
-    if (!sidechannel.read(&size, sizeof(size)) || size > MaxInitialInfoBytes)
-        return std::nullopt;
-    Buffer packet(size);
-    if (!sidechannel.read(packet.data(), packet.size()))
-        return std::nullopt;
-    return parseInitialInfoPacket(packet).nanomsgURI.substr(IpcUriPrefix.size());
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    Descriptor descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (::connect(descriptor.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) !=
+        0)
+        descriptor.close();
+    return RawConnection(std::move(descriptor));
 }
 
-int churn(Slot& slot)
+/// Joins the main channel that a sender announces on the sidechannel.
+RawConnection joinMainChannel(RawConnection& sidechannel)
 {
-    slot.ready = true;
-    while (slot.joins < slot.config.numFrames && !slot.stop)
-    {
-        Peer client;
-        if (!client.connectToName(slot.config.name.data()))
-            return ExitBroken;
-        ++slot.joins;
-    }
-    return ExitDone;
+    const auto greeting = sidechannel.readMessage();
+    if (!greeting)
+        return RawConnection(Descriptor());
+    return connectToFile(parseInitialInfoPacket(*greeting).nanomsgURI.substr(IpcUriPrefixLength));
 }
 
-int keepSilent(Slot& slot)
+int waitForStop(Slot& slot)
 {
-    Peer sidechannel;
-    Peer mainChannel;
-    if (!sidechannel.connectToName(slot.config.name.data()))
-        return ExitBroken;
-    const auto path = readMainChannelPath(sidechannel);
-    if (!path || !mainChannel.connectToPath(*path) ||
-        !mainChannel.write(SubscriberGreeting.data(), SubscriberGreeting.size()))
-        return ExitBroken;
     slot.ready = true;
-    slot.joins = 1;
     while (!slot.stop)
         letPass(20);
     return ExitDone;
 }
 
-void fillWithRubbish(Buffer& bytes)
+int churn(Slot& slot)
 {
-    for (std::uint8_t& byte : bytes)
-        byte = static_cast<std::uint8_t>(pickRandom(0, 255));
+    slot.ready = true;
+    for (; slot.joins < slot.config.numFrames; ++slot.joins)
+        if (!RawSidechannelClient(slot.config.name.data()).isOpen())
+            return ExitBroken;
+    return ExitDone;
+}
+
+/// Joins both channels and sends something there, but never reads.
+int sendOnce(Slot& slot, const Buffer& message)
+{
+    RawSidechannelClient sidechannel(slot.config.name.data());
+    RawConnection mainChannel = joinMainChannel(sidechannel);
+    if (!mainChannel.isOpen() || !mainChannel.send(SubscriberGreeting))
+        return ExitBroken;
+    mainChannel.readBytes(SubscriberGreeting.size());
+    mainChannel.send(message);
+    slot.joins = 1;
+    return waitForStop(slot);
+}
+
+Buffer makeRubbish(std::size_t size)
+{
+    Buffer bytes(size);
+    std::generate(
+        bytes.begin(), bytes.end(), [] { return static_cast<std::uint8_t>(pickRandom(0, 255)); });
+    return bytes;
 }
 
 /// Writes rubbish; joins again whenever the sender throws it out. On the main channel every second
 /// connection greets first and announces the longest of all messages.
 int writeRubbish(Slot& slot, bool toMainChannel)
 {
-    Buffer rubbish(RubbishBytes);
-    bool isGreeting = false;
-    while (!slot.stop)
+    slot.ready = true;
+    for (bool isGreeting = false; !slot.stop; isGreeting = !isGreeting)
     {
-        Peer sidechannel;
-        Peer mainChannel;
-        if (!sidechannel.connectToName(slot.config.name.data()))
+        RawSidechannelClient sidechannel(slot.config.name.data());
+        RawConnection mainChannel =
+            toMainChannel ? joinMainChannel(sidechannel) : RawConnection(Descriptor());
+        RawConnection& channel = toMainChannel ? mainChannel : sidechannel;
+        if (!channel.isOpen())
             return ExitBroken;
-        if (toMainChannel)
-        {
-            const auto path = readMainChannelPath(sidechannel);
-            if (!path || !mainChannel.connectToPath(*path))
-                return ExitBroken;
-            if (isGreeting)
-                mainChannel.write(SubscriberGreeting.data(), SubscriberGreeting.size()) &&
-                    mainChannel.write(EndlessMessage.data(), EndlessMessage.size());
-            isGreeting = !isGreeting;
-        }
-        slot.ready = true;
+        if (toMainChannel && isGreeting && channel.send(SubscriberGreeting))
+            channel.send(EndlessMessage);
         do
-        {
             ++slot.joins;
-            fillWithRubbish(rubbish);
-        } while (!slot.stop &&
-                 (toMainChannel ? mainChannel : sidechannel).write(rubbish.data(), rubbish.size()));
+        while (!slot.stop && channel.send(makeRubbish(RubbishBytes)));
     }
     return ExitDone;
-}
-
-int sendMessageToPublisher(Slot& slot)
-{
-    Peer sidechannel;
-    Peer mainChannel;
-    if (!sidechannel.connectToName(slot.config.name.data()))
-        return ExitBroken;
-    const auto path = readMainChannelPath(sidechannel);
-    if (!path || !mainChannel.connectToPath(*path) ||
-        !mainChannel.write(SubscriberGreeting.data(), SubscriberGreeting.size()))
-        return ExitBroken;
-    std::array<unsigned char, SubscriberGreeting.size()> greeting = {};
-    if (!mainChannel.read(greeting.data(), greeting.size()) ||
-        !mainChannel.write(OneByteMessage.data(), OneByteMessage.size()))
-        return ExitBroken;
-    slot.ready = true;
-    while (!slot.stop)
-        letPass(20);
-    return ExitDone;
-}
-
-bool greet(const Peer& client, const Buffer& greeting)
-{
-    const auto size = static_cast<std::uint32_t>(greeting.size());
-    return client.write(&size, sizeof(size)) && client.write(greeting.data(), greeting.size());
 }
 
 int greetMalformed(Slot& slot)
 {
-    Peer listener;
-    if (!listener.listenOnName(slot.config.name.data()))
-        return ExitBroken;
-    slot.ready = true;
-    const Peer client(::accept(listener.getFD(), nullptr, nullptr));
-    greet(client, {1, 0, 'n', 'o', ' ', 'e', 'n', 'd'});
-    while (!slot.stop)
-        letPass(20);
-    return ExitDone;
+    RawSidechannelServer server(slot.config.name.data());
+    RawConnection client = server.accept();
+    client.send(testing::makeSidechannelMessage({1, 0, 'n', 'o', ' ', 'e', 'n', 'd'}));
+    return waitForStop(slot);
 }
 
 /// Random packets of every small size. Many get past the sequence filter, and select a codec.
-void publishRubbish(int publisher, int count)
+Buffer makeRubbishPacket()
 {
     constexpr std::array<unsigned char, 6> Plausible = {1, 0, 'P', 'C', 'M', 'A'};
-    for (int i = 0; i < count; ++i)
-    {
-        Buffer packet(static_cast<std::size_t>(pickRandom(1, 40)));
-        fillWithRubbish(packet);
-        packet[0] = static_cast<std::uint8_t>(pickRandom(0, 3));
-        if (packet.size() >= Plausible.size() + 2 && pickRandom(0, 1) == 0)
-            std::copy(Plausible.begin(), Plausible.end(), packet.begin() + 2);
-        ::nn_send(publisher, packet.data(), packet.size(), NN_DONTWAIT);
-    }
+    Buffer packet = makeRubbish(static_cast<std::size_t>(pickRandom(1, 40)));
+    packet[0] = static_cast<std::uint8_t>(pickRandom(0, 3));
+    if (packet.size() >= Plausible.size() + 2 && pickRandom(0, 1) == 0)
+        std::copy(Plausible.begin(), Plausible.end(), packet.begin() + 2);
+    return packet;
 }
 
 /// Greets properly whoever comes, and publishes rubbish.
 int imposeAsSender(Slot& slot)
 {
     constexpr int PacketsPerTurn = 20;
-    Peer listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const std::string uri = std::string(IpcUriPrefix) + getBaseDirectory() + "/impostor.ipc";
-    const int publisher = ::nn_socket(AF_SP, NN_PUB);
-    if (!listener.listenOnName(slot.config.name.data()) || ::nn_bind(publisher, uri.c_str()) < 0)
-        return ExitBroken;
-
     InitialInfo info = {};
     info.version = 1;
     info.timeSyncProtocol = TimeSyncProtocol::MonotonicSystemClock;
     info.nanomsgProtocol = NanomsgProtocol::PubSub;
-    info.nanomsgURI = uri;
-    const Buffer greeting = produceInitialInfoPacket(info);
-    std::vector<std::unique_ptr<Peer>> clients;
-    slot.ready = true;
+    info.nanomsgURI = std::string("ipc://") + std::getenv("TMPDIR") + "/impostor.ipc";
+    RawSidechannelServer server(slot.config.name.data());
+    testing::RawNanomsgPub publisher;
+    if (!server.isListening() || !publisher.bind(info.nanomsgURI))
+        return ExitBroken;
+    std::vector<RawConnection> clients;
     while (!slot.stop)
     {
-        const int fd = ::accept(listener.getFD(), nullptr, nullptr);
-        if (fd >= 0)
-            greet(*clients.emplace_back(std::make_unique<Peer>(fd)), greeting);
-        if (clients.size() > ImpostorBacklog)
-            clients.erase(clients.begin());
-        publishRubbish(publisher, PacketsPerTurn);
+        RawConnection client = server.accept(std::chrono::milliseconds(1));
+        if (client.isOpen() &&
+            client.send(testing::makeSidechannelMessage(produceInitialInfoPacket(info))))
+            clients.push_back(std::move(client));
+        for (int i = 0; i < PacketsPerTurn; ++i)
+            publisher.send(makeRubbishPacket(), std::chrono::milliseconds(0));
         slot.joins += PacketsPerTurn;
-        letPass(1);
     }
-    ::nn_close(publisher);
     return ExitDone;
 }
 
@@ -271,13 +165,13 @@ int runHostilePeer(Slot& slot)
     case Role::ChurnClient:
         return churn(slot);
     case Role::SilentClient:
-        return keepSilent(slot);
+        return sendOnce(slot, {});
+    case Role::MessageToPublisher:
+        return sendOnce(slot, OneByteMessage);
     case Role::RubbishSidechannel:
         return writeRubbish(slot, false);
     case Role::RubbishMainChannel:
         return writeRubbish(slot, true);
-    case Role::MessageToPublisher:
-        return sendMessageToPublisher(slot);
     case Role::ImpostorInitialInfo:
         return greetMalformed(slot);
     case Role::ImpostorPackets:

@@ -6,8 +6,8 @@
 
 #include <sys/utsname.h>
 
+#include "Fleet.hpp"
 #include "Runs.hpp"
-#include "Workers.hpp"
 
 namespace vlx::stress
 {

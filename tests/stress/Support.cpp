@@ -205,18 +205,6 @@ ProcessFigures readProcessFigures(pid_t pid)
         else if (key == "Rss:")
             figures.rssKiB = value;
     }
-
-    std::ifstream stat(root + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    constexpr int FieldsBeforeTimes = 11; // those between the command's ')' and utime
-    std::istringstream fields(text.substr(std::min(text.size(), text.rfind(')') + 1)));
-    std::string skipped;
-    for (int i = 0; i < FieldsBeforeTimes; ++i)
-        fields >> skipped;
-    double userTicks = 0;
-    double systemTicks = 0;
-    fields >> userTicks >> systemTicks;
-    figures.cpuSeconds = (userTicks + systemTicks) / static_cast<double>(::sysconf(_SC_CLK_TCK));
     return figures;
 }
 

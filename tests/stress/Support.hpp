@@ -111,7 +111,6 @@ struct ProcessFigures
     int threads = 0;
     double pssKiB = 0;
     double rssKiB = 0;
-    double cpuSeconds = 0;
 
     bool hasSameHandles(const ProcessFigures& other) const
     {

@@ -1,5 +1,3 @@
-#include "Workers.hpp"
-
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
@@ -25,6 +23,8 @@
 #include <miscUtils/MiscUtils.hpp>
 #include <vlx/VlxReceiver.hpp>
 #include <vlx/VlxSender.hpp>
+
+#include "Fleet.hpp"
 
 namespace vlx::stress
 {
@@ -321,29 +321,31 @@ private:
             m_slot.incarnation = tag.incarnation;
         }
         if (tag.incarnation == m_last.incarnation && tag.index > m_last.index + 1)
-            noteLoss(phase, tag.index - m_last.index - 1, now);
+            noteLoss(phase, tag.index - m_last.index - 1, timestamp);
         m_last = tag;
+        m_lastTimestamp = timestamp;
         ++phase.frames;
         phase.times.add(now - timestamp);
         m_slot.lastFrame = now;
         m_stallWatch.onFrame(now);
     }
 
-    void noteLoss(PhaseCounters& phase, std::uint64_t count, TimeValue now)
+    void noteLoss(PhaseCounters& phase, std::uint64_t count, TimeValue timestamp)
     {
         phase.lost += count;
         const std::uint32_t number = m_slot.numBursts++;
         if (number >= m_slot.bursts.size())
             return;
         LossBurst& burst = m_slot.bursts[number];
-        burst.from = m_slot.lastFrame.load();
-        burst.until = now;
+        burst.from = m_lastTimestamp;
+        burst.until = timestamp;
         burst.count = count;
     }
 
     SharedBlock& m_block;
     Slot& m_slot;
     FrameTag m_last = {}; // the receiver's worker thread, and this one before it exists
+    TimeValue m_lastTimestamp = 0;
     toolkit::StallWatch m_stallWatch{StallLimitNs};
     PcmDepayloader m_depayloader;
     Receiver m_receiver; // last: its callbacks use everything above
@@ -378,22 +380,11 @@ int runWorker(SharedBlock& block, std::size_t index)
     configureLogging(slot);
     if (!applyResourceLimit(slot.config))
         return ExitBroken;
-    switch (slot.config.role)
-    {
-    case Role::Sender:
+    if (slot.config.role == Role::Sender)
         return runGuarded<SenderWorker>(block, slot);
-    case Role::Receiver:
+    if (slot.config.role == Role::Receiver)
         return runGuarded<ReceiverWorker>(block, slot);
-    case Role::ChurnClient:
-    case Role::SilentClient:
-    case Role::RubbishSidechannel:
-    case Role::RubbishMainChannel:
-    case Role::MessageToPublisher:
-    case Role::ImpostorInitialInfo:
-    case Role::ImpostorPackets:
-        return runHostilePeer(slot);
-    }
-    return ExitBroken;
+    return runHostilePeer(slot);
 }
 
 } // namespace vlx::stress
