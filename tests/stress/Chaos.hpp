@@ -30,6 +30,9 @@ struct ChaosContext
     const int minutes;
     const PauseProbe& probe;
     const std::string directory; ///< TMPDIR of the run
+    const int resumeLimitMs;     ///< within which receivers have to be back
+    const int besideMs;          ///< how long misbehaving peers go on
+    const bool judgesLosses;
 };
 
 struct Scenario
@@ -43,8 +46,6 @@ struct Scenario
 std::span<const Scenario> getPeerScenarios();
 std::span<const Scenario> getResourceScenarios();
 std::span<const Scenario> getClockScenarios();
-
-constexpr int ResumeLimitMs = 3'000;
 
 /// A stream whose receivers are to go on undisturbed beside a fault.
 class Bystanders

@@ -70,17 +70,17 @@ std::string describeEnd(const Fleet& fleet, std::size_t index, const std::option
 }
 
 /// Starts workers under each limit of a range, all at once, and sorts them by their ends.
-SweepResult sweep(Fleet& fleet, const WorkerConfig& config, const std::vector<unsigned>& limits)
+SweepResult sweep(Fleet& fleet, Role role, int resource, const std::vector<unsigned>& limits)
 {
     for (std::size_t i = 0; i < limits.size(); ++i)
     {
-        WorkerConfig own = config;
-        own.resourceLimit = limits[i];
-        own.setUpOnly = true;
         // Senders cannot share a name.
-        if (config.role == Role::Sender)
-            std::snprintf(own.name.data(), own.name.size(), "stress-%zu", i);
-        fleet.start(FirstSweepSlot + i, own);
+        const bool isSender = role == Role::Sender;
+        WorkerConfig config = makeWorker(role, isSender ? "-" + std::to_string(i) : "");
+        config.resource = resource;
+        config.resourceLimit = limits[i];
+        config.setUpOnly = true;
+        fleet.start(FirstSweepSlot + i, config);
     }
     SweepResult result;
     const TimeValue start = miscUtils::getMonotonicSysclockTime();
@@ -100,11 +100,9 @@ Outcome sweepDescriptors(Role role)
     Fleet fleet;
     if (role == Role::Receiver)
         fleet.start(SenderSlot, makeWorker(Role::Sender));
-    WorkerConfig config = makeWorker(role);
-    config.resource = RLIMIT_NOFILE;
     std::vector<unsigned> limits(24);
     std::iota(limits.begin(), limits.end(), 0U);
-    return judgeSweep(sweep(fleet, config, limits));
+    return judgeSweep(sweep(fleet, role, RLIMIT_NOFILE, limits));
 }
 
 /// Lets every user write to the main channel of the sender that runs.
@@ -128,12 +126,10 @@ Outcome sweepThreads(Role role)
         if (role == Role::Receiver)
         {
             const Slot& sender = fleet.start(SenderSlot, makeWorker(Role::Sender));
-            waitUntil(ResumeLimitMs, [&] { return sender.ready.load(); });
+            waitUntil(SweepLimitMs, [&] { return sender.ready.load(); });
             openMainChannel();
         }
-        WorkerConfig config = makeWorker(role);
-        config.resource = RLIMIT_NPROC;
-        for (const auto& [end, count] : sweep(fleet, config, {limit}))
+        for (const auto& [end, count] : sweep(fleet, role, RLIMIT_NPROC, {limit}))
             all[end] += count;
     }
     return judgeSweep(all);
@@ -175,7 +171,8 @@ Outcome starveListener(const ChaosContext& context)
     const std::uint64_t errors = stream.fleet[SenderSlot].errorLines;
     const bool isKeptOut = latecomer.countFrames() == 0;
     limitDescriptors(sender, PlentyOfDescriptors);
-    const bool joins = waitUntil(ResumeLimitMs, [&] { return latecomer.countFrames() > 20; });
+    const bool joins =
+        waitUntil(context.resumeLimitMs, [&] { return latecomer.countFrames() > 20; });
     stream.fleet.kill(FirstPeerSlot);
     const Outcome others = stream.judge(format(
         "listener spins: %lu ERRORs/s; latecomer %s once there are descriptors", errors / 2,
@@ -254,11 +251,10 @@ Outcome runWithoutDirectory(
     if (!stream.begin(2))
         return fail(NoStream);
     setBroken(true);
-    WorkerConfig second = makeWorker(Role::Sender);
-    second.name = {"stress-second"};
+    WorkerConfig second = makeWorker(Role::Sender, "-second");
     second.setUpOnly = true;
     stream.fleet.start(FirstPeerSlot, second);
-    const auto status = stream.fleet.waitExit(FirstPeerSlot, ResumeLimitMs);
+    const auto status = stream.fleet.waitExit(FirstPeerSlot, context.resumeLimitMs);
     letPass(500);
     const Outcome others = stream.judge("a new sender " + describeStatus(status));
     setBroken(false);

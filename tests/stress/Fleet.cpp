@@ -178,6 +178,15 @@ std::string describeStatus(const std::optional<int>& status)
     return "exit " + std::to_string(WEXITSTATUS(*status));
 }
 
+WorkerConfig makeWorker(Role role, const std::string& nameSuffix)
+{
+    WorkerConfig config;
+    config.role = role;
+    format("stress-%d%s", ::getpid(), nameSuffix.c_str())
+        .copy(config.name.data(), config.name.size() - 1);
+    return config;
+}
+
 std::vector<std::size_t> startStream(
     Fleet& fleet,
     std::size_t numReceivers,

@@ -40,7 +40,7 @@ constexpr int NumPhases = 3;
 struct WorkerConfig
 {
     Role role = Role::Sender;
-    std::array<char, MaxNameLength> name{"stress"};
+    std::array<char, MaxNameLength> name{}; ///< the sender's
     NanomsgProtocol protocol = NanomsgProtocol::PubSub;
     unsigned frameBytes = 1920;
     unsigned framePeriodUs = 10'000;
@@ -184,12 +184,8 @@ private:
 /// @return "worked", "refused", "SIGABRT", ...; "hung" for nothing
 std::string describeStatus(const std::optional<int>& status);
 
-inline WorkerConfig makeWorker(Role role)
-{
-    WorkerConfig config;
-    config.role = role;
-    return config;
-}
+/// @param nameSuffix  of the stream's name, which no other run has
+WorkerConfig makeWorker(Role role, const std::string& nameSuffix = "");
 
 /// A sender in SenderSlot and receivers from FirstReceiverSlot on, joined; the sender's first frame
 /// waits for all of them.

@@ -32,7 +32,7 @@ namespace vlx::stress
 namespace
 {
 
-constexpr uid_t NobodyID = 65534;
+constexpr uid_t FirstUnusedID = 100'000; // of users
 constexpr TimeValue StallLimitNs = 2 * NsPerSecond;
 constexpr int TurnMs = 20;
 constexpr int StarvedLimitMs = 1'500;
@@ -86,9 +86,10 @@ void configureLogging(Slot& slot)
 }
 
 /// Descriptors: leaves so many free ones. Threads: becomes another user first, since the limit does
-/// not hold for root.
+/// not hold for root; one with no other processes, since they would count.
 bool applyResourceLimit(const WorkerConfig& config)
 {
+    const uid_t id = FirstUnusedID + static_cast<uid_t>(::getpid());
     if (config.resource == NoResource)
         return true;
 
@@ -99,7 +100,7 @@ bool applyResourceLimit(const WorkerConfig& config)
         ::close(lowestFree);
         limit += static_cast<rlim_t>(lowestFree);
     }
-    else if (::setgroups(0, nullptr) < 0 || ::setgid(NobodyID) < 0 || ::setuid(NobodyID) < 0)
+    else if (::setgroups(0, nullptr) < 0 || ::setgid(id) < 0 || ::setuid(id) < 0)
         return false;
     const rlimit limits = {limit, limit};
     return ::setrlimit(static_cast<__rlimit_resource>(config.resource), &limits) == 0;
