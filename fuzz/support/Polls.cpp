@@ -24,7 +24,7 @@ void failNextPolls(int count, int error)
 } // namespace vlx::fuzz
 
 // The names that the linker's --wrap=poll asks for.
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming)
+// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" int __real_poll(pollfd* entries, nfds_t count, int timeoutMs);
 extern "C" int __wrap_poll(pollfd* entries, nfds_t count, int timeoutMs);
 
@@ -38,4 +38,4 @@ extern "C" int __wrap_poll(pollfd* entries, nfds_t count, int /*timeoutMs*/)
     }
     return __real_poll(entries, count, 0);
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
+// NOLINTEND(bugprone-reserved-identifier)
