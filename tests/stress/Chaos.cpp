@@ -279,6 +279,7 @@ Outcome publishRubbish(const ChaosContext& context)
     Fleet fleet;
     fleet.start(SenderSlot, makeWorker(Role::ImpostorPackets));
     fleet.start(FirstReceiverSlot, makeWorker(Role::Receiver));
+    waitUntil(context.resumeLimitMs, [&] { return fleet[FirstReceiverSlot].joins > 0; });
     letPass(context.besideMs);
     const std::uint64_t packets = fleet[SenderSlot].joins;
     const std::uint64_t joins = fleet[FirstReceiverSlot].joins;

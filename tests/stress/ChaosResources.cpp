@@ -214,15 +214,13 @@ Outcome starveReceivers(const ChaosContext& context)
     return {isOk ? Verdict::Ok : Verdict::Failed, toText(result) + "; " + figure};
 }
 
-constexpr const char* SmallFileSystem = "size=64k,nr_inodes=16";
-
 /// Mounts a small file system, seen by this thread and all workers to come.
 bool mountSmallFileSystem(const std::string& path)
 {
     std::filesystem::create_directory(path);
     return ::unshare(CLONE_NEWNS) == 0 &&
            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           ::mount("none", path.c_str(), "tmpfs", 0, SmallFileSystem) == 0;
+           ::mount("none", path.c_str(), "tmpfs", 0, "size=64k,nr_inodes=16") == 0;
 }
 
 /// Makes files until no more fit, or removes them.
@@ -285,10 +283,11 @@ Outcome runReadOnly(const ChaosContext& context)
         context,
         [](const std::string& path, bool isReadOnly)
         {
-            unsigned long flags = MS_REMOUNT;
+            // The mount, not the file system: that would have to be free of removed files in use.
+            unsigned long flags = MS_REMOUNT | MS_BIND;
             if (isReadOnly)
                 flags |= MS_RDONLY;
-            ::mount("none", path.c_str(), "tmpfs", flags, SmallFileSystem);
+            ::mount(nullptr, path.c_str(), nullptr, flags, nullptr);
         });
 }
 
