@@ -74,8 +74,10 @@ public:
 
     ~RawSender()
     {
+        const std::string prefix = "ipc://";
         std::error_code error;
-        std::filesystem::remove(m_uri.substr(m_uri.find("//") + 2), error);
+        if (m_uri.starts_with(prefix))
+            std::filesystem::remove(m_uri.substr(prefix.size()), error);
     }
 
     RawSender(const RawSender&) = delete;
@@ -104,7 +106,9 @@ public:
     /// the receiver has not bound yet when this is called.
     bool joinMainChannel()
     {
-        if (m_protocol == NanomsgProtocol::Pipeline && !m_push.connect(m_uri))
+        const bool hasToConnect =
+            m_protocol == NanomsgProtocol::Pipeline && !std::exchange(m_isPushConnected, true);
+        if (hasToConnect && !m_push.connect(m_uri))
             return false;
         return getMain().waitForPeers();
     }
@@ -160,6 +164,7 @@ private:
     RawConnection m_sidechannel;
     RawNanomsgPub m_pub;
     RawNanomsgPush m_push;
+    bool m_isPushConnected = false; // from then on it connects again by itself
 };
 
 } // namespace vlx::testing

@@ -1,0 +1,471 @@
+// Senders and receivers together.
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <log4cplus/logger.h>
+#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <vlx/VlxPayload.hpp>
+#include <vlx/VlxReceiver.hpp>
+#include <vlx/VlxSender.hpp>
+
+#include "support/AllocationCounter.hpp"
+#include "support/LogCapture.hpp"
+#include "support/RecordedReceiver.hpp"
+#include "support/VlxTest.hpp"
+
+namespace fs = std::filesystem;
+
+namespace vlx
+{
+
+using audioUtils::PcmFormat;
+using ::testing::ElementsAre;
+using testing::RecordedReceiver;
+using testing::traceLog;
+using testing::waitFor;
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+using Frame = RecordedReceiver::Frame;
+
+// What another process of a test is to do; it is the same program, started with the same test.
+constexpr const char* PeerVariable = "VLX_TEST_PEER";
+constexpr const char* PeerNameVariable = "VLX_TEST_PEER_NAME";
+
+/// A sender of PCM, with its first sequence announced.
+class PcmSender
+{
+public:
+    PcmSender(const std::string& name, NanomsgProtocol protocol)
+    {
+        m_payloader.setNewFormat(48000, 2, PcmFormat::S16LE);
+        m_isInitialized = m_sender.initializeSender(
+            name, "", "", 0, TimeSyncProtocol::MonotonicSystemClock, protocol);
+        m_sender.setCurrentPayloader(m_payloader);
+        m_sender.startNewSequence();
+    }
+
+    bool isInitialized() const
+    {
+        return m_isInitialized;
+    }
+
+    void startSequence(std::uint32_t sampleRate, std::uint32_t numChannels, PcmFormat format)
+    {
+        m_payloader.setNewFormat(sampleRate, numChannels, format);
+        m_sender.startNewSequence();
+    }
+
+    void send(const Frame& frame)
+    {
+        m_sender.sendMediaData(frame.timestamp, frame.duration, frame.data);
+    }
+
+    void startSequence()
+    {
+        m_sender.startNewSequence();
+    }
+
+    bool waitForReceivers(std::size_t number)
+    {
+        return waitFor([this, number] { return m_sender.getNumReceivers() == number; });
+    }
+
+private:
+    PcmPayloader m_payloader; // first: it must outlive the sender
+    Sender m_sender;
+    bool m_isInitialized = false;
+};
+
+/// @return media data in which no two frames are alike
+Buffer makeData(std::size_t size, std::size_t seed)
+{
+    Buffer data(size);
+    for (std::size_t i = 0; i < size; ++i)
+        data[i] = static_cast<std::uint8_t>(i * 31 + (i >> 8) + seed * 7);
+    return data;
+}
+
+/// Wakes receivers that wait for a sender which listens by now.
+void ringBell()
+{
+    const std::string entry = std::string(std::getenv("TMPDIR")) + "/.bell-VlxSender-test";
+    fs::create_directory(entry);
+    fs::remove(entry);
+}
+
+/// A process that does what runPeer() does, until it is killed.
+class PeerProcess
+{
+public:
+    PeerProcess(const char* peer, const std::string& socketName)
+    {
+        ::setenv(PeerVariable, peer, 1);
+        ::setenv(PeerNameVariable, socketName.c_str(), 1);
+        const ::testing::TestInfo& test = *::testing::UnitTest::GetInstance()->current_test_info();
+        std::string program = "/proc/self/exe";
+        std::string filter =
+            std::string("--gtest_filter=") + test.test_suite_name() + "." + test.name();
+        std::array<char*, 3> arguments = {program.data(), filter.data(), nullptr};
+        ::posix_spawn(&m_process, program.c_str(), nullptr, nullptr, arguments.data(), environ);
+        ::unsetenv(PeerVariable);
+    }
+
+    ~PeerProcess()
+    {
+        kill();
+    }
+
+    PeerProcess(const PeerProcess&) = delete;
+    PeerProcess& operator=(const PeerProcess&) = delete;
+
+    void signal(int number) const
+    {
+        ::kill(m_process, number);
+    }
+
+    void kill()
+    {
+        if (m_process <= 0)
+            return;
+        signal(SIGKILL);
+        ::waitpid(m_process, nullptr, 0);
+        m_process = 0;
+    }
+
+private:
+    pid_t m_process = 0;
+};
+
+[[noreturn]] void runPeer(const std::string& peer, const std::string& socketName)
+{
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (peer == "receiver")
+    {
+        RecordedReceiver receiver;
+        receiver.start(socketName);
+        ::pause();
+    }
+    PcmSender sender(
+        socketName, peer == "pipeline" ? NanomsgProtocol::Pipeline : NanomsgProtocol::PubSub);
+    ringBell();
+    for (TimeValue timestamp = 0;; ++timestamp)
+    {
+        // Again and again: the one that is announced while a receiver joins may miss it.
+        if (timestamp % 10 == 0)
+            sender.startSequence();
+        sender.send({timestamp, 1, makeData(100, timestamp)});
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
+class EndToEndTest : public testing::VlxTest
+{
+protected:
+    void SetUp() override
+    {
+        if (const char* const peer = std::getenv(PeerVariable))
+            runPeer(peer, std::getenv(PeerNameVariable));
+        VlxTest::SetUp();
+    }
+};
+
+class EndToEndTransportTest : public EndToEndTest,
+                              public ::testing::WithParamInterface<NanomsgProtocol>
+{
+protected:
+    std::unique_ptr<PcmSender> makeSender() const
+    {
+        auto sender = std::make_unique<PcmSender>(getSocketName(), GetParam());
+        EXPECT_TRUE(sender->isInitialized());
+        return sender;
+    }
+
+    /// Makes a sender that one waiting receiver joins. What is announced while it joins may miss
+    /// it, so there is a second sequence afterwards.
+    std::unique_ptr<PcmSender> makeJoinedSender() const
+    {
+        auto sender = makeSender();
+        ringBell();
+        EXPECT_TRUE(sender->waitForReceivers(1));
+        sender->startSequence();
+        return sender;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    Transport,
+    EndToEndTransportTest,
+    ::testing::Values(NanomsgProtocol::PubSub, NanomsgProtocol::Pipeline),
+    [](const auto& row) { return row.param == NanomsgProtocol::PubSub ? "PubSub" : "Pipeline"; });
+
+/// @return what a receiver that has joined the transport before should say at a frame
+std::string describe(const Frame& frame)
+{
+    return "frame " + std::to_string(frame.timestamp);
+}
+
+} // namespace
+
+TEST_P(EndToEndTransportTest, FramesOfEveryFormatArriveBitForBit)
+{
+    auto sender = makeSender();
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(sender->waitForReceivers(1));
+    ASSERT_TRUE(receiver.waitForEvent("ready"));
+
+    std::vector<std::string> expectedEvents = {
+        "connecting", "running", "sequence 48000 x2 S16LE", "ready monotonic system clock"};
+    std::vector<Frame> expectedFrames;
+    const auto send = [&](const Frame& frame)
+    {
+        expectedFrames.push_back(frame);
+        expectedEvents.push_back(describe(frame));
+        sender->send(frame);
+        return receiver.waitForEvent("frame", expectedFrames.size());
+    };
+    for (std::uint32_t i = 0; i < audioUtils::NumPcmFormats; ++i)
+    {
+        const auto format = static_cast<PcmFormat>(i);
+        const std::uint32_t sampleRate = i == 0 ? 0xFFFFFFFF : 8000 * i + 1;
+        const std::uint32_t numChannels = i == 0 ? 255 : i;
+        sender->startSequence(sampleRate, numChannels, format);
+        expectedEvents.push_back(
+            "sequence " + std::to_string(sampleRate) + " x" + std::to_string(numChannels) + " " +
+            std::string(toString(format)));
+        ASSERT_TRUE(receiver.waitForEvent("sequence", i + 2));
+        for (const std::size_t size : {0U, 1U, 1920U, 60000U})
+            ASSERT_TRUE(send({size * 1000 + i, i, makeData(size, i)}));
+    }
+    ASSERT_TRUE(send({0, 0, {}}));
+    constexpr TimeValue Largest = std::numeric_limits<TimeValue>::max();
+    ASSERT_TRUE(send({Largest, Largest, makeData(4 << 20, 1)}));
+
+    EXPECT_EQ(receiver.getEvents(), expectedEvents);
+    EXPECT_TRUE(receiver.getFrames() == expectedFrames); // too much to be printed
+}
+
+TEST_F(EndToEndTest, ReceiversThatJoinLateGetWhatFollows)
+{
+    constexpr std::size_t FramesPerRound = 20;
+    PcmSender sender(getSocketName(), NanomsgProtocol::PubSub);
+    std::array<RecordedReceiver, 4> receivers;
+    std::vector<Frame> sent;
+    for (std::size_t joined = 1; joined <= receivers.size(); ++joined)
+    {
+        ASSERT_TRUE(receivers[joined - 1].start(getSocketName()));
+        ASSERT_TRUE(sender.waitForReceivers(joined));
+        ASSERT_TRUE(receivers[joined - 1].waitForEvent("ready"));
+        for (std::size_t i = 0; i < FramesPerRound; ++i)
+        {
+            sent.push_back({sent.size(), joined, makeData(1920, sent.size())});
+            sender.send(sent.back());
+            // None may fall behind: what a receiver cannot take at once is dropped.
+            for (std::size_t r = 0; r < joined; ++r)
+                ASSERT_TRUE(receivers[r].waitForEvent("frame", sent.size() - r * FramesPerRound));
+        }
+    }
+    for (std::size_t i = 0; i < receivers.size(); ++i)
+    {
+        const std::vector<Frame> expected(
+            sent.begin() + static_cast<std::ptrdiff_t>(i * FramesPerRound), sent.end());
+        EXPECT_TRUE(receivers[i].getFrames() == expected) << i;
+    }
+}
+
+TEST_P(EndToEndTransportTest, FramesArriveAgainAfterTheSenderWasShutDown)
+{
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    for (std::size_t round = 1; round <= 3; ++round)
+    {
+        auto sender = makeJoinedSender();
+        ASSERT_TRUE(receiver.waitForEvent("ready", round));
+        sender->send({round, 1, makeData(100, round)});
+        ASSERT_TRUE(receiver.waitForEvent("frame " + std::to_string(round)));
+        sender.reset();
+        ASSERT_TRUE(receiver.waitForEvent("connecting", round + 1));
+    }
+    EXPECT_EQ(receiver.count("failed"), 0U);
+}
+
+TEST_P(EndToEndTransportTest, FramesArriveAgainAfterTheSenderWasKilled)
+{
+    const char* const peer = GetParam() == NanomsgProtocol::Pipeline ? "pipeline" : "pubsub";
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    for (std::size_t round = 1; round <= 3; ++round)
+    {
+        PeerProcess sender(peer, getSocketName());
+        ASSERT_TRUE(receiver.waitForEvent("ready", round));
+        const std::size_t numBefore = receiver.count("frame");
+        ASSERT_TRUE(receiver.waitForEvent("frame", numBefore + 10));
+        sender.kill();
+        ASSERT_TRUE(receiver.waitForEvent("connecting", round + 1));
+    }
+    for (const Frame& frame : receiver.getFrames())
+        ASSERT_EQ(frame, (Frame{frame.timestamp, 1, makeData(100, frame.timestamp)}));
+    EXPECT_EQ(receiver.count("failed"), 0U);
+    receiver.stop();
+    for (const std::string& left : listTempDirectory())
+        fs::remove_all(fs::path(getTempDirectory()) / left);
+}
+
+TEST_F(EndToEndTest, TheBellSavesTheRestOfTheWait)
+{
+    constexpr std::size_t NumRounds = 5;
+    const auto retrying = traceLog("Could not connect to VLX sender; retrying in 400 ms");
+    const auto measure = [](const auto& action)
+    {
+        const Clock::time_point begin = Clock::now();
+        action();
+        return Clock::now() - begin;
+    };
+    std::vector<Clock::duration> waits;
+    std::vector<Clock::duration> joins;
+    for (std::size_t round = 0; round < NumRounds; ++round)
+    {
+        RecordedReceiver receiver;
+        log().clear();
+        ASSERT_TRUE(receiver.start(getSocketName()));
+        ASSERT_TRUE(log().waitFor(retrying, 2));
+        waits.push_back(measure([&] { ASSERT_TRUE(log().waitFor(retrying, 3)); }));
+
+        std::optional<PcmSender> sender;
+        joins.push_back(measure(
+            [&]
+            {
+                sender.emplace(getSocketName(), NanomsgProtocol::PubSub);
+                ringBell();
+                ASSERT_TRUE(receiver.waitForEvent("running"));
+            }));
+    }
+    std::sort(waits.begin(), waits.end());
+    std::sort(joins.begin(), joins.end());
+    EXPECT_LT(joins[NumRounds / 2] * 2, waits[NumRounds / 2]);
+}
+
+TEST_P(EndToEndTransportTest, StopsArePromptIfTheMonitorIsWoken)
+{
+    // Without being woken each of them would take up to 5 s: more than the deadline together.
+    constexpr int NumRounds = 10;
+    const Clock::time_point begin = Clock::now();
+    for (int round = 0; round < NumRounds; ++round)
+    {
+        std::unique_ptr<PcmSender> sender;
+        if (round % 2 == 0)
+            sender = makeSender();
+        RecordedReceiver receiver;
+        ASSERT_TRUE(receiver.start(getSocketName()));
+        ASSERT_TRUE(receiver.waitForEvent(sender ? "ready" : "connecting"));
+        receiver.stop();
+        EXPECT_EQ(receiver.getEvents().back(), "idle");
+    }
+    EXPECT_LT(Clock::now() - begin, testing::DefaultDeadline);
+}
+
+TEST_F(EndToEndTest, AStoppedReceiverProcessDisturbsNobody)
+{
+    // Far more than all buffers between the two processes hold.
+    constexpr std::size_t NumFrames = 1000;
+    PcmSender sender(getSocketName(), NanomsgProtocol::PubSub);
+    PeerProcess stopped("receiver", getSocketName());
+    ASSERT_TRUE(sender.waitForReceivers(1));
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(sender.waitForReceivers(2));
+    ASSERT_TRUE(receiver.waitForEvent("ready"));
+
+    stopped.signal(SIGSTOP);
+    const Buffer data = makeData(1920, 1);
+    for (std::size_t i = 1; i <= NumFrames; ++i)
+    {
+        sender.send({i, 1, data});
+        ASSERT_TRUE(receiver.waitForEvent("frame", i));
+    }
+    EXPECT_TRUE(sender.waitForReceivers(2));
+}
+
+TEST_P(EndToEndTransportTest, AFrameCostsOneAllocationAtTheReceiverAndNoneAtTheSender)
+{
+    constexpr std::size_t NumFrames = 100;
+    const log4cplus::Logger logger = log4cplus::Logger::getInstance("Vellox");
+    log4cplus::Logger(logger).setLogLevel(log4cplus::OFF_LOG_LEVEL); // messages take memory, too
+
+    auto sender = makeSender();
+    PcmDepayloader depayloader;
+    Receiver receiver;
+    std::array<std::size_t, NumFrames> allocations{}; // of the worker until each frame
+    std::atomic<std::size_t> numReceived = 0;
+    receiver.addDepayloader(depayloader);
+    receiver.setMediaDataCallback(
+        [&](TimeValue, TimeValue, const Buffer&)
+        { allocations[numReceived++] = testing::countAllocationsOfThread(); });
+    std::atomic<bool> isReady = false;
+    receiver.setReceiverIsReadyCallback([&](Depayloader&, Receiver::StreamClockType)
+                                        { isReady = true; });
+    ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
+    ASSERT_TRUE(sender->waitForReceivers(1));
+    ASSERT_TRUE(waitFor([&] { return isReady.load(); }));
+
+    const Frame frame = {1, 1, makeData(1920, 1)};
+    std::size_t ofSender = 0;
+    for (std::size_t i = 0; i < NumFrames; ++i)
+    {
+        const std::size_t before = testing::countAllocationsOfThread();
+        sender->send(frame);
+        if (i > 0) // the buffer has grown
+            ofSender += testing::countAllocationsOfThread() - before;
+        ASSERT_TRUE(waitFor([&] { return numReceived == i + 1; }));
+    }
+    EXPECT_EQ(ofSender, 0U);
+    EXPECT_EQ(allocations.back() - allocations.front(), NumFrames - 1);
+    testing::shutdownPromptly(receiver);
+    log4cplus::Logger(logger).setLogLevel(log4cplus::TRACE_LOG_LEVEL);
+}
+
+TEST_P(EndToEndTransportTest, ReconnectingLeavesNothingBehind)
+{
+    const auto count = [](const char* directory)
+    { return std::distance(fs::directory_iterator(directory), fs::directory_iterator()); };
+    const auto countAll = [&] { return count("/proc/self/fd") + count("/proc/self/task"); };
+    constexpr std::size_t NumRounds = 50;
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    std::ptrdiff_t numAtFirst = 0;
+    for (std::size_t round = 1; round <= NumRounds; ++round)
+    {
+        auto sender = makeJoinedSender();
+        ASSERT_TRUE(receiver.waitForEvent("ready", round));
+        if (round == 2)
+            numAtFirst = countAll();
+        if (round == NumRounds)
+        {
+            EXPECT_TRUE(waitFor([&] { return countAll() == numAtFirst; }))
+                << countAll() << " after " << numAtFirst;
+        }
+        sender.reset();
+        ASSERT_TRUE(receiver.waitForEvent("connecting", round + 1));
+    }
+}
+
+} // namespace vlx

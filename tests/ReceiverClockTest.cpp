@@ -1,0 +1,376 @@
+// The receiver with a network clock, against a real provider.
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <miscUtils/MiscUtils.hpp>
+#include <vlx/VlxPayload.hpp>
+#include <vlx/VlxReceiver.hpp>
+
+#include "support/LogCapture.hpp"
+#include "support/RawSender.hpp"
+#include "support/RecordedReceiver.hpp"
+#include "support/TestProvider.hpp"
+#include "support/VlxTest.hpp"
+
+namespace vlx
+{
+
+using ClockType = Receiver::StreamClockType;
+
+using testing::debugLog;
+using ::testing::ElementsAre;
+using testing::errorLog;
+using testing::makeFrame;
+using testing::makeSequenceInfo;
+using testing::RawClockInfo;
+using testing::RawSender;
+using testing::RecordedReceiver;
+using ::testing::StartsWith;
+using testing::traceLog;
+using testing::waitFor;
+
+namespace
+{
+
+constexpr std::int64_t NsPerSecond = 1'000'000'000;
+constexpr std::int64_t ProviderOffsetNs = 5000 * NsPerSecond;
+
+constexpr const char* SilentAddress = "127.0.0.9";
+constexpr std::uint16_t SilentPort = 9;
+
+constexpr const char* FirstSequence = "sequence 48000 x2 S16LE";
+constexpr const char* SecondSequence = "sequence 44100 x2 S16LE";
+constexpr const char* Ready = "ready synced net clock";
+
+class ReceiverClockTest : public testing::VlxTest
+{
+protected:
+    void SetUp() override
+    {
+        m_provider.start(ProviderOffsetNs);
+        m_provider.stop(); // it has a port now
+        testing::prepareNetClock(m_provider.getAddress(), m_provider.getPort());
+        testing::prepareNetClock(SilentAddress, SilentPort);
+        VlxTest::SetUp();
+    }
+
+    void TearDown() override
+    {
+        m_provider.stop();
+        VlxTest::TearDown();
+    }
+
+    RawClockInfo getClockInfo() const
+    {
+        return {m_provider.getAddress(), m_provider.getPort(), 1};
+    }
+
+    testing::TestProvider m_provider; // not started
+};
+
+/// A depayloader that takes a sample rate of 48000 at once. For any other it waits until the
+/// receiver's clock is synchronised, and then rejects it.
+class PickyDepayloader : public Depayloader
+{
+public:
+    explicit PickyDepayloader(const Receiver& receiver)
+        : Depayloader(PcmFourcc), m_receiver(receiver)
+    {
+    }
+
+    bool processCodecHeader(const ByteView& codecHeader) override
+    {
+        if (codecHeader[0] == 0x80)
+            return true;
+        EXPECT_TRUE(waitFor([this] { return m_receiver.getCurrentStreamTime() != 0; }));
+        // Its callback follows at once, or has come already.
+        std::this_thread::yield();
+        return false;
+    }
+
+private:
+    const Receiver& m_receiver;
+};
+
+} // namespace
+
+TEST_F(ReceiverClockTest, ClocksFollowTheInitialInfo)
+{
+    const char* const isMonotonic = "VLX time sync protocol is MonotonicSystemClock";
+    const char* const isZero = "VLX time sync port is zero; not starting time synchronization";
+    const char* const isNonzero = "VLX time sync port is nonzero; starting time synchronization";
+    const struct
+    {
+        std::uint8_t protocol;
+        std::uint16_t port;
+        ClockType clock;
+        const char* message;
+    } rows[] = {
+        {2, 0, ClockType::MonotonicSystemClock, isMonotonic},
+        {2, 9, ClockType::MonotonicSystemClock, isMonotonic},
+        {1, 0, ClockType::NoClock, isZero},
+        {0, 0, ClockType::NoClock, isZero},
+        {1, 9, ClockType::SyncedNetClock, isNonzero},
+        {0, 9, ClockType::SyncedNetClock, isNonzero},
+        {7, 9, ClockType::SyncedNetClock, isNonzero},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(std::to_string(row.protocol) + ", port " + std::to_string(row.port));
+        log().clear();
+        RawSender sender(
+            getSocketName(), NanomsgProtocol::PubSub, {SilentAddress, row.port, row.protocol});
+        RecordedReceiver receiver;
+        EXPECT_EQ(receiver.get().getCurrentStreamTime(), 0U);
+        ASSERT_TRUE(receiver.start(getSocketName()));
+        ASSERT_TRUE(sender.serve());
+        ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, 1)));
+        ASSERT_TRUE(receiver.waitForEvent("frame"));
+
+        EXPECT_EQ(receiver.get().getStreamClockType(), row.clock);
+        EXPECT_EQ(receiver.count("ready"), row.clock == ClockType::SyncedNetClock ? 0U : 1U);
+        EXPECT_EQ(
+            receiver.count(std::string("ready ") + toString(row.clock)), receiver.count("ready"));
+        std::size_t numMessages = 0;
+        for (const char* message : {isMonotonic, isZero, isNonzero})
+            numMessages += log().count(debugLog(StartsWith(message)));
+        EXPECT_EQ(numMessages, 1U);
+        EXPECT_TRUE(log().contains(debugLog(StartsWith(row.message))));
+
+        const TimeValue before = miscUtils::getMonotonicSysclockTime();
+        const TimeValue time = receiver.get().getCurrentStreamTime();
+        if (row.clock == ClockType::MonotonicSystemClock)
+            EXPECT_TRUE(before <= time && time <= miscUtils::getMonotonicSysclockTime());
+        else
+            EXPECT_EQ(time, 0U);
+    }
+}
+
+TEST_F(ReceiverClockTest, IsReadyOnceWhenTheClockIsSynchronised)
+{
+    m_provider.start(ProviderOffsetNs);
+    RawSender sender(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
+    RecordedReceiver receiver;
+    std::atomic<TimeValue> timeWhenReady = 0;
+    std::atomic<ClockType> clockWhenReady = ClockType::Undetermined;
+    receiver.onEvent(
+        [&](const std::string& event)
+        {
+            if (event != Ready)
+                return;
+            clockWhenReady = receiver.get().getStreamClockType();
+            timeWhenReady = receiver.get().getCurrentStreamTime();
+        });
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(sender.serve(1));
+    ASSERT_TRUE(receiver.waitForEvent("ready"));
+    ASSERT_TRUE(sender.sendOverMainChannel(makeSequenceInfo(2, 44100)));
+    ASSERT_TRUE(receiver.waitForEvent(SecondSequence));
+
+    // The clock calls back at each of these.
+    const auto readTime = [&] { return receiver.get().getCurrentStreamTime(); };
+    m_provider.stop();
+    m_provider.start(ProviderOffsetNs + 1000 * NsPerSecond);
+    ASSERT_TRUE(waitFor([&] { return readTime() == 0; }));
+    ASSERT_TRUE(waitFor([&] { return readTime() != 0; }));
+    ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(2, 3)));
+    ASSERT_TRUE(receiver.waitForEvent("frame"));
+    EXPECT_THAT(
+        receiver.getEvents(),
+        ElementsAre("connecting", "running", FirstSequence, Ready, SecondSequence, "frame 3"));
+    EXPECT_EQ(clockWhenReady, ClockType::SyncedNetClock);
+    EXPECT_GT(timeWhenReady, static_cast<TimeValue>(ProviderOffsetNs));
+}
+
+TEST_F(ReceiverClockTest, IsReadyWithTheLatestSequenceWhenTheProviderComesLate)
+{
+    RawSender sender(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(sender.serve(1));
+    ASSERT_TRUE(receiver.waitForEvent(FirstSequence));
+    ASSERT_TRUE(sender.sendOverMainChannel(makeSequenceInfo(2, 44100)));
+    ASSERT_TRUE(receiver.waitForEvent(SecondSequence));
+    ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(2, 1)));
+    ASSERT_TRUE(receiver.waitForEvent("frame 1"));
+
+    m_provider.start(ProviderOffsetNs);
+    ASSERT_TRUE(receiver.waitForEvent("ready"));
+    EXPECT_THAT(
+        receiver.getEvents(),
+        ElementsAre("connecting", "running", FirstSequence, SecondSequence, "frame 1", Ready));
+}
+
+TEST_F(ReceiverClockTest, IsNeverReadyWithoutAProvider)
+{
+    m_provider.start(ProviderOffsetNs);
+    const std::string otherName = getSocketName() + "-witness";
+    RawSender sender(
+        getSocketName(), NanomsgProtocol::PubSub, {SilentAddress, SilentPort, 1},
+        "ipc://" + getTempDirectory() + "/silent.ipc");
+    RawSender witnessSender(otherName, NanomsgProtocol::PubSub, getClockInfo());
+    RecordedReceiver receiver;
+    RecordedReceiver witness;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(sender.serve(1));
+    ASSERT_TRUE(receiver.waitForEvent(FirstSequence));
+    ASSERT_TRUE(witness.start(otherName));
+    ASSERT_TRUE(witnessSender.serve(1));
+    ASSERT_TRUE(witness.waitForEvent("ready"));
+
+    ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, 1)));
+    ASSERT_TRUE(receiver.waitForEvent("frame"));
+    EXPECT_EQ(receiver.count("ready"), 0U);
+    EXPECT_EQ(receiver.get().getStreamClockType(), ClockType::SyncedNetClock);
+    EXPECT_EQ(receiver.get().getCurrentStreamTime(), 0U);
+}
+
+TEST_F(ReceiverClockTest, AStopWaitsForTheClocksCallback)
+{
+    RawSender sender(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
+    RecordedReceiver receiver;
+    std::thread::id worker;
+    std::atomic<bool> isDone = false;
+    std::promise<void> entered;
+    receiver.onEvent(
+        [&](const std::string& event)
+        {
+            if (event == FirstSequence)
+                worker = std::this_thread::get_id();
+            if (event != Ready)
+                return;
+            EXPECT_NE(std::this_thread::get_id(), worker);
+            entered.set_value();
+            // The worker is about to stop the clock, or waits for that already.
+            EXPECT_TRUE(log().waitFor(traceLog("Loop wakup activity; aborting wait for input")));
+            EXPECT_EQ(receiver.get().getStreamClockType(), ClockType::SyncedNetClock);
+            isDone = true;
+        });
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(sender.serve(1));
+    ASSERT_TRUE(receiver.waitForEvent(FirstSequence));
+    m_provider.start(ProviderOffsetNs);
+    ASSERT_EQ(entered.get_future().wait_for(testing::DefaultDeadline), std::future_status::ready);
+    receiver.stop();
+    EXPECT_TRUE(isDone);
+    EXPECT_THAT(
+        receiver.getEvents(), ElementsAre("connecting", "running", FirstSequence, Ready, "idle"));
+}
+
+TEST_F(ReceiverClockTest, ALossWaitsForTheClocksCallback)
+{
+    std::optional<RawSender> sender;
+    sender.emplace(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
+    RecordedReceiver receiver;
+    receiver.onEvent(
+        [&](const std::string& event)
+        {
+            if (event != Ready || receiver.count(Ready) > 1)
+                return;
+            sender->getSidechannel().close();
+            EXPECT_TRUE(log().waitFor(debugLog(StartsWith("Connection gone because of shutdown"))));
+            EXPECT_EQ(receiver.get().getStreamClockType(), ClockType::SyncedNetClock);
+        });
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(sender->serve(1));
+    ASSERT_TRUE(receiver.waitForEvent(FirstSequence));
+    m_provider.start(ProviderOffsetNs);
+    ASSERT_TRUE(receiver.waitForEvent("connecting", 2));
+    EXPECT_FALSE(log().contains(errorLog(StartsWith("Cannot query"))));
+
+    // The next connection is reported ready all the same.
+    sender.emplace(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
+    ASSERT_TRUE(sender->serve(1));
+    EXPECT_TRUE(receiver.waitForEvent(Ready, 2));
+}
+
+TEST_F(ReceiverClockTest, ARejectedHeaderIsNotReportedReady)
+{
+    for (const bool isFirst : {true, false})
+    {
+        SCOPED_TRACE(isFirst ? "first sequence" : "second sequence");
+        m_provider.stop();
+        RawSender sender(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
+        Receiver receiver;
+        PickyDepayloader depayloader(receiver);
+        std::atomic<int> numReady = 0;
+        std::atomic<int> numSequences = 0;
+        receiver.addDepayloader(depayloader);
+        receiver.setNewSequenceCallback([&](Depayloader&) { ++numSequences; });
+        receiver.setReceiverIsReadyCallback([&](Depayloader&, ClockType) { ++numReady; });
+        log().clear();
+        ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
+        ASSERT_TRUE(sender.greet() && sender.joinMainChannel());
+        if (!isFirst)
+        {
+            ASSERT_TRUE(sender.sendOverSidechannel(makeSequenceInfo(1)));
+            ASSERT_TRUE(waitFor([&] { return numSequences == 1; }));
+        }
+        ASSERT_TRUE(sender.sendOverMainChannel(makeSequenceInfo(2, 44100)));
+        ASSERT_TRUE(log().waitFor(debugLog("Matching payloader found"), isFirst ? 1 : 2));
+        m_provider.start(ProviderOffsetNs);
+        EXPECT_TRUE(log().waitFor(errorLog("Error while consuming VLX packet")));
+        EXPECT_TRUE(log().waitFor(debugLog(StartsWith("Connection gone because of shutdown"))));
+        testing::shutdownPromptly(receiver);
+        EXPECT_EQ(numReady, 0);
+        EXPECT_EQ(numSequences, isFirst ? 0 : 1);
+    }
+}
+
+// Connections come and go at all moments of a clock's start, and the provider's clock jumps.
+TEST_F(ReceiverClockTest, ConnectionsMayBreakWhileTheClockCallsBack)
+{
+    constexpr unsigned int NumRounds = 40;
+    m_provider.start(ProviderOffsetNs);
+    RawSender sender(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
+    RecordedReceiver receiver;
+    std::atomic<bool> isJumping = true;
+    std::thread jumper(
+        [&]
+        {
+            for (std::int64_t jump = 1; isJumping; ++jump)
+            {
+                const std::size_t numReady = receiver.count(Ready);
+                waitFor([&] { return !isJumping || receiver.count(Ready) > numReady; });
+                m_provider.stop();
+                m_provider.start(ProviderOffsetNs + jump * 100 * NsPerSecond);
+            }
+        });
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    for (unsigned int round = 0; round < NumRounds; ++round)
+    {
+        EXPECT_TRUE(sender.greet() && sender.sendOverSidechannel(makeSequenceInfo(1)));
+        const std::size_t numReady = receiver.count(Ready);
+        if (round % 4 == 0)
+        {
+            EXPECT_TRUE(receiver.waitForEvent(Ready, numReady + 1));
+        }
+        else
+            std::this_thread::sleep_for(std::chrono::milliseconds(round));
+        EXPECT_TRUE(sender.sendOverSidechannel({0})); // ends the connection at once
+        EXPECT_TRUE(receiver.waitForEvent("connecting", round + 2));
+    }
+    isJumping = false;
+    jumper.join();
+    receiver.stop();
+
+    // At most one report in a connection, and after its sequence.
+    std::string last;
+    for (const std::string& event : receiver.getEvents())
+    {
+        EXPECT_TRUE(event != Ready || last == FirstSequence) << event << " after " << last;
+        last = event;
+    }
+    EXPECT_GE(receiver.count(Ready), NumRounds / 4);
+    EXPECT_FALSE(log().contains(errorLog(StartsWith("Cannot query"))));
+}
+
+} // namespace vlx

@@ -1,0 +1,1187 @@
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <miscUtils/MiscUtils.hpp>
+#include <vlx/VlxReceiver.hpp>
+
+#include "support/LogCapture.hpp"
+#include "support/RawPeers.hpp"
+#include "support/RawSender.hpp"
+#include "support/RecordedReceiver.hpp"
+#include "support/TestAccess.hpp"
+#include "support/VlxTest.hpp"
+
+namespace fs = std::filesystem;
+
+namespace vlx
+{
+
+using Access = ReceiverTestAccess;
+using ClockType = Receiver::StreamClockType;
+using State = Receiver::State;
+
+using testing::debugLog;
+using testing::Descriptor;
+using ::testing::ElementsAre;
+using testing::errorLog;
+using testing::fromHex;
+using testing::infoLog;
+using ::testing::IsEmpty;
+using testing::LogExpectation;
+using testing::makeFrame;
+using testing::makeSequenceInfo;
+using testing::makeSidechannelMessage;
+using ::testing::MatchesRegex;
+using testing::RawConnection;
+using testing::RawSender;
+using testing::RawSidechannelServer;
+using testing::RecordedReceiver;
+using ::testing::StartsWith;
+using testing::traceLog;
+using testing::waitFor;
+using testing::warnLog;
+
+namespace
+{
+
+using Strings = std::vector<std::string>;
+
+constexpr const char* ConnectionGone =
+    "Connection gone because of shutdown or because of an error; attempting to reconnect";
+constexpr const char* Retrying = "Could not connect to VLX sender; retrying in 400 ms";
+constexpr const char* Attempting = "Attempting to connect sidechannel";
+
+bool isReadable(int fd)
+{
+    pollfd entry{fd, POLLIN, 0};
+    return ::poll(&entry, 1, 0) > 0;
+}
+
+/// While it lives, no descriptor can be opened.
+class NoDescriptorsLeft
+{
+public:
+    NoDescriptorsLeft()
+    {
+        ::getrlimit(RLIMIT_NOFILE, &m_limit);
+        const rlimit onlyTheLowest{NumStandard, m_limit.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &onlyTheLowest);
+    }
+
+    ~NoDescriptorsLeft()
+    {
+        ::setrlimit(RLIMIT_NOFILE, &m_limit);
+    }
+
+    NoDescriptorsLeft(const NoDescriptorsLeft&) = delete;
+    NoDescriptorsLeft& operator=(const NoDescriptorsLeft&) = delete;
+
+private:
+    static constexpr rlim_t NumStandard = 3;
+
+    rlimit m_limit{};
+};
+
+class ReceiverTest : public testing::VlxTest
+{
+protected:
+    bool hasLoggedProblems() const
+    {
+        return log().count(log4cplus::ERROR_LOG_LEVEL) + log().count(log4cplus::WARN_LOG_LEVEL) > 0;
+    }
+};
+
+class ReceiverTransportTest : public ReceiverTest,
+                              public ::testing::WithParamInterface<NanomsgProtocol>
+{
+protected:
+    std::unique_ptr<RawSender> makeSender() const
+    {
+        return std::make_unique<RawSender>(getSocketName(), GetParam());
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    Transport,
+    ReceiverTransportTest,
+    ::testing::Values(NanomsgProtocol::PubSub, NanomsgProtocol::Pipeline),
+    [](const auto& row) { return row.param == NanomsgProtocol::PubSub ? "PubSub" : "Pipeline"; });
+
+} // namespace
+
+TEST_F(ReceiverTest, ValuesHaveNames)
+{
+    const std::map<int, std::string> states = {
+        {0, "idle"}, {1, "connecting"}, {2, "running"}, {3, "unknown"}, {-1, "unknown"}};
+    for (const auto& [value, text] : states)
+        EXPECT_EQ(toString(State{value}), text);
+
+    const std::map<int, std::string> clocks = {
+        {0, "undetermined"},     {1, "no clock"}, {2, "monotonic system clock"},
+        {3, "synced net clock"}, {4, "unknown"},  {-1, "unknown"}};
+    for (const auto& [value, text] : clocks)
+        EXPECT_EQ(toString(ClockType{value}), text);
+}
+
+// Life cycle
+
+TEST_F(ReceiverTest, WithoutInitializationThereIsNothingToStop)
+{
+    {
+        Receiver receiver;
+        EXPECT_EQ(receiver.getState(), State::Idle);
+        receiver.shutdownReceiver();
+        receiver.shutdownReceiver();
+    }
+    const LogExpectation monitor = debugLog("void vlx::Receiver::stopFsMonitorThread()");
+    const LogExpectation end = debugLog("Receiver shut down");
+    EXPECT_TRUE(log().isExactly({monitor, end, monitor, end, monitor, end}));
+}
+
+TEST_P(ReceiverTransportTest, SaysEachStepInOrder)
+{
+    auto sender = makeSender();
+    RecordedReceiver receiver;
+    std::vector<std::thread::id> threads;
+    receiver.onEvent(
+        [&](const std::string&)
+        {
+            threads.push_back(std::this_thread::get_id());
+            receiver.get().getState(); // blocks for ever if a lock is held
+        });
+
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    EXPECT_TRUE(receiver.start("another name"));
+    ASSERT_TRUE(sender->greet());
+    ASSERT_TRUE(receiver.waitForEvent("running"));
+    EXPECT_TRUE(receiver.start("another name"));
+    ASSERT_TRUE(sender->sendOverSidechannel(makeSequenceInfo(1)));
+    ASSERT_TRUE(sender->joinMainChannel());
+    ASSERT_TRUE(receiver.waitForEvent("ready"));
+    ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(1, 77)));
+    ASSERT_TRUE(receiver.waitForEvent("frame"));
+    ASSERT_TRUE(waitFor([] { return log().getEntries().back().text == "Listening for input"; }));
+    receiver.stop();
+    EXPECT_EQ(receiver.get().getState(), State::Idle);
+
+    EXPECT_THAT(
+        receiver.getEvents(), ElementsAre(
+                                  "connecting", "running", "sequence 48000 x2 S16LE",
+                                  "ready monotonic system clock", "frame 77", "idle"));
+    const RecordedReceiver::Frame frame = receiver.getFrames().at(0);
+    EXPECT_EQ(frame, (RecordedReceiver::Frame{77, 10, fromHex("D0D1D2D3")}));
+    EXPECT_EQ(threads.at(0), std::this_thread::get_id());
+    EXPECT_NE(threads.at(1), std::this_thread::get_id());
+    EXPECT_EQ(std::count(threads.begin() + 1, threads.end(), threads.at(1)), 5);
+
+    const bool isPipeline = GetParam() == NanomsgProtocol::Pipeline;
+    const std::string initialInfoSize = std::to_string(sender->getInitialInfo().size());
+    std::vector<LogExpectation> ofWorker = {
+        debugLog("Receiver thread started"),
+        traceLog("Sidechannel socket established"),
+        traceLog(Attempting),
+        debugLog(MatchesRegex("Sidechannel connected with FD [0-9]+")),
+        debugLog("Sidechannel to VLX sender established"),
+        debugLog("Waiting for initial info"),
+        debugLog("Sidechannel activity; reading initial info"), // its length
+        debugLog("Waiting for initial info"),
+        debugLog("Sidechannel activity; reading initial info"),
+        debugLog("Got initial info message with " + initialInfoSize + " bytes; parsing"),
+        debugLog(
+            "VLX initial info:  VLX version: 1  time sync IP address:   time sync port: 0"
+            "  time sync protocol: sysclock  nanomsg protocol: " +
+            std::string(isPipeline ? "pipeline" : "pubsub") + "  nanomsg URI: " + sender->getURI()),
+        debugLog("VLX time sync protocol is MonotonicSystemClock; no need to sync clocks, since "
+                 "sender and receiver use the same monotonic system clock"),
+        debugLog(MatchesRegex("Nanomsg watch FD: [0-9]+")),
+        debugLog("Nanomsg channel to VLX sender established; switching to Running state"),
+        traceLog("Listening for input"),
+        traceLog("Sidechannel activity"), // its length
+        traceLog("Listening for input"),
+        traceLog("Sidechannel activity"),
+        debugLog("setting sequence nr 1 of SequenceInfo packet as new current one"),
+        debugLog("Matching payloader found"),
+        traceLog("Received sidechannel VLX packet with 14 byte(s); type: sequenceInfo"),
+        traceLog("Listening for input"),
+        traceLog("Nanomsg activity"),
+        traceLog("Received nanomsg VLX packet with 24 byte(s); type: frame"),
+        traceLog("Calling media data callback; media data size: 4 byte"),
+        traceLog("Listening for input"),
+        traceLog("Loop wakup activity; aborting wait for input"),
+        debugLog(MatchesRegex("Closing sidechannel with FD [0-9]+")),
+        debugLog("Receiver thread stopped"),
+        debugLog("Receiver shut down")};
+    if (isPipeline)
+    {
+        ofWorker.insert(
+            ofWorker.begin() + 12,
+            infoLog("Changing the permissions of socket " + sender->getURI() + " to 622"));
+    }
+    EXPECT_TRUE(log().containsInOrder(ofWorker));
+    EXPECT_TRUE(log().containsInOrder(
+        {traceLog("Setting up receiver with socket address \"" + getSocketName() + '"'),
+         debugLog("void vlx::Receiver::startFsMonitorThread()"),
+         debugLog("Opened " + getTempDirectory()), debugLog("Receiver initialized"),
+         debugLog("void vlx::Receiver::stopFsMonitorThread()"), debugLog("Receiver shut down")}));
+    EXPECT_EQ(log().count(traceLog(StartsWith("Setting up receiver"))), 1U);
+    EXPECT_FALSE(hasLoggedProblems());
+}
+
+TEST_P(ReceiverTransportTest, StopsInAnyState)
+{
+    for (const std::string& reached : Strings{"connecting", "waiting", "running", "sequence"})
+    {
+        SCOPED_TRACE(reached);
+        std::unique_ptr<RawSender> sender;
+        if (reached != "connecting")
+            sender = makeSender();
+        RecordedReceiver receiver;
+        ASSERT_TRUE(receiver.start(getSocketName()));
+        ASSERT_TRUE(reached != "waiting" || sender->getListener().accept().isOpen());
+        ASSERT_TRUE(reached != "running" || sender->greet());
+        ASSERT_TRUE(reached != "sequence" || sender->serve());
+        EXPECT_TRUE(reached == "waiting" || receiver.waitForEvent(reached));
+    }
+}
+
+TEST_F(ReceiverTest, StopsWhileItWaitsForInitialInfo)
+{
+    RawSidechannelServer server(getSocketName());
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    RawConnection connection = server.accept();
+    ASSERT_TRUE(connection.send(fromHex("10000000 0100"))); // and no more
+    ASSERT_TRUE(log().waitFor(debugLog("Waiting for initial info"), 3));
+    receiver.stop();
+    EXPECT_TRUE(connection.waitForClose());
+    EXPECT_THAT(receiver.getEvents(), ElementsAre("connecting", "idle"));
+    EXPECT_TRUE(log().containsInOrder(
+        {debugLog("Loop wakeup activity; aborting wait for initial info"),
+         debugLog("Aborting connection attempt"), debugLog("Receiver thread stopped")}));
+    EXPECT_FALSE(hasLoggedProblems());
+}
+
+TEST_F(ReceiverTest, AllDescriptorsStayWithThisProgram)
+{
+    RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
+    RecordedReceiver receiver;
+    std::vector<int> descriptors;
+    receiver.onEvent(
+        [&](const std::string& event)
+        {
+            if (event.starts_with("sequence"))
+                descriptors = {
+                    Access::loopWakeupPipe(receiver.get())[0],
+                    Access::loopWakeupPipe(receiver.get())[1],
+                    Access::sideChannelSocketFD(receiver.get())};
+        });
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(sender.serve());
+    ASSERT_TRUE(receiver.waitForEvent("ready"));
+    descriptors.push_back(Access::getInotifyFD(receiver.get()));
+    for (const int fd : descriptors)
+        EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC) << fd;
+}
+
+TEST_F(ReceiverTest, AStoppedReceiverClosesNothingAgain)
+{
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(log().waitFor(traceLog(Retrying)));
+    const int inotifyFD = Access::getInotifyFD(receiver.get());
+    receiver.stop();
+    EXPECT_EQ(Access::getInotifyFD(receiver.get()), -1);
+
+    // They take the numbers that the receiver's had.
+    std::vector<Descriptor> others;
+    while (others.empty() || others.back().get() <= inotifyFD)
+        others.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    receiver.stop();
+    for (const Descriptor& other : others)
+        EXPECT_NE(::fcntl(other.get(), F_GETFD), -1) << other.get();
+}
+
+TEST_F(ReceiverTest, WithoutDescriptorsItDoesNotStart)
+{
+    RecordedReceiver receiver;
+    // Once with descriptors: a sanitizer needs some when it sees a class for the first time.
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    receiver.stop();
+    receiver.forgetEvents();
+    log().clear();
+    {
+        const NoDescriptorsLeft shortage;
+        EXPECT_FALSE(receiver.start(getSocketName()));
+    }
+    EXPECT_EQ(receiver.get().getState(), State::Idle);
+    EXPECT_THAT(receiver.getEvents(), IsEmpty());
+    EXPECT_TRUE(log().isExactly({errorLog(
+        "Could not create VLX receiver thread look wakeup pipe: Too many open files (24)")}));
+    EXPECT_TRUE(receiver.start(getSocketName()));
+}
+
+namespace
+{
+
+/// Ends the process with 0 if a receiver whose worker cannot be started is idle, and works later.
+[[noreturn]] void startWithoutThreads(const std::string& socketName)
+{
+    constexpr uid_t Nobody = 65534;
+    if (::geteuid() == 0 && ::setuid(Nobody) != 0)
+        std::_Exit(10);
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NPROC, &limit);
+    const rlimit none{0, limit.rlim_max};
+    ::setrlimit(RLIMIT_NPROC, &none);
+
+    Receiver receiver;
+    try
+    {
+        receiver.initializeReceiver(socketName);
+        std::_Exit(11);
+    }
+    catch (const std::system_error&)
+    {
+        if (receiver.getState() != State::Idle)
+            std::_Exit(12);
+    }
+    receiver.shutdownReceiver();
+    ::setrlimit(RLIMIT_NPROC, &limit);
+    const bool works =
+        receiver.initializeReceiver(socketName) && receiver.getState() == State::Connecting;
+    std::_Exit(works ? 0 : 13);
+}
+
+} // namespace
+
+TEST_F(ReceiverTest, WithoutThreadsItIsIdleAgain)
+{
+    EXPECT_EXIT(startWithoutThreads(getSocketName()), ::testing::ExitedWithCode(0), "");
+}
+
+// Connecting
+
+TEST_F(ReceiverTest, WaitsForASenderQuietly)
+{
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(log().waitFor(traceLog(Retrying), 3));
+    EXPECT_EQ(receiver.get().getState(), State::Connecting);
+    EXPECT_EQ(log().count(traceLog("Sidechannel socket established")), 1U);
+    EXPECT_GE(log().count(traceLog(Attempting)), 3U);
+    EXPECT_FALSE(hasLoggedProblems());
+    const std::vector<testing::LogEntry> entries = log().getEntries();
+    EXPECT_EQ(entries.back().level, log4cplus::TRACE_LOG_LEVEL);
+
+    RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
+    EXPECT_TRUE(sender.serve());
+    EXPECT_TRUE(receiver.waitForEvent("ready"));
+    EXPECT_EQ(log().count(traceLog("Sidechannel socket established")), 1U);
+    EXPECT_EQ(receiver.count("connecting"), 1U);
+}
+
+TEST_F(ReceiverTest, SaysWhyItCannotConnect)
+{
+    std::array<int, 2> ends = {-1, -1};
+    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    const Descriptor other(ends[1]);
+    RecordedReceiver receiver;
+    Access::sideChannelSocketFD(receiver.get()) = ends[0]; // kept from an earlier attempt, it seems
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(log().waitFor(traceLog(Retrying), 2));
+    receiver.stop();
+    EXPECT_TRUE(log().containsInOrder(
+        {traceLog(Attempting),
+         errorLog("Could not connect to sender: Socket operation on non-socket (88)"),
+         debugLog(StartsWith("Closing sidechannel with FD ")), traceLog(Retrying),
+         traceLog("Sidechannel socket established"), traceLog(Attempting)}));
+    EXPECT_THAT(receiver.getEvents(), ElementsAre("connecting", "idle"));
+}
+
+TEST_F(ReceiverTest, ConnectsAgainAtOnceWithoutInitialInfo)
+{
+    RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    for (const char* beginning : {"", "10", "10000000", "10000000 0100"})
+    {
+        RawConnection connection = sender.getListener().accept();
+        ASSERT_TRUE(connection.send(fromHex(beginning)));
+    }
+    ASSERT_TRUE(sender.serve());
+    EXPECT_TRUE(receiver.waitForEvent("ready"));
+    EXPECT_TRUE(log().containsInOrder(
+        {debugLog("Sidechannel to VLX sender established"),
+         debugLog("VLX sidechannel socket got closed"),
+         errorLog("Could not get initial info; restarting connection attempt"),
+         debugLog(StartsWith("Closing sidechannel with FD ")),
+         traceLog("Sidechannel socket established")}));
+    EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), 4U);
+    EXPECT_FALSE(log().contains(traceLog(Retrying)));
+}
+
+TEST_F(ReceiverTest, LongNamesAreCut)
+{
+    for (const std::size_t length : {106U, 107U, 108U, 300U})
+    {
+        SCOPED_TRACE(length);
+        std::string name = getSocketName() + "-";
+        name.resize(length, 'n');
+        RawSidechannelServer server(name.substr(0, 107));
+        RecordedReceiver receiver;
+        ASSERT_TRUE(receiver.start(name));
+        EXPECT_TRUE(server.accept().isOpen());
+    }
+}
+
+TEST_P(ReceiverTransportTest, JoinsAgainAfterALoss)
+{
+    RecordedReceiver receiver;
+    auto sender = makeSender();
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    for (std::size_t round = 1; round <= 3; ++round)
+    {
+        // A number that was too old in the connection before.
+        const auto sequenceNr = static_cast<std::uint16_t>(10 - round);
+        ASSERT_TRUE(sender->serve(sequenceNr));
+        ASSERT_TRUE(receiver.waitForEvent("ready", round));
+        ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(sequenceNr, 1)));
+        ASSERT_TRUE(receiver.waitForEvent("frame", round));
+        sender.reset();
+        ASSERT_TRUE(receiver.waitForEvent("connecting", round + 1));
+        sender = makeSender();
+    }
+    const Strings events = receiver.getEvents();
+    for (std::size_t i = 0; i < 3; ++i)
+    {
+        const auto begin = events.begin() + static_cast<std::ptrdiff_t>(5 * i);
+        EXPECT_THAT(
+            Strings(begin, begin + 5), ElementsAre(
+                                           "connecting", "running", "sequence 48000 x2 S16LE",
+                                           "ready monotonic system clock", "frame 1"));
+    }
+    EXPECT_TRUE(log().containsInOrder(
+        {debugLog("VLX sidechannel socket got closed"),
+         debugLog(StartsWith("Closing sidechannel with FD ")),
+         debugLog("Sidechannel has been disconnected and no nanomsg activity is present - shutting "
+                  "down receiver"),
+         debugLog(ConnectionGone), traceLog("Sidechannel socket established")}));
+    EXPECT_FALSE(hasLoggedProblems());
+}
+
+TEST_F(ReceiverTest, OutsideRunningTheClockIsUndetermined)
+{
+    const LogExpectation message = errorLog("Cannot query synced net clock availability unless the "
+                                            "receiver is in the Running state");
+    RecordedReceiver receiver;
+    EXPECT_EQ(receiver.get().getStreamClockType(), ClockType::Undetermined);
+    EXPECT_TRUE(log().isExactly({message}));
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    EXPECT_EQ(receiver.get().getStreamClockType(), ClockType::Undetermined);
+    EXPECT_EQ(log().count(message), 2U);
+}
+
+namespace
+{
+
+/// Lets a receiver connect to a sender that announces this, and waits for what becomes of it.
+void receiveInitialInfo(const std::string& socketName, const Buffer& packet)
+{
+    RawSidechannelServer server(socketName);
+    RecordedReceiver receiver;
+    receiver.start(socketName);
+    RawConnection connection = server.accept();
+    connection.send(makeSidechannelMessage(packet));
+    connection.waitForClose();
+}
+
+} // namespace
+
+using ReceiverDeathTest = ReceiverTest;
+
+TEST_F(ReceiverDeathTest, AnUnusableInitialInfoStopsTheProcess)
+{
+    EXPECT_ASSERTION(receiveInitialInfo(getSocketName(), fromHex("01")), "ok");
+    EXPECT_ASSERTION(receiveInitialInfo(getSocketName(), fromHex("0100 00 0000 02 02 75")), "ok");
+    for (const char* packet : {"0100 00 0000 02 00 7500", "0100 00 0000 02 03 7500"})
+        EXPECT_ASSERTION(receiveInitialInfo(getSocketName(), fromHex(packet)), "false");
+}
+
+TEST_F(ReceiverDeathTest, OnlyARunningReceiverReportsThatItIsReady)
+{
+    Receiver receiver;
+    EXPECT_ASSERTION(Access::reportReceiverIsReady(receiver), "m_state == State::Running");
+    Access::setState(receiver, State::Connecting);
+    EXPECT_ASSERTION(Access::onClockSyncStateChange(receiver), "m_state == State::Running");
+    Access::setState(receiver, State::Idle);
+}
+
+// Main channel
+
+TEST_F(ReceiverTest, GivesUpWithoutAMainChannel)
+{
+    testing::RawNanomsgPull rival;
+    const std::string taken = "ipc://" + getTempDirectory() + "/taken";
+    ASSERT_TRUE(rival.bind(taken));
+    const struct
+    {
+        const char* name;
+        NanomsgProtocol protocol;
+        std::string uri;
+        const char* error;
+    } rows[] = {
+        {"no directory", NanomsgProtocol::Pipeline, "ipc://" + getTempDirectory() + "/no/x",
+         "No such file or directory (2)"},
+        {"bound by another", NanomsgProtocol::Pipeline, taken, "Address already in use (98)"},
+        {"no transport", NanomsgProtocol::PubSub, "nowhere://x", "Protocol not supported (93)"},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.name);
+        log().clear();
+        RecordedReceiver receiver;
+        ASSERT_TRUE(receiver.start(getSocketName()));
+        {
+            RawSender sender(getSocketName(), row.protocol, {}, row.uri);
+            ASSERT_TRUE(sender.greet());
+            ASSERT_TRUE(receiver.waitForEvent("failed"));
+            EXPECT_TRUE(sender.getSidechannel().waitForClose());
+        }
+        EXPECT_THAT(receiver.getEvents(), ElementsAre("connecting", "idle", "failed"));
+        EXPECT_EQ(receiver.get().getState(), State::Idle);
+        EXPECT_TRUE(log().containsInOrder(
+            {errorLog(std::string("Could not connect the nanomsg SP socket: ") + row.error),
+             debugLog(StartsWith("Closing sidechannel")),
+             debugLog("Connection attempt failed; reporting this if a callback is set"),
+             debugLog("Receiver thread stopped")}));
+        EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), 1U);
+
+        receiver.stop();
+        RawSender good(getSocketName(), NanomsgProtocol::PubSub);
+        ASSERT_TRUE(receiver.start(getSocketName()));
+        EXPECT_TRUE(good.serve());
+        EXPECT_TRUE(receiver.waitForEvent("ready"));
+    }
+    rival.close();
+    fs::remove(getTempDirectory() + "/taken");
+}
+
+TEST_F(ReceiverTest, GivesUpWithoutASidechannelSocket)
+{
+    RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
+    std::optional<NoDescriptorsLeft> shortage;
+    RecordedReceiver receiver;
+    receiver.onEvent(
+        [&](const std::string& event)
+        {
+            if (event == "connecting" && receiver.count("running") == 1)
+                shortage.emplace();
+            if (event == "failed")
+                shortage.reset();
+        });
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(sender.serve());
+    ASSERT_TRUE(receiver.waitForEvent("ready"));
+    sender.getSidechannel().close();
+    ASSERT_TRUE(receiver.waitForEvent("failed"));
+    EXPECT_EQ(receiver.get().getState(), State::Idle);
+    EXPECT_TRUE(
+        log().contains(errorLog("Could not create sidechannel socket: Too many open files (24)")));
+    EXPECT_FALSE(log().contains(traceLog(Retrying)));
+}
+
+TEST_F(ReceiverTest, OnlySocketFilesGetAMode)
+{
+    RecordedReceiver receiver;
+    {
+        RawSender sender(getSocketName(), NanomsgProtocol::Pipeline);
+        ASSERT_TRUE(receiver.start(getSocketName()));
+        ASSERT_TRUE(sender.serve());
+        ASSERT_TRUE(receiver.waitForEvent("ready"));
+        struct stat status
+        {
+        };
+        ASSERT_EQ(::stat((getTempDirectory() + "/raw.ipc").c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777U, 0622U);
+        EXPECT_EQ(log().count(log4cplus::INFO_LOG_LEVEL), 1U);
+    }
+    log().clear();
+    receiver.stop();
+    RawSender sender(getSocketName(), NanomsgProtocol::Pipeline, {}, "inproc://" + getSocketName());
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(sender.serve());
+    ASSERT_TRUE(receiver.waitForEvent("ready", 2));
+    ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, 5)));
+    EXPECT_TRUE(receiver.waitForEvent("frame 5"));
+    EXPECT_EQ(log().count(log4cplus::INFO_LOG_LEVEL), 0U);
+}
+
+// Input
+
+TEST_F(ReceiverTest, SequenceNumbersDecideWhatIsKept)
+{
+    enum Type : std::uint8_t
+    {
+        Other = 9,
+        Sequence = 1,
+        Frame = 2
+    };
+    const auto tooOld = [](int current, int packet)
+    {
+        return "dropping VLX packet because it is too old (current sequence nr: " +
+               std::to_string(current) + " packet sequence nr: " + std::to_string(packet) + ")";
+    };
+    const auto adopted = [](int packet)
+    {
+        return "setting sequence nr " + std::to_string(packet) +
+               " of SequenceInfo packet as new current one";
+    };
+    const auto mismatch = [](int current, int packet)
+    {
+        return "dropping VLX Frame packet because its sequence number does not match the current "
+               "one (current sequence nr: " +
+               std::to_string(current) + " packet sequence nr: " + std::to_string(packet) + ")";
+    };
+    const auto redundant = [](int current)
+    {
+        return "dropping VLX SequenceInfo packet because it is redundant (both have the sequence "
+               "number " +
+               std::to_string(current) + ")";
+    };
+    const struct
+    {
+        std::uint16_t current;
+        std::uint16_t packet;
+        Type type;
+        bool isKept;
+        std::string message; // empty: nothing is logged
+    } rows[] = {
+        // The same number.
+        {5, 5, Frame, true, ""},
+        {5, 5, Other, true, ""},
+        {5, 5, Sequence, false, redundant(5)},
+        {0, 0, Sequence, false, redundant(0)},
+        {0, 0, Frame, true, ""},
+        // Older and newer ones.
+        {5, 4, Sequence, false, tooOld(5, 4)},
+        {5, 4, Frame, false, tooOld(5, 4)},
+        {5, 0, Other, false, tooOld(5, 0)},
+        {5, 6, Frame, false, mismatch(5, 6)},
+        {5, 6, Sequence, true, adopted(6)},
+        {5, 6, Other, true, ""},
+        {5, 65519, Sequence, true, adopted(65519)},
+        // The top of the range, and the bottom.
+        {0, 65530, Sequence, true, adopted(65530)},
+        {0, 65530, Frame, false, mismatch(0, 65530)},
+        {1, 65530, Sequence, false, tooOld(1, 65530)},
+        {14, 65530, Sequence, false, tooOld(14, 65530)},
+        {14, 65520, Frame, false, tooOld(14, 65520)},
+        {14, 65519, Sequence, true, adopted(65519)},
+        {15, 65520, Sequence, true, adopted(65520)},
+        {15, 65530, Sequence, true, adopted(65530)},
+        {20, 65530, Sequence, true, adopted(65530)},
+        {65530, 65520, Sequence, false, tooOld(65530, 65520)},
+        {65530, 65535, Sequence, true, adopted(65535)},
+        {65530, 3, Sequence, false, tooOld(65530, 3)},
+        {0x1234, 0x3412, Sequence, true, adopted(0x3412)},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(
+            std::to_string(row.current) + ", packet " + std::to_string(row.packet) + ", type " +
+            std::to_string(row.type));
+        Receiver receiver;
+        log().clear();
+        Access::currentSequenceNr(receiver) = row.current;
+        Buffer packet = makeSequenceInfo(row.packet);
+        packet[0] = row.type;
+
+        EXPECT_EQ(Access::shouldPacketBeKept(receiver, packet), row.isKept);
+        const bool isAdopted = row.isKept && row.type == Sequence;
+        EXPECT_EQ(Access::currentSequenceNr(receiver), isAdopted ? row.packet : row.current);
+        if (row.message.empty())
+            EXPECT_TRUE(log().isExactly({}));
+        else
+            EXPECT_TRUE(log().isExactly({debugLog(row.message)}));
+    }
+}
+
+namespace
+{
+
+enum class Channel
+{
+    Main,
+    Side
+};
+
+struct InputRow
+{
+    const char* name;
+    Channel channel;
+    bool isInSequence; ///< whether sequence 1 has been announced
+    Buffer packet;
+    LogExpectation expected;
+    bool isConnectionKept;
+};
+
+std::vector<InputRow> makeInputRows()
+{
+    const Buffer foreign = fromHex("01 00 0200 58595A5A");
+    const Buffer rejected = makeSequenceInfo(2, 0);
+    const Buffer withoutFourcc = fromHex("01 00 0200 50434D");
+    const Buffer unknown = fromHex("09 00 0700 00");
+    const Buffer frame = makeFrame(1, 7);
+    const Buffer frame0 = makeFrame(0, 7);
+    const Buffer shortFrame(frame.begin(), frame.begin() + 19);
+    const Buffer redundant = makeSequenceInfo(1);
+    const Buffer noHeader = fromHex("01 00 0200");
+    const LogExpectation error = errorLog("Error while consuming VLX packet");
+
+    return {
+        {"foreign codec", Channel::Main, false, foreign,
+         warnLog(
+             "Could not select an VLX depayloader for this stream; its packets will be skipped"),
+         true},
+        {"foreign codec", Channel::Side, false, foreign,
+         errorLog("Got a SequenceInfo packet, but no matching payloader was found"), false},
+        {"frame without sequence", Channel::Main, false, frame0,
+         warnLog("Dropping received nanomsg VLX Frame packet because no matching VLX depayloader "
+                 "was previously found"),
+         true},
+        {"frame without sequence", Channel::Side, false, frame0,
+         errorLog("Got a Frame packet, but no payloader is present"), false},
+        {"rejected header", Channel::Main, false, rejected, error, false},
+        {"rejected header", Channel::Side, false, rejected, error, false},
+        {"no FourCC", Channel::Main, true, withoutFourcc, error, false},
+        {"no FourCC", Channel::Side, true, withoutFourcc, error, false},
+        {"frame without duration", Channel::Main, true, shortFrame, error, false},
+        {"frame without duration", Channel::Side, true, shortFrame, error, false},
+        {"unknown type", Channel::Main, true, unknown,
+         traceLog("Received nanomsg VLX packet with 5 byte(s); type: unknown"), true},
+        {"unknown type", Channel::Side, true, unknown,
+         traceLog("Received sidechannel VLX packet with 5 byte(s); type: unknown"), true},
+        {"known sequence", Channel::Main, true, redundant,
+         traceLog("Dropping received nanomsg VLX packet with 14 byte(s)"), true},
+        {"known sequence", Channel::Side, true, redundant,
+         debugLog("Dropping received sidechannel VLX packet with 14 bytes"), true},
+        {"frame", Channel::Side, true, frame,
+         errorLog("Got a Frame packet over the sidechannel; this is not supposed to happen!"),
+         true},
+        {"empty",
+         Channel::Main,
+         true,
+         {},
+         errorLog("Received nanomsg VLX packet is too short: 0 byte(s)"),
+         true},
+        {"header only", Channel::Main, true, noHeader,
+         errorLog("Received nanomsg VLX packet is too short: 4 byte(s)"), true},
+        {"one byte",
+         Channel::Side,
+         true,
+         {2},
+         errorLog("Received sidechannel VLX packet is too short: 1 byte(s)"),
+         false},
+        {"header only", Channel::Side, true, noHeader,
+         errorLog("Received sidechannel VLX packet is too short: 4 byte(s)"), false},
+    };
+}
+
+} // namespace
+
+TEST_F(ReceiverTest, TheChannelsDifferInWhatTheyTolerate)
+{
+    for (const InputRow& row : makeInputRows())
+    {
+        const bool isMain = row.channel == Channel::Main;
+        SCOPED_TRACE(std::string(row.name) + (isMain ? ", main channel" : ", sidechannel"));
+        log().clear();
+        RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
+        RecordedReceiver receiver;
+        ASSERT_TRUE(receiver.start(getSocketName()));
+        ASSERT_TRUE(sender.greet() && sender.joinMainChannel());
+        if (row.isInSequence)
+        {
+            ASSERT_TRUE(sender.sendOverSidechannel(makeSequenceInfo(1)));
+            ASSERT_TRUE(receiver.waitForEvent("ready"));
+        }
+
+        ASSERT_TRUE(
+            isMain ? sender.sendOverMainChannel(row.packet)
+                   : sender.sendOverSidechannel(row.packet));
+        EXPECT_TRUE(log().waitFor(row.expected));
+        const bool isWhole = row.packet.size() > 4;
+        if (!isMain && isWhole && row.expected.level == log4cplus::ERROR_LOG_LEVEL)
+        {
+            EXPECT_TRUE(log().containsInOrder(
+                {traceLog(StartsWith("Received sidechannel VLX packet with ")), row.expected}));
+        }
+
+        if (row.isConnectionKept)
+        {
+            ASSERT_TRUE(sender.sendOverSidechannel(makeSequenceInfo(9)));
+            EXPECT_TRUE(receiver.waitForEvent("sequence", row.isInSequence ? 2 : 1));
+            EXPECT_FALSE(log().contains(debugLog(ConnectionGone)));
+        }
+        else
+        {
+            EXPECT_TRUE(log().waitFor(debugLog(ConnectionGone)));
+            EXPECT_TRUE(sender.getSidechannel().waitForClose());
+        }
+        EXPECT_EQ(receiver.count("frame"), std::string(row.name) == "frame" ? 1U : 0U);
+    }
+}
+
+TEST_P(ReceiverTransportTest, SequencesAreAnnouncedOnceAndReadinessOncePerConnection)
+{
+    auto sender = makeSender();
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(sender->serve(1));
+    ASSERT_TRUE(receiver.waitForEvent("ready"));
+    for (std::uint16_t nr = 1; nr <= 3; ++nr)
+    {
+        // Over both channels; a frame of the old sequence and one of the next are refused.
+        const auto before = static_cast<std::uint16_t>(nr - 1);
+        const auto after = static_cast<std::uint16_t>(nr + 1);
+        ASSERT_TRUE(sender->sendOverMainChannel(makeSequenceInfo(nr)));
+        ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(nr, static_cast<std::uint8_t>(nr))));
+        ASSERT_TRUE(receiver.waitForEvent("frame", nr));
+        ASSERT_TRUE(sender->sendOverSidechannel(makeSequenceInfo(nr)));
+        ASSERT_TRUE(log().waitFor(
+            debugLog(StartsWith("dropping VLX SequenceInfo packet because it is redundant")),
+            after));
+        ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(before, 100)));
+        ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(after, 100)));
+        ASSERT_TRUE(log().waitFor(
+            debugLog(StartsWith("dropping VLX Frame packet because its sequence number does not")),
+            nr));
+    }
+    const std::string sequence = "sequence 48000 x2 S16LE";
+    EXPECT_THAT(
+        receiver.getEvents(), ElementsAre(
+                                  "connecting", "running", sequence, "ready monotonic system clock",
+                                  "frame 1", sequence, "frame 2", sequence, "frame 3"));
+}
+
+TEST_P(ReceiverTransportTest, SidechannelMessagesMayComeInAnySlices)
+{
+    for (const std::size_t sliceSize : {1U, 3U, 5U, 0U})
+    {
+        SCOPED_TRACE(sliceSize);
+        auto sender = makeSender();
+        RecordedReceiver receiver;
+        ASSERT_TRUE(receiver.start(getSocketName()));
+        sender->getSidechannel() = sender->getListener().accept();
+        Buffer bytes = makeSidechannelMessage(sender->getInitialInfo());
+        for (const std::uint16_t sequenceNr : std::vector<std::uint16_t>{1, 2})
+        {
+            const Buffer message = makeSidechannelMessage(makeSequenceInfo(sequenceNr));
+            bytes.insert(bytes.end(), message.begin(), message.end());
+        }
+        ASSERT_TRUE(sender->getSidechannel().send(bytes, sliceSize));
+        EXPECT_TRUE(receiver.waitForEvent("sequence", 2));
+        EXPECT_EQ(receiver.count("ready"), 1U);
+    }
+}
+
+TEST_P(ReceiverTransportTest, MissingCallbacksAreSkipped)
+{
+    auto sender = makeSender();
+    PcmDepayloader depayloader;
+    auto receiver = std::make_unique<Receiver>();
+    receiver->addDepayloader(depayloader);
+    ASSERT_TRUE(receiver->initializeReceiver(getSocketName()));
+    ASSERT_TRUE(sender->serve());
+    ASSERT_TRUE(log().waitFor(debugLog("Matching payloader found")));
+    ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(1, 1)));
+    ASSERT_TRUE(log().waitFor(traceLog(StartsWith("Received nanomsg VLX packet with 24"))));
+    ASSERT_TRUE(waitFor([] { return log().getEntries().back().text == "Listening for input"; }));
+    EXPECT_FALSE(log().contains(traceLog(StartsWith("Calling media data callback"))));
+    {
+        const testing::PromptStop promptStop;
+        receiver.reset();
+    }
+    EXPECT_TRUE(log().contains(debugLog("Receiver shut down")));
+    EXPECT_FALSE(hasLoggedProblems());
+}
+
+namespace
+{
+
+/// Sends a frame from inside a callback, and waits until the receiver has it before itself.
+void sendNextFrame(RawSender& sender, Receiver& receiver, std::uint8_t timestamp)
+{
+    EXPECT_TRUE(sender.sendOverMainChannel(makeFrame(1, timestamp)));
+    EXPECT_TRUE(waitFor([&] { return isReadable(Access::getNanomsgWatchFD(receiver)); }));
+}
+
+} // namespace
+
+TEST_P(ReceiverTransportTest, AWakeupGoesBeforeWaitingData)
+{
+    auto sender = makeSender();
+    RecordedReceiver receiver;
+    receiver.onEvent(
+        [&](const std::string& event)
+        {
+            if (event != "frame 1")
+                return;
+            sendNextFrame(*sender, receiver.get(), 2);
+            EXPECT_TRUE(sender->sendOverSidechannel(makeSequenceInfo(2)));
+            EXPECT_EQ(::write(Access::loopWakeupPipe(receiver.get())[1], "1", 1), 1);
+            log().clear();
+        });
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(sender->serve());
+    ASSERT_TRUE(receiver.waitForEvent("ready"));
+    ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(1, 1)));
+    EXPECT_TRUE(receiver.waitForEvent("idle"));
+    EXPECT_EQ(receiver.count("frame"), 1U);
+    EXPECT_EQ(receiver.count("sequence"), 1U);
+    EXPECT_TRUE(log().isExactly(
+        {traceLog("Listening for input"), traceLog("Loop wakup activity; aborting wait for input"),
+         debugLog(StartsWith("Closing sidechannel")), debugLog("Receiver thread stopped")}));
+}
+
+TEST_P(ReceiverTransportTest, WhatIsInTheMainChannelIsPlayedAfterTheSidechannelHasClosed)
+{
+    constexpr std::uint8_t NumFrames = 20;
+    auto sender = makeSender();
+    RecordedReceiver receiver;
+    std::uint8_t timestamp = 1;
+    receiver.onEvent(
+        [&](const std::string& event)
+        {
+            if (event == "frame 1")
+                sender->getSidechannel().close();
+            if (event.starts_with("frame") && timestamp < NumFrames)
+                sendNextFrame(*sender, receiver.get(), ++timestamp);
+        });
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(sender->serve());
+    ASSERT_TRUE(receiver.waitForEvent("ready"));
+    ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(1, 1)));
+    EXPECT_TRUE(receiver.waitForEvent("connecting", 2));
+    EXPECT_EQ(receiver.count("frame"), NumFrames);
+    EXPECT_TRUE(log().containsInOrder(
+        {debugLog("VLX sidechannel socket got closed"),
+         debugLog(StartsWith("Closing sidechannel with FD ")), traceLog("Nanomsg activity"),
+         debugLog("Sidechannel has been disconnected and no nanomsg activity is present - shutting "
+                  "down receiver"),
+         debugLog(ConnectionGone)}));
+    EXPECT_EQ(log().count(debugLog(StartsWith("Closing sidechannel"))), 1U);
+}
+
+// Sidechannel message reader
+
+namespace
+{
+
+constexpr const char* CloseSocket = "close";
+constexpr const char* NewSocket = "new";
+
+struct ReadStep
+{
+    std::string bytes; ///< sent before the call; or what happens to the socket
+    int result = 0;
+    std::string message = {}; ///< complete, in hexadecimal digits
+};
+
+struct ReaderRow
+{
+    const char* name;
+    std::vector<ReadStep> steps;
+};
+
+std::vector<ReaderRow> makeReaderRows()
+{
+    return {
+        {"in one piece", {{"02000000 AABB", 0}, {"", 1, "AABB"}}},
+        {"prefix 1 + 3", {{"02", 0}, {"000000 AABB", 0}, {"", 1, "AABB"}}},
+        {"byte by byte",
+         {{"02", 0}, {"00", 0}, {"00", 0}, {"00", 0}, {"AA", 0}, {"BB", 1, "AABB"}}},
+        {"two at once",
+         {{"01000000 A1 02000000 B1B2", 0}, {"", 1, "A1"}, {"", 0}, {"", 1, "B1B2"}}},
+        {"a long one, then short ones",
+         {{"06000000 A1A2A3A4A5A6", 0},
+          {"", 1, "A1A2A3A4A5A6"},
+          {"0100", 0},
+          {"0000", 0},
+          {"B1 01", 1, "B1"},
+          {"", 0},
+          {"000000 C1", 0},
+          {"", 1, "C1"}}},
+        {"256 is not 1", {{"0001", 0}, {"0000", 0}, {"A1", 0}}},
+        {"no length", {{"00000000", 0}, {"AA", 2}}},
+        {"closed at once", {{CloseSocket, 2}}},
+        {"closed in the prefix", {{"0200", 0}, {CloseSocket, 2}}},
+        {"closed in the message", {{"02000000AA", 0}, {"", 0}, {CloseSocket, 2}}},
+        {"nothing is left over of a prefix",
+         {{"0200", 0}, {NewSocket}, {"02000000 A1A2", 0}, {"", 1, "A1A2"}}},
+        {"nothing is left over of a message",
+         {{"07000000 AA", 0}, {"", 0}, {NewSocket}, {"02000000 A1A2", 0}, {"", 1, "A1A2"}}},
+    };
+}
+
+} // namespace
+
+TEST_F(ReceiverTest, SidechannelMessagesAreReadPieceByPiece)
+{
+    for (const ReaderRow& row : makeReaderRows())
+    {
+        Receiver receiver;
+        std::optional<RawConnection> peer;
+        const auto connect = [&]
+        {
+            int ends[2] = {-1, -1};
+            ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+            Access::disconnectSidechannel(receiver);
+            Access::sideChannelSocketFD(receiver) = ends[0];
+            peer.emplace(Descriptor(ends[1]));
+        };
+        connect();
+        for (std::size_t i = 0; i < row.steps.size(); ++i)
+        {
+            SCOPED_TRACE(std::string(row.name) + ", step " + std::to_string(i));
+            const ReadStep& step = row.steps[i];
+            log().clear();
+            if (step.bytes == NewSocket)
+            {
+                connect();
+                continue;
+            }
+            if (step.bytes == CloseSocket)
+                peer->close();
+            else
+                ASSERT_TRUE(peer->send(fromHex(step.bytes)));
+            ASSERT_EQ(Access::readSidechannelMessage(receiver), step.result);
+            if (step.result == 1)
+            {
+                EXPECT_EQ(Access::sidechannelBuffer(receiver), fromHex(step.message));
+            }
+            if (step.result == 2)
+            {
+                EXPECT_TRUE(log().isExactly({debugLog("VLX sidechannel socket got closed")}));
+            }
+        }
+        Access::disconnectSidechannel(receiver);
+    }
+}
+
+TEST_F(ReceiverTest, SaysWhyTheSidechannelCannotBeRead)
+{
+    Receiver receiver;
+    // Read ends cannot be written, and write ends not read.
+    std::array<int, 2> ends = {-1, -1};
+    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    const Descriptor readEnd(ends[0]);
+    Access::sideChannelSocketFD(receiver) = ends[1];
+    EXPECT_EQ(Access::readSidechannelMessage(receiver), 2);
+    EXPECT_TRUE(log().isExactly(
+        {errorLog("Could not read data from VLX sidechannel socket: Bad file descriptor (9)")}));
+    Access::disconnectSidechannel(receiver);
+}
+
+// Sender-presence monitor
+
+TEST_F(ReceiverTest, DirectoriesOfSendersAreSeenAtTheStart)
+{
+    const fs::path directory = getTempDirectory();
+    const auto makeDirectory = [](const fs::path& path) { fs::create_directory(path); };
+    const auto makeFile = [](const fs::path& path) { std::ofstream{path}; };
+    const auto makeLink = [](const fs::path& path) { fs::create_symlink("/", path); };
+    const auto makeBrokenLink = [](const fs::path& path) { fs::create_symlink("no", path); };
+    const struct
+    {
+        const char* entry;
+        std::function<void(const fs::path&)> make;
+        bool isSeen;
+    } rows[] = {
+        {"VlxSender-abcdef", makeDirectory, true},   {"VlxSender-", makeDirectory, true},
+        {"VlxSender-file", makeFile, false},         {"VlxSender-link", makeLink, true},
+        {"VlxSender-broken", makeBrokenLink, false}, {"xVlxSender-abcdef", makeDirectory, false},
+        {"VlxSender", makeDirectory, false},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.entry);
+        log().clear();
+        row.make(directory / row.entry);
+        RecordedReceiver receiver;
+        ASSERT_TRUE(receiver.start(getSocketName()));
+        EXPECT_EQ(
+            log().count(debugLog("Sender " + std::string(row.entry) + " already created")),
+            row.isSeen ? 1U : 0U);
+        EXPECT_EQ(log().count(debugLog(StartsWith("Sender "))), row.isSeen ? 1U : 0U);
+        receiver.stop();
+        fs::remove(directory / row.entry);
+    }
+}
+
+TEST_F(ReceiverTest, StartingSendersAreNoticedWhileItRuns)
+{
+    const fs::path directory = getTempDirectory();
+    RecordedReceiver receiver;
+    for (int round = 0; round < 3; ++round)
+    {
+        log().clear();
+        ASSERT_TRUE(receiver.start(getSocketName()));
+        for (const std::string& entry : Strings{".bell-VlxSender-1", "VlxSender-abcdef"})
+        {
+            std::ofstream{directory / "vlxsender-VlxSender"};
+            fs::remove(directory / "vlxsender-VlxSender");
+            const LogExpectation noticed =
+                debugLog("Sender " + entry + " initializing, signaling condition variable");
+            // Of events that come together only the first is looked at, so again and again.
+            EXPECT_TRUE(waitFor(
+                [&]
+                {
+                    std::ofstream{directory / entry};
+                    fs::remove(directory / entry);
+                    return log().contains(noticed);
+                }));
+        }
+        EXPECT_FALSE(log().contains(debugLog(StartsWith("Sender vlxsender"))));
+        receiver.stop();
+    }
+}
+
+TEST_F(ReceiverTest, WithoutTheDirectoryItConnectsAllTheSame)
+{
+    const std::string missing = getTempDirectory() + "/missing";
+    ::setenv("TMPDIR", missing.c_str(), 1);
+    Receiver receiver;
+    ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
+    ::setenv("TMPDIR", getTempDirectory().c_str(), 1);
+
+    RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
+    EXPECT_TRUE(sender.greet() && sender.joinMainChannel());
+    EXPECT_EQ(receiver.getState(), State::Running);
+    // Nothing wakes the monitor here: it must end by itself.
+    receiver.shutdownReceiver();
+    EXPECT_FALSE(log().contains(debugLog(StartsWith("Opened "))));
+    EXPECT_FALSE(hasLoggedProblems());
+}
+
+} // namespace vlx
