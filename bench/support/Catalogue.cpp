@@ -19,6 +19,9 @@ const std::vector<Path>& allPaths()
         {RawNanomsgId, "nanomsg, our options", "nanomsg", "same",
          "NN_SNDBUF 1, NN_RCVBUF 1, NN_RCVMAXSIZE -1, NN_DONTWAIT, NN_MSG: the limit of the "
          "design"},
+        {"nanomsg-polls", "nanomsg, our polls", "nanomsg", "polls",
+         "as before, and polls of as many descriptors and with the time-out of ours: what waiting "
+         "costs"},
         {"nanomsg", "nanomsg", "nanomsg", "", "default buffers; NN_RCVMAXSIZE -1"},
         {ZmqId, "ZeroMQ", "zmq", "", "defaults"},
         {"zmq-tuned", "ZeroMQ tuned", "zmq", "tuned",
