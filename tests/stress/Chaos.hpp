@@ -54,10 +54,7 @@ public:
     explicit Bystanders(const ChaosContext& context) : m_context(context) {}
 
     /// @return whether the stream runs
-    bool begin(
-        std::size_t numReceivers,
-        const WorkerConfig& sender = makeWorker(Role::Sender),
-        const WorkerConfig& receiver = makeWorker(Role::Receiver));
+    bool begin(std::size_t numReceivers, const WorkerConfig& sender = makeWorker(Role::Sender));
 
     /// @return whether every receiver gets further frames within 3 s
     bool areDelivering();

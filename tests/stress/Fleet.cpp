@@ -21,7 +21,6 @@ namespace vlx::stress
 namespace
 {
 
-constexpr int CleanStopLimitMs = 8'000;
 constexpr TimeValue CauseNs = 100 * NsPerMs; // what starts a loss lies near its beginning
 constexpr int ReadyLimitMs = 10'000;
 
@@ -45,10 +44,9 @@ std::uint64_t Slot::countLost() const
 
 SharedBlock& mapSharedBlock(int fd)
 {
-    void* const memory =
-        // Populated: pages that come one by one would look like growth.
-        ::mmap(
-            nullptr, sizeof(SharedBlock), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd, 0);
+    // Populated: pages that come one by one would look like growth.
+    constexpr int Flags = MAP_SHARED | MAP_POPULATE;
+    void* const memory = ::mmap(nullptr, sizeof(SharedBlock), PROT_READ | PROT_WRITE, Flags, fd, 0);
     if (memory == MAP_FAILED)
         die("stress: mmap");
     return *static_cast<SharedBlock*>(memory);
@@ -135,14 +133,6 @@ void Fleet::killAll()
         kill(i);
 }
 
-void Fleet::stop(const std::vector<std::size_t>& indices)
-{
-    for (const std::size_t index : indices)
-        m_block->slots[index].stop = true;
-    for (const std::size_t index : indices)
-        waitExit(index, CleanStopLimitMs);
-}
-
 std::string Fleet::readLastWords(std::size_t index) const
 {
     std::array<char, 512> text;
@@ -187,11 +177,7 @@ WorkerConfig makeWorker(Role role, const std::string& nameSuffix)
     return config;
 }
 
-std::vector<std::size_t> startStream(
-    Fleet& fleet,
-    std::size_t numReceivers,
-    WorkerConfig sender,
-    const WorkerConfig& receiver)
+std::vector<std::size_t> startStream(Fleet& fleet, std::size_t numReceivers, WorkerConfig sender)
 {
     sender.waitForReceivers = static_cast<unsigned>(numReceivers);
     fleet.start(SenderSlot, sender);
@@ -201,7 +187,7 @@ std::vector<std::size_t> startStream(
     std::vector<std::size_t> receivers(numReceivers);
     std::iota(receivers.begin(), receivers.end(), FirstReceiverSlot);
     for (const std::size_t index : receivers)
-        fleet.start(index, receiver);
+        fleet.start(index, makeWorker(Role::Receiver));
     const auto isReady = [&](std::size_t index) { return fleet[index].ready.load(); };
     if (!waitUntil(
             ReadyLimitMs, [&] { return std::all_of(receivers.begin(), receivers.end(), isReady); }))
@@ -249,7 +235,6 @@ LossSummary summariseLosses(
     for (const std::size_t index : receivers)
     {
         const Slot& slot = fleet[index];
-        const TimeValue periodNs = fleet[SenderSlot].config.framePeriodUs * NsPerUs;
         summary.received += slot.countFrames();
         summary.lost += slot.countLost();
 
@@ -261,7 +246,7 @@ LossSummary summariseLosses(
             const TimeValue cause = std::min<TimeValue>(burst.until, burst.from + CauseNs);
             const TimeValue pause = probe.getLargest(burst.from, cause);
             largest = std::max(largest, pause);
-            if (pause >= periodNs)
+            if (pause >= FramePeriodNs)
                 explained += burst.count;
         }
         summary.unexplained += slot.countLost() - explained;

@@ -28,6 +28,7 @@ enum class Role
     RubbishSidechannel,  ///< writes rubbish to the sidechannel without end
     RubbishMainChannel,  ///< writes rubbish to the main channel's socket without end
     MessageToPublisher,  ///< sends one well-formed message the wrong way, to the publisher
+    MessageToPuller,     ///< announces an endless message to a receiver in pipeline mode
     ImpostorInitialInfo, ///< holds a sender's name and greets with a malformed InitialInfo
     ImpostorPackets,     ///< holds a sender's name and publishes rubbish packets
 };
@@ -35,6 +36,8 @@ enum class Role
 constexpr std::size_t MaxNameLength = 32;
 constexpr int NoResource = -1;
 constexpr int NumPhases = 3;
+constexpr std::size_t FrameBytes = 1920;
+constexpr TimeValue FramePeriodNs = 10 * NsPerMs;
 
 /// Plain data, written before the worker starts.
 struct WorkerConfig
@@ -42,8 +45,6 @@ struct WorkerConfig
     Role role = Role::Sender;
     std::array<char, MaxNameLength> name{}; ///< the sender's
     NanomsgProtocol protocol = NanomsgProtocol::PubSub;
-    unsigned frameBytes = 1920;
-    unsigned framePeriodUs = 10'000;
     std::uint64_t numFrames = 0;   ///< Sender: 0 for no end. ChurnClient: connections
     unsigned sequenceEveryMs = 0;  ///< Sender: a new sequence so often; 0: only the first
     unsigned waitForReceivers = 0; ///< Sender: no frame before so many have joined, and Slot::go
@@ -85,8 +86,7 @@ struct Slot
 {
     WorkerConfig config; // by the orchestrator, before the worker starts
 
-    std::atomic<bool> go = false;   // by the orchestrator
-    std::atomic<bool> stop = false; // by the orchestrator
+    std::atomic<bool> go = false; // by the orchestrator
 
     std::array<PhaseCounters, NumPhases> phases;
     std::array<LossBurst, 256> bursts;
@@ -164,9 +164,6 @@ public:
     void kill(std::size_t index);
     void killAll();
 
-    /// Asks workers for a clean end; those that do not end are killed.
-    void stop(const std::vector<std::size_t>& indices);
-
     /// @return what the worker of a slot, running or not, has written to standard error
     std::string readLastWords(std::size_t index) const;
 
@@ -191,11 +188,8 @@ WorkerConfig makeWorker(Role role, const std::string& nameSuffix = "");
 /// waits for all of them.
 ///
 /// @return the receivers' slots; empty if they did not join within 10 s
-std::vector<std::size_t> startStream(
-    Fleet& fleet,
-    std::size_t numReceivers,
-    WorkerConfig sender = makeWorker(Role::Sender),
-    const WorkerConfig& receiver = makeWorker(Role::Receiver));
+std::vector<std::size_t>
+startStream(Fleet& fleet, std::size_t numReceivers, WorkerConfig sender = makeWorker(Role::Sender));
 
 constexpr std::size_t SenderSlot = 0;
 constexpr std::size_t FirstReceiverSlot = 1;

@@ -23,9 +23,10 @@ using testing::RawSidechannelServer;
 constexpr std::size_t RubbishBytes = 4096;
 constexpr std::size_t IpcUriPrefixLength = 6; // "ipc://"
 
-// What subscribers say on the main channel's socket: first a greeting, which is answered by one of
-// the same length; then type, length (big-endian) and bytes of each message.
+// What peers say on the main channel's socket: first a greeting, which is answered by one of the
+// same length; then type, length (big-endian) and bytes of each message.
 const Buffer SubscriberGreeting = {0, 'S', 'P', 0, 0, 33, 0, 0};
+const Buffer PusherGreeting = {0, 'S', 'P', 0, 0, 80, 0, 0};
 const Buffer OneByteMessage = {1, 0, 0, 0, 0, 0, 0, 0, 1, 'x'};
 const Buffer EndlessMessage = {1, 255, 255, 255, 255, 255, 255, 255, 255};
 
@@ -50,12 +51,11 @@ RawConnection joinMainChannel(RawConnection& sidechannel)
     return connectToFile(parseInitialInfoPacket(*greeting).nanomsgURI.substr(IpcUriPrefixLength));
 }
 
-int waitForStop(Slot& slot)
+[[noreturn]] void waitForKill(Slot& slot)
 {
     slot.ready = true;
-    while (!slot.stop)
-        letPass(20);
-    return ExitDone;
+    while (true)
+        letPass(1'000);
 }
 
 int churn(Slot& slot)
@@ -68,16 +68,16 @@ int churn(Slot& slot)
 }
 
 /// Joins both channels and sends something there, but never reads.
-int sendOnce(Slot& slot, const Buffer& message)
+int sendOnce(Slot& slot, const Buffer& greeting, const Buffer& message)
 {
     RawSidechannelClient sidechannel(slot.config.name.data());
     RawConnection mainChannel = joinMainChannel(sidechannel);
-    if (!mainChannel.isOpen() || !mainChannel.send(SubscriberGreeting))
+    if (!mainChannel.isOpen() || !mainChannel.send(greeting))
         return ExitBroken;
-    mainChannel.readBytes(SubscriberGreeting.size());
+    mainChannel.readBytes(greeting.size());
     mainChannel.send(message);
     slot.joins = 1;
-    return waitForStop(slot);
+    waitForKill(slot);
 }
 
 Buffer makeRubbish(std::size_t size)
@@ -93,7 +93,7 @@ Buffer makeRubbish(std::size_t size)
 int writeRubbish(Slot& slot, bool toMainChannel)
 {
     slot.ready = true;
-    for (bool isGreeting = false; !slot.stop; isGreeting = !isGreeting)
+    for (bool isGreeting = false;; isGreeting = !isGreeting)
     {
         RawSidechannelClient sidechannel(slot.config.name.data());
         RawConnection mainChannel =
@@ -105,9 +105,8 @@ int writeRubbish(Slot& slot, bool toMainChannel)
             channel.send(EndlessMessage);
         do
             ++slot.joins;
-        while (!slot.stop && channel.send(makeRubbish(RubbishBytes)));
+        while (channel.send(makeRubbish(RubbishBytes)));
     }
-    return ExitDone;
 }
 
 int greetMalformed(Slot& slot)
@@ -115,7 +114,7 @@ int greetMalformed(Slot& slot)
     RawSidechannelServer server(slot.config.name.data());
     RawConnection client = server.accept();
     client.send(testing::makeSidechannelMessage({1, 0, 'n', 'o', ' ', 'e', 'n', 'd'}));
-    return waitForStop(slot);
+    waitForKill(slot);
 }
 
 /// Random packets of every small size. Many get past the sequence filter, and select a codec.
@@ -143,7 +142,7 @@ int imposeAsSender(Slot& slot)
     if (!server.isListening() || !publisher.bind(info.nanomsgURI))
         return ExitBroken;
     std::vector<RawConnection> clients;
-    while (!slot.stop)
+    while (true)
     {
         RawConnection client = server.accept(std::chrono::milliseconds(1));
         if (client.isOpen() &&
@@ -153,7 +152,6 @@ int imposeAsSender(Slot& slot)
             publisher.send(makeRubbishPacket(), std::chrono::milliseconds(0));
         slot.joins += PacketsPerTurn;
     }
-    return ExitDone;
 }
 
 } // namespace
@@ -165,9 +163,11 @@ int runHostilePeer(Slot& slot)
     case Role::ChurnClient:
         return churn(slot);
     case Role::SilentClient:
-        return sendOnce(slot, {});
+        return sendOnce(slot, SubscriberGreeting, {});
     case Role::MessageToPublisher:
-        return sendOnce(slot, OneByteMessage);
+        return sendOnce(slot, SubscriberGreeting, OneByteMessage);
+    case Role::MessageToPuller:
+        return sendOnce(slot, PusherGreeting, EndlessMessage);
     case Role::RubbishSidechannel:
         return writeRubbish(slot, false);
     case Role::RubbishMainChannel:

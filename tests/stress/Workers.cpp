@@ -17,7 +17,6 @@
 #include <toolkit/Bell.hpp>
 #include <toolkit/PromptStop.hpp>
 #include <toolkit/StallWatch.hpp>
-#include <toolkit/TailWait.hpp>
 #include <unistd.h>
 
 #include <miscUtils/MiscUtils.hpp>
@@ -109,10 +108,7 @@ bool applyResourceLimit(const WorkerConfig& config)
 class SenderWorker
 {
 public:
-    SenderWorker(SharedBlock& block, Slot& slot)
-        : m_block(block),
-          m_slot(slot),
-          m_frame(std::max<std::size_t>(slot.config.frameBytes, sizeof(FrameTag)))
+    SenderWorker(SharedBlock& block, Slot& slot) : m_block(block), m_slot(slot), m_frame(FrameBytes)
     {
         m_payloader.setNewFormat(48'000, 2, audioUtils::PcmFormat::S16LE);
     }
@@ -158,7 +154,7 @@ private:
     void waitForReceivers()
     {
         const std::size_t wanted = m_slot.config.waitForReceivers;
-        while (wanted != 0 && !m_slot.stop && (!m_slot.go || m_sender.getNumReceivers() < wanted))
+        while (wanted != 0 && (!m_slot.go || m_sender.getNumReceivers() < wanted))
             letPass(TurnMs);
         m_slot.incarnationSince = miscUtils::getMonotonicSysclockTime();
         m_slot.incarnation = ++m_block.lastIncarnation;
@@ -167,33 +163,32 @@ private:
     void sendFrames()
     {
         const WorkerConfig& config = m_slot.config;
-        const TimeValue periodNs = config.framePeriodUs * NsPerUs;
         const TimeValue sequenceNs = config.sequenceEveryMs * NsPerMs;
         TimeValue due = miscUtils::getMonotonicSysclockTime();
         TimeValue sequenceDue = due + sequenceNs;
         FrameTag tag = {m_slot.incarnation, 0};
-        while (!m_slot.stop && (config.numFrames == 0 || tag.index < config.numFrames))
+        while (config.numFrames == 0 || tag.index < config.numFrames)
         {
             if (sequenceNs != 0 && due >= sequenceDue)
             {
                 startSequence();
                 sequenceDue += sequenceNs;
             }
-            sendOne(tag, periodNs);
+            sendOne(tag);
             ++tag.index;
             // A sender that was paused goes on from here; a burst of late frames would be lost.
-            due = std::max(due + periodNs, miscUtils::getMonotonicSysclockTime());
+            due = std::max(due + FramePeriodNs, miscUtils::getMonotonicSysclockTime());
             const timespec dueTime = {
                 static_cast<time_t>(due / NsPerSecond), static_cast<long>(due % NsPerSecond)};
             ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &dueTime, nullptr);
         }
     }
 
-    void sendOne(const FrameTag& tag, TimeValue periodNs)
+    void sendOne(const FrameTag& tag)
     {
         std::memcpy(m_frame.data(), &tag, sizeof(tag));
         const TimeValue before = miscUtils::getMonotonicSysclockTime();
-        m_sender.sendMediaData(before, periodNs, m_frame);
+        m_sender.sendMediaData(before, FramePeriodNs, m_frame);
         const TimeValue after = miscUtils::getMonotonicSysclockTime();
         PhaseCounters& phase = m_slot.phases[m_block.phase];
         ++phase.frames;
@@ -235,7 +230,7 @@ public:
             return watchStarved();
 
         TimeValue rejoinDue = getNextRejoin();
-        while (!m_slot.stop)
+        while (true)
         {
             letPass(TurnMs);
             publishStreamTime();
@@ -252,8 +247,6 @@ public:
                 rejoinDue = getNextRejoin();
             }
         }
-        toolkit::stopPromptly(m_receiver);
-        return ExitDone;
     }
 
     void shutDown()
@@ -311,7 +304,7 @@ private:
     {
         const TimeValue now = miscUtils::getMonotonicSysclockTime();
         FrameTag tag = {};
-        if (data.size() != m_slot.config.frameBytes || data.size() < sizeof(tag))
+        if (data.size() != FrameBytes)
             return;
         std::memcpy(&tag, data.data(), sizeof(tag));
 
