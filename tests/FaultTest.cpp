@@ -18,7 +18,7 @@ class FaultTest : public ::testing::TestWithParam<const char*>
 TEST_P(FaultTest, IsWithstood)
 {
     const std::string command =
-        std::string(VLX_STRESS_PATH) + " chaos 1 --lenient --exactly " + GetParam();
+        std::string(VLX_STRESS_PATH) + " chaos 1 --lenient --only " + GetParam();
     EXPECT_EQ(std::system(command.c_str()), 0) << command;
 }
 

@@ -354,7 +354,6 @@ std::span<const Scenario> getPeerScenarios()
 int runChaos(const Arguments& arguments)
 {
     const std::string only = getOption(arguments, "--only", "");
-    const std::string exactly = getOption(arguments, "--exactly", "");
     const std::string seedText = getOption(arguments, "--seed", "");
     const bool isLenient = hasOption(arguments, "--lenient");
     const int minutes = getMinutes(arguments, 5);
@@ -380,8 +379,7 @@ int runChaos(const Arguments& arguments)
         for (const Scenario& scenario : scenarios)
         {
             const std::string name = scenario.name;
-            if (isInterrupted() || name.find(only) == std::string::npos ||
-                (!exactly.empty() && name != exactly))
+            if (isInterrupted() || name.find(only) == std::string::npos)
                 continue;
             const TimeValue start = miscUtils::getMonotonicSysclockTime();
             const Outcome outcome = scenario.run(context);

@@ -33,8 +33,7 @@ public:
     {
         Honest,
         Silent,
-        Rubbish, ///< packets of random bytes and random size
-        Lying,   ///< well-formed answers with random times
+        Hostile, ///< a well-formed answer with a random time, and packets of random bytes and size
     };
 
     ClockProvider() : m_fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
@@ -43,9 +42,9 @@ public:
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t length = sizeof(address);
-        ::bind(m_fd, reinterpret_cast<const sockaddr*>(&address), length);
-        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
-        m_port = ntohs(address.sin_port);
+        if (::bind(m_fd, reinterpret_cast<const sockaddr*>(&address), length) == 0 &&
+            ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+            m_port = ntohs(address.sin_port);
         m_thread = std::thread([this] { loop(); });
     }
 
@@ -83,14 +82,13 @@ private:
             socklen_t length = sizeof(client);
             auto* const address = reinterpret_cast<sockaddr*>(&client);
             ::recvfrom(m_fd, packet.data(), sizeof(packet), 0, address, &length);
-            if (mode == Mode::Honest)
-                packet[1] = htobe64(
-                    miscUtils::getMonotonicSysclockTime() + static_cast<std::uint64_t>(offsetNs));
-            else
-                packet[1] = m_random();
-            if (mode == Mode::Honest || mode == Mode::Lying)
+            const bool isHostile = mode == Mode::Hostile;
+            const TimeValue now = miscUtils::getMonotonicSysclockTime();
+            packet[1] =
+                isHostile ? m_random() : htobe64(now + static_cast<std::uint64_t>(offsetNs));
+            if (mode != Mode::Silent)
                 ::sendto(m_fd, packet.data(), sizeof(packet), 0, address, length);
-            for (int i = 0; mode == Mode::Rubbish && i < RubbishPackets; ++i)
+            for (int i = 0; isHostile && i < RubbishPackets; ++i)
             {
                 packet = {m_random(), m_random()};
                 // Every other packet has the right size.
@@ -211,10 +209,9 @@ constexpr Scenario ClockScenarios[] = {
      [](Context context) { return runClockFault(context, Mode::Honest, JumpNs); }},
     {"clock-unreachable", "no clock provider at the announced port",
      "stream time 0; frames undisturbed", missProvider},
-    {"clock-rubbish", "clock provider answers with random UDP", "right afterwards; frames",
-     [](Context context) { return runClockFault(context, Mode::Rubbish, 0); }},
-    {"clock-lying", "clock provider answers with random times", "right afterwards; frames",
-     [](Context context) { return runClockFault(context, Mode::Lying, 0); }},
+    {"clock-hostile", "clock provider answers with random times and UDP",
+     "right afterwards; frames undisturbed",
+     [](Context context) { return runClockFault(context, Mode::Hostile, 0); }},
 };
 
 } // namespace

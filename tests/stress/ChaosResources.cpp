@@ -271,7 +271,7 @@ Outcome runOnSmallFileSystem(
     const std::string path = context.directory + "/fs";
     if (!mountSmallFileSystem(path))
         return {Verdict::Skipped, "cannot mount a file system in a private namespace"};
-    const Outcome outcome =
+    Outcome outcome =
         runWithoutDirectory(context, path, [&](bool isBroken) { setBroken(path, isBroken); });
     ::umount2(path.c_str(), MNT_DETACH);
     return outcome;

@@ -45,15 +45,13 @@ Result failToJoin(const std::string& what)
     return {what, "all receivers join", "they did not within 10 s", false};
 }
 
-std::string toText(std::uint64_t number)
+/// Median over receivers, in microseconds.
+double getMedianAge(Fleet& fleet, const std::vector<std::size_t>& receivers, std::size_t phase)
 {
-    return std::to_string(number);
-}
-
-/// Frames that never arrived, those at the very end included.
-std::uint64_t countMissing(Fleet& fleet, std::size_t receiver)
-{
-    return fleet[SenderSlot].countFrames() - fleet[receiver].countFrames();
+    std::vector<double> ages;
+    for (const std::size_t index : receivers)
+        ages.push_back(toMs(fleet[index].phases[phase].times.getQuantile(0.5)) * 1e3);
+    return getMedian(ages);
 }
 
 Result runLoss(const PauseProbe& probe, const Plan& plan, int number)
@@ -69,28 +67,25 @@ Result runLoss(const PauseProbe& probe, const Plan& plan, int number)
         return failToJoin(what);
     fleet.waitExit(SenderSlot, (plan.runSeconds + 10) * 1'000);
 
-    Table table(
-        {"receiver", "sent", "received", "lost", "bursts", "pause ms", "age p50 us", "age p99 us",
-         "unexplained"});
+    const std::uint64_t sent = fleet[SenderSlot].countFrames();
     std::uint64_t missing = 0;
     std::uint64_t unexplained = 0;
+    std::printf("  receiver   sent  received  lost  unexplained  pause ms  age p50 us  p99 us\n");
     for (const std::size_t index : receivers)
     {
         const Slot& slot = fleet[index];
-        const LossSummary losses = summariseLosses(fleet, {index}, probe, start);
-        const std::uint64_t lost = countMissing(fleet, index);
+        LossSummary losses = summariseLosses(fleet, {index}, probe, start);
+        // Those at the very end, which no later frame gives away, count too.
+        const std::uint64_t lost = sent - losses.received;
+        losses.unexplained += lost - losses.lost;
         missing += lost;
-        unexplained += losses.unexplained + (lost - slot.countLost());
-        table.addRow(
-            {toText(index), toText(fleet[SenderSlot].countFrames()), toText(slot.countFrames()),
-             toText(lost), toText(slot.numBursts), format("%.1f", losses.largestPauseMs),
-             format("%.0f", toMs(slot.phases[0].times.getQuantile(0.5)) * 1e3),
-             format("%.0f", toMs(slot.phases[0].times.getQuantile(0.99)) * 1e3),
-             toText(losses.unexplained)});
+        unexplained += losses.unexplained;
+        std::printf(
+            "  %8zu %6lu %9lu %5lu %12lu %9.1f %11.0f %7.0f\n", index, sent, losses.received, lost,
+            losses.unexplained, losses.largestPauseMs, getMedianAge(fleet, {index}, 0),
+            toMs(slot.phases[0].times.getQuantile(0.99)) * 1e3);
     }
-    table.print();
     std::printf("\n");
-    const std::uint64_t sent = fleet[SenderSlot].countFrames();
     const double pause = toMs(probe.getLargest(start, miscUtils::getMonotonicSysclockTime()));
     return {
         what, "none lost without a pause of the machine of >= 10 ms",
@@ -145,32 +140,21 @@ Result runRestarts(const Plan& plan)
 constexpr const char* PhaseNames[NumPhases] = {"before", "stopped", "resumed"};
 
 /// One row: all receivers but the stopped one in one phase.
-std::string describePhase(Fleet& fleet, const std::vector<std::size_t>& others, std::size_t phase)
+void printPhase(Fleet& fleet, const std::vector<std::size_t>& others, std::size_t phase)
 {
     std::uint64_t frames = 0;
     std::uint64_t lost = 0;
-    double p50 = 0;
     for (const std::size_t index : others)
     {
-        const PhaseCounters& counters = fleet[index].phases[phase];
-        frames += counters.frames;
-        lost += counters.lost;
-        p50 += toMs(counters.times.getQuantile(0.5)) * 1e3 / static_cast<double>(others.size());
+        frames += fleet[index].phases[phase].frames;
+        lost += fleet[index].phases[phase].lost;
     }
     const PhaseCounters& sends = fleet[SenderSlot].phases[phase];
-    return format(
-        "%-8s others: %lu received, %lu lost, age p50 %.0f us; sender: %lu sent, send p50 %.0f "
-        "us, p99 %.0f us",
-        PhaseNames[phase], frames, lost, p50, sends.frames.load(),
+    std::printf(
+        "  %-8s others: %lu received, %lu lost, age p50 %.0f us; sender: %lu sent, a send takes "
+        "p50 %.0f us, p99 %.0f us\n",
+        PhaseNames[phase], frames, lost, getMedianAge(fleet, others, phase), sends.frames.load(),
         toMs(sends.times.getQuantile(0.5)) * 1e3, toMs(sends.times.getQuantile(0.99)) * 1e3);
-}
-
-double getMedianAge(Fleet& fleet, const std::vector<std::size_t>& receivers, std::size_t phase)
-{
-    std::vector<double> ages;
-    for (const std::size_t index : receivers)
-        ages.push_back(toMs(fleet[index].phases[phase].times.getQuantile(0.5)));
-    return getMedian(ages);
 }
 
 std::vector<Result> runStop(const PauseProbe& probe, const Plan& plan)
@@ -202,7 +186,7 @@ std::vector<Result> runStop(const PauseProbe& probe, const Plan& plan)
     letPass(plan.stopSeconds * 500);
 
     for (std::size_t phase = 0; phase < NumPhases; ++phase)
-        std::printf("  %s\n", describePhase(fleet, others, phase).c_str());
+        printPhase(fleet, others, phase);
     std::printf("\n");
     const LossSummary losses = summariseLosses(fleet, others, probe, start);
     const double ratio = getMedianAge(fleet, others, 1) / getMedianAge(fleet, others, 0);

@@ -24,7 +24,7 @@ struct Run
 
 constexpr Run Runs[] = {
     {"endurance", "[--quick]", runEndurance},
-    {"chaos", "[MINUTES] [--only TEXT] [--exactly NAME] [--seed NUMBER] [--lenient]", runChaos},
+    {"chaos", "[MINUTES] [--only TEXT] [--seed NUMBER] [--lenient]", runChaos},
     {"soak", "[MINUTES] [--svg FILE]", runSoak},
 };
 
