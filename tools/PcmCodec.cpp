@@ -57,7 +57,8 @@ struct Layout
 
     void store(Value value, unsigned char* bytes) const
     {
-        const std::uint64_t bits = (std::bit_cast<Bits<Value>>(value) >> shift) ^ flip;
+        const std::uint64_t bits =
+            (std::uint64_t{std::bit_cast<Bits<Value>>(value)} >> shift) ^ flip;
         for (std::size_t i = 0; i < size; ++i)
             bytes[bigEndian ? size - 1 - i : i] = static_cast<unsigned char>(bits >> (8 * i));
     }

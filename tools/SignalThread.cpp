@@ -1,11 +1,8 @@
 #include "SignalThread.hpp"
 
-#include <atomic>
-#include <cerrno>
 #include <csignal>
-#include <system_error>
 
-#include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include "ExitCodes.hpp"
@@ -17,51 +14,25 @@ namespace vlx::tool
 namespace
 {
 
-constexpr int StopSignals[] = {SIGINT, SIGTERM, SIGHUP};
-constexpr char EndOfThread = 0;
-
-// What the handler needs; a handler may use nothing that locks.
-std::atomic<int> handlerPipeFD = -1;
-std::atomic<bool> stopIsUnderWay = false;
-static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
+constexpr int EndOfThreadSignal = SIGURG; // sent to the thread alone; ignored by default
 
 sigset_t makeStopSet()
 {
     sigset_t set;
     ::sigemptyset(&set);
-    for (const int signalNumber : StopSignals)
-        ::sigaddset(&set, signalNumber);
+    ::sigaddset(&set, SIGINT);
+    ::sigaddset(&set, SIGTERM);
+    ::sigaddset(&set, SIGHUP);
     return set;
 }
 
-extern "C" void handleStopSignal(int signalNumber)
+bool isIgnored(int signalNumber)
 {
-    const int savedErrno = errno;
-    if (stopIsUnderWay.exchange(true) && signalNumber == SIGINT)
-        ::_exit(toExitCode(signalNumber));
-
-    const char number = static_cast<char>(signalNumber);
-    // A full pipe holds a request already.
-    [[maybe_unused]] const ssize_t written = ::write(handlerPipeFD, &number, 1);
-    errno = savedErrno;
-}
-
-void installHandler(int signalNumber)
-{
-    struct sigaction current
-    {
-    };
-    ::sigaction(signalNumber, nullptr, &current);
-    if (signalNumber == SIGHUP && current.sa_handler == SIG_IGN)
-        return;
-
     struct sigaction action
     {
     };
-    action.sa_handler = handleStopSignal;
-    action.sa_flags = SA_RESTART;
-    action.sa_mask = makeStopSet();
-    ::sigaction(signalNumber, &action, nullptr);
+    ::sigaction(signalNumber, nullptr, &action);
+    return action.sa_handler == SIG_IGN;
 }
 
 } // unnamed namespace
@@ -70,46 +41,37 @@ void blockStopSignals()
 {
     const sigset_t set = makeStopSet();
     ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    // Shells start background jobs with SIGINT ignored, and an ignored signal is never waited for.
+    ::signal(SIGINT, SIG_DFL);
+    ::signal(SIGTERM, SIG_DFL);
     ::signal(SIGPIPE, SIG_IGN);
     ::signal(SIGXFSZ, SIG_IGN);
 }
 
-SignalThread::SignalThread(StopSignal& stop) : m_stop(stop)
-{
-    if (::pipe2(m_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
-        throw std::system_error(errno, std::generic_category(), "pipe2");
-    // The reading end waits; only the handler must never do that.
-    ::fcntl(m_pipe[0], F_SETFL, 0);
-
-    handlerPipeFD = m_pipe[1];
-    for (const int signalNumber : StopSignals)
-        installHandler(signalNumber);
-    m_thread = std::thread([this] { loop(); });
-}
+SignalThread::SignalThread(StopSignal& stop) : m_stop(stop), m_thread([this] { loop(); }) {}
 
 SignalThread::~SignalThread()
 {
-    [[maybe_unused]] const ssize_t written = ::write(m_pipe[1], &EndOfThread, 1);
+    m_keepRunning = false;
+    ::pthread_kill(m_thread.native_handle(), EndOfThreadSignal);
     m_thread.join();
-    handlerPipeFD = -1;
-    ::close(m_pipe[0]);
-    ::close(m_pipe[1]);
 }
 
 void SignalThread::loop()
 {
-    const sigset_t set = makeStopSet();
-    ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-    for (;;)
+    sigset_t set = makeStopSet();
+    if (isIgnored(SIGHUP))
+        ::sigdelset(&set, SIGHUP);
+    ::sigaddset(&set, EndOfThreadSignal);
+    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    while (m_keepRunning)
     {
-        char number = EndOfThread;
-        const ssize_t count = ::read(m_pipe[0], &number, 1);
-        if (count == 1 && number == EndOfThread)
-            return;
-        if (count == 1)
-            m_stop.request(number);
-        else if (errno != EINTR)
-            return;
+        int number = 0;
+        if (::sigwait(&set, &number) != 0 || number == EndOfThreadSignal)
+            continue;
+        if (m_stop.isRequested() && number == SIGINT)
+            ::_exit(toExitCode(number));
+        m_stop.request(number);
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -55,6 +56,7 @@ ToolProcess::ToolProcess(std::vector<std::string> arguments, const ToolSettings&
 void ToolProcess::runChild(const std::vector<std::string>& arguments, const ToolSettings& settings)
     const
 {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL); // nothing runs on when a test is aborted
     ::dup2(m_input.get(), STDIN_FILENO);
     ::dup2(m_output.get(), STDOUT_FILENO);
     ::dup2(m_errors.get(), STDERR_FILENO);
