@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <string>
 #include <thread>
@@ -651,10 +652,18 @@ TEST_F(SenderTest, FailedPollEndsTheListenerThread)
 TEST_F(SenderTest, WakeupEndsTheListenerThreadAndTheStream)
 {
     startStream();
+    RawSidechannelClient client(getSocketName());
+    ASSERT_TRUE(client.readMessage() && client.readMessage());
+    ASSERT_TRUE(waitForClients(1));
     ASSERT_EQ(::write(Access::listenerWakeupPipe(m_sender)[1], "xyz", 3), 3);
     ASSERT_TRUE(waitFor([&] { return !Access::isListenerThreadRunning(m_sender); }));
     EXPECT_TRUE(log().contains(traceLog("Listener thread loop wakeup activity")));
     EXPECT_EQ(countBytesInPipe(Access::listenerWakeupPipe(m_sender)[0]), 0);
+
+    Access::shutdownListener(m_sender);
+    EXPECT_TRUE(client.waitForClose());
+    EXPECT_EQ(Access::getPolledFDs(m_sender).size(), 2U) << "only the connections leave it";
+    EXPECT_EQ(Access::listenerSocketFD(m_sender), -1);
 
     log().clear();
     m_sender.startNewSequence();
@@ -907,6 +916,32 @@ TEST_F(SenderTest, BlockedSendIsFreedByDisabling)
     ASSERT_NO_FATAL_FAILURE(join(receiver, NanomsgProtocol::Pipeline));
     sendFrame(3, {3});
     EXPECT_EQ(receiver.receive(), makeFrame(1, 3, {3})) << "the dropped frames stay dropped";
+
+    m_sender.shutdownSender();
+    EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty())
+        << "the receiver's socket file was there";
+}
+
+TEST_F(SenderTest, BlockedSendKeepsNoNewcomerWaiting)
+{
+    startStream(NanomsgProtocol::Pipeline);
+    RawSidechannelClient client(getSocketName()); // without one nobody is told of a sequence
+    ASSERT_TRUE(waitForClients(1));
+    const std::vector<std::function<void()>> calls = {
+        [this] { m_sender.startNewSequence(); }, [this] { sendFrame(1, {1}); }};
+    for (const std::function<void()>& call : calls)
+    {
+        log().clear();
+        auto blocked = std::async(std::launch::async, call);
+        const ScopeGuard freeBlocked([this] { m_sender.disableSend(true); });
+        ASSERT_TRUE(log().waitFor(traceLog(MatchesRegex(SendingData))));
+        RawSidechannelClient newcomer(getSocketName());
+        EXPECT_TRUE(newcomer.readMessage().has_value());
+        EXPECT_EQ(newcomer.readMessage(), makeSequenceInfo(2));
+        m_sender.disableSend(true);
+        ASSERT_EQ(blocked.wait_for(testing::DefaultDeadline), std::future_status::ready);
+        m_sender.disableSend(false);
+    }
 }
 
 TEST_F(SenderTest, SignalsEndNeitherABlockedSendNorTheListener)
