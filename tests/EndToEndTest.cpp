@@ -419,7 +419,10 @@ TEST_P(EndToEndTransportTest, AFrameCostsOneAllocationAtTheReceiverAndNoneAtTheS
     receiver.addDepayloader(depayloader);
     receiver.setMediaDataCallback(
         [&](TimeValue, TimeValue, const Buffer&)
-        { allocations[numReceived++] = testing::countAllocationsOfThread(); });
+        {
+            allocations[numReceived] = testing::countAllocationsOfThread();
+            ++numReceived; // last: it hands the entry over
+        });
     std::atomic<bool> isReady = false;
     receiver.setReceiverIsReadyCallback([&](Depayloader&, Receiver::StreamClockType)
                                         { isReady = true; });
