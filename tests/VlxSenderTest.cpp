@@ -191,6 +191,8 @@ protected:
             // The listener thread was already waiting for the lock, on its way to poll.
             lock.unlock();
             client.readMessage();
+            if (!Access::getSequenceInfoPacket(m_sender).empty())
+                client.readMessage();
             client.close();
             waitForClients(0);
         }
@@ -931,6 +933,7 @@ TEST_F(SenderTest, BlockedSendKeepsNoNewcomerWaiting)
         [this] { m_sender.startNewSequence(); }, [this] { sendFrame(1, {1}); }};
     for (const std::function<void()>& call : calls)
     {
+        m_sender.disableSend(false);
         log().clear();
         auto blocked = std::async(std::launch::async, call);
         const ScopeGuard freeBlocked([this] { m_sender.disableSend(true); });
@@ -940,7 +943,6 @@ TEST_F(SenderTest, BlockedSendKeepsNoNewcomerWaiting)
         EXPECT_EQ(newcomer.readMessage(), makeSequenceInfo(2));
         m_sender.disableSend(true);
         ASSERT_EQ(blocked.wait_for(testing::DefaultDeadline), std::future_status::ready);
-        m_sender.disableSend(false);
     }
 }
 
