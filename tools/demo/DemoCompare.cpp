@@ -118,21 +118,19 @@ Comparison compareSegment(
     const std::uint64_t fileSample = segment.at("file_sample");
     const TimeValue timestamp = segment.at("timestamp");
     const Run& run = findRun(runs, timestamp);
-    const std::uint64_t sourceSample =
-        run.sample + source.format.toSamples(timestamp - run.timestamp);
     if (fileSample + samples > recording.getNumSamples())
         throw std::runtime_error("the recording is shorter than its report says");
-    if (sourceSample + samples > source.getNumSamples())
-        throw std::runtime_error("frames lie beyond the end of the file that was sent");
 
     const std::size_t sampleBytes = source.format.getBytesPerSample();
     Comparison result{0, 0, timestamp - run.timestamp};
+    const std::uint64_t sentSample = run.sample + source.format.toSamples(result.missedNs);
     for (; result.compared < samples; ++result.compared)
     {
         const auto* const received =
             recording.bytes.data() + (fileSample + result.compared) * sampleBytes;
-        const auto* const sent =
-            source.bytes.data() + (sourceSample + result.compared) * sampleBytes;
+        // A file that is shorter than the demonstration was sent over and over.
+        const std::uint64_t sourceSample = (sentSample + result.compared) % source.getNumSamples();
+        const auto* const sent = source.bytes.data() + sourceSample * sampleBytes;
         if (!std::equal(received, received + sampleBytes, sent))
             ++result.differing;
     }
@@ -226,6 +224,8 @@ bool compareAll(const std::vector<std::string>& arguments)
 
     const std::vector<Run> runs = readRuns({arguments.begin() + 1, separator});
     const Audio source = readAudio(arguments.front(), UINT64_MAX);
+    if (source.getNumSamples() == 0)
+        throw std::runtime_error("the file that was sent is empty");
     printHeader();
     bool same = true;
     for (auto entry = separator + 1; entry != arguments.end(); entry += 3)
