@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -21,7 +22,9 @@ struct StreamFormat
 
     std::size_t getBytesPerSample() const
     {
-        return audioUtils::bytesPerFrame(sampleFormat, channels);
+        const std::size_t size = audioUtils::bytesPerFrame(sampleFormat, channels);
+        assert(size > 0);
+        return size;
     }
 
     /// @return nanoseconds that a number of samples takes, rounded down once, exact for any number
