@@ -76,6 +76,18 @@ protected:
     testing::TestProvider m_provider; // not started
 };
 
+/// From inside a clock's callback: the worker, which ends the connection meanwhile, waits, and holds
+/// no lock. It is given time to do otherwise.
+void expectConnectionIntact(const Receiver& receiver)
+{
+    for (int i = 0; i < 100; ++i)
+    {
+        ASSERT_EQ(receiver.getStreamClockType(), ClockType::SyncedNetClock);
+        ASSERT_EQ(receiver.getState(), Receiver::State::Running);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
 /// A depayloader that takes a sample rate of 48000 at once. For any other it waits until the
 /// receiver's clock is synchronised, and then rejects it.
 class PickyDepayloader : public Depayloader
@@ -91,9 +103,7 @@ public:
         if (codecHeader[0] == 0x80)
             return true;
         EXPECT_TRUE(waitFor([this] { return m_receiver.getCurrentStreamTime() != 0; }));
-        // Its callback follows at once, or has come already.
-        std::this_thread::yield();
-        return false;
+        return false; // the clock's callback comes at this moment
     }
 
 private:
@@ -132,7 +142,8 @@ TEST_F(ReceiverClockTest, ClocksFollowTheInitialInfo)
         EXPECT_EQ(receiver.get().getCurrentStreamTime(), 0U);
         ASSERT_TRUE(receiver.start(getSocketName()));
         ASSERT_TRUE(sender.serve());
-        ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, 1)));
+        ASSERT_TRUE(receiver.waitForEvent("sequence"));
+        ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, 1))); // after a report, if there is one
         ASSERT_TRUE(receiver.waitForEvent("frame"));
 
         EXPECT_EQ(receiver.get().getStreamClockType(), row.clock);
@@ -251,7 +262,7 @@ TEST_F(ReceiverClockTest, AStopWaitsForTheClocksCallback)
             entered.set_value();
             // The worker is about to stop the clock, or waits for that already.
             EXPECT_TRUE(log().waitFor(traceLog("Loop wakup activity; aborting wait for input")));
-            EXPECT_EQ(receiver.get().getStreamClockType(), ClockType::SyncedNetClock);
+            expectConnectionIntact(receiver.get());
             isDone = true;
         });
     ASSERT_TRUE(receiver.start(getSocketName()));
@@ -277,7 +288,7 @@ TEST_F(ReceiverClockTest, ALossWaitsForTheClocksCallback)
                 return;
             sender->getSidechannel().close();
             EXPECT_TRUE(log().waitFor(debugLog(StartsWith("Connection gone because of shutdown"))));
-            EXPECT_EQ(receiver.get().getStreamClockType(), ClockType::SyncedNetClock);
+            expectConnectionIntact(receiver.get());
         });
     ASSERT_TRUE(receiver.start(getSocketName()));
     ASSERT_TRUE(sender->serve(1));

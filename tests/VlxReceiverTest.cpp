@@ -105,6 +105,14 @@ private:
 class ReceiverTest : public testing::VlxTest
 {
 protected:
+    /// Starts a receiver and has it join a sender, which announces sequence 1.
+    ::testing::AssertionResult join(RecordedReceiver& receiver, RawSender& sender) const
+    {
+        if (!receiver.start(getSocketName()) || !sender.serve())
+            return ::testing::AssertionFailure() << "not joined";
+        return receiver.waitForEvent("ready");
+    }
+
     bool hasLoggedProblems() const
     {
         return log().count(log4cplus::ERROR_LOG_LEVEL) + log().count(log4cplus::WARN_LOG_LEVEL) > 0;
@@ -295,9 +303,7 @@ TEST_F(ReceiverTest, AllDescriptorsStayWithThisProgram)
                     Access::loopWakeupPipe(receiver.get())[1],
                     Access::sideChannelSocketFD(receiver.get())};
         });
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    ASSERT_TRUE(sender.serve());
-    ASSERT_TRUE(receiver.waitForEvent("ready"));
+    ASSERT_TRUE(join(receiver, sender));
     descriptors.push_back(Access::getInotifyFD(receiver.get()));
     for (const int fd : descriptors)
         EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC) << fd;
@@ -569,6 +575,7 @@ TEST_F(ReceiverTest, GivesUpWithoutAMainChannel)
         }
         EXPECT_THAT(receiver.getEvents(), ElementsAre("connecting", "idle", "failed"));
         EXPECT_EQ(receiver.get().getState(), State::Idle);
+        receiver.stop();
         EXPECT_TRUE(log().containsInOrder(
             {errorLog(std::string("Could not connect the nanomsg SP socket: ") + row.error),
              debugLog(StartsWith("Closing sidechannel")),
@@ -576,7 +583,6 @@ TEST_F(ReceiverTest, GivesUpWithoutAMainChannel)
              debugLog("Receiver thread stopped")}));
         EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), 1U);
 
-        receiver.stop();
         RawSender good(getSocketName(), NanomsgProtocol::PubSub);
         ASSERT_TRUE(receiver.start(getSocketName()));
         EXPECT_TRUE(good.serve());
@@ -599,9 +605,7 @@ TEST_F(ReceiverTest, GivesUpWithoutASidechannelSocket)
             if (event == "failed")
                 shortage.reset();
         });
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    ASSERT_TRUE(sender.serve());
-    ASSERT_TRUE(receiver.waitForEvent("ready"));
+    ASSERT_TRUE(join(receiver, sender));
     sender.getSidechannel().close();
     ASSERT_TRUE(receiver.waitForEvent("failed"));
     EXPECT_EQ(receiver.get().getState(), State::Idle);
@@ -615,12 +619,8 @@ TEST_F(ReceiverTest, OnlySocketFilesGetAMode)
     RecordedReceiver receiver;
     {
         RawSender sender(getSocketName(), NanomsgProtocol::Pipeline);
-        ASSERT_TRUE(receiver.start(getSocketName()));
-        ASSERT_TRUE(sender.serve());
-        ASSERT_TRUE(receiver.waitForEvent("ready"));
-        struct stat status
-        {
-        };
+        ASSERT_TRUE(join(receiver, sender));
+        struct stat status = {};
         ASSERT_EQ(::stat((getTempDirectory() + "/raw.ipc").c_str(), &status), 0);
         EXPECT_EQ(status.st_mode & 07777U, 0622U);
         EXPECT_EQ(log().count(log4cplus::INFO_LOG_LEVEL), 1U);
@@ -952,9 +952,7 @@ TEST_P(ReceiverTransportTest, AWakeupGoesBeforeWaitingData)
             EXPECT_EQ(::write(Access::loopWakeupPipe(receiver.get())[1], "1", 1), 1);
             log().clear();
         });
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    ASSERT_TRUE(sender->serve());
-    ASSERT_TRUE(receiver.waitForEvent("ready"));
+    ASSERT_TRUE(join(receiver, *sender));
     ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(1, 1)));
     EXPECT_TRUE(receiver.waitForEvent("idle"));
     EXPECT_EQ(receiver.count("frame"), 1U);
@@ -978,9 +976,7 @@ TEST_P(ReceiverTransportTest, WhatIsInTheMainChannelIsPlayedAfterTheSidechannelH
             if (event.starts_with("frame") && timestamp < NumFrames)
                 sendNextFrame(*sender, receiver.get(), ++timestamp);
         });
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    ASSERT_TRUE(sender->serve());
-    ASSERT_TRUE(receiver.waitForEvent("ready"));
+    ASSERT_TRUE(join(receiver, *sender));
     ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(1, 1)));
     EXPECT_TRUE(receiver.waitForEvent("connecting", 2));
     EXPECT_EQ(receiver.count("frame"), NumFrames);
@@ -1177,7 +1173,7 @@ TEST_F(ReceiverTest, WithoutTheDirectoryItConnectsAllTheSame)
 
     RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
     EXPECT_TRUE(sender.greet() && sender.joinMainChannel());
-    EXPECT_EQ(receiver.getState(), State::Running);
+    EXPECT_TRUE(waitFor([&] { return receiver.getState() == State::Running; }));
     // Nothing wakes the monitor here: it must end by itself.
     receiver.shutdownReceiver();
     EXPECT_FALSE(log().contains(debugLog(StartsWith("Opened "))));
