@@ -29,6 +29,10 @@ using fuzz::Event;
 
 constexpr std::size_t MaxPassesAtOnce = 64;
 
+// What stands behind them in an input is not played: many short inputs find more than a long one.
+constexpr int MaxSteps = 48;
+constexpr int MaxConnections = 4;
+
 /// @return the lowest descriptor that is free: higher than before means that one was left open
 int findFreeDescriptor()
 {
@@ -120,8 +124,11 @@ void Harness::recordFrame(TimeValue timestamp, TimeValue duration, const Buffer&
 void Harness::play(fuzz::InputReader input)
 {
     const int freeBefore = findFreeDescriptor();
-    while (!input.isEmpty())
+    int numConnections = 0;
+    for (int i = 0; i < MaxSteps && !input.isEmpty(); ++i)
     {
+        if (!m_isRunning && ++numConnections > MaxConnections)
+            break;
         if (!m_isRunning)
             connect(input);
         step(input);
