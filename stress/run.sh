@@ -31,5 +31,5 @@ run_stress()
     fi
     cmake --build "$build" --target vlx_stress
     echo
-    "$build/tests/stress/vlx_stress" "$name" "${arguments[@]}"
+    "$build/stress/vlx_stress" "$name" "${arguments[@]}"
 }
