@@ -37,8 +37,9 @@ constexpr int MaxConnections = 4;
 int findFreeDescriptor()
 {
     const int fd = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+    const int number = fd; // all that counts
     ::close(fd);
-    return fd;
+    return number;
 }
 
 class Harness
@@ -249,7 +250,7 @@ Buffer Harness::makePacket(std::uint8_t kind, fuzz::InputReader& input)
 
     if (kind >= 14)
         packet.resize(std::min<std::size_t>(packet.size(), input.take()));
-    else if (kind >= 12 && !packet.empty())
+    else if (kind >= 12)
         packet[input.take() % packet.size()] = input.take();
     else if (kind >= 10)
         packet[0] = input.take();
