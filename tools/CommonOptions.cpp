@@ -49,10 +49,15 @@ audioUtils::PcmFormat readFormat(const std::string& text)
 
 void addCommonOptions(CLI::App& command, CommonOptions& options)
 {
-    command.add_flag(
-        "-v,--verbose", options.verbosity,
-        "Print the library's log: once for INFO, twice DEBUG, three times TRACE");
-    command.add_flag("-q,--quiet", options.quiet, "Print nothing but errors");
+    // Without "=VALUE": a number that is too large for it would leave the parser as an exception that
+    // is none of its own.
+    command
+        .add_flag(
+            "-v,--verbose", options.verbosity,
+            "Print the library's log: once for INFO, twice DEBUG, three times TRACE")
+        ->disable_flag_override();
+    command.add_flag("-q,--quiet", options.quiet, "Print nothing but errors")
+        ->disable_flag_override();
     ColorUse& color = options.color;
     addChoiceOption(
         command, "--color",

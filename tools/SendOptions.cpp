@@ -1,5 +1,7 @@
 #include "SendOptions.hpp"
 
+#include <cmath>
+
 #include <CLI/CLI.hpp>
 
 namespace vlx::tool
@@ -7,6 +9,12 @@ namespace vlx::tool
 
 namespace
 {
+
+// Comparisons with it are all false, so that no range keeps it out.
+std::string checkIsNumber(const std::string& text)
+{
+    return std::isnan(std::stod(text)) ? "not a number: " + text : std::string();
+}
 
 void addInputOptions(CLI::App& command, SendOptions& options)
 {
@@ -20,7 +28,8 @@ void addInputOptions(CLI::App& command, SendOptions& options)
     command
         .add_option("--tone", options.toneHz, "Send a sine of this frequency instead of an input")
         ->type_name("HZ")
-        ->check(CLI::Range(0.0, 1e9).description(""));
+        ->check(CLI::Range(0.0, 1e9).description(""))
+        ->check(checkIsNumber);
     command.add_flag("--loop", options.loop, "Start again at the end of the input");
     addDurationOption(command, "-d,--duration", options.duration, "Send this much audio at most");
 }
