@@ -1101,11 +1101,20 @@ TEST_F(ReceiverTest, SaysWhyTheSidechannelCannotBeRead)
 
 // Sender-presence monitor
 
+namespace
+{
+
+void createFile(const fs::path& path)
+{
+    const std::ofstream file(path);
+}
+
+} // namespace
+
 TEST_F(ReceiverTest, DirectoriesOfSendersAreSeenAtTheStart)
 {
     const fs::path directory = getTempDirectory();
     const auto makeDirectory = [](const fs::path& path) { fs::create_directory(path); };
-    const auto makeFile = [](const fs::path& path) { std::ofstream{path}; };
     const auto makeLink = [](const fs::path& path) { fs::create_symlink("/", path); };
     const auto makeBrokenLink = [](const fs::path& path) { fs::create_symlink("no", path); };
     const struct
@@ -1115,7 +1124,7 @@ TEST_F(ReceiverTest, DirectoriesOfSendersAreSeenAtTheStart)
         bool isSeen;
     } rows[] = {
         {"VlxSender-abcdef", makeDirectory, true},   {"VlxSender-", makeDirectory, true},
-        {"VlxSender-file", makeFile, false},         {"VlxSender-link", makeLink, true},
+        {"VlxSender-file", createFile, false},       {"VlxSender-link", makeLink, true},
         {"VlxSender-broken", makeBrokenLink, false}, {"xVlxSender-abcdef", makeDirectory, false},
         {"VlxSender", makeDirectory, false},
     };
@@ -1145,7 +1154,7 @@ TEST_F(ReceiverTest, StartingSendersAreNoticedWhileItRuns)
         ASSERT_TRUE(receiver.start(getSocketName()));
         for (const std::string& entry : Strings{".bell-VlxSender-1", "VlxSender-abcdef"})
         {
-            std::ofstream{directory / "vlxsender-VlxSender"};
+            createFile(directory / "vlxsender-VlxSender");
             fs::remove(directory / "vlxsender-VlxSender");
             const LogExpectation noticed =
                 debugLog("Sender " + entry + " initializing, signaling condition variable");
@@ -1153,7 +1162,7 @@ TEST_F(ReceiverTest, StartingSendersAreNoticedWhileItRuns)
             EXPECT_TRUE(waitFor(
                 [&]
                 {
-                    std::ofstream{directory / entry};
+                    createFile(directory / entry);
                     fs::remove(directory / entry);
                     return log().contains(noticed);
                 }));

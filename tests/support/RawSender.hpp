@@ -52,9 +52,9 @@ struct RawClockInfo
 class RawSender
 {
 public:
-    RawSender(std::string socketName, NanomsgProtocol protocol, RawClockInfo clock = {})
+    RawSender(const std::string& socketName, NanomsgProtocol protocol, RawClockInfo clock = {})
         : RawSender(
-              std::move(socketName),
+              socketName,
               protocol,
               std::move(clock),
               std::string("ipc://") + std::getenv("TMPDIR") + "/raw.ipc")
