@@ -61,7 +61,11 @@ public:
     {
     }
 
-    RawSender(std::string socketName, NanomsgProtocol protocol, RawClockInfo clock, std::string uri)
+    RawSender(
+        const std::string& socketName,
+        NanomsgProtocol protocol,
+        RawClockInfo clock,
+        std::string uri)
         : m_protocol(protocol),
           m_clock(std::move(clock)),
           m_uri(std::move(uri)),
