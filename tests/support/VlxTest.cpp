@@ -1,14 +1,12 @@
 #include "support/VlxTest.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <vlx/VlxReceiver.hpp>
@@ -42,17 +40,8 @@ std::string makeTempDirectory(std::string pattern)
     return ::mkdtemp(pattern.data()) != nullptr ? pattern : std::string();
 }
 
-bool isInternetSocket(int fd)
-{
-    sockaddr_storage address{};
-    socklen_t length = sizeof(address);
-    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-        return false;
-    return address.ss_family == AF_INET || address.ss_family == AF_INET6;
-}
-
-/// @param netClockTolerated  leave out what a network clock keeps open
-std::multiset<std::string> listDescriptors(bool netClockTolerated)
+/// @return what the descriptors of this process point to
+std::multiset<std::string> listDescriptors()
 {
     std::multiset<std::string> targets;
     const fs::path directory = "/proc/self/fd";
@@ -61,9 +50,7 @@ std::multiset<std::string> listDescriptors(bool netClockTolerated)
         std::error_code error;
         const std::string target = fs::read_symlink(entry.path(), error).string();
         const bool isOfIterator = target.find("/proc/") == 0;
-        const bool isOfNetClock = target == "anon_inode:[eventfd]" ||
-                                  isInternetSocket(std::stoi(entry.path().filename().string()));
-        if (!error && !isOfIterator && !(netClockTolerated && isOfNetClock))
+        if (!error && !isOfIterator)
             targets.insert(target);
     }
     return targets;
@@ -81,14 +68,6 @@ std::set<std::string> listThreads()
             threads.insert(entry.path().filename().string() + " " + name);
     }
     return threads;
-}
-
-bool isNetClockThread(const std::string& thread)
-{
-    constexpr std::array<const char*, 4> Names = {" GstNetClient", " gmain", " gdbus", " pool-"};
-    return std::any_of(
-        Names.begin(), Names.end(),
-        [&thread](const char* name) { return thread.find(name) != std::string::npos; });
 }
 
 } // namespace
@@ -169,7 +148,7 @@ void VlxTest::SetUp()
     ASSERT_FALSE(m_tempDirectory.empty()) << "no directory " << pattern;
     ::setenv("TMPDIR", m_tempDirectory.c_str(), 1);
 
-    m_descriptorsBefore = listDescriptors(false);
+    m_descriptorsBefore = listDescriptors();
     m_threadsBefore = listThreads();
 }
 
@@ -205,7 +184,7 @@ std::vector<std::string> VlxTest::listTempDirectory() const
 
 VlxTest::Descriptors VlxTest::findLeftDescriptors() const
 {
-    const Descriptors now = listDescriptors(m_netClockTolerated);
+    const Descriptors now = listDescriptors();
     Descriptors left;
     std::set_difference(
         now.begin(), now.end(), m_descriptorsBefore.begin(), m_descriptorsBefore.end(),
@@ -218,7 +197,7 @@ std::set<std::string> VlxTest::findLeftThreads() const
     std::set<std::string> left;
     for (const std::string& thread : listThreads())
     {
-        if (!m_threadsBefore.contains(thread) && !(m_netClockTolerated && isNetClockThread(thread)))
+        if (!m_threadsBefore.contains(thread))
             left.insert(thread);
     }
     return left;

@@ -101,13 +101,6 @@ protected:
     /// @return names of what is in the private directory
     std::vector<std::string> listTempDirectory() const;
 
-    /// The threads and descriptors of GStreamer stay for a minute after the last use of a network
-    /// clock: for tests that use one.
-    void tolerateNetClock()
-    {
-        m_netClockTolerated = true;
-    }
-
     static LogCapture& log()
     {
         return LogCapture::get();
@@ -122,7 +115,6 @@ private:
     std::string m_tempDirectory;
     std::string m_socketName;
     std::optional<std::string> m_outerTempDirectory; // value of TMPDIR before
-    bool m_netClockTolerated = false;
     Descriptors m_descriptorsBefore;
     std::set<std::string> m_threadsBefore;
 };
