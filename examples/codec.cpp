@@ -1,5 +1,4 @@
-// A codec of one's own: captions, each with a check byte on the way. One process plays both ends
-// and succeeds when a caption has arrived.
+// A codec of one's own: captions with a check byte. Plays both ends; succeeds when one has arrived.
 //
 //   codec [NAME]
 
