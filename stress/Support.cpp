@@ -161,9 +161,18 @@ TimeValue PauseProbe::getLargest(TimeValue from, TimeValue until) const
     return largest;
 }
 
+namespace
+{
+
+// Eight buckets to an octave; what is below the smallest value counts as it.
+constexpr TimeValue SmallestValueNs = 8;
+constexpr std::size_t FirstBucket = 24;
+
+} // namespace
+
 void Histogram::add(TimeValue nanoseconds)
 {
-    const TimeValue value = std::max<TimeValue>(nanoseconds, 8);
+    const TimeValue value = std::max(nanoseconds, SmallestValueNs);
     const auto octave = static_cast<std::size_t>(std::bit_width(value) - 1);
     const std::size_t step = static_cast<std::size_t>(value >> (octave - 3)) & 7U;
     m_counts[octave * 8 + step].fetch_add(1, std::memory_order_relaxed);
@@ -177,7 +186,7 @@ TimeValue Histogram::getQuantile(double share) const
 
     const double wanted = share * static_cast<double>(total);
     std::uint64_t sum = 0;
-    for (std::size_t i = 0; i < m_counts.size(); ++i)
+    for (std::size_t i = FirstBucket; i < m_counts.size(); ++i)
     {
         sum += m_counts[i].load(std::memory_order_relaxed);
         if (sum > 0 && static_cast<double>(sum) >= wanted)
