@@ -44,8 +44,8 @@ void measurePacing(Campaign& campaign, const Path& path, const SessionPlan& plan
 bool run(Campaign& campaign)
 {
     const auto paths = campaign.selectPaths(
-        {OursId, RawNanomsgId, "nanomsg-polls", "nanomsg", ZmqId, "zmq-tuned", NngId, "nng-tuned",
-         "unix", "gst-shm"});
+        {OursId, RawNanomsgId, PollsId, "nanomsg", ZmqId, "zmq-tuned", NngId, "nng-tuned", "unix",
+         "gst-shm"});
     SessionPlan plan = makePlan(campaign.getOptions().quick);
     const unsigned rounds = campaign.getOptions().rounds;
     campaign.begin(

@@ -20,8 +20,8 @@ SessionPlan makePlan(bool quick)
 {
     SessionPlan plan;
     plan.rateHz = RateHz;
-    plan.frames = quick ? 20 : 150;
-    plan.warmUpFrames = quick ? 3 : 15;
+    plan.frames = quick ? 20 : 100;
+    plan.warmUpFrames = quick ? 3 : 10;
     plan.takeMemory = true;
     return plan;
 }

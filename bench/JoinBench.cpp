@@ -23,6 +23,9 @@ namespace
 {
 
 constexpr std::uint64_t StepTimeoutMs = 10'000;
+// A receiver without a frame by then never gets one: it has missed the announcement of the sequence.
+constexpr std::uint64_t NeverMs = 3000;
+constexpr int SetUpAttempts = 3;
 // After a sender's end a receiver needs 50 ms of silence, and is somewhere in its 400 ms retry.
 constexpr std::uint64_t SilenceMs = 150;
 constexpr std::uint64_t RetryMs = 400;
@@ -47,9 +50,19 @@ constexpr Scenario Scenarios[] = {
     {"join", std::nullopt, Company::Peers, false},
     {"join, busy core", std::nullopt, Company::BellAndSilent, true},
     {"rejoin, gap 0", 0, Company::Peers, false},
-    {"rejoin, gap 100 ms", 100, Company::Peers, false},
+    {"rejoin, gap 100 ms", 100, Company::BellAndSilent, false},
     {"rejoin, gap 1000 ms", 1000, Company::BellOnly, false},
 };
+
+// How the sender helps a waiting receiver.
+std::string describeBell(const Path& path)
+{
+    if (path.id != OursId)
+        return "-";
+    if (path.variant == "bell")
+        return "yes";
+    return path.variant == "bell-again" ? "yes, announced twice" : "no";
+}
 
 // One row of the table: a path, with or without the bell, in one scenario.
 class Case
@@ -65,13 +78,12 @@ public:
         std::filesystem::create_directory(m_directory);
     }
 
-    // One repetition.
+    // One repetition. Nothing if the processes do not work; a receiver that never gets a frame is
+    // a result.
     std::optional<Record> measure(std::mt19937& random)
     {
-        if (!m_receiver)
-            m_receiver.emplace(startEndpoint("receive", m_path, m_directory, m_name, m_plan));
         auto record = m_scenario.gapMs ? measureRejoin(*m_scenario.gapMs) : measureJoin(random);
-        if (!record)
+        if (!record || record->contains("never"))
             m_receiver.reset(); // the next repetition begins with a new one
         m_senderEndNs = nowNs();
         return record;
@@ -101,7 +113,7 @@ private:
     std::optional<std::uint64_t> waitForFirstFrame()
     {
         const std::string prefix = std::to_string(m_epoch) + " ";
-        while (const auto line = m_receiver->expect("first", StepTimeoutMs))
+        while (const auto line = m_receiver->expect("first", NeverMs))
         {
             if (line->starts_with(prefix))
                 return std::stoull(line->substr(prefix.size()));
@@ -109,14 +121,26 @@ private:
         return std::nullopt;
     }
 
-    Record makeRecord() const
+    // @param calledNs  when the stream was opened
+    Record makeRecord(std::uint64_t calledNs, std::optional<std::uint64_t> firstNs) const
     {
-        const std::string bell = m_path.variant == "bell" ? "yes" : "no";
-        return {
+        const std::string bell = describeBell(m_path);
+        Record record = {
             {"case", m_scenario.text},
             {"path", m_path.id},
-            {"bell", m_path.id == OursId ? bell : "-"},
+            {"bell", bell},
             {"row", m_path.id + " " + bell}};
+        if (firstNs)
+            record["open_ms"] = toMs(calledNs, *firstNs);
+        else
+            record["never"] = true;
+        return record;
+    }
+
+    void startReceiver()
+    {
+        m_receiver.emplace(startEndpoint("receive", m_path, m_directory, m_name, m_plan));
+        m_receiver->expect("ready", StepTimeoutMs);
     }
 
     static double toMs(std::uint64_t fromNs, std::uint64_t toNs)
@@ -127,40 +151,54 @@ private:
     // The receiver is known to wait: it has lost the last sender, and its retry is anywhere.
     std::optional<Record> measureJoin(std::mt19937& random)
     {
+        if (!m_receiver)
+            startReceiver();
         Child sender = prepareSender(m_path);
         const std::uint64_t waitMs =
             std::uniform_int_distribution<std::uint64_t>(0, RetryMs)(random);
         const std::uint64_t waitingNs = m_senderEndNs + SilenceMs * NsPerMs;
         sleepUntilNs(std::max(waitingNs, nowNs()) + waitMs * NsPerMs);
         const auto calledNs = openStream(sender);
-        const auto firstNs = calledNs ? waitForFirstFrame() : std::nullopt;
-        if (!firstNs)
+        if (!calledNs)
             return std::nullopt;
-        Record record = makeRecord();
-        record["open_ms"] = toMs(*calledNs, *firstNs);
-        return record;
+        return makeRecord(*calledNs, waitForFirstFrame());
+    }
+
+    // A sender with a receiver that gets its frames.
+    std::optional<Child> prepareVictim()
+    {
+        Path path = m_path;
+        if (path.id == OursId)
+            path.variant = "bell"; // not measured: as quickly as possible
+        for (int attempt = 0; attempt < SetUpAttempts; attempt++)
+        {
+            if (!m_receiver)
+                startReceiver();
+            Child victim = prepareSender(path);
+            if (openStream(victim) && waitForFirstFrame())
+                return victim;
+            m_receiver.reset();
+        }
+        return std::nullopt;
     }
 
     std::optional<Record> measureRejoin(std::uint64_t gapMs)
     {
-        Path first = m_path;
-        if (m_path.id == OursId)
-            first.variant = "bell"; // not measured: as quickly as possible
-        Child victim = prepareSender(first);
-        if (!openStream(victim) || !waitForFirstFrame())
+        std::optional<Child> victim = prepareVictim();
+        if (!victim)
             return std::nullopt;
         Child next = prepareSender(m_path);
         sleepUntilNs(nowNs() + SilenceMs * NsPerMs);
         const std::uint64_t killNs = nowNs();
-        victim.kill();
+        victim->kill();
         sleepUntilNs(killNs + gapMs * NsPerMs);
         const auto calledNs = openStream(next);
-        const auto firstNs = calledNs ? waitForFirstFrame() : std::nullopt;
-        if (!firstNs)
+        if (!calledNs)
             return std::nullopt;
-        Record record = makeRecord();
-        record["kill_ms"] = toMs(killNs, *firstNs);
-        record["open_ms"] = toMs(*calledNs, *firstNs);
+        const auto firstNs = waitForFirstFrame();
+        Record record = makeRecord(*calledNs, firstNs);
+        if (firstNs)
+            record["kill_ms"] = toMs(killNs, *firstNs);
         return record;
     }
 
@@ -183,8 +221,10 @@ std::vector<Path> listPaths(const Campaign& campaign, Company company)
     for (const Path& path : campaign.selectPaths(ids))
     {
         paths.push_back(path);
-        if (path.id == OursId && company != Company::BellOnly)
-            paths.emplace_back(path).variant = "";
+        if (path.id != OursId || company == Company::BellOnly)
+            continue;
+        for (const char* variant : {"bell-again", ""})
+            paths.emplace_back(path).variant = variant;
     }
     return paths;
 }

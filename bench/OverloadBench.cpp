@@ -19,8 +19,8 @@ constexpr std::uint32_t WarmUpFrames = 2000;
 bool run(Campaign& campaign)
 {
     const auto paths = campaign.selectPaths(
-        {OursId, RawNanomsgId, "nanomsg-polls", "nanomsg", ZmqId, "zmq-tuned", NngId, "nng-tuned",
-         "unix", "gst-shm"});
+        {OursId, RawNanomsgId, PollsId, "nanomsg", ZmqId, "zmq-tuned", NngId, "nng-tuned", "unix",
+         "gst-shm"});
     SessionPlan plan;
     const auto& sizes = campaign.getOptions().quick ? QuickSizes : Sizes;
     plan.floodMs = campaign.getOptions().quick ? 200 : 1500;

@@ -232,7 +232,7 @@ void writeJoinPlot(const ReportOptions& options, const RunData& data)
             std::ranges::sort(values);
             std::string title = labelOf(first["path"]);
             if (first["path"] == OursId)
-                title += first["bell"] == "yes" ? ", bell" : ", no bell";
+                title += ", bell: " + first["bell"].get<std::string>();
             if (block++ > 0)
                 file.addGap();
             file.addHeadings(
@@ -240,7 +240,7 @@ void writeJoinPlot(const ReportOptions& options, const RunData& data)
             for (std::size_t i = 0; i < values.size(); i++)
             {
                 const double share =
-                    100 * static_cast<double>(i + 1) / static_cast<double>(values.size());
+                    100 * static_cast<double>(i + 1) / static_cast<double>(rows.getCount());
                 file.addRow(std::to_string(values[i]), {share});
             }
         }

@@ -9,6 +9,7 @@ namespace vlx::bench
 
 const char* const OursId = "vellox";
 const char* const RawNanomsgId = "nanomsg-same";
+const char* const PollsId = "nanomsg-polls";
 const char* const ZmqId = "zmq";
 const char* const NngId = "nng";
 
@@ -19,7 +20,7 @@ const std::vector<Path>& allPaths()
         {RawNanomsgId, "nanomsg, our options", "nanomsg", "same",
          "NN_SNDBUF 1, NN_RCVBUF 1, NN_RCVMAXSIZE -1, NN_DONTWAIT, NN_MSG: the limit of the "
          "design"},
-        {"nanomsg-polls", "nanomsg, our polls", "nanomsg", "polls",
+        {PollsId, "nanomsg, our polls", "nanomsg", "polls",
          "as before, and polls of as many descriptors and with the time-out of ours: what waiting "
          "costs"},
         {"nanomsg", "nanomsg", "nanomsg", "", "default buffers; NN_RCVMAXSIZE -1"},

@@ -18,6 +18,7 @@ struct Path
 
 extern const char* const OursId;
 extern const char* const RawNanomsgId; ///< with our socket options
+extern const char* const PollsId;      ///< the same, and waiting as we do
 extern const char* const ZmqId;
 extern const char* const NngId;
 

@@ -39,6 +39,10 @@ public:
     /// @return the same in ascending order
     std::vector<nlohmann::json> sortedDistinct(const std::string& key) const;
 
+    std::size_t getCount() const
+    {
+        return m_records.size();
+    }
     const std::vector<Record>& getAll() const&
     {
         return m_records;

@@ -1,6 +1,7 @@
 #include "support/Summaries.hpp"
 
 #include <algorithm>
+#include <limits>
 
 #include "support/Catalogue.hpp"
 #include "support/Statistics.hpp"
@@ -140,16 +141,20 @@ Table makeMemoryTable(const RecordSet& records)
 JoinFigures summariseJoins(const RecordSet& records, const std::string& key)
 {
     std::vector<double> values = records.valuesOf(key);
+    const auto late = static_cast<double>(
+        std::ranges::count_if(values, [](double value) { return value > RetryThresholdMs; }));
+    const std::size_t never = records.where("never", true).getCount();
+    values.insert(values.end(), never, std::numeric_limits<double>::infinity());
     std::ranges::sort(values);
+
     JoinFigures figures;
     figures.count = static_cast<double>(values.size());
     figures.p50Ms = percentile(values, 0.50);
     figures.p90Ms = percentile(values, 0.90);
     figures.p99Ms = percentile(values, 0.99);
     figures.maxMs = percentile(values, 1.0);
-    const auto late =
-        std::ranges::count_if(values, [](double value) { return value > RetryThresholdMs; });
-    figures.retryPct = 100 * static_cast<double>(late) / figures.count;
+    figures.retryPct = 100 * late / figures.count;
+    figures.neverPct = 100 * static_cast<double>(never) / figures.count;
     return figures;
 }
 
@@ -157,23 +162,25 @@ Table makeJoinTable(const RecordSet& records)
 {
     Table table(
         {"<case", "<path", "<bell", "n", "<from", "p50 ms", "p90 ms", "p99 ms", "max ms",
-         "> 50 ms %"});
+         "> 100 ms %", "never %"});
     for (const auto& scenario : records.distinct("case"))
     {
-        for (const auto& row : records.where("case", scenario).distinct("row"))
+        const RecordSet members = records.where("case", scenario);
+        for (const auto& row : members.distinct("row"))
         {
-            const RecordSet rows = records.where("case", scenario).where("row", row);
+            const RecordSet rows = members.where("row", row);
             const Record& first = rows.getAll().front();
             for (const auto& [key, text] : {std::pair("kill_ms", "kill"), {"open_ms", "open"}})
             {
-                const JoinFigures figures = summariseJoins(rows, key);
-                if (figures.count == 0)
+                if (rows.valuesOf(key).empty())
                     continue;
+                const JoinFigures figures = summariseJoins(rows, key);
                 table.addRow(
                     {toCell(scenario), labelOf(first["path"]), toCell(first["bell"]),
                      formatNumber(figures.count), text, formatNumber(figures.p50Ms),
                      formatNumber(figures.p90Ms), formatNumber(figures.p99Ms),
-                     formatNumber(figures.maxMs), formatNumber(figures.retryPct)});
+                     formatNumber(figures.maxMs), formatNumber(figures.retryPct),
+                     formatNumber(figures.neverPct)});
             }
         }
     }

@@ -20,9 +20,9 @@ Table makeMicroTable(const RecordSet& records);
 constexpr unsigned ManyObjects = 17;
 
 /// Joins later than this have fallen into the retry.
-constexpr double RetryThresholdMs = 50;
+constexpr double RetryThresholdMs = 100;
 
-/// One row of the join table in figures.
+/// One row of the join table in figures. A repetition without any frame counts as infinitely late.
 struct JoinFigures
 {
     double count = 0;
@@ -30,7 +30,8 @@ struct JoinFigures
     double p90Ms = 0;
     double p99Ms = 0;
     double maxMs = 0;
-    double retryPct = 0; ///< share above RetryThresholdMs
+    double retryPct = 0; ///< share above RetryThresholdMs that got a frame
+    double neverPct = 0; ///< share that got no frame
 };
 
 /// @param key  "open_ms" (from the call that opens the stream) or "kill_ms" (from the kill)

@@ -11,8 +11,10 @@ namespace
 
 std::string format(double value, int decimals)
 {
-    if (!std::isfinite(value))
+    if (std::isnan(value))
         return "-";
+    if (std::isinf(value))
+        return "never";
     char text[64];
     std::snprintf(text, sizeof text, "%.*f", decimals, value);
     return text;

@@ -25,7 +25,7 @@ private:
     std::vector<std::vector<std::string>> m_rows;
 };
 
-/// @return the number with a precision that suits its size; "-" for NaN
+/// @return the number with a precision that suits its size; "-" for NaN, "never" for infinity
 std::string formatNumber(double value);
 
 /// @return the number with two decimals; "-" for NaN

@@ -28,7 +28,8 @@ struct Target
     const char* figure;
     Limit kind;
     double limit;
-    double (*measure)(const RunData& data);
+    const char* reference; // path whose figure stands beside ours; null: there is none
+    double (*measure)(const RunData& data, const char* path);
 };
 
 RecordSet ofPath(const RecordSet& records, const char* path)
@@ -36,14 +37,14 @@ RecordSet ofPath(const RecordSet& records, const char* path)
     return records.where("bytes", TargetBytes).where("path", path);
 }
 
-double ageRatio(const RunData& data, const char* base, const char* key)
+double ageRatio(const RunData& data, const char* path, const char* base, const char* key)
 {
-    return medianRatio(ofPath(data.age, OursId), ofPath(data.age, base), key);
+    return medianRatio(ofPath(data.age, path), ofPath(data.age, base), key);
 }
 
-double overloadRatio(const RunData& data, const char* base, const char* key)
+double overloadRatio(const RunData& data, const char* path, const char* base, const char* key)
 {
-    return medianRatio(ofPath(data.overload, OursId), ofPath(data.overload, base), key);
+    return medianRatio(ofPath(data.overload, path), ofPath(data.overload, base), key);
 }
 
 double worstOf(const RecordSet& records, const char* key)
@@ -53,11 +54,11 @@ double worstOf(const RecordSet& records, const char* key)
 }
 
 // The worst round counts: no loss means none at all.
-double worstLossUpToTarget(const RunData& data)
+double worstLossUpToTarget(const RunData& data, const char* path)
 {
     RecordSet few;
-    const RecordSet ours = data.fanout.where("path", OursId);
-    for (const Record& record : ours.getAll())
+    const RecordSet all = data.fanout.where("path", path);
+    for (const Record& record : all.getAll())
     {
         if (getNumber(record, "receivers") <= TargetReceivers)
             few.add(record);
@@ -65,11 +66,11 @@ double worstLossUpToTarget(const RunData& data)
     return worstOf(few, "lost_pct");
 }
 
-double costOfManyToOne(const RunData& data)
+double costOfManyToOne(const RunData& data, const char* path)
 {
-    const RecordSet ours = data.fanout.where("path", OursId).where("objects", 1);
+    const RecordSet all = data.fanout.where("path", path).where("objects", 1);
     return medianRatio(
-        ours.where("receivers", TargetReceivers), ours.where("receivers", 1),
+        all.where("receivers", TargetReceivers), all.where("receivers", 1),
         "sender_cpu_per_receiver_us");
 }
 
@@ -82,45 +83,46 @@ JoinFigures joinsWithBell(const RunData& data, const char* scenario, const char*
 const std::vector<Target>& allTargets()
 {
     using D = const RunData&;
+    using P = const char*;
     static const std::vector<Target> Targets = {
-        {"age, 1,920 bytes", "p50 of nanomsg, our options", Limit::AtMost, 1.10,
-         [](D d) { return ageRatio(d, RawNanomsgId, "p50_us"); }},
-        {"age, 1,920 bytes", "p99 of nanomsg, our options", Limit::AtMost, 1.25,
-         [](D d) { return ageRatio(d, RawNanomsgId, "p99_us"); }},
-        {"age, 1,920 bytes", "p50 of ZeroMQ", Limit::AtMost, 0.80,
-         [](D d) { return ageRatio(d, ZmqId, "p50_us"); }},
-        {"age, 1,920 bytes", "p50 of nng", Limit::AtMost, 0.80,
-         [](D d) { return ageRatio(d, NngId, "p50_us"); }},
-        {"overload, 1,920 bytes", "p99 of nanomsg, our options", Limit::AtMost, 1.25,
-         [](D d) { return overloadRatio(d, RawNanomsgId, "p99_us"); }},
-        {"overload, 1,920 bytes", "p99 of ZeroMQ", Limit::AtMost, 0.05,
-         [](D d) { return overloadRatio(d, ZmqId, "p99_us"); }},
+        {"age, 1,920 bytes", "p50 of nanomsg, our options", Limit::AtMost, 1.10, PollsId,
+         [](D d, P p) { return ageRatio(d, p, RawNanomsgId, "p50_us"); }},
+        {"age, 1,920 bytes", "p99 of nanomsg, our options", Limit::AtMost, 1.25, PollsId,
+         [](D d, P p) { return ageRatio(d, p, RawNanomsgId, "p99_us"); }},
+        {"age, 1,920 bytes", "p50 of ZeroMQ", Limit::AtMost, 0.80, RawNanomsgId,
+         [](D d, P p) { return ageRatio(d, p, ZmqId, "p50_us"); }},
+        {"age, 1,920 bytes", "p50 of nng", Limit::AtMost, 0.80, RawNanomsgId,
+         [](D d, P p) { return ageRatio(d, p, NngId, "p50_us"); }},
+        {"overload, 1,920 bytes", "p99 of nanomsg, our options", Limit::AtMost, 1.25, PollsId,
+         [](D d, P p) { return overloadRatio(d, p, RawNanomsgId, "p99_us"); }},
+        {"overload, 1,920 bytes", "p99 of ZeroMQ", Limit::AtMost, 0.05, RawNanomsgId,
+         [](D d, P p) { return overloadRatio(d, p, ZmqId, "p99_us"); }},
         {"overload, 1,920 bytes", "delivered rate of nanomsg, our options", Limit::AtLeast, 0.85,
-         [](D d) { return overloadRatio(d, RawNanomsgId, "delivered_per_s"); }},
+         PollsId, [](D d, P p) { return overloadRatio(d, p, RawNanomsgId, "delivered_per_s"); }},
         {"CPU per frame, both sides", "of nanomsg, our options, 1,920 bytes", Limit::AtMost, 1.15,
-         [](D d) { return ageRatio(d, RawNanomsgId, "cpu_us"); }},
-        {"heap allocations per frame", "sender, worst round", Limit::AtMost, 0,
-         [](D d) { return worstOf(d.age.where("path", OursId), "sender_allocations"); }},
-        {"heap allocations per frame", "receiver, worst round", Limit::AtMost, 1,
-         [](D d) { return worstOf(d.age.where("path", OursId), "receiver_allocations"); }},
-        {"fan-out", "% lost, up to 32 receivers, worst round", Limit::AtMost, 0,
+         PollsId, [](D d, P p) { return ageRatio(d, p, RawNanomsgId, "cpu_us"); }},
+        {"heap allocations per frame", "sender, worst round", Limit::AtMost, 0, nullptr,
+         [](D d, P p) { return worstOf(d.age.where("path", p), "sender_allocations"); }},
+        {"heap allocations per frame", "receiver, worst round", Limit::AtMost, 1, nullptr,
+         [](D d, P p) { return worstOf(d.age.where("path", p), "receiver_allocations"); }},
+        {"fan-out", "% lost, up to 32 receivers, worst round", Limit::AtMost, 0, RawNanomsgId,
          worstLossUpToTarget},
-        {"fan-out", "sender CPU per receiver at 32 of that at 1", Limit::AtMost, 1.2,
+        {"fan-out", "sender CPU per receiver at 32 of that at 1", Limit::AtMost, 1.2, RawNanomsgId,
          costOfManyToOne},
-        {"join, bell, idle", "p50 ms", Limit::Below, 3,
-         [](D d) { return joinsWithBell(d, "join", "open_ms").p50Ms; }},
-        {"join, bell, idle", "p99 ms", Limit::Below, 20,
-         [](D d) { return joinsWithBell(d, "join", "open_ms").p99Ms; }},
-        {"join, bell, busy core", "p50 ms", Limit::Below, 3,
-         [](D d) { return joinsWithBell(d, "join, busy core", "open_ms").p50Ms; }},
-        {"join, bell, busy core", "p99 ms", Limit::Below, 20,
-         [](D d) { return joinsWithBell(d, "join, busy core", "open_ms").p99Ms; }},
-        {"rejoin, bell, gap 0", "p50 ms after the kill", Limit::AtMost, 60,
-         [](D d) { return joinsWithBell(d, "rejoin, gap 0", "kill_ms").p50Ms; }},
-        {"rejoin, bell, gap 100 ms", "p50 ms after the call", Limit::Below, 10,
-         [](D d) { return joinsWithBell(d, "rejoin, gap 100 ms", "open_ms").p50Ms; }},
-        {"rejoin, bell, gap 1000 ms", "p50 ms after the call", Limit::Below, 10,
-         [](D d) { return joinsWithBell(d, "rejoin, gap 1000 ms", "open_ms").p50Ms; }},
+        {"join, bell, idle", "p50 ms", Limit::Below, 3, nullptr,
+         [](D d, P) { return joinsWithBell(d, "join", "open_ms").p50Ms; }},
+        {"join, bell, idle", "p99 ms", Limit::Below, 20, nullptr,
+         [](D d, P) { return joinsWithBell(d, "join", "open_ms").p99Ms; }},
+        {"join, bell, busy core", "p50 ms", Limit::Below, 3, nullptr,
+         [](D d, P) { return joinsWithBell(d, "join, busy core", "open_ms").p50Ms; }},
+        {"join, bell, busy core", "p99 ms", Limit::Below, 20, nullptr,
+         [](D d, P) { return joinsWithBell(d, "join, busy core", "open_ms").p99Ms; }},
+        {"rejoin, bell, gap 0", "p50 ms after the kill", Limit::AtMost, 60, nullptr,
+         [](D d, P) { return joinsWithBell(d, "rejoin, gap 0", "kill_ms").p50Ms; }},
+        {"rejoin, bell, gap 100 ms", "p50 ms after the call", Limit::Below, 10, nullptr,
+         [](D d, P) { return joinsWithBell(d, "rejoin, gap 100 ms", "open_ms").p50Ms; }},
+        {"rejoin, bell, gap 1000 ms", "p50 ms after the call", Limit::Below, 10, nullptr,
+         [](D d, P) { return joinsWithBell(d, "rejoin, gap 1000 ms", "open_ms").p50Ms; }},
     };
     return Targets;
 }
@@ -158,15 +160,22 @@ bool isMet(const Target& target, double value)
 
 Table makeTargetTable(const RunData& data)
 {
-    Table table({"<target", "<figure", "<limit", "measured", "<verdict"});
+    Table table({"<target", "<figure", "<limit", "ours", "<verdict", "<reference"});
     for (const Target& target : allTargets())
     {
-        const double value = target.measure(data);
+        const double value = target.measure(data, OursId);
         const char* verdict = std::isnan(value)      ? "not measured"
                               : isMet(target, value) ? "met"
                                                      : "MISSED";
+        std::string reference;
+        if (target.reference)
+        {
+            reference = labelOf(target.reference) + ": " +
+                        formatNumber(target.measure(data, target.reference));
+        }
         table.addRow(
-            {target.subject, target.figure, describeLimit(target), formatNumber(value), verdict});
+            {target.subject, target.figure, describeLimit(target), formatNumber(value), verdict,
+             reference});
     }
     return table;
 }

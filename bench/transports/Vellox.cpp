@@ -1,7 +1,9 @@
 /// Ours: pubsub on the monotonic system clock. Variant "bell": rings in the base directory once the
-/// stream stands, as the tools do, so that waiting receivers look again at once.
+/// stream stands, as the tools do, so that waiting receivers look again at once. "bell-again": and
+/// announces the sequence once more a moment later, for a receiver that was just joining and has
+/// missed it.
 
-#include <cstdlib>
+#include <limits>
 #include <vector>
 
 #include <fcntl.h>
@@ -14,6 +16,7 @@
 #include <vlx/VlxSender.hpp>
 
 #include "Transport.hpp"
+#include "support/Clock.hpp"
 
 namespace vlx::bench
 {
@@ -21,6 +24,8 @@ namespace
 {
 
 constexpr TimeValue FrameDurationNs = 1'000'000;
+constexpr std::uint64_t Never = std::numeric_limits<std::uint64_t>::max();
+constexpr std::uint64_t AnnounceAgainNs = 20'000'000;
 constexpr std::uint32_t SampleRate = 48000;
 constexpr std::uint32_t NumChannels = 2;
 
@@ -55,8 +60,10 @@ public:
             return false;
         m_sender.setCurrentPayloader(m_payloader);
         m_sender.startNewSequence();
-        if (m_link.variant == "bell")
+        if (m_link.variant.starts_with("bell"))
             ringBell(m_link.directory);
+        if (m_link.variant == "bell-again")
+            m_announceAgainNs = nowNs() + AnnounceAgainNs;
         return true;
     }
 
@@ -67,6 +74,11 @@ public:
 
     void send(std::uint64_t timestampNs) override
     {
+        if (timestampNs >= m_announceAgainNs)
+        {
+            m_sender.startNewSequence();
+            m_announceAgainNs = Never;
+        }
         m_sender.sendMediaData(timestampNs, FrameDurationNs, m_media);
     }
 
@@ -74,6 +86,7 @@ private:
     Link m_link;
     PcmPayloader m_payloader;
     std::vector<std::uint8_t> m_media;
+    std::uint64_t m_announceAgainNs = Never;
     Sender m_sender;
 };
 
