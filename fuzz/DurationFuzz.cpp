@@ -7,8 +7,7 @@
 #include <limits>
 #include <string_view>
 
-#include <Duration.hpp>
-
+#include "common/Duration.hpp"
 #include "support/Check.hpp"
 
 namespace

@@ -6,11 +6,10 @@
 #include <string>
 #include <string_view>
 
-#include <PcmCodec.hpp>
-#include <StreamFormat.hpp>
-
 #include <audioUtils/PcmFormat.hpp>
 
+#include "audio/PcmCodec.hpp"
+#include "audio/StreamFormat.hpp"
 #include "support/Check.hpp"
 #include "support/InputReader.hpp"
 

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include <CLI/CLI.hpp>
-#include <ReceiveOptions.hpp>
-#include <SendOptions.hpp>
 
+#include "receive/ReceiveOptions.hpp"
+#include "send/SendOptions.hpp"
 #include "support/Check.hpp"
 
 namespace

@@ -5,6 +5,8 @@
 #include <system_error>
 #include <vector>
 
+#include <Bell.hpp>
+#include <StallWatch.hpp>
 #include <fcntl.h>
 #include <grp.h>
 #include <log4cplus/appender.h>
@@ -14,10 +16,8 @@
 #include <log4cplus/spi/loggingevent.h>
 #include <sys/resource.h>
 #include <time.h>
-#include <toolkit/Bell.hpp>
-#include <toolkit/PromptStop.hpp>
-#include <toolkit/StallWatch.hpp>
 #include <unistd.h>
+#include <vlxkit/PromptStop.hpp>
 
 #include <miscUtils/MiscUtils.hpp>
 #include <vlx/VlxReceiver.hpp>
@@ -124,7 +124,7 @@ public:
             return ExitRefused;
         m_sender.setCurrentPayloader(m_payloader);
         startSequence();
-        toolkit::ringBell();
+        kit::ringBell();
         m_slot.ready = true;
         if (config.setUpOnly)
             return ExitDone;
@@ -251,7 +251,7 @@ public:
 
     void shutDown()
     {
-        toolkit::stopPromptly(m_receiver);
+        kit::stopPromptly(m_receiver);
     }
 
 private:
@@ -262,7 +262,7 @@ private:
 
     void rejoin()
     {
-        toolkit::stopPromptly(m_receiver);
+        kit::stopPromptly(m_receiver);
         m_receiver.initializeReceiver(m_slot.config.name.data());
     }
 
@@ -270,7 +270,7 @@ private:
     {
         const bool hasFrames = waitUntil(
             StarvedLimitMs, [this] { return m_slot.countFrames() != 0 || m_slot.gaveUp; });
-        toolkit::stopPromptly(m_receiver);
+        kit::stopPromptly(m_receiver);
         if (m_slot.gaveUp)
             return ExitRefused;
         return hasFrames ? ExitDone : ExitStarved;
@@ -340,7 +340,7 @@ private:
     Slot& m_slot;
     FrameTag m_last = {}; // the receiver's worker thread, and this one before it exists
     TimeValue m_lastTimestamp = 0;
-    toolkit::StallWatch m_stallWatch{StallLimitNs};
+    kit::StallWatch m_stallWatch{StallLimitNs};
     PcmDepayloader m_depayloader;
     Receiver m_receiver; // last: its callbacks use everything above
 };

@@ -4,15 +4,15 @@
 
 #include <CLI/CLI.hpp>
 
-#include "ExitCodes.hpp"
-#include "LogSetup.hpp"
-#include "Messages.hpp"
-#include "ReceiveCommand.hpp"
-#include "ReceiveOptions.hpp"
-#include "SendCommand.hpp"
-#include "SendOptions.hpp"
-#include "SignalThread.hpp"
-#include "StopSignal.hpp"
+#include "common/ExitCodes.hpp"
+#include "common/LogSetup.hpp"
+#include "common/Messages.hpp"
+#include "common/SignalThread.hpp"
+#include "common/StopSignal.hpp"
+#include "receive/ReceiveCommand.hpp"
+#include "receive/ReceiveOptions.hpp"
+#include "send/SendCommand.hpp"
+#include "send/SendOptions.hpp"
 
 namespace
 {

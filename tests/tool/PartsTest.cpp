@@ -3,23 +3,23 @@
 #include <cstring>
 #include <limits>
 
-#include <AgeSamples.hpp>
-#include <ConnectionRecord.hpp>
-#include <Duration.hpp>
-#include <PcmCodec.hpp>
-#include <StreamEvents.hpp>
-#include <StreamFormat.hpp>
+#include <Bell.hpp>
+#include <FlapWatch.hpp>
+#include <StallWatch.hpp>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sys/inotify.h>
-#include <toolkit/Bell.hpp>
-#include <toolkit/FlapWatch.hpp>
-#include <toolkit/PromptStop.hpp>
-#include <toolkit/Sidechannel.hpp>
-#include <toolkit/StallWatch.hpp>
+#include <vlxkit/PromptStop.hpp>
+#include <vlxkit/Sidechannel.hpp>
 
 #include <vlx/VlxReceiver.hpp>
 
+#include "audio/PcmCodec.hpp"
+#include "audio/StreamFormat.hpp"
+#include "common/AgeSamples.hpp"
+#include "common/Duration.hpp"
+#include "receive/ConnectionRecord.hpp"
+#include "receive/StreamEvents.hpp"
 #include "support/RawPeers.hpp"
 
 namespace vlx::testing
@@ -203,7 +203,7 @@ TEST(StreamEventQueueTest, FramesBeyondTheLimitAreCountedAndOtherEventsAreNot)
 
 TEST(FlapWatchTest, OnlyFiveLossesWithinASecondAndWithoutASequenceCount)
 {
-    toolkit::FlapWatch watch;
+    kit::FlapWatch watch;
     for (TimeValue i = 0; i < 20; ++i)
         watch.onLoss(i * Second / 3);
     EXPECT_FALSE(watch.isFlapping());
@@ -218,7 +218,7 @@ TEST(FlapWatchTest, OnlyFiveLossesWithinASecondAndWithoutASequenceCount)
 
 TEST(StallWatchTest, LimitDoublesUntilAFrameComes)
 {
-    toolkit::StallWatch watch(2 * Second);
+    kit::StallWatch watch(2 * Second);
     EXPECT_FALSE(watch.isStalled(100 * Second)); // never joined
     watch.onRunning(100 * Second);
     EXPECT_FALSE(watch.isStalled(101 * Second));
@@ -278,26 +278,26 @@ TEST_F(ToolkitTest, NoSidechannelAnswerStopsTheProcess)
                 RawConnection connection = server.accept();
                 connection.send(row.bytes, 3);
             });
-        const auto answer = toolkit::askSidechannel(getSocketName(), DefaultDeadline);
+        const auto answer = kit::askSidechannel(getSocketName(), DefaultDeadline);
         peer.join();
         EXPECT_TRUE(answer.reached) << row.name;
         EXPECT_EQ(answer.initialInfo.has_value(), row.hasInfo) << row.name;
         EXPECT_EQ(answer.fourcc.has_value(), row.hasFourcc) << row.name;
         if (row.hasFourcc)
         {
-            EXPECT_EQ(toolkit::toFourccText(*answer.fourcc), "OPUS");
+            EXPECT_EQ(kit::toFourccText(*answer.fourcc), "OPUS");
             EXPECT_EQ(answer.codecHeader, fromHex("aa"));
         }
     }
-    EXPECT_FALSE(toolkit::askSidechannel(getSocketName(), DefaultDeadline).reached);
-    EXPECT_FALSE(toolkit::isNameTaken(getSocketName()));
+    EXPECT_FALSE(kit::askSidechannel(getSocketName(), DefaultDeadline).reached);
+    EXPECT_FALSE(kit::isNameTaken(getSocketName()));
 }
 
 TEST_F(ToolkitTest, BellIsHeardByWaitingReceiversOnly)
 {
     Descriptor watcher(::inotify_init1(IN_CLOEXEC));
     ::inotify_add_watch(watcher.get(), getTempDirectory().c_str(), IN_CREATE);
-    ASSERT_TRUE(toolkit::ringBell());
+    ASSERT_TRUE(kit::ringBell());
     alignas(inotify_event) char event[512] = {};
     ASSERT_GT(::read(watcher.get(), event, sizeof(event)), 0);
     const std::string name = event + offsetof(inotify_event, name);
@@ -315,7 +315,7 @@ TEST_F(ToolkitTest, PromptStopDoesNotWaitForTheMonitor)
     {
         Receiver receiver;
         ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
-        toolkit::stopPromptly(receiver);
+        kit::stopPromptly(receiver);
     }
     EXPECT_LT(std::chrono::steady_clock::now() - begin, SeveralStops);
 }

@@ -1,0 +1,280 @@
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <string_view>
+
+#include <sndfile.h>
+
+#include <miscUtils/MiscUtils.hpp>
+
+#include "AudioOutput.hpp"
+#include "OutputFile.hpp"
+#include "PcmCodec.hpp"
+#include "common/ExitCodes.hpp"
+
+namespace vlx::tool
+{
+
+namespace
+{
+
+using audioUtils::PcmFormat;
+
+struct FileKind
+{
+    std::string_view extension;
+    std::string_view name;
+    int container;
+    int lossyCodec;     // 0: samples are kept as they are
+    bool rewritable;    // the header can be brought up to date while the file grows
+    bool fourGigabytes; // sizes in the header have 32 bits
+};
+
+constexpr FileKind FileKinds[] = {
+    // The first one is also for files without a known extension.
+    {"wav", "WAV", SF_FORMAT_WAV, 0, true, true},
+    {"rf64", "RF64", SF_FORMAT_RF64, 0, true, false},
+    {"w64", "W64", SF_FORMAT_W64, 0, true, false},
+    {"caf", "CAF", SF_FORMAT_CAF, 0, true, false},
+    {"aiff", "AIFF", SF_FORMAT_AIFF, 0, true, true},
+    {"aif", "AIFF", SF_FORMAT_AIFF, 0, true, true},
+    {"aifc", "AIFF", SF_FORMAT_AIFF, 0, true, true},
+    {"au", "AU", SF_FORMAT_AU, 0, true, true},
+    {"snd", "AU", SF_FORMAT_AU, 0, true, true},
+    {"flac", "FLAC", SF_FORMAT_FLAC, 0, false, false},
+    {"ogg", "Ogg Vorbis", SF_FORMAT_OGG, SF_FORMAT_VORBIS, false, false},
+    {"oga", "Ogg Vorbis", SF_FORMAT_OGG, SF_FORMAT_VORBIS, false, false},
+    {"opus", "Ogg Opus", SF_FORMAT_OGG, SF_FORMAT_OPUS, false, false},
+    {"mp3", "MP3", SF_FORMAT_MPEG, SF_FORMAT_MPEG_LAYER_III, false, false},
+};
+
+// Leaves room for the header.
+constexpr std::uint64_t MaxBytesOfFourGigabytes = 0xFFFF'FFFF - 0x1'0000;
+
+std::string getExtension(const std::string& path)
+{
+    const std::size_t slash = path.rfind('/');
+    const std::size_t dot = path.rfind('.');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash))
+        return {};
+    std::string extension = path.substr(dot + 1);
+    std::transform(
+        extension.begin(), extension.end(), extension.begin(),
+        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return extension;
+}
+
+const FileKind& findKind(const std::string& path)
+{
+    const std::string extension = getExtension(path);
+    for (const FileKind& kind : FileKinds)
+    {
+        if (kind.extension == extension)
+            return kind;
+    }
+    return FileKinds[0];
+}
+
+int toSubtype(PcmFormat format)
+{
+    switch (format)
+    {
+    case PcmFormat::S8:
+        return SF_FORMAT_PCM_S8;
+    case PcmFormat::U8:
+        return SF_FORMAT_PCM_U8;
+    case PcmFormat::S16LE:
+    case PcmFormat::S16BE:
+        return SF_FORMAT_PCM_16;
+    case PcmFormat::S24LE:
+    case PcmFormat::S24BE:
+        return SF_FORMAT_PCM_24;
+    case PcmFormat::S32LE:
+    case PcmFormat::S32BE:
+        return SF_FORMAT_PCM_32;
+    case PcmFormat::F32LE:
+    case PcmFormat::F32BE:
+        return SF_FORMAT_FLOAT;
+    case PcmFormat::F64LE:
+    case PcmFormat::F64BE:
+        return SF_FORMAT_DOUBLE;
+    }
+    return 0;
+}
+
+// Many kinds know only one of the two 8-bit types. Turning one into the other loses nothing.
+int toOtherEightBits(int subtype)
+{
+    if (subtype == SF_FORMAT_PCM_S8)
+        return SF_FORMAT_PCM_U8;
+    return subtype == SF_FORMAT_PCM_U8 ? SF_FORMAT_PCM_S8 : subtype;
+}
+
+/// @return whether the kind can hold the format; then info is filled
+bool chooseFormat(const FileKind& kind, const StreamFormat& format, SF_INFO& info)
+{
+    const int subtype = toSubtype(format.sampleFormat);
+    info.samplerate = static_cast<int>(format.rate);
+    info.channels = static_cast<int>(format.channels);
+    for (const int candidate : {subtype, toOtherEightBits(subtype)})
+    {
+        info.format = kind.container | (kind.lossyCodec != 0 ? kind.lossyCodec : candidate);
+        if (::sf_format_check(&info) != 0)
+            return true;
+    }
+    return false;
+}
+
+sf_count_t writeValues(SNDFILE* file, const std::vector<std::int16_t>& values)
+{
+    return ::sf_write_short(file, values.data(), static_cast<sf_count_t>(values.size()));
+}
+
+sf_count_t writeValues(SNDFILE* file, const std::vector<std::int32_t>& values)
+{
+    return ::sf_write_int(file, values.data(), static_cast<sf_count_t>(values.size()));
+}
+
+sf_count_t writeValues(SNDFILE* file, const std::vector<float>& values)
+{
+    return ::sf_write_float(file, values.data(), static_cast<sf_count_t>(values.size()));
+}
+
+sf_count_t writeValues(SNDFILE* file, const std::vector<double>& values)
+{
+    return ::sf_write_double(file, values.data(), static_cast<sf_count_t>(values.size()));
+}
+
+class FileOutput : public AudioOutput
+{
+public:
+    explicit FileOutput(const std::string& path) : m_kind(findKind(path)), m_file(path)
+    {
+        if (!m_file.isRegular())
+            throw CommandFailure(
+                ExitCode::Failed,
+                "cannot write " + m_file.getName() +
+                    ": only raw samples (--raw) go where nothing can be rewritten");
+    }
+
+    ~FileOutput() override
+    {
+        if (m_sound != nullptr)
+            ::sf_close(m_sound);
+    }
+
+    FileOutput(const FileOutput&) = delete;
+    FileOutput& operator=(const FileOutput&) = delete;
+
+    bool start(const StreamFormat& format) override
+    {
+        SF_INFO info{};
+        if (!chooseFormat(m_kind, format, info))
+            return fail(std::string(m_kind.name) + " cannot hold " + toText(format));
+        if (!m_file.begin())
+            return fail(miscUtils::strerror_r_safe(errno));
+        m_sound = ::sf_open_fd(m_file.getFD(), SFM_WRITE, &info, SF_FALSE);
+        if (m_sound == nullptr)
+            return failInLibrary(::sf_strerror(nullptr));
+
+        m_format = format;
+        // The chunk of peak values holds nothing that was received.
+        ::sf_command(m_sound, SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
+        if (m_kind.rewritable)
+        {
+            ::sf_command(m_sound, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
+            ::sf_command(m_sound, SFC_UPDATE_HEADER_NOW, nullptr, 0);
+        }
+        return ::sf_error(m_sound) == SF_ERR_NO_ERROR || failInLibrary(::sf_strerror(m_sound));
+    }
+
+    bool write(const ByteView& bytes) override
+    {
+        if (m_kind.fourGigabytes && m_numBytes + bytes.size() > MaxBytesOfFourGigabytes)
+            return fail("it is full: " + std::string(m_kind.name) + " files end at 4 GiB");
+
+        if (!m_kind.rewritable)
+            m_completeSize = m_file.getSize();
+        decodeSamples(bytes, m_format.sampleFormat, m_values);
+        const sf_count_t written =
+            std::visit([&](const auto& values) { return writeValues(m_sound, values); }, m_values);
+        m_numSamples += written / static_cast<sf_count_t>(m_format.channels);
+        m_numBytes += bytes.size();
+        if (::sf_error(m_sound) == SF_ERR_NO_ERROR)
+            return true;
+
+        failInLibrary(::sf_strerror(m_sound));
+        m_writeFailed = true;
+        if (m_kind.rewritable)
+            dropIncompleteSample();
+        return false;
+    }
+
+    bool finish() override
+    {
+        bool ok = true;
+        if (m_sound != nullptr)
+        {
+            const int error = ::sf_close(m_sound);
+            m_sound = nullptr;
+            ok = error == 0 || failInLibrary(::sf_error_number(error));
+        }
+        // The block that did not fit is cut off again; only now nothing is written behind it.
+        if (m_writeFailed && !m_kind.rewritable)
+            m_file.truncate(m_completeSize);
+        if (!m_file.close())
+            ok = fail(miscUtils::strerror_r_safe(errno));
+        return ok;
+    }
+
+private:
+    bool fail(const std::string& reason)
+    {
+        m_problem = "cannot write " + m_file.getName() + ": " + reason;
+        return false;
+    }
+
+    // libsndfile puts its own words before the system's.
+    bool failInLibrary(std::string_view reason)
+    {
+        constexpr std::string_view SystemErrorPrefix = "System error : ";
+        if (reason.starts_with(SystemErrorPrefix))
+            reason.remove_prefix(SystemErrorPrefix.size());
+        while (!reason.empty() && reason.back() == '.')
+            reason.remove_suffix(1);
+        return fail(std::string(reason));
+    }
+
+    // A write that ran out of space may have ended anywhere.
+    void dropIncompleteSample()
+    {
+        sf_count_t numSamples = m_numSamples;
+        ::sf_command(m_sound, SFC_FILE_TRUNCATE, &numSamples, sizeof(numSamples));
+        ::sf_command(m_sound, SFC_UPDATE_HEADER_NOW, nullptr, 0);
+    }
+
+    const FileKind& m_kind;
+    OutputFile m_file;
+    SNDFILE* m_sound = nullptr;
+    StreamFormat m_format;
+    SampleValues m_values;
+    sf_count_t m_numSamples = 0;
+    std::uint64_t m_numBytes = 0;
+    bool m_writeFailed = false;
+    std::uint64_t m_completeSize = 0; // of the file before the last write; kinds with blocks only
+};
+
+} // unnamed namespace
+
+std::unique_ptr<AudioOutput> openFileOutput(const std::string& path)
+{
+    return std::make_unique<FileOutput>(path);
+}
+
+bool isRawPath(const std::string& path)
+{
+    const std::string extension = getExtension(path);
+    return extension == "raw" || extension == "pcm";
+}
+
+} // namespace vlx::tool

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include <vlx/VlxReceiver.hpp>
+#include <vlx/VlxTypes.hpp>
+
+#include "StreamEvents.hpp"
+#include "audio/StreamFormat.hpp"
+#include "common/AgeSamples.hpp"
+
+namespace vlx::tool
+{
+
+/// A stretch of the recording in which each frame's timestamp continues the one before.
+struct Segment
+{
+    std::uint64_t fileSample; ///< first one, counted from the beginning of the recording
+    TimeValue timestamp;      ///< of that sample
+    std::uint64_t samples;
+};
+
+/// What one connection delivered, from joining a sender to losing it.
+///
+/// @thread one at a time
+class ConnectionRecord
+{
+public:
+    /// @param joinedAfter  what the join time counts from, such as "start"
+    /// @param waitBegin    since when a sender was looked for, nanoseconds of CLOCK_MONOTONIC
+    ConnectionRecord(std::string joinedAfter, TimeValue waitBegin);
+
+    void setFormat(const StreamFormat& format, Receiver::StreamClockType clock);
+
+    /// Counts a frame, before it is written.
+    ///
+    /// @param samples     that go into the recording
+    /// @param fileSample  where its first sample goes in the recording
+    /// @pre setFormat() was called
+    void addFrame(const StreamEvent& frame, std::uint64_t samples, std::uint64_t fileSample);
+
+    void end(EndReason reason);
+
+    std::uint64_t getNumFrames() const
+    {
+        return m_frames;
+    }
+
+    /// @return frames whose size was no multiple of a sample's
+    std::uint64_t getNumOddFrames() const
+    {
+        return m_oddFrames;
+    }
+
+    nlohmann::ordered_json toJson() const;
+
+private:
+    void noteAge(const StreamEvent& frame);
+    void continueSegments(TimeValue timestamp, std::uint64_t samples, std::uint64_t fileSample);
+
+    const std::string m_joinedAfter;
+    const TimeValue m_waitBegin;
+    StreamFormat m_format;
+    Receiver::StreamClockType m_clock = Receiver::StreamClockType::Undetermined;
+    TimeValue m_firstFrameTime = 0;
+    std::uint64_t m_frames = 0;
+    std::uint64_t m_bytes = 0;
+    std::uint64_t m_oddFrames = 0;
+    std::uint64_t m_gaps = 0;
+    TimeValue m_gapNs = 0;
+    std::uint64_t m_overlaps = 0;
+    TimeValue m_overlapNs = 0;
+    TimeValue m_firstTimestamp = 0;
+    TimeValue m_lastTimestamp = 0;
+    TimeValue m_expectedTimestamp = 0; // of the next frame, if nothing is missing
+    AgeSamples m_ages;
+    std::vector<Segment> m_segments;
+    std::string m_ended = "running";
+};
+
+} // namespace vlx::tool
