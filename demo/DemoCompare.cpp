@@ -13,9 +13,9 @@
 #include <vector>
 
 #include <nlohmann/json.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
 #include "audio/AudioInput.hpp"
-#include "audio/StreamFormat.hpp"
 
 namespace
 {
@@ -23,7 +23,7 @@ namespace
 using nlohmann::json;
 using vlx::Buffer;
 using vlx::TimeValue;
-using vlx::tool::StreamFormat;
+using vlx::kit::StreamFormat;
 
 // A receiver stays through one loss of the sender.
 constexpr std::size_t ConnectionsExpected = 2;

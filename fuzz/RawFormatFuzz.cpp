@@ -6,10 +6,11 @@
 #include <string>
 #include <string_view>
 
+#include <vlxkit/StreamFormat.hpp>
+
 #include <audioUtils/PcmFormat.hpp>
 
 #include "audio/PcmCodec.hpp"
-#include "audio/StreamFormat.hpp"
 #include "support/Check.hpp"
 #include "support/InputReader.hpp"
 
@@ -68,7 +69,7 @@ void checkSamples(const ByteView& bytes, PcmFormat format)
 
 void checkTimes(fuzz::InputReader input)
 {
-    tool::StreamFormat format;
+    kit::StreamFormat format;
     format.rate = std::max<std::uint32_t>(input.take<std::uint32_t>(), 1);
     // As many samples as a stream of a century holds at the most.
     const std::uint64_t samples = input.take<std::uint64_t>() % (3'200'000'000ULL * format.rate);

@@ -11,7 +11,7 @@ namespace vlx::kit
 /// second, none of which announced a sequence.
 ///
 /// A receiver does that without a pause when it has no depayloader for the stream's codec, or when
-/// the depayloader rejects the codec's header. Stop it then; askSidechannel() tells the codec.
+/// the depayloader rejects the codec's header. Stop it then; probeSender() tells the codec.
 ///
 /// @thread one at a time
 class FlapWatch

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include <sys/stat.h>
-#include <vlxkit/Sidechannel.hpp>
+#include <vlxkit/Discovery.hpp>
 
 #include <miscUtils/MiscUtils.hpp>
 #include <vlx/SideChannel.hpp>
@@ -38,7 +38,7 @@ mode_t toFileMode(SocketMode mode)
 std::string setSocketFileMode(const std::string& name, SocketMode mode)
 {
     // The file's path is known from outside only by what the sender announces.
-    const SidechannelAnswer answer = askSidechannel(name, AnswerTimeout);
+    const SenderProbe answer = probeSender(name, AnswerTimeout);
     if (!answer.initialInfo)
         return "the sender \"" + name + "\" does not say where its socket file is";
     if (answer.initialInfo->nanomsgProtocol == NanomsgProtocol::Pipeline)

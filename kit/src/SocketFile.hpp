@@ -2,19 +2,10 @@
 
 #include <string>
 
+#include <vlxkit/Producer.hpp>
+
 namespace vlx::kit
 {
-
-/// Whose receivers may join a stream's main channel.
-enum class SocketMode
-{
-    /// Only those of the sender's user.
-    Owner,
-    /// Also those of the sender's group.
-    Group,
-    /// Everybody's, as the sender's directory allows.
-    All,
-};
 
 /// Sets who may join the main channel of a sender of this process.
 ///

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include <vlx/VlxTypes.hpp>
+
 namespace vlx::kit
 {
 
@@ -32,6 +34,6 @@ struct BaseDirectory
 /// receiver without it finds starting senders late. Call this before either is initialised.
 ///
 /// @thread any
-BaseDirectory prepareBaseDirectory(BaseDirectoryUse use);
+VLX_API BaseDirectory prepareBaseDirectory(BaseDirectoryUse use);
 
 } // namespace vlx::kit

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vlx/VlxTypes.hpp>
+
 namespace vlx
 {
 class Receiver;
@@ -17,6 +19,6 @@ namespace vlx::kit
 ///
 /// @param receiver  in any state, also never initialised
 /// @thread as shutdownReceiver(): not from a callback, nor from two threads at once
-void stopPromptly(Receiver& receiver);
+VLX_API void stopPromptly(Receiver& receiver);
 
 } // namespace vlx::kit

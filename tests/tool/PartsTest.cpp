@@ -9,13 +9,13 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sys/inotify.h>
+#include <vlxkit/Discovery.hpp>
 #include <vlxkit/PromptStop.hpp>
-#include <vlxkit/Sidechannel.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
 #include <vlx/VlxReceiver.hpp>
 
 #include "audio/PcmCodec.hpp"
-#include "audio/StreamFormat.hpp"
 #include "common/AgeSamples.hpp"
 #include "common/Duration.hpp"
 #include "receive/ConnectionRecord.hpp"
@@ -29,7 +29,7 @@ namespace
 {
 
 using audioUtils::PcmFormat;
-using tool::StreamFormat;
+using kit::StreamFormat;
 
 constexpr TimeValue Second = 1'000'000'000;
 
@@ -121,7 +121,7 @@ TEST(PcmCodecTest, ValuesFillTheirTypeFromTheTop)
 
 TEST(StreamFormatTest, TimesFollowFromTheSampleCountAlone)
 {
-    const StreamFormat format{PcmFormat::S16LE, 22050, 1};
+    const kit::StreamFormat format{PcmFormat::S16LE, 22050, 1};
     EXPECT_EQ(format.toNanoseconds(1), 45351U); // of 45351.47
     // A year of samples is a year, to the nanosecond.
     constexpr std::uint64_t Year = 365ULL * 24 * 3600;
@@ -240,7 +240,7 @@ class ToolkitTest : public VlxTest
 {
 };
 
-TEST_F(ToolkitTest, NoSidechannelAnswerStopsTheProcess)
+TEST_F(ToolkitTest, NoSenderProbeStopsTheProcess)
 {
     const Buffer info = produceInitialInfoPacket(
         {1, "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub, "ipc:///x"});
@@ -278,7 +278,7 @@ TEST_F(ToolkitTest, NoSidechannelAnswerStopsTheProcess)
                 RawConnection connection = server.accept();
                 connection.send(row.bytes, 3);
             });
-        const auto answer = kit::askSidechannel(getSocketName(), DefaultDeadline);
+        const auto answer = kit::probeSender(getSocketName(), DefaultDeadline);
         peer.join();
         EXPECT_TRUE(answer.reached) << row.name;
         EXPECT_EQ(answer.initialInfo.has_value(), row.hasInfo) << row.name;
@@ -289,7 +289,7 @@ TEST_F(ToolkitTest, NoSidechannelAnswerStopsTheProcess)
             EXPECT_EQ(answer.codecHeader, fromHex("aa"));
         }
     }
-    EXPECT_FALSE(kit::askSidechannel(getSocketName(), DefaultDeadline).reached);
+    EXPECT_FALSE(kit::probeSender(getSocketName(), DefaultDeadline).reached);
     EXPECT_FALSE(kit::isNameTaken(getSocketName()));
 }
 

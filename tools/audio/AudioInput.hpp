@@ -6,9 +6,9 @@
 #include <optional>
 #include <string>
 
-#include <vlx/VlxTypes.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
-#include "StreamFormat.hpp"
+#include <vlx/VlxTypes.hpp>
 
 namespace vlx::tool
 {
@@ -23,7 +23,7 @@ class AudioInput
 public:
     virtual ~AudioInput() = default;
 
-    const StreamFormat& getFormat() const
+    const kit::StreamFormat& getFormat() const
     {
         return m_format;
     }
@@ -50,7 +50,7 @@ public:
     }
 
 protected:
-    StreamFormat m_format;
+    kit::StreamFormat m_format;
 };
 
 /// Opens an audio file of any kind that libsndfile reads. Integers of 8, 16, 24 and 32 bits and both
@@ -66,11 +66,11 @@ std::unique_ptr<AudioInput> openFileInput(const std::string& path);
 /// @param stop    ends a read that waits for more
 /// @throws CommandFailure if it cannot be read
 std::unique_ptr<AudioInput>
-openRawInput(const std::string& path, const StreamFormat& format, const StopSignal& stop);
+openRawInput(const std::string& path, const kit::StreamFormat& format, const StopSignal& stop);
 
 /// Makes an endless sine at half of full scale.
 ///
 /// @param frequencyHz  repeats exactly only if it divides the rate; the phase never jumps
-std::unique_ptr<AudioInput> makeToneInput(double frequencyHz, const StreamFormat& format);
+std::unique_ptr<AudioInput> makeToneInput(double frequencyHz, const kit::StreamFormat& format);
 
 } // namespace vlx::tool

@@ -4,9 +4,9 @@
 #include <memory>
 #include <string>
 
-#include <vlx/VlxTypes.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
-#include "StreamFormat.hpp"
+#include <vlx/VlxTypes.hpp>
 
 namespace vlx::tool
 {
@@ -24,7 +24,7 @@ public:
     /// Called once, before the first write.
     ///
     /// @return whether the output can take the format; otherwise getProblem() says why not
-    virtual bool start(const StreamFormat& format) = 0;
+    virtual bool start(const kit::StreamFormat& format) = 0;
 
     /// @param bytes  whole samples
     /// @return whether all of it was written; otherwise getProblem() says why not

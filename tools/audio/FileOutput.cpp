@@ -111,7 +111,7 @@ int toOtherEightBits(int subtype)
 }
 
 /// @return whether the kind can hold the format; then info is filled
-bool chooseFormat(const FileKind& kind, const StreamFormat& format, SF_INFO& info)
+bool chooseFormat(const FileKind& kind, const kit::StreamFormat& format, SF_INFO& info)
 {
     const int subtype = toSubtype(format.sampleFormat);
     info.samplerate = static_cast<int>(format.rate);
@@ -166,7 +166,7 @@ public:
     FileOutput(const FileOutput&) = delete;
     FileOutput& operator=(const FileOutput&) = delete;
 
-    bool start(const StreamFormat& format) override
+    bool start(const kit::StreamFormat& format) override
     {
         SF_INFO info{};
         if (!chooseFormat(m_kind, format, info))
@@ -256,7 +256,7 @@ private:
     const FileKind& m_kind;
     OutputFile m_file;
     SNDFILE* m_sound = nullptr;
-    StreamFormat m_format;
+    kit::StreamFormat m_format;
     SampleValues m_values;
     sf_count_t m_numSamples = 0;
     std::uint64_t m_numBytes = 0;

@@ -19,7 +19,7 @@ namespace
 class RawInput : public AudioInput
 {
 public:
-    RawInput(const std::string& path, const StreamFormat& format, const StopSignal& stop)
+    RawInput(const std::string& path, const kit::StreamFormat& format, const StopSignal& stop)
         : m_name(path == "-" ? "standard input" : "\"" + path + "\""), m_stop(stop)
     {
         m_format = format;
@@ -103,7 +103,7 @@ private:
 } // unnamed namespace
 
 std::unique_ptr<AudioInput>
-openRawInput(const std::string& path, const StreamFormat& format, const StopSignal& stop)
+openRawInput(const std::string& path, const kit::StreamFormat& format, const StopSignal& stop)
 {
     return std::make_unique<RawInput>(path, format, stop);
 }

@@ -25,7 +25,7 @@ class RawOutput : public AudioOutput
 public:
     RawOutput(const std::string& path, const StopSignal& stop) : m_file(path), m_stop(stop) {}
 
-    bool start(const StreamFormat& /*format*/) override
+    bool start(const kit::StreamFormat& /*format*/) override
     {
         return m_file.begin() || fail(errno);
     }

@@ -26,7 +26,7 @@ Value scale(double level)
 class ToneInput : public AudioInput
 {
 public:
-    ToneInput(double frequencyHz, const StreamFormat& format)
+    ToneInput(double frequencyHz, const kit::StreamFormat& format)
         : m_turnsPerSample(frequencyHz / format.rate),
           m_values(makeSampleValues(format.sampleFormat))
     {
@@ -60,7 +60,7 @@ private:
 
 } // unnamed namespace
 
-std::unique_ptr<AudioInput> makeToneInput(double frequencyHz, const StreamFormat& format)
+std::unique_ptr<AudioInput> makeToneInput(double frequencyHz, const kit::StreamFormat& format)
 {
     return std::make_unique<ToneInput>(frequencyHz, format);
 }

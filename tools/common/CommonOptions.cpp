@@ -114,7 +114,7 @@ CLI::Option* addChoiceOption(
         ->type_name("WORD");
 }
 
-void addFormatOptions(CLI::App& command, StreamFormat& format)
+void addFormatOptions(CLI::App& command, kit::StreamFormat& format)
 {
     command
         .add_option_function<std::string>(

@@ -7,8 +7,9 @@
 #include <utility>
 #include <vector>
 
+#include <vlxkit/StreamFormat.hpp>
+
 #include "Messages.hpp"
-#include "audio/StreamFormat.hpp"
 
 namespace CLI
 {
@@ -55,6 +56,6 @@ CLI::Option* addChoiceOption(
 /// Adds "-f", "-r" and "-c".
 ///
 /// @param format  holds the defaults
-void addFormatOptions(CLI::App& command, StreamFormat& format);
+void addFormatOptions(CLI::App& command, kit::StreamFormat& format);
 
 } // namespace vlx::tool

@@ -37,7 +37,7 @@ ConnectionRecord::ConnectionRecord(std::string joinedAfter, TimeValue waitBegin)
 {
 }
 
-void ConnectionRecord::setFormat(const StreamFormat& format, Receiver::StreamClockType clock)
+void ConnectionRecord::setFormat(const kit::StreamFormat& format, Receiver::StreamClockType clock)
 {
     m_format = format;
     m_clock = clock;

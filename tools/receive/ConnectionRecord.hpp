@@ -5,12 +5,12 @@
 #include <vector>
 
 #include <nlohmann/json_fwd.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
 #include <vlx/VlxReceiver.hpp>
 #include <vlx/VlxTypes.hpp>
 
 #include "StreamEvents.hpp"
-#include "audio/StreamFormat.hpp"
 #include "common/AgeSamples.hpp"
 
 namespace vlx::tool
@@ -34,7 +34,7 @@ public:
     /// @param waitBegin    since when a sender was looked for, nanoseconds of CLOCK_MONOTONIC
     ConnectionRecord(std::string joinedAfter, TimeValue waitBegin);
 
-    void setFormat(const StreamFormat& format, Receiver::StreamClockType clock);
+    void setFormat(const kit::StreamFormat& format, Receiver::StreamClockType clock);
 
     /// Counts a frame, before it is written.
     ///
@@ -64,7 +64,7 @@ private:
 
     const std::string m_joinedAfter;
     const TimeValue m_waitBegin;
-    StreamFormat m_format;
+    kit::StreamFormat m_format;
     Receiver::StreamClockType m_clock = Receiver::StreamClockType::Undetermined;
     TimeValue m_firstFrameTime = 0;
     std::uint64_t m_frames = 0;

@@ -8,7 +8,7 @@
 
 #include <nlohmann/json.hpp>
 #include <vlxkit/BaseDirectory.hpp>
-#include <vlxkit/Sidechannel.hpp>
+#include <vlxkit/Discovery.hpp>
 
 #include <miscUtils/MiscUtils.hpp>
 
@@ -139,14 +139,14 @@ private:
         const TimeValue now = miscUtils::getMonotonicSysclockTime();
         if (since == 0 || now - since < SuspiciousConnectingNs)
             return false;
-        const kit::SidechannelAnswer answer = kit::askSidechannel(m_options.name, AnswerTimeout);
+        const kit::SenderProbe answer = kit::probeSender(m_options.name, AnswerTimeout);
         return answer.closedEarly && !answer.initialInfo;
     }
 
     void examineSender()
     {
         m_session.stop(EndReason::Lost);
-        const kit::SidechannelAnswer answer = kit::askSidechannel(m_options.name, AnswerTimeout);
+        const kit::SenderProbe answer = kit::probeSender(m_options.name, AnswerTimeout);
         if (answer.fourcc && *answer.fourcc != PcmFourcc)
             throw CommandFailure(
                 ExitCode::Failed, "cannot play codec \"" + kit::toFourccText(*answer.fourcc) +

@@ -106,7 +106,7 @@ private:
     std::atomic<std::int64_t> m_durationNs = 0;
 
     // Recorder's thread, and after finish() whoever called it.
-    std::optional<StreamFormat> m_format; // of the whole recording
+    std::optional<kit::StreamFormat> m_format; // of the whole recording
     std::uint64_t m_numSamples = 0;
     std::vector<ConnectionRecord> m_connections; // the last one may have no frames yet
     std::uint64_t m_emptyConnections = 0;        // ended without a frame

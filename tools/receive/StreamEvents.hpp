@@ -8,10 +8,10 @@
 #include <optional>
 #include <vector>
 
+#include <vlxkit/StreamFormat.hpp>
+
 #include <vlx/VlxReceiver.hpp>
 #include <vlx/VlxTypes.hpp>
-
-#include "audio/StreamFormat.hpp"
 
 namespace vlx::tool
 {
@@ -38,7 +38,7 @@ struct StreamEvent
     Kind kind = Kind::Frame;
     TimeValue time = 0; ///< of the callback, nanoseconds of CLOCK_MONOTONIC
     // Kind::Sequence
-    StreamFormat format;
+    kit::StreamFormat format;
     Receiver::StreamClockType clock = Receiver::StreamClockType::Undetermined;
     // Kind::Frame
     TimeValue timestamp = 0;

@@ -9,7 +9,7 @@
 #include <SequenceAnnouncer.hpp>
 #include <TailWait.hpp>
 #include <vlxkit/BaseDirectory.hpp>
-#include <vlxkit/Sidechannel.hpp>
+#include <vlxkit/Discovery.hpp>
 
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxSender.hpp>
@@ -50,7 +50,7 @@ std::unique_ptr<AudioInput> openInput(const SendOptions& options, const StopSign
     return openFileInput(options.input);
 }
 
-std::size_t getSamplesPerFrame(const SendOptions& options, const StreamFormat& format)
+std::size_t getSamplesPerFrame(const SendOptions& options, const kit::StreamFormat& format)
 {
     const auto frame = options.frame.value_or(DefaultFrame);
     return std::max<std::uint64_t>(format.toSamples(static_cast<TimeValue>(frame.count())), 1);
@@ -127,7 +127,7 @@ void writeReport(const SendReport& report, const std::string& path)
         throw CommandFailure(ExitCode::Failed, problem);
 }
 
-PumpSettings makePumpSettings(const SendOptions& options, const StreamFormat& format)
+PumpSettings makePumpSettings(const SendOptions& options, const kit::StreamFormat& format)
 {
     PumpSettings settings{getSamplesPerFrame(options, format), std::nullopt, options.loop};
     if (options.duration)
@@ -153,7 +153,7 @@ void sendInput(
     StopSignal& stop,
     SendReport& report)
 {
-    const StreamFormat& format = input.getFormat();
+    const kit::StreamFormat& format = input.getFormat();
     PcmPayloader payloader;
     payloader.setNewFormat(format.rate, format.channels, format.sampleFormat);
     // Frees a pipeline send that waits for its receiver.

@@ -6,10 +6,10 @@
 #include <string>
 
 #include <SocketFile.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
 #include <vlx/SideChannel.hpp>
 
-#include "audio/StreamFormat.hpp"
 #include "common/CommonOptions.hpp"
 
 namespace vlx::tool
@@ -22,7 +22,7 @@ struct SendOptions
     std::string input;
     bool raw = false;
     bool formatGiven = false;
-    StreamFormat format; ///< of raw input or tone
+    kit::StreamFormat format; ///< of raw input or tone
     std::optional<double> toneHz;
     bool loop = false;
     std::optional<std::chrono::nanoseconds> frame;

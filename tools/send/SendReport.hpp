@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include <vlx/VlxTypes.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
-#include "audio/StreamFormat.hpp"
+#include <vlx/VlxTypes.hpp>
 
 namespace vlx::tool
 {
@@ -24,7 +24,7 @@ struct SendReport
 {
     std::string name;
     std::string input;
-    StreamFormat format;
+    kit::StreamFormat format;
     std::string clock;
     std::uint64_t frames = 0;
     std::uint64_t samples = 0;

@@ -9,7 +9,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
-#include <vlxkit/Sidechannel.hpp>
+#include <vlxkit/Discovery.hpp>
 
 #include <vlx/VlxPayload.hpp>
 
@@ -134,7 +134,7 @@ bool isInitialInfo(const Buffer& packet)
            cursor.read<std::uint8_t>() && cursor.readTerminatedString();
 }
 
-void takeSequenceInfo(const Buffer& packet, SidechannelAnswer& answer)
+void takeSequenceInfo(const Buffer& packet, SenderProbe& answer)
 {
     if (packet.size() < SequenceInfoHeaderBytes ||
         parsePacketType(packet) != PacketType::SequenceInfo)
@@ -145,9 +145,9 @@ void takeSequenceInfo(const Buffer& packet, SidechannelAnswer& answer)
 
 } // unnamed namespace
 
-SidechannelAnswer askSidechannel(const std::string& name, std::chrono::milliseconds timeout)
+SenderProbe probeSender(const std::string& name, std::chrono::milliseconds timeout)
 {
-    SidechannelAnswer answer;
+    SenderProbe answer;
     const Socket socket;
     socklen_t length = 0;
     const sockaddr_un address = makeAddress(name, length);

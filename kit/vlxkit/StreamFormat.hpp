@@ -1,6 +1,7 @@
 #pragma once
 
-#include <cassert>
+/// Format of an uncompressed stream, and the arithmetic between samples and time.
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -8,23 +9,22 @@
 #include <audioUtils/PcmFormat.hpp>
 #include <vlx/VlxTypes.hpp>
 
-namespace vlx::tool
+namespace vlx::kit
 {
 
-/// Format of an uncompressed stream. Throughout the tool a "sample" is one value per channel.
+/// Format of an uncompressed stream. In the kit a "sample" is one value of every channel.
 struct StreamFormat
 {
     audioUtils::PcmFormat sampleFormat = audioUtils::PcmFormat::S16LE;
-    std::uint32_t rate = 48000; ///< samples per second
-    std::uint32_t channels = 2;
+    std::uint32_t rate = 48000; ///< samples per second, at least 1
+    std::uint32_t channels = 2; ///< at least 1
 
     bool operator==(const StreamFormat&) const = default;
 
+    /// @return bytes of one sample; 0 for a format that is no enumerator
     std::size_t getBytesPerSample() const
     {
-        const std::size_t size = audioUtils::bytesPerFrame(sampleFormat, channels);
-        assert(size > 0);
-        return size;
+        return audioUtils::bytesPerFrame(sampleFormat, channels);
     }
 
     /// @return nanoseconds that a number of samples takes, rounded down once, exact for any number
@@ -50,4 +50,4 @@ inline std::string toText(const StreamFormat& format)
            (format.channels == 1 ? " channel" : " channels");
 }
 
-} // namespace vlx::tool
+} // namespace vlx::kit

@@ -1,0 +1,111 @@
+#pragma once
+
+/// Who sends on this machine, and what: looked up in /proc, and asked by name.
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+#include <vlxkit/StreamFormat.hpp>
+
+#include <vlx/SideChannel.hpp>
+#include <vlx/VlxTypes.hpp>
+
+namespace vlx::kit
+{
+
+/// What somebody who holds a stream's name answered, and what that means for this user.
+struct SenderProbe
+{
+    /// Somebody listens under the name.
+    bool reached = false;
+    /// Somebody listens, but his backlog is full: he is stopped, or busy.
+    bool busy = false;
+    /// The connection was closed from the other side before everything that was asked for had come.
+    bool closedEarly = false;
+    /// Unset if none came in time, or what came is none.
+    std::optional<InitialInfo> initialInfo;
+    /// Number of the current sequence; unset, as all that follows, if none was announced in time.
+    std::optional<std::uint16_t> sequenceNr;
+    /// Code of the current sequence's codec.
+    std::optional<std::uint32_t> fourcc;
+    /// The codec's header as it was sent.
+    Buffer codecHeader;
+    /// Set if the codec is PCM and its header is valid.
+    std::optional<StreamFormat> format;
+    /// Path of the main channel's socket file; empty if the announced URI is none that a sender
+    /// announces: below a "VlxSender-" directory, short enough for a socket, a socket or, in
+    /// Pipeline, nothing yet.
+    std::string socketFile;
+    /// Mode of the socket file; 0 if there is none.
+    mode_t socketFileMode = 0;
+    /// Whether this user may join: in PubSub write to the socket file, in Pipeline make it.
+    bool mayJoin = false;
+};
+
+/// Connects to a sender's sidechannel, reads what a new receiver would be told, looks at the socket
+/// file, and closes. Nothing that comes back can stop the process. One who does not answer keeps a
+/// place in his backlog occupied for as long as he does not accept: do not ask again and again.
+///
+/// @param name     the sender's name in the abstract socket namespace
+/// @param timeout  for the whole exchange. A sender that has not started a sequence yet sends no
+///                 second message, and then the call takes this long
+/// @thread any
+VLX_API SenderProbe probeSender(const std::string& name, std::chrono::milliseconds timeout);
+
+/// One sender of this machine.
+struct SenderEntry
+{
+    std::string name;
+    pid_t process = 0;
+    std::string command; ///< name of its program
+    uid_t user = 0;
+    /// Receivers that are joined, by the connections to its name; a probe counts while it asks.
+    std::size_t receivers = 0;
+    /// Path of its socket file as the kernel knows it; empty for one in Pipeline.
+    std::string socketFile;
+};
+
+/// All senders that could be found.
+struct SenderList
+{
+    std::vector<SenderEntry> senders; ///< ordered by name
+    /// Processes that send and whose names only their own users and root may learn.
+    std::vector<pid_t> hidden;
+};
+
+/// Finds the senders of this machine and network namespace, in /proc alone: nobody is connected to.
+///
+/// @thread any
+VLX_API SenderList listSenders();
+
+/// A directory that a killed sender has left behind.
+struct DeadDirectory
+{
+    std::string path;
+    /// Empty if it was removed, otherwise why not, in one line.
+    std::string problem;
+};
+
+/// Removes from a base directory what dead senders have left: directories that no reachable sender
+/// announces, in which nobody serves a socket, and that are older than a minute. Never one that is
+/// in doubt.
+///
+/// @param baseDirectory  empty: "TMPDIR", or "/tmp/vlx"
+/// @return what was found to be dead, ordered by path
+/// @thread any
+VLX_API std::vector<DeadDirectory> removeDeadDirectories(const std::string& baseDirectory = {});
+
+/// @return whether another socket is bound to the name in the abstract socket namespace, so that a
+///         sender could not take it
+/// @thread any
+VLX_API bool isNameTaken(const std::string& name);
+
+/// @return the four characters of a code, for messages
+VLX_API std::string toFourccText(std::uint32_t fourcc);
+
+} // namespace vlx::kit

@@ -1,0 +1,161 @@
+#pragma once
+
+/// A stream's sending end with everything around it that a program needs.
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <vlxkit/RealTime.hpp>
+#include <vlxkit/StreamFormat.hpp>
+
+#include <vlx/SideChannel.hpp>
+#include <vlx/VlxPayload.hpp>
+#include <vlx/VlxTypes.hpp>
+
+namespace vlx::kit
+{
+
+/// Whose receivers may join a stream. Whoever may write to a publisher's socket file can also end
+/// the publishing process.
+enum class SocketMode
+{
+    /// Those of the sender's user.
+    Owner,
+    /// Those of the sender's group as well.
+    Group,
+    /// Everybody's.
+    All,
+};
+
+/// What a stream is, before it is opened.
+struct ProducerOptions
+{
+    /// Of the stream, 1 to 107 bytes.
+    std::string name;
+    /// Taken when another sender holds the name; empty: none, opening then fails.
+    std::string alternativeName = {};
+    NanomsgProtocol protocol = NanomsgProtocol::PubSub;
+    /// Clock that the timestamps stand on, as announced.
+    TimeSyncProtocol clock = TimeSyncProtocol::MonotonicSystemClock;
+    /// Announced address and port of the network clock's provider; empty and 0: none.
+    std::string clockAddress = {};
+    std::uint16_t clockPort = 0;
+    SocketMode socketMode = SocketMode::Owner;
+    /// Where senders and receivers of this machine meet; empty: "TMPDIR", or "/tmp/vlx", which is
+    /// made if it is missing. Any other directory must exist; "TMPDIR" is then set to it while the
+    /// stream is opened, so no other thread may use the environment at that moment.
+    std::string baseDirectory = {};
+    RealTime realTime = {};
+    /// Gets what a user may want to know and no error is, one line each, on the thread that calls
+    /// open(). Empty: such lines go to the logger "Vellox.Kit" as WARN.
+    std::function<void(const std::string&)> onNotice = {};
+};
+
+/// Counts of a producer since its construction.
+struct ProducerStatistics
+{
+    std::uint64_t frames = 0;
+    std::uint64_t bytes = 0; ///< of media data
+    std::uint64_t sequences = 0;
+    std::size_t receivers = 0; ///< joined now
+};
+
+/// Sends one stream. It opens the stream so that nobody misses its beginning, keeps those on board
+/// who join while a sequence begins, and lets the last frame leave before it closes.
+///
+/// One thread opens, sends and closes; stop() and getStatistics() may come from any other. The
+/// caller paces the frames: what a receiver cannot take at once is lost to that receiver, so
+/// several frames at once are lost in part.
+///
+/// Nothing throws but the standard library (no memory, no thread). A failure is a false result, and
+/// getProblem() says in one line what it was.
+class Producer
+{
+public:
+    VLX_API explicit Producer(ProducerOptions options);
+
+    /// Calls close().
+    VLX_API ~Producer();
+
+    Producer(const Producer&) = delete;
+    Producer& operator=(const Producer&) = delete;
+
+    /// Opens the stream with PCM audio: checks or makes the base directory, initialises the sender
+    /// and starts the first sequence directly after it, sets who may join, narrows the sender's
+    /// directory so that nobody else can put anything into it, and wakes the receivers that wait.
+    ///
+    /// @return false if it cannot be opened, or stop() was called; see getProblem()
+    /// @pre the producer is not open
+    VLX_API bool open(const StreamFormat& format);
+
+    /// The same for any other codec.
+    ///
+    /// @param payloader  not owned; must outlive its use, until close() or the next setFormat()
+    VLX_API bool open(Payloader& payloader);
+
+    /// Opens a new sequence if the format differs from the present one; nothing otherwise.
+    ///
+    /// @return false if stop() was called, or the stream is not open
+    VLX_API bool setFormat(const StreamFormat& format);
+
+    /// Opens a new sequence with the payloader's present header, whether it is the same or not.
+    VLX_API bool setFormat(Payloader& payloader);
+
+    /// Sends one frame. PubSub: never blocks. Pipeline: blocks until the receiver takes it; stop()
+    /// ends that wait. Opens another sequence first if a receiver has joined within a second of the
+    /// last one, since it may have missed that. Allocates nothing per frame.
+    ///
+    /// @param timestamp  of the frame's first sample, nanoseconds on the announced clock
+    /// @param duration   nanoseconds
+    /// @param mediaData  whole samples in the present format; not used after the call
+    /// @return false if stop() was called, or the stream is not open: the frame was not sent
+    VLX_API bool send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
+
+    /// Does what send() does for receivers that have just joined. For a producer that sends nothing
+    /// for more than some milliseconds: call it every few.
+    ///
+    /// @return receivers now joined
+    VLX_API std::size_t checkReceivers();
+
+    /// Waits until so many receivers have joined. In Pipeline a receiver counts when it has bound.
+    ///
+    /// @param timeout  zero: as long as it takes
+    /// @return false if the time ran out or stop() was called
+    VLX_API bool waitForReceivers(
+        std::size_t count,
+        std::chrono::nanoseconds timeout = std::chrono::nanoseconds::zero());
+
+    /// Frees a send that blocks, and makes this and every later one return false. May come before
+    /// or during open(). Irrevocable.
+    ///
+    /// @thread any; not from a signal handler
+    VLX_API void stop();
+
+    /// Closes the stream. If frames were sent, waits until the last one has had its duration, at
+    /// least 100 ms, since what has not left the process by then is lost; after stop() 100 ms at
+    /// most. Does nothing on a producer that is not open. It may be opened again, unless stopped.
+    VLX_API void close();
+
+    /// @return the name under which the stream was opened; empty before
+    VLX_API const std::string& getName() const;
+
+    /// @return path of the main channel's socket file; empty before open(). In Pipeline the
+    ///         receiver makes it
+    VLX_API const std::string& getSocketFile() const;
+
+    /// @return why the last operation failed, in one line; empty if none has
+    VLX_API const std::string& getProblem() const;
+
+    /// @thread any
+    VLX_API ProducerStatistics getStatistics() const;
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+} // namespace vlx::kit
