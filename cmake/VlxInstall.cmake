@@ -1,4 +1,4 @@
-# Installs the libraries, the headers, the CMake package and the pkg-config file. All of them find
+# Installs the libraries, the headers, the CMake package and the pkg-config files. All of them find
 # each other by relative paths, so that `cmake --install BUILD --prefix PREFIX` may put them
 # anywhere.
 
@@ -11,19 +11,19 @@ include(CMakePackageConfigHelpers)
 set(vlx_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tavo_vellox)
 
 # Libraries. Siblings lie beside each other; another build of the companion stays where it is.
-set(vlx_libraries vellox)
+set(vlx_libraries vellox vellox_kit)
 if(NOT VLX_COMPANION_DIR)
     list(APPEND vlx_libraries miscUtils)
 endif()
 set_target_properties(${vlx_libraries} PROPERTIES
     INSTALL_RPATH $ORIGIN
     INSTALL_RPATH_USE_LINK_PATH ON)
-install(TARGETS vellox miscUtils audioUtils vlx_span
+install(TARGETS vellox vellox_kit miscUtils audioUtils vlx_span
     EXPORT tavo_velloxTargets
     LIBRARY COMPONENT runtime NAMELINK_COMPONENT development)
 
 # Headers.
-set(vlx_header_dirs include/vlx companion/audioUtils)
+set(vlx_header_dirs include/vlx kit/vlxkit companion/audioUtils)
 if(NOT VLX_COMPANION_DIR)
     list(APPEND vlx_header_dirs companion/miscUtils)
 endif()
@@ -53,7 +53,7 @@ install(FILES
     DESTINATION ${vlx_package_dir}
     COMPONENT development)
 
-# pkg-config file.
+# pkg-config files.
 file(RELATIVE_PATH VLX_PC_TO_PREFIX
     ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" VLX_PC_TO_PREFIX ${VLX_PC_TO_PREFIX})
@@ -72,10 +72,12 @@ if(VLX_COMPANION_DIR)
     string(APPEND VLX_PC_LIBS " -L${vlx_companion_libdir}")
 endif()
 string(APPEND VLX_PC_LIBS " -ltavo_miscUtils -pthread")
-configure_file(cmake/tavo_vellox.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tavo_vellox.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tavo_vellox.pc
-    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-    COMPONENT development)
+foreach(package tavo_vellox tavo_vellox_kit)
+    configure_file(cmake/${package}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${package}.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${package}.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+        COMPONENT development)
+endforeach()
 
 # The command-line tool, which tools/ installs, finds the libraries from where it lies.
 if(TARGET vlx)
