@@ -6,8 +6,7 @@ namespace vlx
 {
 
 /// Undoes a set-up that did not reach its end, or releases what the scope holds: runs the action
-/// when the scope is left, by return or
-/// by exception, unless it was dismissed.
+/// when the scope is left, by return or by exception, unless it was dismissed.
 template <class Action>
 class ScopeGuard
 {

@@ -24,6 +24,7 @@
 
 #include "Assertions.hpp"
 #include "Guards.hpp"
+#include "SocketFileMode.hpp"
 #include "SystemHelpers.hpp"
 
 namespace vlx
@@ -660,7 +661,7 @@ Receiver::ConnectionRetval Receiver::connectNanomsgMainChannel()
     if (isPipeline && uri.starts_with(IpcUriPrefix))
     {
         LOG4CPLUS_INFO(logger, "Changing the permissions of socket " << uri << " to 622");
-        ::chmod(uri.c_str() + IpcUriPrefix.size(), IpcSocketMode);
+        changeSocketFileMode(uri.substr(IpcUriPrefix.size()), IpcSocketMode);
     }
 
     setIntOption(m_nanomsgMainFD, NN_RCVBUF, NanomsgReceiveBufferBytes);
