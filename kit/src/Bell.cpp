@@ -1,7 +1,5 @@
 #include "Bell.hpp"
 
-#include <string>
-
 #include <SystemHelpers.hpp>
 #include <unistd.h>
 
@@ -10,10 +8,11 @@
 namespace vlx::kit
 {
 
-bool ringBell()
+bool ringBell(const std::string& baseDirectory)
 {
+    const std::string directory = baseDirectory.empty() ? getBaseDirectory() : baseDirectory;
     return flashDirectoryEntry(
-        getBaseDirectory() + "/.bell-" + SenderDirectoryPrefix + std::to_string(::getpid()));
+        directory + "/.bell-" + SenderDirectoryPrefix + std::to_string(::getpid()));
 }
 
 } // namespace vlx::kit

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 namespace vlx::kit
 {
 
@@ -11,8 +13,9 @@ namespace vlx::kit
 ///
 /// Call it after initializeSender() and startNewSequence().
 ///
+/// @param baseDirectory  where the sender's own directory is; empty: "TMPDIR", or "/tmp/vlx"
 /// @return whether it rang; otherwise errno tells why, and receivers join up to 400 ms later
-/// @thread any, one at a time
-bool ringBell();
+/// @thread any
+bool ringBell(const std::string& baseDirectory = {});
 
 } // namespace vlx::kit

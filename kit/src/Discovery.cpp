@@ -1,12 +1,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 #include <Fourcc.hpp>
 #include <LittleEndian.hpp>
 #include <SystemHelpers.hpp>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 #include <vlxkit/Discovery.hpp>
@@ -25,6 +28,10 @@ using Clock = std::chrono::steady_clock;
 constexpr std::uint32_t MaxMessageBytes = 1 << 20;
 
 constexpr std::size_t SequenceInfoHeaderBytes = 8;
+
+constexpr std::string_view IpcScheme = "ipc://";
+
+constexpr std::size_t MaxSocketPathLength = sizeof(sockaddr_un::sun_path) - 1;
 
 class Socket
 {
@@ -139,8 +146,60 @@ void takeSequenceInfo(const Buffer& packet, SenderProbe& answer)
     if (packet.size() < SequenceInfoHeaderBytes ||
         parsePacketType(packet) != PacketType::SequenceInfo)
         return;
+    answer.sequenceNr = parsePacketSequenceNr(packet);
     answer.fourcc = ByteCursor(ByteView(packet), 4).read<std::uint32_t>();
     answer.codecHeader.assign(packet.begin() + SequenceInfoHeaderBytes, packet.end());
+    PcmDepayloader depayloader;
+    if (answer.fourcc == PcmFourcc && depayloader.processCodecHeader(answer.codecHeader))
+        answer.format = {
+            depayloader.getSampleFormat(), depayloader.getSampleRate(),
+            depayloader.getNumChannels()};
+}
+
+/// @return the path of the socket file that the sender announces; empty if no sender announces such
+///         a URI. nanomsg removes what does not answer there, and aborts at a path that is too long
+std::string parseSocketFile(const std::string& uri)
+{
+    if (!uri.starts_with(IpcScheme))
+        return {};
+    const std::string path = uri.substr(IpcScheme.size());
+    const std::size_t slash = path.rfind('/');
+    const bool isAbsolute = path.starts_with('/');
+    if (!isAbsolute || path.size() > MaxSocketPathLength || path.find("/..") != std::string::npos)
+        return {};
+    const std::size_t parent = path.rfind('/', slash - 1) + 1;
+    const bool isBelowSenderDirectory =
+        slash > 0 &&
+        path.compare(parent, std::strlen(SenderDirectoryPrefix), SenderDirectoryPrefix) == 0;
+    return isBelowSenderDirectory ? path : std::string();
+}
+
+bool isPermitted(const std::string& path, int rights)
+{
+    return ::faccessat(AT_FDCWD, path.c_str(), rights, AT_EACCESS) == 0;
+}
+
+void examineSocketFile(SenderProbe& answer)
+{
+    const bool isPipeline = answer.initialInfo->nanomsgProtocol == NanomsgProtocol::Pipeline;
+    const std::string path = parseSocketFile(answer.initialInfo->nanomsgURI);
+    if (path.empty())
+        return;
+
+    struct stat status = {};
+    if (::lstat(path.c_str(), &status) == 0)
+    {
+        if (!S_ISSOCK(status.st_mode))
+            return;
+        answer.socketFileMode = status.st_mode & 07777;
+    }
+    else if (errno == ENOENT && !isPipeline)
+        return;
+    else if (errno != ENOENT && errno != EACCES)
+        return;
+    answer.socketFile = path;
+    answer.mayJoin = isPipeline ? isPermitted(path.substr(0, path.rfind('/')), W_OK | X_OK)
+                                : isPermitted(path, W_OK);
 }
 
 } // unnamed namespace
@@ -153,8 +212,8 @@ SenderProbe probeSender(const std::string& name, std::chrono::milliseconds timeo
     const sockaddr_un address = makeAddress(name, length);
     if (::connect(socket.getFD(), toSockaddr(address), length) != 0)
     {
-        // The backlog of somebody who is stopped or busy is full.
-        answer.reached = errno == EAGAIN;
+        answer.busy = errno == EAGAIN; // his backlog is full
+        answer.reached = answer.busy;
         return answer;
     }
     answer.reached = true;
@@ -164,6 +223,7 @@ SenderProbe probeSender(const std::string& name, std::chrono::milliseconds timeo
     if (reader.read(message) && isInitialInfo(message))
     {
         answer.initialInfo = parseInitialInfoPacket(message);
+        examineSocketFile(answer);
         if (reader.read(message))
             takeSequenceInfo(message, answer);
     }

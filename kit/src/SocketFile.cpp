@@ -3,12 +3,16 @@
 #include <cerrno>
 #include <chrono>
 #include <string_view>
+#include <thread>
 
+#include <Guards.hpp>
+#include <SocketFileMode.hpp>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vlxkit/Discovery.hpp>
 
 #include <miscUtils/MiscUtils.hpp>
-#include <vlx/SideChannel.hpp>
 
 namespace vlx::kit
 {
@@ -16,39 +20,121 @@ namespace vlx::kit
 namespace
 {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr auto AnswerTimeout = std::chrono::milliseconds(1000);
+constexpr auto BusyRetryInterval = std::chrono::milliseconds(1);
 constexpr std::string_view IpcScheme = "ipc://";
 
-mode_t toFileMode(SocketMode mode)
+struct Modes
+{
+    mode_t file;
+    mode_t pubSubDirectory;   // receivers only look the socket file up there
+    mode_t pipelineDirectory; // the receiver makes it there; nobody else may then remove it
+};
+
+constexpr Modes toModes(SocketMode mode)
 {
     switch (mode)
     {
     case SocketMode::Owner:
-        return 0600;
+        break;
     case SocketMode::Group:
-        return 0660;
+        return {0660, 0750, 01770};
     case SocketMode::All:
-        return 0666;
+        return {0666, 0755, 01777};
     }
-    return 0600;
+    return {0600, 0700, 0700};
+}
+
+std::string describe(const std::string& path, int error)
+{
+    return "\"" + path + "\": " + miscUtils::strerror_r_safe(error);
+}
+
+/// @return 0, or an error number: ENOTDIR for anything but a directory, EPERM for another user's
+int narrowDirectory(int fd, mode_t mode)
+{
+    struct stat status = {};
+    if (::fstat(fd, &status) != 0)
+        return errno;
+    if (!S_ISDIR(status.st_mode))
+        return ENOTDIR;
+    if (status.st_uid != ::geteuid())
+        return EPERM;
+    // Such a descriptor cannot be given to fchmod.
+    const std::string throughDescriptor = "/proc/self/fd/" + std::to_string(fd);
+    return ::chmod(throughDescriptor.c_str(), mode) == 0 ? 0 : errno;
+}
+
+bool isOwnSocket(int directoryFD, const std::string& name)
+{
+    struct stat status = {};
+    return ::fstatat(directoryFD, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISSOCK(status.st_mode) && status.st_uid == ::geteuid();
+}
+
+/// A pipeline receiver of a user who may join has made it, or nobody has yet.
+bool isSocketOrNothing(int directoryFD, const std::string& name)
+{
+    struct stat status = {};
+    if (::fstatat(directoryFD, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT;
+    return S_ISSOCK(status.st_mode);
+}
+
+/// Takes away what is not ours, so that the sender can be shut down: nanomsg aborts the process if
+/// something is there that it cannot unlink. A directory with something in it can only be renamed.
+void removeIntruder(int directoryFD, const std::string& name)
+{
+    const std::string aside = name + ".foreign";
+    if (::unlinkat(directoryFD, name.c_str(), 0) != 0 &&
+        ::unlinkat(directoryFD, name.c_str(), AT_REMOVEDIR) != 0)
+        ::renameat(directoryFD, name.c_str(), directoryFD, aside.c_str());
 }
 
 } // unnamed namespace
 
-std::string setSocketFileMode(const std::string& name, SocketMode mode)
+std::string findSocketFile(const std::string& name)
 {
-    // The file's path is known from outside only by what the sender announces.
-    const SenderProbe answer = probeSender(name, AnswerTimeout);
-    if (!answer.initialInfo)
-        return "the sender \"" + name + "\" does not say where its socket file is";
-    if (answer.initialInfo->nanomsgProtocol == NanomsgProtocol::Pipeline)
+    const auto deadline = Clock::now() + AnswerTimeout;
+    SenderProbe answer = probeSender(name, AnswerTimeout);
+    // Receivers that have waited may have filled the backlog before its thread came to run.
+    while (answer.busy && Clock::now() < deadline)
+    {
+        std::this_thread::sleep_for(BusyRetryInterval);
+        answer = probeSender(name, AnswerTimeout);
+    }
+    if (!answer.initialInfo || !answer.initialInfo->nanomsgURI.starts_with(IpcScheme))
         return {};
+    return answer.initialInfo->nanomsgURI.substr(IpcScheme.size());
+}
 
-    std::string path = answer.initialInfo->nanomsgURI;
-    if (path.starts_with(IpcScheme))
-        path.erase(0, IpcScheme.size());
-    if (::chmod(path.c_str(), toFileMode(mode)) != 0)
-        return "cannot set the mode of \"" + path + "\": " + miscUtils::strerror_r_safe(errno);
+std::string protectSocketFile(const std::string& path, NanomsgProtocol protocol, SocketMode mode)
+{
+    const bool isPipeline = protocol == NanomsgProtocol::Pipeline;
+    const Modes modes = toModes(mode);
+    const std::size_t slash = path.rfind('/');
+    const std::string directory = path.substr(0, slash);
+    const std::string name = path.substr(slash + 1);
+
+    const int fd = ::open(directory.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return "somebody has replaced the sender's directory " + describe(directory, errno);
+    const ScopeGuard directoryGuard([fd] { ::close(fd); });
+    if (const int error =
+            narrowDirectory(fd, isPipeline ? modes.pipelineDirectory : modes.pubSubDirectory))
+        return "cannot narrow the sender's directory " + describe(directory, error);
+
+    if (!(isPipeline ? isSocketOrNothing(fd, name) : isOwnSocket(fd, name)))
+    {
+        removeIntruder(fd, name);
+        return "somebody has replaced the sender's socket file \"" + path + "\"";
+    }
+    if (isPipeline) // its receiver sets the mode
+        return {};
+    if (const int error = changeSocketFileMode(path, modes.file))
+        return "cannot set the mode of " + describe(path, error);
     return {};
 }
 

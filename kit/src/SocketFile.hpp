@@ -4,18 +4,31 @@
 
 #include <vlxkit/Producer.hpp>
 
+#include <vlx/SideChannel.hpp>
+
 namespace vlx::kit
 {
 
-/// Sets who may join the main channel of a sender of this process.
+/// Asks a sender of this process, by its name, where its socket file is: only what it announces
+/// tells.
 ///
-/// The library creates the socket file under the process's umask, and with the usual one another
-/// user's receiver joins and never gets a frame. Call this after initializeSender() and
-/// startNewSequence(). A pipeline sender has no socket file, and nothing is done for it.
-///
-/// @param name  the name under which the sender was initialised
-/// @return empty if it was done; otherwise one line that says what went wrong
+/// @return the path; empty if the sender does not answer in time
 /// @thread any
-std::string setSocketFileMode(const std::string& name, SocketMode mode);
+std::string findSocketFile(const std::string& name);
+
+/// Sets who may join the main channel of a sender of this process, and keeps everybody else from
+/// putting anything into its directory.
+///
+/// The library leaves the directory open to everyone, and gives the socket file the mode that the
+/// process's umask leaves: under the usual one another user's receiver joins and never gets a frame,
+/// and whoever replaces the file by a directory has nanomsg abort the process when it closes. So the
+/// directory is narrowed first; what somebody else has put there before is then found and removed.
+///
+/// Call this directly after initializeSender() and startNewSequence().
+///
+/// @return empty if it was done; otherwise one line that says what went wrong. The sender can then
+///         be shut down without harm, and should be
+/// @thread any
+std::string protectSocketFile(const std::string& path, NanomsgProtocol protocol, SocketMode mode);
 
 } // namespace vlx::kit

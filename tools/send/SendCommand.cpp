@@ -88,7 +88,8 @@ void makeKnown(
 {
     sender.setCurrentPayloader(payloader);
     announcer.announce();
-    const std::string problem = kit::setSocketFileMode(options.name, options.socketMode);
+    const std::string problem = kit::protectSocketFile(
+        kit::findSocketFile(options.name), options.protocol, options.socketMode);
     if (!problem.empty())
         printNotice(problem + "; receivers of other users may get no frames");
     kit::ringBell();

@@ -1,0 +1,485 @@
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include <SystemHelpers.hpp>
+#include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
+#include <vlxkit/BaseDirectory.hpp>
+#include <vlxkit/Discovery.hpp>
+#include <vlxkit/Producer.hpp>
+
+#include <vlx/VlxPayload.hpp>
+#include <vlx/VlxSender.hpp>
+
+#include "Bell.hpp"
+#include "ScopedTmpdir.hpp"
+#include "SocketFile.hpp"
+#include "TailWait.hpp"
+
+namespace vlx::kit
+{
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+// A receiver that is between its sidechannel and its main-channel connection when a sequence is
+// started hears of it on neither, and then refuses every frame. That is common just after a sender
+// has started, when all that waited for it join at once. So whoever joins so soon after a sequence
+// has another one started, which he cannot miss any more. Far longer than joining takes on a busy
+// machine.
+constexpr auto JoiningTime = std::chrono::seconds(1);
+
+constexpr auto ReceiverCheckInterval = std::chrono::milliseconds(5);
+
+// Longer ones are no durations, and must not overflow the arithmetic.
+constexpr TimeValue MaxTailWaitNs = 3600ULL * 1'000'000'000;
+
+// The header of a PCM sequence has one byte for them.
+constexpr std::uint32_t MaxChannels = 255;
+
+log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox.Kit"));
+
+std::string quote(const std::string& text)
+{
+    return '"' + text + '"';
+}
+
+bool isUsableName(const std::string& name)
+{
+    return !name.empty() && name.size() <= MaxSocketNameLength;
+}
+
+std::string findProblem(const ProducerOptions& options)
+{
+    if (!isUsableName(options.name) ||
+        (!options.alternativeName.empty() && !isUsableName(options.alternativeName)))
+        return "the name of a stream has 1 to " + std::to_string(MaxSocketNameLength) + " bytes";
+    if (options.clockAddress.find('\0') != std::string::npos)
+        return "the clock's address holds a 0 byte";
+    if (options.protocol != NanomsgProtocol::PubSub &&
+        options.protocol != NanomsgProtocol::Pipeline)
+        return "the stream's protocol is neither pubsub nor pipeline";
+    return {};
+}
+
+std::string findProblem(const StreamFormat& format)
+{
+    if (format.rate > 0 && format.channels <= MaxChannels && format.getBytesPerSample() > 0)
+        return {};
+    return "a stream needs a known sample format, a rate of at least 1 and 1 to " +
+           std::to_string(MaxChannels) + " channels";
+}
+
+} // unnamed namespace
+
+class Producer::Impl
+{
+public:
+    explicit Impl(ProducerOptions options) : m_options(std::move(options)) {}
+
+    bool open(const StreamFormat& format);
+    bool open(Payloader& payloader);
+    bool setFormat(const StreamFormat& format);
+    bool setFormat(Payloader& payloader);
+    bool send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
+    std::size_t checkReceivers();
+    bool waitForReceivers(std::size_t count, std::chrono::nanoseconds timeout);
+    void stop();
+    void close();
+    ProducerStatistics getStatistics() const;
+
+    const std::string& getName() const
+    {
+        return m_name;
+    }
+
+    const std::string& getSocketFile() const
+    {
+        return m_socketFile;
+    }
+
+    const std::string& getProblem() const
+    {
+        return m_problem;
+    }
+
+private:
+    bool openSender();
+    bool initializeSender(const std::string& name);
+    bool publish(std::unique_ptr<Sender> sender);
+    bool protectStream();
+    void shutDown();
+    void announce();
+    bool isUsable();
+    bool fail(const std::string& problem);
+    void notify(const std::string& notice) const;
+
+    // Constant.
+    const ProducerOptions m_options;
+
+    // Of the producing thread.
+    PcmPayloader m_pcmPayloader;
+    Payloader* m_payloader = nullptr;     // current one, not owned
+    std::optional<StreamFormat> m_format; // unset for a payloader of the caller's
+    std::string m_name;
+    std::string m_socketFile;
+    std::string m_problem;
+    Clock::time_point m_lastSequence;             // when it was started
+    std::size_t m_numReceivers = 0;               // just before that, or at a later check
+    std::optional<Clock::time_point> m_lastFrame; // when it was sent
+    std::chrono::nanoseconds m_lastDuration{0};
+
+    // Of any thread.
+    std::atomic<std::uint64_t> m_frames = 0;
+    std::atomic<std::uint64_t> m_bytes = 0;
+    std::atomic<std::uint64_t> m_sequences = 0;
+    std::atomic<bool> m_stopped = false;
+
+    // Guards the pointer against stop() and getStatistics(), not what it points to. The producing
+    // thread changes it under the lock and reads it without.
+    mutable std::mutex m_mutex;
+    std::condition_variable m_stopRequested; // with m_mutex and m_stopped
+    std::unique_ptr<Sender> m_sender;        // null while not open
+};
+
+bool Producer::Impl::open(const StreamFormat& format)
+{
+    const std::string problem = findProblem(format);
+    if (!problem.empty())
+        return fail(problem);
+    m_pcmPayloader.setNewFormat(format.rate, format.channels, format.sampleFormat);
+    if (!open(m_pcmPayloader))
+        return false;
+    m_format = format;
+    return true;
+}
+
+bool Producer::Impl::open(Payloader& payloader)
+{
+    if (m_sender != nullptr)
+        return fail("the stream " + quote(m_name) + " is open already");
+    const std::string problem = findProblem(m_options);
+    if (!problem.empty())
+        return fail(problem);
+
+    m_problem.clear();
+    m_payloader = &payloader;
+    m_format.reset();
+    if (openSender() && protectStream() && isUsable())
+        return true;
+    shutDown();
+    return false;
+}
+
+/// As far as the first sequence: the sooner it comes, the fewer receivers have joined that could
+/// miss it.
+bool Producer::Impl::openSender()
+{
+    if (m_stopped)
+        return fail("stopped");
+
+    const ScopedTmpdir tmpdir(m_options.baseDirectory);
+    const BaseDirectory base = prepareBaseDirectory(BaseDirectoryUse::Send);
+    if (!base.problem.empty())
+        return fail(base.problem);
+    if (base.created)
+        notify("created " + base.path + " (mode 1777), where senders and receivers meet");
+
+    const RealTimeScope realTime(m_options.realTime);
+    if (!realTime.getProblem().empty())
+    {
+        if (m_options.realTime.use == RealTimeUse::Require)
+            return fail(realTime.getProblem());
+        notify(realTime.getProblem());
+    }
+
+    if (!isNameTaken(m_options.name))
+        return initializeSender(m_options.name);
+    if (!m_options.alternativeName.empty() && !isNameTaken(m_options.alternativeName))
+        return initializeSender(m_options.alternativeName);
+    return fail("the name " + quote(m_options.name) + " is taken by another sender");
+}
+
+bool Producer::Impl::initializeSender(const std::string& name)
+{
+    auto sender = std::make_unique<Sender>();
+    try
+    {
+        if (!sender->initializeSender(
+                name, {}, m_options.clockAddress, m_options.clockPort, m_options.clock,
+                m_options.protocol))
+            return fail("cannot open the stream " + quote(name) + "; the library's log says why");
+    }
+    catch (const std::system_error& error)
+    {
+        return fail("cannot open the stream " + quote(name) + ": " + error.what());
+    }
+    m_name = name;
+    if (!publish(std::move(sender)))
+        return false;
+    m_sender->setCurrentPayloader(*m_payloader);
+    announce();
+    return true;
+}
+
+/// From here on a stop finds the sender.
+bool Producer::Impl::publish(std::unique_ptr<Sender> sender)
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_sender = std::move(sender);
+    }
+    return isUsable();
+}
+
+bool Producer::Impl::protectStream()
+{
+    m_socketFile = findSocketFile(m_name);
+    if (m_socketFile.empty())
+        return fail("the stream " + quote(m_name) + " does not answer its own process");
+    const std::string problem =
+        protectSocketFile(m_socketFile, m_options.protocol, m_options.socketMode);
+    if (!problem.empty())
+        return fail(problem);
+
+    // Beside the sender's directory, wherever the environment points to by now.
+    const std::string directory = m_socketFile.substr(0, m_socketFile.rfind('/'));
+    ringBell(directory.substr(0, directory.rfind('/')));
+    return true;
+}
+
+bool Producer::Impl::setFormat(const StreamFormat& format)
+{
+    if (!isUsable())
+        return false;
+    if (m_format == format)
+        return true;
+    const std::string problem = findProblem(format);
+    if (!problem.empty())
+        return fail(problem);
+    m_pcmPayloader.setNewFormat(format.rate, format.channels, format.sampleFormat);
+    const bool done = setFormat(m_pcmPayloader);
+    m_format = format;
+    return done;
+}
+
+bool Producer::Impl::setFormat(Payloader& payloader)
+{
+    if (!isUsable())
+        return false;
+    m_format.reset();
+    if (m_payloader != &payloader)
+    {
+        m_payloader = &payloader;
+        m_sender->setCurrentPayloader(payloader);
+    }
+    announce();
+    return isUsable();
+}
+
+bool Producer::Impl::send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData)
+{
+    if (!isUsable())
+        return false;
+    // Later nobody can have missed the sequence, and the count takes locks.
+    if (Clock::now() - m_lastSequence < JoiningTime)
+        checkReceivers();
+
+    m_sender->sendMediaData(timestamp, duration, mediaData);
+    if (!isUsable())
+        return false;
+    m_lastFrame = Clock::now();
+    m_lastDuration = std::chrono::nanoseconds(std::min(duration, MaxTailWaitNs));
+    m_frames.fetch_add(1, std::memory_order_relaxed);
+    m_bytes.fetch_add(mediaData.size(), std::memory_order_relaxed);
+    return true;
+}
+
+std::size_t Producer::Impl::checkReceivers()
+{
+    if (m_sender == nullptr)
+        return 0;
+    const std::size_t before = std::exchange(m_numReceivers, m_sender->getNumReceivers());
+    const std::size_t now = m_numReceivers;
+    if (now > before && Clock::now() - m_lastSequence < JoiningTime)
+        announce();
+    return now;
+}
+
+void Producer::Impl::announce()
+{
+    m_numReceivers = m_sender->getNumReceivers();
+    m_sender->startNewSequence();
+    m_lastSequence = Clock::now();
+    m_sequences.fetch_add(1, std::memory_order_relaxed);
+}
+
+bool Producer::Impl::waitForReceivers(std::size_t count, std::chrono::nanoseconds timeout)
+{
+    const auto start = Clock::now();
+    while (isUsable())
+    {
+        if (checkReceivers() >= count)
+            return isUsable();
+        if (timeout > timeout.zero() && Clock::now() - start >= timeout)
+            return fail("too few receivers have joined in time");
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_stopRequested.wait_for(lock, ReceiverCheckInterval, [this] { return m_stopped.load(); });
+    }
+    return false;
+}
+
+void Producer::Impl::stop()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_stopped = true;
+    if (m_sender != nullptr)
+        m_sender->disableSend(true);
+    m_stopRequested.notify_all();
+}
+
+void Producer::Impl::close()
+{
+    if (m_sender == nullptr)
+        return;
+    if (m_lastFrame)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_stopRequested.wait_until(
+            lock, *m_lastFrame + getTailWait(m_lastDuration), [this] { return m_stopped.load(); });
+        if (m_stopped)
+        {
+            lock.unlock();
+            std::this_thread::sleep_until(*m_lastFrame + getTailWait({}));
+        }
+    }
+    shutDown();
+}
+
+void Producer::Impl::shutDown()
+{
+    if (m_sender == nullptr)
+        return;
+    m_sender->shutdownSender();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_sender.reset();
+    m_lastFrame.reset();
+}
+
+ProducerStatistics Producer::Impl::getStatistics() const
+{
+    ProducerStatistics statistics;
+    statistics.frames = m_frames.load(std::memory_order_relaxed);
+    statistics.bytes = m_bytes.load(std::memory_order_relaxed);
+    statistics.sequences = m_sequences.load(std::memory_order_relaxed);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_sender != nullptr)
+        statistics.receivers = m_sender->getNumReceivers();
+    return statistics;
+}
+
+/// @return whether the stream is open and not being stopped; otherwise the problem says it
+bool Producer::Impl::isUsable()
+{
+    if (m_stopped)
+        return fail("stopped");
+    if (m_sender == nullptr)
+        return fail("the stream is not open");
+    return true;
+}
+
+bool Producer::Impl::fail(const std::string& problem)
+{
+    m_problem = problem;
+    return false;
+}
+
+void Producer::Impl::notify(const std::string& notice) const
+{
+    if (m_options.onNotice)
+        m_options.onNotice(notice);
+    else
+        LOG4CPLUS_WARN(logger, notice);
+}
+
+Producer::Producer(ProducerOptions options) : m_impl(std::make_unique<Impl>(std::move(options))) {}
+
+Producer::~Producer()
+{
+    close();
+}
+
+bool Producer::open(const StreamFormat& format)
+{
+    return m_impl->open(format);
+}
+
+bool Producer::open(Payloader& payloader)
+{
+    return m_impl->open(payloader);
+}
+
+bool Producer::setFormat(const StreamFormat& format)
+{
+    return m_impl->setFormat(format);
+}
+
+bool Producer::setFormat(Payloader& payloader)
+{
+    return m_impl->setFormat(payloader);
+}
+
+bool Producer::send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData)
+{
+    return m_impl->send(timestamp, duration, mediaData);
+}
+
+std::size_t Producer::checkReceivers()
+{
+    return m_impl->checkReceivers();
+}
+
+bool Producer::waitForReceivers(std::size_t count, std::chrono::nanoseconds timeout)
+{
+    return m_impl->waitForReceivers(count, timeout);
+}
+
+void Producer::stop()
+{
+    m_impl->stop();
+}
+
+void Producer::close()
+{
+    m_impl->close();
+}
+
+const std::string& Producer::getName() const
+{
+    return m_impl->getName();
+}
+
+const std::string& Producer::getSocketFile() const
+{
+    return m_impl->getSocketFile();
+}
+
+const std::string& Producer::getProblem() const
+{
+    return m_impl->getProblem();
+}
+
+ProducerStatistics Producer::getStatistics() const
+{
+    return m_impl->getStatistics();
+}
+
+} // namespace vlx::kit
