@@ -1,33 +1,37 @@
 // A receiver's input loop, pass by pass, fed by both channels with packets that are valid, nearly
-// valid and neither; a model says what each pass returns and which callbacks it makes. The sockets
-// of the main channel live from input to input.
+// valid and neither. What is delivered was sent, in its order and after its announcement, numbers
+// never fall within a connection, and the next connection works whatever the one before has seen.
+// The sockets of the main channel live from input to input.
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
+#include <nanomsg/nn.h>
+#include <nanomsg/pipeline.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <vlx/VlxReceiver.hpp>
 
 #include "support/Check.hpp"
-#include "support/InputModel.hpp"
+#include "support/Codecs.hpp"
+#include "support/FramedPeer.hpp"
 #include "support/InputReader.hpp"
-#include "support/MainChannel.hpp"
-#include "support/Polls.hpp"
-#include "support/ReceiverAccess.hpp"
-#include "support/Sidechannel.hpp"
-#include "support/SilentLog.hpp"
+#include "support/TestAccess.hpp"
 
 namespace
 {
 
 using namespace vlx;
 using fuzz::check;
-using fuzz::Event;
+using Access = ReceiverTestAccess;
 
-constexpr std::size_t MaxPassesAtOnce = 64;
+constexpr const char* MainChannelUri = "inproc://main-channel";
+constexpr int MaxPassesAtOnce = 64;
 
 // What stands behind them in an input is not played: many short inputs find more than a long one.
 constexpr int MaxSteps = 48;
@@ -42,295 +46,334 @@ int findFreeDescriptor()
     return number;
 }
 
+/// Packets of one channel, in their order.
+struct Channel
+{
+    std::vector<Buffer> packets = {};
+    std::size_t numPassed = 0;
+
+    /// @return whether such a packet was sent behind the one that was found last
+    bool find(const Buffer& packet)
+    {
+        std::size_t i = numPassed;
+        while (i < packets.size() && !fuzz::startsWith(packets[i], packet))
+            ++i;
+        if (i == packets.size())
+            return false;
+        numPassed = i + 1;
+        return true;
+    }
+};
+
 class Harness
 {
 public:
-    Harness();
-    ~Harness();
+    Harness() : m_pushFD(::nn_socket(AF_SP, NN_PUSH))
+    {
+        check(::pipe2(wakeupPipe(), O_CLOEXEC) == 0, "the system gives a pipe");
+        Access::keepRunning(m_receiver) = true;
+        m_receiver.addDepayloader(m_pcm);
+        m_receiver.addDepayloader(m_scrambler);
+        m_receiver.setNewSequenceCallback([this](Depayloader& depayloader)
+                                          { onNewSequence(depayloader); });
+        m_receiver.setReceiverIsReadyCallback([this](Depayloader&, Receiver::StreamClockType)
+                                              { onReady(); });
+        m_receiver.setMediaDataCallback(
+            [this](TimeValue timestamp, TimeValue duration, const Buffer& mediaData)
+            { onFrame(timestamp, duration, mediaData); });
 
-    Harness(const Harness&) = delete;
-    Harness& operator=(const Harness&) = delete;
+        // Pipeline, whose sender knows what was taken.
+        InitialInfo info{};
+        info.nanomsgProtocol = NanomsgProtocol::Pipeline;
+        info.nanomsgURI = MainChannelUri;
+        Access::initialInfo(m_receiver) = info;
+        check(
+            Access::connectNanomsgMainChannel(m_receiver) == Access::ConnectionRetval::Success &&
+                ::nn_connect(m_pushFD, MainChannelUri) >= 0,
+            "both ends of the main channel open");
+    }
 
-    void play(fuzz::InputReader input);
+    ~Harness()
+    {
+        ::nn_close(m_pushFD);
+        Access::disconnectNanomsgMainChannel(m_receiver);
+        for (int i = 0; i < 2; ++i)
+            ::close(std::exchange(wakeupPipe()[i], -1));
+    }
+
+    void play(fuzz::InputReader input)
+    {
+        const int freeBefore = findFreeDescriptor();
+        int numConnections = 0;
+        for (int i = 0; i < MaxSteps && !input.isEmpty(); ++i)
+        {
+            if (!m_isRunning && ++numConnections > MaxConnections)
+                break;
+            if (!m_isRunning)
+                connect(input.take());
+            step(input);
+        }
+        checkStillWorks();
+        disconnect();
+        m_peer.close();
+        check(findFreeDescriptor() == freeBefore, "no descriptor is left open");
+    }
 
 private:
-    void connect(fuzz::InputReader& input);
-    void disconnect();
-    void step(fuzz::InputReader& input);
-    Buffer makePacket(std::uint8_t kind, fuzz::InputReader& input);
-    std::uint16_t takeSequenceNr(fuzz::InputReader& input);
-    void pass();
-    void passUntilQuiet();
-    void failToPoll();
-    void compareStates(bool isStopped);
-    void recordFrame(TimeValue timestamp, TimeValue duration, const Buffer& mediaData);
+    Access::Pipe& wakeupPipe()
+    {
+        return Access::loopWakeupPipe(m_receiver);
+    }
 
-    Receiver m_receiver;
-    ReceiverTestAccess m_worker{m_receiver};
+    int getSidechannel()
+    {
+        return Access::sideChannelSocketFD(m_receiver);
+    }
+
+    std::uint16_t getCurrentNr()
+    {
+        return Access::currentSequenceNr(m_receiver);
+    }
+
+    void connect(std::uint8_t clock)
+    {
+        InitialInfo info{};
+        info.timeSyncProtocol = static_cast<TimeSyncProtocol>(clock / 4);
+        info.timeSyncPort = clock % 4 == 3 ? 4711 : 0;
+        Access::initialInfo(m_receiver) = info;
+        Access::sideChannelSocketFD(m_receiver) = m_peer.open();
+        Access::connectingState(m_receiver) = Access::ConnectingState::Connected;
+        Access::setState(m_receiver, Receiver::State::Running);
+        m_seen = {};
+        m_isRunning = true;
+    }
+
+    /// Does what a worker does when a connection is lost, but keeps the main channel.
+    void disconnect()
+    {
+        Access::disconnectSidechannel(m_receiver);
+        Access::resetConnectionStates(m_receiver);
+        Access::setState(m_receiver, Receiver::State::Idle);
+        void* message = nullptr;
+        while (::nn_recv(
+                   Access::nanomsgMainFD(m_receiver), static_cast<void*>(&message), NN_MSG,
+                   NN_DONTWAIT) >= 0)
+            ::nn_freemsg(message);
+        m_isRunning = false;
+    }
+
+    void step(fuzz::InputReader& input)
+    {
+        const std::uint8_t choice = input.take();
+        const std::uint8_t detail = choice / 16;
+        switch (choice % 16)
+        {
+        case 9:
+        case 10: // no length that would have to be allocated
+        {
+            const Buffer rubbish = fuzz::frame(input.takeBytes(detail));
+            m_peer.write(rubbish, input.take() % rubbish.size());
+            m_peer.close();
+            break;
+        }
+        case 11:
+            m_peer.close();
+            break;
+        case 12:
+            check(::write(wakeupPipe()[1], "1", 1) == 1, "the pipe takes a byte");
+            m_isWoken = true;
+            break;
+        case 13:
+        case 14:
+        case 15:
+            passUntilQuiet();
+            break;
+        default:
+            sendPacket(choice % 16, makePacket(detail, input));
+        }
+    }
+
+    /// On one channel or the other, with passes after it or without.
+    void sendPacket(int way, const Buffer& packet)
+    {
+        if (way < 4 || way == 7)
+            send(packet);
+        else if (const Buffer framed = fuzz::frame(packet);
+                 m_peer.write(framed, framed.size()) == framed.size())
+            m_seen.side.packets.push_back(packet);
+        else
+            m_peer.close();
+        if (way < 4)
+            pass();
+        else if (way < 7)
+            passUntilQuiet();
+    }
+
+    /// @param kind  0 to 15; the higher ones make packets with a flaw
+    Buffer makePacket(std::uint8_t kind, fuzz::InputReader& input)
+    {
+        Buffer packet;
+        const std::uint16_t sequenceNr = takeSequenceNr(input);
+        if (kind % 4 == 0)
+            produceSequenceInfoPacket(packet, PcmFourcc, input.takeBytes(6), sequenceNr);
+        else if (kind % 4 == 1)
+            produceSequenceInfoPacket(
+                packet, fuzz::ScrambleFourcc, input.takeBytes(input.take() % 4), sequenceNr);
+        else
+        {
+            const auto timestamp = input.take<std::uint16_t>();
+            const auto duration = input.take<std::uint16_t>();
+            PcmPayloader().produceFramePacket(
+                packet, sequenceNr, timestamp, duration, input.takeBlock());
+        }
+        if (kind >= 14)
+            packet.resize(std::min<std::size_t>(packet.size(), input.take()));
+        else if (kind >= 12)
+            packet[input.take() % packet.size()] = input.take();
+        else if (kind >= 10)
+            packet[0] = input.take();
+        return packet;
+    }
+
+    std::uint16_t takeSequenceNr(fuzz::InputReader& input)
+    {
+        constexpr std::array<int, 8> FromCurrent = {0, 0, 0, 1, 1, -1};
+        constexpr std::array<std::uint16_t, 8> AroundTheWrap = {0,     1,     14,    15,
+                                                                65519, 65520, 65530, 65535};
+        const std::uint8_t choice = input.take();
+        if (choice % 8 == 6)
+            return AroundTheWrap[choice / 8 % AroundTheWrap.size()];
+        if (choice % 8 == 7)
+            return input.take<std::uint16_t>();
+        return static_cast<std::uint16_t>(getCurrentNr() + FromCurrent[choice % 8]);
+    }
+
+    /// Sends on the main channel, unless it is full.
+    void send(const Buffer& packet)
+    {
+        if (::nn_send(m_pushFD, packet.data(), packet.size(), NN_DONTWAIT) >= 0)
+            m_seen.main.packets.push_back(packet);
+        else
+            check(errno == EAGAIN, "a packet is sent or there is no room for it");
+    }
+
+    bool hasInput()
+    {
+        std::array<pollfd, 3> entries = {
+            pollfd{wakeupPipe()[0], POLLIN, 0},
+            pollfd{Access::getNanomsgWatchFD(m_receiver), POLLIN, 0},
+            pollfd{getSidechannel(), POLLIN, 0}};
+        return ::poll(entries.data(), entries.size(), 0) > 0;
+    }
+
+    /// One pass, unless it would wait.
+    ///
+    /// @return whether something was done, and the connection lives on
+    bool pass()
+    {
+        if (m_isRunning && getSidechannel() < 0 && !hasInput())
+            disconnect();
+        if (!m_isRunning || !hasInput())
+            return false;
+        m_numEvents = 0;
+        const bool mustStop = std::exchange(m_isWoken, false);
+        const bool goesOn = Access::listenForInput(m_receiver);
+        check(
+            Access::keepRunning(m_receiver).exchange(true) == !mustStop,
+            "a wakeup, and nothing else, stops the worker");
+        check(!mustStop || m_numEvents == 0, "a wakeup comes first");
+        check(getCurrentNr() >= m_seen.highestNr, "numbers never fall within a connection");
+        m_seen.highestNr = getCurrentNr();
+        if (!goesOn)
+            disconnect();
+        return goesOn;
+    }
+
+    void passUntilQuiet()
+    {
+        for (int i = 0; i < MaxPassesAtOnce && pass(); ++i)
+        {
+        }
+    }
+
+    bool wasSent(const Buffer& packet)
+    {
+        ++m_numEvents;
+        return m_seen.main.find(packet) || m_seen.side.find(packet);
+    }
+
+    void onNewSequence(const Depayloader& depayloader)
+    {
+        m_seen.isScrambled = &depayloader == &m_scrambler;
+        const Buffer header =
+            m_seen.isScrambled ? m_scrambler.lastHeader : fuzz::produceAgain(m_pcm);
+        Buffer packet;
+        produceSequenceInfoPacket(packet, depayloader.getFourcc(), header, getCurrentNr());
+        check(wasSent(packet), "a sequence was announced by the sender, in its turn");
+        check(getCurrentNr() > m_seen.announcedNr, "each sequence is announced once");
+        m_seen.announcedNr = getCurrentNr();
+    }
+
+    void onReady()
+    {
+        check(m_seen.announcedNr != 0, "readiness comes after the announcement");
+        check(!std::exchange(m_seen.isReady, true), "readiness is told once");
+    }
+
+    void onFrame(TimeValue timestamp, TimeValue duration, const Buffer& mediaData)
+    {
+        check(m_seen.announcedNr != 0, "no frame comes before its announcement");
+        Buffer packet;
+        PcmPayloader().produceFramePacket(
+            packet, m_seen.announcedNr, timestamp, duration,
+            m_seen.isScrambled ? fuzz::scramble(mediaData) : mediaData);
+        check(wasSent(packet), "a frame of the announced sequence was sent, in its turn");
+    }
+
+    /// Whatever came before: the next sequence and its frames are delivered, on this connection or
+    /// on another.
+    void checkStillWorks()
+    {
+        passUntilQuiet();
+        if (m_isRunning && (hasInput() || getCurrentNr() == 0xFFFF))
+            disconnect();
+        if (!m_isRunning)
+            connect(0);
+
+        const auto number = static_cast<std::uint16_t>(getCurrentNr() + 1);
+        PcmPayloader payloader;
+        payloader.setNewFormat(48'000, 2, audioUtils::PcmFormat::S16LE);
+        Buffer packet;
+        produceSequenceInfoPacket(packet, PcmFourcc, payloader.getCodecHeader(), number);
+        send(packet);
+        check(pass() && m_seen.announcedNr == number, "the next sequence is announced");
+        payloader.produceFramePacket(packet, number, 1, 2, Buffer(8, 3));
+        send(packet);
+        check(pass() && m_numEvents == 1, "a frame of the next sequence is delivered");
+    }
+
     PcmDepayloader m_pcm;
     fuzz::ScrambleDepayloader m_scrambler;
-    fuzz::MainChannel m_mainChannel{m_worker};
-    fuzz::Sidechannel m_sidechannel;
-    fuzz::InputModel m_model{m_mainChannel, m_sidechannel};
-    std::vector<Event> m_events;
+    Receiver m_receiver;
+    fuzz::FramedPeer m_peer; // the sidechannel's other end
+    int m_pushFD;            // the main channel's
     bool m_isRunning = false;
-    std::uint16_t m_announcedNr = 0; // of the last new-sequence callback
+    bool m_isWoken = false;
+    int m_numEvents = 0; // sequences and frames of this pass
+
+    /// Of the present connection.
+    struct Seen
+    {
+        Channel main = {};
+        Channel side = {};
+        std::uint16_t highestNr = 0;
+        std::uint16_t announcedNr = 0;
+        bool isScrambled = false;
+        bool isReady = false;
+    };
+
+    Seen m_seen;
 };
-
-Harness::Harness()
-{
-    check(::pipe2(m_worker.wakeupPipe(), O_CLOEXEC) == 0, "the system gives a pipe");
-    m_worker.takeKeepRunning();
-    m_receiver.addDepayloader(m_pcm);
-    m_receiver.addDepayloader(m_scrambler);
-    m_receiver.setNewSequenceCallback(
-        [this](Depayloader& depayloader)
-        {
-            Event event{Event::Kind::NewSequence, depayloader.getFourcc()};
-            if (&depayloader == &m_pcm)
-                event.sampleRate = m_pcm.getSampleRate();
-            m_events.push_back(event);
-            m_announcedNr = m_worker.getCurrentSequenceNr();
-        });
-    m_receiver.setReceiverIsReadyCallback(
-        [this](Depayloader& depayloader, Receiver::StreamClockType clockType) {
-            m_events.push_back({Event::Kind::Ready, depayloader.getFourcc(), 0, clockType});
-        });
-    m_receiver.setMediaDataCallback(
-        [this](TimeValue timestamp, TimeValue duration, const Buffer& mediaData)
-        { recordFrame(timestamp, duration, mediaData); });
-}
-
-Harness::~Harness()
-{
-    for (int& end : m_worker.wakeupPipe())
-    {
-        ::close(end);
-        end = -1;
-    }
-}
-
-void Harness::recordFrame(TimeValue timestamp, TimeValue duration, const Buffer& mediaData)
-{
-    check(
-        m_announcedNr != 0 && m_announcedNr == m_worker.getDepayloaderList().getCurrentSequenceNr(),
-        "a frame belongs to the sequence that was announced last");
-    Event event{Event::Kind::Frame};
-    event.timestamp = timestamp;
-    event.duration = duration;
-    event.mediaData = mediaData;
-    m_events.push_back(std::move(event));
-}
-
-void Harness::play(fuzz::InputReader input)
-{
-    const int freeBefore = findFreeDescriptor();
-    int numConnections = 0;
-    for (int i = 0; i < MaxSteps && !input.isEmpty(); ++i)
-    {
-        if (!m_isRunning && ++numConnections > MaxConnections)
-            break;
-        if (!m_isRunning)
-            connect(input);
-        step(input);
-    }
-    if (m_isRunning)
-    {
-        m_sidechannel.close();
-        passUntilQuiet();
-    }
-    if (m_isRunning)
-        disconnect();
-    m_sidechannel.close();
-    check(findFreeDescriptor() == freeBefore, "no descriptor is left open");
-}
-
-void Harness::connect(fuzz::InputReader& input)
-{
-    const std::uint8_t clock = input.take();
-    const bool hasPort = clock % 4 == 3;
-    InitialInfo info{};
-    info.timeSyncProtocol = static_cast<TimeSyncProtocol>(clock / 4);
-    info.timeSyncPort = hasPort ? 4711 : 0;
-
-    std::optional<Receiver::StreamClockType> readyClock = Receiver::StreamClockType::NoClock;
-    if (info.timeSyncProtocol == TimeSyncProtocol::MonotonicSystemClock)
-        readyClock = Receiver::StreamClockType::MonotonicSystemClock;
-    else if (hasPort)
-        readyClock.reset();
-
-    m_worker.enterRunning(m_sidechannel.open(), info);
-    m_model.connect(readyClock);
-    m_isRunning = true;
-}
-
-void Harness::disconnect()
-{
-    m_worker.leaveRunning();
-    m_model.disconnect();
-    m_mainChannel.drain();
-    m_announcedNr = 0;
-    m_isRunning = false;
-}
-
-void Harness::step(fuzz::InputReader& input)
-{
-    const std::uint8_t choice = input.take();
-    const std::uint8_t detail = choice / 16;
-    switch (choice % 16)
-    {
-    case 0:
-    case 1:
-    case 2:
-    case 3:
-        m_mainChannel.send(makePacket(detail, input));
-        pass();
-        break;
-    case 4:
-    case 5:
-    case 6:
-    {
-        const Buffer packet = makePacket(detail, input);
-        m_sidechannel.writeMessage(packet, packet.size());
-        passUntilQuiet();
-        break;
-    }
-    case 7:
-        m_mainChannel.send(makePacket(detail, input));
-        break;
-    case 8:
-    {
-        const Buffer packet = makePacket(detail, input);
-        m_sidechannel.writeMessage(packet, packet.size());
-        break;
-    }
-    case 9:
-        m_sidechannel.writeMessage(input.takeBytes(detail), input.take());
-        break;
-    case 10:
-        m_sidechannel.write(input.takeBytes(detail));
-        break;
-    case 11:
-        m_sidechannel.close();
-        break;
-    case 12:
-        check(::write(m_worker.wakeupPipe()[1], "1", 1) == 1, "the pipe takes a byte");
-        m_model.wakeUp();
-        break;
-    case 13:
-        fuzz::failNextPolls(detail, EINTR);
-        pass();
-        break;
-    case 14:
-        failToPoll();
-        break;
-    case 15:
-        passUntilQuiet();
-        break;
-    }
-}
-
-/// @param kind  0 to 15; the higher ones make packets with a flaw
-Buffer Harness::makePacket(std::uint8_t kind, fuzz::InputReader& input)
-{
-    Buffer packet;
-    const std::uint16_t sequenceNr = takeSequenceNr(input);
-    if (kind % 4 == 0)
-        produceSequenceInfoPacket(packet, PcmFourcc, input.takeBytes(6), sequenceNr);
-    else if (kind % 4 == 1)
-        produceSequenceInfoPacket(
-            packet, fuzz::ScrambleFourcc, input.takeBytes(input.take() % 4), sequenceNr);
-    else
-    {
-        const auto timestamp = input.take<std::uint16_t>();
-        const auto duration = input.take<std::uint16_t>();
-        PcmPayloader().produceFramePacket(
-            packet, sequenceNr, timestamp, duration, input.takeBlock());
-    }
-
-    if (kind >= 14)
-        packet.resize(std::min<std::size_t>(packet.size(), input.take()));
-    else if (kind >= 12)
-        packet[input.take() % packet.size()] = input.take();
-    else if (kind >= 10)
-        packet[0] = input.take();
-    return packet;
-}
-
-std::uint16_t Harness::takeSequenceNr(fuzz::InputReader& input)
-{
-    constexpr std::array<std::uint16_t, 8> AroundTheWrap = {0,     1,     14,    15,
-                                                            65519, 65520, 65530, 65535};
-    const std::uint8_t choice = input.take();
-    const std::uint16_t current = m_model.getSequenceNr();
-    switch (choice % 8)
-    {
-    case 0:
-    case 1:
-    case 2:
-        return current;
-    case 3:
-    case 4:
-        return static_cast<std::uint16_t>(current + 1);
-    case 5:
-        return static_cast<std::uint16_t>(current - 1);
-    case 6:
-        return AroundTheWrap[choice / 8 % AroundTheWrap.size()];
-    default:
-        return input.take<std::uint16_t>();
-    }
-}
-
-/// One pass, unless it would wait for ever.
-void Harness::pass()
-{
-    if (!m_isRunning || !m_model.canPass())
-        return;
-    std::vector<Event> expected;
-    m_events.clear();
-    const bool shouldGoOn = m_model.pass(expected);
-    const bool goesOn = m_worker.listenForInput();
-    check(goesOn == shouldGoOn, "a pass keeps the connection or gives it up as it should");
-    check(m_events == expected, "a pass makes the callbacks that it should");
-    compareStates(m_model.takeStop());
-    if (!goesOn)
-        disconnect();
-}
-
-void Harness::passUntilQuiet()
-{
-    for (std::size_t i = 0; i < MaxPassesAtOnce && m_isRunning && m_model.canPass(); ++i)
-        pass();
-}
-
-void Harness::failToPoll()
-{
-    fuzz::failNextPolls(1, ENOMEM);
-    m_events.clear();
-    check(!m_worker.listenForInput(), "a poll that fails gives the connection up");
-    check(m_events.empty(), "a poll that fails makes no callback");
-    disconnect();
-}
-
-void Harness::compareStates(bool isStopped)
-{
-    using ConnectingState = ReceiverTestAccess::ConnectingState;
-    check(m_worker.takeKeepRunning() == !isStopped, "only a wakeup stops the worker");
-    check(
-        m_worker.getCurrentSequenceNr() == m_model.getSequenceNr(),
-        "the number is the sequence's that was adopted last");
-    check(
-        m_worker.isSequenceAnnounced() == m_model.isSequenceAnnounced(),
-        "a sequence counts as announced after its callback");
-    check(
-        (m_worker.getSidechannel() >= 0) == m_model.isSidechannelOpen() &&
-            m_worker.getConnectingState() == (m_model.isSidechannelOpen()
-                                                  ? ConnectingState::Connected
-                                                  : ConnectingState::NotConnected),
-        "the sidechannel is closed when the sender has closed it");
-    check(m_receiver.getState() == Receiver::State::Running, "the input loop changes no state");
-    m_model.getList().compare(m_worker.getDepayloaderList(), m_pcm, m_scrambler);
-}
 
 } // unnamed namespace
 
@@ -338,6 +381,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     fuzz::silenceLog();
     static Harness harness;
-    harness.play(fuzz::InputReader(data, size));
+    harness.play({data, size});
     return 0;
 }

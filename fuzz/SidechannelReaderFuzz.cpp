@@ -1,110 +1,90 @@
-// The sidechannel's reader over a socket pair: messages and rubbish, written in slices of any
-// length, each read compared with a model.
+// The sidechannel's reader over a socket pair: messages that are written in slices of any length,
+// the last one perhaps in part, arrive whole, unchanged and in their turn, and a read takes no
+// bytes of the next one.
 
-#include <fcntl.h>
 #include <sys/ioctl.h>
 
-#include <vlx/VlxReceiver.hpp>
-
 #include "support/Check.hpp"
+#include "support/FramedPeer.hpp"
 #include "support/InputReader.hpp"
-#include "support/ReceiverAccess.hpp"
-#include "support/Sidechannel.hpp"
-#include "support/SilentLog.hpp"
+#include "support/TestAccess.hpp"
 
 namespace
 {
 
 using namespace vlx;
 using fuzz::check;
-using Result = fuzz::Sidechannel::Result;
+using Access = ReceiverTestAccess;
+
+// What one call of the reader returns.
+constexpr int MessageComplete = 1;
+constexpr int ConnectionGone = 2;
 
 class Run
 {
 public:
-    Run(const std::uint8_t* data, std::size_t size) : m_input(data, size)
+    void play(fuzz::InputReader input)
     {
-        m_worker.enterRunning(m_sidechannel.open(), {});
-    }
-
-    ~Run()
-    {
-        m_worker.leaveRunning();
-    }
-
-    Run(const Run&) = delete;
-    Run& operator=(const Run&) = delete;
-
-    void play()
-    {
-        while (!m_input.isEmpty() && m_isConnected)
-            step();
-        m_sidechannel.close();
+        Access::sideChannelSocketFD(m_receiver) = m_peer.open();
+        while (!input.isEmpty() && m_isConnected)
+        {
+            const std::uint8_t choice = input.take();
+            const std::size_t count = choice / 4;
+            if (choice % 4 < 2)
+                addMessage(choice % 4 == 0 ? input.takeBytes(count) : input.takeBlock());
+            else if (choice % 4 == 3)
+                m_numWritten += m_peer.write(ByteView(m_stream).subspan(m_numWritten), count);
+            else
+                for (std::size_t i = 0; i <= count && m_isConnected && countPending() > 0; ++i)
+                    read();
+        }
+        m_peer.close();
         while (m_isConnected)
             read();
+        const bool isNextWhole =
+            m_numRead < m_messages.size() &&
+            m_numWritten >= m_numConsumed + fuzz::frame(m_messages[m_numRead]).size();
+        check(
+            !isNextWhole || m_messages[m_numRead].empty(),
+            "what was written whole arrives, unless an empty message ends the connection");
+        Access::disconnectSidechannel(m_receiver);
     }
 
 private:
-    void step()
+    void addMessage(const ByteView& message)
     {
-        const std::uint8_t choice = m_input.take();
-        switch (choice % 4)
-        {
-        case 0:
-            m_sidechannel.write(m_input.takeBytes(choice / 4));
-            break;
-        case 1:
-        {
-            const ByteView message = m_input.takeBlock();
-            m_sidechannel.writeMessage(message, message.size());
-            break;
-        }
-        case 2:
-            for (int i = 0; i <= choice / 4 && m_isConnected && m_sidechannel.isReadable(); ++i)
-                read();
-            break;
-        case 3:
-            if (choice / 4 == 0 && !m_sidechannel.isReadable())
-                failToRead();
-            else
-                m_sidechannel.write(m_input.takeBytes(1));
-            break;
-        }
+        m_messages.emplace_back(message.begin(), message.end());
+        const Buffer framed = fuzz::frame(message);
+        m_stream.insert(m_stream.end(), framed.begin(), framed.end());
     }
 
-    /// One call, which must neither block nor read more than its share.
+    std::size_t countPending()
+    {
+        int size = 0;
+        ::ioctl(Access::sideChannelSocketFD(m_receiver), FIONREAD, &size);
+        return static_cast<std::size_t>(size);
+    }
+
     void read()
     {
-        const Result expected = m_sidechannel.read();
-        const auto result = static_cast<Result>(m_worker.readSidechannelMessage());
-        check(result == expected, "a call of the reader ends as it should");
-        m_isConnected = result != Result::Gone;
-        if (result == Result::Complete)
-            check(
-                m_worker.getSidechannelBuffer() == m_sidechannel.getMessage(),
-                "a message arrives whole and unchanged");
-
-        int numLeft = 0;
-        ::ioctl(m_worker.getSidechannel(), FIONREAD, &numLeft);
-        check(
-            static_cast<std::size_t>(numLeft) == m_sidechannel.getPendingBytes(),
-            "a call takes its own bytes and leaves the others");
+        const int result = Access::readSidechannelMessage(m_receiver);
+        m_isConnected = result != ConnectionGone;
+        if (result != MessageComplete)
+            return;
+        check(m_numRead < m_messages.size(), "no message arrives that was not written");
+        const Buffer& message = m_messages[m_numRead++];
+        check(Access::sidechannelBuffer(m_receiver) == message, "a message arrives unchanged");
+        m_numConsumed += fuzz::frame(message).size();
+        check(m_numWritten - countPending() == m_numConsumed, "the next one stays where it is");
     }
 
-    /// A read that fails, here because it would block, counts as a connection that is gone.
-    void failToRead()
-    {
-        ::fcntl(m_worker.getSidechannel(), F_SETFL, O_NONBLOCK);
-        check(
-            static_cast<Result>(m_worker.readSidechannelMessage()) == Result::Gone,
-            "a connection that cannot be read is gone");
-        m_isConnected = false;
-    }
-
-    fuzz::InputReader m_input;
-    fuzz::Sidechannel m_sidechannel;
+    fuzz::FramedPeer m_peer;
     Receiver m_receiver;
-    ReceiverTestAccess m_worker{m_receiver};
+    Buffer m_stream;
+    std::vector<Buffer> m_messages;
+    std::size_t m_numWritten = 0;
+    std::size_t m_numConsumed = 0;
+    std::size_t m_numRead = 0;
     bool m_isConnected = true;
 };
 
@@ -113,6 +93,6 @@ private:
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     fuzz::silenceLog();
-    Run(data, size).play();
+    Run().play({data, size});
     return 0;
 }

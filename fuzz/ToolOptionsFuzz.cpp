@@ -1,9 +1,9 @@
 // Command lines of the tool: refused with an explanation, or read into options that keep to what
 // the help says. The words of a command line are the lines of the input.
 
-#include <algorithm>
 #include <chrono>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,16 +39,12 @@ struct Program
 };
 
 /// @return the lines, last one first, as the parser takes them
-std::vector<std::string> splitBackwards(std::string_view text)
+std::vector<std::string> splitBackwards(const std::string& text)
 {
     std::vector<std::string> words;
-    while (!text.empty())
-    {
-        const std::size_t end = std::min(text.find('\n'), text.size());
-        words.emplace_back(text.substr(0, end));
-        text.remove_prefix(std::min(end + 1, text.size()));
-    }
-    std::reverse(words.begin(), words.end());
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+        words.insert(words.begin(), line);
     return words;
 }
 
@@ -98,8 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     program.receiveOptions = {};
     try
     {
-        program.app.parse(
-            splitBackwards(std::string_view(reinterpret_cast<const char*>(data), size)));
+        program.app.parse(splitBackwards({reinterpret_cast<const char*>(data), size}));
     }
     catch (const CLI::ParseError& error)
     {

@@ -22,18 +22,14 @@ public:
         return m_rest.empty();
     }
 
-    /// @return the next bytes as an integer, lowest first
+    /// @return the next bytes as an integer of the machine
     template <std::unsigned_integral Integer = std::uint8_t>
     Integer take()
     {
-        std::uint64_t value = 0;
-        std::uint64_t shift = 0;
-        for (const unsigned char byte : takeBytes(sizeof(Integer)))
-        {
-            value |= std::uint64_t{byte} << shift;
-            shift += 8;
-        }
-        return static_cast<Integer>(value);
+        Integer value = 0;
+        const ByteView bytes = takeBytes(sizeof(Integer));
+        std::copy(bytes.begin(), bytes.end(), reinterpret_cast<unsigned char*>(&value));
+        return value;
     }
 
     /// @return the next bytes, fewer if there are no more
@@ -44,15 +40,10 @@ public:
         return bytes;
     }
 
-    /// @return bytes behind a length of one byte
+    /// @return the next bytes behind a length of one byte
     ByteView takeBlock()
     {
         return takeBytes(take());
-    }
-
-    ByteView takeRest()
-    {
-        return takeBytes(m_rest.size());
     }
 
 private:

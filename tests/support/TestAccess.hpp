@@ -228,6 +228,21 @@ public:
         return receiver.m_inotifyFD;
     }
 
+    static std::atomic<bool>& keepRunning(Receiver& receiver)
+    {
+        return receiver.m_keepRunning;
+    }
+
+    static bool listenForInput(Receiver& receiver)
+    {
+        return receiver.listenForInput();
+    }
+
+    static void resetConnectionStates(Receiver& receiver)
+    {
+        receiver.resetConnectionStates();
+    }
+
     static bool handleSequenceInfoPacket(Receiver& receiver)
     {
         return receiver.handleSequenceInfoPacket();
