@@ -1,6 +1,6 @@
-# Installs the libraries, the headers, the CMake package and the pkg-config files. All of them find
-# each other by relative paths, so that `cmake --install BUILD --prefix PREFIX` may put them
-# anywhere.
+# Installs the libraries, the headers, the CMake package, the pkg-config files and what systemd wants
+# to know; programs, plugin and pages are installed where they are built. All of them find each other
+# by relative paths, so that `cmake --install BUILD --prefix PREFIX` may put them anywhere.
 
 option(VLX_INSTALL "Make install rules" ${PROJECT_IS_TOP_LEVEL})
 if(NOT VLX_INSTALL)
@@ -87,3 +87,13 @@ if(TARGET vlx)
         INSTALL_RPATH $ORIGIN/${vlx_bindir_to_libdir}
         INSTALL_RPATH_USE_LINK_PATH ON)
 endif()
+
+# Below the prefix, so that a private one stays private. systemd looks in /usr and in /usr/local.
+file(READ packaging/systemd/hardening.conf HARDENING)
+foreach(unit vlx-send@ vlx-receive@)
+    configure_file(packaging/systemd/${unit}.service ${CMAKE_CURRENT_BINARY_DIR}/${unit}.service @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${unit}.service
+        DESTINATION lib/systemd/system
+        COMPONENT tools)
+endforeach()
+install(FILES packaging/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME vlx.conf COMPONENT runtime)
