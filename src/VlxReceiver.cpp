@@ -22,10 +22,14 @@
 #include <miscUtils/MiscUtils.hpp>
 #include <vlx/VlxReceiver.hpp>
 
+#include "AbstractName.hpp"
 #include "Assertions.hpp"
+#include "Descriptors.hpp"
+#include "ErrorText.hpp"
 #include "Guards.hpp"
+#include "SenderDirectory.hpp"
 #include "SocketFileMode.hpp"
-#include "SystemHelpers.hpp"
+#include "WakeupPipe.hpp"
 
 namespace vlx
 {
@@ -54,7 +58,6 @@ constexpr int MessageIncomplete = 0;
 constexpr int MessageComplete = 1;
 constexpr int SidechannelGone = 2;
 
-constexpr std::uint32_t ReadingPrefix = 0xFFFFFFFF;
 constexpr std::size_t PrefixBytes = 4;
 
 // The header and at least one more byte, which the packet functions take for granted.
@@ -248,7 +251,7 @@ bool Receiver::initializeReceiver(std::string socketAddress)
         m_stateChangedCallback(State::Connecting);
 
     // A receiver whose worker could not be started is idle again when the exception leaves.
-    ScopeGuard workerGuard([this] { forgetInitialization(); });
+    ScopeGuard workerGuard([this] { undoInitialization(); });
     startThread();
     workerGuard.dismiss();
     startFsMonitorThread();
@@ -256,7 +259,7 @@ bool Receiver::initializeReceiver(std::string socketAddress)
     return true;
 }
 
-void Receiver::forgetInitialization()
+void Receiver::undoInitialization()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     closePipe(m_loopWakeupPipe);
@@ -318,7 +321,7 @@ void Receiver::threadLoop()
 
 bool Receiver::iterate()
 {
-    if (!isWantedToRun())
+    if (!shouldKeepRunning())
         return false;
 
     switch (m_state.load())
@@ -349,7 +352,7 @@ bool Receiver::iterate()
     return true;
 }
 
-bool Receiver::isWantedToRun() const
+bool Receiver::shouldKeepRunning() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_keepRunning;
@@ -1059,7 +1062,7 @@ void Receiver::fsMonitorThreadLoop()
     {
         pollfd entry = {m_inotifyFD, POLLIN, 0};
         const int numActive = ::poll(&entry, 1, MonitorTimeoutMs);
-        if (!isWantedToRun())
+        if (!shouldKeepRunning())
             return;
         if (numActive <= 0 || entry.revents == 0)
             continue;

@@ -19,10 +19,14 @@
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxSender.hpp>
 
+#include "AbstractName.hpp"
 #include "Assertions.hpp"
+#include "Descriptors.hpp"
+#include "ErrorText.hpp"
 #include "Fourcc.hpp"
 #include "Guards.hpp"
-#include "SystemHelpers.hpp"
+#include "SenderDirectory.hpp"
+#include "WakeupPipe.hpp"
 
 namespace vlx
 {
@@ -325,12 +329,13 @@ bool Sender::setupListener()
 }
 
 // One pass per poll: a wakeup ends the thread, a newcomer is greeted, and those who left are
-// removed. NOLINTNEXTLINE(readability-function-size): its log lines carry this function's name
+// removed.
+// NOLINTNEXTLINE(readability-function-size): its log lines carry this function's name
 void Sender::listenerThreadLoop()
 {
     blockSigpipeInThisThread();
 
-    while (isListenerThreadWanted())
+    while (shouldKeepRunning())
     {
         std::vector<pollfd>& entries = *m_pollFDs;
         if (pollUninterrupted(entries.data(), entries.size(), NoTimeout) < 0)
@@ -421,7 +426,7 @@ void Sender::listenerThreadLoop()
     m_listenerThreadRunning = false;
 }
 
-bool Sender::isListenerThreadWanted() const
+bool Sender::shouldKeepRunning() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_listenerThreadRunning;

@@ -189,10 +189,10 @@ private:
     // Worker thread and state machine. All but the first three run on the worker.
     void startThread();
     void stopThread();
-    void forgetInitialization();
+    void undoInitialization();
     void threadLoop();
     bool iterate();
-    bool isWantedToRun() const; // also the monitor
+    bool shouldKeepRunning() const; // also the monitor
     void setState(State newState, bool force);
     void setReceiverToIdle();
     void resetConnectionStates(); // m_mutex is held by the caller
@@ -261,9 +261,10 @@ private:
     std::function<void(Depayloader&)> m_newSequenceCallback;
 
     // Sidechannel message reader; worker thread.
-    std::uint32_t m_sidechannelMessageSize = 0xFFFFFFFF; // all ones: the prefix comes next
-    std::uint32_t m_sidechannelBytesRead = 0;            // of the prefix or of the payload
-    Buffer m_sidechannelBuffer;                          // the message being read
+    static constexpr std::uint32_t ReadingPrefix = 0xFFFFFFFF; // in place of a size
+    std::uint32_t m_sidechannelMessageSize = ReadingPrefix;
+    std::uint32_t m_sidechannelBytesRead = 0; // of the prefix or of the payload
+    Buffer m_sidechannelBuffer;               // the message being read
 
     int m_sideChannelSocketFD = -1; // worker thread
     int m_nanomsgMainFD = -1;       // worker thread

@@ -153,7 +153,7 @@ private:
 
     // Listener thread, called without m_mutex.
     void listenerThreadLoop();
-    bool isListenerThreadWanted() const;
+    bool shouldKeepRunning() const;
 
     // Producing thread, called without m_mutex.
     void sendDataOverNanomsg(const ByteView& data);

@@ -2,11 +2,13 @@
 #include <cstdlib>
 #include <string_view>
 
-#include <SystemHelpers.hpp>
+#include <SenderDirectory.hpp>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 #include <vlxkit/BaseDirectory.hpp>
+
+#include <miscUtils/MiscUtils.hpp>
 
 namespace vlx::kit
 {

@@ -1,6 +1,8 @@
 #include "Bell.hpp"
 
-#include <SystemHelpers.hpp>
+#include <string>
+
+#include <SenderDirectory.hpp>
 #include <unistd.h>
 
 #include "DirectoryEntry.hpp"

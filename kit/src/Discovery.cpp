@@ -3,9 +3,10 @@
 #include <cstring>
 #include <string_view>
 
+#include <AbstractName.hpp>
 #include <Fourcc.hpp>
 #include <LittleEndian.hpp>
-#include <SystemHelpers.hpp>
+#include <SenderDirectory.hpp>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>

@@ -7,7 +7,7 @@
 #include <thread>
 #include <utility>
 
-#include <SystemHelpers.hpp>
+#include <AbstractName.hpp>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 #include <vlxkit/BaseDirectory.hpp>

@@ -6,7 +6,8 @@
 #include <system_error>
 #include <thread>
 
-#include <SystemHelpers.hpp>
+#include <ErrorText.hpp>
+#include <SenderDirectory.hpp>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 #include <unistd.h>
