@@ -33,9 +33,8 @@ void checkName(std::string_view text)
         return;
     const std::string name(audioUtils::toString(*format));
     check(audioUtils::toPcmFormat(name) == format, "a format's name stands for it");
-    check(
-        std::toupper(text.front() & 0xFF) == name.front(),
-        "no spelling changes the kind of samples");
+    const char first = text.front() == 'p' || text.front() == 'P' ? text[4] : text.front(); // pcm_
+    check(std::toupper(first & 0xFF) == name.front(), "no spelling changes the kind of samples");
 }
 
 void checkSamples(const ByteView& bytes, PcmFormat format)

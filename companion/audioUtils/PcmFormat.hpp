@@ -63,34 +63,68 @@ constexpr std::string_view toString(PcmFormat format)
     return isValid(format) ? Names[static_cast<std::size_t>(format)] : std::string_view("unknown");
 }
 
-/// Reads a format's name as users write it: any letter case, an optional '_' before the byte order
-/// ("S16LE", "s16le", "S16_LE"), and no byte order ("s16") for little-endian.
+/// @return whether a text is ALSA's name of 24 bits in four bytes, "S24_LE" or "S24_BE" in any letter
+///         case: no PcmFormat, though the name resembles one
+constexpr bool isPaddedFormat(std::string_view text)
+{
+    return text.size() == 6 && (text[0] == 'S' || text[0] == 's') && text.substr(1, 3) == "24_" &&
+           (text[4] == 'L' || text[4] == 'l' || text[4] == 'B' || text[4] == 'b') &&
+           (text[5] == 'E' || text[5] == 'e');
+}
+
+/// Reads a format's name as users write it, in any letter case: with or without '_' before the byte
+/// order ("S16LE", "S16_LE"), without byte order for little-endian ("s16"), ALSA's "FLOAT_LE",
+/// "FLOAT64_BE" and "S24_3LE", ffmpeg's "pcm_s16le".
 ///
-/// @return the format, or nothing for any other text
+/// @return the format, or nothing for any other text, also one that isPaddedFormat()
 constexpr std::optional<PcmFormat> toPcmFormat(std::string_view text)
 {
-    constexpr std::size_t LongestName = 6; // "S16_LE"
+    constexpr std::array<std::array<std::string_view, 2>, 3> Spellings = {
+        {{"FLOAT64", "F64"}, {"FLOAT", "F32"}, {"S24_3", "S24"}}};
+    constexpr std::string_view Decoder = "PCM_";
+    constexpr std::size_t LongestName = 14; // "PCM_FLOAT64_LE"
+    constexpr std::size_t OrderLength = 2;
     if (text.size() > LongestName)
         return std::nullopt;
 
-    std::array<char, LongestName> buffer{};
-    std::size_t length = 0;
+    std::array<char, LongestName> capitals{};
     for (std::size_t i = 0; i < text.size(); ++i)
+        capitals[i] =
+            text[i] >= 'a' && text[i] <= 'z' ? static_cast<char>(text[i] - 'a' + 'A') : text[i];
+    std::string_view rest(capitals.data(), text.size());
+    if (rest.starts_with(Decoder))
+        rest.remove_prefix(Decoder.size());
+    if (isPaddedFormat(rest))
+        return std::nullopt;
+
+    std::string_view order;
+    if (rest.ends_with("LE") || rest.ends_with("BE"))
     {
-        const char c = text[i];
-        const bool separatesByteOrder =
-            c == '_' && i + 3 == text.size() && (text[i + 2] == 'E' || text[i + 2] == 'e');
-        if (!separatesByteOrder)
-            buffer[length++] = (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
+        order = rest.substr(rest.size() - OrderLength);
+        rest.remove_suffix(OrderLength);
+        if (rest.ends_with('_'))
+            rest.remove_suffix(1);
+    }
+    std::string_view stem;
+    for (const auto& [theirs, ours] : Spellings)
+    {
+        if (!stem.empty() || !rest.starts_with(theirs))
+            continue;
+        stem = ours;
+        rest.remove_prefix(theirs.size());
     }
 
-    const std::string_view name(buffer.data(), length);
     for (std::size_t i = 0; i < NumPcmFormats; ++i)
     {
         const auto format = static_cast<PcmFormat>(i);
-        const std::string_view known = toString(format);
-        const bool isLittleEndian = known.size() > 2 && known.substr(known.size() - 2) == "LE";
-        if (name == known || (isLittleEndian && name == known.substr(0, known.size() - 2)))
+        std::string_view known = toString(format);
+        if (!known.starts_with(stem))
+            continue;
+        known.remove_prefix(stem.size());
+        if (!known.starts_with(rest))
+            continue;
+        known.remove_prefix(rest.size());
+        if (known == order || (order.empty() && known == "LE"))
             return format;
     }
     return std::nullopt;

@@ -57,14 +57,45 @@ TEST(PcmFormatTest, NamesAreReadAsUsersWriteThem)
         const char* text;
         std::optional<PcmFormat> format;
     } rows[] = {
-        {"s16le", PcmFormat::S16LE},  {"s16", PcmFormat::S16LE}, {"S24_be", PcmFormat::S24BE},
-        {"f32_LE", PcmFormat::F32LE}, {"F64", PcmFormat::F64LE}, {"u8", PcmFormat::U8},
-        {"", std::nullopt},           {"S", std::nullopt},       {"S8LE", std::nullopt},
-        {"U16LE", std::nullopt},      {"S16 LE", std::nullopt},  {"S16__LE", std::nullopt},
-        {"S_16LE", std::nullopt},     {"S16_", std::nullopt},    {"S16LEE", std::nullopt},
+        {"s16le", PcmFormat::S16LE},
+        {"s16", PcmFormat::S16LE},
+        {"S24be", PcmFormat::S24BE},
+        {"f32_LE", PcmFormat::F32LE},
+        {"F64", PcmFormat::F64LE},
+        {"u8", PcmFormat::U8},
+        {"S24_3LE", PcmFormat::S24LE},
+        {"s24_3be", PcmFormat::S24BE},
+        {"s24", PcmFormat::S24LE},
+        {"FLOAT_LE", PcmFormat::F32LE},
+        {"float", PcmFormat::F32LE},
+        {"FLOAT64_BE", PcmFormat::F64BE},
+        {"pcm_s16le", PcmFormat::S16LE},
+        {"pcm_float64_le", PcmFormat::F64LE},
+        {"pcm_s24_le", std::nullopt},
+        // Four bytes wide, though it looks like the packed one.
+        {"S24_LE", std::nullopt},
+        {"s24_be", std::nullopt},
+        {"F", std::nullopt},
+        {"L", std::nullopt},
+        {"LE", std::nullopt},
+        {"S1", std::nullopt},
+        {"pcm_", std::nullopt},
+        {"FLOATLEX", std::nullopt},
+        {"S8_", std::nullopt},
+        {"", std::nullopt},
+        {"S", std::nullopt},
+        {"S8LE", std::nullopt},
+        {"U16LE", std::nullopt},
+        {"S16 LE", std::nullopt},
+        {"S16__LE", std::nullopt},
+        {"S_16LE", std::nullopt},
+        {"S16_", std::nullopt},
+        {"S16LEE", std::nullopt},
         {"unknown", std::nullopt}};
     for (const auto& row : rows)
         EXPECT_EQ(audioUtils::toPcmFormat(row.text), row.format) << '"' << row.text << '"';
+    EXPECT_TRUE(audioUtils::isPaddedFormat("S24_le"));
+    EXPECT_FALSE(audioUtils::isPaddedFormat("S24_3LE"));
 }
 
 } // namespace

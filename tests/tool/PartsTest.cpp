@@ -18,6 +18,7 @@
 #include "audio/PcmCodec.hpp"
 #include "common/AgeSamples.hpp"
 #include "common/Duration.hpp"
+#include "common/Numbers.hpp"
 #include "receive/ConnectionRecord.hpp"
 #include "receive/StreamEvents.hpp"
 #include "support/RawPeers.hpp"
@@ -47,14 +48,23 @@ TEST(DurationTest, ReadsNumbersWithUnits)
         {"250us", 250'000},
         {"7ns", 7},
         {"2min", 120'000'000'000},
+        {"2m", 120'000'000'000},
         {"1h", 3'600'000'000'000},
+        {"1m30s", 90'000'000'000},
+        {"1h0.5s7ns", 3'600'500'000'007},
+        {"10", 10'000'000'000},
+        {"0.25", 250'000'000},
         {"9223372036854775807ns", std::numeric_limits<std::int64_t>::max()},
         {"9223372036.854775807s", std::numeric_limits<std::int64_t>::max()},
         {"0.333333333333333333333s", 333'333'333},
         {"9223372036854775808ns", std::nullopt},
         {"9223372036.9s", std::nullopt},
         {"99999999999999999999h", std::nullopt},
-        {"10", std::nullopt},
+        {"1m30", std::nullopt},
+        {"30s1m", std::nullopt},
+        {"1s1s", std::nullopt},
+        {".5s", std::nullopt},
+        {"1.2.3", std::nullopt},
         {"ms", std::nullopt},
         {"", std::nullopt},
         {"-1s", std::nullopt},
@@ -71,6 +81,36 @@ TEST(DurationTest, ReadsNumbersWithUnits)
         {
             EXPECT_EQ(duration->count(), *row.ns) << row.text;
         }
+    }
+}
+
+TEST(NumbersTest, RatesAndNumbersAreReadWhole)
+{
+    struct Row
+    {
+        const char* text;
+        std::optional<std::uint32_t> rate;
+        std::optional<std::uint64_t> number;
+    };
+    const Row rows[] = {
+        {"44100", 44100, 44100},
+        {"44.1k", 44100, {}},
+        {"48kHz", 48000, {}},
+        {"11.025k", 11025, {}},
+        {"8000Hz", 8000, {}},
+        {"0", {}, 0},
+        {"44.1", {}, {}},
+        {"2000000001", {}, 2'000'000'001},
+        {"18446744073709551615", {}, std::numeric_limits<std::uint64_t>::max()},
+        {"18446744073709551616", {}, {}},
+        {"-1", {}, {}},
+        {"k", {}, {}},
+        {"1x", {}, {}},
+        {"", {}, {}}};
+    for (const Row& row : rows)
+    {
+        EXPECT_EQ(tool::parseRate(row.text), row.rate) << row.text;
+        EXPECT_EQ(tool::parseNumber(row.text), row.number) << row.text;
     }
 }
 

@@ -284,7 +284,8 @@ TEST_F(ToolTest, BadInputGetsOneLineAndItsExitCode)
 
     const std::vector<Row> rows = {
         {{}, 2, "subcommand"},
-        {{"fly"}, 2, "subcommand"},
+        {{"sned", "-s", "x"}, 2, "no subcommand sned; send?"},
+        {{"fly"}, 2, "no subcommand fly; see"},
         {{"send", "--tone", "1"}, 2, "--socket"},
         {{"send", "-s", longName, "--tone", "1"}, 2, "108 characters"},
         {{"send", "-s", "", "--tone", "1"}, 2, "empty"},
@@ -292,12 +293,17 @@ TEST_F(ToolTest, BadInputGetsOneLineAndItsExitCode)
         {send({file("good.wav"), "--tone", "1"}), 2, "either"},
         {send({file("good.wav"), "-r", "8000"}), 2, "--raw"},
         {send({"--tone", "1", "-f", "s17"}), 2, "unknown format \"s17\""},
-        {send({"--tone", "1", "--frame", "10"}), 2, "no duration"},
-        {send({"--tone", "1", "--frame", "0ms"}), 2, "no duration"},
+        {send({"--tone", "1", "-f", "S24_LE"}), 2, "S24_3LE"},
+        {send({"--tone", "1", "-r", "44.1q"}), 2, "no rate"},
+        {send({"--tone", "1", "--frame", "10 ms"}), 2, "no duration"},
+        {send({"--tone", "1", "--frame", "0ms"}), 2, "longer than nothing"},
+        {send({"--tone", "1", "--wait-receivers", "-1"}), 2, "no whole number"},
+        {send({"--tone", "1", "--wait-receivers", "99999999999999999999"}), 2, "no whole number"},
         {send({"--tone", "1", "-c", "256"}), 2, "256"},
         {send({"--tone", "1", "--protocol", "udp"}), 2, "none of pubsub, pipeline"},
         {send({"--tone", "1", "--clock-port", "5"}), 2, "--clock-address"},
-        {send({"--tone", "1", "--what"}), 2, "--what"},
+        {send({"--tone", "1", "--wait-receiver", "1"}), 2, "--wait-receivers?"},
+        {send({"--tone", "1", "--log-config", file("missing")}), 1, "missing"},
         {receive({}), 2, "OUTPUT"},
         {send({file("missing.wav")}), 1, "No such file"},
         {send({m_files}), 1, "directory"},
@@ -338,6 +344,9 @@ TEST_F(ToolTest, HelpAndVersionGoToStandardOutput)
         EXPECT_EQ(process.wait(), 0);
         EXPECT_NE(process.getOutput().find("vlx"), std::string::npos);
         EXPECT_EQ(process.getErrors(), "");
+        std::istringstream lines(process.getOutput());
+        for (std::string line; std::getline(lines, line);)
+            EXPECT_LE(line.size(), 80U) << line;
     }
 }
 

@@ -1,8 +1,11 @@
 #include "Duration.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <limits>
+
+#include "Numbers.hpp"
 
 namespace vlx::tool
 {
@@ -17,92 +20,47 @@ struct Unit
 };
 
 // Largest first.
-constexpr std::array<Unit, 6> Units = {
+constexpr std::array<Unit, 7> Units = {
     {{"h", 3'600'000'000'000},
      {"min", 60'000'000'000},
+     {"m", 60'000'000'000},
      {"s", 1'000'000'000},
      {"ms", 1'000'000},
      {"us", 1'000},
      {"ns", 1}}};
 
-constexpr std::int64_t MaxNs = std::numeric_limits<std::int64_t>::max();
+constexpr Unit Second = Units[3];
 
-bool isDigit(char c)
+const Unit* findUnit(std::string_view name)
 {
-    return c >= '0' && c <= '9';
-}
-
-std::optional<std::int64_t> findUnit(std::string_view name)
-{
-    for (const Unit& unit : Units)
-    {
-        if (unit.name == name)
-            return unit.nanoseconds;
-    }
-    return std::nullopt;
-}
-
-/// Takes the digits off the front of a text.
-std::string_view takeDigits(std::string_view& text)
-{
-    std::size_t length = 0;
-    while (length < text.size() && isDigit(text[length]))
-        ++length;
-    const std::string_view digits = text.substr(0, length);
-    text.remove_prefix(length);
-    return digits;
-}
-
-std::optional<std::int64_t> toWholeUnits(std::string_view digits, std::int64_t unit)
-{
-    std::int64_t value = 0;
-    for (const char c : digits)
-    {
-        if (value > (MaxNs / unit - (c - '0')) / 10)
-            return std::nullopt;
-        value = value * 10 + (c - '0');
-    }
-    return value * unit;
-}
-
-// Digits beyond the nanosecond are cut.
-std::int64_t toFraction(std::string_view digits, std::int64_t unit)
-{
-    std::int64_t value = 0;
-    std::int64_t rest = unit;
-    std::int64_t divisor = 1;
-    for (const char c : digits)
-    {
-        if (divisor > rest)
-            break;
-        divisor *= 10;
-        value += unit / divisor * (c - '0') + unit % divisor * (c - '0') / divisor;
-    }
-    return value;
+    const auto* const unit =
+        std::find_if(Units.begin(), Units.end(), [&](const Unit& u) { return u.name == name; });
+    return unit == Units.end() ? nullptr : unit;
 }
 
 } // unnamed namespace
 
 std::optional<std::chrono::nanoseconds> parseDuration(std::string_view text)
 {
-    const std::string_view whole = takeDigits(text);
-    std::string_view fraction;
-    if (!text.empty() && text.front() == '.')
+    constexpr std::string_view NumberCharacters = "0123456789.";
+    std::int64_t sum = 0;
+    std::int64_t lastUnit = std::numeric_limits<std::int64_t>::max();
+    const bool isPlain = text.find_first_not_of(NumberCharacters) == std::string_view::npos;
+    do
     {
-        text.remove_prefix(1);
-        fraction = takeDigits(text);
-        if (fraction.empty())
+        std::string_view name =
+            text.substr(std::min(text.find_first_not_of(NumberCharacters), text.size()));
+        name = name.substr(0, name.find_first_of(NumberCharacters));
+        const Unit* const unit = isPlain ? &Second : findUnit(name);
+        if (unit == nullptr || unit->nanoseconds >= lastUnit)
             return std::nullopt;
-    }
-    const std::optional<std::int64_t> unit = findUnit(text);
-    if (whole.empty() || !unit)
-        return std::nullopt;
-
-    const std::optional<std::int64_t> wholeNs = toWholeUnits(whole, *unit);
-    const std::int64_t fractionNs = toFraction(fraction, *unit);
-    if (!wholeNs || *wholeNs > MaxNs - fractionNs)
-        return std::nullopt;
-    return std::chrono::nanoseconds(*wholeNs + fractionNs);
+        lastUnit = unit->nanoseconds;
+        const auto part = takeDecimal(text, unit->nanoseconds);
+        if (!part || !text.starts_with(name) || __builtin_add_overflow(sum, *part, &sum))
+            return std::nullopt;
+        text.remove_prefix(name.size());
+    } while (!text.empty());
+    return std::chrono::nanoseconds(sum);
 }
 
 std::string toText(std::chrono::nanoseconds duration)

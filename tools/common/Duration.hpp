@@ -8,7 +8,8 @@
 namespace vlx::tool
 {
 
-/// Reads a duration with its unit: "10ms", "1.5s", "250us", "20000ns", "2min", "1h".
+/// Reads a duration: "10ms", "1.5s", "250us", "20000ns", "2min" or "2m", "1h", several of them from
+/// large to small as in "1m30s", or a number without unit, which is seconds.
 ///
 /// @return nothing if the text is no such thing, is negative, or does not fit
 std::optional<std::chrono::nanoseconds> parseDuration(std::string_view text);

@@ -16,7 +16,8 @@ enum class ExitCode : int
     TimedOut = 3,
 };
 
-constexpr int toInt(ExitCode code)
+template <class Code>
+constexpr int toInt(Code code)
 {
     return static_cast<int>(code);
 }

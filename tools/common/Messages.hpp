@@ -9,16 +9,27 @@ enum class ColorUse
 {
     Never,
     Always,
-    /// Only where standard error is a terminal.
+    /// Only where the stream is a terminal that knows colours, and NO_COLOR is not set.
     Auto,
 };
 
+/// How messages look.
+struct MessageStyle
+{
+    std::string command = "vlx";      ///< stands before each message, such as "vlx send"
+    bool quiet = false;               ///< leaves out notices and the progress line
+    ColorUse color = ColorUse::Never; ///< whether errors are marked in red
+    bool progress = true;             ///< false: never shown, not even on a terminal
+};
+
 /// Sets how messages look from here on. All of them go to standard error, one line each.
-///
-/// @param command  stands before each message, such as "vlx send"
-/// @param quiet    leaves out notices and the progress line
-/// @param color    whether errors are marked in red
-void configureMessages(const std::string& command, bool quiet, ColorUse color);
+void configureMessages(const MessageStyle& style);
+
+/// @return whether a stream is a terminal on which a line can be drawn anew
+bool isLiveTerminal(int fd);
+
+/// @return whether colours are to be used on a stream
+bool usesColor(ColorUse color, int fd);
 
 /// Says why the command fails or what it could not do.
 /// @thread any
@@ -28,12 +39,19 @@ void printError(const std::string& text);
 /// @thread any
 void printNotice(const std::string& text);
 
+/// Prints a line of the log as it is.
+/// @param line  with its end
+/// @thread any
+void printLogLine(const std::string& line);
+
 /// Replaces the line that shows the progress. Only on a terminal; any message pushes it aside.
 /// @thread any
 void printProgress(const std::string& text);
 
 /// Leaves the last progress on the screen and goes to the next line.
+///
+/// @param text  how far it came in the end; empty: as printed last
 /// @thread any
-void finishProgress();
+void finishProgress(const std::string& text = {});
 
 } // namespace vlx::tool

@@ -36,6 +36,12 @@ bool writeText(const std::string& path, const std::string& text)
     return written && closed;
 }
 
+bool writeToStandardOutput(const std::string& text)
+{
+    return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
+           std::fflush(stdout) == 0;
+}
+
 bool replaceFile(const std::string& path, const std::string& text)
 {
     const std::string temporary = path + ".new";
@@ -51,7 +57,13 @@ bool replaceFile(const std::string& path, const std::string& text)
 
 std::string writeReportFile(const std::string& path, const nlohmann::ordered_json& report)
 {
-    const std::string text = report.dump(2) + "\n";
+    // Names and paths may be any bytes; what is no UTF-8 becomes a replacement character.
+    const std::string text =
+        report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+    if (path == "-")
+        return writeToStandardOutput(text) ? std::string()
+                                           : "cannot write the report to standard output: " +
+                                                 miscUtils::strerror_r_safe(errno);
     if (isSpecialFile(path) ? writeText(path, text) : replaceFile(path, text))
         return {};
     return "cannot write the report \"" + path + "\": " + miscUtils::strerror_r_safe(errno);

@@ -47,7 +47,7 @@ int StopSignal::getSignalNumber() const
     return m_signalNumber;
 }
 
-bool StopSignal::waitUntil(std::chrono::steady_clock::time_point deadline)
+bool StopSignal::waitUntil(std::chrono::steady_clock::time_point deadline) const
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_condition.wait_until(lock, deadline, [this] { return isRequested(); });

@@ -32,7 +32,7 @@ public:
     /// Sleeps until a point of CLOCK_MONOTONIC, or until a stop is asked for.
     ///
     /// @return whether a stop is asked for
-    bool waitUntil(std::chrono::steady_clock::time_point deadline);
+    bool waitUntil(std::chrono::steady_clock::time_point deadline) const;
 
     /// @return a descriptor for poll() that becomes readable when a stop is asked for and stays so;
     ///         never read from it
@@ -43,8 +43,8 @@ private:
 
     int m_eventFD;
     std::atomic<int> m_signalNumber = 0;
-    std::mutex m_mutex;
-    std::condition_variable m_condition;
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_condition;
     std::function<void()> m_listener; // guarded by m_mutex
 };
 

@@ -22,12 +22,10 @@ CLI::App* addReceiveCommand(CLI::App& program, ReceiveOptions& options)
     command->add_flag(
         "--oneshot", options.oneshot, "End when the sender that delivered frames has gone");
     addDurationOption(*command, "-d,--duration", options.duration, "Record this much audio");
-    addDurationOption(
-        *command, "--timeout", options.timeout, "Give up with exit code 3 without a frame by then");
+    addTimeoutOption(*command, options.timeout, "Give up with exit code 3 without a frame by then");
     addDurationOption(
         *command, "--stall", options.stall, "Join again after this time without a frame [2s]");
-    command->add_option("--report", options.report, "Write what was received to this file, as JSON")
-        ->type_name("FILE");
+    addReportOption(*command, options.report, "Write what was received");
     addCommonOptions(*command, options.common);
     return command;
 }

@@ -10,6 +10,8 @@ namespace vlx::tool
 namespace
 {
 
+constexpr std::size_t MaxReceivers = 100'000;
+
 // Comparisons with it are all false, so that no range keeps it out.
 std::string checkIsNumber(const std::string& text)
 {
@@ -24,7 +26,7 @@ void addInputOptions(CLI::App& command, SendOptions& options)
             "Audio file of any kind that libsndfile reads; - for raw samples from standard input")
         ->type_name("");
     command.add_flag("--raw", options.raw, "Take a file as raw samples, whatever its extension");
-    addFormatOptions(command, options.format);
+    addFormatOptions(command, options.format, "raw input or tone");
     command
         .add_option("--tone", options.toneHz, "Send a sine of this frequency instead of an input")
         ->type_name("HZ")
@@ -36,28 +38,24 @@ void addInputOptions(CLI::App& command, SendOptions& options)
 
 void addStreamOptions(CLI::App& command, SendOptions& options)
 {
-    NanomsgProtocol& protocol = options.protocol;
-    kit::SocketMode& mode = options.socketMode;
     addDurationOption(command, "--frame", options.frame, "Length of a frame [10ms]");
-    addChoiceOption(
-        command, "--protocol",
-        {{"pubsub", [&protocol] { protocol = NanomsgProtocol::PubSub; }},
-         {"pipeline", [&protocol] { protocol = NanomsgProtocol::Pipeline; }}},
+    addChoiceOption<NanomsgProtocol>(
+        command, "--protocol", options.protocol,
+        {{"pubsub", NanomsgProtocol::PubSub}, {"pipeline", NanomsgProtocol::Pipeline}},
         "Any number of receivers, or one for which sending waits [pubsub]");
-    addChoiceOption(
-        command, "--socket-mode",
-        {{"owner", [&mode] { mode = kit::SocketMode::Owner; }},
-         {"group", [&mode] { mode = kit::SocketMode::Group; }},
-         {"all", [&mode] { mode = kit::SocketMode::All; }}},
+    addChoiceOption<kit::SocketMode>(
+        command, "--socket-mode", options.socketMode,
+        {{"owner", kit::SocketMode::Owner},
+         {"group", kit::SocketMode::Group},
+         {"all", kit::SocketMode::All}},
         "Whose receivers may join [all]");
     command
         .add_option(
             "--clock-address", options.clockAddress,
             "Stamp frames by the GStreamer network clock at this address")
         ->type_name("ADDRESS");
-    command.add_option("--clock-port", options.clockPort, "UDP port of the network clock")
-        ->type_name("PORT")
-        ->check(CLI::Range(1, 65535).description(""));
+    addNumberOption<std::uint16_t>(
+        command, "--clock-port", options.clockPort, {1, 65535}, "UDP port of the network clock");
     command.get_option("--clock-address")->needs("--clock-port");
     command.get_option("--clock-port")->needs("--clock-address");
 }
@@ -71,16 +69,13 @@ CLI::App* addSendCommand(CLI::App& program, SendOptions& options)
     addSocketOption(*command, options.name);
     addInputOptions(*command, options);
     addStreamOptions(*command, options);
-    command
-        ->add_option(
-            "--wait-receivers", options.waitReceivers,
-            "Send the first frame when this many receivers have joined [0]")
-        ->type_name("N");
-    addDurationOption(
-        *command, "--timeout", options.timeout,
+    addNumberOption<std::size_t>(
+        *command, "--wait-receivers", options.waitReceivers, {0, MaxReceivers},
+        "Send the first frame when this many receivers have joined [0]");
+    addTimeoutOption(
+        *command, options.timeout,
         "Give up with exit code 3 if receivers or network clock are not there by then");
-    command->add_option("--report", options.report, "Write what was sent to this file, as JSON")
-        ->type_name("FILE");
+    addReportOption(*command, options.report, "Write what was sent");
     addCommonOptions(*command, options.common);
     command->callback(
         [command, &options]
