@@ -6,7 +6,9 @@
 /// "done" at the end of the measurement; "stop" is answered by "result". The end of standard input
 /// ends the process, and so does the driver's death.
 
+#include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <csignal>
 #include <deque>
 #include <iostream>
@@ -23,7 +25,6 @@
 #include "support/AllocationCount.hpp"
 #include "support/Clock.hpp"
 #include "support/FrameTag.hpp"
-#include "support/Statistics.hpp"
 
 namespace vlx::bench
 {
@@ -54,12 +55,17 @@ void say(const std::string& line)
         _exit(1);
 }
 
-// What a stretch of work costs this process.
+// What this process has used so far.
 struct Usage
 {
-    std::uint64_t timeNs = nowNs();
-    std::uint64_t cpuNs = processCpuNs();
-    std::uint64_t allocations = countAllocations();
+    std::uint64_t timeNs = 0;
+    std::uint64_t cpuNs = 0;
+    std::uint64_t allocations = 0;
+
+    static Usage now()
+    {
+        return {nowNs(), processCpuNs(), countAllocations()};
+    }
 };
 
 nlohmann::json toJson(const Usage& begin, const Usage& end)
@@ -68,6 +74,13 @@ nlohmann::json toJson(const Usage& begin, const Usage& end)
         {"wall_ns", end.timeNs - begin.timeNs},
         {"cpu_ns", end.cpuNs - begin.cpuNs},
         {"allocations", end.allocations - begin.allocations}};
+}
+
+// The smallest value that at least this share, 0 to 1, of all values does not exceed.
+double percentile(const std::vector<double>& sorted, double share)
+{
+    const double rank = std::ceil(share * static_cast<double>(sorted.size()));
+    return sorted[static_cast<std::size_t>(std::max(rank, 1.0)) - 1];
 }
 
 class SendingEnd
@@ -139,9 +152,9 @@ private:
     nlohmann::json sendPaced()
     {
         sendRun(Phase::WarmUp, m_options.warmUpFrames);
-        const Usage begin;
+        const Usage begin = Usage::now();
         sendRun(Phase::Measure, m_options.frames);
-        nlohmann::json result = toJson(begin, Usage());
+        nlohmann::json result = toJson(begin, Usage::now());
         result["sent"] = m_options.frames;
         return result;
     }
@@ -150,12 +163,12 @@ private:
     {
         for (std::uint32_t index = 0; index < m_options.warmUpFrames; index++)
             sendFrame(Phase::WarmUp, index);
-        const Usage begin;
+        const Usage begin = Usage::now();
         const std::uint64_t endNs = begin.timeNs + m_options.floodMs * NsPerMs;
         std::uint32_t sent = 0;
         for (; nowNs() < endNs && sent < MaxFloodFrames; sent++)
             sendFrame(Phase::Measure, sent);
-        nlohmann::json result = toJson(begin, Usage());
+        nlohmann::json result = toJson(begin, Usage::now());
         result["sent"] = sent;
         return result;
     }
@@ -201,7 +214,7 @@ public:
             record(sentNs, arrivedNs);
         else if (tag.phase == Phase::End && !m_ended)
         {
-            m_end = Usage();
+            m_end = Usage::now();
             m_ended = true;
             m_onDone();
         }
@@ -210,7 +223,7 @@ public:
     nlohmann::json report()
     {
         if (!m_ended.exchange(true))
-            m_end = Usage();
+            m_end = Usage::now();
         std::sort(m_agesUs.begin(), m_agesUs.end());
         nlohmann::json result = toJson(m_begin, m_end);
         result["received"] = m_agesUs.size();
@@ -224,7 +237,7 @@ private:
     void record(std::uint64_t sentNs, std::uint64_t arrivedNs)
     {
         if (m_agesUs.empty())
-            m_begin = Usage();
+            m_begin = Usage::now();
         m_lastNs = arrivedNs;
         const double ageUs = static_cast<double>(arrivedNs - sentNs) / 1000;
         if (m_agesUs.size() < m_agesUs.capacity())

@@ -1,5 +1,6 @@
-/// GStreamer's shmsink and shmsrc, both in pipelines inside the process: appsrc ! shmsink and
-/// shmsrc ! appsink, without clock synchronisation, and with queues of one buffer.
+/// GStreamer elements in pipelines inside the process, without clock synchronisation and with queues
+/// of one buffer: appsrc ! SINK and SOURCE ! appsink. Variant "shm": shmsink and shmsrc. "vlx":
+/// vlxsink and vlxsrc, with the packets as samples of a stereo stream.
 
 #include <cstring>
 
@@ -14,9 +15,26 @@ namespace vlx::bench
 namespace
 {
 
-std::string makeSocketPath(const Link& link)
+constexpr GstClockTime BufferDurationNs = 1'000'000;
+
+std::string describeSender(const Link& link)
 {
-    return link.directory + "/" + link.name + ".shm";
+    const bool ours = link.variant == "vlx";
+    return std::string("appsrc name=in format=time block=true max-buffers=1 ") +
+           (ours ? "is-live=true do-timestamp=true caps=audio/x-raw,format=S16LE,rate=48000,"
+                   "channels=2,layout=interleaved ! vlxsink socket-name=" +
+                       link.name
+                 : "! shmsink wait-for-connection=false socket-path=" + link.directory + "/" +
+                       link.name + ".shm") +
+           " sync=false async=false enable-last-sample=false";
+}
+
+std::string describeReceiver(const Link& link)
+{
+    return (link.variant == "vlx"
+                ? "vlxsrc socket-name=" + link.name
+                : "shmsrc is-live=true socket-path=" + link.directory + "/" + link.name + ".shm") +
+           " ! appsink name=out sync=false max-buffers=1 enable-last-sample=false";
 }
 
 GstElement* parsePipeline(const std::string& description)
@@ -37,20 +55,15 @@ bool play(GstElement* pipeline)
                "gst_element_set_state", "failed");
 }
 
-class GstShmPublisher : public Publisher
+class GstPublisher : public Publisher
 {
 public:
-    explicit GstShmPublisher(const Link& link)
-        : m_packet(link.mediaBytes),
-          m_pipeline(parsePipeline(
-              "appsrc name=in format=time block=true max-buffers=1 ! "
-              "shmsink wait-for-connection=false sync=false async=false enable-last-sample=false "
-              "socket-path=" +
-              makeSocketPath(link)))
+    explicit GstPublisher(const Link& link)
+        : m_packet(link.mediaBytes), m_pipeline(parsePipeline(describeSender(link)))
     {
     }
 
-    ~GstShmPublisher() override
+    ~GstPublisher() override
     {
         gst_object_unref(m_input);
         gst_element_set_state(m_pipeline, GST_STATE_NULL); // removes the shared memory's file
@@ -75,6 +88,7 @@ public:
         const auto bytes = m_packet.stamp(timestampNs);
         GstBuffer* buffer = gst_buffer_new_allocate(nullptr, bytes.size(), nullptr);
         gst_buffer_fill(buffer, 0, bytes.data(), bytes.size());
+        GST_BUFFER_DURATION(buffer) = BufferDurationNs;
         gst_app_src_push_buffer(m_input, buffer);
     }
 
@@ -84,15 +98,10 @@ private:
     GstAppSrc* m_input = nullptr;
 };
 
-class GstShmSubscriber : public Subscriber
+class GstSubscriber : public Subscriber
 {
 public:
-    explicit GstShmSubscriber(const Link& link)
-        : m_pipeline(parsePipeline(
-              "shmsrc is-live=true socket-path=" + makeSocketPath(link) +
-              " ! appsink name=out sync=false max-buffers=1 enable-last-sample=false"))
-    {
-    }
+    explicit GstSubscriber(const Link& link) : m_pipeline(parsePipeline(describeReceiver(link))) {}
 
     bool start(FrameHandler handler) override
     {
@@ -115,7 +124,7 @@ private:
         GstMapInfo map;
         if (gst_buffer_map(buffer, &map, GST_MAP_READ))
         {
-            deliverPeerPacket(static_cast<GstShmSubscriber*>(self)->m_handler, map.data, map.size);
+            deliverPeerPacket(static_cast<GstSubscriber*>(self)->m_handler, map.data, map.size);
             gst_buffer_unmap(buffer, &map);
         }
         gst_sample_unref(sample);
@@ -130,12 +139,12 @@ private:
 
 std::unique_ptr<Publisher> makePublisher(const Link& link)
 {
-    return std::make_unique<GstShmPublisher>(link);
+    return std::make_unique<GstPublisher>(link);
 }
 
 std::unique_ptr<Subscriber> makeSubscriber(const Link& link)
 {
-    return std::make_unique<GstShmSubscriber>(link);
+    return std::make_unique<GstSubscriber>(link);
 }
 
 } // namespace vlx::bench

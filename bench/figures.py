@@ -1,0 +1,94 @@
+"""Raw data and what is calculated from it. A record is one line of raw data: flat, names to numbers
+and texts. NaN stands for what was not measured, infinity for what never came."""
+
+import json
+import math
+from pathlib import Path
+import statistics
+
+Record = dict[str, object]
+
+
+def read_records(path: Path) -> list[Record]:
+    if not path.exists():
+        return []
+    return [json.loads(line) for line in path.read_text().splitlines()]
+
+
+def where(records: list[Record], **fields: object) -> list[Record]:
+    """Those whose fields have these values."""
+    return [r for r in records if all(k in r and r[k] == v for k, v in fields.items())]
+
+
+def distinct(records: list[Record], key: str) -> list:
+    """The different values of a field, in order of first appearance."""
+    return list(dict.fromkeys(record[key] for record in records if key in record))
+
+
+def values_of(records: list[Record], key: str) -> list[float]:
+    values = [r[key] for r in records if isinstance(r.get(key), (int, float))]
+    return [value for value in values if not math.isnan(value)]
+
+
+def median(values: list[float]) -> float:
+    return statistics.median(values) if values else math.nan
+
+
+def median_of(records: list[Record], key: str) -> float:
+    return median(values_of(records, key))
+
+
+def worst_of(records: list[Record], key: str) -> float:
+    """The worst round: no loss means none at all."""
+    return max(values_of(records, key), default=math.nan)
+
+
+def percentile(values: list[float], share: float) -> float:
+    """The smallest value that at least this share, 0 to 1, of all values does not exceed."""
+    if not values:
+        return math.nan
+    return sorted(values)[max(math.ceil(share * len(values)), 1) - 1]
+
+
+def quotient(value: float, base: float) -> float:
+    return value / base if base else math.nan
+
+
+def ratios(records: list[Record], base: list[Record], key: str) -> list[float]:
+    """Quotients of both sets' values in the same round, one for each round in common."""
+    found = []
+    for record in records:
+        for other in where(base, round=record["round"]):
+            pair = values_of([record, other], key)
+            if len(pair) == 2:
+                found.append(quotient(*pair))
+    return [ratio for ratio in found if not math.isnan(ratio)]
+
+
+def quartiles(values: list[float]) -> tuple[float, float]:
+    if len(values) < 2:
+        return math.nan, math.nan
+    low, _, high = statistics.quantiles(values, n=4, method="inclusive")
+    return low, high
+
+
+def format_number(value: float) -> str:
+    """With a precision that suits its size."""
+    if math.isnan(value):
+        return "-"
+    if math.isinf(value):
+        return "never"
+    size = abs(value)
+    return f"{value:.{0 if size >= 100 else 1 if size >= 10 else 2}f}"
+
+
+def format_ratio(value: float) -> str:
+    return "-" if math.isnan(value) else f"{value:.2f}"
+
+
+def format_spread(values: list[float]) -> str:
+    """The median, and in brackets the quartiles of the rounds."""
+    low, high = quartiles(values)
+    if math.isnan(low):
+        return format_ratio(median(values))
+    return f"{format_ratio(median(values))} ({format_ratio(low)}-{format_ratio(high)})"

@@ -1,0 +1,63 @@
+"""The summary of a run: a template with marks in place of data, and what was found out."""
+
+from pathlib import Path
+
+from figures import Record, format_number, format_ratio, median_of, quotient, where
+import tables
+from targets import BYTES, Data, target_table
+import transports as t
+
+HERE = Path(__file__).parent
+PICTURES = {"age": "Age of a frame", "overload": "Age under overload",
+            "busy": "Age on a busy machine", "fanout": "Sender CPU for each receiver",
+            "join": "Time to the first frame", "micro": "Packet functions"}
+
+
+def describe_transports() -> str:
+    table = tables.Table("<transport", "<id in the raw data", "<options")
+    for each in t.ALL:
+        table.add(each.label, f"`{each.id}`", each.options)
+    return table.to_markdown()
+
+
+def describe_net_cost(records: list[Record]) -> str:
+    """What the median round costs on both sides without the sender's own pacing."""
+    pacing = median_of(records, "pacing_cpu_us")
+    ours, kit, raw = (median_of(where(records, transport=each, bytes=BYTES), "cpu_us") - pacing
+                      for each in (t.OURS, t.KIT, t.RAW))
+    return (f"The sender's pacing alone (a timer and a sleep per frame) costs "
+            f"{format_number(pacing)} us per frame and is part of every sender's figure. Without "
+            f"it, both sides added at {BYTES:,} bytes: ours {format_number(ours)} us, the kit "
+            f"{format_number(kit)} us, nanomsg with our options {format_number(raw)} us; ours to "
+            f"nanomsg {format_ratio(quotient(ours, raw))}.")
+
+
+def first_of(records: list[Record], key: str) -> str:
+    return next((record[key] for record in records if record.get(key)), "")
+
+
+def make_fields(data: Data) -> dict[str, str]:
+    fields = {
+        "WARNING": first_of(data["age"], "warning"),
+        "TRANSPORTS": describe_transports(),
+        "TARGETS": target_table(data).to_markdown(),
+        "FINDINGS": (HERE / "findings.md").read_text(),
+        "NET_COST": describe_net_cost(data["age"]),
+        "ALLOCATIONS": tables.allocation_table(data["age"]).to_markdown(),
+        "MEMORY": tables.memory_table(data["fanout"]).to_markdown(),
+    }
+    for question, caption in PICTURES.items():
+        mark = question.upper()
+        table = getattr(tables, f"{question}_table")
+        fields[f"{mark}_SETUP"] = first_of(data[question], "setup") or "not measured"
+        fields[f"{mark}_PICTURE"] = f"![{caption}](benchmarks/{question}.svg)"
+        fields[mark] = table(data[question]).to_markdown()
+    return {mark: text.strip() for mark, text in fields.items()}
+
+
+def write_summary(data: Data, output: Path) -> None:
+    text = (HERE / "summary.md").read_text()
+    for mark, value in make_fields(data).items():
+        text = text.replace(f"@{mark}@" if value else f"@{mark}@\n\n", value)
+    output.parent.mkdir(parents=True, exist_ok=True)
+    output.write_text(text)

@@ -1,0 +1,94 @@
+"""What can carry the frames: an entry for each row of the tables."""
+
+from dataclasses import dataclass
+import errno
+import os
+from pathlib import Path
+
+
+@dataclass(frozen=True)
+class Transport:
+    id: str  # in raw data and on the command line
+    label: str  # in tables
+    program: str  # suffix of the endpoint's program
+    variant: str  # set of options, known to the adapter
+    colour: str  # in pictures: ours alone is strong
+    options: str  # the same as the variant, in words
+
+
+OURS = "vellox"
+KIT = "kit"
+KIT_RT = "kit-rt"
+RAW = "nanomsg-same"  # nanomsg with our socket options
+POLLS = "nanomsg-polls"  # the same, and waiting as we do
+ZMQ = "zmq"
+NNG = "nng"
+UNIX = "unix"
+GST_SHM = "gst-shm"
+GST_OURS = "gst-vlx"
+
+# In the order of the tables.
+ALL = [
+    Transport(OURS, "ours", "vellox", "bell", "#d6001c",
+              "the bare library: pubsub, monotonic system clock, PCM"),
+    Transport(KIT, "kit", "kit", "", "#e8a0a8", "the same through Producer and Consumer"),
+    Transport(KIT_RT, "kit, real-time", "kit", "rt", "#f2cf9a",
+              "the same with real-time scheduling on both sides"),
+    Transport(RAW, "nanomsg, our options", "nanomsg", "same", "#1f4e79",
+              "NN_SNDBUF 1, NN_RCVBUF 1, NN_RCVMAXSIZE -1, NN_DONTWAIT, NN_MSG: the limit of the "
+              "design"),
+    Transport(POLLS, "nanomsg, our polls", "nanomsg", "polls", "#6d9dc5",
+              "as before, and polls of as many descriptors and with the time-out of ours: what "
+              "waiting costs"),
+    Transport("nanomsg", "nanomsg", "nanomsg", "", "#b4cde0", "default buffers; NN_RCVMAXSIZE -1"),
+    Transport(ZMQ, "ZeroMQ", "zmq", "", "#4f7f52", "defaults"),
+    Transport("zmq-tuned", "ZeroMQ tuned", "zmq", "tuned", "#a6c9a3",
+              "ZMQ_CONFLATE, ZMQ_IMMEDIATE, high-water marks of 1"),
+    Transport(NNG, "nng", "nng", "", "#7d6a9b", "defaults"),
+    Transport("nng-tuned", "nng tuned", "nng", "tuned", "#c6bad8",
+              "NNG_OPT_SENDBUF 1, NNG_OPT_RECVBUF 1, newest preferred (its default)"),
+    Transport(UNIX, "Unix socket", "unix", "", "#3a3a3a",
+              "stream socket, length prefix, blocking writes to each reader: the limit of the "
+              "kernel"),
+    Transport(GST_SHM, "GStreamer shm", "gst", "shm", "#8c7a5b",
+              "appsrc ! shmsink and shmsrc ! appsink, sync=false, queues of one buffer"),
+    Transport(GST_OURS, "GStreamer vlx", "gst", "vlx", "#c9b98f",
+              "appsrc ! vlxsink and vlxsrc ! appsink, the same settings"),
+]
+
+
+def label_of(transport_id: str) -> str:
+    return next((each.label for each in ALL if each.id == transport_id), transport_id)
+
+
+def endpoint_program(build: Path, transport: Transport) -> Path:
+    return build / "bench" / f"vlx_bench_end_{transport.program}"
+
+
+def plugin_directory(build: Path) -> Path | None:
+    """Where the GStreamer elements were built, if they were."""
+    found = sorted(build.glob("gst/**/libgst*.so"))
+    return found[0].parent if found else None
+
+
+def obstacle(build: Path, transport: Transport) -> str:
+    """Why the transport cannot run here; empty if it can."""
+    if not endpoint_program(build, transport).exists():
+        return "not built"
+    if transport.id == GST_OURS and not plugin_directory(build):
+        return "the GStreamer elements are not built"
+    if transport.id == KIT_RT and not may_run_in_real_time():
+        return "real-time scheduling is not permitted (ulimit -r)"
+    return ""
+
+
+def may_run_in_real_time() -> bool:
+    before = os.sched_getscheduler(0), os.sched_getparam(0)
+    try:
+        os.sched_setscheduler(0, os.SCHED_RR, os.sched_param(10))
+    except OSError as error:
+        if error.errno != errno.EPERM:
+            raise
+        return False
+    os.sched_setscheduler(0, *before)
+    return True
