@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include <SenderDirectory.hpp>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -24,62 +25,61 @@ constexpr std::size_t MaxBaseLength =
 
 constexpr mode_t SharedDirectoryMode = 01777;
 
-std::string describe(const std::string& path)
+std::string describe(const std::string& path, int error)
 {
-    const char* const source = std::getenv("TMPDIR") != nullptr ? "TMPDIR" : "base directory";
-    return std::string(source) + " \"" + path + "\"";
+    return '"' + path + "\": " + miscUtils::strerror_r_safe(error);
 }
 
 void createSharedDirectory(BaseDirectory& base)
 {
     if (::mkdir(base.path.c_str(), SharedDirectoryMode) == 0)
     {
-        // mkdir() took the process's umask off the mode.
-        ::chmod(base.path.c_str(), SharedDirectoryMode);
+        // mkdir() took the process's umask off the mode. By descriptor: a link that somebody puts
+        // in its place must not have its target opened to everyone.
+        const int fd = ::open(base.path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        ::fchmod(fd, SharedDirectoryMode);
+        if (fd >= 0)
+            ::close(fd);
         base.created = true;
     }
     else if (errno != EEXIST)
-    {
-        base.problem =
-            "cannot create " + describe(base.path) + ": " + miscUtils::strerror_r_safe(errno);
-    }
+        base.problem = "cannot create base directory " + describe(base.path, errno);
 }
 
-std::string findProblem(const BaseDirectory& base, BaseDirectoryUse use)
+std::string findProblem(const BaseDirectory& base, BaseDirectoryUse use, const std::string& source)
 {
-    struct stat status
-    {
-    };
+    struct stat status = {};
     if (::stat(base.path.c_str(), &status) != 0)
-        return describe(base.path) + ": " + miscUtils::strerror_r_safe(errno);
+        return source + " " + describe(base.path, errno);
+    const std::string subject = source + " \"" + base.path + '"';
     if (!S_ISDIR(status.st_mode))
-        return describe(base.path) + " is not a directory";
+        return subject + " is not a directory";
     if (use == BaseDirectoryUse::Receive)
         return {};
     if (!base.writable)
-        return describe(base.path) + " is not writable";
+        return subject + " is not writable";
     if (base.path.size() > MaxBaseLength)
-        return describe(base.path) +
-               " is too long for a socket path: " + std::to_string(base.path.size()) +
+        return subject + " is too long for a socket path: " + std::to_string(base.path.size()) +
                " characters, at most " + std::to_string(MaxBaseLength);
     return {};
 }
 
 } // unnamed namespace
 
-BaseDirectory prepareBaseDirectory(BaseDirectoryUse use)
+BaseDirectory prepareBaseDirectory(BaseDirectoryUse use, const std::string& directory)
 {
     BaseDirectory base;
-    base.path = getBaseDirectory();
+    base.path = directory.empty() ? getBaseDirectory() : directory;
     // An empty "TMPDIR" counts as set, and then everything stands in the root directory.
     if (base.path.empty())
         base.path = "/";
 
-    if (std::getenv("TMPDIR") == nullptr)
+    const bool isFromEnvironment = directory.empty() && std::getenv("TMPDIR") != nullptr;
+    if (directory.empty() && !isFromEnvironment)
         createSharedDirectory(base);
-    base.writable = ::access(base.path.c_str(), W_OK | X_OK) == 0;
+    base.writable = ::faccessat(AT_FDCWD, base.path.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
     if (base.problem.empty())
-        base.problem = findProblem(base, use);
+        base.problem = findProblem(base, use, isFromEnvironment ? "TMPDIR" : "base directory");
     return base;
 }
 

@@ -14,7 +14,7 @@ bool ringBell(const std::string& baseDirectory)
 {
     const std::string directory = baseDirectory.empty() ? getBaseDirectory() : baseDirectory;
     return flashDirectoryEntry(
-        directory + "/.bell-" + SenderDirectoryPrefix + std::to_string(::getpid()));
+        directory + "/.bell-" + SenderDirectoryPrefix + std::to_string(::getpid()) + "-");
 }
 
 } // namespace vlx::kit

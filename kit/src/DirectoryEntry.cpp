@@ -1,6 +1,6 @@
 #include "DirectoryEntry.hpp"
 
-#include <cerrno>
+#include <cstdlib>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -8,21 +8,10 @@
 namespace vlx::kit
 {
 
-namespace
+bool flashDirectoryEntry(const std::string& prefix)
 {
-
-int createEntry(const std::string& path)
-{
-    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-}
-
-} // unnamed namespace
-
-bool flashDirectoryEntry(const std::string& path)
-{
-    int fd = createEntry(path);
-    if (fd < 0 && errno == EEXIST && ::unlink(path.c_str()) == 0)
-        fd = createEntry(path);
+    std::string path = prefix + "XXXXXX";
+    const int fd = ::mkostemp(path.data(), O_CLOEXEC);
     if (fd < 0)
         return false;
 

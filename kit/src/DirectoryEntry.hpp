@@ -5,11 +5,12 @@
 namespace vlx::kit
 {
 
-/// Makes an empty file and removes it again at once, for whoever watches its directory. What an
-/// earlier process may have left under the same name is replaced.
+/// Makes an empty file and removes it again at once, for whoever watches its directory. Nobody can
+/// be in its way: its name ends in characters that cannot be foreseen.
 ///
+/// @param prefix  path, as far as it is given
 /// @return whether it was made; otherwise errno tells why
-/// @thread any, one at a time for the same path
-bool flashDirectoryEntry(const std::string& path);
+/// @thread any
+bool flashDirectoryEntry(const std::string& prefix);
 
 } // namespace vlx::kit

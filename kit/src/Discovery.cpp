@@ -1,4 +1,4 @@
-#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -17,6 +17,8 @@
 
 #include <vlx/VlxPayload.hpp>
 
+#include "SenderSearch.hpp"
+
 namespace vlx::kit
 {
 
@@ -28,12 +30,40 @@ using Clock = std::chrono::steady_clock;
 // Real messages have a few hundred bytes. A stranger may announce anything.
 constexpr std::uint32_t MaxMessageBytes = 1 << 20;
 
+// The kernel passes no more at once.
+constexpr std::size_t MaxPassedDescriptors = 253;
+
+constexpr mode_t PermissionBits = 07777;
+
+constexpr std::size_t DrainBytes = 4096;
+
 constexpr std::size_t SequenceInfoHeaderBytes = 8;
 
 constexpr std::string_view IpcScheme = "ipc://";
 
 constexpr std::size_t MaxSocketPathLength = sizeof(sockaddr_un::sun_path) - 1;
 
+/// Closes what came in with SCM_RIGHTS. A TCP socket that lingers would hold the close for as long
+/// as its sender likes.
+void closePassedDescriptors(msghdr& message)
+{
+    constexpr linger NoLinger{0, 0};
+    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
+         header = CMSG_NXTHDR(&message, header))
+    {
+        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS)
+            continue;
+        for (std::size_t offset = CMSG_LEN(0); offset < header->cmsg_len; offset += sizeof(int))
+        {
+            int fd = -1;
+            std::memcpy(&fd, reinterpret_cast<const char*>(header) + offset, sizeof(fd));
+            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &NoLinger, sizeof(NoLinger));
+            ::close(fd);
+        }
+    }
+}
+
+/// A socket that never waits, neither for what the other side sends nor for its descriptors.
 class Socket
 {
 public:
@@ -41,6 +71,12 @@ public:
 
     ~Socket()
     {
+        // What lies there unread would be closed with the socket, lingering.
+        ::shutdown(m_fd, SHUT_RD);
+        std::array<unsigned char, DrainBytes> scratch;
+        while (receive(scratch.data(), scratch.size()) > 0)
+        {
+        }
         if (m_fd >= 0)
             ::close(m_fd);
     }
@@ -51,6 +87,25 @@ public:
     int getFD() const
     {
         return m_fd;
+    }
+
+    /// As recv().
+    ssize_t receive(unsigned char* bytes, std::size_t size) const
+    {
+        alignas(cmsghdr) std::array<unsigned char, CMSG_SPACE(MaxPassedDescriptors * sizeof(int))>
+            control;
+        iovec part{bytes, size};
+        msghdr message{};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = control.data();
+        message.msg_controllen = control.size();
+        const ssize_t count = ::recvmsg(m_fd, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+        const int error = errno;
+        if (count >= 0)
+            closePassedDescriptors(message);
+        errno = error;
+        return count;
     }
 
 private:
@@ -74,7 +129,10 @@ const sockaddr* toSockaddr(const sockaddr_un& address)
 class MessageReader
 {
 public:
-    MessageReader(int fd, Clock::time_point deadline) : m_fd(fd), m_deadline(deadline) {}
+    MessageReader(const Socket& socket, Clock::time_point deadline)
+        : m_socket(socket), m_deadline(deadline)
+    {
+    }
 
     bool read(Buffer& message)
     {
@@ -89,9 +147,11 @@ public:
         return readBytes(message.data(), message.size());
     }
 
-    bool isClosed() const
+    /// @return whether the other side has closed, or closed by now
+    bool isClosed()
     {
-        return m_closed;
+        unsigned char byte = 0;
+        return m_closed || m_socket.receive(&byte, sizeof(byte)) == 0;
     }
 
 private:
@@ -99,7 +159,7 @@ private:
     {
         while (size > 0)
         {
-            const ssize_t count = ::recv(m_fd, bytes, size, 0);
+            const ssize_t count = m_socket.receive(bytes, size);
             if (count > 0)
             {
                 bytes += count;
@@ -124,11 +184,11 @@ private:
             std::chrono::ceil<std::chrono::milliseconds>(m_deadline - Clock::now()).count();
         if (left <= 0)
             return false;
-        pollfd entry{m_fd, POLLIN, 0};
+        pollfd entry{m_socket.getFD(), POLLIN, 0};
         return ::poll(&entry, 1, static_cast<int>(left)) > 0 || errno == EINTR;
     }
 
-    const int m_fd;
+    const Socket& m_socket;
     const Clock::time_point m_deadline;
     bool m_closed = false;
 };
@@ -164,15 +224,10 @@ std::string parseSocketFile(const std::string& uri)
     if (!uri.starts_with(IpcScheme))
         return {};
     const std::string path = uri.substr(IpcScheme.size());
-    const std::size_t slash = path.rfind('/');
-    const bool isAbsolute = path.starts_with('/');
-    if (!isAbsolute || path.size() > MaxSocketPathLength || path.find("/..") != std::string::npos)
-        return {};
-    const std::size_t parent = path.rfind('/', slash - 1) + 1;
-    const bool isBelowSenderDirectory =
-        slash > 0 &&
-        path.compare(parent, std::strlen(SenderDirectoryPrefix), SenderDirectoryPrefix) == 0;
-    return isBelowSenderDirectory ? path : std::string();
+    const bool canBeOne = path.starts_with('/') && path.size() <= MaxSocketPathLength &&
+                          path.find("/..") == std::string::npos &&
+                          !findSenderDirectoryName(path).empty();
+    return canBeOne ? path : std::string();
 }
 
 bool isPermitted(const std::string& path, int rights)
@@ -188,17 +243,13 @@ void examineSocketFile(SenderProbe& answer)
         return;
 
     struct stat status = {};
-    if (::lstat(path.c_str(), &status) == 0)
-    {
-        if (!S_ISSOCK(status.st_mode))
-            return;
-        answer.socketFileMode = status.st_mode & 07777;
-    }
-    else if (errno == ENOENT && !isPipeline)
-        return;
-    else if (errno != ENOENT && errno != EACCES)
+    const int error = ::lstat(path.c_str(), &status) == 0 ? 0 : errno;
+    const bool canBeIts =
+        error == 0 ? S_ISSOCK(status.st_mode) : error == EACCES || (error == ENOENT && isPipeline);
+    if (!canBeIts)
         return;
     answer.socketFile = path;
+    answer.socketFileMode = error == 0 ? status.st_mode & PermissionBits : 0;
     answer.mayJoin = isPipeline ? isPermitted(path.substr(0, path.rfind('/')), W_OK | X_OK)
                                 : isPermitted(path, W_OK);
 }
@@ -219,14 +270,14 @@ SenderProbe probeSender(const std::string& name, std::chrono::milliseconds timeo
     }
     answer.reached = true;
 
-    MessageReader reader(socket.getFD(), Clock::now() + timeout);
+    MessageReader reader(socket, Clock::now() + timeout);
     Buffer message;
     if (reader.read(message) && isInitialInfo(message))
     {
         answer.initialInfo = parseInitialInfoPacket(message);
-        examineSocketFile(answer);
         if (reader.read(message))
             takeSequenceInfo(message, answer);
+        examineSocketFile(answer);
     }
     answer.closedEarly = reader.isClosed();
     return answer;

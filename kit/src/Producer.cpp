@@ -10,6 +10,7 @@
 #include <AbstractName.hpp>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
+#include <unistd.h>
 #include <vlxkit/BaseDirectory.hpp>
 #include <vlxkit/Discovery.hpp>
 #include <vlxkit/Producer.hpp>
@@ -132,6 +133,7 @@ private:
     std::string m_name;
     std::string m_socketFile;
     std::string m_problem;
+    pid_t m_process = 0;                          // that has opened the stream
     Clock::time_point m_lastSequence;             // when it was started
     std::size_t m_numReceivers = 0;               // just before that, or at a later check
     std::optional<Clock::time_point> m_lastFrame; // when it was sent
@@ -187,7 +189,8 @@ bool Producer::Impl::openSender()
         return fail("stopped");
 
     const ScopedTmpdir tmpdir(m_options.baseDirectory);
-    const BaseDirectory base = prepareBaseDirectory(BaseDirectoryUse::Send);
+    const BaseDirectory base = prepareBaseDirectory(
+        BaseDirectoryUse::Send, m_options.baseDirectory.empty() ? "" : getBaseDirectory());
     if (!base.problem.empty())
         return fail(base.problem);
     if (base.created)
@@ -223,6 +226,7 @@ bool Producer::Impl::initializeSender(const std::string& name)
         return fail("cannot open the stream " + quote(name) + ": " + error.what());
     }
     m_name = name;
+    m_process = ::getpid();
     if (!publish(std::move(sender)))
         return false;
     m_sender->setCurrentPayloader(*m_payloader);
@@ -350,7 +354,7 @@ void Producer::Impl::close()
 {
     if (m_sender == nullptr)
         return;
-    if (m_lastFrame)
+    if (m_lastFrame && m_process == ::getpid())
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_stopRequested.wait_until(
@@ -368,9 +372,15 @@ void Producer::Impl::shutDown()
 {
     if (m_sender == nullptr)
         return;
-    m_sender->shutdownSender();
+    const bool isOurs = m_process == ::getpid();
+    if (isOurs)
+        m_sender->shutdownSender();
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_sender.reset();
+    // A fork's copy has no threads, and what it would shut down is the other process's stream.
+    if (isOurs)
+        m_sender.reset();
+    else
+        static_cast<void>(m_sender.release());
     m_lastFrame.reset();
 }
 

@@ -27,13 +27,14 @@ struct BaseDirectory
     bool writable = false;
 };
 
-/// Finds the directory in which senders meet their receivers, "TMPDIR" or "/tmp/vlx", and checks
-/// that it serves. "/tmp/vlx" is made, with mode 1777, if it is missing and "TMPDIR" is not set.
+/// Finds the directory in which senders meet their receivers, and checks that it serves. "/tmp/vlx"
+/// is made, with mode 1777, if it is missing and nothing else is wanted.
 ///
 /// The library makes no such check: a sender without the directory fails to initialise, and a
 /// receiver without it finds starting senders late. Call this before either is initialised.
 ///
+/// @param directory  empty: "TMPDIR", or "/tmp/vlx"
 /// @thread any
-VLX_API BaseDirectory prepareBaseDirectory(BaseDirectoryUse use);
+VLX_API BaseDirectory prepareBaseDirectory(BaseDirectoryUse use, const std::string& directory = {});
 
 } // namespace vlx::kit

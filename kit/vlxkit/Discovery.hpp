@@ -38,10 +38,10 @@ struct SenderProbe
     /// Set if the codec is PCM and its header is valid.
     std::optional<StreamFormat> format;
     /// Path of the main channel's socket file; empty if the announced URI is none that a sender
-    /// announces: below a "VlxSender-" directory, short enough for a socket, a socket or, in
-    /// Pipeline, nothing yet.
+    /// announces: in a "VlxSender-" directory, short enough for a socket, a socket or, in Pipeline,
+    /// nothing yet.
     std::string socketFile;
-    /// Mode of the socket file; 0 if there is none.
+    /// Mode of the socket file; 0 if there is none, or this user may not look.
     mode_t socketFileMode = 0;
     /// Whether this user may join: in PubSub write to the socket file, in Pipeline make it.
     bool mayJoin = false;
@@ -66,7 +66,8 @@ struct SenderEntry
     uid_t user = 0;
     /// Receivers that are joined, by the connections to its name; a probe counts while it asks.
     std::size_t receivers = 0;
-    /// Path of its socket file as the kernel knows it; empty for one in Pipeline.
+    /// Path of its socket file as the kernel knows it; empty in Pipeline, and if its process has
+    /// several senders. A probe tells more.
     std::string socketFile;
 };
 
@@ -93,7 +94,9 @@ struct DeadDirectory
 
 /// Removes from a base directory what dead senders have left: directories that no reachable sender
 /// announces, in which nobody serves a socket, and that are older than a minute. Never one that is
-/// in doubt.
+/// in doubt: whose user has a sender whose name cannot be found out, or that does not answer. Senders
+/// in Pipeline that /proc does not show, of another container with the same base directory, are not
+/// found.
 ///
 /// @param baseDirectory  empty: "TMPDIR", or "/tmp/vlx"
 /// @return what was found to be dead, ordered by path

@@ -12,7 +12,7 @@ namespace vlx::kit
 /// Whether a stream's threads run under round-robin real-time scheduling.
 enum class RealTimeUse
 {
-    /// Ordinary scheduling, whatever the caller has.
+    /// Nothing is changed: the threads have the scheduling of the thread that makes them.
     Off,
     /// Real-time where the limits of the user permit it, otherwise ordinary, told in one notice.
     Try,
@@ -30,8 +30,12 @@ struct RealTime
 };
 
 /// While it lives, the calling thread runs under the wanted scheduling, and so does every thread
-/// that is created meanwhile, nanomsg's too: threads inherit it. Afterwards the caller has its own
-/// scheduling back; the threads that were created keep what they have.
+/// that is created meanwhile: threads inherit it. Afterwards the caller has its own scheduling back;
+/// the threads that were created keep what they have.
+///
+/// nanomsg has one thread for all streams of a process. It is created with the first stream, inside
+/// this scope, and lives until the last is closed: one that exists already stays as it is. So either
+/// the first stream of a process wants real-time scheduling, or all do.
 ///
 /// @thread construct and destroy on the same thread
 class RealTimeScope
