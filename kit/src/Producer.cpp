@@ -8,6 +8,7 @@
 #include <utility>
 
 #include <AbstractName.hpp>
+#include <SenderDirectory.hpp>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 #include <unistd.h>
