@@ -1,3 +1,5 @@
+#include "PromptStop.hpp"
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -11,7 +13,6 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 #include <unistd.h>
-#include <vlxkit/PromptStop.hpp>
 
 #include <vlx/VlxReceiver.hpp>
 
@@ -77,10 +78,10 @@ private:
 
 // No part of the name may look like a sender's directory. Several receivers of one process may be
 // stopped at once.
-std::string makeEntryPath()
+std::string makeEntryPath(const std::string& directory)
 {
     static std::atomic<unsigned> stopNumber = 0;
-    return getBaseDirectory() + "/.vlx-stop-" + std::to_string(::getpid()) + "-" +
+    return directory + "/.vlx-stop-" + std::to_string(::getpid()) + "-" +
            std::to_string(stopNumber++);
 }
 
@@ -88,9 +89,14 @@ std::string makeEntryPath()
 
 void stopPromptly(Receiver& receiver)
 {
+    stopPromptly(receiver, getBaseDirectory());
+}
+
+void stopPromptly(Receiver& receiver, const std::string& directory)
+{
     try
     {
-        const MonitorWaker waker(makeEntryPath());
+        const MonitorWaker waker(makeEntryPath(directory));
         receiver.shutdownReceiver();
     }
     catch (const std::system_error& error)

@@ -40,9 +40,9 @@ public:
     VLX_API std::optional<std::int64_t> getMax() const;
 
 private:
-    static constexpr std::size_t NumBuckets = 64 * 32;
+    static constexpr std::size_t NumBuckets = 59 * 32; // as far as the largest signed number
 
-    std::array<std::uint32_t, NumBuckets> m_buckets{};
+    std::array<std::uint64_t, NumBuckets> m_buckets{};
     std::uint64_t m_count = 0;
     std::int64_t m_max = 0;
 };

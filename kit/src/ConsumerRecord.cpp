@@ -1,0 +1,168 @@
+#include "ConsumerRecord.hpp"
+
+#include <algorithm>
+#include <utility>
+
+namespace vlx::kit
+{
+
+namespace
+{
+
+// Timestamps may jitter by this much, or by half a frame if that is less, and still continue one
+// another; a lost frame always makes more.
+constexpr TimeValue MaxJitterNs = 1'000'000;
+constexpr TimeValue RoundingNs = 2;
+
+} // unnamed namespace
+
+void ConsumerRecord::onStart(TimeValue now)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_waitBegin = now;
+}
+
+void ConsumerRecord::onConnecting(TimeValue now)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_connectingSince = now;
+}
+
+void ConsumerRecord::onJoined(TimeValue now)
+{
+    m_stallWatch.onRunning(now);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_connectingSince = 0;
+    m_joined = true;
+    m_hadFrame = false;
+    m_introduced = false;
+}
+
+bool ConsumerRecord::onEnded(TimeValue now, bool byPeer)
+{
+    m_stallWatch.onNotRunning();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_connectingSince = 0;
+    m_counts.clock = Receiver::StreamClockType::Undetermined;
+    if (!std::exchange(m_joined, false))
+        return false;
+    if (std::exchange(m_hadFrame, false))
+        m_waitBegin = now;
+    if (byPeer)
+        m_flapWatch.onLoss(now);
+    return true;
+}
+
+bool ConsumerRecord::onSequence(
+    Receiver::StreamClockType clock,
+    const std::optional<StreamFormat>& format)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_counts.sequences;
+    m_flapWatch.onSequence();
+    m_counts.clock = clock;
+    if (std::exchange(m_lastClock, clock) != clock)
+        m_expectedTimestamp.reset();
+
+    const bool isNew = !m_introduced || !format || format != m_format;
+    m_introduced = true;
+    m_isFirstFrame = m_isFirstFrame || isNew;
+    m_format = format;
+    if (format)
+        m_counts.format = *format;
+    return isNew;
+}
+
+ConsumerRecord::Place ConsumerRecord::onFrame(
+    TimeValue timestamp,
+    TimeValue duration,
+    std::size_t size,
+    TimeValue arrival,
+    TimeValue streamTime)
+{
+    m_stallWatch.onFrame(arrival);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (!std::exchange(m_hadFrame, true))
+    {
+        ++m_counts.connections;
+        m_counts.joinNs = arrival - m_waitBegin;
+    }
+    ++m_counts.frames;
+    m_counts.bytes += size;
+    if (streamTime != 0)
+        m_counts.ages.add(static_cast<std::int64_t>(streamTime - timestamp));
+
+    const TimeValue length = getLength(duration, size);
+    const std::int64_t gapNs = measureGap(timestamp, length);
+    m_expectedTimestamp = timestamp + length;
+    return {gapNs, std::exchange(m_isFirstFrame, false)};
+}
+
+/// A PCM frame has a length even if its sender does not say it.
+TimeValue ConsumerRecord::getLength(TimeValue duration, std::size_t size) const
+{
+    return duration != 0 || !m_format
+               ? duration
+               : m_format->toNanoseconds(size / m_format->getBytesPerSample());
+}
+
+std::int64_t ConsumerRecord::measureGap(TimeValue timestamp, TimeValue length)
+{
+    if (!m_expectedTimestamp)
+        return 0;
+    const TimeValue tolerance = std::max(std::min(length / 2, MaxJitterNs), RoundingNs);
+    const auto gapNs = static_cast<std::int64_t>(timestamp - *m_expectedTimestamp);
+    const TimeValue jump =
+        gapNs < 0 ? *m_expectedTimestamp - timestamp : timestamp - *m_expectedTimestamp;
+    if (jump <= tolerance)
+        return 0;
+    if (gapNs > 0)
+    {
+        ++m_counts.gaps;
+        m_counts.gapNs += jump;
+    }
+    else
+    {
+        ++m_counts.overlaps;
+    }
+    return gapNs;
+}
+
+void ConsumerRecord::onStall()
+{
+    m_stallWatch.onRestart();
+}
+
+void ConsumerRecord::forgetLosses()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_flapWatch.onSequence();
+}
+
+bool ConsumerRecord::isStalled(TimeValue now) const
+{
+    return m_stallWatch.isStalled(now);
+}
+
+bool ConsumerRecord::isFlapping() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_flapWatch.isFlapping();
+}
+
+TimeValue ConsumerRecord::getConnectingSince() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_connectingSince;
+}
+
+ConsumerStatistics ConsumerRecord::getStatistics() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    ConsumerStatistics counts = m_counts;
+    counts.reconnects = std::max<std::uint64_t>(counts.connections, 1) - 1;
+    counts.stalls = m_stallWatch.getNumRestarts();
+    return counts;
+}
+
+} // namespace vlx::kit

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+
+#include <vlxkit/Consumer.hpp>
+
+#include "FlapWatch.hpp"
+#include "StallWatch.hpp"
+
+namespace vlx::kit
+{
+
+/// Everything that a consumer counts, and the watches over its connection. Times are nanoseconds of
+/// CLOCK_MONOTONIC.
+///
+/// @thread any for the questions; what a connection does is told from one thread at a time
+class ConsumerRecord
+{
+public:
+    /// Where a frame stands in its stream.
+    struct Place
+    {
+        std::int64_t gapNs;
+        bool isFirst;
+    };
+
+    /// @param stallLimitNs  see StallWatch
+    explicit ConsumerRecord(TimeValue stallLimitNs) : m_stallWatch(stallLimitNs) {}
+
+    /// Nothing is joined yet, and no sender looked for before.
+    void onStart(TimeValue now);
+
+    /// The receiver looks for a sender.
+    void onConnecting(TimeValue now);
+
+    void onJoined(TimeValue now);
+
+    /// The receiver has no connection any more, or never had one, or does not look for one now.
+    ///
+    /// @param byPeer  whether the other side may have ended it
+    /// @return whether there was a connection
+    bool onEnded(TimeValue now, bool byPeer);
+
+    /// A sequence was announced.
+    ///
+    /// @param format  unset for another codec than PCM
+    /// @return whether the frames that follow have to be introduced
+    bool onSequence(Receiver::StreamClockType clock, const std::optional<StreamFormat>& format);
+
+    /// @param streamTime  on the stream's clock, at the frame's arrival; 0 if it cannot be told
+    Place onFrame(
+        TimeValue timestamp,
+        TimeValue duration,
+        std::size_t size,
+        TimeValue arrival,
+        TimeValue streamTime);
+
+    /// The receiver is being restarted because of a stall.
+    void onStall();
+
+    /// Connections that were lost before do not count any more.
+    void forgetLosses();
+
+    bool isStalled(TimeValue now) const;
+    bool isFlapping() const;
+
+    /// @return since when the receiver looks for a sender; 0 if it does not
+    TimeValue getConnectingSince() const;
+
+    /// @return everything but state and clock offset
+    ConsumerStatistics getStatistics() const;
+
+private:
+    TimeValue getLength(TimeValue duration, std::size_t size) const;
+    std::int64_t measureGap(TimeValue timestamp, TimeValue length);
+
+    StallWatch m_stallWatch;
+    mutable std::mutex m_mutex;
+    // All guarded by m_mutex.
+    FlapWatch m_flapWatch;
+    ConsumerStatistics m_counts;
+    std::optional<StreamFormat> m_format;         // of the present sequence, if it is PCM
+    std::optional<TimeValue> m_expectedTimestamp; // of the next frame, if nothing is missing
+    Receiver::StreamClockType m_lastClock = Receiver::StreamClockType::Undetermined;
+    TimeValue m_waitBegin = 0;       // since when a frame is waited for
+    TimeValue m_connectingSince = 0; // 0: not connecting
+    bool m_joined = false;
+    bool m_hadFrame = false;     // in the present connection
+    bool m_introduced = false;   // the present connection's format was told
+    bool m_isFirstFrame = false; // the next one is the first after an introduction
+};
+
+} // namespace vlx::kit
