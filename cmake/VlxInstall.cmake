@@ -97,3 +97,12 @@ foreach(unit vlx-send@ vlx-receive@)
         COMPONENT tools)
 endforeach()
 install(FILES packaging/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME vlx.conf COMPONENT runtime)
+
+# The GStreamer elements, where GStreamer looks when the prefix is its own.
+if(TARGET gstvlx)
+    set(vlx_plugin_dir ${CMAKE_INSTALL_LIBDIR}/gstreamer-1.0)
+    set_target_properties(gstvlx PROPERTIES
+        INSTALL_RPATH $ORIGIN/..
+        INSTALL_RPATH_USE_LINK_PATH ON)
+    install(TARGETS gstvlx LIBRARY DESTINATION ${vlx_plugin_dir} COMPONENT gstreamer)
+endif()

@@ -1,0 +1,80 @@
+#include "Clocks.hpp"
+
+#include <gst/net/gstnet.h>
+
+#include <miscUtils/MiscUtils.hpp>
+
+namespace vlx::gst
+{
+
+namespace
+{
+
+// Of several samples the one is taken that was interrupted least.
+constexpr int NumOffsetSamples = 3;
+
+} // unnamed namespace
+
+bool isMonotonicSystemClock(GstClock* clock)
+{
+    // Net client clocks are system clocks too, by inheritance.
+    const char* const typeName = G_OBJECT_TYPE_NAME(clock);
+    if (!GST_IS_SYSTEM_CLOCK(clock) || g_str_equal(typeName, "GstSystemClock") == FALSE)
+        return false;
+
+    GstClockType type = GST_CLOCK_TYPE_OTHER;
+    g_object_get(clock, "clock-type", &type, nullptr);
+    GstClockTime internal = 0;
+    GstClockTime external = 0;
+    GstClockTime rateNum = 1;
+    GstClockTime rateDen = 1;
+    gst_clock_get_calibration(clock, &internal, &external, &rateNum, &rateDen);
+    return type == GST_CLOCK_TYPE_MONOTONIC && internal == external && rateNum == rateDen;
+}
+
+std::optional<ClockEndpoint> getNetClockEndpoint(GstClock* clock)
+{
+    // Exactly this type: an NTP clock inherits from it.
+    if (G_OBJECT_TYPE(clock) != GST_TYPE_NET_CLIENT_CLOCK)
+        return std::nullopt;
+    gchar* address = nullptr;
+    gint port = 0;
+    g_object_get(clock, "address", &address, "port", &port, nullptr);
+    ClockEndpoint endpoint{address != nullptr ? address : "", static_cast<std::uint16_t>(port)};
+    g_free(address);
+    return endpoint;
+}
+
+std::int64_t getOffsetToMonotonic(GstClock* clock)
+{
+    if (isMonotonicSystemClock(clock))
+        return 0;
+    std::int64_t offset = 0;
+    std::uint64_t shortest = UINT64_MAX;
+    for (int i = 0; i < NumOffsetSamples; ++i)
+    {
+        const std::uint64_t before = miscUtils::getMonotonicSysclockTime();
+        const GstClockTime time = gst_clock_get_time(clock);
+        const std::uint64_t after = miscUtils::getMonotonicSysclockTime();
+        if (after - before >= shortest)
+            continue;
+        shortest = after - before;
+        offset = static_cast<std::int64_t>(time - (before + shortest / 2));
+    }
+    return offset;
+}
+
+ObjectPtr<GstClock> findClock(GstElement* element)
+{
+    if (GstClock* const clock = gst_element_get_clock(element))
+        return ObjectPtr<GstClock>(clock);
+
+    ObjectPtr<GstObject> top(GST_OBJECT(gst_object_ref(element)));
+    while (GstObject* const parent = gst_object_get_parent(top.get()))
+        top.reset(parent);
+    if (!GST_IS_PIPELINE(top.get()))
+        return nullptr;
+    return ObjectPtr<GstClock>(gst_pipeline_get_pipeline_clock(GST_PIPELINE(top.get())));
+}
+
+} // namespace vlx::gst

@@ -1,0 +1,14 @@
+#pragma once
+
+namespace vlx::gst
+{
+
+/// Forwards the library's log to GStreamer's debug category "vlx", unless the host has configured
+/// log4cplus for it. Without either, log4cplus complains on the host's standard error.
+///
+/// Takes over the category's present threshold, so call it at each start of an element.
+///
+/// @thread any
+void forwardLibraryLog();
+
+} // namespace vlx::gst
