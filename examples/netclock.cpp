@@ -1,0 +1,82 @@
+// A stream whose timestamps stand on a network clock, with its provider: two seconds of silence, and a
+// consumer in the same process that tells the order of events. Frames come before the clock is
+// synchronised, which takes some tenths of a second; until then the stream's time is 0.
+//
+//   netclock NAME [ADDRESS]
+//
+// ADDRESS is that of this machine as the receivers see it; default 127.0.0.1.
+
+#include <atomic>
+#include <chrono>
+#include <iostream>
+#include <thread>
+
+#include <gst/net/gstnet.h>
+
+#include <vlxkit/Consumer.hpp>
+#include <vlxkit/Logging.hpp>
+#include <vlxkit/Producer.hpp>
+
+namespace
+{
+
+constexpr vlx::TimeValue FrameNs = 10'000'000;
+constexpr int NumFrames = 200;
+
+std::atomic<int> frames = 0;
+std::atomic<bool> synchronized = false;
+
+void tell(const vlx::kit::Consumer& consumer, vlx::TimeValue timestamp)
+{
+    const vlx::TimeValue now = consumer.getStreamTime();
+    if (++frames == 1)
+        std::cout << "first frame, stream time " << now << std::endl;
+    if (now == 0 || synchronized.exchange(true))
+        return;
+    std::cout << "synchronised at frame " << frames << ", whose age is "
+              << (static_cast<double>(now) - static_cast<double>(timestamp)) / 1e6 << " ms"
+              << std::endl;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const vlx::kit::Logging logging;
+    gst_init(nullptr, nullptr);
+
+    // The clock that is served and the one that frames are stamped with are the same.
+    GstClock* const clock = gst_system_clock_obtain();
+    const char* const address = argc > 2 ? argv[2] : "127.0.0.1";
+    GstNetTimeProvider* const provider = gst_net_time_provider_new(clock, address, 0);
+    if (provider == nullptr)
+        return 1;
+    gint port = 0; // the kernel has chosen it
+    g_object_get(provider, "port", &port, nullptr);
+
+    {
+        vlx::kit::Producer producer({
+            .name = argv[1],
+            .clock = vlx::TimeSyncProtocol::GstNetClock,
+            .clockAddress = address,
+            .clockPort = static_cast<std::uint16_t>(port),
+        });
+        vlx::kit::Consumer consumer(
+            {.name = argv[1]}, {.onFrame = [&consumer](const vlx::kit::Frame& frame)
+                                { tell(consumer, frame.timestamp); }});
+        if (!producer.open({audioUtils::PcmFormat::S16LE, 48000, 2}) || !consumer.start())
+            return 1;
+        const vlx::Buffer silence(480 * 2 * 2);
+        auto due = std::chrono::steady_clock::now();
+        for (int i = 0; i < NumFrames; ++i)
+        {
+            producer.send(gst_clock_get_time(clock), FrameNs, silence);
+            due += std::chrono::nanoseconds(FrameNs);
+            std::this_thread::sleep_until(due);
+        }
+    }
+    gst_object_unref(provider);
+    gst_object_unref(clock);
+    std::cout << frames << " of " << NumFrames << " frames" << std::endl;
+    return synchronized ? 0 : 1;
+}
