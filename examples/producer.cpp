@@ -1,3 +1,4 @@
+#include <chrono>
 #include <iostream>
 #include <thread>
 
@@ -14,6 +15,7 @@ int main()
         std::cerr << producer.getProblem() << std::endl;
         return 1;
     }
+    producer.waitForReceivers(1, std::chrono::milliseconds(100)); // who waits misses nothing
     const vlx::Buffer silence(480 * 2 * 2);
     const vlx::TimeValue begin = miscUtils::getMonotonicSysclockTime();
     for (vlx::TimeValue time = begin; time < begin + 5'000'000'000; time += 10'000'000)
