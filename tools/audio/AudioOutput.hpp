@@ -1,12 +1,17 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
 
+#include <nlohmann/json_fwd.hpp>
+#include <vlxkit/RealTime.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
 #include <vlx/VlxTypes.hpp>
+
+#include "common/Poll.hpp"
 
 namespace vlx::tool
 {
@@ -27,13 +32,24 @@ public:
     virtual bool start(const kit::StreamFormat& format) = 0;
 
     /// @param bytes  whole samples
+    /// @param time   of the first of them, nanoseconds of CLOCK_MONOTONIC; only what is heard at
+    ///               once looks at it
     /// @return whether all of it was written; otherwise getProblem() says why not
-    virtual bool write(const ByteView& bytes) = 0;
+    virtual bool write(const ByteView& bytes, TimeValue time) = 0;
 
     /// Ends the output, also one that was never started or has failed. Called once.
     ///
     /// @return whether everything that was written is safe; otherwise getProblem() says why not
     virtual bool finish() = 0;
+
+    /// Adds what only this output knows. After finish().
+    virtual void addToReport(nlohmann::ordered_json& /*report*/) const {}
+
+    /// @return what went wrong without ending the output, in a few words; empty: nothing
+    virtual std::string describeFaults() const
+    {
+        return {};
+    }
 
     /// @return one line on the last failure
     const std::string& getProblem() const
@@ -45,25 +61,51 @@ protected:
     std::string m_problem;
 };
 
-/// Opens an audio file whose kind follows from its extension; without a known one it is WAV. Its
-/// former content goes when the first sequence arrives; a new file in which nothing was recorded is
-/// removed again.
+/// What bounds an output's waits for somebody else.
+struct OutputWaits
+{
+    const StopSignal& stop;
+    Deadline openDeadline; ///< for the other end of a FIFO
+};
+
+/// Opens an audio file, a file of raw samples, or a stream into a pipe or a device.
+///
+/// A recording is written beside the file of that name and takes its place when it holds something:
+/// nothing is left of one that was never begun, and a former recording stays until then.
 ///
 /// The header is brought up to date with each write, so that at every moment what was written can be
 /// read. Exceptions are kinds that keep samples back until a block is full: FLAC, Ogg, Opus and MP3
 /// files are readable up to the last complete block.
 ///
-/// @throws CommandFailure if it cannot be written
-std::unique_ptr<AudioOutput> openFileOutput(const std::string& path);
+/// @param path  "-" for standard output
+/// @param type  kind of file, such as "wav" or "raw"; empty: by the path's extension, WAV if it has
+///              none, and raw samples for "-". Only raw samples and WAV go into a pipe
+/// @throws CommandFailure if it cannot be written, or the kind is not known
+std::unique_ptr<AudioOutput>
+openOutput(const std::string& path, const std::string& type, const OutputWaits& waits);
+
+/// @return names of all kinds, for the help
+std::string listOutputTypes();
 
 /// @return whether the extension asks for raw samples: ".raw" or ".pcm"
 bool isRawPath(const std::string& path);
 
-/// Opens a file or a pipe for raw samples in the stream's own format.
+/// A stream of raw samples in the stream's own format, or of WAV with unknown length.
+std::unique_ptr<AudioOutput>
+openStreamOutput(const std::string& path, bool asWav, const OutputWaits& waits);
+
+/// How audio is played.
+struct PlaySettings
+{
+    std::string device = "default"; ///< ALSA's name
+    std::chrono::nanoseconds latency = std::chrono::milliseconds(100);
+    kit::RealTime realTime = {};
+};
+
+/// Plays on time: each sample leaves its timestamp plus the latency later. The device's clock is
+/// followed by resampling; where nothing has come there is silence.
 ///
-/// @param path  "-" for standard output
-/// @param stop  bounds the wait for a reader that takes nothing
-/// @throws CommandFailure if it cannot be written
-std::unique_ptr<AudioOutput> openRawOutput(const std::string& path, const StopSignal& stop);
+/// @throws CommandFailure if the device cannot be opened, or the tool was built without ALSA
+std::unique_ptr<AudioOutput> openPlayOutput(const PlaySettings& settings, const StopSignal& stop);
 
 } // namespace vlx::tool

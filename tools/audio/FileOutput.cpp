@@ -31,7 +31,7 @@ struct FileKind
 };
 
 constexpr FileKind FileKinds[] = {
-    // The first one is also for files without a known extension.
+    // The first one is also for files without an extension.
     {"wav", "WAV", SF_FORMAT_WAV, 0, true, true},
     {"rf64", "RF64", SF_FORMAT_RF64, 0, true, false},
     {"w64", "W64", SF_FORMAT_W64, 0, true, false},
@@ -51,28 +51,37 @@ constexpr FileKind FileKinds[] = {
 // Leaves room for the header.
 constexpr std::uint64_t MaxBytesOfFourGigabytes = 0xFFFF'FFFF - 0x1'0000;
 
+std::string toLower(std::string text)
+{
+    std::transform(
+        text.begin(), text.end(), text.begin(),
+        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
 std::string getExtension(const std::string& path)
 {
     const std::size_t slash = path.rfind('/');
     const std::size_t dot = path.rfind('.');
     if (dot == std::string::npos || (slash != std::string::npos && dot < slash))
         return {};
-    std::string extension = path.substr(dot + 1);
-    std::transform(
-        extension.begin(), extension.end(), extension.begin(),
-        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return extension;
+    return toLower(path.substr(dot + 1));
 }
 
-const FileKind& findKind(const std::string& path)
+bool isRawType(const std::string& type)
 {
-    const std::string extension = getExtension(path);
+    return type == "raw" || type == "pcm";
+}
+
+/// @return nothing if the kind is not known
+const FileKind* findKind(const std::string& type)
+{
     for (const FileKind& kind : FileKinds)
     {
-        if (kind.extension == extension)
-            return kind;
+        if (type.empty() || kind.extension == type)
+            return &kind;
     }
-    return FileKinds[0];
+    return nullptr;
 }
 
 int toSubtype(PcmFormat format)
@@ -148,13 +157,9 @@ sf_count_t writeValues(SNDFILE* file, const std::vector<double>& values)
 class FileOutput : public AudioOutput
 {
 public:
-    explicit FileOutput(const std::string& path) : m_kind(findKind(path)), m_file(path)
+    FileOutput(const std::string& path, const FileKind& kind, const OutputWaits& waits)
+        : m_kind(kind), m_file(path, waits)
     {
-        if (!m_file.isRegular())
-            throw CommandFailure(
-                ExitCode::Failed,
-                "cannot write " + m_file.getName() +
-                    ": only raw samples (--raw) go where nothing can be rewritten");
     }
 
     ~FileOutput() override
@@ -168,28 +173,15 @@ public:
 
     bool start(const kit::StreamFormat& format) override
     {
-        SF_INFO info{};
-        if (!chooseFormat(m_kind, format, info))
-            return fail(std::string(m_kind.name) + " cannot hold " + toText(format));
-        if (!m_file.begin())
-            return fail(miscUtils::strerror_r_safe(errno));
-        m_sound = ::sf_open_fd(m_file.getFD(), SFM_WRITE, &info, SF_FALSE);
-        if (m_sound == nullptr)
-            return failInLibrary(::sf_strerror(nullptr));
-
         m_format = format;
-        // The chunk of peak values holds nothing that was received.
-        ::sf_command(m_sound, SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
-        if (m_kind.rewritable)
-        {
-            ::sf_command(m_sound, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
-            ::sf_command(m_sound, SFC_UPDATE_HEADER_NOW, nullptr, 0);
-        }
-        return ::sf_error(m_sound) == SF_ERR_NO_ERROR || failInLibrary(::sf_strerror(m_sound));
+        return chooseFormat(m_kind, format, m_info) ||
+               fail(std::string(m_kind.name) + " cannot hold " + toText(format));
     }
 
-    bool write(const ByteView& bytes) override
+    bool write(const ByteView& bytes, TimeValue /*time*/) override
     {
+        if (m_sound == nullptr && !begin())
+            return false;
         if (m_kind.fourGigabytes && m_numBytes + bytes.size() > MaxBytesOfFourGigabytes)
             return fail("it is full: " + std::string(m_kind.name) + " files end at 4 GiB");
 
@@ -201,7 +193,7 @@ public:
         m_numSamples += written / static_cast<sf_count_t>(m_format.channels);
         m_numBytes += bytes.size();
         if (::sf_error(m_sound) == SF_ERR_NO_ERROR)
-            return true;
+            return m_file.commit() || fail(miscUtils::strerror_r_safe(errno));
 
         failInLibrary(::sf_strerror(m_sound));
         m_writeFailed = true;
@@ -228,6 +220,25 @@ public:
     }
 
 private:
+    // Only with the first samples, so that a recording that gets none leaves no file.
+    bool begin()
+    {
+        if (!m_file.begin())
+            return fail(miscUtils::strerror_r_safe(errno));
+        m_sound = ::sf_open_fd(m_file.getFD(), SFM_WRITE, &m_info, SF_FALSE);
+        if (m_sound == nullptr)
+            return failInLibrary(::sf_strerror(nullptr));
+
+        // The chunk of peak values holds nothing that was received.
+        ::sf_command(m_sound, SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
+        if (m_kind.rewritable)
+        {
+            ::sf_command(m_sound, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
+            ::sf_command(m_sound, SFC_UPDATE_HEADER_NOW, nullptr, 0);
+        }
+        return ::sf_error(m_sound) == SF_ERR_NO_ERROR || failInLibrary(::sf_strerror(m_sound));
+    }
+
     bool fail(const std::string& reason)
     {
         m_problem = "cannot write " + m_file.getName() + ": " + reason;
@@ -257,6 +268,7 @@ private:
     OutputFile m_file;
     SNDFILE* m_sound = nullptr;
     kit::StreamFormat m_format;
+    SF_INFO m_info{};
     SampleValues m_values;
     sf_count_t m_numSamples = 0;
     std::uint64_t m_numBytes = 0;
@@ -266,15 +278,40 @@ private:
 
 } // unnamed namespace
 
-std::unique_ptr<AudioOutput> openFileOutput(const std::string& path)
+std::unique_ptr<AudioOutput>
+openOutput(const std::string& path, const std::string& type, const OutputWaits& waits)
 {
-    return std::make_unique<FileOutput>(path);
+    const bool stream = path == "-" || isSpecialFile(path);
+    std::string kindName = type.empty() ? getExtension(path) : toLower(type);
+    if (path == "-" && type.empty())
+        kindName = "raw";
+    if (isRawType(kindName) || (stream && kindName == "wav"))
+        return openStreamOutput(path, kindName == "wav", waits);
+
+    const FileKind* const kind = findKind(kindName);
+    if (kind == nullptr)
+        throw CommandFailure(
+            ExitCode::Usage, "\"" + kindName + "\" is no kind of audio file; known are " +
+                                 listOutputTypes() + ", to be named by -t or the extension");
+    if (stream)
+        throw CommandFailure(
+            ExitCode::Failed, "cannot write \"" + path +
+                                  "\": only raw samples (-t raw) or a WAV stream (-t wav) go where "
+                                  "nothing can be rewritten");
+    return std::make_unique<FileOutput>(path, *kind, waits);
+}
+
+std::string listOutputTypes()
+{
+    std::string list;
+    for (const FileKind& kind : FileKinds)
+        list += std::string(kind.extension) + ", ";
+    return list + "raw";
 }
 
 bool isRawPath(const std::string& path)
 {
-    const std::string extension = getExtension(path);
-    return extension == "raw" || extension == "pcm";
+    return isRawType(getExtension(path));
 }
 
 } // namespace vlx::tool

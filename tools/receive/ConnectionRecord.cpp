@@ -1,6 +1,5 @@
 #include "ConnectionRecord.hpp"
 
-#include <algorithm>
 #include <utility>
 
 #include <nlohmann/json.hpp>
@@ -10,11 +9,6 @@ namespace vlx::tool
 
 namespace
 {
-
-// Timestamps may jitter by this much, or by half a frame if that is less, and still continue one
-// another; a lost frame always makes more.
-constexpr TimeValue MaxJitterNs = 1'000'000;
-constexpr TimeValue RoundingNs = 2;
 
 const char* toText(EndReason reason)
 {
@@ -46,20 +40,36 @@ void ConnectionRecord::setFormat(const kit::StreamFormat& format, Receiver::Stre
 void ConnectionRecord::addFrame(
     const StreamEvent& frame,
     std::uint64_t samples,
-    std::uint64_t fileSample)
+    const FilePlace& place)
 {
-    if (m_frames == 0)
+    const bool first = m_frames == 0;
+    if (first)
     {
         m_firstFrameTime = frame.time;
         m_firstTimestamp = frame.timestamp;
+    }
+    else if (frame.gapNs > 0)
+    {
+        ++m_gaps;
+        m_gapNs += frame.gapNs;
+    }
+    else if (frame.gapNs < 0)
+    {
+        ++m_overlaps;
+        m_overlapNs -= frame.gapNs;
     }
     ++m_frames;
     m_bytes += frame.data.size();
     if (frame.data.size() % m_format.getBytesPerSample() != 0)
         ++m_oddFrames;
     m_lastTimestamp = frame.timestamp;
-    noteAge(frame);
-    continueSegments(frame.timestamp, samples, fileSample);
+    // Only then do timestamp and arrival stand on one clock.
+    if (m_clock == Receiver::StreamClockType::MonotonicSystemClock)
+        m_ages.add(static_cast<std::int64_t>(frame.time - frame.timestamp));
+
+    if (first || frame.gapNs != 0 || m_segments.back().place.file != place.file)
+        m_segments.push_back({place, frame.timestamp, 0});
+    m_segments.back().samples += samples;
 }
 
 void ConnectionRecord::end(EndReason reason)
@@ -67,43 +77,13 @@ void ConnectionRecord::end(EndReason reason)
     m_ended = toText(reason);
 }
 
-void ConnectionRecord::noteAge(const StreamEvent& frame)
-{
-    // Only then do timestamp and arrival stand on one clock.
-    if (m_clock == Receiver::StreamClockType::MonotonicSystemClock)
-        m_ages.add(static_cast<std::int64_t>(frame.time - frame.timestamp));
-}
-
-void ConnectionRecord::continueSegments(
-    TimeValue timestamp,
-    std::uint64_t samples,
-    std::uint64_t fileSample)
-{
-    const TimeValue duration = m_format.toNanoseconds(samples);
-    const TimeValue tolerance = std::max(std::min(duration / 2, MaxJitterNs), RoundingNs);
-    const bool later = timestamp > m_expectedTimestamp;
-    const TimeValue jump =
-        later ? timestamp - m_expectedTimestamp : m_expectedTimestamp - timestamp;
-
-    if (m_segments.empty() || jump > tolerance)
-    {
-        if (!m_segments.empty())
-        {
-            ++(later ? m_gaps : m_overlaps);
-            (later ? m_gapNs : m_overlapNs) += jump;
-        }
-        m_segments.push_back({fileSample, timestamp, 0});
-    }
-    m_segments.back().samples += samples;
-    m_expectedTimestamp = timestamp + duration;
-}
-
 nlohmann::ordered_json ConnectionRecord::toJson() const
 {
     nlohmann::ordered_json segments = nlohmann::ordered_json::array();
     for (const Segment& segment : m_segments)
         segments.push_back(
-            {{"file_sample", segment.fileSample},
+            {{"file", segment.place.file},
+             {"file_sample", segment.place.sample},
              {"timestamp", segment.timestamp},
              {"samples", segment.samples}});
 

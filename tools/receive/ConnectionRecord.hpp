@@ -5,22 +5,29 @@
 #include <vector>
 
 #include <nlohmann/json_fwd.hpp>
+#include <vlxkit/AgeHistogram.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
 #include <vlx/VlxReceiver.hpp>
 #include <vlx/VlxTypes.hpp>
 
 #include "StreamEvents.hpp"
-#include "common/AgeSamples.hpp"
 
 namespace vlx::tool
 {
 
+/// Where a frame goes in the recording.
+struct FilePlace
+{
+    std::size_t file = 0;     ///< number of the file, from 0
+    std::uint64_t sample = 0; ///< counted from the beginning of that file
+};
+
 /// A stretch of the recording in which each frame's timestamp continues the one before.
 struct Segment
 {
-    std::uint64_t fileSample; ///< first one, counted from the beginning of the recording
-    TimeValue timestamp;      ///< of that sample
+    FilePlace place;     ///< of its first sample
+    TimeValue timestamp; ///< of that sample
     std::uint64_t samples;
 };
 
@@ -38,10 +45,10 @@ public:
 
     /// Counts a frame, before it is written.
     ///
-    /// @param samples     that go into the recording
-    /// @param fileSample  where its first sample goes in the recording
+    /// @param samples  that go into the recording
+    /// @param place    where the first of them goes
     /// @pre setFormat() was called
-    void addFrame(const StreamEvent& frame, std::uint64_t samples, std::uint64_t fileSample);
+    void addFrame(const StreamEvent& frame, std::uint64_t samples, const FilePlace& place);
 
     void end(EndReason reason);
 
@@ -59,9 +66,6 @@ public:
     nlohmann::ordered_json toJson() const;
 
 private:
-    void noteAge(const StreamEvent& frame);
-    void continueSegments(TimeValue timestamp, std::uint64_t samples, std::uint64_t fileSample);
-
     const std::string m_joinedAfter;
     const TimeValue m_waitBegin;
     kit::StreamFormat m_format;
@@ -71,13 +75,12 @@ private:
     std::uint64_t m_bytes = 0;
     std::uint64_t m_oddFrames = 0;
     std::uint64_t m_gaps = 0;
-    TimeValue m_gapNs = 0;
+    std::int64_t m_gapNs = 0;
     std::uint64_t m_overlaps = 0;
-    TimeValue m_overlapNs = 0;
+    std::int64_t m_overlapNs = 0;
     TimeValue m_firstTimestamp = 0;
     TimeValue m_lastTimestamp = 0;
-    TimeValue m_expectedTimestamp = 0; // of the next frame, if nothing is missing
-    AgeSamples m_ages;
+    kit::AgeHistogram m_ages;
     std::vector<Segment> m_segments;
     std::string m_ended = "running";
 };

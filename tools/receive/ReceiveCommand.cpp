@@ -8,17 +8,16 @@
 
 #include <nlohmann/json.hpp>
 #include <vlxkit/BaseDirectory.hpp>
+#include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
 
 #include <miscUtils/MiscUtils.hpp>
 
 #include "ReceiveOptions.hpp"
-#include "ReceiverSession.hpp"
 #include "Recorder.hpp"
 #include "audio/AudioOutput.hpp"
 #include "common/Duration.hpp"
 #include "common/ExitCodes.hpp"
-#include "common/LogSetup.hpp"
 #include "common/Messages.hpp"
 #include "common/ReportFile.hpp"
 #include "common/StopSignal.hpp"
@@ -34,190 +33,305 @@ using std::chrono::milliseconds;
 
 constexpr auto DefaultStall = std::chrono::seconds(2);
 constexpr auto WatchInterval = milliseconds(100);
-constexpr auto AnswerTimeout = milliseconds(300);
-// How long a sender is left alone that drops every connection.
-constexpr auto PauseAfterFlapping = std::chrono::seconds(2);
-// A sender that listens is normally joined within milliseconds.
-constexpr TimeValue SuspiciousConnectingNs = 1'000'000'000;
 
-/// Wakes the control loop from other threads.
-class ControlBell
+/// Tells when the frames of a stream are to be played.
+class LocalTimes
 {
 public:
-    void ring()
+    void setClock(Receiver::StreamClockType clock)
     {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_rung = true;
-        }
-        m_condition.notify_one();
+        m_clock = clock;
     }
 
-    void waitUntil(SteadyClock::time_point deadline)
+    /// @return the frame's timestamp on CLOCK_MONOTONIC; as near as can be told if the stream's
+    ///         clock cannot be told
+    TimeValue get(const kit::Frame& frame, const kit::Consumer& consumer)
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_condition.wait_until(lock, deadline, [this] { return m_rung; });
-        m_rung = false;
+        if (m_clock == Receiver::StreamClockType::MonotonicSystemClock)
+            return frame.timestamp;
+        const TimeValue streamTime = consumer.getStreamTime();
+        if (streamTime != 0)
+            return miscUtils::getMonotonicSysclockTime() + frame.timestamp - streamTime;
+
+        // Frames that come in time with each other are played so, whatever their arrival jitters.
+        const auto late = static_cast<std::int64_t>(frame.arrival - m_expected);
+        const TimeValue time = late > MaxJitterNs || late < -MaxJitterNs
+                                   ? frame.arrival
+                                   : m_expected + static_cast<TimeValue>(late / SmoothingFrames);
+        m_expected = time + frame.duration;
+        return time;
     }
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_condition;
-    bool m_rung = false; // guarded by m_mutex
+    static constexpr std::int64_t MaxJitterNs = 50'000'000;
+    static constexpr std::int64_t SmoothingFrames = 64;
+
+    Receiver::StreamClockType m_clock = Receiver::StreamClockType::Undetermined;
+    TimeValue m_expected = 0;
 };
 
-/// The control loop of a recording: watches over the receiver until something ends it.
+/// The control loop of a recording: joins recorder and consumer, until something ends it.
 class ReceiveControl
 {
 public:
-    ReceiveControl(
-        const ReceiveOptions& options,
-        ControlBell& bell,
-        Recorder& recorder,
-        ReceiverSession& session,
-        const StopSignal& stop)
-        : m_options(options), m_bell(bell), m_recorder(recorder), m_session(session), m_stop(stop)
-    {
-    }
+    ReceiveControl(const ReceiveOptions& options, StopSignal& stop);
 
     /// @return the exit code, if nothing fails while the recording is finished
     /// @throws CommandFailure
-    int run()
+    int run();
+
+    /// Ends consumer and recording and writes the report, whatever ended the control loop.
+    void finish();
+
+    bool hasFailed() const
     {
-        m_begin = SteadyClock::now();
-        m_session.start();
-        while (!m_stop.isRequested() && m_recorder.getState() == RecorderState::Going)
-        {
-            m_bell.waitUntil(std::min(SteadyClock::now() + WatchInterval, getTimeoutTime()));
-            if (m_stop.isRequested() || m_recorder.getState() != RecorderState::Going)
-                break;
-            checkTimeout();
-            superviseReceiver();
-            showProgress();
-        }
-        return m_stop.isRequested() && m_recorder.getState() == RecorderState::Going
-                   ? toExitCode(m_stop.getSignalNumber())
-                   : toInt(ExitCode::Done);
+        return m_recorder.getState() == RecorderState::Failed;
     }
 
 private:
-    SteadyClock::time_point getTimeoutTime() const
-    {
-        if (!m_options.timeout || m_recorder.getNumFrames() > 0)
-            return SteadyClock::time_point::max();
-        return m_begin + *m_options.timeout;
-    }
-
-    void checkTimeout() const
-    {
-        if (SteadyClock::now() < getTimeoutTime())
-            return;
-        const bool reachable = kit::isNameTaken(m_options.name);
-        throw CommandFailure(
-            ExitCode::TimedOut, (reachable ? "no frame from \"" : "no sender \"") + m_options.name +
-                                    "\" within " + toText(*m_options.timeout));
-    }
-
-    void superviseReceiver()
-    {
-        if (m_session.hasGivenUp())
-            throw CommandFailure(
-                ExitCode::Failed, "cannot go on receiving" + quoteLastLibraryError());
-        if (m_paused)
-            endPause();
-        else if (m_session.isFlapping() || isStrangerSuspected())
-            examineSender();
-        else if (m_session.isStalled())
-            restartAfterStall();
-    }
-
-    // One who accepts connections and closes them at once keeps the receiver in a tight loop that it
-    // does not report.
-    bool isStrangerSuspected()
-    {
-        const TimeValue since = m_session.getConnectingSince();
-        const TimeValue now = miscUtils::getMonotonicSysclockTime();
-        if (since == 0 || now - since < SuspiciousConnectingNs)
-            return false;
-        const kit::SenderProbe answer = kit::probeSender(m_options.name, AnswerTimeout);
-        return answer.closedEarly && !answer.initialInfo;
-    }
-
-    void examineSender()
-    {
-        m_session.stop(EndReason::Lost);
-        const kit::SenderProbe answer = kit::probeSender(m_options.name, AnswerTimeout);
-        if (answer.fourcc && *answer.fourcc != PcmFourcc)
-            throw CommandFailure(
-                ExitCode::Failed, "cannot play codec \"" + kit::toFourccText(*answer.fourcc) +
-                                      "\" of \"" + m_options.name + "\", only PCM");
-        PcmDepayloader depayloader;
-        if (answer.fourcc && !depayloader.processCodecHeader(answer.codecHeader))
-            throw CommandFailure(
-                ExitCode::Failed,
-                "cannot play \"" + m_options.name + "\": it announces a PCM format that is none");
-
-        if (!m_strangerReported)
-            printNotice(
-                "\"" + m_options.name +
-                "\" ends every connection before it announces a stream; trying again every " +
-                toText(PauseAfterFlapping));
-        m_strangerReported = true;
-        m_paused = true;
-        m_pauseEnd = SteadyClock::now() + PauseAfterFlapping;
-    }
-
-    void endPause()
-    {
-        if (SteadyClock::now() < m_pauseEnd)
-            return;
-        m_paused = false;
-        m_session.start();
-    }
-
-    void restartAfterStall()
-    {
-        if (m_session.getNumStalls() == 0)
-            printNotice("joined, but no frames come: joining again, from now on silently");
-        m_session.restartAfterStall();
-    }
-
-    void showProgress()
-    {
-        const double seconds = std::chrono::duration<double>(m_recorder.getDuration()).count();
-        char text[128];
-        std::snprintf(
-            text, sizeof(text), "%.1f s received in %llu frames", seconds,
-            static_cast<unsigned long long>(m_recorder.getNumFrames()));
-        printProgress(m_recorder.getNumFrames() == 0 ? "waiting for the sender" : text);
-    }
+    kit::ConsumerCallbacks makeCallbacks();
+    std::unique_ptr<AudioOutput> openNextOutput(std::size_t number) const;
+    RecorderSettings makeSettings() const;
+    void onFrame(const kit::Frame& frame);
+    void onFormat(const kit::StreamFormat& format);
+    void onEvent(const kit::ConsumerEvent& event);
+    void noteProblem(const kit::ConsumerEvent& event);
+    void pushEnd(const kit::ConsumerEvent& event, EndReason reason);
+    void ring();
+    void waitUntil(SteadyClock::time_point deadline);
+    Deadline getDeadline() const;
+    void checkTimeout();
+    void checkRefusal();
+    bool hasSenderLeftUnseen() const;
 
     const ReceiveOptions& m_options;
-    ControlBell& m_bell;
-    Recorder& m_recorder;
-    ReceiverSession& m_session;
-    const StopSignal& m_stop;
-    SteadyClock::time_point m_begin;
-    SteadyClock::time_point m_pauseEnd;
-    bool m_paused = false; // the receiver is stopped until m_pauseEnd
-    bool m_strangerReported = false;
+    StopSignal& m_stop;
+    const SteadyClock::time_point m_begin = SteadyClock::now();
+
+    std::mutex m_mutex;
+    std::condition_variable m_condition;
+    // Guarded by m_mutex.
+    bool m_rung = false;
+    std::string m_lastProblem; // why nothing comes
+    std::string m_refusal;     // why nothing can ever be recorded
+
+    LocalTimes m_localTimes; // the consumer's callbacks alone
+    std::atomic<bool> m_stalled = false;
+    Recorder m_recorder;
+    kit::Consumer m_consumer; // last: its callbacks use all of the above
 };
 
-void checkBaseDirectory()
+ReceiveControl::ReceiveControl(const ReceiveOptions& options, StopSignal& stop)
+    : m_options(options),
+      m_stop(stop),
+      m_recorder(makeSettings(), miscUtils::getMonotonicSysclockTime(), [this] { ring(); }),
+      m_consumer(
+          {options.name, {}, options.stall.value_or(DefaultStall), options.realTime},
+          makeCallbacks())
 {
-    const auto base = kit::prepareBaseDirectory(kit::BaseDirectoryUse::Receive);
-    if (!base.problem.empty())
-        throw CommandFailure(ExitCode::Failed, base.problem);
-    if (base.created)
-        printNotice("created " + base.path + " (mode 1777), where senders and receivers meet");
-    if (!base.writable)
-        printNotice(base.path + " is not writable: stopping can take up to 5 seconds");
 }
 
-std::unique_ptr<AudioOutput> openOutput(const ReceiveOptions& options, const StopSignal& stop)
+RecorderSettings ReceiveControl::makeSettings() const
 {
-    const bool raw = options.raw || options.output == "-" || isRawPath(options.output);
-    return raw ? openRawOutput(options.output, stop) : openFileOutput(options.output);
+    const bool plays = !m_options.play.empty();
+    return {
+        [this](std::size_t number) { return openNextOutput(number); },
+        plays             ? FormatChange::Restart
+        : m_options.split ? FormatChange::Split
+                          : FormatChange::Refuse,
+        !plays && !m_options.noFill, m_options.duration, m_options.oneshot};
+}
+
+/// @return the path with a number before its extension
+std::string numberPath(const std::string& path, std::size_t number)
+{
+    char text[32];
+    std::snprintf(text, sizeof(text), "-%03zu", number + 1);
+    const std::size_t name = path.rfind('/') + 1; // 0 without a directory
+    const std::size_t dot = path.rfind('.');
+    const bool hasExtension = dot != std::string::npos && dot > name;
+    std::string numbered = path;
+    return numbered.insert(hasExtension ? dot : path.size(), text);
+}
+
+std::unique_ptr<AudioOutput> ReceiveControl::openNextOutput(std::size_t number) const
+{
+    if (!m_options.play.empty())
+    {
+        PlaySettings settings{m_options.play, {}, m_options.realTime};
+        settings.latency = m_options.latency.value_or(PlaySettings().latency);
+        return openPlayOutput(settings, m_stop);
+    }
+    const std::string path =
+        m_options.split ? numberPath(m_options.output, number) : m_options.output;
+    return openOutput(path, m_options.type, {m_stop, getDeadline()});
+}
+
+kit::ConsumerCallbacks ReceiveControl::makeCallbacks()
+{
+    kit::ConsumerCallbacks callbacks;
+    callbacks.onFrame = [this](const kit::Frame& frame) { onFrame(frame); };
+    callbacks.onFormat = [this](const kit::StreamFormat& format) { onFormat(format); };
+    callbacks.onEvent = [this](const kit::ConsumerEvent& event) { onEvent(event); };
+    return callbacks;
+}
+
+void ReceiveControl::onFrame(const kit::Frame& frame)
+{
+    StreamEvent event;
+    event.time = frame.arrival;
+    event.timestamp = frame.timestamp;
+    event.duration = frame.duration;
+    event.gapNs = frame.gapNs;
+    if (!m_options.play.empty())
+        event.localTime = m_localTimes.get(frame, m_consumer);
+    m_recorder.getQueue().pushFrame(std::move(event), frame.data);
+}
+
+void ReceiveControl::onFormat(const kit::StreamFormat& format)
+{
+    StreamEvent event;
+    event.kind = StreamEvent::Kind::Format;
+    event.format = format;
+    event.clock = m_consumer.getStatistics().clock;
+    m_localTimes.setClock(event.clock);
+    m_recorder.getQueue().push(std::move(event));
+}
+
+void ReceiveControl::onEvent(const kit::ConsumerEvent& event)
+{
+    using Kind = kit::ConsumerEvent::Kind;
+    switch (event.kind)
+    {
+    case Kind::Joined:
+    {
+        m_stalled = false;
+        StreamEvent joined;
+        joined.kind = StreamEvent::Kind::Joined;
+        joined.time = event.time;
+        m_recorder.getQueue().push(std::move(joined));
+        break;
+    }
+    case Kind::Lost:
+        m_stalled = false;
+        pushEnd(event, EndReason::Lost);
+        break;
+    case Kind::Stalled:
+        m_stalled = true;
+        pushEnd(event, EndReason::Stall);
+        break;
+    case Kind::CannotPlay:
+    case Kind::NotPermitted:
+    case Kind::Stranger:
+    case Kind::Failed:
+        noteProblem(event);
+        break;
+    }
+}
+
+void ReceiveControl::pushEnd(const kit::ConsumerEvent& event, EndReason reason)
+{
+    StreamEvent ended;
+    ended.kind = StreamEvent::Kind::Ended;
+    ended.time = event.time;
+    ended.reason = reason;
+    ended.text = event.text;
+    m_recorder.getQueue().push(std::move(ended));
+}
+
+// What is asked again and again is said once.
+void ReceiveControl::noteProblem(const kit::ConsumerEvent& event)
+{
+    const bool final = event.kind == kit::ConsumerEvent::Kind::CannotPlay;
+    bool isNew = false;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        isNew = m_lastProblem != event.text;
+        m_lastProblem = event.text;
+        if (final && event.fourcc == PcmFourcc)
+            m_refusal =
+                "cannot play \"" + m_options.name + "\": it announces a PCM format that is none";
+        else if (final)
+            m_refusal = "cannot play codec \"" + kit::toFourccText(event.fourcc) + "\" of \"" +
+                        m_options.name + "\", only PCM";
+    }
+    if (final)
+        ring();
+    else if (isNew)
+        printNotice(event.text);
+}
+
+void ReceiveControl::ring()
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_rung = true;
+    }
+    m_condition.notify_one();
+}
+
+void ReceiveControl::waitUntil(SteadyClock::time_point deadline)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_condition.wait_until(lock, deadline, [this] { return m_rung; });
+    m_rung = false;
+}
+
+int ReceiveControl::run()
+{
+    const StopListener stopListener(m_stop, [this] { ring(); });
+    if (!m_consumer.start())
+        throw CommandFailure(ExitCode::Failed, m_consumer.getProblem());
+    if (!m_consumer.getProblem().empty())
+        printNotice(m_consumer.getProblem());
+    while (!m_stop.isRequested() && m_recorder.getState() == RecorderState::Going)
+    {
+        const auto next = SteadyClock::now() + WatchInterval;
+        const Deadline deadline = m_recorder.getNumFrames() == 0 ? getDeadline() : Deadline();
+        waitUntil(std::min(next, deadline.value_or(next)));
+        if (m_stop.isRequested() || m_recorder.getState() != RecorderState::Going)
+            break;
+        checkTimeout();
+        checkRefusal();
+        if (hasSenderLeftUnseen())
+            return toInt(ExitCode::Done);
+        printProgress(m_recorder.describeProgress());
+    }
+    return m_stop.isRequested() && m_recorder.getState() == RecorderState::Going
+               ? toExitCode(m_stop.getSignalNumber())
+               : toInt(ExitCode::Done);
+}
+
+Deadline ReceiveControl::getDeadline() const
+{
+    return m_options.timeout ? Deadline(m_begin + *m_options.timeout) : Deadline();
+}
+
+void ReceiveControl::checkTimeout()
+{
+    const Deadline deadline = getDeadline();
+    if (!deadline || m_recorder.getNumFrames() > 0 || SteadyClock::now() < *deadline)
+        return;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const bool reachable = !m_lastProblem.empty() || kit::isNameTaken(m_options.name);
+    throw CommandFailure(
+        ExitCode::TimedOut, (reachable ? "no frame from \"" : "no sender \"") + m_options.name +
+                                "\" within " + toText(*m_options.timeout) +
+                                (m_lastProblem.empty() ? "" : " (" + m_lastProblem + ")"));
+}
+
+void ReceiveControl::checkRefusal()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_refusal.empty())
+        throw CommandFailure(ExitCode::Failed, m_refusal);
+}
+
+// A sender that is killed while it hangs was not joined again, so nobody reports its loss.
+bool ReceiveControl::hasSenderLeftUnseen() const
+{
+    return m_options.oneshot && m_stalled && m_recorder.getNumFrames() > 0 &&
+           !kit::isNameTaken(m_options.name);
 }
 
 nlohmann::ordered_json makeReport(const ReceiveOptions& options)
@@ -234,18 +348,34 @@ void writeReport(const ReceiveOptions& options, const nlohmann::ordered_json& re
         throw CommandFailure(ExitCode::Failed, problem);
 }
 
-/// Ends receiver and recording and writes the report, whatever ended the control loop.
-void endRecording(const ReceiveOptions& options, Recorder& recorder, ReceiverSession& session)
+void ReceiveControl::finish()
 {
-    session.stop(EndReason::Stop);
+    m_consumer.stop();
+    StreamEvent ended;
+    ended.kind = StreamEvent::Kind::Ended;
+    ended.reason = EndReason::Stop;
+    m_recorder.getQueue().push(std::move(ended));
+    m_recorder.finish();
     finishProgress();
-    recorder.finish();
+    if (m_recorder.getNumFrames() > 0)
+        printNotice(m_recorder.summarize());
 
-    nlohmann::ordered_json report = makeReport(options);
+    nlohmann::ordered_json report = makeReport(m_options);
     report["finished"] = true;
-    report["stalls"] = session.getNumStalls();
-    recorder.addToReport(report);
-    writeReport(options, report);
+    report["stalls"] = m_consumer.getStatistics().stalls;
+    m_recorder.addToReport(report);
+    writeReport(m_options, report);
+}
+
+void checkBaseDirectory()
+{
+    const auto base = kit::prepareBaseDirectory(kit::BaseDirectoryUse::Receive);
+    if (!base.problem.empty())
+        throw CommandFailure(ExitCode::Failed, base.problem);
+    if (base.created)
+        printNotice("created " + base.path + " (mode 1777), where senders and receivers meet");
+    if (!base.writable)
+        printNotice(base.path + " is not writable: stopping can take up to 5 seconds");
 }
 
 } // unnamed namespace
@@ -253,32 +383,24 @@ void endRecording(const ReceiveOptions& options, Recorder& recorder, ReceiverSes
 int runReceive(const ReceiveOptions& options, StopSignal& stop)
 {
     checkBaseDirectory();
-    const std::unique_ptr<AudioOutput> output = openOutput(options, stop);
-    writeReport(options, makeReport(options));
-
-    ControlBell bell;
-    const StopListener stopListener(stop, [&bell] { bell.ring(); });
-    Recorder recorder(
-        *output, {options.duration, options.oneshot}, miscUtils::getMonotonicSysclockTime(),
-        [&bell] { bell.ring(); });
-    ReceiverSession session(
-        options.name, recorder.getQueue(),
-        static_cast<TimeValue>(
-            std::chrono::nanoseconds(options.stall.value_or(DefaultStall)).count()),
-        [&bell] { bell.ring(); });
+    ReceiveControl control(options, stop);
+    if (stop.isRequested())
+        return toExitCode(stop.getSignalNumber());
+    if (options.report != "-")
+        writeReport(options, makeReport(options));
 
     int code = toInt(ExitCode::Done);
     try
     {
-        code = ReceiveControl(options, bell, recorder, session, stop).run();
+        code = control.run();
     }
     catch (const CommandFailure&)
     {
-        endRecording(options, recorder, session);
+        control.finish();
         throw;
     }
-    endRecording(options, recorder, session);
-    return recorder.getState() == RecorderState::Failed ? toInt(ExitCode::Failed) : code;
+    control.finish();
+    return control.hasFailed() ? toInt(ExitCode::Failed) : code;
 }
 
 } // namespace vlx::tool

@@ -2,31 +2,77 @@
 
 #include <CLI/CLI.hpp>
 
+#include "audio/AudioOutput.hpp"
+
 namespace vlx::tool
 {
 
+namespace
+{
+
+void addOutputOptions(CLI::App& command, ReceiveOptions& options)
+{
+    CLI::Option* const output =
+        command
+            .add_option(
+                "OUTPUT", options.output,
+                "Audio file, its kind by extension; - for raw samples to standard output")
+            ->type_name("");
+    CLI::Option* const type = command
+                                  .add_option(
+                                      "-t,--type", options.type,
+                                      "Kind of output, whatever its name: " + listOutputTypes())
+                                  ->type_name("TYPE");
+    CLI::Option* const raw = command.add_flag_callback(
+        "--raw", [&options] { options.type = "raw"; }, "Write raw samples: -t raw");
+    CLI::Option* const split = command.add_flag(
+        "--split", options.split,
+        "Begin another numbered file with each sequence or format, as in out-001.wav");
+    CLI::Option* const noFill = command.add_flag(
+        "--no-fill", options.noFill, "Leave gaps out, instead of filling them with silence");
+    CLI::Option* const play =
+        command
+            .add_option(
+                "--play", options.play,
+                "Play through this device of ALSA [default], each sample on time")
+            ->expected(0, 1)
+            ->default_str("default")
+            ->type_name("DEVICE");
+    addDurationOption(
+        command, "--latency", options.latency,
+        "Play each sample this long after its timestamp [100ms]")
+        ->needs(play);
+    for (CLI::Option* const other : {output, type, raw, split, noFill})
+        play->excludes(other);
+}
+
+} // unnamed namespace
+
 CLI::App* addReceiveCommand(CLI::App& program, ReceiveOptions& options)
 {
-    CLI::App* const command =
-        program.add_subcommand("receive", "Record a stream to an audio file, or as raw samples");
+    CLI::App* const command = program.add_subcommand(
+        "receive", "Record a stream to an audio file or as raw samples, or play it");
     addSocketOption(*command, options.name);
-    command
-        ->add_option(
-            "OUTPUT", options.output,
-            "Audio file, its kind by extension (wav, rf64, w64, caf, aiff, au, flac, ogg, opus, "
-            "mp3, "
-            "raw) and otherwise WAV; - for raw samples to standard output")
-        ->required()
-        ->type_name("");
-    command->add_flag("--raw", options.raw, "Write raw samples, whatever the extension");
+    addOutputOptions(*command, options);
     command->add_flag(
         "--oneshot", options.oneshot, "End when the sender that delivered frames has gone");
     addDurationOption(*command, "-d,--duration", options.duration, "Record this much audio");
     addTimeoutOption(*command, options.timeout, "Give up with exit code 3 without a frame by then");
     addDurationOption(
         *command, "--stall", options.stall, "Join again after this time without a frame [2s]");
+    addRealTimeOption(*command, options.realTime);
     addReportOption(*command, options.report, "Write what was received");
     addCommonOptions(*command, options.common);
+    command->callback(
+        [&options]
+        {
+            if (options.output.empty() && options.play.empty())
+                throw CLI::ValidationError("OUTPUT or --play is required");
+            if (options.output == "-" && (options.split || options.report == "-"))
+                throw CLI::ValidationError(
+                    options.split ? "--split needs files, and - is none"
+                                  : "standard output takes either the samples or the report");
+        });
     return command;
 }
 

@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include <vlxkit/RealTime.hpp>
+
 #include "common/CommonOptions.hpp"
 
 namespace vlx::tool
@@ -13,12 +15,17 @@ struct ReceiveOptions
 {
     CommonOptions common;
     std::string name;
-    std::string output;
-    bool raw = false;
+    std::string output; ///< empty if it is played
+    std::string type;   ///< of the output; empty: by its extension
+    std::string play;   ///< device; empty: it is recorded
+    bool split = false;
+    bool noFill = false;
     bool oneshot = false;
-    std::optional<std::chrono::nanoseconds> duration;
-    std::optional<std::chrono::nanoseconds> timeout;
-    std::optional<std::chrono::nanoseconds> stall;
+    OptionalDuration duration;
+    OptionalDuration timeout;
+    OptionalDuration stall;
+    OptionalDuration latency;
+    kit::RealTime realTime;
     std::string report;
 };
 

@@ -1,10 +1,12 @@
 #include "Recorder.hpp"
 
 #include <algorithm>
+#include <cstdio>
 #include <utility>
 
 #include <nlohmann/json.hpp>
 
+#include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
 
 namespace vlx::tool
@@ -13,20 +15,36 @@ namespace vlx::tool
 namespace
 {
 
+constexpr double NsPerSecond = 1e9;
 // Several seconds of what a disk may have to catch up with.
 constexpr std::size_t MaxQueuedBytes = 64 << 20;
+// A gap may be longer than the time that has passed by what a sender may have fallen behind.
+constexpr std::int64_t MaxEarlyNs = 10'000'000'000;
+constexpr std::size_t SilenceBytes = 1 << 16; // written at once
+constexpr std::uint8_t UnsignedSilence = 0x80;
+
+std::string toSeconds(std::int64_t ns)
+{
+    char text[32];
+    std::snprintf(text, sizeof(text), "%.3f s", static_cast<double>(ns) / NsPerSecond);
+    return text;
+}
+
+std::string toCount(std::uint64_t count, const std::string& thing)
+{
+    return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
+}
 
 } // unnamed namespace
 
 Recorder::Recorder(
-    AudioOutput& output,
     const RecorderSettings& settings,
     TimeValue startTime,
     std::function<void()> onChange)
-    : m_output(output),
-      m_settings(settings),
+    : m_settings(settings),
       m_onChange(std::move(onChange)),
       m_queue(MaxQueuedBytes),
+      m_output(settings.openOutput(0)),
       m_waitBegin(startTime),
       m_thread([this] { loop(); })
 {
@@ -43,8 +61,7 @@ void Recorder::finish()
         return;
     m_queue.close();
     m_thread.join();
-    if (!m_output.finish() && m_state != RecorderState::Failed)
-        fail(m_output.getProblem());
+    closeOutput();
 }
 
 void Recorder::loop()
@@ -62,10 +79,11 @@ void Recorder::handle(const StreamEvent& event)
     switch (event.kind)
     {
     case StreamEvent::Kind::Joined:
-        handleJoined();
+        m_connections.emplace_back(m_waitReason, m_waitBegin);
+        m_connected = true;
         break;
-    case StreamEvent::Kind::Sequence:
-        handleSequence(event);
+    case StreamEvent::Kind::Format:
+        handleFormat(event);
         break;
     case StreamEvent::Kind::Frame:
         handleFrame(event);
@@ -76,51 +94,147 @@ void Recorder::handle(const StreamEvent& event)
     }
 }
 
-void Recorder::handleJoined()
-{
-    m_connections.emplace_back(m_waitReason, m_waitBegin);
-    m_connected = true;
-}
-
-void Recorder::handleSequence(const StreamEvent& event)
+void Recorder::handleFormat(const StreamEvent& event)
 {
     if (m_state != RecorderState::Going)
         return;
-    if (m_format && *m_format != event.format)
-    {
+    m_connections.back().setFormat(event.format, event.clock);
+    const bool changed = m_format && *m_format != event.format;
+    if (!m_format)
+        startOutput(event.format);
+    else if (m_settings.formatChange == FormatChange::Split && m_place.sample > 0)
+        m_nextFormat = event.format;
+    else if (changed && m_settings.formatChange == FormatChange::Restart)
+        m_nextFormat = event.format;
+    else if (changed && m_settings.formatChange == FormatChange::Refuse)
         fail(
             "the stream's format has changed from " + toText(*m_format) + " to " +
-            toText(event.format) + "; the recording ends here");
-        return;
+            toText(event.format) + "; the recording ends here (--split goes on in another file)");
+    else
+        m_nextFormat.reset();
+}
+
+bool Recorder::startOutput(const kit::StreamFormat& format)
+{
+    m_format = format;
+    if (!m_output->start(format))
+        fail(m_output->getProblem());
+    return m_state == RecorderState::Going;
+}
+
+/// Only with its first frame, so that no output is begun for a sequence that brings none.
+bool Recorder::continueInNextOutput()
+{
+    const kit::StreamFormat format = *std::exchange(m_nextFormat, std::nullopt);
+    closeOutput();
+    if (m_state != RecorderState::Going)
+        return false;
+    m_closedNs += static_cast<std::int64_t>(m_format->toNanoseconds(m_place.sample));
+    m_place = {m_place.file + 1, 0};
+    m_fillRestNs = 0;
+    try
+    {
+        m_output = m_settings.openOutput(m_place.file);
     }
-    m_connections.back().setFormat(event.format, event.clock);
-    if (m_format)
+    catch (const CommandFailure& failure)
+    {
+        fail(failure.what());
+        return false;
+    }
+    return startOutput(format);
+}
+
+void Recorder::closeOutput()
+{
+    if (!m_output)
         return;
-    m_format = event.format;
-    if (!m_output.start(event.format))
-        fail(m_output.getProblem());
+    if (!m_output->finish() && m_state != RecorderState::Failed)
+        fail(m_output->getProblem());
+    m_closedOutputs.push_back(std::move(m_output));
 }
 
 void Recorder::handleFrame(const StreamEvent& event)
 {
     if (m_state != RecorderState::Going)
         return;
+    const bool newOutput = m_nextFormat.has_value();
+    if (newOutput && !continueInNextOutput())
+        return;
+    sayPresence();
+    if (event.gapNs > 0 && m_numFrames > 0)
+    {
+        ++m_numGaps;
+        m_gapNs += event.gapNs;
+        if (m_settings.fill && !newOutput && !fillGap(event))
+            return;
+    }
+    m_lastTime = event.time;
 
     const std::size_t sampleBytes = m_format->getBytesPerSample();
     const std::uint64_t samples =
         std::min<std::uint64_t>(event.data.size() / sampleBytes, getSamplesLeft());
-    m_connections.back().addFrame(event, samples, m_numSamples);
+    m_connections.back().addFrame(event, samples, m_place);
     complainIfOdd(event);
-    if (!m_output.write(ByteView(event.data).first(samples * sampleBytes)))
-    {
-        fail(m_output.getProblem());
+    if (!write(ByteView(event.data).first(samples * sampleBytes), event.localTime))
         return;
-    }
     ++m_numFrames;
-    m_numSamples += samples;
-    m_durationNs = static_cast<std::int64_t>(m_format->toNanoseconds(m_numSamples));
     if (getSamplesLeft() == 0)
         setState(RecorderState::Done);
+}
+
+void Recorder::sayPresence()
+{
+    if (m_connections.back().getNumFrames() > 0)
+        return;
+    if (m_numFrames == 0)
+        printNotice("receiving " + toText(*m_format));
+    else if (std::exchange(m_absenceSaid, false))
+        printNotice("the sender is back: " + toText(*m_format));
+}
+
+bool Recorder::fillGap(const StreamEvent& event)
+{
+    if (event.gapNs > static_cast<std::int64_t>(event.time - m_lastTime) + MaxEarlyNs)
+    {
+        if (!std::exchange(m_unfilledSaid, true))
+            printNotice(
+                "the timestamps jump by " + toSeconds(event.gapNs) +
+                ", more than has passed: not filled");
+        return true;
+    }
+    const auto wantedNs = static_cast<TimeValue>(m_fillRestNs + event.gapNs);
+    const std::uint64_t wanted = m_format->toSamples(wantedNs);
+    m_fillRestNs = static_cast<std::int64_t>(wantedNs - m_format->toNanoseconds(wanted));
+
+    const bool isUnsigned = m_format->sampleFormat == audioUtils::PcmFormat::U8;
+    const std::size_t sampleBytes = m_format->getBytesPerSample();
+    const std::uint64_t samplesAtOnce = std::max<std::uint64_t>(SilenceBytes / sampleBytes, 1);
+    const Buffer silence(samplesAtOnce * sampleBytes, isUnsigned ? UnsignedSilence : 0);
+    std::uint64_t rest = std::min(wanted, getSamplesLeft());
+    while (rest > 0)
+    {
+        const std::uint64_t samples = std::min(rest, samplesAtOnce);
+        if (!write(ByteView(silence).first(samples * sampleBytes), 0))
+            return false;
+        rest -= samples;
+    }
+    return true;
+}
+
+bool Recorder::write(const ByteView& bytes, TimeValue time)
+{
+    if (bytes.empty())
+        return true;
+    if (!m_output->write(bytes, time))
+    {
+        fail(m_output->getProblem());
+        return false;
+    }
+    const std::uint64_t samples = bytes.size() / m_format->getBytesPerSample();
+    m_place.sample += samples;
+    m_numSamples += samples;
+    m_durationNs = m_closedNs + static_cast<std::int64_t>(m_format->toNanoseconds(m_place.sample));
+    return true;
 }
 
 void Recorder::complainIfOdd(const StreamEvent& frame) const
@@ -136,33 +250,40 @@ void Recorder::complainIfOdd(const StreamEvent& frame) const
 
 void Recorder::handleEnded(const StreamEvent& event)
 {
-    if (!m_connected)
-        return;
-    m_connected = false;
-    m_connections.back().end(event.reason);
-    if (m_connections.back().getNumFrames() == 0)
+    if (m_connected)
     {
-        m_connections.pop_back();
-        ++m_emptyConnections;
+        m_connections.back().end(event.reason);
+        m_waitReason = event.reason == EndReason::Stall ? "stall" : "loss";
+        m_waitBegin = event.time;
+        if (m_connections.back().getNumFrames() == 0)
+        {
+            m_connections.pop_back();
+            ++m_emptyConnections;
+        }
+    }
+    m_connected = false;
+    if (m_state != RecorderState::Going || event.reason == EndReason::Stop)
+        return;
+    if (event.reason == EndReason::Lost && m_settings.oneshot && m_numFrames > 0)
+    {
+        setState(RecorderState::Done);
         return;
     }
-
-    m_waitReason = event.reason == EndReason::Stall ? "stall" : "loss";
-    m_waitBegin = event.time;
-    if (event.reason != EndReason::Lost || m_state != RecorderState::Going)
+    // A sender that sends nothing for long stalls again and again.
+    if (event.reason == EndReason::Stall && std::exchange(m_stallSaid, true))
         return;
-    if (m_settings.oneshot)
-        setState(RecorderState::Done);
-    else
-        printNotice("the sender has gone; waiting for it to come back");
+    if (!std::exchange(m_absenceSaid, true))
+        printNotice(event.text);
 }
 
 std::uint64_t Recorder::getSamplesLeft() const
 {
     if (!m_settings.maxDuration)
         return UINT64_MAX;
-    const auto limit = m_format->toSamples(static_cast<TimeValue>(m_settings.maxDuration->count()));
-    return limit - std::min(limit, m_numSamples);
+    const std::int64_t restNs = m_settings.maxDuration->count() - m_closedNs;
+    const auto limit =
+        m_format->toSamples(static_cast<TimeValue>(std::max<std::int64_t>(restNs, 0)));
+    return limit - std::min(limit, m_place.sample);
 }
 
 void Recorder::fail(const std::string& problem)
@@ -177,6 +298,33 @@ void Recorder::setState(RecorderState state)
     m_onChange();
 }
 
+std::string Recorder::describeProgress() const
+{
+    if (m_numFrames == 0)
+        return "waiting for the sender";
+    return toSeconds(m_durationNs) + " received in " + toCount(m_numFrames, "frame") +
+           (m_numGaps == 0 ? "" : ", " + toCount(m_numGaps, "gap"));
+}
+
+std::string Recorder::summarize() const
+{
+    std::string text = describeProgress();
+    if (m_numGaps > 0)
+        text += " of " + toSeconds(m_gapNs) + " in all";
+    if (m_numGaps > 0 && m_settings.formatChange != FormatChange::Restart)
+        text += m_settings.fill ? ", filled with silence" : ", left out";
+    if (m_place.file > 0 && m_settings.formatChange == FormatChange::Split)
+        text += ", in " + toCount(m_place.file + 1, "file");
+    if (m_queue.getNumDropped() > 0)
+        text += "; " + toCount(m_queue.getNumDropped(), "frame") + " lost: the output was too slow";
+    for (const auto& output : m_closedOutputs)
+    {
+        const std::string faults = output->describeFaults();
+        text += faults.empty() ? "" : "; " + faults;
+    }
+    return text;
+}
+
 void Recorder::addToReport(nlohmann::ordered_json& report) const
 {
     if (m_format)
@@ -187,8 +335,12 @@ void Recorder::addToReport(nlohmann::ordered_json& report) const
     }
     report["samples"] = m_numSamples;
     report["frames"] = m_numFrames.load();
+    report["gaps"] = m_numGaps.load();
+    report["gap_ns"] = m_gapNs;
     report["overflowed_frames"] = m_queue.getNumDropped();
     report["connections_without_frames"] = m_emptyConnections;
+    for (const auto& output : m_closedOutputs)
+        output->addToReport(report);
     nlohmann::ordered_json connections = nlohmann::ordered_json::array();
     for (const ConnectionRecord& connection : m_connections)
     {

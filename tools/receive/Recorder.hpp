@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -18,10 +19,25 @@
 namespace vlx::tool
 {
 
+/// What becomes of a recording when the stream's format changes.
+enum class FormatChange
+{
+    /// It fails: one output holds one format.
+    Refuse,
+    /// Another output, also for each new connection.
+    Split,
+    /// Another output for a new format.
+    Restart,
+};
+
 struct RecorderSettings
 {
+    /// Opens the output of that number, from 0. Throws CommandFailure.
+    std::function<std::unique_ptr<AudioOutput>(std::size_t number)> openOutput;
+    FormatChange formatChange = FormatChange::Refuse;
+    bool fill = true;                                    ///< gaps are filled with silence
     std::optional<std::chrono::nanoseconds> maxDuration; ///< of audio
-    bool oneshot = false; ///< done when a connection that delivered frames is lost
+    bool oneshot = false; ///< done when the sender is lost that delivered frames
 };
 
 /// How a recording stands.
@@ -37,13 +53,12 @@ enum class RecorderState : int
 class Recorder
 {
 public:
+    /// Opens the first output.
+    ///
     /// @param startTime  since when a sender is looked for, nanoseconds of CLOCK_MONOTONIC
     /// @param onChange   called when getState() leaves Going, on the recorder's thread
-    Recorder(
-        AudioOutput& output,
-        const RecorderSettings& settings,
-        TimeValue startTime,
-        std::function<void()> onChange);
+    /// @throws CommandFailure
+    Recorder(const RecorderSettings& settings, TimeValue startTime, std::function<void()> onChange);
 
     /// Calls finish().
     ~Recorder();
@@ -70,15 +85,16 @@ public:
         return m_numFrames;
     }
 
-    /// @return how much audio has been recorded
+    /// @return how far the recording is, in words
     /// @thread any
-    std::chrono::nanoseconds getDuration() const
-    {
-        return std::chrono::nanoseconds(m_durationNs);
-    }
+    std::string describeProgress() const;
 
     /// Records what is in the queue still, and closes the output. No event may be pushed any more.
     void finish();
+
+    /// @return what was recorded and what is missing, in one line
+    /// @pre finish() was called
+    std::string summarize() const;
 
     /// Adds what was recorded to a report.
     ///
@@ -88,31 +104,47 @@ public:
 private:
     void loop();
     void handle(const StreamEvent& event);
-    void handleJoined();
-    void handleSequence(const StreamEvent& event);
+    void handleFormat(const StreamEvent& event);
     void handleFrame(const StreamEvent& event);
     void handleEnded(const StreamEvent& event);
+    bool continueInNextOutput();
+    bool startOutput(const kit::StreamFormat& format);
+    void closeOutput();
+    void sayPresence();
+    bool fillGap(const StreamEvent& event);
+    bool write(const ByteView& bytes, TimeValue time);
     void complainIfOdd(const StreamEvent& frame) const;
     std::uint64_t getSamplesLeft() const;
     void fail(const std::string& problem);
     void setState(RecorderState state);
 
-    AudioOutput& m_output;
     const RecorderSettings m_settings;
     const std::function<void()> m_onChange;
     StreamEventQueue m_queue;
     std::atomic<RecorderState> m_state = RecorderState::Going;
     std::atomic<std::uint64_t> m_numFrames = 0;
+    std::atomic<std::uint64_t> m_numGaps = 0;
     std::atomic<std::int64_t> m_durationNs = 0;
 
     // Recorder's thread, and after finish() whoever called it.
-    std::optional<kit::StreamFormat> m_format; // of the whole recording
-    std::uint64_t m_numSamples = 0;
+    std::unique_ptr<AudioOutput> m_output;
+    std::vector<std::unique_ptr<AudioOutput>> m_closedOutputs; // for the report
+    FilePlace m_place;                                         // of what is written next
+    std::optional<kit::StreamFormat> m_format;                 // of the output
+    std::optional<kit::StreamFormat> m_nextFormat;             // of a further output
+    std::uint64_t m_numSamples = 0;                            // in all outputs
+    std::int64_t m_closedNs = 0;                               // length of closed outputs
+    std::int64_t m_gapNs = 0;
+    std::int64_t m_fillRestNs = 0; // of gaps, below one sample
+    bool m_unfilledSaid = false;
     std::vector<ConnectionRecord> m_connections; // the last one may have no frames yet
     std::uint64_t m_emptyConnections = 0;        // ended without a frame
     std::string m_waitReason = "start";          // what the next join time counts from
     TimeValue m_waitBegin;
+    TimeValue m_lastTime = 0; // of the last frame's arrival
     bool m_connected = false;
+    bool m_absenceSaid = false;
+    bool m_stallSaid = false;
 
     std::thread m_thread; // last: it uses all of the above
 };

@@ -23,8 +23,10 @@ void StreamEventQueue::pushFrame(StreamEvent event, const Buffer& frameData)
         if (m_numBytes > 0 && m_numBytes + frameData.size() > m_maxBytes)
         {
             ++m_numDropped;
+            m_droppedNs += event.gapNs + static_cast<std::int64_t>(event.duration);
             return;
         }
+        event.gapNs += std::exchange(m_droppedNs, 0);
         if (!m_spareBuffers.empty())
         {
             event.data = std::move(m_spareBuffers.back());

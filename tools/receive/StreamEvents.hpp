@@ -6,6 +6,7 @@
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include <vlxkit/StreamFormat.hpp>
@@ -30,25 +31,30 @@ struct StreamEvent
     enum class Kind
     {
         Joined,
-        Sequence,
+        Format,
         Frame,
         Ended,
     };
 
     Kind kind = Kind::Frame;
     TimeValue time = 0; ///< of the callback, nanoseconds of CLOCK_MONOTONIC
-    // Kind::Sequence
+    // Kind::Format
     kit::StreamFormat format;
     Receiver::StreamClockType clock = Receiver::StreamClockType::Undetermined;
     // Kind::Frame
     TimeValue timestamp = 0;
+    TimeValue localTime = 0; ///< of the timestamp, nanoseconds of CLOCK_MONOTONIC; to play it
+    TimeValue duration = 0;
+    std::int64_t gapNs = 0; ///< since the frame before: missing if positive
     Buffer data;
     // Kind::Ended
     EndReason reason = EndReason::Lost;
+    std::string text; ///< for the user
 };
 
 /// Takes events off a receiver's worker thread, so that a slow disk costs no frames until the queue
-/// is full. Frames beyond that are dropped and counted; other events always find room.
+/// is full. Frames beyond that are dropped and counted, and are a gap before the next one; other
+/// events always find room.
 ///
 /// @thread any for push() and close(), one for pop() and recycle()
 class StreamEventQueue
@@ -85,6 +91,7 @@ private:
     std::vector<Buffer> m_spareBuffers;
     std::size_t m_numBytes = 0;
     std::uint64_t m_numDropped = 0;
+    std::int64_t m_droppedNs = 0; // since the last frame that found room
     bool m_closed = false;
 };
 

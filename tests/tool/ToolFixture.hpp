@@ -1,0 +1,156 @@
+#pragma once
+
+// What the tests of the tool share: its files, and how it is called.
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sndfile.h>
+
+#include <vlx/VlxPayload.hpp>
+#include <vlx/VlxSender.hpp>
+
+#include "support/VlxTest.hpp"
+#include "tool/ToolProcess.hpp"
+
+namespace vlx::testing
+{
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+constexpr int Rate = 48000;
+constexpr sf_count_t SourceSamples = Rate / 10;
+
+/// What a file says about itself, and its values: exact for every lossless kind.
+struct Sound
+{
+    SF_INFO info{};
+    std::vector<double> values;
+};
+
+inline Sound readSound(const std::string& path)
+{
+    Sound sound;
+    SNDFILE* const file = ::sf_open(path.c_str(), SFM_READ, &sound.info);
+    EXPECT_NE(file, nullptr) << path;
+    if (file == nullptr)
+        return sound;
+    std::vector<double> chunk(static_cast<std::size_t>(1024 * sound.info.channels));
+    sf_count_t count = 0;
+    while ((count = ::sf_readf_double(file, chunk.data(), 1024)) > 0)
+        sound.values.insert(
+            sound.values.end(), chunk.begin(), chunk.begin() + count * sound.info.channels);
+    EXPECT_EQ(::sf_error(file), SF_ERR_NO_ERROR) << path;
+    ::sf_close(file);
+    return sound;
+}
+
+/// Makes a file of noise that uses every bit of the format.
+inline void writeNoise(const std::string& path, int format, int channels)
+{
+    SF_INFO info{};
+    info.samplerate = Rate;
+    info.channels = channels;
+    info.format = format;
+    SNDFILE* const file = ::sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_NE(file, nullptr) << path << ": " << ::sf_strerror(nullptr);
+    std::vector<double> values(static_cast<std::size_t>(SourceSamples * channels));
+    std::uint32_t noise = 1;
+    for (double& value : values)
+    {
+        noise = noise * 1664525 + 1013904223;
+        value = (static_cast<double>(noise) / 0x8000'0000U - 1) * 0.999;
+    }
+    ASSERT_EQ(::sf_writef_double(file, values.data(), SourceSamples), SourceSamples);
+    ASSERT_EQ(::sf_close(file), 0);
+}
+
+inline json readJson(const std::string& path)
+{
+    std::ifstream stream(path);
+    return json::parse(stream, nullptr, false);
+}
+
+/// A codec that the tool does not know.
+class OpusPayloader : public Payloader
+{
+public:
+    OpusPayloader() : Payloader(0x5355504F) {} // "OPUS"
+};
+
+class ToolTest : public VlxTest
+{
+protected:
+    void SetUp() override
+    {
+        VlxTest::SetUp();
+        ::signal(SIGPIPE, SIG_IGN);
+        m_files = getTempDirectory() + "/files";
+        fs::create_directory(m_files);
+    }
+
+    void TearDown() override
+    {
+        // What a killed sender leaves behind is its own affair.
+        for (const std::string& name : listTempDirectory())
+        {
+            if (m_senderWasKilled || name == "files")
+                fs::remove_all(getTempDirectory() + "/" + name);
+        }
+        VlxTest::TearDown();
+    }
+
+    std::string file(const std::string& name) const
+    {
+        return m_files + "/" + name;
+    }
+
+    std::vector<std::string> send(std::vector<std::string> more) const
+    {
+        more.insert(more.begin(), {"send", "-s", getSocketName()});
+        return more;
+    }
+
+    std::vector<std::string> receive(std::vector<std::string> more) const
+    {
+        more.insert(more.begin(), {"receive", "-s", getSocketName()});
+        return more;
+    }
+
+    /// Sends from this process: silence in a format and frame size that the test chooses.
+    void startSender(
+        Sender& sender,
+        Payloader& payloader,
+        NanomsgProtocol protocol = NanomsgProtocol::PubSub) const
+    {
+        ASSERT_TRUE(sender.initializeSender(
+            getSocketName(), {}, {}, 0, TimeSyncProtocol::MonotonicSystemClock, protocol));
+        sender.setCurrentPayloader(payloader);
+        sender.startNewSequence();
+    }
+
+    /// Waits until a recording has grown to so many bytes.
+    static bool waitForSize(
+        const std::string& path,
+        std::uintmax_t size,
+        std::chrono::milliseconds deadline = DefaultDeadline)
+    {
+        return waitFor(
+            [&]
+            {
+                std::error_code error;
+                const std::uintmax_t now = fs::file_size(path, error);
+                return !error && now >= size;
+            },
+            deadline);
+    }
+
+    std::string m_files;
+    bool m_senderWasKilled = false;
+};
+
+} // namespace vlx::testing

@@ -1,0 +1,120 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <alsa/asoundlib.h>
+
+#include <vlx/VlxTypes.hpp>
+
+namespace vlx::tool
+{
+
+/// A playback device, and when what is written next will leave it.
+///
+/// A device without a clock of its own, such as "null", takes everything at once; then the system's
+/// clock stands in for it.
+///
+/// @thread one at a time
+class AlsaDevice
+{
+public:
+    /// When and where the device began to play.
+    struct Origin
+    {
+        std::uint64_t sample; ///< counted over everything that was written
+        TimeValue time;       ///< at which it left, nanoseconds of CLOCK_MONOTONIC
+    };
+
+    AlsaDevice() = default;
+    ~AlsaDevice();
+
+    AlsaDevice(const AlsaDevice&) = delete;
+    AlsaDevice& operator=(const AlsaDevice&) = delete;
+
+    /// @return empty, or what is wrong in a few words
+    std::string open(const std::string& name);
+
+    /// Sets the format, as near as the device can.
+    ///
+    /// @return as open()
+    std::string configure(std::uint32_t rate, std::uint32_t channels);
+
+    /// Begins to play, with silence of that length.
+    ///
+    /// @return as open()
+    std::string begin(double leadSeconds);
+
+    /// Looks at the clock and at the device.
+    ///
+    /// @return false if it has run dry or stands still: begin() again; getProblem() is set if that
+    ///         makes no sense
+    bool measure();
+
+    /// @return when the next sample written will leave, as of the last measure(), nanoseconds of
+    ///         CLOCK_MONOTONIC
+    double getNextTime() const
+    {
+        return m_nextTime;
+    }
+
+    /// @return samples that can be written without waiting
+    std::size_t getSpace() const
+    {
+        return m_space;
+    }
+
+    /// @param values  whole samples, at most getSpace()
+    /// @return as measure()
+    bool write(const std::vector<float>& values);
+
+    /// Ends what plays.
+    /// @param drain  whether everything that was written is played before
+    void end(bool drain);
+
+    std::uint32_t getRate() const
+    {
+        return m_rate;
+    }
+
+    /// @return shortest time that has to be written ahead, seconds
+    double getMinLead() const
+    {
+        return m_minLead;
+    }
+
+    const std::vector<Origin>& getOrigins() const
+    {
+        return m_origins;
+    }
+
+    std::uint64_t getNumWritten() const
+    {
+        return m_numWritten;
+    }
+
+    const std::string& getProblem() const
+    {
+        return m_problem;
+    }
+
+private:
+    bool note(long result);
+
+    snd_pcm_t* m_pcm = nullptr;
+    snd_pcm_format_t m_format = SND_PCM_FORMAT_FLOAT;
+    std::uint32_t m_rate = 0;
+    std::uint32_t m_channels = 0;
+    double m_minLead = 0;
+    bool m_clockless = false;
+    double m_nextTime = 0;
+    std::size_t m_space = 0;
+    std::uint64_t m_numWritten = 0;
+    std::vector<Origin> m_origins;
+    std::vector<int> m_integers; // for devices that take no floats
+    std::vector<short> m_shorts;
+    std::string m_problem;
+};
+
+} // namespace vlx::tool
