@@ -1,4 +1,5 @@
-/// One end of a session: sends or receives frames over the adapter that it is linked with.
+/// One end of a session: sends or receives frames over the adapter that it is linked with. Its plan
+/// is its argument, a JSON object.
 ///
 /// A driver talks to it by lines. Sender: "open" makes the stream reachable and starts probe frames,
 /// answered by "opened" and the time of the call; "go" runs the measurement, answered by "result".
@@ -10,43 +11,112 @@
 #include <atomic>
 #include <cmath>
 #include <csignal>
+#include <ctime>
 #include <deque>
 #include <iostream>
-#include <memory>
-#include <string>
+#include <limits>
 #include <thread>
+#include <vector>
 
-#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include "AllocationCount.hpp"
 #include "Transport.hpp"
-#include "support/AllocationCount.hpp"
-#include "support/Clock.hpp"
-#include "support/FrameTag.hpp"
 
 namespace vlx::bench
 {
 namespace
 {
 
-constexpr std::uint32_t EndFrames = 20;
-constexpr std::uint64_t ProbeRateHz = 1000;
-constexpr std::uint64_t SettleNs = 20 * NsPerMs;
-constexpr std::size_t MaxFloodFrames = 8'000'000;
+using nlohmann::json;
 
-struct EndpointOptions
+constexpr std::uint64_t NsPerSecond = 1'000'000'000;
+constexpr std::uint64_t NsPerMs = 1'000'000;
+constexpr std::uint64_t SettleNs = 20 * NsPerMs;
+constexpr std::uint64_t Never = std::numeric_limits<std::uint64_t>::max();
+constexpr std::uint32_t EndFrames = 20;
+constexpr std::uint32_t MaxFloodFrames = 8'000'000;
+
+struct Plan
 {
-    Link link;
-    std::uint16_t epoch = 1;
-    std::uint64_t rateHz = 1000;
-    std::uint32_t warmUpFrames = 0;
-    std::uint32_t frames = 0;  // 0: flood
-    std::uint64_t floodMs = 0; // length of the flood
-    std::size_t objects = 1;   // subscribers in this process
-    bool dry = false;          // sender: pace and stamp, but send nothing
+    std::string role; // "send" or "receive"
+    std::string name;
+    std::string directory;
+    std::string variant;
+    std::size_t bytes = 0;   // of media data in each frame
+    std::uint16_t epoch = 1; // which of several senders in a row
+    std::uint64_t rate = 0;  // frames a second
+    std::uint32_t warm_up = 0;
+    std::uint32_t frames = 0;   // 0: flood
+    std::uint64_t flood_ms = 0; // length of the flood
+    std::size_t objects = 1;    // receivers in this process
+    bool dry = false;           // sender: pace and stamp, but send nothing
+
+    Link getLink() const
+    {
+        return {name, directory, variant, bytes};
+    }
 };
+
+// clang-format off: one name in a line would be a page
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(
+    Plan,
+    role,
+    name,
+    directory,
+    variant,
+    bytes,
+    epoch,
+    rate,
+    warm_up,
+    frames,
+    flood_ms,
+    objects,
+    dry)
+// clang-format on
+
+enum class Phase : std::uint16_t
+{
+    Probe,   // until every receiver is known to receive
+    WarmUp,  // not recorded
+    Measure, // recorded
+    End,     // tells receivers that nothing more is coming
+};
+
+// Identifies a frame: the first bytes of its media data. The last byte is that of the index, so that
+// a frame that was cut short shows.
+struct FrameTag
+{
+    std::uint16_t epoch;
+    Phase phase;
+    std::uint32_t index; // within the phase, from 0
+};
+
+std::uint64_t readClockNs(clockid_t clock)
+{
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * NsPerSecond +
+           static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+// On the clock that all processes of the machine share.
+std::uint64_t nowNs()
+{
+    return readClockNs(CLOCK_MONOTONIC);
+}
+
+void sleepUntilNs(std::uint64_t deadlineNs)
+{
+    timespec deadline{};
+    deadline.tv_sec = static_cast<time_t>(deadlineNs / NsPerSecond);
+    deadline.tv_nsec = static_cast<long>(deadlineNs % NsPerSecond);
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) != 0)
+    {
+    }
+}
 
 void say(const std::string& line)
 {
@@ -64,41 +134,55 @@ struct Usage
 
     static Usage now()
     {
-        return {nowNs(), processCpuNs(), countAllocations()};
+        return {nowNs(), readClockNs(CLOCK_PROCESS_CPUTIME_ID), countAllocations()};
+    }
+
+    json since(const Usage& begin) const
+    {
+        return {
+            {"wall_ns", timeNs - begin.timeNs},
+            {"cpu_ns", cpuNs - begin.cpuNs},
+            {"allocations", allocations - begin.allocations}};
     }
 };
-
-nlohmann::json toJson(const Usage& begin, const Usage& end)
-{
-    return {
-        {"wall_ns", end.timeNs - begin.timeNs},
-        {"cpu_ns", end.cpuNs - begin.cpuNs},
-        {"allocations", end.allocations - begin.allocations}};
-}
-
-// The smallest value that at least this share, 0 to 1, of all values does not exceed.
-double percentile(const std::vector<double>& sorted, double share)
-{
-    const double rank = std::ceil(share * static_cast<double>(sorted.size()));
-    return sorted[static_cast<std::size_t>(std::max(rank, 1.0)) - 1];
-}
 
 class SendingEnd
 {
 public:
-    explicit SendingEnd(const EndpointOptions& options)
-        : m_options(options), m_publisher(makePublisher(options.link))
+    explicit SendingEnd(const Plan& plan)
+        : m_plan(plan), m_packet(sizeof(PacketHeader) + plan.bytes)
     {
+        const auto size = static_cast<std::uint32_t>(m_packet.size());
+        std::memcpy(&m_packet[offsetof(PacketHeader, packetBytes)], &size, sizeof size);
     }
 
-    bool openStream()
+    bool open()
     {
         const std::uint64_t calledNs = nowNs();
-        if (!m_publisher->open())
+        m_send = openStream(m_plan.getLink());
+        if (!m_send)
             return false;
-        m_prober = std::thread([this] { probe(); });
+        m_prober = std::thread([this] { sendRun(Phase::Probe, MaxFloodFrames, NsPerMs); });
         say("opened " + std::to_string(calledNs));
         return true;
+    }
+
+    void measure()
+    {
+        stopProbing();
+        sleepUntilNs(nowNs() + SettleNs);
+        const bool flood = m_plan.frames == 0;
+        const std::uint64_t periodNs = NsPerSecond / m_plan.rate;
+        sendRun(Phase::WarmUp, m_plan.warm_up, flood ? 0 : periodNs);
+        const Usage begin = Usage::now();
+        const std::uint32_t sent =
+            flood ? sendRun(
+                        Phase::Measure, MaxFloodFrames, 0, begin.timeNs + m_plan.flood_ms * NsPerMs)
+                  : sendRun(Phase::Measure, m_plan.frames, periodNs);
+        json result = Usage::now().since(begin);
+        result["sent"] = sent;
+        sendRun(Phase::End, EndFrames, periodNs);
+        say("result " + result.dump());
     }
 
     void stopProbing()
@@ -108,99 +192,71 @@ public:
             m_prober.join();
     }
 
-    void measure()
+private:
+    // Sends until the count or the time is reached. A frame that is late is not made up for by a
+    // burst: a real source does not do that either.
+    // @param periodNs  0: as fast as possible
+    // @return frames sent
+    std::uint32_t
+    sendRun(Phase phase, std::uint32_t count, std::uint64_t periodNs, std::uint64_t endNs = Never)
     {
-        stopProbing();
-        sleepUntilNs(nowNs() + SettleNs);
-        nlohmann::json result = m_options.frames > 0 ? sendPaced() : sendFlood();
-        sendRun(Phase::End, EndFrames);
-        say("result " + result.dump());
+        std::uint32_t index = 0;
+        std::uint64_t now = nowNs();
+        for (std::uint64_t dueNs = now; index < count && now < endNs; now = nowNs())
+        {
+            if (phase == Phase::Probe && !m_probing)
+                break;
+            sendFrame(phase, index++);
+            dueNs = std::max(dueNs + periodNs, nowNs());
+            if (periodNs > 0)
+                sleepUntilNs(dueNs);
+        }
+        return index;
     }
 
-private:
     void sendFrame(Phase phase, std::uint32_t index)
     {
-        writeTag(m_publisher->media(), {m_options.epoch, phase, index});
-        if (!m_options.dry)
-            m_publisher->send(nowNs());
+        const FrameTag tag{m_plan.epoch, phase, index};
+        std::memcpy(&m_packet[sizeof(PacketHeader)], &tag, sizeof tag);
+        m_packet.back() = static_cast<std::uint8_t>(index);
+        const std::uint64_t timestampNs = nowNs();
+        std::memcpy(m_packet.data(), &timestampNs, sizeof timestampNs);
+        if (!m_plan.dry)
+            m_send(timestampNs, m_packet);
     }
 
-    void probe()
-    {
-        std::uint64_t dueNs = nowNs();
-        for (std::uint32_t index = 0; m_probing; index++)
-        {
-            sendFrame(Phase::Probe, index);
-            dueNs = std::max(dueNs, nowNs()) + NsPerSecond / ProbeRateHz;
-            sleepUntilNs(dueNs);
-        }
-    }
-
-    // A frame that is late is not made up for by a burst: a real source does not do that either.
-    void sendRun(Phase phase, std::uint32_t count)
-    {
-        const std::uint64_t periodNs = NsPerSecond / m_options.rateHz;
-        std::uint64_t dueNs = nowNs();
-        for (std::uint32_t index = 0; index < count; index++)
-        {
-            sendFrame(phase, index);
-            dueNs = std::max(dueNs + periodNs, nowNs());
-            sleepUntilNs(dueNs);
-        }
-    }
-
-    nlohmann::json sendPaced()
-    {
-        sendRun(Phase::WarmUp, m_options.warmUpFrames);
-        const Usage begin = Usage::now();
-        sendRun(Phase::Measure, m_options.frames);
-        nlohmann::json result = toJson(begin, Usage::now());
-        result["sent"] = m_options.frames;
-        return result;
-    }
-
-    nlohmann::json sendFlood()
-    {
-        for (std::uint32_t index = 0; index < m_options.warmUpFrames; index++)
-            sendFrame(Phase::WarmUp, index);
-        const Usage begin = Usage::now();
-        const std::uint64_t endNs = begin.timeNs + m_options.floodMs * NsPerMs;
-        std::uint32_t sent = 0;
-        for (; nowNs() < endNs && sent < MaxFloodFrames; sent++)
-            sendFrame(Phase::Measure, sent);
-        nlohmann::json result = toJson(begin, Usage::now());
-        result["sent"] = sent;
-        return result;
-    }
-
-    EndpointOptions m_options;
-    std::unique_ptr<Publisher> m_publisher;
+    Plan m_plan;
+    std::vector<std::uint8_t> m_packet;
+    SendFrame m_send;
     std::thread m_prober;
     std::atomic<bool> m_probing = true;
 };
 
-// What one subscriber has received. Written by the subscriber's thread; read when that has seen the
-// end, or when the driver has given up waiting for it.
+// What the driver is told by all receivers of this process together.
+struct Progress
+{
+    std::size_t objects;
+    std::atomic<std::size_t> firsts = 0;
+    std::atomic<std::size_t> dones = 0;
+};
+
+// What one receiver has received. Written by the receiver's thread; read when that has seen the end,
+// or when the driver has given up waiting for it.
 class Recorder
 {
 public:
-    // onFirst gets the sender's epoch and the time of arrival.
-    Recorder(
-        const EndpointOptions& options,
-        std::function<void(std::uint16_t, std::uint64_t)> onFirst,
-        std::function<void()> onDone)
-        : m_mediaBytes(options.link.mediaBytes),
-          m_onFirst(std::move(onFirst)),
-          m_onDone(std::move(onDone))
+    Recorder(const Plan& plan, Progress& progress) : m_mediaBytes(plan.bytes), m_progress(progress)
     {
-        m_agesUs.reserve(options.frames > 0 ? options.frames : MaxFloodFrames);
+        m_agesUs.reserve(plan.frames > 0 ? plan.frames : MaxFloodFrames);
     }
 
-    void take(std::uint64_t sentNs, std::span<const std::uint8_t> media)
+    void take(std::uint64_t sentNs, Bytes media)
     {
         const std::uint64_t arrivedNs = nowNs();
         FrameTag tag{};
-        if (!readTag(media, m_mediaBytes, tag))
+        if (media.size() == m_mediaBytes)
+            std::memcpy(&tag, media.data(), sizeof tag);
+        if (media.size() != m_mediaBytes || media.back() != static_cast<std::uint8_t>(tag.index))
         {
             m_corrupt++;
             return;
@@ -208,7 +264,8 @@ public:
         if (tag.epoch != m_epoch)
         {
             m_epoch = tag.epoch;
-            m_onFirst(tag.epoch, arrivedNs);
+            if (++m_progress.firsts % m_progress.objects == 0)
+                say("first " + std::to_string(tag.epoch) + " " + std::to_string(arrivedNs));
         }
         if (tag.phase == Phase::Measure && !m_ended)
             record(sentNs, arrivedNs);
@@ -216,20 +273,30 @@ public:
         {
             m_end = Usage::now();
             m_ended = true;
-            m_onDone();
+            if (++m_progress.dones == m_progress.objects)
+                say("done");
         }
     }
 
-    nlohmann::json report()
+    json report()
     {
+        static constexpr std::pair<const char*, double> Shares[] = {
+            {"p10_us", 0.10}, {"p25_us", 0.25}, {"p50_us", 0.50},   {"p75_us", 0.75},
+            {"p90_us", 0.90}, {"p99_us", 0.99}, {"p999_us", 0.999}, {"max_us", 1.0}};
         if (!m_ended.exchange(true))
             m_end = Usage::now();
         std::sort(m_agesUs.begin(), m_agesUs.end());
-        nlohmann::json result = toJson(m_begin, m_end);
+        json result = m_end.since(m_begin);
         result["received"] = m_agesUs.size();
         result["corrupt"] = m_corrupt;
         result["span_ns"] = m_lastNs - m_begin.timeNs;
-        addAges(result);
+        for (const auto& [name, share] : Shares)
+        {
+            // The smallest age that at least this share of all do not exceed.
+            const double rank = std::ceil(share * static_cast<double>(m_agesUs.size()));
+            if (rank > 0)
+                result[name] = m_agesUs[static_cast<std::size_t>(rank) - 1];
+        }
         return result;
     }
 
@@ -239,25 +306,12 @@ private:
         if (m_agesUs.empty())
             m_begin = Usage::now();
         m_lastNs = arrivedNs;
-        const double ageUs = static_cast<double>(arrivedNs - sentNs) / 1000;
         if (m_agesUs.size() < m_agesUs.capacity())
-            m_agesUs.push_back(ageUs);
-    }
-
-    void addAges(nlohmann::json& result) const
-    {
-        static constexpr std::pair<const char*, double> Shares[] = {
-            {"p10_us", 0.10}, {"p25_us", 0.25}, {"p50_us", 0.50},   {"p75_us", 0.75},
-            {"p90_us", 0.90}, {"p99_us", 0.99}, {"p999_us", 0.999}, {"max_us", 1.0}};
-        if (m_agesUs.empty())
-            return;
-        for (const auto& [name, share] : Shares)
-            result[name] = percentile(m_agesUs, share);
+            m_agesUs.push_back(static_cast<double>(arrivedNs - sentNs) / 1000);
     }
 
     std::size_t m_mediaBytes;
-    std::function<void(std::uint16_t, std::uint64_t)> m_onFirst;
-    std::function<void()> m_onDone;
+    Progress& m_progress;
     std::vector<double> m_agesUs;
     std::uint16_t m_epoch = 0;
     std::uint64_t m_lastNs = 0;
@@ -267,120 +321,43 @@ private:
     std::atomic<bool> m_ended = false;
 };
 
-class ReceivingEnd
+int runSender(const Plan& plan)
 {
-public:
-    explicit ReceivingEnd(const EndpointOptions& options) : m_options(options)
-    {
-        for (std::size_t i = 0; i < options.objects; i++)
-        {
-            m_recorders.emplace_back(
-                options,
-                [this](std::uint16_t epoch, std::uint64_t arrivedNs) { onFirst(epoch, arrivedNs); },
-                [this] { onDone(); });
-            m_subscribers.push_back(makeSubscriber(options.link));
-        }
-    }
-
-    bool start()
-    {
-        for (std::size_t i = 0; i < m_options.objects; i++)
-        {
-            Recorder& recorder = m_recorders[i];
-            if (!m_subscribers[i]->start(
-                    [&recorder](std::uint64_t sentNs, std::span<const std::uint8_t> media)
-                    { recorder.take(sentNs, media); }))
-                return false;
-        }
-        return true;
-    }
-
-    void report()
-    {
-        nlohmann::json results = nlohmann::json::array();
-        for (Recorder& recorder : m_recorders)
-            results.push_back(recorder.report());
-        say("result " + results.dump());
-    }
-
-private:
-    void onFirst(std::uint16_t epoch, std::uint64_t arrivedNs)
-    {
-        if (++m_firsts % m_options.objects == 0)
-            say("first " + std::to_string(epoch) + " " + std::to_string(arrivedNs));
-    }
-
-    void onDone()
-    {
-        if (++m_dones == m_options.objects)
-            say("done");
-    }
-
-    EndpointOptions m_options;
-    std::deque<Recorder> m_recorders; // addresses stay
-    std::vector<std::unique_ptr<Subscriber>> m_subscribers;
-    std::atomic<std::size_t> m_firsts = 0;
-    std::atomic<std::size_t> m_dones = 0;
-};
-
-int runSender(const EndpointOptions& options)
-{
-    auto end = std::make_unique<SendingEnd>(options);
+    SendingEnd end(plan);
     say("ready");
     for (std::string command; std::getline(std::cin, command);)
     {
-        if (command == "open" && !end->openStream())
+        if (command == "open" && !end.open())
             return 1;
         if (command == "go")
-            end->measure();
+            end.measure();
     }
-    end->stopProbing();
-    end.reset(); // removes what the transport has made in the file system
+    end.stopProbing();
     return 0;
 }
 
-int runReceiver(const EndpointOptions& options)
+int runReceiver(const Plan& plan)
 {
-    ReceivingEnd end(options);
-    if (!end.start())
-        return 1;
+    Progress progress{plan.objects};
+    std::deque<Recorder> recorders; // addresses stay
+    for (std::size_t i = 0; i < plan.objects; i++)
+    {
+        Recorder& recorder = recorders.emplace_back(plan, progress);
+        if (!startReceiving(
+                plan.getLink(),
+                [&recorder](std::uint64_t sentNs, Bytes media) { recorder.take(sentNs, media); }))
+            return 1;
+    }
     say("ready");
     for (std::string command; std::getline(std::cin, command);)
     {
-        if (command == "stop")
-            end.report();
+        json results = json::array();
+        for (Recorder& recorder : recorders)
+            results.push_back(recorder.report());
+        say("result " + results.dump());
     }
-    // The subscribers' threads are still at work, and stopping a receiver may take seconds.
+    // The receiving threads are still at work, and stopping them may take seconds.
     _exit(0);
-}
-
-void addOptions(CLI::App& app, EndpointOptions& options)
-{
-    app.add_option("--name", options.link.name)->required();
-    app.add_option("--directory", options.link.directory)->required();
-    app.add_option("--variant", options.link.variant);
-    app.add_option("--bytes", options.link.mediaBytes)->required();
-    app.add_option("--epoch", options.epoch);
-    app.add_option("--rate", options.rateHz);
-    app.add_option("--warm-up", options.warmUpFrames);
-    app.add_option("--frames", options.frames);
-    app.add_option("--flood-ms", options.floodMs);
-    app.add_option("--objects", options.objects);
-    app.add_flag("--dry", options.dry);
-}
-
-int runEndpoint(int argc, char** argv)
-{
-    CLI::App app("One end of a benchmark session; started by the benchmark programs.");
-    EndpointOptions options;
-    app.require_subcommand(1);
-    const auto* send = app.add_subcommand("send")->fallthrough();
-    app.add_subcommand("receive")->fallthrough();
-    addOptions(app, options);
-    CLI11_PARSE(app, argc, argv);
-    if (options.link.mediaBytes < TagBytes || options.rateHz == 0)
-        return 2;
-    return send->parsed() ? runSender(options) : runReceiver(options);
 }
 
 } // namespace
@@ -388,8 +365,12 @@ int runEndpoint(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    using namespace vlx::bench;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     signal(SIGPIPE, SIG_IGN);
+    const Plan plan = json::parse(argc == 2 ? argv[1] : "{}").get<Plan>();
+    if (plan.name.empty() || plan.bytes < sizeof(FrameTag) || plan.rate == 0)
+        return 2;
     // Leaves without destroying what detached threads still use.
-    _exit(vlx::bench::runEndpoint(argc, argv));
+    _exit(plan.role == "send" ? runSender(plan) : runReceiver(plan));
 }

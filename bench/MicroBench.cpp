@@ -9,7 +9,7 @@
 
 #include <vlx/VlxPayload.hpp>
 
-#include "support/AllocationCount.hpp"
+#include "AllocationCount.hpp"
 
 namespace vlx::bench
 {

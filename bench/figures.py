@@ -10,9 +10,7 @@ Record = dict[str, object]
 
 
 def read_records(path: Path) -> list[Record]:
-    if not path.exists():
-        return []
-    return [json.loads(line) for line in path.read_text().splitlines()]
+    return [json.loads(line) for line in path.read_text().splitlines()] if path.exists() else []
 
 
 def where(records: list[Record], **fields: object) -> list[Record]:
@@ -26,8 +24,7 @@ def distinct(records: list[Record], key: str) -> list:
 
 
 def values_of(records: list[Record], key: str) -> list[float]:
-    values = [r[key] for r in records if isinstance(r.get(key), (int, float))]
-    return [value for value in values if not math.isnan(value)]
+    return [r[key] for r in records if isinstance(r.get(key), (int, float))]
 
 
 def median(values: list[float]) -> float:
@@ -45,9 +42,7 @@ def worst_of(records: list[Record], key: str) -> float:
 
 def percentile(values: list[float], share: float) -> float:
     """The smallest value that at least this share, 0 to 1, of all values does not exceed."""
-    if not values:
-        return math.nan
-    return sorted(values)[max(math.ceil(share * len(values)), 1) - 1]
+    return sorted(values)[max(math.ceil(share * len(values)), 1) - 1] if values else math.nan
 
 
 def quotient(value: float, base: float) -> float:
@@ -56,30 +51,16 @@ def quotient(value: float, base: float) -> float:
 
 def ratios(records: list[Record], base: list[Record], key: str) -> list[float]:
     """Quotients of both sets' values in the same round, one for each round in common."""
-    found = []
-    for record in records:
-        for other in where(base, round=record["round"]):
-            pair = values_of([record, other], key)
-            if len(pair) == 2:
-                found.append(quotient(*pair))
+    found = [quotient(value, other) for record in records for value in values_of([record], key)
+             for other in values_of(where(base, round=record["round"]), key)]
     return [ratio for ratio in found if not math.isnan(ratio)]
-
-
-def quartiles(values: list[float]) -> tuple[float, float]:
-    if len(values) < 2:
-        return math.nan, math.nan
-    low, _, high = statistics.quantiles(values, n=4, method="inclusive")
-    return low, high
 
 
 def format_number(value: float) -> str:
     """With a precision that suits its size."""
-    if math.isnan(value):
-        return "-"
-    if math.isinf(value):
-        return "never"
-    size = abs(value)
-    return f"{value:.{0 if size >= 100 else 1 if size >= 10 else 2}f}"
+    if not math.isfinite(value):
+        return "-" if math.isnan(value) else "never"
+    return f"{value:.{0 if abs(value) >= 100 else 1 if abs(value) >= 10 else 2}f}"
 
 
 def format_ratio(value: float) -> str:
@@ -88,7 +69,7 @@ def format_ratio(value: float) -> str:
 
 def format_spread(values: list[float]) -> str:
     """The median, and in brackets the quartiles of the rounds."""
-    low, high = quartiles(values)
-    if math.isnan(low):
+    if len(values) < 2:
         return format_ratio(median(values))
-    return f"{format_ratio(median(values))} ({format_ratio(low)}-{format_ratio(high)})"
+    low, middle, high = statistics.quantiles(values, n=4, method="inclusive")
+    return f"{format_ratio(middle)} ({format_ratio(low)}-{format_ratio(high)})"

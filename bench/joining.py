@@ -7,11 +7,10 @@ from dataclasses import dataclass, replace
 import random
 import time
 
-from campaign import Campaign
 from figures import Record
+from questions import Campaign
 from session import BusyLoops, Endpoint, Plan, make_name
 import transports as t
-from transports import Transport
 
 # A receiver without a frame by then never gets one: it has missed the announcement of the sequence.
 NEVER_S = 3
@@ -19,7 +18,6 @@ SET_UP_ATTEMPTS = 3
 # After a sender's end a receiver needs 50 ms of silence, and is somewhere in its 400 ms retry.
 SILENCE_S = 0.15
 RETRY_S = 0.4
-
 # How the sender helps a waiting receiver, for each variant of ours.
 BELLS = {"bell": "yes", "bell-again": "yes, announced twice", "": "no"}
 
@@ -27,26 +25,26 @@ BELLS = {"bell": "yes", "bell-again": "yes, announced twice", "": "no"}
 @dataclass(frozen=True)
 class Scenario:
     text: str  # in tables
-    gap_s: float | None  # rejoin: from the kill to the next sender's start
-    variants: tuple[str, ...]  # of ours
+    gap_s: float | None = None  # rejoin: from the kill to the next sender's start
+    bells: tuple[str, ...] = tuple(BELLS)  # variants of ours
     others: tuple[str, ...] = ()
-    busy: bool = False  # beside a busy core
+    busy_loops: int = 0
 
 
 PEERS = (t.KIT, t.RAW, t.ZMQ, t.NNG)
 SCENARIOS = [
-    Scenario("join", None, tuple(BELLS), PEERS),
-    Scenario("join, busy core", None, tuple(BELLS), busy=True),
-    Scenario("rejoin, gap 0", 0, tuple(BELLS), PEERS),
-    Scenario("rejoin, gap 100 ms", 0.1, tuple(BELLS)),
-    Scenario("rejoin, gap 1000 ms", 1, ("bell",)),
+    Scenario("join", others=PEERS),
+    Scenario("join, busy core", busy_loops=1),
+    Scenario("rejoin, gap 0", gap_s=0, others=PEERS),
+    Scenario("rejoin, gap 100 ms", gap_s=0.1),
+    Scenario("rejoin, gap 1000 ms", gap_s=1, bells=("bell",)),
 ]
 
 
 class Row:
     """One row of the table: a transport in one scenario."""
 
-    def __init__(self, campaign: Campaign, scenario: Scenario, transport: Transport) -> None:
+    def __init__(self, campaign: Campaign, scenario: Scenario, transport: t.Transport) -> None:
         self._build = campaign.build
         self._scenario = scenario
         self._transport = transport
@@ -62,8 +60,8 @@ class Row:
         """One repetition. None if the processes do not work; a receiver that never gets a frame is
         a result."""
         with ExitStack() as senders:
-            measure = self._measure_join if self._scenario.gap_s is None else self._measure_rejoin
-            record = measure(senders)
+            record = (self._measure_join(senders) if self._scenario.gap_s is None
+                      else self._measure_rejoin(senders))
         if record is None or "never" in record:
             self.drop_receiver()  # the next repetition begins with a new one
         self._sender_end = time.monotonic()
@@ -74,29 +72,20 @@ class Row:
             self._receiver.__exit__()
         self._receiver = None
 
-    def _start(self, role: str, transport: Transport, *further: str) -> Endpoint:
-        endpoint = Endpoint(self._build, role, transport, self._directory, self._name, Plan(),
-                            *further)
+    def _start(self, role: str, variant: str) -> Endpoint:
+        """A sender is set up as far as the call that opens the stream."""
+        endpoint = Endpoint(self._build, role, replace(self._transport, variant=variant),
+                            self._directory, self._name, Plan(epoch=self._epoch))
         endpoint.expect("ready")
         return endpoint
 
-    def _need_receiver(self) -> Endpoint:
+    def _need_receiver(self) -> None:
         if not self._receiver:
-            self._receiver = self._start("receive", self._transport)
-        return self._receiver
+            self._receiver = self._start("receive", self._transport.variant)
 
-    def _prepare_sender(self, senders: ExitStack, transport: Transport) -> Endpoint:
-        """Set up as far as the call that opens the stream."""
+    def _start_sender(self, senders: ExitStack, variant: str) -> Endpoint:
         self._epoch += 1
-        sender = self._start("send", transport, "--epoch", str(self._epoch))
-        return senders.enter_context(sender)
-
-    @staticmethod
-    def _open_stream(sender: Endpoint) -> int | None:
-        """Time of the call, ns."""
-        sender.tell("open")
-        called = sender.expect("opened")
-        return int(called) if called else None
+        return senders.enter_context(self._start("send", variant))
 
     def _wait_for_first_frame(self) -> int | None:
         """Time of the first frame of the latest sender at the receiver, ns."""
@@ -106,81 +95,74 @@ class Row:
                 return int(arrived)
         return None
 
-    def _make_record(self, called_ns: int, first_ns: int | None) -> Record:
-        ours = self._transport.id == t.OURS
-        bell = BELLS[self._transport.variant] if ours else "-"
+    def _open(self, sender: Endpoint, kill_ns: int | None = None) -> Record | None:
+        """Opens the stream and waits for its first frame."""
+        called = sender.ask("open", "opened")
+        if called is None:
+            return None
+        first_ns = self._wait_for_first_frame()
+        bell = BELLS[self._transport.variant] if self._transport.id == t.OURS else "-"
         record = {"case": self._scenario.text, "transport": self._transport.id, "bell": bell,
                   "row": f"{self._transport.id} {bell}"}
         if first_ns is None:
             return {**record, "never": True}
-        return {**record, "open_ms": (first_ns - called_ns) / 1e6}
+        if kill_ns is not None:
+            record["kill_ms"] = (first_ns - kill_ns) / 1e6
+        return {**record, "open_ms": (first_ns - int(called)) / 1e6}
 
     def _measure_join(self, senders: ExitStack) -> Record | None:
         """The receiver is known to wait: it has lost the last sender, and its retry is anywhere."""
         self._need_receiver()
-        sender = self._prepare_sender(senders, self._transport)
+        sender = self._start_sender(senders, self._transport.variant)
         waiting = max(self._sender_end + SILENCE_S, time.monotonic())
         sleep_until(waiting + random.uniform(0, RETRY_S))
-        called_ns = self._open_stream(sender)
-        if called_ns is None:
-            return None
-        return self._make_record(called_ns, self._wait_for_first_frame())
-
-    def _prepare_victim(self, senders: ExitStack) -> Endpoint | None:
-        """A sender with a receiver that gets its frames."""
-        transport = self._transport
-        if transport.id == t.OURS:
-            transport = replace(transport, variant="bell")  # not measured: as quickly as possible
-        for _ in range(SET_UP_ATTEMPTS):
-            self._need_receiver()
-            with ExitStack() as attempt:
-                victim = self._prepare_sender(attempt, transport)
-                if self._open_stream(victim) and self._wait_for_first_frame():
-                    senders.enter_context(attempt.pop_all())
-                    return victim
-            self.drop_receiver()
-        return None
+        return self._open(sender)
 
     def _measure_rejoin(self, senders: ExitStack) -> Record | None:
         victim = self._prepare_victim(senders)
         if not victim:
             return None
-        successor = self._prepare_sender(senders, self._transport)
+        successor = self._start_sender(senders, self._transport.variant)
         time.sleep(SILENCE_S)
         kill_ns = time.monotonic_ns()
         victim.kill()
         sleep_until(kill_ns / 1e9 + self._scenario.gap_s)
-        called_ns = self._open_stream(successor)
-        if called_ns is None:
-            return None
-        first_ns = self._wait_for_first_frame()
-        record = self._make_record(called_ns, first_ns)
-        if first_ns is not None:
-            record["kill_ms"] = (first_ns - kill_ns) / 1e6
-        return record
+        return self._open(successor, kill_ns)
+
+    def _prepare_victim(self, senders: ExitStack) -> Endpoint | None:
+        """A sender with a receiver that gets its frames; not measured, so as quickly as possible."""
+        for _ in range(SET_UP_ATTEMPTS):
+            self._need_receiver()
+            with ExitStack() as attempt:
+                victim = self._start_sender(attempt, t.ALL[self._transport.id].variant)
+                if "open_ms" in (self._open(victim) or {}):
+                    senders.enter_context(attempt.pop_all())
+                    return victim
+            self.drop_receiver()
+        return None
 
 
 def sleep_until(moment: float) -> None:
     time.sleep(max(0, moment - time.monotonic()))
 
 
-def list_rows(campaign: Campaign, scenario: Scenario) -> list[Row]:
-    found = []
-    for transport in campaign.select(t.OURS, *scenario.others):
-        variants = scenario.variants if transport.id == t.OURS else (transport.variant,)
-        found += [Row(campaign, scenario, replace(transport, variant=variant))
-                  for variant in variants]
-    return found
-
-
 def measure_scenario(campaign: Campaign, scenario: Scenario, repetitions: int) -> None:
     random.seed(1)
     with ExitStack() as stack:
-        rows = list_rows(campaign, scenario)
+        rows = [Row(campaign, scenario, replace(transport, variant=variant))
+                for transport in campaign.select([t.OURS, *scenario.others])
+                for variant in (scenario.bells if transport.id == t.OURS else [transport.variant])]
         for row in rows:
             stack.callback(row.drop_receiver)
-        if scenario.busy:
-            stack.enter_context(BusyLoops(1))
+        stack.enter_context(BusyLoops(scenario.busy_loops))
         for repetition in range(repetitions):
             for row in rows:
                 campaign.add(row.measure(), repetition=repetition)
+
+
+def measure_join(campaign: Campaign) -> None:
+    """How fast is a receiver in, and back in? 1,000 frames of 1,920 bytes a second."""
+    repetitions = campaign.choose(full=40, quick=4)
+    campaign.begin(f"{repetitions} repetitions interleaved")
+    for scenario in SCENARIOS:
+        measure_scenario(campaign, scenario, repetitions)

@@ -2,7 +2,7 @@
 
 from pathlib import Path
 
-from figures import Record, format_number, format_ratio, median_of, quotient, where
+from figures import Record, distinct, format_number, format_ratio, median_of, quotient, where
 import tables
 from targets import BYTES, Data, target_table
 import transports as t
@@ -15,7 +15,7 @@ PICTURES = {"age": "Age of a frame", "overload": "Age under overload",
 
 def describe_transports() -> str:
     table = tables.Table("<transport", "<id in the raw data", "<options")
-    for each in t.ALL:
+    for each in t.ALL.values():
         table.add(each.label, f"`{each.id}`", each.options)
     return table.to_markdown()
 
@@ -32,13 +32,8 @@ def describe_net_cost(records: list[Record]) -> str:
             f"nanomsg {format_ratio(quotient(ours, raw))}.")
 
 
-def first_of(records: list[Record], key: str) -> str:
-    return next((record[key] for record in records if record.get(key)), "")
-
-
 def make_fields(data: Data) -> dict[str, str]:
     fields = {
-        "WARNING": first_of(data["age"], "warning"),
         "TRANSPORTS": describe_transports(),
         "TARGETS": target_table(data).to_markdown(),
         "FINDINGS": (HERE / "findings.md").read_text(),
@@ -49,7 +44,7 @@ def make_fields(data: Data) -> dict[str, str]:
     for question, caption in PICTURES.items():
         mark = question.upper()
         table = getattr(tables, f"{question}_table")
-        fields[f"{mark}_SETUP"] = first_of(data[question], "setup") or "not measured"
+        fields[f"{mark}_SETUP"] = next(iter(distinct(data[question], "setup")), "not measured")
         fields[f"{mark}_PICTURE"] = f"![{caption}](benchmarks/{question}.svg)"
         fields[mark] = table(data[question]).to_markdown()
     return {mark: text.strip() for mark, text in fields.items()}
@@ -58,6 +53,6 @@ def make_fields(data: Data) -> dict[str, str]:
 def write_summary(data: Data, output: Path) -> None:
     text = (HERE / "summary.md").read_text()
     for mark, value in make_fields(data).items():
-        text = text.replace(f"@{mark}@" if value else f"@{mark}@\n\n", value)
+        text = text.replace(f"@{mark}@", value)
     output.parent.mkdir(parents=True, exist_ok=True)
     output.write_text(text)

@@ -1,9 +1,9 @@
 """One measurement: a sender and its receivers, each in a process of its own, driven by lines."""
 
 from contextlib import ExitStack
-from dataclasses import dataclass
+from dataclasses import asdict, dataclass, replace
+import itertools
 import json
-import math
 import os
 from pathlib import Path
 import select
@@ -18,7 +18,6 @@ STEP_S = 15
 DRAIN_S = 3
 ORDERLY_END_S = 1
 AGES = ("p10_us", "p25_us", "p50_us", "p75_us", "p90_us", "p99_us", "p999_us", "max_us")
-
 # Ends with its parent, whatever becomes of that.
 BUSY_LOOP = """import os
 parent = os.getppid()
@@ -29,14 +28,16 @@ while os.getppid() == parent:
 
 @dataclass(frozen=True)
 class Plan:
+    """As the endpoint gets it, but for receivers and patience."""
     bytes: int = 1920  # of media data in each frame
     rate: int = 1000  # frames a second
     warm_up: int = 0  # frames
     frames: int = 0  # 0: flood
     flood_ms: int = 0  # length of the flood
-    receivers: int = 1  # processes
     objects: int = 1  # receivers in each process
-    memory: bool = False  # add "pss_kib", mean of the receivers' processes
+    epoch: int = 1  # which of several senders in a row
+    dry: bool = False  # pace and stamp, but send nothing
+    receivers: int = 1  # processes
     patience: float = 1  # factor on the time limits
 
 
@@ -44,18 +45,14 @@ class Endpoint:
     """One end of a session. Never outlives its "with" block."""
 
     def __init__(self, build: Path, role: str, transport: Transport, directory: Path, name: str,
-                 plan: Plan, *further: str) -> None:
-        command = [endpoint_program(build, transport), role, "--name", name,
-                   "--directory", directory, "--bytes", plan.bytes, "--rate", plan.rate,
-                   "--warm-up", plan.warm_up, "--frames", plan.frames,
-                   "--flood-ms", plan.flood_ms, "--objects", plan.objects, *further]
-        if transport.variant:
-            command += ["--variant", transport.variant]
+                 plan: Plan) -> None:
+        argument = {"role": role, "name": name, "directory": str(directory),
+                    "variant": transport.variant, **asdict(plan)}
         self._patience = plan.patience
         self._pending = b""
         self._process = subprocess.Popen(
-            [str(word) for word in command], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-            bufsize=0, env={**os.environ, "TMPDIR": str(directory)})
+            [endpoint_program(build, transport), json.dumps(argument)], stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE, bufsize=0, env={**os.environ, "TMPDIR": str(directory)})
 
     def __enter__(self) -> "Endpoint":
         return self
@@ -69,11 +66,20 @@ class Endpoint:
             self.kill()
         self._process.stdout.close()
 
-    def tell(self, line: str) -> None:
+    def kill(self) -> None:
+        self._process.kill()
+        self._process.wait()
+        # GStreamer's sink removes its shared memory only at an orderly end.
+        for left in Path("/dev/shm").glob(f"shmpipe.{self._process.pid}.*"):
+            left.unlink(missing_ok=True)
+
+    def ask(self, line: str, word: str, seconds: float = STEP_S) -> str | None:
+        """Sends a line and waits for the answer, as expect() does."""
         try:
             self._process.stdin.write(line.encode() + b"\n")
         except BrokenPipeError:
-            pass  # a process that is gone shows in the next expect()
+            return None
+        return self.expect(word, seconds)
 
     def expect(self, word: str, seconds: float = STEP_S) -> str | None:
         """Waits for a line with this first word and returns its rest; skips other lines. None when
@@ -90,54 +96,39 @@ class Endpoint:
                 return None
 
     def _read_more(self, deadline: float) -> bool:
-        output = self._process.stdout
         left = deadline - time.monotonic()
-        if left <= 0 or not select.select([output], [], [], left)[0]:
+        if left <= 0 or not select.select([self._process.stdout], [], [], left)[0]:
             return False
-        more = os.read(output.fileno(), 65536)
+        more = os.read(self._process.stdout.fileno(), 65536)
         self._pending += more
         return bool(more)
 
-    def kill(self) -> None:
-        self._process.kill()
-        self._process.wait()
-        # GStreamer's sink removes its shared memory only at an orderly end.
-        for left in Path("/dev/shm").glob(f"shmpipe.{self._process.pid}.*"):
-            left.unlink(missing_ok=True)
-
     def pss_kib(self) -> float:
-        try:
-            text = Path(f"/proc/{self._process.pid}/smaps_rollup").read_text()
-        except OSError:
-            return math.nan
-        return next((float(line.split()[1]) for line in text.splitlines()
-                     if line.startswith("Pss:")), math.nan)
+        lines = Path(f"/proc/{self._process.pid}/smaps_rollup").read_text().splitlines()
+        return next(float(line.split()[1]) for line in lines if line.startswith("Pss:"))
 
 
 class BusyLoops:
     """Processes that do nothing but keep processors busy, within a "with" block."""
 
     def __init__(self, count: int) -> None:
-        self._processes = [subprocess.Popen([sys.executable, "-c", BUSY_LOOP])
-                           for _ in range(count)]
+        self._loops = [subprocess.Popen([sys.executable, "-c", BUSY_LOOP]) for _ in range(count)]
 
-    def __enter__(self) -> "BusyLoops":
-        return self
+    def __enter__(self) -> None:
+        pass
 
     def __exit__(self, *_: object) -> None:
-        for process in self._processes:
-            process.kill()
-            process.wait()
+        for loop in self._loops:
+            loop.kill()
+            loop.wait()
 
 
-_session_count = 0
+_numbers = itertools.count(1)
 
 
 def make_name() -> str:
     """A name that no other session has."""
-    global _session_count
-    _session_count += 1
-    return f"b{os.getpid()}-{_session_count}"
+    return f"b{os.getpid()}-{next(_numbers)}"
 
 
 def run_session(build: Path, transport: Transport, directory: Path, plan: Plan) -> Record | None:
@@ -159,40 +150,22 @@ def _try_session(build: Path, transport: Transport, directory: Path, plan: Plan)
             return stack.enter_context(Endpoint(build, role, transport, directory, name, plan))
 
         sender = start("send")
-        sender.tell("open")
-        if sender.expect("opened") is None:
+        if sender.ask("open", "opened") is None:
             return None
         receivers = [start("receive") for _ in range(plan.receivers)]
         if any(receiver.expect("first") is None for receiver in receivers):
             return None
-        sender.tell("go")
-        sent = sender.expect("result",
-                             STEP_S + plan.flood_ms / 1000 + plan.frames / plan.rate)
-        if sent is None:
-            return None
-        memory = sum(receiver.pss_kib() for receiver in receivers) if plan.memory else 0
-        received = _collect(receivers)
-        if received is None:
-            return None
-        record = _flatten(json.loads(sent), received, plan)
-        if plan.memory:
-            record["pss_kib"] = memory / len(receivers)
-        return record
-
-
-def _collect(receivers: list[Endpoint]) -> list[Record] | None:
-    """The figures of all receivers, an entry for each receiving object."""
-    deadline = time.monotonic() + DRAIN_S
-    everything = []
-    for receiver in receivers:
-        # Missing: its end frames were lost.
-        receiver.expect("done", max(0, deadline - time.monotonic()))
-        receiver.tell("stop")
-        line = receiver.expect("result")
-        if line is None:
-            return None
-        everything += json.loads(line)
-    return everything
+        sent = sender.ask("go", "result", STEP_S + plan.flood_ms / 1000 + plan.frames / plan.rate)
+        memory = [receiver.pss_kib() for receiver in receivers]
+        deadline = time.monotonic() + DRAIN_S
+        for receiver in receivers:
+            # Missing: its end frames were lost.
+            receiver.expect("done", max(0, deadline - time.monotonic()))
+        results = [receiver.ask("stop", "result") for receiver in receivers]
+    if sent is None or None in results:
+        return None
+    objects = [one for result in results for one in json.loads(result)]
+    return {**_flatten(json.loads(sent), objects, plan), "pss_kib": sum(memory) / len(memory)}
 
 
 def _flatten(sender: Record, receivers: list[Record], plan: Plan) -> Record:
@@ -207,9 +180,7 @@ def _flatten(sender: Record, receivers: list[Record], plan: Plan) -> Record:
     sender_us = sender["cpu_ns"] / 1000
     receiver_us = total("cpu_ns") / plan.objects / 1000
     return {
-        "sent": sent,
-        "received": received,
-        "corrupt": total("corrupt"),
+        "sent": sent, "received": received, "corrupt": total("corrupt"),
         "lost_pct": 100 * (1 - received / (sent * len(receivers))),
         "offered_per_s": sent * 1e9 / sender["wall_ns"],
         "delivered_per_s": quotient(middle("received") * 1e9, middle("span_ns")),
@@ -220,21 +191,17 @@ def _flatten(sender: Record, receivers: list[Record], plan: Plan) -> Record:
         "delivered_cpu_us": quotient(sender_us + receiver_us, received),
         "sender_allocations": sender["allocations"] / sent,
         "receiver_allocations": quotient(total("allocations") / plan.objects, received),
-        "worst_p99_us": max((one.get("p99_us", 0) for one in receivers)),
-        **{key: middle(key) for key in AGES},
-    }
+        "worst_p99_us": max(one.get("p99_us", 0) for one in receivers),
+        **{key: middle(key) for key in AGES}}
 
 
 def measure_pacing_us(build: Path, transport: Transport, directory: Path,
                       plan: Plan) -> float | None:
     """What a sender's process costs in us per frame without sending anything."""
-    with Endpoint(build, "send", transport, directory, make_name(), plan, "--dry") as sender:
-        sender.tell("open")
-        if sender.expect("opened") is None:
+    dry = replace(plan, dry=True)
+    with Endpoint(build, "send", transport, directory, make_name(), dry) as sender:
+        if sender.ask("open", "opened") is None:
             return None
-        sender.tell("go")
-        line = sender.expect("result")
-        if line is None:
-            return None
-        result = json.loads(line)
-        return result["cpu_ns"] / 1000 / result["sent"]
+        line = sender.ask("go", "result")
+    result = json.loads(line) if line else {}
+    return result and result["cpu_ns"] / 1000 / result["sent"]

@@ -4,8 +4,8 @@ medians over the rounds; "vs" columns are medians of the ratios within each roun
 import math
 
 from figures import (Record, distinct, format_number, format_ratio, format_spread, median,
-                     median_of, percentile, quotient, ratios, values_of, where)
-from transports import ALL, RAW, label_of
+                     median_of, percentile, quotient, ratios, values_of, where, worst_of)
+from transports import ALL, RAW
 
 # Receiving objects in one process where the memory of an object is measured.
 MANY_OBJECTS = 17
@@ -22,7 +22,9 @@ class Table:
         self._rows: list[list[str]] = []
 
     def add(self, *cells: object) -> None:
-        self._rows.append([str(cell) for cell in cells])
+        """Numbers with a part behind the point get a precision that suits their size."""
+        self._rows.append([format_number(cell) if isinstance(cell, float) else str(cell)
+                           for cell in cells])
 
     def to_text(self) -> str:
         lines = [self._headings, *self._rows]
@@ -33,15 +35,15 @@ class Table:
             for line in lines)
 
     def to_markdown(self) -> str:
-        rule = "".join("|---" if left else "|---:" for left in self._left) + "|"
-        return "\n".join([f"| {' | '.join(self._headings)} |", rule,
-                          *(f"| {' | '.join(row)} |" for row in self._rows)]) + "\n"
+        rule = ["---" if left else "---:" for left in self._left]
+        lines = [self._headings, rule, *self._rows]
+        return "".join(f"| {' | '.join(line)} |\n" for line in lines)
 
 
-def in_order(records: list[Record]) -> list[str]:
-    """The transports of the records, in the order of the tables."""
-    present = distinct(records, "transport")
-    return [each.id for each in ALL if each.id in present]
+def in_order(records: list[Record]) -> dict[str, list[Record]]:
+    """The records of each transport, in the order of the tables."""
+    found = {transport: where(records, transport=transport) for transport in ALL}
+    return {transport: rows for transport, rows in found.items() if rows}
 
 
 def _compare(records: list[Record], group_key: str, figures: dict[str, str],
@@ -51,15 +53,13 @@ def _compare(records: list[Record], group_key: str, figures: dict[str, str],
     figures, to_raw: headings and keys; the second are ratios to raw nanomsg with our options."""
     table = Table(group_key, "<transport", *figures, *to_raw)
     for group in sorted(distinct(records, group_key)):
-        members = where(records, **{group_key: group})
-        raw = where(members, transport=RAW)
-        for transport in in_order(members):
-            rows = where(members, transport=transport)
-            found = [ratios(rows, raw, key) for key in to_raw.values()]
-            table.add(group, label_of(transport),
-                      *(format_number(median_of(rows, key)) for key in figures.values()),
-                      *(format_spread(all_) if spread else format_ratio(median(all_))
-                        for all_ in found))
+        members = in_order(where(records, **{group_key: group}))
+        for transport, rows in members.items():
+            compared = [ratios(rows, members.get(RAW, []), key) for key in to_raw.values()]
+            table.add(group, ALL[transport].label,
+                      *(float(median_of(rows, key)) for key in figures.values()),
+                      *(format_spread(found) if spread else format_ratio(median(found))
+                        for found in compared))
     return table
 
 
@@ -73,15 +73,12 @@ def age_table(records: list[Record]) -> Table:
 
 
 def allocation_table(records: list[Record]) -> Table:
-    table = Table("bytes", "<transport", "sender/frame", "receiver/frame", "sender, worst round",
+    table = Table("<transport", "sender/frame", "receiver/frame", "sender, worst round",
                   "receiver, worst round")
-    for size in sorted(distinct(records, "bytes")):
-        for transport in in_order(records):
-            rows = where(records, bytes=size, transport=transport)
-            sides = [values_of(rows, f"{side}_allocations") for side in ("sender", "receiver")]
-            table.add(size, label_of(transport),
-                      *(format_number(median(side)) for side in sides),
-                      *(format_number(max(side, default=math.nan)) for side in sides))
+    for transport, rows in in_order(records).items():
+        table.add(ALL[transport].label,
+                  *(choose(rows, f"{side}_allocations")
+                    for choose in (median_of, worst_of) for side in ("sender", "receiver")))
     return table
 
 
@@ -98,13 +95,12 @@ def overload_table(records: list[Record]) -> Table:
 def busy_table(records: list[Record]) -> Table:
     table = Table("<transport", "sent", "lost", "lost %", "p50 us", "p99 us", "p99.9 us", "max us",
                   "sender us/frame", "receiver us/frame")
-    for transport in in_order(records):
-        rows = where(records, transport=transport)
+    for transport, rows in in_order(records).items():
         sent, received = sum(values_of(rows, "sent")), sum(values_of(rows, "received"))
-        keys = ("p50_us", "p99_us", "p999_us", "max_us", "sender_cpu_us", "receiver_cpu_us")
-        table.add(label_of(transport), int(sent), int(sent - received),
-                  format_number(quotient(100 * (sent - received), sent)),
-                  *(format_number(median_of(rows, key)) for key in keys))
+        table.add(ALL[transport].label, sent, sent - received,
+                  quotient(100 * (sent - received), sent),
+                  *(median_of(rows, key) for key in (
+                      "p50_us", "p99_us", "p999_us", "max_us", "sender_cpu_us", "receiver_cpu_us")))
     return table
 
 
@@ -121,12 +117,10 @@ def fanout_table(records: list[Record]) -> Table:
 def memory_table(records: list[Record]) -> Table:
     table = Table("<transport", "1 object, PSS KiB", f"{MANY_OBJECTS} objects, PSS KiB",
                   "PSS KiB/object")
-    single = where(records, receivers=1)
-    for transport in in_order(where(single, objects=MANY_OBJECTS)):
-        one, many = (median_of(where(single, transport=transport, objects=objects), "pss_kib")
-                     for objects in (1, MANY_OBJECTS))
-        table.add(label_of(transport), format_number(one), format_number(many),
-                  format_number((many - one) / (MANY_OBJECTS - 1)))
+    for transport, rows in in_order(where(records, receivers=1)).items():
+        one, many = (median_of(where(rows, objects=count), "pss_kib")
+                     for count in (1, MANY_OBJECTS))
+        table.add(ALL[transport].label, one, many, (many - one) / (MANY_OBJECTS - 1))
     return table
 
 
@@ -144,15 +138,13 @@ def join_table(records: list[Record]) -> Table:
         for row in distinct(where(records, case=case), "row"):
             rows = where(records, case=case, row=row)
             for start in ("kill", "open"):
+                times = join_times(rows, f"{start}_ms")
                 if not values_of(rows, f"{start}_ms"):
                     continue
-                times = join_times(rows, f"{start}_ms")
                 late = sum(RETRY_MS < time < math.inf for time in times)
-                table.add(case, label_of(rows[0]["transport"]), rows[0]["bell"], len(times), start,
-                          *(format_number(percentile(times, share))
-                            for share in (0.50, 0.90, 0.99, 1)),
-                          format_number(100 * late / len(times)),
-                          format_number(100 * times.count(math.inf) / len(times)))
+                table.add(case, ALL[rows[0]["transport"]].label, rows[0]["bell"], len(times), start,
+                          *(percentile(times, share) for share in (0.50, 0.90, 0.99, 1)),
+                          100 * late / len(times), 100 * times.count(math.inf) / len(times))
     return table
 
 
@@ -164,7 +156,6 @@ def micro_table(records: list[Record]) -> Table:
         for operation in sorted(distinct(sized, "operation")):
             rows = where(sized, operation=operation)
             rate = median_of(rows, "bytes_per_s")
-            table.add(size, operation, format_number(median_of(rows, "ns")),
-                      format_number(rate / 1e6), format_number(median_of(rows, "allocations")),
-                      format_ratio(rate / copy))
+            table.add(size, operation, median_of(rows, "ns"), rate / 1e6,
+                      median_of(rows, "allocations"), format_ratio(rate / copy))
     return table

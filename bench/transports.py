@@ -1,7 +1,6 @@
 """What can carry the frames: an entry for each row of the tables."""
 
 from dataclasses import dataclass
-import errno
 import os
 from pathlib import Path
 
@@ -16,19 +15,14 @@ class Transport:
     options: str  # the same as the variant, in words
 
 
-OURS = "vellox"
-KIT = "kit"
-KIT_RT = "kit-rt"
+OURS, KIT, KIT_RT = "vellox", "kit", "kit-rt"
 RAW = "nanomsg-same"  # nanomsg with our socket options
 POLLS = "nanomsg-polls"  # the same, and waiting as we do
-ZMQ = "zmq"
-NNG = "nng"
-UNIX = "unix"
-GST_SHM = "gst-shm"
-GST_OURS = "gst-vlx"
+NANOMSG, ZMQ, ZMQ_TUNED, NNG, NNG_TUNED = "nanomsg", "zmq", "zmq-tuned", "nng", "nng-tuned"
+UNIX, GST_SHM, GST_OURS = "unix", "gst-shm", "gst-vlx"
 
 # In the order of the tables.
-ALL = [
+ALL = {each.id: each for each in [
     Transport(OURS, "ours", "vellox", "bell", "#d6001c",
               "the bare library: pubsub, monotonic system clock, PCM"),
     Transport(KIT, "kit", "kit", "", "#e8a0a8", "the same through Producer and Consumer"),
@@ -40,25 +34,21 @@ ALL = [
     Transport(POLLS, "nanomsg, our polls", "nanomsg", "polls", "#6d9dc5",
               "as before, and polls of as many descriptors and with the time-out of ours: what "
               "waiting costs"),
-    Transport("nanomsg", "nanomsg", "nanomsg", "", "#b4cde0", "default buffers; NN_RCVMAXSIZE -1"),
+    Transport(NANOMSG, "nanomsg", "nanomsg", "", "#b4cde0", "default buffers; NN_RCVMAXSIZE -1"),
     Transport(ZMQ, "ZeroMQ", "zmq", "", "#4f7f52", "defaults"),
-    Transport("zmq-tuned", "ZeroMQ tuned", "zmq", "tuned", "#a6c9a3",
+    Transport(ZMQ_TUNED, "ZeroMQ tuned", "zmq", "tuned", "#a6c9a3",
               "ZMQ_CONFLATE, ZMQ_IMMEDIATE, high-water marks of 1"),
     Transport(NNG, "nng", "nng", "", "#7d6a9b", "defaults"),
-    Transport("nng-tuned", "nng tuned", "nng", "tuned", "#c6bad8",
+    Transport(NNG_TUNED, "nng tuned", "nng", "tuned", "#c6bad8",
               "NNG_OPT_SENDBUF 1, NNG_OPT_RECVBUF 1, newest preferred (its default)"),
     Transport(UNIX, "Unix socket", "unix", "", "#3a3a3a",
-              "stream socket, length prefix, blocking writes to each reader: the limit of the "
+              "stream socket, size in the header, blocking writes to each reader: the limit of the "
               "kernel"),
     Transport(GST_SHM, "GStreamer shm", "gst", "shm", "#8c7a5b",
               "appsrc ! shmsink and shmsrc ! appsink, sync=false, queues of one buffer"),
     Transport(GST_OURS, "GStreamer vlx", "gst", "vlx", "#c9b98f",
               "appsrc ! vlxsink and vlxsrc ! appsink, the same settings"),
-]
-
-
-def label_of(transport_id: str) -> str:
-    return next((each.label for each in ALL if each.id == transport_id), transport_id)
+]}
 
 
 def endpoint_program(build: Path, transport: Transport) -> Path:
@@ -67,8 +57,7 @@ def endpoint_program(build: Path, transport: Transport) -> Path:
 
 def plugin_directory(build: Path) -> Path | None:
     """Where the GStreamer elements were built, if they were."""
-    found = sorted(build.glob("gst/**/libgst*.so"))
-    return found[0].parent if found else None
+    return next((found.parent for found in build.glob("gst/**/libgst*.so")), None)
 
 
 def obstacle(build: Path, transport: Transport) -> str:
@@ -86,9 +75,7 @@ def may_run_in_real_time() -> bool:
     before = os.sched_getscheduler(0), os.sched_getparam(0)
     try:
         os.sched_setscheduler(0, os.SCHED_RR, os.sched_param(10))
-    except OSError as error:
-        if error.errno != errno.EPERM:
-            raise
+    except PermissionError:
         return False
     os.sched_setscheduler(0, *before)
     return True

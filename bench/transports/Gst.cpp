@@ -2,13 +2,14 @@
 /// of one buffer: appsrc ! SINK and SOURCE ! appsink. Variant "shm": shmsink and shmsrc. "vlx":
 /// vlxsink and vlxsrc, with the packets as samples of a stereo stream.
 
-#include <cstring>
+#include <memory>
+#include <vector>
 
 #include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
 
-#include "PeerPacket.hpp"
+#include "Transport.hpp"
 
 namespace vlx::bench
 {
@@ -20,7 +21,7 @@ constexpr GstClockTime BufferDurationNs = 1'000'000;
 std::string describeSender(const Link& link)
 {
     const bool ours = link.variant == "vlx";
-    return std::string("appsrc name=in format=time block=true max-buffers=1 ") +
+    return std::string("appsrc name=end format=time block=true max-buffers=1 ") +
            (ours ? "is-live=true do-timestamp=true caps=audio/x-raw,format=S16LE,rate=48000,"
                    "channels=2,layout=interleaved ! vlxsink socket-name=" +
                        link.name
@@ -34,117 +35,88 @@ std::string describeReceiver(const Link& link)
     return (link.variant == "vlx"
                 ? "vlxsrc socket-name=" + link.name
                 : "shmsrc is-live=true socket-path=" + link.directory + "/" + link.name + ".shm") +
-           " ! appsink name=out sync=false max-buffers=1 enable-last-sample=false";
+           " ! appsink name=end sync=false max-buffers=1 enable-last-sample=false";
 }
 
-GstElement* parsePipeline(const std::string& description)
+using Element = std::shared_ptr<GstElement>;
+
+// A pipeline, stopped when it is released: that removes the shared memory's file.
+Element parsePipeline(const std::string& description)
 {
     gst_init(nullptr, nullptr);
     GError* error = nullptr;
-    GstElement* pipeline = gst_parse_launch(description.c_str(), &error);
-    check(pipeline != nullptr && error == nullptr, "gst_parse_launch", error ? error->message : "");
-    g_clear_error(&error);
-    return pipeline;
-}
-
-bool play(GstElement* pipeline)
-{
-    return pipeline &&
-           check(
-               gst_element_set_state(pipeline, GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE,
-               "gst_element_set_state", "failed");
-}
-
-class GstPublisher : public Publisher
-{
-public:
-    explicit GstPublisher(const Link& link)
-        : m_packet(link.mediaBytes), m_pipeline(parsePipeline(describeSender(link)))
-    {
-    }
-
-    ~GstPublisher() override
-    {
-        gst_object_unref(m_input);
-        gst_element_set_state(m_pipeline, GST_STATE_NULL); // removes the shared memory's file
-        gst_object_unref(m_pipeline);
-    }
-
-    bool open() override
-    {
-        if (!play(m_pipeline))
-            return false;
-        m_input = GST_APP_SRC(gst_bin_get_by_name(GST_BIN(m_pipeline), "in"));
-        return m_input != nullptr;
-    }
-
-    std::span<std::uint8_t> media() override
-    {
-        return m_packet.media();
-    }
-
-    void send(std::uint64_t timestampNs) override
-    {
-        const auto bytes = m_packet.stamp(timestampNs);
-        GstBuffer* buffer = gst_buffer_new_allocate(nullptr, bytes.size(), nullptr);
-        gst_buffer_fill(buffer, 0, bytes.data(), bytes.size());
-        GST_BUFFER_DURATION(buffer) = BufferDurationNs;
-        gst_app_src_push_buffer(m_input, buffer);
-    }
-
-private:
-    PeerPacket m_packet;
-    GstElement* m_pipeline;
-    GstAppSrc* m_input = nullptr;
-};
-
-class GstSubscriber : public Subscriber
-{
-public:
-    explicit GstSubscriber(const Link& link) : m_pipeline(parsePipeline(describeReceiver(link))) {}
-
-    bool start(FrameHandler handler) override
-    {
-        m_handler = std::move(handler);
-        GstElement* output = gst_bin_get_by_name(GST_BIN(m_pipeline), "out");
-        GstAppSinkCallbacks callbacks{};
-        callbacks.new_sample = onSample;
-        gst_app_sink_set_callbacks(GST_APP_SINK(output), &callbacks, this, nullptr);
-        gst_object_unref(output);
-        return play(m_pipeline);
-    }
-
-private:
-    static GstFlowReturn onSample(GstAppSink* sink, gpointer self)
-    {
-        GstSample* sample = gst_app_sink_pull_sample(sink);
-        if (!sample)
-            return GST_FLOW_EOS;
-        GstBuffer* buffer = gst_sample_get_buffer(sample);
-        GstMapInfo map;
-        if (gst_buffer_map(buffer, &map, GST_MAP_READ))
+    GstElement* const pipeline = gst_parse_launch(description.c_str(), &error);
+    check(error == nullptr, "gst_parse_launch", error ? error->message : "");
+    if (error)
+        return nullptr;
+    return Element(
+        pipeline,
+        [](GstElement* ended)
         {
-            deliverPeerPacket(static_cast<GstSubscriber*>(self)->m_handler, map.data, map.size);
-            gst_buffer_unmap(buffer, &map);
-        }
-        gst_sample_unref(sample);
-        return GST_FLOW_OK;
-    }
+            gst_element_set_state(ended, GST_STATE_NULL);
+            gst_object_unref(ended);
+        });
+}
 
-    FrameHandler m_handler;
-    GstElement* m_pipeline;
-};
+// The element towards this program; lives as long as its pipeline.
+GstElement* getEnd(const Element& pipeline)
+{
+    GstElement* const end = gst_bin_get_by_name(GST_BIN(pipeline.get()), "end");
+    gst_object_unref(end);
+    return end;
+}
+
+bool play(const Element& pipeline)
+{
+    const auto change = gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
+    return check(change != GST_STATE_CHANGE_FAILURE, "gst_element_set_state", "failed");
+}
+
+GstFlowReturn onSample(GstAppSink* sink, gpointer handler)
+{
+    GstSample* const sample = gst_app_sink_pull_sample(sink);
+    if (!sample)
+        return GST_FLOW_EOS;
+    GstBuffer* const buffer = gst_sample_get_buffer(sample);
+    GstMapInfo map;
+    if (gst_buffer_map(buffer, &map, GST_MAP_READ))
+    {
+        deliverPacket(*static_cast<FrameHandler*>(handler), map.data, map.size);
+        gst_buffer_unmap(buffer, &map);
+    }
+    gst_sample_unref(sample);
+    return GST_FLOW_OK;
+}
 
 } // namespace
 
-std::unique_ptr<Publisher> makePublisher(const Link& link)
+SendFrame openStream(const Link& link)
 {
-    return std::make_unique<GstPublisher>(link);
+    const Element pipeline = parsePipeline(describeSender(link));
+    if (!pipeline || !play(pipeline))
+        return {};
+    return [pipeline, input = GST_APP_SRC(getEnd(pipeline))](std::uint64_t, Bytes packet)
+    {
+        GstBuffer* const buffer = gst_buffer_new_allocate(nullptr, packet.size(), nullptr);
+        gst_buffer_fill(buffer, 0, packet.data(), packet.size());
+        GST_BUFFER_DURATION(buffer) = BufferDurationNs;
+        gst_app_src_push_buffer(input, buffer);
+    };
 }
 
-std::unique_ptr<Subscriber> makeSubscriber(const Link& link)
+bool startReceiving(const Link& link, FrameHandler handler)
 {
-    return std::make_unique<GstSubscriber>(link);
+    // Both last as long as the process.
+    static std::vector<Element> pipelines;
+    auto* const kept = new FrameHandler(std::move(handler));
+    const Element pipeline = parsePipeline(describeReceiver(link));
+    if (!pipeline)
+        return false;
+    pipelines.push_back(pipeline);
+    GstAppSinkCallbacks callbacks{};
+    callbacks.new_sample = onSample;
+    gst_app_sink_set_callbacks(GST_APP_SINK(getEnd(pipeline)), &callbacks, kept, nullptr);
+    return play(pipeline);
 }
 
 } // namespace vlx::bench

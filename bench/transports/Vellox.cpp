@@ -1,10 +1,11 @@
 /// Ours: pubsub on the monotonic system clock. Variant "bell": rings in the base directory once the
-/// stream stands, as the tools do, so that waiting receivers look again at once. "bell-again": and
+/// stream stands, as the kit does, so that waiting receivers look again at once. "bell-again": and
 /// announces the sequence once more a moment later, for a receiver that was just joining and has
 /// missed it.
 
 #include <limits>
-#include <vector>
+#include <memory>
+#include <utility>
 
 #include <fcntl.h>
 #include <log4cplus/configurator.h>
@@ -16,7 +17,6 @@
 #include <vlx/VlxSender.hpp>
 
 #include "Transport.hpp"
-#include "support/Clock.hpp"
 
 namespace vlx::bench
 {
@@ -26,102 +26,71 @@ namespace
 constexpr TimeValue FrameDurationNs = 1'000'000;
 constexpr std::uint64_t Never = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint64_t AnnounceAgainNs = 20'000'000;
-constexpr std::uint32_t SampleRate = 48000;
-constexpr std::uint32_t NumChannels = 2;
-
-void configureLog()
-{
-    log4cplus::BasicConfigurator(log4cplus::Logger::getDefaultHierarchy(), true).configure();
-    log4cplus::Logger::getRoot().setLogLevel(log4cplus::ERROR_LOG_LEVEL);
-}
 
 void ringBell(const std::string& directory)
 {
     const std::string path = directory + "/.bell-VlxSender-" + std::to_string(getpid());
-    const int fd = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
-    if (fd >= 0)
-        close(fd);
+    close(open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600));
     unlink(path.c_str());
 }
 
-class VelloxPublisher : public Publisher
+struct SendingSide
 {
-public:
-    explicit VelloxPublisher(const Link& link) : m_link(link), m_media(link.mediaBytes)
-    {
-        m_payloader.setNewFormat(SampleRate, NumChannels, audioUtils::PcmFormat::S16LE);
-    }
-
-    bool open() override
-    {
-        if (!m_sender.initializeSender(
-                m_link.name, "", "", 0, TimeSyncProtocol::MonotonicSystemClock,
-                NanomsgProtocol::PubSub))
-            return false;
-        m_sender.setCurrentPayloader(m_payloader);
-        m_sender.startNewSequence();
-        if (m_link.variant.starts_with("bell"))
-            ringBell(m_link.directory);
-        if (m_link.variant == "bell-again")
-            m_announceAgainNs = nowNs() + AnnounceAgainNs;
-        return true;
-    }
-
-    std::span<std::uint8_t> media() override
-    {
-        return m_media;
-    }
-
-    void send(std::uint64_t timestampNs) override
-    {
-        if (timestampNs >= m_announceAgainNs)
-        {
-            m_sender.startNewSequence();
-            m_announceAgainNs = Never;
-        }
-        m_sender.sendMediaData(timestampNs, FrameDurationNs, m_media);
-    }
-
-private:
-    Link m_link;
-    PcmPayloader m_payloader;
-    std::vector<std::uint8_t> m_media;
-    std::uint64_t m_announceAgainNs = Never;
-    Sender m_sender;
+    PcmPayloader payloader;
+    Sender sender;
+    std::uint64_t announceAgainNs = Never;
 };
 
-class VelloxSubscriber : public Subscriber
+struct ReceivingSide
 {
-public:
-    explicit VelloxSubscriber(const Link& link) : m_name(link.name) {}
-
-    bool start(FrameHandler handler) override
-    {
-        m_receiver.addDepayloader(m_depayloader);
-        m_receiver.setMediaDataCallback(
-            [handler = std::move(handler)](TimeValue timestamp, TimeValue, const Buffer& media)
-            { handler(timestamp, media); });
-        return m_receiver.initializeReceiver(m_name);
-    }
-
-private:
-    std::string m_name;
-    PcmDepayloader m_depayloader;
-    Receiver m_receiver;
+    PcmDepayloader depayloader;
+    Receiver receiver;
 };
+
+// Before the main function, so that no join waits for it.
+const bool LogIsQuiet = []
+{
+    log4cplus::BasicConfigurator(log4cplus::Logger::getDefaultHierarchy(), true).configure();
+    log4cplus::Logger::getRoot().setLogLevel(log4cplus::ERROR_LOG_LEVEL);
+    return true;
+}();
 
 } // namespace
 
-std::unique_ptr<Publisher> makePublisher(const Link& link)
+SendFrame openStream(const Link& link)
 {
-    configureLog();
-    return std::make_unique<VelloxPublisher>(link);
+    const auto side = std::make_shared<SendingSide>();
+    side->payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
+    if (!side->sender.initializeSender(
+            link.name, "", "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub))
+        return {};
+    side->sender.setCurrentPayloader(side->payloader);
+    side->sender.startNewSequence();
+    if (link.variant.starts_with("bell"))
+        ringBell(link.directory);
+    return [side,
+            again = link.variant == "bell-again"](std::uint64_t timestampNs, Bytes packet) mutable
+    {
+        if (std::exchange(again, false))
+            side->announceAgainNs = timestampNs + AnnounceAgainNs;
+        if (timestampNs >= side->announceAgainNs)
+        {
+            side->sender.startNewSequence();
+            side->announceAgainNs = Never;
+        }
+        side->sender.sendMediaData(
+            timestampNs, FrameDurationNs, packet.subspan(sizeof(PacketHeader)));
+    };
 }
 
-std::unique_ptr<Subscriber> makeSubscriber(const Link& link)
+bool startReceiving(const Link& link, FrameHandler handler)
 {
-    configureLog();
-    return std::make_unique<VelloxSubscriber>(link);
+    auto* const side = new ReceivingSide; // as long as the process
+    side->receiver.addDepayloader(side->depayloader);
+    side->receiver.setMediaDataCallback(
+        [handler = std::move(handler)](TimeValue timestamp, TimeValue, const Buffer& media)
+        { handler(timestamp, media); });
+    return side->receiver.initializeReceiver(link.name);
 }
 
 } // namespace vlx::bench

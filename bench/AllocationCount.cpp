@@ -1,4 +1,4 @@
-#include "support/AllocationCount.hpp"
+#include "AllocationCount.hpp"
 
 #include <atomic>
 #include <cstdlib>

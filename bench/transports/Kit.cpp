@@ -1,0 +1,70 @@
+/// Ours through the kit: pubsub on the monotonic system clock. Variant "rt": with real-time
+/// scheduling on both sides, the thread that sends included.
+
+#include <memory>
+
+#include <vlxkit/Consumer.hpp>
+#include <vlxkit/Logging.hpp>
+#include <vlxkit/Producer.hpp>
+
+#include "Transport.hpp"
+
+namespace vlx::bench
+{
+namespace
+{
+
+constexpr TimeValue FrameDurationNs = 1'000'000;
+
+// Before the main function, so that no join waits for it.
+const kit::Logging LogOnStandardError(kit::LogLevel::Error);
+
+kit::RealTime chooseScheduling(const Link& link)
+{
+    return {link.variant == "rt" ? kit::RealTimeUse::Require : kit::RealTimeUse::Off};
+}
+
+// Makes the options of a producer or a consumer.
+template <typename Options>
+Options makeOptions(const Link& link)
+{
+    Options options;
+    options.name = link.name;
+    options.realTime = chooseScheduling(link);
+    return options;
+}
+
+struct SendingSide
+{
+    explicit SendingSide(const Link& link)
+        : scope(chooseScheduling(link)), producer(makeOptions<kit::ProducerOptions>(link))
+    {
+    }
+
+    kit::RealTimeScope scope; // of the thread that sends
+    kit::Producer producer;
+};
+
+} // namespace
+
+SendFrame openStream(const Link& link)
+{
+    const auto side = std::make_shared<SendingSide>(link);
+    if (!check(
+            side->producer.open(kit::StreamFormat{}), "open", side->producer.getProblem().c_str()))
+        return {};
+    return [side](std::uint64_t timestampNs, Bytes packet)
+    { side->producer.send(timestampNs, FrameDurationNs, packet.subspan(sizeof(PacketHeader))); };
+}
+
+bool startReceiving(const Link& link, FrameHandler handler)
+{
+    kit::ConsumerCallbacks callbacks;
+    callbacks.onFrame = [handler = std::move(handler)](const kit::Frame& frame)
+    { handler(frame.timestamp, frame.data); };
+    auto* const consumer = // as long as the process
+        new kit::Consumer(makeOptions<kit::ConsumerOptions>(link), std::move(callbacks));
+    return check(consumer->start(), "start", consumer->getProblem().c_str());
+}
+
+} // namespace vlx::bench
