@@ -1,12 +1,29 @@
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <SocketFile.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <log4cplus/logger.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vlxkit/Producer.hpp>
 
+#include <vlx/VlxSender.hpp>
+
+#include "support/AllocationCounter.hpp"
 #include "support/RawPeers.hpp"
 #include "support/RecordedReceiver.hpp"
 #include "support/VlxTest.hpp"
@@ -17,7 +34,10 @@ namespace vlx::kit
 namespace
 {
 
+namespace fs = std::filesystem;
 using namespace vlx::testing;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 constexpr StreamFormat Format{audioUtils::PcmFormat::S16LE, 48000, 2};
 constexpr TimeValue FrameNs = 10'000'000;
@@ -26,6 +46,24 @@ mode_t getMode(const std::string& path)
 {
     struct stat status = {};
     return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+void bindSocket(const std::string& path)
+{
+    const Descriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+    ASSERT_EQ(::bind(listener.get(), generic, sizeof(address)), 0) << path;
+}
+
+std::set<pid_t> listThreads()
+{
+    std::set<pid_t> threads;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/task"))
+        threads.insert(std::stoi(entry.path().filename().string()));
+    return threads;
 }
 
 std::string getParent(const std::string& path)
@@ -80,6 +118,346 @@ TEST_F(ProducerTest, OpensForThoseWhoMayJoin)
         EXPECT_EQ(producer.getStatistics().receivers, 1U);
         producer.close();
         receiver.stop();
+    }
+}
+
+TEST_F(ProducerTest, NoticesWhatSomebodyElseHasPutInItsDirectory)
+{
+    const std::string victim = getTempDirectory() + "/victim";
+    std::ofstream(victim) << "kept";
+    ASSERT_EQ(::chmod(victim.c_str(), 0600), 0);
+    struct Row
+    {
+        const char* name;
+        std::function<void(const std::string&)> swap; // of the socket file
+        bool isFineInPipeline;
+    };
+    const Row rows[] = {
+        {"nothing", [](const auto&) {}, true},
+        {"link", [&](const auto& file) { fs::create_symlink(victim, file); }, false},
+        {"file", [](const auto& file) { std::ofstream(file) << "x"; }, false},
+        {"directory", [](const auto& file) { fs::create_directory(file); }, false},
+        {"full directory", [](const auto& file) { fs::create_directories(file + "/x"); }, false},
+        {"socket of another user",
+         [](const auto& file)
+         {
+             bindSocket(file);
+             ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0);
+         },
+         true}};
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs a second user";
+    for (const Row& row : rows)
+    {
+        for (const auto protocol : {NanomsgProtocol::PubSub, NanomsgProtocol::Pipeline})
+        {
+            Sender sender;
+            ASSERT_TRUE(sender.initializeSender(
+                getSocketName(), {}, {}, 0, TimeSyncProtocol::MonotonicSystemClock, protocol));
+            PcmPayloader payloader;
+            sender.setCurrentPayloader(payloader);
+            sender.startNewSequence();
+            const std::string file = findSocketFile(getSocketName());
+            ASSERT_THAT(file, StartsWith(getTempDirectory() + "/VlxSender-"));
+            fs::remove(file);
+            row.swap(file);
+            const std::string problem = protectSocketFile(file, protocol, SocketMode::All);
+            const bool isFine = protocol == NanomsgProtocol::Pipeline && row.isFineInPipeline;
+            EXPECT_EQ(problem.empty(), isFine) << row.name << ": " << problem;
+            EXPECT_EQ(getMode(victim), 0600U) << row.name;
+            sender.shutdownSender(); // would abort with a directory in the socket file's place
+            fs::remove_all(getParent(file));
+        }
+    }
+
+    // The sender's directory itself.
+    const std::string directory = getTempDirectory() + "/VlxSender-linked";
+    fs::create_directory_symlink("/", directory);
+    EXPECT_THAT(
+        protectSocketFile(directory + "/x", NanomsgProtocol::PubSub, SocketMode::Owner),
+        HasSubstr("replaced"));
+    fs::remove(directory);
+    fs::create_directory(directory);
+    ASSERT_EQ(::chown(directory.c_str(), 65534, 65534), 0);
+    EXPECT_THAT(
+        protectSocketFile(directory + "/x", NanomsgProtocol::Pipeline, SocketMode::Owner),
+        HasSubstr("cannot narrow"));
+    fs::remove(directory);
+    fs::remove(victim);
+}
+
+TEST_F(ProducerTest, SaysWhatItCannotOpen)
+{
+    Producer first(makeOptions());
+    ASSERT_TRUE(first.open(Format));
+    const std::string other = getSocketName() + "-b";
+    struct Row
+    {
+        std::string name;
+        std::string alternativeName;
+        std::string baseDirectory;
+        StreamFormat format;
+        const char* problem; // null: none
+    };
+    const Row rows[] = {
+        {"", "", "", Format, "1 to 107 bytes"},
+        {std::string(108, 'x'), "", "", Format, "1 to 107 bytes"},
+        {getSocketName(), "", "", Format, "is taken"},
+        {getSocketName(), getSocketName(), "", Format, "is taken"},
+        {getSocketName(), other, "", Format, nullptr},
+        {other, "", "/nowhere", Format, "\"/nowhere\": No such file"},
+        {other, "", getTempDirectory() + std::string(80, '/'), Format, "too long"},
+        {other, "", "", {audioUtils::PcmFormat::S16LE, 0, 2}, "a rate of at least 1"},
+        {other, "", "", {audioUtils::PcmFormat::S16LE, 48000, 256}, "1 to 255 channels"}};
+    for (const Row& row : rows)
+    {
+        ProducerOptions options = makeOptions();
+        options.name = row.name;
+        options.alternativeName = row.alternativeName;
+        options.baseDirectory = row.baseDirectory;
+        Producer producer(options);
+        ASSERT_EQ(producer.open(row.format), row.problem == nullptr) << producer.getProblem();
+        EXPECT_THAT(producer.getProblem(), HasSubstr(row.problem == nullptr ? "" : row.problem));
+        EXPECT_EQ(producer.getName(), row.problem == nullptr ? other : "");
+        EXPECT_EQ(producer.send(0, FrameNs, {}), row.problem == nullptr);
+    }
+    first.close();
+    EXPECT_FALSE(first.send(0, FrameNs, {}));
+    EXPECT_FALSE(first.getProblem().empty());
+    EXPECT_TRUE(first.open(Format)) << first.getProblem(); // once more
+    first.close();
+}
+
+TEST_F(ProducerTest, MeetsItsReceiversInAnotherDirectory)
+{
+    const std::string directory = getTempDirectory() + "/other";
+    fs::create_directory(directory);
+    fs::current_path(getTempDirectory());
+    for (const char* const baseDirectory : {directory.c_str(), "other"})
+    {
+        ProducerOptions options = makeOptions();
+        options.baseDirectory = baseDirectory;
+        Producer producer(options);
+        ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+        EXPECT_THAT(producer.getSocketFile(), StartsWith(directory + "/VlxSender-"));
+        EXPECT_EQ(std::getenv("TMPDIR"), getTempDirectory());
+    }
+    fs::current_path("/");
+    fs::remove(directory);
+}
+
+TEST_F(ProducerTest, StopEndsWhateverWaits)
+{
+    struct Row
+    {
+        const char* name;
+        bool hasClient; // so that a new sequence is sent, and waits
+        std::function<bool(Producer&)> wait;
+    };
+    const Row rows[] = {
+        {"send", false, [](Producer& producer) { return producer.send(0, FrameNs, {}); }},
+        {"sequence", true,
+         [](Producer& producer) {
+             return producer.setFormat({audioUtils::PcmFormat::U8, 8000, 1});
+         }},
+        {"receivers", false, [](Producer& producer) { return producer.waitForReceivers(1); }}};
+    for (const Row& row : rows)
+    {
+        Producer producer(makeOptions(NanomsgProtocol::Pipeline));
+        ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+        RawSidechannelClient client(row.hasClient ? getSocketName() : "vlx-nobody", {});
+        ASSERT_TRUE(!row.hasClient || client.readMessage());
+        log().clear();
+        std::atomic<bool> hasReturned = false;
+        std::thread waiting(
+            [&]
+            {
+                EXPECT_FALSE(row.wait(producer)) << row.name;
+                hasReturned = true;
+            });
+        EXPECT_TRUE(
+            row.name == std::string("receivers") ||
+            log().waitFor(traceLog(StartsWith("Sending data with"))));
+        EXPECT_FALSE(hasReturned) << row.name;
+        producer.stop();
+        waiting.join();
+        EXPECT_FALSE(producer.send(0, FrameNs, {})) << row.name;
+        EXPECT_EQ(producer.getStatistics().frames, 0U) << row.name;
+    }
+
+    Producer never(makeOptions());
+    never.stop();
+    EXPECT_FALSE(never.open(Format));
+
+    // While it opens: the set-up would switch sending on again.
+    Producer* opening = nullptr;
+    ProducerOptions options = makeOptions(NanomsgProtocol::Pipeline);
+    options.realTime = {RealTimeUse::Try, 0};
+    options.onNotice = [&opening](const std::string&) { opening->stop(); };
+    Producer stopped(options);
+    opening = &stopped;
+    EXPECT_FALSE(stopped.open(Format));
+    EXPECT_TRUE(listTempDirectory().empty());
+}
+
+TEST_F(ProducerTest, LastFrameArrivesHoweverLarge)
+{
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    for (TimeValue round = 1; round <= 3; ++round)
+    {
+        Producer producer(makeOptions());
+        ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+        ASSERT_TRUE(producer.waitForReceivers(1));
+        EXPECT_TRUE(producer.send(round, FrameNs, Buffer(1 << 20)));
+        producer.close();
+        EXPECT_TRUE(receiver.waitForEvent("frame " + std::to_string(round)));
+    }
+    receiver.stop();
+}
+
+TEST_F(ProducerTest, StopCutsTheTailOfALongFrame)
+{
+    Producer producer(makeOptions());
+    ASSERT_TRUE(producer.open(Format));
+    ASSERT_TRUE(producer.send(0, 3600 * TimeValue{1'000'000'000}, toBytes("DATA")));
+    std::thread stopper([&producer] { producer.stop(); });
+    producer.close(); // would take an hour
+    stopper.join();
+}
+
+TEST_F(ProducerTest, AnnouncesAgainWhenItMayHaveBeenMissed)
+{
+    Producer producer(makeOptions());
+    ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+    RawSidechannelClient client(getSocketName());
+    ASSERT_TRUE(client.readMessage());
+    EXPECT_EQ(client.readMessage(), fromHex("01 00 0100 50434D41 80BB0000 02 02"));
+
+    // Between the two connections it would miss a sequence that starts now.
+    RawNanomsgSub sub;
+    ASSERT_TRUE(sub.connect("ipc://" + producer.getSocketFile()));
+    ASSERT_TRUE(producer.waitForReceivers(1));
+    EXPECT_EQ(sub.receive(), fromHex("01 00 0200 50434D41 80BB0000 02 02"));
+
+    const auto sendAndReceive = [&]
+    {
+        EXPECT_TRUE(producer.send(1, 2, fromHex("D0D1")));
+        return sub.receive();
+    };
+    const std::string frame = "0100000000000000 0200000000000000 D0D1";
+    EXPECT_TRUE(producer.setFormat(Format));
+    EXPECT_EQ(sendAndReceive(), fromHex("02 00 0200" + frame));
+    EXPECT_TRUE(producer.setFormat({audioUtils::PcmFormat::U8, 8000, 1}));
+    EXPECT_EQ(sub.receive(), fromHex("01 00 0300 50434D41 401F0000 01 01"));
+    EXPECT_EQ(sendAndReceive(), fromHex("02 00 0300" + frame));
+    PcmPayloader payloader;
+    EXPECT_TRUE(producer.setFormat(payloader));
+    EXPECT_EQ(sub.receive(), fromHex("01 00 0400 50434D41"));
+    EXPECT_TRUE(producer.setFormat({audioUtils::PcmFormat::U8, 8000, 1})); // now another one
+    EXPECT_EQ(sub.receive(), fromHex("01 00 0500 50434D41 401F0000 01 01"));
+    EXPECT_EQ(producer.getStatistics().sequences, 5U);
+
+    ASSERT_EQ(producer.checkReceivers(), 1U);
+    log4cplus::Logger::getInstance("Vellox").setLogLevel(log4cplus::WARN_LOG_LEVEL);
+    const std::size_t before = countAllocationsOfThread();
+    EXPECT_TRUE(producer.send(3, 4, ByteView()));
+    EXPECT_EQ(countAllocationsOfThread(), before);
+    log4cplus::Logger::getInstance("Vellox").setLogLevel(log4cplus::ALL_LOG_LEVEL);
+    client.close();
+    sub.close();
+    producer.close();
+}
+
+TEST_F(ProducerTest, TwoStreamsOfOneProcessSurviveAForkAndTheirWatchers)
+{
+    Producer first(makeOptions());
+    ProducerOptions options = makeOptions();
+    options.name += "-b";
+    Producer second(options);
+    ASSERT_TRUE(first.open(Format)) << first.getProblem();
+    ASSERT_TRUE(second.open(Format)) << second.getProblem();
+    EXPECT_NE(first.getSocketFile(), second.getSocketFile());
+
+    const pid_t child = ::fork();
+    if (child == 0)
+    {
+        first.close(); // a copy of both, without their threads
+        second.close();
+        ::_exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(options.name));
+    ASSERT_TRUE(second.waitForReceivers(1));
+    std::atomic<bool> done = false;
+    std::thread watcher(
+        [&]
+        {
+            while (!done)
+                EXPECT_LE(second.getStatistics().receivers, 1U);
+        });
+    for (TimeValue i = 1; i <= 100; ++i)
+        EXPECT_TRUE(second.send(i, FrameNs, toBytes("DATA")));
+    second.close();
+    done = true;
+    watcher.join();
+    EXPECT_TRUE(receiver.waitForEvent("frame"));
+    EXPECT_EQ(second.getStatistics().frames, 100U);
+    receiver.stop();
+    first.close();
+}
+
+TEST_F(ProducerTest, ThreadsRunInRealTimeWhereTheUserMay)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root, and a second user";
+    const rlimit none{0, 0};
+    ASSERT_EQ(::setrlimit(RLIMIT_RTPRIO, &none), 0);
+    ASSERT_EQ(::chmod(getTempDirectory().c_str(), 0777), 0);
+    struct Row
+    {
+        uid_t user;
+        RealTimeUse use;
+        bool opens;
+        std::size_t notices;
+        int policy;
+    };
+    const Row rows[] = {
+        {0, RealTimeUse::Off, true, 0, SCHED_OTHER},
+        {0, RealTimeUse::Try, true, 0, SCHED_RR},
+        {0, RealTimeUse::Require, true, 0, SCHED_RR},
+        {65534, RealTimeUse::Try, true, 1, SCHED_OTHER},
+        {65534, RealTimeUse::Require, false, 0, SCHED_OTHER}};
+    for (const Row& row : rows)
+    {
+        std::vector<std::string> notices;
+        ProducerOptions options = makeOptions();
+        options.realTime = {row.use, 7};
+        options.onNotice = [&](const std::string& notice) { notices.push_back(notice); };
+        const std::set<pid_t> before = listThreads();
+        ASSERT_EQ(::seteuid(row.user), 0);
+        Producer producer(options);
+        EXPECT_EQ(producer.open(Format), row.opens) << producer.getProblem();
+        EXPECT_EQ(::sched_getscheduler(0), SCHED_OTHER);
+        std::size_t numNew = 0;
+        for (const pid_t thread : listThreads())
+        {
+            if (before.contains(thread))
+                continue;
+            ++numNew;
+            EXPECT_EQ(::sched_getscheduler(thread), row.policy);
+        }
+        EXPECT_EQ(numNew, row.opens ? 2U : 0U); // the library's and nanomsg's
+        EXPECT_EQ(notices.size(), row.notices);
+        notices.push_back(producer.getProblem());
+        EXPECT_THAT(notices[0], HasSubstr(row.user == 0 ? "" : "RLIMIT_RTPRIO is 0"));
+        producer.close();
+        ASSERT_EQ(::seteuid(0), 0);
+        EXPECT_TRUE(waitFor([&before] { return listThreads() == before; }));
     }
 }
 
