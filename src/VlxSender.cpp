@@ -11,6 +11,7 @@
 #include <nanomsg/pipeline.h>
 #include <nanomsg/pubsub.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -333,6 +334,7 @@ bool Sender::setupListener()
 // NOLINTNEXTLINE(readability-function-size): its log lines carry this function's name
 void Sender::listenerThreadLoop()
 {
+    ::pthread_setname_np(::pthread_self(), "vlx-listener");
     blockSigpipeInThisThread();
 
     while (shouldKeepRunning())
