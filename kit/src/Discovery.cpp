@@ -147,11 +147,17 @@ public:
         return readBytes(message.data(), message.size());
     }
 
-    /// @return whether the other side has closed, or closed by now
-    bool isClosed()
+    /// @return whether the other side had closed before everything came that was read
+    bool isClosed() const
+    {
+        return m_closed;
+    }
+
+    /// @return whether the other side has closed by now, with nothing left to read
+    bool isAtEnd() const
     {
         unsigned char byte = 0;
-        return m_closed || m_socket.receive(&byte, sizeof(byte)) == 0;
+        return m_socket.receive(&byte, sizeof(byte)) == 0;
     }
 
 private:
@@ -237,9 +243,10 @@ bool isPermitted(const std::string& path, int rights)
 
 void examineSocketFile(SenderProbe& answer)
 {
-    const bool isPipeline = answer.initialInfo->nanomsgProtocol == NanomsgProtocol::Pipeline;
+    const NanomsgProtocol protocol = answer.initialInfo->nanomsgProtocol;
+    const bool isPipeline = protocol == NanomsgProtocol::Pipeline;
     const std::string path = parseSocketFile(answer.initialInfo->nanomsgURI);
-    if (path.empty())
+    if (path.empty() || (!isPipeline && protocol != NanomsgProtocol::PubSub))
         return;
 
     struct stat status = {};
@@ -279,7 +286,8 @@ SenderProbe probeSender(const std::string& name, std::chrono::milliseconds timeo
             takeSequenceInfo(message, answer);
         examineSocketFile(answer);
     }
-    answer.closedEarly = reader.isClosed();
+    // A sender that is shutting down closes first and removes its socket file then.
+    answer.closedEarly = reader.isClosed() || (answer.socketFile.empty() && reader.isAtEnd());
     return answer;
 }
 

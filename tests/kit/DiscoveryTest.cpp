@@ -1,0 +1,492 @@
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <Bell.hpp>
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/inotify.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vlxkit/Discovery.hpp>
+#include <vlxkit/Producer.hpp>
+
+#include "support/RawPeers.hpp"
+#include "support/RecordedReceiver.hpp"
+#include "support/VlxTest.hpp"
+
+namespace vlx::kit
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using namespace vlx::testing;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+constexpr uid_t OtherUser = 65534;
+
+/// A sender in a process of its own. It ends with this object, cleanly unless it was killed.
+class SenderProcess
+{
+public:
+    SenderProcess(const std::string& name, const char* protocol)
+    {
+        int toChild[2];
+        int fromChild[2];
+        if (::pipe2(toChild, O_CLOEXEC) != 0 || ::pipe2(fromChild, O_CLOEXEC) != 0)
+            return;
+        m_pid = ::fork();
+        if (m_pid == 0)
+        {
+            ::dup2(toChild[0], STDIN_FILENO);
+            ::dup2(fromChild[1], STDOUT_FILENO);
+            ::execl(VLX_SENDER_PROCESS, VLX_SENDER_PROCESS, name.c_str(), protocol, nullptr);
+            ::_exit(127);
+        }
+        ::close(toChild[0]);
+        ::close(fromChild[1]);
+        m_input = Descriptor(toChild[1]);
+        const Descriptor output(fromChild[0]);
+        for (char c = 0; ::read(output.get(), &c, 1) == 1 && c != '\n';)
+            m_socketFile += c;
+    }
+
+    ~SenderProcess()
+    {
+        m_input.close();
+        reap();
+    }
+
+    SenderProcess(const SenderProcess&) = delete;
+    SenderProcess& operator=(const SenderProcess&) = delete;
+
+    void signal(int number) const
+    {
+        ::kill(m_pid, number);
+    }
+
+    void kill()
+    {
+        signal(SIGKILL);
+        reap();
+    }
+
+    pid_t getPid() const
+    {
+        return m_pid;
+    }
+
+    const std::string& getSocketFile() const
+    {
+        return m_socketFile;
+    }
+
+    std::string getDirectory() const
+    {
+        return fs::path(m_socketFile).parent_path();
+    }
+
+private:
+    void reap()
+    {
+        if (m_pid > 0)
+            ::waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
+    }
+
+    pid_t m_pid = -1;
+    Descriptor m_input;
+    std::string m_socketFile;
+};
+
+class DiscoveryTest : public VlxTest
+{
+protected:
+    /// @return this test's senders as text: name, process, user, receivers, socket file
+    std::vector<std::string> list() const
+    {
+        std::vector<std::string> lines;
+        for (const SenderEntry& entry : listSenders().senders)
+        {
+            if (entry.name.starts_with(getSocketName()))
+                lines.push_back(toLine(
+                    entry.name, entry.process, entry.command, entry.receivers, entry.socketFile));
+        }
+        return lines;
+    }
+
+    static std::string toLine(
+        const std::string& name,
+        pid_t process,
+        const std::string& command,
+        std::size_t receivers,
+        const std::string& socketFile)
+    {
+        return name + " " + std::to_string(process) + " " + command + " " +
+               std::to_string(receivers) + " " + socketFile;
+    }
+
+    /// Serves one connection with a given conversation while it is probed.
+    SenderProbe probe(const std::function<void(RawConnection&)>& converse) const
+    {
+        RawSidechannelServer server(getSocketName());
+        std::thread peer(
+            [&]
+            {
+                RawConnection connection = server.accept();
+                converse(connection);
+            });
+        const SenderProbe answer = probeSender(getSocketName(), DefaultDeadline);
+        peer.join();
+        return answer;
+    }
+};
+
+void makeOld(const std::string& path)
+{
+    timespec times[2] = {};
+    ::clock_gettime(CLOCK_REALTIME, &times[0]);
+    times[0].tv_sec -= 90;
+    times[1] = times[0];
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
+}
+
+Buffer makeInitialInfo(const std::string& uri, NanomsgProtocol protocol)
+{
+    return makeSidechannelMessage(produceInitialInfoPacket(
+        {1, "", 0, TimeSyncProtocol::MonotonicSystemClock, protocol, uri}));
+}
+
+const Buffer PcmSequence = makeSidechannelMessage(fromHex("01 00 0700 50434D41 80BB0000 02 02"));
+
+TEST_F(DiscoveryTest, ListsSendersAndNothingElse)
+{
+    const std::string& name = getSocketName();
+    const SenderProcess pubSub(name + "-b", "pubsub");
+    const SenderProcess pipeline(name + "-c", "pipeline");
+    SenderProcess killed(name + "-d", "pubsub");
+    RawSidechannelServer ownListener(name + "-e"); // that a host may have for other purposes
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(name));
+    Producer own({.name = name});
+    ASSERT_TRUE(own.open(StreamFormat())) << own.getProblem();
+    ASSERT_TRUE(own.waitForReceivers(1));
+
+    const std::string command = "SenderProcess";
+    const std::string ofOwn = toLine(name, ::getpid(), "DiscoveryTest", 1, own.getSocketFile());
+    const std::string ofPubSub =
+        toLine(name + "-b", pubSub.getPid(), command, 0, pubSub.getSocketFile());
+    const std::string ofPipeline = toLine(name + "-c", pipeline.getPid(), command, 0, "");
+    EXPECT_THAT(
+        list(), ElementsAre(
+                    ofOwn, ofPubSub, ofPipeline,
+                    toLine(name + "-d", killed.getPid(), command, 0, killed.getSocketFile())));
+    killed.kill();
+    EXPECT_THAT(list(), ElementsAre(ofOwn, ofPubSub, ofPipeline));
+
+    if (::geteuid() == 0)
+    {
+        ASSERT_EQ(::seteuid(OtherUser), 0);
+        EXPECT_THAT(list(), Not(Contains(ofPubSub)));
+        EXPECT_THAT(listSenders().hidden, Contains(pubSub.getPid()));
+        ASSERT_EQ(::seteuid(0), 0);
+    }
+    own.close();
+    receiver.stop();
+    fs::remove_all(killed.getDirectory());
+}
+
+TEST_F(DiscoveryTest, RemovesWhatDeadSendersLeftAndNothingElse)
+{
+    const std::string& name = getSocketName();
+    const std::string& base = getTempDirectory();
+    const SenderProcess pubSub(name + "-a", "pubsub");
+    const SenderProcess pipeline(name + "-b", "pipeline");
+    SenderProcess dead(name + "-c", "pubsub");
+    SenderProcess deadPipeline(name + "-d", "pipeline");
+    SenderProcess young(name + "-e", "pubsub");
+    SenderProcess filled(name + "-f", "pubsub");
+    SenderProcess linked(name + "-g", "pubsub");
+    for (SenderProcess* const process : {&dead, &deadPipeline, &young, &filled, &linked})
+        process->kill();
+    std::ofstream(filled.getDirectory() + "/precious") << "x";
+    const std::string elsewhere = base + "/elsewhere";
+    fs::rename(linked.getDirectory(), elsewhere);
+    fs::create_directory_symlink(elsewhere, linked.getDirectory());
+    fs::create_directory(base + "/VlxSender-longer1");
+    using Processes = std::initializer_list<const SenderProcess*>;
+    for (const auto* const process : Processes{&pubSub, &pipeline, &dead, &deadPipeline, &filled})
+        makeOld(process->getDirectory());
+    makeOld(elsewhere);
+    makeOld(base + "/VlxSender-longer1");
+
+    // It could be any directory's sender.
+    pipeline.signal(SIGSTOP);
+    EXPECT_THAT(removeDeadDirectories(), IsEmpty());
+    pipeline.signal(SIGCONT);
+
+    std::vector<std::string> removed;
+    std::vector<std::string> kept;
+    for (const DeadDirectory& directory : removeDeadDirectories(base))
+    {
+        (directory.problem.empty() ? removed : kept).push_back(directory.path);
+        EXPECT_EQ(fs::exists(directory.path), !directory.problem.empty());
+    }
+    std::vector<std::string> expected = {dead.getDirectory(), deadPipeline.getDirectory()};
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(removed, expected);
+    EXPECT_THAT(kept, ElementsAre(filled.getDirectory()));
+    EXPECT_TRUE(fs::exists(filled.getDirectory() + "/precious"));
+    EXPECT_TRUE(fs::exists(elsewhere + "/nanomsgChannel.ipc"));
+    for (const auto* const process : Processes{&pubSub, &pipeline, &young})
+        EXPECT_TRUE(fs::exists(process->getDirectory()));
+    EXPECT_TRUE(fs::exists(base + "/VlxSender-longer1"));
+
+    fs::remove(linked.getDirectory());
+    for (const std::string& path :
+         {young.getDirectory(), filled.getDirectory(), elsewhere, base + "/VlxSender-longer1"})
+        fs::remove_all(path);
+}
+
+TEST_F(DiscoveryTest, ProbeTellsWhetherThisUserMayJoin)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs a second user";
+    ASSERT_EQ(::chmod(getTempDirectory().c_str(), 0755), 0);
+    struct Row
+    {
+        NanomsgProtocol protocol;
+        SocketMode mode;
+        mode_t seenByOther;
+        bool otherMayJoin;
+    };
+    const Row rows[] = {
+        {NanomsgProtocol::PubSub, SocketMode::Owner, 0, false},
+        {NanomsgProtocol::PubSub, SocketMode::All, 0666, true},
+        {NanomsgProtocol::Pipeline, SocketMode::Owner, 0, false},
+        {NanomsgProtocol::Pipeline, SocketMode::All, 0, true}};
+    for (const Row& row : rows)
+    {
+        Producer producer(
+            {.name = getSocketName(), .protocol = row.protocol, .socketMode = row.mode});
+        ASSERT_TRUE(producer.open({audioUtils::PcmFormat::U8, 8000, 1}));
+        for (const uid_t user : {uid_t{0}, OtherUser})
+        {
+            ASSERT_EQ(::seteuid(user), 0);
+            const SenderProbe answer = probeSender(getSocketName(), DefaultDeadline);
+            ASSERT_EQ(::seteuid(0), 0);
+            EXPECT_EQ(answer.sequenceNr, 1);
+            EXPECT_EQ(answer.format, (StreamFormat{audioUtils::PcmFormat::U8, 8000, 1}));
+            EXPECT_EQ(answer.socketFile, producer.getSocketFile());
+            EXPECT_EQ(answer.mayJoin, user == 0 || row.otherMayJoin);
+            EXPECT_TRUE(user == 0 || answer.socketFileMode == row.seenByOther);
+        }
+        producer.close();
+    }
+}
+
+TEST_F(DiscoveryTest, ProbeTakesNoPathThatIsNoSenders)
+{
+    const std::string directory = getTempDirectory() + "/VlxSender-abcdef";
+    const std::string served = directory + "/nanomsgChannel.ipc";
+    fs::create_directory(directory);
+    std::ofstream(directory + "/file") << "x";
+    fs::create_symlink(served, directory + "/link");
+    RawNanomsgPub channel;
+    ASSERT_TRUE(channel.bind("ipc://" + served));
+    RawNanomsgPub other;
+    ASSERT_TRUE(other.bind("ipc://" + getTempDirectory() + "/other"));
+    struct Row
+    {
+        std::string uri;
+        bool inPubSub;
+        bool inPipeline;
+    };
+    const Row rows[] = {
+        {"ipc://" + served, true, true},
+        {"ipc://" + directory + "/none", false, true},
+        {"ipc://" + directory + "/file", false, false},
+        {"ipc://" + directory + "/link", false, false},
+        {"ipc://" + getTempDirectory() + "/other", false, false},
+        {"ipc://" + directory + "/../other", false, false},
+        {"ipc://VlxSender-abcdef/none", false, false},
+        {"ipc:///VlxSender-abcdef", false, false},
+        {"ipc://" + directory + "/" + std::string(107 - directory.size() - 1, 'x'), false, true},
+        {"ipc://" + directory + "/" + std::string(108 - directory.size() - 1, 'x'), false, false},
+        {"tcp://127.0.0.1:9", false, false},
+        {"", false, false}};
+    for (const Row& row : rows)
+    {
+        for (const auto protocol :
+             {NanomsgProtocol::PubSub, NanomsgProtocol::Pipeline, NanomsgProtocol::Unknown})
+        {
+            const SenderProbe answer = probe(
+                [&](RawConnection& connection)
+                {
+                    connection.send(makeInitialInfo(row.uri, protocol));
+                    connection.send(PcmSequence);
+                });
+            const bool isTaken = protocol == NanomsgProtocol::PubSub     ? row.inPubSub
+                                 : protocol == NanomsgProtocol::Pipeline ? row.inPipeline
+                                                                         : false;
+            ASSERT_TRUE(answer.initialInfo);
+            EXPECT_EQ(answer.socketFile, isTaken ? row.uri.substr(6) : "") << row.uri;
+            EXPECT_EQ(answer.mayJoin, isTaken) << row.uri;
+            EXPECT_EQ(answer.sequenceNr, 7);
+        }
+    }
+    channel.close();
+    other.close();
+    fs::remove(getTempDirectory() + "/other");
+    fs::remove_all(directory);
+}
+
+TEST_F(DiscoveryTest, NoAnswerStopsOrHoldsTheProcess)
+{
+    const Buffer info = makeInitialInfo("ipc:///x", NanomsgProtocol::PubSub);
+    const Buffer opus = makeSidechannelMessage(fromHex("01 00 0100 4f505553 aa"));
+    const auto join = [](Buffer left, const Buffer& right)
+    {
+        left.insert(left.end(), right.begin(), right.end());
+        return left;
+    };
+    struct Row
+    {
+        const char* name;
+        Buffer bytes;
+        bool hasInfo;
+        bool hasFourcc;
+        bool hasFormat;
+    };
+    const Row rows[] = {
+        {"nothing", {}, false, false, false},
+        {"half a prefix", fromHex("05 00"), false, false, false},
+        {"huge length", fromHex("ff ff ff ff 00"), false, false, false},
+        {"empty message", makeSidechannelMessage({}), false, false, false},
+        {"no info", makeSidechannelMessage(toBytes("without an end")), false, false, false},
+        {"cut info", makeSidechannelMessage(Buffer(info.begin() + 4, info.end() - 1)), false, false,
+         false},
+        {"info alone", info, true, false, false},
+        {"short sequence", join(info, makeSidechannelMessage(fromHex("01 00 01 00"))), true, false,
+         false},
+        {"frame", join(info, makeSidechannelMessage(fromHex("02 00 01 00 4f 50 55 53"))), true,
+         false, false},
+        {"other codec", join(info, opus), true, true, false},
+        {"PCM without rate", join(info, makeSidechannelMessage(fromHex("01 00 0100 50434D41"))),
+         true, true, false},
+        {"PCM", join(info, PcmSequence), true, true, true}};
+    for (const Row& row : rows)
+    {
+        const SenderProbe answer =
+            probe([&row](RawConnection& connection) { connection.send(row.bytes, 3); });
+        EXPECT_TRUE(answer.reached) << row.name;
+        EXPECT_FALSE(answer.busy || answer.mayJoin) << row.name;
+        EXPECT_EQ(answer.initialInfo.has_value(), row.hasInfo) << row.name;
+        EXPECT_EQ(answer.fourcc.has_value(), row.hasFourcc) << row.name;
+        EXPECT_EQ(answer.format.has_value(), row.hasFormat) << row.name;
+    }
+    EXPECT_FALSE(probeSender(getSocketName(), DefaultDeadline).reached);
+
+    const auto sendUrgentByte = [](RawConnection& connection)
+    { ::send(connection.getFD(), "x", 1, MSG_OOB); };
+    EXPECT_TRUE(probe(sendUrgentByte).closedEarly); // and nothing that could be read
+
+    // Nobody accepts.
+    RawSidechannelServer server(getSocketName());
+    EXPECT_TRUE(isNameTaken(getSocketName()));
+    constexpr auto NoWait = std::chrono::milliseconds(0);
+    EXPECT_TRUE(waitFor([this] { return probeSender(getSocketName(), NoWait).busy; }));
+    const SenderProbe busy = probeSender(getSocketName(), DefaultDeadline);
+    EXPECT_TRUE(busy.busy && busy.reached && !busy.initialInfo && !busy.closedEarly);
+    server.close();
+    EXPECT_FALSE(isNameTaken(getSocketName()));
+}
+
+TEST_F(DiscoveryTest, LingeringDescriptorsDoNotHoldTheProbe)
+{
+    // A connection with unsent bytes that lingers for an hour when it is closed.
+    const auto makeLingering = []
+    {
+        const Descriptor listener(::socket(AF_INET, SOCK_STREAM, 0));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address);
+        auto* const generic = reinterpret_cast<sockaddr*>(&address);
+        EXPECT_EQ(::bind(listener.get(), generic, length), 0);
+        EXPECT_EQ(::listen(listener.get(), 1), 0);
+        ::getsockname(listener.get(), generic, &length);
+        Descriptor client(::socket(AF_INET, SOCK_STREAM, 0));
+        EXPECT_EQ(::connect(client.get(), generic, length), 0);
+        Descriptor accepted(::accept(listener.get(), nullptr, nullptr));
+        const Buffer block(1 << 20);
+        while (::send(client.get(), block.data(), block.size(), MSG_DONTWAIT) > 0)
+        {
+        }
+        const linger hour{1, 3600};
+        ::setsockopt(client.get(), SOL_SOCKET, SO_LINGER, &hour, sizeof(hour));
+        return std::pair(std::move(client), std::move(accepted));
+    };
+    const auto pass = [](int connection, int fd)
+    {
+        char byte = 'x';
+        iovec part{&byte, 1};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(fd))] = {};
+        msghdr message{};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        cmsghdr* const header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof(fd));
+        std::memcpy(CMSG_DATA(header), &fd, sizeof(fd));
+        EXPECT_EQ(::sendmsg(connection, &message, 0), 1);
+    };
+    for (const Buffer& before : {Buffer(), fromHex("ff ff ff ff")}) // read, or left unread
+    {
+        auto [lingering, other] = makeLingering();
+        probe(
+            [&, &descriptor = lingering](RawConnection& connection)
+            {
+                connection.send(before);
+                pass(connection.getFD(), descriptor.get());
+                descriptor.close(); // the one on its way is the last
+            });
+    }
+}
+
+TEST_F(DiscoveryTest, BellIsHeardByWaitingReceiversOnly)
+{
+    Descriptor watcher(::inotify_init1(IN_CLOEXEC));
+    ::inotify_add_watch(watcher.get(), getTempDirectory().c_str(), IN_CREATE);
+    ASSERT_TRUE(ringBell());
+    alignas(inotify_event) char event[512] = {};
+    ASSERT_GT(::read(watcher.get(), event, sizeof(event)), 0);
+    const std::string name = event + offsetof(inotify_event, name);
+    EXPECT_NE(name.find("VlxSender-"), std::string::npos);
+    EXPECT_NE(name.rfind("VlxSender-", 0), 0U);
+    EXPECT_TRUE(listTempDirectory().empty());
+}
+
+} // unnamed namespace
+
+} // namespace vlx::kit
