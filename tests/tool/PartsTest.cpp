@@ -3,13 +3,10 @@
 #include <cstring>
 #include <limits>
 
-#include <Bell.hpp>
 #include <FlapWatch.hpp>
 #include <StallWatch.hpp>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <sys/inotify.h>
-#include <vlxkit/Discovery.hpp>
 #include <vlxkit/PromptStop.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
@@ -269,72 +266,6 @@ TEST(StallWatchTest, LimitDoublesUntilAFrameComes)
 class ToolkitTest : public VlxTest
 {
 };
-
-TEST_F(ToolkitTest, NoSenderProbeStopsTheProcess)
-{
-    const Buffer info = produceInitialInfoPacket(
-        {1, "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub, "ipc:///x"});
-    const Buffer sequence = fromHex("01 00 01 00 4f 50 55 53 aa");
-    struct Row
-    {
-        const char* name;
-        Buffer bytes;
-        bool hasInfo;
-        bool hasFourcc;
-    };
-    const auto frame = [](const Buffer& payload) { return makeSidechannelMessage(payload); };
-    const auto join = [](Buffer left, const Buffer& right)
-    {
-        left.insert(left.end(), right.begin(), right.end());
-        return left;
-    };
-    const Row rows[] = {
-        {"nothing", {}, false, false},
-        {"half a prefix", fromHex("05 00"), false, false},
-        {"huge length", fromHex("ff ff ff ff 00"), false, false},
-        {"empty message", frame({}), false, false},
-        {"no info", frame(toBytes("garbage without an end")), false, false},
-        {"cut info", frame(Buffer(info.begin(), info.end() - 1)), false, false},
-        {"info alone", frame(info), true, false},
-        {"short sequence", join(frame(info), frame(fromHex("01 00 01 00"))), true, false},
-        {"frame", join(frame(info), frame(fromHex("02 00 01 00 4f 50 55 53"))), true, false},
-        {"whole", join(frame(info), frame(sequence)), true, true}};
-    for (const Row& row : rows)
-    {
-        RawSidechannelServer server(getSocketName());
-        std::thread peer(
-            [&]
-            {
-                RawConnection connection = server.accept();
-                connection.send(row.bytes, 3);
-            });
-        const auto answer = kit::probeSender(getSocketName(), DefaultDeadline);
-        peer.join();
-        EXPECT_TRUE(answer.reached) << row.name;
-        EXPECT_EQ(answer.initialInfo.has_value(), row.hasInfo) << row.name;
-        EXPECT_EQ(answer.fourcc.has_value(), row.hasFourcc) << row.name;
-        if (row.hasFourcc)
-        {
-            EXPECT_EQ(kit::toFourccText(*answer.fourcc), "OPUS");
-            EXPECT_EQ(answer.codecHeader, fromHex("aa"));
-        }
-    }
-    EXPECT_FALSE(kit::probeSender(getSocketName(), DefaultDeadline).reached);
-    EXPECT_FALSE(kit::isNameTaken(getSocketName()));
-}
-
-TEST_F(ToolkitTest, BellIsHeardByWaitingReceiversOnly)
-{
-    Descriptor watcher(::inotify_init1(IN_CLOEXEC));
-    ::inotify_add_watch(watcher.get(), getTempDirectory().c_str(), IN_CREATE);
-    ASSERT_TRUE(kit::ringBell());
-    alignas(inotify_event) char event[512] = {};
-    ASSERT_GT(::read(watcher.get(), event, sizeof(event)), 0);
-    const std::string name = event + offsetof(inotify_event, name);
-    EXPECT_NE(name.find("VlxSender-"), std::string::npos);
-    EXPECT_NE(name.rfind("VlxSender-", 0), 0U);
-    EXPECT_TRUE(listTempDirectory().empty());
-}
 
 TEST_F(ToolkitTest, PromptStopDoesNotWaitForTheMonitor)
 {
