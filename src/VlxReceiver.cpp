@@ -29,6 +29,7 @@
 #include "Guards.hpp"
 #include "SenderDirectory.hpp"
 #include "SocketFileMode.hpp"
+#include "ThreadName.hpp"
 #include "WakeupPipe.hpp"
 
 namespace vlx
@@ -40,6 +41,7 @@ namespace
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
 
 constexpr int ReconnectDelayMs = 400;
+constexpr int ConnectTimeoutMs = 400;
 constexpr int InputTimeoutMs = 50;
 constexpr int MonitorTimeoutMs = 5000;
 
@@ -76,6 +78,15 @@ bool hasInput(const pollfd& entry)
 int setIntOption(int socketFD, int option, int value)
 {
     return ::nn_setsockopt(socketFD, NN_SOL_SOCKET, option, &value, sizeof(value));
+}
+
+/// Limits how long a connect waits for a sender that has no room for another connection; it then
+/// fails with EAGAIN.
+void limitConnectTime(int socketFD)
+{
+    timeval limit = {};
+    limit.tv_usec = ConnectTimeoutMs * 1000;
+    ::setsockopt(socketFD, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
 }
 
 /// A message that nanomsg allocated, freed with the scope.
@@ -247,11 +258,12 @@ bool Receiver::initializeReceiver(std::string socketAddress)
     m_connectingState = ConnectingState::NotConnected;
     m_keepRunning = true;
     m_receiverIsReadyReported = false;
+
+    // A receiver without a worker is idle again when an exception leaves: the callback's, or that
+    // of a thread that cannot be started.
+    ScopeGuard workerGuard([this] { undoInitialization(); });
     if (m_stateChangedCallback)
         m_stateChangedCallback(State::Connecting);
-
-    // A receiver whose worker could not be started is idle again when the exception leaves.
-    ScopeGuard workerGuard([this] { undoInitialization(); });
     startThread();
     workerGuard.dismiss();
     startFsMonitorThread();
@@ -299,6 +311,7 @@ void Receiver::stopThread()
 
 void Receiver::threadLoop()
 {
+    nameThisThread("vlx-worker");
     LOG4CPLUS_DEBUG(logger, "Receiver thread started");
     while (iterate())
     {
@@ -489,6 +502,7 @@ Receiver::ConnectionRetval Receiver::connectSidechannel()
         m_sideChannelSocketFD = ::socket(AF_UNIX, SOCK_STREAM, 0);
         if (m_sideChannelSocketFD < 0)
         {
+            // The C library's text, also where another companion library has words of its own.
             const int error = errno;
             LOG4CPLUS_ERROR(
                 logger, "Could not create sidechannel socket: " << std::strerror(error) << " ("
@@ -496,6 +510,7 @@ Receiver::ConnectionRetval Receiver::connectSidechannel()
             return ConnectionRetval::Failure;
         }
         setCloseOnExec(m_sideChannelSocketFD);
+        limitConnectTime(m_sideChannelSocketFD);
         LOG4CPLUS_TRACE(logger, "Sidechannel socket established");
     }
 
@@ -975,6 +990,10 @@ void Receiver::reportReceiverIsReady()
         LOG4CPLUS_DEBUG(logger, "VLX payloader not available yet; cannot report stream as ready");
         return;
     }
+    // Asked after the depayloader was taken: the worker takes the announcement back before it
+    // selects another one, so this one is known to have been announced.
+    if (!m_sequenceAnnounced)
+        return;
 
     const StreamClockType clockType = getStreamClockType();
     bool isClockUsable = false;
@@ -1056,6 +1075,7 @@ void Receiver::startFsMonitorThread()
 
 void Receiver::fsMonitorThreadLoop()
 {
+    nameThisThread("vlx-monitor");
     LOG4CPLUS_DEBUG(logger, __PRETTY_FUNCTION__);
 
     while (true)
@@ -1126,7 +1146,7 @@ int Receiver::readSidechannelMessage()
         return SidechannelGone;
 
     m_sidechannelBytesRead += static_cast<std::uint32_t>(bytesRead);
-    if (m_sidechannelBytesRead < m_sidechannelMessageSize)
+    if (bytesRead == 0 || m_sidechannelBytesRead < m_sidechannelMessageSize)
         return MessageIncomplete;
     m_sidechannelMessageSize = ReadingPrefix;
     m_sidechannelBytesRead = 0;
@@ -1135,7 +1155,13 @@ int Receiver::readSidechannelMessage()
 
 bool Receiver::readSomeFromSidechannel(void* buffer, std::size_t length, std::size_t& bytesRead)
 {
-    const ssize_t numBytes = ::read(m_sideChannelSocketFD, buffer, length);
+    // Never waits: there may be nothing to read after all, since an urgent byte is thrown away.
+    const ssize_t numBytes = ::recv(m_sideChannelSocketFD, buffer, length, MSG_DONTWAIT);
+    if (numBytes < 0 && errno == EAGAIN)
+    {
+        bytesRead = 0;
+        return true;
+    }
     if (numBytes == 0)
     {
         LOG4CPLUS_DEBUG(logger, "VLX sidechannel socket got closed");

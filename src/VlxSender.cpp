@@ -27,6 +27,7 @@
 #include "Fourcc.hpp"
 #include "Guards.hpp"
 #include "SenderDirectory.hpp"
+#include "ThreadName.hpp"
 #include "WakeupPipe.hpp"
 
 namespace vlx
@@ -84,14 +85,15 @@ int acceptConnection(int listenerFD)
     return fd;
 }
 
-/// Takes what a receiver wrote and forgets it.
+/// Takes what a receiver wrote and forgets it. Never waits: there may be nothing to read after all,
+/// since an urgent byte is thrown away.
 ///
 /// @return the number of bytes; 0 if the receiver has left; negative, with errno telling why, if
 ///         the connection could not be read
 ssize_t discardInput(int fd)
 {
     std::array<std::uint8_t, ClientScratchBytes> scratch;
-    return ::recv(fd, scratch.data(), scratch.size(), 0);
+    return ::recv(fd, scratch.data(), scratch.size(), MSG_DONTWAIT);
 }
 
 void closeConnection(int fd)
@@ -307,6 +309,7 @@ bool Sender::setupListener()
         LOG4CPLUS_DEBUG(logger, "Binding to alternative address " << m_alternativeSocketAddress);
         if (!bindAbstractName(m_listenerSocketFD, address, m_alternativeSocketAddress))
         {
+            // The C library's text, also where another companion library has words of its own.
             const int alternativeError = errno;
             LOG4CPLUS_DEBUG(
                 logger, "Could not bind listener socket: " << std::strerror(alternativeError)
@@ -334,7 +337,7 @@ bool Sender::setupListener()
 // NOLINTNEXTLINE(readability-function-size): its log lines carry this function's name
 void Sender::listenerThreadLoop()
 {
-    ::pthread_setname_np(::pthread_self(), "vlx-listener");
+    nameThisThread("vlx-listener");
     blockSigpipeInThisThread();
 
     while (shouldKeepRunning())
@@ -395,7 +398,8 @@ void Sender::listenerThreadLoop()
             }
         }
 
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        // Without the lock, which no other thread needs to change the list: a receiver may have
+        // sent descriptors along, and what the system has to close here can take its time.
         for (std::size_t i = FirstClientEntry; i < entries.size();)
         {
             if ((entries[i].revents & POLLIN) == 0)
@@ -408,6 +412,7 @@ void Sender::listenerThreadLoop()
             if (numBytes == 0)
             {
                 closeConnection(fd);
+                const std::lock_guard<std::mutex> lock(m_mutex);
                 entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(i));
                 LOG4CPLUS_DEBUG(
                     logger, "Client connection with FD " << fd << " got closed; "

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstddef>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "Descriptors.hpp"
@@ -13,7 +14,7 @@ namespace vlx
 /// Bytes taken from a wakeup pipe at once; they carry no information.
 inline constexpr std::size_t WakeupDrainBytes = 1024;
 
-/// Makes a pipe, read end first.
+/// Makes a pipe, read end first. The write end never blocks: a pipe that is full wakes anyway.
 ///
 /// @return 0, or the system's error number; the ends are then untouched
 inline int createPipe(int (&ends)[2])
@@ -22,6 +23,7 @@ inline int createPipe(int (&ends)[2])
         return errno;
     setCloseOnExec(ends[0]);
     setCloseOnExec(ends[1]);
+    ::fcntl(ends[1], F_SETFL, O_NONBLOCK);
     return 0;
 }
 

@@ -3,6 +3,8 @@
 
 #include <miscUtils/MiscUtils.hpp>
 
+#include "Assertions.hpp"
+
 namespace miscUtils
 {
 

@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <atomic>
-#include <cassert>
 #include <mutex>
 #include <optional>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -10,8 +10,14 @@
 #include <gio/gio.h>
 #include <gst/gst.h>
 #include <gst/net/gstnet.h>
+#include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
+#include <pthread.h>
 
+#include <miscUtils/MiscUtils.hpp>
 #include <miscUtils/SyncedNetClock.hpp>
+
+#include "Assertions.hpp"
 
 // How a provider is followed
 //
@@ -31,6 +37,8 @@ namespace miscUtils
 
 namespace
 {
+
+log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
 
 // Accepted answers come every 50 to 100 ms. GStreamer rejects those with a round trip well above the
 // usual, then asks again after 250 ms: where round trips grow many times longer all at once, it can
@@ -169,7 +177,8 @@ class Session
 public:
     Session(Target target, std::function<void()> onStateChange);
 
-    // Starts the thread, unless a stop was requested before.
+    // Starts the thread, unless a stop was requested before. Without a thread the session never
+    // synchronises.
     void launch();
 
     // Makes the thread end as soon as it can. Any thread; does not wait.
@@ -177,6 +186,9 @@ public:
 
     // Waits for the thread. After requestStop(), by one thread only, never the session's own.
     void join();
+
+    // Whether the calling thread is that of any session, of this clock or another.
+    static bool isThreadOfAny();
 
     bool isOwnThread() const;
 
@@ -238,9 +250,19 @@ Session::Session(Target target, std::function<void()> onStateChange)
 
 void Session::launch()
 {
-    const std::lock_guard lock(m_mutex);
-    if (!m_isStopping)
-        m_thread = std::thread(&Session::run, this);
+    try
+    {
+        const std::lock_guard lock(m_mutex);
+        if (!m_isStopping)
+            m_thread = std::thread(&Session::run, this);
+    }
+    catch (const std::system_error& error)
+    {
+        LOG4CPLUS_ERROR(
+            logger,
+            "Could not start the network clock's thread: " << strerror_r_safe(error.code().value())
+                                                           << " (" << error.code().value() << ")");
+    }
 }
 
 void Session::requestStop()
@@ -268,6 +290,11 @@ bool Session::isOwnThread() const
     return t_ownSession == this;
 }
 
+bool Session::isThreadOfAny()
+{
+    return t_ownSession != nullptr;
+}
+
 bool Session::isSynchronized() const
 {
     const std::lock_guard lock(m_mutex);
@@ -286,6 +313,7 @@ TimeValue Session::getSynchronizedTime() const
 void Session::run()
 {
     t_ownSession = this;
+    ::pthread_setname_np(::pthread_self(), "vlx-clock");
 
     if (!openBus())
         return;
@@ -325,6 +353,11 @@ std::string Session::awaitNumericAddress()
 // IPv4 first: a provider listens there unless it is told otherwise. Empty on failure.
 std::string Session::resolveAddress() const
 {
+    // GLib takes a name for valid UTF-8 and would read past the end of another.
+    if (!g_utf8_validate(
+            m_target.address.data(), static_cast<gssize>(m_target.address.size()), nullptr))
+        return {};
+
     const GObjectPtr<GResolver> resolver(g_resolver_get_default());
     const std::unique_ptr<GList, decltype(&g_resolver_free_addresses)> addresses(
         g_resolver_lookup_by_name(
@@ -478,14 +511,29 @@ public:
 
     void start(const std::shared_ptr<Session>& session)
     {
-        end(exchangeSession(session));
-        joinEnding();
+        setAside(exchangeSession(session));
+        // Starts from inside the callbacks of two sessions would wait for each other.
+        if (!Session::isThreadOfAny())
+            joinEnding();
         session->launch();
     }
 
     void stop()
     {
-        end(exchangeSession(nullptr));
+        const std::shared_ptr<Session> session = exchangeSession(nullptr);
+        const bool isOfOther = session && !session->isOwnThread();
+        if (!Session::isThreadOfAny())
+        {
+            setAside(session);
+            joinEnding();
+        }
+        else if (isOfOther)
+        {
+            session->requestStop();
+            session->join();
+        }
+        else
+            setAside(session);
     }
 
     std::shared_ptr<Session> getSession() const
@@ -501,22 +549,17 @@ private:
         return std::exchange(m_session, std::move(next));
     }
 
-    void end(std::shared_ptr<Session> session)
+    // Ends a session and keeps it for a later call to join. Null: nothing to end.
+    void setAside(const std::shared_ptr<Session>& session)
     {
         if (!session)
             return;
         session->requestStop();
-        if (!session->isOwnThread())
-            session->join();
-        else
-        {
-            const std::lock_guard lock(m_mutex);
-            m_ending.push_back(std::move(session));
-        }
+        const std::lock_guard lock(m_mutex);
+        m_ending.push_back(session);
     }
 
-    // Joins what was stopped from inside its callback, except for the callback that this call comes
-    // from.
+    // Joins what was set aside, except for the session whose callback this call comes from.
     void joinEnding()
     {
         std::vector<std::shared_ptr<Session>> ended;

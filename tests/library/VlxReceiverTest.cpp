@@ -1,20 +1,27 @@
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <set>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <thread>
 #include <vector>
 
 #include <fcntl.h>
+#include <nanomsg/nn.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -24,10 +31,13 @@
 #include <miscUtils/MiscUtils.hpp>
 #include <vlx/VlxReceiver.hpp>
 
+#include "AbstractName.hpp"
+#include "SocketFileMode.hpp"
 #include "support/LogCapture.hpp"
 #include "support/RawPeers.hpp"
 #include "support/RawSender.hpp"
 #include "support/RecordedReceiver.hpp"
+#include "support/ResourceLimit.hpp"
 #include "support/TestAccess.hpp"
 #include "support/VlxTest.hpp"
 
@@ -56,6 +66,7 @@ using testing::RawConnection;
 using testing::RawSender;
 using testing::RawSidechannelServer;
 using testing::RecordedReceiver;
+using testing::ResourceLimit;
 using ::testing::StartsWith;
 using testing::traceLog;
 using testing::waitFor;
@@ -71,6 +82,15 @@ constexpr const char* ConnectionGone =
 constexpr const char* Retrying = "Could not connect to VLX sender; retrying in 400 ms";
 constexpr const char* Attempting = "Attempting to connect sidechannel";
 
+std::mutex pollMutex;
+std::map<std::string, std::set<int>> pollTimeouts; // of each thread, by its name
+std::atomic<bool> longConditionWaits = false;
+
+void createFile(const fs::path& path)
+{
+    const std::ofstream file(path);
+}
+
 bool isReadable(int fd)
 {
     pollfd entry{fd, POLLIN, 0};
@@ -78,28 +98,13 @@ bool isReadable(int fd)
 }
 
 /// While it lives, no descriptor can be opened.
-class NoDescriptorsLeft
+class NoDescriptorsLeft : public ResourceLimit
 {
 public:
-    NoDescriptorsLeft()
-    {
-        ::getrlimit(RLIMIT_NOFILE, &m_limit);
-        const rlimit onlyTheLowest{NumStandard, m_limit.rlim_max};
-        ::setrlimit(RLIMIT_NOFILE, &onlyTheLowest);
-    }
-
-    ~NoDescriptorsLeft()
-    {
-        ::setrlimit(RLIMIT_NOFILE, &m_limit);
-    }
-
-    NoDescriptorsLeft(const NoDescriptorsLeft&) = delete;
-    NoDescriptorsLeft& operator=(const NoDescriptorsLeft&) = delete;
+    NoDescriptorsLeft() : ResourceLimit(RLIMIT_NOFILE, NumStandard) {}
 
 private:
     static constexpr rlim_t NumStandard = 3;
-
-    rlimit m_limit{};
 };
 
 class ReceiverTest : public testing::VlxTest
@@ -119,6 +124,42 @@ protected:
     }
 };
 
+/// The system's calls, which the linker leads through these.
+extern "C"
+{
+    // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
+    int __real_poll(pollfd* entries, nfds_t count, int timeoutMs);
+    int __real_pthread_cond_clockwait(
+        pthread_cond_t* condition,
+        pthread_mutex_t* mutex,
+        clockid_t clock,
+        const timespec* deadline);
+
+    int __wrap_poll(pollfd* entries, nfds_t count, int timeoutMs)
+    {
+        std::array<char, 16> name{};
+        ::pthread_getname_np(::pthread_self(), name.data(), name.size());
+        {
+            const std::lock_guard<std::mutex> lock(pollMutex);
+            pollTimeouts[name.data()].insert(timeoutMs);
+        }
+        return __real_poll(entries, count, timeoutMs);
+    }
+
+    int __wrap_pthread_cond_clockwait(
+        pthread_cond_t* condition,
+        pthread_mutex_t* mutex,
+        clockid_t clock,
+        const timespec* deadline)
+    {
+        timespec later = *deadline;
+        if (longConditionWaits)
+            later.tv_sec += 30;
+        return __real_pthread_cond_clockwait(condition, mutex, clock, &later);
+    }
+    // NOLINTEND(bugprone-reserved-identifier)
+}
+
 class ReceiverTransportTest : public ReceiverTest,
                               public ::testing::WithParamInterface<NanomsgProtocol>
 {
@@ -137,34 +178,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 } // namespace
 
-TEST_F(ReceiverTest, ValuesHaveNames)
-{
-    const std::map<int, std::string> states = {
-        {0, "idle"}, {1, "connecting"}, {2, "running"}, {3, "unknown"}, {-1, "unknown"}};
-    for (const auto& [value, text] : states)
-        EXPECT_EQ(toString(State{value}), text);
-
-    const std::map<int, std::string> clocks = {
-        {0, "undetermined"},     {1, "no clock"}, {2, "monotonic system clock"},
-        {3, "synced net clock"}, {4, "unknown"},  {-1, "unknown"}};
-    for (const auto& [value, text] : clocks)
-        EXPECT_EQ(toString(ClockType{value}), text);
-}
-
 // Life cycle
-
-TEST_F(ReceiverTest, WithoutInitializationThereIsNothingToStop)
-{
-    {
-        Receiver receiver;
-        EXPECT_EQ(receiver.getState(), State::Idle);
-        receiver.shutdownReceiver();
-        receiver.shutdownReceiver();
-    }
-    const LogExpectation monitor = debugLog("void vlx::Receiver::stopFsMonitorThread()");
-    const LogExpectation end = debugLog("Receiver shut down");
-    EXPECT_TRUE(log().isExactly({monitor, end, monitor, end, monitor, end}));
-}
 
 TEST_P(ReceiverTransportTest, SaysEachStepInOrder)
 {
@@ -352,17 +366,10 @@ namespace
 /// Ends the process with 0 if a receiver whose worker cannot be started is idle, and works later.
 [[noreturn]] void startWithoutThreads(const std::string& socketName)
 {
-    constexpr uid_t Nobody = 65534;
-    if (::geteuid() == 0 && ::setuid(Nobody) != 0)
-        std::_Exit(10);
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NPROC, &limit);
-    const rlimit none{0, limit.rlim_max};
-    ::setrlimit(RLIMIT_NPROC, &none);
-
     Receiver receiver;
     try
     {
+        const testing::NoThreads shortage;
         receiver.initializeReceiver(socketName);
         std::_Exit(11);
     }
@@ -372,13 +379,28 @@ namespace
             std::_Exit(12);
     }
     receiver.shutdownReceiver();
-    ::setrlimit(RLIMIT_NPROC, &limit);
     const bool works =
         receiver.initializeReceiver(socketName) && receiver.getState() == State::Connecting;
     std::_Exit(works ? 0 : 13);
 }
 
 } // namespace
+
+TEST_F(ReceiverTest, AnExceptionOfTheFirstCallbackLeavesItIdle)
+{
+    RecordedReceiver receiver;
+    receiver.onEvent(
+        [&](const std::string&)
+        {
+            if (receiver.getEvents().size() == 1)
+                throw std::runtime_error("no");
+        });
+    EXPECT_THROW(receiver.start(getSocketName()), std::runtime_error);
+    EXPECT_EQ(receiver.get().getState(), State::Idle);
+    EXPECT_EQ(Access::loopWakeupPipe(receiver.get())[0], -1);
+    RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
+    EXPECT_TRUE(join(receiver, sender));
+}
 
 TEST_F(ReceiverTest, WithoutThreadsItIsIdleAgain)
 {
@@ -422,6 +444,103 @@ TEST_F(ReceiverTest, SaysWhyItCannotConnect)
          debugLog(StartsWith("Closing sidechannel with FD ")), traceLog(Retrying),
          traceLog("Sidechannel socket established"), traceLog(Attempting)}));
     EXPECT_THAT(receiver.getEvents(), ElementsAre("connecting", "idle"));
+}
+
+TEST_F(ReceiverTest, AFullBacklogIsTriedAgain)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const socklen_t size = setAbstractName(address, getSocketName());
+    const auto* const name = reinterpret_cast<const sockaddr*>(&address);
+    const auto makeSocket = []
+    { return Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)); };
+    const Descriptor stopped = makeSocket();
+    ASSERT_EQ(::bind(stopped.get(), name, size), 0);
+    ASSERT_EQ(::listen(stopped.get(), 0), 0);
+    std::vector<Descriptor> others;
+    do
+        others.push_back(makeSocket());
+    while (::connect(others.back().get(), name, size) == 0);
+
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    EXPECT_TRUE(log().waitFor(
+        errorLog("Could not connect to sender: Resource temporarily unavailable (11)"), 2));
+    while (Descriptor(::accept(stopped.get(), nullptr, nullptr)).get() >= 0)
+    {
+    }
+    EXPECT_TRUE(log().waitFor(debugLog("Sidechannel to VLX sender established")));
+}
+
+TEST_F(ReceiverTest, AnUrgentByteHoldsNobodyUp)
+{
+    const auto stopsAfterUrgentByte = [](RecordedReceiver& receiver, const RawConnection& peer)
+    {
+        // It makes the connection readable, and is thrown away when it is read.
+        const LogExpectation activity = debugLog("Waiting for initial info");
+        const LogExpectation listening = traceLog("Listening for input");
+        const std::size_t numRounds = log().count(activity) + log().count(listening);
+        EXPECT_EQ(::send(peer.getFD(), "x", 1, MSG_OOB), 1);
+        EXPECT_TRUE(
+            waitFor([&] { return log().count(activity) + log().count(listening) > numRounds; }));
+        receiver.stop();
+    };
+    RecordedReceiver receiver;
+    RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    const RawConnection ungreeted = sender.getListener().accept();
+    ASSERT_TRUE(log().waitFor(debugLog("Waiting for initial info")));
+    stopsAfterUrgentByte(receiver, ungreeted);
+
+    ASSERT_TRUE(join(receiver, sender));
+    stopsAfterUrgentByte(receiver, sender.getSidechannel());
+    EXPECT_FALSE(hasLoggedProblems());
+}
+
+TEST_F(ReceiverTest, WaitsEndByWhatTheyWaitForAndInTime)
+{
+    // Nothing but a notification ends the wait between two attempts here.
+    longConditionWaits = true;
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(log().waitFor(traceLog(Retrying)));
+    auto stopped = std::async(std::launch::async, [&] { receiver.stop(); });
+    EXPECT_EQ(stopped.wait_for(testing::DefaultDeadline), std::future_status::ready);
+    stopped.get();
+    longConditionWaits = false;
+
+    // An appearance ends one wait, not all that follow.
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    const fs::path entry = fs::path(getTempDirectory()) / "VlxSender-gone";
+    ASSERT_TRUE(waitFor(
+        [&]
+        {
+            fs::create_directory(entry);
+            fs::remove(entry);
+            return log().contains(debugLog(StartsWith("Sender VlxSender-gone initializing")));
+        }));
+    EXPECT_TRUE(waitFor([&] { return !Access::senderAppeared(receiver.get()); }));
+}
+
+TEST_F(ReceiverTest, LooksOftenEnoughAndQueuesNothing)
+{
+    RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
+    RecordedReceiver receiver;
+    int queueBytes = 0;
+    receiver.onEvent(
+        [&](const std::string& event)
+        {
+            std::size_t size = sizeof(queueBytes);
+            const int socketFD = Access::nanomsgMainFD(receiver.get());
+            if (event == "running")
+                ::nn_getsockopt(socketFD, NN_SOL_SOCKET, NN_RCVBUF, &queueBytes, &size);
+        });
+    ASSERT_TRUE(join(receiver, sender));
+    receiver.stop();
+    EXPECT_EQ(queueBytes, 1);
+    const std::lock_guard<std::mutex> lock(pollMutex);
+    EXPECT_THAT(pollTimeouts["vlx-worker"], ::testing::UnorderedElementsAre(-1, 50));
+    EXPECT_THAT(pollTimeouts["vlx-monitor"], ElementsAre(5000));
 }
 
 TEST_F(ReceiverTest, ConnectsAgainAtOnceWithoutInitialInfo)
@@ -612,6 +731,58 @@ TEST_F(ReceiverTest, GivesUpWithoutASidechannelSocket)
     EXPECT_TRUE(
         log().contains(errorLog("Could not create sidechannel socket: Too many open files (24)")));
     EXPECT_FALSE(log().contains(traceLog(Retrying)));
+}
+
+TEST_F(ReceiverTest, AModeLandsOnTheOwnSocketFileAlone)
+{
+    const fs::path directory = getTempDirectory();
+    const auto getMode = [](const fs::path& path)
+    {
+        struct stat status = {};
+        ::stat(path.c_str(), &status);
+        return status.st_mode & 07777U;
+    };
+    createFile(directory / "file");
+    ::chmod((directory / "file").c_str(), 0600);
+    fs::create_directory(directory / "directory");
+    fs::create_symlink("file", directory / "link");
+    testing::RawNanomsgPull own;
+    ASSERT_TRUE(own.bind("ipc://" + (directory / "own").string()));
+    fs::create_symlink("own", directory / "link to own");
+    testing::RawNanomsgPull foreign;
+    ASSERT_TRUE(foreign.bind("ipc://" + (directory / "foreign").string()));
+    const bool isForeign = ::lchown((directory / "foreign").c_str(), 65534, 65534) == 0;
+    const std::map<std::string, int> results = {
+        {"file", ENOTSOCK},    {"directory", ENOTSOCK},
+        {"link", ELOOP},       {"own", 0},
+        {"missing", ENOENT},   {"foreign", isForeign ? EPERM : 0},
+        {"link to own", ELOOP}};
+    for (const auto& [name, result] : results)
+        EXPECT_EQ(changeSocketFileMode(directory / name, 0622), result) << name;
+    EXPECT_EQ(getMode(directory / "own"), 0622U);
+    EXPECT_EQ(getMode(directory / "file"), 0600U);
+
+    // Who may write in the directory of a pipeline puts a link in the place of the socket file.
+    log().onNext(
+        infoLog(StartsWith("Changing the permissions of socket")),
+        [&]
+        {
+            fs::remove(directory / "raw.ipc");
+            fs::create_symlink("file", directory / "raw.ipc");
+        });
+    RawSender sender(getSocketName(), NanomsgProtocol::Pipeline);
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(sender.greet());
+    ASSERT_TRUE(receiver.waitForEvent("running"));
+    EXPECT_TRUE(fs::is_symlink(directory / "raw.ipc"));
+    EXPECT_EQ(getMode(directory / "file"), 0600U);
+
+    receiver.stop();
+    own.close();
+    foreign.close();
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory))
+        fs::remove(entry.path());
 }
 
 TEST_F(ReceiverTest, OnlySocketFilesGetAMode)
@@ -929,6 +1100,51 @@ TEST_P(ReceiverTransportTest, MissingCallbacksAreSkipped)
 namespace
 {
 
+/// Has a clock's callback come while its header is read, after the last look at the announcement.
+class ClockBeforeHeader : public Depayloader
+{
+public:
+    explicit ClockBeforeHeader(Receiver& receiver) : Depayloader(PcmFourcc), m_receiver(receiver) {}
+
+    bool processCodecHeader(const ByteView& /*codecHeader*/) override
+    {
+        Access::onClockSyncStateChange(m_receiver);
+        return true;
+    }
+
+private:
+    Receiver& m_receiver;
+};
+
+} // namespace
+
+TEST_P(ReceiverTransportTest, IsNotReadyBeforeTheSequenceIsAnnounced)
+{
+    auto sender = makeSender();
+    Receiver receiver;
+    ClockBeforeHeader depayloader(receiver);
+    std::mutex mutex;
+    Strings events;
+    const auto record = [&](const char* event)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        events.emplace_back(event);
+    };
+    receiver.addDepayloader(depayloader);
+    receiver.setNewSequenceCallback([&](Depayloader&) { record("sequence"); });
+    receiver.setReceiverIsReadyCallback([&](Depayloader&, ClockType) { record("ready"); });
+    receiver.setMediaDataCallback([&](TimeValue, TimeValue, const Buffer&) { record("frame"); });
+    ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
+    ASSERT_TRUE(sender->serve());
+    ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(1, 1)));
+    EXPECT_TRUE(log().waitFor(traceLog(StartsWith("Calling media data callback"))));
+    testing::shutdownPromptly(receiver);
+    EXPECT_THAT(events, ElementsAre("sequence", "ready", "frame"));
+}
+
+namespace
+{
+
 /// Sends a frame from inside a callback, and waits until the receiver has it before itself.
 void sendNextFrame(RawSender& sender, Receiver& receiver, std::uint8_t timestamp)
 {
@@ -1033,6 +1249,8 @@ std::vector<ReaderRow> makeReaderRows()
         {"closed at once", {{CloseSocket, 2}}},
         {"closed in the prefix", {{"0200", 0}, {CloseSocket, 2}}},
         {"closed in the message", {{"02000000AA", 0}, {"", 0}, {CloseSocket, 2}}},
+        {"nothing to read", {{"", 0}, {"02000000 AA", 0}, {"", 0}, {"", 0}, {"BB", 1, "AABB"}}},
+        {"no length, nothing to read", {{"00000000", 0}, {"", 0}, {"AA", 2}}},
         {"nothing is left over of a prefix",
          {{"0200", 0}, {NewSocket}, {"02000000 A1A2", 0}, {"", 1, "A1A2"}}},
         {"nothing is left over of a message",
@@ -1088,28 +1306,17 @@ TEST_F(ReceiverTest, SidechannelMessagesAreReadPieceByPiece)
 TEST_F(ReceiverTest, SaysWhyTheSidechannelCannotBeRead)
 {
     Receiver receiver;
-    // Read ends cannot be written, and write ends not read.
     std::array<int, 2> ends = {-1, -1};
     ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
     const Descriptor readEnd(ends[0]);
     Access::sideChannelSocketFD(receiver) = ends[1];
     EXPECT_EQ(Access::readSidechannelMessage(receiver), 2);
-    EXPECT_TRUE(log().isExactly(
-        {errorLog("Could not read data from VLX sidechannel socket: Bad file descriptor (9)")}));
+    EXPECT_TRUE(log().isExactly({errorLog(
+        "Could not read data from VLX sidechannel socket: Socket operation on non-socket (88)")}));
     Access::disconnectSidechannel(receiver);
 }
 
 // Sender-presence monitor
-
-namespace
-{
-
-void createFile(const fs::path& path)
-{
-    const std::ofstream file(path);
-}
-
-} // namespace
 
 TEST_F(ReceiverTest, DirectoriesOfSendersAreSeenAtTheStart)
 {

@@ -110,6 +110,7 @@ void LogCapture::clear()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_entries.clear();
+    m_action.reset();
 }
 
 std::vector<LogEntry> LogCapture::getEntries() const
@@ -205,9 +206,25 @@ LogCapture::waitFor(const LogExpectation& expected, std::size_t times) const
 
 void LogCapture::record(LogEntry entry)
 {
+    std::function<void()> action;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_action && m_action->first.matches(entry))
+        {
+            action = std::move(m_action->second);
+            m_action.reset();
+        }
+        m_entries.push_back(std::move(entry));
+        m_added.notify_all();
+    }
+    if (action)
+        action();
+}
+
+void LogCapture::onNext(const LogExpectation& expected, std::function<void()> action)
+{
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_entries.push_back(std::move(entry));
-    m_added.notify_all();
+    m_action.emplace(expected, std::move(action));
 }
 
 } // namespace vlx::testing

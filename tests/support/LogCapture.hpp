@@ -2,9 +2,12 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <functional>
 #include <mutex>
+#include <optional>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -73,6 +76,10 @@ public:
     /// @return failure if it did not come within the usual deadline
     ::testing::AssertionResult waitFor(const LogExpectation& expected, std::size_t times = 1) const;
 
+    /// Runs an action once, at the next message of this kind, on the thread that logs it and before
+    /// it goes on. The action must not log.
+    void onNext(const LogExpectation& expected, std::function<void()> action);
+
     /// Called by the appender.
     void record(LogEntry entry);
 
@@ -82,6 +89,7 @@ private:
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_added;
     std::vector<LogEntry> m_entries;
+    std::optional<std::pair<LogExpectation, std::function<void()>>> m_action;
 };
 
 } // namespace vlx::testing

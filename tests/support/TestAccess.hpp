@@ -163,8 +163,6 @@ class ReceiverTestAccess
 {
 public:
     using ConnectingState = Receiver::ConnectingState;
-    using ConnectionRetval = Receiver::ConnectionRetval;
-    using InitialInfoRetval = Receiver::InitialInfoRetval;
 
     static std::uint16_t& currentSequenceNr(Receiver& receiver)
     {
@@ -174,16 +172,6 @@ public:
     static bool shouldPacketBeKept(Receiver& receiver, const ByteView& packet)
     {
         return receiver.shouldPacketBeKept(packet);
-    }
-
-    static bool isSequenceNrTooOld(Receiver& receiver, std::uint16_t sequenceNr)
-    {
-        return receiver.isSequenceNrTooOld(sequenceNr);
-    }
-
-    static DepayloaderList& depayloaderList(Receiver& receiver)
-    {
-        return receiver.m_depayloaderList;
     }
 
     static void setState(Receiver& receiver, Receiver::State state)
@@ -199,6 +187,11 @@ public:
     static InitialInfo& initialInfo(Receiver& receiver)
     {
         return receiver.m_initialInfo;
+    }
+
+    static bool senderAppeared(Receiver& receiver)
+    {
+        return receiver.m_senderAppeared;
     }
 
     static int& sideChannelSocketFD(Receiver& receiver)
@@ -243,16 +236,6 @@ public:
         receiver.resetConnectionStates();
     }
 
-    static bool handleSequenceInfoPacket(Receiver& receiver)
-    {
-        return receiver.handleSequenceInfoPacket();
-    }
-
-    static void handleFramePacket(Receiver& receiver)
-    {
-        receiver.handleFramePacket();
-    }
-
     static void reportReceiverIsReady(Receiver& receiver)
     {
         receiver.reportReceiverIsReady();
@@ -261,16 +244,6 @@ public:
     static void onClockSyncStateChange(Receiver& receiver)
     {
         receiver.onClockSyncStateChange();
-    }
-
-    static ConnectionRetval connectNanomsgMainChannel(Receiver& receiver)
-    {
-        return receiver.connectNanomsgMainChannel();
-    }
-
-    static void disconnectNanomsgMainChannel(Receiver& receiver)
-    {
-        receiver.disconnectNanomsgMainChannel();
     }
 
     static void disconnectSidechannel(Receiver& receiver)
