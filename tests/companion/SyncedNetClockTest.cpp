@@ -1,5 +1,6 @@
 // The clock against real net time providers on loopback.
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -9,30 +10,62 @@
 #include <future>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <gst/gst.h>
-#include <gst/net/gstnet.h>
+#include <dlfcn.h>
+#include <gio/gio.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <miscUtils/MiscUtils.hpp>
 #include <miscUtils/SyncedNetClock.hpp>
+
+#include "support/LogCapture.hpp"
+#include "support/ResourceLimit.hpp"
+#include "support/TestProvider.hpp"
+#include "support/VlxTest.hpp"
+
+namespace
+{
+
+std::mutex resolvedMutex;
+std::vector<std::string> resolvedNames;
+
+} // namespace
+
+// Takes the place of GLib's own, which it calls.
+__attribute__((visibility("default"))) GList* g_resolver_lookup_by_name(
+    GResolver* resolver,
+    const gchar* hostname,
+    GCancellable* cancellable,
+    GError** error)
+{
+    {
+        const std::lock_guard<std::mutex> lock(resolvedMutex);
+        resolvedNames.emplace_back(hostname);
+    }
+    static const auto lookUp = reinterpret_cast<decltype(&g_resolver_lookup_by_name)>(
+        ::dlsym(RTLD_NEXT, "g_resolver_lookup_by_name"));
+    return lookUp(resolver, hostname, cancellable, error);
+}
 
 namespace
 {
 
 using miscUtils::SyncedNetClock;
 using miscUtils::TimeValue;
+using Provider = vlx::testing::TestProvider;
+using vlx::testing::errorLog;
+using vlx::testing::LogCapture;
+using vlx::testing::waitFor;
 using namespace std::chrono_literals;
 using SteadyClock = std::chrono::steady_clock;
 
 constexpr unsigned int WindowSize = 100;
 constexpr unsigned long RoundTripLimitNs = 175'000'000;
-constexpr auto Patience = 20s;
 constexpr std::int64_t NsPerMs = 1'000'000;
 constexpr std::int64_t NsPerSecond = 1'000'000'000;
 
@@ -40,83 +73,6 @@ constexpr std::int64_t NsPerSecond = 1'000'000'000;
 constexpr std::int64_t ToleranceNs = 150 * NsPerMs;
 
 constexpr std::int64_t InitialOffsetNs = 5000 * NsPerSecond;
-
-template <typename Condition>
-bool waitFor(Condition condition)
-{
-    const auto deadline = SteadyClock::now() + Patience;
-    while (!condition())
-    {
-        if (SteadyClock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
-
-// A loopback address that no other test process uses: while a provider is down, nobody takes its
-// port.
-std::string makeOwnAddress()
-{
-    const auto pid = static_cast<unsigned int>(getpid());
-    return "127." + std::to_string(1 + ((pid >> 16) & 0x3f)) + "." +
-           std::to_string((pid >> 8) & 0xff) + "." +
-           std::to_string(1 + (pid & 0x7f) * 2 % 250 + ((pid >> 7) & 1));
-}
-
-// A machine that serves a clock: the monotonic one shifted by an offset. A new start is a reboot:
-// with a clock object of its own, on the port of before.
-class Provider
-{
-public:
-    explicit Provider(std::string address = makeOwnAddress()) : m_address(std::move(address))
-    {
-        gst_init(nullptr, nullptr);
-    }
-
-    ~Provider()
-    {
-        stop();
-    }
-
-    void start(std::int64_t offsetNs)
-    {
-        m_offsetNs = offsetNs;
-        auto* const clock = static_cast<GstClock*>(
-            gst_object_ref_sink(g_object_new(GST_TYPE_SYSTEM_CLOCK, nullptr)));
-        gst_clock_set_calibration(clock, 0, static_cast<GstClockTime>(offsetNs), 1, 1);
-        m_provider = gst_net_time_provider_new(clock, m_address.c_str(), m_port);
-        gst_object_unref(clock);
-        ASSERT_NE(m_provider, nullptr);
-        g_object_get(m_provider, "port", &m_port, nullptr);
-    }
-
-    void stop()
-    {
-        if (m_provider != nullptr)
-            gst_object_unref(m_provider);
-        m_provider = nullptr;
-    }
-
-    const std::string& getAddress() const
-    {
-        return m_address;
-    }
-    unsigned int getPort() const
-    {
-        return static_cast<unsigned int>(m_port);
-    }
-    std::int64_t getOffsetNs() const
-    {
-        return m_offsetNs;
-    }
-
-private:
-    const std::string m_address;
-    gint m_port = 0;
-    std::int64_t m_offsetNs = 0;
-    GstNetTimeProvider* m_provider = nullptr;
-};
 
 // A clock under test, and what its callback saw. On a busy machine GStreamer may reject every answer
 // for some seconds, which counts as silence: the tests ask for losses seen, not for exact numbers.
@@ -336,7 +292,7 @@ TEST(SyncedNetClockTest, FollowsTheLastOneStarted)
 
 TEST(SyncedNetClockTest, NeverSynchronizesWithoutAProvider)
 {
-    const std::string ownAddress = makeOwnAddress();
+    const std::string ownAddress = vlx::testing::makeOwnAddress();
     const struct
     {
         const char* name;
@@ -346,7 +302,8 @@ TEST(SyncedNetClockTest, NeverSynchronizesWithoutAProvider)
         {"nobody there", ownAddress, 9},
         {"no such name", "no-such-host.invalid", 9},
         {"no name", "", 9},
-        {"not a name", "\xff\xfe", 9},
+        {"no UTF-8", "\xff\xfe", 9},
+        {"cut off within a character", "host\xe2\x82", 9},
         {"port 0", ownAddress, 0},
         {"port too large", ownAddress, 65536 + 9}};
     std::vector<std::unique_ptr<Follower>> followers;
@@ -372,6 +329,63 @@ TEST(SyncedNetClockTest, NeverSynchronizesWithoutAProvider)
         EXPECT_LT(SteadyClock::now() - begin, 2s);
         EXPECT_EQ(followers[i]->numCallbacks, 0);
     }
+    const std::lock_guard<std::mutex> lock(resolvedMutex);
+    EXPECT_NE(std::count(resolvedNames.begin(), resolvedNames.end(), rows[1].address), 0);
+    for (const std::string& name : resolvedNames)
+        EXPECT_TRUE(g_utf8_validate(name.c_str(), -1, nullptr));
+}
+
+// Ends the process with 0 if a clock whose thread cannot be started says so and goes on.
+[[noreturn]] void startWithoutThreads()
+{
+    SyncedNetClock clock;
+    {
+        const vlx::testing::NoThreads shortage;
+        clock.startSynchronization("127.0.0.1", 9, WindowSize, RoundTripLimitNs, [] {});
+    }
+    const bool isReported = LogCapture::get().contains(errorLog(
+        "Could not start the network clock's thread: Resource temporarily unavailable (11)"));
+    clock.stopSynchronization();
+    std::_Exit(isReported && !clock.isSynchronized() ? 0 : 1);
+}
+
+TEST(SyncedNetClockTest, WithoutAThreadItNeverSynchronizes)
+{
+    EXPECT_EXIT(startWithoutThreads(), testing::ExitedWithCode(0), "");
+}
+
+TEST(SyncedNetClockTest, StartsFromInsideTwoCallbacksDoNotWaitForEachOther)
+{
+    Provider provider;
+    provider.start(InitialOffsetNs);
+    std::atomic<int> numEntered = 0;
+    std::atomic<int> numDone = 0;
+    SyncedNetClock clock;
+    std::function<void()> onStateChange;
+    const auto start = [&]
+    {
+        clock.startSynchronization(
+            provider.getAddress(), provider.getPort(), WindowSize, RoundTripLimitNs, onStateChange);
+    };
+    onStateChange = [&]
+    {
+        const int number = ++numEntered;
+        if (number > 2)
+            return;
+        if (number == 1)
+        {
+            start();
+            EXPECT_TRUE(waitFor([&] { return numEntered >= 2; }));
+        }
+        start();
+        ++numDone;
+    };
+    start();
+    EXPECT_TRUE(waitFor([&] { return numDone == 2; }));
+    clock.stopSynchronization();
+    const int numCallbacks = numEntered;
+    EXPECT_EQ(numDone, 2) << "a callback is still in progress";
+    EXPECT_EQ(numEntered, numCallbacks);
 }
 
 TEST(SyncedNetClockTest, StopWaitsForTheCallbackInProgressButASecondStopDoesNot)
@@ -388,10 +402,12 @@ TEST(SyncedNetClockTest, StopWaitsForTheCallbackInProgressButASecondStopDoesNot)
         {
             entered.set_value();
             EXPECT_EQ(
-                secondStopReturned.get_future().wait_for(Patience), std::future_status::ready);
+                secondStopReturned.get_future().wait_for(vlx::testing::DefaultDeadline),
+                std::future_status::ready);
             isDone = true;
         });
-    ASSERT_EQ(entered.get_future().wait_for(Patience), std::future_status::ready);
+    ASSERT_EQ(
+        entered.get_future().wait_for(vlx::testing::DefaultDeadline), std::future_status::ready);
 
     std::thread stopper(
         [&]

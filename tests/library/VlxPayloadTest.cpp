@@ -421,6 +421,7 @@ TEST(VlxPayloadTest, PcmHeaderIsWrittenAndRead)
     };
 
     PcmPayloader payloader;
+    PcmDepayloader depayloader; // one for all, so that nothing is left of the row before
     EXPECT_EQ(payloader.getFourcc(), PcmFourcc);
     EXPECT_TRUE(payloader.getCodecHeader().empty());
     for (const Row& row : rows)
@@ -430,7 +431,6 @@ TEST(VlxPayloadTest, PcmHeaderIsWrittenAndRead)
             row.sampleRate, row.numChannels, audioUtils::PcmFormat{row.sampleFormat});
         EXPECT_EQ(payloader.getCodecHeader(), fromHex(row.header));
 
-        PcmDepayloader depayloader;
         EXPECT_EQ(depayloader.processCodecHeader(payloader.getCodecHeader()), row.accepted);
         EXPECT_EQ(depayloader.getSampleRate(), row.sampleRate);
         EXPECT_EQ(depayloader.getNumChannels(), row.numChannels & 0xFF);

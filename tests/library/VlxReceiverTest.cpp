@@ -1136,6 +1136,7 @@ TEST_P(ReceiverTransportTest, IsNotReadyBeforeTheSequenceIsAnnounced)
     receiver.setMediaDataCallback([&](TimeValue, TimeValue, const Buffer&) { record("frame"); });
     ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
     ASSERT_TRUE(sender->serve());
+    ASSERT_TRUE(log().waitFor(debugLog("Matching payloader found")));
     ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(1, 1)));
     EXPECT_TRUE(log().waitFor(traceLog(StartsWith("Calling media data callback"))));
     testing::shutdownPromptly(receiver);

@@ -163,6 +163,7 @@ class ReceiverTestAccess
 {
 public:
     using ConnectingState = Receiver::ConnectingState;
+    using ConnectionRetval = Receiver::ConnectionRetval;
 
     static std::uint16_t& currentSequenceNr(Receiver& receiver)
     {
@@ -244,6 +245,16 @@ public:
     static void onClockSyncStateChange(Receiver& receiver)
     {
         receiver.onClockSyncStateChange();
+    }
+
+    static ConnectionRetval connectNanomsgMainChannel(Receiver& receiver)
+    {
+        return receiver.connectNanomsgMainChannel();
+    }
+
+    static void disconnectNanomsgMainChannel(Receiver& receiver)
+    {
+        receiver.disconnectNanomsgMainChannel();
     }
 
     static void disconnectSidechannel(Receiver& receiver)

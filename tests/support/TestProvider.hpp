@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include <gst/gst.h>
 #include <gst/net/gstnet.h>
@@ -20,11 +21,20 @@ inline void prepareNetClock(const std::string& address, std::uint16_t port)
     gst_object_unref(gst_net_client_clock_new(nullptr, address.c_str(), port, 0));
 }
 
-/// Serves the monotonic clock, shifted by an offset, on a loopback address and port of its own.
+/// @return a loopback address that no other test process uses: while a provider is stopped, nobody
+///         takes its port
+inline std::string makeOwnAddress()
+{
+    const auto process = static_cast<unsigned int>(::getpid());
+    return "127." + std::to_string(1 + (process >> 16) % 250) + "." +
+           std::to_string((process >> 8) % 256) + "." + std::to_string(process % 256);
+}
+
+/// A machine that serves a clock: the monotonic one, shifted by an offset.
 class TestProvider
 {
 public:
-    TestProvider()
+    explicit TestProvider(std::string address = makeOwnAddress()) : m_address(std::move(address))
     {
         gst_init(nullptr, nullptr);
     }
@@ -37,13 +47,14 @@ public:
     TestProvider(const TestProvider&) = delete;
     TestProvider& operator=(const TestProvider&) = delete;
 
-    /// Starts to answer; again on the port of before.
+    /// Starts to answer; a second time as after a reboot, on the port of before.
     void start(std::int64_t offsetNs)
     {
+        m_offsetNs = offsetNs;
         auto* const clock = static_cast<GstClock*>(
             gst_object_ref_sink(g_object_new(GST_TYPE_SYSTEM_CLOCK, nullptr)));
         gst_clock_set_calibration(clock, 0, static_cast<GstClockTime>(offsetNs), 1, 1);
-        m_provider = gst_net_time_provider_new(clock, getAddress().c_str(), m_port);
+        m_provider = gst_net_time_provider_new(clock, m_address.c_str(), m_port);
         gst_object_unref(clock);
         ASSERT_NE(m_provider, nullptr);
         g_object_get(m_provider, "port", &m_port, nullptr);
@@ -56,13 +67,9 @@ public:
         m_provider = nullptr;
     }
 
-    /// @return an address that no other test process uses: while the provider is stopped, nobody
-    ///         takes its port
-    std::string getAddress() const
+    const std::string& getAddress() const
     {
-        const auto process = static_cast<unsigned int>(::getpid());
-        return "127." + std::to_string(1 + (process >> 16) % 250) + "." +
-               std::to_string((process >> 8) % 256) + "." + std::to_string(process % 256);
+        return m_address;
     }
 
     std::uint16_t getPort() const
@@ -70,7 +77,14 @@ public:
         return static_cast<std::uint16_t>(m_port);
     }
 
+    std::int64_t getOffsetNs() const
+    {
+        return m_offsetNs;
+    }
+
 private:
+    const std::string m_address;
+    std::int64_t m_offsetNs = 0;
     gint m_port = 0;
     GstNetTimeProvider* m_provider = nullptr;
 };
