@@ -681,6 +681,7 @@ TEST_F(SenderTest, NoReceiverHoldsTheListenerOrTheProducer)
     RawSidechannelClient sly = connectUngreeted(lock);
     lingering.passOver(sly.getFD());
     lock.unlock();
+    ASSERT_TRUE(waitForClients(1));
     const int slyFD = Access::getPolledFDs(m_sender).at(2);
     ASSERT_TRUE(waitFor([slyFD] { return countBytesInPipe(slyFD) == 0; }));
     auto sent = std::async(std::launch::async, [this] { sendFrame(1, {1}); });
