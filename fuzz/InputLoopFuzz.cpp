@@ -52,6 +52,13 @@ struct Channel
     std::vector<Buffer> packets = {};
     std::size_t numPassed = 0;
 
+    void add(Buffer packet)
+    {
+        if (packet.size() > 1)
+            packet[1] = 0; // nobody reads it
+        packets.push_back(std::move(packet));
+    }
+
     /// @return whether such a packet was sent behind the one that was found last
     bool find(const Buffer& packet)
     {
@@ -200,7 +207,7 @@ private:
             send(packet);
         else if (const Buffer framed = fuzz::frame(packet);
                  m_peer.write(framed, framed.size()) == framed.size())
-            m_seen.side.packets.push_back(packet);
+            m_seen.side.add(packet);
         else
             m_peer.close();
         if (way < 4)
@@ -252,7 +259,7 @@ private:
     void send(const Buffer& packet)
     {
         if (::nn_send(m_pushFD, packet.data(), packet.size(), NN_DONTWAIT) >= 0)
-            m_seen.main.packets.push_back(packet);
+            m_seen.main.add(packet);
         else
             check(errno == EAGAIN, "a packet is sent or there is no room for it");
     }
