@@ -60,10 +60,11 @@ struct Channel
     }
 
     /// @return whether such a packet was sent behind the one that was found last
-    bool find(const Buffer& packet)
+    bool find(const Buffer& packet, bool isWhole)
     {
         std::size_t i = numPassed;
-        while (i < packets.size() && !fuzz::startsWith(packets[i], packet))
+        while (i < packets.size() && (isWhole ? packets[i] != packet
+                                              : !fuzz::startsWith(packets[i], packet)))
             ++i;
         if (i == packets.size())
             return false;
@@ -303,10 +304,11 @@ private:
         }
     }
 
-    bool wasSent(const Buffer& packet)
+    /// @param isWhole  otherwise what was sent may be longer
+    bool wasSent(const Buffer& packet, bool isWhole)
     {
         ++m_numEvents;
-        return m_seen.main.find(packet) || m_seen.side.find(packet);
+        return m_seen.main.find(packet, isWhole) || m_seen.side.find(packet, isWhole);
     }
 
     void onNewSequence(const Depayloader& depayloader)
@@ -316,7 +318,7 @@ private:
             m_seen.isScrambled ? m_scrambler.lastHeader : fuzz::produceAgain(m_pcm);
         Buffer packet;
         produceSequenceInfoPacket(packet, depayloader.getFourcc(), header, getCurrentNr());
-        check(wasSent(packet), "a sequence was announced by the sender, in its turn");
+        check(wasSent(packet, false), "a sequence was announced by the sender, in its turn");
         check(getCurrentNr() > m_seen.announcedNr, "each sequence is announced once");
         m_seen.announcedNr = getCurrentNr();
     }
@@ -334,7 +336,7 @@ private:
         PcmPayloader().produceFramePacket(
             packet, m_seen.announcedNr, timestamp, duration,
             m_seen.isScrambled ? fuzz::scramble(mediaData) : mediaData);
-        check(wasSent(packet), "a frame of the announced sequence was sent, in its turn");
+        check(wasSent(packet, true), "a frame of the announced sequence was sent, in its turn");
     }
 
     /// Whatever came before: the next sequence and its frames are delivered, on this connection or
@@ -344,7 +346,8 @@ private:
         passUntilQuiet();
         if (m_isRunning && (hasInput() || getCurrentNr() == 0xFFFF))
             disconnect();
-        if (!m_isRunning)
+        const bool isFresh = !m_isRunning;
+        if (isFresh)
             connect(0);
 
         const auto number = static_cast<std::uint16_t>(getCurrentNr() + 1);
@@ -354,6 +357,7 @@ private:
         produceSequenceInfoPacket(packet, PcmFourcc, payloader.getCodecHeader(), number);
         send(packet);
         check(pass() && m_seen.announcedNr == number, "the next sequence is announced");
+        check(m_seen.isReady || !isFresh, "readiness is told on each connection");
         payloader.produceFramePacket(packet, number, 1, 2, Buffer(8, 3));
         send(packet);
         check(pass() && m_numEvents == 1, "a frame of the next sequence is delivered");

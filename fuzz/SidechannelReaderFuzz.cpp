@@ -32,9 +32,11 @@ public:
             const std::size_t count = choice / 4;
             if (choice % 4 < 2)
                 addMessage(choice % 4 == 0 ? input.takeBytes(count) : input.takeBlock());
+            if (choice % 4 == 1)
+                write(m_stream.size());
             else if (choice % 4 == 3)
-                m_numWritten += m_peer.write(ByteView(m_stream).subspan(m_numWritten), count);
-            else
+                write(count);
+            else if (choice % 4 == 2)
                 for (std::size_t i = 0; i <= count && m_isConnected && countPending() > 0; ++i)
                     read();
         }
@@ -56,6 +58,11 @@ private:
         m_messages.emplace_back(message.begin(), message.end());
         const Buffer framed = fuzz::frame(message);
         m_stream.insert(m_stream.end(), framed.begin(), framed.end());
+    }
+
+    void write(std::size_t count)
+    {
+        m_numWritten += m_peer.write(ByteView(m_stream).subspan(m_numWritten), count);
     }
 
     std::size_t countPending()
