@@ -247,6 +247,7 @@ private:
         TimeValue now = due;
         do
         {
+            const TimeValue before = miscUtils::getMonotonicSysclockTime();
             if (sequenceNs != 0 && due >= sequenceDue)
             {
                 m_producer.setFormat(m_payloader);
@@ -254,7 +255,6 @@ private:
                 sequenceDue += sequenceNs;
             }
             std::memcpy(m_frame.data(), &tag, sizeof(tag));
-            const TimeValue before = miscUtils::getMonotonicSysclockTime();
             if (!m_producer.send(before, FramePeriodNs, m_frame))
                 return;
             now = miscUtils::getMonotonicSysclockTime();

@@ -127,7 +127,7 @@ def run_faults(probe: PauseProbe, tool: Path | None, seconds: float) -> Row:
     def start() -> Process:
         if not tool:
             return End("produce", name)
-        return Process([str(tool), "send", name, "--tone", "440", "--frame", "10ms"])
+        return Process([str(tool), "send", "--socket", name, "--tone", "440", "--frame", "10ms"])
 
     sender, counts, spans = start(), [0, 0], []
     since = time.monotonic_ns()

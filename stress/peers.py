@@ -24,7 +24,7 @@ ENDLESS_MESSAGE = b"\x01" + b"\xff" * 8
 RUBBISH_BYTES = 4096
 OTHER_USER = 100_000
 
-PUB_SUB, PIPELINE = 1, 2
+PIPELINE, PUB_SUB = 1, 2
 MONOTONIC_CLOCK = 2
 PCM_ANNOUNCEMENT = struct.pack("<HHIIBB", 1, 1, 0x414D4350, 48_000, 2, 2)
 count = 0
@@ -114,32 +114,33 @@ def write_rubbish(name: str, to_main: bool) -> None:
 
 def send_urgent(name: str) -> None:
     """One byte that no ordinary read gets, though there is something to read."""
+    clients = []
     while True:
-        client = connect(name)
-        client.send(b"x", socket.MSG_OOB)
+        clients.append(connect(name))
+        clients[-1].send(b"x", socket.MSG_OOB)
         note()
         time.sleep(0.3)
 
 
 def pass_lingering(name: str) -> None:
-    """Passes a TCP socket whose close would wait: its data has nowhere to go."""
+    """Passes TCP sockets whose close would wait: their data has nowhere to go. From a child each,
+    which is gone before the sender closes its own."""
+    signal.signal(signal.SIGCHLD, signal.SIG_IGN)
     server = socket.create_server(("127.0.0.1", 0))
     while True:
-        tcp = socket.create_connection(server.getsockname())
-        accepted = server.accept()[0]
-        tcp.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 3))
-        tcp.setblocking(False)
-        try:
-            while True:
-                tcp.send(bytes(65536))
-        except BlockingIOError:
-            pass
-        client = connect(name)
-        socket.send_fds(client, [b"x"], [tcp.fileno()])
-        tcp.close()
+        if os.fork() == 0:
+            tcp = socket.create_connection(server.getsockname())
+            tcp.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 3))
+            tcp.setblocking(False)
+            try:
+                while True:
+                    tcp.send(bytes(65536))
+            except BlockingIOError:
+                socket.send_fds(connect(name), [b"x"], [tcp.fileno()])
+                tcp.close()
+            os._exit(0)
         note()
-        time.sleep(0.5)
-        accepted.close()
+        time.sleep(0.1)
 
 
 def greet_malformed(name: str) -> None:
@@ -239,36 +240,34 @@ def announce_swapped(name: str, target: str) -> None:
             client.sendall(greeting(PIPELINE, path) + frame(PCM_ANNOUNCEMENT))
         except OSError:
             continue
-        swap(path, lambda: path.symlink_to(target), 0.2)
+        deadline = time.monotonic() + 0.2
+        while time.monotonic() < deadline and not swap(str(path), target):
+            pass
         client.close()
 
 
-def swap(path: Path, replace, limit: float) -> bool:
-    """Takes a file away as soon as it is there, and puts something in its place."""
-    deadline = time.monotonic() + limit
-    while time.monotonic() < deadline:
-        try:
-            path.unlink()
-            replace()
-            note()
-            return True
-        except OSError:
-            pass
-    return False
+def swap(path: str, target: str | None) -> bool:
+    """Puts a link, or without a target a directory, in the place of a file if it is there."""
+    try:
+        os.unlink(path)
+        if target:
+            os.symlink(target, path)
+        else:
+            os.mkdir(path)
+        note()
+        return True
+    except OSError:
+        return False
 
 
 def swap_in_directories(target: str | None) -> None:
-    """Another user waits for senders' directories, and swaps a link, or without a target a
-    directory, in for their socket files."""
+    """Another user waits for senders' directories and swaps in every one that lets him."""
     become_other_user()
-    base = Path(os.environ["TMPDIR"])
+    base = os.environ["TMPDIR"]
     done = set()
     while True:
-        for entry in os.listdir(base):
-            path = base / entry / "nanomsgChannel.ipc"
-            if not entry.startswith("VlxSender-") or entry in done:
-                continue
-            if swap(path, lambda: path.symlink_to(target) if target else path.mkdir(), 0.1):
+        for entry in set(os.listdir(base)) - done:
+            if entry.startswith("VlxSender-") and swap(f"{base}/{entry}/nanomsgChannel.ipc", target):
                 done.add(entry)
 
 
