@@ -187,10 +187,10 @@ def harass_receivers(run: Run) -> Outcome:
        "rubbish-sidechannel")
 @fault("rubbish-main", "client writes rubbish to the main channel", "others undisturbed",
        "rubbish-main")
-@fault("urgent-client", "client sends a byte of urgent data", "others undisturbed, nothing left",
-       "urgent-client")
-@fault("lingering-client", "client passes a TCP socket that lingers",
-       "others undisturbed, nothing left", "lingering-client")
+@fault("oob", "client sends a byte of urgent data", "others undisturbed, nothing left",
+       "oob")
+@fault("lingering", "client passes a TCP socket that lingers",
+       "others undisturbed, nothing left", "lingering")
 def run_beside(run: Run, role: str, times: int = 0) -> Outcome:
     stream = Bystanders(run, 4, sequence_every=100)
     if not stream.started:
@@ -272,7 +272,7 @@ def publish_rubbish(run: Run) -> Outcome:
         f"{packets:,} packets, joined {joins} times; a real sender's frames {words}")
 
 
-@fault("urgent-holder", "holder of the name sends a byte of urgent data", "receiver stops promptly")
+@fault("oob-greeting", "holder of the name sends a byte of urgent data", "receiver stops promptly")
 def stop_under_urgent(run: Run) -> Outcome:
     name = make_name()
     holder = start_peer("hold-urgently", name)
@@ -300,7 +300,7 @@ def judge_target(target: Path, count: int, figure: str) -> Outcome:
     return (OK if mode == 0o600 and count else FAILED), figure
 
 
-@fault("swapped-announcement",
+@fault("link-pipeline",
        "another user swaps a link in for a pipeline receiver's socket file",
        "mode of root's file unchanged")
 def swap_announced(run: Run) -> Outcome:
@@ -323,9 +323,9 @@ def words(ends: Counter) -> str:
     return ", ".join(f"{number} x {end}" for end, number in sorted(ends.items()))
 
 
-@fault("swapped-link", "another user swaps a link in for a sender's socket file",
+@fault("link", "another user swaps a link in for a sender's socket file",
        "mode of root's file unchanged; no abort", True)
-@fault("swapped-directory", "another user puts a directory in its place", "no abort", False)
+@fault("directory", "another user puts a directory in its place", "no abort", False)
 def swap_socket_files(run: Run, with_link: bool) -> Outcome:
     """Producers of the kit, and of the tool if there is one, start and end again and again."""
     if os.geteuid() != 0:

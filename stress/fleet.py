@@ -6,13 +6,10 @@ import itertools
 import mmap
 import os
 from pathlib import Path
-import random
-import shutil
 import signal
 import statistics
 import subprocess
 import sys
-import tempfile
 import time
 
 FRAME_MS = 10
@@ -63,7 +60,7 @@ class Process:
     """A child that never outlives this process."""
 
     def __init__(self, command: list[str], fds: tuple[int, ...] = ()) -> None:
-        self._output, self._errors = tempfile.TemporaryFile(), tempfile.TemporaryFile()
+        self._output, self._errors = os.memfd_create("output"), os.memfd_create("errors")
         verbose = "VLX_STRESS_LOG" in os.environ
         self._child = subprocess.Popen(
             command, stdin=subprocess.DEVNULL, stdout=self._output,
@@ -80,6 +77,10 @@ class Process:
         self._child.wait()
         if self in RUNNING:
             RUNNING.remove(self)
+
+    def __del__(self) -> None:
+        os.close(self._output)
+        os.close(self._errors)
 
     def is_running(self) -> bool:
         return self._child.poll() is None
@@ -100,11 +101,11 @@ class Process:
         return signal.Signals(-code).name if code < 0 else ENDS.get(code, f"exit {code}")
 
     def last_words(self) -> str:
-        return os.pread(self._errors.fileno(), 4096, 0).decode(errors="replace")
+        return os.pread(self._errors, 4096, 0).decode(errors="replace")
 
     def count(self) -> int:
         """What a misbehaving peer has done; it counts on its standard output."""
-        return int(os.pread(self._output.fileno(), 21, 0) or 0)
+        return int(os.pread(self._output, 21, 0) or 0)
 
     def handles(self) -> tuple[int, int]:
         """Numbers of descriptors and threads."""

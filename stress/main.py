@@ -102,7 +102,9 @@ def main() -> int:
             passed = endurance.run(endurance.QUICK if options.quick else endurance.FULL, tool)
         else:
             run = chaos.Run(options.minutes, fleet.PauseProbe(), directory, tool, options.lenient)
-            passed = chaos.run_faults(run, [name for name in chaos.FAULTS if options.only in name])
+            passed = chaos.run_faults(run, [
+                name for name in chaos.FAULTS
+                if options.only in (name if options.only not in chaos.FAULTS else [name])])
     except KeyboardInterrupt:
         print("stress: interrupted", file=sys.stderr)
         passed = False
