@@ -1,4 +1,6 @@
 #include "common/Program.hpp"
+#include "info/InfoCommand.hpp"
+#include "list/ListCommand.hpp"
 #include "receive/ReceiveCommand.hpp"
 #include "receive/ReceiveOptions.hpp"
 #include "send/SendCommand.hpp"
@@ -9,5 +11,6 @@ int main(int argc, char** argv)
     using namespace vlx::tool;
     return runProgram(
         argc, argv,
-        {makeSubcommand(addSendCommand, runSend), makeSubcommand(addReceiveCommand, runReceive)});
+        {makeSubcommand(addSendCommand, runSend), makeSubcommand(addReceiveCommand, runReceive),
+         makeSubcommand(addListCommand, runList), makeSubcommand(addInfoCommand, runInfo)});
 }

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include <vlxkit/Discovery.hpp>
+
+namespace vlx::tool
+{
+
+/// How long a sender is asked that is known to be there.
+inline constexpr std::chrono::milliseconds AnswerTimeout{500};
+
+/// @return a text of others as it can be shown: bytes that would move the cursor, as \xNN
+std::string toPrintable(const std::string& text);
+
+/// @return such as "S16LE 48000 Hz 2ch", or what else is known of the stream's codec
+std::string describeFormat(const kit::SenderProbe& probe);
+
+/// @return such as "sysclock", or "gstnetclock 10.0.0.1:8554"; empty without an answer
+std::string describeClock(const kit::SenderProbe& probe);
+
+/// @return what a probe has found out, for --json
+nlohmann::ordered_json toJson(const kit::SenderProbe& probe);
+
+/// Prints a JSON document and the end of the line to standard output. Bytes that are no UTF-8 are
+/// replaced.
+void printJson(const nlohmann::ordered_json& document, int indentation);
+
+} // namespace vlx::tool

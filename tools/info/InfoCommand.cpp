@@ -1,0 +1,102 @@
+#include "InfoCommand.hpp"
+
+#include <cstdio>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <vlxkit/Discovery.hpp>
+
+#include "common/ExitCodes.hpp"
+#include "common/SenderReport.hpp"
+
+namespace vlx::tool
+{
+
+namespace
+{
+
+std::string describeJoining(const kit::SenderProbe& probe)
+{
+    if (probe.mayJoin)
+        return "this user may join";
+    if (probe.socketFile.empty())
+        return "no: the main channel is none that a sender announces";
+    char mode[16] = "";
+    if (probe.socketFileMode != 0)
+        std::snprintf(mode, sizeof(mode), ", mode %03o", probe.socketFileMode & 0777U);
+    return "no: " + toPrintable(probe.socketFile) + mode +
+           "; at the sender: --socket-mode group or all";
+}
+
+void printLine(const char* label, const std::string& value)
+{
+    std::printf("%-10s %s\n", label, value.c_str());
+}
+
+void printText(const InfoOptions& options, const kit::SenderProbe& probe)
+{
+    const InitialInfo& info = *probe.initialInfo;
+    printLine("name", toPrintable(options.name));
+    printLine("version", std::to_string(info.version));
+    printLine("protocol", toString(info.nanomsgProtocol));
+    printLine("clock", describeClock(probe));
+    printLine("channel", toPrintable(info.nanomsgURI));
+    printLine("sequence", probe.sequenceNr ? std::to_string(*probe.sequenceNr) : "none yet");
+    printLine("format", describeFormat(probe));
+    printLine("joining", describeJoining(probe));
+}
+
+kit::SenderProbe probe(const InfoOptions& options)
+{
+    const auto timeout = options.timeout
+                             ? std::chrono::ceil<std::chrono::milliseconds>(*options.timeout)
+                             : AnswerTimeout;
+    kit::SenderProbe probe = kit::probeSender(options.name, timeout);
+    const std::string name = "\"" + toPrintable(options.name) + "\"";
+    if (!probe.reached)
+        throw CommandFailure(ExitCode::TimedOut, "no sender " + name);
+    if (probe.busy)
+        throw CommandFailure(ExitCode::TimedOut, name + " is stopped or busy: its backlog is full");
+    if (!probe.initialInfo)
+        throw CommandFailure(
+            ExitCode::TimedOut,
+            name + (probe.closedEarly ? " is held by somebody who is no sender"
+                                      : " does not answer: it is stopped, or no sender"));
+    return probe;
+}
+
+} // unnamed namespace
+
+CLI::App* addInfoCommand(CLI::App& program, InfoOptions& options)
+{
+    CLI::App* const command = program.add_subcommand(
+        "info", "Tell what a sender announces, and whether this user may join");
+    command->add_option("NAME", options.name, "The stream's name")
+        ->type_name("")
+        ->required()
+        ->check(checkStreamName);
+    command->add_flag("--json", options.json, "Print a JSON object");
+    addTimeoutOption(
+        *command, options.timeout, "Give up with exit code 3 without an answer by then");
+    addCommonOptions(*command, options.common);
+    return command;
+}
+
+int runInfo(const InfoOptions& options, StopSignal& /*stop*/)
+{
+    const kit::SenderProbe answer = probe(options);
+    if (options.json)
+    {
+        nlohmann::ordered_json json = {{"name", options.name}};
+        json.update(toJson(answer));
+        printJson(json, 2);
+    }
+    else
+    {
+        printText(options, answer);
+    }
+    return toInt(ExitCode::Done);
+}
+
+} // namespace vlx::tool

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+
+#include "common/CommonOptions.hpp"
+
+namespace vlx::tool
+{
+
+class StopSignal;
+
+struct InfoOptions
+{
+    std::string name;
+    bool json = false;
+    OptionalDuration timeout;
+    CommonOptions common;
+};
+
+CLI::App* addInfoCommand(CLI::App& program, InfoOptions& options);
+
+/// Prints what one sender tells its receivers.
+///
+/// @return the exit code
+int runInfo(const InfoOptions& options, StopSignal& stop);
+
+} // namespace vlx::tool

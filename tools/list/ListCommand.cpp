@@ -1,0 +1,155 @@
+#include "ListCommand.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <vlxkit/Discovery.hpp>
+
+#include "common/ExitCodes.hpp"
+#include "common/Messages.hpp"
+#include "common/SenderReport.hpp"
+#include "common/StopSignal.hpp"
+
+namespace vlx::tool
+{
+
+namespace
+{
+
+constexpr std::size_t NumColumns = 7;
+using Row = std::array<std::string, NumColumns>;
+
+constexpr std::array<bool, NumColumns> RightAligned = {false, true,  false, false,
+                                                       true,  false, false};
+
+struct Found
+{
+    kit::SenderEntry entry;
+    kit::SenderProbe probe;
+};
+
+Row makeRow(const Found& found)
+{
+    const auto& info = found.probe.initialInfo;
+    return {
+        toPrintable(found.entry.name),
+        std::to_string(found.entry.process),
+        toPrintable(found.entry.command),
+        info ? toString(info->nanomsgProtocol) : "",
+        std::to_string(found.entry.receivers),
+        describeFormat(found.probe),
+        describeClock(found.probe)};
+}
+
+void printTable(const std::vector<Found>& senders)
+{
+    std::vector<Row> rows = {
+        {"NAME", "PID", "PROGRAM", "PROTOCOL", "RECEIVERS", "FORMAT", "CLOCK"}};
+    std::transform(senders.begin(), senders.end(), std::back_inserter(rows), makeRow);
+
+    std::array<std::size_t, NumColumns> widths{};
+    for (const Row& row : rows)
+    {
+        for (std::size_t i = 0; i < NumColumns; ++i)
+            widths[i] = std::max(widths[i], row[i].size());
+    }
+    for (const Row& row : rows)
+    {
+        std::string line;
+        for (std::size_t i = 0; i < NumColumns; ++i)
+        {
+            const std::string padding(widths[i] - row[i].size(), ' ');
+            line += (i == 0 ? "" : "  ") + (RightAligned[i] ? padding + row[i] : row[i] + padding);
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        std::puts(line.c_str());
+    }
+}
+
+nlohmann::ordered_json makeObject(const Found& found)
+{
+    nlohmann::ordered_json json = {
+        {"name", found.entry.name},
+        {"process", found.entry.process},
+        {"program", found.entry.command},
+        {"user", found.entry.user},
+        {"receivers", found.entry.receivers}};
+    json.update(toJson(found.probe));
+    return json;
+}
+
+int clean()
+{
+    bool done = true;
+    for (const kit::DeadDirectory& directory : kit::removeDeadDirectories())
+    {
+        if (directory.problem.empty())
+            std::puts(("removed " + toPrintable(directory.path)).c_str());
+        else
+            printError(toPrintable(directory.path) + ": " + directory.problem);
+        done = done && directory.problem.empty();
+    }
+    return toInt(done ? ExitCode::Done : ExitCode::Failed);
+}
+
+void tellHidden(const std::vector<pid_t>& processes)
+{
+    if (processes.empty())
+        return;
+    std::string list;
+    for (const pid_t process : processes)
+        list += (list.empty() ? "" : ", ") + std::to_string(process);
+    printNotice("other users' senders, whose names only they and root may learn: process " + list);
+}
+
+} // unnamed namespace
+
+CLI::App* addListCommand(CLI::App& program, ListOptions& options)
+{
+    CLI::App* const command = program.add_subcommand(
+        "list", "List the senders of this machine, or clear up after dead ones");
+    command->add_flag("--json", options.json, "Print an array of JSON objects");
+    command->add_flag(
+        "--clean", options.clean, "Remove directories that dead senders have left, and say which");
+    addCommonOptions(*command, options.common);
+    return command;
+}
+
+int runList(const ListOptions& options, StopSignal& stop)
+{
+    if (options.clean)
+        return clean();
+
+    const kit::SenderList list = kit::listSenders();
+    std::vector<Found> senders;
+    for (const kit::SenderEntry& entry : list.senders)
+    {
+        senders.push_back({entry, kit::probeSender(entry.name, AnswerTimeout)});
+        if (stop.isRequested())
+            return toExitCode(stop.getSignalNumber());
+    }
+    if (options.json)
+    {
+        nlohmann::ordered_json array = nlohmann::ordered_json::array();
+        std::transform(senders.begin(), senders.end(), std::back_inserter(array), makeObject);
+        printJson(array, 2);
+    }
+    else if (!senders.empty())
+    {
+        printTable(senders);
+    }
+    else
+    {
+        printNotice("no sender on this machine");
+    }
+    tellHidden(list.hidden);
+    return toInt(ExitCode::Done);
+}
+
+} // namespace vlx::tool

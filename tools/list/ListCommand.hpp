@@ -1,0 +1,24 @@
+#pragma once
+
+#include "common/CommonOptions.hpp"
+
+namespace vlx::tool
+{
+
+class StopSignal;
+
+struct ListOptions
+{
+    bool json = false;
+    bool clean = false;
+    CommonOptions common;
+};
+
+CLI::App* addListCommand(CLI::App& program, ListOptions& options);
+
+/// Prints the senders of this machine, or removes what dead ones have left.
+///
+/// @return the exit code
+int runList(const ListOptions& options, StopSignal& stop);
+
+} // namespace vlx::tool
