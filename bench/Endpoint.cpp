@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <ctime>
@@ -27,47 +28,15 @@
 
 namespace vlx::bench
 {
-namespace
-{
-
-using nlohmann::json;
-
-constexpr std::uint64_t NsPerSecond = 1'000'000'000;
-constexpr std::uint64_t NsPerMs = 1'000'000;
-constexpr std::uint64_t SettleNs = 20 * NsPerMs;
-constexpr std::uint64_t Never = std::numeric_limits<std::uint64_t>::max();
-constexpr std::uint32_t EndFrames = 20;
-constexpr std::uint32_t MaxFloodFrames = 8'000'000;
-
-struct Plan
-{
-    std::string role; // "send" or "receive"
-    std::string name;
-    std::string directory;
-    std::string variant;
-    std::size_t bytes = 0;   // of media data in each frame
-    std::uint16_t epoch = 1; // which of several senders in a row
-    std::uint64_t rate = 0;  // frames a second
-    std::uint32_t warm_up = 0;
-    std::uint32_t frames = 0;   // 0: flood
-    std::uint64_t flood_ms = 0; // length of the flood
-    std::size_t objects = 1;    // receivers in this process
-    bool dry = false;           // sender: pace and stamp, but send nothing
-
-    Link getLink() const
-    {
-        return {name, directory, variant, bytes};
-    }
-};
 
 // clang-format off: one name in a line would be a page
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(
     Plan,
-    role,
     name,
     directory,
     variant,
     bytes,
+    role,
     epoch,
     rate,
     warm_up,
@@ -76,6 +45,20 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(
     objects,
     dry)
 // clang-format on
+
+namespace
+{
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+
+constexpr std::uint64_t NsPerSecond = 1'000'000'000;
+constexpr std::uint64_t NsPerMs = 1'000'000;
+constexpr std::uint64_t NsPerClock = NsPerSecond / CLOCKS_PER_SEC;
+constexpr std::uint64_t SettleNs = 20 * NsPerMs;
+constexpr std::uint64_t Never = std::numeric_limits<std::uint64_t>::max();
+constexpr std::uint32_t EndFrames = 20;
+constexpr std::uint32_t MaxFloodFrames = 8'000'000;
 
 enum class Phase : std::uint16_t
 {
@@ -94,28 +77,16 @@ struct FrameTag
     std::uint32_t index; // within the phase, from 0
 };
 
-std::uint64_t readClockNs(clockid_t clock)
-{
-    timespec now{};
-    clock_gettime(clock, &now);
-    return static_cast<std::uint64_t>(now.tv_sec) * NsPerSecond +
-           static_cast<std::uint64_t>(now.tv_nsec);
-}
+using Clock = std::chrono::steady_clock; // that all processes of the machine share
 
-// On the clock that all processes of the machine share.
 std::uint64_t nowNs()
 {
-    return readClockNs(CLOCK_MONOTONIC);
+    return static_cast<std::uint64_t>(Clock::now().time_since_epoch() / 1ns);
 }
 
 void sleepUntilNs(std::uint64_t deadlineNs)
 {
-    timespec deadline{};
-    deadline.tv_sec = static_cast<time_t>(deadlineNs / NsPerSecond);
-    deadline.tv_nsec = static_cast<long>(deadlineNs % NsPerSecond);
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) != 0)
-    {
-    }
+    std::this_thread::sleep_until(Clock::time_point(std::chrono::nanoseconds(deadlineNs)));
 }
 
 void say(const std::string& line)
@@ -134,7 +105,7 @@ struct Usage
 
     static Usage now()
     {
-        return {nowNs(), readClockNs(CLOCK_PROCESS_CPUTIME_ID), countAllocations()};
+        return {nowNs(), static_cast<std::uint64_t>(std::clock()) * NsPerClock, allocationCount};
     }
 
     json since(const Usage& begin) const
@@ -159,7 +130,7 @@ public:
     bool open()
     {
         const std::uint64_t calledNs = nowNs();
-        m_send = openStream(m_plan.getLink());
+        m_send = openStream(m_plan);
         if (!m_send)
             return false;
         m_prober = std::thread([this] { sendRun(Phase::Probe, MaxFloodFrames, NsPerMs); });
@@ -207,9 +178,8 @@ private:
             if (phase == Phase::Probe && !m_probing)
                 break;
             sendFrame(phase, index++);
-            dueNs = std::max(dueNs + periodNs, nowNs());
             if (periodNs > 0)
-                sleepUntilNs(dueNs);
+                sleepUntilNs(dueNs = std::max(dueNs + periodNs, nowNs()));
         }
         return index;
     }
@@ -267,8 +237,13 @@ public:
             if (++m_progress.firsts % m_progress.objects == 0)
                 say("first " + std::to_string(tag.epoch) + " " + std::to_string(arrivedNs));
         }
-        if (tag.phase == Phase::Measure && !m_ended)
-            record(sentNs, arrivedNs);
+        if (tag.phase == Phase::Measure && !m_ended && m_agesUs.size() < m_agesUs.capacity())
+        {
+            if (m_agesUs.empty())
+                m_begin = Usage::now();
+            m_lastNs = arrivedNs;
+            m_agesUs.push_back(static_cast<double>(arrivedNs - sentNs) / 1000);
+        }
         else if (tag.phase == Phase::End && !m_ended)
         {
             m_end = Usage::now();
@@ -301,15 +276,6 @@ public:
     }
 
 private:
-    void record(std::uint64_t sentNs, std::uint64_t arrivedNs)
-    {
-        if (m_agesUs.empty())
-            m_begin = Usage::now();
-        m_lastNs = arrivedNs;
-        if (m_agesUs.size() < m_agesUs.capacity())
-            m_agesUs.push_back(static_cast<double>(arrivedNs - sentNs) / 1000);
-    }
-
     std::size_t m_mediaBytes;
     Progress& m_progress;
     std::vector<double> m_agesUs;
@@ -344,7 +310,7 @@ int runReceiver(const Plan& plan)
     {
         Recorder& recorder = recorders.emplace_back(plan, progress);
         if (!startReceiving(
-                plan.getLink(),
+                plan,
                 [&recorder](std::uint64_t sentNs, Bytes media) { recorder.take(sentNs, media); }))
             return 1;
     }

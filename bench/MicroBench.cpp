@@ -29,26 +29,25 @@ template <typename Operation>
 void measure(benchmark::State& state, Operation operation)
 {
     operation(); // buffers have their size from here on
-    const std::uint64_t before = countAllocations();
+    const std::uint64_t before = allocationCount.load();
     for (auto _ : state)
         operation();
-    const auto iterations = static_cast<double>(state.iterations());
-    state.counters["allocations"] = static_cast<double>(countAllocations() - before) / iterations;
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * state.range(0));
+    const auto count = static_cast<double>(allocationCount.load() - before);
+    state.counters["allocations"] = count / static_cast<double>(state.iterations());
+    state.SetBytesProcessed(state.iterations() * state.range(0));
 }
 
 void copyMedia(benchmark::State& state)
 {
     const Buffer media = makeMedia(state);
     Buffer packet(media.size());
-    measure(
-        state,
-        [&]
-        {
-            benchmark::DoNotOptimize(packet.data());
-            std::memcpy(packet.data(), media.data(), media.size());
-            benchmark::ClobberMemory();
-        });
+    const auto run = [&]
+    {
+        benchmark::DoNotOptimize(packet.data());
+        std::memcpy(packet.data(), media.data(), media.size());
+        benchmark::ClobberMemory();
+    };
+    measure(state, run);
 }
 
 void produceFrame(benchmark::State& state)
@@ -56,13 +55,12 @@ void produceFrame(benchmark::State& state)
     const Buffer media = makeMedia(state);
     PcmPayloader payloader;
     Buffer packet;
-    measure(
-        state,
-        [&]
-        {
-            payloader.produceFramePacket(packet, SequenceNr, 1, FrameDurationNs, media);
-            benchmark::ClobberMemory();
-        });
+    const auto run = [&]
+    {
+        payloader.produceFramePacket(packet, SequenceNr, 1, FrameDurationNs, media);
+        benchmark::ClobberMemory();
+    };
+    measure(state, run);
 }
 
 void consumeFrame(benchmark::State& state)
@@ -76,14 +74,13 @@ void consumeFrame(benchmark::State& state)
     list.addDepayloader(depayloader);
     list.consumePacket(packet);
     payloader.produceFramePacket(packet, SequenceNr, 1, FrameDurationNs, makeMedia(state));
-    measure(
-        state,
-        [&]
-        {
-            if (list.consumePacket(packet) != DepayloaderList::ConsumePacketRetcode::Ok)
-                state.SkipWithError("packet refused");
-            benchmark::DoNotOptimize(list.getCurrentFrameMediaData().data());
-        });
+    const auto run = [&]
+    {
+        if (list.consumePacket(packet) != DepayloaderList::ConsumePacketRetcode::Ok)
+            state.SkipWithError("packet refused");
+        benchmark::DoNotOptimize(list.getCurrentFrameMediaData().data());
+    };
+    measure(state, run);
 }
 
 // Before the main function, which is Google Benchmark's.

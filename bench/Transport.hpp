@@ -17,13 +17,27 @@ namespace vlx::bench
 
 using Bytes = std::span<const std::uint8_t>;
 
-/// Where both ends meet, and how the adapter is to be set up.
-struct Link
+/// What an end is to do. Adapters need the first four.
+struct Plan
 {
-    std::string name;       ///< unique per session; part of socket names and file names
-    std::string directory;  ///< private to the run; short, without a slash at the end
-    std::string variant;    ///< adapter's own: which set of options; empty for defaults
-    std::size_t mediaBytes; ///< size of each frame's media data
+    std::string name;        ///< unique per session; part of socket names and file names
+    std::string directory;   ///< private to the run; short, without a slash at the end
+    std::string variant;     ///< adapter's own: which set of options; empty for defaults
+    std::size_t bytes = 0;   ///< of media data in each frame
+    std::string role;        ///< "send" or "receive"
+    std::uint16_t epoch = 1; ///< which of several senders in a row
+    std::uint64_t rate = 0;  ///< frames a second
+    std::uint32_t warm_up = 0;
+    std::uint32_t frames = 0;   ///< 0: flood
+    std::uint64_t flood_ms = 0; ///< length of the flood
+    std::size_t objects = 1;    ///< receivers in this process
+    bool dry = false;           ///< sender: pace and stamp, but send nothing
+
+    /// @return where both ends meet, for those who meet in the file system
+    std::string getPath(const std::string& suffix) const
+    {
+        return directory + "/" + name + suffix;
+    }
 };
 
 /// In front of the media data in a packet. As long as the header of our Frame packet, so that every
@@ -45,11 +59,11 @@ using FrameHandler = std::function<void(std::uint64_t, Bytes)>;
 
 /// Makes the stream reachable; returns without waiting for receivers.
 /// @return its destruction closes the stream; empty after a message on standard error
-SendFrame openStream(const Link& link);
+SendFrame openStream(const Plan& plan);
 
 /// Starts to receive on one thread until the process ends, and returns.
 /// @return false after a message on standard error
-bool startReceiving(const Link& link, FrameHandler handler);
+bool startReceiving(const Plan& plan, FrameHandler handler);
 
 /// Hands over a packet that has arrived whole.
 inline void deliverPacket(const FrameHandler& handler, const void* data, std::size_t size)

@@ -60,12 +60,28 @@ class Row:
         """One repetition. None if the processes do not work; a receiver that never gets a frame is
         a result."""
         with ExitStack() as senders:
-            record = (self._measure_join(senders) if self._scenario.gap_s is None
-                      else self._measure_rejoin(senders))
+            record = self._measure(senders, self._scenario.gap_s)
         if record is None or "never" in record:
             self.drop_receiver()  # the next repetition begins with a new one
         self._sender_end = time.monotonic()
         return record
+
+    def _measure(self, senders: ExitStack, gap_s: float | None) -> Record | None:
+        self._need_receiver()
+        victim = None if gap_s is None else self._prepare_victim(senders)
+        sender = self._start_sender(senders, self._transport.variant)
+        if gap_s is None:
+            # The receiver is known to wait: it has lost the last sender, its retry is anywhere.
+            waiting = max(self._sender_end + SILENCE_S, time.monotonic())
+            sleep_until(waiting + random.uniform(0, RETRY_S))
+            return self._open(sender)
+        if not victim:
+            return None
+        time.sleep(SILENCE_S)
+        kill_ns = time.monotonic_ns()
+        victim.kill()
+        sleep_until(kill_ns / 1e9 + gap_s)
+        return self._open(sender, kill_ns)
 
     def drop_receiver(self) -> None:
         if self._receiver:
@@ -109,25 +125,6 @@ class Row:
         if kill_ns is not None:
             record["kill_ms"] = (first_ns - kill_ns) / 1e6
         return {**record, "open_ms": (first_ns - int(called)) / 1e6}
-
-    def _measure_join(self, senders: ExitStack) -> Record | None:
-        """The receiver is known to wait: it has lost the last sender, and its retry is anywhere."""
-        self._need_receiver()
-        sender = self._start_sender(senders, self._transport.variant)
-        waiting = max(self._sender_end + SILENCE_S, time.monotonic())
-        sleep_until(waiting + random.uniform(0, RETRY_S))
-        return self._open(sender)
-
-    def _measure_rejoin(self, senders: ExitStack) -> Record | None:
-        victim = self._prepare_victim(senders)
-        if not victim:
-            return None
-        successor = self._start_sender(senders, self._transport.variant)
-        time.sleep(SILENCE_S)
-        kill_ns = time.monotonic_ns()
-        victim.kill()
-        sleep_until(kill_ns / 1e9 + self._scenario.gap_s)
-        return self._open(successor, kill_ns)
 
     def _prepare_victim(self, senders: ExitStack) -> Endpoint | None:
         """A sender with a receiver that gets its frames; not measured, so as quickly as possible."""

@@ -1,16 +1,15 @@
 """What is measured: one function for each question, and the order in which its transports take
 turns."""
 
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 import json
 import math
 import os
 from pathlib import Path
 import subprocess
-import sys
 
 from figures import Record
-from session import BusyLoops, Plan, measure_pacing_us, run_session
+from session import BusyLoops, Plan, run_session
 from tables import MANY_OBJECTS
 import transports as t
 
@@ -55,14 +54,13 @@ class Campaign:
 
     def select(self, ids: list[str]) -> list[t.Transport]:
         """Those that are wanted and can run, in the order of the tables; the others are named."""
-        wanted = [each for each in t.ALL.values()
-                  if each.id in ids and each.id in (self.only or ids)]
-        obstacles = {each.id: t.obstacle(self.build, each) for each in wanted}
-        for each in wanted:
-            if obstacles[each.id] and each.id not in self._left_out:
+        obstacles = {each: t.obstacle(self.build, each) for each in t.ALL.values()
+                     if each.id in ids and each.id in (self.only or ids)}
+        for each in [each for each, obstacle in obstacles.items() if obstacle]:
+            if each.id not in self._left_out:
+                print(f"{each.label} is left out: {obstacles[each]}")
                 self._left_out.add(each.id)
-                print(f"{each.label} is left out: {obstacles[each.id]}")
-        return [each for each in wanted if not obstacles[each.id]]
+        return [each for each, obstacle in obstacles.items() if not obstacle]
 
     def measure_round(self, transports: list[t.Transport], plan: Plan, turn: int) -> None:
         """Each round begins one further, so that nobody is always measured behind the same
@@ -82,8 +80,9 @@ def measure_age(campaign: Campaign) -> None:
     for turn in range(rounds + further):
         plan = Plan(frames=frames, warm_up=warm_up)
         # What the sender's process costs without sending is part of every cost.
-        pacing = measure_pacing_us(campaign.build, everybody[0], campaign.directory, plan)
-        campaign.add(pacing and {"pacing_cpu_us": pacing}, round=turn)
+        dry = run_session(campaign.build, everybody[0], campaign.directory,
+                          replace(plan, dry=True, receivers=0))
+        campaign.add(dry and {"pacing_cpu_us": dry["sender_cpu_us"]}, round=turn)
         if turn >= rounds:
             campaign.measure_round(compared, plan, turn)
             continue
@@ -135,20 +134,14 @@ def measure_micro(campaign: Campaign) -> None:
         return
     seconds, rounds = campaign.choose(full=0.1, quick=0.02), 5
     campaign.begin(f"at least {seconds} s each, {rounds} rounds interleaved")
-    output = campaign.directory / "micro.json"
     done = subprocess.run(
         [program, f"--benchmark_min_time={seconds}", f"--benchmark_repetitions={rounds}",
-         "--benchmark_enable_random_interleaving=true", "--benchmark_out_format=json",
-         f"--benchmark_out={output}"], capture_output=True, text=True, check=False)
-    if done.returncode != 0:
-        print(done.stderr, file=sys.stderr)
-        campaign.add(None)
-        return
-    for run in json.loads(output.read_text())["benchmarks"]:
-        operation, size = run["name"].split("/")[:2]
-        if run.get("error_occurred"):
-            campaign.add(None)
-        elif run["run_type"] == "iteration":
-            campaign.add({"operation": operation, "bytes": int(size), "ns": run["real_time"],
-                          "bytes_per_s": run["bytes_per_second"],
-                          "allocations": run["allocations"], "round": run["repetition_index"]})
+         "--benchmark_enable_random_interleaving=true", "--benchmark_format=json"],
+        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True)
+    for run in json.loads(done.stdout)["benchmarks"]:
+        if run["run_type"] == "iteration":
+            operation, size = run["name"].split("/")[:2]
+            campaign.add(None if run.get("error_occurred") else {
+                "operation": operation, "bytes": int(size), "round": run["repetition_index"],
+                "ns": run["real_time"], "bytes_per_s": run["bytes_per_second"],
+                "allocations": run["allocations"]})

@@ -32,27 +32,19 @@ def describe_net_cost(records: list[Record]) -> str:
             f"nanomsg {format_ratio(quotient(ours, raw))}.")
 
 
-def make_fields(data: Data) -> dict[str, str]:
-    fields = {
-        "TRANSPORTS": describe_transports(),
-        "TARGETS": target_table(data).to_markdown(),
-        "FINDINGS": (HERE / "findings.md").read_text(),
-        "NET_COST": describe_net_cost(data["age"]),
-        "ALLOCATIONS": tables.allocation_table(data["age"]).to_markdown(),
-        "MEMORY": tables.memory_table(data["fanout"]).to_markdown(),
-    }
+def write_summary(data: Data, output: Path) -> None:
+    fields = {"TRANSPORTS": describe_transports(), "NET_COST": describe_net_cost(data["age"]),
+              "FINDINGS": (HERE / "findings.md").read_text(),
+              "TARGETS": target_table(data).to_markdown(),
+              "ALLOCATIONS": tables.allocation_table(data["age"]).to_markdown(),
+              "MEMORY": tables.memory_table(data["fanout"]).to_markdown()}
     for question, caption in PICTURES.items():
-        mark = question.upper()
-        table = getattr(tables, f"{question}_table")
+        mark, table = question.upper(), getattr(tables, f"{question}_table")
         fields[f"{mark}_SETUP"] = next(iter(distinct(data[question], "setup")), "not measured")
         fields[f"{mark}_PICTURE"] = f"![{caption}](benchmarks/{question}.svg)"
         fields[mark] = table(data[question]).to_markdown()
-    return {mark: text.strip() for mark, text in fields.items()}
-
-
-def write_summary(data: Data, output: Path) -> None:
     text = (HERE / "summary.md").read_text()
-    for mark, value in make_fields(data).items():
-        text = text.replace(f"@{mark}@", value)
+    for mark, value in fields.items():
+        text = text.replace(f"@{mark}@", value.strip())
     output.parent.mkdir(parents=True, exist_ok=True)
     output.write_text(text)

@@ -1,7 +1,7 @@
 """One measurement: a sender and its receivers, each in a process of its own, driven by lines."""
 
 from contextlib import ExitStack
-from dataclasses import asdict, dataclass, replace
+from dataclasses import asdict, dataclass
 import itertools
 import json
 import os
@@ -137,8 +137,7 @@ def run_session(build: Path, transport: Transport, directory: Path, plan: Plan) 
     for attempt in (1, 2):
         record = _try_session(build, transport, directory, plan)
         if record:
-            return {**record, "transport": transport.id, "bytes": plan.bytes,
-                    "receivers": plan.receivers, "objects": plan.objects, "attempt": attempt}
+            return {"transport": transport.id, "attempt": attempt, **asdict(plan), **record}
         print(f"{transport.label}: session failed, attempt {attempt}", file=sys.stderr)
     return None
 
@@ -165,7 +164,7 @@ def _try_session(build: Path, transport: Transport, directory: Path, plan: Plan)
     if sent is None or None in results:
         return None
     objects = [one for result in results for one in json.loads(result)]
-    return {**_flatten(json.loads(sent), objects, plan), "pss_kib": sum(memory) / len(memory)}
+    return {**_flatten(json.loads(sent), objects, plan), "pss_kib": median(memory)}
 
 
 def _flatten(sender: Record, receivers: list[Record], plan: Plan) -> Record:
@@ -181,27 +180,15 @@ def _flatten(sender: Record, receivers: list[Record], plan: Plan) -> Record:
     receiver_us = total("cpu_ns") / plan.objects / 1000
     return {
         "sent": sent, "received": received, "corrupt": total("corrupt"),
-        "lost_pct": 100 * (1 - received / (sent * len(receivers))),
+        "lost_pct": 100 * (1 - quotient(received, sent * len(receivers))),
         "offered_per_s": sent * 1e9 / sender["wall_ns"],
         "delivered_per_s": quotient(middle("received") * 1e9, middle("span_ns")),
         "sender_cpu_us": sender_us / sent,
-        "sender_cpu_per_receiver_us": sender_us / sent / plan.receivers,
+        "sender_cpu_per_receiver_us": quotient(sender_us / sent, plan.receivers),
         "receiver_cpu_us": quotient(receiver_us, received),
         "cpu_us": sender_us / sent + quotient(receiver_us, received),
         "delivered_cpu_us": quotient(sender_us + receiver_us, received),
         "sender_allocations": sender["allocations"] / sent,
         "receiver_allocations": quotient(total("allocations") / plan.objects, received),
-        "worst_p99_us": max(one.get("p99_us", 0) for one in receivers),
+        "worst_p99_us": max((one.get("p99_us", 0) for one in receivers), default=0),
         **{key: middle(key) for key in AGES}}
-
-
-def measure_pacing_us(build: Path, transport: Transport, directory: Path,
-                      plan: Plan) -> float | None:
-    """What a sender's process costs in us per frame without sending anything."""
-    dry = replace(plan, dry=True)
-    with Endpoint(build, "send", transport, directory, make_name(), dry) as sender:
-        if sender.ask("open", "opened") is None:
-            return None
-        line = sender.ask("go", "result")
-    result = json.loads(line) if line else {}
-    return result and result["cpu_ns"] / 1000 / result["sent"]

@@ -93,18 +93,14 @@ TARGETS = [
     ("fan-out", OURS, "% lost, up to 32 receivers, worst round", "at most", 0, _fanout_loss, RAW),
     ("fan-out", OURS, "sender CPU per receiver at 32 of that at 1", "at most", 1.2, _cost_of_many,
      RAW),
-    ("join, bell, idle", OURS, "p50 ms", "under", 3, _join("join", "open_ms", 0.50)),
-    ("join, bell, idle", OURS, "p99 ms", "under", 20, _join("join", "open_ms", 0.99)),
-    ("join, bell, busy core", OURS, "p50 ms", "under", 3,
-     _join("join, busy core", "open_ms", 0.50)),
-    ("join, bell, busy core", OURS, "p99 ms", "under", 20,
-     _join("join, busy core", "open_ms", 0.99)),
+    *[(f"join, bell, {name}", OURS, f"p{share:.0%}"[:-1] + " ms", "under", limit,
+       _join(case, "open_ms", share))
+      for name, case in (("idle", "join"), ("busy core", "join, busy core"))
+      for share, limit in ((0.50, 3), (0.99, 20))],
     ("rejoin, bell, gap 0", OURS, "p50 ms after the kill", "at most", 60,
      _join("rejoin, gap 0", "kill_ms", 0.50)),
-    ("rejoin, bell, gap 100 ms", OURS, "p50 ms after the call", "under", 10,
-     _join("rejoin, gap 100 ms", "open_ms", 0.50)),
-    ("rejoin, bell, gap 1000 ms", OURS, "p50 ms after the call", "under", 10,
-     _join("rejoin, gap 1000 ms", "open_ms", 0.50)),
+    *[(f"rejoin, bell, {gap}", OURS, "p50 ms after the call", "under", 10,
+       _join(f"rejoin, {gap}", "open_ms", 0.50)) for gap in ("gap 100 ms", "gap 1000 ms")],
 ]
 
 

@@ -29,11 +29,9 @@ ALL = {each.id: each for each in [
     Transport(KIT_RT, "kit, real-time", "kit", "rt", "#f2cf9a",
               "the same with real-time scheduling on both sides"),
     Transport(RAW, "nanomsg, our options", "nanomsg", "same", "#1f4e79",
-              "NN_SNDBUF 1, NN_RCVBUF 1, NN_RCVMAXSIZE -1, NN_DONTWAIT, NN_MSG: the limit of the "
-              "design"),
+              "NN_SNDBUF 1, NN_RCVBUF 1, NN_RCVMAXSIZE -1, NN_DONTWAIT, NN_MSG: the design's limit"),
     Transport(POLLS, "nanomsg, our polls", "nanomsg", "polls", "#6d9dc5",
-              "as before, and polls of as many descriptors and with the time-out of ours: what "
-              "waiting costs"),
+              "as before, with as many descriptors and the time-out of ours: what waiting costs"),
     Transport(NANOMSG, "nanomsg", "nanomsg", "", "#b4cde0", "default buffers; NN_RCVMAXSIZE -1"),
     Transport(ZMQ, "ZeroMQ", "zmq", "", "#4f7f52", "defaults"),
     Transport(ZMQ_TUNED, "ZeroMQ tuned", "zmq", "tuned", "#a6c9a3",
@@ -42,8 +40,7 @@ ALL = {each.id: each for each in [
     Transport(NNG_TUNED, "nng tuned", "nng", "tuned", "#c6bad8",
               "NNG_OPT_SENDBUF 1, NNG_OPT_RECVBUF 1, newest preferred (its default)"),
     Transport(UNIX, "Unix socket", "unix", "", "#3a3a3a",
-              "stream socket, size in the header, blocking writes to each reader: the limit of the "
-              "kernel"),
+              "stream socket, blocking writes to each reader: the limit of the kernel"),
     Transport(GST_SHM, "GStreamer shm", "gst", "shm", "#8c7a5b",
               "appsrc ! shmsink and shmsrc ! appsink, sync=false, queues of one buffer"),
     Transport(GST_OURS, "GStreamer vlx", "gst", "vlx", "#c9b98f",
@@ -72,10 +69,9 @@ def obstacle(build: Path, transport: Transport) -> str:
 
 
 def may_run_in_real_time() -> bool:
-    before = os.sched_getscheduler(0), os.sched_getparam(0)
     try:
         os.sched_setscheduler(0, os.SCHED_RR, os.sched_param(10))
     except PermissionError:
         return False
-    os.sched_setscheduler(0, *before)
+    os.sched_setscheduler(0, os.SCHED_OTHER, os.sched_param(0))
     return True

@@ -18,23 +18,21 @@ namespace
 
 constexpr GstClockTime BufferDurationNs = 1'000'000;
 
-std::string describeSender(const Link& link)
+std::string describeSender(const Plan& plan)
 {
-    const bool ours = link.variant == "vlx";
+    const bool ours = plan.variant == "vlx";
     return std::string("appsrc name=end format=time block=true max-buffers=1 ") +
            (ours ? "is-live=true do-timestamp=true caps=audio/x-raw,format=S16LE,rate=48000,"
                    "channels=2,layout=interleaved ! vlxsink socket-name=" +
-                       link.name
-                 : "! shmsink wait-for-connection=false socket-path=" + link.directory + "/" +
-                       link.name + ".shm") +
+                       plan.name
+                 : "! shmsink wait-for-connection=false socket-path=" + plan.getPath(".shm")) +
            " sync=false async=false enable-last-sample=false";
 }
 
-std::string describeReceiver(const Link& link)
+std::string describeReceiver(const Plan& plan)
 {
-    return (link.variant == "vlx"
-                ? "vlxsrc socket-name=" + link.name
-                : "shmsrc is-live=true socket-path=" + link.directory + "/" + link.name + ".shm") +
+    return (plan.variant == "vlx" ? "vlxsrc socket-name=" + plan.name
+                                  : "shmsrc is-live=true socket-path=" + plan.getPath(".shm")) +
            " ! appsink name=end sync=false max-buffers=1 enable-last-sample=false";
 }
 
@@ -90,9 +88,9 @@ GstFlowReturn onSample(GstAppSink* sink, gpointer handler)
 
 } // namespace
 
-SendFrame openStream(const Link& link)
+SendFrame openStream(const Plan& plan)
 {
-    const Element pipeline = parsePipeline(describeSender(link));
+    const Element pipeline = parsePipeline(describeSender(plan));
     if (!pipeline || !play(pipeline))
         return {};
     return [pipeline, input = GST_APP_SRC(getEnd(pipeline))](std::uint64_t, Bytes packet)
@@ -104,12 +102,12 @@ SendFrame openStream(const Link& link)
     };
 }
 
-bool startReceiving(const Link& link, FrameHandler handler)
+bool startReceiving(const Plan& plan, FrameHandler handler)
 {
     // Both last as long as the process.
     static std::vector<Element> pipelines;
     auto* const kept = new FrameHandler(std::move(handler));
-    const Element pipeline = parsePipeline(describeReceiver(link));
+    const Element pipeline = parsePipeline(describeReceiver(plan));
     if (!pipeline)
         return false;
     pipelines.push_back(pipeline);

@@ -19,25 +19,25 @@ constexpr TimeValue FrameDurationNs = 1'000'000;
 // Before the main function, so that no join waits for it.
 const kit::Logging LogOnStandardError(kit::LogLevel::Error);
 
-kit::RealTime chooseScheduling(const Link& link)
+kit::RealTime chooseScheduling(const Plan& plan)
 {
-    return {link.variant == "rt" ? kit::RealTimeUse::Require : kit::RealTimeUse::Off};
+    return {plan.variant == "rt" ? kit::RealTimeUse::Require : kit::RealTimeUse::Off};
 }
 
 // Makes the options of a producer or a consumer.
 template <typename Options>
-Options makeOptions(const Link& link)
+Options makeOptions(const Plan& plan)
 {
     Options options;
-    options.name = link.name;
-    options.realTime = chooseScheduling(link);
+    options.name = plan.name;
+    options.realTime = chooseScheduling(plan);
     return options;
 }
 
 struct SendingSide
 {
-    explicit SendingSide(const Link& link)
-        : scope(chooseScheduling(link)), producer(makeOptions<kit::ProducerOptions>(link))
+    explicit SendingSide(const Plan& plan)
+        : scope(chooseScheduling(plan)), producer(makeOptions<kit::ProducerOptions>(plan))
     {
     }
 
@@ -47,9 +47,9 @@ struct SendingSide
 
 } // namespace
 
-SendFrame openStream(const Link& link)
+SendFrame openStream(const Plan& plan)
 {
-    const auto side = std::make_shared<SendingSide>(link);
+    const auto side = std::make_shared<SendingSide>(plan);
     if (!check(
             side->producer.open(kit::StreamFormat{}), "open", side->producer.getProblem().c_str()))
         return {};
@@ -57,13 +57,13 @@ SendFrame openStream(const Link& link)
     { side->producer.send(timestampNs, FrameDurationNs, packet.subspan(sizeof(PacketHeader))); };
 }
 
-bool startReceiving(const Link& link, FrameHandler handler)
+bool startReceiving(const Plan& plan, FrameHandler handler)
 {
     kit::ConsumerCallbacks callbacks;
     callbacks.onFrame = [handler = std::move(handler)](const kit::Frame& frame)
     { handler(frame.timestamp, frame.data); };
     auto* const consumer = // as long as the process
-        new kit::Consumer(makeOptions<kit::ConsumerOptions>(link), std::move(callbacks));
+        new kit::Consumer(makeOptions<kit::ConsumerOptions>(plan), std::move(callbacks));
     return check(consumer->start(), "start", consumer->getProblem().c_str());
 }
 

@@ -22,6 +22,7 @@ namespace
 constexpr int SmallestBuffer = 1;
 constexpr int NoSizeLimit = -1;
 constexpr int OurTimeoutMs = 50;
+constexpr int IdlePipe = -1; // in place of a socket's domain
 
 bool checkNanomsg(bool ok, const char* call)
 {
@@ -34,48 +35,37 @@ bool setOption(int socket, int option, int value)
         nn_setsockopt(socket, NN_SOL_SOCKET, option, &value, sizeof value) == 0, "nn_setsockopt");
 }
 
-std::string makeUri(const Link& link)
-{
-    return "ipc://" + link.directory + "/" + link.name + ".ipc";
-}
-
 // What a poll watches: nanomsg's descriptor, and in variant "polls" descriptors on which nothing
 // ever happens, as it is with our wakeup pipes and sidechannel while frames flow.
-class WaitSet
+struct WaitSet
 {
-public:
+    std::vector<pollfd> entries;
+    int timeoutMs = -1;
+
     // nanomsg's own descriptor: NN_SNDFD or NN_RCVFD.
     bool watch(int socket, int option)
     {
-        int fd = -1; // owned by nanomsg
-        std::size_t size = sizeof fd;
-        const bool ok = nn_getsockopt(socket, NN_SOL_SOCKET, option, &fd, &size) == 0;
-        m_entries.push_back({fd, POLLIN, 0});
-        return checkNanomsg(ok, "nn_getsockopt");
+        std::size_t size = sizeof(int);
+        pollfd& entry = entries.emplace_back(pollfd{-1, POLLIN, 0});
+        return checkNanomsg(
+            nn_getsockopt(socket, NN_SOL_SOCKET, option, &entry.fd, &size) == 0, "nn_getsockopt");
     }
 
-    // Takes what pipe() or socketpair() has made; open as long as the process lives.
-    void watchIdle(int result, const int (&ends)[2])
+    // Open as long as the process lives.
+    void watchIdle(int domain)
     {
-        if (result == 0)
-            m_entries.push_back({ends[0], POLLIN, 0});
-    }
-
-    void setTimeout(int timeoutMs)
-    {
-        m_timeoutMs = timeoutMs;
+        int ends[2] = {-1, -1}; // poll() passes over these
+        if (domain == IdlePipe ? pipe(ends) : socketpair(domain, SOCK_STREAM, 0, ends))
+            std::perror("pipe or socketpair");
+        entries.push_back({ends[0], POLLIN, 0});
     }
 
     void wait()
     {
-        while (poll(m_entries.data(), m_entries.size(), m_timeoutMs) <= 0)
+        while (poll(entries.data(), entries.size(), timeoutMs) <= 0)
         {
         }
     }
-
-private:
-    std::vector<pollfd> m_entries;
-    int m_timeoutMs = -1;
 };
 
 void receiveForever(int socket, WaitSet waitSet, const FrameHandler& handler)
@@ -94,16 +84,15 @@ void receiveForever(int socket, WaitSet waitSet, const FrameHandler& handler)
 
 } // namespace
 
-SendFrame openStream(const Link& link)
+SendFrame openStream(const Plan& plan)
 {
     const int socket = nn_socket(AF_SP, NN_PUB);
     const std::shared_ptr<void> socketGuard(nullptr, [socket](void*) { nn_close(socket); });
     WaitSet waitSet;
-    int ends[2];
-    if (link.variant == "polls")
-        waitSet.watchIdle(pipe(ends), ends);
-    if (!checkNanomsg(nn_bind(socket, makeUri(link).c_str()) >= 0, "nn_bind") ||
-        (!link.variant.empty() && !setOption(socket, NN_SNDBUF, SmallestBuffer)) ||
+    if (plan.variant == "polls")
+        waitSet.watchIdle(IdlePipe);
+    if (!checkNanomsg(nn_bind(socket, ("ipc://" + plan.getPath(".ipc")).c_str()) >= 0, "nn_bind") ||
+        (!plan.variant.empty() && !setOption(socket, NN_SNDBUF, SmallestBuffer)) ||
         !waitSet.watch(socket, NN_SNDFD))
         return {};
     return [socket, socketGuard, waitSet](std::uint64_t, Bytes packet) mutable
@@ -113,20 +102,20 @@ SendFrame openStream(const Link& link)
     };
 }
 
-bool startReceiving(const Link& link, FrameHandler handler)
+bool startReceiving(const Plan& plan, FrameHandler handler)
 {
     const int socket = nn_socket(AF_SP, NN_SUB);
     WaitSet waitSet;
-    int ends[2];
-    if (link.variant == "polls")
+    if (plan.variant == "polls")
     {
-        waitSet.watchIdle(pipe(ends), ends);
-        waitSet.watchIdle(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), ends);
-        waitSet.setTimeout(OurTimeoutMs);
+        waitSet.watchIdle(IdlePipe);
+        waitSet.watchIdle(AF_UNIX);
+        waitSet.timeoutMs = OurTimeoutMs;
     }
     if (!checkNanomsg(nn_setsockopt(socket, NN_SUB, NN_SUB_SUBSCRIBE, "", 0) == 0, "subscribe") ||
-        !checkNanomsg(nn_connect(socket, makeUri(link).c_str()) >= 0, "nn_connect") ||
-        (!link.variant.empty() && !setOption(socket, NN_RCVBUF, SmallestBuffer)) ||
+        !checkNanomsg(
+            nn_connect(socket, ("ipc://" + plan.getPath(".ipc")).c_str()) >= 0, "nn_connect") ||
+        (!plan.variant.empty() && !setOption(socket, NN_RCVBUF, SmallestBuffer)) ||
         !setOption(socket, NN_RCVMAXSIZE, NoSizeLimit) || !waitSet.watch(socket, NN_RCVFD))
         return false;
     std::thread(receiveForever, socket, waitSet, std::move(handler)).detach();

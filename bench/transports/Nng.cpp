@@ -20,14 +20,9 @@ bool checkNng(int result, const char* call)
     return check(result == 0, call, nng_strerror(result));
 }
 
-bool tune(const Link& link, nng_socket socket, const char* option)
+bool tune(const Plan& plan, nng_socket socket, const char* option)
 {
-    return link.variant != "tuned" || checkNng(nng_socket_set_int(socket, option, 1), option);
-}
-
-std::string makeUri(const Link& link)
-{
-    return "ipc://" + link.directory + "/" + link.name + ".nng";
+    return plan.variant != "tuned" || checkNng(nng_socket_set_int(socket, option, 1), option);
 }
 
 void receiveForever(nng_socket socket, const FrameHandler& handler)
@@ -44,38 +39,37 @@ void receiveForever(nng_socket socket, const FrameHandler& handler)
 
 } // namespace
 
-SendFrame openStream(const Link& link)
+SendFrame openStream(const Plan& plan)
 {
-    const std::shared_ptr<nng_socket> socket(
-        new nng_socket NNG_SOCKET_INITIALIZER,
-        [](nng_socket* closed)
-        {
-            nng_close(*closed);
-            delete closed;
-        });
-    if (!checkNng(nng_pub0_open(socket.get()), "nng_pub0_open") ||
-        !tune(link, *socket, NNG_OPT_SENDBUF) ||
-        !checkNng(nng_listen(*socket, makeUri(link).c_str(), nullptr, 0), "nng_listen"))
+    nng_socket socket = NNG_SOCKET_INITIALIZER;
+    if (!checkNng(nng_pub0_open(&socket), "nng_pub0_open") ||
+        !tune(plan, socket, NNG_OPT_SENDBUF) ||
+        !checkNng(
+            nng_listen(socket, ("ipc://" + plan.getPath(".nng")).c_str(), nullptr, 0),
+            "nng_listen"))
         return {};
-    return [socket](std::uint64_t, Bytes packet)
+    const std::shared_ptr<void> socketGuard(nullptr, [socket](void*) { nng_close(socket); });
+    return [socket, socketGuard](std::uint64_t, Bytes packet)
     {
         nng_msg* message = nullptr;
         if (nng_msg_alloc(&message, packet.size()) != 0)
             return;
         std::memcpy(nng_msg_body(message), packet.data(), packet.size());
-        if (nng_sendmsg(*socket, message, NNG_FLAG_NONBLOCK) != 0)
+        if (nng_sendmsg(socket, message, NNG_FLAG_NONBLOCK) != 0)
             nng_msg_free(message);
     };
 }
 
-bool startReceiving(const Link& link, FrameHandler handler)
+bool startReceiving(const Plan& plan, FrameHandler handler)
 {
     nng_socket socket = NNG_SOCKET_INITIALIZER;
     // The dial goes on in the background, as it has to when the sender is not there yet.
     if (!checkNng(nng_sub0_open(&socket), "nng_sub0_open") ||
         !checkNng(nng_socket_set(socket, NNG_OPT_SUB_SUBSCRIBE, "", 0), "subscribe") ||
-        !tune(link, socket, NNG_OPT_RECVBUF) ||
-        !checkNng(nng_dial(socket, makeUri(link).c_str(), nullptr, NNG_FLAG_NONBLOCK), "nng_dial"))
+        !tune(plan, socket, NNG_OPT_RECVBUF) ||
+        !checkNng(
+            nng_dial(socket, ("ipc://" + plan.getPath(".nng")).c_str(), nullptr, NNG_FLAG_NONBLOCK),
+            "nng_dial"))
         return false;
     std::thread(receiveForever, socket, std::move(handler)).detach();
     return true;

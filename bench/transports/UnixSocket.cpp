@@ -22,11 +22,11 @@ constexpr int Backlog = 128;
 
 // Makes a socket and calls bind or connect with its address.
 // @return its descriptor, open as long as the process lives; -1 after a message
-int makeSocket(const Link& link, decltype(&connect) call)
+int makeSocket(const Plan& plan, decltype(&connect) call)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const std::string path = link.directory + "/" + link.name + ".sock";
+    const std::string path = plan.getPath(".sock");
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     const void* const generic = &address;
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -70,10 +70,10 @@ void acceptForever(int listenerFD, Readers& readers)
 
 } // namespace
 
-SendFrame openStream(const Link& link)
+SendFrame openStream(const Plan& plan)
 {
     static Readers readers; // as long as the thread that accepts
-    const int fd = makeSocket(link, bind);
+    const int fd = makeSocket(plan, bind);
     if (fd < 0 || !check(listen(fd, Backlog) == 0, "listen", std::strerror(errno)))
         return {};
     std::thread(acceptForever, fd, std::ref(readers)).detach();
@@ -90,12 +90,12 @@ SendFrame openStream(const Link& link)
     };
 }
 
-bool startReceiving(const Link& link, FrameHandler handler)
+bool startReceiving(const Plan& plan, FrameHandler handler)
 {
-    const int fd = makeSocket(link, connect);
+    const int fd = makeSocket(plan, connect);
     if (fd < 0)
         return false;
-    std::vector<std::uint8_t> packet(sizeof(PacketHeader) + link.mediaBytes);
+    std::vector<std::uint8_t> packet(sizeof(PacketHeader) + plan.bytes);
     std::thread(receiveUntilClosed, fd, std::move(packet), std::move(handler)).detach();
     return true;
 }

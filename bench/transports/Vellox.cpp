@@ -57,19 +57,19 @@ const bool LogIsQuiet = []
 
 } // namespace
 
-SendFrame openStream(const Link& link)
+SendFrame openStream(const Plan& plan)
 {
     const auto side = std::make_shared<SendingSide>();
     side->payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
     if (!side->sender.initializeSender(
-            link.name, "", "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub))
+            plan.name, "", "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub))
         return {};
     side->sender.setCurrentPayloader(side->payloader);
     side->sender.startNewSequence();
-    if (link.variant.starts_with("bell"))
-        ringBell(link.directory);
+    if (plan.variant.starts_with("bell"))
+        ringBell(plan.directory);
     return [side,
-            again = link.variant == "bell-again"](std::uint64_t timestampNs, Bytes packet) mutable
+            again = plan.variant == "bell-again"](std::uint64_t timestampNs, Bytes packet) mutable
     {
         if (std::exchange(again, false))
             side->announceAgainNs = timestampNs + AnnounceAgainNs;
@@ -83,14 +83,14 @@ SendFrame openStream(const Link& link)
     };
 }
 
-bool startReceiving(const Link& link, FrameHandler handler)
+bool startReceiving(const Plan& plan, FrameHandler handler)
 {
     auto* const side = new ReceivingSide; // as long as the process
     side->receiver.addDepayloader(side->depayloader);
     side->receiver.setMediaDataCallback(
         [handler = std::move(handler)](TimeValue timestamp, TimeValue, const Buffer& media)
         { handler(timestamp, media); });
-    return side->receiver.initializeReceiver(link.name);
+    return side->receiver.initializeReceiver(plan.name);
 }
 
 } // namespace vlx::bench

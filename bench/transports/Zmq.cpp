@@ -25,20 +25,15 @@ bool setOption(void* socket, int option, int value)
 }
 
 // Makes a socket in a context of its own, which lasts as long as the process.
-std::shared_ptr<void> makeSocket(const Link& link, int type, int highWaterMark)
+std::shared_ptr<void> makeSocket(const Plan& plan, int type, int highWaterMark)
 {
     const std::shared_ptr<void> socket(zmq_socket(zmq_ctx_new(), type), zmq_close);
     const bool ready = checkZmq(socket != nullptr, "zmq_socket") &&
                        setOption(socket.get(), ZMQ_LINGER, 0) &&
-                       (link.variant != "tuned" || (setOption(socket.get(), highWaterMark, 1) &&
+                       (plan.variant != "tuned" || (setOption(socket.get(), highWaterMark, 1) &&
                                                     setOption(socket.get(), ZMQ_CONFLATE, 1) &&
                                                     setOption(socket.get(), ZMQ_IMMEDIATE, 1)));
     return ready ? socket : nullptr;
-}
-
-std::string makeUri(const Link& link)
-{
-    return "ipc://" + link.directory + "/" + link.name + ".zmq";
 }
 
 void receiveForever(const std::shared_ptr<void>& socket, const FrameHandler& handler)
@@ -54,21 +49,25 @@ void receiveForever(const std::shared_ptr<void>& socket, const FrameHandler& han
 
 } // namespace
 
-SendFrame openStream(const Link& link)
+SendFrame openStream(const Plan& plan)
 {
-    const auto socket = makeSocket(link, ZMQ_PUB, ZMQ_SNDHWM);
-    if (!socket || !checkZmq(zmq_bind(socket.get(), makeUri(link).c_str()) == 0, "zmq_bind"))
+    const auto socket = makeSocket(plan, ZMQ_PUB, ZMQ_SNDHWM);
+    if (!socket ||
+        !checkZmq(
+            zmq_bind(socket.get(), ("ipc://" + plan.getPath(".zmq")).c_str()) == 0, "zmq_bind"))
         return {};
     return [socket](std::uint64_t, Bytes packet)
     { zmq_send(socket.get(), packet.data(), packet.size(), ZMQ_DONTWAIT); };
 }
 
-bool startReceiving(const Link& link, FrameHandler handler)
+bool startReceiving(const Plan& plan, FrameHandler handler)
 {
-    const auto socket = makeSocket(link, ZMQ_SUB, ZMQ_RCVHWM);
+    const auto socket = makeSocket(plan, ZMQ_SUB, ZMQ_RCVHWM);
     if (!socket ||
         !checkZmq(zmq_setsockopt(socket.get(), ZMQ_SUBSCRIBE, "", 0) == 0, "subscribe") ||
-        !checkZmq(zmq_connect(socket.get(), makeUri(link).c_str()) == 0, "zmq_connect"))
+        !checkZmq(
+            zmq_connect(socket.get(), ("ipc://" + plan.getPath(".zmq")).c_str()) == 0,
+            "zmq_connect"))
         return false;
     std::thread(receiveForever, socket, std::move(handler)).detach();
     return true;
