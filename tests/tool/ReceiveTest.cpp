@@ -1,6 +1,15 @@
 // "vlx receive" as a user runs it: what is recorded, played and said.
 
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include "tool/ToolFixture.hpp"
 
@@ -10,7 +19,94 @@ namespace vlx::testing
 namespace
 {
 
+constexpr TimeValue FrameNs = 10'000'000;
+
+/// Bytes in which hardly two are alike.
+std::string makeNoise(std::size_t size)
+{
+    std::string noise;
+    for (std::uint32_t value = 1; noise.size() < size; value = value * 1664525 + 1013904223)
+        noise += static_cast<char>(value >> 24);
+    return noise;
+}
+
+/// What is sent from here, in frames of 10 ms: each byte is 1.
+class OnesSender
+{
+public:
+    OnesSender(const std::string& name, std::uint32_t rate, std::uint32_t channels)
+    {
+        EXPECT_TRUE(m_sender.initializeSender(
+            name, {}, {}, 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::Pipeline));
+        setFormat(rate, channels);
+    }
+
+    ~OnesSender()
+    {
+        m_sender.shutdownSender();
+    }
+
+    OnesSender(const OnesSender&) = delete;
+    OnesSender& operator=(const OnesSender&) = delete;
+
+    void setFormat(std::uint32_t rate, std::uint32_t channels)
+    {
+        m_frame = Buffer(rate / 100 * channels * 2, 1);
+        m_payloader.setNewFormat(rate, channels, audioUtils::PcmFormat::S16LE);
+        m_sender.setCurrentPayloader(m_payloader);
+        m_sender.startNewSequence();
+    }
+
+    void skip(TimeValue ns)
+    {
+        m_timestamp += ns;
+    }
+
+    void send(int frames)
+    {
+        for (; frames > 0; --frames)
+        {
+            m_sender.sendMediaData(m_timestamp, FrameNs, m_frame);
+            m_timestamp += FrameNs;
+        }
+    }
+
+    /// Sends until a recording has begun: before, a receiver may refuse frames.
+    void sendUntilFile(const std::string& path)
+    {
+        EXPECT_TRUE(waitFor(
+            [&]
+            {
+                send(1);
+                std::this_thread::sleep_for(std::chrono::nanoseconds(FrameNs)); // the stream's pace
+                return fs::exists(path);
+            }));
+    }
+
+    Sender& get()
+    {
+        return m_sender;
+    }
+
+private:
+    PcmPayloader m_payloader;
+    Sender m_sender;
+    Buffer m_frame;
+    TimeValue m_timestamp =
+        static_cast<TimeValue>(std::chrono::steady_clock::now().time_since_epoch().count());
+};
+
 class ReceiveTest : public ToolTest
+{
+protected:
+    static bool waitForText(const ToolProcess& process, const std::string& text)
+    {
+        return waitFor([&] { return process.getErrors().find(text) != std::string::npos; });
+    }
+};
+
+/// All formats, as raw samples and as a WAV stream.
+class FormatsTest : public ReceiveTest, public ::testing::WithParamInterface<bool>
 {
 };
 
@@ -226,6 +322,279 @@ TEST_F(ReceiveTest, StrangerOnTheNameIsLeftAlone)
     keepRunning = false;
     closer.join();
     stranger.close();
+}
+
+TEST_F(ReceiveTest, OneshotEndsAlsoAfterAStall)
+{
+    const std::vector<std::string> arguments = {file("a.wav"), "--oneshot", "--stall", "200ms"};
+    {
+        SCOPED_TRACE("the input pauses, and the sender exits");
+        OnesSender sender(getSocketName(), 48000, 2);
+        ToolProcess receiver(receive(arguments));
+        sender.sendUntilFile(file("a.wav"));
+        ASSERT_TRUE(waitForText(receiver, "no frame"));
+        sender.get().shutdownSender();
+        EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
+    }
+    SCOPED_TRACE("the sender hangs, and is killed");
+    fs::remove(file("a.wav"));
+    ToolProcess sender(send({"--tone", "440"}));
+    ToolProcess receiver(receive(arguments));
+    ASSERT_TRUE(waitForSize(file("a.wav"), 10000));
+    sender.signal(SIGSTOP);
+    ASSERT_TRUE(waitForText(receiver, "no frame"));
+    m_senderWasKilled = true;
+    sender.signal(SIGKILL);
+    EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
+}
+
+TEST_F(ReceiveTest, SomebodyWhoNeverAcceptsHoldsNobody)
+{
+    RawSidechannelServer busy(getSocketName());
+    std::vector<Descriptor> queued;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    getSocketName().copy(address.sun_path + 1, sizeof(address.sun_path) - 1);
+    const auto length =
+        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + getSocketName().size());
+    do
+        queued.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    while (::connect(queued.back().get(), reinterpret_cast<sockaddr*>(&address), length) == 0);
+    ASSERT_EQ(errno, EAGAIN);
+
+    ToolProcess waiting(receive({file("a.wav"), "--timeout", "1500ms"}));
+    EXPECT_EQ(waiting.wait(), 3) << waiting.getErrors();
+    ToolProcess stopped(receive({file("a.wav"), "--timeout", "1h"}));
+    EXPECT_EQ(stopped.stop(), 128 + SIGTERM);
+}
+
+TEST_F(ReceiveTest, ClosedStandardStreamsGetNothingMixedIntoTheRecording)
+{
+    ToolProcess sender(send({"--tone", "440", "-c", "1"}));
+    ToolSettings settings;
+    settings.closed = {0, 1, 2};
+    ToolProcess receiver(receive({file("a.wav"), "-d", "200ms", "-vvv"}), settings);
+    EXPECT_EQ(receiver.wait(), 0);
+    EXPECT_EQ(fs::file_size(file("a.wav")), 44U + Rate / 5 * 2);
+    EXPECT_EQ(readSound(file("a.wav")).info.frames, Rate / 5);
+
+    settings.closed = {1};
+    ToolProcess refused(receive({"-"}), settings);
+    EXPECT_EQ(refused.wait(), 2);
+    EXPECT_NE(refused.getErrors().find("closed"), std::string::npos);
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+}
+
+TEST_F(ReceiveTest, FifoIsOpenedWithoutHanging)
+{
+    const std::string fifo = file("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    ToolProcess timedOut(receive({fifo, "--raw", "--timeout", "100ms"}));
+    EXPECT_EQ(timedOut.wait(), 3) << timedOut.getErrors();
+    for (const int number : {SIGTERM, SIGINT})
+    {
+        ToolProcess stopped(receive({fifo, "--raw"}));
+        stopped.signal(number);
+        EXPECT_EQ(stopped.wait(), 128 + number);
+    }
+
+    ToolProcess sender(send({"--tone", "440"}));
+    ToolProcess receiver(receive({fifo, "-t", "wav", "--timeout", "10s"}));
+    const Descriptor reader(::open(fifo.c_str(), O_RDONLY | O_CLOEXEC));
+    char bytes[4] = {};
+    EXPECT_EQ(::read(reader.get(), bytes, sizeof(bytes)), 4);
+    EXPECT_EQ(std::string(bytes, 4), "RIFF");
+    EXPECT_EQ(receiver.stop(), 128 + SIGTERM);
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+}
+
+TEST_F(ReceiveTest, NothingIsLeftOfARecordingThatHasNotBegun)
+{
+    OnesSender sender(getSocketName(), 48000, 2);
+    for (const char* const name : {"a.wav", "a.flac", "a.mp3", "a.raw"})
+    {
+        for (const bool exists : {false, true})
+        {
+            SCOPED_TRACE(name);
+            if (exists)
+                std::ofstream(file(name)) << "a former recording";
+            ToolProcess receiver(receive({file(name), "-vvv"}));
+            ASSERT_TRUE(waitForText(receiver, "setting sequence nr"));
+            EXPECT_EQ(receiver.stop(), 128 + SIGTERM);
+            EXPECT_EQ(fs::exists(file(name)), exists);
+            std::string content;
+            std::getline(std::ifstream(file(name)), content);
+            EXPECT_EQ(content, exists ? "a former recording" : "");
+        }
+        fs::remove(file(name));
+    }
+    EXPECT_TRUE(fs::is_empty(m_files));
+}
+
+TEST_F(ReceiveTest, UnfitOutputsAreRefused)
+{
+    const Descriptor terminal(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_EQ(::grantpt(terminal.get()) | ::unlockpt(terminal.get()), 0);
+    ToolSettings onTerminal;
+    onTerminal.outputPath = ::ptsname(terminal.get());
+    struct Row
+    {
+        std::vector<std::string> arguments;
+        int code;
+        const char* message;
+        ToolSettings settings{};
+    };
+    const Row rows[] = {
+        {{file("a.mp4")}, 2, "\"mp4\" is no kind"},
+        {{file("a.wav"), "-t", "doc"}, 2, "\"doc\" is no kind"},
+        {{"-"}, 2, "terminal", onTerminal},
+        {{"-", "-t", "flac"}, 1, "-t wav"},
+        {{"-", "--split"}, 2, "--split"},
+        {{"-", "--report", "-"}, 2, "report"},
+        {{file("a.wav"), "--latency", "1s"}, 2, "--play"}};
+    for (const Row& row : rows)
+    {
+        ToolProcess process(receive(row.arguments), row.settings);
+        EXPECT_EQ(process.wait(), row.code) << row.message;
+        EXPECT_NE(process.getErrors().find(row.message), std::string::npos) << process.getErrors();
+    }
+    EXPECT_TRUE(fs::is_empty(m_files));
+
+    // Names and paths are bytes.
+    ToolProcess process(
+        {"receive", "-s", "\xff", file("a.wav"), "--report", file("\xff"), "--timeout", "50ms"});
+    EXPECT_EQ(process.wait(), 3) << process.getErrors();
+    EXPECT_EQ(readJson(file("\xff"))["finished"], true);
+}
+
+TEST_P(FormatsTest, ArriveBitForBit)
+{
+    constexpr std::size_t HeaderSize = 44;
+    const bool asWav = GetParam();
+    for (const char* const format :
+         {"S8", "U8", "S16LE", "S16BE", "S24LE", "S24BE", "S32LE", "S32BE", "F32LE", "F32BE",
+          "F64LE", "F64BE"})
+    {
+        SCOPED_TRACE(format);
+        const std::string name = format;
+        const auto size = static_cast<std::size_t>(std::atoi(format + 1) / 8);
+        ToolSettings settings;
+        settings.input = makeNoise(size * 1500);
+        ToolProcess receiver(receive({"-", "--oneshot", "-t", asWav ? "wav" : "raw"}));
+        ToolProcess sender(
+            send({"-", "-f", format, "-c", "3", "--protocol", "pipeline", "--wait-receivers", "1"}),
+            settings);
+        ASSERT_EQ(sender.wait(), 0) << sender.getErrors();
+        ASSERT_EQ(receiver.wait(), 0) << receiver.getErrors();
+
+        std::string expected = *settings.input;
+        for (std::size_t i = 0; asWav && name.ends_with("BE") && i < expected.size(); i += size)
+            std::reverse(
+                expected.begin() + std::ptrdiff_t(i), expected.begin() + std::ptrdiff_t(i + size));
+        for (std::size_t i = 0; asWav && name == "S8" && i < expected.size(); ++i)
+            expected[i] = static_cast<char>(expected[i] ^ 0x80);
+        const std::string received = receiver.getOutput();
+        ASSERT_GE(received.size(), HeaderSize);
+        EXPECT_TRUE(received.substr(asWav ? HeaderSize : 0) == expected);
+        if (asWav)
+        {
+            EXPECT_EQ(received[20], name.starts_with("F") ? 3 : 1);
+            EXPECT_EQ(received[22], 3);
+            EXPECT_EQ(static_cast<std::size_t>(received[34]), size * 8);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    RawOrWav,
+    FormatsTest,
+    ::testing::Bool(),
+    [](const auto& row) { return std::string(row.param ? "Wav" : "Raw"); });
+
+TEST_F(ReceiveTest, EightChannelsAt192KilohertzAreRecordedExactly)
+{
+    ToolSettings settings;
+    settings.input = makeNoise(3 * 8 * 19200);
+    for (const char* const name : {"a.wav", "a.flac"})
+    {
+        ToolProcess receiver(receive({file(name), "-q", "--oneshot"}));
+        ToolProcess sender(
+            send(
+                {"-", "-f", "s24le", "-c", "8", "-r", "192000", "--protocol", "pipeline",
+                 "--wait-receivers", "1"}),
+            settings);
+        ASSERT_EQ(sender.wait(), 0) << sender.getErrors();
+        ASSERT_EQ(receiver.wait(), 0) << receiver.getErrors();
+        const Sound sound = readSound(file(name));
+        EXPECT_EQ(sound.info.samplerate, 192000);
+        ASSERT_EQ(sound.values.size(), settings.input->size() / 3);
+        std::size_t differing = 0;
+        for (std::size_t i = 0; i < sound.values.size(); ++i)
+        {
+            const auto at = [&](std::size_t byte)
+            { return static_cast<unsigned char>((*settings.input)[3 * i + byte]); };
+            const int sent = at(0) | at(1) << 8 | static_cast<signed char>(at(2)) * 0x1'0000;
+            differing +=
+                static_cast<int>(std::lround(sound.values[i] * 0x80'0000)) != sent ? 1U : 0U;
+        }
+        EXPECT_EQ(differing, 0U) << name;
+    }
+}
+
+TEST_F(ReceiveTest, EachSequenceGetsAFileOfItsOwn)
+{
+    ToolProcess receiver(receive({file("a.wav"), "--split", "--report", file("r.json")}));
+    {
+        OnesSender sender(getSocketName(), 44100, 1);
+        sender.sendUntilFile(file("a-001.wav"));
+        sender.setFormat(48000, 2);
+        sender.sendUntilFile(file("a-002.wav"));
+    }
+    {
+        OnesSender sender(getSocketName(), 8000, 1);
+        sender.sendUntilFile(file("a-003.wav"));
+    }
+    EXPECT_EQ(receiver.stop(), 128 + SIGTERM);
+    const std::pair<int, int> formats[] = {{44100, 1}, {48000, 2}, {8000, 1}};
+    std::uint64_t samples = 0;
+    for (std::size_t i = 0; i < std::size(formats); ++i)
+    {
+        const Sound sound = readSound(file("a-00" + std::to_string(i + 1) + ".wav"));
+        EXPECT_EQ(std::pair(sound.info.samplerate, sound.info.channels), formats[i]);
+        samples += static_cast<std::uint64_t>(sound.info.frames);
+    }
+    EXPECT_EQ(readJson(file("r.json"))["samples"], samples);
+    EXPECT_NE(receiver.getErrors().find("in 3 files"), std::string::npos) << receiver.getErrors();
+}
+
+TEST_F(ReceiveTest, GapsAreFilledCountedAndSaid)
+{
+    for (const bool fill : {true, false})
+    {
+        const std::string path = file(fill ? "filled.wav" : "joined.wav");
+        OnesSender sender(getSocketName(), 48000, 1);
+        ToolProcess receiver(
+            receive({path, "--oneshot", "--report", file("r.json"), fill ? "-v" : "--no-fill"}));
+        sender.sendUntilFile(path);
+        sender.skip(5 * FrameNs);
+        sender.send(3);
+        sender.skip(FrameNs);
+        sender.send(1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100)); // the tail leaves
+        sender.get().shutdownSender();
+        ASSERT_EQ(receiver.wait(), 0) << receiver.getErrors();
+
+        const Sound sound = readSound(path);
+        const auto silent =
+            static_cast<std::size_t>(std::count(sound.values.begin(), sound.values.end(), 0.0));
+        EXPECT_EQ(silent, fill ? 6 * 480U : 0U);
+        const std::size_t end = sound.values.size();
+        EXPECT_EQ(sound.values.at(end - 481), fill ? 0.0 : sound.values.at(end - 1));
+        EXPECT_EQ(readJson(file("r.json"))["gap_ns"], 6 * FrameNs);
+        const std::string said =
+            std::string("2 gaps of 0.060 s in all, ") + (fill ? "filled with silence" : "left out");
+        EXPECT_NE(receiver.getErrors().find(said), std::string::npos) << receiver.getErrors();
+    }
 }
 
 } // namespace

@@ -60,6 +60,8 @@ void ToolProcess::runChild(const std::vector<std::string>& arguments, const Tool
     ::dup2(m_input.get(), STDIN_FILENO);
     ::dup2(m_output.get(), STDOUT_FILENO);
     ::dup2(m_errors.get(), STDERR_FILENO);
+    for (const int fd : settings.closed)
+        ::close(fd);
     if (settings.tempDirectory)
         ::setenv("TMPDIR", settings.tempDirectory->c_str(), 1);
     if (settings.maxFileSize)

@@ -20,6 +20,7 @@ struct ToolSettings
     std::optional<std::string> tempDirectory; ///< for TMPDIR; unset: the test's
     std::optional<std::size_t> maxFileSize;   ///< bytes
     std::optional<uid_t> asUser;              ///< needs root
+    std::vector<int> closed;                  ///< of descriptors 0 to 2
 };
 
 /// One run of the tool. Kills it at the end if it still runs.
