@@ -1,3 +1,4 @@
+#include "check/CheckCommand.hpp"
 #include "common/Program.hpp"
 #include "info/InfoCommand.hpp"
 #include "list/ListCommand.hpp"
@@ -12,5 +13,6 @@ int main(int argc, char** argv)
     return runProgram(
         argc, argv,
         {makeSubcommand(addSendCommand, runSend), makeSubcommand(addReceiveCommand, runReceive),
-         makeSubcommand(addListCommand, runList), makeSubcommand(addInfoCommand, runInfo)});
+         makeSubcommand(addListCommand, runList), makeSubcommand(addInfoCommand, runInfo),
+         makeSubcommand(addCheckCommand, runCheck)});
 }

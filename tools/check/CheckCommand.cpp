@@ -1,0 +1,221 @@
+#include "CheckCommand.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <miscUtils/MiscUtils.hpp>
+#include <vlxkit/BaseDirectory.hpp>
+#include <vlxkit/Consumer.hpp>
+#include <vlxkit/Producer.hpp>
+#include <vlxkit/RealTime.hpp>
+
+#include "common/Duration.hpp"
+#include "common/ExitCodes.hpp"
+#include "common/StopSignal.hpp"
+
+namespace vlx::tool
+{
+
+namespace
+{
+
+using SteadyClock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+
+// A sender needs two descriptors for each receiver, a receiver about eight; nanomsg stops the process
+// when there are none left.
+constexpr rlim_t EnoughDescriptors = 256;
+
+// What is lost in a pause depends on the frame; most streams have ten milliseconds.
+constexpr auto LongestPause = milliseconds(10);
+constexpr auto PauseProbeInterval = milliseconds(1);
+
+constexpr auto FrameDuration = milliseconds(10);
+constexpr int NumFrames = 500;
+constexpr auto JoinTimeout = std::chrono::seconds(5);
+constexpr std::int64_t MaxAgeNs = 10'000'000;
+
+/// One line: what was looked at, what was found, and what to do if it is not right.
+struct Finding
+{
+    std::string subject;
+    std::string result;
+    std::string advice; ///< empty: all is well
+};
+
+bool print(const Finding& finding)
+{
+    const bool ok = finding.advice.empty();
+    std::printf(
+        "%-4s  %-15s  %s%s%s\n", ok ? "ok" : "FAIL", finding.subject.c_str(),
+        finding.result.c_str(), ok ? "" : ": ", finding.advice.c_str());
+    std::fflush(stdout);
+    return ok;
+}
+
+Finding checkBaseDirectory()
+{
+    const kit::BaseDirectory base = kit::prepareBaseDirectory(kit::BaseDirectoryUse::Send);
+    if (!base.problem.empty())
+        return {
+            "base directory", base.problem,
+            "make it, or let TMPDIR name a short directory that you may write to"};
+    return {"base directory", base.path + (base.created ? ", made just now" : ", writable"), {}};
+}
+
+Finding checkDescriptors()
+{
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    return {
+        "descriptors", std::to_string(limit.rlim_cur),
+        limit.rlim_cur < EnoughDescriptors ? "raise the limit, for instance by ulimit -n 1024"
+                                           : ""};
+}
+
+/// Nothing needs it, so it never fails.
+Finding checkRealTime()
+{
+    const kit::RealTimeScope scope({kit::RealTimeUse::Try});
+    return {
+        "real-time",
+        scope.getProblem().empty() ? "permitted: --realtime works" : scope.getProblem(),
+        {}};
+}
+
+/// How late a thread wakes at most that sleeps for a millisecond at a time, on each processor.
+class PauseProbe
+{
+public:
+    PauseProbe()
+    {
+        for (unsigned i = 0; i < std::max(std::thread::hardware_concurrency(), 1U); ++i)
+            m_threads.emplace_back([this] { loop(); });
+    }
+
+    ~PauseProbe()
+    {
+        stop();
+    }
+
+    PauseProbe(const PauseProbe&) = delete;
+    PauseProbe& operator=(const PauseProbe&) = delete;
+
+    /// @return the longest pause
+    nanoseconds stop()
+    {
+        m_stopped = true;
+        for (std::thread& thread : m_threads)
+            thread.join();
+        m_threads.clear();
+        return nanoseconds(m_longestNs);
+    }
+
+private:
+    void loop()
+    {
+        while (!m_stopped)
+        {
+            const auto due = SteadyClock::now() + PauseProbeInterval;
+            std::this_thread::sleep_until(due);
+            const auto late = nanoseconds(SteadyClock::now() - due).count();
+            auto longest = m_longestNs.load();
+            while (late > longest && !m_longestNs.compare_exchange_weak(longest, late))
+                ;
+        }
+    }
+
+    std::atomic<std::int64_t> m_longestNs = 0;
+    std::atomic<bool> m_stopped = false;
+    std::vector<std::thread> m_threads;
+};
+
+std::string toMilliseconds(std::int64_t valueNs)
+{
+    char text[32];
+    std::snprintf(text, sizeof(text), "%.2f ms", static_cast<double>(valueNs) / 1e6);
+    return text;
+}
+
+/// Sends a stream to this process itself.
+Finding checkStream(StopSignal& stop)
+{
+    const std::string name = "vlx-check-" + std::to_string(::getpid());
+    Finding finding{"loop-back", {}, "-v and the lines above may say more"};
+
+    kit::Consumer consumer({.name = name}, {.onFrame = [](const kit::Frame&) {}});
+    kit::Producer producer({.name = name});
+    const kit::StreamFormat format;
+    if (!consumer.start() || !producer.open(format))
+        finding.result = consumer.getProblem() + producer.getProblem();
+    else if (!producer.waitForReceivers(1, JoinTimeout))
+        finding.result = "no receiver has joined within " + toText(JoinTimeout);
+    if (!finding.result.empty())
+        return finding;
+
+    const auto samples = format.toSamples(nanoseconds(FrameDuration).count());
+    const Buffer silence(samples * format.getBytesPerSample());
+    auto due = SteadyClock::now();
+    for (int i = 0; i < NumFrames && !stop.waitUntil(due); ++i, due += FrameDuration)
+        producer.send(
+            miscUtils::getMonotonicSysclockTime(), nanoseconds(FrameDuration).count(), silence);
+    producer.close();
+    consumer.stop();
+
+    const kit::ConsumerStatistics statistics = consumer.getStatistics();
+    const auto lost = producer.getStatistics().frames - statistics.frames;
+    const std::int64_t age = statistics.ages.getPercentile(0.99).value_or(0);
+    finding.result = std::to_string(lost) + " of " +
+                     std::to_string(producer.getStatistics().frames) + " frames lost, age p50 " +
+                     toMilliseconds(statistics.ages.getPercentile(0.5).value_or(0)) + ", p99 " +
+                     toMilliseconds(age);
+    finding.advice = lost > 0 || age > MaxAgeNs ? "the machine is too busy: try --realtime" : "";
+    return finding;
+}
+
+Finding checkPauses(nanoseconds longest)
+{
+    return {
+        "scheduling", "longest pause " + toMilliseconds(longest.count()),
+        longest > LongestPause ? "frames may be lost: try --realtime, or look what keeps it busy"
+                               : ""};
+}
+
+} // unnamed namespace
+
+CLI::App* addCheckCommand(CLI::App& program, CheckOptions& options)
+{
+    CLI::App* const command =
+        program.add_subcommand("check", "Tell whether this machine is fit for streams");
+    addCommonOptions(*command, options.common);
+    return command;
+}
+
+int runCheck(const CheckOptions& /*options*/, StopSignal& stop)
+{
+    const bool baseIsFine = print(checkBaseDirectory());
+    bool fine = print(checkDescriptors()) && baseIsFine;
+    print(checkRealTime());
+    if (baseIsFine)
+    {
+        PauseProbe pauses;
+        const Finding stream = checkStream(stop);
+        if (stop.isRequested())
+            return toExitCode(stop.getSignalNumber());
+        fine = print(checkPauses(pauses.stop())) && fine;
+        fine = print(stream) && fine;
+    }
+    return toInt(fine ? ExitCode::Done : ExitCode::Failed);
+}
+
+} // namespace vlx::tool

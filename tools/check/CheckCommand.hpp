@@ -1,0 +1,22 @@
+#pragma once
+
+#include "common/CommonOptions.hpp"
+
+namespace vlx::tool
+{
+
+class StopSignal;
+
+struct CheckOptions
+{
+    CommonOptions common;
+};
+
+CLI::App* addCheckCommand(CLI::App& program, CheckOptions& options);
+
+/// Looks whether this machine is fit for streams: one line for each thing that is looked at.
+///
+/// @return the exit code
+int runCheck(const CheckOptions& options, StopSignal& stop);
+
+} // namespace vlx::tool
