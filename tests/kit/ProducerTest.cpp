@@ -19,9 +19,9 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vlxkit/Producer.hpp>
 
 #include <vlx/VlxSender.hpp>
+#include <vlxkit/Producer.hpp>
 
 #include "support/AllocationCounter.hpp"
 #include "support/RawPeers.hpp"
@@ -172,7 +172,7 @@ TEST_F(ProducerTest, NoticesWhatSomebodyElseHasPutInItsDirectory)
 
     // The sender's directory itself.
     const std::string directory = getTempDirectory() + "/VlxSender-linked";
-    fs::create_directory_symlink("/", directory);
+    fs::create_directory_symlink(getTempDirectory(), directory);
     EXPECT_THAT(
         protectSocketFile(directory + "/x", NanomsgProtocol::PubSub, SocketMode::Owner),
         HasSubstr("replaced"));
