@@ -27,8 +27,8 @@ namespace
 constexpr double NsPerSecond = 1e9;
 constexpr auto WakeInterval = std::chrono::milliseconds(5);
 constexpr double BlockSeconds = 0.005;
-// Written ahead of what leaves now: what a late thread may use up.
-constexpr double UsualLeadSeconds = 0.04;
+// Written ahead of what leaves now, less if the latency is short: what a late thread may use up.
+constexpr double MaxLeadSeconds = 0.1;
 // Times of frames may jitter by this much and still continue one another.
 constexpr double MaxJitterNs = 1e6;
 // Beyond this the output jumps to where it belongs; below it the rate follows.
@@ -147,7 +147,7 @@ public:
             return fail(::src_strerror(error));
         std::string problem = m_device.configure(format.rate, format.channels);
         const double latency = std::chrono::duration<double>(m_settings.latency).count();
-        m_leadSeconds = std::max(m_device.getMinLead(), std::min(UsualLeadSeconds, latency / 2));
+        m_leadSeconds = std::max(m_device.getMinLead(), std::min(MaxLeadSeconds, latency / 2));
         if (problem.empty())
             problem = m_device.begin(m_leadSeconds);
         if (!problem.empty())

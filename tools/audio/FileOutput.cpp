@@ -1,7 +1,9 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <iterator>
 #include <string_view>
+#include <type_traits>
 
 #include <sndfile.h>
 
@@ -17,8 +19,6 @@ namespace vlx::tool
 
 namespace
 {
-
-using audioUtils::PcmFormat;
 
 struct FileKind
 {
@@ -84,32 +84,11 @@ const FileKind* findKind(const std::string& type)
     return nullptr;
 }
 
-int toSubtype(PcmFormat format)
-{
-    switch (format)
-    {
-    case PcmFormat::S8:
-        return SF_FORMAT_PCM_S8;
-    case PcmFormat::U8:
-        return SF_FORMAT_PCM_U8;
-    case PcmFormat::S16LE:
-    case PcmFormat::S16BE:
-        return SF_FORMAT_PCM_16;
-    case PcmFormat::S24LE:
-    case PcmFormat::S24BE:
-        return SF_FORMAT_PCM_24;
-    case PcmFormat::S32LE:
-    case PcmFormat::S32BE:
-        return SF_FORMAT_PCM_32;
-    case PcmFormat::F32LE:
-    case PcmFormat::F32BE:
-        return SF_FORMAT_FLOAT;
-    case PcmFormat::F64LE:
-    case PcmFormat::F64BE:
-        return SF_FORMAT_DOUBLE;
-    }
-    return 0;
-}
+/// What libsndfile calls each sample format, in the order of PcmFormat.
+constexpr int Subtypes[] = {SF_FORMAT_PCM_S8, SF_FORMAT_PCM_U8, SF_FORMAT_PCM_16, SF_FORMAT_PCM_16,
+                            SF_FORMAT_PCM_24, SF_FORMAT_PCM_24, SF_FORMAT_PCM_32, SF_FORMAT_PCM_32,
+                            SF_FORMAT_FLOAT,  SF_FORMAT_FLOAT,  SF_FORMAT_DOUBLE, SF_FORMAT_DOUBLE};
+static_assert(std::size(Subtypes) == audioUtils::NumPcmFormats);
 
 // Many kinds know only one of the two 8-bit types. Turning one into the other loses nothing.
 int toOtherEightBits(int subtype)
@@ -122,7 +101,7 @@ int toOtherEightBits(int subtype)
 /// @return whether the kind can hold the format; then info is filled
 bool chooseFormat(const FileKind& kind, const kit::StreamFormat& format, SF_INFO& info)
 {
-    const int subtype = toSubtype(format.sampleFormat);
+    const int subtype = Subtypes[static_cast<std::size_t>(format.sampleFormat)];
     info.samplerate = static_cast<int>(format.rate);
     info.channels = static_cast<int>(format.channels);
     for (const int candidate : {subtype, toOtherEightBits(subtype)})
@@ -134,24 +113,18 @@ bool chooseFormat(const FileKind& kind, const kit::StreamFormat& format, SF_INFO
     return false;
 }
 
-sf_count_t writeValues(SNDFILE* file, const std::vector<std::int16_t>& values)
+template <class Value>
+sf_count_t writeValues(SNDFILE* file, const std::vector<Value>& values)
 {
-    return ::sf_write_short(file, values.data(), static_cast<sf_count_t>(values.size()));
-}
-
-sf_count_t writeValues(SNDFILE* file, const std::vector<std::int32_t>& values)
-{
-    return ::sf_write_int(file, values.data(), static_cast<sf_count_t>(values.size()));
-}
-
-sf_count_t writeValues(SNDFILE* file, const std::vector<float>& values)
-{
-    return ::sf_write_float(file, values.data(), static_cast<sf_count_t>(values.size()));
-}
-
-sf_count_t writeValues(SNDFILE* file, const std::vector<double>& values)
-{
-    return ::sf_write_double(file, values.data(), static_cast<sf_count_t>(values.size()));
+    const auto count = static_cast<sf_count_t>(values.size());
+    if constexpr (std::is_same_v<Value, std::int16_t>)
+        return ::sf_write_short(file, values.data(), count);
+    else if constexpr (std::is_same_v<Value, std::int32_t>)
+        return ::sf_write_int(file, values.data(), count);
+    else if constexpr (std::is_same_v<Value, float>)
+        return ::sf_write_float(file, values.data(), count);
+    else
+        return ::sf_write_double(file, values.data(), count);
 }
 
 class FileOutput : public AudioOutput

@@ -1,7 +1,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <iterator>
 #include <optional>
+#include <string_view>
 
 #include <poll.h>
 #include <unistd.h>
@@ -27,84 +29,42 @@ using SteadyClock = std::chrono::steady_clock;
 // For a reader that takes nothing any more, once a stop is asked for.
 constexpr auto StopGrace = std::chrono::milliseconds(250);
 
-// WAV has one byte order, and 8 bits without a sign only.
-PcmFormat toWavFormat(PcmFormat format)
-{
-    switch (format)
-    {
-    case PcmFormat::S8:
-    case PcmFormat::U8:
-        return PcmFormat::U8;
-    case PcmFormat::S16LE:
-    case PcmFormat::S16BE:
-        return PcmFormat::S16LE;
-    case PcmFormat::S24LE:
-    case PcmFormat::S24BE:
-        return PcmFormat::S24LE;
-    case PcmFormat::S32LE:
-    case PcmFormat::S32BE:
-        return PcmFormat::S32LE;
-    case PcmFormat::F32LE:
-    case PcmFormat::F32BE:
-        return PcmFormat::F32LE;
-    case PcmFormat::F64LE:
-    case PcmFormat::F64BE:
-        return PcmFormat::F64LE;
-    }
-    return format;
-}
-
-/// Puts a header together.
-class HeaderBytes
-{
-public:
-    HeaderBytes& addText(const char* text)
-    {
-        for (; *text != '\0'; ++text)
-            m_bytes.push_back(static_cast<unsigned char>(*text));
-        return *this;
-    }
-
-    HeaderBytes& addNumber(std::uint64_t value, std::size_t size)
-    {
-        for (std::size_t i = 0; i < size; ++i)
-            m_bytes.push_back(static_cast<unsigned char>(value >> (8 * i)));
-        return *this;
-    }
-
-    const Buffer& get() const
-    {
-        return m_bytes;
-    }
-
-private:
-    Buffer m_bytes;
-};
+// WAV has one byte order, and 8 bits without a sign only. In the order of PcmFormat.
+constexpr PcmFormat WavFormats[] = {PcmFormat::U8,    PcmFormat::U8,    PcmFormat::S16LE,
+                                    PcmFormat::S16LE, PcmFormat::S24LE, PcmFormat::S24LE,
+                                    PcmFormat::S32LE, PcmFormat::S32LE, PcmFormat::F32LE,
+                                    PcmFormat::F32LE, PcmFormat::F64LE, PcmFormat::F64LE};
+static_assert(std::size(WavFormats) == audioUtils::NumPcmFormats);
 
 /// @return the header of a WAV stream that ends when it ends
 Buffer makeWavHeader(const kit::StreamFormat& format)
 {
     constexpr std::uint32_t UnknownSize = 0xFFFF'FFFF;
-    constexpr std::size_t FormatSize = 16;
-    constexpr std::uint16_t PcmTag = 1;
-    constexpr std::uint16_t FloatTag = 3;
+    constexpr std::uint32_t FormatSize = 16;
     const bool isFloat =
         format.sampleFormat == PcmFormat::F32LE || format.sampleFormat == PcmFormat::F64LE;
     const std::size_t sampleBytes = format.getBytesPerSample();
-    return HeaderBytes()
-        .addText("RIFF")
-        .addNumber(UnknownSize, 4)
-        .addText("WAVEfmt ")
-        .addNumber(FormatSize, 4)
-        .addNumber(isFloat ? FloatTag : PcmTag, 2)
-        .addNumber(format.channels, 2)
-        .addNumber(format.rate, 4)
-        .addNumber(std::min<std::uint64_t>(sampleBytes * format.rate, UnknownSize), 4)
-        .addNumber(sampleBytes, 2)
-        .addNumber(8 * audioUtils::bytesPerSample(format.sampleFormat), 2)
-        .addText("data")
-        .addNumber(UnknownSize, 4)
-        .get();
+    Buffer header;
+    const auto addText = [&](std::string_view text)
+    { header.insert(header.end(), text.begin(), text.end()); };
+    const auto addNumber = [&](std::uint64_t value, std::size_t size)
+    {
+        for (std::size_t i = 0; i < size; ++i)
+            header.push_back(static_cast<unsigned char>(value >> (8 * i)));
+    };
+    addText("RIFF");
+    addNumber(UnknownSize, 4);
+    addText("WAVEfmt ");
+    addNumber(FormatSize, 4);
+    addNumber(isFloat ? 3 : 1, 2);
+    addNumber(format.channels, 2);
+    addNumber(format.rate, 4);
+    addNumber(std::min<std::uint64_t>(sampleBytes * format.rate, UnknownSize), 4);
+    addNumber(sampleBytes, 2);
+    addNumber(8 * audioUtils::bytesPerSample(format.sampleFormat), 2);
+    addText("data");
+    addNumber(UnknownSize, 4);
+    return header;
 }
 
 class StreamOutput : public AudioOutput
@@ -120,7 +80,7 @@ public:
         m_format = format;
         m_written = format;
         if (m_asWav)
-            m_written.sampleFormat = toWavFormat(format.sampleFormat);
+            m_written.sampleFormat = WavFormats[static_cast<std::size_t>(format.sampleFormat)];
         return true;
     }
 
