@@ -24,10 +24,10 @@
 #include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
-#include <vlxkit/Consumer.hpp>
-#include <vlxkit/Producer.hpp>
 
 #include <miscUtils/MiscUtils.hpp>
+#include <vlxkit/Consumer.hpp>
+#include <vlxkit/Producer.hpp>
 
 namespace vlx::stress
 {
@@ -73,15 +73,15 @@ struct Board
     Number streamTime;   // of a consumer ...
     Number streamTimeAt; // ... and the system's at that moment
 
-    struct Burst
-    {
-        Number from; // when the frame before was sent, and the one after
-        Number until;
-        Number count;
-    };
+    // Of losses: when the frame before was sent, and the one after, and how many are missing.
+    std::array<std::array<std::uint64_t, 3>, 256> bursts;
+    std::array<std::uint64_t, 8'192> times; // a ring: age of a frame, or duration of a send
 
-    std::array<Burst, 256> bursts;
-    std::array<Number, 8'192> times; // a ring: age of a frame, or duration of a send
+    void addFrame(TimeValue time)
+    {
+        times[frames % times.size()] = time;
+        ++frames;
+    }
 };
 
 struct Options
@@ -99,6 +99,7 @@ struct Options
     std::size_t waitReceivers = 0; // and for "go"
     std::uint16_t clockPort = 0;
     std::uint64_t rejoinEveryMs = 0;
+    bool isUntagged = false; // another program's frames
 };
 
 /// What each frame begins with.
@@ -185,225 +186,144 @@ bool letPass(TimeValue nanoseconds)
     return ::sigtimedwait(&signals, nullptr, &duration) != SIGTERM;
 }
 
-class ProducingEnd
+int produce(Board& board, const Options& options)
 {
-public:
-    ProducingEnd(Board& board, const Options& options)
-        : m_board(board), m_options(options), m_producer(makeProducerOptions(options))
+    kit::ProducerOptions wanted;
+    wanted.name = options.name;
+    if (options.isPipeline)
+        wanted.protocol = NanomsgProtocol::Pipeline;
+    if (options.isOpenToAll)
+        wanted.socketMode = kit::SocketMode::All;
+    if (options.clockPort != 0)
     {
-        m_payloader.setNewFormat(48'000, 2, audioUtils::PcmFormat::S16LE);
+        wanted.clock = TimeSyncProtocol::GstNetClock;
+        wanted.clockAddress = "127.0.0.1";
+        wanted.clockPort = options.clockPort;
     }
-
-    int run()
-    {
-        if (!m_producer.open(m_payloader))
-        {
-            std::fprintf(stderr, "%s\n", m_producer.getProblem().c_str());
-            return ExitRefused;
-        }
-        m_board.ready = 1;
-        if (m_options.setUpOnly)
+    PcmPayloader payloader;
+    payloader.setNewFormat(48'000, 2, audioUtils::PcmFormat::S16LE);
+    kit::Producer producer(wanted);
+    if (!producer.open(payloader))
+        return ExitRefused;
+    board.ready = 1;
+    while (!options.setUpOnly && options.waitReceivers != 0 &&
+           (board.go == 0 || producer.checkReceivers() < options.waitReceivers))
+        if (!letPass(TurnNs))
             return ExitDone;
-        while (m_options.waitReceivers != 0 &&
-               (m_board.go == 0 || m_producer.checkReceivers() < m_options.waitReceivers))
-            if (!letPass(TurnNs))
-                return ExitDone;
-        sendFrames();
-        m_producer.close();
-        return ExitDone;
-    }
 
-    void shutDown()
+    Buffer frame(FrameBytes);
+    FrameTag tag = {static_cast<std::uint64_t>(::getpid()), 0};
+    const TimeValue sequenceNs = options.sequenceEveryMs * NsPerMs;
+    TimeValue due = miscUtils::getMonotonicSysclockTime();
+    TimeValue sequenceDue = due + sequenceNs;
+    board.incarnation = tag.incarnation;
+    while (!options.setUpOnly)
     {
-        m_producer.close();
-    }
-
-private:
-    static kit::ProducerOptions makeProducerOptions(const Options& options)
-    {
-        kit::ProducerOptions wanted;
-        wanted.name = options.name;
-        if (options.isPipeline)
-            wanted.protocol = NanomsgProtocol::Pipeline;
-        if (options.isOpenToAll)
-            wanted.socketMode = kit::SocketMode::All;
-        if (options.clockPort != 0)
+        const TimeValue before = miscUtils::getMonotonicSysclockTime();
+        if (sequenceNs != 0 && before >= sequenceDue)
         {
-            wanted.clock = TimeSyncProtocol::GstNetClock;
-            wanted.clockAddress = "127.0.0.1";
-            wanted.clockPort = options.clockPort;
+            producer.setFormat(payloader);
+            ++board.sequences;
+            sequenceDue += sequenceNs;
         }
-        return wanted;
+        std::memcpy(frame.data(), &tag, sizeof(tag));
+        producer.send(before, FramePeriodNs, frame);
+        const TimeValue now = miscUtils::getMonotonicSysclockTime();
+        board.addFrame(now - before);
+        // A sender that was paused goes on from here; a burst of late frames would be lost.
+        due = std::max(due + FramePeriodNs, now);
+        if (++tag.index == options.numFrames || !letPass(due - now))
+            break;
     }
+    return ExitDone;
+}
 
-    void sendFrames()
-    {
-        FrameTag tag = {static_cast<std::uint64_t>(::getpid()), 0};
-        m_board.incarnationSince = miscUtils::getMonotonicSysclockTime();
-        m_board.incarnation = tag.incarnation;
-        TimeValue due = m_board.incarnationSince;
-        const TimeValue sequenceNs = m_options.sequenceEveryMs * NsPerMs;
-        TimeValue sequenceDue = due + sequenceNs;
-        TimeValue now = due;
-        do
-        {
-            const TimeValue before = miscUtils::getMonotonicSysclockTime();
-            if (sequenceNs != 0 && due >= sequenceDue)
-            {
-                m_producer.setFormat(m_payloader);
-                ++m_board.sequences;
-                sequenceDue += sequenceNs;
-            }
-            std::memcpy(m_frame.data(), &tag, sizeof(tag));
-            if (!m_producer.send(before, FramePeriodNs, m_frame))
-                return;
-            now = miscUtils::getMonotonicSysclockTime();
-            m_board.times[m_board.frames % m_board.times.size()] = now - before;
-            ++m_board.frames;
-            // A sender that was paused goes on from here; a burst of late frames would be lost.
-            due = std::max(due + FramePeriodNs, now);
-        } while (++tag.index != m_options.numFrames && letPass(due - now));
-    }
-
-    Board& m_board;
-    const Options& m_options;
-    Buffer m_frame = Buffer(FrameBytes);
-    PcmPayloader m_payloader;
-    kit::Producer m_producer;
-};
-
-class ConsumingEnd
+/// What the callbacks of a consumer count.
+struct Receipt
 {
-public:
-    ConsumingEnd(Board& board, const Options& options)
-        : m_board(board), m_options(options),
-          m_consumer(
-              {.name = options.name},
-              {.onFrame = [this](const kit::Frame& frame) { onFrame(frame); },
-               .onFormat =
-                   [this](const kit::StreamFormat&)
-               {
-                   ++m_board.sequences;
-                   m_board.ready = 1;
-               },
-               .onEvent = [this](const kit::ConsumerEvent& event) { onEvent(event); }})
-    {
-    }
+    Board& board;
+    const bool isTagged;
+    std::atomic<bool> isFirst = true; // of a connection
+    FrameTag last = {};               // the receiving thread's, and so the next
+    TimeValue lastTimestamp = 0;
 
-    int run()
-    {
-        if (!m_consumer.start())
-            return ExitRefused;
-        const TimeValue start = miscUtils::getMonotonicSysclockTime();
-        const TimeValue rejoinNs = m_options.rejoinEveryMs * NsPerMs;
-        TimeValue rejoinDue = start + rejoinNs;
-        while (letPass(TurnNs))
-        {
-            const TimeValue now = miscUtils::getMonotonicSysclockTime();
-            m_board.streamTime = m_consumer.getStreamTime();
-            m_board.streamTimeAt = now;
-            const bool isOver = now > start + StarvedLimitNs;
-            if (m_options.setUpOnly && (m_board.frames > 0 || m_board.failures > 0 || isOver))
-                break;
-            if (rejoinNs != 0 && now >= rejoinDue)
-            {
-                m_consumer.stop();
-                m_consumer.start();
-                rejoinDue = now + rejoinNs;
-            }
-        }
-        m_consumer.stop();
-        if (m_board.frames > 0 || !m_options.setUpOnly)
-            return ExitDone;
-        return m_board.failures > 0 ? ExitRefused : ExitStarved;
-    }
-
-    void shutDown()
-    {
-        m_consumer.stop();
-    }
-
-private:
     void onEvent(const kit::ConsumerEvent& event)
     {
         using Kind = kit::ConsumerEvent::Kind;
         if (std::getenv("VLX_STRESS_LOG") != nullptr)
             std::fprintf(stderr, "%s: %s\n", toString(event.kind), event.text.c_str());
-        if (event.kind == Kind::Joined)
-            ++m_board.joins;
-        else
-            m_board.ready = 0;
-        if (event.kind == Kind::Stalled)
-            ++m_board.stalls;
-        if (event.kind == Kind::Failed)
-            ++m_board.failures;
-        m_isFirst = true;
+        if (event.kind != Kind::Joined)
+            board.ready = 0;
+        board.joins += event.kind == Kind::Joined ? 1 : 0;
+        board.stalls += event.kind == Kind::Stalled ? 1 : 0;
+        board.failures += event.kind == Kind::Failed ? 1 : 0;
+        isFirst = true;
     }
 
     void onFrame(const kit::Frame& frame)
     {
-        FrameTag tag;
-        if (frame.data.size() < sizeof(tag))
-            return;
-        std::memcpy(&tag, frame.data.data(), sizeof(tag));
-        // Frames of the tool have no tag, but count themselves by their durations.
-        if (frame.data.size() != FrameBytes)
-            tag = {1, m_last.index + 1 + countMissing(frame)};
+        // Frames without a tag are counted by their times.
+        const auto gapNs = static_cast<std::uint64_t>(std::max<std::int64_t>(frame.gapNs, 0));
+        FrameTag tag = {1, last.index + 1 + gapNs / FramePeriodNs};
+        if (isTagged && frame.data.size() == FrameBytes)
+            std::memcpy(&tag, frame.data.data(), sizeof(tag));
 
-        if (tag.incarnation != m_board.incarnation)
+        if (tag.incarnation != board.incarnation)
         {
-            m_board.incarnationSince = frame.arrival;
-            m_board.incarnation = tag.incarnation;
+            board.incarnationSince = frame.arrival;
+            board.incarnation = tag.incarnation;
         }
-        const bool isInRun = tag.incarnation == m_last.incarnation && !m_isFirst.exchange(false);
-        if (isInRun && tag.index > m_last.index + 1)
-            noteLoss(tag.index - m_last.index - 1, frame.timestamp);
-        m_last = tag;
-        m_lastTimestamp = frame.timestamp;
-        m_board.times[m_board.frames % m_board.times.size()] = frame.arrival - frame.timestamp;
-        ++m_board.frames;
+        const bool isInRun = !isFirst.exchange(false) && tag.incarnation == last.incarnation;
+        if (isInRun && tag.index > last.index + 1)
+        {
+            const std::uint64_t count = tag.index - last.index - 1;
+            board.lost += count;
+            const std::uint64_t number = board.numBursts++;
+            if (number < board.bursts.size())
+                board.bursts[number] = {lastTimestamp, frame.timestamp, count};
+        }
+        last = tag;
+        lastTimestamp = frame.timestamp;
+        board.addFrame(frame.arrival - frame.timestamp);
     }
-
-    static std::uint64_t countMissing(const kit::Frame& frame)
-    {
-        if (frame.gapNs <= 0 || frame.duration == 0)
-            return 0;
-        return (static_cast<TimeValue>(frame.gapNs) + frame.duration / 2) / frame.duration;
-    }
-
-    void noteLoss(std::uint64_t count, TimeValue timestamp)
-    {
-        m_board.lost += count;
-        const std::uint64_t number = m_board.numBursts++;
-        if (number >= m_board.bursts.size())
-            return;
-        Board::Burst& burst = m_board.bursts[number];
-        burst.from = m_lastTimestamp;
-        burst.until = timestamp;
-        burst.count = count;
-    }
-
-    Board& m_board;
-    const Options& m_options;
-    std::atomic<bool> m_isFirst = true; // of a connection
-    FrameTag m_last = {};               // the receiving thread's, and so the next
-    TimeValue m_lastTimestamp = 0;
-    kit::Consumer m_consumer; // last: its callbacks use everything above
 };
 
-template <class End>
-int runGuarded(Board& board, const Options& options)
+int consume(Board& board, const Options& options)
 {
-    End end(board, options);
-    try
+    Receipt receipt{board, !options.isUntagged};
+    const auto onFormat = [&board](const kit::StreamFormat&)
     {
-        return end.run();
-    }
-    catch (const std::system_error&)
+        ++board.sequences;
+        board.ready = 1;
+    };
+    kit::Consumer consumer(
+        {.name = options.name},
+        {.onFrame = [&receipt](const kit::Frame& frame) { receipt.onFrame(frame); },
+         .onFormat = onFormat,
+         .onEvent = [&receipt](const kit::ConsumerEvent& event) { receipt.onEvent(event); }});
+    if (!consumer.start())
+        return ExitRefused;
+    const TimeValue start = miscUtils::getMonotonicSysclockTime();
+    TimeValue rejoinDue = start;
+    while (letPass(TurnNs))
     {
-        end.shutDown();
-        return ExitException;
+        const TimeValue now = miscUtils::getMonotonicSysclockTime();
+        board.streamTime = consumer.getStreamTime();
+        board.streamTimeAt = now;
+        const bool isOver = now > start + StarvedLimitNs;
+        if (options.setUpOnly && (board.frames > 0 || board.failures > 0 || isOver))
+            break;
+        if (options.rejoinEveryMs != 0 && now >= rejoinDue)
+        {
+            consumer.stop();
+            consumer.start();
+            rejoinDue = now + options.rejoinEveryMs * NsPerMs;
+        }
     }
+    consumer.stop();
+    if (board.frames > 0 || !options.setUpOnly)
+        return ExitDone;
+    return board.failures > 0 ? ExitRefused : ExitStarved;
 }
 
 /// Populated: pages that come one by one would look like growth.
@@ -420,6 +340,7 @@ Board* mapBoard(int fd)
 
 int main(int argc, char** argv)
 {
+    using namespace vlx;
     using namespace vlx::stress;
 
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -444,6 +365,7 @@ int main(int argc, char** argv)
     produce->add_option("--wait-receivers", options.waitReceivers);
     produce->add_option("--clock-port", options.clockPort);
     consume->add_option("--rejoin-every", options.rejoinEveryMs);
+    consume->add_flag("--untagged", options.isUntagged);
     CLI11_PARSE(app, argc, argv);
 
     Board* const board = mapBoard(options.boardFD);
@@ -460,6 +382,13 @@ int main(int argc, char** argv)
     configureLogging(*board, options.killAtLine);
     if (!applyLimits(options))
         return ExitBroken;
-    return produce->parsed() ? runGuarded<ProducingEnd>(*board, options)
-                             : runGuarded<ConsumingEnd>(*board, options);
+    try
+    {
+        return produce->parsed() ? stress::produce(*board, options)
+                                 : stress::consume(*board, options);
+    }
+    catch (const std::system_error&)
+    {
+        return ExitException;
+    }
 }

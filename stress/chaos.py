@@ -1,6 +1,8 @@
 """Faults of every kind, one after the other, and what became of each."""
 
 from collections import Counter
+import contextlib
+import ctypes
 from dataclasses import dataclass
 import os
 from pathlib import Path
@@ -15,7 +17,6 @@ import time
 import clock
 from fleet import (FRAME_MS, RUNNING, End, Losses, PauseProbe, Process, Stream, kill_all, make_name,
                    median, print_table, start_peer, wait_until)
-import mounts
 
 OK, FAILED, LIMIT, SKIPPED = "ok", "FAILED", "limit", "skipped"  # limit: documented, no success
 Outcome = tuple[str, str]
@@ -474,33 +475,48 @@ def run_without_directory(run: Run, path: Path, break_it, mend_it) -> Outcome:
 PROMISE = "stream goes on; new sender refused; recovers"
 
 
+LIBC = ctypes.CDLL(None)
+NEW_NAMESPACE, DETACH, READ_ONLY, REMOUNT, BIND, RECURSIVE, PRIVATE = (
+    0x20000, 2, 1, 32, 4096, 16384, 1 << 18)
+
+
+def mount(path: bytes, flags: int, kind: bytes | None = None, data: bytes | None = None) -> bool:
+    return LIBC.mount(b"none", path, kind, ctypes.c_ulong(flags), data) == 0
+
+
 @fault("tmpdir-full", "TMPDIR full while running", PROMISE, False)
 @fault("tmpdir-readonly", "TMPDIR read-only while running", PROMISE, True)
 def run_on_small_file_system(run: Run, read_only: bool) -> Outcome:
+    """In a private mount namespace, which all later children share."""
     path = run.directory / "fs"
     path.mkdir(exist_ok=True)
-    if not mounts.mount_small(path):
+    if LIBC.unshare(NEW_NAMESPACE) or not mount(b"/", RECURSIVE | PRIVATE) or not mount(
+            bytes(path), 0, b"tmpfs", b"size=64k,nr_inodes=16"):
         return SKIPPED, "cannot mount a file system in a private namespace"
-    fillers = [path / f"fill-{number}" for number in range(32)]
+
+    def set_read_only(flag: int) -> None:
+        """The mount, not the file system: that would have to be free of removed files in use."""
+        mount(bytes(path), REMOUNT | BIND | flag)
 
     def fill() -> None:
-        for filler in fillers:
-            try:
-                filler.write_bytes(bytes(4096))
-            except OSError:
-                pass
+        with contextlib.suppress(OSError):
+            for number in range(32):
+                (path / f"fill-{number}").write_bytes(bytes(4096))
+        with contextlib.suppress(OSError):
+            for number in range(32):
+                (path / f"fill-{number}").touch()
 
     def drain() -> None:
-        for filler in fillers:
-            filler.unlink(missing_ok=True)
+        for filler in path.glob("fill-*"):
+            filler.unlink()
 
     try:
         if read_only:
-            return run_without_directory(run, path, lambda: mounts.set_read_only(path, True),
-                                         lambda: mounts.set_read_only(path, False))
+            return run_without_directory(run, path, lambda: set_read_only(READ_ONLY),
+                                         lambda: set_read_only(0))
         return run_without_directory(run, path, fill, drain)
     finally:
-        mounts.unmount(path)
+        LIBC.umount2(bytes(path), DETACH)
 
 
 @fault("tmpdir-removed", "TMPDIR removed while running", PROMISE)
@@ -586,8 +602,12 @@ def miss_provider(run: Run) -> Outcome:
     return (verdict if stream_time == 0 else FAILED), figure
 
 
-def run_faults(run: Run, names: list[str]) -> bool:
-    """One after the other, in a private mount namespace if that can be had."""
+def select(text: str) -> list[str]:
+    """The fault of this name, or those whose names hold the text."""
+    return [text] if text in FAULTS else [name for name in FAULTS if text in name]
+
+
+def run_faults(names: list[str], run: Run) -> bool:
     rows = [("fault", "promise", "figure", "result", "s")]
     for name in names:
         text, promise, function = FAULTS[name]

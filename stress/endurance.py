@@ -131,7 +131,8 @@ def run_faults(probe: PauseProbe, tool: Path | None, seconds: float) -> Row:
 
     sender, counts, spans = start(), [0, 0], []
     since = time.monotonic_ns()
-    consumers = [End("consume", name) for _ in range(NUM_CONSUMERS)]
+    consumers = [End("consume", name, **({"untagged": True} if tool else {}))
+                 for _ in range(NUM_CONSUMERS)]
 
     def is_delivering() -> bool:
         wanted = [(end.board, end.board.frames + 20) for end in consumers]
@@ -160,8 +161,9 @@ def run_faults(probe: PauseProbe, tool: Path | None, seconds: float) -> Row:
     for end in (sender, *consumers):
         end.kill()
     return (what, f"no loss but within a stop; 20 further frames within {DELIVER_LIMIT_S} s",
-            f"{counts[0]} stops, {counts[1]} kills: {losses}; 20 frames after {1e3 * slowest:.0f} "
-            "ms at most", delivers and slowest <= DELIVER_LIMIT_S and not losses.unexplained)
+            f"{counts[0]} stops, {counts[1]} kills: {losses.lost - losses.unexplained:,} of "
+            f"{losses.lost + losses.received:,} missing within stops and pauses, "
+            f"{losses.unexplained} else; 20 frames after {1e3 * slowest:.0f} ms at most", delivers and slowest <= DELIVER_LIMIT_S and not losses.unexplained)
 
 
 def run(plan: Plan, tool: Path) -> bool:

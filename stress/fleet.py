@@ -283,11 +283,6 @@ def print_table(rows: list[tuple]) -> None:
     sys.stdout.flush()
 
 
-def describe_machine() -> str:
-    return (f"{len(os.sched_getaffinity(0))} processors | Linux {os.uname().release} | "
-            f"load {os.getloadavg()[0]:.1f}")
-
-
 def quantile(values: list[float], share: float) -> float:
     return sorted(values)[min(int(share * len(values)), len(values) - 1)] if values else 0.0
 

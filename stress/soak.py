@@ -3,6 +3,7 @@
 from dataclasses import dataclass, field
 from pathlib import Path
 import math
+import statistics
 import time
 
 from fleet import End, Losses, PauseProbe, Stream, median, print_table
@@ -42,29 +43,18 @@ class Trend:
         return self.slope - self.half_width <= 0 or self.growth <= self.noise
 
 
-def product(left: list[float], right: list[float]) -> float:
-    return sum(a * b for a, b in zip(left, right))
-
-
-def centred(values: list[float]) -> list[float]:
-    mean = sum(values) / len(values)
-    return [value - mean for value in values]
-
-
 def fit_trend(times: list[float], values: list[float]) -> Trend:
     """Least squares. Successive samples are not independent: the interval is widened by what their
     residuals have in common with their neighbours."""
-    duration = times[-1] - times[0]
-    times, values = centred(times), centred(values)
-    slope = product(times, values) / product(times, times)
-    residuals = [value - slope * at for at, value in zip(times, values)]
-    squares = product(residuals, residuals)
-    correlation = product(residuals, residuals[1:]) / squares if squares else 0
-    correlation = min(max(correlation, 0), 0.95)
+    slope, start = statistics.linear_regression(times, values)
+    residuals = [value - slope * at - start for at, value in zip(times, values)]
+    squares = sum(value * value for value in residuals)
+    shared = sum(a * b for a, b in zip(residuals, residuals[1:]))
+    correlation = min(max(shared / squares, 0), 0.95) if squares else 0
     deviation = math.sqrt(squares / max(len(residuals) - 2, 1))
-    widening = math.sqrt((1 + correlation) / (1 - correlation))
-    return Trend(slope, 1.96 * widening * deviation / math.sqrt(product(times, times)),
-                 slope * duration, max(2 * deviation, LEAST_NOISE_KIB))
+    width = 1.96 * deviation * math.sqrt((1 + correlation) / (1 - correlation))
+    return Trend(slope, width / math.sqrt(statistics.pvariance(times) * len(times)),
+                 slope * (times[-1] - times[0]), max(2 * deviation, LEAST_NOISE_KIB))
 
 
 def compare_ends(values: list[float]) -> tuple[float, float]:
@@ -82,19 +72,18 @@ def draw(groups: list[Group], target: Path) -> None:
     except ImportError:
         print("no picture: python3-matplotlib is not installed")
         return
-    figure, (memory, handles, loss) = pyplot.subplots(3, sharex=True, figsize=(9, 10))
+    figure, panels = pyplot.subplots(3, sharex=True, figsize=(9, 10))
+    memory, handles, loss = panels
     for group, colour in zip(groups, ("0.55", "#0050c8", "0.25")):  # the steady ones stand out
         seconds, pss, descriptors, threads, lost = zip(*group.samples)
         minutes = [s / 60 for s in seconds]
-        memory.plot(minutes, pss, color=colour, label=group.name)
-        handles.plot(minutes, descriptors, color=colour, label=f"{group.name}, descriptors")
-        handles.plot(minutes, threads, color=colour, linestyle=":", label=f"{group.name}, threads")
-        loss.plot(minutes, lost, color=colour, label=group.name)
-    memory.set_ylabel("memory per process, PSS, KiB")
-    handles.set_ylabel("descriptors and threads")
-    loss.set_ylabel("frames lost so far, all together")
-    loss.set_xlabel("minutes")
-    for panel in (memory, handles, loss):
+        for panel, values, text, line in (
+                (memory, pss, "", "-"), (handles, descriptors, ", descriptors", "-"),
+                (handles, threads, ", threads", ":"), (loss, lost, "", "-")):
+            panel.plot(minutes, values, color=colour, linestyle=line, label=group.name + text)
+    for panel, text in zip(panels, ("memory per process, PSS, KiB", "descriptors and threads",
+                                    "frames lost so far, all together")):
+        panel.set(ylabel=text, xlabel="minutes")
         panel.set_ylim(bottom=0)
         panel.grid(color="0.9")
         panel.legend(frameon=False, fontsize="small")
