@@ -91,9 +91,7 @@ void sleepUntilNs(std::uint64_t deadlineNs)
 
 void say(const std::string& line)
 {
-    const std::string whole = line + "\n";
-    if (write(STDOUT_FILENO, whole.data(), whole.size()) != static_cast<ssize_t>(whole.size()))
-        _exit(1);
+    std::cout << line + "\n" << std::flush;
 }
 
 // What this process has used so far.

@@ -2,9 +2,9 @@
 /// the same bytes.
 
 #include <cstring>
+#include <vector>
 
 #include <benchmark/benchmark.h>
-#include <log4cplus/configurator.h>
 #include <log4cplus/logger.h>
 
 #include <vlx/VlxPayload.hpp>
@@ -84,22 +84,12 @@ void consumeFrame(benchmark::State& state)
 }
 
 // Before the main function, which is Google Benchmark's.
-const bool LogIsQuiet = []
-{
-    log4cplus::BasicConfigurator(log4cplus::Logger::getDefaultHierarchy(), true).configure();
-    log4cplus::Logger::getRoot().setLogLevel(log4cplus::ERROR_LOG_LEVEL);
-    return true;
-}();
+const bool LogIsQuiet = (log4cplus::Logger::getRoot().setLogLevel(log4cplus::OFF_LOG_LEVEL), true);
 
-void useAllSizes(benchmark::internal::Benchmark* benchmark)
-{
-    for (const std::int64_t bytes : {64, 1920, 7680, 65536})
-        benchmark->Arg(bytes);
-}
-
-BENCHMARK(copyMedia)->Name("memcpy")->Apply(useAllSizes);
-BENCHMARK(produceFrame)->Name("produce")->Apply(useAllSizes);
-BENCHMARK(consumeFrame)->Name("consume")->Apply(useAllSizes);
+const std::vector<std::vector<std::int64_t>> Sizes = {{64, 1920, 7680, 65536}};
+BENCHMARK(copyMedia)->Name("memcpy")->ArgsProduct(Sizes);
+BENCHMARK(produceFrame)->Name("produce")->ArgsProduct(Sizes);
+BENCHMARK(consumeFrame)->Name("consume")->ArgsProduct(Sizes);
 
 } // namespace
 } // namespace vlx::bench

@@ -4,12 +4,13 @@ receiver's process for all repetitions."""
 
 from contextlib import ExitStack
 from dataclasses import dataclass, replace
+import itertools
 import random
 import time
 
 from figures import Record
 from questions import Campaign
-from session import BusyLoops, Endpoint, Plan, make_name
+from session import Endpoint, Plan, busy_loops, make_name
 import transports as t
 
 # A receiver without a frame by then never gets one: it has missed the announcement of the sequence.
@@ -67,7 +68,7 @@ class Row:
         return record
 
     def _measure(self, senders: ExitStack, gap_s: float | None) -> Record | None:
-        self._need_receiver()
+        self._receiver = self._receiver or self._start("receive", self._transport.variant)
         victim = None if gap_s is None else self._prepare_victim(senders)
         sender = self._start_sender(senders, self._transport.variant)
         if gap_s is None:
@@ -94,10 +95,6 @@ class Row:
                             self._directory, self._name, Plan(epoch=self._epoch))
         endpoint.expect("ready")
         return endpoint
-
-    def _need_receiver(self) -> None:
-        if not self._receiver:
-            self._receiver = self._start("receive", self._transport.variant)
 
     def _start_sender(self, senders: ExitStack, variant: str) -> Endpoint:
         self._epoch += 1
@@ -129,7 +126,7 @@ class Row:
     def _prepare_victim(self, senders: ExitStack) -> Endpoint | None:
         """A sender with a receiver that gets its frames; not measured, so as quickly as possible."""
         for _ in range(SET_UP_ATTEMPTS):
-            self._need_receiver()
+            self._receiver = self._receiver or self._start("receive", self._transport.variant)
             with ExitStack() as attempt:
                 victim = self._start_sender(attempt, t.ALL[self._transport.id].variant)
                 if "open_ms" in (self._open(victim) or {}):
@@ -143,23 +140,18 @@ def sleep_until(moment: float) -> None:
     time.sleep(max(0, moment - time.monotonic()))
 
 
-def measure_scenario(campaign: Campaign, scenario: Scenario, repetitions: int) -> None:
-    random.seed(1)
-    with ExitStack() as stack:
-        rows = [Row(campaign, scenario, replace(transport, variant=variant))
-                for transport in campaign.select([t.OURS, *scenario.others])
-                for variant in (scenario.bells if transport.id == t.OURS else [transport.variant])]
-        for row in rows:
-            stack.callback(row.drop_receiver)
-        stack.enter_context(BusyLoops(scenario.busy_loops))
-        for repetition in range(repetitions):
-            for row in rows:
-                campaign.add(row.measure(), repetition=repetition)
-
-
 def measure_join(campaign: Campaign) -> None:
     """How fast is a receiver in, and back in? 1,000 frames of 1,920 bytes a second."""
     repetitions = campaign.choose(full=40, quick=4)
     campaign.begin(f"{repetitions} repetitions interleaved")
+    random.seed(1)
     for scenario in SCENARIOS:
-        measure_scenario(campaign, scenario, repetitions)
+        rows = [Row(campaign, scenario, replace(each, variant=variant))
+                for each in campaign.select([t.OURS, *scenario.others])
+                for variant in (scenario.bells if each.id == t.OURS else [each.variant])]
+        with ExitStack() as stack:
+            for row in rows:
+                stack.callback(row.drop_receiver)
+            stack.enter_context(busy_loops(scenario.busy_loops))
+            for repetition, row in itertools.product(range(repetitions), rows):
+                campaign.add(row.measure(), repetition=repetition)

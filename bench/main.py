@@ -3,6 +3,7 @@
 import argparse
 import os
 from pathlib import Path
+import re
 import signal
 import subprocess
 import sys
@@ -35,13 +36,11 @@ def parse_options() -> argparse.Namespace:
         "Exit code: 0 done, 1 a build or a measurement failed, 2 usage.")
     add = parser.add_argument
     add("--quick", action="store_true", help="short runs, every table all the same; under 4 "
-        "minutes. The summary goes to the build directory, as with --questions and --only")
+        "minutes. The summary goes to the build directory, as with --questions")
     add("--cpus", metavar="LIST", type=read_processors,
         help='processors to use, such as "0,2", or "all"; default: the first two')
     add("--questions", metavar="NAME", nargs="+", choices=QUESTIONS, default=list(QUESTIONS),
         help="measure only these of %(choices)s; the raw data of the others stays")
-    add("--only", metavar="ID", nargs="+", choices=transports.ALL, default=[],
-        help="measure only these transports of %(choices)s")
     add("--report-only", action="store_true",
         help="do not measure: write the summary from the last run's raw data")
     return parser.parse_args()
@@ -52,19 +51,14 @@ def read_processors(text: str) -> set[int]:
 
 
 def describe_machine() -> str:
-    """Processor, cores, kernel, governor | build; with a warning if the build makes no sense."""
-    names = [line.partition(": ")[2] for line in Path("/proc/cpuinfo").read_text().splitlines()
-             if line.startswith("model name")]
+    """Processor, cores, kernel, governor | build."""
     governor = Path("/sys/devices/system/cpu/cpu0/cpufreq/scaling_governor")
-    cache = dict(line.split("=", 1) for line in (BUILD / "CMakeCache.txt").read_text().splitlines()
-                 if "=" in line)
-    kind = cache["CMAKE_BUILD_TYPE:STRING"]
-    useless = kind == "Debug" or cache["VLX_SANITIZE:STRING"]
     return ", ".join([
-        *names[:1], f"{len(os.sched_getaffinity(0))} of {os.cpu_count()} cores",
+        *re.findall("model name.*: (.*)", Path("/proc/cpuinfo").read_text())[:1],
+        f"{len(os.sched_getaffinity(0))} of {os.cpu_count()} cores",
         f"{os.uname().sysname} {os.uname().release}",
         governor.read_text().strip() if governor.exists() else "no governor",
-    ]) + f" | {kind.lower()}" + (" | WARNING: these figures mean nothing" if useless else "")
+    ]) + " | " + re.findall("CMAKE_BUILD_TYPE:.*=(.*)", (BUILD / "CMakeCache.txt").read_text())[0]
 
 
 def measure_all(options: argparse.Namespace, data: Path) -> bool:
@@ -80,7 +74,7 @@ def measure_all(options: argparse.Namespace, data: Path) -> bool:
             started = time.monotonic()
             campaign = questions.Campaign(
                 BUILD, Path(scratch) / question, data / f"{question}.jsonl", options.quick,
-                options.only, describe_machine())
+                describe_machine())
             QUESTIONS[question](campaign)
             for name in filter(None, [question, FURTHER_TABLES.get(question)]):
                 print(getattr(tables, f"{name}_table")(campaign.records).to_text())
@@ -95,7 +89,7 @@ def write_report(data: Path, target: Path) -> None:
     report.write_summary(records, target / "benchmarks.md")
     try:
         import pictures  # only what draws needs matplotlib
-        pictures.draw_all(records, target / "benchmarks")
+        pictures.draw_all(records, report.CAPTIONS, target / "benchmarks")
     except ImportError as error:
         print(f"no pictures: {error}", file=sys.stderr)
     print(f"Summary: {target / 'benchmarks.md'}")
@@ -113,7 +107,7 @@ def main() -> int:
             return 1
     data = BUILD / "data" / ("quick" if options.quick else "full")
     complete = options.report_only or measure_all(options, data)
-    whole = not options.quick and not options.only and options.questions == list(QUESTIONS)
+    whole = not options.quick and options.questions == list(QUESTIONS)
     write_report(data, ROOT / "docs" if whole else data)
     print(f"Took {(time.monotonic() - started) / 60:.1f} minutes.")
     if not complete:

@@ -15,24 +15,23 @@ from transports import ALL, OURS
 
 # Rows of ours that differ in the bell.
 BELL_COLOURS = {"yes, announced twice": "#b58900", "no": "#9a9a9a"}
-OPERATION_COLOURS = {"memcpy": "#8c8c8c", "produce": ALL["nanomsg-same"].colour,
-                     "consume": ALL[OURS].colour}
-SHARES = {"10": "p10_us", "25": "p25_us", "50": "p50_us", "75": "p75_us", "90": "p90_us",
-          "99": "p99_us", "99.9": "p999_us"}
+OPERATION_COLOURS = {"memcpy": "#8c8c8c", "produce": "#1f4e79", "consume": ALL[OURS].colour}
+PERCENTILES = ("10", "25", "50", "75", "90", "99", "99.9")
 
 
-def draw_all(data: Data, directory: Path) -> None:
+def draw_all(data: Data, captions: dict[str, str], directory: Path) -> None:
     directory.mkdir(parents=True, exist_ok=True)
     pyplot.rcParams.update({
         "svg.fonttype": "none", "svg.hashsalt": "vellox", "axes.grid": True,
         "grid.color": "#dddddd", "axes.spines.top": False, "axes.spines.right": False})
-    for draw in (_age, _overload, _busy, _fanout, _join, _micro):
-        name = draw.__name__.removeprefix("_")
-        figure, panels = pyplot.subplots(1, 2 if draw is _join else 1, figsize=(9.6, 5),
+    for name, caption in captions.items():
+        if not data[name]:
+            continue
+        figure, panels = pyplot.subplots(1, 2 if name == "join" else 1, figsize=(9.6, 5),
                                          sharey=True, squeeze=False, layout="constrained")
-        if data[name]:
-            figure.suptitle(draw(data, *panels[0]))
-            figure.savefig(directory / f"{name}.svg", metadata={"Date": None})
+        figure.suptitle(caption)
+        DRAW[name](data[name], *panels[0])
+        figure.savefig(directory / f"{name}.svg", metadata={"Date": None})
         pyplot.close(figure)
 
 
@@ -55,15 +54,16 @@ def _finish(axes: object, **settings: object) -> None:
         axes.legend(handles, labels, loc="upper left", bbox_to_anchor=(1.01, 1), frameon=False)
 
 
-def _age(data: Data, axes: object) -> str:
-    for transport, rows in in_order(where(data["age"], bytes=BYTES)).items():
-        axes.plot(SHARES.keys(), [median_of(rows, key) for key in SHARES.values()], marker=".",
-                  **_style(transport))
+def _age(records: list[Record], axes: object) -> None:
+    for transport, rows in in_order(where(records, bytes=BYTES)).items():
+        ages = [median_of(rows, f"p{share.replace('.', '')}_us") for share in PERCENTILES]
+        axes.plot(PERCENTILES, ages, marker=".", **_style(transport))
     _finish(axes, xlabel="percentile", ylabel="us", yscale="log")
-    return f"Age of a frame, {BYTES:,} bytes at 1,000 a second"
 
 
-def _draw_bars(axes: object, records: list[Record]) -> None:
+def _bars(records: list[Record], axes: object) -> None:
+    """Where there are several sizes, that of the other pictures."""
+    records = where(records, bytes=BYTES)
     members = in_order(records)
     for position, (transport, rows) in enumerate(members.items()):
         low, high, rare = (median_of(rows, key) for key in ("p50_us", "p99_us", "p999_us"))
@@ -75,38 +75,28 @@ def _draw_bars(axes: object, records: list[Record]) -> None:
             xlim=(0.8 * min(values_of(records, "p50_us"), default=1), None))
 
 
-def _overload(data: Data, axes: object) -> str:
-    _draw_bars(axes, where(data["overload"], bytes=BYTES))
-    return f"Age of what arrives when the producer floods, {BYTES:,} bytes"
-
-
-def _busy(data: Data, axes: object) -> str:
-    _draw_bars(axes, data["busy"])
-    return f"Age on a busy machine, {BYTES:,} bytes at 1,000 a second"
-
-
-def _fanout(data: Data, axes: object) -> str:
-    records = where(data["fanout"], objects=1)
+def _fanout(records: list[Record], axes: object) -> None:
+    records = where(records, objects=1)
     counts = sorted(distinct(records, "receivers"))
     for transport, rows in in_order(records).items():
         axes.plot(counts, [median_of(where(rows, receivers=count), "sender_cpu_per_receiver_us")
                            for count in counts], marker=".", **_style(transport))
     _finish(axes, xlabel="receivers", ylabel="us per frame and receiver", xscale="log",
             xticks=counts, ylim=(0, None))
-    return f"Sender CPU for each receiver, {BYTES:,} bytes at 100 frames a second"
 
 
-def _join(data: Data, *panels: object) -> str:
+def _join(records: list[Record], *panels: object) -> None:
     """The share of repetitions up to each time."""
     labelled = set()
     for axes, case in zip(panels, ("join", "join, busy core")):
-        for row in distinct(where(data["join"], case=case), "row"):
-            rows = where(data["join"], case=case, row=row)
+        for row in distinct(where(records, case=case), "row"):
+            rows = where(records, case=case, row=row)
             style, bell = _style(rows[0]["transport"]), rows[0]["bell"]
             if bell in BELL_COLOURS:
                 style |= {"color": BELL_COLOURS[bell], "linewidth": 1.4}
-            style["label"] = "_" * (row in labelled) + style["label"] + f", bell: {bell}" * (bell != "-")
-            labelled.add(row)
+            label = style["label"] + (f", bell: {bell}" if bell != "-" else "")
+            style["label"] = "_" + label if label in labelled else label
+            labelled.add(label)
             times = sorted(values_of(rows, "open_ms"))
             axes.step(times, [100 * (i + 1) / len(rows) for i in range(len(times))], where="post",
                       **style)
@@ -114,15 +104,17 @@ def _join(data: Data, *panels: object) -> str:
         axes.set_xscale("log")
     panels[0].set_ylabel("% of repetitions")
     _finish(panels[1])
-    return "First frame of a waiting receiver after the call that opens the stream"
 
 
-def _micro(data: Data, axes: object) -> str:
-    sizes = sorted(distinct(data["micro"], "bytes"))
+def _micro(records: list[Record], axes: object) -> None:
+    sizes = sorted(distinct(records, "bytes"))
     for operation, colour in OPERATION_COLOURS.items():
-        rows = where(data["micro"], operation=operation)
+        rows = where(records, operation=operation)
         axes.plot(sizes, [median_of(where(rows, bytes=size), "bytes_per_s") / 1e9
                           for size in sizes], marker=".", color=colour, label=operation)
     _finish(axes, xlabel="bytes of media data", ylabel="GB/s", xscale="log", yscale="log",
             xticks=sizes)
-    return "Packet functions and a plain copy"
+
+
+DRAW = {"age": _age, "overload": _bars, "busy": _bars, "fanout": _fanout, "join": _join,
+        "micro": _micro}

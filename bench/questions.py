@@ -9,7 +9,7 @@ from pathlib import Path
 import subprocess
 
 from figures import Record
-from session import BusyLoops, Plan, run_session
+from session import Plan, busy_loops, run_session
 from tables import MANY_OBJECTS
 import transports as t
 
@@ -24,7 +24,6 @@ class Campaign:
     directory: Path  # private; short: socket names have a limit
     output: Path  # raw data
     quick: bool
-    only: list[str]  # ids of transports; empty: all
     machine: str
 
     def __post_init__(self) -> None:
@@ -32,7 +31,7 @@ class Campaign:
         self.output.write_text("")
         self.records: list[Record] = []
         self.complete = True
-        self._left_out: set[str] = set()
+        self._left_out: list[t.Transport] = []
 
     def begin(self, counts: str) -> None:
         print(f"{self.machine} | {counts}", flush=True)
@@ -53,13 +52,13 @@ class Campaign:
         return quick if self.quick else full
 
     def select(self, ids: list[str]) -> list[t.Transport]:
-        """Those that are wanted and can run, in the order of the tables; the others are named."""
+        """Those that can run, in the order of the tables; the others are named."""
         obstacles = {each: t.obstacle(self.build, each) for each in t.ALL.values()
-                     if each.id in ids and each.id in (self.only or ids)}
-        for each in [each for each, obstacle in obstacles.items() if obstacle]:
-            if each.id not in self._left_out:
-                print(f"{each.label} is left out: {obstacles[each]}")
-                self._left_out.add(each.id)
+                     if each.id in ids}
+        for each, obstacle in obstacles.items():
+            if obstacle and each not in self._left_out:
+                print(f"{each.label} is left out: {obstacle}")
+                self._left_out.append(each)
         return [each for each, obstacle in obstacles.items() if not obstacle]
 
     def measure_round(self, transports: list[t.Transport], plan: Plan, turn: int) -> None:
@@ -109,7 +108,7 @@ def measure_busy(campaign: Campaign) -> None:
     loops = len(os.sched_getaffinity(0)) + 1
     members = campaign.select([t.OURS, t.KIT, t.KIT_RT, t.RAW, t.ZMQ, t.NNG, t.GST_SHM])
     campaign.begin(f"{loops} busy loops, {frames} frames")
-    with BusyLoops(loops):
+    with busy_loops(loops):
         campaign.measure_round(members, Plan(frames=frames, warm_up=100, patience=5), 0)
 
 

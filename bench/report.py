@@ -8,9 +8,14 @@ from targets import BYTES, Data, target_table
 import transports as t
 
 HERE = Path(__file__).parent
-PICTURES = {"age": "Age of a frame", "overload": "Age under overload",
-            "busy": "Age on a busy machine", "fanout": "Sender CPU for each receiver",
-            "join": "Time to the first frame", "micro": "Packet functions"}
+SIZE = f"{BYTES:,} bytes"
+CAPTIONS = {
+    "age": f"Age of a frame, {SIZE} at 1,000 a second",
+    "overload": f"Age of what arrives when the producer floods, {SIZE}",
+    "busy": f"Age on a busy machine, {SIZE} at 1,000 a second",
+    "fanout": f"Sender CPU for each receiver, {SIZE} at 100 frames a second",
+    "join": "First frame of a waiting receiver after the call that opens the stream",
+    "micro": "Packet functions and a plain copy"}
 
 
 def describe_transports() -> str:
@@ -38,7 +43,7 @@ def write_summary(data: Data, output: Path) -> None:
               "TARGETS": target_table(data).to_markdown(),
               "ALLOCATIONS": tables.allocation_table(data["age"]).to_markdown(),
               "MEMORY": tables.memory_table(data["fanout"]).to_markdown()}
-    for question, caption in PICTURES.items():
+    for question, caption in CAPTIONS.items():
         mark, table = question.upper(), getattr(tables, f"{question}_table")
         fields[f"{mark}_SETUP"] = next(iter(distinct(data[question], "setup")), "not measured")
         fields[f"{mark}_PICTURE"] = f"![{caption}](benchmarks/{question}.svg)"

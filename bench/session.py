@@ -1,6 +1,6 @@
 """One measurement: a sender and its receivers, each in a process of its own, driven by lines."""
 
-from contextlib import ExitStack
+from contextlib import ExitStack, contextmanager
 from dataclasses import asdict, dataclass
 import itertools
 import json
@@ -10,6 +10,7 @@ import select
 import subprocess
 import sys
 import time
+from typing import Iterator
 
 from figures import Record, median, quotient
 from transports import Transport, endpoint_program
@@ -108,17 +109,14 @@ class Endpoint:
         return next(float(line.split()[1]) for line in lines if line.startswith("Pss:"))
 
 
-class BusyLoops:
-    """Processes that do nothing but keep processors busy, within a "with" block."""
-
-    def __init__(self, count: int) -> None:
-        self._loops = [subprocess.Popen([sys.executable, "-c", BUSY_LOOP]) for _ in range(count)]
-
-    def __enter__(self) -> None:
-        pass
-
-    def __exit__(self, *_: object) -> None:
-        for loop in self._loops:
+@contextmanager
+def busy_loops(count: int) -> Iterator[None]:
+    """Processes that do nothing but keep processors busy."""
+    loops = [subprocess.Popen([sys.executable, "-c", BUSY_LOOP]) for _ in range(count)]
+    try:
+        yield
+    finally:
+        for loop in loops:
             loop.kill()
             loop.wait()
 

@@ -54,7 +54,7 @@ def endpoint_program(build: Path, transport: Transport) -> Path:
 
 def plugin_directory(build: Path) -> Path | None:
     """Where the GStreamer elements were built, if they were."""
-    return next((found.parent for found in build.glob("gst/**/libgst*.so")), None)
+    return build / "gst" if (build / "gst" / "libgstvlx.so").exists() else None
 
 
 def obstacle(build: Path, transport: Transport) -> str:

@@ -34,27 +34,17 @@ Options makeOptions(const Plan& plan)
     return options;
 }
 
-struct SendingSide
-{
-    explicit SendingSide(const Plan& plan)
-        : scope(chooseScheduling(plan)), producer(makeOptions<kit::ProducerOptions>(plan))
-    {
-    }
-
-    kit::RealTimeScope scope; // of the thread that sends
-    kit::Producer producer;
-};
-
 } // namespace
 
 SendFrame openStream(const Plan& plan)
 {
-    const auto side = std::make_shared<SendingSide>(plan);
-    if (!check(
-            side->producer.open(kit::StreamFormat{}), "open", side->producer.getProblem().c_str()))
+    const auto scope =
+        std::make_shared<kit::RealTimeScope>(chooseScheduling(plan)); // of this thread
+    const auto producer = std::make_shared<kit::Producer>(makeOptions<kit::ProducerOptions>(plan));
+    if (!check(producer->open(kit::StreamFormat{}), "open", producer->getProblem().c_str()))
         return {};
-    return [side](std::uint64_t timestampNs, Bytes packet)
-    { side->producer.send(timestampNs, FrameDurationNs, packet.subspan(sizeof(PacketHeader))); };
+    return [scope, producer](std::uint64_t timestampNs, Bytes packet)
+    { producer->send(timestampNs, FrameDurationNs, packet.subspan(sizeof(PacketHeader))); };
 }
 
 bool startReceiving(const Plan& plan, FrameHandler handler)

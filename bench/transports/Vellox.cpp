@@ -3,9 +3,9 @@
 /// announces the sequence once more a moment later, for a receiver that was just joining and has
 /// missed it.
 
+#include <chrono>
 #include <limits>
 #include <memory>
-#include <utility>
 
 #include <fcntl.h>
 #include <log4cplus/configurator.h>
@@ -23,9 +23,12 @@ namespace vlx::bench
 namespace
 {
 
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
 constexpr TimeValue FrameDurationNs = 1'000'000;
-constexpr std::uint64_t Never = std::numeric_limits<std::uint64_t>::max();
-constexpr std::uint64_t AnnounceAgainNs = 20'000'000;
+constexpr TimeValue Never = std::numeric_limits<TimeValue>::max();
+constexpr TimeValue AnnounceAgainNs = 20'000'000;
 
 void ringBell(const std::string& directory)
 {
@@ -38,7 +41,7 @@ struct SendingSide
 {
     PcmPayloader payloader;
     Sender sender;
-    std::uint64_t announceAgainNs = Never;
+    TimeValue announceAgainNs = Never;
 };
 
 struct ReceivingSide
@@ -68,11 +71,11 @@ SendFrame openStream(const Plan& plan)
     side->sender.startNewSequence();
     if (plan.variant.starts_with("bell"))
         ringBell(plan.directory);
-    return [side,
-            again = plan.variant == "bell-again"](std::uint64_t timestampNs, Bytes packet) mutable
+    if (plan.variant == "bell-again")
+        side->announceAgainNs =
+            static_cast<TimeValue>(Clock::now().time_since_epoch() / 1ns) + AnnounceAgainNs;
+    return [side](TimeValue timestampNs, Bytes packet)
     {
-        if (std::exchange(again, false))
-            side->announceAgainNs = timestampNs + AnnounceAgainNs;
         if (timestampNs >= side->announceAgainNs)
         {
             side->sender.startNewSequence();
