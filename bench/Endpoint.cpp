@@ -29,21 +29,10 @@
 namespace vlx::bench
 {
 
-// clang-format off: one name in a line would be a page
+// One name in a line would be a page.
+// clang-format off
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(
-    Plan,
-    name,
-    directory,
-    variant,
-    bytes,
-    role,
-    epoch,
-    rate,
-    warm_up,
-    frames,
-    flood_ms,
-    objects,
-    dry)
+    Plan, name, directory, variant, bytes, role, epoch, rate, warm_up, frames, flood_ms, objects, dry)
 // clang-format on
 
 namespace
