@@ -1,23 +1,26 @@
 #include <atomic>
+#include <cstdio>
 #include <optional>
 #include <system_error>
 #include <thread>
 #include <utility>
 
 #include <AbstractName.hpp>
+#include <Descriptors.hpp>
 #include <SenderDirectory.hpp>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 #include <pthread.h>
+
+#include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/BaseDirectory.hpp>
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
 
-#include <miscUtils/MiscUtils.hpp>
-
 #include "ConsumerRecord.hpp"
 #include "PromptStop.hpp"
 #include "ScopedTmpdir.hpp"
+#include "SenderQuestion.hpp"
 #include "WakeupEvent.hpp"
 
 namespace vlx::kit
@@ -30,12 +33,26 @@ using Kind = ConsumerEvent::Kind;
 using ClockType = Receiver::StreamClockType;
 using miscUtils::getMonotonicSysclockTime;
 
+constexpr TimeValue NsPerMs = 1'000'000;
+
 constexpr int WatchIntervalMs = 100;
 // How long somebody is left alone who cannot be received from.
 constexpr int PauseMs = 2000;
-// A sender that listens is normally joined within milliseconds.
-constexpr TimeValue SuspiciousConnectingNs = 1'000'000'000;
-constexpr auto AnswerTimeout = std::chrono::milliseconds(300);
+// A sender that listens is normally joined within milliseconds, and its frames follow.
+constexpr TimeValue SuspiciousConnectingNs = 300 * NsPerMs;
+constexpr TimeValue SuspiciousSilenceNs = 500 * NsPerMs;
+// A sender that was stopped and is killed closes as a stranger does, but not as quickly.
+constexpr TimeValue QuickCloseNs = 1000 * NsPerMs;
+// A sender that starts or goes may look odd for a moment: nobody is accused before so many looks,
+// between which the time doubles.
+constexpr int NeededLooks = 5;
+constexpr int FirstLookPauseMs = 20;
+// Asking one whose backlog is full costs him nothing.
+constexpr int BusyPauseMs = 100;
+// For the announcement of a sequence. It follows at once if there is one, but one who has ended
+// every connection before is listened to for longer.
+constexpr int SequenceTimeoutMs = 5;
+constexpr int PatientSequenceTimeoutMs = 300;
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox.Kit"));
 
@@ -44,9 +61,17 @@ std::string quote(const std::string& text)
     return '"' + text + '"';
 }
 
-std::string toPauseText()
+TimeValue getEnd(int durationMs)
 {
-    return "; asking again every " + std::to_string(PauseMs / 1000) + " s";
+    return getMonotonicSysclockTime() + static_cast<TimeValue>(durationMs) * NsPerMs;
+}
+
+std::string toModeText(mode_t mode)
+{
+    char text[32] = "";
+    if (mode != 0)
+        std::snprintf(text, sizeof(text), " (mode %04o)", static_cast<unsigned>(mode));
+    return text;
 }
 
 } // unnamed namespace
@@ -101,9 +126,17 @@ private:
     {
         Stop,
         Stall,
+        Suspicion, // for a closer look
         Flapping,
-        Unanswered, // connecting for long, though somebody listens
         GivenUp,
+    };
+
+    /// What keeps the consumer from joining.
+    struct Obstacle
+    {
+        Kind kind = Kind::Failed;
+        std::string text;
+        std::uint32_t fourcc = 0;
     };
 
     // Of the worker.
@@ -114,13 +147,17 @@ private:
     // Of the keeper.
     void keep();
     bool approachSender();
+    SenderProbe askSender();
+    std::optional<Obstacle> findObstacle(const SenderProbe& answer);
     bool startReceiver();
     Ending superviseReceiver();
+    bool isSuspicious();
+    bool isUnanswered();
+    bool isUnpermitted(TimeValue join);
     void stopReceiver();
     void handleEnding(Ending ending);
-    bool isUnanswered() const;
     void pause(int durationMs);
-    void tellOnce(Kind kind, const std::string& text, std::uint32_t fourcc = 0);
+    void tellOnce(const Obstacle& obstacle);
 
     // Of any.
     void tell(Kind kind, std::string text, std::uint32_t fourcc = 0) const;
@@ -137,9 +174,14 @@ private:
     std::thread m_keeper;
 
     // Of the keeper, while it runs.
-    std::string m_directory; // that the receiver watches
-    bool m_hasFlapped = false;
-    std::string m_told; // text of the last event that would come again and again
+    std::string m_directory;                  // that the receiver watches
+    std::optional<SenderQuestion> m_question; // kept while it is not answered
+    std::optional<Obstacle> m_setback;        // told unless a closer look finds the reason for it
+    bool m_isPatient = false;                 // with one who has not announced a sequence
+    ino_t m_standingConnection = 0;           // of the receiver, at the last look
+    TimeValue m_permittedJoin = 0;            // time of the connection that was looked at
+    std::string m_told;                       // last obstacle, which may be found again and again
+    DepayloaderList m_codecs;                 // for trying headers while the receiver is shut down
 
     // Of any thread.
     const WakeupEvent m_wakeup;
@@ -161,7 +203,7 @@ Consumer::Impl::Impl(ConsumerOptions options, ConsumerCallbacks callbacks)
       m_callbacks(std::move(callbacks)),
       m_record(static_cast<TimeValue>(m_options.stallTimeout.count()))
 {
-    m_receiver.addDepayloader(m_pcm);
+    addDepayloader(m_pcm);
     m_receiver.setStateChangedCallback([this](Receiver::State state) { handleState(state); });
     m_receiver.setNewSequenceCallback([this](Depayloader& depayloader)
                                       { handleSequence(depayloader); });
@@ -184,6 +226,7 @@ Consumer::Impl::~Impl()
 void Consumer::Impl::addDepayloader(Depayloader& depayloader)
 {
     m_receiver.addDepayloader(depayloader);
+    m_codecs.addDepayloader(depayloader);
 }
 
 bool Consumer::Impl::start()
@@ -193,7 +236,7 @@ bool Consumer::Impl::start()
     if (!prepare())
         return false;
     m_stopRequested = false;
-    m_hasFlapped = false;
+    m_setback.reset();
     m_told.clear();
     m_record.onStart(getMonotonicSysclockTime());
     try
@@ -229,8 +272,8 @@ bool Consumer::Impl::prepare()
     m_directory = getBaseDirectory();
     const BaseDirectory base = prepareBaseDirectory(BaseDirectoryUse::Receive);
     if (!base.problem.empty())
-        restrict(base.problem + "; senders that start are found late");
-    else if (!base.writable)
+        return fail(base.problem);
+    if (!base.writable)
         restrict(quote(base.path) + " is not writable; stopping can take up to 5 seconds");
     return true;
 }
@@ -338,41 +381,114 @@ void Consumer::Impl::keep()
         stopReceiver();
         handleEnding(ending);
     }
+    m_question.reset();
 }
 
-/// Looks at whoever holds the name, if that is needed.
+/// Looks at whoever holds the name, for as long as he is not fit to be joined.
 ///
-/// @return whether he can be joined, or nobody is there; otherwise it was told, and waited for
+/// @return whether he can be joined, or nobody is there and the receiver can wait for him
 bool Consumer::Impl::approachSender()
 {
-    if (!std::exchange(m_hasFlapped, false))
-        return true;
-    const SenderProbe answer = probeSender(m_options.name, AnswerTimeout);
-    if (!answer.reached)
-        return true;
-    if (answer.fourcc && !answer.format)
+    for (int looks = 0; !m_stopRequested;)
     {
-        tellOnce(
-            Kind::CannotPlay,
-            "cannot play codec \"" + toFourccText(*answer.fourcc) + "\" of " +
-                quote(m_options.name) + toPauseText(),
-            *answer.fourcc);
+        const TimeValue begin = getMonotonicSysclockTime();
+        const SenderProbe answer = askSender();
+        if (m_stopRequested)
+            break;
+        if (!answer.reached)
+        {
+            m_told.clear();
+            m_setback.reset();
+            return true;
+        }
+        const bool hasHung = !answer.initialInfo && answer.closedEarly &&
+                             getMonotonicSysclockTime() - begin >= QuickCloseNs;
+        if (answer.busy || hasHung)
+        {
+            pause(BusyPauseMs);
+            continue;
+        }
+
+        std::optional<Obstacle> obstacle = findObstacle(answer);
+        if (obstacle && ++looks < NeededLooks)
+        {
+            pause(FirstLookPauseMs << (looks - 1));
+            continue;
+        }
+        if (!obstacle)
+            obstacle = std::exchange(m_setback, std::nullopt);
+        if (!obstacle)
+            return true;
+        m_setback.reset();
+        tellOnce(*obstacle);
+        pause(PauseMs);
     }
-    else
-    {
-        tellOnce(
-            Kind::Stranger, quote(m_options.name) +
-                                " ends every connection before it announces a stream" +
-                                toPauseText());
-    }
-    pause(PauseMs);
     return false;
+}
+
+/// Waits for an answer without limit: one question that stands takes one place in the backlog of a
+/// sender that is stopped, and asking again would take another.
+SenderProbe Consumer::Impl::askSender()
+{
+    if (!m_question)
+        m_question.emplace(m_options.name);
+    while (!m_stopRequested && !m_question->isOver() && !m_question->hasInitialInfo())
+    {
+        m_wakeup.wait(NoTimeout, m_question->getFD());
+        m_question->advance();
+    }
+    const int timeoutMs = m_isPatient ? PatientSequenceTimeoutMs : SequenceTimeoutMs;
+    const TimeValue end = getEnd(timeoutMs);
+    while (!m_stopRequested && !m_question->isOver() && getMonotonicSysclockTime() < end)
+    {
+        m_wakeup.wait(timeoutMs, m_question->getFD());
+        m_question->advance();
+    }
+    const SenderProbe answer = m_question->getAnswer();
+    m_question.reset();
+    return answer;
+}
+
+std::optional<Consumer::Impl::Obstacle> Consumer::Impl::findObstacle(const SenderProbe& answer)
+{
+    const std::string name = quote(m_options.name);
+    if (!answer.initialInfo && !answer.closedEarly)
+        return Obstacle{Kind::Stranger, name + " is no sender: it says what none would say"};
+    if (!answer.initialInfo || (m_isPatient && answer.closedEarly && !answer.sequenceNr))
+        return Obstacle{
+            Kind::Stranger, name + " ends every connection before it announces a stream"};
+
+    const InitialInfo& info = *answer.initialInfo;
+    const bool isPipeline = info.nanomsgProtocol == NanomsgProtocol::Pipeline;
+    if (answer.socketFile.empty())
+        return Obstacle{
+            Kind::Stranger,
+            name + " is no sender: its main channel " + quote(info.nanomsgURI) + " is none"};
+    if (!answer.mayJoin)
+        return Obstacle{
+            Kind::NotPermitted,
+            "this user may not " + std::string(isPipeline ? "make " : "write to ") +
+                quote(answer.socketFile) + toModeText(answer.socketFileMode) +
+                ", the socket file of " + name + ": give its sender --socket-mode group or all"};
+
+    if (!answer.fourcc)
+        return std::nullopt;
+    const bool isPlayable = m_codecs.setOutOfBandInfo(*answer.fourcc, answer.codecHeader);
+    m_codecs.reset();
+    if (isPlayable)
+        return std::nullopt;
+    return Obstacle{
+        Kind::CannotPlay,
+        "cannot play " + name + ": its codec \"" + toFourccText(*answer.fourcc) +
+            "\" is unknown here, or its header is none",
+        *answer.fourcc};
 }
 
 bool Consumer::Impl::startReceiver()
 {
     m_endedByKeeper = false;
     m_givenUp = false;
+    m_standingConnection = 0;
     std::string problem = "the library's log says why";
     try
     {
@@ -386,7 +502,7 @@ bool Consumer::Impl::startReceiver()
         problem = error.what();
     }
     stopReceiver();
-    tellOnce(Kind::Failed, "cannot start to receive: " + problem + toPauseText());
+    tellOnce({Kind::Failed, "cannot start to receive: " + problem});
     pause(PauseMs);
     return false;
 }
@@ -398,14 +514,16 @@ Consumer::Impl::Ending Consumer::Impl::superviseReceiver()
         m_wakeup.wait(WatchIntervalMs);
         if (m_stopRequested)
             break;
+        if (m_record.hasFrame())
+            m_told.clear();
         if (m_givenUp)
             return Ending::GivenUp;
         if (m_record.isFlapping())
             return Ending::Flapping;
-        if (isUnanswered())
-            return Ending::Unanswered;
         if (m_record.isStalled(getMonotonicSysclockTime()))
             return Ending::Stall;
+        if (isSuspicious())
+            return Ending::Suspicion;
     }
     return Ending::Stop;
 }
@@ -418,52 +536,85 @@ void Consumer::Impl::stopReceiver()
 
 void Consumer::Impl::handleEnding(Ending ending)
 {
+    m_isPatient = ending == Ending::Flapping;
     switch (ending)
     {
     case Ending::Stop:
+    case Ending::Suspicion:
         break;
     case Ending::Stall:
         m_record.onStall();
-        tell(
-            Kind::Stalled,
-            "joined " + quote(m_options.name) + ", but no frames come: joining again");
+        tell(Kind::Stalled, "no frames come from " + quote(m_options.name) + ": joining it again");
         break;
     case Ending::Flapping:
-    case Ending::Unanswered:
         m_record.forgetLosses();
-        m_hasFlapped = true;
+        m_setback = {
+            Kind::Stranger,
+            quote(m_options.name) + " ends every connection before it announces a stream"};
         break;
     case Ending::GivenUp:
-        tellOnce(
+        m_setback = {
             Kind::Failed, "cannot join " + quote(m_options.name) +
-                              ": the system refused a channel; the library's log says why" +
-                              toPauseText());
-        pause(PauseMs);
+                              ": its main channel cannot be opened; the library's log says why"};
         break;
     }
 }
 
-bool Consumer::Impl::isUnanswered() const
+/// @return whether the receiver should be stopped for a closer look at whoever holds the name
+bool Consumer::Impl::isSuspicious()
 {
-    const TimeValue since = m_record.getConnectingSince();
-    if (since == 0 || getMonotonicSysclockTime() - since < SuspiciousConnectingNs)
+    const TimeValue now = getMonotonicSysclockTime();
+    const TimeValue connecting = m_record.getConnectingSince();
+    if (connecting != 0 && now - connecting >= SuspiciousConnectingNs)
+        return isUnanswered();
+    const TimeValue silent = m_record.getSilentSince();
+    if (silent != 0 && silent != m_permittedJoin && now - silent >= SuspiciousSilenceNs)
+        return isUnpermitted(silent);
+    m_question.reset();
+    return false;
+}
+
+/// For a receiver that has been connecting for long.
+bool Consumer::Impl::isUnanswered()
+{
+    if (m_question) // somebody was there at the last look, too
+        return true;
+    // A receiver that has reached somebody and waits for his first message is left to wait.
+    const ino_t connection = findConnection(m_options.name);
+    const ino_t former = std::exchange(m_standingConnection, connection);
+    if (connection != 0 && (former == 0 || former == connection))
         return false;
-    const SenderProbe answer = probeSender(m_options.name, AnswerTimeout);
-    return answer.closedEarly && !answer.initialInfo;
+    m_question.emplace(m_options.name);
+    if (!m_question->getAnswer().reached)
+        m_question.reset();
+    return false;
+}
+
+/// For a receiver that has joined and gets no frames.
+bool Consumer::Impl::isUnpermitted(TimeValue join)
+{
+    if (!m_question)
+        m_question.emplace(m_options.name);
+    m_question->advance();
+    if (!m_question->isOver() && !m_question->hasInitialInfo())
+        return false;
+    const SenderProbe answer = m_question->getAnswer();
+    m_question.reset();
+    m_permittedJoin = join;
+    return !answer.socketFile.empty() && !answer.mayJoin;
 }
 
 void Consumer::Impl::pause(int durationMs)
 {
-    const TimeValue end =
-        getMonotonicSysclockTime() + static_cast<TimeValue>(durationMs) * 1'000'000;
+    const TimeValue end = getEnd(durationMs);
     for (TimeValue now = 0; !m_stopRequested && (now = getMonotonicSysclockTime()) < end;)
-        m_wakeup.wait(static_cast<int>((end - now) / 1'000'000) + 1);
+        m_wakeup.wait(static_cast<int>((end - now) / NsPerMs) + 1);
 }
 
-void Consumer::Impl::tellOnce(Kind kind, const std::string& text, std::uint32_t fourcc)
+void Consumer::Impl::tellOnce(const Obstacle& obstacle)
 {
-    if (std::exchange(m_told, text) != text)
-        tell(kind, text, fourcc);
+    if (std::exchange(m_told, obstacle.text) != obstacle.text)
+        tell(obstacle.kind, obstacle.text, obstacle.fourcc);
 }
 
 void Consumer::Impl::tell(Kind kind, std::string text, std::uint32_t fourcc) const

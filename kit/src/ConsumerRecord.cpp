@@ -33,7 +33,7 @@ void ConsumerRecord::onJoined(TimeValue now)
     m_stallWatch.onRunning(now);
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_connectingSince = 0;
-    m_joined = true;
+    m_joinedSince = now;
     m_hadFrame = false;
     m_introduced = false;
 }
@@ -44,7 +44,7 @@ bool ConsumerRecord::onEnded(TimeValue now, bool byPeer)
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_connectingSince = 0;
     m_counts.clock = Receiver::StreamClockType::Undetermined;
-    if (!std::exchange(m_joined, false))
+    if (std::exchange(m_joinedSince, 0) == 0)
         return false;
     if (std::exchange(m_hadFrame, false))
         m_waitBegin = now;
@@ -154,6 +154,18 @@ TimeValue ConsumerRecord::getConnectingSince() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_connectingSince;
+}
+
+TimeValue ConsumerRecord::getSilentSince() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_hadFrame ? 0 : m_joinedSince;
+}
+
+bool ConsumerRecord::hasFrame() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_hadFrame;
 }
 
 ConsumerStatistics ConsumerRecord::getStatistics() const

@@ -70,6 +70,12 @@ public:
     /// @return since when the receiver looks for a sender; 0 if it does not
     TimeValue getConnectingSince() const;
 
+    /// @return since when it is joined without having got a frame; 0 if it is not so
+    TimeValue getSilentSince() const;
+
+    /// @return whether the present connection has brought a frame
+    bool hasFrame() const;
+
     /// @return everything but state and clock offset
     ConsumerStatistics getStatistics() const;
 
@@ -87,10 +93,10 @@ private:
     Receiver::StreamClockType m_lastClock = Receiver::StreamClockType::Undetermined;
     TimeValue m_waitBegin = 0;       // since when a frame is waited for
     TimeValue m_connectingSince = 0; // 0: not connecting
-    bool m_joined = false;
-    bool m_hadFrame = false;     // in the present connection
-    bool m_introduced = false;   // the present connection's format was told
-    bool m_isFirstFrame = false; // the next one is the first after an introduction
+    TimeValue m_joinedSince = 0;     // 0: not joined
+    bool m_hadFrame = false;         // in the present connection
+    bool m_introduced = false;       // the present connection's format was told
+    bool m_isFirstFrame = false;     // the next one is the first after an introduction
 };
 
 } // namespace vlx::kit

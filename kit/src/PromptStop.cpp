@@ -1,6 +1,6 @@
 #include "PromptStop.hpp"
 
-#include <atomic>
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -24,7 +24,9 @@ namespace vlx::kit
 namespace
 {
 
-constexpr auto FlashInterval = std::chrono::milliseconds(20);
+// The monitor may hear the first flash before it is told to stop.
+constexpr auto FirstFlashInterval = std::chrono::milliseconds(1);
+constexpr auto MaxFlashInterval = std::chrono::milliseconds(20);
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox.Kit"));
 
@@ -32,7 +34,7 @@ log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox
 class MonitorWaker
 {
 public:
-    explicit MonitorWaker(std::string path) : m_path(std::move(path))
+    explicit MonitorWaker(std::string prefix) : m_prefix(std::move(prefix))
     {
         m_thread = std::thread([this] { loop(); });
     }
@@ -53,11 +55,12 @@ public:
 private:
     void loop()
     {
+        auto interval = FirstFlashInterval;
         std::unique_lock<std::mutex> lock(m_mutex);
         while (!m_done)
         {
             lock.unlock();
-            if (!flashDirectoryEntry(m_path))
+            if (!flashDirectoryEntry(m_prefix))
             {
                 LOG4CPLUS_WARN(
                     logger, "Cannot make an entry in the watched directory: "
@@ -65,25 +68,20 @@ private:
                 return;
             }
             lock.lock();
-            m_condition.wait_for(lock, FlashInterval, [this] { return m_done; });
+            m_condition.wait_for(lock, interval, [this] { return m_done; });
+            interval = std::min(2 * interval, MaxFlashInterval);
         }
     }
 
-    const std::string m_path;
+    const std::string m_prefix;
     std::mutex m_mutex;
     std::condition_variable m_condition;
     bool m_done = false; // guarded by m_mutex
     std::thread m_thread;
 };
 
-// No part of the name may look like a sender's directory. Several receivers of one process may be
-// stopped at once.
-std::string makeEntryPath(const std::string& directory)
-{
-    static std::atomic<unsigned> stopNumber = 0;
-    return directory + "/.vlx-stop-" + std::to_string(::getpid()) + "-" +
-           std::to_string(stopNumber++);
-}
+// No part of it may look like a sender's directory.
+constexpr const char* EntryPrefix = "/.vlx-stop-";
 
 } // unnamed namespace
 
@@ -96,7 +94,7 @@ void stopPromptly(Receiver& receiver, const std::string& directory)
 {
     try
     {
-        const MonitorWaker waker(makeEntryPath(directory));
+        const MonitorWaker waker(directory + EntryPrefix);
         receiver.shutdownReceiver();
     }
     catch (const std::system_error& error)

@@ -12,7 +12,7 @@ namespace vlx::kit
 
 /// Shuts a receiver down without the 5 seconds that its monitor thread may sleep: while
 /// shutdownReceiver() runs, a helper thread makes and removes an entry in the watched directory
-/// every 20 ms. Where that directory cannot be written, the stop takes as long as the library says,
+/// again and again, at most 20 ms apart. Where that directory cannot be written, the stop takes as long as the library says,
 /// and a WARN tells so.
 ///
 /// The environment variable "TMPDIR" must be what it was when the receiver was initialised.

@@ -1,13 +1,28 @@
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <iostream>
-#include <memory>
+#include <limits>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
+
+#include <AbstractName.hpp>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <vlxkit/Consumer.hpp>
 
+#include "ConsumerRecord.hpp"
+#include "SenderQuestion.hpp"
+#include "support/AllocationCounter.hpp"
 #include "support/RawSender.hpp"
 #include "support/VlxTest.hpp"
 
@@ -121,6 +136,108 @@ private:
     Consumer m_consumer; // last: its threads use what stands above
 };
 
+/// What a sender made of plain sockets does with each who connects.
+struct Script
+{
+    std::optional<Buffer> first = {};  // message; unset: the right one
+    std::optional<Buffer> second = {}; // message; empty: none
+    bool closes = false;               // afterwards
+    std::string uri = {};              // empty: the right one
+    NanomsgProtocol protocol = NanomsgProtocol::PubSub;
+};
+
+/// @return a socket that listens under a name, and takes nobody
+Descriptor listenOn(const std::string& name, int backlog)
+{
+    Descriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const socklen_t length = setAbstractName(address, name);
+    EXPECT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
+    EXPECT_EQ(::listen(listener.get(), backlog), 0);
+    return listener;
+}
+
+Buffer makeForeignSequenceInfo(const std::string& fourcc = "ABCD")
+{
+    Buffer packet = makeSequenceInfo(1);
+    std::copy(fourcc.begin(), fourcc.end(), packet.begin() + 4);
+    return packet;
+}
+
+/// A sender made of plain sockets that takes everyone who comes, and keeps to a script.
+class ScriptedSender
+{
+public:
+    ScriptedSender(const std::string& name, const Script& script = {})
+        : m_script(script),
+          m_directory(std::string(std::getenv("TMPDIR")) + "/VlxSender-raw"),
+          m_created(std::filesystem::create_directory(m_directory)),
+          m_sender(
+              name,
+              script.protocol,
+              {},
+              script.uri.empty() ? "ipc://" + m_directory + "/nanomsgChannel.ipc" : script.uri),
+          m_thread([this] { serve(); })
+    {
+    }
+
+    ~ScriptedSender()
+    {
+        m_stop = true;
+        m_thread.join();
+        m_connections.clear();
+        m_sender.getMain().close();
+        std::filesystem::remove_all(m_directory);
+    }
+
+    std::size_t getNumConnections() const
+    {
+        return m_numConnections;
+    }
+
+    const std::string& getDirectory() const
+    {
+        return m_directory;
+    }
+
+    /// Sends as soon as so many have joined the main channel.
+    bool send(const Buffer& packet, std::size_t receivers = 1)
+    {
+        const bool hasJoined = receivers == 1 ? m_sender.joinMainChannel()
+                                              : m_sender.getMain().waitForPeers(receivers);
+        return hasJoined && m_sender.sendOverMainChannel(packet);
+    }
+
+private:
+    void serve()
+    {
+        while (!m_stop)
+        {
+            RawConnection connection = m_sender.getListener().accept(5ms);
+            if (!connection.isOpen())
+                continue;
+            ++m_numConnections;
+            connection.send(
+                makeSidechannelMessage(m_script.first.value_or(m_sender.getInitialInfo())));
+            const Buffer second = m_script.second.value_or(makeSequenceInfo(1));
+            if (!second.empty())
+                connection.send(makeSidechannelMessage(second));
+            if (!m_script.closes)
+                m_connections.push_back(std::move(connection));
+        }
+    }
+
+    const Script m_script;
+    const std::string m_directory;
+    const bool m_created;
+    RawSender m_sender;
+    std::vector<RawConnection> m_connections;
+    std::atomic<std::size_t> m_numConnections = 0;
+    std::atomic<bool> m_stop = false;
+    std::thread m_thread; // last
+};
+
 class ConsumerTest : public VlxTest
 {
 };
@@ -129,20 +246,20 @@ TEST_F(ConsumerTest, DeliversAndJoinsAgain)
 {
     RecordedConsumer consumer({.name = getSocketName()});
     ASSERT_TRUE(consumer.start()) << consumer.get().getProblem();
-    for (const int round : {1, 2})
+    for (const std::size_t round : {1U, 2U})
     {
-        RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
-        ASSERT_TRUE(sender.serve());
-        const std::uint8_t first = round == 1 ? 10 : 50;
-        for (const std::uint8_t timestamp : {first, static_cast<std::uint8_t>(first + 10)})
+        ScriptedSender sender(getSocketName());
+        const auto first = static_cast<std::uint8_t>(round == 1 ? 10 : 50);
+        for (const unsigned timestamp : {first + 0U, first + 10U})
         {
-            ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, timestamp)));
+            ASSERT_TRUE(consumer.waitForLine("format", round));
+            ASSERT_TRUE(sender.send(makeFrame(1, static_cast<std::uint8_t>(timestamp))));
             ASSERT_TRUE(consumer.waitForLine("frame " + std::to_string(timestamp)));
         }
-        sender.getSidechannel().close();
-        sender.getListener().close();
-        ASSERT_TRUE(consumer.waitForLine("lost", static_cast<std::size_t>(round)));
+        EXPECT_TRUE(consumer.get().getStatistics().clockSynchronized);
+        EXPECT_GT(consumer.get().getStreamTime(), 0U);
     }
+    ASSERT_TRUE(consumer.waitForLine("lost", 2));
     const std::string joined = "joined: joined \"" + getSocketName() + '"';
     const std::string format = "format S16LE, 48000 Hz, 2 channels";
     const std::string lost = "lost: lost \"" + getSocketName() + "\", waiting for it to return";
@@ -153,8 +270,10 @@ TEST_F(ConsumerTest, DeliversAndJoinsAgain)
     consumer.stop("connecting without a sender");
 
     const ConsumerStatistics statistics = consumer.get().getStatistics();
+    EXPECT_EQ(statistics.state, Receiver::State::Idle);
     EXPECT_EQ(statistics.frames, 4U);
     EXPECT_EQ(statistics.bytes, 16U);
+    EXPECT_EQ(statistics.sequences, 2U);
     EXPECT_EQ(statistics.gaps, 1U);
     EXPECT_EQ(statistics.gapNs, 20U);
     EXPECT_EQ(statistics.connections, 2U);
@@ -163,19 +282,380 @@ TEST_F(ConsumerTest, DeliversAndJoinsAgain)
     EXPECT_GT(statistics.joinNs, 0U);
 }
 
+TEST_F(ConsumerTest, JoinsSendersThatAreThereInBothProtocols)
+{
+    for (const auto protocol : {NanomsgProtocol::PubSub, NanomsgProtocol::Pipeline})
+    {
+        ScriptedSender sender(getSocketName(), {.protocol = protocol});
+        RecordedConsumer consumer({.name = getSocketName()});
+        ASSERT_TRUE(consumer.start());
+        ASSERT_TRUE(consumer.waitForLine("format"));
+        ASSERT_TRUE(sender.send(makeFrame(1, 10)));
+        EXPECT_TRUE(consumer.waitForLine("frame 10 gap 0 first"));
+        consumer.stop("joined");
+    }
+}
+
+TEST_F(ConsumerTest, IntroducesFramesAtEachChange)
+{
+    ScriptedSender sender(getSocketName());
+    RecordedConsumer consumer({.name = getSocketName()});
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(consumer.waitForLine("format"));
+    ASSERT_TRUE(sender.send(makeFrame(1, 10)));
+    ASSERT_TRUE(consumer.waitForLine("frame 10"));
+    ASSERT_TRUE(sender.send(makeSequenceInfo(2))); // announced again
+    ASSERT_TRUE(sender.send(makeFrame(2, 20)));
+    ASSERT_TRUE(consumer.waitForLine("frame 20"));
+    ASSERT_TRUE(sender.send(makeSequenceInfo(3, 44100)));
+    ASSERT_TRUE(sender.send(makeFrame(3, 20)));
+    ASSERT_TRUE(consumer.waitForLine("frame 20", 2));
+    std::vector<std::string> lines = consumer.getLines();
+    lines.erase(lines.begin());
+    EXPECT_EQ(
+        lines, (std::vector<std::string>{
+                   "format S16LE, 48000 Hz, 2 channels", "frame 10 gap 0 first", "frame 20 gap 0",
+                   "format S16LE, 44100 Hz, 2 channels", "frame 20 gap -10 first"}));
+    EXPECT_EQ(consumer.get().getStatistics().overlaps, 1U);
+    EXPECT_EQ(consumer.get().getStatistics().format.rate, 44100U);
+}
+
+/// Takes headers that begin with 'P'.
+class TestDepayloader : public Depayloader
+{
+public:
+    TestDepayloader() : Depayloader(0x44434241) {} // "ABCD"
+
+    bool processCodecHeader(const ByteView& header) override
+    {
+        return !header.empty() && header[0] == 'P';
+    }
+};
+
+TEST_F(ConsumerTest, PlaysOwnCodecs)
+{
+    Buffer packet = makeForeignSequenceInfo();
+    packet[8] = 'P';
+    ScriptedSender sender(getSocketName(), {.second = packet});
+    TestDepayloader depayloader;
+    RecordedConsumer consumer({.name = getSocketName()});
+    consumer.get().addDepayloader(depayloader);
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(consumer.waitForLine("codec"));
+    ASSERT_TRUE(sender.send(makeFrame(1, 10)));
+    EXPECT_TRUE(consumer.waitForLine("frame 10 gap 0 first"));
+    EXPECT_EQ(consumer.count("codec"), 1U);
+}
+
+TEST_F(ConsumerTest, LeavesAloneWhatCannotBeJoined)
+{
+    struct Row
+    {
+        std::string name;
+        Script script;
+        std::string line; // of the event
+        bool isSafe;      // for the receiver, which meets him if the consumer was there first
+    };
+    const Buffer info = fromHex("0100 00 0000 02 02 6970633A2F2F782F7900"); // ipc://x/y
+    const std::string longPath = getTempDirectory() + "/VlxSender-" + std::string(100, 'x') + "/y";
+    const Row rows[] = {
+        {"unknown codec", {.second = makeForeignSequenceInfo("WXYZ")}, "cannot play", true},
+        {"PCM header that is none", {.second = makeSequenceInfo(1, 0)}, "cannot play", true},
+        {"own codec's header that is none",
+         {.second = makeForeignSequenceInfo()},
+         "cannot play",
+         true},
+        {"closes at once",
+         {.first = Buffer(), .second = Buffer(), .closes = true},
+         "stranger",
+         true},
+        {"closes after the greeting", {.second = Buffer(), .closes = true}, "stranger", true},
+        {"empty greeting", {.first = Buffer(), .closes = true}, "stranger", true},
+        {"empty announcement", {.second = Buffer(4)}, "stranger", true},
+        {"greeting that is none", {.first = Buffer(7, 0xFF)}, "stranger", false},
+        {"socket elsewhere", {.first = info}, "stranger", false},
+        {"protocol that is none", {.first = fromHex("0100 00 0000 02 07 00")}, "stranger", false},
+        {"path too long",
+         {.uri = "ipc://" + longPath, .protocol = NanomsgProtocol::Pipeline},
+         "stranger",
+         false}};
+    for (const Row& row : rows)
+    {
+        for (const bool isThereFirst : {true, false})
+        {
+            if (!isThereFirst && !row.isSafe)
+                continue;
+            SCOPED_TRACE(row.name + (isThereFirst ? ", there first" : ", comes later"));
+            RecordedConsumer consumer({.name = getSocketName()});
+            TestDepayloader depayloader;
+            consumer.get().addDepayloader(depayloader);
+            if (!isThereFirst)
+            {
+                ASSERT_TRUE(consumer.start());
+                ASSERT_TRUE(log().waitFor(debugLog("Receiver initialized")));
+            }
+            {
+                const ScriptedSender sender(getSocketName(), row.script);
+                ASSERT_TRUE(consumer.start());
+                EXPECT_TRUE(consumer.waitForLine(row.line))
+                    << ::testing::PrintToString(consumer.getLines());
+                EXPECT_EQ(consumer.count("frame"), 0U);
+                if (isThereFirst)
+                {
+                    EXPECT_LE(sender.getNumConnections(), 16U);
+                }
+            }
+            consumer.stop("pause, " + row.name);
+            log().clear();
+        }
+    }
+}
+
+TEST_F(ConsumerTest, TellsAnObstacleOnceAndJoinsWhatReplacesIt)
+{
+    RecordedConsumer consumer({.name = getSocketName()});
+    {
+        const ScriptedSender sender(getSocketName(), {.second = makeForeignSequenceInfo("WXYZ")});
+        ASSERT_TRUE(consumer.start());
+        ASSERT_TRUE(consumer.waitForLine("cannot play"));
+        const std::size_t before = sender.getNumConnections();
+        ASSERT_TRUE(waitFor([&] { return sender.getNumConnections() > before + 1; }));
+        EXPECT_EQ(consumer.count("cannot play"), 1U);
+    }
+    ScriptedSender sender(getSocketName());
+    ASSERT_TRUE(consumer.waitForLine("format"));
+    ASSERT_TRUE(sender.send(makeFrame(1, 10)));
+    EXPECT_TRUE(consumer.waitForLine("frame 10"));
+}
+
+TEST_F(ConsumerTest, SaysWhereThisUserMayNotWrite)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root can become another user";
+    constexpr uid_t OtherUser = 65534;
+    ASSERT_EQ(::chmod(getTempDirectory().c_str(), 0777), 0);
+    for (const bool isThereFirst : {true, false})
+    {
+        RecordedConsumer consumer({.name = getSocketName(), .stallTimeout = 0ns});
+        std::optional<ScriptedSender> sender;
+        if (isThereFirst)
+            sender.emplace(getSocketName());
+        ASSERT_EQ(::seteuid(OtherUser), 0);
+        EXPECT_TRUE(consumer.start());
+        if (!isThereFirst)
+        {
+            EXPECT_TRUE(log().waitFor(debugLog("Receiver initialized")));
+            ASSERT_EQ(::seteuid(0), 0);
+            sender.emplace(getSocketName());
+            ASSERT_EQ(::seteuid(OtherUser), 0);
+        }
+        EXPECT_TRUE(consumer.waitForLine(
+            "not permitted: this user may not write to \"" + sender->getDirectory() +
+            "/nanomsgChannel.ipc\" (mode 0755), the socket file of \"" + getSocketName() +
+            "\": give its sender --socket-mode group or all"));
+        consumer.stop("not permitted");
+        ASSERT_EQ(::seteuid(0), 0);
+    }
+}
+
 TEST_F(ConsumerTest, JoinsAgainAfterAStall)
 {
     RecordedConsumer consumer({.name = getSocketName(), .stallTimeout = 50ms});
-    RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
+    ScriptedSender sender(getSocketName());
     ASSERT_TRUE(consumer.start());
-    ASSERT_TRUE(sender.serve());
     ASSERT_TRUE(consumer.waitForLine("stalled"));
-    ASSERT_TRUE(sender.serve());
-    ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, 10)));
-    ASSERT_TRUE(consumer.waitForLine("frame 10"));
+    ASSERT_TRUE(consumer.waitForLine("joined", 2));
+    ASSERT_TRUE(waitFor([&] { return sender.send(makeFrame(1, 10)) && consumer.count("frame"); }));
     EXPECT_EQ(consumer.count("lost"), 0U);
-    consumer.stop("joined");
-    EXPECT_GE(consumer.get().getStatistics().stalls, 1U);
+    const ConsumerStatistics statistics = consumer.get().getStatistics();
+    EXPECT_GE(statistics.stalls, 1U);
+    EXPECT_EQ(statistics.connections, 1U);
+}
+
+TEST_F(ConsumerTest, AsksAHungSenderOnceAndDoesNotAccuseIt)
+{
+    RecordedConsumer consumer({.name = getSocketName()});
+    for (const bool isThereFirst : {true, false, false, false})
+    {
+        if (!isThereFirst)
+        {
+            ASSERT_TRUE(consumer.start());
+        }
+        const Descriptor listener = listenOn(getSocketName(), 10);
+        if (isThereFirst)
+        {
+            ASSERT_TRUE(consumer.start());
+        }
+        Descriptor first;
+        const auto accept = [&listener]
+        { return Descriptor(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)); };
+        ASSERT_TRUE(waitFor([&] { return (first = accept()).get() >= 0; }));
+        // Far longer than a receiver that waits for its first message would be left alone.
+        const auto end = steady_clock::now() + 1300ms;
+        ASSERT_TRUE(waitFor([&] { return steady_clock::now() > end; }));
+        EXPECT_LT(accept().get(), 0) << "a second place in the backlog";
+    }
+    EXPECT_EQ(consumer.getLines(), std::vector<std::string>());
+    ScriptedSender sender(getSocketName());
+    ASSERT_TRUE(consumer.waitForLine("format"));
+    ASSERT_TRUE(sender.send(makeFrame(1, 10)));
+    EXPECT_TRUE(consumer.waitForLine("frame 10"));
+}
+
+TEST_F(ConsumerTest, StopsPromptlyInEachState)
+{
+    for (const bool isFull : {false, true})
+    {
+        const Descriptor listener = listenOn(getSocketName(), isFull ? 0 : 10);
+        std::optional<RawSidechannelClient> filler;
+        if (isFull)
+            filler.emplace(getSocketName());
+        RecordedConsumer consumer({.name = getSocketName()});
+        ASSERT_TRUE(consumer.start());
+        const auto isBusy = [&] { return SenderQuestion(getSocketName()).getAnswer().busy; };
+        ASSERT_TRUE(
+            isFull ? isBusy() : waitFor([&] { return findConnection(getSocketName()) != 0; }));
+        consumer.stop(isFull ? "full backlog" : "not accepted");
+    }
+    const ScriptedSender sender(getSocketName());
+    for (const auto state : {"just started", "joined", "stalls all the time", "being restarted"})
+    {
+        RecordedConsumer consumer({.name = getSocketName(), .stallTimeout = 1ns});
+        ASSERT_TRUE(consumer.start());
+        if (state != std::string("just started"))
+        {
+            ASSERT_TRUE(consumer.waitForLine("joined"));
+        }
+        if (state == std::string("stalls all the time"))
+        {
+            ASSERT_TRUE(consumer.waitForLine("stalled", 2));
+        }
+        if (state == std::string("being restarted"))
+        {
+            ASSERT_TRUE(log().waitFor(debugLog("Receiver shut down")));
+        }
+        consumer.stop(state);
+        log().clear();
+    }
+}
+
+TEST_F(ConsumerTest, TakesADirectoryOfItsOwn)
+{
+    const std::string directory = getTempDirectory() + "/own";
+    std::filesystem::create_directory(directory);
+    RecordedConsumer consumer({.name = getSocketName(), .baseDirectory = directory});
+    ASSERT_TRUE(consumer.start()) << consumer.get().getProblem();
+    EXPECT_EQ(std::getenv("TMPDIR"), getTempDirectory());
+    EXPECT_TRUE(log().waitFor(debugLog("Opened " + directory)));
+    consumer.stop("own directory");
+    std::filesystem::remove(directory);
+}
+
+TEST_F(ConsumerTest, RefusesWhatCannotWork)
+{
+    for (const std::string& name : {std::string(), std::string(108, 'x')})
+    {
+        Consumer consumer({.name = name}, {});
+        EXPECT_FALSE(consumer.start());
+        EXPECT_EQ(consumer.getProblem(), "the name of a stream has 1 to 107 bytes");
+    }
+    const std::string missing = getTempDirectory() + "/missing";
+    Consumer consumer({.name = getSocketName(), .baseDirectory = missing}, {});
+    EXPECT_FALSE(consumer.start());
+    EXPECT_NE(consumer.getProblem().find(missing), std::string::npos);
+}
+
+TEST_F(ConsumerTest, AllocatesNoMoreForAFrameThanTheLibrary)
+{
+    ScriptedSender sender(getSocketName());
+    std::array<std::atomic<std::size_t>, 2> allocations; // from frame to frame, on each's thread
+    std::array<std::atomic<int>, 2> frames = {0, 0};
+    const auto count = [&](std::size_t i)
+    {
+        thread_local std::size_t before = 0;
+        const std::size_t now = countAllocationsOfThread();
+        allocations[i] = now - std::exchange(before, now);
+        ++frames[i];
+    };
+    Consumer consumer({.name = getSocketName()}, {.onFrame = [&](const Frame&) { count(0); }});
+    PcmDepayloader depayloader;
+    Receiver receiver;
+    receiver.addDepayloader(depayloader);
+    receiver.setMediaDataCallback([&](TimeValue, TimeValue, const Buffer&) { count(1); });
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
+    ASSERT_TRUE(waitFor(
+        [&] { return sender.send(makeFrame(1, 10), 2) && frames[0] > 2 && frames[1] > 2; }));
+    EXPECT_EQ(allocations[0], allocations[1]);
+    consumer.stop();
+    shutdownPromptly(receiver);
+}
+
+TEST(ConsumerRecordTest, MeasuresGaps)
+{
+    struct Row
+    {
+        std::string name;
+        TimeValue timestamp;
+        TimeValue duration;
+        std::int64_t gapNs;
+    };
+    constexpr TimeValue Ms = 1'000'000;
+    const Row rows[] = {
+        {"first of all", 100 * Ms, 10 * Ms, 0},
+        {"next", 110 * Ms, 10 * Ms, 0},
+        {"jitter later", 121 * Ms, 10 * Ms, 0},
+        {"jitter earlier", 130 * Ms, 10 * Ms, 0},
+        {"too late for jitter", 141 * Ms + 1, 10 * Ms, Ms + 1},
+        {"too early for jitter", 150 * Ms, 10 * Ms, -static_cast<std::int64_t>(Ms + 1)},
+        {"lost frame", 170 * Ms, 10 * Ms, 10 * Ms},
+        {"half of a short frame", 180 * Ms + 100, 200, 0},
+        {"more than half of it", 180 * Ms + 401, 200, 101},
+        {"back to the start", 0, 10 * Ms, -static_cast<std::int64_t>(180 * Ms + 601)},
+        {"without a duration", 10 * Ms, 0, 0},
+        {"after its 48 samples", 11 * Ms, 0, 0},
+        {"without two of them", 14 * Ms, 0, 2 * Ms}};
+    ConsumerRecord record(0);
+    record.onStart(1);
+    record.onJoined(2);
+    EXPECT_TRUE(record.onSequence(Receiver::StreamClockType::NoClock, StreamFormat{}));
+    for (const Row& row : rows)
+        EXPECT_EQ(record.onFrame(row.timestamp, row.duration, 192, 3, 0).gapNs, row.gapNs)
+            << row.name;
+
+    const ConsumerStatistics statistics = record.getStatistics();
+    EXPECT_EQ(statistics.gaps, 4U);
+    EXPECT_EQ(statistics.gapNs, 13 * Ms + 102);
+    EXPECT_EQ(statistics.overlaps, 2U);
+    EXPECT_EQ(statistics.ages.getCount(), 0U);
+    record.onSequence(Receiver::StreamClockType::MonotonicSystemClock, StreamFormat{});
+    EXPECT_EQ(record.onFrame(99 * Ms, Ms, 192, 100 * Ms, 100 * Ms).gapNs, 0) << "another clock";
+    EXPECT_EQ(record.getStatistics().ages.getMax(), Ms);
+}
+
+TEST(AgeHistogramTest, FindsPercentiles)
+{
+    AgeHistogram histogram;
+    EXPECT_EQ(histogram.getPercentile(0.5), std::nullopt);
+    EXPECT_EQ(histogram.getMax(), std::nullopt);
+    histogram.add(-5);
+    EXPECT_EQ(histogram.getPercentile(1), 0);
+    for (std::int64_t age = 1; age <= 1000; ++age)
+        histogram.add(age * 1000);
+    EXPECT_NEAR(static_cast<double>(*histogram.getPercentile(0.5)), 500'000, 500'000 * 0.016);
+    EXPECT_NEAR(static_cast<double>(*histogram.getPercentile(0.99)), 990'000, 990'000 * 0.016);
+    EXPECT_EQ(histogram.getPercentile(1), 1'000'000);
+    EXPECT_EQ(histogram.getMax(), 1'000'000);
+
+    const AgeHistogram earlier = histogram;
+    histogram.add(std::numeric_limits<std::int64_t>::max());
+    histogram.add(7);
+    histogram -= earlier;
+    EXPECT_EQ(histogram.getCount(), 2U);
+    EXPECT_EQ(histogram.getPercentile(0), 7);
+    EXPECT_EQ(histogram.getMax(), std::numeric_limits<std::int64_t>::max());
+    histogram -= histogram;
+    EXPECT_EQ(histogram.getMax(), std::nullopt);
 }
 
 } // unnamed namespace

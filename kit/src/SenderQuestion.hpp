@@ -1,0 +1,66 @@
+#pragma once
+
+#include <string>
+
+#include <sys/types.h>
+#include <vlxkit/Discovery.hpp>
+
+#include <vlx/VlxTypes.hpp>
+
+namespace vlx::kit
+{
+
+/// One connection to whoever holds a stream's name, and what he answers on it, as it comes. Never
+/// waits, and nothing that comes can stop the process.
+///
+/// As long as it is open and not answered it takes a place in the other side's backlog.
+///
+/// @thread one at a time
+class SenderQuestion
+{
+public:
+    /// Asks. The answer is over at once if nobody could be reached.
+    explicit SenderQuestion(const std::string& name);
+    ~SenderQuestion();
+
+    SenderQuestion(const SenderQuestion&) = delete;
+    SenderQuestion& operator=(const SenderQuestion&) = delete;
+
+    /// @return becomes readable when there is something to take
+    int getFD() const
+    {
+        return m_fd;
+    }
+
+    /// Takes what has come by now.
+    void advance();
+
+    /// @return whether nothing more comes that counts
+    bool isOver() const
+    {
+        return m_over;
+    }
+
+    bool hasInitialInfo() const
+    {
+        return m_answer.initialInfo.has_value();
+    }
+
+    /// @return what is known by now, with the socket file as it is by now
+    SenderProbe getAnswer() const;
+
+private:
+    void takeMessages();
+    void takeMessage(const Buffer& message);
+
+    const int m_fd;
+    SenderProbe m_answer; // but for what concerns the socket file
+    Buffer m_input;       // not yet taken
+    bool m_over = false;
+};
+
+/// @return the inode of a connection of this process to the name, whoever made it; 0 if there is none
+/// @thread any
+ino_t findConnection(const std::string& name);
+
+} // namespace vlx::kit
