@@ -545,9 +545,9 @@ TEST_F(ConsumerTest, TakesADirectoryOfItsOwn)
     std::filesystem::create_directory(directory);
     RecordedConsumer consumer({.name = getSocketName(), .baseDirectory = directory});
     ASSERT_TRUE(consumer.start()) << consumer.get().getProblem();
-    EXPECT_EQ(std::getenv("TMPDIR"), getTempDirectory());
     EXPECT_TRUE(log().waitFor(debugLog("Opened " + directory)));
     consumer.stop("own directory");
+    EXPECT_EQ(std::getenv("TMPDIR"), getTempDirectory());
     std::filesystem::remove(directory);
 }
 

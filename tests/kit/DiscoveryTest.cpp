@@ -195,6 +195,8 @@ TEST_F(DiscoveryTest, ListsSendersAndNothingElse)
     const std::string ofPubSub =
         toLine(name + "-b", pubSub.getPid(), command, 0, pubSub.getSocketFile());
     const std::string ofPipeline = toLine(name + "-c", pipeline.getPid(), command, 0, "");
+    // The producer's own probe of its stream may be closing still.
+    ASSERT_TRUE(waitFor([&] { return ::testing::Value(list(), Contains(ofOwn)); }));
     EXPECT_THAT(
         list(), ElementsAre(
                     ofOwn, ofPubSub, ofPipeline,
