@@ -2,6 +2,7 @@
 #include "common/Program.hpp"
 #include "info/InfoCommand.hpp"
 #include "list/ListCommand.hpp"
+#include "monitor/MonitorCommand.hpp"
 #include "receive/ReceiveCommand.hpp"
 #include "receive/ReceiveOptions.hpp"
 #include "send/SendCommand.hpp"
@@ -14,5 +15,5 @@ int main(int argc, char** argv)
         argc, argv,
         {makeSubcommand(addSendCommand, runSend), makeSubcommand(addReceiveCommand, runReceive),
          makeSubcommand(addListCommand, runList), makeSubcommand(addInfoCommand, runInfo),
-         makeSubcommand(addCheckCommand, runCheck)});
+         makeSubcommand(addMonitorCommand, runMonitor), makeSubcommand(addCheckCommand, runCheck)});
 }

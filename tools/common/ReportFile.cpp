@@ -58,15 +58,19 @@ bool replaceFile(const std::string& path, const std::string& text)
 std::string writeReportFile(const std::string& path, const nlohmann::ordered_json& report)
 {
     // Names and paths may be any bytes; what is no UTF-8 becomes a replacement character.
-    const std::string text =
-        report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+    return writeTextFile(
+        path, report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n");
+}
+
+std::string writeTextFile(const std::string& path, const std::string& text)
+{
     if (path == "-")
-        return writeToStandardOutput(text) ? std::string()
-                                           : "cannot write the report to standard output: " +
-                                                 miscUtils::strerror_r_safe(errno);
+        return writeToStandardOutput(text)
+                   ? std::string()
+                   : "cannot write to standard output: " + miscUtils::strerror_r_safe(errno);
     if (isSpecialFile(path) ? writeText(path, text) : replaceFile(path, text))
         return {};
-    return "cannot write the report \"" + path + "\": " + miscUtils::strerror_r_safe(errno);
+    return "cannot write \"" + path + "\": " + miscUtils::strerror_r_safe(errno);
 }
 
 } // namespace vlx::tool

@@ -14,4 +14,7 @@ namespace vlx::tool
 /// @return empty if it was done; otherwise one line that says what went wrong
 std::string writeReportFile(const std::string& path, const nlohmann::ordered_json& report);
 
+/// The same for any text.
+std::string writeTextFile(const std::string& path, const std::string& text);
+
 } // namespace vlx::tool

@@ -26,12 +26,16 @@ std::string toPrintable(const std::string& text)
     return printable;
 }
 
+std::string toShortText(const kit::StreamFormat& format)
+{
+    return std::string(audioUtils::toString(format.sampleFormat)) + " " +
+           std::to_string(format.rate) + " Hz " + std::to_string(format.channels) + "ch";
+}
+
 std::string describeFormat(const kit::SenderProbe& probe)
 {
     if (probe.format)
-        return std::string(audioUtils::toString(probe.format->sampleFormat)) + " " +
-               std::to_string(probe.format->rate) + " Hz " +
-               std::to_string(probe.format->channels) + "ch";
+        return toShortText(*probe.format);
     if (probe.fourcc)
         return "codec \"" + kit::toFourccText(*probe.fourcc) + "\"";
     return probe.initialInfo ? "no sequence yet" : "no answer";

@@ -16,7 +16,10 @@ inline constexpr std::chrono::milliseconds AnswerTimeout{500};
 /// @return a text of others as it can be shown: bytes that would move the cursor, as \xNN
 std::string toPrintable(const std::string& text);
 
-/// @return such as "S16LE 48000 Hz 2ch", or what else is known of the stream's codec
+/// @return such as "S16LE 48000 Hz 2ch"
+std::string toShortText(const kit::StreamFormat& format);
+
+/// @return the same, or what else is known of the stream's codec
 std::string describeFormat(const kit::SenderProbe& probe);
 
 /// @return such as "sysclock", or "gstnetclock 10.0.0.1:8554"; empty without an answer

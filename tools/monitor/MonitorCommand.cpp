@@ -1,0 +1,199 @@
+#include "MonitorCommand.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "Rendering.hpp"
+#include "StreamMeter.hpp"
+#include "common/Duration.hpp"
+#include "common/ExitCodes.hpp"
+#include "common/Messages.hpp"
+#include "common/ReportFile.hpp"
+#include "common/SenderReport.hpp"
+#include "common/StopSignal.hpp"
+
+namespace vlx::tool
+{
+
+namespace
+{
+
+using SteadyClock = std::chrono::steady_clock;
+
+constexpr auto ScreenInterval = std::chrono::milliseconds(200);
+constexpr auto LineInterval = std::chrono::seconds(1);
+constexpr auto MetricsInterval = std::chrono::seconds(1);
+
+using Meters = std::vector<std::unique_ptr<StreamMeter>>;
+using Snapshots = std::vector<StreamSnapshot>;
+
+struct ScreenSize
+{
+    std::size_t width = 80;
+    std::size_t height = 24;
+};
+
+ScreenSize getScreenSize()
+{
+    winsize size{};
+    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0)
+        return {};
+    return {size.ws_col, size.ws_row};
+}
+
+/// Draws all streams in place. The last picture stays on the screen.
+class Screen
+{
+public:
+    explicit Screen(bool colored) : m_colored(colored) {}
+
+    void draw(const Snapshots& snapshots)
+    {
+        const ScreenSize size = getScreenSize();
+        std::vector<std::string> lines;
+        for (const StreamSnapshot& snapshot : snapshots)
+        {
+            // The last column stays free: a character there would begin another line.
+            const auto more = renderScreen(snapshot, size.width - 1, m_colored);
+            lines.insert(lines.end(), more.begin(), more.end());
+        }
+        // Lines that have scrolled away could not be drawn again.
+        if (lines.size() > size.height - 1)
+        {
+            lines.resize(size.height - 2);
+            lines.push_back("... more than fits the terminal");
+        }
+
+        std::string picture;
+        if (m_numLines > 0)
+            picture = "\033[" + std::to_string(m_numLines) + "A\r";
+        for (const std::string& line : lines)
+            picture += line + "\033[K\n";
+        picture += "\033[J";
+        std::fwrite(picture.data(), 1, picture.size(), stdout);
+        std::fflush(stdout);
+        m_numLines = lines.size();
+    }
+
+private:
+    const bool m_colored;
+    std::size_t m_numLines = 0; // on the screen now
+};
+
+Snapshots takeSnapshots(const Meters& meters)
+{
+    Snapshots snapshots;
+    for (const auto& meter : meters)
+        snapshots.push_back(meter->takeSnapshot());
+    return snapshots;
+}
+
+void printLines(const Snapshots& snapshots, bool json)
+{
+    for (const StreamSnapshot& snapshot : snapshots)
+    {
+        if (json)
+            printJson(renderJson(snapshot), -1);
+        else
+            std::puts(renderLine(snapshot).c_str());
+    }
+    if (std::fflush(stdout) != 0)
+        throw CommandFailure(ExitCode::Failed, "cannot write to standard output");
+}
+
+void writeMetrics(const std::string& path, const Snapshots& snapshots)
+{
+    const std::string problem = writeTextFile(path, renderMetrics(snapshots));
+    if (!problem.empty())
+        throw CommandFailure(ExitCode::Failed, problem);
+}
+
+bool hasFrames(const Snapshots& snapshots)
+{
+    return std::any_of(
+        snapshots.begin(), snapshots.end(),
+        [](const StreamSnapshot& snapshot) { return snapshot.total.frames > 0; });
+}
+
+/// @return whether a stop was asked for, rather than the duration being over
+bool watch(const MonitorOptions& options, const Meters& meters, bool onScreen, StopSignal& stop)
+{
+    const auto begin = SteadyClock::now();
+    const auto end = options.duration ? begin + *options.duration : SteadyClock::time_point::max();
+    const std::chrono::nanoseconds interval = onScreen ? ScreenInterval : LineInterval;
+    Screen screen(usesColor(options.common.color, STDOUT_FILENO));
+    auto metricsDue = begin;
+    for (auto due = begin + interval;; due += interval)
+    {
+        const bool stopped = stop.waitUntil(std::min(due, end));
+        const Snapshots snapshots = takeSnapshots(meters);
+        if (onScreen)
+            screen.draw(snapshots);
+        else
+            printLines(snapshots, options.json);
+        if (!options.metrics.empty() && SteadyClock::now() >= metricsDue)
+        {
+            writeMetrics(options.metrics, snapshots);
+            metricsDue += MetricsInterval;
+        }
+        if (stopped || SteadyClock::now() >= end)
+            return stopped;
+        if (options.timeout && !hasFrames(snapshots) &&
+            SteadyClock::now() - begin >= *options.timeout)
+            throw CommandFailure(ExitCode::TimedOut, "no frame within " + toText(*options.timeout));
+    }
+}
+
+} // unnamed namespace
+
+CLI::App* addMonitorCommand(CLI::App& program, MonitorOptions& options)
+{
+    CLI::App* const command =
+        program.add_subcommand("monitor", "Show live how streams fare: frames, ages, gaps, levels");
+    command->add_option("NAME", options.names, "Names of streams")
+        ->type_name("")
+        ->required()
+        ->check(checkStreamName);
+    command->add_flag("--json", options.json, "Print a JSON object for each stream and second");
+    command
+        ->add_option(
+            "--metrics", options.metrics,
+            "Write the counts to this file every second, as OpenMetrics text")
+        ->type_name("FILE");
+    addDurationOption(*command, "-d,--duration", options.duration, "End after this time");
+    addTimeoutOption(*command, options.timeout, "Give up with exit code 3 without a frame by then");
+    addRealTimeOption(*command, options.realTime);
+    addCommonOptions(*command, options.common);
+    return command;
+}
+
+int runMonitor(const MonitorOptions& options, StopSignal& stop)
+{
+    // On a screen the picture itself shows what happens.
+    const bool onScreen = !options.json && isLiveTerminal(STDOUT_FILENO);
+    Meters meters;
+    for (const std::string& name : options.names)
+    {
+        meters.push_back(std::make_unique<StreamMeter>(
+            name, options.realTime,
+            [onScreen](const std::string& line)
+            {
+                if (!onScreen)
+                    printNotice(line);
+            }));
+        meters.back()->start();
+    }
+    const bool stopped = watch(options, meters, onScreen, stop);
+    for (const auto& meter : meters)
+        meter->stop();
+    return stopped ? toExitCode(stop.getSignalNumber()) : toInt(ExitCode::Done);
+}
+
+} // namespace vlx::tool

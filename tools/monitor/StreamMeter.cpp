@@ -1,0 +1,153 @@
+#include "StreamMeter.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <type_traits>
+#include <utility>
+
+#include "common/ExitCodes.hpp"
+
+namespace vlx::tool
+{
+
+namespace
+{
+
+constexpr auto PeakHoldTime = std::chrono::seconds(2);
+
+/// @return what makes a value of this type a part of full scale
+template <class Value>
+constexpr double getScale()
+{
+    if constexpr (std::is_floating_point_v<Value>)
+        return 1.0;
+    else
+        return -1.0 / std::numeric_limits<Value>::min();
+}
+
+} // unnamed namespace
+
+StreamMeter::StreamMeter(
+    const std::string& name,
+    const kit::RealTime& realTime,
+    std::function<void(const std::string&)> onEvent)
+    : m_name(name),
+      m_onEvent(std::move(onEvent)),
+      m_consumer(
+          {.name = name, .realTime = realTime},
+          {.onFrame = [this](const kit::Frame& frame) { handleFrame(frame); },
+           .onFormat = [this](const kit::StreamFormat& format) { handleFormat(format); },
+           .onEvent = [this](const kit::ConsumerEvent& event) { handleEvent(event); }})
+{
+}
+
+void StreamMeter::start()
+{
+    if (!m_consumer.start())
+        throw CommandFailure(ExitCode::Failed, m_consumer.getProblem());
+}
+
+void StreamMeter::stop()
+{
+    m_consumer.stop();
+}
+
+void StreamMeter::handleFormat(const kit::StreamFormat& format)
+{
+    m_format = format;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_obstacle.clear();
+    m_channels.assign(format.channels, {});
+}
+
+void StreamMeter::handleFrame(const kit::Frame& frame)
+{
+    const std::size_t usable = frame.data.size() - frame.data.size() % m_format.getBytesPerSample();
+    decodeSamples(ByteView(frame.data).first(usable), m_format.sampleFormat, m_values);
+
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::visit(
+        [this](const auto& values)
+        {
+            using Value = typename std::decay_t<decltype(values)>::value_type;
+            for (std::size_t i = 0; i < values.size(); ++i)
+            {
+                ChannelSums& channel = m_channels[i % m_channels.size()];
+                const double value = static_cast<double>(values[i]) * getScale<Value>();
+                channel.peak = std::max(channel.peak, std::abs(value));
+                channel.squares += value * value;
+                ++channel.samples;
+            }
+        },
+        m_values);
+}
+
+void StreamMeter::handleEvent(const kit::ConsumerEvent& event)
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_notice = event.text;
+        switch (event.kind)
+        {
+        case kit::ConsumerEvent::Kind::Joined:
+        case kit::ConsumerEvent::Kind::Lost:
+            m_obstacle.clear();
+            break;
+        case kit::ConsumerEvent::Kind::Stalled:
+        case kit::ConsumerEvent::Kind::CannotPlay:
+        case kit::ConsumerEvent::Kind::NotPermitted:
+        case kit::ConsumerEvent::Kind::Stranger:
+        case kit::ConsumerEvent::Kind::Failed:
+            m_obstacle = toString(event.kind);
+            break;
+        }
+    }
+    m_onEvent(m_name + ": " + event.text);
+}
+
+StreamSnapshot StreamMeter::takeSnapshot()
+{
+    const auto now = SteadyClock::now();
+    StreamSnapshot snapshot;
+    snapshot.name = m_name;
+    snapshot.total = m_consumer.getStatistics();
+    snapshot.seconds = std::chrono::duration<double>(now - m_snapshotTime).count();
+    snapshot.frames = snapshot.total.frames - m_before.frames;
+    snapshot.bytes = snapshot.total.bytes - m_before.bytes;
+    snapshot.ages = snapshot.total.ages;
+    snapshot.ages -= m_before.ages;
+    snapshot.levels = takeLevels(now);
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        snapshot.state = m_obstacle.empty() ? toString(snapshot.total.state) : m_obstacle;
+        snapshot.notice = m_notice;
+    }
+    m_before = snapshot.total;
+    m_snapshotTime = now;
+    return snapshot;
+}
+
+std::vector<ChannelLevel> StreamMeter::takeLevels(SteadyClock::time_point now)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<ChannelLevel> levels;
+    for (ChannelSums& channel : m_channels)
+    {
+        if (channel.peak >= channel.heldPeak || now - channel.heldSince > PeakHoldTime)
+        {
+            channel.heldPeak = channel.peak;
+            channel.heldSince = now;
+        }
+        if (channel.samples > 0)
+            levels.push_back(
+                {channel.peak, std::sqrt(channel.squares / static_cast<double>(channel.samples)),
+                 channel.heldPeak});
+        channel.peak = 0;
+        channel.squares = 0;
+        channel.samples = 0;
+    }
+    return levels;
+}
+
+} // namespace vlx::tool

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <vlxkit/Consumer.hpp>
+
+#include "audio/PcmCodec.hpp"
+
+namespace vlx::tool
+{
+
+/// Level of one channel, as parts of full scale.
+struct ChannelLevel
+{
+    double peak = 0;
+    double rms = 0;
+    double heldPeak = 0; ///< highest of the last seconds
+};
+
+/// A stream as it was during one interval.
+struct StreamSnapshot
+{
+    std::string name;
+    std::string state;  ///< such as "running", or what keeps it from running
+    std::string notice; ///< the last event's line; empty if there was none
+    kit::ConsumerStatistics total;
+    // Of the interval.
+    double seconds = 0;
+    std::uint64_t frames = 0;
+    std::uint64_t bytes = 0;
+    kit::AgeHistogram ages;
+    std::vector<ChannelLevel> levels; ///< one per channel; empty without frames
+};
+
+/// Consumes one stream and measures it.
+///
+/// @thread one, for what is public
+class StreamMeter
+{
+public:
+    /// @param onEvent  called with a line for the user, on a thread of the consumer's
+    StreamMeter(
+        const std::string& name,
+        const kit::RealTime& realTime,
+        std::function<void(const std::string&)> onEvent);
+
+    /// @throws CommandFailure
+    void start();
+
+    void stop();
+
+    /// @return what happened since the last call
+    StreamSnapshot takeSnapshot();
+
+private:
+    using SteadyClock = std::chrono::steady_clock;
+
+    /// Sums of one channel since the last snapshot.
+    struct ChannelSums
+    {
+        double peak = 0;
+        double squares = 0;
+        std::uint64_t samples = 0;
+        double heldPeak = 0;
+        SteadyClock::time_point heldSince;
+    };
+
+    void handleFormat(const kit::StreamFormat& format);
+    void handleFrame(const kit::Frame& frame);
+    void handleEvent(const kit::ConsumerEvent& event);
+    std::vector<ChannelLevel> takeLevels(SteadyClock::time_point now);
+
+    const std::string m_name;
+    const std::function<void(const std::string&)> m_onEvent;
+
+    // Of the receiving thread.
+    kit::StreamFormat m_format;
+    SampleValues m_values;
+
+    std::mutex m_mutex;
+    // Guarded by m_mutex.
+    std::vector<ChannelSums> m_channels;
+    std::string m_obstacle; // what keeps the stream from running
+    std::string m_notice;
+
+    // At the last snapshot.
+    kit::ConsumerStatistics m_before;
+    SteadyClock::time_point m_snapshotTime = SteadyClock::now();
+
+    kit::Consumer m_consumer; // last: its threads use all of the above
+};
+
+} // namespace vlx::tool
