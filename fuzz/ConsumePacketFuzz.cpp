@@ -1,12 +1,9 @@
 // Sequences of packets, resets and out-of-band headers through a DepayloaderList: what is accepted
 // is what was produced, and a frame never without a codec.
 
-#include <algorithm>
 #include <array>
 
-#include "support/Check.hpp"
-#include "support/Codecs.hpp"
-#include "support/InputReader.hpp"
+#include "support/Fuzz.hpp"
 
 namespace
 {
@@ -107,10 +104,9 @@ private:
         checkHead(PacketType::Frame, sequenceNr);
         if (retcode != Retcode::Ok)
             return;
+        const Buffer plain(mediaData.begin(), mediaData.end());
         const bool isScrambled = m_list.getCurrentDepayloader() == &m_scrambler;
-        checkFrame(
-            timestamp, duration,
-            isScrambled ? fuzz::scramble(mediaData) : Buffer(mediaData.begin(), mediaData.end()));
+        checkFrame(timestamp, duration, isScrambled ? fuzz::scramble(plain) : plain);
     }
 
     Retcode consume(const ByteView& packet)

@@ -5,10 +5,9 @@
 #include <limits>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "common/Duration.hpp"
-#include "support/Check.hpp"
+#include "support/Fuzz.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

@@ -1,12 +1,9 @@
 // A well-formed InitialInfo packet gives the same bytes again. One that is not would stop the
 // process by its documented assertion, so it is not offered.
 
-#include <algorithm>
-
 #include <vlx/SideChannel.hpp>
 
-#include "support/Check.hpp"
-#include "support/Codecs.hpp"
+#include "support/Fuzz.hpp"
 
 namespace
 {

@@ -3,11 +3,8 @@
 // never fall within a connection, and the next connection works whatever the one before has seen.
 // The sockets of the main channel live from input to input.
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <utility>
-#include <vector>
 
 #include <fcntl.h>
 #include <nanomsg/nn.h>
@@ -17,10 +14,7 @@
 
 #include <vlx/VlxReceiver.hpp>
 
-#include "support/Check.hpp"
-#include "support/Codecs.hpp"
-#include "support/FramedPeer.hpp"
-#include "support/InputReader.hpp"
+#include "support/Fuzz.hpp"
 #include "support/TestAccess.hpp"
 
 namespace
@@ -35,15 +29,13 @@ constexpr int MaxPassesAtOnce = 64;
 
 // What stands behind them in an input is not played: many short inputs find more than a long one.
 constexpr int MaxSteps = 48;
-constexpr int MaxConnections = 4;
 
 /// @return the lowest descriptor that is free: higher than before means that one was left open
 int findFreeDescriptor()
 {
-    const int fd = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
-    const int number = fd; // all that counts
+    const int fd = ::dup(STDERR_FILENO);
     ::close(fd);
-    return number;
+    return fd;
 }
 
 /// Packets of one channel, in their order.
@@ -63,8 +55,8 @@ struct Channel
     bool find(const Buffer& packet, bool isWhole)
     {
         std::size_t i = numPassed;
-        while (i < packets.size() && (isWhole ? packets[i] != packet
-                                              : !fuzz::startsWith(packets[i], packet)))
+        while (i < packets.size() &&
+               (isWhole ? packets[i] != packet : !fuzz::startsWith(packets[i], packet)))
             ++i;
         if (i == packets.size())
             return false;
@@ -84,8 +76,12 @@ public:
         m_receiver.addDepayloader(m_scrambler);
         m_receiver.setNewSequenceCallback([this](Depayloader& depayloader)
                                           { onNewSequence(depayloader); });
-        m_receiver.setReceiverIsReadyCallback([this](Depayloader&, Receiver::StreamClockType)
-                                              { onReady(); });
+        m_receiver.setReceiverIsReadyCallback(
+            [this](Depayloader&, Receiver::StreamClockType)
+            {
+                check(m_seen.announcedNr != 0, "readiness comes after the announcement");
+                check(!std::exchange(m_seen.isReady, true), "readiness is told once");
+            });
         m_receiver.setMediaDataCallback(
             [this](TimeValue timestamp, TimeValue duration, const Buffer& mediaData)
             { onFrame(timestamp, duration, mediaData); });
@@ -112,11 +108,8 @@ public:
     void play(fuzz::InputReader input)
     {
         const int freeBefore = findFreeDescriptor();
-        int numConnections = 0;
         for (int i = 0; i < MaxSteps && !input.isEmpty(); ++i)
         {
-            if (!m_isRunning && ++numConnections > MaxConnections)
-                break;
             if (!m_isRunning)
                 connect(input.take());
             step(input);
@@ -131,11 +124,6 @@ private:
     Access::Pipe& wakeupPipe()
     {
         return Access::loopWakeupPipe(m_receiver);
-    }
-
-    int getSidechannel()
-    {
-        return Access::sideChannelSocketFD(m_receiver);
     }
 
     std::uint16_t getCurrentNr()
@@ -173,48 +161,32 @@ private:
     void step(fuzz::InputReader& input)
     {
         const std::uint8_t choice = input.take();
+        const int way = choice % 16;
         const std::uint8_t detail = choice / 16;
-        switch (choice % 16)
-        {
-        case 9:
-        case 10: // no length that would have to be allocated
+        if (way < 4 || way == 7)
+            send(makePacket(detail, input));
+        else if (way < 9)
+            sendAside(makePacket(detail, input));
+        else if (way < 11)
         {
             const Buffer rubbish = fuzz::frame(input.takeBytes(detail));
             m_peer.write(rubbish, input.take() % rubbish.size());
-            m_peer.close();
-            break;
         }
-        case 11:
+        if (way >= 9 && way < 12)
             m_peer.close();
-            break;
-        case 12:
-            check(::write(wakeupPipe()[1], "1", 1) == 1, "the pipe takes a byte");
-            m_isWoken = true;
-            break;
-        case 13:
-        case 14:
-        case 15:
+        else if (way < 4)
+            pass();
+        else if (way != 7 && way != 8)
             passUntilQuiet();
-            break;
-        default:
-            sendPacket(choice % 16, makePacket(detail, input));
-        }
     }
 
-    /// On one channel or the other, with passes after it or without.
-    void sendPacket(int way, const Buffer& packet)
+    void sendAside(const Buffer& packet)
     {
-        if (way < 4 || way == 7)
-            send(packet);
-        else if (const Buffer framed = fuzz::frame(packet);
-                 m_peer.write(framed, framed.size()) == framed.size())
+        const Buffer framed = fuzz::frame(packet);
+        if (m_peer.write(framed, framed.size()) == framed.size())
             m_seen.side.add(packet);
         else
             m_peer.close();
-        if (way < 4)
-            pass();
-        else if (way < 7)
-            passUntilQuiet();
     }
 
     /// @param kind  0 to 15; the higher ones make packets with a flaw
@@ -270,7 +242,7 @@ private:
         std::array<pollfd, 3> entries = {
             pollfd{wakeupPipe()[0], POLLIN, 0},
             pollfd{Access::getNanomsgWatchFD(m_receiver), POLLIN, 0},
-            pollfd{getSidechannel(), POLLIN, 0}};
+            pollfd{Access::sideChannelSocketFD(m_receiver), POLLIN, 0}};
         return ::poll(entries.data(), entries.size(), 0) > 0;
     }
 
@@ -279,17 +251,13 @@ private:
     /// @return whether something was done, and the connection lives on
     bool pass()
     {
-        if (m_isRunning && getSidechannel() < 0 && !hasInput())
+        if (m_isRunning && Access::sideChannelSocketFD(m_receiver) < 0 && !hasInput())
             disconnect();
         if (!m_isRunning || !hasInput())
             return false;
         m_numEvents = 0;
-        const bool mustStop = std::exchange(m_isWoken, false);
         const bool goesOn = Access::listenForInput(m_receiver);
-        check(
-            Access::keepRunning(m_receiver).exchange(true) == !mustStop,
-            "a wakeup, and nothing else, stops the worker");
-        check(!mustStop || m_numEvents == 0, "a wakeup comes first");
+        check(Access::keepRunning(m_receiver), "no input stops the worker");
         check(getCurrentNr() >= m_seen.highestNr, "numbers never fall within a connection");
         m_seen.highestNr = getCurrentNr();
         if (!goesOn)
@@ -299,9 +267,8 @@ private:
 
     void passUntilQuiet()
     {
-        for (int i = 0; i < MaxPassesAtOnce && pass(); ++i)
-        {
-        }
+        for (int left = MaxPassesAtOnce; left > 0 && pass();)
+            --left;
     }
 
     /// @param isWhole  otherwise what was sent may be longer
@@ -321,12 +288,6 @@ private:
         check(wasSent(packet, false), "a sequence was announced by the sender, in its turn");
         check(getCurrentNr() > m_seen.announcedNr, "each sequence is announced once");
         m_seen.announcedNr = getCurrentNr();
-    }
-
-    void onReady()
-    {
-        check(m_seen.announcedNr != 0, "readiness comes after the announcement");
-        check(!std::exchange(m_seen.isReady, true), "readiness is told once");
     }
 
     void onFrame(TimeValue timestamp, TimeValue duration, const Buffer& mediaData)
@@ -369,7 +330,6 @@ private:
     fuzz::FramedPeer m_peer; // the sidechannel's other end
     int m_pushFD;            // the main channel's
     bool m_isRunning = false;
-    bool m_isWoken = false;
     int m_numEvents = 0; // sequences and frames of this pass
 
     /// Of the present connection.

@@ -1,10 +1,6 @@
 // PCM codec headers of any content: what is accepted is a format, and gives the same bytes again.
 
-#include <vlx/VlxPayload.hpp>
-
-#include "support/Check.hpp"
-#include "support/Codecs.hpp"
-#include "support/InputReader.hpp"
+#include "support/Fuzz.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

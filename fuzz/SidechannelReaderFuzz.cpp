@@ -4,9 +4,7 @@
 
 #include <sys/ioctl.h>
 
-#include "support/Check.hpp"
-#include "support/FramedPeer.hpp"
-#include "support/InputReader.hpp"
+#include "support/Fuzz.hpp"
 #include "support/TestAccess.hpp"
 
 namespace
@@ -16,8 +14,7 @@ using namespace vlx;
 using fuzz::check;
 using Access = ReceiverTestAccess;
 
-// What one call of the reader returns.
-constexpr int MessageComplete = 1;
+constexpr int MessageComplete = 1; // of what one call of the reader returns
 constexpr int ConnectionGone = 2;
 
 class Run

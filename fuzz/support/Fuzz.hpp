@@ -1,0 +1,193 @@
+#pragma once
+
+// What the targets share.
+
+#include <algorithm>
+#include <concepts>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+#include <vector>
+
+#include <log4cplus/logger.h>
+#include <log4cplus/nullappender.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <vlx/VlxPayload.hpp>
+
+namespace vlx::fuzz
+{
+
+/// Stops the process where a target finds something wrong, in every build.
+///
+/// @param text  what should have held
+inline void check(bool holds, const char* text)
+{
+    if (holds)
+        return;
+    std::fprintf(stderr, "\nDoes not hold: %s\n", text);
+    std::abort();
+}
+
+/// Makes the library build each of its log lines, down to TRACE, and throws them away: the texts
+/// are code that inputs reach, too.
+inline void silenceLog()
+{
+    [[maybe_unused]] static const bool done = []
+    {
+        log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
+        logger.setAdditivity(false);
+        logger.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
+        logger.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::NullAppender));
+        return true;
+    }();
+}
+
+/// Takes an input apart from its front, so that a target can read its steps from it. At the end
+/// everything read is 0 or empty.
+class InputReader
+{
+public:
+    InputReader(const std::uint8_t* data, std::size_t size) : m_rest(data, size) {}
+
+    bool isEmpty() const
+    {
+        return m_rest.empty();
+    }
+
+    /// @return the next bytes as an integer of the machine
+    template <std::unsigned_integral Integer = std::uint8_t>
+    Integer take()
+    {
+        Integer value = 0;
+        const ByteView bytes = takeBytes(sizeof(Integer));
+        std::copy(bytes.begin(), bytes.end(), reinterpret_cast<unsigned char*>(&value));
+        return value;
+    }
+
+    /// @return the next bytes, fewer if there are no more
+    ByteView takeBytes(std::size_t count)
+    {
+        const ByteView bytes = m_rest.subspan(0, std::min(count, m_rest.size()));
+        m_rest = m_rest.subspan(bytes.size());
+        return bytes;
+    }
+
+    /// @return the next bytes behind a length of one byte
+    ByteView takeBlock()
+    {
+        return takeBytes(take());
+    }
+
+private:
+    ByteView m_rest;
+};
+
+/// FourCC of a codec that the targets make up, "ScrM". Unlike PCM it changes the bytes of a frame.
+inline constexpr std::uint32_t ScrambleFourcc = 0x4D726353;
+
+/// What that codec does to the bytes of a frame; doing it twice gives them back.
+inline Buffer scramble(const ByteView& bytes)
+{
+    Buffer scrambled(bytes.rbegin(), bytes.rend());
+    for (auto& byte : scrambled)
+        byte ^= 0x5A;
+    return scrambled;
+}
+
+/// Accepts codec headers of odd length only.
+class ScrambleDepayloader : public Depayloader
+{
+public:
+    ScrambleDepayloader() : Depayloader(ScrambleFourcc) {}
+
+    bool processCodecHeader(const ByteView& codecHeader) override
+    {
+        lastHeader.assign(codecHeader.begin(), codecHeader.end());
+        return codecHeader.size() % 2 == 1;
+    }
+
+    Buffer unwrapFrame(const ByteView& payload) override
+    {
+        return scramble(payload);
+    }
+
+    void reset() override
+    {
+        ++numResets;
+    }
+
+    Buffer lastHeader; ///< that was offered, accepted or not
+    int numResets = 0;
+};
+
+/// Produces a codec header from what a depayloader read from one.
+inline Buffer produceAgain(const PcmDepayloader& depayloader)
+{
+    PcmPayloader payloader;
+    payloader.setNewFormat(
+        depayloader.getSampleRate(), depayloader.getNumChannels(), depayloader.getSampleFormat());
+    return payloader.getCodecHeader();
+}
+
+/// @return whether the bytes begin with others
+inline bool startsWith(const ByteView& bytes, const ByteView& beginning)
+{
+    return bytes.size() >= beginning.size() &&
+           std::equal(beginning.begin(), beginning.end(), bytes.begin());
+}
+
+/// @return a message behind its length
+inline Buffer frame(const ByteView& message)
+{
+    Buffer bytes = {0, 0, 0, 0};
+    for (std::size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<std::uint8_t>(message.size() >> (8 * i));
+    bytes.insert(bytes.end(), message.begin(), message.end());
+    return bytes;
+}
+
+/// The sender's end of a sidechannel connection.
+class FramedPeer
+{
+public:
+    ~FramedPeer()
+    {
+        close();
+    }
+
+    /// Makes a connection, in place of the one before.
+    ///
+    /// @return the receiver's end, the lower descriptor of both; the caller closes it
+    int open()
+    {
+        close();
+        int ends[2];
+        check(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "the system gives a socket pair");
+        m_peerFD = ends[1];
+        return ends[0];
+    }
+
+    /// Writes so many of the bytes, or what there is room for.
+    ///
+    /// @return how many
+    std::size_t write(const ByteView& bytes, std::size_t count)
+    {
+        const ssize_t size = ::send(
+            m_peerFD, bytes.data(), std::min(count, bytes.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
+        return static_cast<std::size_t>(std::max<ssize_t>(size, 0));
+    }
+
+    /// Closes the sender's end; what has been written can still be read.
+    void close()
+    {
+        if (m_peerFD >= 0)
+            ::close(std::exchange(m_peerFD, -1));
+    }
+
+private:
+    int m_peerFD = -1;
+};
+
+} // namespace vlx::fuzz
