@@ -7,11 +7,11 @@
 #include <mutex>
 
 #include <nlohmann/json.hpp>
+
+#include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/BaseDirectory.hpp>
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
-
-#include <miscUtils/MiscUtils.hpp>
 
 #include "ReceiveOptions.hpp"
 #include "Recorder.hpp"
@@ -50,16 +50,19 @@ public:
         if (m_clock == Receiver::StreamClockType::MonotonicSystemClock)
             return frame.timestamp;
         const TimeValue streamTime = consumer.getStreamTime();
-        if (streamTime != 0)
-            return miscUtils::getMonotonicSysclockTime() + frame.timestamp - streamTime;
-
-        // Frames that come in time with each other are played so, whatever their arrival jitters.
-        const auto late = static_cast<std::int64_t>(frame.arrival - m_expected);
-        const TimeValue time = late > MaxJitterNs || late < -MaxJitterNs
-                                   ? frame.arrival
-                                   : m_expected + static_cast<TimeValue>(late / SmoothingFrames);
-        m_expected = time + frame.duration;
-        return time;
+        const bool synchronized = streamTime != 0;
+        const TimeValue measured =
+            synchronized ? miscUtils::getMonotonicSysclockTime() + frame.timestamp - streamTime
+                         : frame.arrival;
+        // However the measurement jitters, frames that continue one another are played so.
+        const TimeValue step = synchronized ? frame.timestamp - m_lastTimestamp : m_lastDuration;
+        const auto late = static_cast<std::int64_t>(measured - (m_lastTime + step));
+        const bool jumps = late > MaxJitterNs || late < -MaxJitterNs;
+        m_lastTime =
+            jumps ? measured : m_lastTime + step + static_cast<TimeValue>(late / SmoothingFrames);
+        m_lastTimestamp = frame.timestamp;
+        m_lastDuration = frame.duration;
+        return m_lastTime;
     }
 
 private:
@@ -67,7 +70,9 @@ private:
     static constexpr std::int64_t SmoothingFrames = 64;
 
     Receiver::StreamClockType m_clock = Receiver::StreamClockType::Undetermined;
-    TimeValue m_expected = 0;
+    TimeValue m_lastTime = 0;
+    TimeValue m_lastTimestamp = 0;
+    TimeValue m_lastDuration = 0;
 };
 
 /// The control loop of a recording: joins recorder and consumer, until something ends it.
