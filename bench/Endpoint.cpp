@@ -32,7 +32,7 @@ namespace vlx::bench
 // One name in a line would be a page.
 // clang-format off
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(
-    Plan, name, directory, variant, bytes, role, epoch, rate, warm_up, frames, flood_ms, objects, dry)
+    Plan, name, directory, variant, bytes, role, epoch, rate, warmup, frames, flood, objects, dry)
 // clang-format on
 
 namespace
@@ -131,12 +131,12 @@ public:
         sleepUntilNs(nowNs() + SettleNs);
         const bool flood = m_plan.frames == 0;
         const std::uint64_t periodNs = NsPerSecond / m_plan.rate;
-        sendRun(Phase::WarmUp, m_plan.warm_up, flood ? 0 : periodNs);
+        sendRun(Phase::WarmUp, m_plan.warmup, flood ? 0 : periodNs);
         const Usage begin = Usage::now();
         const std::uint32_t sent =
-            flood ? sendRun(
-                        Phase::Measure, MaxFloodFrames, 0, begin.timeNs + m_plan.flood_ms * NsPerMs)
-                  : sendRun(Phase::Measure, m_plan.frames, periodNs);
+            flood
+                ? sendRun(Phase::Measure, MaxFloodFrames, 0, begin.timeNs + m_plan.flood * NsPerMs)
+                : sendRun(Phase::Measure, m_plan.frames, periodNs);
         json result = Usage::now().since(begin);
         result["sent"] = sent;
         sendRun(Phase::End, EndFrames, periodNs);

@@ -27,11 +27,11 @@ struct Plan
     std::string role;        ///< "send" or "receive"
     std::uint16_t epoch = 1; ///< which of several senders in a row
     std::uint64_t rate = 0;  ///< frames a second
-    std::uint32_t warm_up = 0;
-    std::uint32_t frames = 0;   ///< 0: flood
-    std::uint64_t flood_ms = 0; ///< length of the flood
-    std::size_t objects = 1;    ///< receivers in this process
-    bool dry = false;           ///< sender: pace and stamp, but send nothing
+    std::uint32_t warmup = 0;
+    std::uint32_t frames = 0; ///< 0: flood
+    std::uint64_t flood = 0;  ///< length of the flood, milliseconds
+    std::size_t objects = 1;  ///< receivers in this process
+    bool dry = false;         ///< sender: pace and stamp, but send nothing
 
     /// @return where both ends meet, for those who meet in the file system
     std::string getPath(const std::string& suffix) const

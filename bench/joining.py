@@ -62,6 +62,8 @@ class Row:
         a result."""
         with ExitStack() as senders:
             record = self._measure(senders, self._scenario.gap_s)
+        if record is None:
+            print(f"{self._scenario.text}, {self._transport.label}: a repetition failed")
         if record is None or "never" in record:
             self.drop_receiver()  # the next repetition begins with a new one
         self._sender_end = time.monotonic()

@@ -58,7 +58,7 @@ def describe_machine() -> str:
         f"{len(os.sched_getaffinity(0))} of {os.cpu_count()} cores",
         f"{os.uname().sysname} {os.uname().release}",
         governor.read_text().strip() if governor.exists() else "no governor",
-    ]) + " | " + re.findall("CMAKE_BUILD_TYPE:.*=(.*)", (BUILD / "CMakeCache.txt").read_text())[0]
+    ]) + " | " + re.findall("CMAKE_BUILD_TYPE:.*=(.*)", (BUILD / "CMakeCache.txt").read_text())[0].lower()
 
 
 def measure_all(options: argparse.Namespace, data: Path) -> bool:

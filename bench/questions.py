@@ -74,7 +74,7 @@ def measure_age(campaign: Campaign) -> None:
     campaign.begin(f"{frames} frames, {warm_up} warm-up, {rounds} rounds interleaved; at 1,920 "
                    f"bytes {further} more of those whose ratios have a target")
     for turn in range(rounds + further):
-        plan = Plan(frames=frames, warm_up=warm_up)
+        plan = Plan(frames=frames, warmup=warm_up)
         # What the sender's process costs without sending is part of every cost.
         dry = run_session(campaign.build, everybody[0], campaign.directory,
                           replace(plan, dry=True, receivers=0))
@@ -83,7 +83,7 @@ def measure_age(campaign: Campaign) -> None:
             campaign.measure_round(compared, plan, turn)
             continue
         for size in (64, 1920, 7680, 65536):
-            plan = Plan(bytes=size, frames=frames, warm_up=warm_up)
+            plan = Plan(bytes=size, frames=frames, warmup=warm_up)
             campaign.measure_round(everybody, plan, turn)
 
 
@@ -95,7 +95,7 @@ def measure_overload(campaign: Campaign) -> None:
     campaign.begin(f"flood of {flood_ms} ms, {warm_up} frames warm-up, {rounds} rounds interleaved")
     for turn in range(rounds):
         for size in sizes:
-            plan = Plan(bytes=size, flood_ms=flood_ms, warm_up=warm_up)
+            plan = Plan(bytes=size, flood=flood_ms, warmup=warm_up)
             campaign.measure_round(everybody, plan, turn)
 
 
@@ -106,7 +106,7 @@ def measure_busy(campaign: Campaign) -> None:
     members = campaign.select([t.OURS, t.KIT, t.KIT_RT, t.RAW, t.ZMQ, t.NNG, t.GST_SHM])
     campaign.begin(f"{loops} busy loops, {frames} frames")
     with busy_loops(loops):
-        campaign.measure_round(members, Plan(frames=frames, warm_up=100, patience=5), 0)
+        campaign.measure_round(members, Plan(frames=frames, warmup=100, patience=5), 0)
 
 
 def measure_fanout(campaign: Campaign) -> None:
@@ -117,7 +117,7 @@ def measure_fanout(campaign: Campaign) -> None:
     campaign.begin(f"{frames} frames, {warm_up} warm-up, {rounds} rounds interleaved")
     for turn in range(rounds):
         for receivers, objects in [*((count, 1) for count in counts), (1, MANY_OBJECTS)]:
-            plan = Plan(rate=100, frames=frames, warm_up=warm_up, receivers=receivers,
+            plan = Plan(rate=100, frames=frames, warmup=warm_up, receivers=receivers,
                         objects=objects)
             campaign.measure_round(members, plan, turn)
 

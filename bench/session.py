@@ -31,9 +31,9 @@ class Plan:
     """As the endpoint gets it, but for receivers and patience."""
     bytes: int = 1920  # of media data in each frame
     rate: int = 1000  # frames a second
-    warm_up: int = 0  # frames
+    warmup: int = 0  # frames
     frames: int = 0  # 0: flood
-    flood_ms: int = 0  # length of the flood
+    flood: int = 0  # length of the flood, milliseconds
     objects: int = 1  # receivers in each process
     epoch: int = 1  # which of several senders in a row
     dry: bool = False  # pace and stamp, but send nothing
@@ -151,7 +151,7 @@ def _try_session(build: Path, transport: Transport, directory: Path, plan: Plan)
         receivers = [start("receive") for _ in range(plan.receivers)]
         if any(receiver.expect("first") is None for receiver in receivers):
             return None
-        sent = sender.ask("go", "result", STEP_S + plan.flood_ms / 1000 + plan.frames / plan.rate)
+        sent = sender.ask("go", "result", STEP_S + plan.flood / 1000 + plan.frames / plan.rate)
         memory = [receiver.pss_kib() for receiver in receivers]
         deadline = time.monotonic() + DRAIN_S
         for receiver in receivers:

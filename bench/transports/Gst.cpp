@@ -2,8 +2,8 @@
 /// of one buffer: appsrc ! SINK and SOURCE ! appsink. Variant "shm": shmsink and shmsrc. "vlx":
 /// vlxsink and vlxsrc, with the packets as samples of a stereo stream.
 
+#include <deque>
 #include <memory>
-#include <vector>
 
 #include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
@@ -105,15 +105,16 @@ SendFrame openStream(const Plan& plan)
 bool startReceiving(const Plan& plan, FrameHandler handler)
 {
     // Both last as long as the process.
-    static std::vector<Element> pipelines;
-    auto* const kept = new FrameHandler(std::move(handler));
-    const Element pipeline = parsePipeline(describeReceiver(plan));
+    static std::deque<Element> pipelines;
+    static std::deque<FrameHandler> handlers;
+    const Element& pipeline = pipelines.emplace_back(parsePipeline(describeReceiver(plan)));
     if (!pipeline)
         return false;
-    pipelines.push_back(pipeline);
     GstAppSinkCallbacks callbacks{};
     callbacks.new_sample = onSample;
-    gst_app_sink_set_callbacks(GST_APP_SINK(getEnd(pipeline)), &callbacks, kept, nullptr);
+    gst_app_sink_set_callbacks(
+        GST_APP_SINK(getEnd(pipeline)), &callbacks, &handlers.emplace_back(std::move(handler)),
+        nullptr);
     return play(pipeline);
 }
 
