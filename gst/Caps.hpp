@@ -5,6 +5,7 @@
 #include <optional>
 
 #include <gst/gst.h>
+
 #include <vlxkit/StreamFormat.hpp>
 
 namespace vlx::gst

@@ -1,5 +1,7 @@
 #include "Clocks.hpp"
 
+#include <utility>
+
 #include <gst/net/gstnet.h>
 
 #include <miscUtils/MiscUtils.hpp>
@@ -12,6 +14,9 @@ namespace
 
 // Of several samples the one is taken that was interrupted least.
 constexpr int NumOffsetSamples = 3;
+
+// Four answers of a provider, 50 ms apart, and something for a busy machine.
+constexpr GstClockTime SyncTimeoutNs = 500'000'000;
 
 } // unnamed namespace
 
@@ -75,6 +80,50 @@ ObjectPtr<GstClock> findClock(GstElement* element)
     if (!GST_IS_PIPELINE(top.get()))
         return nullptr;
     return ObjectPtr<GstClock>(gst_pipeline_get_pipeline_clock(GST_PIPELINE(top.get())));
+}
+
+void ProvidedClock::offer(const ClockEndpoint& endpoint)
+{
+    // GStreamer would resolve a name, or what is none, within this call.
+    if (g_hostname_is_ip_address(endpoint.address.c_str()) == FALSE || endpoint.port == 0)
+        return;
+    ObjectPtr<GstClock> clock(static_cast<GstClock*>(gst_object_ref_sink(
+        gst_net_client_clock_new("vlx-clock", endpoint.address.c_str(), endpoint.port, 0))));
+    if (gst_clock_wait_for_sync(clock.get(), SyncTimeoutNs) == FALSE)
+    {
+        GST_ELEMENT_WARNING(
+            m_element, CORE, CLOCK,
+            ("The network clock at %s:%u does not answer.", endpoint.address.c_str(),
+             static_cast<unsigned>(endpoint.port)),
+            (nullptr));
+        return;
+    }
+    GstMessage* const message =
+        gst_message_new_clock_provide(GST_OBJECT(m_element), clock.get(), TRUE);
+    GST_OBJECT_LOCK(m_element);
+    m_clock = std::move(clock);
+    GST_OBJECT_UNLOCK(m_element);
+    gst_element_post_message(m_element, message);
+}
+
+void ProvidedClock::withdraw()
+{
+    GST_OBJECT_LOCK(m_element);
+    const ObjectPtr<GstClock> clock = std::move(m_clock);
+    GST_OBJECT_UNLOCK(m_element);
+    if (clock)
+        gst_element_post_message(
+            m_element, gst_message_new_clock_lost(GST_OBJECT(m_element), clock.get()));
+}
+
+ObjectPtr<GstClock> ProvidedClock::get() const
+{
+    GST_OBJECT_LOCK(m_element);
+    GstClock* const clock = m_clock.get();
+    if (clock != nullptr)
+        gst_object_ref(clock);
+    GST_OBJECT_UNLOCK(m_element);
+    return ObjectPtr<GstClock>(clock);
 }
 
 } // namespace vlx::gst

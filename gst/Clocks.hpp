@@ -48,4 +48,27 @@ std::int64_t getOffsetToMonotonic(GstClock* clock);
 /// @return the element's clock; else the one that its pipeline would choose now; else null
 ObjectPtr<GstClock> findClock(GstElement* element);
 
+/// A network clock that an element provides to its pipeline.
+///
+/// @thread any
+class ProvidedClock
+{
+public:
+    explicit ProvidedClock(GstElement* element) : m_element(element) {}
+
+    /// Follows a provider and offers the clock, once it is synchronised, which takes 0.2 s and is
+    /// given up after 0.5 s. Going to PAUSED.
+    void offer(const ClockEndpoint& endpoint);
+
+    /// Coming from PAUSED; harmless without a clock.
+    void withdraw();
+
+    /// @return a new reference; null: none is offered
+    ObjectPtr<GstClock> get() const;
+
+private:
+    GstElement* const m_element;
+    ObjectPtr<GstClock> m_clock; // guarded by the object lock
+};
+
 } // namespace vlx::gst

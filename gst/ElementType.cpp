@@ -8,6 +8,8 @@ namespace vlx::gst
 namespace
 {
 
+constexpr const char* UriProtocol = "vlx";
+
 GstURIType getUriType(GType type)
 {
     return g_type_is_a(type, GST_TYPE_BASE_SINK) != FALSE ? GST_URI_SINK : GST_URI_SRC;
@@ -66,18 +68,26 @@ void initUriHandler(gpointer interface, gpointer /*data*/)
 
 } // unnamed namespace
 
-GType registerElementType(GType parent, const char* name, const GTypeInfo& info)
+void addUriHandler(GType type)
 {
-    const GType type = g_type_register_static(parent, name, &info, GTypeFlags{});
     static const GInterfaceInfo handler = {initUriHandler, nullptr, nullptr};
     g_type_add_interface_static(type, GST_TYPE_URI_HANDLER, &handler);
-    return type;
 }
 
-std::string getText(const GValue* value)
+void describeElement(
+    gpointer elementClass,
+    const char* name,
+    const char* kind,
+    const char* purpose,
+    GstPadDirection direction)
 {
-    const gchar* const text = g_value_get_string(value);
-    return text != nullptr ? text : "";
+    auto* const described = GST_ELEMENT_CLASS(elementClass);
+    gst_element_class_set_static_metadata(described, name, kind, purpose, "Vellox developers");
+    GstCaps* const caps = gst_caps_from_string(TemplateCaps);
+    gst_element_class_add_pad_template(
+        described, gst_pad_template_new(
+                       direction == GST_PAD_SRC ? "src" : "sink", direction, GST_PAD_ALWAYS, caps));
+    gst_caps_unref(caps);
 }
 
 } // namespace vlx::gst

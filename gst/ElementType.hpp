@@ -1,36 +1,139 @@
 #pragma once
 
-#include <string>
+/// What both elements need to be GObjects.
 
 #include <gst/gst.h>
+
+#include "Caps.hpp"
+#include "Properties.hpp"
 
 namespace vlx::gst
 {
 
-inline constexpr const char* UriProtocol = "vlx";
+/// Has a type handle "vlx://NAME", which sets its property "socket-name".
+void addUriHandler(GType type);
 
-/// Registers an element's type that also handles "vlx://NAME", which sets its property
-/// "socket-name".
-///
-/// @param parent  GST_TYPE_BASE_SINK or GST_TYPE_PUSH_SRC
-/// @param info    static
-/// @thread once for each name
-GType registerElementType(GType parent, const char* name, const GTypeInfo& info);
+/// An element whose work is done by an object of the class Impl, made and deleted with it. Impl is
+/// constructed from a Parent*, derives from WithSettings, and has
+///   static void initClass(gpointer elementClass): everything but the properties' plumbing
+///   GstStructure* makeStatistics() const
+template <typename Impl, typename Parent>
+class ElementType
+{
+public:
+    static Impl& of(gpointer instance)
+    {
+        return *static_cast<Instance*>(instance)->impl;
+    }
 
-/// Flags of a property that takes effect at the next start.
-inline constexpr auto SetWhenStopped = static_cast<GParamFlags>(
-    static_cast<int>(G_PARAM_READWRITE) | static_cast<int>(G_PARAM_STATIC_STRINGS) |
-    GST_PARAM_MUTABLE_READY);
+    static gpointer getParentClass()
+    {
+        return s_parentClass;
+    }
 
-/// Flags of a property that takes effect at once.
-inline constexpr auto SetAnyTime = static_cast<GParamFlags>(
-    static_cast<int>(G_PARAM_READWRITE) | static_cast<int>(G_PARAM_STATIC_STRINGS) |
-    GST_PARAM_MUTABLE_PLAYING);
+    static GType registerType(GType parent, const char* name)
+    {
+        GTypeQuery query;
+        g_type_query(parent, &query);
+        const GTypeInfo info = {
+            static_cast<guint16>(query.class_size),
+            nullptr,
+            nullptr,
+            initClass,
+            nullptr,
+            nullptr,
+            sizeof(Instance),
+            0,
+            initInstance,
+            nullptr};
+        const GType type = g_type_register_static(parent, name, &info, GTypeFlags{});
+        addUriHandler(type);
+        return type;
+    }
 
-inline constexpr auto ReadOnly = static_cast<GParamFlags>(
-    static_cast<int>(G_PARAM_READABLE) | static_cast<int>(G_PARAM_STATIC_STRINGS));
+private:
+    struct Instance
+    {
+        Parent parent;
+        Impl* impl;
+    };
 
-/// @return the text of a string value; empty for a null one
-std::string getText(const GValue* value);
+    static void initClass(gpointer type, gpointer /*data*/)
+    {
+        s_parentClass = g_type_class_peek_parent(type);
+        auto* const objectClass = G_OBJECT_CLASS(type);
+        objectClass->set_property = [](GObject* object, guint id, const GValue* value,
+                                       GParamSpec* /*spec*/) { of(object).setProperty(id, value); };
+        objectClass->get_property = [](GObject* object, guint id, GValue* value, GParamSpec*)
+        {
+            if (id == Impl::getProperties().getStatisticsId())
+                g_value_take_boxed(value, of(object).makeStatistics());
+            else
+                of(object).getProperty(id, value);
+        };
+        objectClass->finalize = [](GObject* object)
+        {
+            delete &of(object);
+            G_OBJECT_CLASS(s_parentClass)->finalize(object);
+        };
+        Impl::initClass(type);
+    }
+
+    static void initInstance(GTypeInstance* instance, gpointer /*class*/)
+    {
+        auto* const self = static_cast<Instance*>(static_cast<gpointer>(instance));
+        self->impl = new Impl(&self->parent);
+    }
+
+    static inline gpointer s_parentClass = nullptr;
+};
+
+/// Settings that are changed by properties.
+template <typename Settings>
+class WithSettings
+{
+public:
+    explicit WithSettings(gpointer element) : m_object(element) {}
+
+    /// Filled by initClass().
+    static Properties<Settings>& getProperties()
+    {
+        static Properties<Settings> properties;
+        return properties;
+    }
+
+    void setProperty(guint id, const GValue* value)
+    {
+        GST_OBJECT_LOCK(m_object);
+        getProperties().set(m_settings, id, value);
+        GST_OBJECT_UNLOCK(m_object);
+    }
+
+    void getProperty(guint id, GValue* value) const
+    {
+        getProperties().get(getSettings(), id, value);
+    }
+
+protected:
+    Settings getSettings() const
+    {
+        GST_OBJECT_LOCK(m_object);
+        Settings settings = m_settings;
+        GST_OBJECT_UNLOCK(m_object);
+        return settings;
+    }
+
+private:
+    const gpointer m_object;
+    Settings m_settings; // guarded by the object lock
+};
+
+/// Describes an element and its one pad, which takes or gives the caps of every stream.
+void describeElement(
+    gpointer elementClass,
+    const char* name,
+    const char* kind,
+    const char* purpose,
+    GstPadDirection direction);
 
 } // namespace vlx::gst

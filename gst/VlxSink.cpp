@@ -8,9 +8,8 @@
 // joined, so that the clock starts to run with everybody on board. Each buffer leaves when it is
 // due, with that time on it: base time, running time and latency, on the clock that is announced.
 //
-// In "pubsub" what a receiver cannot take at once is lost to that receiver. A pipeline that runs
-// faster than real time (sync=false) loses nothing only in "pipeline", which has one receiver and
-// waits for it.
+// In "pubsub" what a receiver cannot take at once is lost to that receiver, so nothing is sent faster
+// than at twice the speed, not even with sync=false. "pipeline" has one receiver and waits for it.
 
 #include "VlxSink.hpp"
 
@@ -25,9 +24,9 @@
 
 #include <gst/base/gstbasesink.h>
 #include <gst/net/gstnet.h>
-#include <vlxkit/Producer.hpp>
 
 #include <miscUtils/MiscUtils.hpp>
+#include <vlxkit/Producer.hpp>
 
 #include "Caps.hpp"
 #include "Clocks.hpp"
@@ -53,31 +52,16 @@ enum class ClockChoice
     GstNetClock,
 };
 
-enum Property : guint
-{
-    SocketName = 1,
-    AlternativeSocketName,
-    Protocol,
-    SocketModeChoice,
-    RealtimePriority,
-    Clock,
-    ClockAddress,
-    ClockPort,
-    ServeClock,
-    WaitForConnection,
-    Stats,
-};
-
 struct Settings
 {
     std::string name;
     std::string alternativeName;
-    NanomsgProtocol protocol = NanomsgProtocol::PubSub;
-    kit::SocketMode socketMode = kit::SocketMode::Owner;
+    int protocol = static_cast<int>(NanomsgProtocol::PubSub);
+    int socketMode = static_cast<int>(kit::SocketMode::Owner);
     int realtimePriority = 0;
-    ClockChoice clock = ClockChoice::Auto;
+    int clock = static_cast<int>(ClockChoice::Auto);
     std::string clockAddress;
-    std::uint16_t clockPort = 0;
+    int clockPort = 0;
     bool serveClock = false;
     bool waitForConnection = true;
 };
@@ -92,13 +76,25 @@ struct Announcement
     bool operator==(const Announcement&) const = default;
 };
 
-class Sink
+class Sink : public WithSettings<Settings>
 {
 public:
-    explicit Sink(GstBaseSink* element) : m_element(element) {}
+    explicit Sink(GstBaseSink* element)
+        : WithSettings(element), m_element(element), m_providedClock(GST_ELEMENT(element))
+    {
+        GST_OBJECT_FLAG_SET(element, static_cast<guint32>(GST_ELEMENT_FLAG_PROVIDE_CLOCK));
+        // Nothing is rendered here; whoever does that has a deadline of its own.
+        gst_base_sink_set_processing_deadline(element, 0);
+    }
 
-    void setProperty(guint id, const GValue* value, GParamSpec* spec);
-    void getProperty(guint id, GValue* value, GParamSpec* spec) const;
+    static void initClass(gpointer elementClass);
+    GstStructure* makeStatistics() const;
+
+    void setUpClock();
+    ProvidedClock& getProvidedClock()
+    {
+        return m_providedClock;
+    }
 
     bool start();
     bool stop();
@@ -109,11 +105,13 @@ public:
     GstFlowReturn prepare();
 
     // From another thread, while one of the above may be waiting.
-    void unlock();
-    void unlockStop();
+    bool unlock();
+    bool unlockStop();
 
 private:
     bool isUnlocked() const;
+    bool noteUnlocks();
+    GstFlowReturn waitForUnlockStop();
     bool isProducerStopped() const;
     template <typename Call>
     bool callUnlockable(Call call);
@@ -126,10 +124,10 @@ private:
     void dropProducer();
     GstFlowReturn send(GstBuffer* buffer, const ByteView& data);
     TimeValue makeTimestamp(GstBuffer* buffer) const;
-    GstStructure* makeStatistics() const;
+    void waitForTurn();
 
     GstBaseSink* const m_element;
-    Settings m_settings; // guarded by the element's object lock
+    ProvidedClock m_providedClock;
 
     // Streaming thread, or state changes while there is none.
     kit::StreamFormat m_format;
@@ -138,7 +136,8 @@ private:
     ObjectPtr<GstNetTimeProvider> m_provider;
     const GstClock* m_clock = nullptr; // for comparison only: what the announcement was chosen for
     bool m_joined = false;
-    TimeValue m_nextTimestamp = 0; // end of the frame before
+    TimeValue m_nextTimestamp = 0;                     // end of the frame before
+    std::chrono::steady_clock::time_point m_notBefore; // of the next frame
 
     mutable std::mutex m_mutex;
     std::condition_variable m_condition;
@@ -147,97 +146,10 @@ private:
     kit::ProducerStatistics m_earlier; // of producers before the present one
     bool m_busy = false;               // in a call that may block
     bool m_producerStopped = false;    // by unlock()
-    bool m_unlocked = false;
+    bool m_unlocked = false;           // between unlock() and unlockStop()
+    unsigned m_unlocks = 0;            // calls of unlock()
+    unsigned m_unlocksSeen = 0;        // before the present wait
 };
-
-void Sink::setProperty(guint id, const GValue* value, GParamSpec* spec)
-{
-    GST_OBJECT_LOCK(m_element);
-    switch (id)
-    {
-    case SocketName:
-        m_settings.name = getText(value);
-        break;
-    case AlternativeSocketName:
-        m_settings.alternativeName = getText(value);
-        break;
-    case Protocol:
-        m_settings.protocol = static_cast<NanomsgProtocol>(g_value_get_enum(value));
-        break;
-    case SocketModeChoice:
-        m_settings.socketMode = static_cast<kit::SocketMode>(g_value_get_enum(value));
-        break;
-    case RealtimePriority:
-        m_settings.realtimePriority = g_value_get_int(value);
-        break;
-    case Clock:
-        m_settings.clock = static_cast<ClockChoice>(g_value_get_enum(value));
-        break;
-    case ClockAddress:
-        m_settings.clockAddress = getText(value);
-        break;
-    case ClockPort:
-        m_settings.clockPort = static_cast<std::uint16_t>(g_value_get_uint(value));
-        break;
-    case ServeClock:
-        m_settings.serveClock = g_value_get_boolean(value) != FALSE;
-        break;
-    case WaitForConnection:
-        m_settings.waitForConnection = g_value_get_boolean(value) != FALSE;
-        break;
-    default:
-        G_OBJECT_WARN_INVALID_PROPERTY_ID(m_element, id, spec);
-        break;
-    }
-    GST_OBJECT_UNLOCK(m_element);
-}
-
-void Sink::getProperty(guint id, GValue* value, GParamSpec* spec) const
-{
-    if (id == Stats)
-    {
-        g_value_take_boxed(value, makeStatistics());
-        return;
-    }
-    GST_OBJECT_LOCK(m_element);
-    switch (id)
-    {
-    case SocketName:
-        g_value_set_string(value, m_settings.name.c_str());
-        break;
-    case AlternativeSocketName:
-        g_value_set_string(value, m_settings.alternativeName.c_str());
-        break;
-    case Protocol:
-        g_value_set_enum(value, static_cast<gint>(m_settings.protocol));
-        break;
-    case SocketModeChoice:
-        g_value_set_enum(value, static_cast<gint>(m_settings.socketMode));
-        break;
-    case RealtimePriority:
-        g_value_set_int(value, m_settings.realtimePriority);
-        break;
-    case Clock:
-        g_value_set_enum(value, static_cast<gint>(m_settings.clock));
-        break;
-    case ClockAddress:
-        g_value_set_string(value, m_settings.clockAddress.c_str());
-        break;
-    case ClockPort:
-        g_value_set_uint(value, m_settings.clockPort);
-        break;
-    case ServeClock:
-        g_value_set_boolean(value, static_cast<gboolean>(m_settings.serveClock));
-        break;
-    case WaitForConnection:
-        g_value_set_boolean(value, static_cast<gboolean>(m_settings.waitForConnection));
-        break;
-    default:
-        G_OBJECT_WARN_INVALID_PROPERTY_ID(m_element, id, spec);
-        break;
-    }
-    GST_OBJECT_UNLOCK(m_element);
-}
 
 GstStructure* Sink::makeStatistics() const
 {
@@ -253,12 +165,19 @@ GstStructure* Sink::makeStatistics() const
         static_cast<guint64>(m_earlier.sequences + now.sequences), nullptr);
 }
 
+// A network clock that is named has to be the timestamps' clock: the pipeline can have it from here.
+void Sink::setUpClock()
+{
+    const Settings settings = getSettings();
+    if (settings.clock == static_cast<int>(ClockChoice::GstNetClock) && !settings.serveClock)
+        m_providedClock.offer(
+            {settings.clockAddress, static_cast<std::uint16_t>(settings.clockPort)});
+}
+
 bool Sink::start()
 {
     forwardLibraryLog();
-    GST_OBJECT_LOCK(m_element);
-    const bool isNamed = !m_settings.name.empty();
-    GST_OBJECT_UNLOCK(m_element);
+    const bool isNamed = !getSettings().name.empty();
     if (!isNamed)
         GST_ELEMENT_ERROR(
             m_element, RESOURCE, SETTINGS, ("The stream has no name: set \"socket-name\"."),
@@ -306,27 +225,49 @@ void Sink::dropProducer()
     m_producerStopped = false;
 }
 
-void Sink::unlock()
+bool Sink::unlock()
 {
     std::unique_lock lock(m_mutex);
     m_unlocked = true;
+    ++m_unlocks;
+    m_condition.notify_all();
     // Stopping a producer is for good, so only a call that really blocks is freed in this way.
     if (m_condition.wait_for(lock, UnlockInterval, [this] { return !m_busy; }) || !m_producer)
-        return;
+        return true;
     m_producer->stop();
     m_producerStopped = true;
+    return true;
 }
 
-void Sink::unlockStop()
+bool Sink::unlockStop()
 {
     const std::lock_guard lock(m_mutex);
     m_unlocked = false;
+    m_condition.notify_all();
+    return true;
 }
 
+// Whether what waits has to give up: also if unlockStop() has followed already.
 bool Sink::isUnlocked() const
 {
     const std::lock_guard lock(m_mutex);
+    return m_unlocked || m_unlocks != m_unlocksSeen;
+}
+
+// Begins a wait, with the preroll lock held: unlocks before that are over, but for one whose caller
+// waits for that lock.
+bool Sink::noteUnlocks()
+{
+    const std::lock_guard lock(m_mutex);
+    m_unlocksSeen = m_unlocks;
     return m_unlocked;
+}
+
+GstFlowReturn Sink::waitForUnlockStop()
+{
+    std::unique_lock lock(m_mutex);
+    m_condition.wait(lock, [this] { return !m_unlocked; });
+    return GST_FLOW_FLUSHING;
 }
 
 bool Sink::isProducerStopped() const
@@ -341,7 +282,7 @@ bool Sink::callUnlockable(Call call)
 {
     {
         const std::lock_guard lock(m_mutex);
-        if (m_unlocked)
+        if (m_unlocked || m_unlocks != m_unlocksSeen)
             return false;
         m_busy = true;
     }
@@ -370,8 +311,9 @@ std::optional<Announcement> Sink::chooseClock(GstClock* clock, const Settings& s
     Announcement result;
     const auto followed = clock != nullptr ? getNetClockEndpoint(clock) : std::nullopt;
     const bool serves = settings.serveClock && clock != nullptr;
-    const bool isNet = settings.clock == ClockChoice::GstNetClock ||
-                       (settings.clock == ClockChoice::Auto && (followed || serves));
+    const auto choice = static_cast<ClockChoice>(settings.clock);
+    const bool isNet =
+        choice == ClockChoice::GstNetClock || (choice == ClockChoice::Auto && (followed || serves));
     if (serves)
         result.served = clock;
     if (!isNet)
@@ -385,7 +327,7 @@ std::optional<Announcement> Sink::chooseClock(GstClock* clock, const Settings& s
     else if (serves)
         result.endpoint.address = "127.0.0.1";
     if (settings.clockPort != 0)
-        result.endpoint.port = settings.clockPort;
+        result.endpoint.port = static_cast<std::uint16_t>(settings.clockPort);
     if (!serves && (result.endpoint.address.empty() || result.endpoint.port == 0))
         return std::nullopt;
     return result;
@@ -415,11 +357,11 @@ GstFlowReturn Sink::open(const Settings& settings, const Announcement& announcem
     kit::ProducerOptions options;
     options.name = settings.name;
     options.alternativeName = settings.alternativeName;
-    options.protocol = settings.protocol;
+    options.protocol = static_cast<NanomsgProtocol>(settings.protocol);
     options.clock = announcement.protocol;
     options.clockAddress = endpoint.address;
     options.clockPort = endpoint.port;
-    options.socketMode = settings.socketMode;
+    options.socketMode = static_cast<kit::SocketMode>(settings.socketMode);
     if (settings.realtimePriority > 0)
         options.realTime = {kit::RealTimeUse::Try, settings.realtimePriority};
     options.onNotice = [this](const std::string& notice)
@@ -442,9 +384,7 @@ GstFlowReturn Sink::open(const Settings& settings, const Announcement& announcem
 // The stream is opened anew when the clock that it announces is no longer that of its timestamps.
 GstFlowReturn Sink::openOrAdapt()
 {
-    GST_OBJECT_LOCK(m_element);
-    const Settings settings = m_settings;
-    GST_OBJECT_UNLOCK(m_element);
+    const Settings settings = getSettings();
     const ObjectPtr<GstClock> clock = findClock(GST_ELEMENT(m_element));
     const auto announcement = chooseClock(clock.get(), settings);
     if (!announcement)
@@ -468,9 +408,7 @@ GstFlowReturn Sink::openOrAdapt()
 
 GstFlowReturn Sink::waitForReceiver()
 {
-    GST_OBJECT_LOCK(m_element);
-    m_joined = m_joined || !m_settings.waitForConnection;
-    GST_OBJECT_UNLOCK(m_element);
+    m_joined = m_joined || !getSettings().waitForConnection;
     while (!m_joined)
     {
         if (isUnlocked())
@@ -480,22 +418,26 @@ GstFlowReturn Sink::waitForReceiver()
     return GST_FLOW_OK;
 }
 
-// Everything that may take long is done without the preroll lock, which a state change needs.
+// Everything that may take long is done without the preroll lock, which a state change needs. Who
+// frees it holds that lock meanwhile, and has said why when we get it back.
 GstFlowReturn Sink::prepare()
 {
-    if (isUnlocked())
-        return GST_FLOW_FLUSHING;
-    const ObjectPtr<GstClock> clock(gst_element_get_clock(GST_ELEMENT(m_element)));
-    if (m_joined && clock && clock.get() == m_clock && m_announcedFormat == m_format &&
-        !isProducerStopped())
-        return GST_FLOW_OK;
+    for (;;)
+    {
+        const ObjectPtr<GstClock> clock(gst_element_get_clock(GST_ELEMENT(m_element)));
+        if (!isUnlocked() && m_joined && clock && clock.get() == m_clock &&
+            m_announcedFormat == m_format && !isProducerStopped())
+            return GST_FLOW_OK;
 
-    GST_BASE_SINK_PREROLL_UNLOCK(m_element);
-    GstFlowReturn flow = openOrAdapt();
-    if (flow == GST_FLOW_OK)
-        flow = waitForReceiver();
-    GST_BASE_SINK_PREROLL_LOCK(m_element);
-    return flow;
+        const bool pending = noteUnlocks();
+        GST_BASE_SINK_PREROLL_UNLOCK(m_element);
+        GstFlowReturn flow = pending ? waitForUnlockStop() : openOrAdapt();
+        if (flow == GST_FLOW_OK)
+            flow = waitForReceiver();
+        GST_BASE_SINK_PREROLL_LOCK(m_element);
+        if (flow != GST_FLOW_FLUSHING || m_element->flushing != FALSE)
+            return m_element->flushing != FALSE ? GST_FLOW_FLUSHING : flow;
+    }
 }
 
 TimeValue Sink::makeTimestamp(GstBuffer* buffer) const
@@ -515,11 +457,24 @@ TimeValue Sink::makeTimestamp(GstBuffer* buffer) const
                                       : gst_clock_get_time(clock.get());
     }
 
+    // A pipeline on another clock than the announced one: by way of the monotonic clock.
     std::int64_t shift = gst_base_sink_get_ts_offset(m_element);
-    if (isSystemTime && clock)
+    const ObjectPtr<GstClock> named = m_providedClock.get();
+    if (clock && clock != named && (isSystemTime || named))
         shift -= getOffsetToMonotonic(clock.get());
+    if (clock && clock != named && named && !isSystemTime)
+        shift += getOffsetToMonotonic(named.get());
     return gst_element_get_base_time(GST_ELEMENT(m_element)) + runningTime +
            gst_base_sink_get_latency(m_element) + static_cast<TimeValue>(shift);
+}
+
+// Receivers would lose a part of what comes all at once, when the pipeline catches up after a delay:
+// it does that at twice the speed and no faster.
+void Sink::waitForTurn()
+{
+    std::unique_lock lock(m_mutex);
+    m_condition.wait_until(
+        lock, m_notBefore, [this] { return m_unlocked || m_unlocks != m_unlocksSeen; });
 }
 
 GstFlowReturn Sink::send(GstBuffer* buffer, const ByteView& data)
@@ -529,6 +484,7 @@ GstFlowReturn Sink::send(GstBuffer* buffer, const ByteView& data)
         GST_BUFFER_DURATION_IS_VALID(buffer)
             ? GST_BUFFER_DURATION(buffer)
             : m_format.toNanoseconds(data.size() / m_format.getBytesPerSample());
+    waitForTurn();
     if (!callUnlockable([&](kit::Producer& producer)
                         { return producer.send(timestamp, duration, data); }))
     {
@@ -537,6 +493,7 @@ GstFlowReturn Sink::send(GstBuffer* buffer, const ByteView& data)
         return intact ? GST_FLOW_FLUSHING : fail(m_producer->getProblem());
     }
     m_nextTimestamp = timestamp + duration;
+    m_notBefore = std::chrono::steady_clock::now() + std::chrono::nanoseconds(duration / 2);
     return GST_FLOW_OK;
 }
 
@@ -549,36 +506,27 @@ GstFlowReturn Sink::render(GstBuffer* buffer)
         return GST_FLOW_ERROR;
     }
     GstFlowReturn flow = GST_FLOW_OK;
-    do
+    bool done = false;
+    while (flow == GST_FLOW_OK && !done)
     {
         flow = prepare();
-        if (flow == GST_FLOW_OK)
-            flow = send(buffer, ByteView(map.data, map.size));
-        if (flow != GST_FLOW_FLUSHING)
-            break;
-        // Paused: the same buffer again when it goes on. Flushed: it is dropped.
-        flow = GST_FLOW_OK;
-        if (isUnlocked() || m_element->flushing != FALSE || m_element->need_preroll != FALSE)
+        if (flow == GST_FLOW_OK && m_element->need_preroll != FALSE)
             flow = gst_base_sink_wait_preroll(m_element);
-    } while (flow == GST_FLOW_OK);
+        if (flow != GST_FLOW_OK)
+            break;
+        flow = send(buffer, ByteView(map.data, map.size));
+        done = flow == GST_FLOW_OK;
+        // Paused: the same buffer again when it goes on. Flushed: it is dropped.
+        if (flow == GST_FLOW_FLUSHING)
+            flow = gst_base_sink_wait_preroll(m_element);
+    }
     gst_buffer_unmap(buffer, &map);
     return flow;
 }
 
 // From here on: the element as GObject knows it.
 
-struct SinkInstance
-{
-    GstBaseSink parent;
-    Sink* sink;
-};
-
-gpointer parentClass = nullptr;
-
-Sink& toSink(gpointer instance)
-{
-    return *static_cast<SinkInstance*>(instance)->sink;
-}
+using Type = ElementType<Sink, GstBaseSink>;
 
 GType getProtocolType()
 {
@@ -616,136 +564,84 @@ GType getClockType()
 }
 
 // A flat table.
-void installProperties(GObjectClass* objectClass)
+void installProperties(gpointer elementClass)
 {
-    const auto install = [objectClass](Property id, GParamSpec* spec)
-    { g_object_class_install_property(objectClass, id, spec); };
-
-    install(
-        SocketName, g_param_spec_string(
-                        "socket-name", "Socket name", "Name of the stream, 1 to 107 bytes", "",
-                        SetWhenStopped));
-    install(
-        AlternativeSocketName,
-        g_param_spec_string(
-            "alternative-socket-name", "Alternative socket name",
-            "Name to take if another sender holds the first; empty: none, and opening fails", "",
-            SetWhenStopped));
-    install(
-        Protocol, g_param_spec_enum(
-                      "protocol", "Protocol", "How frames reach the receivers", getProtocolType(),
-                      static_cast<gint>(NanomsgProtocol::PubSub), SetWhenStopped));
-    install(
-        SocketModeChoice,
-        g_param_spec_enum(
-            "socket-mode", "Socket mode",
-            "Whose receivers may join; they could also end this process", getSocketModeType(),
-            static_cast<gint>(kit::SocketMode::Owner), SetWhenStopped));
-    install(
-        RealtimePriority,
-        g_param_spec_int(
-            "realtime-priority", "Real-time priority",
-            "Round-robin priority of the stream's threads where permitted; 0: ordinary scheduling",
-            0, 99, 0, SetWhenStopped));
-    install(
-        Clock, g_param_spec_enum(
-                   "clock", "Clock", "Clock that is announced and that the timestamps stand on",
-                   getClockType(), static_cast<gint>(ClockChoice::Auto), SetWhenStopped));
-    install(
-        ClockAddress,
-        g_param_spec_string(
-            "clock-address", "Clock address",
-            "Announced address of the network clock; empty: that of the pipeline's clock, or "
-            "127.0.0.1 with serve-clock",
-            "", SetWhenStopped));
-    install(
-        ClockPort,
-        g_param_spec_uint(
-            "clock-port", "Clock port",
-            "Announced UDP port of the network clock; 0: that of the pipeline's clock, or any free "
-            "one with serve-clock",
-            0, 65535, 0, SetWhenStopped));
-    install(
-        ServeClock, g_param_spec_boolean(
-                        "serve-clock", "Serve clock",
-                        "Run a time provider for the pipeline's clock", FALSE, SetWhenStopped));
-    install(
-        WaitForConnection,
-        g_param_spec_boolean(
-            "wait-for-connection", "Wait for connection",
-            "Preroll until the first receiver has joined", TRUE, SetWhenStopped));
-    install(
-        Stats, g_param_spec_boxed(
-                   "stats", "Statistics", "Frames and bytes sent, receivers, sequences",
-                   GST_TYPE_STRUCTURE, ReadOnly));
+    auto& properties = Sink::getProperties();
+    properties.setClass(elementClass);
+    properties.addText("socket-name", &Settings::name, "Name of the stream, 1 to 107 bytes");
+    properties.addText(
+        "alternative-socket-name", &Settings::alternativeName,
+        "Name to take if another sender holds the first; empty: none, and opening fails");
+    properties.addChoice(
+        "protocol", &Settings::protocol, getProtocolType(), "How frames reach the receivers");
+    properties.addChoice(
+        "socket-mode", &Settings::socketMode, getSocketModeType(),
+        "Whose receivers may join; they could also end this process");
+    properties.addNumber(
+        "realtime-priority", &Settings::realtimePriority, 99,
+        "Round-robin priority of the stream's threads where permitted; 0: none");
+    properties.addChoice(
+        "clock", &Settings::clock, getClockType(),
+        "Clock that is announced and that the timestamps stand on");
+    properties.addText(
+        "clock-address", &Settings::clockAddress,
+        "Announced address of the network clock, which gstnetclock then provides to the pipeline; "
+        "empty: that of the pipeline's clock, or 127.0.0.1 with serve-clock");
+    properties.addNumber(
+        "clock-port", &Settings::clockPort, 65535,
+        "Announced UDP port of the network clock; 0: that of the pipeline's clock, or a free one "
+        "with serve-clock");
+    properties.addFlag(
+        "serve-clock", &Settings::serveClock, Mutability::Stopped,
+        "Run a time provider for the pipeline's clock");
+    properties.addFlag(
+        "wait-for-connection", &Settings::waitForConnection, Mutability::Stopped,
+        "Preroll until the first receiver has joined");
+    properties.addStatistics("Frames and bytes sent, receivers, sequences");
 }
 
-// A flat table.
-void initClass(gpointer type, gpointer /*data*/)
+GstStateChangeReturn changeState(GstElement* element, GstStateChange transition)
 {
-    GST_DEBUG_CATEGORY_INIT(vlxsink_debug, "vlxsink", 0, "Vellox sink");
-    parentClass = g_type_class_peek_parent(type);
-
-    auto* const objectClass = G_OBJECT_CLASS(type);
-    objectClass->set_property = [](GObject* object, guint id, const GValue* value, GParamSpec* spec)
-    { toSink(object).setProperty(id, value, spec); };
-    objectClass->get_property = [](GObject* object, guint id, GValue* value, GParamSpec* spec)
-    { toSink(object).getProperty(id, value, spec); };
-    objectClass->finalize = [](GObject* object)
-    {
-        delete &toSink(object);
-        G_OBJECT_CLASS(parentClass)->finalize(object);
-    };
-    installProperties(objectClass);
-
-    auto* const elementClass = GST_ELEMENT_CLASS(type);
-    gst_element_class_set_static_metadata(
-        elementClass, "Vellox sink", "Sink/Audio",
-        "Sends timestamped audio to any number of processes of this machine", "Vellox developers");
-    GstCaps* const caps = gst_caps_from_string(TemplateCaps);
-    gst_element_class_add_pad_template(
-        elementClass, gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, caps));
-    gst_caps_unref(caps);
-
-    auto* const sinkClass = GST_BASE_SINK_CLASS(type);
-    sinkClass->start = [](GstBaseSink* self) -> gboolean { return toSink(self).start(); };
-    sinkClass->stop = [](GstBaseSink* self) -> gboolean { return toSink(self).stop(); };
-    sinkClass->set_caps = [](GstBaseSink* self, GstCaps* wanted) -> gboolean
-    { return toSink(self).setCaps(wanted); };
-    sinkClass->preroll = [](GstBaseSink* self, GstBuffer* /*buffer*/)
-    { return toSink(self).prepare(); };
-    sinkClass->render = [](GstBaseSink* self, GstBuffer* buffer)
-    { return toSink(self).render(buffer); };
-    sinkClass->unlock = [](GstBaseSink* self) -> gboolean
-    {
-        toSink(self).unlock();
-        return TRUE;
-    };
-    sinkClass->unlock_stop = [](GstBaseSink* self) -> gboolean
-    {
-        toSink(self).unlockStop();
-        return TRUE;
-    };
-
-    gst_type_mark_as_plugin_api(getProtocolType(), GstPluginAPIFlags{});
-    gst_type_mark_as_plugin_api(getSocketModeType(), GstPluginAPIFlags{});
-    gst_type_mark_as_plugin_api(getClockType(), GstPluginAPIFlags{});
-}
-
-void initInstance(GTypeInstance* instance, gpointer /*class*/)
-{
-    auto* const self = static_cast<SinkInstance*>(static_cast<gpointer>(instance));
-    self->sink = new Sink(&self->parent);
+    Sink& sink = Type::of(element);
+    if (transition == GST_STATE_CHANGE_READY_TO_PAUSED)
+        sink.setUpClock();
+    const GstStateChangeReturn result =
+        GST_ELEMENT_CLASS(Type::getParentClass())->change_state(element, transition);
+    if (transition == GST_STATE_CHANGE_PAUSED_TO_READY)
+        sink.getProvidedClock().withdraw();
+    return result;
 }
 
 } // unnamed namespace
 
+// A flat table.
+void Sink::initClass(gpointer elementClass)
+{
+    GST_DEBUG_CATEGORY_INIT(vlxsink_debug, "vlxsink", 0, "Vellox sink");
+    describeElement(
+        elementClass, "Vellox sink", "Sink/Audio",
+        "Sends timestamped audio to any number of processes of this machine", GST_PAD_SINK);
+    installProperties(elementClass);
+
+    GST_ELEMENT_CLASS(elementClass)->change_state = changeState;
+    GST_ELEMENT_CLASS(elementClass)->provide_clock = [](GstElement* self)
+    { return Type::of(self).getProvidedClock().get().release(); };
+    auto* const sinkClass = GST_BASE_SINK_CLASS(elementClass);
+    sinkClass->start = [](GstBaseSink* self) -> gboolean { return Type::of(self).start(); };
+    sinkClass->stop = [](GstBaseSink* self) -> gboolean { return Type::of(self).stop(); };
+    sinkClass->set_caps = [](GstBaseSink* self, GstCaps* caps) -> gboolean
+    { return Type::of(self).setCaps(caps); };
+    sinkClass->preroll = [](GstBaseSink* self, GstBuffer*) { return Type::of(self).prepare(); };
+    sinkClass->render = [](GstBaseSink* self, GstBuffer* buffer)
+    { return Type::of(self).render(buffer); };
+    sinkClass->unlock = [](GstBaseSink* self) -> gboolean { return Type::of(self).unlock(); };
+    sinkClass->unlock_stop = [](GstBaseSink* self) -> gboolean
+    { return Type::of(self).unlockStop(); };
+}
+
 GType getSinkType()
 {
-    static const GTypeInfo info = {
-        sizeof(GstBaseSinkClass), nullptr, nullptr,      initClass, nullptr, nullptr,
-        sizeof(SinkInstance),     0,       initInstance, nullptr};
-    static const GType type = registerElementType(GST_TYPE_BASE_SINK, "GstVlxSink", info);
+    static const GType type = Type::registerType(GST_TYPE_BASE_SINK, "GstVlxSink");
     return type;
 }
 

@@ -16,8 +16,10 @@
 
 #include "VlxSrc.hpp"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -27,13 +29,11 @@
 #include <variant>
 
 #include <gst/base/gstpushsrc.h>
-#include <gst/net/gstnet.h>
+
+#include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
 
-#include <miscUtils/MiscUtils.hpp>
-
-#include "Caps.hpp"
 #include "Clocks.hpp"
 #include "ElementType.hpp"
 #include "LogBridge.hpp"
@@ -56,26 +56,10 @@ constexpr guint64 DefaultLatencyNs = 20'000'000;
 // A sender that has no sequence yet answers the rest at once, and then nothing for so long.
 constexpr auto ProbeTimeout = std::chrono::milliseconds(50);
 
-// Four answers of a provider, 50 ms apart, and something for a busy machine.
-constexpr GstClockTime ClockSyncTimeoutNs = 500'000'000;
-
 // Timestamps that are further away cannot be meant for the announced clock.
 constexpr std::int64_t ImplausibleNs = 60'000'000'000;
 
 constexpr auto ProvidesClock = static_cast<guint32>(GST_ELEMENT_FLAG_PROVIDE_CLOCK);
-
-enum Property : guint
-{
-    SocketName = 1,
-    Timeout,
-    EosOnDisconnect,
-    RealtimePriority,
-    MaxQueueTime,
-    StallTimeout,
-    Latency,
-    ProvideClock,
-    Stats,
-};
 
 struct Settings
 {
@@ -115,34 +99,32 @@ struct EndOfStream
 
 using Item = std::variant<kit::StreamFormat, QueuedFrame, EndOfStream>;
 
-class Src
+class Src : public WithSettings<Settings>
 {
 public:
-    explicit Src(GstPushSrc* element)
-        : m_element(GST_BASE_SRC(element)), m_gstElement(GST_ELEMENT(element))
-    {
-    }
+    explicit Src(GstPushSrc* element);
 
-    void setProperty(guint id, const GValue* value, GParamSpec* spec);
-    void getProperty(guint id, GValue* value, GParamSpec* spec) const;
+    static void initClass(gpointer elementClass);
+    void setProperty(guint id, const GValue* value);
+    GstStructure* makeStatistics() const;
 
     bool start();
     bool stop();
     bool onPlaying();
     void onPaused();
     void setUpClock();
-    void tearDownClock();
-    GstClock* provideClock() const;
+    ProvidedClock& getProvidedClock()
+    {
+        return m_providedClock;
+    }
     void answerLatency(GstQuery* query) const;
     GstFlowReturn create(GstBuffer** buffer);
 
     // From another thread, while create() may be waiting.
-    void unlock();
-    void unlockStop();
+    bool unlock();
+    bool unlockStop();
 
 private:
-    Settings getSettings() const;
-
     // Consumer's threads.
     void onFormat(const kit::StreamFormat& format);
     void onFrame(const kit::Frame& frame);
@@ -162,8 +144,7 @@ private:
 
     GstBaseSrc* const m_element;
     GstElement* const m_gstElement;
-    Settings m_settings;                           // guarded by the element's object lock
-    ObjectPtr<GstClock> m_netClock;                // likewise: provided to the pipeline
+    ProvidedClock m_providedClock;
     std::optional<ClockEndpoint> m_streamEndpoint; // streaming thread, or while there is none
 
     // Consumer's receiving thread.
@@ -188,110 +169,45 @@ private:
     std::unique_ptr<kit::Consumer> m_consumer;
 };
 
-Settings Src::getSettings() const
+Src::Src(GstPushSrc* element)
+    : WithSettings(element),
+      m_element(GST_BASE_SRC(element)),
+      m_gstElement(GST_ELEMENT(element)),
+      m_providedClock(m_gstElement)
 {
-    GST_OBJECT_LOCK(m_element);
-    Settings settings = m_settings;
-    GST_OBJECT_UNLOCK(m_element);
-    return settings;
+    gst_base_src_set_live(m_element, TRUE);
+    gst_base_src_set_format(m_element, GST_FORMAT_TIME);
+    GST_OBJECT_FLAG_SET(m_element, ProvidesClock);
 }
 
-void Src::setProperty(guint id, const GValue* value, GParamSpec* spec)
+void Src::setProperty(guint id, const GValue* value)
 {
-    GST_OBJECT_LOCK(m_element);
-    switch (id)
-    {
-    case SocketName:
-        m_settings.name = getText(value);
-        break;
-    case Timeout:
-        m_settings.timeoutNs = g_value_get_uint64(value);
-        break;
-    case EosOnDisconnect:
-        m_settings.eosOnDisconnect = g_value_get_boolean(value) != FALSE;
-        break;
-    case RealtimePriority:
-        m_settings.realtimePriority = g_value_get_int(value);
-        break;
-    case MaxQueueTime:
-        m_settings.maxQueueTimeNs = g_value_get_uint64(value);
-        break;
-    case StallTimeout:
-        m_settings.stallTimeoutNs = g_value_get_uint64(value);
-        break;
-    case Latency:
-        m_settings.latencyNs = g_value_get_uint64(value);
-        break;
-    case ProvideClock:
-        m_settings.provideClock = g_value_get_boolean(value) != FALSE;
-        if (m_settings.provideClock)
-            GST_OBJECT_FLAG_SET(m_element, ProvidesClock);
-        else
-            GST_OBJECT_FLAG_UNSET(m_element, ProvidesClock);
-        break;
-    default:
-        G_OBJECT_WARN_INVALID_PROPERTY_ID(m_element, id, spec);
-        break;
-    }
-    GST_OBJECT_UNLOCK(m_element);
-    m_condition.notify_all();
-    if (id == Latency)
+    const guint64 formerLatency = getSettings().latencyNs;
+    WithSettings::setProperty(id, value);
+    const Settings settings = getSettings();
+    if (settings.provideClock)
+        GST_OBJECT_FLAG_SET(m_element, ProvidesClock);
+    else
+        GST_OBJECT_FLAG_UNSET(m_element, ProvidesClock);
+    if (settings.latencyNs != formerLatency)
         gst_element_post_message(m_gstElement, gst_message_new_latency(GST_OBJECT(m_element)));
 }
 
-GstStructure* makeStatistics(const kit::ConsumerStatistics& counts, std::uint64_t dropped)
+GstStructure* Src::makeStatistics() const
 {
+    const std::lock_guard lock(m_mutex);
+    const kit::ConsumerStatistics counts =
+        m_consumer ? m_consumer->getStatistics() : m_lastStatistics;
     const auto toCount = [](std::uint64_t value) { return static_cast<guint64>(value); };
+    const auto toTime = [](std::optional<std::int64_t> value)
+    { return static_cast<gint64>(value.value_or(0)); };
     return gst_structure_new(
         "application/x-vlxsrc-stats", "frames", G_TYPE_UINT64, toCount(counts.frames), "bytes",
         G_TYPE_UINT64, toCount(counts.bytes), "gaps", G_TYPE_UINT64, toCount(counts.gaps),
-        "dropped", G_TYPE_UINT64, toCount(dropped), "reconnects", G_TYPE_UINT64,
+        "dropped", G_TYPE_UINT64, toCount(m_dropped), "reconnects", G_TYPE_UINT64,
         toCount(counts.reconnects), "stalls", G_TYPE_UINT64, toCount(counts.stalls), "age",
-        G_TYPE_INT64, static_cast<gint64>(counts.ages.getPercentile(0.5).value_or(0)), "age-max",
-        G_TYPE_INT64, static_cast<gint64>(counts.ages.getMax().value_or(0)), nullptr);
-}
-
-void Src::getProperty(guint id, GValue* value, GParamSpec* spec) const
-{
-    const Settings settings = getSettings();
-    switch (id)
-    {
-    case SocketName:
-        g_value_set_string(value, settings.name.c_str());
-        break;
-    case Timeout:
-        g_value_set_uint64(value, settings.timeoutNs);
-        break;
-    case EosOnDisconnect:
-        g_value_set_boolean(value, static_cast<gboolean>(settings.eosOnDisconnect));
-        break;
-    case RealtimePriority:
-        g_value_set_int(value, settings.realtimePriority);
-        break;
-    case MaxQueueTime:
-        g_value_set_uint64(value, settings.maxQueueTimeNs);
-        break;
-    case StallTimeout:
-        g_value_set_uint64(value, settings.stallTimeoutNs);
-        break;
-    case Latency:
-        g_value_set_uint64(value, settings.latencyNs);
-        break;
-    case ProvideClock:
-        g_value_set_boolean(value, static_cast<gboolean>(settings.provideClock));
-        break;
-    case Stats:
-    {
-        const std::lock_guard lock(m_mutex);
-        g_value_take_boxed(
-            value,
-            makeStatistics(m_consumer ? m_consumer->getStatistics() : m_lastStatistics, m_dropped));
-        break;
-    }
-    default:
-        G_OBJECT_WARN_INVALID_PROPERTY_ID(m_element, id, spec);
-        break;
-    }
+        G_TYPE_INT64, toTime(counts.ages.getPercentile(0.5)), "age-max", G_TYPE_INT64,
+        toTime(counts.ages.getMax()), nullptr);
 }
 
 bool Src::start()
@@ -386,41 +302,7 @@ void Src::setUpClock()
         return;
 
     m_streamEndpoint = {probe.initialInfo->timeSyncIPAddress, probe.initialInfo->timeSyncPort};
-    // GStreamer would resolve a name, or what is none, within this call.
-    if (g_hostname_is_ip_address(m_streamEndpoint->address.c_str()) == FALSE)
-        return;
-    ObjectPtr<GstClock> clock(static_cast<GstClock*>(gst_object_ref_sink(gst_net_client_clock_new(
-        "vlxsrc", m_streamEndpoint->address.c_str(), m_streamEndpoint->port, 0))));
-    if (gst_clock_wait_for_sync(clock.get(), ClockSyncTimeoutNs) == FALSE)
-    {
-        GST_WARNING_OBJECT(m_element, "the stream's clock does not answer; not providing it");
-        return;
-    }
-    GST_OBJECT_LOCK(m_element);
-    m_netClock = std::move(clock);
-    GST_OBJECT_UNLOCK(m_element);
-    gst_element_post_message(
-        m_gstElement, gst_message_new_clock_provide(GST_OBJECT(m_element), m_netClock.get(), TRUE));
-}
-
-void Src::tearDownClock()
-{
-    GST_OBJECT_LOCK(m_element);
-    const ObjectPtr<GstClock> clock = std::move(m_netClock);
-    GST_OBJECT_UNLOCK(m_element);
-    if (clock)
-        gst_element_post_message(
-            m_gstElement, gst_message_new_clock_lost(GST_OBJECT(m_element), clock.get()));
-}
-
-GstClock* Src::provideClock() const
-{
-    GST_OBJECT_LOCK(m_element);
-    GstClock* const clock = m_settings.provideClock && m_netClock
-                                ? static_cast<GstClock*>(gst_object_ref(m_netClock.get()))
-                                : nullptr;
-    GST_OBJECT_UNLOCK(m_element);
-    return clock;
+    m_providedClock.offer(*m_streamEndpoint);
 }
 
 void Src::answerLatency(GstQuery* query) const
@@ -432,18 +314,20 @@ void Src::answerLatency(GstQuery* query) const
     gst_query_set_latency(query, TRUE, settings.latencyNs, max);
 }
 
-void Src::unlock()
+bool Src::unlock()
 {
     const std::lock_guard lock(m_mutex);
     m_unlocked = true;
     m_condition.notify_all();
+    return true;
 }
 
-void Src::unlockStop()
+bool Src::unlockStop()
 {
     const std::lock_guard lock(m_mutex);
     m_unlocked = false;
     m_discont = true;
+    return true;
 }
 
 void Src::push(Item item)
@@ -688,170 +572,96 @@ GstFlowReturn Src::create(GstBuffer** buffer)
 
 // From here on: the element as GObject knows it.
 
-struct SrcInstance
-{
-    GstPushSrc parent;
-    Src* src;
-};
-
-gpointer parentClass = nullptr;
-
-Src& toSrc(gpointer instance)
-{
-    return *static_cast<SrcInstance*>(instance)->src;
-}
+using Type = ElementType<Src, GstPushSrc>;
 
 // A flat table.
-void installProperties(GObjectClass* objectClass)
+void installProperties(gpointer elementClass)
 {
-    const auto install = [objectClass](Property id, GParamSpec* spec)
-    { g_object_class_install_property(objectClass, id, spec); };
-
-    install(
-        SocketName, g_param_spec_string(
-                        "socket-name", "Socket name", "Name of the stream, 1 to 107 bytes", "",
-                        SetWhenStopped));
-    install(
-        Timeout,
-        g_param_spec_uint64(
-            "timeout", "Timeout",
-            "Post an error after so long without a sender, in nanoseconds; 0: wait for ever", 0,
-            G_MAXINT64, 0, SetWhenStopped));
-    install(
-        EosOnDisconnect, g_param_spec_boolean(
-                             "eos-on-disconnect", "EOS on disconnect",
-                             "End the stream when the sender goes, instead of waiting for the next",
-                             FALSE, SetAnyTime));
-    install(
-        RealtimePriority,
-        g_param_spec_int(
-            "realtime-priority", "Real-time priority",
-            "Round-robin priority of the receiving threads where permitted; 0: ordinary "
-            "scheduling",
-            0, 99, 0, SetWhenStopped));
-    install(
-        MaxQueueTime,
-        g_param_spec_uint64(
-            "max-queue-time", "Maximum queue time",
-            "Audio that is kept for a busy pipeline, in nanoseconds; beyond it the oldest is "
-            "dropped and counted; 0: no limit",
-            0, G_MAXINT64, DefaultMaxQueueTimeNs, SetAnyTime));
-    install(
-        StallTimeout, g_param_spec_uint64(
-                          "stall-timeout", "Stall timeout",
-                          "Join again after so long without a frame, in nanoseconds; 0: never", 0,
-                          G_MAXINT64, DefaultStallTimeoutNs, SetWhenStopped));
-    install(
-        Latency,
-        g_param_spec_uint64(
-            "latency", "Latency",
-            "Time that a frame may take until here, in nanoseconds; the pipeline plays that much "
-            "later",
-            0, G_MAXINT64, DefaultLatencyNs, SetAnyTime));
-    install(
-        ProvideClock,
-        g_param_spec_boolean(
-            "provide-clock", "Provide clock",
-            "Provide the stream's network clock, if it has one and the sender is there at the "
-            "start, as the pipeline's",
-            TRUE, SetWhenStopped));
-    install(
-        Stats, g_param_spec_boxed(
-                   "stats", "Statistics",
-                   "Frames, bytes, gaps, dropped frames, reconnects, stalls; age of frames on "
-                   "arrival, median and largest, in nanoseconds",
-                   GST_TYPE_STRUCTURE, ReadOnly));
+    auto& properties = Src::getProperties();
+    properties.setClass(elementClass);
+    properties.addText("socket-name", &Settings::name, "Name of the stream, 1 to 107 bytes");
+    properties.addTime(
+        "timeout", &Settings::timeoutNs, Mutability::Stopped,
+        "Post an error after so long without a sender, in nanoseconds; 0: wait for ever");
+    properties.addFlag(
+        "eos-on-disconnect", &Settings::eosOnDisconnect, Mutability::AnyTime,
+        "End the stream when the sender goes, instead of waiting for the next");
+    properties.addNumber(
+        "realtime-priority", &Settings::realtimePriority, 99,
+        "Round-robin priority of the receiving threads where permitted; 0: none");
+    properties.addTime(
+        "max-queue-time", &Settings::maxQueueTimeNs, Mutability::AnyTime,
+        "Audio that is kept for a busy pipeline, in nanoseconds; beyond it the oldest is dropped "
+        "and counted; 0: no limit");
+    properties.addTime(
+        "stall-timeout", &Settings::stallTimeoutNs, Mutability::Stopped,
+        "Join again after so long without a frame, in nanoseconds; 0: never");
+    properties.addTime(
+        "latency", &Settings::latencyNs, Mutability::AnyTime,
+        "Time that a frame may take until here, in nanoseconds; the pipeline plays that much "
+        "later");
+    properties.addFlag(
+        "provide-clock", &Settings::provideClock, Mutability::Stopped,
+        "Provide the stream's network clock as the pipeline's, if it has one and the sender is "
+        "there at the start");
+    properties.addStatistics(
+        "Frames, bytes, gaps, dropped frames, reconnects, stalls; age of frames on arrival, median "
+        "and largest, in nanoseconds");
 }
 
 GstStateChangeReturn changeState(GstElement* element, GstStateChange transition)
 {
-    Src& src = toSrc(element);
+    Src& src = Type::of(element);
     if (transition == GST_STATE_CHANGE_READY_TO_PAUSED)
         src.setUpClock();
     if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING && !src.onPlaying())
         return GST_STATE_CHANGE_FAILURE;
     const GstStateChangeReturn result =
-        GST_ELEMENT_CLASS(parentClass)->change_state(element, transition);
+        GST_ELEMENT_CLASS(Type::getParentClass())->change_state(element, transition);
     if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED)
         src.onPaused();
     if (transition == GST_STATE_CHANGE_PAUSED_TO_READY)
-        src.tearDownClock();
+        src.getProvidedClock().withdraw();
     return result;
 }
 
 gboolean answerQuery(GstBaseSrc* element, GstQuery* query)
 {
     if (GST_QUERY_TYPE(query) != GST_QUERY_LATENCY)
-        return GST_BASE_SRC_CLASS(parentClass)->query(element, query);
-    toSrc(element).answerLatency(query);
+        return GST_BASE_SRC_CLASS(Type::getParentClass())->query(element, query);
+    Type::of(element).answerLatency(query);
     return TRUE;
-}
-
-// A flat table.
-void initClass(gpointer type, gpointer /*data*/)
-{
-    GST_DEBUG_CATEGORY_INIT(vlxsrc_debug, "vlxsrc", 0, "Vellox source");
-    parentClass = g_type_class_peek_parent(type);
-
-    auto* const objectClass = G_OBJECT_CLASS(type);
-    objectClass->set_property = [](GObject* object, guint id, const GValue* value, GParamSpec* spec)
-    { toSrc(object).setProperty(id, value, spec); };
-    objectClass->get_property = [](GObject* object, guint id, GValue* value, GParamSpec* spec)
-    { toSrc(object).getProperty(id, value, spec); };
-    objectClass->finalize = [](GObject* object)
-    {
-        delete &toSrc(object);
-        G_OBJECT_CLASS(parentClass)->finalize(object);
-    };
-    installProperties(objectClass);
-
-    auto* const elementClass = GST_ELEMENT_CLASS(type);
-    gst_element_class_set_static_metadata(
-        elementClass, "Vellox source", "Source/Audio",
-        "Receives timestamped audio from another process of this machine", "Vellox developers");
-    GstCaps* const caps = gst_caps_from_string(TemplateCaps);
-    gst_element_class_add_pad_template(
-        elementClass, gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
-    gst_caps_unref(caps);
-    elementClass->change_state = changeState;
-    elementClass->provide_clock = [](GstElement* self) { return toSrc(self).provideClock(); };
-
-    auto* const srcClass = GST_BASE_SRC_CLASS(type);
-    srcClass->start = [](GstBaseSrc* self) -> gboolean { return toSrc(self).start(); };
-    srcClass->stop = [](GstBaseSrc* self) -> gboolean { return toSrc(self).stop(); };
-    srcClass->negotiate = [](GstBaseSrc* /*self*/) -> gboolean { return TRUE; }; // by the stream
-    srcClass->query = answerQuery;
-    srcClass->unlock = [](GstBaseSrc* self) -> gboolean
-    {
-        toSrc(self).unlock();
-        return TRUE;
-    };
-    srcClass->unlock_stop = [](GstBaseSrc* self) -> gboolean
-    {
-        toSrc(self).unlockStop();
-        return TRUE;
-    };
-    GST_PUSH_SRC_CLASS(type)->create = [](GstPushSrc* self, GstBuffer** buffer)
-    { return toSrc(self).create(buffer); };
-}
-
-void initInstance(GTypeInstance* instance, gpointer /*class*/)
-{
-    auto* const self = static_cast<SrcInstance*>(static_cast<gpointer>(instance));
-    self->src = new Src(&self->parent);
-    gst_base_src_set_live(GST_BASE_SRC(self), TRUE);
-    gst_base_src_set_format(GST_BASE_SRC(self), GST_FORMAT_TIME);
-    GST_OBJECT_FLAG_SET(self, ProvidesClock);
 }
 
 } // unnamed namespace
 
+// A flat table.
+void Src::initClass(gpointer elementClass)
+{
+    GST_DEBUG_CATEGORY_INIT(vlxsrc_debug, "vlxsrc", 0, "Vellox source");
+    describeElement(
+        elementClass, "Vellox source", "Source/Audio",
+        "Receives timestamped audio from another process of this machine", GST_PAD_SRC);
+    installProperties(elementClass);
+
+    GST_ELEMENT_CLASS(elementClass)->change_state = changeState;
+    GST_ELEMENT_CLASS(elementClass)->provide_clock = [](GstElement* self)
+    { return Type::of(self).getProvidedClock().get().release(); };
+    auto* const srcClass = GST_BASE_SRC_CLASS(elementClass);
+    srcClass->start = [](GstBaseSrc* self) -> gboolean { return Type::of(self).start(); };
+    srcClass->stop = [](GstBaseSrc* self) -> gboolean { return Type::of(self).stop(); };
+    srcClass->negotiate = [](GstBaseSrc*) -> gboolean { return TRUE; }; // the stream decides
+    srcClass->query = answerQuery;
+    srcClass->unlock = [](GstBaseSrc* self) -> gboolean { return Type::of(self).unlock(); };
+    srcClass->unlock_stop = [](GstBaseSrc* self) -> gboolean
+    { return Type::of(self).unlockStop(); };
+    GST_PUSH_SRC_CLASS(elementClass)->create = [](GstPushSrc* self, GstBuffer** buffer)
+    { return Type::of(self).create(buffer); };
+}
+
 GType getSrcType()
 {
-    static const GTypeInfo info = {
-        sizeof(GstPushSrcClass), nullptr, nullptr,      initClass, nullptr, nullptr,
-        sizeof(SrcInstance),     0,       initInstance, nullptr};
-    static const GType type = registerElementType(GST_TYPE_PUSH_SRC, "GstVlxSrc", info);
+    static const GType type = Type::registerType(GST_TYPE_PUSH_SRC, "GstVlxSrc");
     return type;
 }
 

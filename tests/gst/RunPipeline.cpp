@@ -1,0 +1,26 @@
+// Runs the pipeline of its arguments until its end, as gst-launch-1.0 does: exit 0 at EOS, 1 after
+// an error.
+
+#include <gst/gst.h>
+
+int main(int argc, char** argv)
+{
+    gst_init(&argc, &argv);
+    GError* error = nullptr;
+    GstElement* const pipeline =
+        gst_parse_launchv(const_cast<const gchar**>(argv + 1), &error); // only reads
+    if (error != nullptr)
+        g_printerr("%s\n", error->message);
+    if (pipeline == nullptr)
+        return 1;
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    GstBus* const bus = gst_element_get_bus(pipeline);
+    GstMessage* const message = gst_bus_timed_pop_filtered(
+        bus, GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+    const bool ended = GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS;
+    gst_message_unref(message);
+    gst_object_unref(bus);
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(pipeline);
+    return ended ? 0 : 1;
+}
