@@ -138,8 +138,7 @@ private:
     // Streaming thread.
     GstFlowReturn pop(std::optional<Item>& item);
     bool applyFormat(const kit::StreamFormat& format);
-    bool finishFrame(QueuedFrame& frame);
-    std::optional<GstClockTime> toDueTime(const QueuedFrame& frame, GstClock* clock);
+    GstClockTime toRunningTime(const QueuedFrame& frame, GstClock* clock);
     bool isStreamClock(GstClock* clock);
 
     GstBaseSrc* const m_element;
@@ -229,8 +228,8 @@ bool Src::start()
     return true;
 }
 
-// A frame must not be due before the pipeline's base time: so the stream is joined only after that
-// has been set, and what has come before a pause ends is stale.
+// No frame shall be due before the pipeline's base time: so the stream is joined only after that has
+// been set, and what has come before a pause ends is stale.
 bool Src::onPlaying()
 {
     {
@@ -500,8 +499,8 @@ bool Src::isStreamClock(GstClock* clock)
     return followed == m_streamEndpoint;
 }
 
-// Nothing for a frame that was due before the pipeline began.
-std::optional<GstClockTime> Src::toDueTime(const QueuedFrame& frame, GstClock* clock)
+// A frame that was due before the pipeline began is due at its beginning.
+GstClockTime Src::toRunningTime(const QueuedFrame& frame, GstClock* clock)
 {
     const std::int64_t clockOffset = getOffsetToMonotonic(clock);
     const auto arrival = static_cast<std::int64_t>(frame.arrival) + clockOffset;
@@ -526,24 +525,7 @@ std::optional<GstClockTime> Src::toDueTime(const QueuedFrame& frame, GstClock* c
         due = arrival;
     }
     const auto base = static_cast<std::int64_t>(gst_element_get_base_time(m_gstElement));
-    if (due < base)
-        return std::nullopt;
-    return static_cast<GstClockTime>(due - base);
-}
-
-bool Src::finishFrame(QueuedFrame& frame)
-{
-    const ObjectPtr<GstClock> clock(gst_element_get_clock(m_gstElement));
-    const auto due = clock ? toDueTime(frame, clock.get()) : std::optional(GST_CLOCK_TIME_NONE);
-    if (!due)
-    {
-        GST_DEBUG_OBJECT(m_element, "dropping a frame that was due before the start");
-        const std::lock_guard lock(m_mutex);
-        ++m_dropped;
-        return false;
-    }
-    GST_BUFFER_PTS(frame.buffer.get()) = *due;
-    return true;
+    return static_cast<GstClockTime>(std::max(due - base, std::int64_t{0}));
 }
 
 GstFlowReturn Src::create(GstBuffer** buffer)
@@ -563,8 +545,8 @@ GstFlowReturn Src::create(GstBuffer** buffer)
             continue;
         }
         auto& frame = std::get<QueuedFrame>(*item);
-        if (!finishFrame(frame))
-            continue;
+        if (const ObjectPtr<GstClock> clock{gst_element_get_clock(m_gstElement)})
+            GST_BUFFER_PTS(frame.buffer.get()) = toRunningTime(frame, clock.get());
         *buffer = frame.buffer.release();
         return GST_FLOW_OK;
     }
