@@ -144,7 +144,7 @@ def sleep_until(moment: float) -> None:
 
 def measure_join(campaign: Campaign) -> None:
     """How fast is a receiver in, and back in? 1,000 frames of 1,920 bytes a second."""
-    repetitions = campaign.choose(full=25, quick=4)
+    repetitions = campaign.choose(full=20, quick=4)
     campaign.begin(f"{repetitions} repetitions interleaved")
     random.seed(1)
     for scenario in SCENARIOS:

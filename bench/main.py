@@ -53,12 +53,13 @@ def read_processors(text: str) -> set[int]:
 def describe_machine() -> str:
     """Processor, cores, kernel, governor | build."""
     governor = Path("/sys/devices/system/cpu/cpu0/cpufreq/scaling_governor")
+    kind = re.findall("CMAKE_BUILD_TYPE:.*=(.*)", (BUILD / "CMakeCache.txt").read_text())[0]
     return ", ".join([
         *re.findall("model name.*: (.*)", Path("/proc/cpuinfo").read_text())[:1],
         f"{len(os.sched_getaffinity(0))} of {os.cpu_count()} cores",
         f"{os.uname().sysname} {os.uname().release}",
         governor.read_text().strip() if governor.exists() else "no governor",
-    ]) + " | " + re.findall("CMAKE_BUILD_TYPE:.*=(.*)", (BUILD / "CMakeCache.txt").read_text())[0].lower()
+    ]) + f" | {kind.lower()}"
 
 
 def measure_all(options: argparse.Namespace, data: Path) -> bool:

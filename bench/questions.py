@@ -69,7 +69,7 @@ class Campaign:
 def measure_age(campaign: Campaign) -> None:
     """How old is a frame when it arrives, and what does it cost? A steady 1,000 frames a second."""
     rounds, further = campaign.choose(full=(4, 21), quick=(3, 2))
-    frames, warm_up = campaign.choose(full=(1000, 100), quick=(150, 30))
+    frames, warm_up = campaign.choose(full=(800, 80), quick=(150, 30))
     everybody, compared = campaign.select(EVERYBODY), campaign.select(COMPARED)
     campaign.begin(f"{frames} frames, {warm_up} warm-up, {rounds} rounds interleaved; at 1,920 "
                    f"bytes {further} more of those whose ratios have a target")
