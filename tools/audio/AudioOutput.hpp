@@ -6,10 +6,10 @@
 #include <string>
 
 #include <nlohmann/json_fwd.hpp>
-#include <vlxkit/RealTime.hpp>
-#include <vlxkit/StreamFormat.hpp>
 
 #include <vlx/VlxTypes.hpp>
+#include <vlxkit/RealTime.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
 #include "common/Poll.hpp"
 

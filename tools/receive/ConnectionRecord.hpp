@@ -5,11 +5,11 @@
 #include <vector>
 
 #include <nlohmann/json_fwd.hpp>
-#include <vlxkit/AgeHistogram.hpp>
-#include <vlxkit/StreamFormat.hpp>
 
 #include <vlx/VlxReceiver.hpp>
 #include <vlx/VlxTypes.hpp>
+#include <vlxkit/AgeHistogram.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
 #include "StreamEvents.hpp"
 

@@ -9,10 +9,9 @@
 #include <string>
 #include <vector>
 
-#include <vlxkit/StreamFormat.hpp>
-
 #include <vlx/VlxReceiver.hpp>
 #include <vlx/VlxTypes.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
 namespace vlx::tool
 {
