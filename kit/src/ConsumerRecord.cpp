@@ -14,12 +14,18 @@ namespace
 constexpr TimeValue MaxJitterNs = 1'000'000;
 constexpr TimeValue RoundingNs = 2;
 
+constexpr unsigned MaxDoublings = 4;
+constexpr std::size_t LossLimit = 5;
+constexpr TimeValue FlapWindowNs = 1'000'000'000;
+
 } // unnamed namespace
 
 void ConsumerRecord::onStart(TimeValue now)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_waitBegin = now;
+    m_losses.clear();
+    m_vainStalls = 0;
 }
 
 void ConsumerRecord::onConnecting(TimeValue now)
@@ -30,17 +36,16 @@ void ConsumerRecord::onConnecting(TimeValue now)
 
 void ConsumerRecord::onJoined(TimeValue now)
 {
-    m_stallWatch.onRunning(now);
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_connectingSince = 0;
     m_joinedSince = now;
+    m_lastSign = now;
     m_hadFrame = false;
     m_introduced = false;
 }
 
 bool ConsumerRecord::onEnded(TimeValue now, bool byPeer)
 {
-    m_stallWatch.onNotRunning();
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_connectingSince = 0;
     m_counts.clock = Receiver::StreamClockType::Undetermined;
@@ -49,7 +54,9 @@ bool ConsumerRecord::onEnded(TimeValue now, bool byPeer)
     if (std::exchange(m_hadFrame, false))
         m_waitBegin = now;
     if (byPeer)
-        m_flapWatch.onLoss(now);
+        m_losses.push_back(now);
+    if (m_losses.size() > LossLimit)
+        m_losses.pop_front();
     return true;
 }
 
@@ -59,7 +66,7 @@ bool ConsumerRecord::onSequence(
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     ++m_counts.sequences;
-    m_flapWatch.onSequence();
+    m_losses.clear();
     m_counts.clock = clock;
     if (std::exchange(m_lastClock, clock) != clock)
         m_expectedTimestamp.reset();
@@ -80,13 +87,14 @@ ConsumerRecord::Place ConsumerRecord::onFrame(
     TimeValue arrival,
     TimeValue streamTime)
 {
-    m_stallWatch.onFrame(arrival);
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (!std::exchange(m_hadFrame, true))
     {
         ++m_counts.connections;
         m_counts.joinNs = arrival - m_waitBegin;
     }
+    m_lastSign = arrival;
+    m_vainStalls = 0;
     ++m_counts.frames;
     m_counts.bytes += size;
     if (streamTime != 0)
@@ -130,24 +138,28 @@ std::int64_t ConsumerRecord::measureGap(TimeValue timestamp, TimeValue length)
 
 void ConsumerRecord::onStall()
 {
-    m_stallWatch.onRestart();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_counts.stalls;
+    ++m_vainStalls;
 }
 
 void ConsumerRecord::forgetLosses()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_flapWatch.onSequence();
+    m_losses.clear();
 }
 
 bool ConsumerRecord::isStalled(TimeValue now) const
 {
-    return m_stallWatch.isStalled(now);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const TimeValue limit = m_stallLimitNs << std::min(m_vainStalls, MaxDoublings);
+    return m_joinedSince != 0 && limit != 0 && now > m_lastSign && now - m_lastSign >= limit;
 }
 
 bool ConsumerRecord::isFlapping() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_flapWatch.isFlapping();
+    return m_losses.size() == LossLimit && m_losses.back() - m_losses.front() <= FlapWindowNs;
 }
 
 TimeValue ConsumerRecord::getConnectingSince() const
@@ -173,7 +185,6 @@ ConsumerStatistics ConsumerRecord::getStatistics() const
     const std::lock_guard<std::mutex> lock(m_mutex);
     ConsumerStatistics counts = m_counts;
     counts.reconnects = std::max<std::uint64_t>(counts.connections, 1) - 1;
-    counts.stalls = m_stallWatch.getNumRestarts();
     return counts;
 }
 

@@ -1,14 +1,11 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <optional>
 
 #include <vlxkit/Consumer.hpp>
-
-#include "FlapWatch.hpp"
-#include "StallWatch.hpp"
 
 namespace vlx::kit
 {
@@ -27,8 +24,10 @@ public:
         bool isFirst;
     };
 
-    /// @param stallLimitNs  see StallWatch
-    explicit ConsumerRecord(TimeValue stallLimitNs) : m_stallWatch(stallLimitNs) {}
+    /// @param stallLimitNs  time without a frame after which a connection counts as stalled; 0:
+    ///                      never. A sender that is merely paused looks the same, so it doubles
+    ///                      with each stall that no frame followed, up to sixteenfold
+    explicit ConsumerRecord(TimeValue stallLimitNs) : m_stallLimitNs(stallLimitNs) {}
 
     /// Nothing is joined yet, and no sender looked for before.
     void onStart(TimeValue now);
@@ -65,6 +64,10 @@ public:
     void forgetLosses();
 
     bool isStalled(TimeValue now) const;
+
+    /// @return whether five connections in a row were lost within a second, before any of them
+    ///         announced a sequence. A receiver does that without a pause when it has no depayloader
+    ///         for the codec, or when the depayloader rejects the header
     bool isFlapping() const;
 
     /// @return since when the receiver looks for a sender; 0 if it does not
@@ -83,11 +86,13 @@ private:
     TimeValue getLength(TimeValue duration, std::size_t size) const;
     std::int64_t measureGap(TimeValue timestamp, TimeValue length);
 
-    StallWatch m_stallWatch;
+    const TimeValue m_stallLimitNs;
     mutable std::mutex m_mutex;
     // All guarded by m_mutex.
-    FlapWatch m_flapWatch;
     ConsumerStatistics m_counts;
+    std::deque<TimeValue> m_losses;               // without a sequence; the last ones, oldest first
+    TimeValue m_lastSign = 0;                     // the join, or the last frame after it
+    unsigned m_vainStalls = 0;                    // since the last frame
     std::optional<StreamFormat> m_format;         // of the present sequence, if it is PCM
     std::optional<TimeValue> m_expectedTimestamp; // of the next frame, if nothing is missing
     Receiver::StreamClockType m_lastClock = Receiver::StreamClockType::Undetermined;

@@ -3,9 +3,9 @@
 #include <string>
 
 #include <sys/types.h>
-#include <vlxkit/Discovery.hpp>
 
 #include <vlx/VlxTypes.hpp>
+#include <vlxkit/Discovery.hpp>
 
 namespace vlx::kit
 {

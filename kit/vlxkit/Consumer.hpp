@@ -8,13 +8,12 @@
 #include <memory>
 #include <string>
 
-#include <vlxkit/AgeHistogram.hpp>
-#include <vlxkit/RealTime.hpp>
-#include <vlxkit/StreamFormat.hpp>
-
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxReceiver.hpp>
 #include <vlx/VlxTypes.hpp>
+#include <vlxkit/AgeHistogram.hpp>
+#include <vlxkit/RealTime.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
 namespace vlx::kit
 {
@@ -56,19 +55,20 @@ struct ConsumerEvent
         Joined,
         /// The connection has ended: by the sender, or by an error on the way.
         Lost,
-        /// Joined, but no frame came for the stall timeout: joining again.
+        /// Joined, but no frame came for the stall timeout: joining again. Told each time, beside the
+        /// Joined that follows.
         Stalled,
-        /// The stream's codec has no depayloader here, or its depayloader rejects the header. Asked
-        /// again every two seconds.
+        /// The stream's codec has no depayloader here, or its depayloader rejects the header. As all
+        /// that follow: told once, until something else happens, and tried again every two seconds.
         CannotPlay,
-        /// This user may not write to the sender's socket file, and would get no frame. Asked again
-        /// every two seconds.
+        /// This user may not write to the sender's socket file, and would get no frame.
         NotPermitted,
         /// Whoever holds the name is no sender: ends every connection before it announces a stream,
-        /// or announces a main channel that is none. Asked again every two seconds.
+        /// or announces a main channel that is none. Nobody is called so before he was looked at
+        /// several times.
         Stranger,
-        /// The receiver could not go on, with no descriptor left for instance. Tried again every
-        /// two seconds.
+        /// The receiver could not go on: with no descriptor left, for instance, or in Pipeline with
+        /// another receiver on the stream.
         Failed,
     };
 
@@ -102,6 +102,7 @@ struct ConsumerCallbacks
 /// All counts of a consumer, since its construction, taken at one moment.
 struct ConsumerStatistics
 {
+    /// Connecting as well while somebody is left alone; Idle only before start() and after stop().
     Receiver::State state = Receiver::State::Idle;
     std::uint64_t frames = 0;
     std::uint64_t bytes = 0; ///< of media data
@@ -129,7 +130,17 @@ struct ConsumerStatistics
 /// Receives one stream for as long as it is wanted: waits for the sender, joins it, joins it again
 /// after a loss or a stall, leaves alone for a while what cannot be played, and stops promptly.
 ///
-/// Threads: the library's two, and one that watches over them. PCM is built in.
+/// Threads: the library's two, and one that watches over them, "vlx-keeper". PCM is built in.
+///
+/// A sender that is there already is asked what it sends before it is joined, and one that brings
+/// nothing is asked before it is joined again. What remains: a receiver that waits while nobody is
+/// there, or whose connection has just been lost, joins whoever comes without a look, for the sake
+/// of the first frames. So a stranger who takes the name then is met as Receiver's documentation
+/// says, and is looked at only when he brings no stream.
+///
+/// One who does not answer, being stopped for instance, is waited for on one connection, without
+/// limit and without an event; one whose backlog is full is asked ten times a second, which costs
+/// him nothing.
 ///
 /// Nothing throws but the standard library (no memory, no thread).
 class Consumer
@@ -145,17 +156,24 @@ public:
 
     /// Registers a codec beside PCM, or in its place. Before start().
     ///
+    /// Headers are tried on it before its stream is joined, too, and taken back with reset(): on
+    /// the consumer's own thread, while nothing is received.
+    ///
     /// @param depayloader  not owned; must outlive the consumer
     VLX_API void addDepayloader(Depayloader& depayloader);
 
     /// Starts to receive; returns at once, whether there is a sender or not.
     ///
-    /// @return false if the receiver cannot be started, or real-time scheduling is required and not
-    ///         to be had; see getProblem()
+    /// @return false if the name is none, the base directory cannot be used, no descriptor or thread
+    ///         is left, or real-time scheduling is required and not to be had; see getProblem()
     VLX_API bool start();
 
     /// Stops. No callback runs any more once it has returned, normally within milliseconds. Does
     /// nothing on a consumer that is not started; it may be started again.
+    ///
+    /// It takes up to 5 seconds where nothing can be written in the base directory, where that was
+    /// removed meanwhile, or where the user has no inotify instance left; up to 400 ms if a sender
+    /// has come while nobody was there, and its backlog has filled up within the last half second.
     ///
     /// @thread that of start(), never inside a callback
     VLX_API void stop();

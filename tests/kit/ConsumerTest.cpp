@@ -633,6 +633,50 @@ TEST(ConsumerRecordTest, MeasuresGaps)
     EXPECT_EQ(record.getStatistics().ages.getMax(), Ms);
 }
 
+TEST(ConsumerRecordTest, OnlyFiveLossesWithinASecondAndWithoutASequenceAreFlapping)
+{
+    constexpr TimeValue Second = 1'000'000'000;
+    ConsumerRecord record(0);
+    const auto lose = [&record](TimeValue time)
+    {
+        record.onJoined(time);
+        record.onEnded(time, true);
+    };
+    for (TimeValue i = 1; i <= 20; ++i)
+        lose(i * Second / 3);
+    EXPECT_FALSE(record.isFlapping());
+    for (TimeValue i = 0; i < 4; ++i)
+        lose(10 * Second + i);
+    EXPECT_FALSE(record.isFlapping());
+    lose(10 * Second + 5);
+    EXPECT_TRUE(record.isFlapping());
+    record.onSequence(Receiver::StreamClockType::NoClock, StreamFormat{});
+    EXPECT_FALSE(record.isFlapping());
+}
+
+TEST(ConsumerRecordTest, StallLimitDoublesUntilAFrameComes)
+{
+    ConsumerRecord record(2);
+    EXPECT_FALSE(record.isStalled(100)); // never joined
+    record.onJoined(100);
+    EXPECT_FALSE(record.isStalled(101));
+    EXPECT_TRUE(record.isStalled(102));
+    TimeValue now = 102;
+    for (const TimeValue limit : {4U, 8U, 16U, 32U, 32U})
+    {
+        record.onStall();
+        record.onEnded(now, false);
+        EXPECT_FALSE(record.isStalled(now + 100));
+        record.onJoined(now += 100);
+        EXPECT_FALSE(record.isStalled(now + limit - 1));
+        EXPECT_TRUE(record.isStalled(now + limit));
+    }
+    record.onFrame(0, 0, 0, now, 0);
+    EXPECT_FALSE(record.isStalled(now + 1));
+    EXPECT_TRUE(record.isStalled(now + 2));
+    EXPECT_EQ(record.getStatistics().stalls, 5U);
+}
+
 TEST(AgeHistogramTest, FindsPercentiles)
 {
     AgeHistogram histogram;

@@ -3,14 +3,12 @@
 #include <cstring>
 #include <limits>
 
-#include <FlapWatch.hpp>
-#include <StallWatch.hpp>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <vlxkit/PromptStop.hpp>
-#include <vlxkit/StreamFormat.hpp>
 
 #include <vlx/VlxReceiver.hpp>
+#include <vlxkit/PromptStop.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
 #include "audio/PcmCodec.hpp"
 #include "common/Duration.hpp"
@@ -226,41 +224,6 @@ TEST(StreamEventQueueTest, FramesBeyondTheLimitAreCountedAndOtherEventsAreNot)
     EXPECT_EQ(queue.pop()->gapNs, 23) << "what was dropped is no gap";
     EXPECT_FALSE(queue.pop());
     EXPECT_EQ(queue.getNumDropped(), 1U);
-}
-
-TEST(FlapWatchTest, OnlyFiveLossesWithinASecondAndWithoutASequenceCount)
-{
-    kit::FlapWatch watch;
-    for (TimeValue i = 0; i < 20; ++i)
-        watch.onLoss(i * Second / 3);
-    EXPECT_FALSE(watch.isFlapping());
-    for (TimeValue i = 0; i < 4; ++i)
-        watch.onLoss(10 * Second + i);
-    EXPECT_FALSE(watch.isFlapping());
-    watch.onLoss(10 * Second + 5);
-    EXPECT_TRUE(watch.isFlapping());
-    watch.onSequence();
-    EXPECT_FALSE(watch.isFlapping());
-}
-
-TEST(StallWatchTest, LimitDoublesUntilAFrameComes)
-{
-    kit::StallWatch watch(2 * Second);
-    EXPECT_FALSE(watch.isStalled(100 * Second)); // never joined
-    watch.onRunning(100 * Second);
-    EXPECT_FALSE(watch.isStalled(101 * Second));
-    EXPECT_TRUE(watch.isStalled(102 * Second));
-    watch.onRestart();
-    EXPECT_FALSE(watch.isStalled(200 * Second));
-    watch.onRunning(200 * Second);
-    EXPECT_FALSE(watch.isStalled(203 * Second));
-    EXPECT_TRUE(watch.isStalled(204 * Second));
-    watch.onFrame(204 * Second);
-    EXPECT_FALSE(watch.isStalled(205 * Second));
-    EXPECT_TRUE(watch.isStalled(206 * Second));
-    watch.onNotRunning();
-    EXPECT_FALSE(watch.isStalled(300 * Second));
-    EXPECT_EQ(watch.getNumRestarts(), 1U);
 }
 
 class ToolkitTest : public VlxTest
