@@ -15,7 +15,7 @@ import stat
 import time
 
 import clock
-from fleet import (FRAME_MS, RUNNING, End, Losses, PauseProbe, Process, Stream, kill_all, make_name,
+from fleet import (JOIN_LIMIT_S, End, Losses, PauseProbe, Process, Stream, kill_all, make_name,
                    median, print_table, start_peer, wait_until)
 
 OK, FAILED, LIMIT, SKIPPED = "ok", "FAILED", "limit", "skipped"  # limit: documented, no success
@@ -198,7 +198,7 @@ def run_beside(run: Run, role: str, times: int = 0) -> Outcome:
         return NO_STREAM
     start = time.monotonic()
     client = start_peer(role, stream.name, *([str(times)] if times else []))
-    wait_until(JOIN_S, lambda: client.count() or not client.is_running())
+    wait_until(JOIN_LIMIT_S, lambda: client.count() or not client.is_running())
     wait_until(60 if times else run.beside, lambda: not client.is_running())
     seconds = time.monotonic() - start
     goes_on = client.is_running()
@@ -211,9 +211,6 @@ def run_beside(run: Run, role: str, times: int = 0) -> Outcome:
     if slowest > 1e3 * run.limit / 3:
         return FAILED, f"{figure}, over {run.limit / 3:.0f} s"
     return verdict, figure
-
-
-JOIN_S = 10
 
 
 @fault("publisher-message", "client sends a message to the publisher",
@@ -239,15 +236,13 @@ def send_to_main_channel(run: Run, role: str, mode: str = "") -> Outcome:
 
 # Impostors.
 
-@fault("impostor-greeting", "impostor sends a malformed InitialInfo", "limit: assertion \"ok\" in the receiver")
+@fault("impostor-greeting", "impostor sends a malformed InitialInfo", "receiver survives")
 def greet_malformed(run: Run) -> Outcome:
     name = make_name()
     impostor = start_peer("greet-malformed", name)
     consumer = End("consume", name)
     wait_until(run.limit, lambda: impostor.count() > 0)
     end = consumer.wait(run.beside)
-    if "Assertion `ok' failed" in consumer.last_words():
-        return LIMIT, 'assertion "ok" stops the receiver'
     if end != "hung" or not impostor.count():
         return FAILED, f"the receiver: {end}, greeted {impostor.count()} times"
     return OK, f"greeted {impostor.count()} times, still there"

@@ -73,6 +73,15 @@ def listen(name: str) -> socket.socket:
     return server
 
 
+def open_main_channel() -> tuple[Path, socket.socket]:
+    path = Path(os.environ["TMPDIR"], f"VlxSender-{os.getpid()}", "nanomsgChannel.ipc")
+    path.parent.mkdir()
+    publisher = socket.socket(socket.AF_UNIX)
+    publisher.bind(str(path))
+    publisher.listen(64)
+    return path, publisher
+
+
 def greeting(protocol: int, path: Path) -> bytes:
     return frame(struct.pack("<H", 1) + b"\0" + struct.pack("<HBB", 0, MONOTONIC_CLOCK, protocol) +
                  b"ipc://" + os.fsencode(path) + b"\0")
@@ -163,11 +172,7 @@ def make_packet() -> bytes:
 
 def publish_rubbish(name: str) -> None:
     """Greets properly whoever comes, announces PCM, and publishes rubbish."""
-    directory = Path(os.environ["TMPDIR"], "VlxSender-rubbish")
-    directory.mkdir()
-    publisher = socket.socket(socket.AF_UNIX)
-    publisher.bind(str(directory / "nanomsgChannel.ipc"))
-    publisher.listen(64)
+    path, publisher = open_main_channel()
     publisher.setblocking(False)
     server = listen(name)
     server.setblocking(False)
@@ -175,7 +180,7 @@ def publish_rubbish(name: str) -> None:
     while True:
         try:
             clients.append(server.accept()[0])
-            clients[-1].sendall(greeting(PUB_SUB, directory / "nanomsgChannel.ipc"))
+            clients[-1].sendall(greeting(PUB_SUB, path))
             clients[-1].sendall(frame(PCM_ANNOUNCEMENT))
         except OSError:
             pass
@@ -200,12 +205,7 @@ def publish_rubbish(name: str) -> None:
 def hold_urgently(name: str) -> None:
     """Holds a sender's name, greets properly, announces a sequence, and sends a byte that no
     ordinary read gets."""
-    directory = Path(os.environ["TMPDIR"], "VlxSender-urgent")
-    directory.mkdir()
-    path = directory / "nanomsgChannel.ipc"
-    publisher = socket.socket(socket.AF_UNIX)
-    publisher.bind(str(path))
-    publisher.listen(64)
+    path, _publisher = open_main_channel()
     server = listen(name)
     clients = []
     while True:
