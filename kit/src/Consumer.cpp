@@ -178,7 +178,7 @@ private:
     std::optional<SenderQuestion> m_question; // kept while it is not answered
     std::optional<Obstacle> m_setback;        // told unless a closer look finds the reason for it
     bool m_isPatient = false;                 // with one who has not announced a sequence
-    ino_t m_standingConnection = 0;           // of the receiver, at the last look
+    std::string m_standingConnection;         // of the receiver, at the last look
     TimeValue m_permittedJoin = 0;            // time of the connection that was looked at
     std::string m_told;                       // last obstacle, which may be found again and again
     DepayloaderList m_codecs;                 // for trying headers while the receiver is shut down
@@ -488,7 +488,7 @@ bool Consumer::Impl::startReceiver()
 {
     m_endedByKeeper = false;
     m_givenUp = false;
-    m_standingConnection = 0;
+    m_standingConnection.clear();
     std::string problem = "the library's log says why";
     try
     {
@@ -580,9 +580,9 @@ bool Consumer::Impl::isUnanswered()
     if (m_question) // somebody was there at the last look, too
         return true;
     // A receiver that has reached somebody and waits for his first message is left to wait.
-    const ino_t connection = findConnection(m_options.name);
-    const ino_t former = std::exchange(m_standingConnection, connection);
-    if (connection != 0 && (former == 0 || former == connection))
+    const std::string connection = findConnection(m_options.name);
+    const std::string former = std::exchange(m_standingConnection, connection);
+    if (!connection.empty() && (former.empty() || former == connection))
         return false;
     m_question.emplace(m_options.name);
     if (!m_question->getAnswer().reached)

@@ -2,8 +2,6 @@
 
 #include <string>
 
-#include <sys/types.h>
-
 #include <vlx/VlxTypes.hpp>
 #include <vlxkit/Discovery.hpp>
 
@@ -59,8 +57,9 @@ private:
     bool m_over = false;
 };
 
-/// @return the inode of a connection of this process to the name, whoever made it; 0 if there is none
+/// @return what tells a connection of this process to the name from any other one, whoever made it;
+///         empty if there is none
 /// @thread any
-ino_t findConnection(const std::string& name);
+std::string findConnection(const std::string& name);
 
 } // namespace vlx::kit

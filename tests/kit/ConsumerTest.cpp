@@ -514,7 +514,7 @@ TEST_F(ConsumerTest, StopsPromptlyInEachState)
         ASSERT_TRUE(consumer.start());
         const auto isBusy = [&] { return SenderQuestion(getSocketName()).getAnswer().busy; };
         ASSERT_TRUE(
-            isFull ? isBusy() : waitFor([&] { return findConnection(getSocketName()) != 0; }));
+            isFull ? isBusy() : waitFor([&] { return !findConnection(getSocketName()).empty(); }));
         consumer.stop(isFull ? "full backlog" : "not accepted");
     }
     const ScriptedSender sender(getSocketName());
