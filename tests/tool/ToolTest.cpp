@@ -83,15 +83,20 @@ TEST_F(ToolTest, RawBytesPassUnchangedAndTimestampsTellTheirPlace)
         ASSERT_EQ(sender.wait(), 0) << sender.getErrors();
         ASSERT_EQ(receiver.wait(), 0) << receiver.getErrors();
 
-        const std::uint64_t base = readJson(file("s.json"))["runs"].at(0)["timestamp"];
+        const json runs = readJson(file("s.json"))["runs"]; // several on a busy machine
         const std::string received = receiver.getOutput();
         const json connection = readJson(file("r.json"))["connections"].at(0);
         for (const json& segment : connection["segments"])
         {
-            // Each stretch begins with a frame, whose time follows from its number alone.
-            const std::uint64_t ns = segment["timestamp"].get<std::uint64_t>() - base;
-            const std::uint64_t frame = (ns * OddRate / SecondNs + 1) / SamplesPerFrame;
-            EXPECT_EQ(ns, frame * SamplesPerFrame * SecondNs / OddRate);
+            // Each stretch begins with a frame, whose time follows from its number in its run alone.
+            const std::uint64_t timestamp = segment["timestamp"];
+            json run;
+            for (const json& each : runs)
+                run = each["timestamp"] <= timestamp ? each : run;
+            const std::uint64_t ns = timestamp - run.value("timestamp", 0ULL);
+            const std::uint64_t number = (ns * OddRate / SecondNs + 1) / SamplesPerFrame;
+            EXPECT_EQ(ns, number * SamplesPerFrame * SecondNs / OddRate);
+            const std::uint64_t frame = number + run.value("sample", 0ULL) / SamplesPerFrame;
             const std::uint64_t size = segment["samples"].get<std::uint64_t>() * 2;
             EXPECT_TRUE(
                 received.substr(segment["file_sample"].get<std::uint64_t>() * 2, size) ==
@@ -99,7 +104,7 @@ TEST_F(ToolTest, RawBytesPassUnchangedAndTimestampsTellTheirPlace)
         }
         if (protocol == "pipeline") // the other one may lose frames on a busy machine
         {
-            EXPECT_EQ(connection["gaps"], 0);
+            EXPECT_EQ(connection["gaps"].get<std::size_t>() + 1, runs.size());
             EXPECT_EQ(received.size(), settings.input->size());
         }
     }
@@ -264,7 +269,7 @@ TEST_F(ToolTest, AnotherUserReceivesFrames)
     if (probe.wait() != 0)
         GTEST_SKIP() << "another user cannot run the tool from this build directory";
 
-    ToolProcess sender(send({"--tone", "440"}));
+    ToolProcess sender(send({"--tone", "440", "--socket-mode", "all"}));
     ToolProcess receiver(receive({file("a.wav"), "-d", "100ms", "--timeout", "9s"}), settings);
     EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
     EXPECT_EQ(sender.stop(), 128 + SIGTERM);

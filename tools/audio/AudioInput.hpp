@@ -6,9 +6,10 @@
 #include <optional>
 #include <string>
 
+#include <vlx/VlxTypes.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
-#include <vlx/VlxTypes.hpp>
+#include "common/Poll.hpp"
 
 namespace vlx::tool
 {
@@ -43,6 +44,18 @@ public:
         return false;
     }
 
+    /// @return samples from the beginning to the end; unset if nobody knows
+    virtual std::optional<std::uint64_t> getLength() const
+    {
+        return std::nullopt;
+    }
+
+    /// @return whether somebody else makes the samples now, so that a read can wait for them
+    virtual bool isLive() const
+    {
+        return false;
+    }
+
     /// @return after the end: one line that says what was wrong with it; empty if nothing was
     virtual std::string getProblem() const
     {
@@ -53,24 +66,51 @@ protected:
     kit::StreamFormat m_format;
 };
 
+/// What a user says about an input beside its name.
+struct InputSettings
+{
+    bool raw = false;         ///< samples, whatever the bytes look like
+    bool formatGiven = false; ///< the format was said, so it is not that of an audio file
+    kit::StreamFormat format; ///< of raw samples
+};
+
+/// Opens a file, a FIFO or standard input, "-". A file whose extension says "raw" holds raw samples,
+/// any other is an audio file. A FIFO and standard input carry a WAV file, told by its beginning, or
+/// raw samples.
+///
+/// @param stop      ends the opening, and every read that waits for more
+/// @param deadline  of the first bytes of a FIFO or standard input
+/// @return null if there was a stop
+/// @throws CommandFailure if it cannot be read
+std::unique_ptr<AudioInput> openInput(
+    const std::string& path,
+    const InputSettings& settings,
+    const StopSignal& stop,
+    const Deadline& deadline = {});
+
 /// Opens an audio file of any kind that libsndfile reads. Integers of 8, 16, 24 and 32 bits and both
 /// float types come out bit for bit, little-endian; lossy kinds as F32LE.
 ///
 /// @throws CommandFailure if it cannot be read
 std::unique_ptr<AudioInput> openFileInput(const std::string& path);
 
-/// Opens raw samples.
+class ByteSource;
+
+/// Takes raw samples from bytes, which are passed on unchanged.
 ///
-/// @param path    "-" for standard input
-/// @param format  of the bytes, which are passed on unchanged
-/// @param stop    ends a read that waits for more
-/// @throws CommandFailure if it cannot be read
+/// @param refuseFiles  the first read fails if the bytes begin as an audio file does
 std::unique_ptr<AudioInput>
-openRawInput(const std::string& path, const kit::StreamFormat& format, const StopSignal& stop);
+makeRawInput(std::unique_ptr<ByteSource> source, const kit::StreamFormat& format, bool refuseFiles);
+
+/// Takes a WAV file from bytes that cannot be read twice.
+///
+/// @throws CommandFailure if it is none
+std::unique_ptr<AudioInput> openPipedInput(std::unique_ptr<ByteSource> source);
 
 /// Makes an endless sine at half of full scale.
 ///
-/// @param frequencyHz  repeats exactly only if it divides the rate; the phase never jumps
+/// @param frequencyHz  repeats exactly only if it divides the rate; the phase never jumps. 0 gives
+///                     silence
 std::unique_ptr<AudioInput> makeToneInput(double frequencyHz, const kit::StreamFormat& format);
 
 } // namespace vlx::tool

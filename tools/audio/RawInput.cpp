@@ -1,14 +1,8 @@
-#include <cerrno>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <unistd.h>
-
-#include <miscUtils/MiscUtils.hpp>
+#include <utility>
 
 #include "AudioInput.hpp"
-#include "common/ExitCodes.hpp"
-#include "common/StopSignal.hpp"
+#include "ByteSource.hpp"
+#include "FileKind.hpp"
 
 namespace vlx::tool
 {
@@ -19,93 +13,80 @@ namespace
 class RawInput : public AudioInput
 {
 public:
-    RawInput(const std::string& path, const kit::StreamFormat& format, const StopSignal& stop)
-        : m_name(path == "-" ? "standard input" : "\"" + path + "\""), m_stop(stop)
+    RawInput(std::unique_ptr<ByteSource> source, const kit::StreamFormat& format, bool refuseFiles)
+        : m_source(std::move(source)), m_refuseFiles(refuseFiles)
     {
         m_format = format;
-        m_fd = path == "-" ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (m_fd < 0)
-            throw CommandFailure(
-                ExitCode::Failed, "cannot read " + m_name + ": " + describe(errno));
     }
-
-    ~RawInput() override
-    {
-        if (m_fd != STDIN_FILENO)
-            ::close(m_fd);
-    }
-
-    RawInput(const RawInput&) = delete;
-    RawInput& operator=(const RawInput&) = delete;
 
     std::size_t read(Buffer& bytes, std::size_t numSamples) override
     {
+        if (!std::exchange(m_begun, true) && !isFit())
+            return 0;
         bytes.resize(numSamples * m_format.getBytesPerSample());
-        std::size_t filled = 0;
-        while (filled < bytes.size() && waitForInput())
-        {
-            const ssize_t count = ::read(m_fd, bytes.data() + filled, bytes.size() - filled);
-            if (count > 0)
-                filled += static_cast<std::size_t>(count);
-            else if (count == 0)
-                break;
-            else if (errno != EINTR && errno != EAGAIN)
-            {
-                m_problem = "cannot read on from " + m_name + ": " + describe(errno);
-                break;
-            }
-        }
+        const std::size_t filled = m_source->read(bytes.data(), bytes.size());
         return keepWholeSamples(bytes, filled);
     }
 
     bool rewind() override
     {
-        return ::lseek(m_fd, 0, SEEK_SET) == 0;
+        return m_source->rewind();
+    }
+
+    std::optional<std::uint64_t> getLength() const override
+    {
+        if (!m_source->isFile())
+            return std::nullopt;
+        return m_source->getSize() / m_format.getBytesPerSample();
+    }
+
+    bool isLive() const override
+    {
+        return !m_source->isFile();
     }
 
     std::string getProblem() const override
     {
-        return m_problem;
+        return m_problem.empty() ? m_source->getProblem() : m_problem;
     }
 
 private:
-    static std::string describe(int errorNumber)
+    /// @return whether there is anything, and nothing else than samples
+    bool isFit()
     {
-        return miscUtils::strerror_r_safe(errorNumber);
-    }
-
-    /// @return whether there is input, an end or an error to be read; false at a stop
-    bool waitForInput() const
-    {
-        pollfd entries[] = {{m_stop.getFD(), POLLIN, 0}, {m_fd, POLLIN, 0}};
-        while (::poll(entries, 2, -1) < 0 && errno == EINTR)
-            ;
-        return entries[0].revents == 0;
+        const std::string_view begin = peekFileBegin(*m_source, {});
+        const std::string kind = getFileKind(begin);
+        if (begin.empty() && !m_source->wasStopped() && m_source->getProblem().empty())
+            m_problem = m_source->getName() + " is empty";
+        else if (m_refuseFiles && !kind.empty())
+            m_problem = m_source->getName() + " is a " + kind +
+                        " file: leave out -f, -r and -c, or say --raw to send its bytes as samples";
+        return m_problem.empty();
     }
 
     std::size_t keepWholeSamples(Buffer& bytes, std::size_t filled)
     {
         const std::size_t sampleBytes = m_format.getBytesPerSample();
         const std::size_t rest = filled % sampleBytes;
-        if (rest != 0 && m_problem.empty() && !m_stop.isRequested())
-            m_problem = m_name + " ends inside a sample: " + std::to_string(rest) + " of " +
-                        std::to_string(sampleBytes) + " bytes";
+        if (rest != 0 && m_source->getProblem().empty() && !m_source->wasStopped())
+            m_problem = m_source->getName() + " ends inside a sample: " + std::to_string(rest) +
+                        " of " + std::to_string(sampleBytes) + " bytes";
         bytes.resize(filled - rest);
         return filled / sampleBytes;
     }
 
-    const std::string m_name;
-    const StopSignal& m_stop;
-    int m_fd = -1;
+    const std::unique_ptr<ByteSource> m_source;
+    const bool m_refuseFiles;
+    bool m_begun = false;
     std::string m_problem;
 };
 
 } // unnamed namespace
 
 std::unique_ptr<AudioInput>
-openRawInput(const std::string& path, const kit::StreamFormat& format, const StopSignal& stop)
+makeRawInput(std::unique_ptr<ByteSource> source, const kit::StreamFormat& format, bool refuseFiles)
 {
-    return std::make_unique<RawInput>(path, format, stop);
+    return std::make_unique<RawInput>(std::move(source), format, refuseFiles);
 }
 
 } // namespace vlx::tool

@@ -4,12 +4,13 @@
 #include <cstdio>
 #include <utility>
 
-#include <SequenceAnnouncer.hpp>
+#include <vlxkit/Producer.hpp>
 
-#include <vlx/VlxSender.hpp>
-
+#include "Playlist.hpp"
 #include "StreamClock.hpp"
-#include "audio/AudioInput.hpp"
+#include "audio/Level.hpp"
+#include "common/Duration.hpp"
+#include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
 #include "common/StopSignal.hpp"
 
@@ -20,23 +21,50 @@ namespace
 {
 
 using SteadyClock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
 
-constexpr auto MaxLateness = std::chrono::milliseconds(500);
+constexpr auto MaxLateness = milliseconds(500);
 constexpr auto NewSequenceDelay = std::chrono::seconds(1);
-constexpr auto ProgressInterval = std::chrono::milliseconds(200);
+constexpr auto ProgressInterval = milliseconds(200);
+constexpr auto ReceiverCheckInterval = milliseconds(5);
+// A jump of the clock is seen so soon, however long the frames are.
+constexpr auto MaxSleep = milliseconds(100);
+// How fast timestamps follow an input's own clock: twice what a bad crystal drifts.
+constexpr std::int64_t SlopeDivisor = 1000;
+// From how much on a report says that the timestamps do not follow from the sample count alone.
+constexpr TimeValue ReportedSlopeNs = 500'000;
+
+TimeValue toNs(nanoseconds duration)
+{
+    return static_cast<TimeValue>(duration.count());
+}
+
+std::string toClockText(TimeValue ns)
+{
+    constexpr TimeValue Tenth = 100'000'000;
+    constexpr TimeValue TenthsPerMinute = 600;
+    const TimeValue tenths = ns / Tenth;
+    char text[48];
+    std::snprintf(
+        text, sizeof(text), "%llu:%04.1f",
+        static_cast<unsigned long long>(tenths / TenthsPerMinute),
+        static_cast<double>(tenths % TenthsPerMinute) / 10);
+    return text;
+}
 
 } // unnamed namespace
 
 FramePump::FramePump(
-    Sender& sender,
-    kit::SequenceAnnouncer& announcer,
-    AudioInput& input,
-    const StreamClock& clock,
-    StopSignal& stop,
+    kit::Producer& producer,
+    PcmPayloader& payloader,
+    Playlist& input,
+    StreamClock& clock,
+    const StopSignal& stop,
     SendReport& report,
     std::function<void()> onRunBegins)
-    : m_sender(sender),
-      m_announcer(announcer),
+    : m_producer(producer),
+      m_payloader(payloader),
       m_input(input),
       m_clock(clock),
       m_stop(stop),
@@ -47,77 +75,159 @@ FramePump::FramePump(
 
 void FramePump::run(const PumpSettings& settings)
 {
+    m_settings = settings;
+    takeFormat();
+    if (!waitForReceivers(m_settings.waitReceivers))
+        return;
     while (!m_stop.isRequested())
     {
-        const std::size_t numSamples = readFrame(settings);
-        if (numSamples == 0 || !waitForDeadline())
+        const std::size_t numSamples = readFrame();
+        if (numSamples == 0 && !changeFormat())
+            return;
+        if (numSamples == 0)
+            continue;
+        if (m_settings.waitAlways && !waitForReceivers(1))
             return;
         announce();
-        sendFrame(numSamples);
+        if (!waitUntilDue() || !sendFrame(numSamples))
+            return;
         showProgress();
     }
 }
 
-std::size_t FramePump::readFrame(const PumpSettings& settings)
+/// @return whether they are there; otherwise a stop was asked for
+bool FramePump::waitForReceivers(std::size_t count)
 {
-    std::size_t wanted = settings.samplesPerFrame;
-    if (settings.maxSamples)
-        wanted = std::min<std::uint64_t>(wanted, *settings.maxSamples - m_report.samples);
-    if (wanted == 0)
-        return 0;
-
-    std::size_t numSamples = m_input.read(m_frame, wanted);
-    if (numSamples == 0 && settings.loop && m_input.getProblem().empty() && m_input.rewind())
-        numSamples = m_input.read(m_frame, wanted);
-    return numSamples;
+    const auto start = SteadyClock::now();
+    while (count > 0 && (m_numReceivers = m_producer.checkReceivers()) < count)
+    {
+        const auto now = SteadyClock::now();
+        const std::string joined =
+            std::to_string(m_numReceivers) + " of " + std::to_string(count) + " receivers";
+        if (m_settings.timeout && now - start >= *m_settings.timeout)
+            throw CommandFailure(
+                ExitCode::TimedOut, joined + " joined within " + toText(*m_settings.timeout));
+        printProgress("waiting: " + joined);
+        if (m_stop.waitUntil(now + ReceiverCheckInterval))
+            return false;
+    }
+    return !m_stop.isRequested();
 }
 
-bool FramePump::waitForDeadline()
+void FramePump::takeFormat()
 {
-    if (m_report.runs.empty())
-    {
-        beginRun(SteadyClock::now());
-        return !m_stop.isRequested();
-    }
+    m_format = m_input.getFormat();
+    m_samplesOfFormat = 0;
+    m_samplesPerFrame = std::max<std::uint64_t>(m_format.toSamples(toNs(m_settings.frame)), 1);
+    if (m_settings.duration)
+        m_samplesLeft = m_format.toSamples(toNs(*m_settings.duration) - m_nsOfFormerFormats);
+}
 
-    const auto deadline =
-        m_runStart + std::chrono::nanoseconds(m_report.format.toNanoseconds(getSamplesInRun()));
-    if (m_stop.waitUntil(deadline))
+/// Goes on with the next format, in a new sequence, its timestamps where the last ones ended.
+bool FramePump::changeFormat()
+{
+    if (m_samplesLeft == 0U || !m_input.beginNextFormat())
         return false;
-    const auto now = SteadyClock::now();
-    if (now - deadline > MaxLateness)
-    {
-        beginRun(now);
-        m_newSequenceTime = now + NewSequenceDelay;
-    }
+    const TimeValue end = getTimestamp();
+    m_nsOfFormerFormats += m_format.toNanoseconds(m_samplesOfFormat);
+    takeFormat();
+    m_payloader.setNewFormat(m_format.rate, m_format.channels, m_format.sampleFormat);
+    m_announceTime = SteadyClock::now();
+    if (m_running)
+        beginRun(end);
     return true;
 }
 
-void FramePump::beginRun(SteadyClock::time_point now)
+std::size_t FramePump::readFrame()
 {
-    m_runStart = now;
-    m_report.runs.push_back({m_report.samples, m_clock.getTime()});
+    const std::size_t wanted =
+        std::min<std::uint64_t>(m_samplesPerFrame, m_samplesLeft.value_or(m_samplesPerFrame));
+    if (wanted == 0)
+        return 0;
+    const auto begin = SteadyClock::now();
+    const std::size_t numSamples = m_input.read(m_frame, wanted);
+    m_waitedForInput = m_input.isLive() && m_running && begin < getDueTime();
+    return numSamples;
+}
+
+/// @return false at a stop
+bool FramePump::waitUntilDue()
+{
+    if (!m_running)
+        beginRun(m_clock.toStreamTime(SteadyClock::now()));
+    while (true)
+    {
+        const auto now = SteadyClock::now();
+        if (m_clock.update())
+            beginRun(m_clock.toStreamTime(now));
+        const auto due = std::max(getDueTime(), m_earliest);
+        if (now >= due)
+        {
+            handleLateness(now);
+            return !m_stop.isRequested();
+        }
+        if (m_stop.waitUntil(std::min(due, now + MaxSleep)))
+            return false;
+    }
+}
+
+void FramePump::handleLateness(SteadyTime now)
+{
+    const nanoseconds lateness = now - getDueTime();
+    if (lateness > MaxLateness)
+    {
+        beginRun(m_clock.toStreamTime(now));
+        m_announceTime = now + NewSequenceDelay;
+    }
+    else if (m_waitedForInput)
+        followInput(lateness, now);
+}
+
+void FramePump::followInput(nanoseconds lateness, SteadyTime now)
+{
+    const nanoseconds limit = (now - m_lastSlope) / SlopeDivisor;
+    const TimeValue move = toNs(std::clamp(lateness, nanoseconds::zero(), limit));
+    m_lastSlope = now;
+    m_runTimestamp += move;
+    m_slope += move;
+    if (m_slope >= ReportedSlopeNs)
+        beginRun(getTimestamp());
+}
+
+void FramePump::beginRun(TimeValue timestamp)
+{
+    m_running = true;
+    m_runTimestamp = timestamp;
+    m_runSamples = 0;
+    m_slope = 0;
+    m_lastSlope = SteadyClock::now();
+    m_report.runs.push_back({m_report.samples, timestamp + toNs(m_settings.latency), m_format});
     m_onRunBegins();
 }
 
 void FramePump::announce()
 {
-    m_numReceivers = m_announcer.checkReceivers();
-    if (!m_newSequenceTime || SteadyClock::now() < *m_newSequenceTime)
+    if (!m_announceTime || SteadyClock::now() < *m_announceTime)
         return;
-    m_newSequenceTime.reset();
-    m_announcer.announce();
+    m_announceTime.reset();
+    m_producer.setFormat(m_payloader);
+    m_earliest = SteadyClock::now() + m_settings.frame / 2;
 }
 
-void FramePump::sendFrame(std::size_t numSamples)
+bool FramePump::sendFrame(std::size_t numSamples)
 {
-    const TimeValue base = m_report.runs.back().timestamp;
-    const std::uint64_t first = getSamplesInRun();
-    const TimeValue begin = base + m_report.format.toNanoseconds(first);
-    const TimeValue end = base + m_report.format.toNanoseconds(first + numSamples);
-    m_sender.sendMediaData(begin, end - begin, m_frame);
+    const TimeValue begin = getTimestamp();
+    const TimeValue duration = getTimestamp(numSamples) - begin;
+    if (!m_producer.send(begin + toNs(m_settings.latency), duration, m_frame))
+        return false;
+    m_earliest = SteadyClock::now() + nanoseconds(duration / 2);
     ++m_report.frames;
     m_report.samples += numSamples;
+    m_runSamples += numSamples;
+    m_samplesOfFormat += numSamples;
+    if (m_samplesLeft)
+        *m_samplesLeft -= numSamples;
+    return true;
 }
 
 void FramePump::showProgress()
@@ -126,18 +236,43 @@ void FramePump::showProgress()
     if (now < m_nextProgress)
         return;
     m_nextProgress = now + ProgressInterval;
-
-    const double seconds = static_cast<double>(m_report.samples) / m_report.format.rate;
-    char text[128];
-    std::snprintf(
-        text, sizeof(text), "%.1f s sent in %llu frames, receivers: %zu", seconds,
-        static_cast<unsigned long long>(m_report.frames), m_numReceivers);
-    printProgress(text);
+    m_numReceivers = m_producer.checkReceivers();
+    printProgress(describeProgress());
 }
 
-std::uint64_t FramePump::getSamplesInRun() const
+std::string FramePump::describeProgress() const
 {
-    return m_report.samples - m_report.runs.back().sample;
+    const auto length = m_input.getLength();
+    const bool isFile = length.has_value();
+    std::string text = m_input.getPlace();
+    text += toClockText(
+        isFile ? m_format.toNanoseconds(m_input.getPosition())
+               : m_nsOfFormerFormats + m_format.toNanoseconds(m_samplesOfFormat));
+    if (isFile)
+        text += " of " + toClockText(m_format.toNanoseconds(*length));
+    else if (m_settings.duration)
+        text += " of " + toClockText(toNs(*m_settings.duration));
+
+    double peak = 0;
+    for (const ChannelLevel& level : measureLevels(m_frame, m_format))
+        peak = std::max(peak, level.peak);
+    char more[96];
+    std::snprintf(
+        more, sizeof(more), "  %llu frames  receivers: %zu  peak: %.1f dBFS",
+        static_cast<unsigned long long>(m_report.frames), m_numReceivers, toDbfs(peak));
+    return text + more;
+}
+
+FramePump::SteadyTime FramePump::getDueTime() const
+{
+    return m_clock.toLocalTime(getTimestamp());
+}
+
+/// @param numSamples  behind the next one
+/// @return time on the stream's clock, without latency
+TimeValue FramePump::getTimestamp(std::size_t numSamples) const
+{
+    return m_runTimestamp + m_format.toNanoseconds(m_runSamples + numSamples);
 }
 
 } // namespace vlx::tool

@@ -1,25 +1,16 @@
 #include "SendCommand.hpp"
 
-#include <algorithm>
 #include <chrono>
-#include <memory>
-#include <thread>
-
-#include <Bell.hpp>
-#include <SequenceAnnouncer.hpp>
-#include <TailWait.hpp>
-#include <vlxkit/BaseDirectory.hpp>
-#include <vlxkit/Discovery.hpp>
+#include <string>
 
 #include <vlx/VlxPayload.hpp>
-#include <vlx/VlxSender.hpp>
+#include <vlxkit/Producer.hpp>
 
 #include "FramePump.hpp"
+#include "Playlist.hpp"
 #include "SendOptions.hpp"
 #include "SendReport.hpp"
 #include "StreamClock.hpp"
-#include "audio/AudioInput.hpp"
-#include "common/Duration.hpp"
 #include "common/ExitCodes.hpp"
 #include "common/LogSetup.hpp"
 #include "common/Messages.hpp"
@@ -31,148 +22,106 @@ namespace vlx::tool
 namespace
 {
 
-using SteadyClock = std::chrono::steady_clock;
-
 constexpr auto DefaultFrame = std::chrono::milliseconds(10);
-constexpr auto ReceiverCheckInterval = std::chrono::milliseconds(5);
 
-std::unique_ptr<AudioInput> openInput(const SendOptions& options, const StopSignal& stop)
+Playlist openPlaylist(const SendOptions& options, const StopSignal& stop)
 {
-    if (options.toneHz.has_value() == !options.input.empty())
-        throw CommandFailure(ExitCode::Usage, "give either an INPUT or --tone; see --help");
-    if (options.toneHz)
-        return makeToneInput(*options.toneHz, options.format);
-    if (options.input == "-" || options.raw)
-        return openRawInput(options.input, options.format, stop);
-    if (options.formatGiven)
+    if ((options.toneHz ? 1 : 0) + (options.silence ? 1 : 0) + (options.inputs.empty() ? 0 : 1) !=
+        1)
         throw CommandFailure(
-            ExitCode::Usage, "-f, -r and -c are for raw input only: add --raw, or leave them out");
-    return openFileInput(options.input);
+            ExitCode::Usage, "give either an INPUT, --tone or --silence; see --help");
+    if (options.inputs.empty())
+        return {makeToneInput(options.toneHz.value_or(0), options.input.format), stop};
+    Deadline deadline;
+    if (options.timeout)
+        deadline = std::chrono::steady_clock::now() + *options.timeout;
+    return {options.inputs, options.input, options.loop, stop, deadline};
 }
 
-std::size_t getSamplesPerFrame(const SendOptions& options, const kit::StreamFormat& format)
+kit::ProducerOptions makeProducerOptions(const SendOptions& options, const StreamClock& clock)
 {
-    const auto frame = options.frame.value_or(DefaultFrame);
-    return std::max<std::uint64_t>(format.toSamples(static_cast<TimeValue>(frame.count())), 1);
+    kit::ProducerOptions result;
+    result.name = options.name;
+    result.alternativeName = options.alternativeName;
+    result.protocol = options.protocol;
+    result.clock = clock.getProtocol();
+    result.clockAddress = clock.getAddress();
+    result.clockPort = clock.getPort();
+    result.socketMode = options.socketMode;
+    result.realTime = options.realTime;
+    result.onNotice = printNotice;
+    return result;
 }
 
-void prepareBaseDirectory()
+PumpSettings makePumpSettings(const SendOptions& options)
 {
-    const auto base = kit::prepareBaseDirectory(kit::BaseDirectoryUse::Send);
-    if (!base.problem.empty())
-        throw CommandFailure(ExitCode::Failed, base.problem);
-    if (base.created)
-        printNotice("created " + base.path + " (mode 1777), where senders and receivers meet");
-}
-
-void openSender(Sender& sender, const SendOptions& options, const StreamClock& clock)
-{
-    if (kit::isNameTaken(options.name))
-        throw CommandFailure(
-            ExitCode::Failed, "the name \"" + options.name + "\" is taken by another sender");
-    if (!sender.initializeSender(
-            options.name, {}, clock.getAddress(), clock.getPort(), clock.getProtocol(),
-            options.protocol))
-        throw CommandFailure(
-            ExitCode::Failed,
-            "cannot open the stream \"" + options.name + "\"" + quoteLastLibraryError());
-}
-
-/// Makes an open sender's stream known. The sequence comes first: the sooner, the fewer receivers
-/// have joined that could miss it.
-void makeKnown(
-    Sender& sender,
-    PcmPayloader& payloader,
-    kit::SequenceAnnouncer& announcer,
-    const SendOptions& options)
-{
-    sender.setCurrentPayloader(payloader);
-    announcer.announce();
-    const std::string problem = kit::protectSocketFile(
-        kit::findSocketFile(options.name), options.protocol, options.socketMode);
-    if (!problem.empty())
-        printNotice(problem + "; receivers of other users may get no frames");
-    kit::ringBell();
-}
-
-/// @return whether they are there; otherwise a stop was asked for
-bool waitForReceivers(
-    kit::SequenceAnnouncer& announcer,
-    const SendOptions& options,
-    StopSignal& stop)
-{
-    if (options.waitReceivers == 0)
-        return !stop.isRequested();
-
-    const auto start = SteadyClock::now();
-    std::size_t joined = 0;
-    while ((joined = announcer.checkReceivers()) < options.waitReceivers)
-    {
-        const auto now = SteadyClock::now();
-        const std::string count =
-            std::to_string(joined) + " of " + std::to_string(options.waitReceivers) + " receivers";
-        if (options.timeout && now - start >= *options.timeout)
-            throw CommandFailure(
-                ExitCode::TimedOut, count + " joined within " + toText(*options.timeout));
-        printProgress("waiting: " + count);
-        if (stop.waitUntil(now + ReceiverCheckInterval))
-            return false;
-    }
-    return !stop.isRequested();
-}
-
-void writeReport(const SendReport& report, const std::string& path)
-{
-    const std::string problem = report.write(path);
-    if (!problem.empty())
-        throw CommandFailure(ExitCode::Failed, problem);
-}
-
-PumpSettings makePumpSettings(const SendOptions& options, const kit::StreamFormat& format)
-{
-    PumpSettings settings{getSamplesPerFrame(options, format), std::nullopt, options.loop};
-    if (options.duration)
-        settings.maxSamples = format.toSamples(static_cast<TimeValue>(options.duration->count()));
+    PumpSettings settings;
+    settings.frame = options.frame.value_or(DefaultFrame);
+    settings.duration = options.duration;
+    settings.latency = options.latency.value_or(std::chrono::nanoseconds::zero());
+    settings.waitAlways = options.protocol == NanomsgProtocol::Pipeline;
+    settings.waitReceivers = options.waitReceivers;
+    settings.timeout = options.timeout;
     return settings;
 }
 
-/// Lets the last frame leave. A stop cuts the wait for a long frame short, but never below what the
-/// transport needs.
-void waitForTail(std::chrono::nanoseconds frameDuration, StopSignal& stop)
+SendReport makeReport(const SendOptions& options, const Playlist& input, const StreamClock& clock)
 {
-    const auto now = SteadyClock::now();
-    stop.waitUntil(now + kit::getTailWait(frameDuration));
-    std::this_thread::sleep_until(now + kit::getTailWait({}));
+    SendReport report;
+    report.name = options.name;
+    for (const std::string& path : options.inputs)
+        report.input += (report.input.empty() ? "" : " ") + path;
+    report.format = input.getFormat();
+    report.clock = toString(clock.getProtocol());
+    return report;
 }
 
-/// Sends the whole input over an open stream.
-void sendInput(
-    Sender& sender,
-    AudioInput& input,
+/// @return whether it is open; otherwise a stop was asked for
+bool openProducer(
+    kit::Producer& producer,
+    PcmPayloader& payloader,
     const SendOptions& options,
-    const StreamClock& clock,
+    const StopSignal& stop)
+{
+    const bool opened = producer.open(payloader);
+    if (stop.isRequested())
+        return false;
+    if (!opened)
+        throw CommandFailure(ExitCode::Failed, producer.getProblem() + quoteLastLibraryError());
+    if (producer.getName() != options.name)
+        printNotice(
+            "another sender has the name \"" + options.name + "\": sending as \"" +
+            producer.getName() + "\"");
+    return true;
+}
+
+/// Sends the whole input over a stream that it opens and closes.
+void sendInput(
+    Playlist& input,
+    const SendOptions& options,
+    StreamClock& clock,
     StopSignal& stop,
     SendReport& report)
 {
     const kit::StreamFormat& format = input.getFormat();
     PcmPayloader payloader;
     payloader.setNewFormat(format.rate, format.channels, format.sampleFormat);
+    kit::Producer producer(makeProducerOptions(options, clock));
     // Frees a pipeline send that waits for its receiver.
-    const StopListener freeSends(stop, [&sender] { sender.disableSend(true); });
-    kit::SequenceAnnouncer announcer(sender);
-    makeKnown(sender, payloader, announcer, options);
+    const StopListener freeSends(stop, [&producer] { producer.stop(); });
+    if (!openProducer(producer, payloader, options, stop))
+        return;
+    report.name = producer.getName();
 
-    const PumpSettings settings = makePumpSettings(options, format);
-    const auto onRunBegins = [&] { writeReport(report, options.report); };
-    if (waitForReceivers(announcer, options, stop))
-        FramePump(sender, announcer, input, clock, stop, report, onRunBegins).run(settings);
-    finishProgress();
-    if (report.frames > 0)
-        waitForTail(std::chrono::nanoseconds(format.toNanoseconds(settings.samplesPerFrame)), stop);
-    sender.shutdownSender();
+    const kit::RealTimeScope realTime(options.realTime);
+    FramePump pump(
+        producer, payloader, input, clock, stop, report, [&] { report.write(options.report); });
+    pump.run(makePumpSettings(options));
+    finishProgress(report.frames > 0 ? pump.describeProgress() : std::string());
+    producer.close();
 }
 
-int getExitCode(const AudioInput& input, const StopSignal& stop)
+int getExitCode(const Playlist& input, const StopSignal& stop)
 {
     if (stop.isRequested())
         return toExitCode(stop.getSignalNumber());
@@ -187,26 +136,20 @@ int getExitCode(const AudioInput& input, const StopSignal& stop)
 
 int runSend(const SendOptions& options, StopSignal& stop)
 {
-    const std::unique_ptr<AudioInput> input = openInput(options, stop);
-    prepareBaseDirectory();
-    StreamClock clock(options.clockAddress, options.clockPort);
+    Playlist input = openPlaylist(options, stop);
+    if (!input.isOpen())
+        return toExitCode(stop.getSignalNumber());
+    StreamClock clock(
+        options.clock.value_or(ClockChoice::System), options.clockAddress, options.clockPort);
     if (!clock.waitUntilReady(options.timeout, stop))
         return toExitCode(stop.getSignalNumber());
 
-    SendReport report;
-    report.name = options.name;
-    report.input = options.input;
-    report.format = input->getFormat();
-    report.clock = toString(clock.getProtocol());
-    writeReport(report, options.report);
-
-    Sender sender;
-    openSender(sender, options, clock);
-    sendInput(sender, *input, options, clock, stop, report);
-
-    report.finished = !stop.isRequested() && input->getProblem().empty();
-    writeReport(report, options.report);
-    return getExitCode(*input, stop);
+    SendReport report = makeReport(options, input, clock);
+    report.write(options.report);
+    sendInput(input, options, clock, stop, report);
+    report.finished = !stop.isRequested() && input.getProblem().empty();
+    report.write(options.report, true);
+    return getExitCode(input, stop);
 }
 
 } // namespace vlx::tool

@@ -1,6 +1,7 @@
 #include "SendOptions.hpp"
 
 #include <cmath>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 
@@ -11,6 +12,9 @@ namespace
 {
 
 constexpr std::size_t MaxReceivers = 100'000;
+constexpr std::uint16_t MaxPort = 65535;
+
+constexpr const char* LocalAddress = "127.0.0.1";
 
 // Comparisons with it are all false, so that no range keeps it out.
 std::string checkIsNumber(const std::string& text)
@@ -22,23 +26,37 @@ void addInputOptions(CLI::App& command, SendOptions& options)
 {
     command
         .add_option(
-            "INPUT", options.input,
-            "Audio file of any kind that libsndfile reads; - for raw samples from standard input")
-        ->type_name("");
-    command.add_flag("--raw", options.raw, "Take a file as raw samples, whatever its extension");
-    addFormatOptions(command, options.format, "raw input or tone");
+            "INPUT", options.inputs,
+            "Audio files of any kind that libsndfile reads, sent one behind the other; - for raw "
+            "samples or WAV from standard input")
+        ->type_name("FILE");
+    command.add_flag(
+        "--raw", options.input.raw, "Take the input as raw samples, whatever it looks like");
+    addFormatOptions(command, options.input.format, "raw input, tone or silence");
     command
         .add_option("--tone", options.toneHz, "Send a sine of this frequency instead of an input")
         ->type_name("HZ")
         ->check(CLI::Range(0.0, 1e9).description(""))
         ->check(checkIsNumber);
+    command.add_flag("--silence", options.silence, "Send silence instead of an input");
     command.add_flag("--loop", options.loop, "Start again at the end of the input");
     addDurationOption(command, "-d,--duration", options.duration, "Send this much audio at most");
 }
 
 void addStreamOptions(CLI::App& command, SendOptions& options)
 {
+    addTextOption(
+        command, "--alternative", "NAME",
+        [&options](const std::string& name)
+        {
+            options.alternativeName = name;
+            return checkStreamName(name);
+        },
+        "Name to take if another sender has the first one");
     addDurationOption(command, "--frame", options.frame, "Length of a frame [10ms]");
+    addDurationOption(
+        command, "--latency", options.latency,
+        "Add this to every timestamp: when receivers are to play a frame");
     addChoiceOption<NanomsgProtocol>(
         command, "--protocol", options.protocol,
         {{"pubsub", NanomsgProtocol::PubSub}, {"pipeline", NanomsgProtocol::Pipeline}},
@@ -48,41 +66,76 @@ void addStreamOptions(CLI::App& command, SendOptions& options)
         {{"owner", kit::SocketMode::Owner},
          {"group", kit::SocketMode::Group},
          {"all", kit::SocketMode::All}},
-        "Whose receivers may join [all]");
+        "Whose receivers may join [owner]");
+    addRealTimeOption(command, options.realTime);
+}
+
+void addClockOptions(CLI::App& command, SendOptions& options)
+{
+    addChoiceOption<std::optional<ClockChoice>>(
+        command, "--clock", options.clock,
+        {{"sysclock", ClockChoice::System}, {"net", ClockChoice::Served}},
+        "Stamp frames by the machine's clock, or by one that is served over the network, too "
+        "[sysclock]");
     command
         .add_option(
             "--clock-address", options.clockAddress,
-            "Stamp frames by the GStreamer network clock at this address")
+            "Where the network clock is served [127.0.0.1]; without --clock, where it is followed")
         ->type_name("ADDRESS");
     addNumberOption<std::uint16_t>(
-        command, "--clock-port", options.clockPort, {1, 65535}, "UDP port of the network clock");
-    command.get_option("--clock-address")->needs("--clock-port");
-    command.get_option("--clock-port")->needs("--clock-address");
+        command, "--clock-port", options.clockPort, {1, MaxPort},
+        "UDP port of the network clock [any that is free]");
+    command.add_flag(
+        "--external-clock", options.externalClock,
+        "Follow a network clock that somebody else serves");
+}
+
+/// Makes one choice of what the clock options say together.
+void settleClock(const CLI::App& command, SendOptions& options)
+{
+    const bool hasAddress = command.count("--clock-address") > 0;
+    const bool hasPort = command.count("--clock-port") > 0;
+    if (!options.clock)
+        options.clock = hasAddress || hasPort || options.externalClock ? ClockChoice::External
+                                                                       : ClockChoice::System;
+    if (*options.clock == ClockChoice::Served && options.externalClock)
+        options.clock = ClockChoice::External;
+
+    if (*options.clock == ClockChoice::System && (hasAddress || hasPort || options.externalClock))
+        throw CLI::ValidationError(
+            "--clock", "the system's clock has no address or port; --clock net has");
+    if (*options.clock == ClockChoice::External && !(hasAddress && hasPort))
+        throw CLI::ValidationError(
+            "--external-clock", "a clock that is followed needs --clock-address and --clock-port");
+    if (*options.clock == ClockChoice::Served && !hasAddress)
+        options.clockAddress = LocalAddress;
 }
 
 } // unnamed namespace
 
 CLI::App* addSendCommand(CLI::App& program, SendOptions& options)
 {
-    CLI::App* const command =
-        program.add_subcommand("send", "Send an audio file, raw samples or a tone as a stream");
+    CLI::App* const command = program.add_subcommand(
+        "send", "Send audio files, raw samples, a tone or silence as a stream");
     addSocketOption(*command, options.name);
     addInputOptions(*command, options);
     addStreamOptions(*command, options);
+    addClockOptions(*command, options);
     addNumberOption<std::size_t>(
         *command, "--wait-receivers", options.waitReceivers, {0, MaxReceivers},
         "Send the first frame when this many receivers have joined [0]");
     addTimeoutOption(
         *command, options.timeout,
-        "Give up with exit code 3 if receivers or network clock are not there by then");
+        "Give up with exit code 3 if input, network clock or receivers are not there by then");
     addReportOption(*command, options.report, "Write what was sent");
     addCommonOptions(*command, options.common);
     command->callback(
         [command, &options]
         {
-            options.formatGiven = command->count("--format") + command->count("--rate") +
-                                      command->count("--channels") >
-                                  0;
+            options.input.formatGiven = command->count("--format") + command->count("--rate") +
+                                            command->count("--channels") >
+                                        0;
+            settleClock(*command, options);
         });
     return command;
 }

@@ -4,12 +4,12 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
-#include <SocketFile.hpp>
-#include <vlxkit/StreamFormat.hpp>
+#include <vlxkit/Producer.hpp>
 
-#include <vlx/SideChannel.hpp>
-
+#include "StreamClock.hpp"
+#include "audio/AudioInput.hpp"
 #include "common/CommonOptions.hpp"
 
 namespace vlx::tool
@@ -19,20 +19,24 @@ struct SendOptions
 {
     CommonOptions common;
     std::string name;
-    std::string input;
-    bool raw = false;
-    bool formatGiven = false;
-    kit::StreamFormat format; ///< of raw input or tone
+    std::string alternativeName;
+    std::vector<std::string> inputs;
+    InputSettings input;
     std::optional<double> toneHz;
+    bool silence = false;
     bool loop = false;
-    std::optional<std::chrono::nanoseconds> frame;
-    std::optional<std::chrono::nanoseconds> duration;
+    OptionalDuration frame;
+    OptionalDuration duration;
+    OptionalDuration latency;
     std::size_t waitReceivers = 0;
-    std::optional<std::chrono::nanoseconds> timeout;
+    OptionalDuration timeout;
     NanomsgProtocol protocol = NanomsgProtocol::PubSub;
-    kit::SocketMode socketMode = kit::SocketMode::All;
+    kit::SocketMode socketMode = kit::SocketMode::Owner;
+    std::optional<ClockChoice> clock;
+    bool externalClock = false;
     std::string clockAddress;
-    std::uint16_t clockPort = 0; ///< 0: timestamps stand on the system's monotonic clock
+    std::uint16_t clockPort = 0;
+    kit::RealTime realTime;
     std::string report;
 };
 

@@ -2,30 +2,47 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/ExitCodes.hpp"
 #include "common/ReportFile.hpp"
 
 namespace vlx::tool
 {
 
-std::string SendReport::write(const std::string& path) const
+namespace
 {
-    if (path.empty())
-        return {};
 
-    nlohmann::ordered_json runList = nlohmann::ordered_json::array();
+void addFormat(nlohmann::ordered_json& json, const kit::StreamFormat& format)
+{
+    json["sample_format"] = audioUtils::toString(format.sampleFormat);
+    json["sample_rate"] = format.rate;
+    json["channels"] = format.channels;
+}
+
+} // unnamed namespace
+
+void SendReport::write(const std::string& path, bool isLast) const
+{
+    // To standard output only once, in the end.
+    if (path.empty() || (path == "-" && !isLast))
+        return;
+
+    nlohmann::ordered_json json = {{"stream", name}, {"input", input}};
+    addFormat(json, format);
+    json["clock"] = clock;
+    json["finished"] = finished;
+    json["frames"] = frames;
+    json["samples"] = samples;
+    json["runs"] = nlohmann::ordered_json::array();
     for (const SentRun& run : runs)
-        runList.push_back({{"sample", run.sample}, {"timestamp", run.timestamp}});
-    return writeReportFile(
-        path, {{"stream", name},
-               {"input", input},
-               {"sample_format", audioUtils::toString(format.sampleFormat)},
-               {"sample_rate", format.rate},
-               {"channels", format.channels},
-               {"clock", clock},
-               {"finished", finished},
-               {"frames", frames},
-               {"samples", samples},
-               {"runs", runList}});
+    {
+        nlohmann::ordered_json entry = {{"sample", run.sample}, {"timestamp", run.timestamp}};
+        if (run.format != format)
+            addFormat(entry, run.format);
+        json["runs"].push_back(entry);
+    }
+    const std::string problem = writeReportFile(path, json);
+    if (!problem.empty())
+        throw CommandFailure(ExitCode::Failed, problem);
 }
 
 } // namespace vlx::tool

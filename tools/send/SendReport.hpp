@@ -4,9 +4,8 @@
 #include <string>
 #include <vector>
 
-#include <vlxkit/StreamFormat.hpp>
-
 #include <vlx/VlxTypes.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
 namespace vlx::tool
 {
@@ -16,6 +15,7 @@ struct SentRun
 {
     std::uint64_t sample; ///< first one, counted from the beginning of the stream
     TimeValue timestamp;  ///< of that sample
+    kit::StreamFormat format;
 };
 
 /// What a sender says about its stream. Written before the first frame and whenever a run begins, so
@@ -24,16 +24,17 @@ struct SendReport
 {
     std::string name;
     std::string input;
-    kit::StreamFormat format;
+    kit::StreamFormat format; ///< the first one
     std::string clock;
     std::uint64_t frames = 0;
     std::uint64_t samples = 0;
     bool finished = false; ///< the sender came to its own end
     std::vector<SentRun> runs;
 
-    /// @param path  empty: nothing is written
-    /// @return empty if it was done; otherwise one line that says what went wrong
-    std::string write(const std::string& path) const;
+    /// @param path    empty: nothing is written
+    /// @param isLast  false: standard output, "-", is left alone
+    /// @throws CommandFailure if it cannot be written
+    void write(const std::string& path, bool isLast = false) const;
 };
 
 } // namespace vlx::tool

@@ -1,11 +1,17 @@
 #include "StreamClock.hpp"
 
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <limits>
+#include <thread>
 #include <utility>
 
-#include <miscUtils/MiscUtils.hpp>
+#include <netdb.h>
 
 #include "common/Duration.hpp"
 #include "common/ExitCodes.hpp"
+#include "common/Messages.hpp"
 #include "common/StopSignal.hpp"
 
 namespace vlx::tool
@@ -14,45 +20,150 @@ namespace vlx::tool
 namespace
 {
 
+using SteadyClock = std::chrono::steady_clock;
+using std::chrono::nanoseconds;
+
 // As receivers synchronise.
 constexpr unsigned WindowSize = 100;
 constexpr unsigned long RoundTripLimitNs = 175'000'000;
 
 constexpr auto CheckInterval = std::chrono::milliseconds(10);
+constexpr auto UsualSyncTime = std::chrono::seconds(1);
+
+// A clock that is off by more has been set anew. Far more than a refined estimate differs by.
+constexpr std::int64_t JumpNs = 20'000'000;
+// How fast the estimate is taken over: ten times what a bad crystal drifts.
+constexpr std::int64_t SlopeDivisor = 200;
+
+std::int64_t toNs(SteadyClock::time_point time)
+{
+    return std::chrono::duration_cast<nanoseconds>(time.time_since_epoch()).count();
+}
+
+/// Looks up a host name on a thread of its own, since nothing can end that.
+class Resolution
+{
+public:
+    explicit Resolution(const std::string& address)
+    {
+        std::thread(
+            [address, result = m_result]
+            {
+                addrinfo* list = nullptr;
+                *result = ::getaddrinfo(address.c_str(), nullptr, nullptr, &list);
+                if (list != nullptr)
+                    ::freeaddrinfo(list);
+            })
+            .detach();
+    }
+
+    /// @return why there is no such address; empty if there is, or that is not known yet
+    std::string getProblem() const
+    {
+        const int result = *m_result;
+        return result == 0 ? std::string() : ::gai_strerror(result);
+    }
+
+private:
+    std::shared_ptr<std::atomic<int>> m_result = std::make_shared<std::atomic<int>>(0);
+};
 
 } // unnamed namespace
 
-StreamClock::StreamClock(std::string address, std::uint16_t port)
-    : m_address(std::move(address)), m_port(port)
+StreamClock::StreamClock(ClockChoice choice, std::string address, std::uint16_t port)
+    : m_choice(choice), m_address(std::move(address)), m_port(port)
 {
+    if (m_choice == ClockChoice::Served)
+        m_provider = std::make_unique<ClockProvider>(m_address, m_port);
 }
 
-bool StreamClock::waitUntilReady(
-    const std::optional<std::chrono::nanoseconds>& timeout,
-    StopSignal& stop)
+bool StreamClock::waitUntilReady(const OptionalDuration& timeout, const StopSignal& stop)
 {
-    if (m_port == 0)
+    if (m_choice != ClockChoice::External)
         return !stop.isRequested();
 
-    const auto start = std::chrono::steady_clock::now();
+    const std::string name =
+        "the network clock at " + m_address + " port " + std::to_string(m_port);
+    const Resolution resolution(m_address);
+    const auto start = SteadyClock::now();
+    bool told = false;
     m_netClock.startSynchronization(m_address, m_port, WindowSize, RoundTripLimitNs, nullptr);
-    while (!m_netClock.isSynchronized() || m_netClock.getSynchronizedTime() == 0)
+    while (!m_netClock.isSynchronized() || !adoptOffset(measureOffset()))
     {
-        const auto now = std::chrono::steady_clock::now();
+        const auto now = SteadyClock::now();
         if (timeout && now - start >= *timeout)
             throw CommandFailure(
-                ExitCode::TimedOut, "the network clock at " + m_address + " port " +
-                                        std::to_string(m_port) + " could not be followed within " +
-                                        toText(*timeout));
+                ExitCode::TimedOut, name + " could not be followed within " + toText(*timeout));
+        const std::string problem = resolution.getProblem();
+        if (!told && (!problem.empty() || now - start >= UsualSyncTime))
+        {
+            told = true;
+            printNotice(
+                problem.empty() ? name + " does not answer yet: waiting for it"
+                                : "cannot find " + name + " (" + problem + "): trying on");
+        }
         if (stop.waitUntil(now + CheckInterval))
             return false;
     }
+    return !stop.isRequested();
+}
+
+bool StreamClock::update()
+{
+    if (m_choice != ClockChoice::External)
+        return false;
+    const auto offset = measureOffset();
+    if (!offset)
+        return false; // not synchronised now: the last estimate holds
+    const std::int64_t error = *offset - m_offset;
+    if (std::abs(error) > JumpNs)
+        return adoptOffset(offset);
+
+    const auto now = SteadyClock::now();
+    const std::int64_t limit = (now - m_lastUpdate).count() / SlopeDivisor;
+    m_offset += std::clamp(error, -limit, limit);
+    m_lastUpdate = now;
+    return false;
+}
+
+bool StreamClock::adoptOffset(const std::optional<std::int64_t>& offset)
+{
+    if (!offset)
+        return false;
+    m_offset = *offset;
+    m_lastUpdate = SteadyClock::now();
     return true;
 }
 
-TimeValue StreamClock::getTime() const
+TimeValue StreamClock::toStreamTime(SteadyTime local) const
 {
-    return m_port == 0 ? miscUtils::getMonotonicSysclockTime() : m_netClock.getSynchronizedTime();
+    return static_cast<TimeValue>(toNs(local) + m_offset);
+}
+
+StreamClock::SteadyTime StreamClock::toLocalTime(TimeValue streamTime) const
+{
+    return SteadyTime(nanoseconds(static_cast<std::int64_t>(streamTime) - m_offset));
+}
+
+/// Reads both clocks as close together as the scheduler lets it.
+std::optional<std::int64_t> StreamClock::measureOffset() const
+{
+    constexpr int NumTries = 3;
+    std::int64_t narrowest = std::numeric_limits<std::int64_t>::max();
+    std::optional<std::int64_t> offset;
+    for (int i = 0; i < NumTries; ++i)
+    {
+        const std::int64_t before = toNs(SteadyClock::now());
+        const auto time = static_cast<std::int64_t>(m_netClock.getSynchronizedTime());
+        const std::int64_t width = toNs(SteadyClock::now()) - before;
+        if (time == 0)
+            return std::nullopt;
+        if (width >= narrowest)
+            continue;
+        narrowest = width;
+        offset = time - before - width / 2;
+    }
+    return offset;
 }
 
 } // namespace vlx::tool

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -9,32 +10,61 @@
 #include <vlx/SideChannel.hpp>
 #include <vlx/VlxTypes.hpp>
 
+#include "common/ClockProvider.hpp"
+#include "common/CommonOptions.hpp"
+
 namespace vlx::tool
 {
 
 class StopSignal;
 
+/// Which clock a stream's timestamps stand on.
+enum class ClockChoice
+{
+    /// The machine's monotonic clock, that every process reads.
+    System,
+    /// The machine's monotonic clock, served to receivers over the network.
+    Served,
+    /// A network clock that somebody else serves.
+    External,
+};
+
 /// The clock that a sender stamps its frames by, and what it announces about it.
+///
+/// The estimate of an external clock moves by jerks, as it is refined. Here it is taken over by a
+/// slope; only a jump is followed at once.
 class StreamClock
 {
 public:
-    /// @param address  of a network clock; empty: the system's monotonic clock
-    /// @param port     of the network clock
-    StreamClock(std::string address, std::uint16_t port);
+    using SteadyTime = std::chrono::steady_clock::time_point;
+
+    /// @param address  where it is, or is served
+    /// @param port     UDP port; 0 when served: any
+    /// @throws CommandFailure if it cannot be served
+    StreamClock(ClockChoice choice, std::string address, std::uint16_t port);
 
     /// Waits until the clock can be read.
     ///
     /// @param timeout  unset: for ever
     /// @return whether it can; otherwise a stop was asked for
     /// @throws CommandFailure if the time-out has passed
-    bool waitUntilReady(const std::optional<std::chrono::nanoseconds>& timeout, StopSignal& stop);
+    bool waitUntilReady(const OptionalDuration& timeout, const StopSignal& stop);
 
-    /// @return nanoseconds
-    TimeValue getTime() const;
+    /// Takes a new look at the clock: to be called often.
+    ///
+    /// @return whether it has jumped: what toLocalTime() said before holds no more
+    bool update();
+
+    /// @return nanoseconds of the stream's clock
+    TimeValue toStreamTime(SteadyTime local) const;
+
+    /// @return when the stream's clock shows a time
+    SteadyTime toLocalTime(TimeValue streamTime) const;
 
     TimeSyncProtocol getProtocol() const
     {
-        return m_port == 0 ? TimeSyncProtocol::MonotonicSystemClock : TimeSyncProtocol::GstNetClock;
+        return m_choice == ClockChoice::System ? TimeSyncProtocol::MonotonicSystemClock
+                                               : TimeSyncProtocol::GstNetClock;
     }
 
     const std::string& getAddress() const
@@ -44,13 +74,20 @@ public:
 
     std::uint16_t getPort() const
     {
-        return m_port;
+        return m_provider ? m_provider->getPort() : m_port;
     }
 
 private:
+    std::optional<std::int64_t> measureOffset() const;
+    bool adoptOffset(const std::optional<std::int64_t>& offset);
+
+    const ClockChoice m_choice;
     const std::string m_address;
     const std::uint16_t m_port;
-    miscUtils::SyncedNetClock m_netClock;
+    std::unique_ptr<ClockProvider> m_provider; // of a served clock
+    miscUtils::SyncedNetClock m_netClock;      // follows an external one
+    std::int64_t m_offset = 0;                 // of the stream's clock to the steady one, ns
+    SteadyTime m_lastUpdate;
 };
 
 } // namespace vlx::tool

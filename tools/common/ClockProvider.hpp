@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+struct _GstNetTimeProvider;
+
+namespace vlx::tool
+{
+
+/// Serves this machine's monotonic clock to whoever follows it over the network: a net time provider
+/// of GStreamer.
+///
+/// The first one in a process initialises GStreamer, which can take 0.4 s and forks a short-lived
+/// helper process.
+class ClockProvider
+{
+public:
+    /// Begins to answer.
+    ///
+    /// @param address  numeric IP address that it is asked at
+    /// @param port     UDP port; 0: any that is free
+    /// @throws CommandFailure if it cannot have them
+    ClockProvider(const std::string& address, std::uint16_t port);
+    ~ClockProvider();
+
+    ClockProvider(const ClockProvider&) = delete;
+    ClockProvider& operator=(const ClockProvider&) = delete;
+
+    /// @return UDP port that it is asked at
+    std::uint16_t getPort() const
+    {
+        return m_port;
+    }
+
+private:
+    _GstNetTimeProvider* m_provider = nullptr;
+    std::uint16_t m_port;
+};
+
+} // namespace vlx::tool
