@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "Completions.hpp"
 #include "ExitCodes.hpp"
 #include "HelpFormatter.hpp"
 #include "LogSetup.hpp"
@@ -151,6 +152,15 @@ int runProgram(int argc, char** argv, const std::vector<Subcommand>& subcommands
     program.set_help_flag("-h,--help", "Print this help");
     program.footer(ExitCodeHelp);
     program.require_subcommand(1);
+    program
+        .add_option_function<std::string>(
+            "--completions",
+            [&program](const std::string& shell)
+            {
+                std::cout << makeCompletions(program, shell);
+                throw CLI::Success();
+            })
+        ->group(""); // hidden: asked for by the build
     std::vector<CLI::App*> parsers;
     for (const Subcommand& subcommand : subcommands)
         parsers.push_back(subcommand.add(program));
