@@ -27,7 +27,6 @@ struct OptionEntry
 struct CommandEntry
 {
     std::string path; // such as "send", "clock serve"; empty for the program
-    std::string help;
     std::vector<std::string> subcommands;
     std::vector<OptionEntry> options;
     bool takesFiles = false;
@@ -42,7 +41,10 @@ std::string shorten(const std::string& help)
 
 OptionEntry toEntry(const CLI::Option& option)
 {
-    OptionEntry entry{option.get_snames(), option.get_lnames(), shorten(option.get_description())};
+    OptionEntry entry;
+    entry.shortNames = option.get_snames();
+    entry.longNames = option.get_lnames();
+    entry.help = shorten(option.get_description());
     const std::string type = option.get_type_name();
     entry.takesValue = option.get_type_size() != 0;
     entry.takesFile = entry.takesValue && type == "FILE";
@@ -56,7 +58,8 @@ OptionEntry toEntry(const CLI::Option& option)
 void collect(const CLI::App& app, const std::string& path, std::vector<CommandEntry>& entries)
 {
     const auto subcommands = app.get_subcommands(std::function<bool(const CLI::App*)>());
-    CommandEntry entry{path, shorten(app.get_description())};
+    CommandEntry entry;
+    entry.path = path;
     for (const CLI::App* const each : subcommands)
         entry.subcommands.push_back(each->get_name());
     for (const CLI::Option* const option : app.get_options())

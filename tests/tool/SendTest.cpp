@@ -1,0 +1,237 @@
+// "vlx send": its inputs, its clocks, and what it does when something is late.
+
+#include <algorithm>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <miscUtils/MiscUtils.hpp>
+#include <vlxkit/Discovery.hpp>
+
+#include "support/TestProvider.hpp"
+#include "tool/ToolFixture.hpp"
+
+namespace vlx::testing
+{
+
+namespace
+{
+
+using std::chrono::milliseconds;
+
+class SendTest : public ToolTest
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        gst_init(nullptr, nullptr); // what it keeps is no leak of a test
+    }
+
+    std::string readText(const std::string& path) const
+    {
+        std::ifstream stream(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(stream), {}};
+    }
+
+    /// Runs a sender to its end into a raw recording. In a pipeline nothing is lost.
+    void transfer(std::vector<std::string> input, const ToolSettings& settings = {})
+    {
+        ToolProcess receiver(receive({file("out.raw"), "-q", "--oneshot"}));
+        input.insert(input.end(), {"--protocol", "pipeline", "--report", file("s.json")});
+        ToolProcess sender(send(input), settings);
+        ASSERT_EQ(sender.wait(), 0) << sender.getErrors();
+        ASSERT_EQ(receiver.wait(), 0) << receiver.getErrors();
+    }
+};
+
+TEST_F(SendTest, EveryRawFormatArrivesBitForBit)
+{
+    std::string bytes;
+    for (int i = 0; i < 2 * 8 * 720; ++i)
+        bytes += static_cast<char>(i * 37 + i / 256);
+    std::ofstream(file("in.raw"), std::ios::binary) << bytes;
+    for (const char* const format :
+         {"s8", "U8", "S16_LE", "s16be", "S24_3LE", "s24be", "s32", "pcm_s32be", "FLOAT_LE",
+          "f32be", "f64le", "FLOAT64_BE"})
+    {
+        SCOPED_TRACE(format);
+        transfer({file("in.raw"), "-f", format, "-r", "192k"});
+        EXPECT_TRUE(readText(file("out.raw")) == bytes);
+    }
+}
+
+TEST_F(SendTest, WavFromAPipeIsPlayedAndOtherFilesAreRefused)
+{
+    writeNoise(file("a.wav"), SF_FORMAT_WAV | SF_FORMAT_PCM_24, 3);
+    writeNoise(file("a.flac"), SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 1);
+    ToolSettings wav, flac;
+    wav.input = readText(file("a.wav"));
+    flac.input = readText(file("a.flac"));
+    transfer({"-"}, wav);
+    EXPECT_EQ(readJson(file("s.json"))["sample_format"], "S24LE");
+    EXPECT_EQ(readJson(file("s.json"))["samples"], SourceSamples);
+    const std::string samples = readText(file("out.raw"));
+    EXPECT_NE(wav.input->find(samples), std::string::npos);
+
+    ToolSettings closed, empty;
+    closed.closed = {0};
+    struct Row
+    {
+        std::vector<std::string> arguments;
+        const ToolSettings& settings;
+        const char* message;
+    };
+    for (const Row& row :
+         {Row{{"-"}, flac, "FLAC"}, Row{{"-", "-c", "1"}, wav, "leave out"},
+          Row{{"-"}, empty, "empty"}, Row{{"-"}, closed, "closed"}})
+    {
+        ToolProcess sender(send(row.arguments), row.settings);
+        EXPECT_EQ(sender.wait(), 1);
+        EXPECT_NE(sender.getErrors().find(row.message), std::string::npos) << sender.getErrors();
+        EXPECT_EQ(countLines(sender.getErrors()), 1U) << sender.getErrors();
+    }
+}
+
+TEST_F(SendTest, FifoThatNobodyWritesToEndsAtStopAndTimeout)
+{
+    for (const std::string name : {"a.wav", "a.raw"})
+    {
+        ASSERT_EQ(::mkfifo(file(name).c_str(), 0600), 0);
+        ToolProcess patient(send({file(name), "--timeout", "50ms"}));
+        EXPECT_EQ(patient.wait(), 3);
+        EXPECT_NE(patient.getErrors().find("nothing came from"), std::string::npos);
+        ToolProcess waiting(send({file(name), "-vvv"}));
+        EXPECT_EQ(waiting.stop(), 128 + SIGTERM);
+    }
+}
+
+TEST_F(SendTest, FilesInARowBeginASequenceWhereTheFormatChanges)
+{
+    writeNoise(file("a.wav"), SF_FORMAT_WAV | SF_FORMAT_PCM_16, 1);
+    writeNoise(file("b.wav"), SF_FORMAT_WAV | SF_FORMAT_PCM_24, 2);
+    // The name is no UTF-8 either.
+    ToolProcess sender(send(
+        {file("a.wav"), file("a.wav"), file("b.wav"), "--latency", "1h", "--report",
+         file("\xff.json")}));
+    EXPECT_EQ(sender.wait(), 0) << sender.getErrors();
+    const json report = readJson(file("\xff.json"));
+    EXPECT_EQ(report["samples"], 3 * SourceSamples);
+    // On a busy machine there can be more runs; the last format's first one is where it began.
+    const auto runs = report["runs"];
+    const auto second = std::find_if(
+        runs.begin(), runs.end(), [](const json& run) { return run.contains("channels"); });
+    ASSERT_NE(second, runs.end());
+    EXPECT_EQ((*second)["sample"], 2 * SourceSamples);
+    EXPECT_EQ((*second)["channels"], 2);
+    EXPECT_GT(runs.at(0)["timestamp"], miscUtils::getMonotonicSysclockTime());
+}
+
+TEST_F(SendTest, LastFrameIsWaitedForAsLongAsItIs)
+{
+    ToolProcess sender(send({"--silence", "--frame", "1h", "-d", "50ms"}));
+    EXPECT_EQ(sender.wait(), 0) << sender.getErrors();
+}
+
+TEST_F(SendTest, TakenNameIsReplacedByTheAlternative)
+{
+    ToolProcess first(send({"--tone", "1"}));
+    ASSERT_TRUE(waitFor([&] { return kit::isNameTaken(getSocketName()); }));
+    const std::string other = getSocketName() + "-other";
+    ToolProcess second(send({"--tone", "1", "--alternative", other, "-d", "1ms"}));
+    EXPECT_EQ(second.wait(), 0);
+    EXPECT_NE(second.getErrors().find("sending as \"" + other), std::string::npos);
+    EXPECT_EQ(first.stop(), 128 + SIGTERM);
+}
+
+TEST_F(SendTest, CatchingUpAfterAPauseLosesNothing)
+{
+    // A machine too busy to move frames loses some by itself: one quiet try is enough.
+    constexpr int NumTries = 8;
+    constexpr auto Pause = milliseconds(400);
+    bool nothingLost = false;
+    for (int i = 0; i < NumTries && !nothingLost; ++i)
+    {
+        ToolProcess receiver(
+            receive({file("a.wav"), "-q", "-d", "1s", "--report", file("r.json")}));
+        ToolProcess sender(send({"--tone", "440", "--wait-receivers", "1"}));
+        ASSERT_TRUE(waitForSize(file("a.wav"), 20000));
+        sender.signal(SIGSTOP);
+        std::this_thread::sleep_for(Pause); // the fault itself
+        sender.signal(SIGCONT);
+        EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
+        EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+        nothingLost = readJson(file("r.json"))["connections"].at(0)["gaps"] == 0;
+    }
+    EXPECT_TRUE(nothingLost);
+}
+
+TEST_F(SendTest, TimestampsFollowAClockThatJumps)
+{
+    constexpr std::int64_t Jump = 1'000'000'000'000;
+    constexpr std::int64_t Tolerance = 20'000'000;
+    TestProvider provider;
+    provider.start(2 * Jump);
+    ToolProcess sender(send(
+        {"--tone", "1", "--clock-address", provider.getAddress(), "--clock-port",
+         std::to_string(provider.getPort()), "--report", file("s.json")}));
+    const auto getRuns = [&]
+    {
+        const json report = readJson(file("s.json"));
+        return report.is_object() ? report["runs"] : json();
+    };
+    ASSERT_TRUE(waitFor([&] { return !getRuns().empty(); })) << sender.getErrors();
+    const auto begin = static_cast<std::int64_t>(miscUtils::getMonotonicSysclockTime());
+    provider.stop();
+    provider.start(Jump);
+    const auto hasJumped = [&]
+    {
+        const std::int64_t time = getRuns().back()["timestamp"];
+        const auto now = static_cast<std::int64_t>(miscUtils::getMonotonicSysclockTime());
+        return time > begin + Jump - Tolerance && time < now + Jump + Tolerance;
+    };
+    EXPECT_TRUE(waitFor(hasJumped, std::chrono::seconds(30))) << getRuns();
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+    provider.stop();
+}
+
+TEST_F(SendTest, ServedClockIsAnnouncedAndAnswers)
+{
+    ToolProcess sender(send({"--tone", "1", "--clock", "net"}));
+    const auto getInfo = [&]
+    { return kit::probeSender(getSocketName(), milliseconds(500)).initialInfo; };
+    ASSERT_TRUE(waitFor([&] { return getInfo().has_value(); })) << sender.getErrors();
+    const auto info = getInfo();
+    ASSERT_TRUE(info);
+    EXPECT_EQ(info->timeSyncProtocol, TimeSyncProtocol::GstNetClock);
+    ToolProcess follower(
+        {"send", "-s", getSocketName() + "-2", "--tone", "1", "-d", "20ms", "--clock-address",
+         info->timeSyncIPAddress, "--clock-port", std::to_string(info->timeSyncPort)});
+    EXPECT_EQ(follower.wait(), 0) << follower.getErrors();
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+}
+
+TEST_F(SendTest, ClosedStreamsCatchNoMessages)
+{
+    ToolSettings settings;
+    settings.closed = {0, 1, 2};
+    ToolProcess sender(
+        send({"--tone", "1", "-d", "10ms", "-vvv", "--report", file("s.json")}), settings);
+    EXPECT_EQ(sender.wait(), 0);
+    EXPECT_EQ(readJson(file("s.json"))["finished"], true);
+}
+
+TEST_F(SendTest, CompletionsNameEverySubcommandAndOption)
+{
+    for (const char* const shell : {"bash", "zsh", "fish"})
+    {
+        ToolProcess process({"--completions", shell});
+        EXPECT_EQ(process.wait(), 0);
+        for (const char* const word : {"send", "receive", "wait-receivers", "owner group all"})
+            EXPECT_NE(process.getOutput().find(word), std::string::npos) << shell << word;
+    }
+}
+
+} // namespace
+
+} // namespace vlx::testing
