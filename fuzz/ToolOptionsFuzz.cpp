@@ -65,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
          {send.frame, send.duration, send.timeout, receive.duration, receive.timeout,
           receive.stall})
         check(!duration || duration->count() > 0, "a duration is longer than nothing");
-    const kit::StreamFormat& format = send.format;
+    const kit::StreamFormat& format = send.input.format;
     check(audioUtils::isValid(format.sampleFormat), "the sample format is a format");
     check(format.rate >= 1 && format.rate <= 2'000'000'000, "the rate is in its range");
     check(format.channels >= 1 && format.channels <= 255, "the channel count is in its range");

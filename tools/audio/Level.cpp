@@ -24,31 +24,23 @@ constexpr double getFullScale()
 
 } // unnamed namespace
 
-std::vector<ChannelLevel> measureLevels(const ByteView& bytes, const kit::StreamFormat& format)
+double measurePeak(const ByteView& bytes, audioUtils::PcmFormat format)
 {
-    std::vector<ChannelLevel> levels(format.channels);
     SampleValues values;
-    decodeSamples(bytes, format.sampleFormat, values);
-    std::visit(
-        [&](const auto& vector)
+    decodeSamples(bytes, format, values);
+    return std::visit(
+        [](const auto& vector)
         {
             using Value = typename std::decay_t<decltype(vector)>::value_type;
-            for (std::size_t i = 0; i < vector.size(); ++i)
-            {
-                const double value = static_cast<double>(vector[i]) / getFullScale<Value>();
-                ChannelLevel& level = levels[i % format.channels];
-                level.peak = std::max(level.peak, std::abs(value));
-                level.rms += value * value;
-            }
-            const auto numSamples = static_cast<double>(vector.size() / format.channels);
-            for (ChannelLevel& level : levels)
-                level.rms = numSamples > 0 ? std::sqrt(level.rms / numSamples) : 0;
+            double peak = 0;
+            for (const Value value : vector)
+                peak = std::max(peak, std::abs(static_cast<double>(value)));
+            return peak / getFullScale<Value>();
         },
         values);
-    return levels;
 }
 
-double toDbfs(double level)
+double toDecibels(double level)
 {
     constexpr double Lowest = -120;
     return level > 0 ? std::max(20 * std::log10(level), Lowest) : Lowest;

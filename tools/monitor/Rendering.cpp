@@ -11,6 +11,7 @@
 
 #include <vlx/VlxReceiver.hpp>
 
+#include "audio/Level.hpp"
 #include "common/SenderReport.hpp"
 
 namespace vlx::tool
@@ -18,8 +19,6 @@ namespace vlx::tool
 
 namespace
 {
-
-constexpr double LowestDecibels = -120;
 
 // The bars show this range.
 constexpr double BarBottomDecibels = -60;
@@ -180,11 +179,6 @@ std::string quoteLabel(const std::string& text)
 }
 
 } // unnamed namespace
-
-double toDecibels(double level)
-{
-    return level > 0 ? std::max(20 * std::log10(level), LowestDecibels) : LowestDecibels;
-}
 
 std::string renderLine(const StreamSnapshot& snapshot)
 {

@@ -11,9 +11,6 @@
 namespace vlx::tool
 {
 
-/// @return a level in dBFS; at least -120, also for silence
-double toDecibels(double level);
-
 /// @return one line about one stream, without its end
 std::string renderLine(const StreamSnapshot& snapshot);
 

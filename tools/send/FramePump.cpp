@@ -253,13 +253,11 @@ std::string FramePump::describeProgress() const
     else if (m_settings.duration)
         text += " of " + toClockText(toNs(*m_settings.duration));
 
-    double peak = 0;
-    for (const ChannelLevel& level : measureLevels(m_frame, m_format))
-        peak = std::max(peak, level.peak);
     char more[96];
     std::snprintf(
         more, sizeof(more), "  %llu frames  receivers: %zu  peak: %.1f dBFS",
-        static_cast<unsigned long long>(m_report.frames), m_numReceivers, toDbfs(peak));
+        static_cast<unsigned long long>(m_report.frames), m_numReceivers,
+        toDecibels(measurePeak(m_frame, m_format.sampleFormat)));
     return text + more;
 }
 
