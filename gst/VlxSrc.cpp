@@ -237,6 +237,7 @@ bool Src::onPlaying()
         std::erase_if(
             m_items, [](const Item& item) { return std::holds_alternative<QueuedFrame>(item); });
         m_queuedNs = 0;
+        m_discont = true;
         m_playing = true;
         if (m_consumer)
             return true;
