@@ -236,7 +236,8 @@ void FramePump::showProgress()
     if (now < m_nextProgress)
         return;
     m_nextProgress = now + ProgressInterval;
-    m_numReceivers = m_producer.checkReceivers();
+    // Only counts: a sequence that began right behind a frame could be lost to a busy receiver.
+    m_numReceivers = m_producer.getStatistics().receivers;
     printProgress(describeProgress());
 }
 
