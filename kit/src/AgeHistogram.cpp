@@ -10,7 +10,7 @@ namespace
 {
 
 // Buckets between a power of two and the next: a value lies within 1/64 of its bucket's middle.
-constexpr unsigned BucketsPerOctave = 32;
+constexpr std::size_t BucketsPerOctave = 32;
 constexpr unsigned FirstOctave = 5; // below 32 each value has a bucket of its own
 
 std::size_t toBucket(std::uint64_t value)

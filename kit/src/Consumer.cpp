@@ -444,7 +444,7 @@ SenderProbe Consumer::Impl::askSender()
         m_wakeup.wait(timeoutMs, m_question->getFD());
         m_question->advance();
     }
-    const SenderProbe answer = m_question->getAnswer();
+    SenderProbe answer = m_question->getAnswer();
     m_question.reset();
     return answer;
 }

@@ -109,9 +109,10 @@ ConsumerRecord::Place ConsumerRecord::onFrame(
 /// A PCM frame has a length even if its sender does not say it.
 TimeValue ConsumerRecord::getLength(TimeValue duration, std::size_t size) const
 {
-    return duration != 0 || !m_format
-               ? duration
-               : m_format->toNanoseconds(size / m_format->getBytesPerSample());
+    if (duration != 0 || !m_format)
+        return duration;
+    const std::size_t bytesPerSample = m_format->getBytesPerSample();
+    return bytesPerSample == 0 ? 0 : m_format->toNanoseconds(size / bytesPerSample);
 }
 
 std::int64_t ConsumerRecord::measureGap(TimeValue timestamp, TimeValue length)

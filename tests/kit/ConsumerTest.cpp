@@ -171,7 +171,7 @@ class ScriptedSender
 public:
     ScriptedSender(const std::string& name, const Script& script = {})
         : m_script(script),
-          m_directory(std::string(std::getenv("TMPDIR")) + "/VlxSender-raw"),
+          m_directory(std::filesystem::temp_directory_path() / "VlxSender-raw"),
           m_created(std::filesystem::create_directory(m_directory)),
           m_sender(
               name,
