@@ -47,6 +47,7 @@ constexpr std::size_t bytesPerSample(PcmFormat format)
     return isValid(format) ? Sizes[static_cast<std::size_t>(format)] : 0;
 }
 
+/// @param format       of one value
 /// @param numChannels  interleaved channels
 /// @return bytes that one sample of every channel takes; 0 for a value that is no enumerator
 constexpr std::size_t bytesPerFrame(PcmFormat format, std::size_t numChannels)

@@ -27,6 +27,7 @@ public:
     /// known by its bucket only.
     VLX_API AgeHistogram& operator-=(const AgeHistogram& earlier);
 
+    /// @return how many were counted
     std::uint64_t getCount() const
     {
         return m_count;
@@ -40,7 +41,7 @@ public:
     VLX_API std::optional<std::int64_t> getMax() const;
 
 private:
-    static constexpr std::size_t NumBuckets = 59 * 32; // as far as the largest signed number
+    static constexpr std::size_t NumBuckets = 59U * 32U; // as far as the largest signed number
 
     std::array<std::uint64_t, NumBuckets> m_buckets{};
     std::uint64_t m_count = 0;

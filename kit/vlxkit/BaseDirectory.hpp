@@ -16,8 +16,10 @@ enum class BaseDirectoryUse
     Receive,
 };
 
+/// What was found out about the base directory.
 struct BaseDirectory
 {
+    /// As senders and receivers use it.
     std::string path;
     /// Empty if the directory can be used; otherwise one line that says what is wrong with it.
     std::string problem;
@@ -33,6 +35,7 @@ struct BaseDirectory
 /// The library makes no such check: a sender without the directory fails to initialise, and a
 /// receiver without it finds starting senders late. Call this before either is initialised.
 ///
+/// @param use        what it has to serve for
 /// @param directory  empty: "TMPDIR", or "/tmp/vlx"
 /// @thread any
 VLX_API BaseDirectory prepareBaseDirectory(BaseDirectoryUse use, const std::string& directory = {});

@@ -28,6 +28,7 @@ struct ConsumerOptions
     /// A joined stream without a frame for so long is joined again; zero: never. The time doubles
     /// with each attempt that brought nothing, up to sixteenfold.
     std::chrono::nanoseconds stallTimeout = std::chrono::seconds(2);
+    /// Of the stream's threads.
     RealTime realTime = {};
 };
 
@@ -49,6 +50,7 @@ struct Frame
 /// Something that happened to the connection.
 struct ConsumerEvent
 {
+    /// What happened.
     enum class Kind
     {
         /// A sender was joined; the format and frames follow.
@@ -72,8 +74,8 @@ struct ConsumerEvent
         Failed,
     };
 
-    Kind kind = Kind::Joined;
-    TimeValue time = 0; ///< nanoseconds of CLOCK_MONOTONIC
+    Kind kind = Kind::Joined; ///< what happened
+    TimeValue time = 0;       ///< nanoseconds of CLOCK_MONOTONIC
     /// One line for a user: what happened, why, and what to do where something can be done. For
     /// NotPermitted it names path and mode of the socket file and the sender's --socket-mode.
     std::string text;
@@ -104,15 +106,15 @@ struct ConsumerStatistics
 {
     /// Connecting as well while somebody is left alone; Idle only before start() and after stop().
     Receiver::State state = Receiver::State::Idle;
-    std::uint64_t frames = 0;
-    std::uint64_t bytes = 0; ///< of media data
-    std::uint64_t sequences = 0;
+    std::uint64_t frames = 0;      ///< received
+    std::uint64_t bytes = 0;       ///< of media data
+    std::uint64_t sequences = 0;   ///< announced
     std::uint64_t gaps = 0;        ///< positive gaps between frames, within and across connections
     TimeValue gapNs = 0;           ///< their sum
     std::uint64_t overlaps = 0;    ///< negative gaps
     std::uint64_t connections = 0; ///< that brought a frame
     std::uint64_t reconnects = 0;  ///< connections after the first
-    std::uint64_t stalls = 0;
+    std::uint64_t stalls = 0;      ///< connections given up without frames
     /// From start(), or from the loss of the connection before, to the first frame; of the present
     /// or last connection, nanoseconds; 0 before.
     TimeValue joinNs = 0;
@@ -120,6 +122,7 @@ struct ConsumerStatistics
     /// frames that came before its network clock was synchronised.
     AgeHistogram ages;
     StreamFormat format = {}; ///< of the present or last PCM sequence
+    /// Of the present connection.
     Receiver::StreamClockType clock = Receiver::StreamClockType::Undetermined;
     /// The stream's clock can be told: always for the system's, once synchronised for a network's.
     bool clockSynchronized = false;
@@ -146,6 +149,7 @@ struct ConsumerStatistics
 class Consumer
 {
 public:
+    /// A consumer that does nothing yet.
     VLX_API Consumer(ConsumerOptions options, ConsumerCallbacks callbacks);
 
     /// Calls stop().

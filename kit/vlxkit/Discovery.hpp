@@ -10,10 +10,10 @@
 #include <vector>
 
 #include <sys/types.h>
-#include <vlxkit/StreamFormat.hpp>
 
 #include <vlx/SideChannel.hpp>
 #include <vlx/VlxTypes.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
 namespace vlx::kit
 {
@@ -60,10 +60,10 @@ VLX_API SenderProbe probeSender(const std::string& name, std::chrono::millisecon
 /// One sender of this machine.
 struct SenderEntry
 {
-    std::string name;
-    pid_t process = 0;
+    std::string name;    ///< of the stream
+    pid_t process = 0;   ///< of the sender
     std::string command; ///< name of its program
-    uid_t user = 0;
+    uid_t user = 0;      ///< of the process
     /// Receivers that are joined, by the connections to its name; a probe counts while it asks.
     std::size_t receivers = 0;
     /// Path of its socket file as the kernel knows it; empty in Pipeline, and if its process has
@@ -87,7 +87,7 @@ VLX_API SenderList listSenders();
 /// A directory that a killed sender has left behind.
 struct DeadDirectory
 {
-    std::string path;
+    std::string path; ///< the whole
     /// Empty if it was removed, otherwise why not, in one line.
     std::string problem;
 };

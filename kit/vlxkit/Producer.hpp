@@ -9,12 +9,11 @@
 #include <memory>
 #include <string>
 
-#include <vlxkit/RealTime.hpp>
-#include <vlxkit/StreamFormat.hpp>
-
 #include <vlx/SideChannel.hpp>
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxTypes.hpp>
+#include <vlxkit/RealTime.hpp>
+#include <vlxkit/StreamFormat.hpp>
 
 namespace vlx::kit
 {
@@ -38,17 +37,20 @@ struct ProducerOptions
     std::string name;
     /// Taken when another sender holds the name; empty: none, opening then fails.
     std::string alternativeName = {};
+    /// For any number of receivers, or for one.
     NanomsgProtocol protocol = NanomsgProtocol::PubSub;
     /// Clock that the timestamps stand on, as announced.
     TimeSyncProtocol clock = TimeSyncProtocol::MonotonicSystemClock;
     /// Announced address and port of the network clock's provider; empty and 0: none.
     std::string clockAddress = {};
-    std::uint16_t clockPort = 0;
+    std::uint16_t clockPort = 0; ///< UDP port of the same
+    /// Who may join.
     SocketMode socketMode = SocketMode::Owner;
     /// Where senders and receivers of this machine meet; empty: "TMPDIR", or "/tmp/vlx", which is
     /// made if it is missing. Any other directory must exist; "TMPDIR" is then set to it while the
     /// stream is opened, so no other thread may use the environment at that moment.
     std::string baseDirectory = {};
+    /// Of the stream's threads.
     RealTime realTime = {};
     /// Gets what a user may want to know and no error is, one line each, on the thread that calls
     /// open(). Empty: such lines go to the logger "Vellox.Kit" as WARN.
@@ -58,10 +60,10 @@ struct ProducerOptions
 /// Counts of a producer since its construction.
 struct ProducerStatistics
 {
-    std::uint64_t frames = 0;
-    std::uint64_t bytes = 0; ///< of media data
-    std::uint64_t sequences = 0;
-    std::size_t receivers = 0; ///< joined now
+    std::uint64_t frames = 0;    ///< sent
+    std::uint64_t bytes = 0;     ///< of media data
+    std::uint64_t sequences = 0; ///< opened
+    std::size_t receivers = 0;   ///< joined now
 };
 
 /// Sends one stream. It opens the stream so that nobody misses its beginning, keeps those on board
@@ -76,6 +78,7 @@ struct ProducerStatistics
 class Producer
 {
 public:
+    /// A producer that does nothing yet.
     VLX_API explicit Producer(ProducerOptions options);
 
     /// Calls close().
@@ -123,6 +126,7 @@ public:
 
     /// Waits until so many receivers have joined. In Pipeline a receiver counts when it has bound.
     ///
+    /// @param count    receivers
     /// @param timeout  zero: as long as it takes
     /// @return false if the time ran out or stop() was called
     VLX_API bool waitForReceivers(

@@ -24,7 +24,7 @@ enum class RealTimeUse
 /// on a quiet one it changes little.
 struct RealTime
 {
-    RealTimeUse use = RealTimeUse::Off;
+    RealTimeUse use = RealTimeUse::Off; ///< whether
     /// Round-robin priority, 1 to 99. Low ones suffice: any is above every ordinary thread.
     int priority = 10;
 };

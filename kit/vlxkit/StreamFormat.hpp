@@ -15,10 +15,12 @@ namespace vlx::kit
 /// Format of an uncompressed stream. In the kit a "sample" is one value of every channel.
 struct StreamFormat
 {
+    /// Of one value.
     audioUtils::PcmFormat sampleFormat = audioUtils::PcmFormat::S16LE;
     std::uint32_t rate = 48000; ///< samples per second, at least 1
     std::uint32_t channels = 2; ///< at least 1
 
+    /// Every field.
     bool operator==(const StreamFormat&) const = default;
 
     /// @return bytes of one sample; 0 for a format that is no enumerator
