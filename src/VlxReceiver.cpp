@@ -780,37 +780,33 @@ bool Receiver::listenForInput()
         }
 
         const ByteView packet = message.getBytes();
-        if (packet.size() < MinPacketBytes)
+        switch (takePacket(packet))
         {
+        case PacketResult::TooShort:
             LOG4CPLUS_ERROR(
                 logger,
                 "Received nanomsg VLX packet is too short: " << packet.size() << " byte(s)");
             return true;
-        }
-        if (!shouldPacketBeKept(packet))
-        {
+        case PacketResult::Refused:
             LOG4CPLUS_TRACE(
                 logger,
                 "Dropping received nanomsg VLX packet with " << packet.size() << " byte(s)");
             return true;
-        }
-        switch (m_depayloaderList.consumePacket(packet))
-        {
-        case DepayloaderList::ConsumePacketRetcode::NoMatchingDepayloader:
+        case PacketResult::NoMatchingDepayloader:
             LOG4CPLUS_WARN(
                 logger, "Could not select an VLX depayloader for this stream; its packets will be "
                         "skipped");
             return true;
-        case DepayloaderList::ConsumePacketRetcode::NoCurrentDepayloader:
+        case PacketResult::NoCurrentDepayloader:
             LOG4CPLUS_WARN(
                 logger,
                 "Dropping received nanomsg VLX Frame packet because no matching VLX depayloader "
                 "was previously found");
             return true;
-        case DepayloaderList::ConsumePacketRetcode::Error:
+        case PacketResult::Error:
             LOG4CPLUS_ERROR(logger, "Error while consuming VLX packet");
             return false;
-        case DepayloaderList::ConsumePacketRetcode::Ok:
+        case PacketResult::Consumed:
             break;
         }
 
@@ -841,38 +837,37 @@ bool Receiver::listenForInput()
             return true;
 
         const ByteView packet(m_sidechannelBuffer);
-        if (packet.size() < MinPacketBytes)
+        const PacketResult outcome = takePacket(packet);
+        const PacketType type = m_depayloaderList.getCurrentPacketType();
+        if (outcome != PacketResult::TooShort && outcome != PacketResult::Refused)
         {
+            LOG4CPLUS_TRACE(
+                logger, "Received sidechannel VLX packet with "
+                            << packet.size() << " byte(s); type: " << toString(type));
+        }
+        switch (outcome)
+        {
+        case PacketResult::TooShort:
             LOG4CPLUS_ERROR(
                 logger,
                 "Received sidechannel VLX packet is too short: " << packet.size() << " byte(s)");
             return false;
-        }
-        if (!shouldPacketBeKept(packet))
-        {
+        case PacketResult::Refused:
             LOG4CPLUS_DEBUG(
                 logger,
                 "Dropping received sidechannel VLX packet with " << packet.size() << " bytes");
             return true;
-        }
-        const auto retcode = m_depayloaderList.consumePacket(packet);
-        const PacketType type = m_depayloaderList.getCurrentPacketType();
-        LOG4CPLUS_TRACE(
-            logger, "Received sidechannel VLX packet with "
-                        << packet.size() << " byte(s); type: " << toString(type));
-        switch (retcode)
-        {
-        case DepayloaderList::ConsumePacketRetcode::NoMatchingDepayloader:
+        case PacketResult::NoMatchingDepayloader:
             LOG4CPLUS_ERROR(
                 logger, "Got a SequenceInfo packet, but no matching payloader was found");
             return false;
-        case DepayloaderList::ConsumePacketRetcode::NoCurrentDepayloader:
+        case PacketResult::NoCurrentDepayloader:
             LOG4CPLUS_ERROR(logger, "Got a Frame packet, but no payloader is present");
             return false;
-        case DepayloaderList::ConsumePacketRetcode::Error:
+        case PacketResult::Error:
             LOG4CPLUS_ERROR(logger, "Error while consuming VLX packet");
             return false;
-        case DepayloaderList::ConsumePacketRetcode::Ok:
+        case PacketResult::Consumed:
             break;
         }
         if (type == PacketType::SequenceInfo)
@@ -885,6 +880,27 @@ bool Receiver::listenForInput()
         }
     }
     return true;
+}
+
+Receiver::PacketResult Receiver::takePacket(const ByteView& packet)
+{
+    if (packet.size() < MinPacketBytes)
+        return PacketResult::TooShort;
+    if (!shouldPacketBeKept(packet))
+        return PacketResult::Refused;
+
+    switch (m_depayloaderList.consumePacket(packet))
+    {
+    case DepayloaderList::ConsumePacketRetcode::NoMatchingDepayloader:
+        return PacketResult::NoMatchingDepayloader;
+    case DepayloaderList::ConsumePacketRetcode::NoCurrentDepayloader:
+        return PacketResult::NoCurrentDepayloader;
+    case DepayloaderList::ConsumePacketRetcode::Error:
+        return PacketResult::Error;
+    case DepayloaderList::ConsumePacketRetcode::Ok:
+        break;
+    }
+    return PacketResult::Consumed;
 }
 
 bool Receiver::shouldPacketBeKept(const ByteView& packet)

@@ -11,7 +11,6 @@
 #include <nanomsg/pipeline.h>
 #include <nanomsg/pubsub.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>

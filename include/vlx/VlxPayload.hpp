@@ -59,22 +59,35 @@ VLX_API void produceSequenceInfoPacket(
 /// Base of all payloaders: knows its codec's FourCC and header, and wraps media frames into
 /// packets. A codec derives from it and fills `m_codecHeader`. One that changes the bytes of a
 /// frame overrides both virtual operations, consistently.
+///
+/// A sender calls both with its own lock held: never call the sender from here, and take no lock that
+/// another caller of the sender holds.
 class VLX_API Payloader
 {
 public:
+    /// @param fourcc  code of the codec, four characters, lowest byte first
     explicit Payloader(std::uint32_t fourcc);
     virtual ~Payloader();
 
     Payloader(const Payloader&) = delete;
     Payloader& operator=(const Payloader&) = delete;
 
+    /// Tells the size of a frame's payload. Called exactly once for each frame, directly before
+    /// wrapFrame() with the same data: an encoder whose size is known only afterwards encodes here,
+    /// into a `mutable` buffer, and wrapFrame() copies from it.
+    ///
     /// @return number of bytes that wrapFrame() will write for this frame; here: the frame's size
     virtual std::size_t getSizeForWrappedFrame(const ByteView& mediaData) const;
 
     /// Writes a frame's payload into a packet; here: the media bytes, unchanged.
     ///
+    /// It may throw: the frame is then not sent, and the exception leaves the sender's
+    /// sendMediaData(), which works again at the next call. The same holds for
+    /// getSizeForWrappedFrame().
+    ///
     /// @param packet        already large enough; its size is not changed
     /// @param packetOffset  where the payload begins, in bytes
+    /// @param mediaData     the frame; valid only during the call
     /// @pre (packetOffset + mediaData.size()) <= packet.size(); checked by assertion
     virtual void wrapFrame(Buffer& packet, std::size_t packetOffset, const ByteView& mediaData);
 
@@ -99,7 +112,10 @@ public:
         const ByteView& mediaData);
 
 protected:
+    /// The FourCC given at construction.
     const std::uint32_t m_fourcc;
+    /// What every announcement of a sequence carries. Replace it while no sender uses it, then start
+    /// a new sequence.
     Buffer m_codecHeader;
 };
 
@@ -107,6 +123,7 @@ protected:
 class VLX_API Depayloader
 {
 public:
+    /// @param fourcc  code of the codec, four characters, lowest byte first
     explicit Depayloader(std::uint32_t fourcc);
     virtual ~Depayloader();
 
@@ -122,6 +139,11 @@ public:
 
     /// Turns a Frame packet's payload into media data; here: a copy.
     ///
+    /// It must not throw: in a receiver that ends the process. It has no way to refuse a payload and
+    /// sees neither timestamps nor losses: what cannot be decoded becomes an empty buffer, or what
+    /// the codec plays instead, and the media-data callback, which sees a gap in the timestamps,
+    /// decides what to do about it.
+    ///
     /// @param payload  valid only during the call; may be empty
     /// @return the media data
     /// @thread a receiver's worker thread
@@ -129,7 +151,9 @@ public:
 
     /// Forgets what belongs to one stream; here: nothing.
     ///
-    /// A receiver calls it with its own lock held: never call a receiver from here.
+    /// A receiver calls it, for every depayloader that it has, after each connection and when it
+    /// stops, not before the first connection: begin in the state that reset() leaves. It does so
+    /// with its own lock held: never call a receiver from here.
     /// @thread a receiver's worker thread, or the one that resets a list
     virtual void reset();
 
@@ -137,6 +161,7 @@ public:
     std::uint32_t getFourcc() const;
 
 protected:
+    /// The FourCC given at construction.
     const std::uint32_t m_fourcc;
 };
 
@@ -159,6 +184,7 @@ public:
         NoCurrentDepayloader = 3,
     };
 
+    /// An empty list. Depayloaders that are added later are not reset by that.
     VLX_API DepayloaderList();
 
     /// Registers a depayloader under its FourCC. One that was registered under the same FourCC
@@ -254,6 +280,7 @@ public:
 class VLX_API PcmDepayloader : public Depayloader
 {
 public:
+    /// Without a format until the first header.
     PcmDepayloader();
     ~PcmDepayloader() override;
 

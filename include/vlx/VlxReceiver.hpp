@@ -23,8 +23,8 @@ namespace vlx
 ///
 /// Threads: one worker and one monitor thread per initialised receiver, and with a network clock
 /// the clock's own. Callbacks run on the worker thread unless they say otherwise, with no lock
-/// held. A callback that takes long makes this receiver lose frames, and nobody else. Exceptions
-/// must not leave a callback.
+/// held. A callback that takes long makes this receiver lose frames, and nobody else. An exception
+/// that leaves a callback ends the process, except for the first call of the state-changed callback.
 ///
 /// Set all callbacks and depayloaders before initializeReceiver(); they are not guarded afterwards.
 /// Set up, initialise, shut down and destroy from one thread at a time, and never from inside a
@@ -35,6 +35,9 @@ namespace vlx
 ///   - the transport may drop the announcement of a sequence, and the receiver then refuses every
 ///     frame until the next sequence or connection;
 ///   - a sender of another user whose socket file is not writable here never gets a frame across.
+///
+/// Nothing is said about frames that are lost: a receiver notices them by the timestamps, where one
+/// is not the timestamp before plus the duration before.
 ///
 /// A receiver connects and drops over and over, with no pause, while a stream's codec is announced
 /// that nobody registered, while its depayloader rejects the codec header, and while a stranger
@@ -94,7 +97,9 @@ public:
     VLX_API State getState() const;
 
     /// Called at most once per connection: a sequence is announced and its clock, if it has one, is
-    /// synchronised.
+    /// synchronised. With a network clock frames usually come first, some tenths of a second or, as
+    /// long as the clock's provider does not answer, for ever: an application that needs the
+    /// clock to play drops or keeps them. With any other clock it comes before the first frame.
     /// @thread the worker's or the clock's
     VLX_API void
     setReceiverIsReadyCallback(std::function<void(Depayloader&, StreamClockType)> callback);
@@ -120,6 +125,7 @@ public:
 
     /// Starts to look for the sender; returns at once, whether there is one or not.
     ///
+    /// A signal that interrupts an attempt to connect costs that attempt, with an ERROR in the log.
     /// A sender that starts is usually noticed at once, by its directory in "TMPDIR" (or
     /// "/tmp/vlx"), and otherwise at the next attempt, 400 ms later: the directory appears a moment
     /// before the sender listens. If the base directory does not exist when this is called, only
@@ -129,9 +135,9 @@ public:
     ///                       bytes count
     /// @return true if the receiver works now, also if it did already: the argument is then
     ///         ignored. false after one ERROR in the log if the system has no descriptors left
-    /// @throws std::system_error if a thread cannot be started. Without a worker the receiver is
-    ///         Idle again, which is not called back; without a monitor it runs, and
-    ///         shutdownReceiver() ends it
+    /// @throws std::system_error if a thread cannot be started, and what the first callback throws.
+    ///         Without a worker the receiver is Idle again, which is not called back; without a
+    ///         monitor it runs, and shutdownReceiver() ends it
     /// @pre after State::Idle was reached by itself: shutdownReceiver() was called; otherwise the
     ///      process stops
     VLX_API bool initializeReceiver(std::string socketAddress);
@@ -140,16 +146,17 @@ public:
     /// initialised, or was shut down before.
     ///
     /// Takes up to 5 seconds: nothing interrupts the monitor's wait, except an entry that somebody
-    /// makes in the watched directory. Takes longer while the worker waits to be connected: a
-    /// sender that is stopped (SIGSTOP) with its backlog full is waited for without limit. A
-    /// callback in progress is waited for, so hold no lock that a callback takes.
+    /// makes in the watched directory. An attempt to connect to a sender whose backlog is full, since
+    /// it is stopped (SIGSTOP), say, is given up after 400 ms. A callback in progress is waited for,
+    /// so hold no lock that a callback takes.
     /// @thread one at a time, never from a callback and never beside initializeReceiver()
     VLX_API void shutdownReceiver();
 
     /// @return nanoseconds on the stream's clock: CLOCK_MONOTONIC if the sender says so, otherwise
-    ///         the network clock. That is 0 if the sender names none and while it is not
-    ///         synchronised yet; while its provider is silent, the last estimate goes on.
-    ///         Meaningful in State::Running only
+    ///         the network clock. That is 0 if the sender names none, while it is not synchronised
+    ///         yet, which the first frames may find, and between two connections; while its provider
+    ///         is silent, the last estimate goes on. Meaningful in State::Running only, and for an
+    ///         instant after a connection is lost it may be 0 there
     /// @thread any
     VLX_API TimeValue getCurrentStreamTime() const;
 
@@ -208,8 +215,20 @@ private:
     ConnectionRetval connectNanomsgMainChannel();
     void disconnectNanomsgMainChannel();
 
+    /// What became of a packet that has arrived.
+    enum class PacketResult : std::int32_t
+    {
+        TooShort,
+        Refused, // by its sequence number
+        NoMatchingDepayloader,
+        NoCurrentDepayloader,
+        Error,
+        Consumed,
+    };
+
     // Input. Worker thread.
     bool listenForInput();
+    PacketResult takePacket(const ByteView& packet);
     bool shouldPacketBeKept(const ByteView& packet);
     bool isSequenceNrTooOld(unsigned short sequenceNr) const;
 

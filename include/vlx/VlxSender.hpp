@@ -28,6 +28,9 @@ class Payloader;
 /// from any other. initializeSender() and shutdownSender() must not run beside a call that sends,
 /// nor beside each other.
 ///
+/// In PubSub most of the work is done by the thread that sends: it writes to each receiver in turn,
+/// and what the system's socket buffer does not take at once is left to a thread of the transport.
+///
 /// The order of a producer:
 ///   1. open the input, make the payloader, set its format and hand it to setCurrentPayloader();
 ///   2. initializeSender() and, directly after it, startNewSequence(). A receiver that has joined
@@ -50,6 +53,7 @@ class Payloader;
 class Sender
 {
 public:
+    /// A sender that is not open.
     VLX_API Sender();
 
     /// Calls shutdownSender().
@@ -103,7 +107,9 @@ public:
 
     /// Opens a new sequence with the current payloader's FourCC and codec header: tells the
     /// receivers that have joined, and keeps the announcement for those that join later. Without an
-    /// open stream it does nothing.
+    /// open stream it does nothing. While sending is disabled nobody who has joined is told, then or
+    /// later: they refuse every frame until the next sequence, so start one after
+    /// disableSend(false).
     ///
     /// @pre a payloader is set; checked by assertion
     /// @thread the producing thread; can block as sendMediaData() does
@@ -122,7 +128,9 @@ public:
     /// @param duration   carried as given, same unit
     /// @param mediaData  the frame, in the current payloader's format; not used after the call
     /// @pre a payloader is set; checked by assertion
-    /// @thread the producing thread; never two at once
+    /// @throws what the payloader throws; the frame is then not sent
+    /// @thread the producing thread; never two at once; not from inside a payloader, which is called
+    ///         with the sender's lock held
     VLX_API void sendMediaData(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
 
     /// Switches sending off or on. Switching off frees a call that blocks in sendMediaData() or
@@ -183,8 +191,10 @@ private:
     // The main lock. Never held across poll, a main-channel send, or the join of the listener
     // thread.
     mutable std::mutex m_mutex;
-    // Guards m_sendDisabled, and m_nanomsgWakeupPipe against a disableSend() from another thread.
-    // Taken last; nothing is called with it held but the one-byte wakeup write.
+    // Guards m_sendDisabled where it is read and where disableSend() changes it; set-up and shutdown
+    // change it without. Guards the opening and closing of m_nanomsgWakeupPipe against a
+    // disableSend() from another thread. Taken last, for the one-byte wakeup write and a line of
+    // the log at most.
     std::mutex m_sendMutex;
 
     bool m_initialized = false; // guarded by m_mutex
