@@ -364,25 +364,6 @@ TEST_F(EndToEndTest, TheBellSavesTheRestOfTheWait)
     EXPECT_LT(joins[NumRounds / 2] * 2, waits[NumRounds / 2]);
 }
 
-TEST_P(EndToEndTransportTest, StopsArePromptIfTheMonitorIsWoken)
-{
-    // Without being woken each of them would take up to 5 s: more than the deadline together.
-    constexpr int NumRounds = 10;
-    const Clock::time_point begin = Clock::now();
-    for (int round = 0; round < NumRounds; ++round)
-    {
-        std::unique_ptr<PcmSender> sender;
-        if (round % 2 == 0)
-            sender = makeSender();
-        RecordedReceiver receiver;
-        ASSERT_TRUE(receiver.start(getSocketName()));
-        ASSERT_TRUE(receiver.waitForEvent(sender ? "ready" : "connecting"));
-        receiver.stop();
-        EXPECT_EQ(receiver.getEvents().back(), "idle");
-    }
-    EXPECT_LT(Clock::now() - begin, testing::DefaultDeadline);
-}
-
 TEST_F(EndToEndTest, AStoppedReceiverProcessDisturbsNobody)
 {
     // Far more than all buffers between the two processes hold.

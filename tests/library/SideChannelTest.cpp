@@ -104,19 +104,6 @@ TEST(SideChannelDeathTest, IncompleteInitialInfoStopsTheProcess)
     }
 }
 
-TEST(SideChannelTest, ProtocolsHaveNames)
-{
-    EXPECT_STREQ(toString(TimeSyncProtocol{1}), "gstnetclock");
-    EXPECT_STREQ(toString(TimeSyncProtocol{2}), "sysclock");
-    EXPECT_STREQ(toString(NanomsgProtocol{1}), "pipeline");
-    EXPECT_STREQ(toString(NanomsgProtocol{2}), "pubsub");
-    for (const int value : {0, 3, 7, 255, -1})
-    {
-        EXPECT_STREQ(toString(TimeSyncProtocol{value}), "unknown") << value;
-        EXPECT_STREQ(toString(NanomsgProtocol{value}), "unknown") << value;
-    }
-}
-
 TEST(SideChannelTest, NamesAreReadExactly)
 {
     EXPECT_EQ(toTimeSyncProtocol("gstnetclock"), TimeSyncProtocol{1});

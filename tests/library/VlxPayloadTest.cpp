@@ -103,15 +103,6 @@ Buffer makePrefix(const Buffer& bytes, std::size_t size)
 
 } // namespace
 
-TEST(VlxPayloadTest, PacketTypesHaveNames)
-{
-    EXPECT_EQ(toString(PacketType{0}), "unknown");
-    EXPECT_EQ(toString(PacketType{1}), "sequenceInfo");
-    EXPECT_EQ(toString(PacketType{2}), "frame");
-    for (const int value : {4, 7, 255, -1, -3})
-        EXPECT_EQ(toString(PacketType{value}), "<dummy>") << value;
-}
-
 TEST(VlxPayloadTest, HeaderIsReadWhateverFollows)
 {
     for (unsigned type = 0; type <= 0xFF; ++type)

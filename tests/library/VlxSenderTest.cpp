@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -8,6 +9,7 @@
 #include <functional>
 #include <future>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -118,6 +120,26 @@ struct LingeringConnection
     Descriptor near;
     Descriptor far;
 };
+
+/// What the sender asked the system for, outside the tests' own directory: this is refused.
+std::vector<std::string> patternsOfDirectories;
+
+/// The system's call, which the linker leads through this.
+extern "C"
+{
+    // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
+    char* __real_mkdtemp(char* pattern);
+
+    char* __wrap_mkdtemp(char* pattern)
+    {
+        if (std::string_view(pattern).starts_with("/tmp/vt-"))
+            return __real_mkdtemp(pattern);
+        patternsOfDirectories.emplace_back(pattern);
+        errno = ENOENT;
+        return nullptr;
+    }
+    // NOLINTEND(bugprone-reserved-identifier)
+}
 
 /// The bytes of an InitialInfo packet of a sender without a network clock.
 Buffer makeInitialInfo(const std::string& uri, NanomsgProtocol protocol)
@@ -268,39 +290,18 @@ INSTANTIATE_TEST_SUITE_P(
 
 } // namespace
 
-TEST_P(SenderTransportTest, LifeCycleIsLoggedStepByStep)
+TEST_P(SenderTransportTest, ShutdownLeavesNothing)
 {
-    m_sender.shutdownSender();
-    EXPECT_FALSE(Access::isInitialized(m_sender));
-    EXPECT_TRUE(log().isExactly({}));
-
     ASSERT_TRUE(initialize(m_sender, getSocketName(), "other", GetParam()));
     const std::string uri = Access::getNanomsgURI(m_sender);
-    const std::string directory = getTempDirectory() + "/" + listTempDirectory().at(0);
-    EXPECT_TRUE(log().isExactly(
-        {traceLog("Setting up sender with socket address \"" + getSocketName() + "\""),
-         traceLog("Alternative socket address \"other\""),
-         debugLog("Nanomsg URI: \"ipc://" + directory + "/nanomsgChannel.ipc\""),
-         traceLog("Listener set up"), debugLog(MatchesRegex("Nanomsg watch FD: [0-9]+")),
-         traceLog("Sender initialized")}));
-
     log().clear();
     EXPECT_TRUE(initialize(m_sender, std::string(50, 'x'), "", NanomsgProtocol{9}));
     EXPECT_EQ(Access::getNanomsgURI(m_sender), uri);
-    EXPECT_TRUE(log().isExactly({}));
+    EXPECT_TRUE(log().isExactly({})) << "it is open already";
 
     RawSidechannelClient client(getSocketName());
     EXPECT_EQ(client.readMessage(), makeInitialInfo(uri, GetParam()));
-    log().clear();
     m_sender.shutdownSender();
-    EXPECT_TRUE(log().isExactly(
-        {traceLog("Listener shut down"),
-         debugLog(
-             "Deleting nanomsg IPC socket file \"" + directory +
-             "/nanomsgChannel.ipc\" if it exists"),
-         debugLog("Deleting temporary nanomsg socket directory \"" + directory + "\""),
-         traceLog("Sender shut down")},
-        {traceLog("Listener thread loop wakeup activity")}));
     EXPECT_TRUE(client.waitForClose());
     EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty());
     EXPECT_TRUE(Access::getPolledFDs(m_sender).empty());
@@ -473,42 +474,38 @@ TEST_F(SenderTest, TakenNameWithoutFreeAlternativeFails)
     other.close();
 }
 
-TEST_F(SenderTest, UnusableTempDirectoryFails)
+TEST_F(SenderTest, TempDirectoryIsWhereTheVariableSays)
 {
-    const bool fallbackExists = fs::exists("/tmp/vlx");
-    for (const char* const directory : {static_cast<const char*>(nullptr), "/nowhere/at/all"})
+    const struct
     {
-        if (directory == nullptr && fallbackExists)
-            continue; // whether it is looked for cannot be seen here
-        if (directory == nullptr)
+        const char* name;
+        const char* directory; // null: not set
+        const char* pattern;
+    } rows[] = {
+        {"not set", nullptr, "/tmp/vlx/VlxSender-XXXXXX"},
+        {"empty", "", "/VlxSender-XXXXXX"},
+        {"missing", "/nowhere/at/all", "/nowhere/at/all/VlxSender-XXXXXX"},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.name);
+        if (row.directory == nullptr)
             ::unsetenv("TMPDIR");
         else
-            ::setenv("TMPDIR", directory, 1);
+            ::setenv("TMPDIR", row.directory, 1);
+        log().clear();
+        patternsOfDirectories.clear();
 
         Sender sender;
         EXPECT_FALSE(initialize(sender, getSocketName()));
         EXPECT_FALSE(Access::isInitialized(sender));
+        EXPECT_THAT(patternsOfDirectories, ::testing::ElementsAre(row.pattern));
         EXPECT_TRUE(log().isExactly(
             {traceLog(StartsWith("Setting up sender")),
              errorLog("Could not create temporary directory for nanomsg SP socket: No such file or "
                       "directory (2)")}));
         release(sender);
-        log().clear();
     }
-}
-
-TEST_F(SenderTest, EmptyTempDirectoryVariableCountsAsSet)
-{
-    ::setenv("TMPDIR", "", 1);
-    Sender sender;
-    if (initialize(sender, getSocketName()))
-    {
-        EXPECT_THAT(Access::getNanomsgURI(sender), StartsWith("ipc:///VlxSender-"));
-        return;
-    }
-    // The root directory cannot be written to; the fall-back would not have been missing.
-    EXPECT_FALSE(log().contains(errorLog(HasSubstr("(2)"))));
-    release(sender);
 }
 
 TEST_P(SenderTransportTest, TempDirectoryIsOpenToEveryone)

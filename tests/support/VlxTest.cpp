@@ -6,10 +6,11 @@
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <thread>
 
 #include <unistd.h>
 
-#include <vlx/VlxReceiver.hpp>
+#include <vlxkit/PromptStop.hpp>
 
 namespace fs = std::filesystem;
 
@@ -25,7 +26,6 @@ namespace
 {
 
 constexpr std::chrono::milliseconds PollInterval{1};
-constexpr std::chrono::milliseconds WakeInterval{20};
 
 // The program that a death test starts runs the fixture too, and never its end.
 constexpr const char* DeathTestDirectoryPrefix = "death-";
@@ -101,33 +101,9 @@ Buffer fromHex(const std::string& digits)
     return bytes;
 }
 
-PromptStop::PromptStop()
-{
-    // Looked up here: the environment must not be read beside a test that changes it.
-    const char* const directory = std::getenv("TMPDIR");
-    const std::string entry = std::string(directory != nullptr ? directory : "/tmp/vlx") + "/wake";
-    m_thread = std::thread(
-        [this, entry]
-        {
-            while (m_keepRunning)
-            {
-                fs::create_directory(entry);
-                fs::remove(entry);
-                std::this_thread::sleep_for(WakeInterval);
-            }
-        });
-}
-
-PromptStop::~PromptStop()
-{
-    m_keepRunning = false;
-    m_thread.join();
-}
-
 void shutdownPromptly(Receiver& receiver)
 {
-    const PromptStop promptStop;
-    receiver.shutdownReceiver();
+    kit::stopPromptly(receiver);
 }
 
 VlxTest::VlxTest()

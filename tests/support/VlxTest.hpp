@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <functional>
@@ -8,7 +7,6 @@
 #include <ostream>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -54,22 +52,6 @@ Buffer fromHex(const std::string& digits);
     EXPECT_EXIT(                                                                                   \
         statement, ::testing::KilledBySignal(SIGABRT),                                             \
         ::testing::HasSubstr("Assertion `" expression "' failed"))
-
-/// While it lives, whatever watches the directory in "TMPDIR" is woken every 20 ms. A receiver's
-/// monitor looks at its stop flag only when it is woken, so that a stop could take 5 s without.
-class PromptStop
-{
-public:
-    PromptStop();
-    ~PromptStop();
-
-    PromptStop(const PromptStop&) = delete;
-    PromptStop& operator=(const PromptStop&) = delete;
-
-private:
-    std::atomic<bool> m_keepRunning = true;
-    std::thread m_thread;
-};
 
 /// Calls shutdownReceiver() without the wait for the monitor.
 void shutdownPromptly(Receiver& receiver);
