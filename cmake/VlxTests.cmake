@@ -1,10 +1,19 @@
 # How tests become ctest processes, one process for each test.
 
-# vlx_discover_tests(NAME): each test of a GoogleTest program becomes a ctest process.
+# What test processes find in their environment; a room may add to it.
+set(VLX_TEST_ENVIRONMENT "GST_REGISTRY=${PROJECT_BINARY_DIR}/gst-registry.bin")
+
+# vlx_discover_tests(NAME): each test of a GoogleTest program becomes a ctest process, with the
+# environment above.
 function(vlx_discover_tests name)
-    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES
-        TIMEOUT 60
-        ENVIRONMENT "GST_REGISTRY=${PROJECT_BINARY_DIR}/gst-registry.bin")
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 60)
+
+    # Set when the tests are known: gtest_discover_tests() would take the entries of a list for
+    # properties of their own and keep the first alone.
+    set(environmentFile ${CMAKE_CURRENT_BINARY_DIR}/${name}_environment.cmake)
+    file(WRITE ${environmentFile}
+        "set_tests_properties(\${${name}_TESTS} PROPERTIES ENVIRONMENT \"${VLX_TEST_ENVIRONMENT}\")\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${environmentFile})
 endfunction()
 
 # vlx_add_test(NAME [LIBRARY...]): one program from NAME.cpp, whose tests ctest runs.
