@@ -294,6 +294,8 @@ bool Sink::callUnlockable(Call call)
 }
 
 // What a call that returned false means: it was freed, or it cannot be done.
+// By value: the producer, whose text it may be, goes meanwhile.
+// cppcheck-suppress passedByValue
 GstFlowReturn Sink::fail(std::string problem)
 {
     const bool freed = isUnlocked() || isProducerStopped();
@@ -395,7 +397,7 @@ GstFlowReturn Sink::openOrAdapt()
         GST_INFO_OBJECT(m_element, "opening again, with the pipeline's present clock");
         dropProducer();
     }
-    m_clock = clock.get();
+    m_clock = clock.get(); // cppcheck-suppress danglingLifetime  // never dereferenced
     if (!m_producer)
         return open(settings, *announcement);
     if (m_announcedFormat == m_format)

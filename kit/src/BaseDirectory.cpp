@@ -7,9 +7,9 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
-#include <vlxkit/BaseDirectory.hpp>
 
 #include <miscUtils/MiscUtils.hpp>
+#include <vlxkit/BaseDirectory.hpp>
 
 namespace vlx::kit
 {
@@ -37,9 +37,11 @@ void createSharedDirectory(BaseDirectory& base)
         // mkdir() took the process's umask off the mode. By descriptor: a link that somebody puts
         // in its place must not have its target opened to everyone.
         const int fd = ::open(base.path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        ::fchmod(fd, SharedDirectoryMode);
         if (fd >= 0)
+        {
+            ::fchmod(fd, SharedDirectoryMode);
             ::close(fd);
+        }
         base.created = true;
     }
     else if (errno != EEXIST)

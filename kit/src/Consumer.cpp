@@ -512,7 +512,7 @@ Consumer::Impl::Ending Consumer::Impl::superviseReceiver()
     while (!m_stopRequested)
     {
         m_wakeup.wait(WatchIntervalMs);
-        if (m_stopRequested)
+        if (m_stopRequested) // cppcheck-suppress oppositeInnerCondition  // set by another thread
             break;
         if (m_record.hasFrame())
             m_told.clear();

@@ -13,9 +13,9 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
-#include <vlxkit/Discovery.hpp>
 
 #include <miscUtils/MiscUtils.hpp>
+#include <vlxkit/Discovery.hpp>
 
 #include "SenderSearch.hpp"
 

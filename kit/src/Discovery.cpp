@@ -35,13 +35,14 @@ SenderProbe probeSender(const std::string& name, std::chrono::milliseconds timeo
 bool isNameTaken(const std::string& name)
 {
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return false;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     const socklen_t length = setAbstractName(address, name);
     const bool isTaken =
         ::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0 && errno == EADDRINUSE;
-    if (fd >= 0)
-        ::close(fd);
+    ::close(fd);
     return isTaken;
 }
 

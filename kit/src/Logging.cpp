@@ -2,6 +2,7 @@
 #include <log4cplus/initializer.h>
 #include <log4cplus/layout.h>
 #include <log4cplus/logger.h>
+
 #include <vlxkit/Logging.hpp>
 
 namespace vlx::kit

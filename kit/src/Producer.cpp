@@ -12,12 +12,12 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 #include <unistd.h>
-#include <vlxkit/BaseDirectory.hpp>
-#include <vlxkit/Discovery.hpp>
-#include <vlxkit/Producer.hpp>
 
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxSender.hpp>
+#include <vlxkit/BaseDirectory.hpp>
+#include <vlxkit/Discovery.hpp>
+#include <vlxkit/Producer.hpp>
 
 #include "Bell.hpp"
 #include "ScopedTmpdir.hpp"

@@ -3,9 +3,9 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/resource.h>
-#include <vlxkit/RealTime.hpp>
 
 #include <miscUtils/MiscUtils.hpp>
+#include <vlxkit/RealTime.hpp>
 
 namespace vlx::kit
 {

@@ -169,14 +169,15 @@ SenderQuestion::SenderQuestion(const std::string& name)
 
 SenderQuestion::~SenderQuestion()
 {
+    if (m_fd < 0)
+        return;
     // What lies there unread would be closed with the socket, lingering.
     ::shutdown(m_fd, SHUT_RD);
     std::array<unsigned char, ChunkBytes> scratch;
     while (receive(m_fd, scratch) > 0)
     {
     }
-    if (m_fd >= 0)
-        ::close(m_fd);
+    ::close(m_fd);
 }
 
 void SenderQuestion::advance()

@@ -179,7 +179,9 @@ std::optional<Listeners> findListeners(const std::string& process, const UnixSoc
     for (const std::string& descriptor : *descriptors)
     {
         const auto inode = readSocketInode(process + "/fd/" + descriptor);
-        const auto found = inode ? sockets.find(*inode) : sockets.end();
+        if (!inode)
+            continue;
+        const auto found = sockets.find(*inode);
         if (found == sockets.end() || !found->second.isListening)
             continue;
         const std::string& name = found->second.name;

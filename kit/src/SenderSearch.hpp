@@ -4,6 +4,7 @@
 #include <vector>
 
 #include <sys/types.h>
+
 #include <vlxkit/Discovery.hpp>
 
 namespace vlx::kit

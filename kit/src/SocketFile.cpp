@@ -10,9 +10,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vlxkit/Discovery.hpp>
 
 #include <miscUtils/MiscUtils.hpp>
+#include <vlxkit/Discovery.hpp>
 
 namespace vlx::kit
 {

@@ -2,9 +2,8 @@
 
 #include <string>
 
-#include <vlxkit/Producer.hpp>
-
 #include <vlx/SideChannel.hpp>
+#include <vlxkit/Producer.hpp>
 
 namespace vlx::kit
 {

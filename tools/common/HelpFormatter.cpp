@@ -1,5 +1,6 @@
 #include "HelpFormatter.hpp"
 
+#include <algorithm>
 #include <sstream>
 
 namespace vlx::tool
@@ -60,7 +61,7 @@ std::string HelpFormatter::make_subcommand(const CLI::App* command) const
 std::string HelpFormatter::make_option(const CLI::Option* option, bool isPositional) const
 {
     std::string name = option->get_name(isPositional, !isPositional);
-    name = name.substr(0, name.find('{')); // the value of a flag that is given none
+    name.resize(std::min(name.find('{'), name.size())); // the value of a flag that is given none
     const std::size_t comma = name.find(',');
     if (comma != std::string::npos)
         name.insert(comma + 1, " ");
