@@ -1,4 +1,5 @@
 #include "check/CheckCommand.hpp"
+#include "clock/ClockCommand.hpp"
 #include "common/Program.hpp"
 #include "info/InfoCommand.hpp"
 #include "list/ListCommand.hpp"
@@ -15,5 +16,6 @@ int main(int argc, char** argv)
         argc, argv,
         {makeSubcommand(addSendCommand, runSend), makeSubcommand(addReceiveCommand, runReceive),
          makeSubcommand(addListCommand, runList), makeSubcommand(addInfoCommand, runInfo),
-         makeSubcommand(addMonitorCommand, runMonitor), makeSubcommand(addCheckCommand, runCheck)});
+         makeSubcommand(addMonitorCommand, runMonitor), makeSubcommand(addClockCommand, runClock),
+         makeSubcommand(addCheckCommand, runCheck)});
 }

@@ -21,6 +21,7 @@
 #include "common/Duration.hpp"
 #include "common/ExitCodes.hpp"
 #include "common/StopSignal.hpp"
+#include "common/Text.hpp"
 
 namespace vlx::tool
 {
@@ -140,13 +141,6 @@ private:
     std::vector<std::thread> m_threads;
 };
 
-std::string toMilliseconds(std::int64_t valueNs)
-{
-    char text[32];
-    std::snprintf(text, sizeof(text), "%.2f ms", static_cast<double>(valueNs) / 1e6);
-    return text;
-}
-
 /// Sends a stream to this process itself.
 Finding checkStream(StopSignal& stop)
 {
@@ -155,6 +149,7 @@ Finding checkStream(StopSignal& stop)
 
     kit::Consumer consumer({.name = name}, {.onFrame = [](const kit::Frame&) {}});
     kit::Producer producer({.name = name});
+    const StopListener listener(stop, [&producer] { producer.stop(); });
     const kit::StreamFormat format;
     if (!consumer.start() || !producer.open(format))
         finding.result = consumer.getProblem() + producer.getProblem();

@@ -102,6 +102,13 @@ void printLogLine(const std::string& line)
     printLine(state, line);
 }
 
+bool showsProgress()
+{
+    MessageState& state = getState();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    return state.live;
+}
+
 void printProgress(const std::string& text)
 {
     MessageState& state = getState();

@@ -44,6 +44,9 @@ void printNotice(const std::string& text);
 /// @thread any
 void printLogLine(const std::string& line);
 
+/// @return whether the progress is shown
+bool showsProgress();
+
 /// Replaces the line that shows the progress. Only on a terminal; any message pushes it aside.
 /// @thread any
 void printProgress(const std::string& text);

@@ -1,5 +1,6 @@
 #include "Program.hpp"
 
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -123,7 +124,10 @@ int runSubcommand(const Subcommand& subcommand, const CLI::App& command)
         makeTempDirectoryAbsolute();
         StopSignal stop;
         const SignalThread signalThread(stop);
-        return subcommand.run(stop);
+        const int code = subcommand.run(stop);
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+            throw CommandFailure(ExitCode::Failed, "cannot write to standard output");
+        return code;
     }
     catch (const CommandFailure& failure)
     {

@@ -1,30 +1,13 @@
 #include "SenderReport.hpp"
 
-#include <array>
 #include <cstdio>
 
 #include <nlohmann/json.hpp>
 
+#include "Text.hpp"
+
 namespace vlx::tool
 {
-
-std::string toPrintable(const std::string& text)
-{
-    std::string printable;
-    for (const char character : text)
-    {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte >= 0x20 && byte != 0x7F)
-        {
-            printable += character;
-            continue;
-        }
-        std::array<char, sizeof("\\x00")> escaped{};
-        std::snprintf(escaped.data(), escaped.size(), "\\x%02x", byte);
-        printable += escaped.data();
-    }
-    return printable;
-}
 
 std::string toShortText(const kit::StreamFormat& format)
 {

@@ -13,9 +13,6 @@ namespace vlx::tool
 /// How long a sender is asked that is known to be there.
 inline constexpr std::chrono::milliseconds AnswerTimeout{500};
 
-/// @return a text of others as it can be shown: bytes that would move the cursor, as \xNN
-std::string toPrintable(const std::string& text);
-
 /// @return such as "S16LE 48000 Hz 2ch"
 std::string toShortText(const kit::StreamFormat& format);
 

@@ -1,6 +1,7 @@
 #include "InfoCommand.hpp"
 
 #include <cstdio>
+#include <cstdlib>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -9,6 +10,8 @@
 
 #include "common/ExitCodes.hpp"
 #include "common/SenderReport.hpp"
+#include "common/StopSignal.hpp"
+#include "common/Text.hpp"
 
 namespace vlx::tool
 {
@@ -22,10 +25,9 @@ std::string describeJoining(const kit::SenderProbe& probe)
         return "this user may join";
     if (probe.socketFile.empty())
         return "no: the main channel is none that a sender announces";
-    char mode[16] = "";
-    if (probe.socketFileMode != 0)
-        std::snprintf(mode, sizeof(mode), ", mode %03o", probe.socketFileMode & 0777U);
-    return "no: " + toPrintable(probe.socketFile) + mode +
+    return "no: " + toPrintable(probe.socketFile) +
+           (probe.socketFileMode == 0 ? ""
+                                      : formatText(", mode %03o", probe.socketFileMode & 0777U)) +
            "; at the sender: --socket-mode group or all";
 }
 
@@ -83,8 +85,10 @@ CLI::App* addInfoCommand(CLI::App& program, InfoOptions& options)
     return command;
 }
 
-int runInfo(const InfoOptions& options, StopSignal& /*stop*/)
+int runInfo(const InfoOptions& options, StopSignal& stop)
 {
+    // Nothing else ends the question, and there is nothing to clear up.
+    const StopListener listener(stop, [&stop] { std::_Exit(toExitCode(stop.getSignalNumber())); });
     const kit::SenderProbe answer = probe(options);
     if (options.json)
     {

@@ -15,6 +15,7 @@
 #include "common/Messages.hpp"
 #include "common/SenderReport.hpp"
 #include "common/StopSignal.hpp"
+#include "common/Text.hpp"
 
 namespace vlx::tool
 {
@@ -57,14 +58,14 @@ void printTable(const std::vector<Found>& senders)
     for (const Row& row : rows)
     {
         for (std::size_t i = 0; i < NumColumns; ++i)
-            widths[i] = std::max(widths[i], row[i].size());
+            widths[i] = std::max(widths[i], getDisplayWidth(row[i]));
     }
     for (const Row& row : rows)
     {
         std::string line;
         for (std::size_t i = 0; i < NumColumns; ++i)
         {
-            const std::string padding(widths[i] - row[i].size(), ' ');
+            const std::string padding(widths[i] - getDisplayWidth(row[i]), ' ');
             line += (i == 0 ? "" : "  ") + (RightAligned[i] ? padding + row[i] : row[i] + padding);
         }
         line.erase(line.find_last_not_of(' ') + 1);

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdarg>
-#include <cstdio>
 #include <functional>
 #include <optional>
 
@@ -13,6 +11,7 @@
 
 #include "audio/Level.hpp"
 #include "common/SenderReport.hpp"
+#include "common/Text.hpp"
 
 namespace vlx::tool
 {
@@ -31,29 +30,15 @@ constexpr const char* Red = "\033[31m";
 constexpr const char* Bold = "\033[1m";
 constexpr const char* Plain = "\033[0m";
 
-[[gnu::format(printf, 1, 2)]] std::string print(const char* format, ...)
-{
-    char text[256];
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(text, sizeof(text), format, arguments);
-    va_end(arguments);
-    return text;
-}
-
-double toMilliseconds(std::int64_t nanoseconds)
-{
-    return static_cast<double>(nanoseconds) / 1e6;
-}
-
 std::string describeAges(const kit::AgeHistogram& ages)
 {
     if (ages.getCount() == 0)
         return "-";
-    return print(
-        "%.2f/%.2f/%.2f ms", toMilliseconds(ages.getPercentile(0.5).value_or(0)),
-        toMilliseconds(ages.getPercentile(0.99).value_or(0)),
-        toMilliseconds(ages.getMax().value_or(0)));
+    const auto toMs = [](const std::optional<std::int64_t>& age)
+    { return static_cast<double>(age.value_or(0)) / 1e6; };
+    return formatText(
+        "%.2f/%.2f/%.2f ms", toMs(ages.getPercentile(0.5)), toMs(ages.getPercentile(0.99)),
+        toMs(ages.getMax()));
 }
 
 std::string describeClockState(const kit::ConsumerStatistics& statistics)
@@ -71,14 +56,13 @@ std::string describeClockState(const kit::ConsumerStatistics& statistics)
     }
     if (!statistics.clockSynchronized)
         return "gstnetclock, not synchronised";
-    return print(
-        "gstnetclock, synchronised, offset %+.3f ms", toMilliseconds(statistics.clockOffsetNs));
+    return "gstnetclock, synchronised, offset " + toMilliseconds(statistics.clockOffsetNs);
 }
 
 std::string describeRate(const StreamSnapshot& snapshot)
 {
     const double seconds = std::max(snapshot.seconds, 1e-3);
-    return print(
+    return formatText(
         "%.1f frames/s %.1f kB/s", static_cast<double>(snapshot.frames) / seconds,
         static_cast<double>(snapshot.bytes) / seconds / 1e3);
 }
@@ -186,11 +170,12 @@ std::string renderLine(const StreamSnapshot& snapshot)
     std::string line =
         toPrintable(snapshot.name) + ": " + snapshot.state + ", " + describeStreamFormat(total) +
         ", " + describeRate(snapshot) + ", age " + describeAges(snapshot.ages) +
-        print(
+        formatText(
             ", gaps %llu, reconnects %llu, clock %s", static_cast<unsigned long long>(total.gaps),
             static_cast<unsigned long long>(total.reconnects), describeClockState(total).c_str());
     for (std::size_t i = 0; i < snapshot.levels.size(); ++i)
-        line += (i == 0 ? ", peak " : "/") + print("%.1f", toDecibels(snapshot.levels[i].peak));
+        line +=
+            (i == 0 ? ", peak " : "/") + formatText("%.1f", toDecibels(snapshot.levels[i].peak));
     return snapshot.levels.empty() ? line : line + " dBFS";
 }
 
@@ -242,18 +227,18 @@ renderScreen(const StreamSnapshot& snapshot, std::size_t width, bool colored)
     const kit::ConsumerStatistics& total = snapshot.total;
     std::vector<std::string> lines = {
         toPrintable(snapshot.name) + "  " + snapshot.state + "  " + describeStreamFormat(total) +
-            print("  sequences %llu", static_cast<unsigned long long>(total.sequences)),
+            formatText("  sequences %llu", static_cast<unsigned long long>(total.sequences)),
         "  " + describeRate(snapshot) + "  age p50/p99/max " + describeAges(snapshot.ages),
-        print(
+        formatText(
             "  gaps %llu (%.1f ms)  reconnects %llu  stalls %llu",
             static_cast<unsigned long long>(total.gaps), static_cast<double>(total.gapNs) / 1e6,
             static_cast<unsigned long long>(total.reconnects),
             static_cast<unsigned long long>(total.stalls)),
         "  clock " + describeClockState(total)};
     if (total.state != Receiver::State::Running && !snapshot.notice.empty())
-        lines.push_back("  " + snapshot.notice);
+        lines.push_back("  " + toPrintable(snapshot.notice));
     for (std::string& line : lines)
-        line.resize(std::min(line.size(), width));
+        cutToWidth(line, width);
     if (colored)
         lines.front() = Bold + lines.front() + Plain;
 
@@ -264,8 +249,9 @@ renderScreen(const StreamSnapshot& snapshot, std::size_t width, bool colored)
     {
         const ChannelLevel& level = snapshot.levels[i];
         lines.push_back(
-            print("  %3zu ", i + 1) + renderBar(level, width - NumbersLength, colored) +
-            print(" %6.1f peak %6.1f rms dBFS", toDecibels(level.heldPeak), toDecibels(level.rms)));
+            formatText("  %3zu ", i + 1) + renderBar(level, width - NumbersLength, colored) +
+            formatText(
+                " %6.1f peak %6.1f rms dBFS", toDecibels(level.heldPeak), toDecibels(level.rms)));
     }
     return lines;
 }
@@ -282,8 +268,8 @@ std::string renderMetrics(const std::vector<StreamSnapshot>& snapshots)
         {
             if (const auto value = metric.get(snapshot.total))
                 text += name + (type == "counter" ? "_total" : "") +
-                        "{stream=" + quoteLabel(snapshot.name) + "} " + print("%.17g", *value) +
-                        "\n";
+                        "{stream=" + quoteLabel(snapshot.name) + "} " +
+                        formatText("%.17g", *value) + "\n";
         }
     }
     return text + "# EOF\n";

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "common/ExitCodes.hpp"
+#include "common/Text.hpp"
 
 namespace vlx::tool
 {
@@ -103,7 +104,7 @@ void StreamMeter::handleEvent(const kit::ConsumerEvent& event)
             break;
         }
     }
-    m_onEvent(m_name + ": " + event.text);
+    m_onEvent(toPrintable(m_name + ": " + event.text));
 }
 
 StreamSnapshot StreamMeter::takeSnapshot()

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
-#include <limits>
 #include <thread>
 #include <utility>
 
@@ -12,6 +11,7 @@
 #include "common/Duration.hpp"
 #include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
+#include "common/NetClock.hpp"
 #include "common/StopSignal.hpp"
 
 namespace vlx::tool
@@ -22,10 +22,6 @@ namespace
 
 using SteadyClock = std::chrono::steady_clock;
 using std::chrono::nanoseconds;
-
-// As receivers synchronise.
-constexpr unsigned WindowSize = 100;
-constexpr unsigned long RoundTripLimitNs = 175'000'000;
 
 constexpr auto CheckInterval = std::chrono::milliseconds(10);
 constexpr auto UsualSyncTime = std::chrono::seconds(1);
@@ -87,8 +83,8 @@ bool StreamClock::waitUntilReady(const OptionalDuration& timeout, const StopSign
     const Resolution resolution(m_address);
     const auto start = SteadyClock::now();
     bool told = false;
-    m_netClock.startSynchronization(m_address, m_port, WindowSize, RoundTripLimitNs, nullptr);
-    while (!m_netClock.isSynchronized() || !adoptOffset(measureOffset()))
+    follow(m_netClock, m_address, m_port);
+    while (!m_netClock.isSynchronized() || !adoptOffset(measureOffset(m_netClock)))
     {
         const auto now = SteadyClock::now();
         if (timeout && now - start >= *timeout)
@@ -112,7 +108,7 @@ bool StreamClock::update()
 {
     if (m_choice != ClockChoice::External)
         return false;
-    const auto offset = measureOffset();
+    const auto offset = measureOffset(m_netClock);
     if (!offset)
         return false; // not synchronised now: the last estimate holds
     const std::int64_t error = *offset - m_offset;
@@ -143,27 +139,6 @@ TimeValue StreamClock::toStreamTime(SteadyTime local) const
 StreamClock::SteadyTime StreamClock::toLocalTime(TimeValue streamTime) const
 {
     return SteadyTime(nanoseconds(static_cast<std::int64_t>(streamTime) - m_offset));
-}
-
-/// Reads both clocks as close together as the scheduler lets it.
-std::optional<std::int64_t> StreamClock::measureOffset() const
-{
-    constexpr int NumTries = 3;
-    std::int64_t narrowest = std::numeric_limits<std::int64_t>::max();
-    std::optional<std::int64_t> offset;
-    for (int i = 0; i < NumTries; ++i)
-    {
-        const std::int64_t before = toNs(SteadyClock::now());
-        const auto time = static_cast<std::int64_t>(m_netClock.getSynchronizedTime());
-        const std::int64_t width = toNs(SteadyClock::now()) - before;
-        if (time == 0)
-            return std::nullopt;
-        if (width >= narrowest)
-            continue;
-        narrowest = width;
-        offset = time - before - width / 2;
-    }
-    return offset;
 }
 
 } // namespace vlx::tool

@@ -78,7 +78,6 @@ public:
     }
 
 private:
-    std::optional<std::int64_t> measureOffset() const;
     bool adoptOffset(const std::optional<std::int64_t>& offset);
 
     const ClockChoice m_choice;

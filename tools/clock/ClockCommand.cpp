@@ -1,0 +1,187 @@
+#include "ClockCommand.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <optional>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+#include "RoundTripProbe.hpp"
+#include "common/ClockProvider.hpp"
+#include "common/Duration.hpp"
+#include "common/ExitCodes.hpp"
+#include "common/Messages.hpp"
+#include "common/NetClock.hpp"
+#include "common/SenderReport.hpp"
+#include "common/StopSignal.hpp"
+#include "common/Text.hpp"
+
+namespace vlx::tool
+{
+
+namespace
+{
+
+using SteadyClock = std::chrono::steady_clock;
+
+constexpr auto CheckInterval = std::chrono::milliseconds(50);
+constexpr auto LineInterval = std::chrono::seconds(1);
+constexpr auto ScreenInterval = std::chrono::milliseconds(200);
+
+int serve(const ClockOptions& options, const StopSignal& stop)
+{
+    const ClockProvider provider(options.address, options.port);
+    // As "vlx clock watch" takes them.
+    std::printf("%s %u\n", options.address.c_str(), provider.getPort());
+    std::fflush(stdout);
+    stop.waitUntil(SteadyClock::time_point::max());
+    return toExitCode(stop.getSignalNumber());
+}
+
+/// Follows a clock and shows how that goes.
+class ClockWatch
+{
+public:
+    ClockWatch(const ClockOptions& options, const StopSignal& stop)
+        : m_options(options),
+          m_stop(stop),
+          m_onScreen(!options.json && isLiveTerminal(STDOUT_FILENO) && showsProgress()),
+          m_probe(options.address, options.port)
+    {
+    }
+
+    int run()
+    {
+        follow(m_clock, m_options.address, m_options.port);
+        const auto begin = SteadyClock::now();
+        const auto interval = m_onScreen ? SteadyClock::duration(ScreenInterval) : LineInterval;
+        auto lineDue = begin + interval;
+        while (!m_stop.waitUntil(SteadyClock::now() + CheckInterval))
+        {
+            tellChange();
+            const auto now = SteadyClock::now();
+            if (now >= lineDue)
+            {
+                show();
+                lineDue = std::max(lineDue + interval, now);
+            }
+            if (m_options.timeout && !m_wasSynchronized && now - begin >= *m_options.timeout)
+                throw CommandFailure(
+                    ExitCode::TimedOut, "not synchronised within " + toText(*m_options.timeout));
+            if (m_options.duration && now - begin >= *m_options.duration)
+                break;
+        }
+        finishProgress();
+        return m_stop.isRequested() ? toExitCode(m_stop.getSignalNumber()) : toInt(ExitCode::Done);
+    }
+
+private:
+    void tellChange()
+    {
+        const bool isSynchronized = m_clock.isSynchronized();
+        if (isSynchronized == m_isSynchronized)
+            return;
+        m_isSynchronized = isSynchronized;
+        printNotice(!isSynchronized ? "lost" : m_wasSynchronized ? "regained" : "synchronised");
+        m_wasSynchronized = true;
+    }
+
+    void show()
+    {
+        std::optional<std::int64_t> offset;
+        std::optional<std::int64_t> roundTrip;
+        if (m_isSynchronized)
+        {
+            offset = measureOffset(m_clock);
+            roundTrip = m_probe.measure(m_stop);
+        }
+        if (m_options.json)
+        {
+            nlohmann::ordered_json json = {
+                {"address", m_options.address},
+                {"port", m_options.port},
+                {"synchronized", m_isSynchronized},
+                {"offset_ns", nullptr},
+                {"round_trip_ns", nullptr}};
+            if (offset)
+                json["offset_ns"] = *offset;
+            if (roundTrip)
+                json["round_trip_ns"] = *roundTrip;
+            printJson(json, -1);
+        }
+        else if (m_onScreen)
+        {
+            printProgress(describe(offset, roundTrip));
+        }
+        else
+        {
+            std::puts(describe(offset, roundTrip).c_str());
+        }
+        std::fflush(stdout);
+    }
+
+    std::string describe(
+        const std::optional<std::int64_t>& offset,
+        const std::optional<std::int64_t>& roundTrip) const
+    {
+        if (!m_isSynchronized)
+            return "not synchronised";
+        return "synchronised, offset " + (offset ? toMilliseconds(*offset) : "-") +
+               ", round trip " + (roundTrip ? toMilliseconds(*roundTrip) : "-");
+    }
+
+    const ClockOptions& m_options;
+    const StopSignal& m_stop;
+    const bool m_onScreen;
+    RoundTripProbe m_probe;
+    bool m_isSynchronized = false;
+    bool m_wasSynchronized = false; // at any time
+    miscUtils::SyncedNetClock m_clock;
+};
+
+} // unnamed namespace
+
+CLI::App* addClockCommand(CLI::App& program, ClockOptions& options)
+{
+    constexpr std::uint16_t MaxPort = 65535;
+    CLI::App* const command = program.add_subcommand(
+        "clock", "Serve this machine's clock over the network, or watch one");
+    command->require_subcommand(1);
+
+    CLI::App* const serving = command->add_subcommand(
+        "serve", "Serve this machine's monotonic clock; prints address and port");
+    serving
+        ->add_option(
+            "--address", options.address,
+            "Numeric address to be asked at; 0.0.0.0: all of this machine [127.0.0.1]")
+        ->type_name("ADDRESS");
+    addNumberOption<std::uint16_t>(
+        *serving, "--port", options.port, {1, MaxPort}, "UDP port [any that is free]");
+    addCommonOptions(*serving, options.common);
+
+    CLI::App* const watching = command->add_subcommand(
+        "watch", "Show whether a clock can be followed, its offset and the round trip to it");
+    watching->add_option("ADDRESS", options.address, "Where it is served")
+        ->type_name("")
+        ->required();
+    addNumberOption<std::uint16_t>(*watching, "PORT", options.port, {1, MaxPort}, "Its UDP port")
+        ->type_name("")
+        ->required();
+    watching->add_flag("--json", options.json, "Print a JSON object each second");
+    addDurationOption(*watching, "-d,--duration", options.duration, "End after this time");
+    addTimeoutOption(
+        *watching, options.timeout, "Give up with exit code 3 if not synchronised by then");
+    addCommonOptions(*watching, options.common);
+    watching->callback([&options] { options.watch = true; });
+    return command;
+}
+
+int runClock(const ClockOptions& options, StopSignal& stop)
+{
+    return options.watch ? ClockWatch(options, stop).run() : serve(options, stop);
+}
+
+} // namespace vlx::tool
