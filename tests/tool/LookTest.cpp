@@ -1,0 +1,411 @@
+// The subcommands that look at streams, clocks and the machine.
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <regex>
+#include <sstream>
+
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "support/TestProvider.hpp"
+#include "tool/ToolFixture.hpp"
+
+namespace vlx::testing
+{
+
+namespace
+{
+
+/// Longer than several of the tool's second-long steps.
+constexpr std::chrono::seconds LongDeadline{30};
+
+std::vector<std::string> splitLines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+/// @return the last whole line as JSON
+json readLastLine(const ToolProcess& process)
+{
+    const std::string text = process.getOutput();
+    const auto lines = splitLines(text.substr(0, text.rfind('\n') + 1));
+    return lines.empty() ? json::object() : json::parse(lines.back(), nullptr, false);
+}
+
+bool contains(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream stream(path);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+/// A run of the tool on a terminal of its own, 80 columns wide and 24 lines high.
+class TerminalRun
+{
+public:
+    explicit TerminalRun(const std::vector<std::string>& arguments)
+    {
+        const winsize size{24, 80, 0, 0};
+        m_pid = ::forkpty(&m_terminalFD, nullptr, nullptr, &size);
+        if (m_pid != 0)
+            return;
+        ::setenv("TERM", "xterm", 1);
+        ::unsetenv("NO_COLOR");
+        std::vector<const char*> argv = {VLX_TOOL_PATH};
+        for (const std::string& argument : arguments)
+            argv.push_back(argument.c_str());
+        argv.push_back(nullptr);
+        ::execv(argv[0], const_cast<char**>(argv.data()));
+        ::_exit(127);
+    }
+
+    ~TerminalRun()
+    {
+        if (m_pid > 0)
+            wait(SIGKILL, DefaultDeadline);
+        ::close(m_terminalFD);
+    }
+
+    TerminalRun(const TerminalRun&) = delete;
+    TerminalRun& operator=(const TerminalRun&) = delete;
+
+    /// @return all that was printed so far
+    const std::string& read()
+    {
+        char chunk[4096];
+        pollfd descriptor{m_terminalFD, POLLIN, 0};
+        while (::poll(&descriptor, 1, 0) == 1)
+        {
+            const ssize_t count = ::read(m_terminalFD, chunk, sizeof(chunk));
+            if (count <= 0)
+                break;
+            m_text.append(chunk, static_cast<std::size_t>(count));
+        }
+        return m_text;
+    }
+
+    void pressCtrlC() const
+    {
+        EXPECT_EQ(::write(m_terminalFD, "\x03", 1), 1);
+    }
+
+    /// @param number  of a signal that is sent first; 0: none
+    std::optional<int> wait(int number, std::chrono::milliseconds deadline)
+    {
+        int status = 0;
+        ::kill(m_pid, number);
+        const bool ended = waitFor(
+            [&]
+            {
+                read();
+                return ::waitpid(m_pid, &status, WNOHANG) != 0;
+            },
+            deadline);
+        m_pid = ended ? -1 : m_pid;
+        return ended ? std::optional(WEXITSTATUS(status)) : std::nullopt;
+    }
+
+private:
+    int m_terminalFD = -1;
+    pid_t m_pid = -1;
+    std::string m_text;
+};
+
+} // unnamed namespace
+
+class LookTest : public ToolTest
+{
+protected:
+    /// @return what "list --json" tells of this test's senders
+    json listOwn() const
+    {
+        ToolProcess list({"list", "--json"});
+        EXPECT_EQ(list.wait(LongDeadline), 0);
+        json own = json::array();
+        for (const json& sender : json::parse(list.getOutput(), nullptr, false))
+        {
+            if (sender["name"].get<std::string>().starts_with(getSocketName()))
+                own.push_back(sender);
+        }
+        return own;
+    }
+
+    /// Waits until a stream is announced.
+    void waitForSender(const std::string& name) const
+    {
+        const auto isThere = [&] { return ToolProcess({"info", name}).wait() == 0; };
+        ASSERT_TRUE(waitFor(isThere, LongDeadline)) << name;
+    }
+
+    /// Waits until the last line of a monitor is one that a condition holds for.
+    static void waitForLine(
+        const ToolProcess& monitor,
+        const std::function<bool(const json&)>& condition,
+        const std::string& what)
+    {
+        const auto holds = [&]
+        {
+            const json line = readLastLine(monitor);
+            return line.contains("state") && condition(line);
+        };
+        EXPECT_TRUE(waitFor(holds, LongDeadline)) << what << ": " << readLastLine(monitor);
+    }
+};
+
+TEST_F(LookTest, ListNamesTheLivingAndClearsUpAfterTheDead)
+{
+    constexpr std::size_t NumSenders = 20;
+    constexpr std::size_t NumKilled = 5;
+    std::vector<std::unique_ptr<ToolProcess>> senders;
+    for (std::size_t i = 0; i < NumSenders; ++i)
+        senders.push_back(std::make_unique<ToolProcess>(std::vector<std::string>{
+            "send", "-s", getSocketName() + "-" + std::to_string(i), "--silence", "--protocol",
+            i % 2 == 0 ? "pubsub" : "pipeline", "-q"}));
+    EXPECT_TRUE(waitFor([&] { return listOwn().size() == NumSenders; }, LongDeadline));
+    EXPECT_EQ(listTempDirectory().size(), NumSenders + 1); // and the fixture's
+
+    for (std::size_t i = 0; i < NumKilled; ++i)
+    {
+        senders[i]->signal(SIGKILL);
+        EXPECT_EQ(senders[i]->wait(), 128 + SIGKILL);
+    }
+    EXPECT_EQ(listOwn().size(), NumSenders - NumKilled);
+
+    // Young ones are left alone: their senders may be about to open. Those of living senders always.
+    ToolProcess early({"list", "--clean"});
+    EXPECT_EQ(early.wait(LongDeadline), 0);
+    EXPECT_EQ(early.getOutput(), "");
+    for (const std::string& name : listTempDirectory())
+        fs::last_write_time(
+            getTempDirectory() + "/" + name,
+            fs::file_time_type::clock::now() - std::chrono::minutes(2));
+    std::size_t numRemoved = 0;
+    const auto areAllRemoved = [&]
+    {
+        // Does nothing while there is any sender on the machine that does not answer.
+        ToolProcess clean({"list", "--clean"});
+        EXPECT_EQ(clean.wait(LongDeadline), 0);
+        const auto lines = splitLines(clean.getOutput());
+        for (const std::string& line : lines)
+            EXPECT_TRUE(line.starts_with("removed " + getTempDirectory() + "/VlxSender-")) << line;
+        numRemoved += lines.size();
+        return numRemoved >= NumKilled;
+    };
+    EXPECT_TRUE(waitFor(areAllRemoved, LongDeadline));
+    EXPECT_EQ(numRemoved, NumKilled);
+    EXPECT_EQ(listTempDirectory().size(), NumSenders - NumKilled + 1);
+    for (std::size_t i = NumKilled; i < NumSenders; ++i)
+        EXPECT_EQ(senders[i]->stop(), 128 + SIGTERM);
+}
+
+TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
+{
+    const std::string evil = getSocketName() + "\n\x1b[2J\xff\u0085";
+    ToolProcess first(
+        {"send", "-s", evil, "--tone", "440", "-f", "F32LE", "-r", "44.1k", "-c", "1"});
+    ToolProcess second(send({"--silence", "--protocol", "pipeline", "--clock", "net"}));
+    waitForSender(evil);
+    waitForSender(getSocketName());
+
+    EXPECT_TRUE(waitFor([&] { return listOwn().size() == 2; }));
+    for (const json& sender : listOwn())
+    {
+        const bool isSecond = sender["name"] == getSocketName();
+        EXPECT_EQ(sender["program"], "vlx");
+        EXPECT_EQ(sender["protocol"], isSecond ? "pipeline" : "pubsub");
+        EXPECT_EQ(sender["clock"], isSecond ? "gstnetclock" : "sysclock");
+        EXPECT_EQ(sender["sample_rate"], isSecond ? 48000 : 44100);
+        EXPECT_EQ(sender["may_join"], true);
+    }
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"list"}, {"info", evil}})
+    {
+        ToolProcess look(arguments);
+        EXPECT_EQ(look.wait(LongDeadline), 0);
+        const std::string text = look.getOutput();
+        EXPECT_TRUE(contains(text, getSocketName() + "\\x0a\\x1b[2J\\xff\\xc2\\x85")) << text;
+        EXPECT_TRUE(contains(text, "F32LE 44100 Hz 1ch")) << text;
+        EXPECT_FALSE(contains(text, "\x1b"));
+    }
+    ToolProcess info({"info", getSocketName()});
+    EXPECT_EQ(info.wait(), 0);
+    EXPECT_TRUE(contains(info.getOutput(), "gstnetclock 127.0.0.1:")) << info.getOutput();
+
+    ToolSettings other;
+    other.asUser = 65534;
+    fs::permissions(getTempDirectory(), fs::perms::all);
+    if (::geteuid() == 0 && ToolProcess({"--version"}, other).wait() == 0)
+    {
+        ToolProcess foreign({"info", evil}, other);
+        EXPECT_EQ(foreign.wait(), 0);
+        EXPECT_TRUE(contains(foreign.getOutput(), "--socket-mode group or all"));
+    }
+
+    ToolProcess none({"info", getSocketName() + "-none"});
+    EXPECT_EQ(none.wait(), 3);
+    EXPECT_TRUE(contains(none.getErrors(), "no sender"));
+
+    // One that is stopped does not answer: the wait for it can be ended.
+    second.signal(SIGSTOP);
+    ToolProcess brief({"info", getSocketName(), "--timeout", "200ms"});
+    EXPECT_EQ(brief.wait(), 3);
+    ToolProcess patient({"info", getSocketName(), "--timeout", "1h"});
+    EXPECT_EQ(patient.wait(std::chrono::milliseconds(500)), std::nullopt);
+    patient.signal(SIGINT);
+    EXPECT_EQ(patient.wait(), 128 + SIGINT);
+    second.signal(SIGCONT);
+    EXPECT_EQ(first.stop(), 128 + SIGTERM);
+    EXPECT_EQ(second.stop(), 128 + SIGTERM);
+}
+
+TEST_F(LookTest, MonitorSurvivesItsSender)
+{
+    const std::string metrics = file("vlx.prom");
+    ToolProcess monitor({"monitor", getSocketName(), "--json", "--metrics", metrics});
+    waitForLine(
+        monitor, [](const json& line) { return line["state"] != "running"; }, "absent");
+
+    const auto expectRunning = [&](int channels, int rate, std::uint64_t reconnects)
+    {
+        waitForLine(
+            monitor,
+            [&](const json& line)
+            {
+                return line["state"] == "running" && line["frames"] > 0 &&
+                       line["channels"] == channels && line["sample_rate"] == rate &&
+                       line["reconnects"] == reconnects && line["clock_synchronized"] == true &&
+                       line["levels"].size() == static_cast<std::size_t>(channels) &&
+                       std::abs(line["levels"][0]["peak_dbfs"].get<double>() + 6.02) < 0.1;
+            },
+            "running with " + std::to_string(channels) + " channels");
+    };
+    m_senderWasKilled = true;
+    {
+        ToolProcess sender(send({"--tone", "440"}));
+        expectRunning(2, 48000, 0);
+        sender.signal(SIGKILL);
+        waitForLine(
+            monitor, [](const json& line) { return line["state"] != "running"; }, "killed");
+    }
+    ToolProcess sender(send({"--tone", "440", "-f", "F32LE", "-r", "44.1k", "-c", "3"}));
+    expectRunning(3, 44100, 1);
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+    ToolProcess netSender(send({"--tone", "440", "--clock", "net"}));
+    expectRunning(2, 48000, 2);
+    EXPECT_EQ(readLastLine(monitor)["clock"], "synced net clock");
+
+    const std::regex line(
+        R"((# (TYPE|HELP) vlx_\w+ .+|vlx_\w+\{stream="[^"]+"\} -?[0-9.e+-]+|# EOF))");
+    const auto isUp = [&]
+    {
+        const std::string text = readFile(metrics);
+        EXPECT_TRUE(text.ends_with("# EOF\n")) << text; // whenever it is read
+        for (const std::string& each : splitLines(text))
+            EXPECT_TRUE(std::regex_match(each, line)) << each;
+        return contains(text, "vlx_up{stream=\"" + getSocketName() + "\"} 1\n") &&
+               contains(text, "vlx_reconnects_total{stream=\"" + getSocketName() + "\"} 2\n");
+    };
+    EXPECT_TRUE(waitFor(isUp));
+    monitor.signal(SIGINT);
+    EXPECT_EQ(monitor.wait(std::chrono::seconds(3)), 128 + SIGINT);
+    for (const std::string& each : splitLines(monitor.getOutput()))
+        EXPECT_TRUE(json::accept(each)) << each;
+    EXPECT_EQ(netSender.stop(), 128 + SIGTERM);
+
+    ToolProcess brief({"monitor", getSocketName(), "-d", "1.5s"});
+    EXPECT_EQ(brief.wait(), 0);
+    EXPECT_GE(countLines(brief.getOutput()), 1U);
+    EXPECT_TRUE(contains(brief.getOutput(), getSocketName() + ": "));
+    ToolProcess impatient({"monitor", getSocketName(), "--timeout", "500ms"});
+    EXPECT_EQ(impatient.wait(), 3);
+}
+
+TEST_F(LookTest, MonitorFitsItsTerminal)
+{
+    ToolProcess sender(send({"--tone", "440", "-c", "32"}));
+    waitForSender(getSocketName());
+    TerminalRun monitor({"monitor", getSocketName(), getSocketName() + std::string(90, 'x')});
+    EXPECT_TRUE(waitFor([&] { return contains(monitor.read(), "dBFS"); }, LongDeadline));
+    monitor.pressCtrlC();
+    EXPECT_EQ(monitor.wait(0, std::chrono::seconds(3)), 128 + SIGINT);
+
+    const std::string plain =
+        std::regex_replace(monitor.read(), std::regex("\x1b\\[[0-9;]*[A-Za-z]"), "");
+    for (const std::string& line : splitLines(plain))
+        EXPECT_LE(line.size() - static_cast<std::size_t>(line.ends_with('\r')), 80U) << line;
+    EXPECT_TRUE(contains(plain, "more than fits the terminal"));
+    EXPECT_TRUE(contains(monitor.read(), "\x1b[32m") || contains(monitor.read(), "\x1b[33m"));
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+}
+
+TEST_F(LookTest, AProvidersAbsenceIsShown)
+{
+    const std::string address = makeOwnAddress();
+    auto provider = std::make_unique<ToolProcess>(
+        std::vector<std::string>{"clock", "serve", "--address", address});
+    ASSERT_TRUE(waitFor([&] { return countLines(provider->getOutput()) == 1; }, LongDeadline));
+    std::string port = provider->getOutput().substr(address.size() + 1);
+    port.pop_back();
+
+    ToolProcess watch({"clock", "watch", address, port, "--json"});
+    ToolProcess lines({"clock", "watch", address, port});
+    const auto isWatched = [&](bool synchronized)
+    {
+        const json line = readLastLine(watch);
+        return line.value("synchronized", !synchronized) == synchronized &&
+               line["round_trip_ns"].is_number() == synchronized;
+    };
+    EXPECT_TRUE(waitFor([&] { return isWatched(true); }, LongDeadline));
+    EXPECT_LT(std::abs(readLastLine(watch)["offset_ns"].get<double>()), 20e6); // one machine
+
+    ToolProcess sender(send({"--silence", "--clock-address", address, "--clock-port", port}));
+    ToolProcess monitor({"monitor", getSocketName(), "--json"});
+    const auto isSynchronized = [](const json& line) { return line["clock_synchronized"] == true; };
+    waitForLine(monitor, isSynchronized, "followed");
+
+    EXPECT_EQ(provider->stop(), 128 + SIGTERM);
+    EXPECT_TRUE(waitFor([&] { return isWatched(false); }, LongDeadline));
+    waitForLine(monitor, std::not_fn(isSynchronized), "lost");
+    provider = std::make_unique<ToolProcess>(
+        std::vector<std::string>{"clock", "serve", "--address", address, "--port", port});
+    EXPECT_TRUE(waitFor([&] { return isWatched(true); }, LongDeadline));
+    waitForLine(monitor, isSynchronized, "regained");
+    EXPECT_TRUE(waitFor([&] { return contains(lines.getErrors(), "regained"); }, LongDeadline));
+    EXPECT_TRUE(contains(lines.getErrors(), "clock watch: lost\n"));
+    EXPECT_TRUE(contains(lines.getOutput(), "not synchronised\n"));
+
+    for (ToolProcess* const each : {&watch, &lines, &monitor, &sender, provider.get()})
+        EXPECT_EQ(each->stop(), 128 + SIGTERM);
+    ToolProcess impatient({"clock", "watch", address, port, "--timeout", "500ms"});
+    EXPECT_EQ(impatient.wait(), 3);
+}
+
+TEST_F(LookTest, CheckSaysWhatIsWrong)
+{
+    ToolSettings bad;
+    bad.tempDirectory = file("none");
+    ToolProcess unfit({"check"}, bad);
+    EXPECT_EQ(unfit.wait(), 1);
+    EXPECT_TRUE(unfit.getOutput().starts_with("FAIL  base directory")) << unfit.getOutput();
+
+    ToolProcess check({"check"});
+    const auto code = check.wait(LongDeadline);
+    const std::string text = check.getOutput();
+    EXPECT_EQ(countLines(text), 5U) << text;
+    EXPECT_TRUE(contains(text, " of 500 frames lost")) << text;
+    EXPECT_EQ(code, contains(text, "FAIL") ? 1 : 0) << text; // a busy machine is not fit
+}
+
+} // namespace vlx::testing
