@@ -212,14 +212,14 @@ TEST_F(LookTest, ListNamesTheLivingAndClearsUpAfterTheDead)
 
 TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
 {
-    const std::string evil = getSocketName() + "\n\x1b[2J\xff\u0085";
+    const std::string evil = getSocketName() + "\t\x1b[2J\xff\u0085";
     ToolProcess first(
         {"send", "-s", evil, "--tone", "440", "-f", "F32LE", "-r", "44.1k", "-c", "1"});
     ToolProcess second(send({"--silence", "--protocol", "pipeline", "--clock", "net"}));
     waitForSender(evil);
     waitForSender(getSocketName());
 
-    EXPECT_TRUE(waitFor([&] { return listOwn().size() == 2; }));
+    EXPECT_TRUE(waitFor([&] { return listOwn().size() == 2; })); // its helper process is gone
     for (const json& sender : listOwn())
     {
         const bool isSecond = sender["name"] == getSocketName();
@@ -235,7 +235,7 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
         ToolProcess look(arguments);
         EXPECT_EQ(look.wait(LongDeadline), 0);
         const std::string text = look.getOutput();
-        EXPECT_TRUE(contains(text, getSocketName() + "\\x0a\\x1b[2J\\xff\\xc2\\x85")) << text;
+        EXPECT_TRUE(contains(text, getSocketName() + "\\x09\\x1b[2J\\xff\\xc2\\x85")) << text;
         EXPECT_TRUE(contains(text, "F32LE 44100 Hz 1ch")) << text;
         EXPECT_FALSE(contains(text, "\x1b"));
     }

@@ -6,7 +6,11 @@
 #include <type_traits>
 #include <utility>
 
+#include <vlxkit/Discovery.hpp>
+
 #include "common/ExitCodes.hpp"
+#include "common/NetClock.hpp"
+#include "common/SenderReport.hpp"
 #include "common/Text.hpp"
 
 namespace vlx::tool
@@ -113,6 +117,7 @@ StreamSnapshot StreamMeter::takeSnapshot()
     StreamSnapshot snapshot;
     snapshot.name = m_name;
     snapshot.total = m_consumer.getStatistics();
+    lookAtClock(snapshot.total);
     snapshot.seconds = std::chrono::duration<double>(now - m_snapshotTime).count();
     snapshot.frames = snapshot.total.frames - m_before.frames;
     snapshot.bytes = snapshot.total.bytes - m_before.bytes;
@@ -127,6 +132,23 @@ StreamSnapshot StreamMeter::takeSnapshot()
     m_before = snapshot.total;
     m_snapshotTime = now;
     return snapshot;
+}
+
+void StreamMeter::lookAtClock(kit::ConsumerStatistics& statistics)
+{
+    if (statistics.clock != Receiver::StreamClockType::SyncedNetClock)
+        return;
+    if (std::exchange(m_connection, statistics.connections) != statistics.connections)
+    {
+        const auto info = kit::probeSender(m_name, AnswerTimeout).initialInfo;
+        if (info && m_provider != std::pair(info->timeSyncIPAddress, info->timeSyncPort))
+        {
+            m_provider = {info->timeSyncIPAddress, info->timeSyncPort};
+            follow(m_netClock, m_provider.first, m_provider.second);
+        }
+    }
+    if (!m_provider.first.empty() && !m_netClock.isSynchronized())
+        statistics.clockSynchronized = false;
 }
 
 std::vector<ChannelLevel> StreamMeter::takeLevels(SteadyClock::time_point now)

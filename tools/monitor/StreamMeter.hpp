@@ -5,8 +5,10 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include <miscUtils/SyncedNetClock.hpp>
 #include <vlxkit/Consumer.hpp>
 
 #include "audio/PcmCodec.hpp"
@@ -73,6 +75,7 @@ private:
     void handleFormat(const kit::StreamFormat& format);
     void handleFrame(const kit::Frame& frame);
     void handleEvent(const kit::ConsumerEvent& event);
+    void lookAtClock(kit::ConsumerStatistics& statistics);
     std::vector<ChannelLevel> takeLevels(SteadyClock::time_point now);
 
     const std::string m_name;
@@ -87,6 +90,11 @@ private:
     std::vector<ChannelSums> m_channels;
     std::string m_obstacle; // what keeps the stream from running
     std::string m_notice;
+
+    // Follows the stream's network clock beside the consumer, which cannot tell when it is lost.
+    miscUtils::SyncedNetClock m_netClock;
+    std::pair<std::string, std::uint16_t> m_provider; // that it follows
+    std::uint64_t m_connection = 0;                   // in which that was asked for
 
     // At the last snapshot.
     kit::ConsumerStatistics m_before;
