@@ -171,14 +171,15 @@ struct Listeners
 /// @return nothing if only the process's user may look
 std::optional<Listeners> findListeners(const std::string& process, const UnixSockets& sockets)
 {
-    const auto descriptors = listNames(process + "/fd");
+    const std::string directory = process + "/fd";
+    const auto descriptors = listNames(directory);
     if (!descriptors)
         return std::nullopt;
 
     Listeners listeners;
     for (const std::string& descriptor : *descriptors)
     {
-        const auto inode = readSocketInode(process + "/fd/" + descriptor);
+        const auto inode = readSocketInode(std::string(directory).append("/").append(descriptor));
         if (!inode)
             continue;
         const auto found = sockets.find(*inode);
