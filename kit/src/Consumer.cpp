@@ -257,6 +257,8 @@ bool Consumer::Impl::prepare()
     if (m_options.name.empty() || m_options.name.size() > MaxSocketNameLength)
         return fail(
             "the name of a stream has 1 to " + std::to_string(MaxSocketNameLength) + " bytes");
+    if (!m_callbacks.onFrame)
+        return fail("a consumer needs a callback for its frames");
     if (!m_wakeup.isOpen())
         return fail("no descriptor is left");
 

@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include <SenderDirectory.hpp>
+
 namespace vlx::kit
 {
 
@@ -26,7 +28,7 @@ ScopedTmpdir::ScopedTmpdir(const std::string& directory) : m_lock(environmentMut
 
     std::error_code error;
     const std::string absolute = std::filesystem::absolute(wanted, error);
-    m_changed = !error && absolute != m_former;
+    m_changed = !error && absolute != getBaseDirectory();
     if (m_changed)
         ::setenv(Variable, absolute.c_str(), 1);
 }

@@ -9,7 +9,8 @@ namespace vlx::kit
 
 /// While it lives, "TMPDIR" names the wanted base directory, for initializeSender() and
 /// initializeReceiver(), which look it up; afterwards it is what it was. A relative path becomes an
-/// absolute one, since receivers may have another working directory.
+/// absolute one, since receivers may have another working directory. Nothing is changed where the
+/// library would find the same directory anyway.
 ///
 /// The kit initialises senders and receivers inside such a scope only, also those that take
 /// "TMPDIR" as it is: one lock keeps the directories of two streams apart. Scopes may be nested.

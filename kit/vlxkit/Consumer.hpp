@@ -23,7 +23,10 @@ struct ConsumerOptions
 {
     /// Of the stream, 1 to 107 bytes.
     std::string name;
-    /// As in ProducerOptions.
+    /// Where senders and receivers of this machine meet; empty: "TMPDIR", or "/tmp/vlx", which is
+    /// made if it is missing. Any other directory must exist; "TMPDIR" is then set to it for an
+    /// instant whenever the consumer's own thread begins to look for the sender, between start()
+    /// and stop(): a process whose other threads use the environment sets "TMPDIR" itself instead.
     std::string baseDirectory = {};
     /// A joined stream without a frame for so long is joined again; zero: never. The time doubles
     /// with each attempt that brought nothing, up to sixteenfold.
@@ -168,8 +171,9 @@ public:
 
     /// Starts to receive; returns at once, whether there is a sender or not.
     ///
-    /// @return false if the name is none, the base directory cannot be used, no descriptor or thread
-    ///         is left, or real-time scheduling is required and not to be had; see getProblem()
+    /// @return false if the name is none, onFrame is empty, the base directory cannot be used, no
+    ///         descriptor or thread is left, or real-time scheduling is required and not to be had;
+    ///         see getProblem()
     VLX_API bool start();
 
     /// Stops. No callback runs any more once it has returned, normally within milliseconds. Does

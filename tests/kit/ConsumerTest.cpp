@@ -21,6 +21,7 @@
 #include <vlxkit/Consumer.hpp>
 
 #include "ConsumerRecord.hpp"
+#include "ScopedTmpdir.hpp"
 #include "SenderQuestion.hpp"
 #include "support/AllocationCounter.hpp"
 #include "support/RawSender.hpp"
@@ -549,6 +550,11 @@ TEST_F(ConsumerTest, TakesADirectoryOfItsOwn)
     consumer.stop("own directory");
     EXPECT_EQ(std::getenv("TMPDIR"), getTempDirectory());
     std::filesystem::remove(directory);
+
+    // The consumer's thread leaves the environment alone where it need not change.
+    ::unsetenv("TMPDIR");
+    const ScopedTmpdir same("/tmp/vlx");
+    EXPECT_EQ(std::getenv("TMPDIR"), nullptr);
 }
 
 TEST_F(ConsumerTest, RefusesWhatCannotWork)
@@ -560,7 +566,10 @@ TEST_F(ConsumerTest, RefusesWhatCannotWork)
         EXPECT_EQ(consumer.getProblem(), "the name of a stream has 1 to 107 bytes");
     }
     const std::string missing = getTempDirectory() + "/missing";
-    Consumer consumer({.name = getSocketName(), .baseDirectory = missing}, {});
+    Consumer deaf({.name = getSocketName()}, {});
+    EXPECT_FALSE(deaf.start());
+    Consumer consumer(
+        {.name = getSocketName(), .baseDirectory = missing}, {.onFrame = [](const Frame&) {}});
     EXPECT_FALSE(consumer.start());
     EXPECT_NE(consumer.getProblem().find(missing), std::string::npos);
 }
