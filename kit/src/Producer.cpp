@@ -120,6 +120,7 @@ private:
     bool protectStream();
     void shutDown();
     void announce();
+    bool isClosed();
     bool isUsable();
     bool fail(const std::string& problem);
     void notify(const std::string& notice) const;
@@ -155,6 +156,8 @@ private:
 
 bool Producer::Impl::open(const StreamFormat& format)
 {
+    if (!isClosed())
+        return false;
     const std::string problem = findProblem(format);
     if (!problem.empty())
         return fail(problem);
@@ -167,8 +170,8 @@ bool Producer::Impl::open(const StreamFormat& format)
 
 bool Producer::Impl::open(Payloader& payloader)
 {
-    if (m_sender != nullptr)
-        return fail("the stream " + quote(m_name) + " is open already");
+    if (!isClosed())
+        return false;
     const std::string problem = findProblem(m_options);
     if (!problem.empty())
         return fail(problem);
@@ -176,14 +179,20 @@ bool Producer::Impl::open(Payloader& payloader)
     m_problem.clear();
     m_payloader = &payloader;
     m_format.reset();
-    if (openSender() && protectStream() && isUsable())
-        return true;
+    if (openSender())
+    {
+        // The sooner it comes, the fewer receivers have joined that could miss it. In Pipeline it
+        // waits for those that are joining.
+        m_sender->setCurrentPayloader(payloader);
+        announce();
+        if (isUsable() && protectStream() && isUsable())
+            return true;
+    }
     shutDown();
     return false;
 }
 
-/// As far as the first sequence: the sooner it comes, the fewer receivers have joined that could
-/// miss it.
+/// Without the first sequence: what waits for others must not hold up other streams.
 bool Producer::Impl::openSender()
 {
     if (m_stopped)
@@ -228,11 +237,7 @@ bool Producer::Impl::initializeSender(const std::string& name)
     }
     m_name = name;
     m_process = ::getpid();
-    if (!publish(std::move(sender)))
-        return false;
-    m_sender->setCurrentPayloader(*m_payloader);
-    announce();
-    return true;
+    return publish(std::move(sender));
 }
 
 /// From here on a stop finds the sender.
@@ -395,6 +400,11 @@ ProducerStatistics Producer::Impl::getStatistics() const
     if (m_sender != nullptr)
         statistics.receivers = m_sender->getNumReceivers();
     return statistics;
+}
+
+bool Producer::Impl::isClosed()
+{
+    return m_sender == nullptr || fail("the stream " + quote(m_name) + " is open already");
 }
 
 /// @return whether the stream is open and not being stopped; otherwise the problem says it

@@ -74,13 +74,17 @@ bool isOwnSocket(int directoryFD, const std::string& name)
            S_ISSOCK(status.st_mode) && status.st_uid == ::geteuid();
 }
 
-/// A pipeline receiver of a user who may join has made it, or nobody has yet.
-bool isSocketOrNothing(int directoryFD, const std::string& name)
+/// A pipeline receiver of a user who may join has made it, or nobody has yet. With groups it
+/// cannot be told who may.
+bool isJoinersSocketOrNothing(int directoryFD, const std::string& name, SocketMode mode)
 {
     struct stat status = {};
     if (::fstatat(directoryFD, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
         return errno == ENOENT;
-    return S_ISSOCK(status.st_mode);
+    constexpr uid_t Root = 0;
+    const bool mayBe =
+        mode != SocketMode::Owner || status.st_uid == ::geteuid() || status.st_uid == Root;
+    return S_ISSOCK(status.st_mode) && mayBe;
 }
 
 /// Takes away what is not ours, so that the sender can be shut down: nanomsg aborts the process if
@@ -126,7 +130,7 @@ std::string protectSocketFile(const std::string& path, NanomsgProtocol protocol,
             narrowDirectory(fd, isPipeline ? modes.pipelineDirectory : modes.pubSubDirectory))
         return "cannot narrow the sender's directory " + describe(directory, error);
 
-    if (!(isPipeline ? isSocketOrNothing(fd, name) : isOwnSocket(fd, name)))
+    if (!(isPipeline ? isJoinersSocketOrNothing(fd, name, mode) : isOwnSocket(fd, name)))
     {
         removeIntruder(fd, name);
         return "somebody has replaced the sender's socket file \"" + path + "\"";

@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include <vlx/VlxSender.hpp>
+#include <vlxkit/Discovery.hpp>
 #include <vlxkit/Producer.hpp>
 
 #include "support/AllocationCounter.hpp"
@@ -56,6 +57,12 @@ void bindSocket(const std::string& path)
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);
     const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
     ASSERT_EQ(::bind(listener.get(), generic, sizeof(address)), 0) << path;
+}
+
+void bindForeignSocket(const std::string& path)
+{
+    bindSocket(path);
+    ASSERT_EQ(::chown(path.c_str(), 65534, 65534), 0);
 }
 
 std::set<pid_t> listThreads()
@@ -131,6 +138,8 @@ TEST_F(ProducerTest, NoticesWhatSomebodyElseHasPutInItsDirectory)
         const char* name;
         std::function<void(const std::string&)> swap; // of the socket file
         bool isFineInPipeline;
+        SocketMode mode = SocketMode::All;
+        bool isFineInPubSub = false;
     };
     const Row rows[] = {
         {"nothing", [](const auto&) {}, true},
@@ -138,13 +147,9 @@ TEST_F(ProducerTest, NoticesWhatSomebodyElseHasPutInItsDirectory)
         {"file", [](const auto& file) { std::ofstream(file) << "x"; }, false},
         {"directory", [](const auto& file) { fs::create_directory(file); }, false},
         {"full directory", [](const auto& file) { fs::create_directories(file + "/x"); }, false},
-        {"socket of another user",
-         [](const auto& file)
-         {
-             bindSocket(file);
-             ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0);
-         },
-         true}};
+        {"socket of another user", bindForeignSocket, true},
+        {"socket of a user who may not join", bindForeignSocket, false, SocketMode::Owner},
+        {"own socket", bindSocket, true, SocketMode::Owner, true}};
     if (::geteuid() != 0)
         GTEST_SKIP() << "needs a second user";
     for (const Row& row : rows)
@@ -161,8 +166,9 @@ TEST_F(ProducerTest, NoticesWhatSomebodyElseHasPutInItsDirectory)
             ASSERT_THAT(file, StartsWith(getTempDirectory() + "/VlxSender-"));
             fs::remove(file);
             row.swap(file);
-            const std::string problem = protectSocketFile(file, protocol, SocketMode::All);
-            const bool isFine = protocol == NanomsgProtocol::Pipeline && row.isFineInPipeline;
+            const std::string problem = protectSocketFile(file, protocol, row.mode);
+            const bool isFine =
+                protocol == NanomsgProtocol::Pipeline ? row.isFineInPipeline : row.isFineInPubSub;
             EXPECT_EQ(problem.empty(), isFine) << row.name << ": " << problem;
             EXPECT_EQ(getMode(victim), 0600U) << row.name;
             sender.shutdownSender(); // would abort with a directory in the socket file's place
@@ -225,6 +231,14 @@ TEST_F(ProducerTest, SaysWhatItCannotOpen)
     EXPECT_FALSE(first.send(0, FrameNs, {}));
     EXPECT_FALSE(first.getProblem().empty());
     EXPECT_TRUE(first.open(Format)) << first.getProblem(); // once more
+
+    // An open stream keeps its format, also in what those who join are told.
+    EXPECT_FALSE(first.open({audioUtils::PcmFormat::U8, 8000, 1}));
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    EXPECT_TRUE(first.waitForReceivers(1));
+    EXPECT_EQ(probeSender(getSocketName(), std::chrono::seconds(5)).format, Format);
+    receiver.stop();
     first.close();
 }
 
