@@ -24,6 +24,7 @@
 
 #include "AbstractName.hpp"
 #include "Assertions.hpp"
+#include "Connection.hpp"
 #include "Descriptors.hpp"
 #include "ErrorText.hpp"
 #include "Guards.hpp"
@@ -542,8 +543,7 @@ void Receiver::disconnectSidechannel()
     if (m_sideChannelSocketFD >= 0)
     {
         LOG4CPLUS_DEBUG(logger, "Closing sidechannel with FD " << m_sideChannelSocketFD);
-        ::shutdown(m_sideChannelSocketFD, SHUT_RDWR);
-        ::close(m_sideChannelSocketFD);
+        closeConnection(m_sideChannelSocketFD);
         m_sideChannelSocketFD = -1;
     }
     m_sidechannelMessageSize = ReadingPrefix;
@@ -1171,8 +1171,7 @@ int Receiver::readSidechannelMessage()
 
 bool Receiver::readSomeFromSidechannel(void* buffer, std::size_t length, std::size_t& bytesRead)
 {
-    // Never waits: there may be nothing to read after all, since an urgent byte is thrown away.
-    const ssize_t numBytes = ::recv(m_sideChannelSocketFD, buffer, length, MSG_DONTWAIT);
+    const ssize_t numBytes = receiveWithoutWaiting(m_sideChannelSocketFD, buffer, length);
     if (numBytes < 0 && errno == EAGAIN)
     {
         bytesRead = 0;

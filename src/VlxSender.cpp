@@ -21,6 +21,7 @@
 
 #include "AbstractName.hpp"
 #include "Assertions.hpp"
+#include "Connection.hpp"
 #include "Descriptors.hpp"
 #include "ErrorText.hpp"
 #include "Fourcc.hpp"
@@ -84,21 +85,14 @@ int acceptConnection(int listenerFD)
     return fd;
 }
 
-/// Takes what a receiver wrote and forgets it. Never waits: there may be nothing to read after all,
-/// since an urgent byte is thrown away.
+/// Takes what a receiver wrote and forgets it. Never waits.
 ///
 /// @return the number of bytes; 0 if the receiver has left; negative, with errno telling why, if
 ///         the connection could not be read
 ssize_t discardInput(int fd)
 {
     std::array<std::uint8_t, ClientScratchBytes> scratch;
-    return ::recv(fd, scratch.data(), scratch.size(), MSG_DONTWAIT);
-}
-
-void closeConnection(int fd)
-{
-    ::shutdown(fd, SHUT_RDWR);
-    ::close(fd);
+    return receiveWithoutWaiting(fd, scratch.data(), scratch.size());
 }
 
 /// A write to a connection that its receiver has left must not kill the host process. The listener
@@ -397,8 +391,8 @@ void Sender::listenerThreadLoop()
             }
         }
 
-        // Without the lock, which no other thread needs to change the list: a receiver may have
-        // sent descriptors along, and what the system has to close here can take its time.
+        // Without the lock, which no other thread needs to change the list: what the system has to
+        // close here can take its time.
         for (std::size_t i = FirstClientEntry; i < entries.size();)
         {
             if ((entries[i].revents & POLLIN) == 0)

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include <AbstractName.hpp>
+#include <Connection.hpp>
 #include <LittleEndian.hpp>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -30,9 +31,6 @@ namespace
 // Real messages have a few hundred bytes. A stranger may announce anything.
 constexpr std::uint32_t MaxMessageBytes = 1 << 20;
 
-// The kernel passes no more at once.
-constexpr std::size_t MaxPassedDescriptors = 253;
-
 constexpr mode_t PermissionBits = 07777;
 
 constexpr std::size_t ChunkBytes = 4096;
@@ -42,45 +40,6 @@ constexpr std::size_t SequenceInfoHeaderBytes = 8;
 constexpr std::string_view IpcScheme = "ipc://";
 
 constexpr std::size_t MaxSocketPathLength = sizeof(sockaddr_un::sun_path) - 1;
-
-/// Closes what came in with SCM_RIGHTS. A TCP socket that lingers would hold the close for as long
-/// as its sender likes.
-void closePassedDescriptors(msghdr& message)
-{
-    constexpr linger NoLinger{0, 0};
-    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
-         header = CMSG_NXTHDR(&message, header))
-    {
-        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS)
-            continue;
-        for (std::size_t offset = CMSG_LEN(0); offset < header->cmsg_len; offset += sizeof(int))
-        {
-            int fd = -1;
-            std::memcpy(&fd, reinterpret_cast<const char*>(header) + offset, sizeof(fd));
-            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &NoLinger, sizeof(NoLinger));
-            ::close(fd);
-        }
-    }
-}
-
-/// As recv(), and never waits, neither for what the other side sends nor for its descriptors.
-ssize_t receive(int fd, std::array<unsigned char, ChunkBytes>& chunk)
-{
-    alignas(cmsghdr) std::array<unsigned char, CMSG_SPACE(MaxPassedDescriptors * sizeof(int))>
-        control;
-    iovec part{chunk.data(), chunk.size()};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    const ssize_t count = ::recvmsg(fd, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-    const int error = errno;
-    if (count >= 0)
-        closePassedDescriptors(message);
-    errno = error;
-    return count;
-}
 
 bool connectSocket(int fd, const std::string& name)
 {
@@ -171,13 +130,7 @@ SenderQuestion::~SenderQuestion()
 {
     if (m_fd < 0)
         return;
-    // What lies there unread would be closed with the socket, lingering.
-    ::shutdown(m_fd, SHUT_RD);
-    std::array<unsigned char, ChunkBytes> scratch;
-    while (receive(m_fd, scratch) > 0)
-    {
-    }
-    ::close(m_fd);
+    closeConnection(m_fd);
 }
 
 void SenderQuestion::advance()
@@ -185,7 +138,7 @@ void SenderQuestion::advance()
     std::array<unsigned char, ChunkBytes> chunk;
     while (!m_over)
     {
-        const ssize_t size = receive(m_fd, chunk);
+        const ssize_t size = receiveWithoutWaiting(m_fd, chunk.data(), chunk.size());
         if (size < 0 && (errno == EAGAIN || errno == EINTR))
             return;
         m_answer.closedEarly = size <= 0;
@@ -254,9 +207,10 @@ SenderProbe SenderQuestion::getAnswer() const
     if (answer.initialInfo)
         examineSocketFile(answer);
     // A sender that is shutting down closes first and removes its socket file then.
-    std::array<unsigned char, ChunkBytes> scratch;
+    unsigned char scratch = 0;
     if (answer.initialInfo && answer.socketFile.empty())
-        answer.closedEarly = answer.closedEarly || receive(m_fd, scratch) == 0;
+        answer.closedEarly =
+            answer.closedEarly || receiveWithoutWaiting(m_fd, &scratch, sizeof(scratch)) == 0;
     return answer;
 }
 
