@@ -420,13 +420,23 @@ TEST_F(ConsumerTest, TellsAnObstacleOnceAndJoinsWhatReplacesIt)
         ASSERT_TRUE(consumer.start());
         ASSERT_TRUE(consumer.waitForLine("cannot play"));
         const std::size_t before = sender.getNumConnections();
+        EXPECT_GE(before, 5U) << "accused at the first look";
         ASSERT_TRUE(waitFor([&] { return sender.getNumConnections() > before + 1; }));
         EXPECT_EQ(consumer.count("cannot play"), 1U);
+        consumer.stop("pause");
+        ASSERT_TRUE(consumer.start());
+        EXPECT_TRUE(consumer.waitForLine("cannot play", 2)) << "to whoever has started it again";
     }
-    ScriptedSender sender(getSocketName());
-    ASSERT_TRUE(consumer.waitForLine("format"));
-    ASSERT_TRUE(sender.send(makeFrame(1, 10)));
-    EXPECT_TRUE(consumer.waitForLine("frame 10"));
+    {
+        ScriptedSender sender(getSocketName());
+        ASSERT_TRUE(consumer.waitForLine("format"));
+        ASSERT_TRUE(sender.send(makeFrame(1, 10)));
+        EXPECT_TRUE(consumer.waitForLine("frame 10"));
+        const auto end = steady_clock::now() + 300ms; // the keeper looks every 100 ms
+        ASSERT_TRUE(waitFor([&] { return steady_clock::now() > end; }));
+    }
+    const ScriptedSender sender(getSocketName(), {.second = makeForeignSequenceInfo("WXYZ")});
+    EXPECT_TRUE(consumer.waitForLine("cannot play", 3)) << "after frames it is news again";
 }
 
 TEST_F(ConsumerTest, SaysWhereThisUserMayNotWrite)
@@ -549,6 +559,11 @@ TEST_F(ConsumerTest, TakesADirectoryOfItsOwn)
     EXPECT_TRUE(log().waitFor(debugLog("Opened " + directory)));
     consumer.stop("own directory");
     EXPECT_EQ(std::getenv("TMPDIR"), getTempDirectory());
+    ::unsetenv("TMPDIR");
+    ASSERT_TRUE(consumer.start());
+    consumer.stop("own directory again");
+    EXPECT_EQ(std::getenv("TMPDIR"), nullptr);
+    ::setenv("TMPDIR", getTempDirectory().c_str(), 1);
     std::filesystem::remove(directory);
 
     // The consumer's thread leaves the environment alone where it need not change.

@@ -23,6 +23,7 @@
 
 #include <vlxkit/Discovery.hpp>
 #include <vlxkit/Producer.hpp>
+#include <vlxkit/PromptStop.hpp>
 
 #include "support/RawPeers.hpp"
 #include "support/RecordedReceiver.hpp"
@@ -483,6 +484,12 @@ TEST_F(DiscoveryTest, BellIsHeardByWaitingReceiversOnly)
     const std::string name = event + offsetof(inotify_event, name);
     EXPECT_NE(name.find("VlxSender-"), std::string::npos);
     EXPECT_NE(name.rfind("VlxSender-", 0), 0U);
+
+    Receiver receiver;
+    ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
+    stopPromptly(receiver);
+    ASSERT_GT(::read(watcher.get(), event, sizeof(event)), 0);
+    EXPECT_EQ(std::string(event + offsetof(inotify_event, name)).find("VlxSender-"), name.npos);
     EXPECT_TRUE(listTempDirectory().empty());
 }
 

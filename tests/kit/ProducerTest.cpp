@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <SocketFile.hpp>
+#include <TailWait.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <log4cplus/logger.h>
@@ -37,6 +38,7 @@ namespace
 
 namespace fs = std::filesystem;
 using namespace vlx::testing;
+using namespace std::chrono_literals;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -328,6 +330,8 @@ TEST_F(ProducerTest, LastFrameArrivesHoweverLarge)
         EXPECT_TRUE(receiver.waitForEvent("frame " + std::to_string(round)));
     }
     receiver.stop();
+    for (const auto duration : {0ms, 10ms, 100ms, 2000ms})
+        EXPECT_EQ(getTailWait(duration), std::max(duration, 100ms));
 }
 
 TEST_F(ProducerTest, StopCutsTheTailOfALongFrame)
@@ -378,8 +382,20 @@ TEST_F(ProducerTest, AnnouncesAgainWhenItMayHaveBeenMissed)
     EXPECT_TRUE(producer.send(3, 4, ByteView()));
     EXPECT_EQ(countAllocationsOfThread(), before);
     log4cplus::Logger::getInstance("Vellox").setLogLevel(log4cplus::ALL_LOG_LEVEL);
-    client.close();
+
+    // As many as at the last look, but not the same.
+    const auto waitForCount = [&producer](std::size_t count)
+    { return waitFor([&] { return producer.getStatistics().receivers == count; }); };
     sub.close();
+    ASSERT_TRUE(waitForCount(0));
+    EXPECT_TRUE(producer.setFormat(Format));
+    RawNanomsgSub successor;
+    ASSERT_TRUE(successor.connect("ipc://" + producer.getSocketFile()));
+    ASSERT_TRUE(waitForCount(1));
+    EXPECT_EQ(producer.checkReceivers(), 1U);
+    EXPECT_EQ(successor.receive(), fromHex("01 00 0700 50434D41 80BB0000 02 02"));
+    client.close();
+    successor.close();
     producer.close();
 }
 

@@ -657,6 +657,8 @@ TEST_F(ReceiverTest, GivesUpWithoutAMainChannel)
         ASSERT_TRUE(receiver.start(getSocketName()));
         EXPECT_TRUE(good.serve());
         EXPECT_TRUE(receiver.waitForEvent("ready"));
+        receiver.stop();
+        EXPECT_EQ(receiver.count("failed"), 1U);
     }
     rival.close();
     fs::remove(getTempDirectory() + "/taken");

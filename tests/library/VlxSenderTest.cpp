@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -18,10 +19,12 @@
 #include <nanomsg/nn.h>
 #include <netinet/in.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <vlx/VlxPayload.hpp>
@@ -733,6 +736,38 @@ TEST_F(SenderTest, OutOfDescriptorsTheListenerGoesOn)
     EXPECT_TRUE(second.readMessage().has_value());
 }
 
+TEST_F(SenderTest, AListenerThatIsHeldUpTurnsNobodyAway)
+{
+    constexpr std::size_t NumWaiting = 32;
+    ASSERT_TRUE(initialize());
+    std::unique_lock<std::mutex> lock;
+    std::vector<RawConnection> clients;
+    clients.push_back(connectUngreeted(lock));
+    while (clients.size() <= NumWaiting && clients.back().isOpen())
+        clients.push_back(RawSidechannelClient(getSocketName()));
+    lock.unlock();
+    for (RawConnection& client : clients)
+        EXPECT_TRUE(client.readMessage().has_value());
+    EXPECT_TRUE(waitForClients(NumWaiting + 1));
+}
+
+TEST_F(SenderTest, AForkHoldsNoConnection)
+{
+    ASSERT_TRUE(initialize());
+    RawSidechannelClient client(getSocketName());
+    ASSERT_TRUE(client.readMessage() && waitForClients(1));
+    const pid_t child = ::fork();
+    if (child == 0)
+    {
+        ::pause();
+        ::_exit(0);
+    }
+    m_sender.shutdownSender();
+    EXPECT_TRUE(client.waitForClose());
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+}
+
 TEST_F(SenderTest, FailedPollEndsTheListenerThread)
 {
 #ifdef __SANITIZE_ADDRESS__
@@ -949,6 +984,18 @@ TEST_F(SenderTest, BlockedSendIsFreedByDisabling)
     m_sender.shutdownSender();
     EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty())
         << "the receiver's socket file was there";
+}
+
+TEST_F(SenderTest, AReceiverThatLeavesBeforeTheSendHoldsNobodyUp)
+{
+    startStream(NanomsgProtocol::Pipeline);
+    const Descriptor ready(::eventfd(1, EFD_CLOEXEC)); // though there is nobody any more
+    const int watchFD = std::exchange(Access::nanomsgWatchFD(m_sender), ready.get());
+    auto sent = std::async(std::launch::async, [this] { sendFrame(1, {1}); });
+    EXPECT_EQ(sent.wait_for(testing::DefaultDeadline), std::future_status::ready);
+    EXPECT_TRUE(
+        log().contains(debugLog("Could not send data over nanomsg; connection might be gone")));
+    Access::nanomsgWatchFD(m_sender) = watchFD;
 }
 
 TEST_F(SenderTest, BlockedSendKeepsNoNewcomerWaiting)

@@ -98,6 +98,11 @@ public:
         return sender.m_nanomsgMainFD;
     }
 
+    static int& nanomsgWatchFD(Sender& sender)
+    {
+        return sender.m_nanomsgWatchFD;
+    }
+
     static int getNanomsgEndpointID(Sender& sender)
     {
         return sender.m_nanomsgEndpointID;
