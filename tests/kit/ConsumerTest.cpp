@@ -655,6 +655,11 @@ TEST(ConsumerRecordTest, MeasuresGaps)
     record.onSequence(Receiver::StreamClockType::MonotonicSystemClock, StreamFormat{});
     EXPECT_EQ(record.onFrame(99 * Ms, Ms, 192, 100 * Ms, 100 * Ms).gapNs, 0) << "another clock";
     EXPECT_EQ(record.getStatistics().ages.getMax(), Ms);
+
+    record.onEnded(200 * Ms, true);
+    record.onJoined(220 * Ms);
+    record.onFrame(0, Ms, 192, 230 * Ms, 0);
+    EXPECT_EQ(record.getStatistics().joinNs, 30 * Ms) << "from the loss on";
 }
 
 TEST(ConsumerRecordTest, OnlyFiveLossesWithinASecondAndWithoutASequenceAreFlapping)
