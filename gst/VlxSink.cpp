@@ -296,7 +296,7 @@ bool Sink::callUnlockable(Call call)
 // What a call that returned false means: it was freed, or it cannot be done.
 // By value: the producer, whose text it may be, goes meanwhile.
 // cppcheck-suppress passedByValue
-GstFlowReturn Sink::fail(std::string problem)
+GstFlowReturn Sink::fail(std::string problem) // NOLINT(performance-unnecessary-value-param)
 {
     const bool freed = isUnlocked() || isProducerStopped();
     dropProducer();

@@ -74,7 +74,8 @@ std::string findProblem(const ProducerOptions& options)
 
 std::string findProblem(const StreamFormat& format)
 {
-    if (format.rate > 0 && format.channels <= MaxChannels && format.getBytesPerSample() > 0)
+    if (audioUtils::isValid(format.sampleFormat) && format.rate > 0 && format.channels > 0 &&
+        format.channels <= MaxChannels)
         return {};
     return "a stream needs a known sample format, a rate of at least 1 and 1 to " +
            std::to_string(MaxChannels) + " channels";

@@ -2,6 +2,7 @@
 
 /// Format of an uncompressed stream, and the arithmetic between samples and time.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -23,10 +24,11 @@ struct StreamFormat
     /// Every field.
     bool operator==(const StreamFormat&) const = default;
 
-    /// @return bytes of one sample; 0 for a format that is no enumerator
+    /// @return bytes of one sample; at least 1, also for what is no format, so that sizes can be
+    ///         divided by it
     std::size_t getBytesPerSample() const
     {
-        return audioUtils::bytesPerFrame(sampleFormat, channels);
+        return std::max<std::size_t>(audioUtils::bytesPerFrame(sampleFormat, channels), 1);
     }
 
     /// @return nanoseconds that a number of samples takes, rounded down once, exact for any number

@@ -336,9 +336,9 @@ private:
     void renderSilence(std::size_t samples)
     {
         const double rate = m_device.getRate();
+        const std::size_t ready = m_block.size() / m_channels;
         const double nextTime =
-            m_device.getNextTime() +
-            static_cast<double>(m_block.size() / m_channels) * NsPerSecond / rate;
+            m_device.getNextTime() + static_cast<double>(ready) * NsPerSecond / rate;
         std::size_t silence = samples;
         {
             const std::lock_guard<std::mutex> lock(m_mutex);

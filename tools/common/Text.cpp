@@ -1,10 +1,12 @@
 #include "Text.hpp"
 
 #include <algorithm>
+#include <clocale>
 #include <cstdarg>
 #include <cstdio>
+#include <cwchar>
 
-#include <glib.h>
+#include <wctype.h>
 
 namespace vlx::tool
 {
@@ -16,6 +18,21 @@ namespace
 bool beginsCharacter(char byte)
 {
     return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80;
+}
+
+/// Reads the character that a text begins with, whatever the process's locale.
+///
+/// @return its bytes; 0 if they are no UTF-8, or the character would move the cursor
+std::size_t measurePrintable(const char* text, std::size_t size)
+{
+    static const locale_t Utf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    const locale_t former = ::uselocale(Utf8);
+    std::mbstate_t state{};
+    wchar_t character = 0;
+    const std::size_t length = std::mbrtowc(&character, text, size, &state);
+    const bool isPrintable = length <= size && ::iswprint(static_cast<wint_t>(character)) != 0;
+    ::uselocale(former);
+    return isPrintable ? length : 0;
 }
 
 } // unnamed namespace
@@ -40,18 +57,10 @@ std::string toPrintable(const std::string& text)
     std::string printable;
     for (std::size_t i = 0; i < text.size();)
     {
-        const char* const begin = &text[i];
-        const gunichar character =
-            g_utf8_get_char_validated(begin, static_cast<gssize>(text.size() - i));
-        const bool isValid = character < 0x110000;
-        const std::size_t length =
-            isValid ? static_cast<std::size_t>(g_utf8_next_char(begin) - begin) : 1;
-        if (isValid && g_unichar_isprint(character) != FALSE)
-            printable.append(begin, length);
-        else
-            for (std::size_t k = 0; k < length; ++k)
-                printable += formatText("\\x%02x", static_cast<unsigned char>(begin[k]));
-        i += length;
+        const std::size_t length = measurePrintable(&text[i], text.size() - i);
+        printable += length > 0 ? text.substr(i, length)
+                                : formatText("\\x%02x", static_cast<unsigned char>(text[i]));
+        i += std::max<std::size_t>(length, 1);
     }
     return printable;
 }

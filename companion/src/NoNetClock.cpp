@@ -1,0 +1,50 @@
+// The network clock of a build without GStreamer: it never synchronises, and says so.
+
+#include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
+
+#include <miscUtils/SyncedNetClock.hpp>
+
+#include "Assertions.hpp"
+
+namespace miscUtils
+{
+
+namespace
+{
+
+log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
+
+} // unnamed namespace
+
+class SyncedNetClock::Impl
+{
+};
+
+SyncedNetClock::SyncedNetClock() = default;
+
+SyncedNetClock::~SyncedNetClock() = default;
+
+void SyncedNetClock::startSynchronization(
+    std::string /*address*/,
+    unsigned int /*port*/,
+    unsigned int /*windowSize*/,
+    unsigned long /*roundTripLimit*/,
+    std::function<void()> /*onStateChange*/)
+{
+    LOG4CPLUS_WARN(logger, "Built without network clocks: the stream has none");
+}
+
+void SyncedNetClock::stopSynchronization() {}
+
+bool SyncedNetClock::isSynchronized() const
+{
+    return false;
+}
+
+TimeValue SyncedNetClock::getSynchronizedTime() const
+{
+    return 0;
+}
+
+} // namespace miscUtils

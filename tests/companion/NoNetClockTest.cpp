@@ -1,0 +1,31 @@
+// A build without GStreamer: a network clock is never synchronised, and says so once for each start.
+
+#include "support/LogCapture.hpp"
+#include "support/VlxTest.hpp"
+#include <gtest/gtest.h>
+
+#include <miscUtils/SyncedNetClock.hpp>
+
+namespace vlx::testing
+{
+
+namespace
+{
+
+class NoNetClockTest : public VlxTest
+{
+};
+
+TEST_F(NoNetClockTest, StartsAreRefusedInOneWarning)
+{
+    miscUtils::SyncedNetClock clock;
+    clock.startSynchronization("127.0.0.1", 8554, 100, 175'000'000, [] { FAIL(); });
+    EXPECT_FALSE(clock.isSynchronized());
+    EXPECT_EQ(clock.getSynchronizedTime(), 0U);
+    EXPECT_EQ(log().count(log4cplus::WARN_LOG_LEVEL), 1U);
+    clock.stopSynchronization();
+}
+
+} // unnamed namespace
+
+} // namespace vlx::testing
