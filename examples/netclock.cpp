@@ -66,7 +66,7 @@ int main(int argc, char** argv)
                                 { tell(consumer, frame.timestamp); }});
         if (!producer.open({audioUtils::PcmFormat::S16LE, 48000, 2}) || !consumer.start())
             return 1;
-        const vlx::Buffer silence(480 * 2 * 2);
+        const vlx::Buffer silence(1920);
         auto due = std::chrono::steady_clock::now();
         for (int i = 0; i < NumFrames; ++i)
         {

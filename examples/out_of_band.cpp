@@ -18,7 +18,7 @@ int main()
     payloader.setNewFormat(96000, 4, audioUtils::PcmFormat::S24BE);
     std::vector<vlx::Buffer> stored(3);
     for (std::size_t i = 0; i < stored.size(); ++i)
-        payloader.produceFramePacket(stored[i], 1, i * 1000, 1000, vlx::Buffer(12 * 96, 1));
+        payloader.produceFramePacket(stored[i], 1, i * 1000, 1000, vlx::Buffer(1152, 1));
 
     // What is known: the codec and its header.
     const vlx::Buffer knownHeader = payloader.getCodecHeader();

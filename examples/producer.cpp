@@ -16,7 +16,7 @@ int main()
         return 1;
     }
     producer.waitForReceivers(1, std::chrono::milliseconds(100)); // who waits misses nothing
-    const vlx::Buffer silence(480 * 2 * 2);
+    const vlx::Buffer silence(1920); // 480 samples of 2 channels of 16 bits
     const vlx::TimeValue begin = miscUtils::getMonotonicSysclockTime();
     for (vlx::TimeValue time = begin; time < begin + 5'000'000'000; time += 10'000'000)
     {

@@ -86,7 +86,7 @@ int setIntOption(int socketFD, int option, int value)
 void limitConnectTime(int socketFD)
 {
     timeval limit = {};
-    limit.tv_usec = ConnectTimeoutMs * 1000;
+    limit.tv_usec = ConnectTimeoutMs * 1000L;
     ::setsockopt(socketFD, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
 }
 

@@ -158,7 +158,8 @@ bool applyLimits(const Options& options)
     {
         const int lowestFree = ::open("/dev/null", O_RDONLY);
         ::close(lowestFree);
-        const auto limit = static_cast<rlim_t>(lowestFree + options.freeDescriptors);
+        const auto limit =
+            static_cast<rlim_t>(lowestFree) + static_cast<rlim_t>(options.freeDescriptors);
         const rlimit limits = {limit, limit};
         return ::setrlimit(RLIMIT_NOFILE, &limits) == 0;
     }

@@ -1,10 +1,11 @@
 // A build without GStreamer: a network clock is never synchronised, and says so once for each start.
 
-#include "support/LogCapture.hpp"
-#include "support/VlxTest.hpp"
 #include <gtest/gtest.h>
 
 #include <miscUtils/SyncedNetClock.hpp>
+
+#include "support/LogCapture.hpp"
+#include "support/VlxTest.hpp"
 
 namespace vlx::testing
 {

@@ -152,7 +152,7 @@ TEST_F(ElementsTest, PropertiesHaveTheirDefaultsAndTakeValues)
             g_object_get_property(G_OBJECT(element), row.property, &value);
             gchar* const text = G_VALUE_HOLDS_STRING(&value) ? g_value_dup_string(&value)
                                                              : gst_value_serialize(&value);
-            const std::string result = text;
+            std::string result = text;
             g_free(text);
             g_value_unset(&value);
             return result;

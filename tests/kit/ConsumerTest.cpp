@@ -727,7 +727,8 @@ TEST(AgeHistogramTest, FindsPercentiles)
     EXPECT_EQ(histogram.getCount(), 2U);
     EXPECT_EQ(histogram.getPercentile(0), 7);
     EXPECT_EQ(histogram.getMax(), std::numeric_limits<std::int64_t>::max());
-    histogram -= histogram;
+    const AgeHistogram same = histogram;
+    histogram -= same;
     EXPECT_EQ(histogram.getMax(), std::nullopt);
 }
 

@@ -155,7 +155,7 @@ protected:
                 RawConnection connection = server.accept();
                 converse(connection);
             });
-        const SenderProbe answer = probeSender(getSocketName(), DefaultDeadline);
+        SenderProbe answer = probeSender(getSocketName(), DefaultDeadline);
         peer.join();
         return answer;
     }
@@ -415,7 +415,7 @@ TEST_F(DiscoveryTest, NoAnswerStopsOrHoldsTheProcess)
     // Nobody accepts.
     RawSidechannelServer server(getSocketName());
     EXPECT_TRUE(isNameTaken(getSocketName()));
-    constexpr auto NoWait = std::chrono::milliseconds(0);
+    static constexpr auto NoWait = std::chrono::milliseconds(0);
     EXPECT_TRUE(waitFor([this] { return probeSender(getSocketName(), NoWait).busy; }));
     const SenderProbe busy = probeSender(getSocketName(), DefaultDeadline);
     EXPECT_TRUE(busy.busy && busy.reached && !busy.initialInfo && !busy.closedEarly);

@@ -51,7 +51,7 @@ public:
 
     void setFormat(std::uint32_t rate, std::uint32_t channels)
     {
-        m_frame = Buffer(rate / 100 * channels * 2, 1);
+        m_frame = Buffer(std::size_t{rate} / 100 * channels * 2, 1);
         m_payloader.setNewFormat(rate, channels, audioUtils::PcmFormat::S16LE);
         m_sender.setCurrentPayloader(m_payloader);
         m_sender.startNewSequence();
@@ -514,7 +514,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(ReceiveTest, EightChannelsAt192KilohertzAreRecordedExactly)
 {
     ToolSettings settings;
-    settings.input = makeNoise(3 * 8 * 19200);
+    settings.input = makeNoise(3UL * 8 * 19200);
     for (const char* const name : {"a.wav", "a.flac"})
     {
         ToolProcess receiver(receive({file(name), "-q", "--oneshot"}));

@@ -118,7 +118,7 @@ TEST_F(SendTest, FilesInARowBeginASequenceWhereTheFormatChanges)
     const json report = readJson(file("\xff.json"));
     EXPECT_EQ(report["samples"], 3 * SourceSamples);
     // On a busy machine there can be more runs; the last format's first one is where it began.
-    const auto runs = report["runs"];
+    const auto& runs = report["runs"];
     const auto second = std::find_if(
         runs.begin(), runs.end(), [](const json& run) { return run.contains("channels"); });
     ASSERT_NE(second, runs.end());
