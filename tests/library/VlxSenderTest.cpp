@@ -91,7 +91,7 @@ struct LingeringConnection
         socklen_t size = sizeof(address);
         ::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size);
         near = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        ::connect(near.get(), reinterpret_cast<sockaddr*>(&address), size);
+        EXPECT_EQ(::connect(near.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
         far = Descriptor(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
 
         const linger toTheEnd{1, 30};
