@@ -25,12 +25,15 @@ SyncedNetClock::SyncedNetClock() = default;
 
 SyncedNetClock::~SyncedNetClock() = default;
 
+// The parameters are those of a build with network clocks.
+// NOLINTBEGIN(performance-unnecessary-value-param)
 void SyncedNetClock::startSynchronization(
     std::string /*address*/,
     unsigned int /*port*/,
     unsigned int /*windowSize*/,
     unsigned long /*roundTripLimit*/,
     std::function<void()> /*onStateChange*/)
+// NOLINTEND(performance-unnecessary-value-param)
 {
     LOG4CPLUS_WARN(logger, "Built without network clocks: the stream has none");
 }
