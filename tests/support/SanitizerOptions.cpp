@@ -1,8 +1,8 @@
 #include <vlx/VlxTypes.hpp>
 
 // What the sanitizers need to know of a test program and of the tool that tests run, so that it holds
-// however the program is started. Each
-// suppression is for other people's code, with its reason; there is none for our own.
+// however the program is started. Each suppression is for other people's code, with its reason; there
+// is none for our own.
 extern "C"
 {
     // NOLINTBEGIN(bugprone-reserved-identifier): the sanitizers' names
