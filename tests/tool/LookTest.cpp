@@ -45,12 +45,6 @@ bool contains(const std::string& text, const std::string& part)
     return text.find(part) != std::string::npos;
 }
 
-std::string readFile(const std::string& path)
-{
-    std::ifstream stream(path);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
 /// A run of the tool on a terminal of its own, 80 columns wide and 24 lines high.
 class TerminalRun
 {
@@ -310,7 +304,8 @@ TEST_F(LookTest, MonitorSurvivesItsSender)
         R"((# (TYPE|HELP) vlx_\w+ .+|vlx_\w+\{stream="[^"]+"\} -?[0-9.e+-]+|# EOF))");
     const auto isUp = [&]
     {
-        const std::string text = readFile(metrics);
+        std::ifstream stream(metrics);
+        const std::string text{std::istreambuf_iterator<char>(stream), {}};
         EXPECT_TRUE(text.ends_with("# EOF\n")) << text; // whenever it is read
         for (const std::string& each : splitLines(text))
             EXPECT_TRUE(std::regex_match(each, line)) << each;

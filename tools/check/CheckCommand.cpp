@@ -20,6 +20,7 @@
 
 #include "common/Duration.hpp"
 #include "common/ExitCodes.hpp"
+#include "common/Messages.hpp"
 #include "common/StopSignal.hpp"
 #include "common/Text.hpp"
 
@@ -60,7 +61,7 @@ bool print(const Finding& finding)
     std::printf(
         "%-4s  %-15s  %s%s%s\n", ok ? "ok" : "FAIL", finding.subject.c_str(),
         finding.result.c_str(), ok ? "" : ": ", finding.advice.c_str());
-    std::fflush(stdout);
+    flushOutput();
     return ok;
 }
 

@@ -36,7 +36,7 @@ int serve(const ClockOptions& options, const StopSignal& stop)
     const ClockProvider provider(options.address, options.port);
     // As "vlx clock watch" takes them.
     std::printf("%s %u\n", options.address.c_str(), provider.getPort());
-    std::fflush(stdout);
+    flushOutput();
     stop.waitUntil(SteadyClock::time_point::max());
     return toExitCode(stop.getSignalNumber());
 }
@@ -120,7 +120,7 @@ private:
         {
             std::puts(describe(offset, roundTrip).c_str());
         }
-        std::fflush(stdout);
+        flushOutput();
     }
 
     std::string describe(

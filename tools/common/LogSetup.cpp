@@ -147,14 +147,10 @@ void configureLogging(int verbosity, const std::string& configFile)
         root.addAppender(log4cplus::SharedAppenderPtr(new MessageAppender(verbosity > 1)));
 }
 
-std::string getLastLibraryError()
-{
-    return lastErrorAppender != nullptr ? lastErrorAppender->getText() : std::string();
-}
-
 std::string quoteLastLibraryError()
 {
-    const std::string text = getLastLibraryError();
+    const std::string text =
+        lastErrorAppender != nullptr ? lastErrorAppender->getText() : std::string();
     return text.empty() ? text : " (" + text + ")";
 }
 

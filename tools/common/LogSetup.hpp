@@ -17,11 +17,9 @@ namespace vlx::tool
 /// @throws CommandFailure if the file cannot be read
 void configureLogging(int verbosity, const std::string& configFile = {});
 
-/// @return text of the last ERROR that the library logged; empty if there was none
+/// @return " (", the last ERROR that the library logged, and ")", to put behind a message; empty if
+///         there was none
 /// @thread any
-std::string getLastLibraryError();
-
-/// @return " (" + the last error + ")", to put behind a message; empty if there was none
 std::string quoteLastLibraryError();
 
 } // namespace vlx::tool

@@ -8,6 +8,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "ExitCodes.hpp"
+
 namespace vlx::tool
 {
 
@@ -77,6 +79,12 @@ bool usesColor(ColorUse color, int fd)
     const char* const refusal = std::getenv("NO_COLOR");
     const bool refused = refusal != nullptr && *refusal != '\0';
     return color == ColorUse::Always || (color == ColorUse::Auto && !refused && isLiveTerminal(fd));
+}
+
+void flushOutput()
+{
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        throw CommandFailure(ExitCode::Failed, "cannot write to standard output");
 }
 
 void printError(const std::string& text)

@@ -31,6 +31,11 @@ bool isLiveTerminal(int fd);
 /// @return whether colours are to be used on a stream
 bool usesColor(ColorUse color, int fd);
 
+/// Brings what was printed to standard output on its way.
+///
+/// @throws CommandFailure if that cannot be done: a full disk, or nobody who reads
+void flushOutput();
+
 /// Says why the command fails or what it could not do.
 /// @thread any
 void printError(const std::string& text);

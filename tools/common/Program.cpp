@@ -1,6 +1,5 @@
 #include "Program.hpp"
 
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -125,8 +124,7 @@ int runSubcommand(const Subcommand& subcommand, const CLI::App& command)
         StopSignal stop;
         const SignalThread signalThread(stop);
         const int code = subcommand.run(stop);
-        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-            throw CommandFailure(ExitCode::Failed, "cannot write to standard output");
+        flushOutput();
         return code;
     }
     catch (const CommandFailure& failure)

@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Messages.hpp"
 #include "Text.hpp"
 
 namespace vlx::tool
@@ -35,6 +36,22 @@ std::string describeClock(const kit::SenderProbe& probe)
     return text;
 }
 
+void addFormat(nlohmann::ordered_json& json, const kit::StreamFormat& format)
+{
+    json["sample_format"] = audioUtils::toString(format.sampleFormat);
+    json["sample_rate"] = format.rate;
+    json["channels"] = format.channels;
+}
+
+void addAges(nlohmann::ordered_json& json, const kit::AgeHistogram& ages)
+{
+    const auto add = [&json](const char* name, const std::optional<std::int64_t>& age)
+    { json[name] = age ? nlohmann::ordered_json(*age) : nlohmann::ordered_json(nullptr); };
+    add("age_p50_ns", ages.getPercentile(0.5));
+    add("age_p99_ns", ages.getPercentile(0.99));
+    add("age_max_ns", ages.getMax());
+}
+
 nlohmann::ordered_json toJson(const kit::SenderProbe& probe)
 {
     nlohmann::ordered_json json = nlohmann::ordered_json::object();
@@ -53,11 +70,7 @@ nlohmann::ordered_json toJson(const kit::SenderProbe& probe)
     if (probe.fourcc)
         json["codec"] = kit::toFourccText(*probe.fourcc);
     if (probe.format)
-    {
-        json["sample_format"] = audioUtils::toString(probe.format->sampleFormat);
-        json["sample_rate"] = probe.format->rate;
-        json["channels"] = probe.format->channels;
-    }
+        addFormat(json, *probe.format);
     return json;
 }
 
@@ -65,6 +78,7 @@ void printJson(const nlohmann::ordered_json& document, int indentation)
 {
     const auto replace = nlohmann::ordered_json::error_handler_t::replace;
     std::puts(document.dump(indentation, ' ', false, replace).c_str());
+    flushOutput();
 }
 
 } // namespace vlx::tool

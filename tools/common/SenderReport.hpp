@@ -5,6 +5,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include <vlxkit/AgeHistogram.hpp>
 #include <vlxkit/Discovery.hpp>
 
 namespace vlx::tool
@@ -22,11 +23,19 @@ std::string describeFormat(const kit::SenderProbe& probe);
 /// @return such as "sysclock", or "gstnetclock 10.0.0.1:8554"; empty without an answer
 std::string describeClock(const kit::SenderProbe& probe);
 
+/// Adds sample format, rate and channels.
+void addFormat(nlohmann::ordered_json& json, const kit::StreamFormat& format);
+
+/// Adds median, 99th percentile and largest of ages in nanoseconds; null without any.
+void addAges(nlohmann::ordered_json& json, const kit::AgeHistogram& ages);
+
 /// @return what a probe has found out, for --json
 nlohmann::ordered_json toJson(const kit::SenderProbe& probe);
 
 /// Prints a JSON document and the end of the line to standard output. Bytes that are no UTF-8 are
 /// replaced.
+///
+/// @throws CommandFailure, as flushOutput()
 void printJson(const nlohmann::ordered_json& document, int indentation);
 
 } // namespace vlx::tool

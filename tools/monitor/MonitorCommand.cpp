@@ -78,7 +78,7 @@ public:
             picture += line + "\033[K\n";
         picture += "\033[J";
         std::fwrite(picture.data(), 1, picture.size(), stdout);
-        std::fflush(stdout);
+        flushOutput();
         m_numLines = lines.size();
     }
 
@@ -104,8 +104,7 @@ void printLines(const Snapshots& snapshots, bool json)
         else
             std::puts(renderLine(snapshot).c_str());
     }
-    if (std::fflush(stdout) != 0)
-        throw CommandFailure(ExitCode::Failed, "cannot write to standard output");
+    flushOutput();
 }
 
 void writeMetrics(const std::string& path, const Snapshots& snapshots)

@@ -182,18 +182,12 @@ std::string renderLine(const StreamSnapshot& snapshot)
 nlohmann::ordered_json renderJson(const StreamSnapshot& snapshot)
 {
     const kit::ConsumerStatistics& total = snapshot.total;
-    const auto toJsonNumber = [](const std::optional<std::int64_t>& value)
-    { return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr); };
-
     nlohmann::ordered_json json = {
         {"name", snapshot.name},
         {"state", snapshot.state},
         {"seconds", snapshot.seconds},
         {"frames", snapshot.frames},
         {"bytes", snapshot.bytes},
-        {"age_p50_ns", toJsonNumber(snapshot.ages.getPercentile(0.5))},
-        {"age_p99_ns", toJsonNumber(snapshot.ages.getPercentile(0.99))},
-        {"age_max_ns", toJsonNumber(snapshot.ages.getMax())},
         {"total_frames", total.frames},
         {"total_bytes", total.bytes},
         {"sequences", total.sequences},
@@ -205,12 +199,9 @@ nlohmann::ordered_json renderJson(const StreamSnapshot& snapshot)
         {"clock", toString(total.clock)},
         {"clock_synchronized", total.clockSynchronized},
         {"clock_offset_ns", total.clockOffsetNs}};
+    addAges(json, snapshot.ages);
     if (total.sequences > 0)
-    {
-        json["sample_format"] = audioUtils::toString(total.format.sampleFormat);
-        json["sample_rate"] = total.format.rate;
-        json["channels"] = total.format.channels;
-    }
+        addFormat(json, total.format);
     nlohmann::ordered_json levels = nlohmann::ordered_json::array();
     for (const ChannelLevel& level : snapshot.levels)
         levels.push_back(

@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/SenderReport.hpp"
+
 namespace vlx::tool
 {
 
@@ -87,9 +89,7 @@ nlohmann::ordered_json ConnectionRecord::toJson() const
              {"timestamp", segment.timestamp},
              {"samples", segment.samples}});
 
-    const auto toJsonNumber = [](const std::optional<std::int64_t>& value)
-    { return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr); };
-    return {
+    nlohmann::ordered_json json = {
         {"joined_after", m_joinedAfter},
         {"join_ns", m_firstFrameTime - m_waitBegin},
         {"ended", m_ended},
@@ -101,11 +101,11 @@ nlohmann::ordered_json ConnectionRecord::toJson() const
         {"gap_ns", m_gapNs},
         {"overlaps", m_overlaps},
         {"overlap_ns", m_overlapNs},
-        {"age_p50_ns", toJsonNumber(m_ages.getPercentile(0.50))},
-        {"age_p99_ns", toJsonNumber(m_ages.getPercentile(0.99))},
         {"first_timestamp", m_firstTimestamp},
         {"last_timestamp", m_lastTimestamp},
         {"segments", segments}};
+    addAges(json, m_ages);
+    return json;
 }
 
 } // namespace vlx::tool

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <memory>
 #include <mutex>
 
@@ -21,6 +20,7 @@
 #include "common/Messages.hpp"
 #include "common/ReportFile.hpp"
 #include "common/StopSignal.hpp"
+#include "common/Text.hpp"
 
 namespace vlx::tool
 {
@@ -94,7 +94,6 @@ public:
     }
 
 private:
-    kit::ConsumerCallbacks makeCallbacks();
     std::unique_ptr<AudioOutput> openNextOutput(std::size_t number) const;
     RecorderSettings makeSettings() const;
     void onFrame(const kit::Frame& frame);
@@ -132,7 +131,9 @@ ReceiveControl::ReceiveControl(const ReceiveOptions& options, StopSignal& stop)
       m_recorder(makeSettings(), miscUtils::getMonotonicSysclockTime(), [this] { ring(); }),
       m_consumer(
           {options.name, {}, options.stall.value_or(DefaultStall), options.realTime},
-          makeCallbacks())
+          {.onFrame = [this](const kit::Frame& frame) { onFrame(frame); },
+           .onFormat = [this](const kit::StreamFormat& format) { onFormat(format); },
+           .onEvent = [this](const kit::ConsumerEvent& event) { onEvent(event); }})
 {
 }
 
@@ -150,13 +151,11 @@ RecorderSettings ReceiveControl::makeSettings() const
 /// @return the path with a number before its extension
 std::string numberPath(const std::string& path, std::size_t number)
 {
-    char text[32];
-    std::snprintf(text, sizeof(text), "-%03zu", number + 1);
     const std::size_t name = path.rfind('/') + 1; // 0 without a directory
     const std::size_t dot = path.rfind('.');
     const bool hasExtension = dot != std::string::npos && dot > name;
     std::string numbered = path;
-    return numbered.insert(hasExtension ? dot : path.size(), text);
+    return numbered.insert(hasExtension ? dot : path.size(), formatText("-%03zu", number + 1));
 }
 
 std::unique_ptr<AudioOutput> ReceiveControl::openNextOutput(std::size_t number) const
@@ -170,15 +169,6 @@ std::unique_ptr<AudioOutput> ReceiveControl::openNextOutput(std::size_t number) 
     const std::string path =
         m_options.split ? numberPath(m_options.output, number) : m_options.output;
     return openOutput(path, m_options.type, {m_stop, getDeadline()});
-}
-
-kit::ConsumerCallbacks ReceiveControl::makeCallbacks()
-{
-    kit::ConsumerCallbacks callbacks;
-    callbacks.onFrame = [this](const kit::Frame& frame) { onFrame(frame); };
-    callbacks.onFormat = [this](const kit::StreamFormat& format) { onFormat(format); };
-    callbacks.onEvent = [this](const kit::ConsumerEvent& event) { onEvent(event); };
-    return callbacks;
 }
 
 void ReceiveControl::onFrame(const kit::Frame& frame)
@@ -195,12 +185,10 @@ void ReceiveControl::onFrame(const kit::Frame& frame)
 
 void ReceiveControl::onFormat(const kit::StreamFormat& format)
 {
-    StreamEvent event;
-    event.kind = StreamEvent::Kind::Format;
-    event.format = format;
-    event.clock = m_consumer.getStatistics().clock;
-    m_localTimes.setClock(event.clock);
-    m_recorder.getQueue().push(std::move(event));
+    const auto clock = m_consumer.getStatistics().clock;
+    m_localTimes.setClock(clock);
+    m_recorder.getQueue().push(
+        {.kind = StreamEvent::Kind::Format, .format = format, .clock = clock});
 }
 
 void ReceiveControl::onEvent(const kit::ConsumerEvent& event)
@@ -209,14 +197,9 @@ void ReceiveControl::onEvent(const kit::ConsumerEvent& event)
     switch (event.kind)
     {
     case Kind::Joined:
-    {
         m_stalled = false;
-        StreamEvent joined;
-        joined.kind = StreamEvent::Kind::Joined;
-        joined.time = event.time;
-        m_recorder.getQueue().push(std::move(joined));
+        m_recorder.getQueue().push({.kind = StreamEvent::Kind::Joined, .time = event.time});
         break;
-    }
     case Kind::Lost:
         m_stalled = false;
         pushEnd(event, EndReason::Lost);
@@ -236,12 +219,11 @@ void ReceiveControl::onEvent(const kit::ConsumerEvent& event)
 
 void ReceiveControl::pushEnd(const kit::ConsumerEvent& event, EndReason reason)
 {
-    StreamEvent ended;
-    ended.kind = StreamEvent::Kind::Ended;
-    ended.time = event.time;
-    ended.reason = reason;
-    ended.text = event.text;
-    m_recorder.getQueue().push(std::move(ended));
+    m_recorder.getQueue().push(
+        {.kind = StreamEvent::Kind::Ended,
+         .time = event.time,
+         .reason = reason,
+         .text = event.text});
 }
 
 // What is asked again and again is said once.
@@ -356,10 +338,7 @@ void writeReport(const ReceiveOptions& options, const nlohmann::ordered_json& re
 void ReceiveControl::finish()
 {
     m_consumer.stop();
-    StreamEvent ended;
-    ended.kind = StreamEvent::Kind::Ended;
-    ended.reason = EndReason::Stop;
-    m_recorder.getQueue().push(std::move(ended));
+    m_recorder.getQueue().push({.kind = StreamEvent::Kind::Ended, .reason = EndReason::Stop});
     m_recorder.finish();
     finishProgress();
     if (m_recorder.getNumFrames() > 0)

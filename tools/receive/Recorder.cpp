@@ -1,13 +1,14 @@
 #include "Recorder.hpp"
 
 #include <algorithm>
-#include <cstdio>
 #include <utility>
 
 #include <nlohmann/json.hpp>
 
 #include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
+#include "common/SenderReport.hpp"
+#include "common/Text.hpp"
 
 namespace vlx::tool
 {
@@ -25,9 +26,7 @@ constexpr std::uint8_t UnsignedSilence = 0x80;
 
 std::string toSeconds(std::int64_t ns)
 {
-    char text[32];
-    std::snprintf(text, sizeof(text), "%.3f s", static_cast<double>(ns) / NsPerSecond);
-    return text;
+    return formatText("%.3f s", static_cast<double>(ns) / NsPerSecond);
 }
 
 std::string toCount(std::uint64_t count, const std::string& thing)
@@ -328,11 +327,7 @@ std::string Recorder::summarize() const
 void Recorder::addToReport(nlohmann::ordered_json& report) const
 {
     if (m_format)
-    {
-        report["sample_format"] = audioUtils::toString(m_format->sampleFormat);
-        report["sample_rate"] = m_format->rate;
-        report["channels"] = m_format->channels;
-    }
+        addFormat(report, *m_format);
     report["samples"] = m_numSamples;
     report["frames"] = m_numFrames.load();
     report["gaps"] = m_numGaps.load();

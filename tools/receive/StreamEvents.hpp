@@ -38,17 +38,17 @@ struct StreamEvent
     Kind kind = Kind::Frame;
     TimeValue time = 0; ///< of the callback, nanoseconds of CLOCK_MONOTONIC
     // Kind::Format
-    kit::StreamFormat format;
+    kit::StreamFormat format = {};
     Receiver::StreamClockType clock = Receiver::StreamClockType::Undetermined;
     // Kind::Frame
     TimeValue timestamp = 0;
     TimeValue localTime = 0; ///< of the timestamp, nanoseconds of CLOCK_MONOTONIC; to play it
     TimeValue duration = 0;
     std::int64_t gapNs = 0; ///< since the frame before: missing if positive
-    Buffer data;
+    Buffer data = {};
     // Kind::Ended
     EndReason reason = EndReason::Lost;
-    std::string text; ///< for the user
+    std::string text = {}; ///< for the user
 };
 
 /// Takes events off a receiver's worker thread, so that a slow disk costs no frames until the queue

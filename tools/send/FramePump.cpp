@@ -1,7 +1,6 @@
 #include "FramePump.hpp"
 
 #include <algorithm>
-#include <cstdio>
 #include <utility>
 
 #include <vlxkit/Producer.hpp>
@@ -13,6 +12,7 @@
 #include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
 #include "common/StopSignal.hpp"
+#include "common/Text.hpp"
 
 namespace vlx::tool
 {
@@ -45,12 +45,9 @@ std::string toClockText(TimeValue ns)
     constexpr TimeValue Tenth = 100'000'000;
     constexpr TimeValue TenthsPerMinute = 600;
     const TimeValue tenths = ns / Tenth;
-    char text[48];
-    std::snprintf(
-        text, sizeof(text), "%llu:%04.1f",
-        static_cast<unsigned long long>(tenths / TenthsPerMinute),
+    return formatText(
+        "%llu:%04.1f", static_cast<unsigned long long>(tenths / TenthsPerMinute),
         static_cast<double>(tenths % TenthsPerMinute) / 10);
-    return text;
 }
 
 } // unnamed namespace
@@ -254,12 +251,10 @@ std::string FramePump::describeProgress() const
     else if (m_settings.duration)
         text += " of " + toClockText(toNs(*m_settings.duration));
 
-    char more[96];
-    std::snprintf(
-        more, sizeof(more), "  %llu frames  receivers: %zu  peak: %.1f dBFS",
-        static_cast<unsigned long long>(m_report.frames), m_numReceivers,
-        toDecibels(measurePeak(m_frame, m_format.sampleFormat)));
-    return text + more;
+    return text + formatText(
+                      "  %llu frames  receivers: %zu  peak: %.1f dBFS",
+                      static_cast<unsigned long long>(m_report.frames), m_numReceivers,
+                      toDecibels(measurePeak(m_frame, m_format.sampleFormat)));
 }
 
 FramePump::SteadyTime FramePump::getDueTime() const

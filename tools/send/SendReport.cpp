@@ -4,21 +4,10 @@
 
 #include "common/ExitCodes.hpp"
 #include "common/ReportFile.hpp"
+#include "common/SenderReport.hpp"
 
 namespace vlx::tool
 {
-
-namespace
-{
-
-void addFormat(nlohmann::ordered_json& json, const kit::StreamFormat& format)
-{
-    json["sample_format"] = audioUtils::toString(format.sampleFormat);
-    json["sample_rate"] = format.rate;
-    json["channels"] = format.channels;
-}
-
-} // unnamed namespace
 
 void SendReport::write(const std::string& path, bool isLast) const
 {
