@@ -71,7 +71,7 @@ public:
     Harness() : m_pushFD(::nn_socket(AF_SP, NN_PUSH))
     {
         check(::pipe2(wakeupPipe(), O_CLOEXEC) == 0, "the system gives a pipe");
-        Access::keepRunning(m_receiver) = true;
+        m_receiver.*Access::KeepRunning = true;
         m_receiver.addDepayloader(m_pcm);
         m_receiver.addDepayloader(m_scrambler);
         m_receiver.setNewSequenceCallback([this](Depayloader& depayloader)
@@ -90,9 +90,10 @@ public:
         InitialInfo info{};
         info.nanomsgProtocol = NanomsgProtocol::Pipeline;
         info.nanomsgURI = MainChannelUri;
-        Access::initialInfo(m_receiver) = info;
+        m_receiver.*Access::InitialInfoPacket = info;
         check(
-            Access::connectNanomsgMainChannel(m_receiver) == Access::ConnectionRetval::Success &&
+            (m_receiver.*Access::ConnectNanomsgMainChannel)() ==
+                    Access::ConnectionRetval::Success &&
                 ::nn_connect(m_pushFD, MainChannelUri) >= 0,
             "both ends of the main channel open");
     }
@@ -100,7 +101,7 @@ public:
     ~Harness()
     {
         ::nn_close(m_pushFD);
-        Access::disconnectNanomsgMainChannel(m_receiver);
+        (m_receiver.*Access::DisconnectNanomsgMainChannel)();
         for (int i = 0; i < 2; ++i)
             ::close(std::exchange(wakeupPipe()[i], -1));
     }
@@ -121,14 +122,14 @@ public:
     }
 
 private:
-    Access::Pipe& wakeupPipe()
+    int (&wakeupPipe())[2]
     {
-        return Access::loopWakeupPipe(m_receiver);
+        return m_receiver.*Access::LoopWakeupPipe;
     }
 
     std::uint16_t getCurrentNr()
     {
-        return Access::currentSequenceNr(m_receiver);
+        return m_receiver.*Access::CurrentSequenceNr;
     }
 
     void connect(std::uint8_t clock)
@@ -136,10 +137,10 @@ private:
         InitialInfo info{};
         info.timeSyncProtocol = static_cast<TimeSyncProtocol>(clock / 4);
         info.timeSyncPort = clock % 4 == 3 ? 4711 : 0;
-        Access::initialInfo(m_receiver) = info;
-        Access::sideChannelSocketFD(m_receiver) = m_peer.open();
-        Access::connectingState(m_receiver) = Access::ConnectingState::Connected;
-        Access::setState(m_receiver, Receiver::State::Running);
+        m_receiver.*Access::InitialInfoPacket = info;
+        m_receiver.*Access::SidechannelSocketFD = m_peer.open();
+        m_receiver.*Access::ConnectingStateNow = Access::ConnectingState::Connected;
+        m_receiver.*Access::State = Receiver::State::Running;
         m_seen = {};
         m_isRunning = true;
     }
@@ -147,12 +148,12 @@ private:
     /// Does what a worker does when a connection is lost, but keeps the main channel.
     void disconnect()
     {
-        Access::disconnectSidechannel(m_receiver);
-        Access::resetConnectionStates(m_receiver);
-        Access::setState(m_receiver, Receiver::State::Idle);
+        (m_receiver.*Access::DisconnectSidechannel)();
+        (m_receiver.*Access::ResetConnectionStates)();
+        m_receiver.*Access::State = Receiver::State::Idle;
         void* message = nullptr;
         while (::nn_recv(
-                   Access::nanomsgMainFD(m_receiver), static_cast<void*>(&message), NN_MSG,
+                   m_receiver.*Access::NanomsgMainFD, static_cast<void*>(&message), NN_MSG,
                    NN_DONTWAIT) >= 0)
             ::nn_freemsg(message);
         m_isRunning = false;
@@ -241,8 +242,8 @@ private:
     {
         std::array<pollfd, 3> entries = {
             pollfd{wakeupPipe()[0], POLLIN, 0},
-            pollfd{Access::getNanomsgWatchFD(m_receiver), POLLIN, 0},
-            pollfd{Access::sideChannelSocketFD(m_receiver), POLLIN, 0}};
+            pollfd{m_receiver.*Access::NanomsgWatchFD, POLLIN, 0},
+            pollfd{m_receiver.*Access::SidechannelSocketFD, POLLIN, 0}};
         return ::poll(entries.data(), entries.size(), 0) > 0;
     }
 
@@ -251,13 +252,13 @@ private:
     /// @return whether something was done, and the connection lives on
     bool pass()
     {
-        if (m_isRunning && Access::sideChannelSocketFD(m_receiver) < 0 && !hasInput())
+        if (m_isRunning && m_receiver.*Access::SidechannelSocketFD < 0 && !hasInput())
             disconnect();
         if (!m_isRunning || !hasInput())
             return false;
         m_numEvents = 0;
-        const bool goesOn = Access::listenForInput(m_receiver);
-        check(Access::keepRunning(m_receiver), "no input stops the worker");
+        const bool goesOn = (m_receiver.*Access::ListenForInput)();
+        check(m_receiver.*Access::KeepRunning, "no input stops the worker");
         check(getCurrentNr() >= m_seen.highestNr, "numbers never fall within a connection");
         m_seen.highestNr = getCurrentNr();
         if (!goesOn)

@@ -22,7 +22,7 @@ class Run
 public:
     void play(fuzz::InputReader input)
     {
-        Access::sideChannelSocketFD(m_receiver) = m_peer.open();
+        m_receiver.*Access::SidechannelSocketFD = m_peer.open();
         while (!input.isEmpty() && m_isConnected)
         {
             const std::uint8_t choice = input.take();
@@ -46,7 +46,7 @@ public:
         check(
             !isNextWhole || m_messages[m_numRead].empty(),
             "what was written whole arrives, unless an empty message ends the connection");
-        Access::disconnectSidechannel(m_receiver);
+        (m_receiver.*Access::DisconnectSidechannel)();
     }
 
 private:
@@ -65,19 +65,19 @@ private:
     std::size_t countPending()
     {
         int size = 0;
-        ::ioctl(Access::sideChannelSocketFD(m_receiver), FIONREAD, &size);
+        ::ioctl(m_receiver.*Access::SidechannelSocketFD, FIONREAD, &size);
         return static_cast<std::size_t>(size);
     }
 
     void read()
     {
-        const int result = Access::readSidechannelMessage(m_receiver);
+        const int result = (m_receiver.*Access::ReadSidechannelMessage)();
         m_isConnected = result != ConnectionGone;
         if (result != MessageComplete)
             return;
         check(m_numRead < m_messages.size(), "no message arrives that was not written");
         const Buffer& message = m_messages[m_numRead++];
-        check(Access::sidechannelBuffer(m_receiver) == message, "a message arrives unchanged");
+        check(m_receiver.*Access::SidechannelBuffer == message, "a message arrives unchanged");
         m_numConsumed += fuzz::frame(message).size();
         check(m_numWritten - countPending() == m_numConsumed, "the next one stays where it is");
     }

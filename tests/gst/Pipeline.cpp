@@ -1,12 +1,6 @@
 #include "gst/Pipeline.hpp"
 
-#include <csignal>
-#include <sstream>
-
 #include <gst/app/gstappsink.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace vlx::testing
 {
@@ -108,31 +102,6 @@ std::uint64_t Pipeline::getCount(const char* element, const char* field) const
         count = G_VALUE_HOLDS_UINT(value) ? g_value_get_uint(value) : g_value_get_uint64(value);
     gst_structure_free(stats);
     return count;
-}
-
-ChildPipeline::ChildPipeline(const std::string& description)
-{
-    std::istringstream stream(VLX_RUN_PIPELINE " " + description);
-    std::vector<std::string> words;
-    for (std::string word; stream >> word;)
-        words.push_back(word);
-    std::vector<char*> arguments;
-    for (std::string& word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    EXPECT_EQ(
-        ::posix_spawn(&m_pid, arguments.front(), nullptr, nullptr, arguments.data(), environ), 0);
-}
-
-ChildPipeline::~ChildPipeline()
-{
-    signal(SIGKILL);
-    ::waitpid(m_pid, nullptr, 0);
-}
-
-void ChildPipeline::signal(int number) const
-{
-    EXPECT_EQ(::kill(m_pid, number), 0);
 }
 
 } // namespace vlx::testing

@@ -3,12 +3,10 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include <gst/gst.h>
-#include <sys/types.h>
 
-#include "support/VlxTest.hpp"
+#include "support/ChildProcess.hpp"
 
 namespace vlx::testing
 {
@@ -64,19 +62,12 @@ private:
 };
 
 /// A pipeline in a process of its own; killed at the end.
-class ChildPipeline
+struct ChildPipeline : ChildProcess
 {
-public:
-    explicit ChildPipeline(const std::string& description);
-    ~ChildPipeline();
-
-    ChildPipeline(const ChildPipeline&) = delete;
-    ChildPipeline& operator=(const ChildPipeline&) = delete;
-
-    void signal(int number) const;
-
-private:
-    pid_t m_pid = -1;
+    explicit ChildPipeline(const std::string& description)
+        : ChildProcess({VLX_RUN_PIPELINE, description})
+    {
+    }
 };
 
 } // namespace vlx::testing

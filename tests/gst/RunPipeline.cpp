@@ -1,4 +1,4 @@
-// Runs the pipeline of its arguments until its end, as gst-launch-1.0 does: exit 0 at EOS, 1 after
+// Runs the pipeline of its argument until its end, as gst-launch-1.0 does: exit 0 at EOS, 1 after
 // an error.
 
 #include <gst/gst.h>
@@ -6,9 +6,10 @@
 int main(int argc, char** argv)
 {
     gst_init(&argc, &argv);
+    if (argc != 2)
+        return 2;
     GError* error = nullptr;
-    GstElement* const pipeline =
-        gst_parse_launchv(const_cast<const gchar**>(argv + 1), &error); // only reads
+    GstElement* const pipeline = gst_parse_launch(argv[1], &error);
     if (error != nullptr)
         g_printerr("%s\n", error->message);
     if (pipeline == nullptr)

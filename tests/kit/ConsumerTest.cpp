@@ -4,27 +4,25 @@
 #include <filesystem>
 #include <iostream>
 #include <limits>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include <AbstractName.hpp>
 #include <fcntl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <vlxkit/Consumer.hpp>
+#include <vlxkit/PromptStop.hpp>
 
 #include "ConsumerRecord.hpp"
 #include "ScopedTmpdir.hpp"
 #include "SenderQuestion.hpp"
 #include "support/AllocationCounter.hpp"
 #include "support/RawSender.hpp"
+#include "support/Recorder.hpp"
 #include "support/VlxTest.hpp"
 
 namespace vlx::kit
@@ -43,7 +41,7 @@ constexpr auto StopDeadline = 2s;
 /// A consumer that writes down every callback as a line of text, such as "joined",
 /// "format S16LE, 48000 Hz, 2 channels", "frame 5 gap 0 first". Callbacks that overlap, or that
 /// come after a stop, are failures.
-class RecordedConsumer
+class RecordedConsumer : public Recorder
 {
 public:
     explicit RecordedConsumer(ConsumerOptions options)
@@ -52,15 +50,15 @@ public:
               {.onFrame =
                    [this](const Frame& frame)
                {
-                   record(
+                   onCallback(
                        "frame " + std::to_string(frame.timestamp) + " gap " +
                        std::to_string(frame.gapNs) + (frame.isFirst ? " first" : ""));
                },
                .onFormat = [this](const StreamFormat& format)
-               { record("format " + toText(format)); },
-               .onCodec = [this](Depayloader&) { record("codec"); },
+               { onCallback("format " + toText(format)); },
+               .onCodec = [this](Depayloader&) { onCallback("codec"); },
                .onEvent = [this](const ConsumerEvent& event)
-               { record(std::string(toString(event.kind)) + ": " + event.text); }})
+               { onCallback(std::string(toString(event.kind)) + ": " + event.text); }})
     {
     }
 
@@ -96,44 +94,17 @@ public:
         return m_consumer;
     }
 
-    std::vector<std::string> getLines() const
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_lines;
-    }
-
-    std::size_t count(const std::string& beginning) const
-    {
-        std::size_t number = 0;
-        for (const std::string& line : getLines())
-            number += line.starts_with(beginning) ? 1U : 0U;
-        return number;
-    }
-
-    ::testing::AssertionResult waitForLine(const std::string& beginning, std::size_t times = 1)
-    {
-        if (waitFor([&] { return count(beginning) >= times; }))
-            return ::testing::AssertionSuccess();
-        return ::testing::AssertionFailure() << "not " << times << " times \"" << beginning
-                                             << "\" in " << ::testing::PrintToString(getLines());
-    }
-
 private:
-    void record(const std::string& line)
+    void onCallback(const std::string& line)
     {
         EXPECT_TRUE(m_mayCall) << line << " after the stop";
         EXPECT_FALSE(m_calling.exchange(true)) << line << " beside another callback";
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_lines.push_back(line);
-        }
+        record(line);
         m_calling = false;
     }
 
     std::atomic<bool> m_mayCall = false;
     std::atomic<bool> m_calling = false;
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_lines;
     Consumer m_consumer; // last: its threads use what stands above
 };
 
@@ -146,18 +117,6 @@ struct Script
     std::string uri = {};              // empty: the right one
     NanomsgProtocol protocol = NanomsgProtocol::PubSub;
 };
-
-/// @return a socket that listens under a name, and takes nobody
-Descriptor listenOn(const std::string& name, int backlog)
-{
-    Descriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const socklen_t length = setAbstractName(address, name);
-    EXPECT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
-    EXPECT_EQ(::listen(listener.get(), backlog), 0);
-    return listener;
-}
 
 Buffer makeForeignSequenceInfo(const std::string& fourcc = "ABCD")
 {
@@ -253,21 +212,22 @@ TEST_F(ConsumerTest, DeliversAndJoinsAgain)
         const auto first = static_cast<std::uint8_t>(round == 1 ? 10 : 50);
         for (const unsigned timestamp : {first + 0U, first + 10U})
         {
-            ASSERT_TRUE(consumer.waitForLine("format", round));
+            ASSERT_TRUE(consumer.waitForEvent("format", round));
             ASSERT_TRUE(sender.send(makeFrame(1, static_cast<std::uint8_t>(timestamp))));
-            ASSERT_TRUE(consumer.waitForLine("frame " + std::to_string(timestamp)));
+            ASSERT_TRUE(consumer.waitForEvent("frame " + std::to_string(timestamp)));
         }
         EXPECT_TRUE(consumer.get().getStatistics().clockSynchronized);
         EXPECT_GT(consumer.get().getStreamTime(), 0U);
     }
-    ASSERT_TRUE(consumer.waitForLine("lost", 2));
+    ASSERT_TRUE(consumer.waitForEvent("lost", 2));
     const std::string joined = "joined: joined \"" + getSocketName() + '"';
     const std::string format = "format S16LE, 48000 Hz, 2 channels";
     const std::string lost = "lost: lost \"" + getSocketName() + "\", waiting for it to return";
     EXPECT_EQ(
-        consumer.getLines(), (std::vector<std::string>{
-                                 joined, format, "frame 10 gap 0 first", "frame 20 gap 0", lost,
-                                 joined, format, "frame 50 gap 20 first", "frame 60 gap 0", lost}));
+        consumer.getEvents(),
+        (std::vector<std::string>{
+            joined, format, "frame 10 gap 0 first", "frame 20 gap 0", lost, joined, format,
+            "frame 50 gap 20 first", "frame 60 gap 0", lost}));
     consumer.stop("connecting without a sender");
 
     const ConsumerStatistics statistics = consumer.get().getStatistics();
@@ -290,9 +250,9 @@ TEST_F(ConsumerTest, JoinsSendersThatAreThereInBothProtocols)
         ScriptedSender sender(getSocketName(), {.protocol = protocol});
         RecordedConsumer consumer({.name = getSocketName()});
         ASSERT_TRUE(consumer.start());
-        ASSERT_TRUE(consumer.waitForLine("format"));
+        ASSERT_TRUE(consumer.waitForEvent("format"));
         ASSERT_TRUE(sender.send(makeFrame(1, 10)));
-        EXPECT_TRUE(consumer.waitForLine("frame 10 gap 0 first"));
+        EXPECT_TRUE(consumer.waitForEvent("frame 10 gap 0 first"));
         consumer.stop("joined");
     }
 }
@@ -302,16 +262,16 @@ TEST_F(ConsumerTest, IntroducesFramesAtEachChange)
     ScriptedSender sender(getSocketName());
     RecordedConsumer consumer({.name = getSocketName()});
     ASSERT_TRUE(consumer.start());
-    ASSERT_TRUE(consumer.waitForLine("format"));
+    ASSERT_TRUE(consumer.waitForEvent("format"));
     ASSERT_TRUE(sender.send(makeFrame(1, 10)));
-    ASSERT_TRUE(consumer.waitForLine("frame 10"));
+    ASSERT_TRUE(consumer.waitForEvent("frame 10"));
     ASSERT_TRUE(sender.send(makeSequenceInfo(2))); // announced again
     ASSERT_TRUE(sender.send(makeFrame(2, 20)));
-    ASSERT_TRUE(consumer.waitForLine("frame 20"));
+    ASSERT_TRUE(consumer.waitForEvent("frame 20"));
     ASSERT_TRUE(sender.send(makeSequenceInfo(3, 44100)));
     ASSERT_TRUE(sender.send(makeFrame(3, 20)));
-    ASSERT_TRUE(consumer.waitForLine("frame 20", 2));
-    std::vector<std::string> lines = consumer.getLines();
+    ASSERT_TRUE(consumer.waitForEvent("frame 20", 2));
+    std::vector<std::string> lines = consumer.getEvents();
     lines.erase(lines.begin());
     EXPECT_EQ(
         lines, (std::vector<std::string>{
@@ -342,9 +302,9 @@ TEST_F(ConsumerTest, PlaysOwnCodecs)
     RecordedConsumer consumer({.name = getSocketName()});
     consumer.get().addDepayloader(depayloader);
     ASSERT_TRUE(consumer.start());
-    ASSERT_TRUE(consumer.waitForLine("codec"));
+    ASSERT_TRUE(consumer.waitForEvent("codec"));
     ASSERT_TRUE(sender.send(makeFrame(1, 10)));
-    EXPECT_TRUE(consumer.waitForLine("frame 10 gap 0 first"));
+    EXPECT_TRUE(consumer.waitForEvent("frame 10 gap 0 first"));
     EXPECT_EQ(consumer.count("codec"), 1U);
 }
 
@@ -398,8 +358,8 @@ TEST_F(ConsumerTest, LeavesAloneWhatCannotBeJoined)
             {
                 const ScriptedSender sender(getSocketName(), row.script);
                 ASSERT_TRUE(consumer.start());
-                EXPECT_TRUE(consumer.waitForLine(row.line))
-                    << ::testing::PrintToString(consumer.getLines());
+                EXPECT_TRUE(consumer.waitForEvent(row.line))
+                    << ::testing::PrintToString(consumer.getEvents());
                 EXPECT_EQ(consumer.count("frame"), 0U);
                 if (isThereFirst)
                 {
@@ -418,25 +378,25 @@ TEST_F(ConsumerTest, TellsAnObstacleOnceAndJoinsWhatReplacesIt)
     {
         const ScriptedSender sender(getSocketName(), {.second = makeForeignSequenceInfo("WXYZ")});
         ASSERT_TRUE(consumer.start());
-        ASSERT_TRUE(consumer.waitForLine("cannot play"));
+        ASSERT_TRUE(consumer.waitForEvent("cannot play"));
         const std::size_t before = sender.getNumConnections();
         EXPECT_GE(before, 5U) << "accused at the first look";
         ASSERT_TRUE(waitFor([&] { return sender.getNumConnections() > before + 1; }));
         EXPECT_EQ(consumer.count("cannot play"), 1U);
         consumer.stop("pause");
         ASSERT_TRUE(consumer.start());
-        EXPECT_TRUE(consumer.waitForLine("cannot play", 2)) << "to whoever has started it again";
+        EXPECT_TRUE(consumer.waitForEvent("cannot play", 2)) << "to whoever has started it again";
     }
     {
         ScriptedSender sender(getSocketName());
-        ASSERT_TRUE(consumer.waitForLine("format"));
+        ASSERT_TRUE(consumer.waitForEvent("format"));
         ASSERT_TRUE(sender.send(makeFrame(1, 10)));
-        EXPECT_TRUE(consumer.waitForLine("frame 10"));
+        EXPECT_TRUE(consumer.waitForEvent("frame 10"));
         const auto end = steady_clock::now() + 300ms; // the keeper looks every 100 ms
         ASSERT_TRUE(waitFor([&] { return steady_clock::now() > end; }));
     }
     const ScriptedSender sender(getSocketName(), {.second = makeForeignSequenceInfo("WXYZ")});
-    EXPECT_TRUE(consumer.waitForLine("cannot play", 3)) << "after frames it is news again";
+    EXPECT_TRUE(consumer.waitForEvent("cannot play", 3)) << "after frames it is news again";
 }
 
 TEST_F(ConsumerTest, SaysWhereThisUserMayNotWrite)
@@ -460,7 +420,7 @@ TEST_F(ConsumerTest, SaysWhereThisUserMayNotWrite)
             sender.emplace(getSocketName());
             ASSERT_EQ(::seteuid(OtherUser), 0);
         }
-        EXPECT_TRUE(consumer.waitForLine(
+        EXPECT_TRUE(consumer.waitForEvent(
             "not permitted: this user may not write to \"" + sender->getDirectory() +
             "/nanomsgChannel.ipc\" (mode 0755), the socket file of \"" + getSocketName() +
             "\": give its sender --socket-mode group or all"));
@@ -474,8 +434,8 @@ TEST_F(ConsumerTest, JoinsAgainAfterAStall)
     RecordedConsumer consumer({.name = getSocketName(), .stallTimeout = 50ms});
     ScriptedSender sender(getSocketName());
     ASSERT_TRUE(consumer.start());
-    ASSERT_TRUE(consumer.waitForLine("stalled"));
-    ASSERT_TRUE(consumer.waitForLine("joined", 2));
+    ASSERT_TRUE(consumer.waitForEvent("stalled"));
+    ASSERT_TRUE(consumer.waitForEvent("joined", 2));
     ASSERT_TRUE(waitFor([&] { return sender.send(makeFrame(1, 10)) && consumer.count("frame"); }));
     EXPECT_EQ(consumer.count("lost"), 0U);
     const ConsumerStatistics statistics = consumer.get().getStatistics();
@@ -492,33 +452,31 @@ TEST_F(ConsumerTest, AsksAHungSenderOnceAndDoesNotAccuseIt)
         {
             ASSERT_TRUE(consumer.start());
         }
-        const Descriptor listener = listenOn(getSocketName(), 10);
+        RawSidechannelServer listener(getSocketName(), 10);
         if (isThereFirst)
         {
             ASSERT_TRUE(consumer.start());
         }
-        Descriptor first;
-        const auto accept = [&listener]
-        { return Descriptor(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)); };
-        ASSERT_TRUE(waitFor([&] { return (first = accept()).get() >= 0; }));
+        const RawConnection first = listener.accept();
+        ASSERT_TRUE(first.isOpen());
         // Far longer than a receiver that waits for its first message would be left alone.
         const auto end = steady_clock::now() + 1300ms;
         ASSERT_TRUE(waitFor([&] { return steady_clock::now() > end; }));
-        EXPECT_LT(accept().get(), 0) << "a second place in the backlog";
+        EXPECT_FALSE(listener.accept(0ms).isOpen()) << "a second place in the backlog";
     }
-    EXPECT_EQ(consumer.getLines(), std::vector<std::string>());
+    EXPECT_EQ(consumer.getEvents(), std::vector<std::string>());
     ScriptedSender sender(getSocketName());
-    ASSERT_TRUE(consumer.waitForLine("format"));
+    ASSERT_TRUE(consumer.waitForEvent("format"));
     ASSERT_TRUE(sender.send(makeFrame(1, 10)));
-    EXPECT_TRUE(consumer.waitForLine("frame 10"));
+    EXPECT_TRUE(consumer.waitForEvent("frame 10"));
 }
 
 TEST_F(ConsumerTest, StopsPromptlyInEachState)
 {
     for (const bool isFull : {false, true})
     {
-        const Descriptor listener = listenOn(getSocketName(), isFull ? 0 : 10);
-        std::optional<RawSidechannelClient> filler;
+        const RawSidechannelServer listener(getSocketName(), isFull ? 0 : 10);
+        std::optional<RawConnection> filler;
         if (isFull)
             filler.emplace(getSocketName());
         RecordedConsumer consumer({.name = getSocketName()});
@@ -535,11 +493,11 @@ TEST_F(ConsumerTest, StopsPromptlyInEachState)
         ASSERT_TRUE(consumer.start());
         if (state != std::string("just started"))
         {
-            ASSERT_TRUE(consumer.waitForLine("joined"));
+            ASSERT_TRUE(consumer.waitForEvent("joined"));
         }
         if (state == std::string("stalls all the time"))
         {
-            ASSERT_TRUE(consumer.waitForLine("stalled", 2));
+            ASSERT_TRUE(consumer.waitForEvent("stalled", 2));
         }
         if (state == std::string("being restarted"))
         {
@@ -612,7 +570,7 @@ TEST_F(ConsumerTest, AllocatesNoMoreForAFrameThanTheLibrary)
         [&] { return sender.send(makeFrame(1, 10), 2) && frames[0] > 2 && frames[1] > 2; }));
     EXPECT_EQ(allocations[0], allocations[1]);
     consumer.stop();
-    shutdownPromptly(receiver);
+    stopPromptly(receiver);
 }
 
 TEST(ConsumerRecordTest, MeasuresGaps)

@@ -1,31 +1,27 @@
 #include <algorithm>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include <Bell.hpp>
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <vlxkit/Discovery.hpp>
 #include <vlxkit/Producer.hpp>
 #include <vlxkit/PromptStop.hpp>
 
-#include "support/RawPeers.hpp"
+#include "support/ChildProcess.hpp"
+#include "support/RawSender.hpp"
 #include "support/RecordedReceiver.hpp"
 #include "support/VlxTest.hpp"
 
@@ -43,80 +39,6 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 
 constexpr uid_t OtherUser = 65534;
-
-/// A sender in a process of its own. It ends with this object, cleanly unless it was killed.
-class SenderProcess
-{
-public:
-    SenderProcess(const std::string& name, const char* protocol)
-    {
-        int toChild[2];
-        int fromChild[2];
-        if (::pipe2(toChild, O_CLOEXEC) != 0 || ::pipe2(fromChild, O_CLOEXEC) != 0)
-            return;
-        m_pid = ::fork();
-        if (m_pid == 0)
-        {
-            ::dup2(toChild[0], STDIN_FILENO);
-            ::dup2(fromChild[1], STDOUT_FILENO);
-            ::execl(VLX_SENDER_PROCESS, VLX_SENDER_PROCESS, name.c_str(), protocol, nullptr);
-            ::_exit(127);
-        }
-        ::close(toChild[0]);
-        ::close(fromChild[1]);
-        m_input = Descriptor(toChild[1]);
-        const Descriptor output(fromChild[0]);
-        for (char c = 0; ::read(output.get(), &c, 1) == 1 && c != '\n';)
-            m_socketFile += c;
-    }
-
-    ~SenderProcess()
-    {
-        m_input.close();
-        reap();
-    }
-
-    SenderProcess(const SenderProcess&) = delete;
-    SenderProcess& operator=(const SenderProcess&) = delete;
-
-    void signal(int number) const
-    {
-        ::kill(m_pid, number);
-    }
-
-    void kill()
-    {
-        signal(SIGKILL);
-        reap();
-    }
-
-    pid_t getPid() const
-    {
-        return m_pid;
-    }
-
-    const std::string& getSocketFile() const
-    {
-        return m_socketFile;
-    }
-
-    std::string getDirectory() const
-    {
-        return fs::path(m_socketFile).parent_path();
-    }
-
-private:
-    void reap()
-    {
-        if (m_pid > 0)
-            ::waitpid(m_pid, nullptr, 0);
-        m_pid = -1;
-    }
-
-    pid_t m_pid = -1;
-    Descriptor m_input;
-    std::string m_socketFile;
-};
 
 class DiscoveryTest : public VlxTest
 {
@@ -170,20 +92,14 @@ void makeOld(const std::string& path)
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
 }
 
-Buffer makeInitialInfo(const std::string& uri, NanomsgProtocol protocol)
-{
-    return makeSidechannelMessage(produceInitialInfoPacket(
-        {1, "", 0, TimeSyncProtocol::MonotonicSystemClock, protocol, uri}));
-}
-
-const Buffer PcmSequence = makeSidechannelMessage(fromHex("01 00 0700 50434D41 80BB0000 02 02"));
+const Buffer PcmSequence = makeSidechannelMessage(makeSequenceInfo(7));
 
 TEST_F(DiscoveryTest, ListsSendersAndNothingElse)
 {
     const std::string& name = getSocketName();
-    const SenderProcess pubSub(name + "-b", "pubsub");
-    const SenderProcess pipeline(name + "-c", "pipeline");
-    SenderProcess killed(name + "-d", "pubsub");
+    const SenderProcess pubSub(name + "-b", NanomsgProtocol::PubSub);
+    const SenderProcess pipeline(name + "-c", NanomsgProtocol::Pipeline);
+    SenderProcess killed(name + "-d", NanomsgProtocol::PubSub);
     RawSidechannelServer ownListener(name + "-e"); // that a host may have for other purposes
     RecordedReceiver receiver;
     ASSERT_TRUE(receiver.start(name));
@@ -221,13 +137,13 @@ TEST_F(DiscoveryTest, RemovesWhatDeadSendersLeftAndNothingElse)
 {
     const std::string& name = getSocketName();
     const std::string& base = getTempDirectory();
-    const SenderProcess pubSub(name + "-a", "pubsub");
-    const SenderProcess pipeline(name + "-b", "pipeline");
-    SenderProcess dead(name + "-c", "pubsub");
-    SenderProcess deadPipeline(name + "-d", "pipeline");
-    SenderProcess young(name + "-e", "pubsub");
-    SenderProcess filled(name + "-f", "pubsub");
-    SenderProcess linked(name + "-g", "pubsub");
+    const SenderProcess pubSub(name + "-a", NanomsgProtocol::PubSub);
+    const SenderProcess pipeline(name + "-b", NanomsgProtocol::Pipeline);
+    SenderProcess dead(name + "-c", NanomsgProtocol::PubSub);
+    SenderProcess deadPipeline(name + "-d", NanomsgProtocol::Pipeline);
+    SenderProcess young(name + "-e", NanomsgProtocol::PubSub);
+    SenderProcess filled(name + "-f", NanomsgProtocol::PubSub);
+    SenderProcess linked(name + "-g", NanomsgProtocol::PubSub);
     for (SenderProcess* const process : {&dead, &deadPipeline, &young, &filled, &linked})
         process->kill();
     std::ofstream(filled.getDirectory() + "/precious") << "x";
@@ -316,9 +232,9 @@ TEST_F(DiscoveryTest, ProbeTakesNoPathThatIsNoSenders)
     fs::create_directory(directory);
     std::ofstream(directory + "/file") << "x";
     fs::create_symlink(served, directory + "/link");
-    RawNanomsgPub channel;
+    RawNanomsg channel(NN_PUB);
     ASSERT_TRUE(channel.bind("ipc://" + served));
-    RawNanomsgPub other;
+    RawNanomsg other(NN_PUB);
     ASSERT_TRUE(other.bind("ipc://" + getTempDirectory() + "/other"));
     struct Row
     {
@@ -347,7 +263,7 @@ TEST_F(DiscoveryTest, ProbeTakesNoPathThatIsNoSenders)
             const SenderProbe answer = probe(
                 [&](RawConnection& connection)
                 {
-                    connection.send(makeInitialInfo(row.uri, protocol));
+                    connection.send(makeSidechannelMessage(makeInitialInfo(row.uri, protocol)));
                     connection.send(PcmSequence);
                 });
             const bool isTaken = protocol == NanomsgProtocol::PubSub     ? row.inPubSub
@@ -367,7 +283,8 @@ TEST_F(DiscoveryTest, ProbeTakesNoPathThatIsNoSenders)
 
 TEST_F(DiscoveryTest, NoAnswerStopsOrHoldsTheProcess)
 {
-    const Buffer info = makeInitialInfo("ipc:///x", NanomsgProtocol::PubSub);
+    const Buffer info =
+        makeSidechannelMessage(makeInitialInfo("ipc:///x", NanomsgProtocol::PubSub));
     const Buffer opus = makeSidechannelMessage(fromHex("01 00 0100 4f505553 aa"));
     const auto join = [](Buffer left, const Buffer& right)
     {
@@ -428,53 +345,8 @@ TEST_F(DiscoveryTest, NoAnswerStopsOrHoldsTheProcess)
 
 TEST_F(DiscoveryTest, LingeringDescriptorsDoNotHoldTheProbe)
 {
-    // A connection with unsent bytes that lingers for an hour when it is closed.
-    const auto makeLingering = []
-    {
-        const Descriptor listener(::socket(AF_INET, SOCK_STREAM, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof(address);
-        auto* const generic = reinterpret_cast<sockaddr*>(&address);
-        EXPECT_EQ(::bind(listener.get(), generic, length), 0);
-        EXPECT_EQ(::listen(listener.get(), 1), 0);
-        ::getsockname(listener.get(), generic, &length);
-        Descriptor client(::socket(AF_INET, SOCK_STREAM, 0));
-        EXPECT_EQ(::connect(client.get(), generic, length), 0);
-        Descriptor accepted(::accept(listener.get(), nullptr, nullptr));
-        const Buffer block(1 << 20);
-        while (::send(client.get(), block.data(), block.size(), MSG_DONTWAIT) > 0)
-        {
-        }
-        const linger hour{1, 3600};
-        ::setsockopt(client.get(), SOL_SOCKET, SO_LINGER, &hour, sizeof(hour));
-        return std::pair(std::move(client), std::move(accepted));
-    };
-    const auto pass = [](int connection, int fd)
-    {
-        char byte = 'x';
-        iovec part{&byte, 1};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(fd))] = {};
-        msghdr message{};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof(control);
-        cmsghdr* const header = CMSG_FIRSTHDR(&message);
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof(fd));
-        std::memcpy(CMSG_DATA(header), &fd, sizeof(fd));
-        EXPECT_EQ(::sendmsg(connection, &message, 0), 1);
-    };
-    auto [lingering, other] = makeLingering();
-    probe(
-        [&, &descriptor = lingering](RawConnection& connection)
-        {
-            pass(connection.getFD(), descriptor.get());
-            descriptor.close(); // the one on its way is the last
-        });
+    LingeringConnection lingering;
+    probe([&](RawConnection& connection) { lingering.passOver(connection.getFD()); });
 }
 
 TEST_F(DiscoveryTest, BellIsHeardByWaitingReceiversOnly)

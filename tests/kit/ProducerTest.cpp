@@ -281,7 +281,7 @@ TEST_F(ProducerTest, StopEndsWhateverWaits)
     {
         Producer producer(makeOptions(NanomsgProtocol::Pipeline));
         ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
-        RawSidechannelClient client(row.hasClient ? getSocketName() : "vlx-nobody", {});
+        RawConnection client(row.hasClient ? getSocketName() : "vlx-nobody", {});
         ASSERT_TRUE(!row.hasClient || client.readMessage());
         log().clear();
         std::atomic<bool> hasReturned = false;
@@ -348,12 +348,12 @@ TEST_F(ProducerTest, AnnouncesAgainWhenItMayHaveBeenMissed)
 {
     Producer producer(makeOptions());
     ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
-    RawSidechannelClient client(getSocketName());
+    RawConnection client(getSocketName());
     ASSERT_TRUE(client.readMessage());
     EXPECT_EQ(client.readMessage(), fromHex("01 00 0100 50434D41 80BB0000 02 02"));
 
     // Between the two connections it would miss a sequence that starts now.
-    RawNanomsgSub sub;
+    RawNanomsg sub(NN_SUB);
     ASSERT_TRUE(sub.connect("ipc://" + producer.getSocketFile()));
     ASSERT_TRUE(producer.waitForReceivers(1));
     EXPECT_EQ(sub.receive(), fromHex("01 00 0200 50434D41 80BB0000 02 02"));
@@ -389,7 +389,7 @@ TEST_F(ProducerTest, AnnouncesAgainWhenItMayHaveBeenMissed)
     sub.close();
     ASSERT_TRUE(waitForCount(0));
     EXPECT_TRUE(producer.setFormat(Format));
-    RawNanomsgSub successor;
+    RawNanomsg successor(NN_SUB);
     ASSERT_TRUE(successor.connect("ipc://" + producer.getSocketFile()));
     ASSERT_TRUE(waitForCount(1));
     EXPECT_EQ(producer.checkReceivers(), 1U);

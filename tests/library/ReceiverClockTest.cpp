@@ -330,7 +330,7 @@ TEST_F(ReceiverClockTest, ARejectedHeaderIsNotReportedReady)
         m_provider.start(ProviderOffsetNs);
         EXPECT_TRUE(log().waitFor(errorLog("Error while consuming VLX packet")));
         EXPECT_TRUE(log().waitFor(debugLog(StartsWith("Connection gone because of shutdown"))));
-        testing::shutdownPromptly(receiver);
+        kit::stopPromptly(receiver);
         EXPECT_EQ(numReady, 0);
         EXPECT_EQ(numSequences, isFirst ? 0 : 1);
     }

@@ -31,9 +31,8 @@
 #include <vlx/VlxSender.hpp>
 
 #include "Guards.hpp"
-#include "support/AllocationCounter.hpp"
 #include "support/LogCapture.hpp"
-#include "support/RawPeers.hpp"
+#include "support/RawSender.hpp"
 #include "support/ResourceLimit.hpp"
 #include "support/TestAccess.hpp"
 #include "support/VlxTest.hpp"
@@ -45,18 +44,20 @@ namespace vlx
 
 using Access = SenderTestAccess;
 
+using ::testing::_;
 using testing::debugLog;
 using testing::Descriptor;
 using testing::errorLog;
 using testing::fromHex;
 using ::testing::HasSubstr;
+using testing::LingeringConnection;
 using testing::LogExpectation;
+using testing::makeFrame;
+using testing::makeInitialInfo;
+using testing::makeSequenceInfo;
 using ::testing::MatchesRegex;
 using testing::RawConnection;
 using testing::RawNanomsg;
-using testing::RawNanomsgPull;
-using testing::RawNanomsgSub;
-using testing::RawSidechannelClient;
 using testing::RawSidechannelServer;
 using testing::ResourceLimit;
 using ::testing::StartsWith;
@@ -69,8 +70,6 @@ namespace
 
 constexpr std::size_t LongestName = 107;
 constexpr const char* SendingData = "Sending data with [0-9]+ bytes over nanomsg SP socket";
-constexpr const char* WatchActivity = "Nanomsg watch FD activity";
-constexpr const char* WakeupActivity = "Nanomsg wakeup pipe activity";
 constexpr const char* NewClient = "New client connection: FD ";
 
 int countBytesInPipe(int readEnd)
@@ -79,50 +78,6 @@ int countBytesInPipe(int readEnd)
     ::ioctl(readEnd, FIONREAD, &numBytes);
     return numBytes;
 }
-
-/// A connection that takes so long to close as its other end takes nothing, half a minute at most.
-struct LingeringConnection
-{
-    LingeringConnection()
-    {
-        const Descriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        ::listen(listener.get(), 1);
-        sockaddr_in address{};
-        socklen_t size = sizeof(address);
-        ::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size);
-        near = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        EXPECT_EQ(::connect(near.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
-        far = Descriptor(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-
-        const linger toTheEnd{1, 30};
-        ::setsockopt(near.get(), SOL_SOCKET, SO_LINGER, &toTheEnd, sizeof(toTheEnd));
-        const Buffer bytes(100'000);
-        while (::send(near.get(), bytes.data(), bytes.size(), MSG_DONTWAIT) > 0)
-        {
-        }
-    }
-
-    /// Hands the near end to the other side of a Unix-domain socket, which owns it alone then.
-    void passOver(int socketFD)
-    {
-        char byte = 0;
-        iovec data{&byte, 1};
-        alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-        msghdr message{};
-        message.msg_iov = &data;
-        message.msg_iovlen = 1;
-        message.msg_control = control.data();
-        message.msg_controllen = control.size();
-        *CMSG_FIRSTHDR(&message) = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-        const int fd = near.get();
-        std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), &fd, sizeof(fd));
-        EXPECT_EQ(::sendmsg(socketFD, &message, 0), 1);
-        near.close();
-    }
-
-    Descriptor near;
-    Descriptor far;
-};
 
 /// What the sender asked the system for, outside the tests' own directory: this is refused.
 std::vector<std::string> patternsOfDirectories;
@@ -142,34 +97,6 @@ extern "C"
         return nullptr;
     }
     // NOLINTEND(bugprone-reserved-identifier)
-}
-
-/// The bytes of an InitialInfo packet of a sender without a network clock.
-Buffer makeInitialInfo(const std::string& uri, NanomsgProtocol protocol)
-{
-    Buffer packet = fromHex("0100 00 0000 02");
-    packet.push_back(protocol == NanomsgProtocol::Pipeline ? 1 : 2);
-    const Buffer text = toBytes(uri);
-    packet.insert(packet.end(), text.begin(), text.end());
-    packet.push_back(0);
-    return packet;
-}
-
-Buffer makeSequenceInfo(std::uint16_t sequenceNr)
-{
-    Buffer packet = fromHex("01 00 0000 50434D41 80BB0000 02 02");
-    packet[2] = static_cast<std::uint8_t>(sequenceNr);
-    packet[3] = static_cast<std::uint8_t>(sequenceNr >> 8);
-    return packet;
-}
-
-Buffer makeFrame(std::uint8_t sequenceNr, std::uint8_t timestamp, const Buffer& mediaData)
-{
-    Buffer packet = fromHex("02 00 0000 0000000000000000 0A00000000000000");
-    packet[2] = sequenceNr;
-    packet[4] = timestamp;
-    packet.insert(packet.end(), mediaData.begin(), mediaData.end());
-    return packet;
 }
 
 class SenderTest : public testing::VlxTest
@@ -212,7 +139,7 @@ protected:
     /// Joins the main channel as a receiver does, and waits until the sender knows.
     void join(RawNanomsg& receiver, NanomsgProtocol protocol = NanomsgProtocol::PubSub)
     {
-        const std::string& uri = Access::getNanomsgURI(m_sender);
+        const std::string& uri = m_sender.*Access::NanomsgURI;
         const std::size_t numReceivers = m_sender.getNumReceivers();
         ASSERT_TRUE(
             protocol == NanomsgProtocol::Pipeline ? receiver.bind(uri) : receiver.connect(uri));
@@ -235,7 +162,7 @@ protected:
     /// Taken while the thread sleeps in poll, the lock stops it where it would greet. Taken between
     /// two rounds, it stops the thread before poll, where nobody is accepted: then the client is
     /// greeted, sent away, and the next one tries again.
-    RawSidechannelClient connectUngreeted(std::unique_lock<std::mutex>& lock)
+    RawConnection connectUngreeted(std::unique_lock<std::mutex>& lock)
     {
         constexpr std::chrono::milliseconds TryDuration{200};
         const LogExpectation accepted = debugLog(StartsWith(NewClient));
@@ -243,7 +170,7 @@ protected:
         {
             const std::size_t numBefore = log().count(accepted);
             lock = Access::lock(m_sender);
-            RawSidechannelClient client(getSocketName());
+            RawConnection client(getSocketName());
             if (!client.isOpen() ||
                 waitFor([&] { return log().count(accepted) > numBefore; }, TryDuration))
                 return client;
@@ -251,7 +178,7 @@ protected:
             // The listener thread was already waiting for the lock, on its way to poll.
             lock.unlock();
             client.readMessage();
-            if (!Access::getSequenceInfoPacket(m_sender).empty())
+            if (!(m_sender.*Access::SequenceInfoPacket).empty())
                 client.readMessage();
             client.close();
             waitForClients(0);
@@ -261,7 +188,8 @@ protected:
     /// Gives back what a failed initialisation keeps.
     static void release(Sender& sender)
     {
-        for (auto* pipe : {&Access::listenerWakeupPipe(sender), &Access::nanomsgWakeupPipe(sender)})
+        for (auto* pipe :
+             {&(sender.*Access::ListenerWakeupPipe), &(sender.*Access::NanomsgWakeupPipe)})
         {
             for (int& end : *pipe)
             {
@@ -269,8 +197,8 @@ protected:
                 end = -1;
             }
         }
-        Access::shutdownListener(sender);
-        const std::string& uri = Access::getNanomsgURI(sender);
+        (sender.*Access::ShutdownListener)();
+        const std::string& uri = sender.*Access::NanomsgURI;
         if (!uri.empty())
             fs::remove_all(fs::path(uri.substr(std::string("ipc://").size())).parent_path());
     }
@@ -289,20 +217,20 @@ INSTANTIATE_TEST_SUITE_P(
     Transports,
     SenderTransportTest,
     ::testing::Values(NanomsgProtocol::PubSub, NanomsgProtocol::Pipeline),
-    [](const auto& transport) { return std::string(toString(transport.param)); });
+    ::testing::PrintToStringParamName());
 
 } // namespace
 
 TEST_P(SenderTransportTest, ShutdownLeavesNothing)
 {
     ASSERT_TRUE(initialize(m_sender, getSocketName(), "other", GetParam()));
-    const std::string uri = Access::getNanomsgURI(m_sender);
+    const std::string uri = m_sender.*Access::NanomsgURI;
     log().clear();
     EXPECT_TRUE(initialize(m_sender, std::string(50, 'x'), "", NanomsgProtocol{9}));
-    EXPECT_EQ(Access::getNanomsgURI(m_sender), uri);
+    EXPECT_EQ(m_sender.*Access::NanomsgURI, uri);
     EXPECT_TRUE(log().isExactly({})) << "it is open already";
 
-    RawSidechannelClient client(getSocketName());
+    RawConnection client(getSocketName());
     EXPECT_EQ(client.readMessage(), makeInitialInfo(uri, GetParam()));
     m_sender.shutdownSender();
     EXPECT_TRUE(client.waitForClose());
@@ -317,14 +245,14 @@ TEST_P(SenderTransportTest, ShutdownLeavesNothing)
 TEST_P(SenderTransportTest, PlainSocketsReadTheStreamByteForByte)
 {
     startStream(GetParam());
-    const std::string uri = Access::getNanomsgURI(m_sender);
+    const std::string uri = m_sender.*Access::NanomsgURI;
     int queueBytes = 0; // frames must not queue and age
     std::size_t optionSize = sizeof(queueBytes);
-    const int mainFD = Access::nanomsgMainFD(m_sender);
+    const int mainFD = m_sender.*Access::NanomsgMainFD;
     ASSERT_EQ(::nn_getsockopt(mainFD, NN_SOL_SOCKET, NN_SNDBUF, &queueBytes, &optionSize), 0);
     EXPECT_EQ(queueBytes, 1);
 
-    RawSidechannelClient client(getSocketName());
+    RawConnection client(getSocketName());
     const Buffer expected = [&]
     {
         Buffer bytes = testing::makeSidechannelMessage(makeInitialInfo(uri, GetParam()));
@@ -334,12 +262,13 @@ TEST_P(SenderTransportTest, PlainSocketsReadTheStreamByteForByte)
     }();
     EXPECT_EQ(client.readBytes(expected.size()), expected);
     std::array<char, 16> threadName{};
-    ::pthread_getname_np(Access::getListenerThread(m_sender), threadName.data(), threadName.size());
+    ::pthread_getname_np(
+        (m_sender.*Access::ListenerThread).native_handle(), threadName.data(), threadName.size());
     EXPECT_STREQ(threadName.data(), "vlx-listener");
 
     const bool isPipeline = GetParam() == NanomsgProtocol::Pipeline;
-    RawNanomsgPull pull;
-    RawNanomsgSub sub;
+    RawNanomsg pull(NN_PULL);
+    RawNanomsg sub(NN_SUB);
     RawNanomsg& receiver = isPipeline ? static_cast<RawNanomsg&>(pull) : sub;
     EXPECT_EQ(m_sender.getNumReceivers(), 0U);
     ASSERT_NO_FATAL_FAILURE(join(receiver, GetParam()));
@@ -367,23 +296,23 @@ TEST_P(SenderTransportTest, PlainSocketsReadTheStreamByteForByte)
 TEST_P(SenderTransportTest, CanBeInitializedAgain)
 {
     startStream(GetParam());
-    const std::string firstURI = Access::getNanomsgURI(m_sender);
+    const std::string firstURI = m_sender.*Access::NanomsgURI;
     m_sender.shutdownSender();
-    EXPECT_TRUE(Access::isSendDisabled(m_sender));
+    EXPECT_TRUE(m_sender.*Access::SendDisabled);
 
     const std::string name = getSocketName() + "-again";
     ASSERT_TRUE(initialize(m_sender, name, "", GetParam()));
-    EXPECT_FALSE(Access::isSendDisabled(m_sender));
-    const std::string uri = Access::getNanomsgURI(m_sender);
+    EXPECT_FALSE(m_sender.*Access::SendDisabled);
+    const std::string uri = m_sender.*Access::NanomsgURI;
     EXPECT_NE(uri, firstURI);
 
-    RawSidechannelClient client(name);
+    RawConnection client(name);
     EXPECT_EQ(client.readMessage(), makeInitialInfo(uri, GetParam()));
     EXPECT_EQ(client.readMessage(), makeSequenceInfo(1)) << "the one from before";
     client.close();
     ASSERT_TRUE(waitForClients(0));
     m_sender.startNewSequence();
-    EXPECT_EQ(Access::getSequenceInfoPacket(m_sender), makeSequenceInfo(2));
+    EXPECT_EQ(m_sender.*Access::SequenceInfoPacket, makeSequenceInfo(2));
 }
 
 TEST_F(SenderTest, DestructionShutsDown)
@@ -417,9 +346,9 @@ TEST_F(SenderTest, LongNamesAreReportedAndCut)
         }
         first.push_back(traceLog("Setting up sender with socket address \"" + name + "\""));
         EXPECT_TRUE(log().containsInOrder(first));
-        EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), first.size() - 1);
+        EXPECT_EQ(log().count(errorLog(_)), first.size() - 1);
 
-        RawSidechannelClient client(name.substr(0, LongestName));
+        RawConnection client(name.substr(0, LongestName));
         EXPECT_TRUE(client.readMessage().has_value());
         client.close();
         m_sender.shutdownSender();
@@ -444,8 +373,8 @@ TEST_F(SenderTest, TakenNameIsReplacedByTheAlternative)
             {debugLog("Could not bind listener socket: Address already in use (98)"),
              debugLog("Binding to alternative address " + alternative),
              traceLog("Listener set up")}));
-        EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), 0U);
-        RawSidechannelClient client(alternative.substr(0, LongestName));
+        EXPECT_EQ(log().count(errorLog(_)), 0U);
+        RawConnection client(alternative.substr(0, LongestName));
         EXPECT_TRUE(client.readMessage().has_value());
         client.close();
         m_sender.shutdownSender();
@@ -462,8 +391,8 @@ TEST_F(SenderTest, TakenNameWithoutFreeAlternativeFails)
     {
         Sender sender;
         EXPECT_FALSE(initialize(sender, getSocketName(), alternative));
-        EXPECT_FALSE(Access::isInitialized(sender));
-        EXPECT_EQ(Access::listenerSocketFD(sender), -1);
+        EXPECT_FALSE(sender.*Access::Initialized);
+        EXPECT_EQ(sender.*Access::ListenerSocketFD, -1);
         EXPECT_EQ(log().count(bindFailed), alternative.empty() ? 1U : 2U);
         EXPECT_TRUE(log().containsInOrder(
             {bindFailed, traceLog("Listener shut down"),
@@ -501,7 +430,7 @@ TEST_F(SenderTest, TempDirectoryIsWhereTheVariableSays)
 
         Sender sender;
         EXPECT_FALSE(initialize(sender, getSocketName()));
-        EXPECT_FALSE(Access::isInitialized(sender));
+        EXPECT_FALSE(sender.*Access::Initialized);
         EXPECT_THAT(patternsOfDirectories, ::testing::ElementsAre(row.pattern));
         EXPECT_TRUE(log().isExactly(
             {traceLog(StartsWith("Setting up sender")),
@@ -550,10 +479,10 @@ TEST_F(SenderTest, AnnouncesItsClock)
         Buffer expected = fromHex("0100");
         for (const Buffer& part :
              {toBytes(row.address), fromHex(row.afterAddress),
-              toBytes(Access::getNanomsgURI(m_sender)), Buffer{0}})
+              toBytes(m_sender.*Access::NanomsgURI), Buffer{0}})
             expected.insert(expected.end(), part.begin(), part.end());
 
-        RawSidechannelClient client(getSocketName());
+        RawConnection client(getSocketName());
         EXPECT_EQ(client.readMessage(), expected);
         client.close();
         m_sender.shutdownSender();
@@ -565,35 +494,24 @@ TEST_F(SenderTest, NewcomersAreToldTheCurrentSequence)
     ASSERT_TRUE(initialize());
     m_sender.setCurrentPayloader(m_payloader);
     const Buffer initialInfo =
-        makeInitialInfo(Access::getNanomsgURI(m_sender), NanomsgProtocol::PubSub);
-    RawSidechannelClient early(getSocketName());
+        makeInitialInfo(m_sender.*Access::NanomsgURI, NanomsgProtocol::PubSub);
+    RawConnection early(getSocketName());
     EXPECT_EQ(early.readMessage(), initialInfo);
     ASSERT_TRUE(waitForClients(1));
     EXPECT_FALSE(early.hasInput()) << "no sequence yet";
 
     m_sender.startNewSequence();
-    log().clear();
-    RawSidechannelClient late(getSocketName());
+    RawConnection late(getSocketName());
     EXPECT_EQ(late.readMessage(), initialInfo);
     EXPECT_EQ(late.readMessage(), makeSequenceInfo(1));
     EXPECT_FALSE(early.hasInput());
-
-    ASSERT_TRUE(waitForClients(2));
-    const std::string fd = std::to_string(Access::getPolledFDs(m_sender)[3]);
-    const std::string size = std::to_string(initialInfo.size());
-    EXPECT_TRUE(log().isExactly(
-        {traceLog("Listener thread socket activity"), debugLog(NewClient + fd),
-         debugLog("Sending InitialInfo packet with " + size + " bytes to connection with FD " + fd),
-         traceLog("Sending message with " + size + " bytes over client connection with FD " + fd),
-         debugLog("Sending SequenceInfo packet with 14 bytes to connection with FD " + fd),
-         traceLog("Sending message with 14 bytes over client connection with FD " + fd)}));
 }
 
 TEST_F(SenderTest, WhatReceiversWriteIsDiscarded)
 {
     ASSERT_TRUE(initialize());
-    RawSidechannelClient first(getSocketName());
-    RawSidechannelClient second(getSocketName());
+    RawConnection first(getSocketName());
+    RawConnection second(getSocketName());
     ASSERT_TRUE(first.readMessage() && second.readMessage());
     ASSERT_TRUE(waitForClients(2));
     const std::vector<int> fds = Access::getPolledFDs(m_sender);
@@ -612,19 +530,17 @@ TEST_F(SenderTest, WhatReceiversWriteIsDiscarded)
     };
     first.close();
     EXPECT_TRUE(log().waitFor(closed(fds[2], 1)));
-    EXPECT_TRUE(Access::areThereClientConnections(m_sender));
     EXPECT_EQ(Access::getPolledFDs(m_sender).at(2), fds[3]);
     second.close();
     EXPECT_TRUE(log().waitFor(closed(fds[3], 0)));
-    EXPECT_FALSE(Access::areThereClientConnections(m_sender));
-    EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), 0U);
+    EXPECT_EQ(log().count(errorLog(_)), 0U);
 }
 
 TEST_F(SenderTest, ReceiverThatLeavesUnreadBytesIsReportedAndRemoved)
 {
     ASSERT_TRUE(initialize());
     {
-        const RawSidechannelClient client(getSocketName());
+        const RawConnection client(getSocketName());
         ASSERT_TRUE(waitFor([&] { return client.hasInput(); }));
         ASSERT_TRUE(waitForClients(1));
     }
@@ -644,7 +560,7 @@ TEST_F(SenderTest, ReceiverThatLeavesBeforeItsGreetingDoesNotKill)
     std::unique_lock<std::mutex> lock;
     for (std::size_t i = 1; i <= 3; ++i)
     {
-        RawSidechannelClient client = connectUngreeted(lock);
+        RawConnection client = connectUngreeted(lock);
         client.close();
         lock.unlock();
         ASSERT_TRUE(log().waitFor(
@@ -664,7 +580,7 @@ TEST_F(SenderTest, NoReceiverHoldsTheListenerOrTheProducer)
 {
     // A byte that makes the connection readable, and is thrown away when it is read.
     startStream();
-    RawSidechannelClient client(getSocketName());
+    RawConnection client(getSocketName());
     ASSERT_TRUE(client.readMessage() && client.readMessage());
     ASSERT_EQ(::send(client.getFD(), "x", 1, MSG_OOB), 1);
     const LogExpectation nothingToRead = errorLog(
@@ -678,7 +594,7 @@ TEST_F(SenderTest, NoReceiverHoldsTheListenerOrTheProducer)
     // A descriptor whose last owner is the listener thread, and whose close would take long.
     LingeringConnection lingering;
     std::unique_lock<std::mutex> lock;
-    RawSidechannelClient sly = connectUngreeted(lock);
+    RawConnection sly = connectUngreeted(lock);
     lingering.passOver(sly.getFD());
     lock.unlock();
     ASSERT_TRUE(waitForClients(1));
@@ -686,7 +602,7 @@ TEST_F(SenderTest, NoReceiverHoldsTheListenerOrTheProducer)
     ASSERT_TRUE(waitFor([slyFD] { return countBytesInPipe(slyFD) == 0; }));
     auto sent = std::async(std::launch::async, [this] { sendFrame(1, {1}); });
     EXPECT_EQ(sent.wait_for(testing::DefaultDeadline), std::future_status::ready);
-    RawSidechannelClient waiting(getSocketName());
+    RawConnection waiting(getSocketName());
     EXPECT_TRUE(waiting.readMessage().has_value()) << "it lingers";
 
     // The same one that nobody reads any more, since the sender is shut down.
@@ -694,13 +610,12 @@ TEST_F(SenderTest, NoReceiverHoldsTheListenerOrTheProducer)
     late.passOver(waiting.getFD());
     auto shutDown = std::async(std::launch::async, [this] { m_sender.shutdownSender(); });
     EXPECT_EQ(shutDown.wait_for(testing::DefaultDeadline), std::future_status::ready);
-    late.far.close();
 }
 
 TEST_F(SenderTest, AFullWakeupPipeHoldsNobodyUp)
 {
     startStream();
-    const int(&pipe)[2] = Access::nanomsgWakeupPipe(m_sender);
+    const int(&pipe)[2] = m_sender.*Access::NanomsgWakeupPipe;
     {
         const Descriptor other(::open(
             ("/proc/self/fd/" + std::to_string(pipe[1])).c_str(),
@@ -712,7 +627,7 @@ TEST_F(SenderTest, AFullWakeupPipeHoldsNobodyUp)
     }
     m_sender.disableSend(true);
     m_sender.disableSend(false);
-    RawNanomsgSub receiver;
+    RawNanomsg receiver(NN_SUB);
     ASSERT_NO_FATAL_FAILURE(join(receiver));
     sendFrame(1, {1});
     EXPECT_EQ(receiver.receive(), makeFrame(1, 1, {1}));
@@ -724,8 +639,8 @@ TEST_F(SenderTest, OutOfDescriptorsTheListenerGoesOn)
 {
     ASSERT_TRUE(initialize());
     std::unique_lock<std::mutex> lock;
-    const RawSidechannelClient first = connectUngreeted(lock);
-    RawSidechannelClient second(getSocketName());
+    const RawConnection first = connectUngreeted(lock);
+    RawConnection second(getSocketName());
     {
         const int nextFD = Descriptor(::dup(0)).get();
         const ResourceLimit noMore(RLIMIT_NOFILE, static_cast<rlim_t>(nextFD));
@@ -744,7 +659,7 @@ TEST_F(SenderTest, AListenerThatIsHeldUpTurnsNobodyAway)
     std::vector<RawConnection> clients;
     clients.push_back(connectUngreeted(lock));
     while (clients.size() <= NumWaiting && clients.back().isOpen())
-        clients.push_back(RawSidechannelClient(getSocketName()));
+        clients.push_back(RawConnection(getSocketName()));
     lock.unlock();
     for (RawConnection& client : clients)
         EXPECT_TRUE(client.readMessage().has_value());
@@ -754,7 +669,7 @@ TEST_F(SenderTest, AListenerThatIsHeldUpTurnsNobodyAway)
 TEST_F(SenderTest, AForkHoldsNoConnection)
 {
     ASSERT_TRUE(initialize());
-    RawSidechannelClient client(getSocketName());
+    RawConnection client(getSocketName());
     ASSERT_TRUE(client.readMessage() && waitForClients(1));
     const pid_t child = ::fork();
     if (child == 0)
@@ -768,40 +683,21 @@ TEST_F(SenderTest, AForkHoldsNoConnection)
     ::waitpid(child, nullptr, 0);
 }
 
-TEST_F(SenderTest, FailedPollEndsTheListenerThread)
-{
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "the sanitizer's own checks need a descriptor while the thread ends";
-#endif
-    ASSERT_TRUE(initialize());
-    std::unique_lock<std::mutex> lock;
-    const RawSidechannelClient client = connectUngreeted(lock);
-    {
-        const ResourceLimit fewerThanPolled(RLIMIT_NOFILE, 2);
-        lock.unlock();
-        EXPECT_TRUE(log().waitFor(errorLog("Could not poll for activity: Invalid argument (22)")));
-    }
-    ASSERT_TRUE(waitFor([&] { return !Access::isListenerThreadRunning(m_sender); }));
-    EXPECT_TRUE(Access::isInitialized(m_sender));
-    sendFrame(1, {1}); // without a payloader: not even that is looked at
-    EXPECT_TRUE(log().contains(traceLog("Cannot send media data: Listener thread is not running")));
-}
-
 TEST_F(SenderTest, WakeupEndsTheListenerThreadAndTheStream)
 {
     startStream();
-    RawSidechannelClient client(getSocketName());
+    RawConnection client(getSocketName());
     ASSERT_TRUE(client.readMessage() && client.readMessage());
     ASSERT_TRUE(waitForClients(1));
-    ASSERT_EQ(::write(Access::listenerWakeupPipe(m_sender)[1], "xyz", 3), 3);
-    ASSERT_TRUE(waitFor([&] { return !Access::isListenerThreadRunning(m_sender); }));
+    ASSERT_EQ(::write((m_sender.*Access::ListenerWakeupPipe)[1], "xyz", 3), 3);
+    ASSERT_TRUE(waitFor([&] { return !(m_sender.*Access::ListenerThreadRunning); }));
     EXPECT_TRUE(log().contains(traceLog("Listener thread loop wakeup activity")));
-    EXPECT_EQ(countBytesInPipe(Access::listenerWakeupPipe(m_sender)[0]), 0);
+    EXPECT_EQ(countBytesInPipe((m_sender.*Access::ListenerWakeupPipe)[0]), 0);
 
-    Access::shutdownListener(m_sender);
+    (m_sender.*Access::ShutdownListener)();
     EXPECT_TRUE(client.waitForClose());
     EXPECT_EQ(Access::getPolledFDs(m_sender).size(), 2U) << "only the connections leave it";
-    EXPECT_EQ(Access::listenerSocketFD(m_sender), -1);
+    EXPECT_EQ(m_sender.*Access::ListenerSocketFD, -1);
 
     log().clear();
     m_sender.startNewSequence();
@@ -809,8 +705,8 @@ TEST_F(SenderTest, WakeupEndsTheListenerThreadAndTheStream)
     EXPECT_TRUE(log().isExactly(
         {debugLog("Not starting new sequence since the listener thread is not running"),
          traceLog("Cannot send media data: Listener thread is not running")}));
-    EXPECT_EQ(Access::getSequenceNr(m_sender), 1);
-    EXPECT_EQ(Access::getSequenceInfoPacket(m_sender), makeSequenceInfo(1));
+    EXPECT_EQ(m_sender.*Access::SequenceNr, 1);
+    EXPECT_EQ(m_sender.*Access::SequenceInfoPacket, makeSequenceInfo(1));
 }
 
 TEST_F(SenderTest, SendingToAllClientsTriesTheFirstTwoEntriesToo)
@@ -824,18 +720,18 @@ TEST_F(SenderTest, SendingToAllClientsTriesTheFirstTwoEntriesToo)
             std::to_string(fds[entry]) + ": " + reason);
     };
     log().clear();
-    Access::sendDataOverAllClientConnections(m_sender, Buffer(40));
+    (m_sender.*Access::SendToAllClients)(Buffer(40));
     EXPECT_TRUE(log().isExactly(
         {traceLog(StartsWith("Sending message with 40 bytes")),
          couldNotSend(0, "Socket operation on non-socket (88)"),
          traceLog(StartsWith("Sending message with 40 bytes")),
          couldNotSend(1, "Transport endpoint is not connected (107)")}));
 
-    RawSidechannelClient client(getSocketName());
+    RawConnection client(getSocketName());
     ASSERT_TRUE(client.readMessage().has_value());
     ASSERT_TRUE(waitForClients(1));
-    Access::sendDataOverAllClientConnections(m_sender, Buffer(40, 0x40));
-    Access::sendDataOverAllClientConnections(m_sender, Buffer(12, 0x12));
+    (m_sender.*Access::SendToAllClients)(Buffer(40, 0x40));
+    (m_sender.*Access::SendToAllClients)(Buffer(12, 0x12));
     Buffer expected = fromHex("28000000");
     expected.insert(expected.end(), 40, 0x40);
     expected.insert(expected.end(), {12, 0, 0, 0});
@@ -848,7 +744,7 @@ TEST_F(SenderTest, SendingToAllClientsTriesTheFirstTwoEntriesToo)
     EXPECT_TRUE(waitFor(
         [&]
         {
-            Access::sendDataOverAllClientConnections(m_sender, large);
+            (m_sender.*Access::SendToAllClients)(large);
             return log().contains(errorLog(HasSubstr("Resource temporarily unavailable (11)")));
         }));
     EXPECT_EQ(Access::getPolledFDs(m_sender).size(), 3U);
@@ -866,15 +762,10 @@ TEST_F(SenderTest, SequenceNumbersSkipZero)
     for (const Row& row : {Row{0, 1}, Row{1, 2}, Row{255, 256}, Row{65534, 65535}, Row{65535, 1}})
     {
         SCOPED_TRACE(row.before);
-        Access::setSequenceNr(m_sender, row.before);
-        log().clear();
+        m_sender.*Access::SequenceNr = row.before;
         m_sender.startNewSequence();
-        EXPECT_EQ(Access::getSequenceNr(m_sender), row.after);
-        EXPECT_EQ(Access::getSequenceInfoPacket(m_sender), makeSequenceInfo(row.after));
-        EXPECT_TRUE(log().isExactly(
-            {debugLog("Starting new sequence with nr " + std::to_string(row.after)),
-             debugLog("There are no client connections; no need to send SequenceInfo packet "
-                      "now")}));
+        EXPECT_EQ(m_sender.*Access::SequenceNr, row.after);
+        EXPECT_EQ(m_sender.*Access::SequenceInfoPacket, makeSequenceInfo(row.after));
     }
 }
 
@@ -894,7 +785,7 @@ TEST_F(SenderTest, PayloaderChangesAtOnceAndTheSequenceNumberLater)
     };
     ASSERT_TRUE(initialize());
     m_sender.setCurrentPayloader(m_payloader);
-    RawNanomsgSub receiver;
+    RawNanomsg receiver(NN_SUB);
     ASSERT_NO_FATAL_FAILURE(join(receiver));
     sendFrame(1, {1, 2, 3});
     EXPECT_EQ(receiver.receive(), makeFrame(0, 1, {1, 2, 3})) << "before the first sequence";
@@ -912,11 +803,10 @@ TEST_F(SenderTest, PayloaderChangesAtOnceAndTheSequenceNumberLater)
 TEST_F(SenderTest, DisabledSendingDropsFrames)
 {
     startStream();
-    RawNanomsgSub receiver;
+    RawNanomsg receiver(NN_SUB);
     ASSERT_NO_FATAL_FAILURE(join(receiver));
-    const int pipe = Access::nanomsgWakeupPipe(m_sender)[0];
+    const int pipe = (m_sender.*Access::NanomsgWakeupPipe)[0];
 
-    log().clear();
     m_sender.disableSend(false);
     EXPECT_EQ(countBytesInPipe(pipe), 0);
     m_sender.disableSend(true);
@@ -926,18 +816,10 @@ TEST_F(SenderTest, DisabledSendingDropsFrames)
     m_sender.disableSend(false);
     m_sender.disableSend(false);
     EXPECT_EQ(countBytesInPipe(pipe), 1);
-    EXPECT_TRUE(log().isExactly(
-        {traceLog("Send operations are now disabled"), traceLog(StartsWith("Payloader wrapped")),
-         traceLog("Cannot send anything; sending is disabled"),
-         traceLog("Send operations are now enabled")}));
 
     // The byte that nobody was waiting for is drained, and the frame sent all the same.
-    log().clear();
     sendFrame(2, {2});
     EXPECT_EQ(countBytesInPipe(pipe), 0);
-    EXPECT_TRUE(log().isExactly(
-        {traceLog(StartsWith("Payloader wrapped")), traceLog(MatchesRegex(SendingData)),
-         traceLog(WakeupActivity), traceLog(WatchActivity)}));
     EXPECT_EQ(receiver.receive(), makeFrame(1, 2, {2}));
 
     m_sender.shutdownSender();
@@ -946,9 +828,9 @@ TEST_F(SenderTest, DisabledSendingDropsFrames)
     EXPECT_TRUE(log().isExactly({})) << "disabled already";
     m_sender.disableSend(false);
     m_sender.disableSend(true); // there is no pipe to write to
-    EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), 0U);
+    EXPECT_EQ(log().count(errorLog(_)), 0U);
     ASSERT_TRUE(initialize());
-    EXPECT_FALSE(Access::isSendDisabled(m_sender));
+    EXPECT_FALSE(m_sender.*Access::SendDisabled);
 }
 
 TEST_F(SenderTest, BlockedSendIsFreedByDisabling)
@@ -961,22 +843,15 @@ TEST_F(SenderTest, BlockedSendIsFreedByDisabling)
     EXPECT_EQ(blocked.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     m_sender.disableSend(true);
     ASSERT_EQ(blocked.wait_for(testing::DefaultDeadline), std::future_status::ready);
-    EXPECT_EQ(countBytesInPipe(Access::nanomsgWakeupPipe(m_sender)[0]), 0);
-    EXPECT_TRUE(log().isExactly(
-        {traceLog(StartsWith("Payloader wrapped")), traceLog(MatchesRegex(SendingData)),
-         traceLog("Send operations are now disabled"), traceLog(WakeupActivity)}));
+    EXPECT_EQ(countBytesInPipe((m_sender.*Access::NanomsgWakeupPipe)[0]), 0);
 
     // A byte left from a change that freed nobody costs the next frame, without a word.
     m_sender.disableSend(false);
     m_sender.disableSend(true);
     m_sender.disableSend(false);
-    log().clear();
     sendFrame(2, {2});
-    EXPECT_TRUE(log().isExactly(
-        {traceLog(StartsWith("Payloader wrapped")), traceLog(MatchesRegex(SendingData)),
-         traceLog(WakeupActivity)}));
 
-    RawNanomsgPull receiver;
+    RawNanomsg receiver(NN_PULL);
     ASSERT_NO_FATAL_FAILURE(join(receiver, NanomsgProtocol::Pipeline));
     sendFrame(3, {3});
     EXPECT_EQ(receiver.receive(), makeFrame(1, 3, {3})) << "the dropped frames stay dropped";
@@ -990,18 +865,18 @@ TEST_F(SenderTest, AReceiverThatLeavesBeforeTheSendHoldsNobodyUp)
 {
     startStream(NanomsgProtocol::Pipeline);
     const Descriptor ready(::eventfd(1, EFD_CLOEXEC)); // though there is nobody any more
-    const int watchFD = std::exchange(Access::nanomsgWatchFD(m_sender), ready.get());
+    const int watchFD = std::exchange(m_sender.*Access::NanomsgWatchFD, ready.get());
     auto sent = std::async(std::launch::async, [this] { sendFrame(1, {1}); });
     EXPECT_EQ(sent.wait_for(testing::DefaultDeadline), std::future_status::ready);
     EXPECT_TRUE(
         log().contains(debugLog("Could not send data over nanomsg; connection might be gone")));
-    Access::nanomsgWatchFD(m_sender) = watchFD;
+    m_sender.*Access::NanomsgWatchFD = watchFD;
 }
 
 TEST_F(SenderTest, BlockedSendKeepsNoNewcomerWaiting)
 {
     startStream(NanomsgProtocol::Pipeline);
-    RawSidechannelClient client(getSocketName()); // without one nobody is told of a sequence
+    RawConnection client(getSocketName()); // without one nobody is told of a sequence
     ASSERT_TRUE(waitForClients(1));
     const std::vector<std::function<void()>> calls = {
         [this] { m_sender.startNewSequence(); }, [this] { sendFrame(1, {1}); }};
@@ -1012,7 +887,7 @@ TEST_F(SenderTest, BlockedSendKeepsNoNewcomerWaiting)
         auto blocked = std::async(std::launch::async, call);
         const ScopeGuard freeBlocked([this] { m_sender.disableSend(true); });
         ASSERT_TRUE(log().waitFor(traceLog(MatchesRegex(SendingData))));
-        RawSidechannelClient newcomer(getSocketName());
+        RawConnection newcomer(getSocketName());
         EXPECT_TRUE(newcomer.readMessage().has_value());
         EXPECT_EQ(newcomer.readMessage(), makeSequenceInfo(2));
         m_sender.disableSend(true);
@@ -1044,7 +919,7 @@ TEST_F(SenderTest, SignalsEndNeitherABlockedSendNorTheListener)
     const ScopeGuard freeOnFailure([this] { m_sender.disableSend(true); });
     const pthread_t producer = blockedThread.get_future().get();
     ASSERT_TRUE(log().waitFor(traceLog(MatchesRegex(SendingData))));
-    for (const pthread_t thread : {producer, Access::getListenerThread(m_sender)})
+    for (const pthread_t thread : {producer, (m_sender.*Access::ListenerThread).native_handle()})
     {
         numSignals = 0;
         ASSERT_TRUE(waitFor(
@@ -1056,12 +931,12 @@ TEST_F(SenderTest, SignalsEndNeitherABlockedSendNorTheListener)
     }
 
     EXPECT_EQ(blocked.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
-    RawNanomsgPull receiver;
-    ASSERT_TRUE(receiver.bind(Access::getNanomsgURI(m_sender)));
+    RawNanomsg receiver(NN_PULL);
+    ASSERT_TRUE(receiver.bind(m_sender.*Access::NanomsgURI));
     EXPECT_EQ(receiver.receive(), makeFrame(1, 1, {1}));
-    RawSidechannelClient client(getSocketName());
+    RawConnection client(getSocketName());
     EXPECT_TRUE(client.readMessage().has_value());
-    EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), 0U);
+    EXPECT_EQ(log().count(errorLog(_)), 0U);
     blocked.get();
     ::sigaction(SIGUSR1, &before, nullptr);
 }
@@ -1069,8 +944,8 @@ TEST_F(SenderTest, SignalsEndNeitherABlockedSendNorTheListener)
 TEST_F(SenderTest, ReceiverThatTakesNothingDisturbsNobody)
 {
     startStream();
-    RawNanomsgSub paused;
-    RawNanomsgSub receiver;
+    RawNanomsg paused(NN_SUB);
+    RawNanomsg receiver(NN_SUB);
     ASSERT_NO_FATAL_FAILURE(join(paused));
     ASSERT_NO_FATAL_FAILURE(join(receiver));
     const Buffer mediaData(100'000, 0x55);
@@ -1091,7 +966,7 @@ TEST_F(SenderTest, DescriptorsAreNotInherited)
             before.push_back(fd);
     }
     startStream();
-    RawSidechannelClient client(getSocketName());
+    RawConnection client(getSocketName());
     ASSERT_TRUE(client.readMessage().has_value());
     ASSERT_TRUE(waitForClients(1));
 
@@ -1107,28 +982,6 @@ TEST_F(SenderTest, DescriptorsAreNotInherited)
         ++numChecked;
     }
     EXPECT_GE(numChecked, 6U) << "two pipes, listener and connection";
-}
-
-TEST_F(SenderTest, SendingAllocatesNothing)
-{
-    // Writing messages would allocate.
-    log4cplus::Logger::getInstance("Vellox").setLogLevel(log4cplus::WARN_LOG_LEVEL);
-    startStream();
-    RawNanomsgSub receiver;
-    ASSERT_NO_FATAL_FAILURE(join(receiver));
-    const Buffer largest(7680, 1);
-    const Buffer usual(1920, 2);
-    const std::size_t countedBefore = testing::countAllocationsOfThread();
-    sendFrame(0, largest);
-    ASSERT_GT(testing::countAllocationsOfThread(), countedBefore)
-        << "the first frame grows the buffer";
-
-    const std::size_t allocationsBefore = testing::countAllocationsOfThread();
-    for (std::uint8_t i = 1; i < 200; ++i)
-        sendFrame(i, i % 2 == 0 ? largest : usual);
-    EXPECT_EQ(testing::countAllocationsOfThread(), allocationsBefore);
-    EXPECT_TRUE(receiver.receive().has_value());
-    log4cplus::Logger::getInstance("Vellox").setLogLevel(log4cplus::TRACE_LOG_LEVEL);
 }
 
 TEST_F(SenderTest, ThreadsMayMeet)
@@ -1157,10 +1010,10 @@ TEST_F(SenderTest, ThreadsMayMeet)
         });
 
     const Buffer initialInfo =
-        makeInitialInfo(Access::getNanomsgURI(m_sender), NanomsgProtocol::PubSub);
+        makeInitialInfo(m_sender.*Access::NanomsgURI, NanomsgProtocol::PubSub);
     for (int i = 0; i < 50; ++i)
     {
-        RawSidechannelClient client(getSocketName());
+        RawConnection client(getSocketName());
         EXPECT_EQ(client.readMessage(), initialInfo);
         const Buffer sequenceInfo = client.readMessage().value_or(Buffer());
         ASSERT_EQ(sequenceInfo.size(), 14U);
@@ -1170,29 +1023,7 @@ TEST_F(SenderTest, ThreadsMayMeet)
     producer.join();
     controller.join();
     EXPECT_TRUE(waitForClients(0));
-    EXPECT_EQ(log().count(log4cplus::ERROR_LOG_LEVEL), 0U);
-}
-
-TEST_F(SenderTest, MainChannelCanBeTriedAgain)
-{
-    Access::shutdownNanomsgMainChannel(m_sender);
-    EXPECT_TRUE(log().isExactly({}));
-
-    Access::setNanomsgProtocol(m_sender, NanomsgProtocol::PubSub);
-    Access::setNanomsgURI(m_sender, "ipc://" + std::string(200, 'x'));
-    EXPECT_FALSE(Access::setupNanomsgMainChannel(m_sender));
-    EXPECT_EQ(Access::nanomsgMainFD(m_sender), -1);
-    EXPECT_EQ(Access::getNanomsgEndpointID(m_sender), -1);
-    EXPECT_TRUE(log().isExactly(
-        {errorLog(MatchesRegex("Could not connect the nanomsg SP socket: .+ \\([0-9]+\\)"))}));
-
-    const std::string file = getTempDirectory() + "/file";
-    Access::setNanomsgURI(m_sender, "ipc://" + file);
-    EXPECT_TRUE(Access::setupNanomsgMainChannel(m_sender));
-    Access::shutdownNanomsgMainChannel(m_sender);
-    EXPECT_EQ(Access::nanomsgMainFD(m_sender), -1);
-    EXPECT_EQ(Access::getNanomsgEndpointID(m_sender), -1);
-    ::unlink(file.c_str());
+    EXPECT_EQ(log().count(errorLog(_)), 0U);
 }
 
 TEST_F(SenderDeathTest, FailedMainChannelLeavesTheListenerOpen)
@@ -1207,11 +1038,11 @@ TEST_F(SenderDeathTest, FailedMainChannelLeavesTheListenerOpen)
     EXPECT_TRUE(log().containsInOrder(
         {traceLog("Listener set up"), errorLog(StartsWith("Could not connect the nanomsg SP")),
          errorLog("Failed to set up the nanomsg main channel")}));
-    EXPECT_GE(Access::listenerSocketFD(sender), 0);
-    EXPECT_EQ(Access::nanomsgMainFD(sender), -1);
-    EXPECT_EQ(Access::getNanomsgEndpointID(sender), -1);
+    EXPECT_GE(sender.*Access::ListenerSocketFD, 0);
+    EXPECT_EQ(sender.*Access::NanomsgMainFD, -1);
+    EXPECT_EQ(sender.*Access::NanomsgEndpointID, -1);
     sender.shutdownSender();
-    EXPECT_GE(Access::listenerSocketFD(sender), 0);
+    EXPECT_GE(sender.*Access::ListenerSocketFD, 0);
     EXPECT_ASSERTION(initialize(sender, getSocketName()), "m_listenerSocketFD < 0");
     release(sender);
     fs::remove_all(directory);
@@ -1219,7 +1050,7 @@ TEST_F(SenderDeathTest, FailedMainChannelLeavesTheListenerOpen)
 
 TEST_F(SenderDeathTest, BrokenPreconditionsStopTheProcess)
 {
-    EXPECT_ASSERTION(Access::sendDataOverNanomsg(m_sender, Buffer(5)), "m_nanomsgMainFD >= 0");
+    EXPECT_ASSERTION((m_sender.*Access::SendOverNanomsg)(Buffer(5)), "m_nanomsgMainFD >= 0");
     for (const int protocol : {0, 3, 0x102})
     {
         EXPECT_ASSERTION(
@@ -1228,8 +1059,8 @@ TEST_F(SenderDeathTest, BrokenPreconditionsStopTheProcess)
     ASSERT_TRUE(initialize());
     EXPECT_ASSERTION(m_sender.startNewSequence(), "m_payloader != nullptr");
     EXPECT_ASSERTION(sendFrame(1, {1}), "m_payloader != nullptr");
-    EXPECT_ASSERTION(Access::setupListener(m_sender), "m_listenerSocketFD < 0");
-    EXPECT_ASSERTION(Access::setupNanomsgMainChannel(m_sender), "m_nanomsgMainFD < 0");
+    EXPECT_ASSERTION((m_sender.*Access::SetupListener)(), "m_listenerSocketFD < 0");
+    EXPECT_ASSERTION((m_sender.*Access::SetupNanomsgMainChannel)(), "m_nanomsgMainFD < 0");
 }
 
 } // namespace vlx

@@ -1,13 +1,14 @@
 #include "support/RawPeers.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <utility>
 
+#include <fcntl.h>
 #include <nanomsg/nn.h>
-#include <nanomsg/pipeline.h>
-#include <nanomsg/pubsub.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -20,8 +21,6 @@ namespace
 {
 
 using Clock = std::chrono::steady_clock;
-
-constexpr int Backlog = 32;
 
 /// @return the address and its length; the name's bytes without a terminating 0
 std::pair<sockaddr_un, socklen_t> makeAbstractAddress(const std::string& name)
@@ -43,32 +42,6 @@ bool isReadableBefore(int fd, Clock::time_point end)
 {
     pollfd entry{fd, POLLIN, 0};
     return ::poll(&entry, 1, getMillisecondsUntil(end)) > 0;
-}
-
-Descriptor connectTo(const std::string& name, std::chrono::milliseconds deadline)
-{
-    const auto [address, length] = makeAbstractAddress(name);
-    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
-    Descriptor descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const bool connected = waitFor(
-        [&descriptor, generic, size = length]
-        { return ::connect(descriptor.get(), generic, size) == 0; },
-        deadline);
-    if (!connected)
-        descriptor.close();
-    return descriptor;
-}
-
-Descriptor listenOn(const std::string& name)
-{
-    const auto [address, length] = makeAbstractAddress(name);
-    Descriptor descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (::bind(descriptor.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
-        ::listen(descriptor.get(), Backlog) != 0)
-    {
-        descriptor.close();
-    }
-    return descriptor;
 }
 
 } // namespace
@@ -104,6 +77,19 @@ Buffer makeSidechannelMessage(const Buffer& payload)
 }
 
 RawConnection::RawConnection(Descriptor descriptor) : m_descriptor(std::move(descriptor)) {}
+
+RawConnection::RawConnection(const std::string& name, std::chrono::milliseconds deadline)
+    : m_descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
+{
+    const auto [address, length] = makeAbstractAddress(name);
+    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+    const auto connect = [this, generic, size = length]
+    { return ::connect(getFD(), generic, size) == 0; };
+    if (waitFor(connect, deadline))
+        ::fcntl(getFD(), F_SETFL, 0); // only a full backlog must not block
+    else
+        close();
+}
 
 bool RawConnection::send(const Buffer& bytes, std::size_t sliceSize)
 {
@@ -167,14 +153,16 @@ void RawConnection::close()
     m_descriptor.close();
 }
 
-RawSidechannelClient::RawSidechannelClient(
-    const std::string& name,
-    std::chrono::milliseconds deadline)
-    : RawConnection(connectTo(name, deadline))
+RawSidechannelServer::RawSidechannelServer(const std::string& name, int backlog)
+    : m_listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
+    const auto [address, length] = makeAbstractAddress(name);
+    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+    if (::bind(m_listener.get(), generic, length) != 0 || ::listen(m_listener.get(), backlog) != 0)
+    {
+        m_listener.close();
+    }
 }
-
-RawSidechannelServer::RawSidechannelServer(const std::string& name) : m_listener(listenOn(name)) {}
 
 RawConnection RawSidechannelServer::accept(std::chrono::milliseconds deadline)
 {
@@ -188,7 +176,10 @@ void RawSidechannelServer::close()
     m_listener.close();
 }
 
-RawNanomsg::RawNanomsg(int protocol) : m_socket(::nn_socket(AF_SP, protocol)) {}
+RawNanomsg::RawNanomsg(int protocol) : m_socket(::nn_socket(AF_SP, protocol))
+{
+    ::nn_setsockopt(m_socket, NN_SUB, NN_SUB_SUBSCRIBE, "", 0); // fails for the others
+}
 
 RawNanomsg::~RawNanomsg()
 {
@@ -240,15 +231,41 @@ void RawNanomsg::close()
         ::nn_close(std::exchange(m_socket, -1));
 }
 
-RawNanomsgSub::RawNanomsgSub() : RawNanomsg(NN_SUB)
+LingeringConnection::LingeringConnection()
 {
-    ::nn_setsockopt(getSocket(), NN_SUB, NN_SUB_SUBSCRIBE, "", 0);
+    const Descriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ::listen(listener.get(), 1);
+    sockaddr_in address{};
+    socklen_t size = sizeof(address);
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    ::getsockname(listener.get(), generic, &size);
+    m_near = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(::connect(m_near.get(), generic, size), 0);
+    m_far = Descriptor(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+
+    const linger toTheEnd{1, 30};
+    ::setsockopt(m_near.get(), SOL_SOCKET, SO_LINGER, &toTheEnd, sizeof(toTheEnd));
+    const Buffer bytes(100'000);
+    while (::send(m_near.get(), bytes.data(), bytes.size(), MSG_DONTWAIT) > 0)
+    {
+    }
 }
 
-RawNanomsgPub::RawNanomsgPub() : RawNanomsg(NN_PUB) {}
-
-RawNanomsgPull::RawNanomsgPull() : RawNanomsg(NN_PULL) {}
-
-RawNanomsgPush::RawNanomsgPush() : RawNanomsg(NN_PUSH) {}
+void LingeringConnection::passOver(int socketFD)
+{
+    char byte = 0;
+    iovec data{&byte, 1};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+    msghdr message{};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    *CMSG_FIRSTHDR(&message) = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+    const int fd = m_near.get();
+    std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), &fd, sizeof(fd));
+    EXPECT_EQ(::sendmsg(socketFD, &message, 0), 1);
+    m_near.close();
+}
 
 } // namespace vlx::testing

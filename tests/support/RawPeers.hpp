@@ -5,6 +5,9 @@
 #include <optional>
 #include <string>
 
+#include <nanomsg/pipeline.h>
+#include <nanomsg/pubsub.h>
+
 #include <vlx/VlxTypes.hpp>
 
 #include "support/VlxTest.hpp"
@@ -44,6 +47,12 @@ class RawConnection
 public:
     explicit RawConnection(Descriptor descriptor);
 
+    /// Connects to an abstract name, as a receiver does; tries again until someone listens there or
+    /// the deadline has passed.
+    explicit RawConnection(
+        const std::string& name,
+        std::chrono::milliseconds deadline = DefaultDeadline);
+
     bool isOpen() const
     {
         return m_descriptor.get() >= 0;
@@ -78,23 +87,12 @@ private:
     Descriptor m_descriptor;
 };
 
-/// Plays a receiver's sidechannel.
-class RawSidechannelClient : public RawConnection
-{
-public:
-    /// Connects to an abstract name; tries again until someone listens there or the deadline has
-    /// passed.
-    explicit RawSidechannelClient(
-        const std::string& name,
-        std::chrono::milliseconds deadline = DefaultDeadline);
-};
-
 /// Plays a sender's sidechannel.
 class RawSidechannelServer
 {
 public:
     /// Listens on an abstract name.
-    explicit RawSidechannelServer(const std::string& name);
+    explicit RawSidechannelServer(const std::string& name, int backlog = 32);
 
     bool isListening() const
     {
@@ -114,6 +112,8 @@ private:
 class RawNanomsg
 {
 public:
+    /// @param protocol  NN_PUB, NN_SUB (of everything), NN_PUSH or NN_PULL
+    explicit RawNanomsg(int protocol);
     ~RawNanomsg();
 
     RawNanomsg(const RawNanomsg&) = delete;
@@ -138,36 +138,22 @@ public:
 
     void close();
 
-protected:
-    explicit RawNanomsg(int protocol);
-
 private:
     int m_socket;
 };
 
-/// Subscribes to everything.
-class RawNanomsgSub : public RawNanomsg
+/// A connection that takes as long to close as its other end takes nothing, half a minute at most.
+class LingeringConnection
 {
 public:
-    RawNanomsgSub();
-};
+    LingeringConnection();
 
-class RawNanomsgPub : public RawNanomsg
-{
-public:
-    RawNanomsgPub();
-};
+    /// Hands the near end to the other side of a Unix-domain socket, which owns it alone then.
+    void passOver(int socketFD);
 
-class RawNanomsgPull : public RawNanomsg
-{
-public:
-    RawNanomsgPull();
-};
-
-class RawNanomsgPush : public RawNanomsg
-{
-public:
-    RawNanomsgPush();
+private:
+    Descriptor m_near;
+    Descriptor m_far;
 };
 
 } // namespace vlx::testing

@@ -30,13 +30,17 @@ inline Buffer makeSequenceInfo(
     return packet;
 }
 
-/// @return a packet with four bytes of media data and a duration of 10
-inline Buffer makeFrame(std::uint16_t sequenceNr, std::uint8_t timestamp)
+/// @return a packet with a duration of 10
+inline Buffer makeFrame(
+    std::uint16_t sequenceNr,
+    std::uint8_t timestamp,
+    const Buffer& mediaData = {0xD0, 0xD1, 0xD2, 0xD3})
 {
-    Buffer packet = fromHex("02 00 0000 0000000000000000 0A00000000000000 D0D1D2D3");
+    Buffer packet = fromHex("02 00 0000 0000000000000000 0A00000000000000");
     packet[2] = static_cast<std::uint8_t>(sequenceNr);
     packet[3] = static_cast<std::uint8_t>(sequenceNr >> 8);
     packet[4] = timestamp;
+    packet.insert(packet.end(), mediaData.begin(), mediaData.end());
     return packet;
 }
 
@@ -47,6 +51,22 @@ struct RawClockInfo
     std::uint16_t port = 0;
     std::uint8_t protocol = 2; ///< 1: network clock, 2: monotonic system clock
 };
+
+inline Buffer
+makeInitialInfo(const std::string& uri, NanomsgProtocol protocol, const RawClockInfo& clock = {})
+{
+    Buffer packet = fromHex("0100");
+    packet.insert(packet.end(), clock.address.begin(), clock.address.end());
+    const auto port = static_cast<std::uint8_t>(clock.port);
+    const auto highPort = static_cast<std::uint8_t>(clock.port >> 8);
+    const std::uint8_t channel = protocol == NanomsgProtocol::Pipeline ? 1
+                                 : protocol == NanomsgProtocol::PubSub ? 2
+                                                                       : 0;
+    packet.insert(packet.end(), {0, port, highPort, clock.protocol, channel});
+    packet.insert(packet.end(), uri.begin(), uri.end());
+    packet.push_back(0);
+    return packet;
+}
 
 /// A sender made of plain sockets, for one receiver at a time.
 class RawSender
@@ -70,10 +90,11 @@ public:
           m_clock(std::move(clock)),
           m_uri(std::move(uri)),
           m_listener(socketName),
-          m_sidechannel(Descriptor())
+          m_sidechannel(Descriptor()),
+          m_main(protocol == NanomsgProtocol::PubSub ? NN_PUB : NN_PUSH)
     {
         if (m_protocol == NanomsgProtocol::PubSub)
-            m_pub.bind(m_uri);
+            m_main.bind(m_uri);
     }
 
     ~RawSender()
@@ -89,14 +110,7 @@ public:
 
     Buffer getInitialInfo() const
     {
-        Buffer packet = fromHex("0100");
-        append(packet, m_clock.address + '\0');
-        packet.push_back(static_cast<std::uint8_t>(m_clock.port));
-        packet.push_back(static_cast<std::uint8_t>(m_clock.port >> 8));
-        packet.push_back(m_clock.protocol);
-        packet.push_back(m_protocol == NanomsgProtocol::Pipeline ? 1 : 2);
-        append(packet, m_uri + '\0');
-        return packet;
+        return makeInitialInfo(m_uri, m_protocol, m_clock);
     }
 
     /// Takes the next receiver and sends it the InitialInfo message.
@@ -112,9 +126,7 @@ public:
     {
         const bool hasToConnect =
             m_protocol == NanomsgProtocol::Pipeline && !std::exchange(m_isPushConnected, true);
-        if (hasToConnect && !m_push.connect(m_uri))
-            return false;
-        return getMain().waitForPeers();
+        return (!hasToConnect || m_main.connect(m_uri)) && m_main.waitForPeers();
     }
 
     /// Takes the next receiver, as far as the announcement of a sequence.
@@ -130,12 +142,7 @@ public:
 
     bool sendOverMainChannel(const Buffer& packet)
     {
-        return getMain().send(packet);
-    }
-
-    const std::string& getURI() const
-    {
-        return m_uri;
+        return m_main.send(packet);
     }
 
     RawSidechannelServer& getListener()
@@ -150,24 +157,16 @@ public:
 
     RawNanomsg& getMain()
     {
-        if (m_protocol == NanomsgProtocol::Pipeline)
-            return m_push;
-        return m_pub;
+        return m_main;
     }
 
 private:
-    static void append(Buffer& packet, const std::string& text)
-    {
-        packet.insert(packet.end(), text.begin(), text.end());
-    }
-
     const NanomsgProtocol m_protocol;
     const RawClockInfo m_clock;
     const std::string m_uri;
     RawSidechannelServer m_listener;
     RawConnection m_sidechannel;
-    RawNanomsgPub m_pub;
-    RawNanomsgPush m_push;
+    RawNanomsg m_main;
     bool m_isPushConnected = false; // from then on it connects again by itself
 };
 

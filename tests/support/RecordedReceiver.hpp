@@ -1,19 +1,17 @@
 #pragma once
 
-#include <algorithm>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include <audioUtils/PcmFormat.hpp>
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxReceiver.hpp>
+#include <vlxkit/PromptStop.hpp>
 
-#include "support/VlxTest.hpp"
+#include "support/Recorder.hpp"
 
 namespace vlx::testing
 {
@@ -21,7 +19,7 @@ namespace vlx::testing
 /// A receiver of PCM that writes down every callback as a line of text:
 ///   "connecting", "running", "idle", "failed", "sequence 48000 x2 S16LE", "ready no clock",
 ///   "frame 1000".
-class RecordedReceiver
+class RecordedReceiver : public Recorder
 {
 public:
     struct Frame
@@ -38,20 +36,21 @@ public:
         using Clock = Receiver::StreamClockType;
         m_receiver.addDepayloader(m_depayloader);
         m_receiver.setStateChangedCallback([this](Receiver::State state)
-                                           { record(toString(state)); });
-        m_receiver.setConnectionAttemptFailedCallback([this] { record("failed"); });
-        m_receiver.setNewSequenceCallback([this](Depayloader& depayloader)
-                                          { record("sequence " + describe(depayloader)); });
-        m_receiver.setReceiverIsReadyCallback([this](Depayloader&, Clock clock)
-                                              { record(std::string("ready ") + toString(clock)); });
+                                           { onCallback(toString(state)); });
+        m_receiver.setConnectionAttemptFailedCallback([this] { onCallback("failed"); });
+        m_receiver.setNewSequenceCallback([this](Depayloader&)
+                                          { onCallback("sequence " + describeFormat()); });
+        m_receiver.setReceiverIsReadyCallback(
+            [this](Depayloader&, Clock clock)
+            { onCallback(std::string("ready ") + toString(clock)); });
         m_receiver.setMediaDataCallback(
             [this](TimeValue timestamp, TimeValue duration, const Buffer& data)
             {
                 {
-                    const std::lock_guard<std::mutex> lock(m_mutex);
+                    const std::lock_guard<std::mutex> lock(m_framesMutex);
                     m_frames.push_back({timestamp, duration, data});
                 }
-                record("frame " + std::to_string(timestamp));
+                onCallback("frame " + std::to_string(timestamp));
             });
     }
 
@@ -70,7 +69,7 @@ public:
 
     void stop()
     {
-        shutdownPromptly(m_receiver);
+        kit::stopPromptly(m_receiver);
     }
 
     /// Has an action run in each callback, on the thread that makes it. Before start().
@@ -84,64 +83,28 @@ public:
         return m_receiver;
     }
 
-    std::vector<std::string> getEvents() const
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_events;
-    }
-
     std::vector<Frame> getFrames() const
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const std::lock_guard<std::mutex> lock(m_framesMutex);
         return m_frames;
     }
 
-    void forgetEvents()
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_events.clear();
-        m_frames.clear();
-    }
-
-    /// @return how many events begin so
-    std::size_t count(const std::string& beginning) const
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return static_cast<std::size_t>(std::count_if(
-            m_events.begin(), m_events.end(),
-            [&beginning](const std::string& event) { return event.starts_with(beginning); }));
-    }
-
-    /// @return failure if so many events that begin so did not come before the deadline
-    ::testing::AssertionResult
-    waitForEvent(const std::string& beginning, std::size_t times = 1) const
-    {
-        if (waitFor([&] { return count(beginning) >= times; }))
-            return ::testing::AssertionSuccess();
-        return ::testing::AssertionFailure() << "not " << times << " times \"" << beginning
-                                             << "\" in " << ::testing::PrintToString(getEvents());
-    }
-
 private:
-    static std::string describe(const Depayloader& depayloader)
+    std::string describeFormat() const
     {
-        const auto& pcm = dynamic_cast<const PcmDepayloader&>(depayloader);
-        return std::to_string(pcm.getSampleRate()) + " x" + std::to_string(pcm.getNumChannels()) +
-               " " + std::string(audioUtils::toString(pcm.getSampleFormat()));
+        return std::to_string(m_depayloader.getSampleRate()) + " x" +
+               std::to_string(m_depayloader.getNumChannels()) + " " +
+               std::string(audioUtils::toString(m_depayloader.getSampleFormat()));
     }
 
-    void record(const std::string& event)
+    void onCallback(const std::string& event)
     {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_events.push_back(event);
-        }
+        record(event);
         if (m_action)
             m_action(event);
     }
 
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_events;
+    mutable std::mutex m_framesMutex;
     std::vector<Frame> m_frames;
     std::function<void(const std::string&)> m_action;
     PcmDepayloader m_depayloader;

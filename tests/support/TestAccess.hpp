@@ -1,8 +1,6 @@
 #pragma once
 
-#include <array>
-#include <cstddef>
-#include <string>
+#include <mutex>
 #include <vector>
 
 #include <poll.h>
@@ -13,69 +11,36 @@
 namespace vlx
 {
 
-/// Reaches the private state of a sender. Guarded members are read and written under the sender's
-/// own lock; everything else only where the test knows that no other thread uses it.
+/// Names the private members of a sender that tests reach: `sender.*SenderTestAccess::NanomsgURI`,
+/// `(sender.*SenderTestAccess::SetupListener)()`. What its listener thread changes stands under the
+/// sender's main lock; everything else is for tests that know that no other thread uses it.
 class SenderTestAccess
 {
 public:
+    static constexpr auto ListenerThread = &Sender::m_listenerThread;
+    static constexpr auto ListenerThreadRunning = &Sender::m_listenerThreadRunning;
+    static constexpr auto Initialized = &Sender::m_initialized;
+    static constexpr auto SendDisabled = &Sender::m_sendDisabled;
+    static constexpr auto SequenceNr = &Sender::m_sequenceNr;
+    static constexpr auto SequenceInfoPacket = &Sender::m_sequenceInfoPacket;
+    static constexpr auto NanomsgURI = &Sender::m_nanomsgURI;
+    static constexpr auto NanomsgEndpointID = &Sender::m_nanomsgEndpointID;
+    static constexpr auto NanomsgMainFD = &Sender::m_nanomsgMainFD;
+    static constexpr auto NanomsgWatchFD = &Sender::m_nanomsgWatchFD;
+    static constexpr auto NanomsgWakeupPipe = &Sender::m_nanomsgWakeupPipe;
+    static constexpr auto ListenerSocketFD = &Sender::m_listenerSocketFD;
+    static constexpr auto ListenerWakeupPipe = &Sender::m_listenerWakeupPipe;
+
+    static constexpr auto SetupListener = &Sender::setupListener;
+    static constexpr auto ShutdownListener = &Sender::shutdownListener;
+    static constexpr auto SetupNanomsgMainChannel = &Sender::setupNanomsgMainChannel;
+    static constexpr auto SendToAllClients = &Sender::sendDataOverAllClientConnections;
+    static constexpr auto SendOverNanomsg = &Sender::sendDataOverNanomsg;
+
     /// Holds the sender's main lock, and so its listener thread at the next step that needs it.
     static std::unique_lock<std::mutex> lock(Sender& sender)
     {
         return std::unique_lock<std::mutex>(sender.m_mutex);
-    }
-
-    static std::thread::native_handle_type getListenerThread(Sender& sender)
-    {
-        return sender.m_listenerThread.native_handle();
-    }
-
-    static bool isInitialized(Sender& sender)
-    {
-        const std::lock_guard<std::mutex> lock(sender.m_mutex);
-        return sender.m_initialized;
-    }
-
-    static bool isListenerThreadRunning(Sender& sender)
-    {
-        return sender.m_listenerThreadRunning;
-    }
-
-    static bool isSendDisabled(Sender& sender)
-    {
-        return sender.m_sendDisabled;
-    }
-
-    static const std::string& getNanomsgURI(Sender& sender)
-    {
-        return sender.m_nanomsgURI;
-    }
-
-    static void setNanomsgURI(Sender& sender, std::string uri)
-    {
-        sender.m_nanomsgURI = std::move(uri);
-    }
-
-    static void setNanomsgProtocol(Sender& sender, NanomsgProtocol protocol)
-    {
-        sender.m_nanomsgProtocol = protocol;
-    }
-
-    static std::uint16_t getSequenceNr(Sender& sender)
-    {
-        const std::lock_guard<std::mutex> lock(sender.m_mutex);
-        return sender.m_sequenceNr;
-    }
-
-    static void setSequenceNr(Sender& sender, std::uint16_t sequenceNr)
-    {
-        const std::lock_guard<std::mutex> lock(sender.m_mutex);
-        sender.m_sequenceNr = sequenceNr;
-    }
-
-    static Buffer getSequenceInfoPacket(Sender& sender)
-    {
-        const std::lock_guard<std::mutex> lock(sender.m_mutex);
-        return sender.m_sequenceInfoPacket;
     }
 
     /// @return the descriptors of the poll set; what poll found belongs to the listener thread
@@ -83,86 +48,13 @@ public:
     {
         const std::lock_guard<std::mutex> lock(sender.m_mutex);
         std::vector<int> fds;
-        for (const pollfd& entry : *sender.m_pollFDs)
+        for (const auto& entry : *sender.m_pollFDs)
             fds.push_back(entry.fd);
         return fds;
     }
-
-    static int& listenerSocketFD(Sender& sender)
-    {
-        return sender.m_listenerSocketFD;
-    }
-
-    static int& nanomsgMainFD(Sender& sender)
-    {
-        return sender.m_nanomsgMainFD;
-    }
-
-    static int& nanomsgWatchFD(Sender& sender)
-    {
-        return sender.m_nanomsgWatchFD;
-    }
-
-    static int getNanomsgEndpointID(Sender& sender)
-    {
-        return sender.m_nanomsgEndpointID;
-    }
-
-    using Pipe = int[2];
-
-    static Pipe& listenerWakeupPipe(Sender& sender)
-    {
-        return sender.m_listenerWakeupPipe;
-    }
-
-    static Pipe& nanomsgWakeupPipe(Sender& sender)
-    {
-        return sender.m_nanomsgWakeupPipe;
-    }
-
-    static bool setupListener(Sender& sender)
-    {
-        const std::lock_guard<std::mutex> lock(sender.m_mutex);
-        return sender.setupListener();
-    }
-
-    static void shutdownListener(Sender& sender)
-    {
-        const std::lock_guard<std::mutex> lock(sender.m_mutex);
-        sender.shutdownListener();
-    }
-
-    static bool setupNanomsgMainChannel(Sender& sender)
-    {
-        const std::lock_guard<std::mutex> lock(sender.m_mutex);
-        return sender.setupNanomsgMainChannel();
-    }
-
-    static void shutdownNanomsgMainChannel(Sender& sender)
-    {
-        const std::lock_guard<std::mutex> lock(sender.m_mutex);
-        sender.shutdownNanomsgMainChannel();
-    }
-
-    static bool areThereClientConnections(Sender& sender)
-    {
-        const std::lock_guard<std::mutex> lock(sender.m_mutex);
-        return sender.areThereClientConnections();
-    }
-
-    static void sendDataOverAllClientConnections(Sender& sender, const ByteView& data)
-    {
-        const std::lock_guard<std::mutex> lock(sender.m_mutex);
-        sender.sendDataOverAllClientConnections(data);
-    }
-
-    static void sendDataOverNanomsg(Sender& sender, const ByteView& data)
-    {
-        sender.sendDataOverNanomsg(data);
-    }
 };
 
-/// Reaches the private state of a receiver, which belongs to its worker thread: for receivers whose
+/// The same for a receiver, whose private state belongs to its worker thread: for receivers whose
 /// threads do not run, and for calls from inside a callback.
 class ReceiverTestAccess
 {
@@ -170,112 +62,28 @@ public:
     using ConnectingState = Receiver::ConnectingState;
     using ConnectionRetval = Receiver::ConnectionRetval;
 
-    static std::uint16_t& currentSequenceNr(Receiver& receiver)
-    {
-        return receiver.m_currentSequenceNr;
-    }
+    static constexpr auto State = &Receiver::m_state;
+    static constexpr auto ConnectingStateNow = &Receiver::m_connectingState;
+    static constexpr auto CurrentSequenceNr = &Receiver::m_currentSequenceNr;
+    static constexpr auto InitialInfoPacket = &Receiver::m_initialInfo;
+    static constexpr auto SenderAppeared = &Receiver::m_senderAppeared;
+    static constexpr auto KeepRunning = &Receiver::m_keepRunning;
+    static constexpr auto LoopWakeupPipe = &Receiver::m_loopWakeupPipe;
+    static constexpr auto InotifyFD = &Receiver::m_inotifyFD;
+    static constexpr auto NanomsgMainFD = &Receiver::m_nanomsgMainFD;
+    static constexpr auto NanomsgWatchFD = &Receiver::m_nanomsgWatchFD;
+    static constexpr auto SidechannelSocketFD = &Receiver::m_sideChannelSocketFD;
+    static constexpr auto SidechannelBuffer = &Receiver::m_sidechannelBuffer;
 
-    static bool shouldPacketBeKept(Receiver& receiver, const ByteView& packet)
-    {
-        return receiver.shouldPacketBeKept(packet);
-    }
-
-    static void setState(Receiver& receiver, Receiver::State state)
-    {
-        receiver.m_state = state;
-    }
-
-    static ConnectingState& connectingState(Receiver& receiver)
-    {
-        return receiver.m_connectingState;
-    }
-
-    static InitialInfo& initialInfo(Receiver& receiver)
-    {
-        return receiver.m_initialInfo;
-    }
-
-    static bool senderAppeared(Receiver& receiver)
-    {
-        return receiver.m_senderAppeared;
-    }
-
-    static int& sideChannelSocketFD(Receiver& receiver)
-    {
-        return receiver.m_sideChannelSocketFD;
-    }
-
-    static int& nanomsgMainFD(Receiver& receiver)
-    {
-        return receiver.m_nanomsgMainFD;
-    }
-
-    static int getNanomsgWatchFD(Receiver& receiver)
-    {
-        return receiver.m_nanomsgWatchFD;
-    }
-
-    using Pipe = int[2];
-
-    static Pipe& loopWakeupPipe(Receiver& receiver)
-    {
-        return receiver.m_loopWakeupPipe;
-    }
-
-    static int getInotifyFD(Receiver& receiver)
-    {
-        return receiver.m_inotifyFD;
-    }
-
-    static std::atomic<bool>& keepRunning(Receiver& receiver)
-    {
-        return receiver.m_keepRunning;
-    }
-
-    static bool listenForInput(Receiver& receiver)
-    {
-        return receiver.listenForInput();
-    }
-
-    static void resetConnectionStates(Receiver& receiver)
-    {
-        receiver.resetConnectionStates();
-    }
-
-    static void reportReceiverIsReady(Receiver& receiver)
-    {
-        receiver.reportReceiverIsReady();
-    }
-
-    static void onClockSyncStateChange(Receiver& receiver)
-    {
-        receiver.onClockSyncStateChange();
-    }
-
-    static ConnectionRetval connectNanomsgMainChannel(Receiver& receiver)
-    {
-        return receiver.connectNanomsgMainChannel();
-    }
-
-    static void disconnectNanomsgMainChannel(Receiver& receiver)
-    {
-        receiver.disconnectNanomsgMainChannel();
-    }
-
-    static void disconnectSidechannel(Receiver& receiver)
-    {
-        receiver.disconnectSidechannel();
-    }
-
-    static int readSidechannelMessage(Receiver& receiver)
-    {
-        return receiver.readSidechannelMessage();
-    }
-
-    static const Buffer& sidechannelBuffer(Receiver& receiver)
-    {
-        return receiver.m_sidechannelBuffer;
-    }
+    static constexpr auto ShouldPacketBeKept = &Receiver::shouldPacketBeKept;
+    static constexpr auto ListenForInput = &Receiver::listenForInput;
+    static constexpr auto ResetConnectionStates = &Receiver::resetConnectionStates;
+    static constexpr auto ReportReceiverIsReady = &Receiver::reportReceiverIsReady;
+    static constexpr auto OnClockSyncStateChange = &Receiver::onClockSyncStateChange;
+    static constexpr auto ConnectNanomsgMainChannel = &Receiver::connectNanomsgMainChannel;
+    static constexpr auto DisconnectNanomsgMainChannel = &Receiver::disconnectNanomsgMainChannel;
+    static constexpr auto DisconnectSidechannel = &Receiver::disconnectSidechannel;
+    static constexpr auto ReadSidechannelMessage = &Receiver::readSidechannelMessage;
 };
 
 } // namespace vlx

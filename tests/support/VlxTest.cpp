@@ -10,8 +10,6 @@
 
 #include <unistd.h>
 
-#include <vlxkit/PromptStop.hpp>
-
 namespace fs = std::filesystem;
 
 void vlx::PrintTo(NanomsgProtocol protocol, std::ostream* stream)
@@ -99,11 +97,6 @@ Buffer fromHex(const std::string& digits)
             bytes.push_back(static_cast<std::uint8_t>(std::stoul(group.substr(i, 2), nullptr, 16)));
     }
     return bytes;
-}
-
-void shutdownPromptly(Receiver& receiver)
-{
-    kit::stopPromptly(receiver);
 }
 
 VlxTest::VlxTest()

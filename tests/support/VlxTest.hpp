@@ -20,8 +20,6 @@
 namespace vlx
 {
 
-class Receiver;
-
 /// Lets the test framework show a protocol by its name.
 void PrintTo(NanomsgProtocol protocol, std::ostream* stream);
 
@@ -52,9 +50,6 @@ Buffer fromHex(const std::string& digits);
     EXPECT_EXIT(                                                                                   \
         statement, ::testing::KilledBySignal(SIGABRT),                                             \
         ::testing::HasSubstr("Assertion `" expression "' failed"))
-
-/// Calls shutdownReceiver() without the wait for the monitor.
-void shutdownPromptly(Receiver& receiver);
 
 /// Base of all tests that open anything: a short private directory in "TMPDIR", a socket name that
 /// no other test has, and at the end the check that no descriptor, thread or file has been left.

@@ -1,0 +1,90 @@
+#include "support/ChildProcess.hpp"
+
+#include <csignal>
+#include <filesystem>
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace vlx::testing
+{
+
+ChildProcess::ChildProcess(std::vector<std::string> arguments)
+{
+    int input[2] = {-1, -1};
+    int output[2] = {-1, -1};
+    EXPECT_TRUE(::pipe2(input, O_CLOEXEC) == 0 && ::pipe2(output, O_CLOEXEC) == 0);
+    std::vector<char*> argv;
+    for (std::string& argument : arguments)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    m_pid = ::fork();
+    if (m_pid == 0)
+    {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL); // nothing runs on when a test is aborted
+        ::dup2(input[0], STDIN_FILENO);
+        ::dup2(output[1], STDOUT_FILENO);
+        ::execv(argv[0], argv.data());
+        ::_exit(127);
+    }
+    ::close(input[0]);
+    ::close(output[1]);
+    m_input = Descriptor(input[1]);
+    m_output = Descriptor(output[0]);
+}
+
+ChildProcess::~ChildProcess()
+{
+    kill();
+}
+
+std::string ChildProcess::readLine()
+{
+    std::string line;
+    for (char c = 0; ::read(m_output.get(), &c, 1) == 1 && c != '\n';)
+        line += c;
+    return line;
+}
+
+void ChildProcess::signal(int number) const
+{
+    if (m_pid > 0)
+        ::kill(m_pid, number);
+}
+
+void ChildProcess::kill()
+{
+    signal(SIGKILL);
+    reap();
+}
+
+void ChildProcess::finish()
+{
+    m_input.close();
+    reap();
+}
+
+void ChildProcess::reap()
+{
+    if (m_pid > 0)
+        ::waitpid(std::exchange(m_pid, -1), nullptr, 0);
+}
+
+SenderProcess::SenderProcess(const std::string& name, NanomsgProtocol protocol)
+    : ChildProcess({VLX_SENDER_PROCESS, name, toString(protocol)}), m_socketFile(readLine())
+{
+}
+
+SenderProcess::~SenderProcess()
+{
+    finish();
+}
+
+std::string SenderProcess::getDirectory() const
+{
+    return std::filesystem::path(m_socketFile).parent_path();
+}
+
+} // namespace vlx::testing
