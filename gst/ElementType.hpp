@@ -17,6 +17,7 @@ void addUriHandler(GType type);
 /// constructed from a Parent*, derives from WithSettings, and has
 ///   static void initClass(gpointer elementClass): everything but the properties' plumbing
 ///   GstStructure* makeStatistics() const
+///   ProvidedClock& getProvidedClock()
 template <typename Impl, typename Parent>
 class ElementType
 {
@@ -76,6 +77,8 @@ private:
             delete &of(object);
             G_OBJECT_CLASS(s_parentClass)->finalize(object);
         };
+        GST_ELEMENT_CLASS(type)->provide_clock = [](GstElement* element)
+        { return of(element).getProvidedClock().get().release(); };
         Impl::initClass(type);
     }
 

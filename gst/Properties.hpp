@@ -25,9 +25,14 @@ template <typename Settings>
 class Properties
 {
 public:
-    void setClass(gpointer objectClass)
+    /// Begins the table of a class with what every element has.
+    void begin(gpointer objectClass)
     {
         m_class = G_OBJECT_CLASS(objectClass);
+        addText("socket-name", &Settings::name, "Name of the stream, 1 to 107 bytes");
+        addNumber(
+            "realtime-priority", &Settings::realtimePriority, 99,
+            "Round-robin priority of the stream's threads where permitted; 0: none");
     }
 
     /// Empty unless set.

@@ -569,8 +569,7 @@ GType getClockType()
 void installProperties(gpointer elementClass)
 {
     auto& properties = Sink::getProperties();
-    properties.setClass(elementClass);
-    properties.addText("socket-name", &Settings::name, "Name of the stream, 1 to 107 bytes");
+    properties.begin(elementClass);
     properties.addText(
         "alternative-socket-name", &Settings::alternativeName,
         "Name to take if another sender holds the first; empty: none, and opening fails");
@@ -579,9 +578,6 @@ void installProperties(gpointer elementClass)
     properties.addChoice(
         "socket-mode", &Settings::socketMode, getSocketModeType(),
         "Whose receivers may join; they could also end this process");
-    properties.addNumber(
-        "realtime-priority", &Settings::realtimePriority, 99,
-        "Round-robin priority of the stream's threads where permitted; 0: none");
     properties.addChoice(
         "clock", &Settings::clock, getClockType(),
         "Clock that is announced and that the timestamps stand on");
@@ -626,8 +622,6 @@ void Sink::initClass(gpointer elementClass)
     installProperties(elementClass);
 
     GST_ELEMENT_CLASS(elementClass)->change_state = changeState;
-    GST_ELEMENT_CLASS(elementClass)->provide_clock = [](GstElement* self)
-    { return Type::of(self).getProvidedClock().get().release(); };
     auto* const sinkClass = GST_BASE_SINK_CLASS(elementClass);
     sinkClass->start = [](GstBaseSink* self) -> gboolean { return Type::of(self).start(); };
     sinkClass->stop = [](GstBaseSink* self) -> gboolean { return Type::of(self).stop(); };

@@ -561,17 +561,13 @@ using Type = ElementType<Src, GstPushSrc>;
 void installProperties(gpointer elementClass)
 {
     auto& properties = Src::getProperties();
-    properties.setClass(elementClass);
-    properties.addText("socket-name", &Settings::name, "Name of the stream, 1 to 107 bytes");
+    properties.begin(elementClass);
     properties.addTime(
         "timeout", &Settings::timeoutNs, Mutability::Stopped,
         "Post an error after so long without a sender, in nanoseconds; 0: wait for ever");
     properties.addFlag(
         "eos-on-disconnect", &Settings::eosOnDisconnect, Mutability::AnyTime,
         "End the stream when the sender goes, instead of waiting for the next");
-    properties.addNumber(
-        "realtime-priority", &Settings::realtimePriority, 99,
-        "Round-robin priority of the receiving threads where permitted; 0: none");
     properties.addTime(
         "max-queue-time", &Settings::maxQueueTimeNs, Mutability::AnyTime,
         "Audio that is kept for a busy pipeline, in nanoseconds; beyond it the oldest is dropped "
@@ -628,8 +624,6 @@ void Src::initClass(gpointer elementClass)
     installProperties(elementClass);
 
     GST_ELEMENT_CLASS(elementClass)->change_state = changeState;
-    GST_ELEMENT_CLASS(elementClass)->provide_clock = [](GstElement* self)
-    { return Type::of(self).getProvidedClock().get().release(); };
     auto* const srcClass = GST_BASE_SRC_CLASS(elementClass);
     srcClass->start = [](GstBaseSrc* self) -> gboolean { return Type::of(self).start(); };
     srcClass->stop = [](GstBaseSrc* self) -> gboolean { return Type::of(self).stop(); };
