@@ -1,42 +1,66 @@
 /// One end of a stream under stress, a producer or a consumer as programs have them: built on the
 /// kit, watched from outside. What it counts it writes into a board, memory that it shares with the
-/// process that started it, so that nothing is lost when it is killed.
+/// process that started it, so that nothing is lost when it is killed. Its plan is its argument, a
+/// JSON object.
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <system_error>
+#include <thread>
 
-#include <CLI/CLI.hpp>
-#include <fcntl.h>
 #include <grp.h>
 #include <log4cplus/appender.h>
-#include <log4cplus/consoleappender.h>
-#include <log4cplus/initializer.h>
 #include <log4cplus/logger.h>
 #include <log4cplus/spi/loggingevent.h>
+#include <nlohmann/json.hpp>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/Consumer.hpp>
+#include <vlxkit/Logging.hpp>
 #include <vlxkit/Producer.hpp>
 
 namespace vlx::stress
 {
 
+/// What an end is to do, under the names that fleet.py gives.
+struct Plan
+{
+    std::string role; // "produce" or "consume"
+    std::string name;
+    int board = -1;       // descriptor
+    unsigned kill = 0;    // dies by SIGKILL when the library logs its n-th line
+    int descriptors = -1; // how many free ones there are; -1: no limit
+    int threads = -1;     // RLIMIT_NPROC; -1: no limit
+    bool pipeline = false;
+    bool shared = false;          // other users may join
+    std::uint64_t frames = 0;     // ends after so many; 0: no end
+    std::uint64_t resequence = 0; // period of new sequences, milliseconds
+    std::size_t receivers = 0;    // that the first frame waits for, and for "go"
+    std::uint16_t port = 0;       // of the network clock
+    std::uint64_t rejoin = 0;     // period, milliseconds
+};
+
+// One name in a line would be a page.
+// clang-format off
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(
+    Plan, role, name, board, kill, descriptors, threads, pipeline, shared, frames, resequence,
+    receivers, port, rejoin)
+// clang-format on
+
 namespace
 {
 
 constexpr TimeValue NsPerMs = 1'000'000;
-constexpr TimeValue NsPerSecond = 1'000'000'000;
 constexpr TimeValue FramePeriodNs = 10 * NsPerMs;
 constexpr std::size_t FrameBytes = 1920;
 constexpr TimeValue TurnNs = 20 * NsPerMs;
@@ -58,6 +82,7 @@ struct Board
     using Number = std::atomic<std::uint64_t>;
 
     Number go;          // written from outside: the first frame may leave
+    Number stop;        // written from outside
     Number ready;       // Producer: open. Consumer: has a format
     Number frames;      // sent or received
     Number lost;        // missing between two frames of a connection
@@ -84,24 +109,6 @@ struct Board
     }
 };
 
-struct Options
-{
-    std::string name;
-    int boardFD = -1;
-    unsigned killAtLine = 0; // dies by SIGKILL when the library logs its n-th line
-    int freeDescriptors = -1;
-    int maxThreads = -1;
-    bool setUpOnly = false; // Producer: ends when it is open. Consumer: after its first frames
-    bool isPipeline = false;
-    bool isOpenToAll = false;
-    std::uint64_t numFrames = 0; // 0: no end
-    std::uint64_t sequenceEveryMs = 0;
-    std::size_t waitReceivers = 0; // and for "go"
-    std::uint16_t clockPort = 0;
-    std::uint64_t rejoinEveryMs = 0;
-    bool isUntagged = false; // another program's frames
-};
-
 /// What each frame begins with.
 struct FrameTag
 {
@@ -109,97 +116,66 @@ struct FrameTag
     std::uint64_t index = 0;
 };
 
-/// Counts the log lines, and dies at the one that is asked for: a way to be killed at each step of
-/// a set-up.
-class WatchingAppender : public log4cplus::Appender
+/// Counts the log lines, and dies at the one that is asked for: a way to be killed at each step of a
+/// set-up. Shows them only if the environment says so.
+void watchLog(Board& board, unsigned killAtLine)
 {
-public:
-    WatchingAppender(Board& board, unsigned killAtLine) : m_board(board), m_killAtLine(killAtLine)
+    const bool isShown = std::getenv("VLX_STRESS_LOG") != nullptr;
+    const auto watch =
+        [&board, killAtLine, isShown](const log4cplus::spi::InternalLoggingEvent& event)
     {
-    }
-
-    ~WatchingAppender() override
-    {
-        destructorImpl();
-    }
-
-    void close() override {}
-
-protected:
-    void append(const log4cplus::spi::InternalLoggingEvent& event) override
-    {
-        if (event.getLogLevel() >= log4cplus::ERROR_LOG_LEVEL)
-            ++m_board.errorLines;
-        if (++m_board.logLines == m_killAtLine)
+        board.errorLines += event.getLogLevel() >= log4cplus::ERROR_LOG_LEVEL ? 1 : 0;
+        if (++board.logLines == killAtLine)
             ::raise(SIGKILL);
-    }
-
-private:
-    Board& m_board;
-    const unsigned m_killAtLine;
-};
-
-void configureLogging(Board& board, unsigned killAtLine)
-{
+        return isShown ? log4cplus::spi::NEUTRAL : log4cplus::spi::DENY;
+    };
     auto root = log4cplus::Logger::getRoot();
-    root.addAppender(log4cplus::SharedAppenderPtr(new WatchingAppender(board, killAtLine)));
-    root.setLogLevel(killAtLine != 0 ? log4cplus::TRACE_LOG_LEVEL : log4cplus::ERROR_LOG_LEVEL);
-    if (std::getenv("VLX_STRESS_LOG") == nullptr)
-        return;
-    root.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::ConsoleAppender(true, true)));
-    root.setLogLevel(log4cplus::DEBUG_LOG_LEVEL);
+    root.getAllAppenders().front()->addFilter(watch);
+    if (killAtLine != 0)
+        root.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
+    else if (isShown)
+        root.setLogLevel(log4cplus::DEBUG_LOG_LEVEL);
+}
+
+bool limit(decltype(RLIMIT_NOFILE) resource, int value)
+{
+    const rlimit limits = {static_cast<rlim_t>(value), static_cast<rlim_t>(value)};
+    return ::setrlimit(resource, &limits) == 0;
 }
 
 /// Descriptors: leaves so many free ones. Threads: becomes another user first, since the limit does
 /// not hold for root; one with no other processes, since they would count.
-bool applyLimits(const Options& options)
+bool applyLimits(const Plan& plan)
 {
-    if (options.freeDescriptors >= 0)
-    {
-        const int lowestFree = ::open("/dev/null", O_RDONLY);
-        ::close(lowestFree);
-        const auto limit =
-            static_cast<rlim_t>(lowestFree) + static_cast<rlim_t>(options.freeDescriptors);
-        const rlimit limits = {limit, limit};
-        return ::setrlimit(RLIMIT_NOFILE, &limits) == 0;
-    }
-    if (options.maxThreads < 0)
-        return true;
+    const int lowestFree = ::dup(STDIN_FILENO);
+    ::close(lowestFree);
+    if (plan.descriptors >= 0)
+        return limit(RLIMIT_NOFILE, lowestFree + plan.descriptors);
     const uid_t id = FirstUnusedID + static_cast<uid_t>(::getpid());
-    if (::setgroups(0, nullptr) < 0 || ::setgid(id) < 0 || ::setuid(id) < 0)
-        return false;
-    const auto limit = static_cast<rlim_t>(options.maxThreads);
-    const rlimit limits = {limit, limit};
-    return ::setrlimit(RLIMIT_NPROC, &limits) == 0;
+    return plan.threads < 0 || (::setgroups(0, nullptr) == 0 && ::setgid(id) == 0 &&
+                                ::setuid(id) == 0 && limit(RLIMIT_NPROC, plan.threads));
 }
 
-/// Lets time pass, or takes the signal that asks for the end.
-///
 /// @return whether to go on
-bool letPass(TimeValue nanoseconds)
+bool letPass(const Board& board, TimeValue nanoseconds)
 {
-    sigset_t signals;
-    ::sigemptyset(&signals);
-    ::sigaddset(&signals, SIGTERM);
-    const timespec duration = {
-        static_cast<time_t>(nanoseconds / NsPerSecond),
-        static_cast<long>(nanoseconds % NsPerSecond)};
-    return ::sigtimedwait(&signals, nullptr, &duration) != SIGTERM;
+    std::this_thread::sleep_for(std::chrono::nanoseconds(nanoseconds));
+    return board.stop == 0;
 }
 
-int produce(Board& board, const Options& options)
+int produce(Board& board, const Plan& plan)
 {
     kit::ProducerOptions wanted;
-    wanted.name = options.name;
-    if (options.isPipeline)
+    wanted.name = plan.name;
+    if (plan.pipeline)
         wanted.protocol = NanomsgProtocol::Pipeline;
-    if (options.isOpenToAll)
+    if (plan.shared)
         wanted.socketMode = kit::SocketMode::All;
-    if (options.clockPort != 0)
+    if (plan.port != 0)
     {
         wanted.clock = TimeSyncProtocol::GstNetClock;
         wanted.clockAddress = "127.0.0.1";
-        wanted.clockPort = options.clockPort;
+        wanted.clockPort = plan.port;
     }
     PcmPayloader payloader;
     payloader.setNewFormat(48'000, 2, audioUtils::PcmFormat::S16LE);
@@ -207,18 +183,17 @@ int produce(Board& board, const Options& options)
     if (!producer.open(payloader))
         return ExitRefused;
     board.ready = 1;
-    while (!options.setUpOnly && options.waitReceivers != 0 &&
-           (board.go == 0 || producer.checkReceivers() < options.waitReceivers))
-        if (!letPass(TurnNs))
+    while (plan.receivers != 0 && (board.go == 0 || producer.checkReceivers() < plan.receivers))
+        if (!letPass(board, TurnNs))
             return ExitDone;
 
     Buffer frame(FrameBytes);
     FrameTag tag = {static_cast<std::uint64_t>(::getpid()), 0};
-    const TimeValue sequenceNs = options.sequenceEveryMs * NsPerMs;
+    const TimeValue sequenceNs = plan.resequence * NsPerMs;
     TimeValue due = miscUtils::getMonotonicSysclockTime();
     TimeValue sequenceDue = due + sequenceNs;
     board.incarnation = tag.incarnation;
-    while (!options.setUpOnly)
+    while (true)
     {
         const TimeValue before = miscUtils::getMonotonicSysclockTime();
         if (sequenceNs != 0 && before >= sequenceDue)
@@ -233,17 +208,15 @@ int produce(Board& board, const Options& options)
         board.addFrame(now - before);
         // A sender that was paused goes on from here; a burst of late frames would be lost.
         due = std::max(due + FramePeriodNs, now);
-        if (++tag.index == options.numFrames || !letPass(due - now))
-            break;
+        if (++tag.index == plan.frames || !letPass(board, due - now))
+            return ExitDone;
     }
-    return ExitDone;
 }
 
 /// What the callbacks of a consumer count.
 struct Receipt
 {
     Board& board;
-    const bool isTagged;
     std::atomic<bool> isFirst = true; // of a connection
     FrameTag last = {};               // the receiving thread's, and so the next
     TimeValue lastTimestamp = 0;
@@ -263,10 +236,10 @@ struct Receipt
 
     void onFrame(const kit::Frame& frame)
     {
-        // Frames without a tag are counted by their times.
+        // Other programs' frames, which have no tag and another size, are counted by their times.
         const auto gapNs = static_cast<std::uint64_t>(std::max<std::int64_t>(frame.gapNs, 0));
         FrameTag tag = {1, last.index + 1 + gapNs / FramePeriodNs};
-        if (isTagged && frame.data.size() == FrameBytes)
+        if (frame.data.size() == FrameBytes)
             std::memcpy(&tag, frame.data.data(), sizeof(tag));
 
         if (tag.incarnation != board.incarnation)
@@ -289,40 +262,35 @@ struct Receipt
     }
 };
 
-int consume(Board& board, const Options& options)
+int consume(Board& board, const Plan& plan)
 {
-    Receipt receipt{board, !options.isUntagged};
-    const auto onFormat = [&board](const kit::StreamFormat&)
-    {
-        ++board.sequences;
-        board.ready = 1;
-    };
+    Receipt receipt{board};
     kit::Consumer consumer(
-        {.name = options.name},
+        {.name = plan.name},
         {.onFrame = [&receipt](const kit::Frame& frame) { receipt.onFrame(frame); },
-         .onFormat = onFormat,
+         .onFormat = [&receipt](const kit::StreamFormat&) { receipt.board.ready = 1; },
          .onEvent = [&receipt](const kit::ConsumerEvent& event) { receipt.onEvent(event); }});
     if (!consumer.start())
         return ExitRefused;
     const TimeValue start = miscUtils::getMonotonicSysclockTime();
     TimeValue rejoinDue = start;
-    while (letPass(TurnNs))
+    while (letPass(board, TurnNs))
     {
         const TimeValue now = miscUtils::getMonotonicSysclockTime();
         board.streamTime = consumer.getStreamTime();
         board.streamTimeAt = now;
-        const bool isOver = now > start + StarvedLimitNs;
-        if (options.setUpOnly && (board.frames > 0 || board.failures > 0 || isOver))
+        const bool isOver = board.failures > 0 || now > start + StarvedLimitNs;
+        if (plan.frames != 0 && (board.frames >= plan.frames || isOver))
             break;
-        if (options.rejoinEveryMs != 0 && now >= rejoinDue)
+        if (plan.rejoin != 0 && now >= rejoinDue)
         {
             consumer.stop();
             consumer.start();
-            rejoinDue = now + options.rejoinEveryMs * NsPerMs;
+            rejoinDue = now + plan.rejoin * NsPerMs;
         }
     }
     consumer.stop();
-    if (board.frames > 0 || !options.setUpOnly)
+    if (board.frames >= plan.frames)
         return ExitDone;
     return board.failures > 0 ? ExitRefused : ExitStarved;
 }
@@ -345,48 +313,18 @@ int main(int argc, char** argv)
     using namespace vlx::stress;
 
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    Options options;
-    CLI::App app("An end of a stream, for the stress runs");
-    CLI::App* const produce = app.add_subcommand("produce", "");
-    CLI::App* const consume = app.add_subcommand("consume", "");
-    app.require_subcommand(1);
-    for (CLI::App* const command : {produce, consume})
-    {
-        command->add_option("name", options.name)->required();
-        command->add_option("--board", options.boardFD)->required();
-        command->add_option("--kill-at-line", options.killAtLine);
-        command->add_option("--free-descriptors", options.freeDescriptors);
-        command->add_option("--max-threads", options.maxThreads);
-        command->add_flag("--set-up-only", options.setUpOnly);
-    }
-    produce->add_flag("--pipeline", options.isPipeline);
-    produce->add_flag("--open-to-all", options.isOpenToAll);
-    produce->add_option("--frames", options.numFrames);
-    produce->add_option("--sequence-every", options.sequenceEveryMs);
-    produce->add_option("--wait-receivers", options.waitReceivers);
-    produce->add_option("--clock-port", options.clockPort);
-    consume->add_option("--rejoin-every", options.rejoinEveryMs);
-    consume->add_flag("--untagged", options.isUntagged);
-    CLI11_PARSE(app, argc, argv);
-
-    Board* const board = mapBoard(options.boardFD);
+    const Plan plan = nlohmann::json::parse(argc == 2 ? argv[1] : "{}").get<Plan>();
+    Board* const board = mapBoard(plan.board);
     if (board == nullptr)
         return ExitBroken;
-    ::close(options.boardFD);
-    sigset_t signals; // blocked before any thread exists
-    ::sigemptyset(&signals);
-    ::sigaddset(&signals, SIGTERM);
-    ::sigprocmask(SIG_BLOCK, &signals, nullptr);
-    const rlimit noCore = {0, 0};
-    ::setrlimit(RLIMIT_CORE, &noCore);
-    const log4cplus::Initializer logging;
-    configureLogging(*board, options.killAtLine);
-    if (!applyLimits(options))
+    ::close(plan.board);
+    const kit::Logging logging(kit::LogLevel::Error);
+    watchLog(*board, plan.kill);
+    if (!applyLimits(plan))
         return ExitBroken;
     try
     {
-        return produce->parsed() ? stress::produce(*board, options)
-                                 : stress::consume(*board, options);
+        return plan.role == "produce" ? produce(*board, plan) : consume(*board, plan);
     }
     catch (const std::system_error&)
     {

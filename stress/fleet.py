@@ -2,15 +2,16 @@
 
 import bisect
 import ctypes
-import itertools
+import json
 import mmap
+import multiprocessing
 import os
 from pathlib import Path
 import signal
-import statistics
 import subprocess
-import sys
 import time
+
+from shared import die_with_parent, make_name, wait_until
 
 FRAME_MS = 10
 FRAME_NS = FRAME_MS * 1_000_000
@@ -19,71 +20,59 @@ JOIN_LIMIT_S = 10
 
 # Exit codes of the end; see Endpoint.cpp.
 ENDS = {0: "worked", 10: "refused", 11: "exception", 12: "no frame"}
+MAX_BURSTS, NUM_TIMES = 256, 8192
 
 
-class Board:
-    """The memory in which an end counts: layout as in Endpoint.cpp."""
+class Board(ctypes.Structure):
+    """The memory in which an end counts: as in Endpoint.cpp."""
 
-    FIELDS = ("go ready frames lost num_bursts incarnation incarnation_since joins sequences stalls "
-              "failures log_lines error_lines stream_time stream_time_at").split()
-    BURSTS = len(FIELDS)
-    MAX_BURSTS = 256
-    TIMES = BURSTS + 3 * MAX_BURSTS
-    NUM_TIMES = 8192
-
-    def __init__(self) -> None:
-        self.fd = os.memfd_create("stress")
-        size = 8 * (self.TIMES + self.NUM_TIMES)
-        os.ftruncate(self.fd, size)
-        self._numbers = memoryview(mmap.mmap(self.fd, size)).cast("Q")
-
-    def __getattr__(self, name: str) -> int:
-        return self._numbers[self.FIELDS.index(name)]
-
-    def release(self) -> None:
-        """Lets the first frame leave."""
-        self._numbers[0] = 1
+    _fields_ = [(name, ctypes.c_uint64) for name in (
+        "go stop ready frames lost num_bursts incarnation incarnation_since joins sequences stalls "
+        "failures log_lines error_lines stream_time stream_time_at").split()] + [
+            ("all_bursts", ctypes.c_uint64 * 3 * MAX_BURSTS), ("ring", ctypes.c_uint64 * NUM_TIMES)]
 
     def bursts(self) -> list[tuple[int, int, int]]:
         """Losses: stamp of the frame before, of the frame after, number of frames."""
-        count = min(self.num_bursts, self.MAX_BURSTS)
-        return [tuple(self._numbers[self.BURSTS + 3 * i:self.BURSTS + 3 * i + 3])
-                for i in range(count)]
+        return [tuple(burst) for burst in self.all_bursts[:self.num_bursts]]
 
     def times(self, first: int, end: int) -> list[float]:
         """Ages or times of sends of some frames, in microseconds; the latest if they are too many."""
-        first = max(first, end - self.NUM_TIMES)
-        return [self._numbers[self.TIMES + i % self.NUM_TIMES] / 1e3 for i in range(first, end)]
+        return [self.ring[i % NUM_TIMES] / 1e3 for i in range(max(first, end - NUM_TIMES), end)]
+
+
+RUNNING: set = set()
+
+
+def kill_all() -> None:
+    for process in list(RUNNING):
+        process.kill()
 
 
 class Process:
     """A child that never outlives this process."""
 
     def __init__(self, command: list[str], fds: tuple[int, ...] = ()) -> None:
-        self._output, self._errors = os.memfd_create("output"), os.memfd_create("errors")
         verbose = "VLX_STRESS_LOG" in os.environ
+        self._errors = os.memfd_create("errors")
         self._child = subprocess.Popen(
-            command, stdin=subprocess.DEVNULL, stdout=self._output,
+            command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
             stderr=None if verbose else self._errors, pass_fds=fds)
         self.pid = self._child.pid
-        RUNNING.append(self)
+        RUNNING.add(self)
 
     def signal(self, number: int) -> None:
-        if self._child.poll() is None:
-            self._child.send_signal(number)
-
-    def kill(self) -> None:
-        self.signal(signal.SIGKILL)
-        self._child.wait()
-        if self in RUNNING:
-            RUNNING.remove(self)
-
-    def __del__(self) -> None:
-        os.close(self._output)
-        os.close(self._errors)
+        self._child.send_signal(number)
 
     def is_running(self) -> bool:
         return self._child.poll() is None
+
+    def kill(self) -> None:
+        self._child.kill()
+        self._child.wait()
+        RUNNING.discard(self)
+
+    def __del__(self) -> None:
+        os.close(self._errors)
 
     def wait(self, limit: float) -> str:
         """How it ended, killed if it had to be: "worked", "refused", "SIGABRT", "hung", ..."""
@@ -93,36 +82,16 @@ class Process:
             self.kill()
             return "hung"
         self.kill()
-        words = self.last_words()
+        words = os.pread(self._errors, 4096, 0).decode(errors="replace")
         if "Assertion `" in words:
             return "our assertion"
         if "terminate called" in words:
             return "std::terminate"
         return signal.Signals(-code).name if code < 0 else ENDS.get(code, f"exit {code}")
 
-    def last_words(self) -> str:
-        return os.pread(self._errors, 4096, 0).decode(errors="replace")
-
-    def count(self) -> int:
-        """What a misbehaving peer has done; it counts on its standard output."""
-        return int(os.pread(self._output, 21, 0) or 0)
-
     def handles(self) -> tuple[int, int]:
         """Numbers of descriptors and threads."""
         return tuple(len(os.listdir(f"/proc/{self.pid}/{what}")) for what in ("fd", "task"))
-
-    def pss_kib(self) -> float:
-        rollup = Path(f"/proc/{self.pid}/smaps_rollup").read_text()
-        return float(rollup.partition("\nPss:")[2].split()[0])
-
-
-RUNNING: list[Process] = []
-
-
-def start_peer(role: str, name: str, *arguments: str) -> Process:
-    """One that misbehaves."""
-    program = Path(__file__).with_name("peers.py")
-    return Process([sys.executable, "-B", str(program), role, name, *arguments])
 
 
 class End(Process):
@@ -131,35 +100,40 @@ class End(Process):
     program: Path  # set once
 
     def __init__(self, role: str, name: str, **options: object) -> None:
-        self.board = Board()
-        arguments = [role, name, "--board", str(self.board.fd)]
-        for option, value in options.items():
-            arguments += ["--" + option.replace("_", "-")]
-            if value is not True:
-                arguments += [str(value)]
-        super().__init__([str(self.program), *arguments], (self.board.fd,))
-        os.close(self.board.fd)
+        board, size = os.memfd_create("board"), ctypes.sizeof(Board)
+        os.ftruncate(board, size)
+        self.board = Board.from_buffer(mmap.mmap(board, size))
+        plan = {"role": role, "name": name, "board": board, **options}
+        super().__init__([str(self.program), json.dumps(plan)], (board,))
+        os.close(board)
 
 
-def kill_all() -> None:
-    for process in RUNNING:
-        process.signal(signal.SIGKILL)
-    for process in list(RUNNING):
-        process.kill()
+class Peer(multiprocessing.Process):
+    """A function of peers.py in a process of its own, as which it misbehaves."""
 
+    def __init__(self, role, *arguments: object) -> None:
+        super().__init__(daemon=True)
+        self._role, self._arguments = role, arguments
+        self._done = multiprocessing.RawValue("Q")
+        self.start()
+        RUNNING.add(self)
 
-def wait_until(limit: float, condition) -> bool:
-    deadline = time.monotonic() + limit
-    while not condition():
-        if time.monotonic() >= deadline:
-            return False
-        time.sleep(0.001)
-    return True
+    def run(self) -> None:
+        die_with_parent()
+        signal.signal(signal.SIGINT, signal.SIG_IGN)
+        self._role(self._note, *self._arguments)
 
+    def _note(self) -> None:
+        self._done.value += 1
 
-def make_name(numbers=itertools.count()) -> str:
-    """A stream's name that no other run has."""
-    return f"stress-{os.getpid()}-{next(numbers)}"
+    def count(self) -> int:
+        """How often it has done its work."""
+        return self._done.value
+
+    def kill(self) -> None:
+        super().kill()
+        self.join()
+        RUNNING.discard(self)
 
 
 class PauseProbe:
@@ -178,7 +152,7 @@ class PauseProbe:
                 self._watch(processor, ring)
 
     def _watch(self, processor: int, ring: memoryview) -> None:
-        ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
+        die_with_parent()
         os.sched_setaffinity(0, {processor})
         while ring[0] < self.CAPACITY:
             due = time.monotonic_ns() + 1_000_000
@@ -225,20 +199,25 @@ class Losses:
                 f"unexplained, pause {self.pause_ms:.1f} ms)")
 
 
+def are_delivering(ends: list[End], limit: float) -> bool:
+    """Whether every consumer gets further frames."""
+    wanted = [(end.board, end.board.frames + 20) for end in ends]
+    return wait_until(limit, lambda: all(board.frames >= n for board, n in wanted))
+
+
 class Stream:
     """A producer and consumers that have joined it; the first frame waits for all of them."""
 
-    def __init__(self, num_consumers: int, name: str = "", **options: object) -> None:
-        self.name = name or make_name()
+    def __init__(self, num_consumers: int, **options: object) -> None:
+        self.name = make_name()
         self.options = options
         self.since = time.monotonic_ns()
-        self.producer = self.start_producer(wait_receivers=num_consumers)
-        self.consumers: list[End] = []
-        self.joined = wait_until(JOIN_LIMIT_S, lambda: self.producer.board.ready)
+        self.producer = self.start_producer(receivers=num_consumers)
+        opened = wait_until(JOIN_LIMIT_S, lambda: self.producer.board.ready)
         self.consumers = [End("consume", self.name) for _ in range(num_consumers)]
-        self.joined = self.joined and wait_until(
+        self.joined = opened and wait_until(
             JOIN_LIMIT_S, lambda: all(end.board.ready for end in self.consumers))
-        self.producer.board.release()
+        self.producer.board.go = 1
 
     def start_producer(self, **more: object) -> End:
         return End("produce", self.name, **self.options, **more)
@@ -259,11 +238,6 @@ class Stream:
             return None
         return (max(end.board.incarnation_since for end in self.consumers) - since) / 1e6
 
-    def is_delivering(self, limit: float) -> bool:
-        """Whether every consumer gets further frames."""
-        wanted = [(end.board, end.board.frames + 20) for end in self.consumers]
-        return wait_until(limit, lambda: all(board.frames >= n for board, n in wanted))
-
     def handles(self) -> list[tuple[int, int]]:
         return [end.handles() for end in (self.producer, *self.consumers)]
 
@@ -273,19 +247,3 @@ class Stream:
     def end(self) -> None:
         for end in (self.producer, *self.consumers):
             end.kill()
-
-
-def print_table(rows: list[tuple]) -> None:
-    texts = [[str(cell) for cell in row] for row in rows]
-    widths = [max(map(len, column)) for column in zip(*texts)]
-    for row in texts:
-        print("  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip())
-    sys.stdout.flush()
-
-
-def quantile(values: list[float], share: float) -> float:
-    return sorted(values)[min(int(share * len(values)), len(values) - 1)] if values else 0.0
-
-
-def median(values: list[float]) -> float:
-    return statistics.median(values) if values else 0.0

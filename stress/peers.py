@@ -1,18 +1,19 @@
 """Local processes that misbehave, on plain sockets: clients of a sender, impostors that hold a
-sender's name, and another user in the sender's directory. Each counts on its standard output, a
-file, how often it has done its work.
+sender's name, another user in the sender's directory, and a provider of a network clock. Each runs
+until it is killed, and calls its first argument whenever it has done its work once more."""
 
-usage: peers.py ROLE NAME [ARGUMENT]"""
-
-import ctypes
+from contextlib import suppress
 import os
 from pathlib import Path
 import random
 import signal
 import socket
 import struct
-import sys
+import threading
 import time
+from typing import Callable, Iterator
+
+from shared import die_with_parent
 
 # What peers say on the main channel's socket: first a greeting, which is answered by one of the
 # same length; then type, length (big-endian) and bytes of each message.
@@ -22,19 +23,15 @@ PUSHER = b"\0SP\0\0\x50\0\0"
 ONE_BYTE_MESSAGE = b"\x01" + struct.pack(">Q", 1) + b"x"
 ENDLESS_MESSAGE = b"\x01" + b"\xff" * 8
 RUBBISH_BYTES = 4096
+RUBBISH_TIMES = 10  # of a clock, for each request
 OTHER_USER = 100_000
 
 PIPELINE, PUB_SUB = 1, 2
 MONOTONIC_CLOCK = 2
 PCM_ANNOUNCEMENT = struct.pack("<HHIIBB", 1, 1, 0x414D4350, 48_000, 2, 2)
-count = 0
+HONEST, SILENT, HOSTILE = range(3)  # modes of a clock
 
-
-def note() -> None:
-    """One more piece of work is done."""
-    global count
-    count += 1
-    os.pwrite(sys.stdout.fileno(), b"%20d\n" % count, 0)
+Note = Callable[[], None]
 
 
 def connect(name: str) -> socket.socket:
@@ -49,26 +46,22 @@ def connect(name: str) -> socket.socket:
             time.sleep(0.01)
 
 
-def read_message(client: socket.socket) -> bytes:
-    size = struct.unpack("<I", client.recv(4, socket.MSG_WAITALL))[0]
-    return client.recv(size, socket.MSG_WAITALL)
-
-
 def frame(message: bytes) -> bytes:
     return struct.pack("<I", len(message)) + message
 
 
 def join_main_channel(client: socket.socket) -> socket.socket:
     """Joins what the sender announces on the sidechannel."""
-    _, _, rest = read_message(client)[2:].partition(b"\0")
+    size = struct.unpack("<I", client.recv(4, socket.MSG_WAITALL))[0]
+    _, _, rest = client.recv(size, socket.MSG_WAITALL)[2:].partition(b"\0")
     main = socket.socket(socket.AF_UNIX)
     main.connect(rest[4:].rstrip(b"\0").removeprefix(b"ipc://").decode())
     return main
 
 
-def listen(name: str) -> socket.socket:
+def listen(address: str) -> socket.socket:
     server = socket.socket(socket.AF_UNIX)
-    server.bind("\0" + name)
+    server.bind(address)
     server.listen(64)
     return server
 
@@ -76,24 +69,32 @@ def listen(name: str) -> socket.socket:
 def open_main_channel() -> tuple[Path, socket.socket]:
     path = Path(os.environ["TMPDIR"], f"VlxSender-{os.getpid()}", "nanomsgChannel.ipc")
     path.parent.mkdir()
-    publisher = socket.socket(socket.AF_UNIX)
-    publisher.bind(str(path))
-    publisher.listen(64)
-    return path, publisher
+    return path, listen(str(path))
 
 
 def greeting(protocol: int, path: Path) -> bytes:
+    """A sender's, and the announcement of a sequence."""
     return frame(struct.pack("<H", 1) + b"\0" + struct.pack("<HBB", 0, MONOTONIC_CLOCK, protocol) +
-                 b"ipc://" + os.fsencode(path) + b"\0")
+                 b"ipc://" + os.fsencode(path) + b"\0") + frame(PCM_ANNOUNCEMENT)
 
 
-def churn(name: str, times: str) -> None:
-    for _ in range(int(times)):
+def greet(name: str, words: bytes) -> Iterator[socket.socket]:
+    """Holds a sender's name: those who come, greeted."""
+    server = listen("\0" + name)
+    while True:
+        client = server.accept()[0]
+        with suppress(OSError):
+            client.sendall(words)
+            yield client
+
+
+def churn(note: Note, name: str, times: int) -> None:
+    for _ in range(times):
         connect(name).close()
         note()
 
 
-def send_once(name: str, hello: bytes, message: bytes) -> None:
+def send_once(note: Note, name: str, hello: bytes, message: bytes = b"") -> None:
     """Joins both channels and sends something there, but never reads."""
     client = connect(name)
     main = join_main_channel(client)
@@ -104,7 +105,7 @@ def send_once(name: str, hello: bytes, message: bytes) -> None:
     signal.pause()
 
 
-def write_rubbish(name: str, to_main: bool) -> None:
+def write_rubbish(note: Note, name: str, to_main: bool) -> None:
     """Joins again whenever the sender throws it out. On the main channel every second connection
     greets first and announces the longest of all messages."""
     greets = False
@@ -121,7 +122,7 @@ def write_rubbish(name: str, to_main: bool) -> None:
             greets = not greets
 
 
-def send_urgent(name: str) -> None:
+def send_urgent(note: Note, name: str) -> None:
     """One byte that no ordinary read gets, though there is something to read."""
     clients = []
     while True:
@@ -131,7 +132,7 @@ def send_urgent(name: str) -> None:
         time.sleep(0.3)
 
 
-def pass_lingering(name: str) -> None:
+def pass_lingering(note: Note, name: str) -> None:
     """Passes TCP sockets whose close would wait: their data has nowhere to go. From a child each,
     which is gone before the sender closes its own."""
     signal.signal(signal.SIGCHLD, signal.SIG_IGN)
@@ -141,22 +142,18 @@ def pass_lingering(name: str) -> None:
             tcp = socket.create_connection(server.getsockname())
             tcp.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 2))
             tcp.setblocking(False)
-            try:
+            with suppress(BlockingIOError):
                 while True:
                     tcp.send(bytes(65536))
-            except BlockingIOError:
-                socket.send_fds(connect(name), [b"x"], [tcp.fileno()])
-                tcp.close()
+            socket.send_fds(connect(name), [b"x"], [tcp.fileno()])
+            tcp.close()
             os._exit(0)
         note()
         time.sleep(2)
 
 
-def greet_malformed(name: str) -> None:
-    server = listen(name)
-    while True:
-        client = server.accept()[0]
-        client.sendall(frame(b"\x01\0no end"))
+def greet_malformed(note: Note, name: str) -> None:
+    for client in greet(name, frame(b"\x01\0no end")):
         note()
         client.recv(1)
 
@@ -170,62 +167,44 @@ def make_packet() -> bytes:
     return bytes(packet)
 
 
-def publish_rubbish(name: str) -> None:
-    """Greets properly whoever comes, announces PCM, and publishes rubbish."""
+def publish_rubbish(note: Note, name: str) -> None:
+    """Greets properly whoever comes, announces PCM, and publishes rubbish to each subscriber until
+    it leaves."""
     path, publisher = open_main_channel()
-    publisher.setblocking(False)
-    server = listen(name)
-    server.setblocking(False)
-    clients, subscribers = [], []
+    visitors = greet(name, greeting(PUB_SUB, path))
+    threading.Thread(target=list, args=(visitors,), daemon=True).start()
     while True:
-        try:
-            clients.append(server.accept()[0])
-            clients[-1].sendall(greeting(PUB_SUB, path))
-            clients[-1].sendall(frame(PCM_ANNOUNCEMENT))
-        except OSError:
-            pass
-        try:
-            subscriber = publisher.accept()[0]
+        subscriber = publisher.accept()[0]
+        with subscriber, suppress(OSError):
             subscriber.sendall(PUBLISHER)
             subscriber.recv(8, socket.MSG_WAITALL)
-            subscribers.append(subscriber)
-        except OSError:
-            time.sleep(0 if subscribers else 0.001)
-        for subscriber in list(subscribers):
-            packets = [make_packet() for _ in range(20)]
-            try:
-                subscriber.sendall(b"".join(
-                    b"\x01" + struct.pack(">Q", len(p)) + p for p in packets))
-                for _ in packets:
-                    note()
-            except OSError:
-                subscribers.remove(subscriber)
+            while True:
+                packet = make_packet()
+                subscriber.sendall(b"\x01" + struct.pack(">Q", len(packet)) + packet)
+                note()
 
 
-def hold_urgently(name: str) -> None:
+def hold_urgently(note: Note, name: str) -> None:
     """Holds a sender's name, greets properly, announces a sequence, and sends a byte that no
     ordinary read gets."""
     path, _publisher = open_main_channel()
-    server = listen(name)
     clients = []
-    while True:
-        clients.append(server.accept()[0])
-        try:
-            clients[-1].sendall(greeting(PUB_SUB, path) + frame(PCM_ANNOUNCEMENT))
-            time.sleep(0.1)
-            clients[-1].send(b"x", socket.MSG_OOB)
+    for client in greet(name, greeting(PUB_SUB, path)):
+        clients.append(client)
+        time.sleep(0.1)
+        with suppress(OSError):
+            client.send(b"x", socket.MSG_OOB)
             note()
-        except OSError:
-            pass
 
 
 def become_other_user() -> None:
     os.setgroups([])
     os.setgid(OTHER_USER)
     os.setuid(OTHER_USER)
+    die_with_parent()  # is forgotten at a change of the user
 
 
-def announce_swapped(name: str, target: str) -> None:
+def announce_swapped(note: Note, name: str, target: Path) -> None:
     """Another user holds the name, lets receivers bind in a directory of his, and swaps a link in
     for their socket file."""
     become_other_user()
@@ -233,60 +212,48 @@ def announce_swapped(name: str, target: str) -> None:
     directory.mkdir()
     directory.chmod(0o777)
     path = directory / "nanomsgChannel.ipc"
-    server = listen(name)
-    while True:
-        client = server.accept()[0]
-        try:
-            client.sendall(greeting(PIPELINE, path) + frame(PCM_ANNOUNCEMENT))
-        except OSError:
-            continue
+    for client in greet(name, greeting(PIPELINE, path)):
         deadline = time.monotonic() + 0.2
-        while time.monotonic() < deadline and not swap(str(path), target):
+        while time.monotonic() < deadline and not swap(note, path, target):
             pass
         client.close()
 
 
-def swap(path: str, target: str | None) -> bool:
+def swap(note: Note, path: Path, target: Path | None) -> bool:
     """Puts a link, or without a target a directory, in the place of a file if it is there."""
     try:
-        os.unlink(path)
+        path.unlink()
         if target:
-            os.symlink(target, path)
+            path.symlink_to(target)
         else:
-            os.mkdir(path)
+            path.mkdir()
         note()
         return True
     except OSError:
         return False
 
 
-def swap_in_directories(target: str | None) -> None:
+def swap_in_directories(note: Note, target: Path | None) -> None:
     """Another user waits for senders' directories and swaps in every one that lets him."""
     become_other_user()
-    base = os.environ["TMPDIR"]
     done = set()
     while True:
-        for entry in set(os.listdir(base)) - done:
-            if entry.startswith("VlxSender-") and swap(f"{base}/{entry}/nanomsgChannel.ipc", target):
+        for entry in set(Path(os.environ["TMPDIR"]).glob("VlxSender-*")) - done:
+            if swap(note, entry / "nanomsgChannel.ipc", target):
                 done.add(entry)
 
 
-ROLES = {
-    "churn": churn,
-    "silent": lambda name: send_once(name, SUBSCRIBER, b""),
-    "publisher-message": lambda name: send_once(name, SUBSCRIBER, ONE_BYTE_MESSAGE),
-    "puller-message": lambda name: send_once(name, PUSHER, ENDLESS_MESSAGE),
-    "rubbish-sidechannel": lambda name: write_rubbish(name, False),
-    "rubbish-main": lambda name: write_rubbish(name, True),
-    "oob": send_urgent,
-    "lingering": pass_lingering,
-    "greet-malformed": greet_malformed,
-    "publish-rubbish": publish_rubbish,
-    "hold-urgently": hold_urgently,
-    "announce-swapped": announce_swapped,
-    "swap": lambda name, target=None: swap_in_directories(target),
-}
+def provide_time(note: Note, server: socket.socket, state: list[int]) -> None:
+    """Answers with two big-endian times, the client's and its own; a hostile one with a random time
+    and random packets, every other one of the right size.
 
-if __name__ == "__main__":
-    ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
-    ROLES[sys.argv[1]](*sys.argv[2:])
+    state: the mode, and the offset of its time from the system's in ns; shared"""
+    while True:
+        request, client = server.recvfrom(64)
+        mode, offset = state
+        now = random.getrandbits(64) if mode == HOSTILE else time.monotonic_ns() + offset
+        if mode != SILENT:
+            server.sendto(request[:8] + struct.pack(">Q", now), client)
+        for number in range(RUBBISH_TIMES if mode == HOSTILE else 0):
+            server.sendto(random.randbytes(16 if number % 2 else random.randrange(16)), client)
+        note()

@@ -1,12 +1,12 @@
 """A long run that looks for growth: memory, descriptors, threads, and loss over time."""
 
 from dataclasses import dataclass, field
-from pathlib import Path
-import math
 import statistics
 import time
 
-from fleet import End, Losses, PauseProbe, Stream, median, print_table
+from fleet import End, Stream
+from rows import Run, row
+from shared import Table, median, pss_kib
 
 NUM_CONSUMERS = 16
 NUM_REJOINING = 4
@@ -25,45 +25,12 @@ class Group:
 
     def take_sample(self, seconds: float) -> None:
         """Means over the processes at one moment."""
-        figures = [(end.pss_kib(), *end.handles()) for end in self.ends]
-        means = [sum(column) / len(figures) for column in zip(*figures)]
+        figures = [(pss_kib(end.pid), *end.handles()) for end in self.ends]
+        means = [statistics.fmean(column) for column in zip(*figures)]
         self.samples.append((seconds, *means, sum(end.board.lost for end in self.ends)))
 
 
-@dataclass
-class Trend:
-    """A straight line through values: the slope of its 95 % interval, the growth over the whole
-    time, and two standard deviations around the line."""
-    slope: float
-    half_width: float
-    growth: float
-    noise: float
-
-    def is_within_noise(self) -> bool:
-        return self.slope - self.half_width <= 0 or self.growth <= self.noise
-
-
-def fit_trend(times: list[float], values: list[float]) -> Trend:
-    """Least squares. Successive samples are not independent: the interval is widened by what their
-    residuals have in common with their neighbours."""
-    slope, start = statistics.linear_regression(times, values)
-    residuals = [value - slope * at - start for at, value in zip(times, values)]
-    squares = sum(value * value for value in residuals)
-    shared = sum(a * b for a, b in zip(residuals, residuals[1:]))
-    correlation = min(max(shared / squares, 0), 0.95) if squares else 0
-    deviation = math.sqrt(squares / max(len(residuals) - 2, 1))
-    width = 1.96 * deviation * math.sqrt((1 + correlation) / (1 - correlation))
-    return Trend(slope, width / math.sqrt(statistics.pvariance(times) * len(times)),
-                 slope * (times[-1] - times[0]), max(2 * deviation, LEAST_NOISE_KIB))
-
-
-def compare_ends(values: list[float]) -> tuple[float, float]:
-    """Medians of the first and the last fifth."""
-    fifth = max(len(values) // 5, 1)
-    return median(values[:fifth]), median(values[-fifth:])
-
-
-def draw(groups: list[Group], target: Path) -> None:
+def draw(groups: list[Group], run: Run) -> None:
     """Three panels above each other: memory, descriptors and threads, loss."""
     try:
         import matplotlib
@@ -83,13 +50,12 @@ def draw(groups: list[Group], target: Path) -> None:
             panel.plot(minutes, values, color=colour, linestyle=line, label=group.name + text)
     for panel, text in zip(panels, ("memory per process, PSS, KiB", "descriptors and threads",
                                     "frames lost so far, all together")):
-        panel.set(ylabel=text, xlabel="minutes")
-        panel.set_ylim(bottom=0)
+        panel.set(ylabel=text, xlabel="minutes", ylim=(0, None))
         panel.grid(color="0.9")
         panel.legend(frameon=False, fontsize="small")
     figure.tight_layout()
-    figure.savefig(target)
-    print(f"picture: {target}\n")
+    figure.savefig(run.picture)
+    print(f"picture: {run.picture}\n")
 
 
 def observe(stream: Stream, groups: list[Group], minutes: float) -> None:
@@ -105,43 +71,45 @@ def observe(stream: Stream, groups: list[Group], minutes: float) -> None:
             group.take_sample(time.monotonic() - start)
 
 
-def make_row(group: Group) -> tuple:
+def judge(run: Run, group: Group, table: Table) -> None:
+    """Memory may grow, along a straight line, by two standard deviations around the line."""
     kept = group.samples[int(WARM_UP_SHARE * len(group.samples)):]
-    seconds, pss, descriptors, threads, _ = map(list, zip(*kept))
-    trend = fit_trend(seconds, pss)
-    fds, tasks = compare_ends(descriptors), compare_ends(threads)
+    seconds, pss, *handles, _ = map(list, zip(*kept))
+    slope, start = statistics.linear_regression(seconds, pss)
+    growth = slope * (seconds[-1] - seconds[0])
+    noise = max(LEAST_NOISE_KIB, 2 * statistics.pstdev(
+        value - slope * at - start for at, value in zip(seconds, pss)))
+    run.check(growth <= noise, f"{group.name} grows by {growth:.1f} KiB, over {noise:.1f}")
+    fifth = max(len(kept) // 5, 1)
+    ends = [(median(values[:fifth]), median(values[-fifth:])) for values in handles]
     # Those that are just leaving or joining shift a mean by a little, but not by a whole one.
-    passed = trend.is_within_noise() and fds[1] - fds[0] < 1 and tasks[1] - tasks[0] < 1
-    return (group.name, len(group.ends), f"{pss[-1]:.0f}",
-            f"{3600 * trend.slope:+.1f} +- {3600 * trend.half_width:.1f}",
-            f"{trend.growth:+.1f} / {trend.noise:.1f}", f"{fds[0]:.1f} -> {fds[1]:.1f}",
-            f"{tasks[0]:.1f} -> {tasks[1]:.1f}", "ok" if passed else "FAILED")
+    run.check(all(last - first < 1 for first, last in ends),
+              f"{group.name}: one descriptor or thread more")
+    table.add(group.name, len(group.ends), pss[-1], 3600 * slope, growth, noise,
+              *(f"{first:.1f} -> {last:.1f}" for first, last in ends))
 
 
-def run(minutes: float, picture: Path) -> bool:
-    probe = PauseProbe()
-    stream = Stream(NUM_CONSUMERS, sequence_every=SEQUENCE_EVERY_MS)
-    if not stream.joined:
-        print("the receivers did not join")
-        return False
+@row("soak", "growth", "16 receivers, 4 of them rejoining, visitors, sequences",
+     "no growth beyond noise; steady receivers lose nothing without a pause of the machine")
+def look_for_growth(run: Run) -> None:
+    stream = run.start(NUM_CONSUMERS, resequence=SEQUENCE_EVERY_MS)
     steady = stream.consumers[:-NUM_REJOINING]
     rejoining = []
     for number, end in enumerate(stream.consumers[-NUM_REJOINING:]):
         end.kill()
-        rejoining.append(End("consume", stream.name, rejoin_every=1_000 + 40 * number))
+        rejoining.append(End("consume", stream.name, rejoin=1_000 + 40 * number))
     groups = [Group("sender", [stream.producer]), Group("steady", steady),
               Group("rejoining", rejoining)]
-    observe(stream, groups, minutes)
-    draw(groups, picture)
-    rows = [make_row(group) for group in groups]
-    print_table([("processes", "n", "PSS KiB", "slope KiB/h, 95 %", "growth / noise KiB",
-                  "descriptors", "threads", "result"), *rows])
-    losses = Losses(steady, probe, stream.since)
-    passed = not losses.unexplained and losses.received > 0
-    sent = stream.producer.board
-    print(f"\nsteady receivers: {losses}: {'ok' if passed else 'FAILED'}\n{sent.frames:,} frames and "
-          f"{sent.sequences:,} sequences sent, "
-          f"{sum(end.board.joins for end in steady + rejoining):,} joins, stall watch used "
-          f"{sum(end.board.stalls for end in steady + rejoining)} times, {sent.error_lines} errors "
-          "logged by the sender")
-    return passed and all(row[-1] == "ok" for row in rows)
+    observe(stream, groups, run.minutes)
+    draw(groups, run)
+    table = Table("<processes", "n", "PSS KiB", "slope KiB/h", "growth KiB", "noise KiB",
+                  "<descriptors", "<threads")
+    for group in groups:
+        judge(run, group, table)
+    print(table.to_text())
+    run.lose(steady, stream.since)
+    sent, boards = stream.producer.board, [end.board for end in steady + rejoining]
+    run.tell(f"{sent.frames:,} frames and {sent.sequences:,} sequences sent, "
+             f"{sum(board.joins for board in boards):,} joins, stall watch used "
+             f"{sum(board.stalls for board in boards)} times, {sent.error_lines} errors logged by "
+             "the sender")

@@ -1,0 +1,145 @@
+"""A row of a run: what is tried, what is promised, and what became of it."""
+
+from contextlib import suppress
+from dataclasses import dataclass, field
+import os
+from pathlib import Path
+import time
+from typing import Callable
+
+from fleet import End, Losses, PauseProbe, Stream, are_delivering, kill_all
+from shared import Table, wait_until
+
+OK, FAILED, LIMIT, SKIPPED = "ok", "FAILED", "limit", "skipped"  # limit: documented, no success
+
+
+class Over(Exception):
+    """There is nothing further to be seen."""
+
+
+@dataclass
+class Run:
+    """One row at work: what it may use, and what became of it."""
+    minutes: float
+    lenient: bool
+    tool: Path
+    picture: Path | None
+    probe: PauseProbe
+    directory: Path  # TMPDIR
+    verdict: str = OK
+    figures: list[str] = field(default_factory=list)
+
+    @property
+    def limit(self) -> float:
+        """Seconds within which everybody has to be back."""
+        return 20 if self.lenient else 3
+
+    @property
+    def beside(self) -> float:
+        """Seconds for which misbehaving peers go on."""
+        return 0.5 if self.lenient else 2 * self.minutes
+
+    def tell(self, figure: str) -> None:
+        self.figures.append(figure)
+
+    def check(self, kept: object, otherwise: str) -> None:
+        """Tells a broken promise, and goes on."""
+        if not kept:
+            self.verdict = FAILED
+            self.tell(otherwise)
+
+    def require(self, kept: object, otherwise: str) -> None:
+        """Tells a broken promise, and ends."""
+        self.check(kept, otherwise)
+        if not kept:
+            raise Over
+
+    def skip_unless(self, possible: object, reason: str) -> None:
+        if not possible:
+            self.verdict = SKIPPED
+            self.tell(reason)
+            raise Over
+
+    def require_root(self) -> None:
+        self.skip_unless(os.geteuid() == 0, "only root can become another user")
+
+    def within(self, condition: Callable[[], object], otherwise: str) -> bool:
+        """Whether it came true within the limit; if not, a broken promise."""
+        kept = wait_until(self.limit, condition)
+        self.check(kept, f"{otherwise} within {self.limit} s")
+        return kept
+
+    def start(self, num_consumers: int, **options: object) -> Stream:
+        """A stream whose consumers are to go on beside a fault, with what it had open."""
+        stream = Stream(num_consumers, **options)
+        self.require(stream.joined and stream.delivery_ms(stream.since, self.limit) is not None,
+                     f"the stream itself did not start within {self.limit} s")
+        time.sleep(0.2)
+        stream.before = stream.handles()
+        return stream
+
+    def lose(self, ends: list[End], since: int, allowed: int = 0, spans=()) -> Losses:
+        """What some consumers have lost: without a pause of the machine they may not, or outside of
+        the given spans."""
+        losses = Losses(ends, self.probe, since, spans)
+        if self.lenient:
+            losses.unexplained = 0
+        self.tell(str(losses))
+        self.check(losses.unexplained <= allowed, f"{allowed:,} unexplained allowed")
+        return losses
+
+    def check_handles(self, stream: Stream) -> None:
+        self.within(lambda: stream.handles() == stream.before, "descriptors or threads not given up")
+
+    def check_bystanders(self, stream: Stream, handles: bool = True) -> None:
+        """Nothing was lost without a pause of the machine, all deliver, and nothing is left."""
+        self.check(are_delivering(stream.consumers, self.limit),
+                   f"a receiver gets no frames any more within {self.limit} s")
+        if handles:
+            self.check_handles(stream)
+        self.lose(stream.consumers, stream.since)
+
+    def resume(self, stream: Stream) -> float:
+        """Restarts the producer; how long it took until all deliver."""
+        took = stream.delivery_ms(stream.restart(), self.limit)
+        self.require(took is not None, f"no frames within {self.limit} s after a restart")
+        return took
+
+    def tell_resumption(self, stream: Stream) -> None:
+        self.tell(f"frames {self.resume(stream):.0f} ms after a restart")
+
+
+ROWS: dict[str, dict[str, tuple]] = {}  # of each mode
+
+
+def row(mode: str, name: str, text: str, promise: str, *arguments: object) -> Callable:
+    """Adds a function of a run, and of what follows, to the rows of a mode."""
+    def add(function: Callable) -> Callable:
+        ROWS.setdefault(mode, {})[name] = (text, promise, lambda run: function(run, *arguments))
+        return function
+    return add
+
+
+def select(mode: str, text: str) -> list[str]:
+    """The row of this name, or those whose names hold the text."""
+    return [text] if text in ROWS[mode] else [name for name in ROWS[mode] if text in name]
+
+
+def run_rows(mode: str, names: list[str], make_run: Callable[[], Run]) -> int:
+    """The exit code: 1 if something failed, 77 if everything was skipped."""
+    table = Table("<what", "<promise", "<figure", "<result", "s")
+    verdicts = []
+    for name in names:
+        text, promise, function = ROWS[mode][name]
+        run, start = make_run(), time.monotonic()
+        try:
+            with suppress(Over):
+                function(run)
+        finally:
+            kill_all()
+        seconds, figure = time.monotonic() - start, "; ".join(run.figures)
+        print(f"{name:<21} {run.verdict:<8} {seconds:5.1f} s  {figure}", flush=True)
+        table.add(text, promise, figure, run.verdict, seconds)
+        verdicts.append(run.verdict)
+    print(f"\n{table.to_text()}", flush=True)
+    return 1 if FAILED in verdicts else 77 if set(verdicts) == {SKIPPED} else 0
