@@ -146,19 +146,27 @@ TEST_F(SendTest, TakenNameIsReplacedByTheAlternative)
 
 TEST_F(SendTest, CatchingUpAfterAPauseLosesNothing)
 {
-    // A machine too busy to move frames loses some by itself: one quiet try is enough.
+    // A machine too busy to move frames loses some by itself: one quiet try is enough. A burst of frames
+    // as large as these loses some for sure.
     constexpr int NumTries = 8;
+    constexpr std::uintmax_t NumPauses = 2;
     constexpr auto Pause = milliseconds(400);
+    constexpr std::uintmax_t BytesPerSecond = 96000 * 8 * 2;
     bool nothingLost = false;
     for (int i = 0; i < NumTries && !nothingLost; ++i)
     {
-        ToolProcess receiver(
-            receive({file("a.wav"), "-q", "-d", "1s", "--report", file("r.json")}));
-        ToolProcess sender(send({"--tone", "440", "--wait-receivers", "1"}));
-        ASSERT_TRUE(waitForSize(file("a.wav"), 20000));
-        sender.signal(SIGSTOP);
-        std::this_thread::sleep_for(Pause); // the fault itself
-        sender.signal(SIGCONT);
+        const std::string recording = file(std::to_string(i) + ".wav");
+        ToolProcess receiver(receive({recording, "-q", "-d", "3s", "--report", file("r.json")}));
+        ToolProcess sender(
+            send({"--tone", "440", "-r", "96000", "-c", "8", "--wait-receivers", "1"}));
+        for (std::uintmax_t pause = 1; pause <= NumPauses; ++pause)
+        {
+            // Long enough to have caught up with the pause before.
+            ASSERT_TRUE(waitForSize(recording, pause * BytesPerSecond));
+            sender.signal(SIGSTOP);
+            std::this_thread::sleep_for(Pause); // the fault itself
+            sender.signal(SIGCONT);
+        }
         EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
         EXPECT_EQ(sender.stop(), 128 + SIGTERM);
         nothingLost = readJson(file("r.json"))["connections"].at(0)["gaps"] == 0;
@@ -219,6 +227,11 @@ TEST_F(SendTest, ClosedStreamsCatchNoMessages)
         send({"--tone", "1", "-d", "10ms", "-vvv", "--report", file("s.json")}), settings);
     EXPECT_EQ(sender.wait(), 0);
     EXPECT_EQ(readJson(file("s.json"))["finished"], true);
+
+    settings.closed = {0};
+    ToolProcess refused(send({"-", "-r", "8000"}), settings);
+    EXPECT_EQ(refused.wait(), 2);
+    EXPECT_NE(refused.getErrors().find("standard input is closed"), std::string::npos);
 }
 
 TEST_F(SendTest, CompletionsNameEverySubcommandAndOption)

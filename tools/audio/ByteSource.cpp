@@ -29,7 +29,7 @@ ByteSource::ByteSource(const std::string& path, const StopSignal& stop, const De
     if (path == "-")
     {
         if (wasClosed(STDIN_FILENO))
-            throw CommandFailure(ExitCode::Failed, "standard input is closed");
+            throw CommandFailure(ExitCode::Usage, "standard input is closed");
         m_fd = STDIN_FILENO;
     }
     else
