@@ -399,9 +399,16 @@ bool Consumer::Impl::approachSender()
             break;
         if (!answer.reached)
         {
-            m_told.clear();
-            m_setback.reset();
-            return true;
+            const std::optional<Obstacle> setback = std::exchange(m_setback, std::nullopt);
+            if (!setback || setback->kind != Kind::Failed)
+            {
+                m_told.clear();
+                return true;
+            }
+            // Whoever was there may still be: without a descriptor nobody can be asked.
+            tellOnce(*setback);
+            pause(PauseMs);
+            continue;
         }
         const bool hasHung = !answer.initialInfo && answer.closedEarly &&
                              getMonotonicSysclockTime() - begin >= QuickCloseNs;

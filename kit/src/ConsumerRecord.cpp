@@ -54,7 +54,10 @@ bool ConsumerRecord::onEnded(TimeValue now, bool byPeer)
     if (std::exchange(m_hadFrame, false))
         m_waitBegin = now;
     if (byPeer)
+    {
         m_losses.push_back(now);
+        m_vainStalls = 0;
+    }
     if (m_losses.size() > LossLimit)
         m_losses.pop_front();
     return true;

@@ -26,7 +26,8 @@ public:
 
     /// @param stallLimitNs  time without a frame after which a connection counts as stalled; 0:
     ///                      never. A sender that is merely paused looks the same, so it doubles
-    ///                      with each stall that no frame followed, up to sixteenfold
+    ///                      with each stall that neither a frame nor its end followed, up to
+    ///                      sixteenfold
     explicit ConsumerRecord(TimeValue stallLimitNs) : m_stallLimitNs(stallLimitNs) {}
 
     /// Nothing is joined yet, and no sender looked for before.
@@ -92,7 +93,7 @@ private:
     ConsumerStatistics m_counts;
     std::deque<TimeValue> m_losses;               // without a sequence; the last ones, oldest first
     TimeValue m_lastSign = 0;                     // the join, or the last frame after it
-    unsigned m_vainStalls = 0;                    // since the last frame
+    unsigned m_vainStalls = 0;                    // since the last frame or loss
     std::optional<StreamFormat> m_format;         // of the present sequence, if it is PCM
     std::optional<TimeValue> m_expectedTimestamp; // of the next frame, if nothing is missing
     Receiver::StreamClockType m_lastClock = Receiver::StreamClockType::Undetermined;

@@ -662,6 +662,12 @@ TEST(ConsumerRecordTest, StallLimitDoublesUntilAFrameComes)
     EXPECT_FALSE(record.isStalled(now + 1));
     EXPECT_TRUE(record.isStalled(now + 2));
     EXPECT_EQ(record.getStatistics().stalls, 5U);
+
+    // The next one who takes the name is no slower than he is.
+    record.onStall();
+    record.onEnded(now, true);
+    record.onJoined(now += 100);
+    EXPECT_TRUE(record.isStalled(now + 2));
 }
 
 TEST(AgeHistogramTest, FindsPercentiles)
