@@ -133,11 +133,11 @@ TEST(PcmCodecTest, ValuesFillTheirTypeFromTheTop)
         std::int32_t value;
     };
     const Row rows[] = {
-        {PcmFormat::S8, "80", -32768},
-        {PcmFormat::U8, "00", -32768},
-        {PcmFormat::U8, "81", 256},
-        {PcmFormat::S16LE, "34 12", 0x1234},
-        {PcmFormat::S16BE, "12 34", 0x1234},
+        {PcmFormat::S8, "80", std::numeric_limits<std::int32_t>::min()},
+        {PcmFormat::U8, "00", std::numeric_limits<std::int32_t>::min()},
+        {PcmFormat::U8, "81", 0x0100'0000},
+        {PcmFormat::S16LE, "34 12", 0x1234'0000},
+        {PcmFormat::S16BE, "12 34", 0x1234'0000},
         {PcmFormat::S24LE, "56 34 12", 0x12345600},
         {PcmFormat::S24BE, "ff ff ff", -256},
         {PcmFormat::S32LE, "78 56 34 12", 0x12345678},
@@ -146,10 +146,8 @@ TEST(PcmCodecTest, ValuesFillTheirTypeFromTheTop)
     {
         tool::SampleValues values;
         tool::decodeSamples(fromHex(row.bytes), row.format, values);
-        const std::int32_t value = std::holds_alternative<std::vector<std::int16_t>>(values)
-                                       ? std::get<std::vector<std::int16_t>>(values).at(0)
-                                       : std::get<std::vector<std::int32_t>>(values).at(0);
-        EXPECT_EQ(value, row.value) << audioUtils::toString(row.format) << " " << row.bytes;
+        EXPECT_EQ(std::get<std::vector<std::int32_t>>(values).at(0), row.value)
+            << audioUtils::toString(row.format) << " " << row.bytes;
     }
 }
 
@@ -178,11 +176,11 @@ TEST(ConnectionRecordTest, GapsAndOverlapsSplitTheRecordingIntoSegments)
     constexpr std::uint64_t Samples = 10; // of each frame, at 1000 per second
 
     tool::ConnectionRecord record("start", 90 * Ms);
-    record.setFormat({PcmFormat::U8, 1000, 1}, Receiver::StreamClockType::MonotonicSystemClock);
+    record.setFormat({{PcmFormat::U8, 1000, 1}, Receiver::StreamClockType::MonotonicSystemClock});
     tool::FilePlace place;
     for (const Frame& frame : frames)
     {
-        tool::StreamEvent event;
+        tool::ReceivedFrame event;
         event.timestamp = static_cast<TimeValue>(frame.timestamp);
         event.time = event.timestamp + Ms;
         event.gapNs = frame.gapNs;
@@ -207,21 +205,17 @@ TEST(ConnectionRecordTest, GapsAndOverlapsSplitTheRecordingIntoSegments)
 TEST(StreamEventQueueTest, FramesBeyondTheLimitAreCountedAndOtherEventsAreNot)
 {
     tool::StreamEventQueue queue(100);
-    queue.pushFrame({}, Buffer(200)); // one always fits
-    tool::StreamEvent lost;
-    lost.gapNs = 3;
-    lost.duration = 20;
-    queue.pushFrame(lost, Buffer(1));
-    tool::StreamEvent ended;
-    ended.kind = tool::StreamEvent::Kind::Ended;
-    queue.push(ended);
+    queue.push(tool::ReceivedFrame{.data = Buffer(200)}); // one always fits
+    queue.push(tool::ReceivedFrame{.duration = 20, .gapNs = 3, .data = Buffer(1)});
+    queue.push(kit::ConsumerEvent{});
     EXPECT_EQ(queue.getNumDropped(), 1U);
-    EXPECT_EQ(queue.pop()->data.size(), 200U);
-    queue.pushFrame({}, Buffer(1));
+    EXPECT_EQ(std::get<tool::ReceivedFrame>(*queue.pop()).data.size(), 200U);
+    queue.push(tool::ReceivedFrame{.data = Buffer(1)});
     queue.close();
-    queue.pushFrame({}, Buffer(1));
-    EXPECT_EQ(queue.pop()->kind, tool::StreamEvent::Kind::Ended);
-    EXPECT_EQ(queue.pop()->gapNs, 23) << "what was dropped is no gap";
+    queue.push(tool::ReceivedFrame{.data = Buffer(1)});
+    EXPECT_TRUE(std::holds_alternative<kit::ConsumerEvent>(*queue.pop()));
+    EXPECT_EQ(std::get<tool::ReceivedFrame>(*queue.pop()).gapNs, 23)
+        << "what was dropped is no gap";
     EXPECT_FALSE(queue.pop());
     EXPECT_EQ(queue.getNumDropped(), 1U);
 }

@@ -16,6 +16,7 @@ namespace vlx::tool
 /// A device without a clock of its own, such as "null", takes everything at once; then the system's
 /// clock stands in for it.
 ///
+/// @throws CommandFailure from whatever finds that the device cannot be played on
 /// @thread one at a time
 class AlsaDevice
 {
@@ -27,29 +28,22 @@ public:
         TimeValue time;       ///< at which it left, nanoseconds of CLOCK_MONOTONIC
     };
 
-    AlsaDevice() = default;
+    /// Opens it.
+    explicit AlsaDevice(std::string name);
     ~AlsaDevice();
 
     AlsaDevice(const AlsaDevice&) = delete;
     AlsaDevice& operator=(const AlsaDevice&) = delete;
 
-    /// @return empty, or what is wrong in a few words
-    std::string open(const std::string& name);
-
     /// Sets the format, as near as the device can.
-    ///
-    /// @return as open()
-    std::string configure(std::uint32_t rate, std::uint32_t channels);
+    void configure(std::uint32_t rate, std::uint32_t channels);
 
     /// Begins to play, with silence of that length.
-    ///
-    /// @return as open()
-    std::string begin(double leadSeconds);
+    void begin(double leadSeconds);
 
     /// Looks at the clock and at the device.
     ///
-    /// @return false if it has run dry or stands still: begin() again; getProblem() is set if that
-    ///         makes no sense
+    /// @return false if it has run dry or stands still: begin() again
     bool measure();
 
     /// @return when the next sample written will leave, as of the last measure(), nanoseconds of
@@ -94,14 +88,12 @@ public:
         return m_numWritten;
     }
 
-    const std::string& getProblem() const
-    {
-        return m_problem;
-    }
-
 private:
-    bool note(long result);
+    [[noreturn]] void fail(const std::string& problem) const;
+    void check(int error) const;
+    bool isGoing(long result) const;
 
+    const std::string m_name;
     snd_pcm_t* m_pcm = nullptr;
     snd_pcm_format_t m_format = SND_PCM_FORMAT_FLOAT;
     std::uint32_t m_rate = 0;
@@ -114,7 +106,6 @@ private:
     std::vector<Origin> m_origins;
     std::vector<int> m_integers; // for devices that take no floats
     std::vector<short> m_shorts;
-    std::string m_problem;
 };
 
 } // namespace vlx::tool

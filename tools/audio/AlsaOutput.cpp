@@ -44,87 +44,12 @@ struct TimedSamples
     std::vector<float> values;
 };
 
-void appendFloats(const SampleValues& values, std::vector<float>& floats)
-{
-    std::visit(
-        [&](const auto& vector)
-        {
-            using Value = typename std::decay_t<decltype(vector)>::value_type;
-            constexpr double Scale = std::is_integral_v<Value>
-                                         ? 1.0 / (std::uint64_t{1} << (8 * sizeof(Value) - 1))
-                                         : 1.0;
-            for (const Value value : vector)
-                floats.push_back(static_cast<float>(static_cast<double>(value) * Scale));
-        },
-        values);
-}
-
-/// The input that has been handed to the resampler: which place of it leaves when.
-///
-/// Places are counted in samples since the resampler was reset.
-class InputLine
-{
-public:
-    void reset()
-    {
-        m_anchors.clear();
-        m_numPut = 0;
-        m_place = 0;
-    }
-
-    bool isEmpty() const
-    {
-        return m_anchors.empty();
-    }
-
-    void put(double dueNs, std::size_t samples)
-    {
-        m_anchors.push_back({static_cast<double>(m_numPut), dueNs});
-        m_numPut += samples;
-    }
-
-    void advance(double samples)
-    {
-        m_place += samples;
-        while (m_anchors.size() > 1 && m_anchors[1].place <= m_place)
-            m_anchors.pop_front();
-    }
-
-    /// @return when the next output has to leave, by the frame that it lies in
-    double getDueNs(double rate) const
-    {
-        const Anchor& anchor = m_anchors.front();
-        return anchor.dueNs + (m_place - anchor.place) * NsPerSecond / rate;
-    }
-
-    /// @return when what comes next has to leave, if nothing is missing
-    double getEndNs(double rate) const
-    {
-        const Anchor& anchor = m_anchors.back();
-        return anchor.dueNs + (static_cast<double>(m_numPut) - anchor.place) * NsPerSecond / rate;
-    }
-
-private:
-    struct Anchor
-    {
-        double place;
-        double dueNs;
-    };
-
-    std::deque<Anchor> m_anchors;
-    std::uint64_t m_numPut = 0;
-    double m_place = 0; // of the next output
-};
-
 class AlsaOutput : public AudioOutput
 {
 public:
     AlsaOutput(const PlaySettings& settings, const StopSignal& stop)
-        : m_settings(settings), m_stop(stop)
+        : m_settings(settings), m_stop(stop), m_device(settings.device)
     {
-        const std::string problem = m_device.open(settings.device);
-        if (!problem.empty())
-            throw CommandFailure(ExitCode::Failed, describe(problem));
     }
 
     ~AlsaOutput() override
@@ -137,50 +62,43 @@ public:
     AlsaOutput(const AlsaOutput&) = delete;
     AlsaOutput& operator=(const AlsaOutput&) = delete;
 
-    bool start(const kit::StreamFormat& format) override
+    void start(const kit::StreamFormat& format) override
     {
         m_format = format;
         m_channels = format.channels;
         int error = 0;
         m_resampler = ::src_new(SRC_SINC_MEDIUM_QUALITY, static_cast<int>(m_channels), &error);
         if (m_resampler == nullptr)
-            return fail(::src_strerror(error));
-        std::string problem = m_device.configure(format.rate, format.channels);
+            throw CommandFailure(ExitCode::Failed, ::src_strerror(error));
+        m_device.configure(format.rate, format.channels);
         const double latency = std::chrono::duration<double>(m_settings.latency).count();
         m_leadSeconds = std::max(m_device.getMinLead(), std::min(MaxLeadSeconds, latency / 2));
-        if (problem.empty())
-            problem = m_device.begin(m_leadSeconds);
-        if (!problem.empty())
-            return fail(problem);
+        m_device.begin(m_leadSeconds);
 
         const kit::RealTimeScope scope(m_settings.realTime);
         m_thread = std::thread([this] { loop(); });
-        return true;
     }
 
-    bool write(const ByteView& bytes, TimeValue time) override
+    void write(const ByteView& bytes, TimeValue time) override
     {
-        decodeSamples(bytes, m_format.sampleFormat, m_values);
         TimedSamples samples;
         samples.dueNs = static_cast<double>(time) + static_cast<double>(m_settings.latency.count());
-        appendFloats(m_values, samples.values);
+        decodeLevels(bytes, m_format.sampleFormat, samples.values);
 
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_threadProblem.empty())
-            return fail(m_threadProblem);
+        checkThread();
         const std::size_t maxQueued =
             static_cast<std::size_t>(MaxQueuedSeconds * m_format.rate) * m_channels;
         m_numQueued += samples.values.size();
         m_queue.push_back(std::move(samples));
         while (m_numQueued > maxQueued)
             m_numLate += dropFront();
-        return true;
     }
 
-    bool finish() override
+    void finish() override
     {
         join();
-        return m_threadProblem.empty() || fail(m_threadProblem);
+        checkThread();
     }
 
     void addToReport(nlohmann::ordered_json& report) const override
@@ -216,15 +134,10 @@ public:
     }
 
 private:
-    std::string describe(const std::string& problem) const
+    void checkThread() const
     {
-        return "cannot play on \"" + m_settings.device + "\": " + problem;
-    }
-
-    bool fail(const std::string& problem)
-    {
-        m_problem = describe(problem);
-        return false;
+        if (m_failure)
+            throw CommandFailure(*m_failure);
     }
 
     void join()
@@ -240,57 +153,53 @@ private:
 
     void loop()
     {
-        bool drained = false;
-        while (!drained && !m_stop.isRequested())
+        try
         {
-            if (!fillDevice())
-            {
-                const std::lock_guard<std::mutex> lock(m_mutex);
-                m_threadProblem = m_deviceProblem;
-                return;
-            }
-            std::unique_lock<std::mutex> lock(m_mutex);
-            if (!m_closing)
-                m_condition.wait_for(lock, WakeInterval, [this] { return m_closing; });
-            else if (m_queue.empty() && !m_playing)
-                drained = true;
-            else
-                m_condition.wait_for(lock, WakeInterval);
+            m_device.end(play());
         }
-        m_device.end(drained);
+        catch (const CommandFailure& failure)
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_failure = failure;
+        }
+    }
+
+    /// @return whether everything has been played; otherwise there was a stop
+    bool play()
+    {
+        while (!m_stop.isRequested())
+        {
+            fillDevice();
+            std::unique_lock<std::mutex> lock(m_mutex);
+            if (m_closing && m_queue.empty() && !m_playing)
+                return true;
+            m_condition.wait_for(lock, WakeInterval);
+        }
+        return false;
     }
 
     /// Writes ahead as much as is wanted.
-    ///
-    /// @return false if the device is of no use any more
-    bool fillDevice()
+    void fillDevice()
     {
-        if (!m_device.measure() && !beginAgain())
-            return false;
+        if (!m_device.measure())
+            beginAgain();
         followClock();
         const auto block = static_cast<std::size_t>(BlockSeconds * m_device.getRate()) + 1;
         const double until = getNowNs() + m_leadSeconds * NsPerSecond;
         while (m_device.getNextTime() < until && m_device.getSpace() >= block)
         {
             renderBlock(block);
-            if (!m_device.write(m_block) && !beginAgain())
-                return false;
+            if (!m_device.write(m_block))
+                beginAgain();
         }
-        return true;
     }
 
-    bool beginAgain()
+    void beginAgain()
     {
-        m_deviceProblem = m_device.getProblem();
-        if (m_deviceProblem.empty())
-        {
-            ++m_numUnderruns;
-            m_playing = false;
-            m_deviceProblem = m_device.begin(m_leadSeconds);
-        }
-        if (m_deviceProblem.empty() && !m_device.measure())
-            m_deviceProblem = m_device.getProblem();
-        return m_deviceProblem.empty();
+        ++m_numUnderruns;
+        m_playing = false;
+        m_device.begin(m_leadSeconds);
+        m_device.measure();
     }
 
     static double getNowNs()
@@ -305,8 +214,9 @@ private:
         m_lastUpdateNs = m_device.getNextTime();
         if (!m_playing)
             return;
-        const double error =
-            (m_device.getNextTime() - m_input.getDueNs(m_format.rate)) / NsPerSecond;
+        // What comes out next lies before the end of what was put in.
+        const double dueNs = *m_inputEndNs - m_unplayed * NsPerSecond / m_format.rate;
+        const double error = (m_device.getNextTime() - dueNs) / NsPerSecond;
         if (std::abs(error) > MaxErrorSeconds)
         {
             ++m_numJumps;
@@ -355,7 +265,8 @@ private:
         if (!m_playing)
             return;
         ::src_reset(m_resampler);
-        m_input.reset();
+        m_inputEndNs.reset();
+        m_unplayed = 0;
         m_pending.clear();
         m_flushing = false;
         m_control.forgetError();
@@ -401,16 +312,16 @@ private:
     void takeInput()
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        const bool first = m_input.isEmpty();
         if (m_queue.empty() ||
-            (!first &&
-             std::abs(m_queue.front().dueNs - m_input.getEndNs(m_format.rate)) > MaxJitterNs))
+            (m_inputEndNs && std::abs(m_queue.front().dueNs - *m_inputEndNs) > MaxJitterNs))
         {
             m_flushing = true;
             return;
         }
         const TimedSamples& front = m_queue.front();
-        m_input.put(front.dueNs, front.values.size() / m_channels);
+        const double samples = static_cast<double>(front.values.size() / m_channels);
+        m_inputEndNs = front.dueNs + samples * NsPerSecond / m_format.rate;
+        m_unplayed += samples;
         m_pending.insert(m_pending.end(), front.values.begin(), front.values.end());
         dropFront();
     }
@@ -433,7 +344,7 @@ private:
         m_pending.erase(
             m_pending.begin(),
             m_pending.begin() + data.input_frames_used * std::ptrdiff_t(m_channels));
-        m_input.advance(static_cast<double>(data.output_frames_gen) / ratio);
+        m_unplayed -= static_cast<double>(data.output_frames_gen) / ratio;
         if (!ok || (m_flushing && data.output_frames_gen == 0))
             m_playing = false;
         else if (static_cast<std::size_t>(data.output_frames_gen) < samples && !m_flushing)
@@ -444,7 +355,6 @@ private:
     const StopSignal& m_stop;
     kit::StreamFormat m_format;
     std::size_t m_channels = 0;
-    SampleValues m_values;
     double m_leadSeconds = 0;
 
     std::mutex m_mutex;
@@ -453,15 +363,16 @@ private:
     std::deque<TimedSamples> m_queue;
     std::size_t m_numQueued = 0; // values
     bool m_closing = false;
-    std::string m_threadProblem;
+    std::optional<CommandFailure> m_failure;
     std::uint64_t m_numLate = 0; // samples of the input
 
     // The playing thread's, and after its end whoever called finish().
     AlsaDevice m_device;
     SRC_STATE* m_resampler = nullptr;
     RateControl m_control;
-    InputLine m_input;
-    std::vector<float> m_pending; // that the resampler has not taken
+    std::optional<double> m_inputEndNs; // when what comes behind all that was put in has to leave
+    double m_unplayed = 0;              // samples that were put in and have not come out
+    std::vector<float> m_pending;       // that the resampler has not taken
     std::vector<float> m_block;
     bool m_playing = false;  // the resampler gives what leaves next; otherwise silence does
     bool m_flushing = false; // the resampler gets no more until it is reset
@@ -470,7 +381,6 @@ private:
     double m_maxError = 0; // seconds, of what plays for some time
     std::uint64_t m_numUnderruns = 0;
     std::uint64_t m_numJumps = 0;
-    std::string m_deviceProblem;
 
     std::thread m_thread; // last: it uses all of the above
 };

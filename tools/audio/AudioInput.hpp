@@ -88,24 +88,16 @@ std::unique_ptr<AudioInput> openInput(
     const StopSignal& stop,
     const Deadline& deadline = {});
 
-/// Opens an audio file of any kind that libsndfile reads. Integers of 8, 16, 24 and 32 bits and both
-/// float types come out bit for bit, little-endian; lossy kinds as F32LE.
-///
-/// @throws CommandFailure if it cannot be read
-std::unique_ptr<AudioInput> openFileInput(const std::string& path);
-
 class ByteSource;
 
-/// Takes raw samples from bytes, which are passed on unchanged.
+/// Takes an audio file from bytes: of any kind that libsndfile reads if it is a regular file, WAV if
+/// the bytes cannot be read twice. Integers and both float types come out bit for bit,
+/// little-endian; lossy kinds as F32LE.
 ///
-/// @param refuseFiles  the first read fails if the bytes begin as an audio file does
+/// @param path  of a regular file
+/// @throws CommandFailure if it cannot be read
 std::unique_ptr<AudioInput>
-makeRawInput(std::unique_ptr<ByteSource> source, const kit::StreamFormat& format, bool refuseFiles);
-
-/// Takes a WAV file from bytes that cannot be read twice.
-///
-/// @throws CommandFailure if it is none
-std::unique_ptr<AudioInput> openPipedInput(std::unique_ptr<ByteSource> source);
+openSoundInput(std::unique_ptr<ByteSource> source, const std::string& path);
 
 /// Makes an endless sine at half of full scale.
 ///

@@ -20,27 +20,24 @@ class StopSignal;
 
 /// Where received audio goes. Everything that was written stays, whatever fails afterwards.
 ///
+/// @throws CommandFailure from each of start(), write() and finish(), with one line on what failed
 /// @thread one at a time
 class AudioOutput
 {
 public:
     virtual ~AudioOutput() = default;
 
-    /// Called once, before the first write.
-    ///
-    /// @return whether the output can take the format; otherwise getProblem() says why not
-    virtual bool start(const kit::StreamFormat& format) = 0;
+    /// Sees whether the output can take the format. Called once, before the first write.
+    virtual void start(const kit::StreamFormat& format) = 0;
 
     /// @param bytes  whole samples
     /// @param time   of the first of them, nanoseconds of CLOCK_MONOTONIC; only what is heard at
     ///               once looks at it
-    /// @return whether all of it was written; otherwise getProblem() says why not
-    virtual bool write(const ByteView& bytes, TimeValue time) = 0;
+    virtual void write(const ByteView& bytes, TimeValue time) = 0;
 
-    /// Ends the output, also one that was never started or has failed. Called once.
-    ///
-    /// @return whether everything that was written is safe; otherwise getProblem() says why not
-    virtual bool finish() = 0;
+    /// Ends the output, also one that was never started or has failed, and sees that everything is
+    /// safe. Called once.
+    virtual void finish() = 0;
 
     /// Adds what only this output knows. After finish().
     virtual void addToReport(nlohmann::ordered_json& /*report*/) const {}
@@ -50,15 +47,6 @@ public:
     {
         return {};
     }
-
-    /// @return one line on the last failure
-    const std::string& getProblem() const
-    {
-        return m_problem;
-    }
-
-protected:
-    std::string m_problem;
 };
 
 /// What bounds an output's waits for somebody else.
@@ -89,10 +77,6 @@ std::string listOutputTypes();
 
 /// @return whether the extension asks for raw samples: ".raw" or ".pcm"
 bool isRawPath(const std::string& path);
-
-/// A stream of raw samples in the stream's own format, or of WAV with unknown length.
-std::unique_ptr<AudioOutput>
-openStreamOutput(const std::string& path, bool asWav, const OutputWaits& waits);
 
 /// How audio is played.
 struct PlaySettings

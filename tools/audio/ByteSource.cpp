@@ -21,7 +21,33 @@ namespace
 
 using miscUtils::strerror_r_safe;
 
+/// What a kind of audio file begins with: four bytes at most, which raw samples hardly are.
+struct FileBegin
+{
+    std::string_view bytes;
+    const char* kind;
+};
+
+constexpr FileBegin FileBegins[] = {
+    {"RIFF", "WAV"},
+    {"RIFX", "WAV"},
+    {"RF64", "WAV"},
+    {"fLaC", "FLAC"},
+    {"OggS", "Ogg"},
+    {"ID3", "MP3"},
+    {"FORM", "AIFF"},
+    {".snd", "AU"},
+    {"caff", "CAF"},
+    {"riff", "W64"},
+    {"\x1A\x45\xDF\xA3", "Matroska"}};
+constexpr std::size_t LongestBegin = 4;
+
 } // unnamed namespace
+
+void failToRead(const std::string& name, const std::string& reason)
+{
+    throw CommandFailure(ExitCode::Failed, "cannot read " + name + ": " + reason);
+}
 
 ByteSource::ByteSource(const std::string& path, const StopSignal& stop, const Deadline& deadline)
     : m_name(path == "-" ? "standard input" : "\"" + path + "\""), m_stop(stop)
@@ -39,13 +65,17 @@ ByteSource::ByteSource(const std::string& path, const StopSignal& stop, const De
             failAtDeadline();
         m_stopped = result == PollResult::Stopped;
         if (m_fd < 0 && !m_stopped)
-            throw CommandFailure(
-                ExitCode::Failed, "cannot read " + m_name + ": " + strerror_r_safe(errno));
+            failToRead(m_name, strerror_r_safe(errno));
     }
     struct stat status
     {
     };
     m_regular = ::fstat(m_fd, &status) == 0 && S_ISREG(status.st_mode);
+    if (S_ISDIR(status.st_mode))
+    {
+        ::close(m_fd);
+        failToRead(m_name, strerror_r_safe(EISDIR));
+    }
 }
 
 ByteSource::~ByteSource()
@@ -62,56 +92,61 @@ std::size_t ByteSource::getSize() const
     return ::fstat(m_fd, &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
 }
 
-std::size_t ByteSource::read(unsigned char* bytes, std::size_t size)
+std::string_view ByteSource::peek(std::size_t size, const Deadline& deadline)
 {
-    std::size_t filled = 0;
-    std::size_t count = 0;
-    while (filled < size && (count = readSome(bytes + filled, size - filled)) > 0)
-        filled += count;
-    return filled;
+    const std::size_t known = m_peeked.size();
+    if (known < size)
+    {
+        m_peeked.resize(size);
+        m_peeked.resize(known + fetch(m_peeked.data() + known, size - known, deadline));
+    }
+    return {reinterpret_cast<const char*>(m_peeked.data()), m_peeked.size()};
 }
 
-std::size_t ByteSource::readSome(unsigned char* bytes, std::size_t size, int otherFD)
+std::string ByteSource::peekFileKind(const Deadline& deadline)
 {
-    if (!m_peeked.empty())
+    const std::string_view begin = peek(LongestBegin, deadline);
+    const auto* const found = std::find_if(
+        std::begin(FileBegins), std::end(FileBegins),
+        [&](const FileBegin& known) { return begin.starts_with(known.bytes); });
+    return found == std::end(FileBegins) ? "" : found->kind;
+}
+
+std::size_t ByteSource::read(unsigned char* bytes, std::size_t size)
+{
+    const auto known = static_cast<std::ptrdiff_t>(std::min(size, m_peeked.size()));
+    unsigned char* const rest = std::copy_n(m_peeked.begin(), known, bytes);
+    m_peeked.erase(m_peeked.begin(), m_peeked.begin() + known);
+    const auto filled = static_cast<std::size_t>(known);
+    return filled + fetch(rest, size - filled, {});
+}
+
+std::size_t ByteSource::fetch(unsigned char* bytes, std::size_t size, const Deadline& deadline)
+{
+    std::size_t filled = 0;
+    while (filled < size && m_problem.empty())
     {
-        const std::size_t count = std::min(size, m_peeked.size());
-        std::copy_n(m_peeked.begin(), count, bytes);
-        m_peeked.erase(m_peeked.begin(), m_peeked.begin() + static_cast<std::ptrdiff_t>(count));
-        return count;
-    }
-    while (m_problem.empty())
-    {
-        const PollResult result = waitForEvents(m_fd, POLLIN, m_stop, {}, otherFD);
+        const PollResult result = waitForEvents(m_fd, POLLIN, m_stop, deadline);
         m_stopped = result == PollResult::Stopped;
-        if (result != PollResult::Ready)
-            return 0;
-        const ssize_t count = ::read(m_fd, bytes, size);
-        if (count >= 0)
-            return static_cast<std::size_t>(count);
-        if (errno != EINTR && errno != EAGAIN)
+        if (result == PollResult::TimedOut)
+            failAtDeadline();
+        if (m_stopped)
+            break;
+        const ssize_t count = ::read(m_fd, bytes + filled, size - filled);
+        if (count == 0)
+            break;
+        if (count > 0)
+            filled += static_cast<std::size_t>(count);
+        else if (errno != EINTR && errno != EAGAIN)
             m_problem = "cannot read on from " + m_name + ": " + strerror_r_safe(errno);
     }
-    return 0;
+    return filled;
 }
 
 bool ByteSource::rewind()
 {
     m_peeked.clear();
     return ::lseek(m_fd, 0, SEEK_SET) == 0;
-}
-
-bool ByteSource::peekMore(std::size_t size, const Deadline& deadline)
-{
-    if (waitForEvents(m_fd, POLLIN, m_stop, deadline) == PollResult::TimedOut)
-        failAtDeadline();
-    Buffer known;
-    known.swap(m_peeked); // what is read now must not come from there
-    Buffer more(size - known.size());
-    const std::size_t count = readSome(more.data(), more.size());
-    known.insert(known.end(), more.begin(), more.begin() + static_cast<std::ptrdiff_t>(count));
-    m_peeked.swap(known);
-    return count > 0;
 }
 
 void ByteSource::failAtDeadline() const

@@ -13,6 +13,9 @@ namespace vlx::tool
 
 class StopSignal;
 
+/// @throws CommandFailure, always
+[[noreturn]] void failToRead(const std::string& name, const std::string& reason);
+
 /// Bytes of a file, a FIFO or standard input, read without hanging at a stop.
 ///
 /// @thread one at a time
@@ -53,27 +56,21 @@ public:
 
     /// Looks at the first bytes, which the next read gives.
     ///
-    /// @param size       wanted; fewer come only at the end, at an error or at a stop
-    /// @param isEnough   asked after each part whether more is needed
+    /// @param size  wanted; fewer come only at the end, at an error or at a stop
+    /// @return all that have been looked at; valid until the next call
     /// @throws CommandFailure at the deadline
-    template <class Predicate>
-    std::string_view peek(std::size_t size, const Deadline& deadline, Predicate isEnough)
-    {
-        while (m_peeked.size() < size && !isEnough(getPeeked()) && peekMore(size, deadline))
-            ;
-        return getPeeked();
-    }
+    std::string_view peek(std::size_t size, const Deadline& deadline = {});
+
+    /// Looks whether it begins as an audio file does.
+    ///
+    /// @return "WAV", "FLAC", "Ogg"...; empty if nothing tells of an audio file
+    /// @throws CommandFailure at the deadline
+    std::string peekFileKind(const Deadline& deadline = {});
 
     /// Reads until there are so many bytes; fewer only at the end, at an error or at a stop.
     ///
     /// @return bytes read
     std::size_t read(unsigned char* bytes, std::size_t size);
-
-    /// Waits for input and reads what there is.
-    ///
-    /// @param otherFD  ends the wait when it has an error; -1: none
-    /// @return 0 at the end, at an error, at a stop, or if the other descriptor ended the wait
-    std::size_t readSome(unsigned char* bytes, std::size_t size, int otherFD = -1);
 
     bool rewind();
 
@@ -84,12 +81,7 @@ public:
     }
 
 private:
-    std::string_view getPeeked() const
-    {
-        return {reinterpret_cast<const char*>(m_peeked.data()), m_peeked.size()};
-    }
-
-    bool peekMore(std::size_t size, const Deadline& deadline);
+    std::size_t fetch(unsigned char* bytes, std::size_t size, const Deadline& deadline);
     [[noreturn]] void failAtDeadline() const;
 
     const std::string m_name;

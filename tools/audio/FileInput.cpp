@@ -1,19 +1,14 @@
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <limits>
-#include <thread>
 #include <utility>
 
-#include <fcntl.h>
 #include <sndfile.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <miscUtils/MiscUtils.hpp>
 
 #include "AudioInput.hpp"
 #include "ByteSource.hpp"
 #include "PcmCodec.hpp"
-#include "common/ExitCodes.hpp"
 
 namespace vlx::tool
 {
@@ -23,143 +18,131 @@ namespace
 
 using audioUtils::PcmFormat;
 
+/// Which format holds what a file keeps bit for bit.
+constexpr std::pair<int, PcmFormat> ExactFormats[] = {
+    {SF_FORMAT_PCM_S8, PcmFormat::S8},     {SF_FORMAT_PCM_U8, PcmFormat::U8},
+    {SF_FORMAT_PCM_16, PcmFormat::S16LE},  {SF_FORMAT_PCM_24, PcmFormat::S24LE},
+    {SF_FORMAT_PCM_32, PcmFormat::S32LE},  {SF_FORMAT_ALAC_16, PcmFormat::S16LE},
+    {SF_FORMAT_ALAC_20, PcmFormat::S24LE}, {SF_FORMAT_ALAC_24, PcmFormat::S24LE},
+    {SF_FORMAT_ALAC_32, PcmFormat::S32LE}, {SF_FORMAT_DWVW_12, PcmFormat::S16LE},
+    {SF_FORMAT_DWVW_16, PcmFormat::S16LE}, {SF_FORMAT_DWVW_24, PcmFormat::S24LE},
+    {SF_FORMAT_DOUBLE, PcmFormat::F64LE}};
+
 PcmFormat toPcmFormat(int soundFileFormat)
 {
-    switch (soundFileFormat & SF_FORMAT_SUBMASK)
-    {
-    case SF_FORMAT_PCM_S8:
-        return PcmFormat::S8;
-    case SF_FORMAT_PCM_U8:
-        return PcmFormat::U8;
-    case SF_FORMAT_PCM_16:
-    case SF_FORMAT_ALAC_16:
-    case SF_FORMAT_DWVW_12:
-    case SF_FORMAT_DWVW_16:
-        return PcmFormat::S16LE;
-    case SF_FORMAT_PCM_24:
-    case SF_FORMAT_ALAC_20:
-    case SF_FORMAT_ALAC_24:
-    case SF_FORMAT_DWVW_24:
-        return PcmFormat::S24LE;
-    case SF_FORMAT_PCM_32:
-    case SF_FORMAT_ALAC_32:
-        return PcmFormat::S32LE;
-    case SF_FORMAT_DOUBLE:
-        return PcmFormat::F64LE;
-    default:
-        // Float, and everything lossy, whose decoders work in float.
-        return PcmFormat::F32LE;
-    }
+    const auto* const found = std::find_if(
+        std::begin(ExactFormats), std::end(ExactFormats),
+        [&](const auto& each) { return each.first == (soundFileFormat & SF_FORMAT_SUBMASK); });
+    // Float, and everything lossy, whose decoders work in float.
+    return found == std::end(ExactFormats) ? PcmFormat::F32LE : found->second;
 }
 
-sf_count_t readValues(SNDFILE* file, std::vector<std::int16_t>& values, sf_count_t numSamples)
+sf_count_t readValues(SNDFILE* file, std::vector<std::int32_t>& values)
 {
-    return ::sf_readf_short(file, values.data(), numSamples);
+    return ::sf_read_int(file, values.data(), static_cast<sf_count_t>(values.size()));
 }
 
-sf_count_t readValues(SNDFILE* file, std::vector<std::int32_t>& values, sf_count_t numSamples)
+sf_count_t readValues(SNDFILE* file, std::vector<float>& values)
 {
-    return ::sf_readf_int(file, values.data(), numSamples);
+    return ::sf_read_float(file, values.data(), static_cast<sf_count_t>(values.size()));
 }
 
-sf_count_t readValues(SNDFILE* file, std::vector<float>& values, sf_count_t numSamples)
+sf_count_t readValues(SNDFILE* file, std::vector<double>& values)
 {
-    return ::sf_readf_float(file, values.data(), numSamples);
+    return ::sf_read_double(file, values.data(), static_cast<sf_count_t>(values.size()));
 }
 
-sf_count_t readValues(SNDFILE* file, std::vector<double>& values, sf_count_t numSamples)
-{
-    return ::sf_readf_double(file, values.data(), numSamples);
-}
-
-[[noreturn]] void failToRead(const std::string& name, const std::string& reason)
-{
-    throw CommandFailure(ExitCode::Failed, "cannot read " + name + ": " + reason);
-}
-
-/// Hands bytes to libsndfile through a pipe of this process. libsndfile reads from a descriptor and
-/// waits there; its end of this pipe is closed at a stop.
-class PipeRelay
+/// What libsndfile reads of a source that gives its bytes once. To find the samples it jumps over
+/// them, sees that nothing is there, and comes back.
+class OneWayFile
 {
 public:
-    explicit PipeRelay(std::unique_ptr<ByteSource> source) : m_source(std::move(source))
-    {
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) != 0)
-            failToRead(m_source->getName(), miscUtils::strerror_r_safe(errno));
-        m_readFD = ends[0];
-        m_thread = std::thread([this, writeFD = ends[1]] { copy(writeFD); });
-    }
+    explicit OneWayFile(ByteSource& source) : m_source(source) {}
 
-    /// @pre the reading end is closed
-    ~PipeRelay()
+    SNDFILE* open(SF_INFO& info)
     {
-        m_thread.join();
-    }
-
-    PipeRelay(const PipeRelay&) = delete;
-    PipeRelay& operator=(const PipeRelay&) = delete;
-
-    /// @return the reading end, which the caller closes
-    int getReadFD() const
-    {
-        return m_readFD;
+        SF_VIRTUAL_IO calls = {
+            [](void*) { return std::numeric_limits<sf_count_t>::max() / 2; }, // long enough
+            [](sf_count_t offset, int whence, void* file)
+            { return static_cast<OneWayFile*>(file)->seek(offset, whence); },
+            [](void* data, sf_count_t size, void* file) {
+                return static_cast<OneWayFile*>(file)->read(
+                    static_cast<unsigned char*>(data), size);
+            },
+            nullptr, [](void* file) { return static_cast<OneWayFile*>(file)->m_place; }};
+        SNDFILE* const file = ::sf_open_virtual(&calls, SFM_READ, &info, this);
+        // From the samples on there is no way back.
+        Buffer header(static_cast<std::size_t>(m_place));
+        m_source.read(header.data(), std::min(header.size(), m_source.peek(0).size()));
+        m_isOpen = true;
+        return file;
     }
 
 private:
-    void copy(int writeFD)
+    sf_count_t seek(sf_count_t offset, int whence)
     {
-        constexpr std::size_t ChunkSize = 4096; // at most what a pipe takes whole
-        unsigned char chunk[ChunkSize];
-        std::size_t size = 0;
-        while ((size = m_source->readSome(chunk, ChunkSize, writeFD)) > 0 &&
-               ::write(writeFD, chunk, size) == static_cast<ssize_t>(size))
-            ;
-        ::close(writeFD);
+        if (m_isOpen || whence == SEEK_END)
+            return -1;
+        m_place = whence == SEEK_CUR ? m_place + offset : offset;
+        return m_place;
     }
 
-    const std::unique_ptr<ByteSource> m_source;
-    int m_readFD = -1;
-    std::thread m_thread;
+    sf_count_t read(unsigned char* data, sf_count_t size)
+    {
+        const auto wanted = static_cast<std::size_t>(size);
+        if (m_isOpen)
+            return static_cast<sf_count_t>(m_source.read(data, wanted));
+        const auto place = static_cast<std::size_t>(m_place);
+        if (place > m_source.peek(0).size())
+            return 0;
+        const std::string_view known = m_source.peek(place + wanted);
+        const std::size_t count = std::min(wanted, known.size() - place);
+        std::copy_n(known.begin() + m_place, count, data);
+        m_place += static_cast<sf_count_t>(count);
+        return static_cast<sf_count_t>(count);
+    }
+
+    ByteSource& m_source;
+    sf_count_t m_place = 0; // while the header is read
+    bool m_isOpen = false;
 };
 
 class FileInput : public AudioInput
 {
 public:
-    /// @param name  how messages call it
-    /// @param file   null if it could not be opened; owned
-    /// @param relay  null for a file that is read directly
-    FileInput(
-        std::string name,
-        SNDFILE* file,
-        const SF_INFO& info,
-        std::unique_ptr<PipeRelay> relay = nullptr)
-        : m_name(std::move(name)), m_relay(std::move(relay)), m_file(file)
+    FileInput(std::unique_ptr<ByteSource> source, const std::string& path)
+        : m_source(std::move(source)),
+          m_isLive(path == "-" || !m_source->isFile()),
+          m_oneWay(*m_source)
     {
+        const std::string name = m_source->getName();
+        if (m_source->isFile() && m_source->getSize() == 0)
+            failToRead(name, "it is empty");
+        SF_INFO info{};
+        m_file.reset(m_isLive ? m_oneWay.open(info) : ::sf_open(path.c_str(), SFM_READ, &info));
         if (m_file == nullptr)
-            failToRead(m_name, explainRefusal());
-        takeFormat(info);
+            failToRead(name, explainRefusal());
+        // The stream announces the channels in one byte.
+        if (info.channels > std::numeric_limits<std::uint8_t>::max())
+            failToRead(
+                name, std::to_string(info.channels) + " channels, a stream carries up to 255");
+        m_format = {
+            toPcmFormat(info.format), static_cast<std::uint32_t>(info.samplerate),
+            static_cast<std::uint32_t>(info.channels)};
+        m_values = makeSampleValues(m_format.sampleFormat);
+        if (!m_isLive && info.seekable != 0)
+            m_length = static_cast<std::uint64_t>(info.frames);
     }
-
-    ~FileInput() override
-    {
-        ::sf_close(m_file);
-    }
-
-    FileInput(const FileInput&) = delete;
-    FileInput& operator=(const FileInput&) = delete;
 
     std::size_t read(Buffer& bytes, std::size_t numSamples) override
     {
+        const std::size_t channels = m_format.channels;
         const std::size_t samplesRead = std::visit(
             [&](auto& values)
             {
-                values.resize(numSamples * m_format.channels);
-                const sf_count_t count =
-                    readValues(m_file, values, static_cast<sf_count_t>(numSamples));
-                const auto whole = static_cast<std::size_t>(count);
-                values.resize(whole * m_format.channels);
-                return whole;
+                values.resize(numSamples * channels);
+                values.resize(static_cast<std::size_t>(readValues(m_file.get(), values)));
+                return values.size() / channels;
             },
             m_values);
         encodeSamples(m_values, m_format.sampleFormat, bytes);
@@ -168,7 +151,7 @@ public:
 
     bool rewind() override
     {
-        return ::sf_seek(m_file, 0, SEEK_SET) == 0;
+        return !m_isLive && ::sf_seek(m_file.get(), 0, SEEK_SET) == 0;
     }
 
     std::optional<std::uint64_t> getLength() const override
@@ -178,17 +161,25 @@ public:
 
     bool isLive() const override
     {
-        return m_relay != nullptr;
+        return m_isLive;
     }
 
     std::string getProblem() const override
     {
-        if (::sf_error(m_file) == SF_ERR_NO_ERROR)
-            return {};
-        return "cannot read on in " + m_name + ": " + ::sf_strerror(m_file);
+        if (!m_source->getProblem().empty() || ::sf_error(m_file.get()) == SF_ERR_NO_ERROR)
+            return m_source->getProblem();
+        return "cannot read on in " + m_source->getName() + ": " + ::sf_strerror(m_file.get());
     }
 
 private:
+    struct Closer
+    {
+        void operator()(SNDFILE* file) const
+        {
+            ::sf_close(file);
+        }
+    };
+
     static std::string explainRefusal()
     {
         if (::sf_error(nullptr) == SF_ERR_UNRECOGNISED_FORMAT)
@@ -196,62 +187,20 @@ private:
         return ::sf_strerror(nullptr);
     }
 
-    void takeFormat(const SF_INFO& info)
-    {
-        // The stream announces the channels in one byte.
-        if (info.channels > std::numeric_limits<std::uint8_t>::max())
-        {
-            ::sf_close(m_file);
-            failToRead(
-                m_name, std::to_string(info.channels) + " channels, a stream carries up to 255");
-        }
-        m_format.sampleFormat = toPcmFormat(info.format);
-        m_format.rate = static_cast<std::uint32_t>(info.samplerate);
-        m_format.channels = static_cast<std::uint32_t>(info.channels);
-        m_values = makeSampleValues(m_format.sampleFormat);
-        if (info.seekable != 0)
-            m_length = static_cast<std::uint64_t>(info.frames);
-    }
-
-    const std::string m_name;
-    const std::unique_ptr<PipeRelay> m_relay;
-    SNDFILE* const m_file;
+    const std::unique_ptr<ByteSource> m_source;
+    const bool m_isLive;
+    OneWayFile m_oneWay;
+    std::unique_ptr<SNDFILE, Closer> m_file;
     SampleValues m_values;
     std::optional<std::uint64_t> m_length;
 };
 
-// libsndfile's own words for these cases name neither the cause nor the file.
-void checkReadable(const std::string& path)
-{
-    struct stat status
-    {
-    };
-    const std::string name = "\"" + path + "\"";
-    if (::stat(path.c_str(), &status) != 0 || ::access(path.c_str(), R_OK) != 0)
-        failToRead(name, miscUtils::strerror_r_safe(errno));
-    if (S_ISDIR(status.st_mode))
-        failToRead(name, miscUtils::strerror_r_safe(EISDIR));
-    if (status.st_size == 0)
-        failToRead(name, "it is empty");
-}
-
 } // unnamed namespace
 
-std::unique_ptr<AudioInput> openFileInput(const std::string& path)
+std::unique_ptr<AudioInput>
+openSoundInput(std::unique_ptr<ByteSource> source, const std::string& path)
 {
-    checkReadable(path);
-    SF_INFO info{};
-    SNDFILE* const file = ::sf_open(path.c_str(), SFM_READ, &info);
-    return std::make_unique<FileInput>("\"" + path + "\"", file, info);
-}
-
-std::unique_ptr<AudioInput> openPipedInput(std::unique_ptr<ByteSource> source)
-{
-    const std::string name = source->getName();
-    auto relay = std::make_unique<PipeRelay>(std::move(source));
-    SF_INFO info{};
-    SNDFILE* const file = ::sf_open_fd(relay->getReadFD(), SFM_READ, &info, SF_TRUE);
-    return std::make_unique<FileInput>(name, file, info, std::move(relay));
+    return std::make_unique<FileInput>(std::move(source), path);
 }
 
 } // namespace vlx::tool

@@ -1,18 +1,26 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <climits>
+#include <filesystem>
 #include <iterator>
+#include <optional>
 #include <string_view>
-#include <type_traits>
+#include <utility>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sndfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <miscUtils/MiscUtils.hpp>
 
 #include "AudioOutput.hpp"
-#include "OutputFile.hpp"
 #include "PcmCodec.hpp"
 #include "common/ExitCodes.hpp"
+#include "common/StandardStreams.hpp"
+#include "common/StopSignal.hpp"
 
 namespace vlx::tool
 {
@@ -20,13 +28,15 @@ namespace vlx::tool
 namespace
 {
 
+using SteadyClock = std::chrono::steady_clock;
+
 struct FileKind
 {
     std::string_view extension;
     std::string_view name;
     int container;
     int lossyCodec;     // 0: samples are kept as they are
-    bool rewritable;    // the header can be brought up to date while the file grows
+    bool plain;         // samples lie there one by one, behind a header that is brought up to date
     bool fourGigabytes; // sizes in the header have 32 bits
 };
 
@@ -46,10 +56,14 @@ constexpr FileKind FileKinds[] = {
     {"oga", "Ogg Vorbis", SF_FORMAT_OGG, SF_FORMAT_VORBIS, false, false},
     {"opus", "Ogg Opus", SF_FORMAT_OGG, SF_FORMAT_OPUS, false, false},
     {"mp3", "MP3", SF_FORMAT_MPEG, SF_FORMAT_MPEG_LAYER_III, false, false},
+    {"raw", "raw", SF_FORMAT_RAW, 0, true, false},
+    {"pcm", "raw", SF_FORMAT_RAW, 0, true, false},
 };
 
 // Leaves room for the header.
-constexpr std::uint64_t MaxBytesOfFourGigabytes = 0xFFFF'FFFF - 0x1'0000;
+constexpr sf_count_t MaxBytesOfFourGigabytes = 0xFFFF'FFFF - 0x1'0000;
+// For a reader that takes nothing any more, once a stop is asked for.
+constexpr auto StopGrace = std::chrono::milliseconds(250);
 
 std::string toLower(std::string text)
 {
@@ -59,29 +73,24 @@ std::string toLower(std::string text)
     return text;
 }
 
+/// @return in lower case and without the dot
 std::string getExtension(const std::string& path)
 {
-    const std::size_t slash = path.rfind('/');
-    const std::size_t dot = path.rfind('.');
-    if (dot == std::string::npos || (slash != std::string::npos && dot < slash))
-        return {};
-    return toLower(path.substr(dot + 1));
+    const std::string extension = std::filesystem::path(path).extension();
+    return extension.empty() ? extension : toLower(extension.substr(1));
 }
 
-bool isRawType(const std::string& type)
+/// @throws CommandFailure if the kind is not known
+const FileKind& findKind(const std::string& type)
 {
-    return type == "raw" || type == "pcm";
-}
-
-/// @return nothing if the kind is not known
-const FileKind* findKind(const std::string& type)
-{
-    for (const FileKind& kind : FileKinds)
-    {
-        if (type.empty() || kind.extension == type)
-            return &kind;
-    }
-    return nullptr;
+    const auto* const found = std::find_if(
+        std::begin(FileKinds), std::end(FileKinds),
+        [&](const FileKind& kind) { return type.empty() || kind.extension == type; });
+    if (found == std::end(FileKinds))
+        throw CommandFailure(
+            ExitCode::Usage, "\"" + type + "\" is no kind of audio file; known are " +
+                                 listOutputTypes() + ", to be named by -t or the extension");
+    return *found;
 }
 
 /// What libsndfile calls each sample format, in the order of PcmFormat.
@@ -101,152 +110,313 @@ int toOtherEightBits(int subtype)
 /// @return whether the kind can hold the format; then info is filled
 bool chooseFormat(const FileKind& kind, const kit::StreamFormat& format, SF_INFO& info)
 {
-    const int subtype = Subtypes[static_cast<std::size_t>(format.sampleFormat)];
+    const auto number = static_cast<std::size_t>(format.sampleFormat);
+    const int rawOrder = number % 2 == 0 ? SF_ENDIAN_LITTLE : SF_ENDIAN_BIG; // pairs of formats
+    const int container =
+        kind.container | (kind.container == SF_FORMAT_RAW ? rawOrder : SF_ENDIAN_FILE);
     info.samplerate = static_cast<int>(format.rate);
     info.channels = static_cast<int>(format.channels);
-    for (const int candidate : {subtype, toOtherEightBits(subtype)})
+    for (const int candidate : {Subtypes[number], toOtherEightBits(Subtypes[number])})
     {
-        info.format = kind.container | (kind.lossyCodec != 0 ? kind.lossyCodec : candidate);
+        info.format = container | (kind.lossyCodec != 0 ? kind.lossyCodec : candidate);
         if (::sf_format_check(&info) != 0)
             return true;
     }
     return false;
 }
 
-template <class Value>
-sf_count_t writeValues(SNDFILE* file, const std::vector<Value>& values)
+void writeValues(SNDFILE* file, const std::vector<std::int32_t>& values)
 {
-    const auto count = static_cast<sf_count_t>(values.size());
-    if constexpr (std::is_same_v<Value, std::int16_t>)
-        return ::sf_write_short(file, values.data(), count);
-    else if constexpr (std::is_same_v<Value, std::int32_t>)
-        return ::sf_write_int(file, values.data(), count);
-    else if constexpr (std::is_same_v<Value, float>)
-        return ::sf_write_float(file, values.data(), count);
-    else
-        return ::sf_write_double(file, values.data(), count);
+    ::sf_write_int(file, values.data(), static_cast<sf_count_t>(values.size()));
 }
 
+void writeValues(SNDFILE* file, const std::vector<float>& values)
+{
+    ::sf_write_float(file, values.data(), static_cast<sf_count_t>(values.size()));
+}
+
+void writeValues(SNDFILE* file, const std::vector<double>& values)
+{
+    ::sf_write_double(file, values.data(), static_cast<sf_count_t>(values.size()));
+}
+
+/// A file, or a stream of which nothing can be rewritten. It is opened at the start, so that one that
+/// cannot be written is told at once; but a file is put in place only when there is something in it.
 class FileOutput : public AudioOutput
 {
 public:
-    FileOutput(const std::string& path, const FileKind& kind, const OutputWaits& waits)
-        : m_kind(kind), m_file(path, waits)
+    FileOutput(
+        const std::string& path,
+        bool isStream,
+        const FileKind& kind,
+        const OutputWaits& waits)
+        : m_name(path == "-" ? "standard output" : "\"" + path + "\""),
+          m_isStream(isStream),
+          m_kind(kind),
+          m_stop(waits.stop)
     {
+        if (path == "-")
+            m_fd = STDOUT_FILENO;
+        else if (isStream || !openBeside(path))
+            openInPlace(path, waits.openDeadline);
     }
 
     ~FileOutput() override
     {
-        if (m_sound != nullptr)
-            ::sf_close(m_sound);
+        m_sound.reset();
+        close();
     }
 
     FileOutput(const FileOutput&) = delete;
     FileOutput& operator=(const FileOutput&) = delete;
 
-    bool start(const kit::StreamFormat& format) override
+    void start(const kit::StreamFormat& format) override
     {
         m_format = format;
-        return chooseFormat(m_kind, format, m_info) ||
-               fail(std::string(m_kind.name) + " cannot hold " + toText(format));
+        if (!chooseFormat(m_kind, format, m_info))
+            fail(std::string(m_kind.name) + " cannot hold " + toText(format));
     }
 
-    bool write(const ByteView& bytes, TimeValue /*time*/) override
+    void write(const ByteView& bytes, TimeValue /*time*/) override
     {
-        if (m_sound == nullptr && !begin())
-            return false;
-        if (m_kind.fourGigabytes && m_numBytes + bytes.size() > MaxBytesOfFourGigabytes)
-            return fail("it is full: " + std::string(m_kind.name) + " files end at 4 GiB");
-
-        if (!m_kind.rewritable)
-            m_completeSize = m_file.getSize();
+        if (m_sound == nullptr)
+            begin();
+        const sf_count_t before = m_size;
+        if (m_kind.fourGigabytes && !m_isStream &&
+            before + static_cast<sf_count_t>(bytes.size()) > MaxBytesOfFourGigabytes)
+            fail("it is full: " + std::string(m_kind.name) + " files end at 4 GiB");
         decodeSamples(bytes, m_format.sampleFormat, m_values);
-        const sf_count_t written =
-            std::visit([&](const auto& values) { return writeValues(m_sound, values); }, m_values);
-        m_numSamples += written / static_cast<sf_count_t>(m_format.channels);
-        m_numBytes += bytes.size();
-        if (::sf_error(m_sound) == SF_ERR_NO_ERROR)
-            return m_file.commit() || fail(miscUtils::strerror_r_safe(errno));
-
-        failInLibrary(::sf_strerror(m_sound));
-        m_writeFailed = true;
-        if (m_kind.rewritable)
-            dropIncompleteSample();
-        return false;
+        std::visit([&](const auto& values) { writeValues(m_sound.get(), values); }, m_values);
+        if (!m_problem.empty() && !m_isStream)
+            dropIncomplete(before);
+        check();
+        if (::sf_error(m_sound.get()) != SF_ERR_NO_ERROR)
+            fail(::sf_strerror(m_sound.get()));
+        commit();
     }
 
-    bool finish() override
+    void finish() override
     {
-        bool ok = true;
-        if (m_sound != nullptr)
-        {
-            const int error = ::sf_close(m_sound);
-            m_sound = nullptr;
-            ok = error == 0 || failInLibrary(::sf_error_number(error));
-        }
-        // The block that did not fit is cut off again; only now nothing is written behind it.
-        if (m_writeFailed && !m_kind.rewritable)
-            m_file.truncate(m_completeSize);
-        if (!m_file.close())
-            ok = fail(miscUtils::strerror_r_safe(errno));
-        return ok;
+        m_isEnding = true;
+        m_sound.reset();
+        if (!close())
+            noteError();
+        check();
     }
 
 private:
-    // Only with the first samples, so that a recording that gets none leaves no file.
-    bool begin()
+    struct Closer
     {
-        if (!m_file.begin())
-            return fail(miscUtils::strerror_r_safe(errno));
-        m_sound = ::sf_open_fd(m_file.getFD(), SFM_WRITE, &m_info, SF_FALSE);
-        if (m_sound == nullptr)
-            return failInLibrary(::sf_strerror(nullptr));
-
-        // The chunk of peak values holds nothing that was received.
-        ::sf_command(m_sound, SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
-        if (m_kind.rewritable)
+        void operator()(SNDFILE* file) const
         {
-            ::sf_command(m_sound, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
-            ::sf_command(m_sound, SFC_UPDATE_HEADER_NOW, nullptr, 0);
+            ::sf_close(file);
         }
-        return ::sf_error(m_sound) == SF_ERR_NO_ERROR || failInLibrary(::sf_strerror(m_sound));
+    };
+
+    /// @return false if no new file can be made there, or the present one must not be replaced
+    bool openBeside(const std::string& path)
+    {
+        namespace fs = std::filesystem;
+        std::error_code error;
+        const fs::file_status status = fs::status(path, error);
+        const bool exists = fs::exists(status);
+        if (exists && (!fs::is_regular_file(status) || ::access(path.c_str(), W_OK) != 0))
+            return false;
+        // A link stays one: what it leads to is replaced.
+        m_target = exists ? fs::canonical(path, error).string() : path;
+        m_written = m_target + ".part-" + std::to_string(::getpid());
+        constexpr mode_t NewFileMode = 0666; // less the umask
+        m_fd = ::open(
+            m_written.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, NewFileMode);
+        if (m_fd < 0)
+            m_written.clear();
+        else if (exists)
+            ::fchmod(m_fd, static_cast<mode_t>(status.permissions() & fs::perms::all));
+        return m_fd >= 0;
     }
 
-    bool fail(const std::string& reason)
+    // A directory that takes no new file may hold one that can be written.
+    void openInPlace(const std::string& path, const Deadline& deadline)
     {
-        m_problem = "cannot write " + m_file.getName() + ": " + reason;
+        const int flags = O_WRONLY | (m_isStream ? 0 : O_CREAT);
+        const PollResult result = openPatiently(path.c_str(), flags, m_stop, deadline, m_fd);
+        if (result == PollResult::TimedOut)
+            throw CommandFailure(ExitCode::TimedOut, "nobody reads " + m_name);
+        if (m_fd < 0 && result == PollResult::Ready)
+            fail(miscUtils::strerror_r_safe(errno));
+    }
+
+    // Only with the first samples, so that a recording that gets none leaves no file.
+    void begin()
+    {
+        if (!m_isStream && ::ftruncate(m_fd, 0) != 0)
+            noteError();
+        if (m_isStream)
+            m_header.emplace();
+        SF_VIRTUAL_IO calls = {
+            [](void* self) { return static_cast<FileOutput*>(self)->m_size; },
+            [](sf_count_t offset, int whence, void* self)
+            { return static_cast<FileOutput*>(self)->seek(offset, whence); },
+            [](void*, sf_count_t, void*) { return sf_count_t{0}; },
+            [](const void* data, sf_count_t size, void* self)
+            {
+                return static_cast<FileOutput*>(self)->writeBytes(
+                    static_cast<const unsigned char*>(data), size);
+            },
+            [](void* self) { return static_cast<FileOutput*>(self)->m_place; }};
+        m_sound.reset(::sf_open_virtual(&calls, SFM_WRITE, &m_info, this));
+        if (m_sound == nullptr)
+            fail(::sf_strerror(nullptr));
+        // The chunk of peak values holds nothing that was received.
+        ::sf_command(m_sound.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
+        ::sf_command(m_sound.get(), SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
+        ::sf_command(m_sound.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
+        if (m_isStream)
+            sendHeader();
+        check();
+    }
+
+    /// Sends the header of a stream that ends when it ends: the length of the whole, which stands
+    /// behind its first word, and that of the samples, which it ends with, say "unknown".
+    void sendHeader()
+    {
+        constexpr unsigned char Unknown = 0xFF;
+        Buffer header = *std::exchange(m_header, std::nullopt);
+        if (header.empty())
+            return;
+        std::fill_n(header.begin() + 4, 4, Unknown);
+        std::fill_n(header.end() - 4, 4, Unknown);
+        m_place = m_size = 0;
+        writeBytes(header.data(), static_cast<sf_count_t>(header.size()));
+    }
+
+    sf_count_t seek(sf_count_t offset, int whence)
+    {
+        const sf_count_t base = whence == SEEK_END ? m_size : m_place;
+        m_place = whence == SEEK_SET ? offset : base + offset;
+        return m_place;
+    }
+
+    /// @return bytes written; fewer if something is wrong, which is noted
+    sf_count_t writeBytes(const unsigned char* data, sf_count_t size)
+    {
+        const sf_count_t end = m_place + size;
+        if (m_header)
+        {
+            m_header->resize(static_cast<std::size_t>(std::max(m_size, end)));
+            std::copy_n(data, size, m_header->begin() + m_place);
+        }
+        // Behind an error nothing grows, nor does a stream by what closing adds to a file.
+        else if (end > m_size && (!m_problem.empty() || (m_isStream && m_isEnding)))
+            return 0;
+        // What has left a stream stays as it is.
+        else if (end > m_size || !m_isStream)
+            size = send(data, size);
+        m_place += size;
+        m_size = std::max(m_size, m_place);
+        return size;
+    }
+
+    sf_count_t send(const unsigned char* data, sf_count_t size)
+    {
+        sf_count_t sent = 0;
+        while (sent < size && (!m_isStream || waitForReader()))
+        {
+            const auto rest = static_cast<std::size_t>(size - sent);
+            // To a stream not more than a pipe takes without blocking once it is writable.
+            const ssize_t count =
+                m_isStream ? ::write(m_fd, data + sent, std::min<std::size_t>(rest, PIPE_BUF))
+                           : ::pwrite(m_fd, data + sent, rest, m_place + sent);
+            if (count >= 0)
+                sent += count;
+            else if (errno != EINTR && errno != EAGAIN)
+            {
+                noteError();
+                break;
+            }
+        }
+        return sent;
+    }
+
+    bool waitForReader()
+    {
+        if (waitForEvents(m_fd, POLLOUT, m_stop) == PollResult::Ready)
+            return true;
+        if (!m_graceEnd)
+            m_graceEnd = SteadyClock::now() + StopGrace;
+        const auto rest =
+            std::chrono::ceil<std::chrono::milliseconds>(*m_graceEnd - SteadyClock::now());
+        pollfd entry{m_fd, POLLOUT, 0};
+        if (::poll(&entry, 1, static_cast<int>(std::max<std::int64_t>(rest.count(), 0))) > 0)
+            return true;
+        m_problem = "nobody reads " + m_name + " any more: the rest is lost";
         return false;
     }
 
-    // libsndfile puts its own words before the system's.
-    bool failInLibrary(std::string_view reason)
+    // A write that ran out of space may have ended anywhere. Kinds that are not plain end with the
+    // last complete write, plain ones with a whole sample.
+    void dropIncomplete(sf_count_t sizeBefore)
     {
-        constexpr std::string_view SystemErrorPrefix = "System error : ";
-        if (reason.starts_with(SystemErrorPrefix))
-            reason.remove_prefix(SystemErrorPrefix.size());
-        while (!reason.empty() && reason.back() == '.')
-            reason.remove_suffix(1);
-        return fail(std::string(reason));
+        const auto sampleBytes = static_cast<sf_count_t>(m_format.getBytesPerSample());
+        const sf_count_t more = m_kind.plain ? (m_size - sizeBefore) / sampleBytes : 0;
+        m_size = sizeBefore + more * sampleBytes;
+        [[maybe_unused]] const int result = ::ftruncate(m_fd, m_size);
+        ::sf_command(m_sound.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
     }
 
-    // A write that ran out of space may have ended anywhere.
-    void dropIncompleteSample()
+    /// Puts the file in place, once there is something in it.
+    void commit()
     {
-        sf_count_t numSamples = m_numSamples;
-        ::sf_command(m_sound, SFC_FILE_TRUNCATE, &numSamples, sizeof(numSamples));
-        ::sf_command(m_sound, SFC_UPDATE_HEADER_NOW, nullptr, 0);
+        if (m_written.empty())
+            return;
+        if (::rename(m_written.c_str(), m_target.c_str()) != 0)
+            fail(miscUtils::strerror_r_safe(errno));
+        m_written.clear();
     }
 
+    /// Closes the file, and removes it if it was never put in place.
+    bool close()
+    {
+        const int fd = std::exchange(m_fd, -1);
+        if (!m_written.empty())
+            ::unlink(std::exchange(m_written, {}).c_str());
+        return fd < 0 || ::close(fd) == 0;
+    }
+
+    // Nothing may be thrown through libsndfile.
+    void noteError()
+    {
+        m_problem = "cannot write " + m_name + ": " + miscUtils::strerror_r_safe(errno);
+    }
+
+    void check() const
+    {
+        if (!m_problem.empty())
+            throw CommandFailure(ExitCode::Failed, m_problem);
+    }
+
+    [[noreturn]] void fail(const std::string& reason) const
+    {
+        throw CommandFailure(ExitCode::Failed, "cannot write " + m_name + ": " + reason);
+    }
+
+    const std::string m_name; // for messages
+    const bool m_isStream;
     const FileKind& m_kind;
-    OutputFile m_file;
-    SNDFILE* m_sound = nullptr;
+    const StopSignal& m_stop;
+    std::string m_target;  // where the file belongs
+    std::string m_written; // where it is until it is committed; empty: at the target already
+    int m_fd = -1;
+    sf_count_t m_size = 0;
+    sf_count_t m_place = 0;         // at which libsndfile is
+    std::optional<Buffer> m_header; // of a stream, until it is complete
+    std::unique_ptr<SNDFILE, Closer> m_sound;
     kit::StreamFormat m_format;
     SF_INFO m_info{};
     SampleValues m_values;
-    sf_count_t m_numSamples = 0;
-    std::uint64_t m_numBytes = 0;
-    bool m_writeFailed = false;
-    std::uint64_t m_completeSize = 0; // of the file before the last write; kinds with blocks only
+    bool m_isEnding = false;
+    std::string m_problem;                             // empty while all goes well
+    std::optional<SteadyClock::time_point> m_graceEnd; // set once a stop is asked for
 };
 
 } // unnamed namespace
@@ -254,37 +424,40 @@ private:
 std::unique_ptr<AudioOutput>
 openOutput(const std::string& path, const std::string& type, const OutputWaits& waits)
 {
-    const bool stream = path == "-" || isSpecialFile(path);
-    std::string kindName = type.empty() ? getExtension(path) : toLower(type);
-    if (path == "-" && type.empty())
-        kindName = "raw";
-    if (isRawType(kindName) || (stream && kindName == "wav"))
-        return openStreamOutput(path, kindName == "wav", waits);
-
-    const FileKind* const kind = findKind(kindName);
-    if (kind == nullptr)
+    namespace fs = std::filesystem;
+    if (path == "-" && wasClosed(STDOUT_FILENO))
+        throw CommandFailure(ExitCode::Usage, "standard output is closed");
+    if (path == "-" && ::isatty(STDOUT_FILENO) == 1)
         throw CommandFailure(
-            ExitCode::Usage, "\"" + kindName + "\" is no kind of audio file; known are " +
-                                 listOutputTypes() + ", to be named by -t or the extension");
-    if (stream)
+            ExitCode::Usage,
+            "standard output is a terminal, and samples are no text: redirect it, or name a file");
+
+    const std::string preset = path == "-" ? "raw" : getExtension(path);
+    const std::string kindName = type.empty() ? preset : toLower(type);
+    const FileKind& kind = findKind(kindName);
+    std::error_code error;
+    const fs::file_status status = fs::status(path, error);
+    const bool isStream = path == "-" || (fs::exists(status) && fs::is_other(status));
+    if (isStream && kind.container != SF_FORMAT_RAW && kindName != "wav")
         throw CommandFailure(
             ExitCode::Failed, "cannot write \"" + path +
                                   "\": only raw samples (-t raw) or a WAV stream (-t wav) go where "
                                   "nothing can be rewritten");
-    return std::make_unique<FileOutput>(path, *kind, waits);
+    return std::make_unique<FileOutput>(path, isStream, kind, waits);
 }
 
 std::string listOutputTypes()
 {
     std::string list;
     for (const FileKind& kind : FileKinds)
-        list += std::string(kind.extension) + ", ";
-    return list + "raw";
+        list += (list.empty() ? "" : ", ") + std::string(kind.extension);
+    return list;
 }
 
 bool isRawPath(const std::string& path)
 {
-    return isRawType(getExtension(path));
+    const std::string extension = getExtension(path);
+    return extension == "raw" || extension == "pcm";
 }
 
 } // namespace vlx::tool

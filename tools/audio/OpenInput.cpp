@@ -1,11 +1,8 @@
-#include <cerrno>
-
-#include <sys/stat.h>
+#include <utility>
 
 #include "AudioInput.hpp"
 #include "AudioOutput.hpp"
 #include "ByteSource.hpp"
-#include "FileKind.hpp"
 #include "common/ExitCodes.hpp"
 #include "common/StopSignal.hpp"
 
@@ -15,56 +12,83 @@ namespace vlx::tool
 namespace
 {
 
-bool isRegularOrMissing(const std::string& path)
+/// Raw samples, which are passed on unchanged.
+class RawInput : public AudioInput
 {
-    struct stat status
+public:
+    /// @param refuseFiles  the first read fails if the bytes begin as an audio file does
+    RawInput(std::unique_ptr<ByteSource> source, const kit::StreamFormat& format, bool refuseFiles)
+        : m_source(std::move(source)), m_refuseFiles(refuseFiles)
     {
-    };
-    return ::stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
-}
-
-std::unique_ptr<AudioInput> openWav(std::unique_ptr<ByteSource> source, const StopSignal& stop)
-{
-    try
-    {
-        return openPipedInput(std::move(source));
+        m_format = format;
     }
-    catch (const CommandFailure&)
+
+    std::size_t read(Buffer& bytes, std::size_t numSamples) override
     {
-        if (!stop.isRequested())
-            throw;
-        return nullptr; // the stop cut its header
+        if (!std::exchange(m_begun, true) && !isFit())
+            return 0;
+        bytes.resize(numSamples * m_format.getBytesPerSample());
+        const std::size_t filled = m_source->read(bytes.data(), bytes.size());
+        return keepWholeSamples(bytes, filled);
     }
-}
 
-/// Opens a FIFO or standard input.
-std::unique_ptr<AudioInput> openStream(
-    const std::string& path,
-    const InputSettings& settings,
-    const StopSignal& stop,
-    const Deadline& deadline)
-{
-    auto source = std::make_unique<ByteSource>(path, stop, deadline);
-    if (source->wasStopped())
-        return nullptr;
-    if (settings.raw || isRawPath(path))
-        return makeRawInput(std::move(source), settings.format, false);
-    // Who says the format need not wait for the first bytes to open the stream.
-    if (settings.formatGiven)
-        return makeRawInput(std::move(source), settings.format, true);
+    bool rewind() override
+    {
+        return m_source->rewind();
+    }
 
-    const std::string kind = getFileKind(peekFileBegin(*source, deadline));
-    if (source->wasStopped())
-        return nullptr;
-    if (kind.empty())
-        return makeRawInput(std::move(source), settings.format, false);
-    if (kind == "WAV")
-        return openWav(std::move(source), stop);
-    throw CommandFailure(
-        ExitCode::Failed, source->getName() + " is a " + kind +
-                              " file, which is not read from there: name the file, pipe it as WAV, "
-                              "or say --raw to send its bytes as samples");
-}
+    std::optional<std::uint64_t> getLength() const override
+    {
+        if (!m_source->isFile())
+            return std::nullopt;
+        return m_source->getSize() / m_format.getBytesPerSample();
+    }
+
+    bool isLive() const override
+    {
+        return !m_source->isFile();
+    }
+
+    std::string getProblem() const override
+    {
+        return m_problem.empty() ? m_source->getProblem() : m_problem;
+    }
+
+private:
+    /// @return whether there is anything, and nothing else than samples
+    bool isFit()
+    {
+        const std::string kind = m_source->peekFileKind();
+        if (m_source->peek(0).empty() && isAtEnd())
+            m_problem = m_source->getName() + " is empty";
+        else if (m_refuseFiles && !kind.empty())
+            m_problem = m_source->getName() + " is a " + kind +
+                        " file: leave out -f, -r and -c, or say --raw to send its bytes as samples";
+        return m_problem.empty();
+    }
+
+    std::size_t keepWholeSamples(Buffer& bytes, std::size_t filled)
+    {
+        const std::size_t sampleBytes = m_format.getBytesPerSample();
+        const std::size_t rest = filled % sampleBytes;
+        if (rest != 0 && isAtEnd())
+            m_problem = m_source->getName() + " ends inside a sample: " + std::to_string(rest) +
+                        " of " + std::to_string(sampleBytes) + " bytes";
+        bytes.resize(filled - rest);
+        return filled / sampleBytes;
+    }
+
+    /// @return whether a read that gave less than was wanted has come to the end
+    bool isAtEnd() const
+    {
+        return m_source->getProblem().empty() && !m_source->wasStopped();
+    }
+
+    const std::unique_ptr<ByteSource> m_source;
+    const bool m_refuseFiles;
+    bool m_begun = false;
+    std::string m_problem;
+};
 
 } // unnamed namespace
 
@@ -74,15 +98,40 @@ std::unique_ptr<AudioInput> openInput(
     const StopSignal& stop,
     const Deadline& deadline)
 {
-    if (path == "-" || !isRegularOrMissing(path))
-        return openStream(path, settings, stop, deadline);
-    if (settings.raw || isRawPath(path))
-        return makeRawInput(
-            std::make_unique<ByteSource>(path, stop, deadline), settings.format, false);
+    auto source = std::make_unique<ByteSource>(path, stop, deadline);
+    const bool isStream = path == "-" || !source->isFile();
+    const bool isRaw = settings.raw || isRawPath(path);
+    if (source->wasStopped())
+        return nullptr;
+    // Who says the format of a stream need not wait for the first bytes to open it.
+    if (isRaw || (isStream && settings.formatGiven))
+        return std::make_unique<RawInput>(std::move(source), settings.format, !isRaw);
     if (settings.formatGiven)
         throw CommandFailure(
             ExitCode::Usage, "-f, -r and -c are for raw input only: add --raw, or leave them out");
-    return openFileInput(path);
+    if (!isStream)
+        return openSoundInput(std::move(source), path);
+
+    const std::string kind = source->peekFileKind(deadline);
+    if (source->wasStopped())
+        return nullptr;
+    if (kind.empty())
+        return std::make_unique<RawInput>(std::move(source), settings.format, false);
+    if (kind != "WAV")
+        throw CommandFailure(
+            ExitCode::Failed, source->getName() + " is a " + kind +
+                                  " file, which is not read from there: name the file, pipe it as "
+                                  "WAV, or say --raw to send its bytes as samples");
+    try
+    {
+        return openSoundInput(std::move(source), path);
+    }
+    catch (const CommandFailure&)
+    {
+        if (!stop.isRequested())
+            throw;
+        return nullptr; // the stop cut its header
+    }
 }
 
 } // namespace vlx::tool

@@ -1,6 +1,8 @@
 #include "PcmCodec.hpp"
 
+#include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstddef>
 #include <type_traits>
 
@@ -14,34 +16,9 @@ using audioUtils::PcmFormat;
 
 constexpr std::uint64_t UnsignedOffset = 0x80; // of U8, in the one byte that it has
 
-bool isBigEndian(PcmFormat format)
-{
-    switch (format)
-    {
-    case PcmFormat::S16BE:
-    case PcmFormat::S24BE:
-    case PcmFormat::S32BE:
-    case PcmFormat::F32BE:
-    case PcmFormat::F64BE:
-        return true;
-    case PcmFormat::S8:
-    case PcmFormat::U8:
-    case PcmFormat::S16LE:
-    case PcmFormat::S24LE:
-    case PcmFormat::S32LE:
-    case PcmFormat::F32LE:
-    case PcmFormat::F64LE:
-        return false;
-    }
-    return false;
-}
-
 /// The integer with as many bits as a value, for its bit pattern.
 template <class Value>
-using Bits = std::conditional_t<
-    sizeof(Value) == 2,
-    std::uint16_t,
-    std::conditional_t<sizeof(Value) == 4, std::uint32_t, std::uint64_t>>;
+using Bits = std::conditional_t<sizeof(Value) == 4, std::uint32_t, std::uint64_t>;
 
 /// How one format lays its bits out.
 template <class Value>
@@ -50,7 +27,7 @@ struct Layout
     explicit Layout(PcmFormat format)
         : size(audioUtils::bytesPerSample(format)),
           shift(8 * (sizeof(Value) - size)),
-          bigEndian(isBigEndian(format)),
+          bigEndian(static_cast<int>(format) % 2 == 1), // of each pair the second one
           flip(format == PcmFormat::U8 ? UnsignedOffset : 0)
     {
     }
@@ -77,30 +54,25 @@ struct Layout
     std::uint64_t flip;
 };
 
+template <class Value>
+void decode(const ByteView& bytes, PcmFormat format, std::vector<Value>& values)
+{
+    const Layout<Value> layout(format);
+    values.resize(bytes.size() / layout.size);
+    for (std::size_t i = 0; i < values.size(); ++i)
+        values[i] = layout.load(bytes.data() + i * layout.size);
+}
+
 } // unnamed namespace
 
 SampleValues makeSampleValues(PcmFormat format)
 {
-    switch (format)
-    {
-    case PcmFormat::S8:
-    case PcmFormat::U8:
-    case PcmFormat::S16LE:
-    case PcmFormat::S16BE:
-        return std::vector<std::int16_t>();
-    case PcmFormat::S24LE:
-    case PcmFormat::S24BE:
-    case PcmFormat::S32LE:
-    case PcmFormat::S32BE:
-        return std::vector<std::int32_t>();
-    case PcmFormat::F32LE:
-    case PcmFormat::F32BE:
-        return std::vector<float>();
-    case PcmFormat::F64LE:
-    case PcmFormat::F64BE:
+    // The numbers of the formats grow with what they hold.
+    if (format >= PcmFormat::F64LE)
         return std::vector<double>();
-    }
-    return {};
+    if (format >= PcmFormat::F32LE)
+        return std::vector<float>();
+    return std::vector<std::int32_t>();
 }
 
 void encodeSamples(const SampleValues& values, PcmFormat format, Buffer& bytes)
@@ -121,15 +93,40 @@ void decodeSamples(const ByteView& bytes, PcmFormat format, SampleValues& values
     SampleValues wanted = makeSampleValues(format);
     if (values.index() != wanted.index())
         values = std::move(wanted);
+    std::visit([&](auto& vector) { decode(bytes, format, vector); }, values);
+}
+
+void decodeLevels(const ByteView& bytes, PcmFormat format, std::vector<float>& levels)
+{
+    SampleValues values;
+    decodeSamples(bytes, format, values);
     std::visit(
-        [&](auto& vector)
+        [&](const auto& vector)
         {
-            const Layout<typename std::decay_t<decltype(vector)>::value_type> layout(format);
-            vector.resize(bytes.size() / layout.size);
-            for (std::size_t i = 0; i < vector.size(); ++i)
-                vector[i] = layout.load(bytes.data() + i * layout.size);
+            using Value = typename std::decay_t<decltype(vector)>::value_type;
+            constexpr double Scale = std::is_integral_v<Value> ? 0x1p-31 : 1;
+            levels.resize(vector.size());
+            std::transform(
+                vector.begin(), vector.end(), levels.begin(),
+                [](Value value) { return static_cast<float>(static_cast<double>(value) * Scale); });
         },
         values);
+}
+
+double measurePeak(const ByteView& bytes, PcmFormat format)
+{
+    std::vector<float> levels;
+    decodeLevels(bytes, format, levels);
+    float peak = 0;
+    for (const float level : levels)
+        peak = std::max(peak, std::abs(level));
+    return static_cast<double>(peak);
+}
+
+double toDecibels(double level)
+{
+    constexpr double Lowest = -120;
+    return level > 0 ? std::max(20 * std::log10(level), Lowest) : Lowest;
 }
 
 } // namespace vlx::tool

@@ -11,16 +11,11 @@ namespace vlx::tool
 {
 
 /// Sample values of all channels in the host's own types, as audio file libraries take them.
-/// Integers fill their type from the top: an 8-bit sample stands in the upper byte, a 24-bit one in
-/// the upper three.
-using SampleValues = std::variant<
-    std::vector<std::int16_t>,
-    std::vector<std::int32_t>,
-    std::vector<float>,
-    std::vector<double>>;
+/// Integers fill their type from the top: an 8-bit sample stands in the uppermost byte.
+using SampleValues =
+    std::variant<std::vector<std::int32_t>, std::vector<float>, std::vector<double>>;
 
-/// @return no values yet, of the type that holds every value of the format: 16 bits for formats of
-///         8 and 16 bits, 32 bits for those of 24 and 32
+/// @return no values yet, of the type that holds every value of the format
 SampleValues makeSampleValues(audioUtils::PcmFormat format);
 
 /// Turns values into a stream's bytes. Nothing is rounded: bits below the format's are cut.
@@ -34,5 +29,18 @@ void encodeSamples(const SampleValues& values, audioUtils::PcmFormat format, Buf
 /// @param bytes   whole values
 /// @param values  replaced, and made the type that the format asks for
 void decodeSamples(const ByteView& bytes, audioUtils::PcmFormat format, SampleValues& values);
+
+/// Decodes values of any format as parts of full scale.
+///
+/// @param bytes   whole values
+/// @param levels  replaced
+void decodeLevels(const ByteView& bytes, audioUtils::PcmFormat format, std::vector<float>& levels);
+
+/// @param bytes  whole values
+/// @return the loudest value's distance from silence; 1 is full scale
+double measurePeak(const ByteView& bytes, audioUtils::PcmFormat format);
+
+/// @return a level in dBFS; at least -120, also for silence
+double toDecibels(double level);
 
 } // namespace vlx::tool

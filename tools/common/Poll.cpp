@@ -42,17 +42,16 @@ bool isFifo(const char* path)
 
 } // unnamed namespace
 
-PollResult
-waitForEvents(int fd, short events, const StopSignal& stop, const Deadline& deadline, int otherFD)
+PollResult waitForEvents(int fd, short events, const StopSignal& stop, const Deadline& deadline)
 {
-    pollfd entries[] = {{stop.getFD(), POLLIN, 0}, {otherFD, 0, 0}, {fd, events, 0}};
+    pollfd entries[] = {{stop.getFD(), POLLIN, 0}, {fd, events, 0}};
     int numReady = 0;
     do
         numReady = ::poll(entries, std::size(entries), getPollTimeout(deadline));
     while (numReady < 0 && errno == EINTR);
     if (entries[0].revents != 0)
         return PollResult::Stopped;
-    return numReady == 0 || entries[1].revents != 0 ? PollResult::TimedOut : PollResult::Ready;
+    return numReady == 0 ? PollResult::TimedOut : PollResult::Ready;
 }
 
 PollResult openPatiently(

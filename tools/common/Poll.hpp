@@ -22,14 +22,8 @@ enum class PollResult
 /// Waits until a descriptor has one of the events, an error or an end.
 ///
 /// @param deadline  unset: never
-/// @param otherFD   gives TimedOut, too, when it has an error, as a pipe has that nobody reads; -1:
-///                  none
-PollResult waitForEvents(
-    int fd,
-    short events,
-    const StopSignal& stop,
-    const Deadline& deadline = {},
-    int otherFD = -1);
+PollResult
+waitForEvents(int fd, short events, const StopSignal& stop, const Deadline& deadline = {});
 
 /// Opens a file without hanging: a FIFO, which has no other end yet, is waited for, until there is a
 /// stop or the deadline. Everything else is opened as usual.

@@ -9,7 +9,7 @@
 
 #include <vlx/VlxReceiver.hpp>
 
-#include "audio/Level.hpp"
+#include "audio/PcmCodec.hpp"
 #include "common/SenderReport.hpp"
 #include "common/Text.hpp"
 

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
-#include <type_traits>
 #include <utility>
 
 #include <vlxkit/Discovery.hpp>
@@ -20,16 +18,6 @@ namespace
 {
 
 constexpr auto PeakHoldTime = std::chrono::seconds(2);
-
-/// @return what makes a value of this type a part of full scale
-template <class Value>
-constexpr double getScale()
-{
-    if constexpr (std::is_floating_point_v<Value>)
-        return 1.0;
-    else
-        return -1.0 / std::numeric_limits<Value>::min();
-}
 
 } // unnamed namespace
 
@@ -69,23 +57,17 @@ void StreamMeter::handleFormat(const kit::StreamFormat& format)
 void StreamMeter::handleFrame(const kit::Frame& frame)
 {
     const std::size_t usable = frame.data.size() - frame.data.size() % m_format.getBytesPerSample();
-    decodeSamples(ByteView(frame.data).first(usable), m_format.sampleFormat, m_values);
+    decodeLevels(ByteView(frame.data).first(usable), m_format.sampleFormat, m_levels);
 
     const std::lock_guard<std::mutex> lock(m_mutex);
-    std::visit(
-        [this](const auto& values)
-        {
-            using Value = typename std::decay_t<decltype(values)>::value_type;
-            for (std::size_t i = 0; i < values.size(); ++i)
-            {
-                ChannelSums& channel = m_channels[i % m_channels.size()];
-                const double value = static_cast<double>(values[i]) * getScale<Value>();
-                channel.peak = std::max(channel.peak, std::abs(value));
-                channel.squares += value * value;
-                ++channel.samples;
-            }
-        },
-        m_values);
+    for (std::size_t i = 0; i < m_levels.size(); ++i)
+    {
+        ChannelSums& channel = m_channels[i % m_channels.size()];
+        const double value = static_cast<double>(m_levels[i]);
+        channel.peak = std::max(channel.peak, std::abs(value));
+        channel.squares += value * value;
+        ++channel.samples;
+    }
 }
 
 void StreamMeter::handleEvent(const kit::ConsumerEvent& event)

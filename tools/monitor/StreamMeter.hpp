@@ -83,7 +83,7 @@ private:
 
     // Of the receiving thread.
     kit::StreamFormat m_format;
-    SampleValues m_values;
+    std::vector<float> m_levels; // of a frame
 
     std::mutex m_mutex;
     // Guarded by m_mutex.

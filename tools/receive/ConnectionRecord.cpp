@@ -9,38 +9,13 @@
 namespace vlx::tool
 {
 
-namespace
-{
-
-const char* toText(EndReason reason)
-{
-    switch (reason)
-    {
-    case EndReason::Lost:
-        return "lost";
-    case EndReason::Stall:
-        return "stall";
-    case EndReason::Stop:
-        return "stop";
-    }
-    return "unknown";
-}
-
-} // unnamed namespace
-
 ConnectionRecord::ConnectionRecord(std::string joinedAfter, TimeValue waitBegin)
     : m_joinedAfter(std::move(joinedAfter)), m_waitBegin(waitBegin)
 {
 }
 
-void ConnectionRecord::setFormat(const kit::StreamFormat& format, Receiver::StreamClockType clock)
-{
-    m_format = format;
-    m_clock = clock;
-}
-
 void ConnectionRecord::addFrame(
-    const StreamEvent& frame,
+    const ReceivedFrame& frame,
     std::uint64_t samples,
     const FilePlace& place)
 {
@@ -61,22 +36,15 @@ void ConnectionRecord::addFrame(
         m_overlapNs -= frame.gapNs;
     }
     ++m_frames;
-    m_bytes += frame.data.size();
-    if (frame.data.size() % m_format.getBytesPerSample() != 0)
+    if (frame.data.size() % m_announced.format.getBytesPerSample() != 0)
         ++m_oddFrames;
-    m_lastTimestamp = frame.timestamp;
     // Only then do timestamp and arrival stand on one clock.
-    if (m_clock == Receiver::StreamClockType::MonotonicSystemClock)
+    if (m_announced.clock == Receiver::StreamClockType::MonotonicSystemClock)
         m_ages.add(static_cast<std::int64_t>(frame.time - frame.timestamp));
 
     if (first || frame.gapNs != 0 || m_segments.back().place.file != place.file)
         m_segments.push_back({place, frame.timestamp, 0});
     m_segments.back().samples += samples;
-}
-
-void ConnectionRecord::end(EndReason reason)
-{
-    m_ended = toText(reason);
 }
 
 nlohmann::ordered_json ConnectionRecord::toJson() const
@@ -93,16 +61,14 @@ nlohmann::ordered_json ConnectionRecord::toJson() const
         {"joined_after", m_joinedAfter},
         {"join_ns", m_firstFrameTime - m_waitBegin},
         {"ended", m_ended},
-        {"clock", toString(m_clock)},
+        {"clock", toString(m_announced.clock)},
         {"frames", m_frames},
-        {"bytes", m_bytes},
         {"odd_frames", m_oddFrames},
         {"gaps", m_gaps},
         {"gap_ns", m_gapNs},
         {"overlaps", m_overlaps},
         {"overlap_ns", m_overlapNs},
         {"first_timestamp", m_firstTimestamp},
-        {"last_timestamp", m_lastTimestamp},
         {"segments", segments}};
     addAges(json, m_ages);
     return json;

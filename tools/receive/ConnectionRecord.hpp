@@ -6,10 +6,8 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include <vlx/VlxReceiver.hpp>
 #include <vlx/VlxTypes.hpp>
 #include <vlxkit/AgeHistogram.hpp>
-#include <vlxkit/StreamFormat.hpp>
 
 #include "StreamEvents.hpp"
 
@@ -41,16 +39,23 @@ public:
     /// @param waitBegin    since when a sender was looked for, nanoseconds of CLOCK_MONOTONIC
     ConnectionRecord(std::string joinedAfter, TimeValue waitBegin);
 
-    void setFormat(const kit::StreamFormat& format, Receiver::StreamClockType clock);
+    void setFormat(const AnnouncedFormat& announced)
+    {
+        m_announced = announced;
+    }
 
     /// Counts a frame, before it is written.
     ///
     /// @param samples  that go into the recording
     /// @param place    where the first of them goes
     /// @pre setFormat() was called
-    void addFrame(const StreamEvent& frame, std::uint64_t samples, const FilePlace& place);
+    void addFrame(const ReceivedFrame& frame, std::uint64_t samples, const FilePlace& place);
 
-    void end(EndReason reason);
+    /// @param how  such as "lost"
+    void end(const char* how)
+    {
+        m_ended = how;
+    }
 
     std::uint64_t getNumFrames() const
     {
@@ -68,18 +73,15 @@ public:
 private:
     const std::string m_joinedAfter;
     const TimeValue m_waitBegin;
-    kit::StreamFormat m_format;
-    Receiver::StreamClockType m_clock = Receiver::StreamClockType::Undetermined;
+    AnnouncedFormat m_announced{};
     TimeValue m_firstFrameTime = 0;
     std::uint64_t m_frames = 0;
-    std::uint64_t m_bytes = 0;
     std::uint64_t m_oddFrames = 0;
     std::uint64_t m_gaps = 0;
     std::int64_t m_gapNs = 0;
     std::uint64_t m_overlaps = 0;
     std::int64_t m_overlapNs = 0;
     TimeValue m_firstTimestamp = 0;
-    TimeValue m_lastTimestamp = 0;
     kit::AgeHistogram m_ages;
     std::vector<Segment> m_segments;
     std::string m_ended = "running";

@@ -1,7 +1,9 @@
 #include "ReceiveCommand.hpp"
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 
@@ -29,10 +31,9 @@ namespace
 {
 
 using SteadyClock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
 
 constexpr auto DefaultStall = std::chrono::seconds(2);
-constexpr auto WatchInterval = milliseconds(100);
+constexpr auto WatchInterval = std::chrono::milliseconds(50);
 
 /// Tells when the frames of a stream are to be played.
 class LocalTimes
@@ -51,18 +52,15 @@ public:
             return frame.timestamp;
         const TimeValue streamTime = consumer.getStreamTime();
         const bool synchronized = streamTime != 0;
-        const TimeValue measured =
-            synchronized ? miscUtils::getMonotonicSysclockTime() + frame.timestamp - streamTime
-                         : frame.arrival;
+        const TimeValue time = synchronized ? frame.timestamp : m_received;
+        const auto offset = static_cast<std::int64_t>(
+            synchronized ? miscUtils::getMonotonicSysclockTime() - streamTime
+                         : frame.arrival - time);
+        m_received += frame.duration;
         // However the measurement jitters, frames that continue one another are played so.
-        const TimeValue step = synchronized ? frame.timestamp - m_lastTimestamp : m_lastDuration;
-        const auto late = static_cast<std::int64_t>(measured - (m_lastTime + step));
-        const bool jumps = late > MaxJitterNs || late < -MaxJitterNs;
-        m_lastTime =
-            jumps ? measured : m_lastTime + step + static_cast<TimeValue>(late / SmoothingFrames);
-        m_lastTimestamp = frame.timestamp;
-        m_lastDuration = frame.duration;
-        return m_lastTime;
+        const std::int64_t change = offset - m_offset;
+        m_offset += std::abs(change) > MaxJitterNs ? change : change / SmoothingFrames;
+        return time + static_cast<TimeValue>(m_offset);
     }
 
 private:
@@ -70,28 +68,21 @@ private:
     static constexpr std::int64_t SmoothingFrames = 64;
 
     Receiver::StreamClockType m_clock = Receiver::StreamClockType::Undetermined;
-    TimeValue m_lastTime = 0;
-    TimeValue m_lastTimestamp = 0;
-    TimeValue m_lastDuration = 0;
+    std::int64_t m_offset = 0; // of CLOCK_MONOTONIC against the time that frames count from
+    TimeValue m_received = 0;  // sum of durations: stands in for timestamps that tell nothing
 };
 
-/// The control loop of a recording: joins recorder and consumer, until something ends it.
+/// A recording from joining to the last line: recorder and consumer, and what ends them.
 class ReceiveControl
 {
 public:
-    ReceiveControl(const ReceiveOptions& options, StopSignal& stop);
+    ReceiveControl(const ReceiveOptions& options, const StopSignal& stop);
 
-    /// @return the exit code, if nothing fails while the recording is finished
-    /// @throws CommandFailure
+    /// Receives until something ends it, and finishes the recording whatever that was.
+    ///
+    /// @return the exit code
+    /// @throws CommandFailure if the report cannot be written
     int run();
-
-    /// Ends consumer and recording and writes the report, whatever ended the control loop.
-    void finish();
-
-    bool hasFailed() const
-    {
-        return m_recorder.getState() == RecorderState::Failed;
-    }
 
 private:
     std::unique_ptr<AudioOutput> openNextOutput(std::size_t number) const;
@@ -100,22 +91,19 @@ private:
     void onFormat(const kit::StreamFormat& format);
     void onEvent(const kit::ConsumerEvent& event);
     void noteProblem(const kit::ConsumerEvent& event);
-    void pushEnd(const kit::ConsumerEvent& event, EndReason reason);
-    void ring();
-    void waitUntil(SteadyClock::time_point deadline);
+    int watch();
+    void finish();
     Deadline getDeadline() const;
     void checkTimeout();
     void checkRefusal();
     bool hasSenderLeftUnseen() const;
 
     const ReceiveOptions& m_options;
-    StopSignal& m_stop;
+    const StopSignal& m_stop;
     const SteadyClock::time_point m_begin = SteadyClock::now();
 
     std::mutex m_mutex;
-    std::condition_variable m_condition;
     // Guarded by m_mutex.
-    bool m_rung = false;
     std::string m_lastProblem; // why nothing comes
     std::string m_refusal;     // why nothing can ever be recorded
 
@@ -125,10 +113,10 @@ private:
     kit::Consumer m_consumer; // last: its callbacks use all of the above
 };
 
-ReceiveControl::ReceiveControl(const ReceiveOptions& options, StopSignal& stop)
+ReceiveControl::ReceiveControl(const ReceiveOptions& options, const StopSignal& stop)
     : m_options(options),
       m_stop(stop),
-      m_recorder(makeSettings(), miscUtils::getMonotonicSysclockTime(), [this] { ring(); }),
+      m_recorder(makeSettings(), miscUtils::getMonotonicSysclockTime()),
       m_consumer(
           {options.name, {}, options.stall.value_or(DefaultStall), options.realTime},
           {.onFrame = [this](const kit::Frame& frame) { onFrame(frame); },
@@ -149,13 +137,10 @@ RecorderSettings ReceiveControl::makeSettings() const
 }
 
 /// @return the path with a number before its extension
-std::string numberPath(const std::string& path, std::size_t number)
+std::string numberPath(const std::filesystem::path& path, std::size_t number)
 {
-    const std::size_t name = path.rfind('/') + 1; // 0 without a directory
-    const std::size_t dot = path.rfind('.');
-    const bool hasExtension = dot != std::string::npos && dot > name;
-    std::string numbered = path;
-    return numbered.insert(hasExtension ? dot : path.size(), formatText("-%03zu", number + 1));
+    const std::string stem = path.stem().string() + formatText("-%03zu", number + 1);
+    return std::filesystem::path(path).replace_filename(stem + path.extension().string());
 }
 
 std::unique_ptr<AudioOutput> ReceiveControl::openNextOutput(std::size_t number) const
@@ -173,22 +158,16 @@ std::unique_ptr<AudioOutput> ReceiveControl::openNextOutput(std::size_t number) 
 
 void ReceiveControl::onFrame(const kit::Frame& frame)
 {
-    StreamEvent event;
-    event.time = frame.arrival;
-    event.timestamp = frame.timestamp;
-    event.duration = frame.duration;
-    event.gapNs = frame.gapNs;
-    if (!m_options.play.empty())
-        event.localTime = m_localTimes.get(frame, m_consumer);
-    m_recorder.getQueue().pushFrame(std::move(event), frame.data);
+    const TimeValue localTime = m_options.play.empty() ? 0 : m_localTimes.get(frame, m_consumer);
+    m_recorder.getQueue().push(ReceivedFrame{
+        frame.arrival, frame.timestamp, localTime, frame.duration, frame.gapNs, frame.data});
 }
 
 void ReceiveControl::onFormat(const kit::StreamFormat& format)
 {
     const auto clock = m_consumer.getStatistics().clock;
     m_localTimes.setClock(clock);
-    m_recorder.getQueue().push(
-        {.kind = StreamEvent::Kind::Format, .format = format, .clock = clock});
+    m_recorder.getQueue().push(AnnouncedFormat{format, clock});
 }
 
 void ReceiveControl::onEvent(const kit::ConsumerEvent& event)
@@ -197,16 +176,10 @@ void ReceiveControl::onEvent(const kit::ConsumerEvent& event)
     switch (event.kind)
     {
     case Kind::Joined:
-        m_stalled = false;
-        m_recorder.getQueue().push({.kind = StreamEvent::Kind::Joined, .time = event.time});
-        break;
     case Kind::Lost:
-        m_stalled = false;
-        pushEnd(event, EndReason::Lost);
-        break;
     case Kind::Stalled:
-        m_stalled = true;
-        pushEnd(event, EndReason::Stall);
+        m_stalled = event.kind == Kind::Stalled;
+        m_recorder.getQueue().push(event);
         break;
     case Kind::CannotPlay:
     case Kind::NotPermitted:
@@ -215,15 +188,6 @@ void ReceiveControl::onEvent(const kit::ConsumerEvent& event)
         noteProblem(event);
         break;
     }
-}
-
-void ReceiveControl::pushEnd(const kit::ConsumerEvent& event, EndReason reason)
-{
-    m_recorder.getQueue().push(
-        {.kind = StreamEvent::Kind::Ended,
-         .time = event.time,
-         .reason = reason,
-         .text = event.text});
 }
 
 // What is asked again and again is said once.
@@ -242,51 +206,43 @@ void ReceiveControl::noteProblem(const kit::ConsumerEvent& event)
             m_refusal = "cannot play codec \"" + kit::toFourccText(event.fourcc) + "\" of \"" +
                         m_options.name + "\", only PCM";
     }
-    if (final)
-        ring();
-    else if (isNew)
+    if (isNew && !final)
         printNotice(event.text);
-}
-
-void ReceiveControl::ring()
-{
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_rung = true;
-    }
-    m_condition.notify_one();
-}
-
-void ReceiveControl::waitUntil(SteadyClock::time_point deadline)
-{
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_condition.wait_until(lock, deadline, [this] { return m_rung; });
-    m_rung = false;
 }
 
 int ReceiveControl::run()
 {
-    const StopListener stopListener(m_stop, [this] { ring(); });
+    int code = toInt(ExitCode::Done);
+    try
+    {
+        code = watch();
+    }
+    catch (const CommandFailure& failure)
+    {
+        code = toInt(failure.getCode());
+        printError(failure.what());
+    }
+    finish();
+    return m_recorder.getState() == RecorderState::Failed ? toInt(ExitCode::Failed) : code;
+}
+
+int ReceiveControl::watch()
+{
     if (!m_consumer.start())
         throw CommandFailure(ExitCode::Failed, m_consumer.getProblem());
     if (!m_consumer.getProblem().empty())
         printNotice(m_consumer.getProblem());
-    while (!m_stop.isRequested() && m_recorder.getState() == RecorderState::Going)
+    while (m_recorder.getState() == RecorderState::Going &&
+           !m_stop.waitUntil(SteadyClock::now() + WatchInterval))
     {
-        const auto next = SteadyClock::now() + WatchInterval;
-        const Deadline deadline = m_recorder.getNumFrames() == 0 ? getDeadline() : Deadline();
-        waitUntil(std::min(next, deadline.value_or(next)));
-        if (m_stop.isRequested() || m_recorder.getState() != RecorderState::Going)
-            break;
         checkTimeout();
         checkRefusal();
         if (hasSenderLeftUnseen())
             return toInt(ExitCode::Done);
         printProgress(m_recorder.describeProgress());
     }
-    return m_stop.isRequested() && m_recorder.getState() == RecorderState::Going
-               ? toExitCode(m_stop.getSignalNumber())
-               : toInt(ExitCode::Done);
+    return m_recorder.getState() == RecorderState::Going ? toExitCode(m_stop.getSignalNumber())
+                                                         : toInt(ExitCode::Done);
 }
 
 Deadline ReceiveControl::getDeadline() const
@@ -338,7 +294,6 @@ void writeReport(const ReceiveOptions& options, const nlohmann::ordered_json& re
 void ReceiveControl::finish()
 {
     m_consumer.stop();
-    m_recorder.getQueue().push({.kind = StreamEvent::Kind::Ended, .reason = EndReason::Stop});
     m_recorder.finish();
     finishProgress();
     if (m_recorder.getNumFrames() > 0)
@@ -351,40 +306,20 @@ void ReceiveControl::finish()
     writeReport(m_options, report);
 }
 
-void checkBaseDirectory()
-{
-    const auto base = kit::prepareBaseDirectory(kit::BaseDirectoryUse::Receive);
-    if (!base.problem.empty())
-        throw CommandFailure(ExitCode::Failed, base.problem);
-    if (base.created)
-        printNotice("created " + base.path + " (mode 1777), where senders and receivers meet");
-    if (!base.writable)
-        printNotice(base.path + " is not writable: stopping can take up to 5 seconds");
-}
-
 } // unnamed namespace
 
 int runReceive(const ReceiveOptions& options, StopSignal& stop)
 {
-    checkBaseDirectory();
+    // What may be wrong with it, the consumer says.
+    const auto base = kit::prepareBaseDirectory(kit::BaseDirectoryUse::Receive);
+    if (base.created)
+        printNotice("created " + base.path + " (mode 1777), where senders and receivers meet");
     ReceiveControl control(options, stop);
     if (stop.isRequested())
         return toExitCode(stop.getSignalNumber());
     if (options.report != "-")
         writeReport(options, makeReport(options));
-
-    int code = toInt(ExitCode::Done);
-    try
-    {
-        code = control.run();
-    }
-    catch (const CommandFailure&)
-    {
-        control.finish();
-        throw;
-    }
-    control.finish();
-    return control.hasFailed() ? toInt(ExitCode::Failed) : code;
+    return control.run();
 }
 
 } // namespace vlx::tool

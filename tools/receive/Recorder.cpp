@@ -36,16 +36,17 @@ std::string toCount(std::uint64_t count, const std::string& thing)
 
 } // unnamed namespace
 
-Recorder::Recorder(
-    const RecorderSettings& settings,
-    TimeValue startTime,
-    std::function<void()> onChange)
+Recorder::Recorder(const RecorderSettings& settings, TimeValue startTime)
     : m_settings(settings),
-      m_onChange(std::move(onChange)),
       m_queue(MaxQueuedBytes),
       m_output(settings.openOutput(0)),
       m_waitBegin(startTime),
-      m_thread([this] { loop(); })
+      m_thread(
+          [this]
+          {
+              while (const std::optional<StreamEvent> next = m_queue.pop())
+                  attempt([&] { std::visit([this](const auto& event) { handle(event); }, *next); });
+          })
 {
 }
 
@@ -60,125 +61,98 @@ void Recorder::finish()
         return;
     m_queue.close();
     m_thread.join();
-    closeOutput();
+    endConnection("stop", "stop", 0);
+    attempt([this] { closeOutput(); });
 }
 
-void Recorder::loop()
+/// Does a part of the work. The first failure ends the recording, and is said.
+void Recorder::attempt(const std::function<void()>& work)
 {
-    while (std::optional<StreamEvent> event = m_queue.pop())
+    try
     {
-        handle(*event);
-        if (event->kind == StreamEvent::Kind::Frame)
-            m_queue.recycle(std::move(event->data));
+        work();
+    }
+    catch (const CommandFailure& failure)
+    {
+        if (m_state.exchange(RecorderState::Failed) != RecorderState::Failed)
+            printError(failure.what());
     }
 }
 
-void Recorder::handle(const StreamEvent& event)
-{
-    switch (event.kind)
-    {
-    case StreamEvent::Kind::Joined:
-        m_connections.emplace_back(m_waitReason, m_waitBegin);
-        m_connected = true;
-        break;
-    case StreamEvent::Kind::Format:
-        handleFormat(event);
-        break;
-    case StreamEvent::Kind::Frame:
-        handleFrame(event);
-        break;
-    case StreamEvent::Kind::Ended:
-        handleEnded(event);
-        break;
-    }
-}
-
-void Recorder::handleFormat(const StreamEvent& event)
+void Recorder::handle(const AnnouncedFormat& announced)
 {
     if (m_state != RecorderState::Going)
         return;
-    m_connections.back().setFormat(event.format, event.clock);
-    const bool changed = m_format && *m_format != event.format;
+    m_connections.back().setFormat(announced);
+    const kit::StreamFormat& format = announced.format;
+    const bool changed = m_format && *m_format != format;
     if (!m_format)
-        startOutput(event.format);
+        startOutput(format);
     else if (m_settings.formatChange == FormatChange::Split && m_place.sample > 0)
-        m_nextFormat = event.format;
+        m_nextFormat = format;
     else if (changed && m_settings.formatChange == FormatChange::Restart)
-        m_nextFormat = event.format;
+        m_nextFormat = format;
     else if (changed && m_settings.formatChange == FormatChange::Refuse)
-        fail(
-            "the stream's format has changed from " + toText(*m_format) + " to " +
-            toText(event.format) + "; the recording ends here (--split goes on in another file)");
+        throw CommandFailure(
+            ExitCode::Failed, "the stream's format has changed from " + toText(*m_format) + " to " +
+                                  toText(format) +
+                                  "; the recording ends here (--split goes on in another file)");
     else
         m_nextFormat.reset();
 }
 
-bool Recorder::startOutput(const kit::StreamFormat& format)
+void Recorder::startOutput(const kit::StreamFormat& format)
 {
     m_format = format;
-    if (!m_output->start(format))
-        fail(m_output->getProblem());
-    return m_state == RecorderState::Going;
+    m_output->start(format);
 }
 
 /// Only with its first frame, so that no output is begun for a sequence that brings none.
-bool Recorder::continueInNextOutput()
+void Recorder::continueInNextOutput()
 {
     const kit::StreamFormat format = *std::exchange(m_nextFormat, std::nullopt);
     closeOutput();
-    if (m_state != RecorderState::Going)
-        return false;
     m_closedNs += static_cast<std::int64_t>(m_format->toNanoseconds(m_place.sample));
     m_place = {m_place.file + 1, 0};
     m_fillRestNs = 0;
-    try
-    {
-        m_output = m_settings.openOutput(m_place.file);
-    }
-    catch (const CommandFailure& failure)
-    {
-        fail(failure.what());
-        return false;
-    }
-    return startOutput(format);
+    m_output = m_settings.openOutput(m_place.file);
+    startOutput(format);
 }
 
 void Recorder::closeOutput()
 {
     if (!m_output)
         return;
-    if (!m_output->finish() && m_state != RecorderState::Failed)
-        fail(m_output->getProblem());
     m_closedOutputs.push_back(std::move(m_output));
+    m_closedOutputs.back()->finish();
 }
 
-void Recorder::handleFrame(const StreamEvent& event)
+void Recorder::handle(const ReceivedFrame& frame)
 {
     if (m_state != RecorderState::Going)
         return;
     const bool newOutput = m_nextFormat.has_value();
-    if (newOutput && !continueInNextOutput())
-        return;
+    if (newOutput)
+        continueInNextOutput();
     sayPresence();
-    if (event.gapNs > 0 && m_numFrames > 0)
+    if (frame.gapNs > 0 && m_numFrames > 0)
     {
         ++m_numGaps;
-        m_gapNs += event.gapNs;
-        if (m_settings.fill && !newOutput && !fillGap(event))
-            return;
+        m_gapNs += frame.gapNs;
+        if (m_settings.fill && !newOutput)
+            fillGap(frame);
     }
-    m_lastTime = event.time;
+    m_lastTime = frame.time;
 
     const std::size_t sampleBytes = m_format->getBytesPerSample();
     const std::uint64_t samples =
-        std::min<std::uint64_t>(event.data.size() / sampleBytes, getSamplesLeft());
-    m_connections.back().addFrame(event, samples, m_place);
-    complainIfOdd(event);
-    if (!write(ByteView(event.data).first(samples * sampleBytes), event.localTime))
-        return;
+        std::min<std::uint64_t>(frame.data.size() / sampleBytes, getSamplesLeft());
+    m_connections.back().addFrame(frame, samples, m_place);
+    complainIfOdd(frame);
+    write(ByteView(frame.data).first(samples * sampleBytes), frame.localTime);
     ++m_numFrames;
     if (getSamplesLeft() == 0)
-        setState(RecorderState::Done);
+        m_state = RecorderState::Done;
 }
 
 void Recorder::sayPresence()
@@ -191,17 +165,17 @@ void Recorder::sayPresence()
         printNotice("the sender is back: " + toText(*m_format));
 }
 
-bool Recorder::fillGap(const StreamEvent& event)
+void Recorder::fillGap(const ReceivedFrame& frame)
 {
-    if (event.gapNs > static_cast<std::int64_t>(event.time - m_lastTime) + MaxEarlyNs)
+    if (frame.gapNs > static_cast<std::int64_t>(frame.time - m_lastTime) + MaxEarlyNs)
     {
         if (!std::exchange(m_unfilledSaid, true))
             printNotice(
-                "the timestamps jump by " + toSeconds(event.gapNs) +
+                "the timestamps jump by " + toSeconds(frame.gapNs) +
                 ", more than has passed: not filled");
-        return true;
+        return;
     }
-    const auto wantedNs = static_cast<TimeValue>(m_fillRestNs + event.gapNs);
+    const auto wantedNs = static_cast<TimeValue>(m_fillRestNs + frame.gapNs);
     const std::uint64_t wanted = m_format->toSamples(wantedNs);
     m_fillRestNs = static_cast<std::int64_t>(wantedNs - m_format->toNanoseconds(wanted));
 
@@ -209,34 +183,26 @@ bool Recorder::fillGap(const StreamEvent& event)
     const std::size_t sampleBytes = m_format->getBytesPerSample();
     const std::uint64_t samplesAtOnce = std::max<std::uint64_t>(SilenceBytes / sampleBytes, 1);
     const Buffer silence(samplesAtOnce * sampleBytes, isUnsigned ? UnsignedSilence : 0);
-    std::uint64_t rest = std::min(wanted, getSamplesLeft());
-    while (rest > 0)
+    std::uint64_t samples = 0;
+    for (std::uint64_t rest = std::min(wanted, getSamplesLeft()); rest > 0; rest -= samples)
     {
-        const std::uint64_t samples = std::min(rest, samplesAtOnce);
-        if (!write(ByteView(silence).first(samples * sampleBytes), 0))
-            return false;
-        rest -= samples;
+        samples = std::min(rest, samplesAtOnce);
+        write(ByteView(silence).first(samples * sampleBytes), 0);
     }
-    return true;
 }
 
-bool Recorder::write(const ByteView& bytes, TimeValue time)
+void Recorder::write(const ByteView& bytes, TimeValue time)
 {
     if (bytes.empty())
-        return true;
-    if (!m_output->write(bytes, time))
-    {
-        fail(m_output->getProblem());
-        return false;
-    }
+        return;
+    m_output->write(bytes, time);
     const std::uint64_t samples = bytes.size() / m_format->getBytesPerSample();
     m_place.sample += samples;
     m_numSamples += samples;
     m_durationNs = m_closedNs + static_cast<std::int64_t>(m_format->toNanoseconds(m_place.sample));
-    return true;
 }
 
-void Recorder::complainIfOdd(const StreamEvent& frame) const
+void Recorder::complainIfOdd(const ReceivedFrame& frame) const
 {
     const std::size_t sampleBytes = m_format->getBytesPerSample();
     if (frame.data.size() % sampleBytes == 0 || m_connections.back().getNumOddFrames() != 1)
@@ -247,32 +213,39 @@ void Recorder::complainIfOdd(const StreamEvent& frame) const
         " bytes: the incomplete sample is left out; further ones are only counted");
 }
 
-void Recorder::handleEnded(const StreamEvent& event)
+void Recorder::handle(const kit::ConsumerEvent& event)
 {
-    if (m_connected)
+    using Kind = kit::ConsumerEvent::Kind;
+    if (event.kind == Kind::Joined)
     {
-        m_connections.back().end(event.reason);
-        m_waitReason = event.reason == EndReason::Stall ? "stall" : "loss";
-        m_waitBegin = event.time;
-        if (m_connections.back().getNumFrames() == 0)
-        {
-            m_connections.pop_back();
-            ++m_emptyConnections;
-        }
-    }
-    m_connected = false;
-    if (m_state != RecorderState::Going || event.reason == EndReason::Stop)
-        return;
-    if (event.reason == EndReason::Lost && m_settings.oneshot && m_numFrames > 0)
-    {
-        setState(RecorderState::Done);
+        m_connections.emplace_back(m_waitReason, m_waitBegin);
+        m_connected = true;
         return;
     }
+    const bool isLoss = event.kind == Kind::Lost;
+    endConnection(isLoss ? "lost" : "stall", isLoss ? "loss" : "stall", event.time);
+    if (m_state != RecorderState::Going)
+        return;
+    if (isLoss && m_settings.oneshot && m_numFrames > 0)
+        m_state = RecorderState::Done;
     // A sender that sends nothing for long stalls again and again.
-    if (event.reason == EndReason::Stall && std::exchange(m_stallSaid, true))
-        return;
-    if (!std::exchange(m_absenceSaid, true))
+    else if ((isLoss || !std::exchange(m_stallSaid, true)) && !std::exchange(m_absenceSaid, true))
         printNotice(event.text);
+}
+
+/// @param nextReason  what the next join time counts from
+void Recorder::endConnection(const char* how, const char* nextReason, TimeValue time)
+{
+    if (!std::exchange(m_connected, false))
+        return;
+    m_connections.back().end(how);
+    m_waitReason = nextReason;
+    m_waitBegin = time;
+    if (m_connections.back().getNumFrames() == 0)
+    {
+        m_connections.pop_back();
+        ++m_emptyConnections;
+    }
 }
 
 std::uint64_t Recorder::getSamplesLeft() const
@@ -283,18 +256,6 @@ std::uint64_t Recorder::getSamplesLeft() const
     const auto limit =
         m_format->toSamples(static_cast<TimeValue>(std::max<std::int64_t>(restNs, 0)));
     return limit - std::min(limit, m_place.sample);
-}
-
-void Recorder::fail(const std::string& problem)
-{
-    printError(problem);
-    setState(RecorderState::Failed);
-}
-
-void Recorder::setState(RecorderState state)
-{
-    m_state = state;
-    m_onChange();
 }
 
 std::string Recorder::describeProgress() const
@@ -338,10 +299,7 @@ void Recorder::addToReport(nlohmann::ordered_json& report) const
         output->addToReport(report);
     nlohmann::ordered_json connections = nlohmann::ordered_json::array();
     for (const ConnectionRecord& connection : m_connections)
-    {
-        if (connection.getNumFrames() > 0)
-            connections.push_back(connection.toJson());
-    }
+        connections.push_back(connection.toJson());
     report["reconnections"] = connections.empty() ? 0 : connections.size() - 1;
     report["connections"] = std::move(connections);
 }

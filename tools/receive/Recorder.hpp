@@ -56,9 +56,8 @@ public:
     /// Opens the first output.
     ///
     /// @param startTime  since when a sender is looked for, nanoseconds of CLOCK_MONOTONIC
-    /// @param onChange   called when getState() leaves Going, on the recorder's thread
     /// @throws CommandFailure
-    Recorder(const RecorderSettings& settings, TimeValue startTime, std::function<void()> onChange);
+    Recorder(const RecorderSettings& settings, TimeValue startTime);
 
     /// Calls finish().
     ~Recorder();
@@ -102,24 +101,21 @@ public:
     void addToReport(nlohmann::ordered_json& report) const;
 
 private:
-    void loop();
-    void handle(const StreamEvent& event);
-    void handleFormat(const StreamEvent& event);
-    void handleFrame(const StreamEvent& event);
-    void handleEnded(const StreamEvent& event);
-    bool continueInNextOutput();
-    bool startOutput(const kit::StreamFormat& format);
+    void attempt(const std::function<void()>& work);
+    void handle(const ReceivedFrame& frame);
+    void handle(const AnnouncedFormat& announced);
+    void handle(const kit::ConsumerEvent& event);
+    void endConnection(const char* how, const char* nextReason, TimeValue time);
+    void startOutput(const kit::StreamFormat& format);
+    void continueInNextOutput();
     void closeOutput();
     void sayPresence();
-    bool fillGap(const StreamEvent& event);
-    bool write(const ByteView& bytes, TimeValue time);
-    void complainIfOdd(const StreamEvent& frame) const;
+    void fillGap(const ReceivedFrame& frame);
+    void write(const ByteView& bytes, TimeValue time);
+    void complainIfOdd(const ReceivedFrame& frame) const;
     std::uint64_t getSamplesLeft() const;
-    void fail(const std::string& problem);
-    void setState(RecorderState state);
 
     const RecorderSettings m_settings;
-    const std::function<void()> m_onChange;
     StreamEventQueue m_queue;
     std::atomic<RecorderState> m_state = RecorderState::Going;
     std::atomic<std::uint64_t> m_numFrames = 0;

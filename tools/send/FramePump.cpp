@@ -7,7 +7,7 @@
 
 #include "Playlist.hpp"
 #include "StreamClock.hpp"
-#include "audio/Level.hpp"
+#include "audio/PcmCodec.hpp"
 #include "common/Duration.hpp"
 #include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
