@@ -137,30 +137,46 @@ struct Follower
     }
 };
 
-TEST(SyncedNetClockTest, FollowsTheProvider)
+/// A provider that answers, and a clock.
+class SyncedNetClockTest : public testing::Test
 {
-    Provider provider;
-    provider.start(InitialOffsetNs);
-    Follower follower;
-    EXPECT_FALSE(follower.clock.isSynchronized());
-    EXPECT_EQ(follower.clock.getSynchronizedTime(), 0U);
+protected:
+    SyncedNetClockTest()
+    {
+        m_provider.start(InitialOffsetNs);
+    }
 
-    follower.start(provider);
-    EXPECT_TRUE(waitFor([&] { return follower.follows(provider); }));
-    EXPECT_TRUE(waitFor([&] { return follower.lastSeen.load(); }));
+    void start(const std::function<void()>& onStateChange)
+    {
+        m_clock.startSynchronization(
+            m_provider.getAddress(), m_provider.getPort(), WindowSize, RoundTripLimitNs,
+            onStateChange);
+    }
 
-    follower.clock.stopSynchronization();
-    EXPECT_FALSE(follower.clock.isSynchronized());
-    EXPECT_EQ(follower.clock.getSynchronizedTime(), 0U);
-}
+    Provider m_provider;
+    Follower m_follower;
+    SyncedNetClock m_clock;
+};
 
-TEST(SyncedNetClockTest, FollowsAProviderGivenByName)
+TEST_F(SyncedNetClockTest, FollowsAProviderGivenByNameOrAddress)
 {
-    Provider provider("127.0.0.1");
-    provider.start(InitialOffsetNs);
-    Follower follower;
-    follower.start("localhost", provider.getPort());
-    EXPECT_TRUE(waitFor([&] { return follower.follows(provider); }));
+    Provider named("127.0.0.1");
+    named.start(InitialOffsetNs);
+    const auto& clock = m_follower.clock;
+    for (const bool isNamed : {false, true})
+    {
+        SCOPED_TRACE(isNamed ? "by name" : "by address");
+        EXPECT_FALSE(clock.isSynchronized());
+        EXPECT_EQ(clock.getSynchronizedTime(), 0U);
+        if (isNamed)
+            m_follower.start("localhost", named.getPort());
+        else
+            m_follower.start(m_provider);
+        EXPECT_TRUE(waitFor([&] { return m_follower.lastSeen && m_follower.follows(named); }));
+        m_follower.clock.stopSynchronization();
+    }
+    EXPECT_FALSE(clock.isSynchronized());
+    EXPECT_EQ(clock.getSynchronizedTime(), 0U);
 }
 
 // What becomes of the provider while two clocks follow it.
@@ -254,43 +270,37 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return std::string(row.param.name); });
 
 // GStreamer keeps its clock for an address for a while, with the calibration of before.
-TEST(SyncedNetClockTest, IsNeverWrongAboutAnAddressUsedBefore)
+TEST_F(SyncedNetClockTest, IsNeverWrongAboutAnAddressUsedBefore)
 {
-    Provider provider;
-    provider.start(InitialOffsetNs);
-    Follower follower;
-    follower.start(provider);
-    ASSERT_TRUE(waitFor([&] { return follower.follows(provider); }));
-    follower.clock.stopSynchronization();
+    m_follower.start(m_provider);
+    ASSERT_TRUE(waitFor([&] { return m_follower.follows(m_provider); }));
+    m_follower.clock.stopSynchronization();
 
     for (const std::int64_t jumpNs : {std::int64_t{0}, 1000 * NsPerSecond, -1000 * NsPerSecond})
     {
-        provider.stop();
-        provider.start(InitialOffsetNs + jumpNs);
-        follower.start(provider);
-        ASSERT_TRUE(waitFor([&] { return follower.clock.isSynchronized(); }));
-        EXPECT_TRUE(follower.isNear(provider.getOffsetNs(), ToleranceNs)) << jumpNs;
-        EXPECT_TRUE(waitFor([&] { return follower.lastSeen.load(); }));
-        follower.clock.stopSynchronization();
+        m_provider.stop();
+        m_provider.start(InitialOffsetNs + jumpNs);
+        m_follower.start(m_provider);
+        ASSERT_TRUE(waitFor([&] { return m_follower.clock.isSynchronized(); }));
+        EXPECT_TRUE(m_follower.isNear(m_provider.getOffsetNs(), ToleranceNs)) << jumpNs;
+        EXPECT_TRUE(waitFor([&] { return m_follower.lastSeen.load(); }));
+        m_follower.clock.stopSynchronization();
     }
 }
 
-TEST(SyncedNetClockTest, FollowsTheLastOneStarted)
+TEST_F(SyncedNetClockTest, FollowsTheLastOneStarted)
 {
-    Provider first;
     Provider second;
-    first.start(InitialOffsetNs);
     second.start(10 * InitialOffsetNs);
-    Follower follower;
-    follower.start(first);
-    ASSERT_TRUE(waitFor([&] { return follower.follows(first); }));
+    m_follower.start(m_provider);
+    ASSERT_TRUE(waitFor([&] { return m_follower.follows(m_provider); }));
 
-    follower.start(second);
-    EXPECT_FALSE(follower.isNear(first.getOffsetNs(), NsPerSecond));
-    EXPECT_TRUE(waitFor([&] { return follower.lastSeen && follower.follows(second); }));
+    m_follower.start(second);
+    EXPECT_FALSE(m_follower.isNear(m_provider.getOffsetNs(), NsPerSecond));
+    EXPECT_TRUE(waitFor([&] { return m_follower.lastSeen && m_follower.follows(second); }));
 }
 
-TEST(SyncedNetClockTest, NeverSynchronizesWithoutAProvider)
+TEST_F(SyncedNetClockTest, NeverSynchronizesWithoutAProvider)
 {
     const std::string ownAddress = vlx::testing::makeOwnAddress();
     const struct
@@ -313,11 +323,9 @@ TEST(SyncedNetClockTest, NeverSynchronizesWithoutAProvider)
         followers.back()->start(row.address, row.port);
     }
 
-    Provider provider;
-    provider.start(InitialOffsetNs);
     Follower witness;
-    witness.start(provider);
-    ASSERT_TRUE(waitFor([&] { return witness.follows(provider); }));
+    witness.start(m_provider);
+    ASSERT_TRUE(waitFor([&] { return witness.follows(m_provider); }));
 
     for (std::size_t i = 0; i < followers.size(); ++i)
     {
@@ -349,55 +357,42 @@ TEST(SyncedNetClockTest, NeverSynchronizesWithoutAProvider)
     std::_Exit(isReported && !clock.isSynchronized() ? 0 : 1);
 }
 
-TEST(SyncedNetClockTest, WithoutAThreadItNeverSynchronizes)
+TEST_F(SyncedNetClockTest, WithoutAThreadItNeverSynchronizes)
 {
     EXPECT_EXIT(startWithoutThreads(), testing::ExitedWithCode(0), "");
 }
 
-TEST(SyncedNetClockTest, StartsFromInsideTwoCallbacksDoNotWaitForEachOther)
+TEST_F(SyncedNetClockTest, StartsFromInsideTwoCallbacksDoNotWaitForEachOther)
 {
-    Provider provider;
-    provider.start(InitialOffsetNs);
     std::atomic<int> numEntered = 0;
     std::atomic<int> numDone = 0;
-    SyncedNetClock clock;
-    std::function<void()> onStateChange;
-    const auto start = [&]
-    {
-        clock.startSynchronization(
-            provider.getAddress(), provider.getPort(), WindowSize, RoundTripLimitNs, onStateChange);
-    };
-    onStateChange = [&]
+    std::function<void()> onStateChange = [&]
     {
         const int number = ++numEntered;
         if (number > 2)
             return;
         if (number == 1)
         {
-            start();
+            start(onStateChange);
             EXPECT_TRUE(waitFor([&] { return numEntered >= 2; }));
         }
-        start();
+        start(onStateChange);
         ++numDone;
     };
-    start();
+    start(onStateChange);
     EXPECT_TRUE(waitFor([&] { return numDone == 2; }));
-    clock.stopSynchronization();
+    m_clock.stopSynchronization();
     const int numCallbacks = numEntered;
     EXPECT_EQ(numDone, 2) << "a callback is still in progress";
     EXPECT_EQ(numEntered, numCallbacks);
 }
 
-TEST(SyncedNetClockTest, StopWaitsForTheCallbackInProgressButASecondStopDoesNot)
+TEST_F(SyncedNetClockTest, StopWaitsForTheCallbackInProgressButASecondStopDoesNot)
 {
-    Provider provider;
-    provider.start(InitialOffsetNs);
     std::promise<void> entered;
     std::promise<void> secondStopReturned;
     std::atomic<bool> isDone = false;
-    SyncedNetClock clock;
-    clock.startSynchronization(
-        provider.getAddress(), provider.getPort(), WindowSize, RoundTripLimitNs,
+    start(
         [&]
         {
             entered.set_value();
@@ -412,66 +407,53 @@ TEST(SyncedNetClockTest, StopWaitsForTheCallbackInProgressButASecondStopDoesNot)
     std::thread stopper(
         [&]
         {
-            clock.stopSynchronization();
+            m_clock.stopSynchronization();
             EXPECT_TRUE(isDone);
         });
-    EXPECT_TRUE(waitFor([&] { return !clock.isSynchronized(); })); // the first stop has begun
-    clock.stopSynchronization();
+    EXPECT_TRUE(waitFor([&] { return !m_clock.isSynchronized(); })); // the first stop has begun
+    m_clock.stopSynchronization();
     EXPECT_FALSE(isDone);
     secondStopReturned.set_value();
     stopper.join();
 }
 
-TEST(SyncedNetClockTest, MayBeStoppedAndStartedFromInsideTheCallback)
+TEST_F(SyncedNetClockTest, MayBeStoppedAndStartedFromInsideTheCallback)
 {
-    Provider provider;
-    provider.start(InitialOffsetNs);
     std::atomic<int> numCallbacks = 0;
-    SyncedNetClock clock;
-    std::function<void()> onStateChange;
-    const auto start = [&]
+    std::function<void()> onStateChange = [&]
     {
-        clock.startSynchronization(
-            provider.getAddress(), provider.getPort(), WindowSize, RoundTripLimitNs, onStateChange);
-    };
-    onStateChange = [&]
-    {
-        clock.stopSynchronization();
-        clock.stopSynchronization();
-        EXPECT_FALSE(clock.isSynchronized());
+        m_clock.stopSynchronization();
+        m_clock.stopSynchronization();
+        EXPECT_FALSE(m_clock.isSynchronized());
         if (++numCallbacks < 3)
-            start();
+            start(onStateChange);
     };
 
-    start();
+    start(onStateChange);
     EXPECT_TRUE(waitFor([&] { return numCallbacks == 3; }));
-    start();
+    start(onStateChange);
     EXPECT_TRUE(waitFor([&] { return numCallbacks == 4; }));
 }
 
-TEST(SyncedNetClockTest, MakesNoCallbackAfterTheStop)
+TEST_F(SyncedNetClockTest, MakesNoCallbackAfterTheStop)
 {
-    Provider provider;
-    provider.start(InitialOffsetNs);
     Follower stopped;
     Follower witness;
-    stopped.start(provider);
-    witness.start(provider);
-    ASSERT_TRUE(waitFor([&] { return stopped.follows(provider) && witness.follows(provider); }));
+    stopped.start(m_provider);
+    witness.start(m_provider);
+    ASSERT_TRUE(
+        waitFor([&] { return stopped.follows(m_provider) && witness.follows(m_provider); }));
 
     stopped.clock.stopSynchronization();
     const int numCallbacks = stopped.numCallbacks;
-    provider.stop();
-    provider.start(InitialOffsetNs + 1000 * NsPerSecond);
-    EXPECT_TRUE(waitFor([&] { return witness.hasReturned(provider); }));
+    m_provider.stop();
+    m_provider.start(InitialOffsetNs + 1000 * NsPerSecond);
+    EXPECT_TRUE(waitFor([&] { return witness.hasReturned(m_provider); }));
     EXPECT_EQ(stopped.numCallbacks, numCallbacks);
 }
 
-TEST(SyncedNetClockTest, MayBeUsedFromManyThreadsAtOnce)
+TEST_F(SyncedNetClockTest, MayBeUsedFromManyThreadsAtOnce)
 {
-    Provider provider;
-    provider.start(InitialOffsetNs);
-    Follower follower;
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
         threads.emplace_back(
@@ -480,18 +462,18 @@ TEST(SyncedNetClockTest, MayBeUsedFromManyThreadsAtOnce)
                 for (int round = 0; round < 50; ++round)
                 {
                     if (i % 2 == 0)
-                        follower.start(provider);
+                        m_follower.start(m_provider);
                     else
-                        follower.clock.stopSynchronization();
-                    follower.clock.isSynchronized();
-                    follower.clock.getSynchronizedTime();
+                        m_follower.clock.stopSynchronization();
+                    m_follower.clock.isSynchronized();
+                    m_follower.clock.getSynchronizedTime();
                 }
             });
     for (std::thread& thread : threads)
         thread.join();
 
-    follower.start(provider);
-    EXPECT_TRUE(waitFor([&] { return follower.follows(provider); }));
+    m_follower.start(m_provider);
+    EXPECT_TRUE(waitFor([&] { return m_follower.follows(m_provider); }));
 }
 
 } // namespace
