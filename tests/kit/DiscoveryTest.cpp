@@ -331,6 +331,12 @@ TEST_F(DiscoveryTest, NoAnswerStopsOrHoldsTheProcess)
     const auto sendUrgentByte = [](RawConnection& connection)
     { ::send(connection.getFD(), "x", 1, MSG_OOB); };
     EXPECT_TRUE(probe(sendUrgentByte).closedEarly); // and nothing that could be read
+    probe(
+        [](RawConnection& connection)
+        {
+            connection.send(fromHex("01001000"));
+            EXPECT_TRUE(connection.waitForClose(DefaultDeadline / 2)) << "it would take a MiB";
+        });
 
     // Nobody accepts.
     RawSidechannelServer server(getSocketName());

@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 #include <vlx/VlxSender.hpp>
+#include <vlxkit/BaseDirectory.hpp>
 #include <vlxkit/Discovery.hpp>
 #include <vlxkit/Producer.hpp>
 
@@ -199,6 +200,8 @@ TEST_F(ProducerTest, SaysWhatItCannotOpen)
     Producer first(makeOptions());
     ASSERT_TRUE(first.open(Format));
     const std::string other = getSocketName() + "-b";
+    std::string tooLong = getTempDirectory();
+    tooLong.resize(72, '/');
     struct Row
     {
         std::string name;
@@ -214,7 +217,7 @@ TEST_F(ProducerTest, SaysWhatItCannotOpen)
         {getSocketName(), getSocketName(), "", Format, "is taken"},
         {getSocketName(), other, "", Format, nullptr},
         {other, "", "/nowhere", Format, "\"/nowhere\": No such file"},
-        {other, "", getTempDirectory() + std::string(80, '/'), Format, "too long"},
+        {other, "", tooLong, Format, "too long for a socket path"},
         {other, "", "", {audioUtils::PcmFormat::S16LE, 0, 2}, "a rate of at least 1"},
         {other, "", "", {audioUtils::PcmFormat::S16LE, 48000, 256}, "1 to 255 channels"}};
     for (const Row& row : rows)
@@ -229,6 +232,11 @@ TEST_F(ProducerTest, SaysWhatItCannotOpen)
         EXPECT_EQ(producer.getName(), row.problem == nullptr ? other : "");
         EXPECT_EQ(producer.send(0, FrameNs, {}), row.problem == nullptr);
     }
+    const bool isRoot = ::seteuid(65534) == 0;
+    EXPECT_THAT(
+        prepareBaseDirectory(BaseDirectoryUse::Send, "/usr").problem, HasSubstr("not writable"));
+    EXPECT_TRUE(!isRoot || ::seteuid(0) == 0);
+
     first.close();
     EXPECT_FALSE(first.send(0, FrameNs, {}));
     EXPECT_FALSE(first.getProblem().empty());
@@ -320,15 +328,14 @@ TEST_F(ProducerTest, LastFrameArrivesHoweverLarge)
 {
     RecordedReceiver receiver;
     ASSERT_TRUE(receiver.start(getSocketName()));
-    for (TimeValue round = 1; round <= 3; ++round)
-    {
-        Producer producer(makeOptions());
-        ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
-        ASSERT_TRUE(producer.waitForReceivers(1));
-        EXPECT_TRUE(producer.send(round, FrameNs, Buffer(1 << 20)));
-        producer.close();
-        EXPECT_TRUE(receiver.waitForEvent("frame " + std::to_string(round)));
-    }
+    // A busy machine may need long for so large a frame; so long the producer waits for it.
+    constexpr TimeValue LongFrameNs = 200 * FrameNs;
+    Producer producer(makeOptions(NanomsgProtocol::Pipeline));
+    ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+    ASSERT_TRUE(producer.waitForReceivers(1));
+    EXPECT_TRUE(producer.send(1, LongFrameNs, Buffer(1 << 20)));
+    producer.close();
+    EXPECT_TRUE(receiver.waitForEvent("frame 1"));
     receiver.stop();
     for (const auto duration : {0ms, 10ms, 100ms, 2000ms})
         EXPECT_EQ(getTailWait(duration), std::max(duration, 100ms));

@@ -9,11 +9,7 @@
 namespace vlx
 {
 
-using testing::debugLog;
-using testing::errorLog;
-using testing::fromHex;
-using testing::LogCapture;
-using testing::LogExpectation;
+using namespace vlx::testing;
 
 using Retcode = DepayloaderList::ConsumePacketRetcode;
 

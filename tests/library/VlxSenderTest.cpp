@@ -42,28 +42,14 @@ namespace fs = std::filesystem;
 namespace vlx
 {
 
+using namespace vlx::testing;
+
 using Access = SenderTestAccess;
 
 using ::testing::_;
-using testing::debugLog;
-using testing::Descriptor;
-using testing::errorLog;
-using testing::fromHex;
 using ::testing::HasSubstr;
-using testing::LingeringConnection;
-using testing::LogExpectation;
-using testing::makeFrame;
-using testing::makeInitialInfo;
-using testing::makeSequenceInfo;
 using ::testing::MatchesRegex;
-using testing::RawConnection;
-using testing::RawNanomsg;
-using testing::RawSidechannelServer;
-using testing::ResourceLimit;
 using ::testing::StartsWith;
-using testing::toBytes;
-using testing::traceLog;
-using testing::waitFor;
 
 namespace
 {
@@ -99,7 +85,7 @@ extern "C"
     // NOLINTEND(bugprone-reserved-identifier)
 }
 
-class SenderTest : public testing::VlxTest
+class SenderTest : public VlxTest
 {
 protected:
     SenderTest()
@@ -255,8 +241,8 @@ TEST_P(SenderTransportTest, PlainSocketsReadTheStreamByteForByte)
     RawConnection client(getSocketName());
     const Buffer expected = [&]
     {
-        Buffer bytes = testing::makeSidechannelMessage(makeInitialInfo(uri, GetParam()));
-        const Buffer second = testing::makeSidechannelMessage(makeSequenceInfo(1));
+        Buffer bytes = makeSidechannelMessage(makeInitialInfo(uri, GetParam()));
+        const Buffer second = makeSidechannelMessage(makeSequenceInfo(1));
         bytes.insert(bytes.end(), second.begin(), second.end());
         return bytes;
     }();
@@ -601,7 +587,7 @@ TEST_F(SenderTest, NoReceiverHoldsTheListenerOrTheProducer)
     const int slyFD = Access::getPolledFDs(m_sender).at(2);
     ASSERT_TRUE(waitFor([slyFD] { return countBytesInPipe(slyFD) == 0; }));
     auto sent = std::async(std::launch::async, [this] { sendFrame(1, {1}); });
-    EXPECT_EQ(sent.wait_for(testing::DefaultDeadline), std::future_status::ready);
+    EXPECT_EQ(sent.wait_for(DefaultDeadline), std::future_status::ready);
     RawConnection waiting(getSocketName());
     EXPECT_TRUE(waiting.readMessage().has_value()) << "it lingers";
 
@@ -609,7 +595,7 @@ TEST_F(SenderTest, NoReceiverHoldsTheListenerOrTheProducer)
     LingeringConnection late;
     late.passOver(waiting.getFD());
     auto shutDown = std::async(std::launch::async, [this] { m_sender.shutdownSender(); });
-    EXPECT_EQ(shutDown.wait_for(testing::DefaultDeadline), std::future_status::ready);
+    EXPECT_EQ(shutDown.wait_for(DefaultDeadline), std::future_status::ready);
 }
 
 TEST_F(SenderTest, AFullWakeupPipeHoldsNobodyUp)
@@ -842,7 +828,7 @@ TEST_F(SenderTest, BlockedSendIsFreedByDisabling)
     ASSERT_TRUE(log().waitFor(traceLog(MatchesRegex(SendingData))));
     EXPECT_EQ(blocked.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     m_sender.disableSend(true);
-    ASSERT_EQ(blocked.wait_for(testing::DefaultDeadline), std::future_status::ready);
+    ASSERT_EQ(blocked.wait_for(DefaultDeadline), std::future_status::ready);
     EXPECT_EQ(countBytesInPipe((m_sender.*Access::NanomsgWakeupPipe)[0]), 0);
 
     // A byte left from a change that freed nobody costs the next frame, without a word.
@@ -867,7 +853,7 @@ TEST_F(SenderTest, AReceiverThatLeavesBeforeTheSendHoldsNobodyUp)
     const Descriptor ready(::eventfd(1, EFD_CLOEXEC)); // though there is nobody any more
     const int watchFD = std::exchange(m_sender.*Access::NanomsgWatchFD, ready.get());
     auto sent = std::async(std::launch::async, [this] { sendFrame(1, {1}); });
-    EXPECT_EQ(sent.wait_for(testing::DefaultDeadline), std::future_status::ready);
+    EXPECT_EQ(sent.wait_for(DefaultDeadline), std::future_status::ready);
     EXPECT_TRUE(
         log().contains(debugLog("Could not send data over nanomsg; connection might be gone")));
     m_sender.*Access::NanomsgWatchFD = watchFD;
@@ -891,7 +877,7 @@ TEST_F(SenderTest, BlockedSendKeepsNoNewcomerWaiting)
         EXPECT_TRUE(newcomer.readMessage().has_value());
         EXPECT_EQ(newcomer.readMessage(), makeSequenceInfo(2));
         m_sender.disableSend(true);
-        ASSERT_EQ(blocked.wait_for(testing::DefaultDeadline), std::future_status::ready);
+        ASSERT_EQ(blocked.wait_for(DefaultDeadline), std::future_status::ready);
     }
 }
 
@@ -959,29 +945,12 @@ TEST_F(SenderTest, ReceiverThatTakesNothingDisturbsNobody)
 
 TEST_F(SenderTest, DescriptorsAreNotInherited)
 {
-    std::vector<int> before;
-    for (int fd = 0; fd < 1024; ++fd)
-    {
-        if (::fcntl(fd, F_GETFD) != -1)
-            before.push_back(fd);
-    }
+    const auto before = listInheritedDescriptors();
     startStream();
     RawConnection client(getSocketName());
     ASSERT_TRUE(client.readMessage().has_value());
     ASSERT_TRUE(waitForClients(1));
-
-    std::size_t numChecked = 0;
-    for (int fd = 0; fd < 1024; ++fd)
-    {
-        const int flags = ::fcntl(fd, F_GETFD);
-        if (flags == -1 || std::find(before.begin(), before.end(), fd) != before.end())
-            continue;
-        std::error_code error;
-        const fs::path target = fs::read_symlink("/proc/self/fd/" + std::to_string(fd), error);
-        EXPECT_NE(flags & FD_CLOEXEC, 0) << fd << " " << target;
-        ++numChecked;
-    }
-    EXPECT_GE(numChecked, 6U) << "two pipes, listener and connection";
+    EXPECT_EQ(listInheritedDescriptors(), before);
 }
 
 TEST_F(SenderTest, ThreadsMayMeet)

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <thread>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -38,8 +39,8 @@ std::string makeTempDirectory(std::string pattern)
     return ::mkdtemp(pattern.data()) != nullptr ? pattern : std::string();
 }
 
-/// @return what the descriptors of this process point to
-std::multiset<std::string> listDescriptors()
+/// @return what the descriptors of this process point to, if they have none of these flags
+std::multiset<std::string> listDescriptorsWithout(int flags)
 {
     std::multiset<std::string> targets;
     const fs::path directory = "/proc/self/fd";
@@ -48,7 +49,8 @@ std::multiset<std::string> listDescriptors()
         std::error_code error;
         const std::string target = fs::read_symlink(entry.path(), error).string();
         const bool isOfIterator = target.find("/proc/") == 0;
-        if (!error && !isOfIterator)
+        const int fd = std::stoi(entry.path().filename());
+        if (!error && !isOfIterator && (::fcntl(fd, F_GETFD) & flags) == 0)
             targets.insert(target);
     }
     return targets;
@@ -99,6 +101,11 @@ Buffer fromHex(const std::string& digits)
     return bytes;
 }
 
+std::multiset<std::string> listInheritedDescriptors()
+{
+    return listDescriptorsWithout(FD_CLOEXEC);
+}
+
 VlxTest::VlxTest()
 {
     static int numTests = 0;
@@ -117,7 +124,7 @@ void VlxTest::SetUp()
     ASSERT_FALSE(m_tempDirectory.empty()) << "no directory " << pattern;
     ::setenv("TMPDIR", m_tempDirectory.c_str(), 1);
 
-    m_descriptorsBefore = listDescriptors();
+    m_descriptorsBefore = listDescriptorsWithout(0);
     m_threadsBefore = listThreads();
 }
 
@@ -153,7 +160,7 @@ std::vector<std::string> VlxTest::listTempDirectory() const
 
 VlxTest::Descriptors VlxTest::findLeftDescriptors() const
 {
-    const Descriptors now = listDescriptors();
+    const Descriptors now = listDescriptorsWithout(0);
     Descriptors left;
     std::set_difference(
         now.begin(), now.end(), m_descriptorsBefore.begin(), m_descriptorsBefore.end(),

@@ -45,6 +45,9 @@ Buffer toBytes(const std::string& text);
 /// @param digits  two hexadecimal digits per byte; spaces are ignored
 Buffer fromHex(const std::string& digits);
 
+/// @return what the descriptors point to that a program started now would get
+std::multiset<std::string> listInheritedDescriptors();
+
 /// Expects a statement to stop the process by the assertion with exactly this expression.
 #define EXPECT_ASSERTION(statement, expression)                                                    \
     EXPECT_EXIT(                                                                                   \
