@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
-#include <vector>
 
 #include <log4cplus/logger.h>
 #include <log4cplus/nullappender.h>

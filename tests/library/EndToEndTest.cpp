@@ -17,8 +17,6 @@
 
 #include "Bell.hpp"
 #include "support/AllocationCounter.hpp"
-#include "support/ChildProcess.hpp"
-#include "support/LogCapture.hpp"
 #include "support/RecordedReceiver.hpp"
 #include "support/VlxTest.hpp"
 
@@ -157,30 +155,6 @@ TEST_P(EndToEndTransportTest, FramesOfEveryFormatArriveBitForBit)
 
     EXPECT_EQ(receiver.getEvents(), expectedEvents);
     EXPECT_TRUE(receiver.getFrames() == expectedFrames); // too much to be printed
-}
-
-TEST_P(EndToEndTransportTest, FramesArriveAgainAfterTheSenderWasKilled)
-{
-    RecordedReceiver receiver;
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    for (std::size_t round = 1; round <= 3; ++round)
-    {
-        SenderProcess sender(getSocketName(), GetParam());
-        ASSERT_TRUE(receiver.waitForEvent("ready", round));
-        const std::size_t numBefore = receiver.count("frame");
-        ASSERT_TRUE(receiver.waitForEvent("frame", numBefore + 10));
-        sender.kill();
-        ASSERT_TRUE(receiver.waitForEvent("connecting", round + 1));
-    }
-    for (const Frame& frame : receiver.getFrames())
-    {
-        const Buffer data(100, static_cast<std::uint8_t>(frame.timestamp));
-        ASSERT_EQ(frame, (Frame{frame.timestamp, 1, data}));
-    }
-    EXPECT_EQ(receiver.count("failed"), 0U);
-    receiver.stop();
-    for (const std::string& left : listTempDirectory())
-        fs::remove_all(fs::path(getTempDirectory()) / left);
 }
 
 TEST_P(EndToEndTransportTest, AFrameCostsOneAllocationAtTheReceiverAndNoneAtTheSender)

@@ -4,11 +4,9 @@
 #include <chrono>
 #include <cstdint>
 #include <future>
-#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <dlfcn.h>
 

@@ -130,64 +130,35 @@ TEST(VlxPayloadDeathTest, BrokenPreconditionsStopTheProcess)
         "(packetOffset + mediaData.size()) <= packet.size()");
 }
 
-TEST(VlxPayloadTest, SequenceInfoIsLaidOutByteForByte)
+TEST(VlxPayloadTest, PacketsAreLaidOutByteForByte)
 {
-    struct Row
-    {
-        const char* name;
-        std::uint32_t fourcc;
-        Buffer codecHeader;
-        std::uint16_t sequenceNr;
-        Buffer packet;
-    };
-    const std::vector<Row> rows = {
-        {"no codec header", PcmFourcc, {}, 5, fromHex("01 00 0500 50434D41")},
-        {"low bytes first", 0x04030201, {}, 0xABCD, fromHex("01 00 CDAB 01020304")},
-        {"codec header unchanged", 0xFFFE8000, fromHex("00 FF 01"), 0xFFFF,
-         fromHex("01 00 FFFF 0080FEFF 00FF01")},
-    };
-
-    Buffer packet(64, 0xEE); // of an earlier, longer packet
-    const std::uint8_t* const storage = packet.data();
-    for (const Row& row : rows)
-    {
-        SCOPED_TRACE(row.name);
-        produceSequenceInfoPacket(packet, row.fourcc, row.codecHeader, row.sequenceNr);
-        EXPECT_EQ(packet, row.packet);
-        EXPECT_EQ(packet.data(), storage);
-    }
-}
-
-TEST(VlxPayloadTest, FrameIsLaidOutByteForByte)
-{
-    struct Row
-    {
-        const char* name;
-        std::uint16_t sequenceNr;
-        TimeValue timestamp;
-        TimeValue duration;
-        Buffer mediaData;
-        Buffer packet;
-    };
-    const std::vector<Row> rows = {
-        {"two bytes", 0x0102, 1, 2, fromHex("AABB"),
-         fromHex("02 00 0201 0100000000000000 0200000000000000 AABB")},
-        {"low bytes first", 0xFFFE, 0x0807060504030201, 0xF8F7F6F5F4F3F2F1, fromHex("00"),
-         fromHex("02 00 FEFF 0102030405060708 F1F2F3F4F5F6F7F8 00")},
-        {"no media data", 0, 0, 0, {}, fromHex("02 00 0000 0000000000000000 0000000000000000")},
-    };
-
     Payloader payloader(CodecA);
     Buffer packet(64, 0xEE); // of an earlier, longer packet
-    const std::uint8_t* const storage = packet.data();
-    for (const Row& row : rows)
+    const auto produceSequenceInfo =
+        [&](std::uint32_t fourcc, const char* codecHeader, std::uint16_t sequenceNr)
     {
-        SCOPED_TRACE(row.name);
-        payloader.produceFramePacket(
-            packet, row.sequenceNr, row.timestamp, row.duration, row.mediaData);
-        EXPECT_EQ(packet, row.packet);
-        EXPECT_EQ(packet.data(), storage);
-    }
+        produceSequenceInfoPacket(packet, fourcc, fromHex(codecHeader), sequenceNr);
+        return packet;
+    };
+    const auto produceFrame = [&](std::uint16_t sequenceNr, TimeValue timestamp, TimeValue duration,
+                                  const char* mediaData)
+    {
+        payloader.produceFramePacket(packet, sequenceNr, timestamp, duration, fromHex(mediaData));
+        return packet;
+    };
+    const std::uint8_t* const storage = packet.data();
+    EXPECT_EQ(produceSequenceInfo(PcmFourcc, "", 5), fromHex("01 00 0500 50434D41"));
+    EXPECT_EQ(produceSequenceInfo(0x04030201, "", 0xABCD), fromHex("01 00 CDAB 01020304"));
+    EXPECT_EQ(
+        produceSequenceInfo(0xFFFE8000, "00FF01", 0xFFFF), fromHex("01 00 FFFF 0080FEFF 00FF01"));
+    EXPECT_EQ(
+        produceFrame(0x0102, 1, 2, "AABB"),
+        fromHex("02 00 0201 0100000000000000 0200000000000000 AABB"));
+    EXPECT_EQ(
+        produceFrame(0xFFFE, 0x0807060504030201, 0xF8F7F6F5F4F3F2F1, "00"),
+        fromHex("02 00 FEFF 0102030405060708 F1F2F3F4F5F6F7F8 00"));
+    EXPECT_EQ(produceFrame(0, 0, 0, ""), fromHex("02 00 0000 0000000000000000 0000000000000000"));
+    EXPECT_EQ(packet.data(), storage);
 }
 
 TEST(VlxPayloadTest, DerivedPayloaderChoosesThePayload)

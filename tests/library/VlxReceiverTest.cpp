@@ -25,10 +25,8 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <miscUtils/MiscUtils.hpp>
 #include <vlx/VlxReceiver.hpp>
 
 #include "Bell.hpp"
@@ -218,9 +216,6 @@ TEST_F(ReceiverTest, StopsWhileItWaitsForInitialInfo)
     receiver.stop();
     EXPECT_TRUE(connection.waitForClose());
     EXPECT_THAT(receiver.getEvents(), ElementsAre("connecting", "idle"));
-    EXPECT_TRUE(log().containsInOrder(
-        {debugLog("Loop wakeup activity; aborting wait for initial info"),
-         debugLog("Aborting connection attempt"), debugLog("Receiver thread stopped")}));
     EXPECT_FALSE(hasLoggedProblems());
 }
 
@@ -473,12 +468,6 @@ TEST_F(ReceiverTest, ConnectsAgainAtOnceWithoutInitialInfo)
     }
     ASSERT_TRUE(sender.serve());
     EXPECT_TRUE(receiver.waitForEvent("ready"));
-    EXPECT_TRUE(log().containsInOrder(
-        {debugLog("Sidechannel to VLX sender established"),
-         debugLog("VLX sidechannel socket got closed"),
-         errorLog("Could not get initial info; restarting connection attempt"),
-         debugLog(StartsWith("Closing sidechannel with FD ")),
-         traceLog("Sidechannel socket established")}));
     EXPECT_EQ(log().count(errorLog(_)), 4U);
     EXPECT_FALSE(log().contains(traceLog(Retrying)));
 }
@@ -523,12 +512,6 @@ TEST_P(ReceiverTransportTest, JoinsAgainAfterALoss)
                                            "connecting", "running", "sequence 48000 x2 S16LE",
                                            "ready monotonic system clock", "frame 1"));
     }
-    EXPECT_TRUE(log().containsInOrder(
-        {debugLog("VLX sidechannel socket got closed"),
-         debugLog(StartsWith("Closing sidechannel with FD ")),
-         debugLog("Sidechannel has been disconnected and no nanomsg activity is present - shutting "
-                  "down receiver"),
-         debugLog(ConnectionGone), traceLog("Sidechannel socket established")}));
     EXPECT_FALSE(hasLoggedProblems());
 }
 
@@ -613,11 +596,8 @@ TEST_F(ReceiverTest, GivesUpWithoutAMainChannel)
         EXPECT_THAT(receiver.getEvents(), ElementsAre("connecting", "idle", "failed"));
         EXPECT_EQ(receiver.get().getState(), State::Idle);
         receiver.stop();
-        EXPECT_TRUE(log().containsInOrder(
-            {errorLog(std::string("Could not connect the nanomsg SP socket: ") + row.error),
-             debugLog(StartsWith("Closing sidechannel")),
-             debugLog("Connection attempt failed; reporting this if a callback is set"),
-             debugLog("Receiver thread stopped")}));
+        EXPECT_TRUE(log().contains(
+            errorLog(std::string("Could not connect the nanomsg SP socket: ") + row.error)));
         EXPECT_EQ(log().count(errorLog(_)), 1U);
 
         RawSender good(getSocketName(), NanomsgProtocol::PubSub);
@@ -919,59 +899,6 @@ TEST_F(ReceiverTest, TheChannelsDifferInWhatTheyTolerate)
     }
 }
 
-TEST_P(ReceiverTransportTest, SequencesAreAnnouncedOnceAndReadinessOncePerConnection)
-{
-    auto sender = makeSender();
-    RecordedReceiver receiver;
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    ASSERT_TRUE(sender->serve(1));
-    ASSERT_TRUE(receiver.waitForEvent("ready"));
-    for (std::uint16_t nr = 1; nr <= 3; ++nr)
-    {
-        // Over both channels; a frame of the old sequence and one of the next are refused.
-        const auto before = static_cast<std::uint16_t>(nr - 1);
-        const auto after = static_cast<std::uint16_t>(nr + 1);
-        ASSERT_TRUE(sender->sendOverMainChannel(makeSequenceInfo(nr)));
-        ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(nr, static_cast<std::uint8_t>(nr))));
-        ASSERT_TRUE(receiver.waitForEvent("frame", nr));
-        ASSERT_TRUE(sender->sendOverSidechannel(makeSequenceInfo(nr)));
-        ASSERT_TRUE(log().waitFor(
-            debugLog(StartsWith("dropping VLX SequenceInfo packet because it is redundant")),
-            after));
-        ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(before, 100)));
-        ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(after, 100)));
-        ASSERT_TRUE(log().waitFor(
-            debugLog(StartsWith("dropping VLX Frame packet because its sequence number does not")),
-            nr));
-    }
-    const std::string sequence = "sequence 48000 x2 S16LE";
-    EXPECT_THAT(
-        receiver.getEvents(), ElementsAre(
-                                  "connecting", "running", sequence, "ready monotonic system clock",
-                                  "frame 1", sequence, "frame 2", sequence, "frame 3"));
-}
-
-TEST_P(ReceiverTransportTest, SidechannelMessagesMayComeInAnySlices)
-{
-    for (const std::size_t sliceSize : {1U, 3U, 5U, 0U})
-    {
-        SCOPED_TRACE(sliceSize);
-        auto sender = makeSender();
-        RecordedReceiver receiver;
-        ASSERT_TRUE(receiver.start(getSocketName()));
-        sender->getSidechannel() = sender->getListener().accept();
-        Buffer bytes = makeSidechannelMessage(sender->getInitialInfo());
-        for (const std::uint16_t sequenceNr : std::vector<std::uint16_t>{1, 2})
-        {
-            const Buffer message = makeSidechannelMessage(makeSequenceInfo(sequenceNr));
-            bytes.insert(bytes.end(), message.begin(), message.end());
-        }
-        ASSERT_TRUE(sender->getSidechannel().send(bytes, sliceSize));
-        EXPECT_TRUE(receiver.waitForEvent("sequence", 2));
-        EXPECT_EQ(receiver.count("ready"), 1U);
-    }
-}
-
 TEST_P(ReceiverTransportTest, MissingCallbacksAreSkipped)
 {
     auto sender = makeSender();
@@ -1068,9 +995,6 @@ TEST_P(ReceiverTransportTest, AWakeupGoesBeforeWaitingData)
     EXPECT_TRUE(receiver.waitForEvent("idle"));
     EXPECT_EQ(receiver.count("frame"), 1U);
     EXPECT_EQ(receiver.count("sequence"), 1U);
-    EXPECT_TRUE(log().isExactly(
-        {traceLog("Listening for input"), traceLog("Loop wakup activity; aborting wait for input"),
-         debugLog(StartsWith("Closing sidechannel")), debugLog("Receiver thread stopped")}));
 }
 
 TEST_P(ReceiverTransportTest, WhatIsInTheMainChannelIsPlayedAfterTheSidechannelHasClosed)
@@ -1091,12 +1015,6 @@ TEST_P(ReceiverTransportTest, WhatIsInTheMainChannelIsPlayedAfterTheSidechannelH
     ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(1, 1)));
     EXPECT_TRUE(receiver.waitForEvent("connecting", 2));
     EXPECT_EQ(receiver.count("frame"), NumFrames);
-    EXPECT_TRUE(log().containsInOrder(
-        {debugLog("VLX sidechannel socket got closed"),
-         debugLog(StartsWith("Closing sidechannel with FD ")), traceLog("Nanomsg activity"),
-         debugLog("Sidechannel has been disconnected and no nanomsg activity is present - shutting "
-                  "down receiver"),
-         debugLog(ConnectionGone)}));
     EXPECT_EQ(log().count(debugLog(StartsWith("Closing sidechannel"))), 1U);
 }
 
