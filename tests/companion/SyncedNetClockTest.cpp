@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <functional>
 #include <future>
-#include <iostream>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -200,7 +199,6 @@ protected:
     // the first answer, no time while it adapts, the new time once it is synchronised again.
     void checkReturn(std::int64_t oldOffsetNs)
     {
-        const auto back = SteadyClock::now();
         std::array<bool, 2> hasLeftOldTime = {false, false};
         EXPECT_TRUE(waitFor(
             [&]
@@ -210,9 +208,6 @@ protected:
                 return m_followers[0].hasReturned(m_provider) &&
                        m_followers[1].hasReturned(m_provider);
             }));
-        const std::chrono::duration<double, std::milli> taken = SteadyClock::now() - back;
-        RecordProperty("msUntilRight", std::to_string(taken.count()));
-        std::cout << GetParam().name << ": right " << taken.count() << " ms after the return\n";
     }
 
     void checkReading(

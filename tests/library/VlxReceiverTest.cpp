@@ -809,9 +809,7 @@ std::vector<InputRow> makeInputRows()
     const Buffer shortFrame(frame.begin(), frame.begin() + 19);
     const Buffer redundant = makeSequenceInfo(1);
     const Buffer noHeader = fromHex("01 00 0200");
-    const LogExpectation error = errorLog("Error while consuming VLX packet");
-
-    return {
+    std::vector<InputRow> rows = {
         {"foreign codec", Channel::Main, false, foreign,
          warnLog(
              "Could not select an VLX depayloader for this stream; its packets will be skipped"),
@@ -824,12 +822,6 @@ std::vector<InputRow> makeInputRows()
          true},
         {"frame without sequence", Channel::Side, false, frame0,
          errorLog("Got a Frame packet, but no payloader is present"), false},
-        {"rejected header", Channel::Main, false, rejected, error, false},
-        {"rejected header", Channel::Side, false, rejected, error, false},
-        {"no FourCC", Channel::Main, true, withoutFourcc, error, false},
-        {"no FourCC", Channel::Side, true, withoutFourcc, error, false},
-        {"frame without duration", Channel::Main, true, shortFrame, error, false},
-        {"frame without duration", Channel::Side, true, shortFrame, error, false},
         {"unknown type", Channel::Main, true, unknown,
          traceLog("Received nanomsg VLX packet with 5 byte(s); type: unknown"), true},
         {"unknown type", Channel::Side, true, unknown,
@@ -841,23 +833,22 @@ std::vector<InputRow> makeInputRows()
         {"frame", Channel::Side, true, frame,
          errorLog("Got a Frame packet over the sidechannel; this is not supposed to happen!"),
          true},
-        {"empty",
-         Channel::Main,
-         true,
-         {},
-         errorLog("Received nanomsg VLX packet is too short: 0 byte(s)"),
-         true},
+        {"empty", Channel::Main, true, Buffer(),
+         errorLog("Received nanomsg VLX packet is too short: 0 byte(s)"), true},
         {"header only", Channel::Main, true, noHeader,
          errorLog("Received nanomsg VLX packet is too short: 4 byte(s)"), true},
-        {"one byte",
-         Channel::Side,
-         true,
-         {2},
-         errorLog("Received sidechannel VLX packet is too short: 1 byte(s)"),
-         false},
+        {"one byte", Channel::Side, true, Buffer(1),
+         errorLog("Received sidechannel VLX packet is too short: 1 byte(s)"), false},
         {"header only", Channel::Side, true, noHeader,
-         errorLog("Received sidechannel VLX packet is too short: 4 byte(s)"), false},
-    };
+         errorLog("Received sidechannel VLX packet is too short: 4 byte(s)"), false}};
+    const LogExpectation error = errorLog("Error while consuming VLX packet");
+    for (const Channel channel : {Channel::Main, Channel::Side})
+    {
+        rows.push_back({"rejected header", channel, false, rejected, error, false});
+        rows.push_back({"no FourCC", channel, true, withoutFourcc, error, false});
+        rows.push_back({"frame without duration", channel, true, shortFrame, error, false});
+    }
+    return rows;
 }
 
 } // namespace
@@ -1042,12 +1033,8 @@ struct ReaderRow
 std::vector<ReaderRow> makeReaderRows()
 {
     return {
-        {"in one piece", {{"02000000 AABB", 0}, {"", 1, "AABB"}}},
-        {"prefix 1 + 3", {{"02", 0}, {"000000 AABB", 0}, {"", 1, "AABB"}}},
         {"byte by byte",
          {{"02", 0}, {"00", 0}, {"00", 0}, {"00", 0}, {"AA", 0}, {"BB", 1, "AABB"}}},
-        {"two at once",
-         {{"01000000 A1 02000000 B1B2", 0}, {"", 1, "A1"}, {"", 0}, {"", 1, "B1B2"}}},
         {"a long one, then short ones",
          {{"06000000 A1A2A3A4A5A6", 0},
           {"", 1, "A1A2A3A4A5A6"},
@@ -1058,12 +1045,9 @@ std::vector<ReaderRow> makeReaderRows()
           {"000000 C1", 0},
           {"", 1, "C1"}}},
         {"256 is not 1", {{"0001", 0}, {"0000", 0}, {"A1", 0}}},
-        {"no length", {{"00000000", 0}, {"AA", 2}}},
-        {"closed at once", {{CloseSocket, 2}}},
+        {"no length, nothing to read", {{"00000000", 0}, {"", 0}, {"AA", 2}}},
         {"closed in the prefix", {{"0200", 0}, {CloseSocket, 2}}},
         {"closed in the message", {{"02000000AA", 0}, {"", 0}, {CloseSocket, 2}}},
-        {"nothing to read", {{"", 0}, {"02000000 AA", 0}, {"", 0}, {"", 0}, {"BB", 1, "AABB"}}},
-        {"no length, nothing to read", {{"00000000", 0}, {"", 0}, {"AA", 2}}},
         {"nothing is left over of a prefix",
          {{"0200", 0}, {NewSocket}, {"02000000 A1A2", 0}, {"", 1, "A1A2"}}},
         {"nothing is left over of a message",

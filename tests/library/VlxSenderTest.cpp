@@ -1,14 +1,12 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <future>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -28,6 +26,7 @@
 #include <vlx/VlxSender.hpp>
 
 #include "Guards.hpp"
+#include "SenderDirectory.hpp"
 #include "support/LogCapture.hpp"
 #include "support/RawSender.hpp"
 #include "support/ResourceLimit.hpp"
@@ -60,26 +59,6 @@ int countBytesInPipe(int readEnd)
     int numBytes = -1;
     ::ioctl(readEnd, FIONREAD, &numBytes);
     return numBytes;
-}
-
-/// What the sender asked the system for, outside the tests' own directory: this is refused.
-std::vector<std::string> patternsOfDirectories;
-
-/// The system's call, which the linker leads through this.
-extern "C"
-{
-    // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
-    char* __real_mkdtemp(char* pattern);
-
-    char* __wrap_mkdtemp(char* pattern)
-    {
-        if (std::string_view(pattern).starts_with("/tmp/vt-"))
-            return __real_mkdtemp(pattern);
-        patternsOfDirectories.emplace_back(pattern);
-        errno = ENOENT;
-        return nullptr;
-    }
-    // NOLINTEND(bugprone-reserved-identifier)
 }
 
 class SenderTest : public VlxTest
@@ -373,36 +352,22 @@ TEST_F(SenderTest, TakenNameIsReplacedByAFreeAlternative)
 
 TEST_F(SenderTest, TempDirectoryIsWhereTheVariableSays)
 {
-    const struct
+    ::unsetenv("TMPDIR");
+    EXPECT_EQ(getBaseDirectory(), "/tmp/vlx");
+    for (const char* directory : {"", "/nowhere/at/all"})
     {
-        const char* name;
-        const char* directory; // null: not set
-        const char* pattern;
-    } rows[] = {
-        {"not set", nullptr, "/tmp/vlx/VlxSender-XXXXXX"},
-        {"empty", "", "/VlxSender-XXXXXX"},
-        {"missing", "/nowhere/at/all", "/nowhere/at/all/VlxSender-XXXXXX"},
-    };
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(row.name);
-        if (row.directory == nullptr)
-            ::unsetenv("TMPDIR");
-        else
-            ::setenv("TMPDIR", row.directory, 1);
-        log().clear();
-        patternsOfDirectories.clear();
-
-        Sender sender;
-        EXPECT_FALSE(initialize(sender, getSocketName()));
-        EXPECT_FALSE(sender.*Access::Initialized);
-        EXPECT_THAT(patternsOfDirectories, ::testing::ElementsAre(row.pattern));
-        EXPECT_TRUE(log().isExactly(
-            {traceLog(StartsWith("Setting up sender")),
-             errorLog("Could not create temporary directory for nanomsg SP socket: No such file or "
-                      "directory (2)")}));
-        release(sender);
+        ::setenv("TMPDIR", directory, 1);
+        EXPECT_EQ(getBaseDirectory(), directory);
     }
+    Sender sender;
+    log().clear();
+    EXPECT_FALSE(initialize(sender, getSocketName()));
+    EXPECT_FALSE(sender.*Access::Initialized);
+    EXPECT_TRUE(log().isExactly(
+        {traceLog(StartsWith("Setting up sender")),
+         errorLog("Could not create temporary directory for nanomsg SP socket: No such file or "
+                  "directory (2)")}));
+    release(sender);
 }
 
 TEST_P(SenderTransportTest, TempDirectoryIsOpenToEveryone)
