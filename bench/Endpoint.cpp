@@ -114,15 +114,12 @@ public:
         std::memcpy(&m_packet[offsetof(PacketHeader, packetBytes)], &size, sizeof size);
     }
 
-    bool open()
+    void open()
     {
         const std::uint64_t calledNs = nowNs();
         m_send = openStream(m_plan);
-        if (!m_send)
-            return false;
         m_prober = std::thread([this] { sendRun(Phase::Probe, MaxFloodFrames, NsPerMs); });
         say("opened " + std::to_string(calledNs));
-        return true;
     }
 
     void measure()
@@ -274,32 +271,29 @@ private:
     std::atomic<bool> m_ended = false;
 };
 
-int runSender(const Plan& plan)
+void runSender(const Plan& plan)
 {
     SendingEnd end(plan);
     say("ready");
     for (std::string command; std::getline(std::cin, command);)
     {
-        if (command == "open" && !end.open())
-            return 1;
-        if (command == "go")
+        if (command == "open")
+            end.open();
+        else
             end.measure();
     }
     end.stopProbing();
-    return 0;
 }
 
-int runReceiver(const Plan& plan)
+void runReceiver(const Plan& plan)
 {
     Progress progress{plan.objects};
     std::deque<Recorder> recorders; // addresses stay
     for (std::size_t i = 0; i < plan.objects; i++)
     {
         Recorder& recorder = recorders.emplace_back(plan, progress);
-        if (!startReceiving(
-                plan,
-                [&recorder](std::uint64_t sentNs, Bytes media) { recorder.take(sentNs, media); }))
-            return 1;
+        startReceiving(
+            plan, [&recorder](std::uint64_t sentNs, Bytes media) { recorder.take(sentNs, media); });
     }
     say("ready");
     for (std::string command; std::getline(std::cin, command);)
@@ -309,8 +303,6 @@ int runReceiver(const Plan& plan)
             results.push_back(recorder.report());
         say("result " + results.dump());
     }
-    // The receiving threads are still at work, and stopping them may take seconds.
-    _exit(0);
 }
 
 } // namespace
@@ -324,6 +316,7 @@ int main(int argc, char** argv)
     const Plan plan = json::parse(argc == 2 ? argv[1] : "{}").get<Plan>();
     if (plan.name.empty() || plan.bytes < sizeof(FrameTag) || plan.rate == 0)
         return 2;
-    // Leaves without destroying what detached threads still use.
-    _exit(plan.role == "send" ? runSender(plan) : runReceiver(plan));
+    plan.role == "send" ? runSender(plan) : runReceiver(plan);
+    // The receiving threads are still at work, and stopping them may take seconds.
+    _exit(0);
 }

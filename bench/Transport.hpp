@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <span>
@@ -38,6 +39,12 @@ struct Plan
     {
         return directory + "/" + name + suffix;
     }
+
+    /// @return the same as the address that several libraries understand
+    std::string getURL() const
+    {
+        return "ipc://" + getPath(".ipc");
+    }
 };
 
 /// In front of the media data in a packet. As long as the header of our Frame packet, so that every
@@ -58,12 +65,11 @@ using SendFrame = std::function<void(std::uint64_t, Bytes)>;
 using FrameHandler = std::function<void(std::uint64_t, Bytes)>;
 
 /// Makes the stream reachable; returns without waiting for receivers.
-/// @return its destruction closes the stream; empty after a message on standard error
+/// @return its destruction closes the stream
 SendFrame openStream(const Plan& plan);
 
 /// Starts to receive on one thread until the process ends, and returns.
-/// @return false after a message on standard error
-bool startReceiving(const Plan& plan, FrameHandler handler);
+void startReceiving(const Plan& plan, FrameHandler handler);
 
 /// Hands over a packet that has arrived whole.
 inline void deliverPacket(const FrameHandler& handler, const void* data, std::size_t size)
@@ -77,13 +83,13 @@ inline void deliverPacket(const FrameHandler& handler, const void* data, std::si
         Bytes(static_cast<const std::uint8_t*>(data), size).subspan(sizeof(PacketHeader)));
 }
 
-/// Reports a failed call of an adapter.
-/// @return ok
-inline bool check(bool ok, const char* call, const char* reason)
+/// Ends the process with a message if a call of an adapter has failed.
+inline void require(bool ok, const char* call, const char* reason)
 {
-    if (!ok)
-        std::fprintf(stderr, "%s: %s\n", call, reason);
-    return ok;
+    if (ok)
+        return;
+    std::fprintf(stderr, "%s: %s\n", call, reason);
+    std::_Exit(EXIT_FAILURE);
 }
 
 } // namespace vlx::bench

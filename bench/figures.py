@@ -6,6 +6,8 @@ import math
 from pathlib import Path
 import statistics
 
+from shared import median
+
 Record = dict[str, object]
 
 
@@ -27,10 +29,6 @@ def values_of(records: list[Record], key: str) -> list[float]:
     return [r[key] for r in records if isinstance(r.get(key), (int, float))]
 
 
-def median(values: list[float]) -> float:
-    return statistics.median(values) if values else math.nan
-
-
 def median_of(records: list[Record], key: str) -> float:
     return median(values_of(records, key))
 
@@ -38,11 +36,6 @@ def median_of(records: list[Record], key: str) -> float:
 def worst_of(records: list[Record], key: str) -> float:
     """The worst round: no loss means none at all."""
     return max(values_of(records, key), default=math.nan)
-
-
-def percentile(values: list[float], share: float) -> float:
-    """The smallest value that at least this share, 0 to 1, of all values does not exceed."""
-    return sorted(values)[max(math.ceil(share * len(values)), 1) - 1] if values else math.nan
 
 
 def quotient(value: float, base: float) -> float:
@@ -54,13 +47,6 @@ def ratios(records: list[Record], base: list[Record], key: str) -> list[float]:
     found = [quotient(value, other) for record in records for value in values_of([record], key)
              for other in values_of(where(base, round=record["round"]), key)]
     return [ratio for ratio in found if not math.isnan(ratio)]
-
-
-def format_number(value: float) -> str:
-    """With a precision that suits its size."""
-    if not math.isfinite(value):
-        return "-" if math.isnan(value) else "never"
-    return f"{value:.{0 if abs(value) >= 100 else 1 if abs(value) >= 10 else 2}f}"
 
 
 def format_ratio(value: float) -> str:

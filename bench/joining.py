@@ -10,7 +10,8 @@ import time
 
 from figures import Record
 from questions import Campaign
-from session import Endpoint, Plan, busy_loops, make_name
+from session import Endpoint, Plan, busy_loops
+from shared import make_name
 import transports as t
 
 # A receiver without a frame by then never gets one: it has missed the announcement of the sequence.

@@ -3,22 +3,21 @@
 import argparse
 import os
 from pathlib import Path
-import re
 import signal
-import subprocess
 import sys
 import tempfile
 import time
 
-from figures import read_records
-import joining
-import questions
-import report
-import tables
-from targets import target_table
-import transports
+sys.path.append(str(Path(__file__).resolve().parent.parent / "runs"))
+from figures import read_records  # noqa: E402
+import joining  # noqa: E402
+import questions  # noqa: E402
+import report  # noqa: E402
+from shared import ROOT, build, describe_machine  # noqa: E402
+import tables  # noqa: E402
+from targets import target_table  # noqa: E402
+import transports  # noqa: E402
 
-ROOT = Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build" / "bench"  # as the preset says
 QUESTIONS = {"age": questions.measure_age, "overload": questions.measure_overload,
              "busy": questions.measure_busy, "fanout": questions.measure_fanout,
@@ -50,18 +49,6 @@ def read_processors(text: str) -> set[int]:
     return os.sched_getaffinity(0) if text == "all" else {int(one) for one in text.split(",")}
 
 
-def describe_machine() -> str:
-    """Processor, cores, kernel, governor | build."""
-    governor = Path("/sys/devices/system/cpu/cpu0/cpufreq/scaling_governor")
-    kind = re.findall("CMAKE_BUILD_TYPE:.*=(.*)", (BUILD / "CMakeCache.txt").read_text())[0]
-    return ", ".join([
-        *re.findall("model name.*: (.*)", Path("/proc/cpuinfo").read_text())[:1],
-        f"{len(os.sched_getaffinity(0))} of {os.cpu_count()} cores",
-        f"{os.uname().sysname} {os.uname().release}",
-        governor.read_text().strip() if governor.exists() else "no governor",
-    ]) + f" | {kind.lower()}"
-
-
 def measure_all(options: argparse.Namespace, data: Path) -> bool:
     data.mkdir(parents=True, exist_ok=True)
     # Two processors make runs on different machines comparable, and leave none idle by chance.
@@ -75,7 +62,7 @@ def measure_all(options: argparse.Namespace, data: Path) -> bool:
             started = time.monotonic()
             campaign = questions.Campaign(
                 BUILD, Path(scratch) / question, data / f"{question}.jsonl", options.quick,
-                describe_machine())
+                describe_machine(BUILD))
             QUESTIONS[question](campaign)
             for name in filter(None, [question, FURTHER_TABLES.get(question)]):
                 print(getattr(tables, f"{name}_table")(campaign.records).to_text())
@@ -102,10 +89,7 @@ def main() -> int:
         # And so through every "with" block.
         signal.signal(number, lambda caught, _: sys.exit(128 + caught))
     started = time.monotonic()
-    for command in (["cmake", "--preset", "bench", "--log-level=NOTICE"],
-                    ["cmake", "--build", BUILD, "--target", "vlx_bench_all"]):
-        if subprocess.run(command, cwd=ROOT, check=False).returncode != 0:
-            return 1
+    build("bench", BUILD, "vlx_bench_all")
     data = BUILD / "data" / ("quick" if options.quick else "full")
     complete = options.report_only or measure_all(options, data)
     whole = not options.quick and options.questions == list(QUESTIONS)

@@ -2,7 +2,8 @@
 
 from pathlib import Path
 
-from figures import Record, distinct, format_number, format_ratio, median_of, quotient, where
+from figures import Record, distinct, format_ratio, median_of, quotient, where
+from shared import Table, format_number
 import tables
 from targets import BYTES, Data, target_table
 import transports as t
@@ -19,7 +20,7 @@ CAPTIONS = {
 
 
 def describe_transports() -> str:
-    table = tables.Table("<transport", "<id in the raw data", "<options")
+    table = Table("<transport", "<id in the raw data", "<options")
     for each in t.ALL.values():
         table.add(each.label, f"`{each.id}`", each.options)
     return table.to_markdown()

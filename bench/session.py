@@ -2,8 +2,8 @@
 
 from contextlib import ExitStack, contextmanager
 from dataclasses import asdict, dataclass
-import itertools
 import json
+import multiprocessing
 import os
 from pathlib import Path
 import select
@@ -12,18 +12,14 @@ import sys
 import time
 from typing import Iterator
 
-from figures import Record, median, quotient
+from figures import Record, quotient
+from shared import die_with_parent, make_name, median, pss_kib
 from transports import Transport, endpoint_program
 
 STEP_S = 15
 DRAIN_S = 3
 ORDERLY_END_S = 1
 AGES = ("p10_us", "p25_us", "p50_us", "p75_us", "p90_us", "p99_us", "p999_us", "max_us")
-# Ends with its parent, whatever becomes of that.
-BUSY_LOOP = """import os
-parent = os.getppid()
-while os.getppid() == parent:
-    sum(range(1000000))"""
 
 
 @dataclass(frozen=True)
@@ -104,28 +100,27 @@ class Endpoint:
         return bool(more)
 
     def pss_kib(self) -> float:
-        lines = Path(f"/proc/{self._process.pid}/smaps_rollup").read_text().splitlines()
-        return next(float(line.split()[1]) for line in lines if line.startswith("Pss:"))
+        return pss_kib(self._process.pid)
+
+
+def _spin() -> None:
+    die_with_parent()
+    while True:
+        sum(range(1_000_000))
 
 
 @contextmanager
 def busy_loops(count: int) -> Iterator[None]:
     """Processes that do nothing but keep processors busy."""
-    loops = [subprocess.Popen([sys.executable, "-c", BUSY_LOOP]) for _ in range(count)]
+    loops = [multiprocessing.Process(target=_spin) for _ in range(count)]
+    for loop in loops:
+        loop.start()
     try:
         yield
     finally:
         for loop in loops:
             loop.kill()
-            loop.wait()
-
-
-_numbers = itertools.count(1)
-
-
-def make_name() -> str:
-    """A name that no other session has."""
-    return f"b{os.getpid()}-{next(_numbers)}"
+            loop.join()
 
 
 def run_session(build: Path, transport: Transport, directory: Path, plan: Plan) -> Record | None:

@@ -3,41 +3,15 @@ medians over the rounds; "vs" columns are medians of the ratios within each roun
 
 import math
 
-from figures import (Record, distinct, format_number, format_ratio, format_spread, median,
-                     median_of, percentile, quotient, ratios, values_of, where, worst_of)
+from figures import (Record, distinct, format_ratio, format_spread, median_of, quotient, ratios,
+                     values_of, where, worst_of)
+from shared import Table, median, percentile
 from transports import ALL, RAW
 
 # Receiving objects in one process where the memory of an object is measured.
 MANY_OBJECTS = 17
 # Joins later than this have fallen into the retry.
 RETRY_MS = 100
-
-
-class Table:
-    """Rows of text. A heading that begins with "<" stands, like its column, at the left."""
-
-    def __init__(self, *headings: str) -> None:
-        self._headings = [heading.removeprefix("<") for heading in headings]
-        self._left = [heading.startswith("<") for heading in headings]
-        self._rows: list[list[str]] = []
-
-    def add(self, *cells: object) -> None:
-        """Numbers with a part behind the point get a precision that suits their size."""
-        self._rows.append([format_number(cell) if isinstance(cell, float) else str(cell)
-                           for cell in cells])
-
-    def to_text(self) -> str:
-        lines = [self._headings, *self._rows]
-        widths = [max(map(len, column)) for column in zip(*lines)]
-        return "".join(
-            "  ".join(cell.ljust(width) if left else cell.rjust(width)
-                      for cell, width, left in zip(line, widths, self._left)).rstrip() + "\n"
-            for line in lines)
-
-    def to_markdown(self) -> str:
-        rule = ["---" if left else "---:" for left in self._left]
-        lines = [self._headings, rule, *self._rows]
-        return "".join(f"| {' | '.join(line)} |\n" for line in lines)
 
 
 def in_order(records: list[Record]) -> dict[str, list[Record]]:

@@ -4,9 +4,10 @@ import math
 import operator
 from typing import Callable
 
-from figures import (Record, format_number, format_ratio, format_spread, median, median_of,
-                     percentile, quotient, ratios, where, worst_of)
-from tables import Table, join_times
+from figures import (Record, format_ratio, format_spread, median_of, quotient, ratios, where,
+                     worst_of)
+from shared import Table, format_number, median, percentile
+from tables import join_times
 from transports import ALL, KIT, KIT_RT, NNG, OURS, POLLS, RAW, ZMQ
 
 BYTES = 1920

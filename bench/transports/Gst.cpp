@@ -44,9 +44,7 @@ Element parsePipeline(const std::string& description)
     gst_init(nullptr, nullptr);
     GError* error = nullptr;
     GstElement* const pipeline = gst_parse_launch(description.c_str(), &error);
-    check(error == nullptr, "gst_parse_launch", error ? error->message : "");
-    if (error)
-        return nullptr;
+    require(error == nullptr, "gst_parse_launch", error ? error->message : "");
     return Element(
         pipeline,
         [](GstElement* ended)
@@ -64,10 +62,10 @@ GstElement* getEnd(const Element& pipeline)
     return end;
 }
 
-bool play(const Element& pipeline)
+void play(const Element& pipeline)
 {
     const auto change = gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
-    return check(change != GST_STATE_CHANGE_FAILURE, "gst_element_set_state", "failed");
+    require(change != GST_STATE_CHANGE_FAILURE, "gst_element_set_state", "failed");
 }
 
 GstFlowReturn onSample(GstAppSink* sink, gpointer handler)
@@ -91,8 +89,7 @@ GstFlowReturn onSample(GstAppSink* sink, gpointer handler)
 SendFrame openStream(const Plan& plan)
 {
     const Element pipeline = parsePipeline(describeSender(plan));
-    if (!pipeline || !play(pipeline))
-        return {};
+    play(pipeline);
     return [pipeline, input = GST_APP_SRC(getEnd(pipeline))](std::uint64_t, Bytes packet)
     {
         GstBuffer* const buffer = gst_buffer_new_allocate(nullptr, packet.size(), nullptr);
@@ -102,20 +99,18 @@ SendFrame openStream(const Plan& plan)
     };
 }
 
-bool startReceiving(const Plan& plan, FrameHandler handler)
+void startReceiving(const Plan& plan, FrameHandler handler)
 {
     // Both last as long as the process.
     static std::deque<Element> pipelines;
     static std::deque<FrameHandler> handlers;
     const Element& pipeline = pipelines.emplace_back(parsePipeline(describeReceiver(plan)));
-    if (!pipeline)
-        return false;
     GstAppSinkCallbacks callbacks{};
     callbacks.new_sample = onSample;
     gst_app_sink_set_callbacks(
         GST_APP_SINK(getEnd(pipeline)), &callbacks, &handlers.emplace_back(std::move(handler)),
         nullptr);
-    return play(pipeline);
+    play(pipeline);
 }
 
 } // namespace vlx::bench

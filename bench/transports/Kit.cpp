@@ -41,20 +41,19 @@ SendFrame openStream(const Plan& plan)
     const auto scope =
         std::make_shared<kit::RealTimeScope>(chooseScheduling(plan)); // of this thread
     const auto producer = std::make_shared<kit::Producer>(makeOptions<kit::ProducerOptions>(plan));
-    if (!check(producer->open(kit::StreamFormat{}), "open", producer->getProblem().c_str()))
-        return {};
+    require(producer->open(kit::StreamFormat{}), "open", producer->getProblem().c_str());
     return [scope, producer](std::uint64_t timestampNs, Bytes packet)
     { producer->send(timestampNs, FrameDurationNs, packet.subspan(sizeof(PacketHeader))); };
 }
 
-bool startReceiving(const Plan& plan, FrameHandler handler)
+void startReceiving(const Plan& plan, FrameHandler handler)
 {
     kit::ConsumerCallbacks callbacks;
     callbacks.onFrame = [handler = std::move(handler)](const kit::Frame& frame)
     { handler(frame.timestamp, frame.data); };
     auto* const consumer = // as long as the process
         new kit::Consumer(makeOptions<kit::ConsumerOptions>(plan), std::move(callbacks));
-    return check(consumer->start(), "start", consumer->getProblem().c_str());
+    require(consumer->start(), "start", consumer->getProblem().c_str());
 }
 
 } // namespace vlx::bench

@@ -24,14 +24,14 @@ constexpr int NoSizeLimit = -1;
 constexpr int OurTimeoutMs = 50;
 constexpr int IdlePipe = -1; // in place of a socket's domain
 
-bool checkNanomsg(bool ok, const char* call)
+void requireNanomsg(bool ok, const char* call)
 {
-    return check(ok, call, nn_strerror(nn_errno()));
+    require(ok, call, nn_strerror(nn_errno()));
 }
 
-bool setOption(int socket, int option, int value)
+void setOption(int socket, int option, int value)
 {
-    return checkNanomsg(
+    requireNanomsg(
         nn_setsockopt(socket, NN_SOL_SOCKET, option, &value, sizeof value) == 0, "nn_setsockopt");
 }
 
@@ -43,11 +43,11 @@ struct WaitSet
     int timeoutMs = -1;
 
     // nanomsg's own descriptor: NN_SNDFD or NN_RCVFD.
-    bool watch(int socket, int option)
+    void watch(int socket, int option)
     {
         std::size_t size = sizeof(int);
         pollfd& entry = entries.emplace_back(pollfd{-1, POLLIN, 0});
-        return checkNanomsg(
+        requireNanomsg(
             nn_getsockopt(socket, NN_SOL_SOCKET, option, &entry.fd, &size) == 0, "nn_getsockopt");
     }
 
@@ -68,33 +68,29 @@ struct WaitSet
     }
 };
 
-void receiveForever(int socket, WaitSet waitSet, const FrameHandler& handler)
+// Makes a socket with an endpoint, and then sets the options of all variants but the default one, in
+// the order of our own sockets.
+int makeSocket(const Plan& plan, int type, decltype(&nn_bind) open, int bufferOption)
 {
-    while (true)
-    {
-        waitSet.wait();
-        void* message = nullptr;
-        const int size = nn_recv(socket, &message, NN_MSG, NN_DONTWAIT);
-        if (size < 0)
-            continue;
-        deliverPacket(handler, message, static_cast<std::size_t>(size));
-        nn_freemsg(message);
-    }
+    const int socket = nn_socket(AF_SP, type);
+    requireNanomsg(
+        type != NN_SUB || nn_setsockopt(socket, NN_SUB, NN_SUB_SUBSCRIBE, "", 0) == 0, "subscribe");
+    requireNanomsg(open(socket, plan.getURL().c_str()) >= 0, "nn_bind or nn_connect");
+    if (!plan.variant.empty())
+        setOption(socket, bufferOption, SmallestBuffer);
+    return socket;
 }
 
 } // namespace
 
 SendFrame openStream(const Plan& plan)
 {
-    const int socket = nn_socket(AF_SP, NN_PUB);
+    const int socket = makeSocket(plan, NN_PUB, nn_bind, NN_SNDBUF);
     const std::shared_ptr<void> socketGuard(nullptr, [socket](void*) { nn_close(socket); });
     WaitSet waitSet;
     if (plan.variant == "polls")
         waitSet.watchIdle(IdlePipe);
-    if (!checkNanomsg(nn_bind(socket, ("ipc://" + plan.getPath(".ipc")).c_str()) >= 0, "nn_bind") ||
-        (!plan.variant.empty() && !setOption(socket, NN_SNDBUF, SmallestBuffer)) ||
-        !waitSet.watch(socket, NN_SNDFD))
-        return {};
+    waitSet.watch(socket, NN_SNDFD);
     return [socket, socketGuard, waitSet](std::uint64_t, Bytes packet) mutable
     {
         waitSet.wait();
@@ -102,9 +98,10 @@ SendFrame openStream(const Plan& plan)
     };
 }
 
-bool startReceiving(const Plan& plan, FrameHandler handler)
+void startReceiving(const Plan& plan, FrameHandler handler)
 {
-    const int socket = nn_socket(AF_SP, NN_SUB);
+    const int socket = makeSocket(plan, NN_SUB, nn_connect, NN_RCVBUF);
+    setOption(socket, NN_RCVMAXSIZE, NoSizeLimit);
     WaitSet waitSet;
     if (plan.variant == "polls")
     {
@@ -112,14 +109,21 @@ bool startReceiving(const Plan& plan, FrameHandler handler)
         waitSet.watchIdle(AF_UNIX);
         waitSet.timeoutMs = OurTimeoutMs;
     }
-    if (!checkNanomsg(nn_setsockopt(socket, NN_SUB, NN_SUB_SUBSCRIBE, "", 0) == 0, "subscribe") ||
-        !checkNanomsg(
-            nn_connect(socket, ("ipc://" + plan.getPath(".ipc")).c_str()) >= 0, "nn_connect") ||
-        (!plan.variant.empty() && !setOption(socket, NN_RCVBUF, SmallestBuffer)) ||
-        !setOption(socket, NN_RCVMAXSIZE, NoSizeLimit) || !waitSet.watch(socket, NN_RCVFD))
-        return false;
-    std::thread(receiveForever, socket, waitSet, std::move(handler)).detach();
-    return true;
+    waitSet.watch(socket, NN_RCVFD);
+    const auto receive = [socket, waitSet, handler = std::move(handler)]() mutable
+    {
+        while (true)
+        {
+            waitSet.wait();
+            void* message = nullptr;
+            const int size = nn_recv(socket, &message, NN_MSG, NN_DONTWAIT);
+            if (size < 0)
+                continue;
+            deliverPacket(handler, message, static_cast<std::size_t>(size));
+            nn_freemsg(message);
+        }
+    };
+    std::thread(receive).detach();
 }
 
 } // namespace vlx::bench

@@ -15,26 +15,15 @@ namespace vlx::bench
 namespace
 {
 
-bool checkNng(int result, const char* call)
+void requireNng(int result, const char* call)
 {
-    return check(result == 0, call, nng_strerror(result));
+    require(result == 0, call, nng_strerror(result));
 }
 
-bool tune(const Plan& plan, nng_socket socket, const char* option)
+void tune(const Plan& plan, nng_socket socket, const char* option)
 {
-    return plan.variant != "tuned" || checkNng(nng_socket_set_int(socket, option, 1), option);
-}
-
-void receiveForever(nng_socket socket, const FrameHandler& handler)
-{
-    while (true)
-    {
-        nng_msg* message = nullptr;
-        if (nng_recvmsg(socket, &message, 0) != 0)
-            continue;
-        deliverPacket(handler, nng_msg_body(message), nng_msg_len(message));
-        nng_msg_free(message);
-    }
+    if (plan.variant == "tuned")
+        requireNng(nng_socket_set_int(socket, option, 1), option);
 }
 
 } // namespace
@@ -42,12 +31,9 @@ void receiveForever(nng_socket socket, const FrameHandler& handler)
 SendFrame openStream(const Plan& plan)
 {
     nng_socket socket = NNG_SOCKET_INITIALIZER;
-    if (!checkNng(nng_pub0_open(&socket), "nng_pub0_open") ||
-        !tune(plan, socket, NNG_OPT_SENDBUF) ||
-        !checkNng(
-            nng_listen(socket, ("ipc://" + plan.getPath(".nng")).c_str(), nullptr, 0),
-            "nng_listen"))
-        return {};
+    requireNng(nng_pub0_open(&socket), "nng_pub0_open");
+    tune(plan, socket, NNG_OPT_SENDBUF);
+    requireNng(nng_listen(socket, plan.getURL().c_str(), nullptr, 0), "nng_listen");
     const std::shared_ptr<void> socketGuard(nullptr, [socket](void*) { nng_close(socket); });
     return [socket, socketGuard](std::uint64_t, Bytes packet)
     {
@@ -60,19 +46,25 @@ SendFrame openStream(const Plan& plan)
     };
 }
 
-bool startReceiving(const Plan& plan, FrameHandler handler)
+void startReceiving(const Plan& plan, FrameHandler handler)
 {
     nng_socket socket = NNG_SOCKET_INITIALIZER;
+    requireNng(nng_sub0_open(&socket), "nng_sub0_open");
+    requireNng(nng_socket_set(socket, NNG_OPT_SUB_SUBSCRIBE, "", 0), "subscribe");
+    tune(plan, socket, NNG_OPT_RECVBUF);
     // The dial goes on in the background, as it has to when the sender is not there yet.
-    if (!checkNng(nng_sub0_open(&socket), "nng_sub0_open") ||
-        !checkNng(nng_socket_set(socket, NNG_OPT_SUB_SUBSCRIBE, "", 0), "subscribe") ||
-        !tune(plan, socket, NNG_OPT_RECVBUF) ||
-        !checkNng(
-            nng_dial(socket, ("ipc://" + plan.getPath(".nng")).c_str(), nullptr, NNG_FLAG_NONBLOCK),
-            "nng_dial"))
-        return false;
-    std::thread(receiveForever, socket, std::move(handler)).detach();
-    return true;
+    requireNng(nng_dial(socket, plan.getURL().c_str(), nullptr, NNG_FLAG_NONBLOCK), "nng_dial");
+    const auto receive = [socket, handler = std::move(handler)]
+    {
+        for (nng_msg* message = nullptr; true;)
+        {
+            if (nng_recvmsg(socket, &message, 0) != 0)
+                continue;
+            deliverPacket(handler, nng_msg_body(message), nng_msg_len(message));
+            nng_msg_free(message);
+        }
+    };
+    std::thread(receive).detach();
 }
 
 } // namespace vlx::bench

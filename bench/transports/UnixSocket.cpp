@@ -21,7 +21,7 @@ namespace
 constexpr int Backlog = 128;
 
 // Makes a socket and calls bind or connect with its address.
-// @return its descriptor, open as long as the process lives; -1 after a message
+// @return its descriptor, open as long as the process lives
 int makeSocket(const Plan& plan, decltype(&connect) call)
 {
     sockaddr_un address{};
@@ -31,7 +31,8 @@ int makeSocket(const Plan& plan, decltype(&connect) call)
     const void* const generic = &address;
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const bool ok = call(fd, static_cast<const sockaddr*>(generic), sizeof address) == 0;
-    return check(ok, "bind or connect", std::strerror(errno)) ? fd : -1;
+    require(ok, "bind or connect", std::strerror(errno));
+    return fd;
 }
 
 bool readWhole(int fd, void* data, std::size_t size)
@@ -74,8 +75,7 @@ SendFrame openStream(const Plan& plan)
 {
     static Readers readers; // as long as the thread that accepts
     const int fd = makeSocket(plan, bind);
-    if (fd < 0 || !check(listen(fd, Backlog) == 0, "listen", std::strerror(errno)))
-        return {};
+    require(listen(fd, Backlog) == 0, "listen", std::strerror(errno));
     std::thread(acceptForever, fd, std::ref(readers)).detach();
     return [](std::uint64_t, Bytes packet)
     {
@@ -90,14 +90,11 @@ SendFrame openStream(const Plan& plan)
     };
 }
 
-bool startReceiving(const Plan& plan, FrameHandler handler)
+void startReceiving(const Plan& plan, FrameHandler handler)
 {
     const int fd = makeSocket(plan, connect);
-    if (fd < 0)
-        return false;
     std::vector<std::uint8_t> packet(sizeof(PacketHeader) + plan.bytes);
     std::thread(receiveUntilClosed, fd, std::move(packet), std::move(handler)).detach();
-    return true;
 }
 
 } // namespace vlx::bench

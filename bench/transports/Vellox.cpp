@@ -64,9 +64,10 @@ SendFrame openStream(const Plan& plan)
 {
     const auto side = std::make_shared<SendingSide>();
     side->payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
-    if (!side->sender.initializeSender(
-            plan.name, "", "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub))
-        return {};
+    require(
+        side->sender.initializeSender(
+            plan.name, "", "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub),
+        "initializeSender", "failed");
     side->sender.setCurrentPayloader(side->payloader);
     side->sender.startNewSequence();
     if (plan.variant.starts_with("bell"))
@@ -86,14 +87,14 @@ SendFrame openStream(const Plan& plan)
     };
 }
 
-bool startReceiving(const Plan& plan, FrameHandler handler)
+void startReceiving(const Plan& plan, FrameHandler handler)
 {
     auto* const side = new ReceivingSide; // as long as the process
     side->receiver.addDepayloader(side->depayloader);
     side->receiver.setMediaDataCallback(
         [handler = std::move(handler)](TimeValue timestamp, TimeValue, const Buffer& media)
         { handler(timestamp, media); });
-    return side->receiver.initializeReceiver(plan.name);
+    require(side->receiver.initializeReceiver(plan.name), "initializeReceiver", "failed");
 }
 
 } // namespace vlx::bench

@@ -14,37 +14,25 @@ namespace vlx::bench
 namespace
 {
 
-bool checkZmq(bool ok, const char* call)
+void requireZmq(bool ok, const char* call)
 {
-    return check(ok, call, zmq_strerror(zmq_errno()));
-}
-
-bool setOption(void* socket, int option, int value)
-{
-    return checkZmq(zmq_setsockopt(socket, option, &value, sizeof value) == 0, "zmq_setsockopt");
+    require(ok, call, zmq_strerror(zmq_errno()));
 }
 
 // Makes a socket in a context of its own, which lasts as long as the process.
 std::shared_ptr<void> makeSocket(const Plan& plan, int type, int highWaterMark)
 {
     const std::shared_ptr<void> socket(zmq_socket(zmq_ctx_new(), type), zmq_close);
-    const bool ready = checkZmq(socket != nullptr, "zmq_socket") &&
-                       setOption(socket.get(), ZMQ_LINGER, 0) &&
-                       (plan.variant != "tuned" || (setOption(socket.get(), highWaterMark, 1) &&
-                                                    setOption(socket.get(), ZMQ_CONFLATE, 1) &&
-                                                    setOption(socket.get(), ZMQ_IMMEDIATE, 1)));
-    return ready ? socket : nullptr;
-}
-
-void receiveForever(const std::shared_ptr<void>& socket, const FrameHandler& handler)
-{
-    zmq_msg_t message;
-    zmq_msg_init(&message);
-    while (true)
-    {
-        if (zmq_msg_recv(&message, socket.get(), 0) >= 0)
-            deliverPacket(handler, zmq_msg_data(&message), zmq_msg_size(&message));
-    }
+    requireZmq(socket != nullptr, "zmq_socket");
+    const auto set = [&socket](int option, int value) {
+        requireZmq(
+            zmq_setsockopt(socket.get(), option, &value, sizeof value) == 0, "zmq_setsockopt");
+    };
+    set(ZMQ_LINGER, 0);
+    if (plan.variant == "tuned")
+        for (const int option : {highWaterMark, ZMQ_CONFLATE, ZMQ_IMMEDIATE})
+            set(option, 1);
+    return socket;
 }
 
 } // namespace
@@ -52,25 +40,27 @@ void receiveForever(const std::shared_ptr<void>& socket, const FrameHandler& han
 SendFrame openStream(const Plan& plan)
 {
     const auto socket = makeSocket(plan, ZMQ_PUB, ZMQ_SNDHWM);
-    if (!socket ||
-        !checkZmq(
-            zmq_bind(socket.get(), ("ipc://" + plan.getPath(".zmq")).c_str()) == 0, "zmq_bind"))
-        return {};
+    requireZmq(zmq_bind(socket.get(), plan.getURL().c_str()) == 0, "zmq_bind");
     return [socket](std::uint64_t, Bytes packet)
     { zmq_send(socket.get(), packet.data(), packet.size(), ZMQ_DONTWAIT); };
 }
 
-bool startReceiving(const Plan& plan, FrameHandler handler)
+void startReceiving(const Plan& plan, FrameHandler handler)
 {
     const auto socket = makeSocket(plan, ZMQ_SUB, ZMQ_RCVHWM);
-    if (!socket ||
-        !checkZmq(zmq_setsockopt(socket.get(), ZMQ_SUBSCRIBE, "", 0) == 0, "subscribe") ||
-        !checkZmq(
-            zmq_connect(socket.get(), ("ipc://" + plan.getPath(".zmq")).c_str()) == 0,
-            "zmq_connect"))
-        return false;
-    std::thread(receiveForever, socket, std::move(handler)).detach();
-    return true;
+    requireZmq(zmq_setsockopt(socket.get(), ZMQ_SUBSCRIBE, "", 0) == 0, "subscribe");
+    requireZmq(zmq_connect(socket.get(), plan.getURL().c_str()) == 0, "zmq_connect");
+    const auto receive = [socket, handler = std::move(handler)]
+    {
+        zmq_msg_t message;
+        zmq_msg_init(&message);
+        while (true)
+        {
+            if (zmq_msg_recv(&message, socket.get(), 0) >= 0)
+                deliverPacket(handler, zmq_msg_data(&message), zmq_msg_size(&message));
+        }
+    };
+    std::thread(receive).detach();
 }
 
 } // namespace vlx::bench
