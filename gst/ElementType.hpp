@@ -17,7 +17,8 @@ void addUriHandler(GType type);
 /// constructed from a Parent*, derives from WithSettings, and has
 ///   static void initClass(gpointer elementClass): everything but the properties' plumbing
 ///   GstStructure* makeStatistics() const
-///   ProvidedClock& getProvidedClock()
+///   ProvidedClock& getProvidedClock(), void setUpClock() before it can be provided
+/// and if it wants to know: bool onPlaying(), false to refuse, and void onPaused().
 template <typename Impl, typename Parent>
 class ElementType
 {
@@ -77,9 +78,28 @@ private:
             delete &of(object);
             G_OBJECT_CLASS(s_parentClass)->finalize(object);
         };
+        GST_ELEMENT_CLASS(type)->change_state = changeState;
         GST_ELEMENT_CLASS(type)->provide_clock = [](GstElement* element)
         { return of(element).getProvidedClock().get().release(); };
         Impl::initClass(type);
+    }
+
+    static GstStateChangeReturn changeState(GstElement* element, GstStateChange transition)
+    {
+        Impl& impl = of(element);
+        if (transition == GST_STATE_CHANGE_READY_TO_PAUSED)
+            impl.setUpClock();
+        if constexpr (requires { impl.onPlaying(); })
+            if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING && !impl.onPlaying())
+                return GST_STATE_CHANGE_FAILURE;
+        const GstStateChangeReturn result =
+            GST_ELEMENT_CLASS(s_parentClass)->change_state(element, transition);
+        if constexpr (requires { impl.onPaused(); })
+            if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED)
+                impl.onPaused();
+        if (transition == GST_STATE_CHANGE_PAUSED_TO_READY)
+            impl.getProvidedClock().withdraw();
+        return result;
     }
 
     static void initInstance(GTypeInstance* instance, gpointer /*class*/)

@@ -598,18 +598,6 @@ void installProperties(gpointer elementClass)
     properties.addStatistics("Frames and bytes sent, receivers, sequences");
 }
 
-GstStateChangeReturn changeState(GstElement* element, GstStateChange transition)
-{
-    Sink& sink = Type::of(element);
-    if (transition == GST_STATE_CHANGE_READY_TO_PAUSED)
-        sink.setUpClock();
-    const GstStateChangeReturn result =
-        GST_ELEMENT_CLASS(Type::getParentClass())->change_state(element, transition);
-    if (transition == GST_STATE_CHANGE_PAUSED_TO_READY)
-        sink.getProvidedClock().withdraw();
-    return result;
-}
-
 } // unnamed namespace
 
 // A flat table.
@@ -621,7 +609,6 @@ void Sink::initClass(gpointer elementClass)
         "Sends timestamped audio to any number of processes of this machine", GST_PAD_SINK);
     installProperties(elementClass);
 
-    GST_ELEMENT_CLASS(elementClass)->change_state = changeState;
     auto* const sinkClass = GST_BASE_SINK_CLASS(elementClass);
     sinkClass->start = [](GstBaseSink* self) -> gboolean { return Type::of(self).start(); };
     sinkClass->stop = [](GstBaseSink* self) -> gboolean { return Type::of(self).stop(); };

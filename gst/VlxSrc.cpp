@@ -588,22 +588,6 @@ void installProperties(gpointer elementClass)
         "and largest, in nanoseconds");
 }
 
-GstStateChangeReturn changeState(GstElement* element, GstStateChange transition)
-{
-    Src& src = Type::of(element);
-    if (transition == GST_STATE_CHANGE_READY_TO_PAUSED)
-        src.setUpClock();
-    if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING && !src.onPlaying())
-        return GST_STATE_CHANGE_FAILURE;
-    const GstStateChangeReturn result =
-        GST_ELEMENT_CLASS(Type::getParentClass())->change_state(element, transition);
-    if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED)
-        src.onPaused();
-    if (transition == GST_STATE_CHANGE_PAUSED_TO_READY)
-        src.getProvidedClock().withdraw();
-    return result;
-}
-
 gboolean answerQuery(GstBaseSrc* element, GstQuery* query)
 {
     if (GST_QUERY_TYPE(query) != GST_QUERY_LATENCY)
@@ -623,7 +607,6 @@ void Src::initClass(gpointer elementClass)
         "Receives timestamped audio from another process of this machine", GST_PAD_SRC);
     installProperties(elementClass);
 
-    GST_ELEMENT_CLASS(elementClass)->change_state = changeState;
     auto* const srcClass = GST_BASE_SRC_CLASS(elementClass);
     srcClass->start = [](GstBaseSrc* self) -> gboolean { return Type::of(self).start(); };
     srcClass->stop = [](GstBaseSrc* self) -> gboolean { return Type::of(self).stop(); };
