@@ -3,8 +3,8 @@
 ///
 /// A driver talks to it by lines. Sender: "open" makes the stream reachable and starts probe frames,
 /// answered by "opened" and the time of the call; "go" runs the measurement, answered by "result".
-/// Receiver: "first", the sender's epoch and the time of arrival at the first frame of each sender;
-/// "done" at the end of the measurement; "stop" is answered by "result". The end of standard input
+/// Each receiver in a process: "first", the sender's epoch and the time of arrival at the first frame
+/// of each sender; "done" at the end of the measurement; "stop" is answered by "result". The end of standard input
 /// ends the process, and so does the driver's death.
 
 #include <algorithm>
@@ -186,20 +186,12 @@ private:
     std::atomic<bool> m_probing = true;
 };
 
-// What the driver is told by all receivers of this process together.
-struct Progress
-{
-    std::size_t objects;
-    std::atomic<std::size_t> firsts = 0;
-    std::atomic<std::size_t> dones = 0;
-};
-
 // What one receiver has received. Written by the receiver's thread; read when that has seen the end,
 // or when the driver has given up waiting for it.
 class Recorder
 {
 public:
-    Recorder(const Plan& plan, Progress& progress) : m_mediaBytes(plan.bytes), m_progress(progress)
+    explicit Recorder(const Plan& plan) : m_mediaBytes(plan.bytes)
     {
         m_agesUs.reserve(plan.frames > 0 ? plan.frames : MaxFloodFrames);
     }
@@ -218,8 +210,7 @@ public:
         if (tag.epoch != m_epoch)
         {
             m_epoch = tag.epoch;
-            if (++m_progress.firsts % m_progress.objects == 0)
-                say("first " + std::to_string(tag.epoch) + " " + std::to_string(arrivedNs));
+            say("first " + std::to_string(tag.epoch) + " " + std::to_string(arrivedNs));
         }
         if (tag.phase == Phase::Measure && !m_ended && m_agesUs.size() < m_agesUs.capacity())
         {
@@ -232,8 +223,7 @@ public:
         {
             m_end = Usage::now();
             m_ended = true;
-            if (++m_progress.dones == m_progress.objects)
-                say("done");
+            say("done");
         }
     }
 
@@ -261,7 +251,6 @@ public:
 
 private:
     std::size_t m_mediaBytes;
-    Progress& m_progress;
     std::vector<double> m_agesUs;
     std::uint16_t m_epoch = 0;
     std::uint64_t m_lastNs = 0;
@@ -287,21 +276,18 @@ void runSender(const Plan& plan)
 
 void runReceiver(const Plan& plan)
 {
-    Progress progress{plan.objects};
     std::deque<Recorder> recorders; // addresses stay
     for (std::size_t i = 0; i < plan.objects; i++)
     {
-        Recorder& recorder = recorders.emplace_back(plan, progress);
+        Recorder& recorder = recorders.emplace_back(plan);
         startReceiving(
             plan, [&recorder](std::uint64_t sentNs, Bytes media) { recorder.take(sentNs, media); });
     }
     say("ready");
     for (std::string command; std::getline(std::cin, command);)
     {
-        json results = json::array();
         for (Recorder& recorder : recorders)
-            results.push_back(recorder.report());
-        say("result " + results.dump());
+            say("result " + recorder.report().dump());
     }
 }
 

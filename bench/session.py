@@ -1,6 +1,6 @@
 """One measurement: a sender and its receivers, each in a process of its own, driven by lines."""
 
-from contextlib import ExitStack, contextmanager
+from contextlib import ExitStack, contextmanager, suppress
 from dataclasses import asdict, dataclass
 import json
 import multiprocessing
@@ -69,12 +69,13 @@ class Endpoint:
         for left in Path("/dev/shm").glob(f"shmpipe.{self._process.pid}.*"):
             left.unlink(missing_ok=True)
 
+    def say(self, line: str) -> None:
+        with suppress(BrokenPipeError):
+            self._process.stdin.write(line.encode() + b"\n")
+
     def ask(self, line: str, word: str, seconds: float = STEP_S) -> str | None:
         """Sends a line and waits for the answer, as expect() does."""
-        try:
-            self._process.stdin.write(line.encode() + b"\n")
-        except BrokenPipeError:
-            return None
+        self.say(line)
         return self.expect(word, seconds)
 
     def expect(self, word: str, seconds: float = STEP_S) -> str | None:
@@ -144,19 +145,22 @@ def _try_session(build: Path, transport: Transport, directory: Path, plan: Plan)
         if sender.ask("open", "opened") is None:
             return None
         receivers = [start("receive") for _ in range(plan.receivers)]
-        if any(receiver.expect("first") is None for receiver in receivers):
+        objects = receivers * plan.objects
+        if any(each.expect("first") is None for each in objects):
             return None
         sent = sender.ask("go", "result", STEP_S + plan.flood / 1000 + plan.frames / plan.rate)
         memory = [receiver.pss_kib() for receiver in receivers]
         deadline = time.monotonic() + DRAIN_S
-        for receiver in receivers:
+        for each in objects:
             # Missing: its end frames were lost.
-            receiver.expect("done", max(0, deadline - time.monotonic()))
-        results = [receiver.ask("stop", "result") for receiver in receivers]
+            each.expect("done", max(0, deadline - time.monotonic()))
+        for receiver in receivers:
+            receiver.say("stop")
+        results = [each.expect("result") for each in objects]
     if sent is None or None in results:
         return None
-    objects = [one for result in results for one in json.loads(result)]
-    return {**_flatten(json.loads(sent), objects, plan), "pss_kib": median(memory)}
+    return {**_flatten(json.loads(sent), list(map(json.loads, results)), plan),
+            "pss_kib": median(memory)}
 
 
 def _flatten(sender: Record, receivers: list[Record], plan: Plan) -> Record:

@@ -1,6 +1,7 @@
 """A long run that looks for growth: memory, descriptors, threads, and loss over time."""
 
 from dataclasses import dataclass, field
+from pathlib import Path
 import statistics
 import time
 
@@ -30,8 +31,11 @@ class Group:
         self.samples.append((seconds, *means, sum(end.board.lost for end in self.ends)))
 
 
-def draw(groups: list[Group], run: Run) -> None:
-    """Three panels above each other: memory, descriptors and threads, loss."""
+PANELS = ("memory per process, PSS, KiB", "descriptors", "threads", "frames lost, all together")
+
+
+def draw(groups: list[Group], target: Path) -> None:
+    """A panel for each figure, above each other."""
     try:
         import matplotlib
         matplotlib.use("svg")
@@ -39,23 +43,17 @@ def draw(groups: list[Group], run: Run) -> None:
     except ImportError:
         print("no picture: python3-matplotlib is not installed")
         return
-    figure, panels = pyplot.subplots(3, sharex=True, figsize=(9, 10))
-    memory, handles, loss = panels
+    figure, panels = pyplot.subplots(len(PANELS), sharex=True, figsize=(9, 12))
     for group, colour in zip(groups, ("0.55", "#0050c8", "0.25")):  # the steady ones stand out
-        seconds, pss, descriptors, threads, lost = zip(*group.samples)
-        minutes = [s / 60 for s in seconds]
-        for panel, values, text, line in (
-                (memory, pss, "", "-"), (handles, descriptors, ", descriptors", "-"),
-                (handles, threads, ", threads", ":"), (loss, lost, "", "-")):
-            panel.plot(minutes, values, color=colour, linestyle=line, label=group.name + text)
-    for panel, text in zip(panels, ("memory per process, PSS, KiB", "descriptors and threads",
-                                    "frames lost so far, all together")):
-        panel.set(ylabel=text, xlabel="minutes", ylim=(0, None))
-        panel.grid(color="0.9")
-        panel.legend(frameon=False, fontsize="small")
+        seconds, *columns = zip(*group.samples)
+        for panel, text, values in zip(panels, PANELS, columns):
+            panel.plot([s / 60 for s in seconds], values, color=colour, label=group.name)
+            panel.set(ylabel=text, xlabel="minutes", ylim=(0, None))
+            panel.grid(color="0.9")
+            panel.legend(frameon=False, fontsize="small")
     figure.tight_layout()
-    figure.savefig(run.picture)
-    print(f"picture: {run.picture}\n")
+    figure.savefig(target)
+    print(f"picture: {target}\n")
 
 
 def observe(stream: Stream, groups: list[Group], minutes: float) -> None:
@@ -101,7 +99,7 @@ def look_for_growth(run: Run) -> None:
     groups = [Group("sender", [stream.producer]), Group("steady", steady),
               Group("rejoining", rejoining)]
     observe(stream, groups, run.minutes)
-    draw(groups, run)
+    draw(groups, run.picture)
     table = Table("<processes", "n", "PSS KiB", "slope KiB/h", "growth KiB", "noise KiB",
                   "<descriptors", "<threads")
     for group in groups:
