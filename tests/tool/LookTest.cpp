@@ -337,7 +337,7 @@ TEST_F(LookTest, MonitorFitsItsTerminal)
     EXPECT_EQ(monitor.wait(0, std::chrono::seconds(3)), 128 + SIGINT);
 
     const std::string plain =
-        std::regex_replace(monitor.read(), std::regex("\x1b\\[[0-9;]*[A-Za-z]"), "");
+        std::regex_replace(monitor.read(), std::regex("\x1b\\[[0-9;]*[A-Za-z]|\\^C"), "");
     for (const std::string& line : splitLines(plain))
         EXPECT_LE(line.size() - static_cast<std::size_t>(line.ends_with('\r')), 80U) << line;
     EXPECT_TRUE(contains(plain, "more than fits the terminal"));
