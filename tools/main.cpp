@@ -5,7 +5,6 @@
 #include "list/ListCommand.hpp"
 #include "monitor/MonitorCommand.hpp"
 #include "receive/ReceiveCommand.hpp"
-#include "receive/ReceiveOptions.hpp"
 #include "send/SendCommand.hpp"
 #include "send/SendOptions.hpp"
 

@@ -175,8 +175,8 @@ TEST(ConnectionRecordTest, GapsAndOverlapsSplitTheRecordingIntoSegments)
                             {155 * Ms, -5 * Ms}, {165 * Ms, 0}};
     constexpr std::uint64_t Samples = 10; // of each frame, at 1000 per second
 
-    tool::ConnectionRecord record("start", 90 * Ms);
-    record.setFormat({{PcmFormat::U8, 1000, 1}, Receiver::StreamClockType::MonotonicSystemClock});
+    tool::ConnectionRecord record{.waitBegin = 90 * Ms};
+    record.announced = {{PcmFormat::U8, 1000, 1}, Receiver::StreamClockType::MonotonicSystemClock};
     tool::FilePlace place;
     for (const Frame& frame : frames)
     {
@@ -209,14 +209,17 @@ TEST(StreamEventQueueTest, FramesBeyondTheLimitAreCountedAndOtherEventsAreNot)
     queue.push(tool::ReceivedFrame{.duration = 20, .gapNs = 3, .data = Buffer(1)});
     queue.push(kit::ConsumerEvent{});
     EXPECT_EQ(queue.getNumDropped(), 1U);
-    EXPECT_EQ(std::get<tool::ReceivedFrame>(*queue.pop()).data.size(), 200U);
+    tool::StreamEvent event;
+    queue.pop(event, std::chrono::seconds(1));
+    EXPECT_EQ(std::get<tool::ReceivedFrame>(event).data.size(), 200U);
     queue.push(tool::ReceivedFrame{.data = Buffer(1)});
     queue.close();
     queue.push(tool::ReceivedFrame{.data = Buffer(1)});
-    EXPECT_TRUE(std::holds_alternative<kit::ConsumerEvent>(*queue.pop()));
-    EXPECT_EQ(std::get<tool::ReceivedFrame>(*queue.pop()).gapNs, 23)
-        << "what was dropped is no gap";
-    EXPECT_FALSE(queue.pop());
+    queue.pop(event, std::chrono::seconds(1));
+    EXPECT_TRUE(std::holds_alternative<kit::ConsumerEvent>(event));
+    queue.pop(event, std::chrono::seconds(1));
+    EXPECT_EQ(std::get<tool::ReceivedFrame>(event).gapNs, 23) << "what was dropped is no gap";
+    EXPECT_EQ(queue.pop(event, std::chrono::seconds(1)), tool::StreamEventQueue::Answer::Closed);
     EXPECT_EQ(queue.getNumDropped(), 1U);
 }
 

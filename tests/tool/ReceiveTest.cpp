@@ -254,8 +254,8 @@ TEST_F(ReceiveTest, WhatCannotBePlayedIsSaidOnce)
         const char* message;
     };
     const Row rows[] = {
-        {opus, "cannot play codec \"OPUS\""},
-        {invalid, "PCM format that is none"},
+        {opus, "its codec \"OPUS\""},
+        {invalid, "its codec \"PCM"},
         {tooWide, "FLAC cannot hold F64LE, 48000 Hz, 2 channels"}};
     for (const Row& row : rows)
     {

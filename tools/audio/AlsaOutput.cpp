@@ -1,11 +1,8 @@
 #include <algorithm>
 #include <cmath>
-#include <condition_variable>
-#include <cstdlib>
 #include <deque>
-#include <mutex>
+#include <memory>
 #include <optional>
-#include <thread>
 
 #include <nlohmann/json.hpp>
 #include <samplerate.h>
@@ -25,7 +22,6 @@ namespace
 {
 
 constexpr double NsPerSecond = 1e9;
-constexpr auto WakeInterval = std::chrono::milliseconds(5);
 constexpr double BlockSeconds = 0.005;
 // Written ahead of what leaves now, less if the latency is short: what a late thread may use up.
 constexpr double MaxLeadSeconds = 0.1;
@@ -47,46 +43,32 @@ struct TimedSamples
 class AlsaOutput : public AudioOutput
 {
 public:
-    AlsaOutput(const PlaySettings& settings, const StopSignal& stop)
-        : m_settings(settings), m_stop(stop), m_device(settings.device)
+    AlsaOutput(const std::string& device, std::chrono::nanoseconds latency, const StopSignal& stop)
+        : m_name(device), m_latency(latency), m_stop(stop), m_device(device)
     {
     }
-
-    ~AlsaOutput() override
-    {
-        join();
-        if (m_resampler != nullptr)
-            ::src_delete(m_resampler);
-    }
-
-    AlsaOutput(const AlsaOutput&) = delete;
-    AlsaOutput& operator=(const AlsaOutput&) = delete;
 
     void start(const kit::StreamFormat& format) override
     {
         m_format = format;
         m_channels = format.channels;
         int error = 0;
-        m_resampler = ::src_new(SRC_SINC_MEDIUM_QUALITY, static_cast<int>(m_channels), &error);
+        m_resampler.reset(::src_new(SRC_SINC_MEDIUM_QUALITY, static_cast<int>(m_channels), &error));
         if (m_resampler == nullptr)
             throw CommandFailure(ExitCode::Failed, ::src_strerror(error));
         m_device.configure(format.rate, format.channels);
-        const double latency = std::chrono::duration<double>(m_settings.latency).count();
+        const double latency = std::chrono::duration<double>(m_latency).count();
         m_leadSeconds = std::max(m_device.getMinLead(), std::min(MaxLeadSeconds, latency / 2));
         m_device.begin(m_leadSeconds);
-
-        const kit::RealTimeScope scope(m_settings.realTime);
-        m_thread = std::thread([this] { loop(); });
+        m_started = true;
     }
 
     void write(const ByteView& bytes, TimeValue time) override
     {
         TimedSamples samples;
-        samples.dueNs = static_cast<double>(time) + static_cast<double>(m_settings.latency.count());
+        samples.dueNs = static_cast<double>(time) + static_cast<double>(m_latency.count());
         decodeLevels(bytes, m_format.sampleFormat, samples.values);
 
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        checkThread();
         const std::size_t maxQueued =
             static_cast<std::size_t>(MaxQueuedSeconds * m_format.rate) * m_channels;
         m_numQueued += samples.values.size();
@@ -95,10 +77,32 @@ public:
             m_numLate += dropFront();
     }
 
+    /// Writes ahead as much as is wanted.
+    void work() override
+    {
+        if (!m_started)
+            return;
+        if (!m_device.measure())
+            beginAgain();
+        followClock();
+        const auto block = static_cast<std::size_t>(BlockSeconds * m_device.getRate()) + 1;
+        const double until = getNowNs() + m_leadSeconds * NsPerSecond;
+        while (m_device.getNextTime() < until && m_device.getSpace() >= block)
+        {
+            renderBlock(block);
+            if (!m_device.write(m_block))
+                beginAgain();
+        }
+    }
+
     void finish() override
     {
-        join();
-        checkThread();
+        const auto isPlayed = [this] { return m_queue.empty() && !m_playing; };
+        while (m_started && !isPlayed() &&
+               !m_stop.waitUntil(std::chrono::steady_clock::now() + WorkInterval))
+            work();
+        if (m_started)
+            m_device.end(isPlayed());
     }
 
     void addToReport(nlohmann::ordered_json& report) const override
@@ -107,10 +111,10 @@ public:
         for (const AlsaDevice::Origin& origin : m_device.getOrigins())
             origins.push_back({{"sample", origin.sample}, {"time", origin.time}});
         report["play"].push_back(
-            {{"device", m_settings.device},
+            {{"device", m_name},
              {"rate", m_device.getRate()},
              {"channels", m_channels},
-             {"latency_ns", m_settings.latency.count()},
+             {"latency_ns", m_latency.count()},
              {"samples", m_device.getNumWritten()},
              {"origins", origins},
              {"underruns", m_numUnderruns},
@@ -134,65 +138,13 @@ public:
     }
 
 private:
-    void checkThread() const
+    struct Deleter
     {
-        if (m_failure)
-            throw CommandFailure(*m_failure);
-    }
-
-    void join()
-    {
+        void operator()(SRC_STATE* state) const
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_closing = true;
+            ::src_delete(state);
         }
-        m_condition.notify_one();
-        if (m_thread.joinable())
-            m_thread.join();
-    }
-
-    void loop()
-    {
-        try
-        {
-            m_device.end(play());
-        }
-        catch (const CommandFailure& failure)
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_failure = failure;
-        }
-    }
-
-    /// @return whether everything has been played; otherwise there was a stop
-    bool play()
-    {
-        while (!m_stop.isRequested())
-        {
-            fillDevice();
-            std::unique_lock<std::mutex> lock(m_mutex);
-            if (m_closing && m_queue.empty() && !m_playing)
-                return true;
-            m_condition.wait_for(lock, WakeInterval);
-        }
-        return false;
-    }
-
-    /// Writes ahead as much as is wanted.
-    void fillDevice()
-    {
-        if (!m_device.measure())
-            beginAgain();
-        followClock();
-        const auto block = static_cast<std::size_t>(BlockSeconds * m_device.getRate()) + 1;
-        const double until = getNowNs() + m_leadSeconds * NsPerSecond;
-        while (m_device.getNextTime() < until && m_device.getSpace() >= block)
-        {
-            renderBlock(block);
-            if (!m_device.write(m_block))
-                beginAgain();
-        }
-    }
+    };
 
     void beginAgain()
     {
@@ -250,21 +202,18 @@ private:
         const double nextTime =
             m_device.getNextTime() + static_cast<double>(ready) * NsPerSecond / rate;
         std::size_t silence = samples;
+        skipLate(nextTime);
+        if (!m_queue.empty())
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            skipLate(nextTime);
-            if (!m_queue.empty())
-            {
-                const double distance = (m_queue.front().dueNs - nextTime) * rate / NsPerSecond;
-                m_playing = distance < static_cast<double>(samples);
-                if (m_playing)
-                    silence = static_cast<std::size_t>(std::max(0.0, std::round(distance)));
-            }
+            const double distance = (m_queue.front().dueNs - nextTime) * rate / NsPerSecond;
+            m_playing = distance < static_cast<double>(samples);
+            if (m_playing)
+                silence = static_cast<std::size_t>(std::max(0.0, std::round(distance)));
         }
         m_block.resize(m_block.size() + std::min(silence, samples) * m_channels);
         if (!m_playing)
             return;
-        ::src_reset(m_resampler);
+        ::src_reset(m_resampler.get());
         m_inputEndNs.reset();
         m_unplayed = 0;
         m_pending.clear();
@@ -274,7 +223,7 @@ private:
         takeInput();
     }
 
-    /// Drops what should have left already. The queue is locked by the caller.
+    /// Drops what should have left already.
     void skipLate(double nextTime)
     {
         while (!m_queue.empty())
@@ -311,7 +260,6 @@ private:
     /// Hands the next frame to the resampler, if it continues what the resampler has.
     void takeInput()
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_queue.empty() ||
             (m_inputEndNs && std::abs(m_queue.front().dueNs - *m_inputEndNs) > MaxJitterNs))
         {
@@ -338,8 +286,8 @@ private:
         data.output_frames = static_cast<long>(samples);
         data.end_of_input = m_flushing ? 1 : 0;
         data.src_ratio = ratio;
-        ::src_set_ratio(m_resampler, ratio); // at once, not by and by: its place stays known
-        const bool ok = ::src_process(m_resampler, &data) == 0;
+        ::src_set_ratio(m_resampler.get(), ratio); // at once, not by and by: its place stays known
+        const bool ok = ::src_process(m_resampler.get(), &data) == 0;
         m_block.resize(before + static_cast<std::size_t>(data.output_frames_gen) * m_channels);
         m_pending.erase(
             m_pending.begin(),
@@ -351,24 +299,17 @@ private:
             takeInput();
     }
 
-    const PlaySettings m_settings;
+    const std::string m_name;
+    const std::chrono::nanoseconds m_latency;
     const StopSignal& m_stop;
     kit::StreamFormat m_format;
     std::size_t m_channels = 0;
     double m_leadSeconds = 0;
-
-    std::mutex m_mutex;
-    std::condition_variable m_condition;
-    // Guarded by m_mutex.
+    bool m_started = false;
     std::deque<TimedSamples> m_queue;
     std::size_t m_numQueued = 0; // values
-    bool m_closing = false;
-    std::optional<CommandFailure> m_failure;
-    std::uint64_t m_numLate = 0; // samples of the input
-
-    // The playing thread's, and after its end whoever called finish().
     AlsaDevice m_device;
-    SRC_STATE* m_resampler = nullptr;
+    std::unique_ptr<SRC_STATE, Deleter> m_resampler;
     RateControl m_control;
     std::optional<double> m_inputEndNs; // when what comes behind all that was put in has to leave
     double m_unplayed = 0;              // samples that were put in and have not come out
@@ -381,15 +322,15 @@ private:
     double m_maxError = 0; // seconds, of what plays for some time
     std::uint64_t m_numUnderruns = 0;
     std::uint64_t m_numJumps = 0;
-
-    std::thread m_thread; // last: it uses all of the above
+    std::uint64_t m_numLate = 0; // samples of the input
 };
 
 } // unnamed namespace
 
-std::unique_ptr<AudioOutput> openPlayOutput(const PlaySettings& settings, const StopSignal& stop)
+std::unique_ptr<AudioOutput>
+openPlayOutput(const std::string& device, std::chrono::nanoseconds latency, const StopSignal& stop)
 {
-    return std::make_unique<AlsaOutput>(settings, stop);
+    return std::make_unique<AlsaOutput>(device, latency, stop);
 }
 
 } // namespace vlx::tool

@@ -8,7 +8,6 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include <vlx/VlxTypes.hpp>
-#include <vlxkit/RealTime.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
 #include "common/Poll.hpp"
@@ -20,7 +19,7 @@ class StopSignal;
 
 /// Where received audio goes. Everything that was written stays, whatever fails afterwards.
 ///
-/// @throws CommandFailure from each of start(), write() and finish(), with one line on what failed
+/// @throws CommandFailure from each of start(), write(), work() and finish(), with one line on what failed
 /// @thread one at a time
 class AudioOutput
 {
@@ -34,6 +33,9 @@ public:
     /// @param time   of the first of them, nanoseconds of CLOCK_MONOTONIC; only what is heard at
     ///               once looks at it
     virtual void write(const ByteView& bytes, TimeValue time) = 0;
+
+    /// Does what has to be done in time. Called every WorkInterval where something is played.
+    virtual void work() {}
 
     /// Ends the output, also one that was never started or has failed, and sees that everything is
     /// safe. Called once.
@@ -78,18 +80,18 @@ std::string listOutputTypes();
 /// @return whether the extension asks for raw samples: ".raw" or ".pcm"
 bool isRawPath(const std::string& path);
 
-/// How audio is played.
-struct PlaySettings
-{
-    std::string device = "default"; ///< ALSA's name
-    std::chrono::nanoseconds latency = std::chrono::milliseconds(100);
-    kit::RealTime realTime = {};
-};
+/// How often what is played has to be looked after.
+constexpr auto WorkInterval = std::chrono::milliseconds(5);
+
+/// From a sample's timestamp until it is heard, if nothing else is wanted.
+constexpr auto DefaultLatency = std::chrono::milliseconds(100);
 
 /// Plays on time: each sample leaves its timestamp plus the latency later. The device's clock is
 /// followed by resampling; where nothing has come there is silence.
 ///
+/// @param device  ALSA's name
 /// @throws CommandFailure if the device cannot be opened, or the tool was built without ALSA
-std::unique_ptr<AudioOutput> openPlayOutput(const PlaySettings& settings, const StopSignal& stop);
+std::unique_ptr<AudioOutput>
+openPlayOutput(const std::string& device, std::chrono::nanoseconds latency, const StopSignal& stop);
 
 } // namespace vlx::tool

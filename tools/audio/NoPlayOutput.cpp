@@ -4,8 +4,10 @@
 namespace vlx::tool
 {
 
-std::unique_ptr<AudioOutput>
-openPlayOutput(const PlaySettings& /*settings*/, const StopSignal& /*stop*/)
+std::unique_ptr<AudioOutput> openPlayOutput(
+    const std::string& /*device*/,
+    std::chrono::nanoseconds /*latency*/,
+    const StopSignal& /*stop*/)
 {
     throw CommandFailure(
         ExitCode::Failed,

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include <nlohmann/json_fwd.hpp>
@@ -30,61 +29,29 @@ struct Segment
 };
 
 /// What one connection delivered, from joining a sender to losing it.
-///
-/// @thread one at a time
-class ConnectionRecord
+struct ConnectionRecord
 {
-public:
-    /// @param joinedAfter  what the join time counts from, such as "start"
-    /// @param waitBegin    since when a sender was looked for, nanoseconds of CLOCK_MONOTONIC
-    ConnectionRecord(std::string joinedAfter, TimeValue waitBegin);
-
-    void setFormat(const AnnouncedFormat& announced)
-    {
-        m_announced = announced;
-    }
-
     /// Counts a frame, before it is written.
     ///
     /// @param samples  that go into the recording
     /// @param place    where the first of them goes
-    /// @pre setFormat() was called
     void addFrame(const ReceivedFrame& frame, std::uint64_t samples, const FilePlace& place);
-
-    /// @param how  such as "lost"
-    void end(const char* how)
-    {
-        m_ended = how;
-    }
-
-    std::uint64_t getNumFrames() const
-    {
-        return m_frames;
-    }
-
-    /// @return frames whose size was no multiple of a sample's
-    std::uint64_t getNumOddFrames() const
-    {
-        return m_oddFrames;
-    }
 
     nlohmann::ordered_json toJson() const;
 
-private:
-    const std::string m_joinedAfter;
-    const TimeValue m_waitBegin;
-    AnnouncedFormat m_announced{};
-    TimeValue m_firstFrameTime = 0;
-    std::uint64_t m_frames = 0;
-    std::uint64_t m_oddFrames = 0;
-    std::uint64_t m_gaps = 0;
-    std::int64_t m_gapNs = 0;
-    std::uint64_t m_overlaps = 0;
-    std::int64_t m_overlapNs = 0;
-    TimeValue m_firstTimestamp = 0;
-    kit::AgeHistogram m_ages;
-    std::vector<Segment> m_segments;
-    std::string m_ended = "running";
+    const char* joinedAfter = "start"; ///< what the join time counts from
+    TimeValue waitBegin = 0;           ///< since when a sender was looked for, as a frame's time
+    AnnouncedFormat announced{};       ///< known before the first frame
+    const char* ended = "running";     ///< how
+    std::uint64_t frames = 0;
+    std::uint64_t oddFrames = 0; ///< whose size was no multiple of a sample's
+    std::uint64_t gaps = 0;
+    std::int64_t gapNs = 0;
+    std::uint64_t overlaps = 0;
+    std::int64_t overlapNs = 0;
+    TimeValue firstTime = 0; ///< of the first frame's arrival
+    kit::AgeHistogram ages = {};
+    std::vector<Segment> segments = {};
 };
 
 } // namespace vlx::tool

@@ -3,9 +3,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
-#include <memory>
 #include <mutex>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -14,7 +13,6 @@
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
 
-#include "ReceiveOptions.hpp"
 #include "Recorder.hpp"
 #include "audio/AudioOutput.hpp"
 #include "common/Duration.hpp"
@@ -22,7 +20,6 @@
 #include "common/Messages.hpp"
 #include "common/ReportFile.hpp"
 #include "common/StopSignal.hpp"
-#include "common/Text.hpp"
 
 namespace vlx::tool
 {
@@ -85,27 +82,23 @@ public:
     int run();
 
 private:
-    std::unique_ptr<AudioOutput> openNextOutput(std::size_t number) const;
-    RecorderSettings makeSettings() const;
     void onFrame(const kit::Frame& frame);
     void onFormat(const kit::StreamFormat& format);
     void onEvent(const kit::ConsumerEvent& event);
     void noteProblem(const kit::ConsumerEvent& event);
     int watch();
     void finish();
-    Deadline getDeadline() const;
-    void checkTimeout();
-    void checkRefusal();
+    void check();
     bool hasSenderLeftUnseen() const;
 
     const ReceiveOptions& m_options;
     const StopSignal& m_stop;
-    const SteadyClock::time_point m_begin = SteadyClock::now();
+    const Deadline m_deadline; // of the first frame
 
     std::mutex m_mutex;
     // Guarded by m_mutex.
     std::string m_lastProblem; // why nothing comes
-    std::string m_refusal;     // why nothing can ever be recorded
+    bool m_isHopeless = false; // for good
 
     LocalTimes m_localTimes; // the consumer's callbacks alone
     std::atomic<bool> m_stalled = false;
@@ -116,44 +109,14 @@ private:
 ReceiveControl::ReceiveControl(const ReceiveOptions& options, const StopSignal& stop)
     : m_options(options),
       m_stop(stop),
-      m_recorder(makeSettings(), miscUtils::getMonotonicSysclockTime()),
+      m_deadline(options.timeout ? Deadline(SteadyClock::now() + *options.timeout) : Deadline()),
+      m_recorder(options, {stop, m_deadline}, miscUtils::getMonotonicSysclockTime()),
       m_consumer(
           {options.name, {}, options.stall.value_or(DefaultStall), options.realTime},
           {.onFrame = [this](const kit::Frame& frame) { onFrame(frame); },
            .onFormat = [this](const kit::StreamFormat& format) { onFormat(format); },
            .onEvent = [this](const kit::ConsumerEvent& event) { onEvent(event); }})
 {
-}
-
-RecorderSettings ReceiveControl::makeSettings() const
-{
-    const bool plays = !m_options.play.empty();
-    return {
-        [this](std::size_t number) { return openNextOutput(number); },
-        plays             ? FormatChange::Restart
-        : m_options.split ? FormatChange::Split
-                          : FormatChange::Refuse,
-        !plays && !m_options.noFill, m_options.duration, m_options.oneshot};
-}
-
-/// @return the path with a number before its extension
-std::string numberPath(const std::filesystem::path& path, std::size_t number)
-{
-    const std::string stem = path.stem().string() + formatText("-%03zu", number + 1);
-    return std::filesystem::path(path).replace_filename(stem + path.extension().string());
-}
-
-std::unique_ptr<AudioOutput> ReceiveControl::openNextOutput(std::size_t number) const
-{
-    if (!m_options.play.empty())
-    {
-        PlaySettings settings{m_options.play, {}, m_options.realTime};
-        settings.latency = m_options.latency.value_or(PlaySettings().latency);
-        return openPlayOutput(settings, m_stop);
-    }
-    const std::string path =
-        m_options.split ? numberPath(m_options.output, number) : m_options.output;
-    return openOutput(path, m_options.type, {m_stop, getDeadline()});
 }
 
 void ReceiveControl::onFrame(const kit::Frame& frame)
@@ -190,23 +153,16 @@ void ReceiveControl::onEvent(const kit::ConsumerEvent& event)
     }
 }
 
-// What is asked again and again is said once.
+// What is asked again and again is said once, and what ends the command at its end.
 void ReceiveControl::noteProblem(const kit::ConsumerEvent& event)
 {
-    const bool final = event.kind == kit::ConsumerEvent::Kind::CannotPlay;
     bool isNew = false;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        isNew = m_lastProblem != event.text;
-        m_lastProblem = event.text;
-        if (final && event.fourcc == PcmFourcc)
-            m_refusal =
-                "cannot play \"" + m_options.name + "\": it announces a PCM format that is none";
-        else if (final)
-            m_refusal = "cannot play codec \"" + kit::toFourccText(event.fourcc) + "\" of \"" +
-                        m_options.name + "\", only PCM";
+        isNew = std::exchange(m_lastProblem, event.text) != event.text;
+        m_isHopeless |= event.kind == kit::ConsumerEvent::Kind::CannotPlay;
     }
-    if (isNew && !final)
+    if (isNew && event.kind != kit::ConsumerEvent::Kind::CannotPlay)
         printNotice(event.text);
 }
 
@@ -235,8 +191,7 @@ int ReceiveControl::watch()
     while (m_recorder.getState() == RecorderState::Going &&
            !m_stop.waitUntil(SteadyClock::now() + WatchInterval))
     {
-        checkTimeout();
-        checkRefusal();
+        check();
         if (hasSenderLeftUnseen())
             return toInt(ExitCode::Done);
         printProgress(m_recorder.describeProgress());
@@ -245,29 +200,19 @@ int ReceiveControl::watch()
                                                          : toInt(ExitCode::Done);
 }
 
-Deadline ReceiveControl::getDeadline() const
+/// @throws CommandFailure if nothing can or will be recorded
+void ReceiveControl::check()
 {
-    return m_options.timeout ? Deadline(m_begin + *m_options.timeout) : Deadline();
-}
-
-void ReceiveControl::checkTimeout()
-{
-    const Deadline deadline = getDeadline();
-    if (!deadline || m_recorder.getNumFrames() > 0 || SteadyClock::now() < *deadline)
-        return;
     const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_isHopeless)
+        throw CommandFailure(ExitCode::Failed, m_lastProblem);
+    if (!m_deadline || m_recorder.getNumFrames() > 0 || SteadyClock::now() < *m_deadline)
+        return;
     const bool reachable = !m_lastProblem.empty() || kit::isNameTaken(m_options.name);
     throw CommandFailure(
         ExitCode::TimedOut, (reachable ? "no frame from \"" : "no sender \"") + m_options.name +
                                 "\" within " + toText(*m_options.timeout) +
                                 (m_lastProblem.empty() ? "" : " (" + m_lastProblem + ")"));
-}
-
-void ReceiveControl::checkRefusal()
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_refusal.empty())
-        throw CommandFailure(ExitCode::Failed, m_refusal);
 }
 
 // A sender that is killed while it hangs was not joined again, so nobody reports its loss.

@@ -1,10 +1,38 @@
 #pragma once
 
+#include <string>
+
+#include <vlxkit/RealTime.hpp>
+
+#include "common/CommonOptions.hpp"
+
 namespace vlx::tool
 {
 
-struct ReceiveOptions;
 class StopSignal;
+
+struct ReceiveOptions
+{
+    CommonOptions common;
+    std::string name;
+    std::string output; ///< empty if it is played
+    std::string type;   ///< of the output; empty: by its extension
+    std::string play;   ///< device; empty: it is recorded
+    bool split = false;
+    bool noFill = false;
+    bool oneshot = false;
+    OptionalDuration duration;
+    OptionalDuration timeout;
+    OptionalDuration stall;
+    OptionalDuration latency;
+    kit::RealTime realTime;
+    std::string report;
+};
+
+/// Adds "receive" to the program.
+///
+/// @return the subcommand, which fills the options when it is parsed
+CLI::App* addReceiveCommand(CLI::App& program, ReceiveOptions& options);
 
 /// Carries out "vlx receive".
 ///

@@ -1,7 +1,6 @@
-#include "ReceiveOptions.hpp"
-
 #include <CLI/CLI.hpp>
 
+#include "ReceiveCommand.hpp"
 #include "audio/AudioOutput.hpp"
 
 namespace vlx::tool

@@ -1,9 +1,12 @@
 #include "Recorder.hpp"
 
 #include <algorithm>
+#include <filesystem>
 #include <utility>
 
 #include <nlohmann/json.hpp>
+
+#include <vlxkit/RealTime.hpp>
 
 #include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
@@ -21,7 +24,8 @@ constexpr double NsPerSecond = 1e9;
 constexpr std::size_t MaxQueuedBytes = 64 << 20;
 // A gap may be longer than the time that has passed by what a sender may have fallen behind.
 constexpr std::int64_t MaxEarlyNs = 10'000'000'000;
-constexpr std::size_t SilenceBytes = 1 << 16; // written at once
+constexpr std::chrono::milliseconds IdleInterval = std::chrono::hours(1); // nothing to look after
+constexpr std::size_t SilenceBytes = 1 << 16;                             // written at once
 constexpr std::uint8_t UnsignedSilence = 0x80;
 
 std::string toSeconds(std::int64_t ns)
@@ -34,20 +38,24 @@ std::string toCount(std::uint64_t count, const std::string& thing)
     return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
 }
 
+/// @return the path with a number before its extension
+std::string numberPath(const std::filesystem::path& path, std::size_t number)
+{
+    const std::string stem = path.stem().string() + formatText("-%03zu", number + 1);
+    return std::filesystem::path(path).replace_filename(stem + path.extension().string());
+}
+
 } // unnamed namespace
 
-Recorder::Recorder(const RecorderSettings& settings, TimeValue startTime)
-    : m_settings(settings),
+Recorder::Recorder(const ReceiveOptions& options, const OutputWaits& waits, TimeValue startTime)
+    : m_options(options),
+      m_waits(waits),
       m_queue(MaxQueuedBytes),
-      m_output(settings.openOutput(0)),
-      m_waitBegin(startTime),
-      m_thread(
-          [this]
-          {
-              while (const std::optional<StreamEvent> next = m_queue.pop())
-                  attempt([&] { std::visit([this](const auto& event) { handle(event); }, *next); });
-          })
+      m_output(openOutput()),
+      m_waitBegin(startTime)
 {
+    const kit::RealTimeScope scope(options.play.empty() ? kit::RealTime() : options.realTime);
+    m_thread = std::thread([this] { work(); });
 }
 
 Recorder::~Recorder()
@@ -57,10 +65,34 @@ Recorder::~Recorder()
 
 void Recorder::finish()
 {
-    if (!m_thread.joinable())
-        return;
     m_queue.close();
-    m_thread.join();
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+std::unique_ptr<AudioOutput> Recorder::openOutput() const
+{
+    if (!m_options.play.empty())
+        return openPlayOutput(
+            m_options.play, m_options.latency.value_or(DefaultLatency), m_waits.stop);
+    return tool::openOutput(
+        m_options.split ? numberPath(m_options.output, m_place.file) : m_options.output,
+        m_options.type, m_waits);
+}
+
+void Recorder::work()
+{
+    using Answer = StreamEventQueue::Answer;
+    const auto interval = m_options.play.empty() ? IdleInterval : WorkInterval;
+    StreamEvent next;
+    Answer answer = Answer::TimedOut;
+    while ((answer = m_queue.pop(next, interval)) != Answer::Closed)
+    {
+        if (answer == Answer::Event)
+            attempt([&] { std::visit([this](const auto& event) { handle(event); }, next); });
+        if (m_state != RecorderState::Failed)
+            attempt([this] { m_output->work(); });
+    }
     endConnection("stop", "stop", 0);
     attempt([this] { closeOutput(); });
 }
@@ -83,22 +115,26 @@ void Recorder::handle(const AnnouncedFormat& announced)
 {
     if (m_state != RecorderState::Going)
         return;
-    m_connections.back().setFormat(announced);
+    m_connections.back().announced = announced;
     const kit::StreamFormat& format = announced.format;
-    const bool changed = m_format && *m_format != format;
     if (!m_format)
         startOutput(format);
-    else if (m_settings.formatChange == FormatChange::Split && m_place.sample > 0)
+    else if (isNextOutputWanted(format))
         m_nextFormat = format;
-    else if (changed && m_settings.formatChange == FormatChange::Restart)
-        m_nextFormat = format;
-    else if (changed && m_settings.formatChange == FormatChange::Refuse)
+    else if (*m_format == format)
+        m_nextFormat.reset();
+    else
         throw CommandFailure(
             ExitCode::Failed, "the stream's format has changed from " + toText(*m_format) + " to " +
                                   toText(format) +
                                   "; the recording ends here (--split goes on in another file)");
-    else
-        m_nextFormat.reset();
+}
+
+bool Recorder::isNextOutputWanted(const kit::StreamFormat& format) const
+{
+    if (m_options.split)
+        return m_place.sample > 0;
+    return !m_options.play.empty() && *m_format != format;
 }
 
 void Recorder::startOutput(const kit::StreamFormat& format)
@@ -115,7 +151,7 @@ void Recorder::continueInNextOutput()
     m_closedNs += static_cast<std::int64_t>(m_format->toNanoseconds(m_place.sample));
     m_place = {m_place.file + 1, 0};
     m_fillRestNs = 0;
-    m_output = m_settings.openOutput(m_place.file);
+    m_output = openOutput();
     startOutput(format);
 }
 
@@ -139,7 +175,7 @@ void Recorder::handle(const ReceivedFrame& frame)
     {
         ++m_numGaps;
         m_gapNs += frame.gapNs;
-        if (m_settings.fill && !newOutput)
+        if (m_fills && !newOutput)
             fillGap(frame);
     }
     m_lastTime = frame.time;
@@ -157,7 +193,7 @@ void Recorder::handle(const ReceivedFrame& frame)
 
 void Recorder::sayPresence()
 {
-    if (m_connections.back().getNumFrames() > 0)
+    if (m_connections.back().frames > 0)
         return;
     if (m_numFrames == 0)
         printNotice("receiving " + toText(*m_format));
@@ -205,7 +241,7 @@ void Recorder::write(const ByteView& bytes, TimeValue time)
 void Recorder::complainIfOdd(const ReceivedFrame& frame) const
 {
     const std::size_t sampleBytes = m_format->getBytesPerSample();
-    if (frame.data.size() % sampleBytes == 0 || m_connections.back().getNumOddFrames() != 1)
+    if (frame.data.size() % sampleBytes == 0 || m_connections.back().oddFrames != 1)
         return;
     printError(
         "a frame of " + std::to_string(frame.data.size()) + " bytes ends inside a sample of " +
@@ -218,7 +254,7 @@ void Recorder::handle(const kit::ConsumerEvent& event)
     using Kind = kit::ConsumerEvent::Kind;
     if (event.kind == Kind::Joined)
     {
-        m_connections.emplace_back(m_waitReason, m_waitBegin);
+        m_connections.push_back({.joinedAfter = m_waitReason, .waitBegin = m_waitBegin});
         m_connected = true;
         return;
     }
@@ -226,7 +262,7 @@ void Recorder::handle(const kit::ConsumerEvent& event)
     endConnection(isLoss ? "lost" : "stall", isLoss ? "loss" : "stall", event.time);
     if (m_state != RecorderState::Going)
         return;
-    if (isLoss && m_settings.oneshot && m_numFrames > 0)
+    if (isLoss && m_options.oneshot && m_numFrames > 0)
         m_state = RecorderState::Done;
     // A sender that sends nothing for long stalls again and again.
     else if ((isLoss || !std::exchange(m_stallSaid, true)) && !std::exchange(m_absenceSaid, true))
@@ -238,10 +274,10 @@ void Recorder::endConnection(const char* how, const char* nextReason, TimeValue 
 {
     if (!std::exchange(m_connected, false))
         return;
-    m_connections.back().end(how);
+    m_connections.back().ended = how;
     m_waitReason = nextReason;
     m_waitBegin = time;
-    if (m_connections.back().getNumFrames() == 0)
+    if (m_connections.back().frames == 0)
     {
         m_connections.pop_back();
         ++m_emptyConnections;
@@ -250,9 +286,9 @@ void Recorder::endConnection(const char* how, const char* nextReason, TimeValue 
 
 std::uint64_t Recorder::getSamplesLeft() const
 {
-    if (!m_settings.maxDuration)
+    if (!m_options.duration)
         return UINT64_MAX;
-    const std::int64_t restNs = m_settings.maxDuration->count() - m_closedNs;
+    const std::int64_t restNs = m_options.duration->count() - m_closedNs;
     const auto limit =
         m_format->toSamples(static_cast<TimeValue>(std::max<std::int64_t>(restNs, 0)));
     return limit - std::min(limit, m_place.sample);
@@ -271,9 +307,9 @@ std::string Recorder::summarize() const
     std::string text = describeProgress();
     if (m_numGaps > 0)
         text += " of " + toSeconds(m_gapNs) + " in all";
-    if (m_numGaps > 0 && m_settings.formatChange != FormatChange::Restart)
-        text += m_settings.fill ? ", filled with silence" : ", left out";
-    if (m_place.file > 0 && m_settings.formatChange == FormatChange::Split)
+    if (m_numGaps > 0 && m_options.play.empty())
+        text += m_fills ? ", filled with silence" : ", left out";
+    if (m_place.file > 0 && m_options.split)
         text += ", in " + toCount(m_place.file + 1, "file");
     if (m_queue.getNumDropped() > 0)
         text += "; " + toCount(m_queue.getNumDropped(), "frame") + " lost: the output was too slow";

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -13,32 +12,12 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include "ConnectionRecord.hpp"
+#include "ReceiveCommand.hpp"
 #include "StreamEvents.hpp"
 #include "audio/AudioOutput.hpp"
 
 namespace vlx::tool
 {
-
-/// What becomes of a recording when the stream's format changes.
-enum class FormatChange
-{
-    /// It fails: one output holds one format.
-    Refuse,
-    /// Another output, also for each new connection.
-    Split,
-    /// Another output for a new format.
-    Restart,
-};
-
-struct RecorderSettings
-{
-    /// Opens the output of that number, from 0. Throws CommandFailure.
-    std::function<std::unique_ptr<AudioOutput>(std::size_t number)> openOutput;
-    FormatChange formatChange = FormatChange::Refuse;
-    bool fill = true;                                    ///< gaps are filled with silence
-    std::optional<std::chrono::nanoseconds> maxDuration; ///< of audio
-    bool oneshot = false; ///< done when the sender is lost that delivered frames
-};
 
 /// How a recording stands.
 enum class RecorderState : int
@@ -57,7 +36,7 @@ public:
     ///
     /// @param startTime  since when a sender is looked for, nanoseconds of CLOCK_MONOTONIC
     /// @throws CommandFailure
-    Recorder(const RecorderSettings& settings, TimeValue startTime);
+    Recorder(const ReceiveOptions& options, const OutputWaits& waits, TimeValue startTime);
 
     /// Calls finish().
     ~Recorder();
@@ -101,11 +80,14 @@ public:
     void addToReport(nlohmann::ordered_json& report) const;
 
 private:
+    std::unique_ptr<AudioOutput> openOutput() const;
+    void work();
     void attempt(const std::function<void()>& work);
     void handle(const ReceivedFrame& frame);
     void handle(const AnnouncedFormat& announced);
     void handle(const kit::ConsumerEvent& event);
     void endConnection(const char* how, const char* nextReason, TimeValue time);
+    bool isNextOutputWanted(const kit::StreamFormat& format) const;
     void startOutput(const kit::StreamFormat& format);
     void continueInNextOutput();
     void closeOutput();
@@ -115,7 +97,9 @@ private:
     void complainIfOdd(const ReceivedFrame& frame) const;
     std::uint64_t getSamplesLeft() const;
 
-    const RecorderSettings m_settings;
+    const ReceiveOptions& m_options;
+    const OutputWaits m_waits;
+    const bool m_fills = m_options.play.empty() && !m_options.noFill; // gaps, with silence
     StreamEventQueue m_queue;
     std::atomic<RecorderState> m_state = RecorderState::Going;
     std::atomic<std::uint64_t> m_numFrames = 0;
@@ -123,9 +107,9 @@ private:
     std::atomic<std::int64_t> m_durationNs = 0;
 
     // Recorder's thread, and after finish() whoever called it.
+    FilePlace m_place; // of what is written next
     std::unique_ptr<AudioOutput> m_output;
     std::vector<std::unique_ptr<AudioOutput>> m_closedOutputs; // for the report
-    FilePlace m_place;                                         // of what is written next
     std::optional<kit::StreamFormat> m_format;                 // of the output
     std::optional<kit::StreamFormat> m_nextFormat;             // of a further output
     std::uint64_t m_numSamples = 0;                            // in all outputs
@@ -135,7 +119,7 @@ private:
     bool m_unfilledSaid = false;
     std::vector<ConnectionRecord> m_connections; // the last one may have no frames yet
     std::uint64_t m_emptyConnections = 0;        // ended without a frame
-    std::string m_waitReason = "start";          // what the next join time counts from
+    const char* m_waitReason = "start";          // what the next join time counts from
     TimeValue m_waitBegin;
     TimeValue m_lastTime = 0; // of the last frame's arrival
     bool m_connected = false;

@@ -33,17 +33,18 @@ bool StreamEventQueue::makeRoom(ReceivedFrame& frame)
     return true;
 }
 
-std::optional<StreamEvent> StreamEventQueue::pop()
+StreamEventQueue::Answer StreamEventQueue::pop(StreamEvent& event, std::chrono::nanoseconds timeout)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    m_condition.wait(lock, [this] { return m_closed || !m_events.empty(); });
+    if (!m_condition.wait_for(lock, timeout, [this] { return m_closed || !m_events.empty(); }))
+        return Answer::TimedOut;
     if (m_events.empty())
-        return std::nullopt;
-    StreamEvent event = std::move(m_events.front());
+        return Answer::Closed;
+    event = std::move(m_events.front());
     m_events.pop_front();
     if (const auto* const frame = std::get_if<ReceivedFrame>(&event))
         m_numBytes -= frame->data.size();
-    return event;
+    return Answer::Event;
 }
 
 void StreamEventQueue::close()

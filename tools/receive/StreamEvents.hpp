@@ -1,11 +1,11 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <mutex>
-#include <optional>
 #include <variant>
 
 #include <vlx/VlxReceiver.hpp>
@@ -50,10 +50,18 @@ public:
 
     void push(StreamEvent event);
 
+    /// What pop() has found.
+    enum class Answer
+    {
+        Event,
+        TimedOut,
+        Closed, ///< and everything was taken
+    };
+
     /// Waits for the next event.
     ///
-    /// @return nothing once the queue is closed and everything was taken
-    std::optional<StreamEvent> pop();
+    /// @param event    replaced if there is one
+    Answer pop(StreamEvent& event, std::chrono::nanoseconds timeout);
 
     /// No event is accepted any more.
     void close();
