@@ -17,7 +17,6 @@ namespace
 {
 
 constexpr std::uint32_t CodecA = 0x41434441; // "ADCA"
-constexpr std::uint32_t CodecB = 0x42434442; // "BDCB"
 
 constexpr const char* FourccUnreadable = "Could not read VLX SequenceInfo packet FourCC";
 constexpr const char* HeaderRejected =
@@ -66,12 +65,7 @@ public:
 class RecordingDepayloader : public Depayloader
 {
 public:
-    explicit RecordingDepayloader(
-        std::uint32_t fourcc,
-        std::vector<std::uint32_t>* resets = nullptr)
-        : Depayloader(fourcc), m_resets(resets)
-    {
-    }
+    explicit RecordingDepayloader(std::uint32_t fourcc) : Depayloader(fourcc) {}
 
     bool processCodecHeader(const ByteView& codecHeader) override
     {
@@ -79,17 +73,8 @@ public:
         return accepts;
     }
 
-    void reset() override
-    {
-        if (m_resets != nullptr)
-            m_resets->push_back(getFourcc());
-    }
-
     bool accepts = true;
     std::vector<Buffer> headers;
-
-private:
-    std::vector<std::uint32_t>* m_resets;
 };
 
 Buffer makePrefix(const Buffer& bytes, std::size_t size)
@@ -302,59 +287,6 @@ TEST_F(DepayloaderListTest, RejectedHeaderKeepsTheSelection)
         {debugLog(lookingFor("ADCA")), debugLog("Matching payloader found"),
          errorLog(HeaderRejected)}));
     EXPECT_EQ(m_list.consumePacket(m_frame), Retcode::Ok);
-}
-
-TEST_F(DepayloaderListTest, LastDepayloaderOfACodecWins)
-{
-    RecordingDepayloader second(CodecA);
-    m_list.addDepayloader(second);
-    EXPECT_EQ(m_list.consumePacket(m_sequenceInfo), Retcode::Ok);
-    EXPECT_EQ(m_list.getCurrentDepayloader(), &second);
-    EXPECT_EQ(second.headers.size(), 1U);
-    EXPECT_EQ(m_depayloader.headers.size(), 1U);
-}
-
-TEST_F(DepayloaderListTest, OutOfBandInfoSelects)
-{
-    RecordingDepayloader other(CodecB);
-    m_list.addDepayloader(other);
-    EXPECT_TRUE(m_list.setOutOfBandInfo(CodecB, fromHex("0A")));
-    EXPECT_EQ(m_list.getCurrentDepayloader(), &other);
-    EXPECT_EQ(other.headers, std::vector<Buffer>{fromHex("0A")});
-
-    other.accepts = false;
-    EXPECT_FALSE(m_list.setOutOfBandInfo(CodecB, {}));
-    EXPECT_EQ(m_list.getCurrentDepayloader(), &other);
-
-    EXPECT_FALSE(m_list.setOutOfBandInfo(0, {}));
-    EXPECT_EQ(m_list.getCurrentDepayloader(), nullptr);
-    EXPECT_TRUE(logged({}));
-}
-
-TEST_F(DepayloaderListTest, ResetForgetsAndReachesEveryDepayloader)
-{
-    std::vector<std::uint32_t> resets;
-    RecordingDepayloader high(0xF0000000, &resets);
-    RecordingDepayloader low(1, &resets);
-    m_list.addDepayloader(high);
-    m_list.addDepayloader(low);
-
-    m_list.reset();
-    EXPECT_EQ(resets, (std::vector<std::uint32_t>{1, 0xF0000000}));
-    EXPECT_EQ(m_list.getCurrentDepayloader(), nullptr);
-    EXPECT_EQ(m_list.getCurrentPacketType(), PacketType::Unknown);
-    EXPECT_EQ(m_list.getCurrentSequenceNr(), 0);
-    expectFrame(0, 0, {});
-    EXPECT_EQ(m_list.consumePacket(m_frame), Retcode::NoCurrentDepayloader);
-}
-
-TEST_F(DepayloaderListTest, MediaDataIsMovedOut)
-{
-    const std::uint8_t* const storage = m_list.getCurrentFrameMediaData().data();
-    const Buffer taken = m_list.stealCurrentFrameMediaData();
-    EXPECT_EQ(taken, fromHex("AABBCC"));
-    EXPECT_EQ(taken.data(), storage);
-    expectFrame(3, 4, {});
 }
 
 TEST(VlxPayloadTest, PcmHeaderIsWrittenAndRead)

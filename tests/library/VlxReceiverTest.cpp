@@ -486,35 +486,6 @@ TEST_F(ReceiverTest, LongNamesAreCut)
     }
 }
 
-TEST_P(ReceiverTransportTest, JoinsAgainAfterALoss)
-{
-    RecordedReceiver receiver;
-    auto sender = makeSender();
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    for (std::size_t round = 1; round <= 3; ++round)
-    {
-        // A number that was too old in the connection before.
-        const auto sequenceNr = static_cast<std::uint16_t>(10 - round);
-        ASSERT_TRUE(sender->serve(sequenceNr));
-        ASSERT_TRUE(receiver.waitForEvent("ready", round));
-        ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(sequenceNr, 1)));
-        ASSERT_TRUE(receiver.waitForEvent("frame", round));
-        sender.reset();
-        ASSERT_TRUE(receiver.waitForEvent("connecting", round + 1));
-        sender = makeSender();
-    }
-    const Strings events = receiver.getEvents();
-    for (std::size_t i = 0; i < 3; ++i)
-    {
-        const auto begin = events.begin() + static_cast<std::ptrdiff_t>(5 * i);
-        EXPECT_THAT(
-            Strings(begin, begin + 5), ElementsAre(
-                                           "connecting", "running", "sequence 48000 x2 S16LE",
-                                           "ready monotonic system clock", "frame 1"));
-    }
-    EXPECT_FALSE(hasLoggedProblems());
-}
-
 TEST_F(ReceiverTest, OutsideRunningTheClockIsUndetermined)
 {
     const LogExpectation message = errorLog("Cannot query synced net clock availability unless the "
@@ -1145,34 +1116,6 @@ TEST_F(ReceiverTest, DirectoriesOfSendersAreSeenAtTheStart)
         EXPECT_EQ(log().count(debugLog(StartsWith("Sender "))), row.isSeen ? 1U : 0U);
         receiver.stop();
         fs::remove(directory / row.entry);
-    }
-}
-
-TEST_F(ReceiverTest, StartingSendersAreNoticedWhileItRuns)
-{
-    const fs::path directory = getTempDirectory();
-    RecordedReceiver receiver;
-    for (int round = 0; round < 3; ++round)
-    {
-        log().clear();
-        ASSERT_TRUE(receiver.start(getSocketName()));
-        for (const std::string& entry : Strings{".bell-VlxSender-1", "VlxSender-abcdef"})
-        {
-            createFile(directory / "vlxsender-VlxSender");
-            fs::remove(directory / "vlxsender-VlxSender");
-            const LogExpectation noticed =
-                debugLog("Sender " + entry + " initializing, signaling condition variable");
-            // Of events that come together only the first is looked at, so again and again.
-            EXPECT_TRUE(waitFor(
-                [&]
-                {
-                    createFile(directory / entry);
-                    fs::remove(directory / entry);
-                    return log().contains(noticed);
-                }));
-        }
-        EXPECT_FALSE(log().contains(debugLog(StartsWith("Sender vlxsender"))));
-        receiver.stop();
     }
 }
 

@@ -135,9 +135,9 @@ public:
         return greet() && sendOverSidechannel(makeSequenceInfo(sequenceNr)) && joinMainChannel();
     }
 
-    bool sendOverSidechannel(const Buffer& packet, std::size_t sliceSize = 0)
+    bool sendOverSidechannel(const Buffer& packet)
     {
-        return m_sidechannel.send(makeSidechannelMessage(packet), sliceSize);
+        return m_sidechannel.send(makeSidechannelMessage(packet));
     }
 
     bool sendOverMainChannel(const Buffer& packet)

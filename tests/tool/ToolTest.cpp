@@ -143,6 +143,8 @@ TEST_F(ToolTest, BadInputGetsOneLineAndItsExitCode)
         {send({file("good.wav"), "-r", "8000"}), 2, "--raw"},
         {send({"--tone", "1", "-f", "s17"}), 2, "unknown format \"s17\""},
         {send({"--tone", "1", "-f", "S24_LE"}), 2, "S24_3LE"},
+        {send({"--tone", "nan"}), 2, "not a number"},
+        {send({"--tone", "1", "--verbose=99999999999999999999"}), 2, "verbose"},
         {send({"--tone", "1", "-r", "44.1q"}), 2, "no rate"},
         {send({"--tone", "1", "--frame", "10 ms"}), 2, "no duration"},
         {send({"--tone", "1", "--frame", "0ms"}), 2, "longer than nothing"},
