@@ -98,8 +98,9 @@ struct Board
     Number streamTime;   // of a consumer ...
     Number streamTimeAt; // ... and the system's at that moment
 
-    // Of losses: when the frame before was sent, and the one after, and how many are missing.
-    std::array<std::array<std::uint64_t, 3>, 256> bursts;
+    // Of losses: stamp and arrival of the frame before, arrival of the one after, and how many are
+    // missing.
+    std::array<std::array<std::uint64_t, 4>, 256> bursts;
     std::array<std::uint64_t, 8'192> times; // a ring: age of a frame, or duration of a send
 
     void addFrame(TimeValue time)
@@ -220,6 +221,7 @@ struct Receipt
     std::atomic<bool> isFirst = true; // of a connection
     FrameTag last = {};               // the receiving thread's, and so the next
     TimeValue lastTimestamp = 0;
+    TimeValue lastArrival = 0;
 
     void onEvent(const kit::ConsumerEvent& event)
     {
@@ -254,10 +256,11 @@ struct Receipt
             board.lost += count;
             const std::uint64_t number = board.numBursts++;
             if (number < board.bursts.size())
-                board.bursts[number] = {lastTimestamp, frame.timestamp, count};
+                board.bursts[number] = {lastTimestamp, lastArrival, frame.arrival, count};
         }
         last = tag;
         lastTimestamp = frame.timestamp;
+        lastArrival = frame.arrival;
         board.addFrame(frame.arrival - frame.timestamp);
     }
 };

@@ -29,10 +29,10 @@ class Board(ctypes.Structure):
     _fields_ = [(name, ctypes.c_uint64) for name in (
         "go stop ready frames lost num_bursts incarnation incarnation_since joins sequences stalls "
         "failures log_lines error_lines stream_time stream_time_at").split()] + [
-            ("all_bursts", ctypes.c_uint64 * 3 * MAX_BURSTS), ("ring", ctypes.c_uint64 * NUM_TIMES)]
+            ("all_bursts", ctypes.c_uint64 * 4 * MAX_BURSTS), ("ring", ctypes.c_uint64 * NUM_TIMES)]
 
-    def bursts(self) -> list[tuple[int, int, int]]:
-        """Losses: stamp of the frame before, of the frame after, number of frames."""
+    def bursts(self) -> list[tuple[int, int, int, int]]:
+        """Losses: stamp and arrival of the frame before, arrival of the one after, number of frames."""
         return [tuple(burst) for burst in self.all_bursts[:self.num_bursts]]
 
     def times(self, first: int, end: int) -> list[float]:
@@ -178,15 +178,16 @@ class PauseProbe:
 
 class Losses:
     """Frames that some consumers missed. A loss counts as explained if the machine paused around it
-    for at least a frame's period, or if it lies within one of the given spans."""
+    for at least a frame's period, or if it lies within one of the given spans: by arrival, since a
+    sender that was stopped is behind with what it sends for a while."""
 
     def __init__(self, ends: list[End], probe: PauseProbe, since: int, spans=()) -> None:
         self.received = sum(end.board.frames for end in ends)
         self.lost = sum(end.board.lost for end in ends)
         self.unexplained = self.lost
         self.pause_ms = 0.0
-        for begin, until, count in (burst for end in ends for burst in end.board.bursts()):
-            pause = probe.largest_ms(begin, min(until, begin + CAUSE_NS))
+        for sent, begin, until, count in (burst for end in ends for burst in end.board.bursts()):
+            pause = probe.largest_ms(sent, min(until, begin + CAUSE_NS))
             self.pause_ms = max(self.pause_ms, pause)
             if pause >= FRAME_MS or any(a <= until and begin <= b and until - begin <= b - a
                                         for a, b in spans):
