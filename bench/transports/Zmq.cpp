@@ -22,7 +22,7 @@ void requireZmq(bool ok, const char* call)
 // Makes a socket in a context of its own, which lasts as long as the process.
 std::shared_ptr<void> makeSocket(const Plan& plan, int type, int highWaterMark)
 {
-    const std::shared_ptr<void> socket(zmq_socket(zmq_ctx_new(), type), zmq_close);
+    std::shared_ptr<void> socket(zmq_socket(zmq_ctx_new(), type), zmq_close);
     requireZmq(socket != nullptr, "zmq_socket");
     const auto set = [&socket](int option, int value) {
         requireZmq(
