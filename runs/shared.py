@@ -18,8 +18,8 @@ ROOT = Path(__file__).resolve().parent.parent
 def build(preset: str, directory: Path, *targets: str) -> None:
     """Also on a machine that has nothing yet."""
     if not (directory / "CMakeCache.txt").exists():
-        subprocess.run([ROOT / "scripts/setup", "build", "test", preset.replace("release", "build")],
-                       check=True)
+        groups = ("build", "test", *({preset} & {"bench"}))
+        subprocess.run([ROOT / "scripts/setup", *groups], check=True)
     subprocess.run(["cmake", "--preset", preset, "-B", directory, "--log-level=NOTICE"], cwd=ROOT,
                    check=True)
     subprocess.run(["cmake", "--build", directory, "--target", *targets], check=True)

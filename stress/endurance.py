@@ -12,8 +12,8 @@ NUM_CONSUMERS = 8
 
 
 @row("endurance", "loss-1", "1,920 bytes, 100 frames/s", "none lost without a pause of the machine")
-@row("endurance", "loss-2", "the same again", "none lost without a pause of the machine")
-@row("endurance", "loss-3", "the same again", "none lost without a pause of the machine")
+@row("endurance", "loss-2", "1,920 bytes, again", "none lost without a pause of the machine")
+@row("endurance", "loss-3", "1,920 bytes, again", "none lost without a pause of the machine")
 def measure_loss(run: Run) -> None:
     seconds = round(7.5 * run.minutes)
     stream = run.start(NUM_CONSUMERS, frames=100 * seconds)

@@ -5,7 +5,6 @@ import os
 from pathlib import Path
 import random
 import resource
-import shutil
 import signal
 import sys
 import tempfile
@@ -80,20 +79,18 @@ def main() -> int:
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     print(f"{options.mode} | {describe_machine(built)} | seed {options.seed}\n", flush=True)
 
-    directory = Path(tempfile.mkdtemp(prefix="vs-", dir="/tmp"))  # short, as socket names must be
-    directory.chmod(0o777)  # processes of another user make their directories in it too
-    os.environ["TMPDIR"] = str(directory)
     probe = fleet.PauseProbe()
-    try:
-        return rows.run_rows(options.mode, options.names, lambda: rows.Run(
-            options.minutes, options.lenient, built.resolve() / "tools/vlx", options.picture, probe,
-            directory))
-    except KeyboardInterrupt:
-        print("stress: interrupted", file=sys.stderr)
-        return 1
-    finally:
-        fleet.kill_all()
-        shutil.rmtree(directory, ignore_errors=True)
+    # Short, as socket names must be.
+    with tempfile.TemporaryDirectory(prefix="vs-", dir="/tmp", ignore_cleanup_errors=True) as name:
+        os.chmod(name, 0o777)  # processes of another user make their directories in it too
+        os.environ["TMPDIR"] = name
+        try:
+            return rows.run_rows(options.mode, options.names, lambda: rows.Run(
+                options.minutes, options.lenient, built.resolve() / "tools/vlx", options.picture,
+                probe, Path(name)))
+        except KeyboardInterrupt:
+            print("stress: interrupted", file=sys.stderr)
+            return 1
 
 
 if __name__ == "__main__":

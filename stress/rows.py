@@ -114,8 +114,11 @@ ROWS: dict[str, dict[str, tuple]] = {}  # of each mode
 
 def row(mode: str, name: str, text: str, promise: str, *arguments: object) -> Callable:
     """Adds a function of a run, and of what follows, to the rows of a mode."""
+    rows = ROWS.setdefault(mode, {})
+    rows[name] = ()  # its place: decorators are evaluated from the top, but applied from the bottom
+
     def add(function: Callable) -> Callable:
-        ROWS.setdefault(mode, {})[name] = (text, promise, lambda run: function(run, *arguments))
+        rows[name] = (text, promise, lambda run: function(run, *arguments))
         return function
     return add
 
