@@ -202,13 +202,31 @@ TEST_F(PlayTest, EachSampleLeavesOnTimeAtEveryReceiver)
     }
 }
 
+TEST_F(PlayTest, ANetworkClockIsFollowed)
+{
+    ToolProcess sender(send({"--tone", "440", "--clock", "net", "--wait-receivers", "1"}));
+    ToolProcess receiver(play("net", {"-d", "1s"}));
+    EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+    const json report = readJson(file("net.json"));
+    EXPECT_EQ(report["connections"][0]["clock"], "synced net clock");
+    // A frame's timestamp is not far from its arrival, once it is told by this machine's clock.
+    EXPECT_LT(report["play"][0]["late_samples"], Rate / 2) << report["play"];
+    EXPECT_LT(report["play"][0]["samples"], 3 * Rate) << report["play"];
+}
+
 TEST_F(PlayTest, WhatCannotBePlayedOnIsSaid)
 {
     ToolProcess sender(send({"--tone", "440"}));
-    ToolProcess missing(receive({"--play", "no-such-device", "-q"}));
-    EXPECT_EQ(missing.wait(), 1);
-    EXPECT_NE(missing.getErrors().find("cannot play on \"no-such-device\""), std::string::npos);
-    EXPECT_EQ(countLines(missing.getErrors()), 1U) << missing.getErrors();
+    // The second one fails as soon as it is written to, as a device that is pulled out.
+    for (const char* const name : {"no-such-device", "file:'/dev/full',raw"})
+    {
+        ToolProcess missing(receive({"--play", name, "-q"}));
+        EXPECT_EQ(missing.wait(), 1);
+        const std::string said = "cannot play on \"" + std::string(name) + "\"";
+        EXPECT_NE(missing.getErrors().find(said), std::string::npos) << missing.getErrors();
+        EXPECT_EQ(countLines(missing.getErrors()), 1U) << missing.getErrors();
+    }
 
     ToolProcess unplayable(receive({"--play", "null", "--raw"}));
     EXPECT_EQ(unplayable.wait(), 2);

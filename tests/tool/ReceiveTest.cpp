@@ -113,9 +113,12 @@ class FormatsTest : public ReceiveTest, public ::testing::WithParamInterface<boo
 TEST_F(ReceiveTest, DurationIsKeptToTheSample)
 {
     ToolProcess sender(send({"--tone", "440", "-f", "s16", "-c", "1"}));
-    ToolProcess receiver(receive({file("a.wav"), "-d", "123ms"}));
-    ASSERT_EQ(receiver.wait(), 0) << receiver.getErrors();
-    EXPECT_EQ(readSound(file("a.wav")).info.frames, 123 * Rate / 1000);
+    for (const char* const name : {"a.wav", "a.w64", "a.aiff", "a.ogg", "a.opus", "a.mp3"})
+    {
+        ToolProcess receiver(receive({file(name), "-d", "123ms"}));
+        ASSERT_EQ(receiver.wait(), 0) << receiver.getErrors();
+        EXPECT_EQ(readSound(file(name)).info.frames, 123 * Rate / 1000) << name;
+    }
     EXPECT_EQ(sender.stop(), 128 + SIGTERM);
 }
 

@@ -269,8 +269,11 @@ private:
             fail(::sf_strerror(nullptr));
         // The chunk of peak values holds nothing that was received.
         ::sf_command(m_sound.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
-        ::sf_command(m_sound.get(), SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
-        ::sf_command(m_sound.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
+        if (m_kind.plain)
+        {
+            ::sf_command(m_sound.get(), SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
+            ::sf_command(m_sound.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
+        }
         if (m_isStream)
             sendHeader();
         check();
@@ -361,7 +364,8 @@ private:
         const sf_count_t more = m_kind.plain ? (m_size - sizeBefore) / sampleBytes : 0;
         m_size = sizeBefore + more * sampleBytes;
         [[maybe_unused]] const int result = ::ftruncate(m_fd, m_size);
-        ::sf_command(m_sound.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
+        if (m_kind.plain)
+            ::sf_command(m_sound.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
     }
 
     /// Puts the file in place, once there is something in it.
