@@ -523,7 +523,7 @@ TEST_F(ReceiveTest, EightChannelsAt192KilohertzAreRecordedExactly)
     settings.input = makeNoise(3UL * 8 * 19200);
     for (const char* const name : {"a.wav", "a.flac"})
     {
-        ToolProcess receiver(receive({file(name), "-q", "--oneshot"}));
+        ToolProcess receiver(receive({file(name), "-q", "--oneshot", "--no-fill"}));
         ToolProcess sender(
             send(
                 {"-", "-f", "s24le", "-c", "8", "-r", "192000", "--protocol", "pipeline",

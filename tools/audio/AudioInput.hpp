@@ -45,25 +45,28 @@ public:
     }
 
     /// @return samples from the beginning to the end; unset if nobody knows
-    virtual std::optional<std::uint64_t> getLength() const
+    const std::optional<std::uint64_t>& getLength() const
     {
-        return std::nullopt;
+        return m_length;
     }
 
     /// @return whether somebody else makes the samples now, so that a read can wait for them
-    virtual bool isLive() const
+    bool isLive() const
     {
-        return false;
+        return m_isLive;
     }
 
     /// @return after the end: one line that says what was wrong with it; empty if nothing was
-    virtual std::string getProblem() const
+    const std::string& getProblem() const
     {
-        return {};
+        return m_problem;
     }
 
 protected:
     kit::StreamFormat m_format;
+    std::optional<std::uint64_t> m_length;
+    bool m_isLive = false;
+    std::string m_problem;
 };
 
 /// What a user says about an input beside its name.

@@ -111,10 +111,9 @@ class FileInput : public AudioInput
 {
 public:
     FileInput(std::unique_ptr<ByteSource> source, const std::string& path)
-        : m_source(std::move(source)),
-          m_isLive(path == "-" || !m_source->isFile()),
-          m_oneWay(*m_source)
+        : m_source(std::move(source)), m_oneWay(*m_source)
     {
+        m_isLive = path == "-" || !m_source->isFile();
         const std::string name = m_source->getName();
         if (m_source->isFile() && m_source->getSize() == 0)
             failToRead(name, "it is empty");
@@ -146,29 +145,17 @@ public:
             },
             m_values);
         encodeSamples(m_values, m_format.sampleFormat, bytes);
+        if (m_problem.empty())
+            m_problem = m_source->getProblem();
+        if (m_problem.empty() && ::sf_error(m_file.get()) != SF_ERR_NO_ERROR)
+            m_problem =
+                "cannot read on in " + m_source->getName() + ": " + ::sf_strerror(m_file.get());
         return samplesRead;
     }
 
     bool rewind() override
     {
         return !m_isLive && ::sf_seek(m_file.get(), 0, SEEK_SET) == 0;
-    }
-
-    std::optional<std::uint64_t> getLength() const override
-    {
-        return m_length;
-    }
-
-    bool isLive() const override
-    {
-        return m_isLive;
-    }
-
-    std::string getProblem() const override
-    {
-        if (!m_source->getProblem().empty() || ::sf_error(m_file.get()) == SF_ERR_NO_ERROR)
-            return m_source->getProblem();
-        return "cannot read on in " + m_source->getName() + ": " + ::sf_strerror(m_file.get());
     }
 
 private:
@@ -188,11 +175,9 @@ private:
     }
 
     const std::unique_ptr<ByteSource> m_source;
-    const bool m_isLive;
     OneWayFile m_oneWay;
     std::unique_ptr<SNDFILE, Closer> m_file;
     SampleValues m_values;
-    std::optional<std::uint64_t> m_length;
 };
 
 } // unnamed namespace

@@ -99,14 +99,6 @@ constexpr int Subtypes[] = {SF_FORMAT_PCM_S8, SF_FORMAT_PCM_U8, SF_FORMAT_PCM_16
                             SF_FORMAT_FLOAT,  SF_FORMAT_FLOAT,  SF_FORMAT_DOUBLE, SF_FORMAT_DOUBLE};
 static_assert(std::size(Subtypes) == audioUtils::NumPcmFormats);
 
-// Many kinds know only one of the two 8-bit types. Turning one into the other loses nothing.
-int toOtherEightBits(int subtype)
-{
-    if (subtype == SF_FORMAT_PCM_S8)
-        return SF_FORMAT_PCM_U8;
-    return subtype == SF_FORMAT_PCM_U8 ? SF_FORMAT_PCM_S8 : subtype;
-}
-
 /// @return whether the kind can hold the format; then info is filled
 bool chooseFormat(const FileKind& kind, const kit::StreamFormat& format, SF_INFO& info)
 {
@@ -116,7 +108,9 @@ bool chooseFormat(const FileKind& kind, const kit::StreamFormat& format, SF_INFO
         kind.container | (kind.container == SF_FORMAT_RAW ? rawOrder : SF_ENDIAN_FILE);
     info.samplerate = static_cast<int>(format.rate);
     info.channels = static_cast<int>(format.channels);
-    for (const int candidate : {Subtypes[number], toOtherEightBits(Subtypes[number])})
+    // Many kinds know only one of the two 8-bit types. Turning one into the other loses nothing.
+    const std::size_t sibling = number < 2 ? 1 - number : number;
+    for (const int candidate : {Subtypes[number], Subtypes[sibling]})
     {
         info.format = container | (kind.lossyCodec != 0 ? kind.lossyCodec : candidate);
         if (::sf_format_check(&info) != 0)

@@ -21,6 +21,9 @@ public:
         : m_source(std::move(source)), m_refuseFiles(refuseFiles)
     {
         m_format = format;
+        m_isLive = !m_source->isFile();
+        if (m_source->isFile())
+            m_length = m_source->getSize() / m_format.getBytesPerSample();
     }
 
     std::size_t read(Buffer& bytes, std::size_t numSamples) override
@@ -35,23 +38,6 @@ public:
     bool rewind() override
     {
         return m_source->rewind();
-    }
-
-    std::optional<std::uint64_t> getLength() const override
-    {
-        if (!m_source->isFile())
-            return std::nullopt;
-        return m_source->getSize() / m_format.getBytesPerSample();
-    }
-
-    bool isLive() const override
-    {
-        return !m_source->isFile();
-    }
-
-    std::string getProblem() const override
-    {
-        return m_problem.empty() ? m_source->getProblem() : m_problem;
     }
 
 private:
@@ -71,6 +57,8 @@ private:
     {
         const std::size_t sampleBytes = m_format.getBytesPerSample();
         const std::size_t rest = filled % sampleBytes;
+        if (m_problem.empty())
+            m_problem = m_source->getProblem();
         if (rest != 0 && isAtEnd())
             m_problem = m_source->getName() + " ends inside a sample: " + std::to_string(rest) +
                         " of " + std::to_string(sampleBytes) + " bytes";
@@ -87,7 +75,6 @@ private:
     const std::unique_ptr<ByteSource> m_source;
     const bool m_refuseFiles;
     bool m_begun = false;
-    std::string m_problem;
 };
 
 } // unnamed namespace

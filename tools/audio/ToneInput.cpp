@@ -14,15 +14,6 @@ namespace
 
 constexpr double Amplitude = 0.5;
 
-template <class Value>
-Value scale(double level)
-{
-    if constexpr (std::is_floating_point_v<Value>)
-        return static_cast<Value>(level);
-    else
-        return static_cast<Value>(std::lround(level * std::numeric_limits<Value>::max()));
-}
-
 class ToneInput : public AudioInput
 {
 public:
@@ -44,11 +35,14 @@ private:
     template <class Value>
     void fill(std::vector<Value>& values, std::size_t numSamples)
     {
+        // Integers fill their type.
+        constexpr double FullScale =
+            std::is_integral_v<Value> ? std::numeric_limits<std::int32_t>::max() : 1;
         values.clear();
         for (std::size_t i = 0; i < numSamples; ++i)
         {
             const double level = Amplitude * std::sin(2 * std::numbers::pi * m_phase);
-            values.insert(values.end(), m_format.channels, scale<Value>(level));
+            values.insert(values.end(), m_format.channels, static_cast<Value>(level * FullScale));
             m_phase = std::fmod(m_phase + m_turnsPerSample, 1.0);
         }
     }

@@ -82,14 +82,12 @@ std::unique_ptr<AudioOutput> Recorder::openOutput() const
 
 void Recorder::work()
 {
-    using Answer = StreamEventQueue::Answer;
     const auto interval = m_options.play.empty() ? IdleInterval : WorkInterval;
-    StreamEvent next;
-    Answer answer = Answer::TimedOut;
-    while ((answer = m_queue.pop(next, interval)) != Answer::Closed)
+    std::optional<StreamEvent> next;
+    while (m_queue.pop(next, interval))
     {
-        if (answer == Answer::Event)
-            attempt([&] { std::visit([this](const auto& event) { handle(event); }, next); });
+        if (next)
+            attempt([&] { std::visit([this](const auto& event) { handle(event); }, *next); });
         if (m_state != RecorderState::Failed)
             attempt([this] { m_output->work(); });
     }
@@ -132,9 +130,8 @@ void Recorder::handle(const AnnouncedFormat& announced)
 
 bool Recorder::isNextOutputWanted(const kit::StreamFormat& format) const
 {
-    if (m_options.split)
-        return m_place.sample > 0;
-    return !m_options.play.empty() && *m_format != format;
+    const bool changes = *m_format != format;
+    return m_options.split ? changes || m_place.sample > 0 : changes && !m_options.play.empty();
 }
 
 void Recorder::startOutput(const kit::StreamFormat& format)

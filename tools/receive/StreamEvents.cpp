@@ -33,18 +33,19 @@ bool StreamEventQueue::makeRoom(ReceivedFrame& frame)
     return true;
 }
 
-StreamEventQueue::Answer StreamEventQueue::pop(StreamEvent& event, std::chrono::nanoseconds timeout)
+bool StreamEventQueue::pop(std::optional<StreamEvent>& event, std::chrono::nanoseconds timeout)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
+    event.reset();
     if (!m_condition.wait_for(lock, timeout, [this] { return m_closed || !m_events.empty(); }))
-        return Answer::TimedOut;
+        return true;
     if (m_events.empty())
-        return Answer::Closed;
+        return false;
     event = std::move(m_events.front());
     m_events.pop_front();
-    if (const auto* const frame = std::get_if<ReceivedFrame>(&event))
+    if (const auto* const frame = std::get_if<ReceivedFrame>(&*event))
         m_numBytes -= frame->data.size();
-    return Answer::Event;
+    return true;
 }
 
 void StreamEventQueue::close()

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <variant>
 
 #include <vlx/VlxReceiver.hpp>
@@ -50,18 +51,11 @@ public:
 
     void push(StreamEvent event);
 
-    /// What pop() has found.
-    enum class Answer
-    {
-        Event,
-        TimedOut,
-        Closed, ///< and everything was taken
-    };
-
     /// Waits for the next event.
     ///
-    /// @param event    replaced if there is one
-    Answer pop(StreamEvent& event, std::chrono::nanoseconds timeout);
+    /// @param event  unset if none has come in time
+    /// @return false once the queue is closed and everything was taken
+    bool pop(std::optional<StreamEvent>& event, std::chrono::nanoseconds timeout);
 
     /// No event is accepted any more.
     void close();
