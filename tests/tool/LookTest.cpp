@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include "support/TestProvider.hpp"
@@ -55,6 +56,11 @@ public:
         m_pid = ::forkpty(&m_terminalFD, nullptr, nullptr, &size);
         if (m_pid != 0)
             return;
+        // An echoed ^C could fall into the middle of a picture's line.
+        termios modes{};
+        ::tcgetattr(STDIN_FILENO, &modes);
+        modes.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &modes);
         ::setenv("TERM", "xterm", 1);
         ::unsetenv("NO_COLOR");
         std::vector<const char*> argv = {VLX_TOOL_PATH};

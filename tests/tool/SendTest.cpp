@@ -233,17 +233,6 @@ TEST_F(SendTest, ClosedStreamsCatchNoMessages)
     EXPECT_NE(refused.getErrors().find("standard input is closed"), std::string::npos);
 }
 
-TEST_F(SendTest, CompletionsNameEverySubcommandAndOption)
-{
-    for (const char* const shell : {"bash", "zsh", "fish"})
-    {
-        ToolProcess process({"--completions", shell});
-        EXPECT_EQ(process.wait(), 0);
-        for (const char* const word : {"send", "receive", "wait-receivers", "owner group all"})
-            EXPECT_NE(process.getOutput().find(word), std::string::npos) << shell << word;
-    }
-}
-
 } // namespace
 
 } // namespace vlx::testing

@@ -151,7 +151,7 @@ TEST_F(ToolTest, BadInputGetsOneLineAndItsExitCode)
         {send({"--tone", "1", "--wait-receivers", "-1"}), 2, "no whole number"},
         {send({"--tone", "1", "--wait-receivers", "99999999999999999999"}), 2, "no whole number"},
         {send({"--tone", "1", "-c", "256"}), 2, "256"},
-        {send({"--tone", "1", "--protocol", "udp"}), 2, "none of pubsub, pipeline"},
+        {send({"--tone", "1", "--protocol", "udp"}), 2, "none of pubsub|pipeline"},
         {send({"--tone", "1", "--clock-port", "5"}), 2, "--clock-address"},
         {send({"--tone", "1", "--wait-receiver", "1"}), 2, "--wait-receivers?"},
         {send({"--tone", "1", "--log-config", file("missing")}), 1, "missing"},
@@ -198,6 +198,39 @@ TEST_F(ToolTest, HelpAndVersionGoToStandardOutput)
         std::istringstream lines(process.getOutput());
         for (std::string line; std::getline(lines, line);)
             EXPECT_LE(line.size(), 80U) << line;
+    }
+}
+
+TEST_F(ToolTest, CompletionsKnowWhatCanFollow)
+{
+    constexpr int FilesToo = 1;
+    struct Row
+    {
+        std::vector<std::string> words; // the last one is about to be completed
+        int code;
+        std::vector<const char*> offered;
+    };
+    const Row rows[] = {
+        {{""}, 0, {"send", "receive", "list", "info", "monitor", "clock", "check"}},
+        {{"clock", ""}, 0, {"serve", "watch"}},
+        {{"clock", "watch", "-"}, 0, {"--timeout", "--json"}},
+        {{"send", "-s", "x", "--w"}, 0, {"--wait-receivers", "--socket-mode"}},
+        {{"send", "--socket-mode", ""}, 0, {"owner", "group", "all"}},
+        {{"send", "-f", ""}, 0, {"S16LE", "F64BE"}},
+        {{"send", "-d", ""}, 0, {}},
+        {{"send", "--report", ""}, FilesToo, {}},
+        {{"receive", "--raw", ""}, FilesToo, {}}};
+    for (Row row : rows)
+    {
+        SCOPED_TRACE(row.words.back());
+        row.words.insert(row.words.begin(), "--complete");
+        ToolProcess process(row.words);
+        EXPECT_EQ(process.wait(), row.code);
+        const std::string output = process.getOutput();
+        EXPECT_EQ(output.empty(), row.offered.empty()) << output;
+        for (const char* const word : row.offered)
+            EXPECT_NE(("\n" + output).find("\n" + std::string(word) + "\t"), std::string::npos)
+                << word << " in " << output;
     }
 }
 

@@ -102,31 +102,20 @@ public:
     PauseProbe()
     {
         for (unsigned i = 0; i < std::max(std::thread::hardware_concurrency(), 1U); ++i)
-            m_threads.emplace_back([this] { loop(); });
+            m_threads.emplace_back([this](const std::stop_token& stop) { loop(stop); });
     }
-
-    ~PauseProbe()
-    {
-        stop();
-    }
-
-    PauseProbe(const PauseProbe&) = delete;
-    PauseProbe& operator=(const PauseProbe&) = delete;
 
     /// @return the longest pause
     nanoseconds stop()
     {
-        m_stopped = true;
-        for (std::thread& thread : m_threads)
-            thread.join();
         m_threads.clear();
         return nanoseconds(m_longestNs);
     }
 
 private:
-    void loop()
+    void loop(const std::stop_token& stop)
     {
-        while (!m_stopped)
+        while (!stop.stop_requested())
         {
             const auto due = SteadyClock::now() + PauseProbeInterval;
             std::this_thread::sleep_until(due);
@@ -138,8 +127,7 @@ private:
     }
 
     std::atomic<std::int64_t> m_longestNs = 0;
-    std::atomic<bool> m_stopped = false;
-    std::vector<std::thread> m_threads;
+    std::vector<std::jthread> m_threads; // last: they stop and end before the rest
 };
 
 /// Sends a stream to this process itself.
@@ -197,7 +185,7 @@ CLI::App* addCheckCommand(CLI::App& program, CheckOptions& options)
     return command;
 }
 
-int runCheck(const CheckOptions& /*options*/, StopSignal& stop)
+ExitCode runCheck(const CheckOptions& /*options*/, StopSignal& stop)
 {
     const bool baseIsFine = print(checkBaseDirectory());
     bool fine = print(checkDescriptors()) && baseIsFine;
@@ -207,11 +195,11 @@ int runCheck(const CheckOptions& /*options*/, StopSignal& stop)
         PauseProbe pauses;
         const Finding stream = checkStream(stop);
         if (stop.isRequested())
-            return toExitCode(stop.getSignalNumber());
+            return ExitCode::Done;
         fine = print(checkPauses(pauses.stop())) && fine;
         fine = print(stream) && fine;
     }
-    return toInt(fine ? ExitCode::Done : ExitCode::Failed);
+    return fine ? ExitCode::Done : ExitCode::Failed;
 }
 
 } // namespace vlx::tool

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/CommonOptions.hpp"
+#include "common/ExitCodes.hpp"
 
 namespace vlx::tool
 {
@@ -17,6 +18,6 @@ CLI::App* addCheckCommand(CLI::App& program, CheckOptions& options);
 /// Looks whether this machine is fit for streams: one line for each thing that is looked at.
 ///
 /// @return the exit code
-int runCheck(const CheckOptions& options, StopSignal& stop);
+ExitCode runCheck(const CheckOptions& options, StopSignal& stop);
 
 } // namespace vlx::tool

@@ -15,7 +15,7 @@
 #include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
 #include "common/NetClock.hpp"
-#include "common/SenderReport.hpp"
+#include "common/ReportFile.hpp"
 #include "common/StopSignal.hpp"
 #include "common/Text.hpp"
 
@@ -31,14 +31,13 @@ constexpr auto CheckInterval = std::chrono::milliseconds(50);
 constexpr auto LineInterval = std::chrono::seconds(1);
 constexpr auto ScreenInterval = std::chrono::milliseconds(200);
 
-int serve(const ClockOptions& options, const StopSignal& stop)
+void serve(const ClockOptions& options, const StopSignal& stop)
 {
     const ClockProvider provider(options.address, options.port);
     // As "vlx clock watch" takes them.
     std::printf("%s %u\n", options.address.c_str(), provider.getPort());
     flushOutput();
     stop.waitUntil(SteadyClock::time_point::max());
-    return toExitCode(stop.getSignalNumber());
 }
 
 /// Follows a clock and shows how that goes.
@@ -53,7 +52,7 @@ public:
     {
     }
 
-    int run()
+    void run()
     {
         follow(m_clock, m_options.address, m_options.port);
         const auto begin = SteadyClock::now();
@@ -75,7 +74,6 @@ public:
                 break;
         }
         finishProgress();
-        return m_stop.isRequested() ? toExitCode(m_stop.getSignalNumber()) : toInt(ExitCode::Done);
     }
 
 private:
@@ -100,17 +98,16 @@ private:
         }
         if (m_options.json)
         {
-            nlohmann::ordered_json json = {
-                {"address", m_options.address},
-                {"port", m_options.port},
-                {"synchronized", m_isSynchronized},
-                {"offset_ns", nullptr},
-                {"round_trip_ns", nullptr}};
-            if (offset)
-                json["offset_ns"] = *offset;
-            if (roundTrip)
-                json["round_trip_ns"] = *roundTrip;
-            printJson(json, -1);
+            const auto orNull = [](const std::optional<std::int64_t>& ns)
+            { return ns ? nlohmann::ordered_json(*ns) : nlohmann::ordered_json(nullptr); };
+            writeJson(
+                "-",
+                {{"address", m_options.address},
+                 {"port", m_options.port},
+                 {"synchronized", m_isSynchronized},
+                 {"offset_ns", orNull(offset)},
+                 {"round_trip_ns", orNull(roundTrip)}},
+                -1);
         }
         else if (m_onScreen)
         {
@@ -146,7 +143,6 @@ private:
 
 CLI::App* addClockCommand(CLI::App& program, ClockOptions& options)
 {
-    constexpr std::uint16_t MaxPort = 65535;
     CLI::App* const command = program.add_subcommand(
         "clock", "Serve this machine's clock over the network, or watch one");
     command->require_subcommand(1);
@@ -158,8 +154,7 @@ CLI::App* addClockCommand(CLI::App& program, ClockOptions& options)
             "--address", options.address,
             "Numeric address to be asked at; 0.0.0.0: all of this machine [127.0.0.1]")
         ->type_name("ADDRESS");
-    addNumberOption<std::uint16_t>(
-        *serving, "--port", options.port, {1, MaxPort}, "UDP port [any that is free]");
+    addPortOption(*serving, "--port", options.port, "UDP port [any that is free]");
     addCommonOptions(*serving, options.common);
 
     CLI::App* const watching = command->add_subcommand(
@@ -167,9 +162,7 @@ CLI::App* addClockCommand(CLI::App& program, ClockOptions& options)
     watching->add_option("ADDRESS", options.address, "Where it is served")
         ->type_name("")
         ->required();
-    addNumberOption<std::uint16_t>(*watching, "PORT", options.port, {1, MaxPort}, "Its UDP port")
-        ->type_name("")
-        ->required();
+    addPortOption(*watching, "PORT", options.port, "Its UDP port")->type_name("")->required();
     watching->add_flag("--json", options.json, "Print a JSON object each second");
     addDurationOption(*watching, "-d,--duration", options.duration, "End after this time");
     addTimeoutOption(
@@ -179,9 +172,13 @@ CLI::App* addClockCommand(CLI::App& program, ClockOptions& options)
     return command;
 }
 
-int runClock(const ClockOptions& options, StopSignal& stop)
+ExitCode runClock(const ClockOptions& options, StopSignal& stop)
 {
-    return options.watch ? ClockWatch(options, stop).run() : serve(options, stop);
+    if (options.watch)
+        ClockWatch(options, stop).run();
+    else
+        serve(options, stop);
+    return ExitCode::Done;
 }
 
 } // namespace vlx::tool

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "common/CommonOptions.hpp"
+#include "common/ExitCodes.hpp"
 
 namespace vlx::tool
 {
@@ -26,6 +27,6 @@ CLI::App* addClockCommand(CLI::App& program, ClockOptions& options);
 /// Serves this machine's monotonic clock, or shows how well one that is served can be followed.
 ///
 /// @return the exit code
-int runClock(const ClockOptions& options, StopSignal& stop);
+ExitCode runClock(const ClockOptions& options, StopSignal& stop);
 
 } // namespace vlx::tool

@@ -17,21 +17,17 @@ ClockProvider::ClockProvider(const std::string& address, std::uint16_t port) : m
     // One of its own: the process's shared clock could have been changed by others.
     auto* const clock = static_cast<GstClock*>(
         ::gst_object_ref_sink(::g_object_new(GST_TYPE_SYSTEM_CLOCK, nullptr)));
-    m_provider = ::gst_net_time_provider_new(clock, address.c_str(), port);
+    auto* const provider = ::gst_net_time_provider_new(clock, address.c_str(), port);
     ::gst_object_unref(clock);
-    if (m_provider == nullptr)
+    if (provider == nullptr)
         throw CommandFailure(
             ExitCode::Failed, "cannot serve a clock at " + address + " port " +
                                   std::to_string(port) +
                                   ": it needs a numeric address of this machine, and a free port");
+    m_provider.reset(provider, ::gst_object_unref);
     gint boundPort = 0;
-    ::g_object_get(m_provider, "port", &boundPort, nullptr);
+    ::g_object_get(provider, "port", &boundPort, nullptr);
     m_port = static_cast<std::uint16_t>(boundPort);
-}
-
-ClockProvider::~ClockProvider()
-{
-    ::gst_object_unref(m_provider);
 }
 
 } // namespace vlx::tool

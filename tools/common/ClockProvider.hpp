@@ -1,9 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
-
-struct _GstNetTimeProvider;
 
 namespace vlx::tool
 {
@@ -22,10 +21,6 @@ public:
     /// @param port     UDP port; 0: any that is free
     /// @throws CommandFailure if it cannot have them
     ClockProvider(const std::string& address, std::uint16_t port);
-    ~ClockProvider();
-
-    ClockProvider(const ClockProvider&) = delete;
-    ClockProvider& operator=(const ClockProvider&) = delete;
 
     /// @return UDP port that it is asked at
     std::uint16_t getPort() const
@@ -34,7 +29,7 @@ public:
     }
 
 private:
-    _GstNetTimeProvider* m_provider = nullptr;
+    std::shared_ptr<void> m_provider;
     std::uint16_t m_port;
 };
 

@@ -1,7 +1,6 @@
 #include "CommonOptions.hpp"
 
-#include <algorithm>
-#include <memory>
+#include <stdexcept>
 
 #include <CLI/CLI.hpp>
 
@@ -17,13 +16,8 @@ namespace
 // A longer one would be cut by the library, and then be another stream's name.
 constexpr std::size_t MaxNameLength = 107;
 
-constexpr std::uint64_t MaxChannels = 255;
+constexpr std::uint32_t MaxChannels = 255;
 constexpr std::uint64_t MaxPriority = 99;
-
-std::string quote(const std::string& text)
-{
-    return "\"" + text + "\"";
-}
 
 std::string listFormats()
 {
@@ -36,27 +30,50 @@ std::string listFormats()
     return list;
 }
 
-std::string readFormat(const std::string& text, kit::StreamFormat& format)
+audioUtils::PcmFormat readFormat(const std::string& text)
 {
     if (const auto known = audioUtils::toPcmFormat(text))
-    {
-        format.sampleFormat = *known;
-        return {};
-    }
+        return *known;
     if (audioUtils::isPaddedFormat(text))
-        return quote(text) + " has 24 bits in four bytes, which no stream carries; S24_3LE and "
-                             "S24_3BE are packed in three";
-    return "unknown format " + quote(text) + "; known are " + listFormats();
+        throw std::invalid_argument(
+            quote(text) + " has 24 bits in four bytes, which no stream carries; S24_3LE and "
+                          "S24_3BE are packed in three");
+    throw std::invalid_argument("unknown format " + quote(text) + "; known are " + listFormats());
 }
 
-std::string readPriority(const std::string& text, kit::RealTime& realTime)
+std::uint32_t readRate(const std::string& text)
 {
-    const auto priority = parseNumber(text);
-    if (!priority || *priority < 1 || *priority > MaxPriority)
-        return quote(text) + " is no priority from 1 to " + std::to_string(MaxPriority);
-    realTime.use = kit::RealTimeUse::Try;
-    realTime.priority = static_cast<int>(*priority);
-    return {};
+    if (const auto rate = parseRate(text))
+        return *rate;
+    throw std::invalid_argument(
+        quote(text) + " is no rate such as 44100, 44.1k or 48k, up to 2000000k");
+}
+
+std::chrono::nanoseconds readDuration(const std::string& text)
+{
+    const auto duration = parseDuration(text);
+    if (!duration)
+        throw std::invalid_argument(
+            quote(text) + " is no duration such as 10ms, 1.5s, 1m30s or 10 (seconds)");
+    if (duration->count() == 0)
+        throw std::invalid_argument(quote(text) + " is too short: longer than nothing is needed");
+    return *duration;
+}
+
+/// Has what a reader refuses said as the parser says it.
+std::function<void(const std::string&)> withName(const std::string& flags, const TextReader& read)
+{
+    return [read, name = flags.substr(flags.rfind(',') + 1)](const std::string& text)
+    {
+        try
+        {
+            read(text);
+        }
+        catch (const std::invalid_argument& refusal)
+        {
+            throw CLI::ValidationError(name, refusal.what());
+        }
+    };
 }
 
 } // unnamed namespace
@@ -65,16 +82,11 @@ CLI::Option* addTextOption(
     CLI::App& command,
     const std::string& flags,
     const std::string& typeName,
-    const std::function<std::string(const std::string&)>& read,
+    const TextReader& read,
     const std::string& help)
 {
-    const auto readOrRefuse = [read, flags](const std::string& text)
-    {
-        const std::string problem = read(text);
-        if (!problem.empty())
-            throw CLI::ValidationError(flags.substr(flags.rfind(',') + 1), problem);
-    };
-    return command.add_option_function<std::string>(flags, readOrRefuse, help)->type_name(typeName);
+    return command.add_option_function<std::string>(flags, withName(flags, read), help)
+        ->type_name(typeName);
 }
 
 void addCommonOptions(CLI::App& command, CommonOptions& options)
@@ -98,6 +110,22 @@ void addCommonOptions(CLI::App& command, CommonOptions& options)
             "--log-config", options.logConfig,
             "Log as this property file of log4cplus says, instead of -v")
         ->type_name("FILE");
+}
+
+std::string quote(const std::string& text)
+{
+    return "\"" + text + "\"";
+}
+
+std::uint64_t
+readNumber(const std::string& text, const std::pair<std::uint64_t, std::uint64_t>& range)
+{
+    const auto number = parseNumber(text);
+    if (!number || *number < range.first || *number > range.second)
+        throw std::invalid_argument(
+            quote(text) + " is no whole number from " + std::to_string(range.first) + " to " +
+            std::to_string(range.second));
+    return *number;
 }
 
 std::string checkStreamName(const std::string& name)
@@ -124,15 +152,9 @@ CLI::Option* addDurationOption(
     OptionalDuration& target,
     const std::string& help)
 {
-    const auto read = [&target](const std::string& text) -> std::string
-    {
-        target = parseDuration(text);
-        if (!target)
-            return quote(text) + " is no duration such as 10ms, 1.5s, 1m30s or 10 (seconds)";
-        return target->count() == 0 ? quote(text) + " is too short: longer than nothing is needed"
-                                    : std::string();
-    };
-    return addTextOption(command, flags, "TIME", read, help);
+    return addTextOption(
+        command, flags, "TIME", [&target](const std::string& text) { target = readDuration(text); },
+        help);
 }
 
 CLI::Option* addTimeoutOption(CLI::App& command, OptionalDuration& target, const std::string& help)
@@ -142,22 +164,19 @@ CLI::Option* addTimeoutOption(CLI::App& command, OptionalDuration& target, const
 
 void addRealTimeOption(CLI::App& command, kit::RealTime& realTime)
 {
-    const std::string name = "--realtime";
-    const std::string defaultPriority = std::to_string(realTime.priority);
+    const std::string priority = std::to_string(realTime.priority);
+    const auto read = [&realTime](const std::string& text)
+    {
+        realTime.priority = static_cast<int>(readNumber(text, {1, MaxPriority}));
+        realTime.use = kit::RealTimeUse::Try;
+    };
     // A flag takes its value behind "=" alone, never the next word.
-    const auto value = std::make_shared<std::string>();
     command
-        .add_flag(
-            name + "{" + defaultPriority + "}", *value,
-            "Move frames under real-time scheduling of this priority, 1 to 99 [" + defaultPriority +
+        .add_flag_function(
+            "--realtime{" + priority + "}", [](std::int64_t) {},
+            "Move frames under real-time scheduling of this priority, 1 to 99 [" + priority +
                 "], if this user may")
-        ->each(
-            [&realTime, name, value](const std::string& text)
-            {
-                const std::string problem = readPriority(text, realTime);
-                if (!problem.empty())
-                    throw CLI::ValidationError(name, problem);
-            })
+        ->each(withName("--realtime", read))
         ->option_text("[=PRIORITY]");
 }
 
@@ -167,60 +186,26 @@ void addReportOption(CLI::App& command, std::string& path, const std::string& he
         ->type_name("FILE");
 }
 
-CLI::Option* addNumberOption(
+CLI::Option* addPortOption(
     CLI::App& command,
     const std::string& flags,
-    std::pair<std::uint64_t, std::uint64_t> range,
-    const std::function<void(std::uint64_t)>& store,
+    std::uint16_t& port,
     const std::string& help)
 {
-    const auto read = [range, store](const std::string& text) -> std::string
-    {
-        const auto number = parseNumber(text);
-        if (!number || *number < range.first || *number > range.second)
-            return quote(text) + " is no whole number from " + std::to_string(range.first) +
-                   " to " + std::to_string(range.second);
-        store(*number);
-        return {};
-    };
-    return addTextOption(command, flags, "N", read, help);
-}
-
-CLI::Option* addChoiceOption(
-    CLI::App& command,
-    const std::string& flags,
-    const std::vector<std::string>& words,
-    const std::function<void(std::size_t)>& choose,
-    const std::string& help)
-{
-    const auto read = [words, choose](const std::string& text) -> std::string
-    {
-        const auto word = std::find(words.begin(), words.end(), text);
-        if (word == words.end())
-            return quote(text) + " is none of " + CLI::detail::join(words, ", ");
-        choose(static_cast<std::size_t>(word - words.begin()));
-        return {};
-    };
-    return addTextOption(command, flags, CLI::detail::join(words, "|"), read, help);
+    return addNumberOption(command, flags, port, {1, 65535}, help);
 }
 
 void addFormatOptions(CLI::App& command, kit::StreamFormat& format, const std::string& what)
 {
     addTextOption(
         command, "-f,--format", "FORMAT",
-        [&format](const std::string& text) { return readFormat(text, format); },
+        [&format](const std::string& text) { format.sampleFormat = readFormat(text); },
         "Sample format of " + what + ": " + listFormats() + " [S16LE]");
     addTextOption(
         command, "-r,--rate", "HZ",
-        [&format](const std::string& text)
-        {
-            const auto rate = parseRate(text);
-            format.rate = rate.value_or(format.rate);
-            return rate ? std::string()
-                        : quote(text) + " is no rate such as 44100, 44.1k or 48k, up to 2000000k";
-        },
+        [&format](const std::string& text) { format.rate = readRate(text); },
         "Samples per second of " + what + " [48k]");
-    addNumberOption<std::uint32_t>(
+    addNumberOption(
         command, "-c,--channels", format.channels, {1, MaxChannels},
         "Channels of " + what + " [2]");
 }

@@ -1,10 +1,11 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <limits>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -64,45 +65,47 @@ void addRealTimeOption(CLI::App& command, kit::RealTime& realTime);
 /// Adds "--report FILE".
 void addReportOption(CLI::App& command, std::string& path, const std::string& help);
 
+/// @return a text in the marks that set it apart within a message
+std::string quote(const std::string& text);
+
+/// Takes what an option is given; throws std::invalid_argument, which says what is wrong with it.
+using TextReader = std::function<void(const std::string& text)>;
+
 /// Adds an option whose text is read by a function.
-///
-/// @param read  returns empty, or what is wrong with the text
 CLI::Option* addTextOption(
     CLI::App& command,
     const std::string& flags,
     const std::string& typeName,
-    const std::function<std::string(const std::string&)>& read,
+    const TextReader& read,
     const std::string& help);
 
-/// The same for a whole number within a range.
-CLI::Option* addNumberOption(
-    CLI::App& command,
-    const std::string& flags,
-    std::pair<std::uint64_t, std::uint64_t> range,
-    const std::function<void(std::uint64_t)>& store,
-    const std::string& help);
+/// Reads a whole number within a range.
+///
+/// @throws std::invalid_argument
+std::uint64_t
+readNumber(const std::string& text, const std::pair<std::uint64_t, std::uint64_t>& range);
 
-/// Adds an option that takes a whole number.
+/// Adds an option that takes a whole number within a range.
 template <class Number>
 CLI::Option* addNumberOption(
     CLI::App& command,
     const std::string& flags,
     Number& target,
-    std::pair<Number, Number> range,
+    std::pair<std::type_identity_t<Number>, std::type_identity_t<Number>> range,
     const std::string& help)
 {
-    static_assert(std::is_unsigned_v<Number>);
-    return addNumberOption(
-        command, flags, std::pair<std::uint64_t, std::uint64_t>(range),
-        [&target](std::uint64_t number) { target = static_cast<Number>(number); }, help);
+    return addTextOption(
+        command, flags, "N",
+        [&target, range](const std::string& text)
+        { target = static_cast<Number>(readNumber(text, range)); },
+        help);
 }
 
-/// The same for words; the function gets the number of the one that was given.
-CLI::Option* addChoiceOption(
+/// Adds an option that takes a UDP port.
+CLI::Option* addPortOption(
     CLI::App& command,
     const std::string& flags,
-    const std::vector<std::string>& words,
-    const std::function<void(std::size_t)>& choose,
+    std::uint16_t& port,
     const std::string& help);
 
 /// Adds an option that takes one of a few words, each of which stands for an enumerator.
@@ -111,15 +114,21 @@ CLI::Option* addChoiceOption(
     CLI::App& command,
     const std::string& flags,
     Enum& target,
-    const std::vector<std::pair<std::string, Enum>>& choices,
+    const std::vector<std::pair<std::string, std::type_identity_t<Enum>>>& choices,
     const std::string& help)
 {
-    std::vector<std::string> words;
+    std::string words;
     for (const auto& choice : choices)
-        words.push_back(choice.first);
-    return addChoiceOption(
-        command, flags, words, [&target, choices](std::size_t i) { target = choices[i].second; },
-        help);
+        words += (words.empty() ? "" : "|") + choice.first;
+    const auto read = [&target, choices, words](const std::string& text)
+    {
+        const auto choice = std::find_if(
+            choices.begin(), choices.end(), [&](const auto& each) { return each.first == text; });
+        if (choice == choices.end())
+            throw std::invalid_argument(quote(text) + " is none of " + words);
+        target = choice->second;
+    };
+    return addTextOption(command, flags, words, read, help);
 }
 
 /// Adds "-f", "-r" and "-c".

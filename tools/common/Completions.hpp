@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace CLI
 {
@@ -10,10 +11,11 @@ class App;
 namespace vlx::tool
 {
 
-/// Writes what a shell needs to complete the program's command lines, from its options.
+/// Prints what can stand at the end of a command line, by the program's own options: each word on a
+/// line, its help behind a tab. Asked for by the shells' completions.
 ///
-/// @param shell  "bash", "zsh" or "fish"
-/// @return empty for any other shell
-std::string makeCompletions(const CLI::App& program, const std::string& shell);
+/// @param words  behind the program's name; the last one is about to be completed
+/// @return whether files can stand there
+bool printCompletions(const CLI::App& program, const std::vector<std::string>& words);
 
 } // namespace vlx::tool

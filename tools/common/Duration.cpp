@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <limits>
 
@@ -29,38 +30,34 @@ constexpr std::array<Unit, 7> Units = {
      {"us", 1'000},
      {"ns", 1}}};
 
-constexpr Unit Second = Units[3];
-
-const Unit* findUnit(std::string_view name)
-{
-    const auto* const unit =
-        std::find_if(Units.begin(), Units.end(), [&](const Unit& u) { return u.name == name; });
-    return unit == Units.end() ? nullptr : unit;
-}
+// Up to here, 104 days, every nanosecond is told exactly.
+constexpr double LongestNs = 1LL << std::numeric_limits<double>::digits;
 
 } // unnamed namespace
 
 std::optional<std::chrono::nanoseconds> parseDuration(std::string_view text)
 {
-    constexpr std::string_view NumberCharacters = "0123456789.";
-    std::int64_t sum = 0;
+    double sum = 0;
     std::int64_t lastUnit = std::numeric_limits<std::int64_t>::max();
-    const bool isPlain = text.find_first_not_of(NumberCharacters) == std::string_view::npos;
+    bool isFirst = true;
     do
     {
-        std::string_view name =
-            text.substr(std::min(text.find_first_not_of(NumberCharacters), text.size()));
-        name = name.substr(0, name.find_first_of(NumberCharacters));
-        const Unit* const unit = isPlain ? &Second : findUnit(name);
-        if (unit == nullptr || unit->nanoseconds >= lastUnit)
+        const auto number = takeDecimal(text);
+        std::string_view name = text.substr(0, text.find_first_of("0123456789."));
+        text.remove_prefix(name.size());
+        if (isFirst && name.empty() && text.empty())
+            name = "s";
+        const auto* const unit =
+            std::find_if(Units.begin(), Units.end(), [&](const Unit& u) { return u.name == name; });
+        if (!number || unit == Units.end() || unit->nanoseconds >= lastUnit)
             return std::nullopt;
         lastUnit = unit->nanoseconds;
-        const auto part = takeDecimal(text, unit->nanoseconds);
-        if (!part || !text.starts_with(name) || __builtin_add_overflow(sum, *part, &sum))
-            return std::nullopt;
-        text.remove_prefix(name.size());
+        sum += *number * static_cast<double>(unit->nanoseconds);
+        isFirst = false;
     } while (!text.empty());
-    return std::chrono::nanoseconds(sum);
+    if (sum > LongestNs)
+        return std::nullopt;
+    return std::chrono::nanoseconds(std::llround(sum));
 }
 
 std::string toText(std::chrono::nanoseconds duration)

@@ -28,38 +28,6 @@ namespace
 
 constexpr const char* LogPattern = "%D{%H:%M:%S.%q} %-5p [%c] %m%n";
 
-/// Keeps the text of the last event that reached it.
-class LastEventAppender : public log4cplus::Appender
-{
-public:
-    ~LastEventAppender() override
-    {
-        destructorImpl();
-    }
-
-    void close() override
-    {
-        closed = true;
-    }
-
-    std::string getText() const
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_text;
-    }
-
-protected:
-    void append(const log4cplus::spi::InternalLoggingEvent& event) override
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_text = event.getMessage();
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    std::string m_text; // guarded by m_mutex
-};
-
 // What a single -v shows of the library's DEBUG: who joins and who leaves, at either end.
 constexpr std::array<std::string_view, 5> JoinAndLeaveTexts = {
     "New client connection", "Client connection with FD", "Sidechannel connected",
@@ -72,16 +40,18 @@ bool tellsJoinOrLeave(std::string_view message)
         [&](std::string_view text) { return message.starts_with(text); });
 }
 
-/// Prints events between the tool's own messages, never into the line that shows the progress.
-class MessageAppender : public log4cplus::Appender
+/// Keeps the text of the last ERROR, and prints events between the tool's own messages, never into
+/// the line that shows the progress.
+class ToolAppender : public log4cplus::Appender
 {
 public:
-    explicit MessageAppender(bool withDebug) : m_withDebug(withDebug)
+    /// @param printed  level from which on events are printed; at INFO, who joins and leaves as well
+    explicit ToolAppender(log4cplus::LogLevel printed) : m_printed(printed)
     {
         setLayout(std::make_unique<log4cplus::PatternLayout>(LogPattern));
     }
 
-    ~MessageAppender() override
+    ~ToolAppender() override
     {
         destructorImpl();
     }
@@ -91,11 +61,22 @@ public:
         closed = true;
     }
 
+    std::string getLastError() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_lastError;
+    }
+
 protected:
     void append(const log4cplus::spi::InternalLoggingEvent& event) override
     {
-        if (!m_withDebug && event.getLogLevel() < log4cplus::INFO_LOG_LEVEL &&
-            !tellsJoinOrLeave(event.getMessage()))
+        if (event.getLogLevel() >= log4cplus::ERROR_LOG_LEVEL)
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_lastError = event.getMessage();
+        }
+        if (event.getLogLevel() < m_printed &&
+            (m_printed != log4cplus::INFO_LOG_LEVEL || !tellsJoinOrLeave(event.getMessage())))
             return;
         std::ostringstream line;
         layout->formatAndAppend(line, event);
@@ -103,24 +84,12 @@ protected:
     }
 
 private:
-    const bool m_withDebug;
+    const log4cplus::LogLevel m_printed;
+    mutable std::mutex m_mutex;
+    std::string m_lastError; // guarded by m_mutex
 };
 
-LastEventAppender* lastErrorAppender = nullptr; // owned by the root logger; set before any thread
-
-log4cplus::LogLevel toLogLevel(int verbosity)
-{
-    switch (verbosity)
-    {
-    case 0:
-        return log4cplus::ERROR_LOG_LEVEL;
-    case 1:
-    case 2:
-        return log4cplus::DEBUG_LOG_LEVEL;
-    default:
-        return log4cplus::TRACE_LOG_LEVEL;
-    }
-}
+ToolAppender* toolAppender = nullptr; // owned by the root logger; set before any thread
 
 void readConfiguration(const std::string& path)
 {
@@ -134,23 +103,25 @@ void readConfiguration(const std::string& path)
 
 void configureLogging(int verbosity, const std::string& configFile)
 {
+    constexpr log4cplus::LogLevel Levels[] = {
+        log4cplus::OFF_LOG_LEVEL, log4cplus::INFO_LOG_LEVEL, log4cplus::DEBUG_LOG_LEVEL,
+        log4cplus::TRACE_LOG_LEVEL};
+    const bool isConfigured = !configFile.empty();
+    const auto printed = Levels[isConfigured ? 0 : std::clamp(verbosity, 0, 3)];
     log4cplus::Logger root = log4cplus::Logger::getRoot();
-    if (configFile.empty())
-        root.setLogLevel(toLogLevel(verbosity));
-    else
+    if (isConfigured)
         readConfiguration(configFile);
-
-    lastErrorAppender = new LastEventAppender;
-    lastErrorAppender->setThreshold(log4cplus::ERROR_LOG_LEVEL);
-    root.addAppender(log4cplus::SharedAppenderPtr(lastErrorAppender));
-    if (verbosity > 0 && configFile.empty())
-        root.addAppender(log4cplus::SharedAppenderPtr(new MessageAppender(verbosity > 1)));
+    else // who joins and who leaves are DEBUG
+        root.setLogLevel(
+            verbosity == 0 ? log4cplus::ERROR_LOG_LEVEL
+                           : std::min(printed, log4cplus::DEBUG_LOG_LEVEL));
+    toolAppender = new ToolAppender(printed);
+    root.addAppender(log4cplus::SharedAppenderPtr(toolAppender));
 }
 
 std::string quoteLastLibraryError()
 {
-    const std::string text =
-        lastErrorAppender != nullptr ? lastErrorAppender->getText() : std::string();
+    const std::string text = toolAppender != nullptr ? toolAppender->getLastError() : std::string();
     return text.empty() ? text : " (" + text + ")";
 }
 

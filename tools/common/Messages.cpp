@@ -16,21 +16,13 @@ namespace vlx::tool
 namespace
 {
 
-struct MessageState
-{
-    std::mutex mutex;
-    // All guarded by mutex.
-    MessageStyle style;
-    bool colored = false;
-    bool live = false;
-    bool progressOnScreen = false;
-};
+// Set before any thread.
+MessageStyle style;
+bool colored = false;
+bool live = false;
 
-MessageState& getState()
-{
-    static MessageState state;
-    return state;
-}
+std::mutex mutex;
+bool progressOnScreen = false; // guarded by mutex
 
 constexpr const char* ClearLine = "\r\033[K";
 constexpr const char* Red = "\033[31m";
@@ -41,11 +33,12 @@ void writeText(const std::string& text)
     std::fwrite(text.data(), 1, text.size(), stderr);
 }
 
-// The state is locked by the caller. One write per line keeps lines of several processes apart.
-void printLine(MessageState& state, const std::string& line)
+// One write per line keeps lines of several processes apart.
+void printLine(const std::string& line)
 {
-    writeText((state.progressOnScreen ? ClearLine : "") + line);
-    state.progressOnScreen = false;
+    const std::lock_guard<std::mutex> lock(mutex);
+    writeText((progressOnScreen ? ClearLine : "") + line);
+    progressOnScreen = false;
 }
 
 // A line that wraps could not be drawn anew.
@@ -59,13 +52,11 @@ std::size_t getWidth()
 
 } // unnamed namespace
 
-void configureMessages(const MessageStyle& style)
+void configureMessages(const MessageStyle& wanted)
 {
-    MessageState& state = getState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.style = style;
-    state.live = style.progress && !style.quiet && isLiveTerminal(STDERR_FILENO);
-    state.colored = usesColor(style.color, STDERR_FILENO);
+    style = wanted;
+    live = style.progress && !style.quiet && isLiveTerminal(STDERR_FILENO);
+    colored = usesColor(style.color, STDERR_FILENO);
 }
 
 bool isLiveTerminal(int fd)
@@ -89,53 +80,43 @@ void flushOutput()
 
 void printError(const std::string& text)
 {
-    MessageState& state = getState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    const std::string line = state.style.command + ": " + text;
-    printLine(state, state.colored ? Red + line + PlainColor + "\n" : line + "\n");
+    const std::string line = style.command + ": " + text;
+    printLine(colored ? Red + line + PlainColor + "\n" : line + "\n");
 }
 
 void printNotice(const std::string& text)
 {
-    MessageState& state = getState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    if (!state.style.quiet)
-        printLine(state, state.style.command + ": " + text + "\n");
+    if (!style.quiet)
+        printLine(style.command + ": " + text + "\n");
 }
 
 void printLogLine(const std::string& line)
 {
-    MessageState& state = getState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    printLine(state, line);
+    printLine(line);
 }
 
 bool showsProgress()
 {
-    MessageState& state = getState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return state.live;
+    return live;
 }
 
 void printProgress(const std::string& text)
 {
-    MessageState& state = getState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    if (!state.live)
+    if (!live)
         return;
+    const std::lock_guard<std::mutex> lock(mutex);
     writeText(ClearLine + text.substr(0, getWidth() - 1));
-    state.progressOnScreen = true;
+    progressOnScreen = true;
 }
 
 void finishProgress(const std::string& text)
 {
     if (!text.empty())
         printProgress(text);
-    MessageState& state = getState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    if (state.progressOnScreen)
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (progressOnScreen)
         writeText("\n");
-    state.progressOnScreen = false;
+    progressOnScreen = false;
 }
 
 } // namespace vlx::tool

@@ -23,7 +23,9 @@ struct MessageStyle
 };
 
 /// Sets how messages look from here on. All of them go to standard error, one line each.
-void configureMessages(const MessageStyle& style);
+///
+/// @pre no thread runs yet that prints
+void configureMessages(const MessageStyle& wanted);
 
 /// @return whether a stream is a terminal on which a line can be drawn anew
 bool isLiveTerminal(int fd);

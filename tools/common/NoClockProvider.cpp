@@ -9,6 +9,4 @@ ClockProvider::ClockProvider(const std::string& /*address*/, std::uint16_t port)
     throw CommandFailure(ExitCode::Failed, "this vlx is built without network clocks");
 }
 
-ClockProvider::~ClockProvider() = default;
-
 } // namespace vlx::tool

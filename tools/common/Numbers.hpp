@@ -9,10 +9,8 @@ namespace vlx::tool
 
 /// Takes a decimal number, such as "1" or "44.1", off the front of a text.
 ///
-/// @param unit  what 1 stands for; digits below one of the result are cut
-/// @return the number in the unit's parts; nothing, with the text as it was or behind some digits, if
-///         there is no number or it does not fit
-std::optional<std::int64_t> takeDecimal(std::string_view& text, std::int64_t unit);
+/// @return nothing, with the text as it was, if there is none
+std::optional<double> takeDecimal(std::string_view& text);
 
 /// Reads a whole number that is not negative and nothing else.
 ///

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
+#include <filesystem>
 #include <iterator>
-#include <limits>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "StopSignal.hpp"
@@ -18,26 +18,15 @@ namespace
 {
 
 using SteadyClock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
 
 // How often a FIFO is tried that nobody reads: nothing tells when somebody does.
-constexpr auto OpenInterval = milliseconds(10);
+constexpr auto OpenInterval = std::chrono::milliseconds(10);
 
-int getPollTimeout(const Deadline& deadline)
+timespec toTimespec(std::chrono::nanoseconds duration)
 {
-    constexpr std::int64_t Longest = std::numeric_limits<int>::max();
-    if (!deadline)
-        return -1;
-    const auto rest = std::chrono::ceil<milliseconds>(*deadline - SteadyClock::now());
-    return static_cast<int>(std::clamp<std::int64_t>(rest.count(), 0, Longest));
-}
-
-bool isFifo(const char* path)
-{
-    struct stat status
-    {
-    };
-    return ::stat(path, &status) == 0 && S_ISFIFO(status.st_mode);
+    constexpr std::int64_t Second = 1'000'000'000;
+    const std::int64_t ns = std::max<std::int64_t>(duration.count(), 0);
+    return {ns / Second, ns % Second};
 }
 
 } // unnamed namespace
@@ -47,8 +36,11 @@ PollResult waitForEvents(int fd, short events, const StopSignal& stop, const Dea
     pollfd entries[] = {{stop.getFD(), POLLIN, 0}, {fd, events, 0}};
     int numReady = 0;
     do
-        numReady = ::poll(entries, std::size(entries), getPollTimeout(deadline));
-    while (numReady < 0 && errno == EINTR);
+    {
+        const timespec rest =
+            toTimespec(deadline.value_or(SteadyClock::time_point::max()) - SteadyClock::now());
+        numReady = ::ppoll(entries, std::size(entries), deadline ? &rest : nullptr, nullptr);
+    } while (numReady < 0 && errno == EINTR);
     if (entries[0].revents != 0)
         return PollResult::Stopped;
     return numReady == 0 ? PollResult::TimedOut : PollResult::Ready;
@@ -62,7 +54,8 @@ PollResult openPatiently(
     int& fd)
 {
     constexpr mode_t NewFileMode = 0666;
-    const bool fifo = isFifo(path);
+    std::error_code error;
+    const bool fifo = std::filesystem::is_fifo(path, error);
     // Without blocking a reader gets its FIFO at once; a writer only if somebody reads.
     while ((fd = ::open(path, flags | O_CLOEXEC | (fifo ? O_NONBLOCK : 0), NewFileMode)) < 0 &&
            fifo && errno == ENXIO)

@@ -21,6 +21,7 @@ enum class PollResult
 
 /// Waits until a descriptor has one of the events, an error or an end.
 ///
+/// @param fd        negative: none
 /// @param deadline  unset: never
 PollResult
 waitForEvents(int fd, short events, const StopSignal& stop, const Deadline& deadline = {});

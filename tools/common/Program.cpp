@@ -1,9 +1,10 @@
 #include "Program.hpp"
 
+#include <algorithm>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
-#include <iostream>
+#include <iterator>
 
 #include <CLI/CLI.hpp>
 
@@ -11,10 +12,8 @@
 #include "ExitCodes.hpp"
 #include "HelpFormatter.hpp"
 #include "LogSetup.hpp"
-#include "SignalThread.hpp"
 #include "StandardStreams.hpp"
 #include "StopSignal.hpp"
-#include "Suggestion.hpp"
 
 namespace vlx::tool
 {
@@ -60,9 +59,31 @@ std::vector<std::string> listLongOptions(const CLI::App& command)
     return names;
 }
 
-std::string askFor(const std::string& similar)
+/// @return letters that only one of two words has, wherever they stand: most slips of the fingers swap
+///         some, which counts nothing, or add, forget or replace a single one
+std::size_t countDifferences(std::string one, std::string other)
 {
-    return similar.empty() ? "; see --help" : "; " + similar + "?";
+    std::string letters;
+    std::sort(one.begin(), one.end());
+    std::sort(other.begin(), other.end());
+    std::set_symmetric_difference(
+        one.begin(), one.end(), other.begin(), other.end(), std::back_inserter(letters));
+    return letters.size();
+}
+
+/// @return "; ", and which of the known words a wrong one may be meant to be, or where to find them
+std::string askFor(const std::string& wrong, const std::vector<std::string>& known)
+{
+    std::string best = "see --help";
+    std::size_t fewest = 2 * std::max<std::size_t>(wrong.size() / 3, 1) + 1;
+    for (const std::string& word : known)
+    {
+        const std::size_t differences = countDifferences(wrong, word);
+        if (differences < fewest)
+            best = word + "?";
+        fewest = std::min(fewest, differences);
+    }
+    return "; " + best;
 }
 
 /// @return one line for wrong usage
@@ -70,21 +91,19 @@ std::string explainWrongUsage(const CLI::App& program, const CLI::ParseError& er
 {
     const CLI::App& command = findCommand(program);
     const auto subcommands = listSubcommands(command);
-    std::string wrong;
-    for (const std::string& word : command.remaining())
-        wrong = wrong.empty() ? word : wrong;
+    const auto words = command.remaining();
+    const std::string wrong = words.empty() ? "" : words.front();
+    const bool isTooMuch = error.get_exit_code() == toInt(CLI::ExitCodes::ExtrasError);
+    const bool isMissing = error.get_exit_code() == toInt(CLI::ExitCodes::RequiredError);
 
-    const bool isWordWrong =
-        !wrong.empty() && (error.get_exit_code() == toInt(CLI::ExitCodes::ExtrasError) ||
-                           error.get_exit_code() == toInt(CLI::ExitCodes::RequiredError));
-    if (isWordWrong && wrong.starts_with("-"))
+    if ((isTooMuch || isMissing) && wrong.starts_with("-"))
         return "no option " + wrong +
-               askFor(findSimilar(wrong.substr(0, wrong.find('=')), listLongOptions(command)));
-    if (isWordWrong && !subcommands.empty())
-        return "no subcommand " + wrong + askFor(findSimilar(wrong, subcommands));
-    if (isWordWrong && error.get_exit_code() == toInt(CLI::ExitCodes::ExtrasError))
+               askFor(wrong.substr(0, wrong.find('=')), listLongOptions(command));
+    if ((isTooMuch || isMissing) && !wrong.empty() && !subcommands.empty())
+        return "no subcommand " + wrong + askFor(wrong, subcommands);
+    if (isTooMuch)
         return "nothing more is expected behind the other words: " + wrong + "; see --help";
-    if (!subcommands.empty() && error.get_exit_code() == toInt(CLI::ExitCodes::RequiredError))
+    if (isMissing && !subcommands.empty())
         return "a subcommand is required: " + CLI::detail::join(subcommands, ", ") + "; see --help";
     return std::string(error.what()) + "; see --help";
 }
@@ -122,22 +141,17 @@ int runSubcommand(const Subcommand& subcommand, const CLI::App& command)
         configureLogging(options.quiet ? 0 : options.verbosity, options.logConfig);
         makeTempDirectoryAbsolute();
         StopSignal stop;
-        const SignalThread signalThread(stop);
         const int code = subcommand.run(stop);
         flushOutput();
-        return code;
-    }
-    catch (const CommandFailure& failure)
-    {
-        finishProgress();
-        printError(failure.what());
-        return toInt(failure.getCode());
+        const bool wasStopped = code == toInt(ExitCode::Done) && stop.isRequested();
+        return wasStopped ? toExitCode(stop.getSignalNumber()) : code;
     }
     catch (const std::exception& error)
     {
         finishProgress();
         printError(error.what());
-        return toInt(ExitCode::Failed);
+        const auto* const failure = dynamic_cast<const CommandFailure*>(&error);
+        return toInt(failure != nullptr ? failure->getCode() : ExitCode::Failed);
     }
 }
 
@@ -154,18 +168,11 @@ int runProgram(int argc, char** argv, const std::vector<Subcommand>& subcommands
     program.set_help_flag("-h,--help", "Print this help");
     program.footer(ExitCodeHelp);
     program.require_subcommand(1);
-    program
-        .add_option_function<std::string>(
-            "--completions",
-            [&program](const std::string& shell)
-            {
-                std::cout << makeCompletions(program, shell);
-                throw CLI::Success();
-            })
-        ->group(""); // hidden: asked for by the build
     std::vector<CLI::App*> parsers;
     for (const Subcommand& subcommand : subcommands)
         parsers.push_back(subcommand.add(program));
+    if (argc > 1 && argv[1] == std::string("--complete"))
+        return printCompletions(program, {argv + 2, argv + argc}) ? 1 : 0;
     try
     {
         program.parse(argc, argv);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "CommonOptions.hpp"
+#include "ExitCodes.hpp"
 
 namespace CLI
 {
@@ -22,7 +23,8 @@ struct Subcommand
 {
     /// Adds it, and returns its parser.
     std::function<CLI::App*(CLI::App& program)> add;
-    /// Carries it out with the options that were parsed, and returns the exit code.
+    /// Carries it out with the options that were parsed, and returns the exit code; 0 also if a stop
+    /// was asked for.
     std::function<int(StopSignal& stop)> run;
     const CommonOptions* common = nullptr;
 };
@@ -31,15 +33,15 @@ struct Subcommand
 ///
 /// @tparam Options  has a CommonOptions named "common"
 /// @param run       throws CommandFailure, or returns the exit code
-template <class Options>
+template <class Options, class Code>
 Subcommand makeSubcommand(
     CLI::App* (*add)(CLI::App& program, Options& options),
-    int (*run)(const Options& options, StopSignal& stop))
+    Code (*run)(const Options& options, StopSignal& stop))
 {
     const auto options = std::make_shared<Options>();
     return {
         [options, add](CLI::App& program) { return add(program, *options); },
-        [options, run](StopSignal& stop) { return run(*options, stop); }, &options->common};
+        [options, run](StopSignal& stop) { return toInt(run(*options, stop)); }, &options->common};
 }
 
 /// Reads the command line, runs the subcommand that it names, and reports how that ended.

@@ -7,14 +7,20 @@
 namespace vlx::tool
 {
 
-/// Writes a report, replacing the file as a whole, so that a reader never sees half of one.
+/// Writes a text, replacing the file as a whole, so that a reader never sees half of one.
 ///
 /// @param path  of a regular file or one to be made; anything else, such as a terminal, is written to.
 ///              "-" is standard output
-/// @return empty if it was done; otherwise one line that says what went wrong
-std::string writeReportFile(const std::string& path, const nlohmann::ordered_json& report);
+/// @throws CommandFailure if it cannot be written
+void writeTextFile(const std::string& path, const std::string& text);
 
-/// The same for any text.
-std::string writeTextFile(const std::string& path, const std::string& text);
+/// The same for a JSON document and the end of the line. Names and paths in it may be any bytes: what
+/// is no UTF-8 becomes a replacement character.
+///
+/// @param indentation  columns; -1: all on one line
+void writeJson(
+    const std::string& path,
+    const nlohmann::ordered_json& document,
+    int indentation = 2);
 
 } // namespace vlx::tool

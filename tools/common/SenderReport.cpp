@@ -1,10 +1,7 @@
 #include "SenderReport.hpp"
 
-#include <cstdio>
-
 #include <nlohmann/json.hpp>
 
-#include "Messages.hpp"
 #include "Text.hpp"
 
 namespace vlx::tool
@@ -72,13 +69,6 @@ nlohmann::ordered_json toJson(const kit::SenderProbe& probe)
     if (probe.format)
         addFormat(json, *probe.format);
     return json;
-}
-
-void printJson(const nlohmann::ordered_json& document, int indentation)
-{
-    const auto replace = nlohmann::ordered_json::error_handler_t::replace;
-    std::puts(document.dump(indentation, ' ', false, replace).c_str());
-    flushOutput();
 }
 
 } // namespace vlx::tool

@@ -32,10 +32,4 @@ void addAges(nlohmann::ordered_json& json, const kit::AgeHistogram& ages);
 /// @return what a probe has found out, for --json
 nlohmann::ordered_json toJson(const kit::SenderProbe& probe);
 
-/// Prints a JSON document and the end of the line to standard output. Bytes that are no UTF-8 are
-/// replaced.
-///
-/// @throws CommandFailure, as flushOutput()
-void printJson(const nlohmann::ordered_json& document, int indentation);
-
 } // namespace vlx::tool

@@ -1,61 +1,95 @@
 #include "StopSignal.hpp"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <system_error>
 #include <utility>
 
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include "ExitCodes.hpp"
+#include "Poll.hpp"
+
 namespace vlx::tool
 {
+
+namespace
+{
+
+sigset_t makeStopSet()
+{
+    sigset_t set;
+    ::sigemptyset(&set);
+    ::sigaddset(&set, SIGINT);
+    ::sigaddset(&set, SIGTERM);
+    ::sigaddset(&set, SIGHUP);
+    return set;
+}
+
+} // unnamed namespace
+
+void blockStopSignals()
+{
+    const sigset_t set = makeStopSet();
+    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    // Shells start background jobs with SIGINT ignored, and an ignored signal is never waited for.
+    ::signal(SIGINT, SIG_DFL);
+    ::signal(SIGTERM, SIG_DFL);
+    ::signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGXFSZ, SIG_IGN);
+}
 
 StopSignal::StopSignal() : m_eventFD(::eventfd(0, EFD_CLOEXEC))
 {
     if (m_eventFD < 0)
         throw std::system_error(errno, std::generic_category(), "eventfd");
+    m_thread = std::thread([this] { loop(); });
 }
 
 StopSignal::~StopSignal()
 {
+    m_keepRunning = false;
+    ::pthread_kill(m_thread.native_handle(), SIGTERM); // wakes it, and nobody else
+    m_thread.join();
     ::close(m_eventFD);
+}
+
+bool StopSignal::waitUntil(std::chrono::steady_clock::time_point deadline) const
+{
+    return waitForEvents(-1, 0, *this, deadline) == PollResult::Stopped;
+}
+
+void StopSignal::loop()
+{
+    sigset_t set = makeStopSet();
+    struct sigaction hangup
+    {
+    };
+    ::sigaction(SIGHUP, nullptr, &hangup);
+    if (hangup.sa_handler == SIG_IGN)
+        ::sigdelset(&set, SIGHUP);
+    int number = 0;
+    while (::sigwait(&set, &number) == 0 && m_keepRunning)
+    {
+        if (isRequested() && number == SIGINT)
+            ::_exit(toExitCode(number));
+        if (!isRequested())
+            request(number);
+    }
 }
 
 void StopSignal::request(int signalNumber)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_signalNumber != 0)
-        return;
     m_signalNumber = signalNumber;
-
     const std::uint64_t one = 1;
     // Cannot fail: the counter is far from its limit.
     [[maybe_unused]] const ssize_t written = ::write(m_eventFD, &one, sizeof(one));
-    m_condition.notify_all();
     if (m_listener)
         m_listener();
-}
-
-bool StopSignal::isRequested() const
-{
-    return m_signalNumber != 0;
-}
-
-int StopSignal::getSignalNumber() const
-{
-    return m_signalNumber;
-}
-
-bool StopSignal::waitUntil(std::chrono::steady_clock::time_point deadline) const
-{
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_condition.wait_until(lock, deadline, [this] { return isRequested(); });
-}
-
-int StopSignal::getFD() const
-{
-    return m_eventFD;
 }
 
 StopListener::StopListener(StopSignal& stop, std::function<void()> function) : m_stop(stop)

@@ -2,32 +2,46 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <thread>
 
 namespace vlx::tool
 {
 
-/// Carries the wish to stop from the signal thread to whoever waits.
+/// Blocks SIGINT, SIGTERM and SIGHUP in the calling thread and in all that it starts, so that no
+/// library call is interrupted; ignores SIGPIPE and SIGXFSZ, so that writes fail with an error
+/// instead. The first thing that main() does. The threads that log4cplus starts even earlier block
+/// every signal themselves.
+void blockStopSignals();
+
+/// Takes SIGINT, SIGTERM and SIGHUP, on a thread of its own, and carries the wish to stop to whoever
+/// waits. Only the first signal counts, but a second SIGINT ends the process at once. SIGHUP stays
+/// ignored where the parent ignores it.
+///
+/// One object per process.
 ///
 /// @thread any
 class StopSignal
 {
 public:
+    /// @pre blockStopSignals() was called before any thread was started
     StopSignal();
     ~StopSignal();
 
     StopSignal(const StopSignal&) = delete;
     StopSignal& operator=(const StopSignal&) = delete;
 
-    /// @param signalNumber  of the signal that asks for the stop; only the first call counts
-    void request(int signalNumber);
-
-    bool isRequested() const;
+    bool isRequested() const
+    {
+        return m_signalNumber != 0;
+    }
 
     /// @return number of the signal that asked for the stop; 0 if none did
-    int getSignalNumber() const;
+    int getSignalNumber() const
+    {
+        return m_signalNumber;
+    }
 
     /// Sleeps until a point of CLOCK_MONOTONIC, or until a stop is asked for.
     ///
@@ -36,23 +50,29 @@ public:
 
     /// @return a descriptor for poll() that becomes readable when a stop is asked for and stays so;
     ///         never read from it
-    int getFD() const;
+    int getFD() const
+    {
+        return m_eventFD;
+    }
 
 private:
     friend class StopListener;
 
+    void loop();
+    void request(int signalNumber);
+
     int m_eventFD;
     std::atomic<int> m_signalNumber = 0;
-    mutable std::mutex m_mutex;
-    mutable std::condition_variable m_condition;
+    std::atomic<bool> m_keepRunning = true;
+    std::mutex m_mutex;
     std::function<void()> m_listener; // guarded by m_mutex
+    std::thread m_thread;             // last: it uses all of the above
 };
 
 /// Has a function called, once at most, when a stop is asked for; at once if that has happened
 /// already. One listener at a time.
 ///
-/// The function runs on the signal thread, or inside the constructor. It must not use the stop
-/// signal's waits.
+/// The function runs on the stop signal's thread, or inside the constructor.
 ///
 /// @life the function is not running and will not be called any more once the listener is destroyed
 class StopListener

@@ -9,6 +9,7 @@
 #include <vlxkit/Discovery.hpp>
 
 #include "common/ExitCodes.hpp"
+#include "common/ReportFile.hpp"
 #include "common/SenderReport.hpp"
 #include "common/StopSignal.hpp"
 #include "common/Text.hpp"
@@ -85,7 +86,7 @@ CLI::App* addInfoCommand(CLI::App& program, InfoOptions& options)
     return command;
 }
 
-int runInfo(const InfoOptions& options, StopSignal& stop)
+ExitCode runInfo(const InfoOptions& options, StopSignal& stop)
 {
     // Nothing else ends the question, and there is nothing to clear up.
     const StopListener listener(stop, [&stop] { std::_Exit(toExitCode(stop.getSignalNumber())); });
@@ -94,13 +95,13 @@ int runInfo(const InfoOptions& options, StopSignal& stop)
     {
         nlohmann::ordered_json json = {{"name", options.name}};
         json.update(toJson(answer));
-        printJson(json, 2);
+        writeJson("-", json);
     }
     else
     {
         printText(options, answer);
     }
-    return toInt(ExitCode::Done);
+    return ExitCode::Done;
 }
 
 } // namespace vlx::tool

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "common/CommonOptions.hpp"
+#include "common/ExitCodes.hpp"
 
 namespace vlx::tool
 {
@@ -22,6 +23,6 @@ CLI::App* addInfoCommand(CLI::App& program, InfoOptions& options);
 /// Prints what one sender tells its receivers.
 ///
 /// @return the exit code
-int runInfo(const InfoOptions& options, StopSignal& stop);
+ExitCode runInfo(const InfoOptions& options, StopSignal& stop);
 
 } // namespace vlx::tool

@@ -13,6 +13,7 @@
 
 #include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
+#include "common/ReportFile.hpp"
 #include "common/SenderReport.hpp"
 #include "common/StopSignal.hpp"
 #include "common/Text.hpp"
@@ -85,7 +86,7 @@ nlohmann::ordered_json makeObject(const Found& found)
     return json;
 }
 
-int clean()
+ExitCode clean()
 {
     bool done = true;
     for (const kit::DeadDirectory& directory : kit::removeDeadDirectories())
@@ -96,7 +97,7 @@ int clean()
             printError(toPrintable(directory.path) + ": " + directory.problem);
         done = done && directory.problem.empty();
     }
-    return toInt(done ? ExitCode::Done : ExitCode::Failed);
+    return done ? ExitCode::Done : ExitCode::Failed;
 }
 
 void tellHidden(const std::vector<pid_t>& processes)
@@ -122,7 +123,7 @@ CLI::App* addListCommand(CLI::App& program, ListOptions& options)
     return command;
 }
 
-int runList(const ListOptions& options, StopSignal& stop)
+ExitCode runList(const ListOptions& options, StopSignal& stop)
 {
     if (options.clean)
         return clean();
@@ -133,13 +134,13 @@ int runList(const ListOptions& options, StopSignal& stop)
     {
         senders.push_back({entry, kit::probeSender(entry.name, AnswerTimeout)});
         if (stop.isRequested())
-            return toExitCode(stop.getSignalNumber());
+            return ExitCode::Done;
     }
     if (options.json)
     {
         nlohmann::ordered_json array = nlohmann::ordered_json::array();
         std::transform(senders.begin(), senders.end(), std::back_inserter(array), makeObject);
-        printJson(array, 2);
+        writeJson("-", array);
     }
     else if (!senders.empty())
     {
@@ -150,7 +151,7 @@ int runList(const ListOptions& options, StopSignal& stop)
         printNotice("no sender on this machine");
     }
     tellHidden(list.hidden);
-    return toInt(ExitCode::Done);
+    return ExitCode::Done;
 }
 
 } // namespace vlx::tool

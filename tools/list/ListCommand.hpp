@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/CommonOptions.hpp"
+#include "common/ExitCodes.hpp"
 
 namespace vlx::tool
 {
@@ -19,6 +20,6 @@ CLI::App* addListCommand(CLI::App& program, ListOptions& options);
 /// Prints the senders of this machine, or removes what dead ones have left.
 ///
 /// @return the exit code
-int runList(const ListOptions& options, StopSignal& stop);
+ExitCode runList(const ListOptions& options, StopSignal& stop);
 
 } // namespace vlx::tool

@@ -16,7 +16,6 @@
 #include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
 #include "common/ReportFile.hpp"
-#include "common/SenderReport.hpp"
 #include "common/StopSignal.hpp"
 
 namespace vlx::tool
@@ -100,18 +99,11 @@ void printLines(const Snapshots& snapshots, bool json)
     for (const StreamSnapshot& snapshot : snapshots)
     {
         if (json)
-            printJson(renderJson(snapshot), -1);
+            writeJson("-", renderJson(snapshot), -1);
         else
             std::puts(renderLine(snapshot).c_str());
     }
     flushOutput();
-}
-
-void writeMetrics(const std::string& path, const Snapshots& snapshots)
-{
-    const std::string problem = writeTextFile(path, renderMetrics(snapshots));
-    if (!problem.empty())
-        throw CommandFailure(ExitCode::Failed, problem);
 }
 
 bool hasFrames(const Snapshots& snapshots)
@@ -121,8 +113,7 @@ bool hasFrames(const Snapshots& snapshots)
         [](const StreamSnapshot& snapshot) { return snapshot.total.frames > 0; });
 }
 
-/// @return whether a stop was asked for, rather than the duration being over
-bool watch(const MonitorOptions& options, const Meters& meters, bool onScreen, StopSignal& stop)
+void watch(const MonitorOptions& options, const Meters& meters, bool onScreen, StopSignal& stop)
 {
     const auto begin = SteadyClock::now();
     const auto end = options.duration ? begin + *options.duration : SteadyClock::time_point::max();
@@ -135,15 +126,15 @@ bool watch(const MonitorOptions& options, const Meters& meters, bool onScreen, S
         const Snapshots snapshots = takeSnapshots(meters);
         if (onScreen)
             screen.draw(snapshots);
-        else
+        else if (options.metrics != "-")
             printLines(snapshots, options.json);
         if (!options.metrics.empty() && SteadyClock::now() >= metricsDue)
         {
-            writeMetrics(options.metrics, snapshots);
+            writeTextFile(options.metrics, renderMetrics(snapshots));
             metricsDue += MetricsInterval;
         }
         if (stopped || SteadyClock::now() >= end)
-            return stopped;
+            return;
         if (options.timeout && !hasFrames(snapshots) &&
             SteadyClock::now() - begin >= *options.timeout)
             throw CommandFailure(ExitCode::TimedOut, "no frame within " + toText(*options.timeout));
@@ -164,7 +155,8 @@ CLI::App* addMonitorCommand(CLI::App& program, MonitorOptions& options)
     command
         ->add_option(
             "--metrics", options.metrics,
-            "Write the counts to this file every second, as OpenMetrics text")
+            "Write the counts to this file every second, as OpenMetrics text; - for standard "
+            "output, in place of the lines")
         ->type_name("FILE");
     addDurationOption(*command, "-d,--duration", options.duration, "End after this time");
     addTimeoutOption(*command, options.timeout, "Give up with exit code 3 without a frame by then");
@@ -173,10 +165,10 @@ CLI::App* addMonitorCommand(CLI::App& program, MonitorOptions& options)
     return command;
 }
 
-int runMonitor(const MonitorOptions& options, StopSignal& stop)
+ExitCode runMonitor(const MonitorOptions& options, StopSignal& stop)
 {
     // On a screen the picture itself shows what happens.
-    const bool onScreen = !options.json && isLiveTerminal(STDOUT_FILENO);
+    const bool onScreen = !options.json && options.metrics != "-" && isLiveTerminal(STDOUT_FILENO);
     Meters meters;
     for (const std::string& name : options.names)
     {
@@ -189,10 +181,10 @@ int runMonitor(const MonitorOptions& options, StopSignal& stop)
             }));
         meters.back()->start();
     }
-    const bool stopped = watch(options, meters, onScreen, stop);
+    watch(options, meters, onScreen, stop);
     for (const auto& meter : meters)
         meter->stop();
-    return stopped ? toExitCode(stop.getSignalNumber()) : toInt(ExitCode::Done);
+    return ExitCode::Done;
 }
 
 } // namespace vlx::tool

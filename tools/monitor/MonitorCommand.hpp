@@ -6,6 +6,7 @@
 #include <vlxkit/RealTime.hpp>
 
 #include "common/CommonOptions.hpp"
+#include "common/ExitCodes.hpp"
 
 namespace vlx::tool
 {
@@ -28,6 +29,6 @@ CLI::App* addMonitorCommand(CLI::App& program, MonitorOptions& options);
 /// Shows streams live until it is stopped.
 ///
 /// @return the exit code
-int runMonitor(const MonitorOptions& options, StopSignal& stop);
+ExitCode runMonitor(const MonitorOptions& options, StopSignal& stop);
 
 } // namespace vlx::tool

@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
+#include <iomanip>
+#include <limits>
 #include <optional>
+#include <sstream>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -94,72 +97,40 @@ std::string renderBar(const ChannelLevel& level, std::size_t length, bool colore
     return colored ? getBarColor(toDecibels(level.heldPeak)) + bar + Plain : bar;
 }
 
-/// One family of metrics, a sample for each stream.
+/// A sample of one stream, and what its family is.
 struct Metric
 {
     const char* name;
-    const char* type;
     const char* help;
-    std::function<std::optional<double>(const kit::ConsumerStatistics&)> get;
+    std::optional<double> value;
+    bool isCounter = false;
 };
 
-double toSeconds(std::int64_t nanoseconds)
+std::vector<Metric> listMetrics(const kit::ConsumerStatistics& total)
 {
-    return static_cast<double>(nanoseconds) / 1e9;
-}
-
-std::function<std::optional<double>(const kit::ConsumerStatistics&)> makeAgeGetter(double fraction)
-{
-    return [fraction](const kit::ConsumerStatistics& statistics) -> std::optional<double>
+    constexpr bool IsCounter = true;
+    const auto toDouble = [](std::uint64_t count) { return static_cast<double>(count); };
+    const auto getAge = [&](double fraction)
     {
-        const auto age = statistics.ages.getPercentile(fraction);
-        return age ? std::optional<double>(toSeconds(*age)) : std::nullopt;
+        const auto age = total.ages.getPercentile(fraction);
+        return age ? std::optional(static_cast<double>(*age) / 1e9) : std::nullopt;
     };
-}
-
-template <class Member>
-std::function<std::optional<double>(const kit::ConsumerStatistics&)> makeGetter(Member member)
-{
-    return [member](const kit::ConsumerStatistics& statistics)
-    { return std::optional<double>(static_cast<double>(statistics.*member)); };
-}
-
-const std::vector<Metric>& getMetrics()
-{
-    using Statistics = kit::ConsumerStatistics;
-    static const std::vector<Metric> metrics = {
-        {"vlx_up", "gauge", "Whether the stream is joined",
-         [](const Statistics& s) { return s.state == Receiver::State::Running ? 1.0 : 0.0; }},
-        {"vlx_frames", "counter", "Frames received", makeGetter(&Statistics::frames)},
-        {"vlx_bytes", "counter", "Bytes of media received", makeGetter(&Statistics::bytes)},
-        {"vlx_gaps", "counter", "Gaps between frames", makeGetter(&Statistics::gaps)},
-        {"vlx_gap_seconds", "counter", "Length of all gaps",
-         [](const Statistics& s) { return static_cast<double>(s.gapNs) / 1e9; }},
-        {"vlx_sequences", "counter", "Sequences announced", makeGetter(&Statistics::sequences)},
-        {"vlx_reconnects", "counter", "Connections after the first",
-         makeGetter(&Statistics::reconnects)},
-        {"vlx_stalls", "counter", "Connections given up without frames",
-         makeGetter(&Statistics::stalls)},
-        {"vlx_age_median_seconds", "gauge", "Median age of frames on arrival", makeAgeGetter(0.5)},
-        {"vlx_age_p99_seconds", "gauge", "99th percentile of the age of frames on arrival",
-         makeAgeGetter(0.99)},
-        {"vlx_clock_synchronized", "gauge", "Whether the stream's clock can be told",
-         [](const Statistics& s) { return s.clockSynchronized ? 1.0 : 0.0; }},
-        {"vlx_clock_offset_seconds", "gauge", "The stream's clock less the monotonic clock",
-         [](const Statistics& s) { return toSeconds(s.clockOffsetNs); }}};
-    return metrics;
-}
-
-std::string quoteLabel(const std::string& text)
-{
-    std::string quoted;
-    for (const char character : toPrintable(text))
-    {
-        if (character == '"' || character == '\\')
-            quoted += '\\';
-        quoted += character;
-    }
-    return '"' + quoted + '"';
+    return {
+        {"vlx_up", "Whether the stream is joined",
+         total.state == Receiver::State::Running ? 1.0 : 0.0},
+        {"vlx_frames", "Frames received", toDouble(total.frames), IsCounter},
+        {"vlx_bytes", "Bytes of media received", toDouble(total.bytes), IsCounter},
+        {"vlx_gaps", "Gaps between frames", toDouble(total.gaps), IsCounter},
+        {"vlx_gap_seconds", "Length of all gaps", toDouble(total.gapNs) / 1e9, IsCounter},
+        {"vlx_sequences", "Sequences announced", toDouble(total.sequences), IsCounter},
+        {"vlx_reconnects", "Connections after the first", toDouble(total.reconnects), IsCounter},
+        {"vlx_stalls", "Connections given up without frames", toDouble(total.stalls), IsCounter},
+        {"vlx_age_median_seconds", "Median age of frames on arrival", getAge(0.5)},
+        {"vlx_age_p99_seconds", "99th percentile of the age of frames on arrival", getAge(0.99)},
+        {"vlx_clock_synchronized", "Whether the stream's clock can be told",
+         total.clockSynchronized ? 1.0 : 0.0},
+        {"vlx_clock_offset_seconds", "The stream's clock less the monotonic clock",
+         static_cast<double>(total.clockOffsetNs) / 1e9}};
 }
 
 } // unnamed namespace
@@ -167,15 +138,14 @@ std::string quoteLabel(const std::string& text)
 std::string renderLine(const StreamSnapshot& snapshot)
 {
     const kit::ConsumerStatistics& total = snapshot.total;
-    std::string line =
-        toPrintable(snapshot.name) + ": " + snapshot.state + ", " + describeStreamFormat(total) +
-        ", " + describeRate(snapshot) + ", age " + describeAges(snapshot.ages) +
-        formatText(
-            ", gaps %llu, reconnects %llu, clock %s", static_cast<unsigned long long>(total.gaps),
-            static_cast<unsigned long long>(total.reconnects), describeClockState(total).c_str());
-    for (std::size_t i = 0; i < snapshot.levels.size(); ++i)
-        line +=
-            (i == 0 ? ", peak " : "/") + formatText("%.1f", toDecibels(snapshot.levels[i].peak));
+    std::string line = toPrintable(snapshot.name) + ": " + snapshot.state + ", " +
+                       describeStreamFormat(total) + ", " + describeRate(snapshot) + ", age " +
+                       describeAges(snapshot.ages) + ", gaps " + std::to_string(total.gaps) +
+                       ", reconnects " + std::to_string(total.reconnects) + ", clock " +
+                       describeClockState(total);
+    const char* separator = ", peak ";
+    for (const ChannelLevel& level : snapshot.levels)
+        line += std::exchange(separator, "/") + formatText("%.1f", toDecibels(level.peak));
     return snapshot.levels.empty() ? line : line + " dBFS";
 }
 
@@ -218,13 +188,11 @@ renderScreen(const StreamSnapshot& snapshot, std::size_t width, bool colored)
     const kit::ConsumerStatistics& total = snapshot.total;
     std::vector<std::string> lines = {
         toPrintable(snapshot.name) + "  " + snapshot.state + "  " + describeStreamFormat(total) +
-            formatText("  sequences %llu", static_cast<unsigned long long>(total.sequences)),
+            "  sequences " + std::to_string(total.sequences),
         "  " + describeRate(snapshot) + "  age p50/p99/max " + describeAges(snapshot.ages),
-        formatText(
-            "  gaps %llu (%.1f ms)  reconnects %llu  stalls %llu",
-            static_cast<unsigned long long>(total.gaps), static_cast<double>(total.gapNs) / 1e6,
-            static_cast<unsigned long long>(total.reconnects),
-            static_cast<unsigned long long>(total.stalls)),
+        "  gaps " + std::to_string(total.gaps) +
+            formatText(" (%.1f ms)", static_cast<double>(total.gapNs) / 1e6) + "  reconnects " +
+            std::to_string(total.reconnects) + "  stalls " + std::to_string(total.stalls),
         "  clock " + describeClockState(total)};
     if (total.state != Receiver::State::Running && !snapshot.notice.empty())
         lines.push_back("  " + toPrintable(snapshot.notice));
@@ -249,21 +217,24 @@ renderScreen(const StreamSnapshot& snapshot, std::size_t width, bool colored)
 
 std::string renderMetrics(const std::vector<StreamSnapshot>& snapshots)
 {
-    std::string text;
-    for (const Metric& metric : getMetrics())
+    std::ostringstream text;
+    text.precision(std::numeric_limits<double>::max_digits10);
+    const auto families = listMetrics({});
+    for (std::size_t i = 0; i < families.size(); ++i)
     {
-        const std::string name = metric.name;
-        const std::string type = metric.type;
-        text += "# TYPE " + name + " " + type + "\n# HELP " + name + " " + metric.help + "\n";
+        const Metric& family = families[i];
+        text << "# TYPE " << family.name << (family.isCounter ? " counter" : " gauge")
+             << "\n# HELP " << family.name << " " << family.help << "\n";
         for (const StreamSnapshot& snapshot : snapshots)
         {
-            if (const auto value = metric.get(snapshot.total))
-                text += name + (type == "counter" ? "_total" : "") +
-                        "{stream=" + quoteLabel(snapshot.name) + "} " +
-                        formatText("%.17g", *value) + "\n";
+            if (const auto value = listMetrics(snapshot.total)[i].value)
+                text << family.name << (family.isCounter ? "_total" : "")
+                     << "{stream=" << std::quoted(toPrintable(snapshot.name)) << "} " << *value
+                     << "\n";
         }
     }
-    return text + "# EOF\n";
+    text << "# EOF\n";
+    return text.str();
 }
 
 } // namespace vlx::tool

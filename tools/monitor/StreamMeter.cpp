@@ -72,23 +72,12 @@ void StreamMeter::handleFrame(const kit::Frame& frame)
 
 void StreamMeter::handleEvent(const kit::ConsumerEvent& event)
 {
+    const bool isObstacle = event.kind != kit::ConsumerEvent::Kind::Joined &&
+                            event.kind != kit::ConsumerEvent::Kind::Lost;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_notice = event.text;
-        switch (event.kind)
-        {
-        case kit::ConsumerEvent::Kind::Joined:
-        case kit::ConsumerEvent::Kind::Lost:
-            m_obstacle.clear();
-            break;
-        case kit::ConsumerEvent::Kind::Stalled:
-        case kit::ConsumerEvent::Kind::CannotPlay:
-        case kit::ConsumerEvent::Kind::NotPermitted:
-        case kit::ConsumerEvent::Kind::Stranger:
-        case kit::ConsumerEvent::Kind::Failed:
-            m_obstacle = toString(event.kind);
-            break;
-        }
+        m_obstacle = isObstacle ? toString(event.kind) : "";
     }
     m_onEvent(toPrintable(m_name + ": " + event.text));
 }
@@ -148,9 +137,7 @@ std::vector<ChannelLevel> StreamMeter::takeLevels(SteadyClock::time_point now)
             levels.push_back(
                 {channel.peak, std::sqrt(channel.squares / static_cast<double>(channel.samples)),
                  channel.heldPeak});
-        channel.peak = 0;
-        channel.squares = 0;
-        channel.samples = 0;
+        channel = {.heldPeak = channel.heldPeak, .heldSince = channel.heldSince};
     }
     return levels;
 }

@@ -229,11 +229,8 @@ nlohmann::ordered_json makeReport(const ReceiveOptions& options)
 
 void writeReport(const ReceiveOptions& options, const nlohmann::ordered_json& report)
 {
-    if (options.report.empty())
-        return;
-    const std::string problem = writeReportFile(options.report, report);
-    if (!problem.empty())
-        throw CommandFailure(ExitCode::Failed, problem);
+    if (!options.report.empty())
+        writeJson(options.report, report);
 }
 
 void ReceiveControl::finish()

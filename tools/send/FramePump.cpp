@@ -6,6 +6,7 @@
 #include <vlxkit/Producer.hpp>
 
 #include "Playlist.hpp"
+#include "SendOptions.hpp"
 #include "StreamClock.hpp"
 #include "audio/PcmCodec.hpp"
 #include "common/Duration.hpp"
@@ -59,22 +60,21 @@ FramePump::FramePump(
     StreamClock& clock,
     const StopSignal& stop,
     SendReport& report,
-    std::function<void()> onRunBegins)
+    const SendOptions& options)
     : m_producer(producer),
       m_payloader(payloader),
       m_input(input),
       m_clock(clock),
       m_stop(stop),
       m_report(report),
-      m_onRunBegins(std::move(onRunBegins))
+      m_options(options)
 {
 }
 
-void FramePump::run(const PumpSettings& settings)
+void FramePump::run()
 {
-    m_settings = settings;
     takeFormat();
-    if (!waitForReceivers(m_settings.waitReceivers))
+    if (!waitForReceivers(m_options.waitReceivers))
         return;
     while (!m_stop.isRequested())
     {
@@ -83,7 +83,7 @@ void FramePump::run(const PumpSettings& settings)
             return;
         if (numSamples == 0)
             continue;
-        if (m_settings.waitAlways && !waitForReceivers(1))
+        if (m_options.protocol == NanomsgProtocol::Pipeline && !waitForReceivers(1))
             return;
         announce();
         if (!waitUntilDue() || !sendFrame(numSamples))
@@ -101,9 +101,9 @@ bool FramePump::waitForReceivers(std::size_t count)
         const auto now = SteadyClock::now();
         const std::string joined =
             std::to_string(m_numReceivers) + " of " + std::to_string(count) + " receivers";
-        if (m_settings.timeout && now - start >= *m_settings.timeout)
+        if (m_options.timeout && now - start >= *m_options.timeout)
             throw CommandFailure(
-                ExitCode::TimedOut, joined + " joined within " + toText(*m_settings.timeout));
+                ExitCode::TimedOut, joined + " joined within " + toText(*m_options.timeout));
         printProgress("waiting: " + joined);
         if (m_stop.waitUntil(now + ReceiverCheckInterval))
             return false;
@@ -115,9 +115,9 @@ void FramePump::takeFormat()
 {
     m_format = m_input.getFormat();
     m_samplesOfFormat = 0;
-    m_samplesPerFrame = std::max<std::uint64_t>(m_format.toSamples(toNs(m_settings.frame)), 1);
-    if (m_settings.duration)
-        m_samplesLeft = m_format.toSamples(toNs(*m_settings.duration) - m_nsOfFormerFormats);
+    m_samplesPerFrame = std::max<std::uint64_t>(m_format.toSamples(toNs(*m_options.frame)), 1);
+    if (m_options.duration)
+        m_samplesLeft = m_format.toSamples(toNs(*m_options.duration) - m_nsOfFormerFormats);
 }
 
 /// Goes on with the next format, in a new sequence, its timestamps where the last ones ended.
@@ -198,8 +198,8 @@ void FramePump::beginRun(TimeValue timestamp)
     m_runSamples = 0;
     m_slope = 0;
     m_lastSlope = SteadyClock::now();
-    m_report.runs.push_back({m_report.samples, timestamp + toNs(m_settings.latency), m_format});
-    m_onRunBegins();
+    m_report.runs.push_back({m_report.samples, timestamp + toNs(*m_options.latency), m_format});
+    m_report.write(m_options.report);
 }
 
 void FramePump::announce()
@@ -208,14 +208,14 @@ void FramePump::announce()
         return;
     m_announceTime.reset();
     m_producer.setFormat(m_payloader);
-    m_earliest = SteadyClock::now() + m_settings.frame / 2;
+    m_earliest = SteadyClock::now() + *m_options.frame / 2;
 }
 
 bool FramePump::sendFrame(std::size_t numSamples)
 {
     const TimeValue begin = getTimestamp();
     const TimeValue duration = getTimestamp(numSamples) - begin;
-    if (!m_producer.send(begin + toNs(m_settings.latency), duration, m_frame))
+    if (!m_producer.send(begin + toNs(*m_options.latency), duration, m_frame))
         return false;
     m_earliest = SteadyClock::now() + nanoseconds(duration / 2);
     ++m_report.frames;
@@ -248,8 +248,8 @@ std::string FramePump::describeProgress() const
                : m_nsOfFormerFormats + m_format.toNanoseconds(m_samplesOfFormat));
     if (isFile)
         text += " of " + toClockText(m_format.toNanoseconds(*length));
-    else if (m_settings.duration)
-        text += " of " + toClockText(toNs(*m_settings.duration));
+    else if (m_options.duration)
+        text += " of " + toClockText(toNs(*m_options.duration));
 
     return text + formatText(
                       "  %llu frames  receivers: %zu  peak: %.1f dBFS",

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 
@@ -11,7 +10,6 @@
 #include <vlxkit/StreamFormat.hpp>
 
 #include "SendReport.hpp"
-#include "common/CommonOptions.hpp"
 
 namespace vlx::kit
 {
@@ -24,16 +22,7 @@ namespace vlx::tool
 class Playlist;
 class StopSignal;
 class StreamClock;
-
-struct PumpSettings
-{
-    std::chrono::nanoseconds frame{};
-    OptionalDuration duration;
-    std::chrono::nanoseconds latency{}; ///< added to every timestamp
-    std::size_t waitReceivers = 0;      ///< before the first frame
-    bool waitAlways = false;            ///< for one receiver before every frame
-    OptionalDuration timeout;           ///< of each wait for receivers
-};
+struct SendOptions;
 
 /// Sends an input frame by frame at its own pace.
 ///
@@ -50,9 +39,9 @@ struct PumpSettings
 class FramePump
 {
 public:
-    /// @param producer     open with the payloader
-    /// @param report       counts frames and samples, and gets the runs
-    /// @param onRunBegins  called when a run was added to the report, before its first frame
+    /// @param producer  open with the payloader
+    /// @param report    counts frames and samples, and gets the runs; it is written at the beginning
+    ///                  of each, before its first frame
     FramePump(
         kit::Producer& producer,
         PcmPayloader& payloader,
@@ -60,12 +49,12 @@ public:
         StreamClock& clock,
         const StopSignal& stop,
         SendReport& report,
-        std::function<void()> onRunBegins);
+        const SendOptions& options);
 
     /// Sends until the end of the input, the limit or a stop.
     ///
     /// @throws CommandFailure if too few receivers came in time
-    void run(const PumpSettings& settings);
+    void run();
 
     /// @return one line about how far it has come
     std::string describeProgress() const;
@@ -93,8 +82,7 @@ private:
     StreamClock& m_clock;
     const StopSignal& m_stop;
     SendReport& m_report;
-    const std::function<void()> m_onRunBegins;
-    PumpSettings m_settings;
+    const SendOptions& m_options;
 
     kit::StreamFormat m_format;
     std::size_t m_samplesPerFrame = 0;

@@ -22,8 +22,6 @@ namespace vlx::tool
 namespace
 {
 
-constexpr auto DefaultFrame = std::chrono::milliseconds(10);
-
 Playlist openPlaylist(const SendOptions& options, const StopSignal& stop)
 {
     if ((options.toneHz ? 1 : 0) + (options.silence ? 1 : 0) + (options.inputs.empty() ? 0 : 1) !=
@@ -36,33 +34,6 @@ Playlist openPlaylist(const SendOptions& options, const StopSignal& stop)
     if (options.timeout)
         deadline = std::chrono::steady_clock::now() + *options.timeout;
     return {options.inputs, options.input, options.loop, stop, deadline};
-}
-
-kit::ProducerOptions makeProducerOptions(const SendOptions& options, const StreamClock& clock)
-{
-    kit::ProducerOptions result;
-    result.name = options.name;
-    result.alternativeName = options.alternativeName;
-    result.protocol = options.protocol;
-    result.clock = clock.getProtocol();
-    result.clockAddress = clock.getAddress();
-    result.clockPort = clock.getPort();
-    result.socketMode = options.socketMode;
-    result.realTime = options.realTime;
-    result.onNotice = printNotice;
-    return result;
-}
-
-PumpSettings makePumpSettings(const SendOptions& options)
-{
-    PumpSettings settings;
-    settings.frame = options.frame.value_or(DefaultFrame);
-    settings.duration = options.duration;
-    settings.latency = options.latency.value_or(std::chrono::nanoseconds::zero());
-    settings.waitAlways = options.protocol == NanomsgProtocol::Pipeline;
-    settings.waitReceivers = options.waitReceivers;
-    settings.timeout = options.timeout;
-    return settings;
 }
 
 SendReport makeReport(const SendOptions& options, const Playlist& input, const StreamClock& clock)
@@ -106,7 +77,16 @@ void sendInput(
     const kit::StreamFormat& format = input.getFormat();
     PcmPayloader payloader;
     payloader.setNewFormat(format.rate, format.channels, format.sampleFormat);
-    kit::Producer producer(makeProducerOptions(options, clock));
+    kit::Producer producer(
+        {.name = options.name,
+         .alternativeName = options.alternativeName,
+         .protocol = options.protocol,
+         .clock = clock.getProtocol(),
+         .clockAddress = clock.getAddress(),
+         .clockPort = clock.getPort(),
+         .socketMode = options.socketMode,
+         .realTime = options.realTime,
+         .onNotice = printNotice});
     // Frees a pipeline send that waits for its receiver.
     const StopListener freeSends(stop, [&producer] { producer.stop(); });
     if (!openProducer(producer, payloader, options, stop))
@@ -114,42 +94,33 @@ void sendInput(
     report.name = producer.getName();
 
     const kit::RealTimeScope realTime(options.realTime);
-    FramePump pump(
-        producer, payloader, input, clock, stop, report, [&] { report.write(options.report); });
-    pump.run(makePumpSettings(options));
+    FramePump pump(producer, payloader, input, clock, stop, report, options);
+    pump.run();
     finishProgress(report.frames > 0 ? pump.describeProgress() : std::string());
     producer.close();
 }
 
-int getExitCode(const Playlist& input, const StopSignal& stop)
-{
-    if (stop.isRequested())
-        return toExitCode(stop.getSignalNumber());
-    const std::string problem = input.getProblem();
-    if (problem.empty())
-        return toInt(ExitCode::Done);
-    printError(problem);
-    return toInt(ExitCode::Failed);
-}
-
 } // unnamed namespace
 
-int runSend(const SendOptions& options, StopSignal& stop)
+ExitCode runSend(const SendOptions& options, StopSignal& stop)
 {
     Playlist input = openPlaylist(options, stop);
     if (!input.isOpen())
-        return toExitCode(stop.getSignalNumber());
+        return ExitCode::Done;
     StreamClock clock(
         options.clock.value_or(ClockChoice::System), options.clockAddress, options.clockPort);
     if (!clock.waitUntilReady(options.timeout, stop))
-        return toExitCode(stop.getSignalNumber());
+        return ExitCode::Done;
 
     SendReport report = makeReport(options, input, clock);
     report.write(options.report);
     sendInput(input, options, clock, stop, report);
-    report.finished = !stop.isRequested() && input.getProblem().empty();
+    const std::string problem = input.getProblem();
+    report.finished = !stop.isRequested() && problem.empty();
     report.write(options.report, true);
-    return getExitCode(input, stop);
+    if (!stop.isRequested() && !problem.empty())
+        throw CommandFailure(ExitCode::Failed, problem);
+    return ExitCode::Done;
 }
 
 } // namespace vlx::tool

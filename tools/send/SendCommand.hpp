@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/ExitCodes.hpp"
+
 namespace vlx::tool
 {
 
@@ -10,6 +12,6 @@ class StopSignal;
 ///
 /// @return the exit code
 /// @throws CommandFailure
-int runSend(const SendOptions& options, StopSignal& stop);
+ExitCode runSend(const SendOptions& options, StopSignal& stop);
 
 } // namespace vlx::tool

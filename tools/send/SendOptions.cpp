@@ -1,9 +1,12 @@
 #include "SendOptions.hpp"
 
-#include <cmath>
+#include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include <CLI/CLI.hpp>
+
+#include "common/Numbers.hpp"
 
 namespace vlx::tool
 {
@@ -12,14 +15,17 @@ namespace
 {
 
 constexpr std::size_t MaxReceivers = 100'000;
-constexpr std::uint16_t MaxPort = 65535;
+constexpr double MaxToneHz = 1e9;
 
 constexpr const char* LocalAddress = "127.0.0.1";
 
-// Comparisons with it are all false, so that no range keeps it out.
-std::string checkIsNumber(const std::string& text)
+double readFrequency(const std::string& text)
 {
-    return std::isnan(std::stod(text)) ? "not a number: " + text : std::string();
+    std::string_view rest = text;
+    const auto frequency = takeDecimal(rest);
+    if (!frequency || !rest.empty() || *frequency > MaxToneHz)
+        throw std::invalid_argument(quote(text) + " is no frequency in Hz, such as 440");
+    return *frequency;
 }
 
 void addInputOptions(CLI::App& command, SendOptions& options)
@@ -33,11 +39,10 @@ void addInputOptions(CLI::App& command, SendOptions& options)
     command.add_flag(
         "--raw", options.input.raw, "Take the input as raw samples, whatever it looks like");
     addFormatOptions(command, options.input.format, "raw input, tone or silence");
-    command
-        .add_option("--tone", options.toneHz, "Send a sine of this frequency instead of an input")
-        ->type_name("HZ")
-        ->check(CLI::Range(0.0, 1e9).description(""))
-        ->check(checkIsNumber);
+    addTextOption(
+        command, "--tone", "HZ",
+        [&options](const std::string& text) { options.toneHz = readFrequency(text); },
+        "Send a sine of this frequency instead of an input");
     command.add_flag("--silence", options.silence, "Send silence instead of an input");
     command.add_flag("--loop", options.loop, "Start again at the end of the input");
     addDurationOption(command, "-d,--duration", options.duration, "Send this much audio at most");
@@ -45,23 +50,21 @@ void addInputOptions(CLI::App& command, SendOptions& options)
 
 void addStreamOptions(CLI::App& command, SendOptions& options)
 {
-    addTextOption(
-        command, "--alternative", "NAME",
-        [&options](const std::string& name)
-        {
-            options.alternativeName = name;
-            return checkStreamName(name);
-        },
-        "Name to take if another sender has the first one");
+    command
+        .add_option(
+            "--alternative", options.alternativeName,
+            "Name to take if another sender has the first one")
+        ->type_name("NAME")
+        ->check(CLI::Validator(checkStreamName, ""));
     addDurationOption(command, "--frame", options.frame, "Length of a frame [10ms]");
     addDurationOption(
         command, "--latency", options.latency,
         "Add this to every timestamp: when receivers are to play a frame");
-    addChoiceOption<NanomsgProtocol>(
+    addChoiceOption(
         command, "--protocol", options.protocol,
         {{"pubsub", NanomsgProtocol::PubSub}, {"pipeline", NanomsgProtocol::Pipeline}},
         "Any number of receivers, or one for which sending waits [pubsub]");
-    addChoiceOption<kit::SocketMode>(
+    addChoiceOption(
         command, "--socket-mode", options.socketMode,
         {{"owner", kit::SocketMode::Owner},
          {"group", kit::SocketMode::Group},
@@ -72,7 +75,7 @@ void addStreamOptions(CLI::App& command, SendOptions& options)
 
 void addClockOptions(CLI::App& command, SendOptions& options)
 {
-    addChoiceOption<std::optional<ClockChoice>>(
+    addChoiceOption(
         command, "--clock", options.clock,
         {{"sysclock", ClockChoice::System}, {"net", ClockChoice::Served}},
         "Stamp frames by the machine's clock, or by one that is served over the network, too "
@@ -82,8 +85,8 @@ void addClockOptions(CLI::App& command, SendOptions& options)
             "--clock-address", options.clockAddress,
             "Where the network clock is served [127.0.0.1]; without --clock, where it is followed")
         ->type_name("ADDRESS");
-    addNumberOption<std::uint16_t>(
-        command, "--clock-port", options.clockPort, {1, MaxPort},
+    addPortOption(
+        command, "--clock-port", options.clockPort,
         "UDP port of the network clock [any that is free]");
     command.add_flag(
         "--external-clock", options.externalClock,
@@ -121,7 +124,7 @@ CLI::App* addSendCommand(CLI::App& program, SendOptions& options)
     addInputOptions(*command, options);
     addStreamOptions(*command, options);
     addClockOptions(*command, options);
-    addNumberOption<std::size_t>(
+    addNumberOption(
         *command, "--wait-receivers", options.waitReceivers, {0, MaxReceivers},
         "Send the first frame when this many receivers have joined [0]");
     addTimeoutOption(

@@ -25,11 +25,11 @@ struct SendOptions
     std::optional<double> toneHz;
     bool silence = false;
     bool loop = false;
-    OptionalDuration frame;
+    OptionalDuration frame = std::chrono::milliseconds(10);
     OptionalDuration duration;
-    OptionalDuration latency;
-    std::size_t waitReceivers = 0;
-    OptionalDuration timeout;
+    OptionalDuration latency = std::chrono::nanoseconds(0); ///< added to every timestamp
+    std::size_t waitReceivers = 0;                          ///< before the first frame
+    OptionalDuration timeout;                               ///< of each wait
     NanomsgProtocol protocol = NanomsgProtocol::PubSub;
     kit::SocketMode socketMode = kit::SocketMode::Owner;
     std::optional<ClockChoice> clock;

@@ -2,7 +2,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "common/ExitCodes.hpp"
 #include "common/ReportFile.hpp"
 #include "common/SenderReport.hpp"
 
@@ -29,9 +28,7 @@ void SendReport::write(const std::string& path, bool isLast) const
             addFormat(entry, run.format);
         json["runs"].push_back(entry);
     }
-    const std::string problem = writeReportFile(path, json);
-    if (!problem.empty())
-        throw CommandFailure(ExitCode::Failed, problem);
+    writeJson(path, json);
 }
 
 } // namespace vlx::tool

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <memory>
 #include <thread>
 #include <utility>
 
@@ -37,32 +38,22 @@ std::int64_t toNs(SteadyClock::time_point time)
 }
 
 /// Looks up a host name on a thread of its own, since nothing can end that.
-class Resolution
+///
+/// @return becomes the result of getaddrinfo(); 0 until it is known
+std::shared_ptr<const std::atomic<int>> lookUp(const std::string& address)
 {
-public:
-    explicit Resolution(const std::string& address)
-    {
-        std::thread(
-            [address, result = m_result]
-            {
-                addrinfo* list = nullptr;
-                *result = ::getaddrinfo(address.c_str(), nullptr, nullptr, &list);
-                if (list != nullptr)
-                    ::freeaddrinfo(list);
-            })
-            .detach();
-    }
-
-    /// @return why there is no such address; empty if there is, or that is not known yet
-    std::string getProblem() const
-    {
-        const int result = *m_result;
-        return result == 0 ? std::string() : ::gai_strerror(result);
-    }
-
-private:
-    std::shared_ptr<std::atomic<int>> m_result = std::make_shared<std::atomic<int>>(0);
-};
+    const auto result = std::make_shared<std::atomic<int>>(0);
+    std::thread(
+        [address, result]
+        {
+            addrinfo* list = nullptr;
+            *result = ::getaddrinfo(address.c_str(), nullptr, nullptr, &list);
+            if (list != nullptr)
+                ::freeaddrinfo(list);
+        })
+        .detach();
+    return result;
+}
 
 } // unnamed namespace
 
@@ -70,7 +61,7 @@ StreamClock::StreamClock(ClockChoice choice, std::string address, std::uint16_t 
     : m_choice(choice), m_address(std::move(address)), m_port(port)
 {
     if (m_choice == ClockChoice::Served)
-        m_provider = std::make_unique<ClockProvider>(m_address, m_port);
+        m_provider.emplace(m_address, m_port);
 }
 
 bool StreamClock::waitUntilReady(const OptionalDuration& timeout, const StopSignal& stop)
@@ -80,7 +71,7 @@ bool StreamClock::waitUntilReady(const OptionalDuration& timeout, const StopSign
 
     const std::string name =
         "the network clock at " + m_address + " port " + std::to_string(m_port);
-    const Resolution resolution(m_address);
+    const auto lookUpResult = lookUp(m_address);
     const auto start = SteadyClock::now();
     bool told = false;
     follow(m_netClock, m_address, m_port);
@@ -90,13 +81,14 @@ bool StreamClock::waitUntilReady(const OptionalDuration& timeout, const StopSign
         if (timeout && now - start >= *timeout)
             throw CommandFailure(
                 ExitCode::TimedOut, name + " could not be followed within " + toText(*timeout));
-        const std::string problem = resolution.getProblem();
-        if (!told && (!problem.empty() || now - start >= UsualSyncTime))
+        const int result = *lookUpResult;
+        if (!told && (result != 0 || now - start >= UsualSyncTime))
         {
             told = true;
             printNotice(
-                problem.empty() ? name + " does not answer yet: waiting for it"
-                                : "cannot find " + name + " (" + problem + "): trying on");
+                result == 0
+                    ? name + " does not answer yet: waiting for it"
+                    : "cannot find " + name + " (" + ::gai_strerror(result) + "): trying on");
         }
         if (stop.waitUntil(now + CheckInterval))
             return false;

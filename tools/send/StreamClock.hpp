@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -83,9 +82,9 @@ private:
     const ClockChoice m_choice;
     const std::string m_address;
     const std::uint16_t m_port;
-    std::unique_ptr<ClockProvider> m_provider; // of a served clock
-    miscUtils::SyncedNetClock m_netClock;      // follows an external one
-    std::int64_t m_offset = 0;                 // of the stream's clock to the steady one, ns
+    std::optional<ClockProvider> m_provider; // of a served clock
+    miscUtils::SyncedNetClock m_netClock;    // follows an external one
+    std::int64_t m_offset = 0;               // of the stream's clock to the steady one, ns
     SteadyTime m_lastUpdate;
 };
 
