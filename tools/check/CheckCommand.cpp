@@ -177,12 +177,9 @@ Finding checkPauses(nanoseconds longest)
 
 } // unnamed namespace
 
-CLI::App* addCheckCommand(CLI::App& program, CheckOptions& options)
+CLI::App* addCheckCommand(CLI::App& program, CheckOptions& /*options*/)
 {
-    CLI::App* const command =
-        program.add_subcommand("check", "Tell whether this machine is fit for streams");
-    addCommonOptions(*command, options.common);
-    return command;
+    return program.add_subcommand("check", "Tell whether this machine is fit for streams");
 }
 
 ExitCode runCheck(const CheckOptions& /*options*/, StopSignal& stop)

@@ -8,9 +8,9 @@ namespace vlx::tool
 
 class StopSignal;
 
+/// It has none of its own.
 struct CheckOptions
 {
-    CommonOptions common;
 };
 
 CLI::App* addCheckCommand(CLI::App& program, CheckOptions& options);

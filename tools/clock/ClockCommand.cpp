@@ -16,6 +16,7 @@
 #include "common/Messages.hpp"
 #include "common/NetClock.hpp"
 #include "common/ReportFile.hpp"
+#include "common/SenderReport.hpp"
 #include "common/StopSignal.hpp"
 #include "common/Text.hpp"
 
@@ -98,15 +99,13 @@ private:
         }
         if (m_options.json)
         {
-            const auto orNull = [](const std::optional<std::int64_t>& ns)
-            { return ns ? nlohmann::ordered_json(*ns) : nlohmann::ordered_json(nullptr); };
             writeJson(
                 "-",
                 {{"address", m_options.address},
                  {"port", m_options.port},
                  {"synchronized", m_isSynchronized},
-                 {"offset_ns", orNull(offset)},
-                 {"round_trip_ns", orNull(roundTrip)}},
+                 {"offset_ns", toJson(offset)},
+                 {"round_trip_ns", toJson(roundTrip)}},
                 -1);
         }
         else if (m_onScreen)
@@ -155,7 +154,6 @@ CLI::App* addClockCommand(CLI::App& program, ClockOptions& options)
             "Numeric address to be asked at; 0.0.0.0: all of this machine [127.0.0.1]")
         ->type_name("ADDRESS");
     addPortOption(*serving, "--port", options.port, "UDP port [any that is free]");
-    addCommonOptions(*serving, options.common);
 
     CLI::App* const watching = command->add_subcommand(
         "watch", "Show whether a clock can be followed, its offset and the round trip to it");
@@ -167,7 +165,6 @@ CLI::App* addClockCommand(CLI::App& program, ClockOptions& options)
     addDurationOption(*watching, "-d,--duration", options.duration, "End after this time");
     addTimeoutOption(
         *watching, options.timeout, "Give up with exit code 3 if not synchronised by then");
-    addCommonOptions(*watching, options.common);
     watching->callback([&options] { options.watch = true; });
     return command;
 }

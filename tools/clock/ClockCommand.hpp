@@ -19,7 +19,6 @@ struct ClockOptions
     bool json = false;
     OptionalDuration duration;
     OptionalDuration timeout;
-    CommonOptions common;
 };
 
 CLI::App* addClockCommand(CLI::App& program, ClockOptions& options);

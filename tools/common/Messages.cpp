@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "ExitCodes.hpp"
+#include "Text.hpp"
 
 namespace vlx::tool
 {
@@ -41,22 +42,13 @@ void printLine(const std::string& line)
     progressOnScreen = false;
 }
 
-// A line that wraps could not be drawn anew.
-std::size_t getWidth()
-{
-    constexpr std::size_t UsualWidth = 80;
-    winsize size{};
-    return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col
-                                                                             : UsualWidth;
-}
-
 } // unnamed namespace
 
 void configureMessages(const MessageStyle& wanted)
 {
     style = wanted;
     live = style.progress && !style.quiet && isLiveTerminal(STDERR_FILENO);
-    colored = usesColor(style.color, STDERR_FILENO);
+    colored = usesColor(STDERR_FILENO);
 }
 
 bool isLiveTerminal(int fd)
@@ -65,11 +57,20 @@ bool isLiveTerminal(int fd)
     return ::isatty(fd) == 1 && terminal != nullptr && std::string_view(terminal) != "dumb";
 }
 
-bool usesColor(ColorUse color, int fd)
+TerminalSize getTerminalSize(int fd)
+{
+    winsize size{};
+    if (::ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0)
+        return {};
+    return {size.ws_col, size.ws_row};
+}
+
+bool usesColor(int fd)
 {
     const char* const refusal = std::getenv("NO_COLOR");
     const bool refused = refusal != nullptr && *refusal != '\0';
-    return color == ColorUse::Always || (color == ColorUse::Auto && !refused && isLiveTerminal(fd));
+    return style.color == ColorUse::Always ||
+           (style.color == ColorUse::Auto && !refused && isLiveTerminal(fd));
 }
 
 void flushOutput()
@@ -104,8 +105,11 @@ void printProgress(const std::string& text)
 {
     if (!live)
         return;
+    std::string line = text;
+    // One that wraps could not be drawn anew.
+    cutToWidth(line, getTerminalSize(STDERR_FILENO).width - 1);
     const std::lock_guard<std::mutex> lock(mutex);
-    writeText(ClearLine + text.substr(0, getWidth() - 1));
+    writeText(ClearLine + line);
     progressOnScreen = true;
 }
 

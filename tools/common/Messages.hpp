@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace vlx::tool
@@ -30,8 +31,17 @@ void configureMessages(const MessageStyle& wanted);
 /// @return whether a stream is a terminal on which a line can be drawn anew
 bool isLiveTerminal(int fd);
 
+struct TerminalSize
+{
+    std::size_t width = 80;
+    std::size_t height = 24;
+};
+
+/// @return columns and lines of a terminal; the usual ones if it does not tell
+TerminalSize getTerminalSize(int fd);
+
 /// @return whether colours are to be used on a stream
-bool usesColor(ColorUse color, int fd);
+bool usesColor(int fd);
 
 /// Brings what was printed to standard output on its way.
 ///

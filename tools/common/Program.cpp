@@ -8,6 +8,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "CommonOptions.hpp"
 #include "Completions.hpp"
 #include "ExitCodes.hpp"
 #include "HelpFormatter.hpp"
@@ -130,9 +131,11 @@ void makeTempDirectoryAbsolute()
         ::setenv("TMPDIR", path.c_str(), 1);
 }
 
-int runSubcommand(const Subcommand& subcommand, const CLI::App& command)
+int runSubcommand(
+    const Subcommand& subcommand,
+    const CLI::App& command,
+    const CommonOptions& options)
 {
-    const CommonOptions& options = *subcommand.common;
     configureMessages(
         {getFullName(findCommand(command)), options.quiet, options.color,
          options.logConfig.empty()});
@@ -168,9 +171,17 @@ int runProgram(int argc, char** argv, const std::vector<Subcommand>& subcommands
     program.set_help_flag("-h,--help", "Print this help");
     program.footer(ExitCodeHelp);
     program.require_subcommand(1);
+    CommonOptions common;
     std::vector<CLI::App*> parsers;
     for (const Subcommand& subcommand : subcommands)
+    {
         parsers.push_back(subcommand.add(program));
+        auto ends = parsers.back()->get_subcommands(std::function<bool(CLI::App*)>());
+        if (ends.empty())
+            ends = {parsers.back()};
+        for (CLI::App* const end : ends)
+            addCommonOptions(*end, common);
+    }
     if (argc > 1 && argv[1] == std::string("--complete"))
         return printCompletions(program, {argv + 2, argv + argc}) ? 1 : 0;
     try
@@ -185,7 +196,7 @@ int runProgram(int argc, char** argv, const std::vector<Subcommand>& subcommands
     for (std::size_t i = 0; i < parsers.size(); ++i)
     {
         if (parsers[i]->parsed())
-            return runSubcommand(subcommands[i], *parsers[i]);
+            return runSubcommand(subcommands[i], *parsers[i], common);
     }
     return toInt(ExitCode::Usage);
 }

@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "CommonOptions.hpp"
 #include "ExitCodes.hpp"
 
 namespace CLI
@@ -26,13 +25,11 @@ struct Subcommand
     /// Carries it out with the options that were parsed, and returns the exit code; 0 also if a stop
     /// was asked for.
     std::function<int(StopSignal& stop)> run;
-    const CommonOptions* common = nullptr;
 };
 
 /// Makes a subcommand of its two functions. Its options are made here, and live as long as it.
 ///
-/// @tparam Options  has a CommonOptions named "common"
-/// @param run       throws CommandFailure, or returns the exit code
+/// @param run  throws CommandFailure, or returns the exit code
 template <class Options, class Code>
 Subcommand makeSubcommand(
     CLI::App* (*add)(CLI::App& program, Options& options),
@@ -41,7 +38,7 @@ Subcommand makeSubcommand(
     const auto options = std::make_shared<Options>();
     return {
         [options, add](CLI::App& program) { return add(program, *options); },
-        [options, run](StopSignal& stop) { return toInt(run(*options, stop)); }, &options->common};
+        [options, run](StopSignal& stop) { return toInt(run(*options, stop)); }};
 }
 
 /// Reads the command line, runs the subcommand that it names, and reports how that ended.

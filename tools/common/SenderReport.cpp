@@ -42,11 +42,14 @@ void addFormat(nlohmann::ordered_json& json, const kit::StreamFormat& format)
 
 void addAges(nlohmann::ordered_json& json, const kit::AgeHistogram& ages)
 {
-    const auto add = [&json](const char* name, const std::optional<std::int64_t>& age)
-    { json[name] = age ? nlohmann::ordered_json(*age) : nlohmann::ordered_json(nullptr); };
-    add("age_p50_ns", ages.getPercentile(0.5));
-    add("age_p99_ns", ages.getPercentile(0.99));
-    add("age_max_ns", ages.getMax());
+    json["age_p50_ns"] = toJson(ages.getPercentile(0.5));
+    json["age_p99_ns"] = toJson(ages.getPercentile(0.99));
+    json["age_max_ns"] = toJson(ages.getMax());
+}
+
+nlohmann::ordered_json toJson(const std::optional<std::int64_t>& number)
+{
+    return number ? nlohmann::ordered_json(*number) : nlohmann::ordered_json();
 }
 
 nlohmann::ordered_json toJson(const kit::SenderProbe& probe)

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include <nlohmann/json_fwd.hpp>
@@ -28,6 +30,9 @@ void addFormat(nlohmann::ordered_json& json, const kit::StreamFormat& format);
 
 /// Adds median, 99th percentile and largest of ages in nanoseconds; null without any.
 void addAges(nlohmann::ordered_json& json, const kit::AgeHistogram& ages);
+
+/// @return the number; null if there is none
+nlohmann::ordered_json toJson(const std::optional<std::int64_t>& number);
 
 /// @return what a probe has found out, for --json
 nlohmann::ordered_json toJson(const kit::SenderProbe& probe);

@@ -82,7 +82,6 @@ CLI::App* addInfoCommand(CLI::App& program, InfoOptions& options)
     command->add_flag("--json", options.json, "Print a JSON object");
     addTimeoutOption(
         *command, options.timeout, "Give up with exit code 3 without an answer by then");
-    addCommonOptions(*command, options.common);
     return command;
 }
 

@@ -15,7 +15,6 @@ struct InfoOptions
     std::string name;
     bool json = false;
     OptionalDuration timeout;
-    CommonOptions common;
 };
 
 CLI::App* addInfoCommand(CLI::App& program, InfoOptions& options);

@@ -119,7 +119,6 @@ CLI::App* addListCommand(CLI::App& program, ListOptions& options)
     command->add_flag("--json", options.json, "Print an array of JSON objects");
     command->add_flag(
         "--clean", options.clean, "Remove directories that dead senders have left, and say which");
-    addCommonOptions(*command, options.common);
     return command;
 }
 

@@ -12,7 +12,6 @@ struct ListOptions
 {
     bool json = false;
     bool clean = false;
-    CommonOptions common;
 };
 
 CLI::App* addListCommand(CLI::App& program, ListOptions& options);

@@ -7,7 +7,6 @@
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "Rendering.hpp"
@@ -33,20 +32,6 @@ constexpr auto MetricsInterval = std::chrono::seconds(1);
 using Meters = std::vector<std::unique_ptr<StreamMeter>>;
 using Snapshots = std::vector<StreamSnapshot>;
 
-struct ScreenSize
-{
-    std::size_t width = 80;
-    std::size_t height = 24;
-};
-
-ScreenSize getScreenSize()
-{
-    winsize size{};
-    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0)
-        return {};
-    return {size.ws_col, size.ws_row};
-}
-
 /// Draws all streams in place. The last picture stays on the screen.
 class Screen
 {
@@ -55,7 +40,7 @@ public:
 
     void draw(const Snapshots& snapshots)
     {
-        const ScreenSize size = getScreenSize();
+        const TerminalSize size = getTerminalSize(STDOUT_FILENO);
         std::vector<std::string> lines;
         for (const StreamSnapshot& snapshot : snapshots)
         {
@@ -64,9 +49,9 @@ public:
             lines.insert(lines.end(), more.begin(), more.end());
         }
         // Lines that have scrolled away could not be drawn again.
-        if (lines.size() > size.height - 1)
+        if (lines.size() >= size.height)
         {
-            lines.resize(size.height - 2);
+            lines.resize(std::max<std::size_t>(size.height, 2) - 2);
             lines.push_back("... more than fits the terminal");
         }
 
@@ -118,7 +103,7 @@ void watch(const MonitorOptions& options, const Meters& meters, bool onScreen, S
     const auto begin = SteadyClock::now();
     const auto end = options.duration ? begin + *options.duration : SteadyClock::time_point::max();
     const std::chrono::nanoseconds interval = onScreen ? ScreenInterval : LineInterval;
-    Screen screen(usesColor(options.common.color, STDOUT_FILENO));
+    Screen screen(usesColor(STDOUT_FILENO));
     auto metricsDue = begin;
     for (auto due = begin + interval;; due += interval)
     {
@@ -161,7 +146,6 @@ CLI::App* addMonitorCommand(CLI::App& program, MonitorOptions& options)
     addDurationOption(*command, "-d,--duration", options.duration, "End after this time");
     addTimeoutOption(*command, options.timeout, "Give up with exit code 3 without a frame by then");
     addRealTimeOption(*command, options.realTime);
-    addCommonOptions(*command, options.common);
     return command;
 }
 

@@ -21,7 +21,6 @@ struct MonitorOptions
     OptionalDuration duration;
     OptionalDuration timeout;
     kit::RealTime realTime;
-    CommonOptions common;
 };
 
 CLI::App* addMonitorCommand(CLI::App& program, MonitorOptions& options);

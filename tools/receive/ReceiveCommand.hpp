@@ -13,7 +13,6 @@ class StopSignal;
 
 struct ReceiveOptions
 {
-    CommonOptions common;
     std::string name;
     std::string output; ///< empty if it is played
     std::string type;   ///< of the output; empty: by its extension

@@ -61,7 +61,6 @@ CLI::App* addReceiveCommand(CLI::App& program, ReceiveOptions& options)
         *command, "--stall", options.stall, "Join again after this time without a frame [2s]");
     addRealTimeOption(*command, options.realTime);
     addReportOption(*command, options.report, "Write what was received");
-    addCommonOptions(*command, options.common);
     command->callback(
         [&options]
         {

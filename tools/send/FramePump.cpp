@@ -198,8 +198,7 @@ void FramePump::beginRun(TimeValue timestamp)
     m_runSamples = 0;
     m_slope = 0;
     m_lastSlope = SteadyClock::now();
-    m_report.runs.push_back({m_report.samples, timestamp + toNs(*m_options.latency), m_format});
-    m_report.write(m_options.report);
+    m_report.beginRun(timestamp + toNs(*m_options.latency), m_format);
 }
 
 void FramePump::announce()

@@ -39,10 +39,11 @@ Playlist openPlaylist(const SendOptions& options, const StopSignal& stop)
 SendReport makeReport(const SendOptions& options, const Playlist& input, const StreamClock& clock)
 {
     SendReport report;
+    report.path = options.report;
     report.name = options.name;
+    report.format = input.getFormat();
     for (const std::string& path : options.inputs)
         report.input += (report.input.empty() ? "" : " ") + path;
-    report.format = input.getFormat();
     report.clock = toString(clock.getProtocol());
     return report;
 }
@@ -113,11 +114,11 @@ ExitCode runSend(const SendOptions& options, StopSignal& stop)
         return ExitCode::Done;
 
     SendReport report = makeReport(options, input, clock);
-    report.write(options.report);
+    report.write();
     sendInput(input, options, clock, stop, report);
     const std::string problem = input.getProblem();
     report.finished = !stop.isRequested() && problem.empty();
-    report.write(options.report, true);
+    report.write(true);
     if (!stop.isRequested() && !problem.empty())
         throw CommandFailure(ExitCode::Failed, problem);
     return ExitCode::Done;

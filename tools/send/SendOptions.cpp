@@ -131,7 +131,6 @@ CLI::App* addSendCommand(CLI::App& program, SendOptions& options)
         *command, options.timeout,
         "Give up with exit code 3 if input, network clock or receivers are not there by then");
     addReportOption(*command, options.report, "Write what was sent");
-    addCommonOptions(*command, options.common);
     command->callback(
         [command, &options]
         {

@@ -17,7 +17,6 @@ namespace vlx::tool
 
 struct SendOptions
 {
-    CommonOptions common;
     std::string name;
     std::string alternativeName;
     std::vector<std::string> inputs;
