@@ -143,7 +143,7 @@ TEST_F(ToolTest, BadInputGetsOneLineAndItsExitCode)
         {send({file("good.wav"), "-r", "8000"}), 2, "--raw"},
         {send({"--tone", "1", "-f", "s17"}), 2, "unknown format \"s17\""},
         {send({"--tone", "1", "-f", "S24_LE"}), 2, "S24_3LE"},
-        {send({"--tone", "nan"}), 2, "not a number"},
+        {send({"--tone", "nan"}), 2, "no frequency"},
         {send({"--tone", "1", "--verbose=99999999999999999999"}), 2, "verbose"},
         {send({"--tone", "1", "-r", "44.1q"}), 2, "no rate"},
         {send({"--tone", "1", "--frame", "10 ms"}), 2, "no duration"},
