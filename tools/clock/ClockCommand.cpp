@@ -48,8 +48,7 @@ public:
     ClockWatch(const ClockOptions& options, const StopSignal& stop)
         : m_options(options),
           m_stop(stop),
-          m_onScreen(!options.json && isLiveTerminal(STDOUT_FILENO) && showsProgress()),
-          m_probe(options.address, options.port)
+          m_onScreen(!options.json && isLiveTerminal(STDOUT_FILENO) && showsProgress())
     {
     }
 
@@ -95,7 +94,9 @@ private:
         if (m_isSynchronized)
         {
             offset = measureOffset(m_clock);
-            roundTrip = m_probe.measure(m_stop);
+            if (!m_probe)
+                m_probe.emplace(m_options.address, m_options.port);
+            roundTrip = m_probe->measure(m_stop);
         }
         if (m_options.json)
         {
@@ -132,7 +133,7 @@ private:
     const ClockOptions& m_options;
     const StopSignal& m_stop;
     const bool m_onScreen;
-    RoundTripProbe m_probe;
+    std::optional<RoundTripProbe> m_probe; // once the clock has been found
     bool m_isSynchronized = false;
     bool m_wasSynchronized = false; // at any time
     miscUtils::SyncedNetClock m_clock;

@@ -2,8 +2,7 @@
 
 #include <array>
 #include <chrono>
-#include <memory>
-#include <utility>
+#include <string>
 
 #include <netdb.h>
 #include <sys/socket.h>
@@ -27,27 +26,15 @@ using Packet = std::array<std::int64_t, 2>;
 
 } // unnamed namespace
 
-RoundTripProbe::RoundTripProbe(std::string address, std::uint16_t port)
-    : m_address(std::move(address)), m_port(port)
+RoundTripProbe::RoundTripProbe(const std::string& address, std::uint16_t port)
 {
-}
-
-RoundTripProbe::~RoundTripProbe()
-{
-    if (m_socketFD >= 0)
-        ::close(m_socketFD);
-}
-
-void RoundTripProbe::open()
-{
-    const std::string port = std::to_string(m_port);
     addrinfo hints{};
     hints.ai_socktype = SOCK_DGRAM;
     for (const int family : {AF_INET, AF_UNSPEC}) // as the clock prefers them
     {
         hints.ai_family = family;
         addrinfo* list = nullptr;
-        if (::getaddrinfo(m_address.c_str(), port.c_str(), &hints, &list) != 0)
+        if (::getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &list) != 0)
             continue;
         m_socketFD = ::socket(list->ai_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         if (m_socketFD >= 0)
@@ -57,10 +44,14 @@ void RoundTripProbe::open()
     }
 }
 
+RoundTripProbe::~RoundTripProbe()
+{
+    if (m_socketFD >= 0)
+        ::close(m_socketFD);
+}
+
 std::optional<std::int64_t> RoundTripProbe::measure(const StopSignal& stop)
 {
-    if (m_socketFD < 0)
-        open();
     const auto begin = SteadyClock::now();
     const Packet request{begin.time_since_epoch().count(), 0};
     if (m_socketFD < 0 || ::send(m_socketFD, &request, sizeof(request), 0) < 0)

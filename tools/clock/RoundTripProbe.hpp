@@ -13,22 +13,19 @@ class StopSignal;
 class RoundTripProbe
 {
 public:
-    RoundTripProbe(std::string address, std::uint16_t port);
+    /// Looks up the address.
+    RoundTripProbe(const std::string& address, std::uint16_t port);
     ~RoundTripProbe();
 
     RoundTripProbe(const RoundTripProbe&) = delete;
     RoundTripProbe& operator=(const RoundTripProbe&) = delete;
 
-    /// Asks once. The first call looks up the address.
+    /// Asks once.
     ///
     /// @return nanoseconds; nothing without an answer in time, or if there is a stop
     std::optional<std::int64_t> measure(const StopSignal& stop);
 
 private:
-    void open();
-
-    const std::string m_address;
-    const std::uint16_t m_port;
     int m_socketFD = -1;
 };
 

@@ -237,9 +237,10 @@ void ReceiveControl::finish()
 {
     m_consumer.stop();
     m_recorder.finish();
-    finishProgress();
     if (m_recorder.getNumFrames() > 0)
-        printNotice(m_recorder.summarize());
+        printNotice(m_recorder.summarize()); // in the place of the progress
+    else
+        finishProgress();
 
     nlohmann::ordered_json report = makeReport(m_options);
     report["finished"] = true;
