@@ -348,7 +348,7 @@ TEST_F(ConsumerTest, LeavesAloneWhatCannotBeJoined)
                 EXPECT_EQ(consumer.count("frame"), 0U);
                 if (isThereFirst)
                 {
-                    EXPECT_LE(sender.getNumConnections(), 16U);
+                    EXPECT_LE(sender.getNumConnections(), 100U) << "joined in a tight loop";
                 }
             }
             consumer.stop("pause, " + row.name);
