@@ -27,13 +27,13 @@ public:
         {
             const std::uint8_t choice = input.take();
             const std::size_t count = choice / 4;
-            if (choice % 4 < 2)
-                addMessage(choice % 4 == 0 ? input.takeBytes(count) : input.takeBlock());
-            if (choice % 4 == 1)
-                write(m_stream.size());
+            if (choice % 4 == 0)
+                addMessage(input.takeBytes(count));
+            else if (choice % 4 == 1)
+                addMessage(Buffer(16 * count, input.take()));
             else if (choice % 4 == 3)
-                write(count);
-            else if (choice % 4 == 2)
+                write(count == 0 ? m_stream.size() : count);
+            else
                 for (std::size_t i = 0; i <= count && m_isConnected && countPending() > 0; ++i)
                     read();
         }

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <set>
 #include <string>
 #include <thread>
@@ -430,18 +431,17 @@ TEST_F(ProducerTest, TwoStreamsOfOneProcessSurviveAForkAndTheirWatchers)
     RecordedReceiver receiver;
     ASSERT_TRUE(receiver.start(options.name));
     ASSERT_TRUE(second.waitForReceivers(1));
-    std::atomic<bool> done = false;
-    std::thread watcher(
+    auto watching = std::async(
+        std::launch::async,
         [&]
         {
-            while (!done)
+            while (second.getStatistics().frames < 100)
                 EXPECT_LE(second.getStatistics().receivers, 1U);
         });
     for (TimeValue i = 1; i <= 100; ++i)
         EXPECT_TRUE(second.send(i, FrameNs, toBytes("DATA")));
+    watching.get();
     second.close();
-    done = true;
-    watcher.join();
     EXPECT_TRUE(receiver.waitForEvent("frame"));
     EXPECT_EQ(second.getStatistics().frames, 100U);
     receiver.stop();

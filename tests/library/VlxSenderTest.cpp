@@ -828,14 +828,7 @@ TEST_F(SenderTest, BlockedSendKeepsNoNewcomerWaiting)
 TEST_F(SenderTest, SignalsEndNeitherABlockedSendNorTheListener)
 {
     static std::atomic<int> numSignals{0};
-    struct sigaction action
-    {
-    };
-    struct sigaction before
-    {
-    };
-    action.sa_handler = [](int) { ++numSignals; };
-    ASSERT_EQ(::sigaction(SIGUSR1, &action, &before), 0);
+    std::signal(SIGUSR1, [](int) { ++numSignals; });
     startStream(NanomsgProtocol::Pipeline);
 
     std::promise<pthread_t> blockedThread;
@@ -868,7 +861,6 @@ TEST_F(SenderTest, SignalsEndNeitherABlockedSendNorTheListener)
     EXPECT_TRUE(client.readMessage().has_value());
     EXPECT_EQ(log().count(errorLog(_)), 0U);
     blocked.get();
-    ::sigaction(SIGUSR1, &before, nullptr);
 }
 
 TEST_F(SenderTest, ReceiverThatTakesNothingDisturbsNobody)
