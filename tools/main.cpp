@@ -6,7 +6,6 @@
 #include "monitor/MonitorCommand.hpp"
 #include "receive/ReceiveCommand.hpp"
 #include "send/SendCommand.hpp"
-#include "send/SendOptions.hpp"
 
 int main(int argc, char** argv)
 {

@@ -253,9 +253,7 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
         EXPECT_TRUE(contains(foreign.getOutput(), "--socket-mode group or all"));
     }
 
-    ToolProcess none({"info", getSocketName() + "-none"});
-    EXPECT_EQ(none.wait(), 3);
-    EXPECT_TRUE(contains(none.getErrors(), "no sender"));
+    expectRefusal({"info", getSocketName() + "-none"}, 3, "no sender");
 
     // One that is stopped does not answer: the wait for it can be ended.
     second.signal(SIGSTOP);

@@ -7,7 +7,6 @@
 #include <nlohmann/json.hpp>
 
 #include <vlx/VlxReceiver.hpp>
-#include <vlxkit/PromptStop.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
 #include "audio/PcmCodec.hpp"
@@ -221,24 +220,6 @@ TEST(StreamEventQueueTest, FramesBeyondTheLimitAreCountedAndOtherEventsAreNot)
     EXPECT_EQ(std::get<tool::ReceivedFrame>(*event).gapNs, 23) << "what was dropped is no gap";
     EXPECT_FALSE(queue.pop(event, std::chrono::seconds(1)));
     EXPECT_EQ(queue.getNumDropped(), 1U);
-}
-
-class ToolkitTest : public VlxTest
-{
-};
-
-TEST_F(ToolkitTest, PromptStopDoesNotWaitForTheMonitor)
-{
-    // The monitor alone would take 5 s each time.
-    constexpr auto SeveralStops = std::chrono::milliseconds(4000);
-    const auto begin = std::chrono::steady_clock::now();
-    for (int i = 0; i < 3; ++i)
-    {
-        Receiver receiver;
-        ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
-        kit::stopPromptly(receiver);
-    }
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, SeveralStops);
 }
 
 } // namespace

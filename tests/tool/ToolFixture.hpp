@@ -121,6 +121,22 @@ protected:
         return more;
     }
 
+    /// Runs the tool to an end that it explains in one line.
+    static void expectRefusal(
+        const std::vector<std::string>& arguments,
+        int code,
+        const std::string& message,
+        const ToolSettings& settings = {})
+    {
+        SCOPED_TRACE(message);
+        ToolProcess process(arguments, settings);
+        EXPECT_EQ(process.wait(), code);
+        const std::string errors = process.getErrors();
+        EXPECT_NE(errors.find(message), std::string::npos) << errors;
+        EXPECT_EQ(countLines(errors), 1U) << errors;
+        EXPECT_EQ(process.getOutput(), "");
+    }
+
     /// Sends from this process: silence in a format and frame size that the test chooses.
     void startSender(
         Sender& sender,

@@ -174,15 +174,7 @@ TEST_F(ToolTest, BadInputGetsOneLineAndItsExitCode)
         {receive({file("a.wav"), "--timeout", "50ms"}), 3, "no sender"},
         {send({"--tone", "1", "--wait-receivers", "2", "--timeout", "50ms"}), 3, "0 of 2"}};
     for (const Row& row : rows)
-    {
-        SCOPED_TRACE(row.message);
-        ToolProcess process(row.arguments, row.settings);
-        EXPECT_EQ(process.wait(), row.code);
-        const std::string errors = process.getErrors();
-        EXPECT_NE(errors.find(row.message), std::string::npos) << errors;
-        EXPECT_EQ(countLines(errors), 1U) << errors;
-        EXPECT_EQ(process.getOutput(), "");
-    }
+        expectRefusal(row.arguments, row.code, row.message, row.settings);
     EXPECT_FALSE(fs::exists(file("a.wav"))) << "an empty recording was left";
 }
 

@@ -6,7 +6,7 @@
 #include <vlxkit/Producer.hpp>
 
 #include "Playlist.hpp"
-#include "SendOptions.hpp"
+#include "SendCommand.hpp"
 #include "StreamClock.hpp"
 #include "audio/PcmCodec.hpp"
 #include "common/Duration.hpp"

@@ -8,7 +8,6 @@
 
 #include "FramePump.hpp"
 #include "Playlist.hpp"
-#include "SendOptions.hpp"
 #include "SendReport.hpp"
 #include "StreamClock.hpp"
 #include "common/ExitCodes.hpp"

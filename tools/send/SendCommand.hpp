@@ -1,12 +1,51 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <vlxkit/Producer.hpp>
+
+#include "StreamClock.hpp"
+#include "audio/AudioInput.hpp"
+#include "common/CommonOptions.hpp"
 #include "common/ExitCodes.hpp"
 
 namespace vlx::tool
 {
 
-struct SendOptions;
 class StopSignal;
+
+struct SendOptions
+{
+    std::string name;
+    std::string alternativeName;
+    std::vector<std::string> inputs;
+    InputSettings input;
+    std::optional<double> toneHz;
+    bool silence = false;
+    bool loop = false;
+    OptionalDuration frame = std::chrono::milliseconds(10);
+    OptionalDuration duration;
+    OptionalDuration latency = std::chrono::nanoseconds(0); ///< added to every timestamp
+    std::size_t waitReceivers = 0;                          ///< before the first frame
+    OptionalDuration timeout;                               ///< of each wait
+    NanomsgProtocol protocol = NanomsgProtocol::PubSub;
+    kit::SocketMode socketMode = kit::SocketMode::Owner;
+    std::optional<ClockChoice> clock;
+    bool externalClock = false;
+    std::string clockAddress;
+    std::uint16_t clockPort = 0;
+    kit::RealTime realTime;
+    std::string report;
+};
+
+/// Adds "send" to the program.
+///
+/// @return the subcommand, which fills the options when it is parsed
+CLI::App* addSendCommand(CLI::App& program, SendOptions& options);
 
 /// Carries out "vlx send".
 ///

@@ -1,11 +1,10 @@
-#include "SendOptions.hpp"
-
 #include <stdexcept>
 #include <string_view>
 #include <utility>
 
 #include <CLI/CLI.hpp>
 
+#include "SendCommand.hpp"
 #include "common/Numbers.hpp"
 
 namespace vlx::tool
