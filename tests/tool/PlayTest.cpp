@@ -222,7 +222,7 @@ TEST_F(PlayTest, WhatCannotBePlayedOnIsSaid)
     for (const char* const name : {"no-such-device", "file:'/dev/full',raw"})
         expectRefusal(
             receive({"--play", name, "-q"}), 1, "cannot play on \"" + std::string(name) + "\"");
-    expectRefusal(receive({"--play", "null", "--raw"}), 2, "--play excludes --raw");
+    expectRefusal(receive({"--play", "null", "--raw"}), 2, "--raw excludes --play");
     ToolProcess stopped(receive({"--play", "null"}));
     ASSERT_TRUE(waitFor([&] { return countLines(stopped.getErrors()) > 0; }));
     EXPECT_EQ(stopped.stop(), 128 + SIGTERM);

@@ -52,7 +52,7 @@ StopSignal::StopSignal() : m_eventFD(::eventfd(0, EFD_CLOEXEC))
 StopSignal::~StopSignal()
 {
     m_keepRunning = false;
-    ::pthread_kill(m_thread.native_handle(), SIGTERM); // wakes it, and nobody else
+    ::pthread_kill(m_thread.native_handle(), SIGINT); // wakes it, and nobody else
     m_thread.join();
     ::close(m_eventFD);
 }
