@@ -28,8 +28,6 @@ namespace vlx::tool
 namespace
 {
 
-using SteadyClock = std::chrono::steady_clock;
-
 struct FileKind
 {
     std::string_view extension;
@@ -259,6 +257,7 @@ private:
             },
             [](void* self) { return static_cast<FileOutput*>(self)->m_place; }};
         m_sound.reset(::sf_open_virtual(&calls, SFM_WRITE, &m_info, this));
+        check();
         if (m_sound == nullptr)
             fail(::sf_strerror(nullptr));
         // The chunk of peak values holds nothing that was received.
@@ -340,11 +339,9 @@ private:
         if (waitForEvents(m_fd, POLLOUT, m_stop) == PollResult::Ready)
             return true;
         if (!m_graceEnd)
-            m_graceEnd = SteadyClock::now() + StopGrace;
-        const auto rest =
-            std::chrono::ceil<std::chrono::milliseconds>(*m_graceEnd - SteadyClock::now());
-        pollfd entry{m_fd, POLLOUT, 0};
-        if (::poll(&entry, 1, static_cast<int>(std::max<std::int64_t>(rest.count(), 0))) > 0)
+            m_graceEnd = std::chrono::steady_clock::now() + StopGrace;
+        const StopSignal neverStopped;
+        if (waitForEvents(m_fd, POLLOUT, neverStopped, m_graceEnd) == PollResult::Ready)
             return true;
         m_problem = "nobody reads " + m_name + " any more: the rest is lost";
         return false;
@@ -413,8 +410,8 @@ private:
     SF_INFO m_info{};
     SampleValues m_values;
     bool m_isEnding = false;
-    std::string m_problem;                             // empty while all goes well
-    std::optional<SteadyClock::time_point> m_graceEnd; // set once a stop is asked for
+    std::string m_problem; // empty while all goes well
+    Deadline m_graceEnd;   // set once a stop is asked for
 };
 
 } // unnamed namespace
