@@ -52,7 +52,6 @@ using State = Receiver::State;
 
 using ::testing::_;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 namespace
@@ -252,14 +251,13 @@ TEST_F(ReceiverTest, WithoutDescriptorsItDoesNotStart)
     // Once with descriptors: a sanitizer needs some when it sees a class for the first time.
     ASSERT_TRUE(receiver.start(getSocketName()));
     receiver.stop();
-    receiver.forgetEvents();
     log().clear();
     {
         const NoDescriptorsLeft shortage;
         EXPECT_FALSE(receiver.start(getSocketName()));
     }
     EXPECT_EQ(receiver.get().getState(), State::Idle);
-    EXPECT_THAT(receiver.getEvents(), IsEmpty());
+    EXPECT_THAT(receiver.getEvents(), ElementsAre("connecting", "idle")) << "of the first start";
     EXPECT_TRUE(log().isExactly({errorLog(
         "Could not create VLX receiver thread look wakeup pipe: Too many open files (24)")}));
     EXPECT_TRUE(receiver.start(getSocketName()));

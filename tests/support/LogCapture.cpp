@@ -49,27 +49,27 @@ std::size_t countIn(const std::vector<LogEntry>& entries, const LogExpectation& 
 
 } // namespace
 
-LogExpectation traceLog(::testing::Matcher<const std::string&> text)
+LogExpectation traceLog(const ::testing::Matcher<const std::string&>& text)
 {
     return makeExpectation(log4cplus::TRACE_LOG_LEVEL, text);
 }
 
-LogExpectation debugLog(::testing::Matcher<const std::string&> text)
+LogExpectation debugLog(const ::testing::Matcher<const std::string&>& text)
 {
     return makeExpectation(log4cplus::DEBUG_LOG_LEVEL, text);
 }
 
-LogExpectation infoLog(::testing::Matcher<const std::string&> text)
+LogExpectation infoLog(const ::testing::Matcher<const std::string&>& text)
 {
     return makeExpectation(log4cplus::INFO_LOG_LEVEL, text);
 }
 
-LogExpectation warnLog(::testing::Matcher<const std::string&> text)
+LogExpectation warnLog(const ::testing::Matcher<const std::string&>& text)
 {
     return makeExpectation(log4cplus::WARN_LOG_LEVEL, text);
 }
 
-LogExpectation errorLog(::testing::Matcher<const std::string&> text)
+LogExpectation errorLog(const ::testing::Matcher<const std::string&>& text)
 {
     return makeExpectation(log4cplus::ERROR_LOG_LEVEL, text);
 }

@@ -28,11 +28,11 @@ std::ostream& operator<<(std::ostream& stream, const LogEntry& entry);
 /// A message that a test looks for: its level, and its text or any matcher on it.
 using LogExpectation = ::testing::Matcher<const LogEntry&>;
 
-LogExpectation traceLog(::testing::Matcher<const std::string&> text);
-LogExpectation debugLog(::testing::Matcher<const std::string&> text);
-LogExpectation infoLog(::testing::Matcher<const std::string&> text);
-LogExpectation warnLog(::testing::Matcher<const std::string&> text);
-LogExpectation errorLog(::testing::Matcher<const std::string&> text);
+LogExpectation traceLog(const ::testing::Matcher<const std::string&>& text);
+LogExpectation debugLog(const ::testing::Matcher<const std::string&>& text);
+LogExpectation infoLog(const ::testing::Matcher<const std::string&>& text);
+LogExpectation warnLog(const ::testing::Matcher<const std::string&>& text);
+LogExpectation errorLog(const ::testing::Matcher<const std::string&>& text);
 
 /// Everything that the library's logger was given since the test began, at every level. It is
 /// printed by a test that fails, and by no other. Any thread.

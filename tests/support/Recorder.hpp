@@ -20,12 +20,6 @@ public:
         return m_events;
     }
 
-    void forgetEvents()
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_events.clear();
-    }
-
     /// @return how many events begin so
     std::size_t count(const std::string& beginning) const
     {
