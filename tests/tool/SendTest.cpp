@@ -52,12 +52,23 @@ TEST_F(SendTest, WavFromAPipeIsPlayedAndOtherFilesAreRefused)
     ToolSettings wav, flac;
     wav.input = readText(file("a.wav"));
     flac.input = readText(file("a.flac"));
-    transfer({"-"}, wav);
-    EXPECT_EQ(readJson(file("s.json"))["sample_format"], "S24LE");
-    EXPECT_EQ(readJson(file("s.json"))["samples"], SourceSamples);
-    const std::string samples = readText(file("out.raw"));
-    EXPECT_NE(wav.input->find(samples), std::string::npos);
+    constexpr std::size_t FirstChunk = 12;
+    ToolSettings withPicture = wav;
+    withPicture.input->insert(FirstChunk, "JUNK\x40\x0d\x03" + std::string(200'001, '\0'));
+    for (const ToolSettings& settings : {wav, withPicture})
+    {
+        transfer({"-"}, settings);
+        EXPECT_EQ(readJson(file("s.json"))["sample_format"], "S24LE");
+        EXPECT_EQ(readJson(file("s.json"))["samples"], SourceSamples);
+        const std::string samples = readText(file("out.raw"));
+        EXPECT_NE(wav.input->find(samples), std::string::npos);
+    }
 
+    ToolSettings endless, unknownLength = wav;
+    endless.input = "RIFF\xff\xff\xff\xffWAVEJUNK\xff\xff\xff\x7f";
+    unknownLength.input->replace(unknownLength.input->find("data") + 4, 4, 4, '\0');
+    expectRefusal(send({"-"}), 1, "cannot read standard input", endless);
+    expectRefusal(send({"-"}), 1, "no samples follow", unknownLength);
     expectRefusal(send({"-"}), 1, "FLAC", flac);
     expectRefusal(send({"-", "-c", "1"}), 1, "leave out", wav);
     expectRefusal(send({"-"}), 1, "empty");

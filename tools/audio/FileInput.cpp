@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <iterator>
 #include <limits>
+#include <string_view>
 #include <utility>
 
 #include <sndfile.h>
@@ -52,8 +53,9 @@ sf_count_t readValues(SNDFILE* file, std::vector<double>& values)
     return ::sf_read_double(file, values.data(), static_cast<sf_count_t>(values.size()));
 }
 
-/// What libsndfile reads of a source that gives its bytes once. To find the samples it jumps over
-/// them, sees that nothing is there, and comes back.
+/// What libsndfile reads of a source that gives its bytes once. What lies before the samples may be
+/// jumped over. To look behind them it jumps over the samples too, sees that nothing is there, and
+/// comes back.
 class OneWayFile
 {
 public:
@@ -72,8 +74,8 @@ public:
             nullptr, [](void* file) { return static_cast<OneWayFile*>(file)->m_place; }};
         SNDFILE* const file = ::sf_open_virtual(&calls, SFM_READ, &info, this);
         // From the samples on there is no way back.
-        Buffer header(static_cast<std::size_t>(m_place));
-        m_source.read(header.data(), std::min(header.size(), m_source.peek(0).size()));
+        Buffer header(std::min(static_cast<std::size_t>(m_place), m_source.peek(0).size()));
+        m_source.read(header.data(), header.size());
         m_isOpen = true;
         return file;
     }
@@ -83,7 +85,8 @@ private:
     {
         if (m_isOpen || whence == SEEK_END)
             return -1;
-        m_place = whence == SEEK_CUR ? m_place + offset : offset;
+        m_atSamples = m_atSamples || isBehindDataMark();
+        m_place = std::max<sf_count_t>(whence == SEEK_CUR ? m_place + offset : offset, 0);
         return m_place;
     }
 
@@ -93,17 +96,34 @@ private:
         if (m_isOpen)
             return static_cast<sf_count_t>(m_source.read(data, wanted));
         const auto place = static_cast<std::size_t>(m_place);
-        if (place > m_source.peek(0).size())
+        if (place > (m_atSamples ? m_source.peek(0).size() : LongestHeader))
             return 0;
         const std::string_view known = m_source.peek(place + wanted);
+        if (place > known.size())
+            return 0;
         const std::size_t count = std::min(wanted, known.size() - place);
         std::copy_n(known.begin() + m_place, count, data);
         m_place += static_cast<sf_count_t>(count);
         return static_cast<sf_count_t>(count);
     }
 
+    /// @return whether the samples begin here: behind their chunk's name and length
+    bool isBehindDataMark() const
+    {
+        constexpr std::string_view Mark = "data";
+        constexpr std::size_t Distance = Mark.size() + sizeof(std::uint32_t);
+        const std::string_view known = m_source.peek(0);
+        const auto place = static_cast<std::size_t>(m_place);
+        return place >= Distance && place <= known.size() &&
+               known.substr(place - Distance, Mark.size()) == Mark;
+    }
+
+    // Pictures and the like stand before the samples.
+    static constexpr std::size_t LongestHeader = 16 << 20;
+
     ByteSource& m_source;
     sf_count_t m_place = 0; // while the header is read
+    bool m_atSamples = false;
     bool m_isOpen = false;
 };
 
@@ -129,6 +149,8 @@ public:
             toPcmFormat(info.format), static_cast<std::uint32_t>(info.samplerate),
             static_cast<std::uint32_t>(info.channels)};
         m_values = makeSampleValues(m_format.sampleFormat);
+        if (m_isLive && info.frames == 0)
+            failToRead(name, "its header says that no samples follow");
         if (!m_isLive && info.seekable != 0)
             m_length = static_cast<std::uint64_t>(info.frames);
     }
