@@ -34,7 +34,7 @@ AlsaDevice::AlsaDevice(std::string name) : m_name(std::move(name))
 
 AlsaDevice::~AlsaDevice()
 {
-    ::snd_pcm_close(m_pcm);
+    close();
 }
 
 void AlsaDevice::configure(std::uint32_t rate, std::uint32_t channels)
@@ -155,6 +155,13 @@ void AlsaDevice::end(bool drain)
         ::snd_pcm_drain(m_pcm);
     }
     ::snd_pcm_drop(m_pcm);
+    close();
+}
+
+void AlsaDevice::close()
+{
+    if (m_pcm != nullptr)
+        ::snd_pcm_close(std::exchange(m_pcm, nullptr));
 }
 
 void AlsaDevice::fail(const std::string& problem) const

@@ -63,7 +63,7 @@ public:
     /// @return as measure()
     bool write(const std::vector<float>& values);
 
-    /// Ends what plays.
+    /// Ends what plays, and leaves the device to others. Called last.
     /// @param drain  whether everything that was written is played before
     void end(bool drain);
 
@@ -89,6 +89,7 @@ public:
     }
 
 private:
+    void close();
     [[noreturn]] void fail(const std::string& problem) const;
     void check(int error) const;
     bool isGoing(long result) const;
