@@ -105,7 +105,7 @@ void watch(const MonitorOptions& options, const Meters& meters, bool onScreen, S
     const std::chrono::nanoseconds interval = onScreen ? ScreenInterval : LineInterval;
     Screen screen(usesColor(STDOUT_FILENO));
     auto metricsDue = begin;
-    for (auto due = begin + interval;; due += interval)
+    for (auto due = begin + interval;; due = std::max(due + interval, SteadyClock::now()))
     {
         const bool stopped = stop.waitUntil(std::min(due, end));
         const Snapshots snapshots = takeSnapshots(meters);
