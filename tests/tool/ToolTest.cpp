@@ -135,6 +135,8 @@ TEST_F(ToolTest, BadInputGetsOneLineAndItsExitCode)
         {{}, 2, "subcommand"},
         {{"sned", "-s", "x"}, 2, "no subcommand sned; send?"},
         {{"fly"}, 2, "no subcommand fly; see"},
+        {{"-v", "list"}, 2, "not expected: -v"},
+        {{"monitor", "a", "--interval", "1"}, 2, "no option --interval; see"},
         {{"send", "--tone", "1"}, 2, "--socket"},
         {{"send", "-s", longName, "--tone", "1"}, 2, "108 characters"},
         {{"send", "-s", "", "--tone", "1"}, 2, "empty"},

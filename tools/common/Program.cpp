@@ -76,7 +76,7 @@ std::size_t countDifferences(std::string one, std::string other)
 std::string askFor(const std::string& wrong, const std::vector<std::string>& known)
 {
     std::string best = "see --help";
-    std::size_t fewest = 2 * std::max<std::size_t>(wrong.size() / 3, 1) + 1;
+    std::size_t fewest = 4;
     for (const std::string& word : known)
     {
         const std::size_t differences = countDifferences(wrong, word);
@@ -102,7 +102,7 @@ std::string explainWrongUsage(const CLI::App& program, const CLI::ParseError& er
                askFor(wrong.substr(0, wrong.find('=')), listLongOptions(command));
     if ((isTooMuch || isMissing) && !wrong.empty() && !subcommands.empty())
         return "no subcommand " + wrong + askFor(wrong, subcommands);
-    if (isTooMuch)
+    if (isTooMuch && !wrong.empty())
         return "nothing more is expected behind the other words: " + wrong + "; see --help";
     if (isMissing && !subcommands.empty())
         return "a subcommand is required: " + CLI::detail::join(subcommands, ", ") + "; see --help";
