@@ -428,6 +428,7 @@ TEST_F(ReceiveTest, FifoIsOpenedWithoutHanging)
         stopped.signal(number);
         EXPECT_EQ(stopped.wait(), 128 + number);
     }
+    expectRefusal(send({"--tone", "1", "-d", "10ms", "--report", fifo}), 1, "cannot write");
 
     ToolProcess sender(send({"--tone", "440"}));
     ToolProcess receiver(receive({fifo, "-t", "wav", "--timeout", "10s"}));

@@ -7,6 +7,9 @@
 namespace vlx::tool
 {
 
+/// @return whether a text that is written there takes the place of the one before
+bool isReplaced(const std::string& path);
+
 /// Writes a text, replacing the file as a whole, so that a reader never sees half of one.
 ///
 /// @param path  of a regular file or one to be made; anything else, such as a terminal, is written to.

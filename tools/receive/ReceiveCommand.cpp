@@ -260,7 +260,7 @@ int runReceive(const ReceiveOptions& options, StopSignal& stop)
     ReceiveControl control(options, stop);
     if (stop.isRequested())
         return toExitCode(stop.getSignalNumber());
-    if (options.report != "-")
+    if (isReplaced(options.report))
         writeReport(options, makeReport(options));
     return control.run();
 }

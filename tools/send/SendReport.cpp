@@ -16,8 +16,7 @@ void SendReport::beginRun(TimeValue timestamp, const kit::StreamFormat& runForma
 
 void SendReport::write(bool isLast) const
 {
-    // To standard output only once, in the end.
-    if (path.empty() || (path == "-" && !isLast))
+    if (path.empty() || (!isLast && !isReplaced(path)))
         return;
     nlohmann::ordered_json json = {{"stream", name}, {"input", input}};
     addFormat(json, format);

@@ -31,7 +31,7 @@ struct SendReport
     /// @throws CommandFailure, as write()
     void beginRun(TimeValue timestamp, const kit::StreamFormat& runFormat);
 
-    /// @param isLast  false: standard output, "-", is left alone
+    /// @param isLast  false: what keeps every text that is written, such as a pipe, is left alone
     /// @throws CommandFailure if it cannot be written
     void write(bool isLast = false) const;
 };
