@@ -153,6 +153,7 @@ TEST_F(ToolTest, BadInputGetsOneLineAndItsExitCode)
         {send({"--tone", "1", "--wait-receivers", "-1"}), 2, "no whole number"},
         {send({"--tone", "1", "--wait-receivers", "99999999999999999999"}), 2, "no whole number"},
         {send({"--tone", "1", "-c", "256"}), 2, "256"},
+        {send({"--tone", "1", "--realtime=100"}), 2, "send: --realtime: \"100\""},
         {send({"--tone", "1", "--protocol", "udp"}), 2, "none of pubsub|pipeline"},
         {send({"--tone", "1", "--clock-port", "5"}), 2, "--clock-address"},
         {send({"--tone", "1", "--wait-receiver", "1"}), 2, "--wait-receivers?"},

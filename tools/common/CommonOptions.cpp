@@ -60,7 +60,7 @@ std::chrono::nanoseconds readDuration(const std::string& text)
     return *duration;
 }
 
-/// Has what a reader refuses said as the parser says it.
+/// Has what a reader refuses said as the parser says it, which names the option of a check by itself.
 std::function<void(const std::string&)> withName(const std::string& flags, const TextReader& read)
 {
     return [read, name = flags.substr(flags.rfind(',') + 1)](const std::string& text)
@@ -71,7 +71,8 @@ std::function<void(const std::string&)> withName(const std::string& flags, const
         }
         catch (const std::invalid_argument& refusal)
         {
-            throw CLI::ValidationError(name, refusal.what());
+            throw name.empty() ? CLI::ValidationError(refusal.what())
+                               : CLI::ValidationError(name, refusal.what());
         }
     };
 }
@@ -176,7 +177,7 @@ void addRealTimeOption(CLI::App& command, kit::RealTime& realTime)
             "--realtime{" + priority + "}", [](std::int64_t) {},
             "Move frames under real-time scheduling of this priority, 1 to 99 [" + priority +
                 "], if this user may")
-        ->each(withName("--realtime", read))
+        ->each(withName("", read))
         ->option_text("[=PRIORITY]");
 }
 
