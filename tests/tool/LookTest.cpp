@@ -187,6 +187,7 @@ TEST_F(LookTest, ListNamesTheLivingAndClearsUpAfterTheDead)
     ToolProcess early({"list", "--clean"});
     EXPECT_EQ(early.wait(LongDeadline), 0);
     EXPECT_EQ(early.getOutput(), "");
+    EXPECT_NE(early.getErrors().find("younger"), std::string::npos);
     for (const std::string& name : listTempDirectory())
         fs::last_write_time(
             getTempDirectory() + "/" + name,

@@ -89,7 +89,10 @@ nlohmann::ordered_json makeObject(const Found& found)
 ExitCode clean()
 {
     bool done = true;
-    for (const kit::DeadDirectory& directory : kit::removeDeadDirectories())
+    const std::vector<kit::DeadDirectory> directories = kit::removeDeadDirectories();
+    if (directories.empty())
+        printNotice("nothing to remove; what is younger than a minute stays");
+    for (const kit::DeadDirectory& directory : directories)
     {
         if (directory.problem.empty())
             std::puts(("removed " + toPrintable(directory.path)).c_str());
