@@ -23,8 +23,8 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include "AllocationCount.hpp"
 #include "Transport.hpp"
+#include "support/AllocationCounter.hpp"
 
 namespace vlx::bench
 {
@@ -92,7 +92,9 @@ struct Usage
 
     static Usage now()
     {
-        return {nowNs(), static_cast<std::uint64_t>(std::clock()) * NsPerClock, allocationCount};
+        return {
+            nowNs(), static_cast<std::uint64_t>(std::clock()) * NsPerClock,
+            testing::countAllocations()};
     }
 
     json since(const Usage& begin) const
@@ -128,12 +130,11 @@ public:
         sleepUntilNs(nowNs() + SettleNs);
         const bool flood = m_plan.frames == 0;
         const std::uint64_t periodNs = NsPerSecond / m_plan.rate;
+        const std::uint32_t count = flood ? MaxFloodFrames : m_plan.frames;
         sendRun(Phase::WarmUp, m_plan.warmup, flood ? 0 : periodNs);
         const Usage begin = Usage::now();
-        const std::uint32_t sent =
-            flood
-                ? sendRun(Phase::Measure, MaxFloodFrames, 0, begin.timeNs + m_plan.flood * NsPerMs)
-                : sendRun(Phase::Measure, m_plan.frames, periodNs);
+        const std::uint64_t endNs = flood ? begin.timeNs + m_plan.flood * NsPerMs : Never;
+        const std::uint32_t sent = sendRun(Phase::Measure, count, flood ? 0 : periodNs, endNs);
         json result = Usage::now().since(begin);
         result["sent"] = sent;
         sendRun(Phase::End, EndFrames, periodNs);

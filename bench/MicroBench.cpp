@@ -9,7 +9,7 @@
 
 #include <vlx/VlxPayload.hpp>
 
-#include "AllocationCount.hpp"
+#include "support/AllocationCounter.hpp"
 
 namespace vlx::bench
 {
@@ -29,10 +29,10 @@ template <typename Operation>
 void measure(benchmark::State& state, Operation operation)
 {
     operation(); // buffers have their size from here on
-    const std::uint64_t before = allocationCount.load();
+    const std::size_t before = testing::countAllocations();
     for (auto _ : state)
         operation();
-    const auto count = static_cast<double>(allocationCount.load() - before);
+    const auto count = static_cast<double>(testing::countAllocations() - before);
     state.counters["allocations"] = count / static_cast<double>(state.iterations());
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }

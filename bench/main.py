@@ -16,7 +16,6 @@ import report  # noqa: E402
 from shared import ROOT, build, describe_machine  # noqa: E402
 import tables  # noqa: E402
 from targets import target_table  # noqa: E402
-import transports  # noqa: E402
 
 BUILD = ROOT / "build" / "bench"  # as the preset says
 QUESTIONS = {"age": questions.measure_age, "overload": questions.measure_overload,
@@ -54,7 +53,7 @@ def measure_all(options: argparse.Namespace, data: Path) -> bool:
     # Two processors make runs on different machines comparable, and leave none idle by chance.
     os.sched_setaffinity(0, options.cpus or sorted(os.sched_getaffinity(0))[:2])
     os.environ["GST_REGISTRY"] = str(BUILD / "gst-registry.bin")
-    os.environ["GST_PLUGIN_PATH"] = str(transports.plugin_directory(BUILD) or "")
+    os.environ["GST_PLUGIN_PATH"] = str(BUILD / "gst")
     complete = True
     with tempfile.TemporaryDirectory(prefix="vb", dir="/tmp") as scratch:
         for question in options.questions:

@@ -3,7 +3,6 @@ turns."""
 
 from dataclasses import dataclass, replace
 import json
-import math
 import os
 from pathlib import Path
 import subprocess
@@ -41,8 +40,8 @@ class Campaign:
         if record is None:
             self.complete = False
             return
-        record = {key: None if isinstance(value, float) and math.isnan(value) else value
-                  for key, value in {**record, **further}.items()}
+        # Without NaN, the one value that does not equal itself.
+        record = {key: value for key, value in {**record, **further}.items() if value == value}
         with self.output.open("a") as output:
             output.write(json.dumps(record) + "\n")
         self.records.append(record)

@@ -52,16 +52,11 @@ def endpoint_program(build: Path, transport: Transport) -> Path:
     return build / "bench" / f"vlx_bench_end_{transport.program}"
 
 
-def plugin_directory(build: Path) -> Path | None:
-    """Where the GStreamer elements were built, if they were."""
-    return build / "gst" if (build / "gst" / "libgstvlx.so").exists() else None
-
-
 def obstacle(build: Path, transport: Transport) -> str:
     """Why the transport cannot run here; empty if it can."""
     if not endpoint_program(build, transport).exists():
         return "not built"
-    if transport.id == GST_OURS and not plugin_directory(build):
+    if transport.id == GST_OURS and not (build / "gst" / "libgstvlx.so").exists():
         return "the GStreamer elements are not built"
     if transport.id == KIT_RT and not may_run_in_real_time():
         return "real-time scheduling is not permitted (ulimit -r)"

@@ -2,7 +2,6 @@
 /// of one buffer: appsrc ! SINK and SOURCE ! appsink. Variant "shm": shmsink and shmsrc. "vlx":
 /// vlxsink and vlxsrc, with the packets as samples of a stereo stream.
 
-#include <deque>
 #include <memory>
 
 #include <gst/app/gstappsink.h>
@@ -92,8 +91,7 @@ SendFrame openStream(const Plan& plan)
     play(pipeline);
     return [pipeline, input = GST_APP_SRC(getEnd(pipeline))](std::uint64_t, Bytes packet)
     {
-        GstBuffer* const buffer = gst_buffer_new_allocate(nullptr, packet.size(), nullptr);
-        gst_buffer_fill(buffer, 0, packet.data(), packet.size());
+        GstBuffer* const buffer = gst_buffer_new_memdup(packet.data(), packet.size());
         GST_BUFFER_DURATION(buffer) = BufferDurationNs;
         gst_app_src_push_buffer(input, buffer);
     };
@@ -102,15 +100,13 @@ SendFrame openStream(const Plan& plan)
 void startReceiving(const Plan& plan, FrameHandler handler)
 {
     // Both last as long as the process.
-    static std::deque<Element> pipelines;
-    static std::deque<FrameHandler> handlers;
-    const Element& pipeline = pipelines.emplace_back(parsePipeline(describeReceiver(plan)));
+    const auto* const pipeline = new Element(parsePipeline(describeReceiver(plan)));
+    auto* const lastingHandler = new FrameHandler(std::move(handler));
     GstAppSinkCallbacks callbacks{};
     callbacks.new_sample = onSample;
     gst_app_sink_set_callbacks(
-        GST_APP_SINK(getEnd(pipeline)), &callbacks, &handlers.emplace_back(std::move(handler)),
-        nullptr);
-    play(pipeline);
+        GST_APP_SINK(getEnd(*pipeline)), &callbacks, lastingHandler, nullptr);
+    play(*pipeline);
 }
 
 } // namespace vlx::bench

@@ -24,23 +24,14 @@ kit::RealTime chooseScheduling(const Plan& plan)
     return {plan.variant == "rt" ? kit::RealTimeUse::Require : kit::RealTimeUse::Off};
 }
 
-// Makes the options of a producer or a consumer.
-template <typename Options>
-Options makeOptions(const Plan& plan)
-{
-    Options options;
-    options.name = plan.name;
-    options.realTime = chooseScheduling(plan);
-    return options;
-}
-
 } // namespace
 
 SendFrame openStream(const Plan& plan)
 {
     const auto scope =
         std::make_shared<kit::RealTimeScope>(chooseScheduling(plan)); // of this thread
-    const auto producer = std::make_shared<kit::Producer>(makeOptions<kit::ProducerOptions>(plan));
+    const auto producer = std::make_shared<kit::Producer>(
+        kit::ProducerOptions{.name = plan.name, .realTime = chooseScheduling(plan)});
     require(producer->open(kit::StreamFormat{}), "open", producer->getProblem().c_str());
     return [scope, producer](std::uint64_t timestampNs, Bytes packet)
     { producer->send(timestampNs, FrameDurationNs, packet.subspan(sizeof(PacketHeader))); };
@@ -52,7 +43,8 @@ void startReceiving(const Plan& plan, FrameHandler handler)
     callbacks.onFrame = [handler = std::move(handler)](const kit::Frame& frame)
     { handler(frame.timestamp, frame.data); };
     auto* const consumer = // as long as the process
-        new kit::Consumer(makeOptions<kit::ConsumerOptions>(plan), std::move(callbacks));
+        new kit::Consumer(
+            {.name = plan.name, .realTime = chooseScheduling(plan)}, std::move(callbacks));
     require(consumer->start(), "start", consumer->getProblem().c_str());
 }
 

@@ -3,7 +3,6 @@
 /// announces the sequence once more a moment later, for a receiver that was just joining and has
 /// missed it.
 
-#include <chrono>
 #include <limits>
 #include <memory>
 
@@ -12,6 +11,7 @@
 #include <log4cplus/logger.h>
 #include <unistd.h>
 
+#include <miscUtils/MiscUtils.hpp>
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxReceiver.hpp>
 #include <vlx/VlxSender.hpp>
@@ -22,9 +22,6 @@ namespace vlx::bench
 {
 namespace
 {
-
-using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 constexpr TimeValue FrameDurationNs = 1'000'000;
 constexpr TimeValue Never = std::numeric_limits<TimeValue>::max();
@@ -73,8 +70,7 @@ SendFrame openStream(const Plan& plan)
     if (plan.variant.starts_with("bell"))
         ringBell(plan.directory);
     if (plan.variant == "bell-again")
-        side->announceAgainNs =
-            static_cast<TimeValue>(Clock::now().time_since_epoch() / 1ns) + AnnounceAgainNs;
+        side->announceAgainNs = miscUtils::getMonotonicSysclockTime() + AnnounceAgainNs;
     return [side](TimeValue timestampNs, Bytes packet)
     {
         if (timestampNs >= side->announceAgainNs)
