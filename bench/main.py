@@ -3,7 +3,6 @@
 import argparse
 import os
 from pathlib import Path
-import signal
 import sys
 import tempfile
 import time
@@ -13,7 +12,7 @@ from figures import read_records  # noqa: E402
 import joining  # noqa: E402
 import questions  # noqa: E402
 import report  # noqa: E402
-from shared import ROOT, build, describe_machine  # noqa: E402
+from shared import ROOT, build, describe_machine, exit_on_signals  # noqa: E402
 import tables  # noqa: E402
 from targets import target_table  # noqa: E402
 
@@ -84,9 +83,7 @@ def write_report(data: Path, target: Path) -> None:
 
 def main() -> int:
     options = parse_options()
-    for number in (signal.SIGINT, signal.SIGTERM):
-        # And so through every "with" block.
-        signal.signal(number, lambda caught, _: sys.exit(128 + caught))
+    exit_on_signals()
     started = time.monotonic()
     build("bench", BUILD, "vlx_bench_all")
     data = BUILD / "data" / ("quick" if options.quick else "full")

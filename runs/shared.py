@@ -10,6 +10,7 @@ import re
 import signal
 import statistics
 import subprocess
+import sys
 import time
 
 ROOT = Path(__file__).resolve().parent.parent
@@ -40,6 +41,12 @@ def describe_machine(build_directory: Path) -> str:
 def die_with_parent() -> None:
     """The calling process ends when its parent does, whatever becomes of that."""
     ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
+
+
+def exit_on_signals() -> None:
+    """And so through every "with" block."""
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, lambda caught, _: sys.exit(128 + caught))
 
 
 def pss_kib(pid: int) -> float:

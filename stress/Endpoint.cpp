@@ -41,6 +41,7 @@ struct Plan
     unsigned kill = 0;    // dies by SIGKILL when the library logs its n-th line
     int descriptors = -1; // how many free ones there are; -1: no limit
     int threads = -1;     // RLIMIT_NPROC; -1: no limit
+    bool log = false;     // show the library's
     bool pipeline = false;
     bool shared = false;          // other users may join
     std::uint64_t frames = 0;     // ends after so many; 0: no end
@@ -53,7 +54,7 @@ struct Plan
 // One name in a line would be a page.
 // clang-format off
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(
-    Plan, role, name, board, kill, descriptors, threads, pipeline, shared, frames, resequence,
+    Plan, role, name, board, kill, descriptors, threads, log, pipeline, shared, frames, resequence,
     receivers, port, rejoin)
 // clang-format on
 
@@ -95,8 +96,7 @@ struct Board
     Number failures; // the consumer could not go on, and tries again
     Number logLines;
     Number errorLines;
-    Number streamTime;   // of a consumer ...
-    Number streamTimeAt; // ... and the system's at that moment
+    Number clockOffset; // of a consumer's stream time to the system's; 0: there is none
 
     // Of losses: stamp and arrival of the frame before, arrival of the one after, and how many are
     // missing.
@@ -118,24 +118,17 @@ struct FrameTag
 };
 
 /// Counts the log lines, and dies at the one that is asked for: a way to be killed at each step of a
-/// set-up. Shows them only if the environment says so.
-void watchLog(Board& board, unsigned killAtLine)
+/// set-up.
+void watchLog(Board& board, const Plan& plan)
 {
-    const bool isShown = std::getenv("VLX_STRESS_LOG") != nullptr;
-    const auto watch =
-        [&board, killAtLine, isShown](const log4cplus::spi::InternalLoggingEvent& event)
+    const auto watch = [&board, plan](const log4cplus::spi::InternalLoggingEvent& event)
     {
         board.errorLines += event.getLogLevel() >= log4cplus::ERROR_LOG_LEVEL ? 1 : 0;
-        if (++board.logLines == killAtLine)
+        if (++board.logLines == plan.kill)
             ::raise(SIGKILL);
-        return isShown ? log4cplus::spi::NEUTRAL : log4cplus::spi::DENY;
+        return plan.log ? log4cplus::spi::NEUTRAL : log4cplus::spi::DENY;
     };
-    auto root = log4cplus::Logger::getRoot();
-    root.getAllAppenders().front()->addFilter(watch);
-    if (killAtLine != 0)
-        root.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
-    else if (isShown)
-        root.setLogLevel(log4cplus::DEBUG_LOG_LEVEL);
+    log4cplus::Logger::getRoot().getAllAppenders().front()->addFilter(watch);
 }
 
 bool limit(decltype(RLIMIT_NOFILE) resource, int value)
@@ -166,21 +159,18 @@ bool letPass(const Board& board, TimeValue nanoseconds)
 
 int produce(Board& board, const Plan& plan)
 {
-    kit::ProducerOptions wanted;
-    wanted.name = plan.name;
-    if (plan.pipeline)
-        wanted.protocol = NanomsgProtocol::Pipeline;
-    if (plan.shared)
-        wanted.socketMode = kit::SocketMode::All;
-    if (plan.port != 0)
-    {
-        wanted.clock = TimeSyncProtocol::GstNetClock;
-        wanted.clockAddress = "127.0.0.1";
-        wanted.clockPort = plan.port;
-    }
+    const bool hasNetClock = plan.port != 0;
+    kit::Producer producer({
+        .name = plan.name,
+        .protocol = plan.pipeline ? NanomsgProtocol::Pipeline : NanomsgProtocol::PubSub,
+        .clock =
+            hasNetClock ? TimeSyncProtocol::GstNetClock : TimeSyncProtocol::MonotonicSystemClock,
+        .clockAddress = hasNetClock ? "127.0.0.1" : "",
+        .clockPort = plan.port,
+        .socketMode = plan.shared ? kit::SocketMode::All : kit::SocketMode::Owner,
+    });
     PcmPayloader payloader;
     payloader.setNewFormat(48'000, 2, audioUtils::PcmFormat::S16LE);
-    kit::Producer producer(wanted);
     if (!producer.open(payloader))
         return ExitRefused;
     board.ready = 1;
@@ -226,8 +216,6 @@ struct Receipt
     void onEvent(const kit::ConsumerEvent& event)
     {
         using Kind = kit::ConsumerEvent::Kind;
-        if (std::getenv("VLX_STRESS_LOG") != nullptr)
-            std::fprintf(stderr, "%s: %s\n", toString(event.kind), event.text.c_str());
         if (event.kind != Kind::Joined)
             board.ready = 0;
         board.joins += event.kind == Kind::Joined ? 1 : 0;
@@ -280,8 +268,8 @@ int consume(Board& board, const Plan& plan)
     while (letPass(board, TurnNs))
     {
         const TimeValue now = miscUtils::getMonotonicSysclockTime();
-        board.streamTime = consumer.getStreamTime();
-        board.streamTimeAt = now;
+        const TimeValue streamTime = consumer.getStreamTime();
+        board.clockOffset = streamTime != 0 ? streamTime - now : 0;
         const bool isOver = board.failures > 0 || now > start + StarvedLimitNs;
         if (plan.frames != 0 && (board.frames >= plan.frames || isOver))
             break;
@@ -321,8 +309,9 @@ int main(int argc, char** argv)
     if (board == nullptr)
         return ExitBroken;
     ::close(plan.board);
-    const kit::Logging logging(kit::LogLevel::Error);
-    watchLog(*board, plan.kill);
+    const auto shown = plan.log ? kit::LogLevel::Debug : kit::LogLevel::Error;
+    const kit::Logging logging(plan.kill != 0 ? kit::LogLevel::Trace : shown);
+    watchLog(*board, plan);
     if (!applyLimits(plan))
         return ExitBroken;
     try

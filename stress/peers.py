@@ -3,6 +3,7 @@ sender's name, another user in the sender's directory, and a provider of a netwo
 until it is killed, and calls its first argument whenever it has done its work once more."""
 
 from contextlib import suppress
+import itertools
 import os
 from pathlib import Path
 import random
@@ -32,18 +33,18 @@ PCM_ANNOUNCEMENT = struct.pack("<HHIIBB", 1, 1, 0x414D4350, 48_000, 2, 2)
 HONEST, SILENT, HOSTILE = range(3)  # modes of a clock
 
 Note = Callable[[], None]
+Put = Callable[[Path], None]  # makes a link or a directory
 
 
-def connect(name: str) -> socket.socket:
-    """Joins a sender's sidechannel; waits for the sender."""
-    while True:
-        client = socket.socket(socket.AF_UNIX)
-        try:
-            client.connect("\0" + name)
-            return client
-        except (ConnectionRefusedError, FileNotFoundError):
-            client.close()
-            time.sleep(0.01)
+def connect(address: str) -> socket.socket:
+    client = socket.socket(socket.AF_UNIX)
+    client.connect(address)
+    return client
+
+
+def join(name: str) -> socket.socket:
+    """Joins a sender's sidechannel."""
+    return connect("\0" + name)
 
 
 def frame(message: bytes) -> bytes:
@@ -54,9 +55,7 @@ def join_main_channel(client: socket.socket) -> socket.socket:
     """Joins what the sender announces on the sidechannel."""
     size = struct.unpack("<I", client.recv(4, socket.MSG_WAITALL))[0]
     _, _, rest = client.recv(size, socket.MSG_WAITALL)[2:].partition(b"\0")
-    main = socket.socket(socket.AF_UNIX)
-    main.connect(rest[4:].rstrip(b"\0").removeprefix(b"ipc://").decode())
-    return main
+    return connect(rest[4:].rstrip(b"\0").removeprefix(b"ipc://").decode())
 
 
 def listen(address: str) -> socket.socket:
@@ -88,15 +87,15 @@ def greet(name: str, words: bytes) -> Iterator[socket.socket]:
             yield client
 
 
-def churn(note: Note, name: str, times: int) -> None:
-    for _ in range(times):
-        connect(name).close()
+def churn(note: Note, name: str) -> None:
+    while True:
+        join(name).close()
         note()
 
 
 def send_once(note: Note, name: str, hello: bytes, message: bytes = b"") -> None:
     """Joins both channels and sends something there, but never reads."""
-    client = connect(name)
+    client = join(name)
     main = join_main_channel(client)
     main.sendall(hello)
     main.recv(len(hello), socket.MSG_WAITALL)
@@ -108,25 +107,21 @@ def send_once(note: Note, name: str, hello: bytes, message: bytes = b"") -> None
 def write_rubbish(note: Note, name: str, to_main: bool) -> None:
     """Joins again whenever the sender throws it out. On the main channel every second connection
     greets first and announces the longest of all messages."""
-    greets = False
-    while True:
-        client = connect(name)
-        try:
+    for begin in itertools.cycle([b"", SUBSCRIBER + ENDLESS_MESSAGE] if to_main else [b""]):
+        client = join(name)
+        with suppress(OSError, struct.error):
             channel = join_main_channel(client) if to_main else client
-            if to_main and greets:
-                channel.sendall(SUBSCRIBER + ENDLESS_MESSAGE)
+            channel.sendall(begin)
             while True:
                 note()
                 channel.sendall(random.randbytes(RUBBISH_BYTES))
-        except (OSError, struct.error):
-            greets = not greets
 
 
 def send_urgent(note: Note, name: str) -> None:
     """One byte that no ordinary read gets, though there is something to read."""
     clients = []
     while True:
-        clients.append(connect(name))
+        clients.append(join(name))
         clients[-1].send(b"x", socket.MSG_OOB)
         note()
         time.sleep(0.3)
@@ -145,7 +140,7 @@ def pass_lingering(note: Note, name: str) -> None:
             with suppress(BlockingIOError):
                 while True:
                     tcp.send(bytes(65536))
-            socket.send_fds(connect(name), [b"x"], [tcp.fileno()])
+            socket.send_fds(join(name), [b"x"], [tcp.fileno()])
             tcp.close()
             os._exit(0)
         note()
@@ -204,9 +199,9 @@ def become_other_user() -> None:
     die_with_parent()  # is forgotten at a change of the user
 
 
-def announce_swapped(note: Note, name: str, target: Path) -> None:
-    """Another user holds the name, lets receivers bind in a directory of his, and swaps a link in
-    for their socket file."""
+def announce_swapped(note: Note, name: str, put: Put) -> None:
+    """Another user holds the name, lets receivers bind in a directory of his, and swaps something
+    in for their socket file."""
     become_other_user()
     directory = Path(os.environ["TMPDIR"], "VlxSender-others")
     directory.mkdir()
@@ -214,32 +209,28 @@ def announce_swapped(note: Note, name: str, target: Path) -> None:
     path = directory / "nanomsgChannel.ipc"
     for client in greet(name, greeting(PIPELINE, path)):
         deadline = time.monotonic() + 0.2
-        while time.monotonic() < deadline and not swap(note, path, target):
+        while time.monotonic() < deadline and not swap(note, path, put):
             pass
         client.close()
 
 
-def swap(note: Note, path: Path, target: Path | None) -> bool:
-    """Puts a link, or without a target a directory, in the place of a file if it is there."""
-    try:
+def swap(note: Note, path: Path, put: Put) -> bool:
+    """Puts something in the place of a file if it is there."""
+    with suppress(OSError):
         path.unlink()
-        if target:
-            path.symlink_to(target)
-        else:
-            path.mkdir()
+        put(path)
         note()
         return True
-    except OSError:
-        return False
+    return False
 
 
-def swap_in_directories(note: Note, target: Path | None) -> None:
+def swap_in_directories(note: Note, put: Put) -> None:
     """Another user waits for senders' directories and swaps in every one that lets him."""
     become_other_user()
     done = set()
     while True:
         for entry in set(Path(os.environ["TMPDIR"]).glob("VlxSender-*")) - done:
-            if swap(note, entry / "nanomsgChannel.ipc", target):
+            if swap(note, entry / "nanomsgChannel.ipc", put):
                 done.add(entry)
 
 

@@ -7,7 +7,7 @@ from pathlib import Path
 import time
 from typing import Callable
 
-from fleet import End, Losses, PauseProbe, Stream, are_delivering, kill_all
+from fleet import End, Losses, PauseProbe, Stream, delivery, kill_all
 from shared import Table, wait_until
 
 OK, FAILED, LIMIT, SKIPPED = "ok", "FAILED", "limit", "skipped"  # limit: documented, no success
@@ -29,6 +29,9 @@ class Run:
     verdict: str = OK
     figures: list[str] = field(default_factory=list)
 
+    def __post_init__(self) -> None:
+        os.environ["TMPDIR"] = str(self.directory)
+
     @property
     def limit(self) -> float:
         """Seconds within which everybody has to be back."""
@@ -42,31 +45,25 @@ class Run:
     def tell(self, figure: str) -> None:
         self.figures.append(figure)
 
-    def check(self, kept: object, otherwise: str) -> None:
+    def check(self, kept: object, otherwise: str, verdict: str = FAILED) -> None:
         """Tells a broken promise, and goes on."""
         if not kept:
-            self.verdict = FAILED
+            self.verdict = verdict
             self.tell(otherwise)
 
-    def require(self, kept: object, otherwise: str) -> None:
+    def require(self, kept: object, otherwise: str, verdict: str = FAILED) -> None:
         """Tells a broken promise, and ends."""
-        self.check(kept, otherwise)
+        self.check(kept, otherwise, verdict)
         if not kept:
-            raise Over
-
-    def skip_unless(self, possible: object, reason: str) -> None:
-        if not possible:
-            self.verdict = SKIPPED
-            self.tell(reason)
             raise Over
 
     def require_root(self) -> None:
-        self.skip_unless(os.geteuid() == 0, "only root can become another user")
+        self.require(os.geteuid() == 0, "only root can become another user", SKIPPED)
 
-    def within(self, condition: Callable[[], object], otherwise: str) -> bool:
-        """Whether it came true within the limit; if not, a broken promise."""
-        kept = wait_until(self.limit, condition)
-        self.check(kept, f"{otherwise} within {self.limit} s")
+    def within(self, condition: Callable[[], object], otherwise: str, more: float = 0) -> bool:
+        """Whether it came true within the limit and some seconds more; if not, a broken promise."""
+        kept = wait_until(self.limit + more, condition)
+        self.check(kept, f"{otherwise} within {self.limit + more} s")
         return kept
 
     def start(self, num_consumers: int, **options: object) -> Stream:
@@ -93,15 +90,17 @@ class Run:
 
     def check_bystanders(self, stream: Stream, handles: bool = True) -> None:
         """Nothing was lost without a pause of the machine, all deliver, and nothing is left."""
-        self.check(are_delivering(stream.consumers, self.limit),
-                   f"a receiver gets no frames any more within {self.limit} s")
+        self.within(delivery(stream.consumers), "a receiver gets no frames any more")
         if handles:
             self.check_handles(stream)
         self.lose(stream.consumers, stream.since)
 
     def resume(self, stream: Stream) -> float:
         """Restarts the producer; how long it took until all deliver."""
-        took = stream.delivery_ms(stream.restart(), self.limit)
+        killed = time.monotonic_ns()
+        stream.producer.kill()
+        stream.producer = stream.start_producer()
+        took = stream.delivery_ms(killed, self.limit)
         self.require(took is not None, f"no frames within {self.limit} s after a restart")
         return took
 
@@ -121,11 +120,6 @@ def row(mode: str, name: str, text: str, promise: str, *arguments: object) -> Ca
         rows[name] = (text, promise, lambda run: function(run, *arguments))
         return function
     return add
-
-
-def select(mode: str, text: str) -> list[str]:
-    """The row of this name, or those whose names hold the text."""
-    return [text] if text in ROWS[mode] else [name for name in ROWS[mode] if text in name]
 
 
 def run_rows(mode: str, names: list[str], make_run: Callable[[], Run]) -> int:

@@ -1,4 +1,6 @@
-"""A long run that looks for growth: memory, descriptors, threads, and loss over time."""
+"""One sender and 16 receivers, with a new sequence every 2 s, a client that comes and goes, and 4
+of the receivers leaving and joining again and again: memory, descriptors, threads and loss of each
+process over time."""
 
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -15,14 +17,12 @@ SEQUENCE_EVERY_MS = 2_000
 WARM_UP_SHARE = 0.2  # of the samples, left out of every judgement
 LEAST_NOISE_KIB = 16  # four pages: memory comes in pages
 
-Sample = tuple[float, float, float, float, int]  # s, PSS KiB, descriptors, threads, lost
-
 
 @dataclass
 class Group:
     name: str
     ends: list[End]
-    samples: list[Sample] = field(default_factory=list)
+    samples: list[tuple] = field(default_factory=list)  # s, PSS KiB, descriptors, threads, lost
 
     def take_sample(self, seconds: float) -> None:
         """Means over the processes at one moment."""
@@ -37,13 +37,12 @@ PANELS = ("memory per process, PSS, KiB", "descriptors", "threads", "frames lost
 def draw(groups: list[Group], target: Path) -> None:
     """A panel for each figure, above each other."""
     try:
-        import matplotlib
-        matplotlib.use("svg")
-        from matplotlib import pyplot
+        from matplotlib.figure import Figure
     except ImportError:
         print("no picture: python3-matplotlib is not installed")
         return
-    figure, panels = pyplot.subplots(len(PANELS), sharex=True, figsize=(9, 12))
+    figure = Figure(figsize=(9, 12), layout="constrained")
+    panels = figure.subplots(len(PANELS), sharex=True)
     for group, colour in zip(groups, ("0.55", "#0050c8", "0.25")):  # the steady ones stand out
         seconds, *columns = zip(*group.samples)
         for panel, text, values in zip(panels, PANELS, columns):
@@ -51,7 +50,6 @@ def draw(groups: list[Group], target: Path) -> None:
             panel.set(ylabel=text, xlabel="minutes", ylim=(0, None))
             panel.grid(color="0.9")
             panel.legend(frameon=False, fontsize="small")
-    figure.tight_layout()
     figure.savefig(target)
     print(f"picture: {target}\n")
 

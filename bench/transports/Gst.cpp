@@ -2,6 +2,7 @@
 /// of one buffer: appsrc ! SINK and SOURCE ! appsink. Variant "shm": shmsink and shmsrc. "vlx":
 /// vlxsink and vlxsrc, with the packets as samples of a stereo stream.
 
+#include <deque>
 #include <memory>
 
 #include <gst/app/gstappsink.h>
@@ -100,13 +101,13 @@ SendFrame openStream(const Plan& plan)
 void startReceiving(const Plan& plan, FrameHandler handler)
 {
     // Both last as long as the process.
-    const auto* const pipeline = new Element(parsePipeline(describeReceiver(plan)));
+    static std::deque<Element> pipelines;
+    const Element& pipeline = pipelines.emplace_back(parsePipeline(describeReceiver(plan)));
     auto* const lastingHandler = new FrameHandler(std::move(handler));
     GstAppSinkCallbacks callbacks{};
     callbacks.new_sample = onSample;
-    gst_app_sink_set_callbacks(
-        GST_APP_SINK(getEnd(*pipeline)), &callbacks, lastingHandler, nullptr);
-    play(*pipeline);
+    gst_app_sink_set_callbacks(GST_APP_SINK(getEnd(pipeline)), &callbacks, lastingHandler, nullptr);
+    play(pipeline);
 }
 
 } // namespace vlx::bench
