@@ -92,7 +92,8 @@ SendFrame openStream(const Plan& plan)
     play(pipeline);
     return [pipeline, input = GST_APP_SRC(getEnd(pipeline))](std::uint64_t, Bytes packet)
     {
-        GstBuffer* const buffer = gst_buffer_new_memdup(packet.data(), packet.size());
+        GstBuffer* const buffer = gst_buffer_new_allocate(nullptr, packet.size(), nullptr);
+        gst_buffer_fill(buffer, 0, packet.data(), packet.size());
         GST_BUFFER_DURATION(buffer) = BufferDurationNs;
         gst_app_src_push_buffer(input, buffer);
     };
