@@ -399,16 +399,13 @@ bool Consumer::Impl::approachSender()
             break;
         if (!answer.reached)
         {
-            const std::optional<Obstacle> setback = std::exchange(m_setback, std::nullopt);
-            if (!setback || setback->kind != Kind::Failed)
-            {
-                m_told.clear();
-                return true;
-            }
             // Whoever was there may still be: without a descriptor nobody can be asked.
-            tellOnce(*setback);
-            pause(PauseMs);
-            continue;
+            const std::optional<Obstacle> setback = std::exchange(m_setback, std::nullopt);
+            if (setback && setback->kind == Kind::Failed)
+                tellOnce(*setback);
+            else
+                m_told.clear();
+            return true;
         }
         const bool hasHung = !answer.initialInfo && answer.closedEarly &&
                              getMonotonicSysclockTime() - begin >= QuickCloseNs;
