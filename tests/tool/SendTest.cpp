@@ -130,7 +130,8 @@ TEST_F(SendTest, CatchingUpAfterAPauseLosesNothing)
     constexpr int NumTries = 8;
     constexpr std::uintmax_t NumPauses = 2;
     constexpr auto Pause = milliseconds(400);
-    constexpr std::uintmax_t BytesPerSecond = 96000 * 8 * 2;
+    constexpr std::uintmax_t BytesPerSample = 16; // of 8 channels
+    constexpr std::uintmax_t BytesPerSecond = 96000 * BytesPerSample;
     bool nothingLost = false;
     for (int i = 0; i < NumTries && !nothingLost; ++i)
     {

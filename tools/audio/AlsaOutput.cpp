@@ -267,7 +267,8 @@ private:
             return;
         }
         const TimedSamples& front = m_queue.front();
-        const double samples = static_cast<double>(front.values.size() / m_channels);
+        const std::size_t numSamples = front.values.size() / m_channels;
+        const auto samples = static_cast<double>(numSamples);
         m_inputEndNs = front.dueNs + samples * NsPerSecond / m_format.rate;
         m_unplayed += samples;
         m_pending.insert(m_pending.end(), front.values.begin(), front.values.end());
