@@ -40,6 +40,9 @@ using Clock = std::chrono::steady_clock;
 constexpr auto JoiningTime = std::chrono::seconds(1);
 
 constexpr auto ReceiverCheckInterval = std::chrono::milliseconds(5);
+// A receiver that waits for the stream has joined 2 ms after it opens: then it is looked for closely.
+constexpr auto PromptJoinTime = std::chrono::milliseconds(50);
+constexpr auto PromptCheckInterval = std::chrono::milliseconds(1);
 
 // Longer ones are no durations, and must not overflow the arithmetic.
 constexpr TimeValue MaxTailWaitNs = 3600ULL * 1'000'000'000;
@@ -340,10 +343,13 @@ bool Producer::Impl::waitForReceivers(std::size_t count, std::chrono::nanosecond
     {
         if (checkReceivers() >= count)
             return isUsable();
-        if (timeout > timeout.zero() && Clock::now() - start >= timeout)
+        const auto waited = Clock::now() - start;
+        if (timeout > timeout.zero() && waited >= timeout)
             return fail("too few receivers have joined in time");
         std::unique_lock<std::mutex> lock(m_mutex);
-        m_stopRequested.wait_for(lock, ReceiverCheckInterval, [this] { return m_stopped.load(); });
+        m_stopRequested.wait_for(
+            lock, waited < PromptJoinTime ? PromptCheckInterval : ReceiverCheckInterval,
+            [this] { return m_stopped.load(); });
     }
     return false;
 }
