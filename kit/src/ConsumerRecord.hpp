@@ -26,7 +26,7 @@ public:
 
     /// @param stallLimitNs  time without a frame after which a connection counts as stalled; 0:
     ///                      never. A sender that is merely paused looks the same, so it doubles
-    ///                      with each stall that neither a frame nor its end followed, up to
+    ///                      with each stall until a frame comes or the sender goes, up to
     ///                      sixteenfold
     explicit ConsumerRecord(TimeValue stallLimitNs) : m_stallLimitNs(stallLimitNs) {}
 
