@@ -16,4 +16,11 @@ inline std::string getBaseDirectory()
     return directory != nullptr ? directory : "/tmp/vlx";
 }
 
+/// @param chosen  directory that the application has set; empty: the environment decides
+/// @return the directory in which every sender makes its own
+inline std::string getBaseDirectory(const std::string& chosen)
+{
+    return chosen.empty() ? getBaseDirectory() : chosen;
+}
+
 } // namespace vlx

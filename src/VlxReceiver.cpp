@@ -240,6 +240,27 @@ void Receiver::setNewSequenceCallback(std::function<void(Depayloader&)> callback
     m_newSequenceCallback = std::move(callback);
 }
 
+void Receiver::setInitialInfoCheckCallback(
+    std::function<std::optional<std::string>(const ByteView&, const PeerCredentials&)> callback)
+{
+    m_initialInfoCheckCallback = std::move(callback);
+}
+
+void Receiver::setMaxSidechannelMessageSize(std::uint32_t bytes)
+{
+    m_maxSidechannelMessageSize = bytes;
+}
+
+void Receiver::setRefusedFrameCallback(std::function<void(FrameRefusal)> callback)
+{
+    m_refusedFrameCallback = std::move(callback);
+}
+
+void Receiver::setBaseDirectory(std::string directory)
+{
+    m_baseDirectory = std::move(directory);
+}
+
 bool Receiver::initializeReceiver(std::string socketAddress)
 {
     if (getState() != State::Idle)
@@ -449,6 +470,13 @@ bool Receiver::handleConnectingState()
             disconnectSidechannel();
             m_connectingState = ConnectingState::NotConnected;
             return true;
+        case InitialInfoRetval::Refused:
+            LOG4CPLUS_DEBUG(
+                logger, "Initial info refused; retrying in " << ReconnectDelayMs << " ms");
+            disconnectSidechannel();
+            m_connectingState = ConnectingState::NotConnected;
+            waitBeforeReconnect();
+            return true;
         case InitialInfoRetval::Pending:
             return true;
         }
@@ -589,6 +617,9 @@ Receiver::InitialInfoRetval Receiver::listenForInitialInfo()
         return InitialInfoRetval::Failure;
     if (result != MessageComplete)
         return InitialInfoRetval::Pending;
+    const std::optional<std::string> uri = checkInitialInfo();
+    if (!uri)
+        return InitialInfoRetval::Refused;
 
     LOG4CPLUS_DEBUG(
         logger,
@@ -602,6 +633,12 @@ Receiver::InitialInfoRetval Receiver::listenForInitialInfo()
                     << "  time sync protocol: " << toString(m_initialInfo.timeSyncProtocol)
                     << "  nanomsg protocol: " << toString(m_initialInfo.nanomsgProtocol)
                     << "  nanomsg URI: " << m_initialInfo.nanomsgURI);
+    if (!uri->empty())
+    {
+        LOG4CPLUS_DEBUG(logger, "Using nanomsg URI " << *uri << " instead");
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_initialInfo.nanomsgURI = *uri;
+    }
 
     m_syncedNetClock.stopSynchronization();
     if (m_initialInfo.timeSyncProtocol == TimeSyncProtocol::MonotonicSystemClock)
@@ -620,6 +657,24 @@ Receiver::InitialInfoRetval Receiver::listenForInitialInfo()
     LOG4CPLUS_DEBUG(logger, "VLX time sync port is nonzero; starting time synchronization");
     startClockSynchronization();
     return InitialInfoRetval::Success;
+}
+
+/// @return the URI to use, empty for the announced one; nothing if the sender is refused
+std::optional<std::string> Receiver::checkInitialInfo()
+{
+    if (!m_initialInfoCheckCallback)
+        return std::string();
+
+    ucred peer{};
+    socklen_t size = sizeof(peer);
+    if (::getsockopt(m_sideChannelSocketFD, SOL_SOCKET, SO_PEERCRED, &peer, &size) < 0)
+    {
+        const int error = errno;
+        LOG4CPLUS_ERROR(
+            logger, "Could not get the credentials of the sender: " << describeError(error));
+        return std::nullopt;
+    }
+    return m_initialInfoCheckCallback(m_sidechannelBuffer, {peer.pid, peer.uid, peer.gid});
 }
 
 void Receiver::storeInitialInfo(InitialInfo info)
@@ -913,6 +968,8 @@ bool Receiver::shouldPacketBeKept(const ByteView& packet)
         LOG4CPLUS_DEBUG(
             logger, "dropping VLX packet because it is too old (current sequence nr: "
                         << m_currentSequenceNr << " packet sequence nr: " << sequenceNr << ")");
+        if (type == PacketType::Frame)
+            reportRefusedFrame(FrameRefusal::TooOld);
         return false;
     }
 
@@ -937,6 +994,7 @@ bool Receiver::shouldPacketBeKept(const ByteView& packet)
             "dropping VLX Frame packet because its sequence number does not match the current one "
             "(current sequence nr: "
                 << m_currentSequenceNr << " packet sequence nr: " << sequenceNr << ")");
+        reportRefusedFrame(FrameRefusal::UnknownSequence);
         return false;
     }
     if (type == PacketType::SequenceInfo)
@@ -960,6 +1018,12 @@ bool Receiver::isSequenceNrTooOld(unsigned short sequenceNr) const
     if (sequenceNr >= LowestNumberBeforeWrap && m_currentSequenceNr <= HighestNumberAfterWrap)
         return true;
     return sequenceNr < m_currentSequenceNr;
+}
+
+void Receiver::reportRefusedFrame(FrameRefusal refusal) const
+{
+    if (m_refusedFrameCallback)
+        m_refusedFrameCallback(refusal);
 }
 
 bool Receiver::handleSequenceInfoPacket()
@@ -1067,7 +1131,7 @@ void Receiver::startFsMonitorThread()
 {
     LOG4CPLUS_DEBUG(logger, __PRETTY_FUNCTION__);
 
-    const std::string path = getBaseDirectory();
+    const std::string path = getBaseDirectory(m_baseDirectory);
     m_inotifyFD = ::inotify_init();
     setCloseOnExec(m_inotifyFD);
     m_inotifyWatch = ::inotify_add_watch(m_inotifyFD, path.c_str(), IN_CREATE | IN_EXCL_UNLINK);
@@ -1150,6 +1214,14 @@ int Receiver::readSidechannelMessage()
         if (m_sidechannelBytesRead >= PrefixBytes)
         {
             std::memcpy(&m_sidechannelMessageSize, m_sidechannelBuffer.data(), PrefixBytes);
+            if (m_maxSidechannelMessageSize != 0 &&
+                m_sidechannelMessageSize > m_maxSidechannelMessageSize)
+            {
+                LOG4CPLUS_ERROR(
+                    logger, "Received sidechannel VLX message is too long: "
+                                << m_sidechannelMessageSize << " byte(s)");
+                return SidechannelGone;
+            }
             m_sidechannelBuffer.resize(m_sidechannelMessageSize);
             m_sidechannelBytesRead = 0;
         }

@@ -52,11 +52,12 @@ constexpr std::size_t FirstClientEntry = 2;
 
 /// Makes the sender's own directory.
 ///
+/// @param base  where it is made
 /// @param path  becomes the directory's path; empty if it cannot be made
 /// @return 0, or the system's error number
-int makeTempDirectory(std::string& path)
+int makeTempDirectory(const std::string& base, std::string& path)
 {
-    path = getBaseDirectory() + "/" + SenderDirectoryPrefix + "XXXXXX";
+    path = base + "/" + SenderDirectoryPrefix + "XXXXXX";
     if (::mkdtemp(path.data()) == nullptr)
     {
         const int error = errno;
@@ -114,6 +115,12 @@ Sender::~Sender()
     shutdownSender();
 }
 
+void Sender::setBaseDirectory(std::string directory)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_baseDirectory = std::move(directory);
+}
+
 // NOLINTNEXTLINE(readability-function-size): its log lines carry this function's name
 bool Sender::initializeSender(
     std::string socketAddress,
@@ -155,7 +162,8 @@ bool Sender::initializeSender(
         return false;
     }
 
-    const int tempDirectoryError = makeTempDirectory(m_tempDirectory);
+    const int tempDirectoryError =
+        makeTempDirectory(getBaseDirectory(m_baseDirectory), m_tempDirectory);
     if (m_tempDirectory.empty())
     {
         LOG4CPLUS_ERROR(

@@ -6,8 +6,11 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
+
+#include <sys/types.h>
 
 #include <miscUtils/SyncedNetClock.hpp>
 #include <vlx/SideChannel.hpp>
@@ -16,6 +19,24 @@
 
 namespace vlx
 {
+
+/// A sender's process as the kernel recorded it when that process began to listen (SO_PEERCRED).
+struct PeerCredentials
+{
+    pid_t process; ///< 0 in a pid namespace that is not visible here; may have been reused since
+    uid_t user;    ///< effective; the overflow user id for one that is not mapped here
+    gid_t group;   ///< effective; likewise
+};
+
+/// Why a receiver has refused a Frame packet.
+enum class FrameRefusal : std::int32_t
+{
+    /// Of a sequence before the current one: normal for an instant after a new sequence.
+    TooOld = 0,
+    /// Of a newer sequence that was not announced here. All its frames are refused until the next
+    /// sequence or connection.
+    UnknownSequence = 1,
+};
 
 /// The consuming end of one stream: joins the sender of a given name, waits for it if it is not
 /// there, joins it again whenever the connection is lost, and calls the application back with each
@@ -33,7 +54,7 @@ namespace vlx
 /// Running does not mean that frames arrive. An application that cares watches for frames, and
 /// after some time without any, two seconds say, shuts the receiver down and initialises it again:
 ///   - the transport may drop the announcement of a sequence, and the receiver then refuses every
-///     frame until the next sequence or connection;
+///     frame until the next sequence or connection; setRefusedFrameCallback() reports that;
 ///   - a sender of another user whose socket file is not writable here never gets a frame across.
 ///
 /// Nothing is said about frames that are lost: a receiver notices them by the timestamps, where one
@@ -46,7 +67,8 @@ namespace vlx
 /// A receiver trusts the process that holds the sender's name, and every local process can hold it:
 /// a malformed first message, or one that names an unknown transport, stops this process with an
 /// assertion; the lengths that it announces are allocated; in Pipeline the receiver binds the path
-/// that it names and changes that file's mode.
+/// that it names and changes that file's mode. setInitialInfoCheckCallback() and
+/// setMaxSidechannelMessageSize() limit that trust.
 ///
 /// Logging goes to the log4cplus logger "Vellox", which the application configures; unconfigured,
 /// log4cplus prints a warning of its own.
@@ -123,12 +145,50 @@ public:
     /// depayloader.
     VLX_API void setNewSequenceCallback(std::function<void(Depayloader&)> callback);
 
+    /// Sets a check of the sender's first message on the connection that is about to be used, before
+    /// the message is parsed. Without it every sender is accepted.
+    ///
+    /// The callback gets the InitialInfo packet, of any size and content and valid during the call,
+    /// and the sender's credentials. It returns
+    ///   - std::nullopt to refuse: the connection is closed, and the next attempt follows as after
+    ///     any failed one, 400 ms later or when a sender appears;
+    ///   - an empty string to accept, with the main channel that the packet names;
+    ///   - another string to accept, with this URI for the main channel in place of the packet's.
+    ///     What the URI refers to, a descriptor for instance, must stay until the state changes to
+    ///     Connecting or Idle.
+    ///
+    /// After acceptance the packet is parsed as without a check, so a malformed packet or one that
+    /// names an unknown transport still stops the process: refuse such packets.
+    /// @thread the worker's, while State::Connecting; a stop waits for the call
+    VLX_API void setInitialInfoCheckCallback(std::function<std::optional<std::string>(
+                                                 const ByteView& packet,
+                                                 const PeerCredentials& peer)> callback);
+
+    /// Limits what a sender's sidechannel message may announce as its length. A longer one counts as
+    /// a lost sidechannel, with an ERROR in the log and before anything is allocated for it. Before
+    /// initializeReceiver().
+    ///
+    /// @param bytes  longest message that is accepted; 0, the default: no limit
+    VLX_API void setMaxSidechannelMessageSize(std::uint32_t bytes);
+
+    /// Called for each Frame packet that is refused because of its sequence number. Refusals of
+    /// FrameRefusal::UnknownSequence that go on mean that an announcement was missed: only the next
+    /// sequence or a new connection ends them.
+    /// @thread the worker's
+    VLX_API void setRefusedFrameCallback(std::function<void(FrameRefusal)> callback);
+
+    /// Sets the directory that is watched for starting senders. Before initializeReceiver().
+    ///
+    /// @param directory  path of an existing directory, where the sender makes its own; empty, the
+    ///                   default: "TMPDIR", or "/tmp/vlx" if that is not set
+    VLX_API void setBaseDirectory(std::string directory);
+
     /// Starts to look for the sender; returns at once, whether there is one or not.
     ///
     /// A signal that interrupts an attempt to connect costs that attempt, with an ERROR in the log.
-    /// A sender that starts is usually noticed at once, by its directory in "TMPDIR" (or
-    /// "/tmp/vlx"), and otherwise at the next attempt, 400 ms later: the directory appears a moment
-    /// before the sender listens. If the base directory does not exist when this is called, only
+    /// A sender that starts is usually noticed at once, by its directory in the base directory (see
+    /// setBaseDirectory()), and otherwise at the next attempt, 400 ms later: the directory appears a
+    /// moment before the sender listens. If the base directory does not exist when this is called, only
     /// every 400 ms.
     ///
     /// @param socketAddress  the sender's name in the abstract socket namespace; only the first 107
@@ -191,6 +251,7 @@ private:
         Success = 1,
         Aborted = 2,
         Failure = 3,
+        Refused = 4, // by the application's check
     };
 
     // Worker thread and state machine. All but the first three run on the worker.
@@ -210,6 +271,7 @@ private:
     ConnectionRetval connectSidechannel();
     void disconnectSidechannel();
     InitialInfoRetval listenForInitialInfo();
+    std::optional<std::string> checkInitialInfo();
     void storeInitialInfo(InitialInfo info);
     void startClockSynchronization();
     ConnectionRetval connectNanomsgMainChannel();
@@ -231,6 +293,7 @@ private:
     PacketResult takePacket(const ByteView& packet);
     bool shouldPacketBeKept(const ByteView& packet);
     bool isSequenceNrTooOld(unsigned short sequenceNr) const;
+    void reportRefusedFrame(FrameRefusal refusal) const;
 
     // Delivery. Worker thread; readiness also on the clock's thread. m_mutex must not be held.
     bool handleSequenceInfoPacket();
@@ -278,6 +341,11 @@ private:
     std::function<void()> m_connectionAttemptFailedCallback;
     std::function<void(TimeValue, TimeValue, const Buffer&)> m_mediaDataCallback;
     std::function<void(Depayloader&)> m_newSequenceCallback;
+    std::function<std::optional<std::string>(const ByteView&, const PeerCredentials&)>
+        m_initialInfoCheckCallback;
+    std::function<void(FrameRefusal)> m_refusedFrameCallback;
+    std::uint32_t m_maxSidechannelMessageSize = 0; // 0: no limit
+    std::string m_baseDirectory;                   // empty: from the environment
 
     // Sidechannel message reader; worker thread.
     static constexpr std::uint32_t ReadingPrefix = 0xFFFFFFFF; // in place of a size

@@ -43,10 +43,11 @@ class Payloader;
 ///   5. from the stopping thread disableSend(true), join the producing thread, shutdownSender().
 ///
 /// Every local process can join. In PubSub it must also be able to write to the main channel's
-/// socket file, "TMPDIR" (or "/tmp/vlx") + "/VlxSender-XXXXXX/nanomsgChannel.ipc", which gets the
-/// mode that the process's umask leaves: under the usual 022 another user's receiver goes Running
-/// and never gets a frame. A producer that serves other users changes the file's mode after
-/// initializeSender(); the URI that a sidechannel connection announces names the file.
+/// socket file, "VlxSender-XXXXXX/nanomsgChannel.ipc" in the base directory (see
+/// setBaseDirectory()). The file gets the mode that the process's umask leaves: under the usual 022
+/// another user's receiver goes Running and never gets a frame. A producer that serves other users
+/// changes the file's mode after initializeSender(); the URI that a sidechannel connection announces
+/// names the file.
 ///
 /// Logging goes to the log4cplus logger "Vellox", which the application configures; unconfigured,
 /// log4cplus prints a warning of its own.
@@ -63,9 +64,16 @@ public:
     Sender(const Sender&) = delete;
     Sender& operator=(const Sender&) = delete;
 
+    /// Sets the directory in which the stream's own directory is made. Before initializeSender().
+    ///
+    /// @param directory  path of an existing directory, which receivers watch; relative paths do not
+    ///                   reach receivers that work elsewhere. Empty, the default: "TMPDIR", or
+    ///                   "/tmp/vlx" if that is not set
+    VLX_API void setBaseDirectory(std::string directory);
+
     /// Opens the stream: listens on the sidechannel, makes a directory for the main channel's
-    /// socket file in "TMPDIR" (or "/tmp/vlx", which is not created here), and starts the listener
-    /// thread.
+    /// socket file in the base directory (see setBaseDirectory(), which is not created here), and
+    /// starts the listener thread.
     ///
     /// @param socketAddress             name of the stream in the abstract socket namespace; one
     ///                                  that is longer than 107 bytes is reported and cut
@@ -215,6 +223,8 @@ private:
     int m_nanomsgEndpointID = -1;
     std::string m_tempDirectory;
     std::string m_nanomsgIPCFilePath;
+
+    std::string m_baseDirectory; // empty: from the environment; guarded by m_mutex
 
     // Entry 0: read end of m_listenerWakeupPipe; entry 1: m_listenerSocketFD; then one per client.
     // Only the listener thread changes it while it runs, under m_mutex; it polls it without the

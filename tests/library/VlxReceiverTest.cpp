@@ -16,6 +16,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -30,6 +31,7 @@
 #include <vlx/VlxReceiver.hpp>
 
 #include "Bell.hpp"
+#include "PromptStop.hpp"
 #include "SocketFileMode.hpp"
 #include "support/LogCapture.hpp"
 #include "support/RawPeers.hpp"
@@ -52,6 +54,7 @@ using State = Receiver::State;
 
 using ::testing::_;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::StartsWith;
 
 namespace
@@ -531,6 +534,118 @@ TEST_F(ReceiverDeathTest, OnlyARunningReceiverReportsThatItIsReady)
     receiver.*Access::State = State::Idle;
 }
 
+TEST_F(ReceiverTest, ARefusedSenderIsTriedAgainAfterTheUsualWait)
+{
+    longConditionWaits = true; // only the bell and a stop end them
+    RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
+    RecordedReceiver receiver;
+    std::atomic<int> numChecks = 0;
+    Buffer seen;
+    std::optional<PeerCredentials> peer;
+    receiver.get().setInitialInfoCheckCallback(
+        [&](const ByteView& packet,
+            const PeerCredentials& credentials) -> std::optional<std::string>
+        {
+            seen.assign(packet.begin(), packet.end());
+            peer = credentials;
+            return ++numChecks <= 2 ? std::nullopt : std::optional<std::string>("");
+        });
+    const auto refusesNext = [&](const std::function<void()>& whileWaiting)
+    {
+        const int numWaits = numConditionWaits;
+        RawConnection connection{Descriptor()};
+        EXPECT_TRUE(waitFor(
+            [&]
+            {
+                whileWaiting();
+                connection = sender.getListener().accept(std::chrono::milliseconds(1));
+                return connection.isOpen();
+            }));
+        // Parsing it would stop the process.
+        EXPECT_TRUE(connection.send(makeSidechannelMessage(fromHex("FF"))));
+        EXPECT_TRUE(connection.waitForClose());
+        ASSERT_TRUE(waitFor([&] { return numConditionWaits > numWaits; }));
+        EXPECT_EQ(std::exchange(seen, {}), fromHex("FF"));
+    };
+
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    refusesNext([] {});
+    EXPECT_FALSE(sender.getListener().accept({}).isOpen()) << "without a pause";
+    refusesNext([] { kit::ringBell(); });
+    receiver.stop();
+    while (sender.getListener().accept({}).isOpen()) // a bell that was heard late
+    {
+    }
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    EXPECT_TRUE(sender.serve());
+    EXPECT_TRUE(receiver.waitForEvent("ready"));
+    EXPECT_EQ(seen, sender.getInitialInfo());
+    ASSERT_TRUE(peer);
+    EXPECT_EQ(peer->process, ::getpid());
+    EXPECT_EQ(peer->user, ::geteuid());
+    EXPECT_EQ(peer->group, ::getegid());
+    EXPECT_FALSE(hasLoggedProblems());
+    longConditionWaits = false;
+}
+
+TEST_P(ReceiverTransportTest, TheCheckChoosesTheMainChannel)
+{
+    auto sender = makeSender();
+    const Descriptor directory(::open(getTempDirectory().c_str(), O_PATH | O_CLOEXEC));
+    const std::string uri = "ipc:///proc/self/fd/" + std::to_string(directory.get()) + "/raw.ipc";
+    RecordedReceiver receiver;
+    receiver.get().setInitialInfoCheckCallback([&](const ByteView&, const PeerCredentials&)
+                                               { return uri; });
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    RawConnection connection = sender->getListener().accept();
+    ASSERT_TRUE(connection.send(
+        makeSidechannelMessage(makeInitialInfo("ipc:///nowhere/at/all", GetParam()))));
+    ASSERT_TRUE(connection.send(makeSidechannelMessage(makeSequenceInfo(1))));
+    ASSERT_TRUE(receiver.waitForEvent("ready"));
+    ASSERT_TRUE(sender->joinMainChannel());
+    ASSERT_TRUE(sender->sendOverMainChannel(makeFrame(1, 7)));
+    EXPECT_TRUE(receiver.waitForEvent("frame 7"));
+    EXPECT_TRUE(log().contains(debugLog(
+        ::testing::AllOf(StartsWith("VLX initial info:"), EndsWith("ipc:///nowhere/at/all")))));
+    receiver.stop();
+}
+
+TEST_F(ReceiverTest, SidechannelMessagesCanBeLimited)
+{
+    const struct
+    {
+        std::uint32_t limit;
+        std::uint32_t announced;
+        bool isAccepted;
+    } rows[] = {
+        {0, 100'000, true}, {10, 10, true},          {10, 11, false},
+        {10, 0, true},      {10, 0x7FFFFFFF, false}, {10, 0xFFFFFFFF, false},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.announced);
+        Receiver receiver;
+        receiver.setMaxSidechannelMessageSize(row.limit);
+        std::array<int, 2> ends = {-1, -1};
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+        const Descriptor peer(ends[0]);
+        receiver.*Access::SidechannelSocketFD = ends[1];
+        ASSERT_EQ(::write(peer.get(), &row.announced, sizeof(row.announced)), 4);
+        log().clear();
+        EXPECT_EQ((receiver.*Access::ReadSidechannelMessage)(), row.isAccepted ? 0 : 2);
+        if (row.isAccepted)
+            EXPECT_TRUE(log().isExactly({}));
+        else
+        {
+            EXPECT_EQ((receiver.*Access::SidechannelBuffer).size(), 4U) << "nothing is allocated";
+            EXPECT_TRUE(log().isExactly({errorLog(
+                "Received sidechannel VLX message is too long: " + std::to_string(row.announced) +
+                " byte(s)")}));
+        }
+        (receiver.*Access::DisconnectSidechannel)();
+    }
+}
+
 // Main channel
 
 TEST_F(ReceiverTest, GivesUpWithoutAMainChannel)
@@ -733,6 +848,8 @@ TEST_F(ReceiverTest, SequenceNumbersDecideWhatIsKept)
             std::to_string(row.current) + ", packet " + std::to_string(row.packet) + ", type " +
             std::to_string(row.type));
         Receiver receiver;
+        std::optional<FrameRefusal> refusal;
+        receiver.setRefusedFrameCallback([&](FrameRefusal reason) { refusal = reason; });
         log().clear();
         receiver.*Access::CurrentSequenceNr = row.current;
         Buffer packet = makeSequenceInfo(row.packet);
@@ -741,6 +858,8 @@ TEST_F(ReceiverTest, SequenceNumbersDecideWhatIsKept)
         EXPECT_EQ((receiver.*Access::ShouldPacketBeKept)(packet), row.isKept);
         const bool isAdopted = row.isKept && row.type == Sequence;
         EXPECT_EQ(receiver.*Access::CurrentSequenceNr, isAdopted ? row.packet : row.current);
+        EXPECT_EQ(refusal == FrameRefusal::TooOld, row.type == Frame && row.message == tooOld);
+        EXPECT_EQ(refusal == FrameRefusal::UnknownSequence, row.message == mismatch);
         if (row.message.empty())
             EXPECT_TRUE(log().isExactly({}));
         else
@@ -1024,6 +1143,25 @@ TEST_F(ReceiverTest, DirectoriesOfSendersAreSeenAtTheStart)
         receiver.stop();
         fs::remove(directory / row.entry);
     }
+}
+
+TEST_F(ReceiverTest, WatchesTheDirectoryThatItIsGiven)
+{
+    const fs::path directory = fs::path(getTempDirectory()) / "base";
+    fs::create_directory(directory);
+    RecordedReceiver receiver;
+    receiver.get().setBaseDirectory(directory);
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    EXPECT_TRUE(log().contains(debugLog("Opened " + directory.string())));
+    const fs::path entry = directory / "VlxSender-abcdef";
+    fs::create_directory(entry);
+    EXPECT_TRUE(log().waitFor(debugLog(StartsWith("Sender VlxSender-abcdef initializing"))));
+    receiver.get().setBaseDirectory(""); // for the next start
+    kit::stopPromptly(receiver.get(), directory);
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    EXPECT_TRUE(log().contains(debugLog("Opened " + getTempDirectory())));
+    receiver.stop();
+    fs::remove_all(directory);
 }
 
 TEST_F(ReceiverTest, WithoutTheDirectoryItConnectsAllTheSame)

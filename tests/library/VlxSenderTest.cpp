@@ -370,6 +370,25 @@ TEST_F(SenderTest, TempDirectoryIsWhereTheVariableSays)
     release(sender);
 }
 
+TEST_F(SenderTest, ADirectoryThatIsSetGoesBeforeTheVariable)
+{
+    const fs::path base = fs::path(getTempDirectory()) / "base";
+    fs::create_directory(base);
+    ::setenv("TMPDIR", "/nowhere/at/all", 1);
+    m_sender.setBaseDirectory(base);
+    ASSERT_TRUE(initialize());
+    EXPECT_THAT(
+        m_sender.*Access::NanomsgURI,
+        MatchesRegex("ipc://" + base.string() + "/VlxSender-[A-Za-z0-9]+/nanomsgChannel.ipc"));
+    m_sender.shutdownSender();
+    EXPECT_TRUE(fs::remove(base)) << "nothing is left in it";
+
+    m_sender.setBaseDirectory("");
+    ::setenv("TMPDIR", getTempDirectory().c_str(), 1);
+    ASSERT_TRUE(initialize());
+    EXPECT_THAT(m_sender.*Access::NanomsgURI, StartsWith("ipc://" + getTempDirectory()));
+}
+
 TEST_P(SenderTransportTest, TempDirectoryIsOpenToEveryone)
 {
     const mode_t mask = ::umask(0077);
