@@ -11,6 +11,8 @@
 #include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/BaseDirectory.hpp>
 
+#include "BaseDirectoryTrust.hpp"
+
 namespace vlx::kit
 {
 
@@ -30,6 +32,12 @@ std::string describe(const std::string& path, int error)
     return '"' + path + "\": " + miscUtils::strerror_r_safe(error);
 }
 
+/// @return the command that makes a base directory for all users
+std::string makeRemedy(const std::string& path)
+{
+    return "install -d -m 1777 -o root " + path;
+}
+
 void createSharedDirectory(BaseDirectory& base)
 {
     if (::mkdir(base.path.c_str(), SharedDirectoryMode) == 0)
@@ -43,9 +51,26 @@ void createSharedDirectory(BaseDirectory& base)
             ::close(fd);
         }
         base.created = true;
+        base.notice = "created " + base.path + " (mode 1777), where senders and receivers meet";
+        if (::geteuid() != 0)
+            base.notice += "; other users are refused until root owns it: " + makeRemedy(base.path);
     }
     else if (errno != EEXIST)
         base.problem = "cannot create base directory " + describe(base.path, errno);
+}
+
+/// @return as findDistrust(); also for a link, which its owner can point elsewhere
+std::string findDistrustOfPath(const std::string& path, const struct stat& target)
+{
+    struct stat link = {};
+    if (::lstat(path.c_str(), &link) == 0 && S_ISLNK(link.st_mode))
+    {
+        link.st_mode = 0; // only the owner of a link counts
+        const std::string distrust = findDistrust(link);
+        if (!distrust.empty())
+            return "is a link that " + distrust;
+    }
+    return findDistrust(target);
 }
 
 std::string findProblem(const BaseDirectory& base, BaseDirectoryUse use, const std::string& source)
@@ -56,6 +81,10 @@ std::string findProblem(const BaseDirectory& base, BaseDirectoryUse use, const s
     const std::string subject = source + " \"" + base.path + '"';
     if (!S_ISDIR(status.st_mode))
         return subject + " is not a directory";
+    const std::string distrust = findDistrustOfPath(base.path, status);
+    if (!distrust.empty())
+        return subject + " " + distrust + "; as root run \"" + makeRemedy(base.path) +
+               "\", or let TMPDIR name a directory of your own";
     if (use == BaseDirectoryUse::Receive)
         return {};
     if (!base.writable)

@@ -207,8 +207,8 @@ bool Producer::Impl::openSender()
         BaseDirectoryUse::Send, m_options.baseDirectory.empty() ? "" : getBaseDirectory());
     if (!base.problem.empty())
         return fail(base.problem);
-    if (base.created)
-        notify("created " + base.path + " (mode 1777), where senders and receivers meet");
+    if (!base.notice.empty())
+        notify(base.notice);
 
     const RealTimeScope realTime(m_options.realTime);
     if (!realTime.getProblem().empty())

@@ -25,18 +25,24 @@ struct BaseDirectory
     std::string problem;
     /// The directory was made by this call.
     bool created = false;
+    /// What the user should know about a directory that was made, in one line; otherwise empty.
+    std::string notice;
     /// Entries can be made there. A receiver works without, but its stop takes up to 5 seconds.
     bool writable = false;
 };
 
-/// Finds the directory in which senders meet their receivers, and checks that it serves. "/tmp/vlx"
-/// is made, with mode 1777, if it is missing and nothing else is wanted.
+/// Finds and checks the directory in which senders meet their receivers. Creates "/tmp/vlx", with mode
+/// 1777, if it is missing and no other directory is set.
+///
+/// Refuses a directory in which another user could replace a stream's directory: one that belongs
+/// neither to root nor to the effective user, and one that other users may write to without the
+/// sticky bit.
 ///
 /// The library makes no such check: a sender without the directory fails to initialise, and a
 /// receiver without it finds starting senders late. Call this before either is initialised.
 ///
-/// @param use        what it has to serve for
-/// @param directory  empty: "TMPDIR", or "/tmp/vlx"
+/// @param use        what the directory is needed for
+/// @param directory  path; empty: "TMPDIR", or "/tmp/vlx"
 /// @thread any
 VLX_API BaseDirectory prepareBaseDirectory(BaseDirectoryUse use, const std::string& directory = {});
 

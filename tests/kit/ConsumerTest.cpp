@@ -396,7 +396,7 @@ TEST_F(ConsumerTest, SaysWhereThisUserMayNotWrite)
     if (::geteuid() != 0)
         GTEST_SKIP() << "only root can become another user";
     constexpr uid_t OtherUser = 65534;
-    ASSERT_EQ(::chmod(getTempDirectory().c_str(), 0777), 0);
+    ASSERT_EQ(::chmod(getTempDirectory().c_str(), 01777), 0);
     for (const bool isThereFirst : {true, false})
     {
         RecordedConsumer consumer({.name = getSocketName(), .stallTimeout = 0ns});

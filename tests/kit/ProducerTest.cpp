@@ -253,6 +253,68 @@ TEST_F(ProducerTest, SaysWhatItCannotOpen)
     first.close();
 }
 
+TEST_F(ProducerTest, RefusesBaseDirectoryThatAnotherUserControls)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs a second user";
+    constexpr uid_t Other = 65534;
+    struct Row
+    {
+        uid_t owner;
+        mode_t mode;
+        uid_t linkOwner;     // of a link to it, which is used then
+        const char* problem; // null: none
+    };
+    constexpr uid_t NoLink = ~uid_t{0};
+    const Row rows[] = {
+        {0, 0700, NoLink, nullptr},
+        {0, 0755, NoLink, nullptr},
+        {0, 01777, NoLink, nullptr},
+        {0, 0777, NoLink, "has no sticky bit"},
+        {0, 0775, NoLink, "has no sticky bit"},
+        {0, 0757, NoLink, "has no sticky bit"},
+        {0, 01775, NoLink, nullptr},
+        {Other, 0700, NoLink, "belongs to user 65534"},
+        {Other, 01777, NoLink, "belongs to user 65534"},
+        {0, 01777, 0, nullptr},
+        {0, 01777, Other, "is a link that belongs to user 65534"},
+        {0, 0777, 0, "has no sticky bit"}};
+    const std::string directory = getTempDirectory() + "/base";
+    const std::string link = getTempDirectory() + "/link";
+    for (const Row& row : rows)
+    {
+        fs::create_directory(directory);
+        ASSERT_EQ(::chown(directory.c_str(), row.owner, 0), 0);
+        ASSERT_EQ(::chmod(directory.c_str(), row.mode), 0);
+        fs::create_directory_symlink(directory, link);
+        ASSERT_EQ(::lchown(link.c_str(), row.linkOwner == NoLink ? 0 : row.linkOwner, 0), 0);
+        ProducerOptions options = makeOptions();
+        options.baseDirectory = row.linkOwner == NoLink ? directory : link;
+        for (const auto use : {BaseDirectoryUse::Send, BaseDirectoryUse::Receive})
+        {
+            const std::string problem = prepareBaseDirectory(use, options.baseDirectory).problem;
+            EXPECT_EQ(problem.empty(), row.problem == nullptr) << problem << std::oct << row.mode;
+            EXPECT_THAT(problem, HasSubstr(row.problem == nullptr ? "" : row.problem));
+            EXPECT_THAT(
+                problem, HasSubstr(row.problem == nullptr ? "" : "install -d -m 1777 -o root"));
+        }
+        Producer producer(options);
+        EXPECT_EQ(producer.open(Format), row.problem == nullptr) << producer.getProblem();
+        producer.close();
+        fs::remove(link);
+        fs::remove(directory);
+    }
+
+    // The effective user counts, not the real one.
+    fs::create_directory(directory);
+    ASSERT_EQ(::chown(directory.c_str(), Other, 0), 0);
+    ASSERT_EQ(::chmod(getTempDirectory().c_str(), 0755), 0);
+    ASSERT_EQ(::seteuid(Other), 0);
+    EXPECT_EQ(prepareBaseDirectory(BaseDirectoryUse::Send, directory).problem, "");
+    ASSERT_EQ(::seteuid(0), 0);
+    fs::remove(directory);
+}
+
 TEST_F(ProducerTest, MeetsItsReceiversInAnotherDirectory)
 {
     const std::string directory = getTempDirectory() + "/other";
@@ -454,7 +516,7 @@ TEST_F(ProducerTest, ThreadsRunInRealTimeWhereTheUserMay)
         GTEST_SKIP() << "needs root, and a second user";
     const rlimit none{0, 0};
     ASSERT_EQ(::setrlimit(RLIMIT_RTPRIO, &none), 0);
-    ASSERT_EQ(::chmod(getTempDirectory().c_str(), 0777), 0);
+    ASSERT_EQ(::chmod(getTempDirectory().c_str(), 01777), 0);
     struct Row
     {
         uid_t user;

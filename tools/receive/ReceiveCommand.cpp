@@ -255,8 +255,8 @@ int runReceive(const ReceiveOptions& options, StopSignal& stop)
 {
     // What may be wrong with it, the consumer says.
     const auto base = kit::prepareBaseDirectory(kit::BaseDirectoryUse::Receive);
-    if (base.created)
-        printNotice("created " + base.path + " (mode 1777), where senders and receivers meet");
+    if (!base.notice.empty())
+        printNotice(base.notice);
     ReceiveControl control(options, stop);
     if (stop.isRequested())
         return toExitCode(stop.getSignalNumber());
