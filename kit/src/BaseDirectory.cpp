@@ -10,6 +10,7 @@
 
 #include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/BaseDirectory.hpp>
+#include <vlxkit/Text.hpp>
 
 #include "BaseDirectoryTrust.hpp"
 
@@ -29,7 +30,7 @@ constexpr mode_t SharedDirectoryMode = 01777;
 
 std::string describe(const std::string& path, int error)
 {
-    return '"' + path + "\": " + miscUtils::strerror_r_safe(error);
+    return quote(path) + ": " + miscUtils::strerror_r_safe(error);
 }
 
 /// @return the command that makes a base directory for all users
@@ -78,7 +79,7 @@ std::string findProblem(const BaseDirectory& base, BaseDirectoryUse use, const s
     struct stat status = {};
     if (::stat(base.path.c_str(), &status) != 0)
         return source + " " + describe(base.path, errno);
-    const std::string subject = source + " \"" + base.path + '"';
+    const std::string subject = source + " " + quote(base.path);
     if (!S_ISDIR(status.st_mode))
         return subject + " is not a directory";
     const std::string distrust = findDistrustOfPath(base.path, status);

@@ -16,6 +16,7 @@
 #include <vlxkit/BaseDirectory.hpp>
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
+#include <vlxkit/Text.hpp>
 
 #include "ConsumerRecord.hpp"
 #include "PromptStop.hpp"
@@ -55,11 +56,6 @@ constexpr int SequenceTimeoutMs = 5;
 constexpr int PatientSequenceTimeoutMs = 300;
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox.Kit"));
-
-std::string quote(const std::string& text)
-{
-    return '"' + text + '"';
-}
 
 TimeValue getEnd(int durationMs)
 {
@@ -485,8 +481,8 @@ std::optional<Consumer::Impl::Obstacle> Consumer::Impl::findObstacle(const Sende
         return std::nullopt;
     return Obstacle{
         Kind::CannotPlay,
-        "cannot play " + name + ": its codec \"" + toFourccText(*answer.fourcc) +
-            "\" is unknown here, or its header is none",
+        "cannot play " + name + ": its codec " + quote(toFourccText(*answer.fourcc)) +
+            " is unknown here, or its header is none",
         *answer.fourcc};
 }
 

@@ -18,6 +18,7 @@
 #include <vlxkit/BaseDirectory.hpp>
 #include <vlxkit/Discovery.hpp>
 #include <vlxkit/Producer.hpp>
+#include <vlxkit/Text.hpp>
 
 #include "Bell.hpp"
 #include "ScopedTmpdir.hpp"
@@ -51,11 +52,6 @@ constexpr TimeValue MaxTailWaitNs = 3600ULL * 1'000'000'000;
 constexpr std::uint32_t MaxChannels = 255;
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox.Kit"));
-
-std::string quote(const std::string& text)
-{
-    return '"' + text + '"';
-}
 
 bool isUsableName(const std::string& name)
 {

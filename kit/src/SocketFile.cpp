@@ -13,6 +13,7 @@
 
 #include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/Discovery.hpp>
+#include <vlxkit/Text.hpp>
 
 namespace vlx::kit
 {
@@ -49,7 +50,7 @@ constexpr Modes toModes(SocketMode mode)
 
 std::string describe(const std::string& path, int error)
 {
-    return "\"" + path + "\": " + miscUtils::strerror_r_safe(error);
+    return quote(path) + ": " + miscUtils::strerror_r_safe(error);
 }
 
 /// @return 0, or an error number: ENOTDIR for anything but a directory, EPERM for another user's
@@ -133,7 +134,7 @@ std::string protectSocketFile(const std::string& path, NanomsgProtocol protocol,
     if (!(isPipeline ? isJoinersSocketOrNothing(fd, name, mode) : isOwnSocket(fd, name)))
     {
         removeIntruder(fd, name);
-        return "somebody has replaced the sender's socket file \"" + path + "\"";
+        return "somebody has replaced the sender's socket file " + quote(path);
     }
     if (isPipeline) // its receiver sets the mode
         return {};

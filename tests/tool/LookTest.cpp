@@ -12,6 +12,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "support/RawSender.hpp"
 #include "support/TestProvider.hpp"
 #include "tool/ToolFixture.hpp"
 
@@ -213,7 +214,7 @@ TEST_F(LookTest, ListNamesTheLivingAndClearsUpAfterTheDead)
 
 TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
 {
-    const std::string evil = getSocketName() + "\t\x1b[2J\xff\u0085";
+    const std::string evil = getSocketName() + "\t\x1b[2J\xff\u0085\u202e\u200b";
     ToolProcess first(
         {"send", "-s", evil, "--tone", "440", "-f", "F32LE", "-r", "44.1k", "-c", "1"});
     ToolProcess second(send({"--silence", "--protocol", "pipeline", "--clock", "net"}));
@@ -236,9 +237,10 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
         ToolProcess look(arguments);
         EXPECT_EQ(look.wait(LongDeadline), 0);
         const std::string text = look.getOutput();
-        EXPECT_TRUE(contains(text, getSocketName() + "\\x09\\x1b[2J\\xff\\xc2\\x85")) << text;
+        EXPECT_TRUE(contains(text, getSocketName() + "\\x09\\x1b[2J\\xff\\xc2\\x85\\xe2\\x80\\xae"))
+            << text;
         EXPECT_TRUE(contains(text, "F32LE 44100 Hz 1ch")) << text;
-        EXPECT_FALSE(contains(text, "\x1b"));
+        EXPECT_FALSE(contains(text, "\x1b") || contains(text, "\u202e")) << text;
     }
     ToolProcess info({"info", getSocketName()});
     EXPECT_EQ(info.wait(), 0);
@@ -267,6 +269,32 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
     second.signal(SIGCONT);
     EXPECT_EQ(first.stop(), 128 + SIGTERM);
     EXPECT_EQ(second.stop(), 128 + SIGTERM);
+}
+
+TEST_F(LookTest, WhatAnImpostorAnnouncesHarmsNoTerminal)
+{
+    RawSidechannelServer impostor(getSocketName());
+    const Buffer announcement = makeSidechannelMessage(makeInitialInfo(
+        "ipc:///VlxSender-\nvlx: \x1b[2J\u202e\xff" + std::string(5000, 'x'),
+        NanomsgProtocol::PubSub));
+    const auto runBesideImpostor = [&](const std::vector<std::string>& arguments)
+    {
+        ToolProcess process(arguments);
+        while (!process.wait(std::chrono::milliseconds(1)))
+            impostor.accept(std::chrono::milliseconds(20)).send(announcement);
+        return process.getOutput() + process.getErrors();
+    };
+    for (const std::vector<std::string>& arguments :
+         {receive({file("a.wav"), "-vv", "--timeout", "1s"}),
+          {"monitor", getSocketName(), "-d", "1s"},
+          {"info", getSocketName()},
+          {"info", "--json", getSocketName()}})
+    {
+        const std::string text = runBesideImpostor(arguments);
+        EXPECT_TRUE(contains(text, "1b[2J")) << text;
+        EXPECT_FALSE(contains(text, "\x1b") || contains(text, "\u202e")) << text;
+        EXPECT_FALSE(contains(text, "\nvlx: \\x1b")) << text;
+    }
 }
 
 TEST_F(LookTest, MonitorSurvivesItsSender)

@@ -10,6 +10,7 @@
 #include <miscUtils/MiscUtils.hpp>
 
 #include "common/ExitCodes.hpp"
+#include "common/Text.hpp"
 
 namespace vlx::tool
 {
@@ -166,7 +167,7 @@ void AlsaDevice::close()
 
 void AlsaDevice::fail(const std::string& problem) const
 {
-    throw CommandFailure(ExitCode::Failed, "cannot play on \"" + m_name + "\": " + problem);
+    throw CommandFailure(ExitCode::Failed, "cannot play on " + quote(m_name) + ": " + problem);
 }
 
 void AlsaDevice::check(int error) const

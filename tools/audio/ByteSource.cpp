@@ -12,6 +12,7 @@
 #include "common/ExitCodes.hpp"
 #include "common/StandardStreams.hpp"
 #include "common/StopSignal.hpp"
+#include "common/Text.hpp"
 
 namespace vlx::tool
 {
@@ -50,7 +51,7 @@ void failToRead(const std::string& name, const std::string& reason)
 }
 
 ByteSource::ByteSource(const std::string& path, const StopSignal& stop, const Deadline& deadline)
-    : m_name(path == "-" ? "standard input" : "\"" + path + "\""), m_stop(stop)
+    : m_name(path == "-" ? "standard input" : quote(path)), m_stop(stop)
 {
     if (path == "-")
     {

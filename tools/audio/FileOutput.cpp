@@ -21,6 +21,7 @@
 #include "common/ExitCodes.hpp"
 #include "common/StandardStreams.hpp"
 #include "common/StopSignal.hpp"
+#include "common/Text.hpp"
 
 namespace vlx::tool
 {
@@ -86,7 +87,7 @@ const FileKind& findKind(const std::string& type)
         [&](const FileKind& kind) { return type.empty() || kind.extension == type; });
     if (found == std::end(FileKinds))
         throw CommandFailure(
-            ExitCode::Usage, "\"" + type + "\" is no kind of audio file; known are " +
+            ExitCode::Usage, quote(type) + " is no kind of audio file; known are " +
                                  listOutputTypes() + ", to be named by -t or the extension");
     return *found;
 }
@@ -142,7 +143,7 @@ public:
         bool isStream,
         const FileKind& kind,
         const OutputWaits& waits)
-        : m_name(path == "-" ? "standard output" : "\"" + path + "\""),
+        : m_name(path == "-" ? "standard output" : quote(path)),
           m_isStream(isStream),
           m_kind(kind),
           m_stop(waits.stop)

@@ -113,11 +113,6 @@ void addCommonOptions(CLI::App& command, CommonOptions& options)
         ->type_name("FILE");
 }
 
-std::string quote(const std::string& text)
-{
-    return "\"" + text + "\"";
-}
-
 std::uint64_t
 readNumber(const std::string& text, const std::pair<std::uint64_t, std::uint64_t>& range)
 {

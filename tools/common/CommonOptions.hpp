@@ -15,6 +15,7 @@
 #include <vlxkit/StreamFormat.hpp>
 
 #include "Messages.hpp"
+#include "Text.hpp"
 
 namespace CLI
 {
@@ -64,9 +65,6 @@ void addRealTimeOption(CLI::App& command, kit::RealTime& realTime);
 
 /// Adds "--report FILE".
 void addReportOption(CLI::App& command, std::string& path, const std::string& help);
-
-/// @return a text in the marks that set it apart within a message
-std::string quote(const std::string& text);
 
 /// Takes what an option is given; throws std::invalid_argument, which says what is wrong with it.
 using TextReader = std::function<void(const std::string& text)>;

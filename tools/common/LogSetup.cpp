@@ -19,6 +19,7 @@
 
 #include "ExitCodes.hpp"
 #include "Messages.hpp"
+#include "Text.hpp"
 
 namespace vlx::tool
 {
@@ -26,7 +27,7 @@ namespace vlx::tool
 namespace
 {
 
-constexpr const char* LogPattern = "%D{%H:%M:%S.%q} %-5p [%c] %m%n";
+constexpr const char* LogPattern = "%D{%H:%M:%S.%q} %-5p [%c] %m";
 
 // What a single -v shows of the library's DEBUG: who joins and who leaves, at either end.
 constexpr std::array<std::string_view, 5> JoinAndLeaveTexts = {
@@ -95,7 +96,8 @@ void readConfiguration(const std::string& path)
 {
     if (::access(path.c_str(), R_OK) != 0)
         throw CommandFailure(
-            ExitCode::Failed, "cannot read \"" + path + "\": " + miscUtils::strerror_r_safe(errno));
+            ExitCode::Failed,
+            "cannot read " + quote(path) + ": " + miscUtils::strerror_r_safe(errno));
     log4cplus::PropertyConfigurator::doConfigure(path);
 }
 

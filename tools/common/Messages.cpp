@@ -29,6 +29,9 @@ constexpr const char* ClearLine = "\r\033[K";
 constexpr const char* Red = "\033[31m";
 constexpr const char* PlainColor = "\033[0m";
 
+// A few times the longest part of one.
+constexpr std::size_t MaxLineLength = 4 * kit::MaxPrintableLength;
+
 void writeText(const std::string& text)
 {
     std::fwrite(text.data(), 1, text.size(), stderr);
@@ -81,19 +84,19 @@ void flushOutput()
 
 void printError(const std::string& text)
 {
-    const std::string line = style.command + ": " + text;
+    const std::string line = toPrintable(style.command + ": " + text, MaxLineLength);
     printLine(colored ? Red + line + PlainColor + "\n" : line + "\n");
 }
 
 void printNotice(const std::string& text)
 {
     if (!style.quiet)
-        printLine(style.command + ": " + text + "\n");
+        printLine(toPrintable(style.command + ": " + text, MaxLineLength) + "\n");
 }
 
 void printLogLine(const std::string& line)
 {
-    printLine(line);
+    printLine(toPrintable(line, MaxLineLength) + "\n");
 }
 
 bool showsProgress()
@@ -105,7 +108,7 @@ void printProgress(const std::string& text)
 {
     if (!live)
         return;
-    std::string line = text;
+    std::string line = toPrintable(text);
     // One that wraps could not be drawn anew.
     cutToWidth(line, getTerminalSize(STDERR_FILENO).width - 1);
     const std::lock_guard<std::mutex> lock(mutex);

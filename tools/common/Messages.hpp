@@ -23,7 +23,8 @@ struct MessageStyle
     bool progress = true;             ///< false: never shown, not even on a terminal
 };
 
-/// Sets how messages look from here on. All of them go to standard error, one line each.
+/// Sets how messages look from here on. All of them go to standard error, one line
+/// each, made printable: a message may contain names and paths as they came.
 ///
 /// @pre no thread runs yet that prints
 void configureMessages(const MessageStyle& wanted);
@@ -56,8 +57,8 @@ void printError(const std::string& text);
 /// @thread any
 void printNotice(const std::string& text);
 
-/// Prints a line of the log as it is.
-/// @param line  with its end
+/// Prints a line of the library's log.
+/// @param line  without its end
 /// @thread any
 void printLogLine(const std::string& line);
 

@@ -13,6 +13,7 @@
 
 #include "ExitCodes.hpp"
 #include "Messages.hpp"
+#include "Text.hpp"
 
 namespace vlx::tool
 {
@@ -23,7 +24,7 @@ namespace
 [[noreturn]] void fail(const std::string& path)
 {
     const std::string reason = miscUtils::strerror_r_safe(errno);
-    throw CommandFailure(ExitCode::Failed, "cannot write \"" + path + "\": " + reason);
+    throw CommandFailure(ExitCode::Failed, "cannot write " + quote(path) + ": " + reason);
 }
 
 /// Writes to a device or a FIFO; one that nobody reads is an error, where others would wait for ever.
@@ -50,7 +51,8 @@ bool isReplaced(const std::string& path)
 void writeJson(const std::string& path, const nlohmann::ordered_json& document, int indentation)
 {
     const auto replace = nlohmann::ordered_json::error_handler_t::replace;
-    writeTextFile(path, document.dump(indentation, ' ', false, replace) + "\n");
+    constexpr bool EscapeNonAscii = true; // a terminal may show it
+    writeTextFile(path, document.dump(indentation, ' ', EscapeNonAscii, replace) + "\n");
 }
 
 void writeTextFile(const std::string& path, const std::string& text)

@@ -17,8 +17,9 @@ bool isReplaced(const std::string& path);
 /// @throws CommandFailure if it cannot be written
 void writeTextFile(const std::string& path, const std::string& text);
 
-/// The same for a JSON document and the end of the line. Names and paths in it may be any bytes: what
-/// is no UTF-8 becomes a replacement character.
+/// The same for a JSON document and the end of the line. Names and paths in it may be any bytes:
+/// characters beyond ASCII are escaped, and bytes that are not valid UTF-8 become the replacement
+/// character.
 ///
 /// @param indentation  columns; -1: all on one line
 void writeJson(

@@ -18,7 +18,7 @@ std::string describeFormat(const kit::SenderProbe& probe)
     if (probe.format)
         return toShortText(*probe.format);
     if (probe.fourcc)
-        return "codec \"" + kit::toFourccText(*probe.fourcc) + "\"";
+        return "codec " + quote(kit::toFourccText(*probe.fourcc));
     return probe.initialInfo ? "no sequence yet" : "no answer";
 }
 

@@ -4,18 +4,19 @@
 #include <cstdint>
 #include <string>
 
+#include <vlxkit/Text.hpp>
+
 namespace vlx::tool
 {
+
+using kit::quote;
+using kit::toPrintable;
 
 /// Makes a text as printf() does; at most 255 characters.
 [[gnu::format(printf, 1, 2)]] std::string formatText(const char* format, ...);
 
 /// @return such as "1.250 ms"
 std::string toMilliseconds(std::int64_t nanoseconds);
-
-/// @return a text of others as it can be shown: what would move the cursor, and what is no UTF-8, as
-///         \xNN
-std::string toPrintable(const std::string& text);
 
 /// @return columns that a text takes on a terminal, for scripts whose characters take one each
 std::size_t getDisplayWidth(const std::string& text);

@@ -56,7 +56,7 @@ kit::SenderProbe probe(const InfoOptions& options)
                              ? std::chrono::ceil<std::chrono::milliseconds>(*options.timeout)
                              : AnswerTimeout;
     kit::SenderProbe probe = kit::probeSender(options.name, timeout);
-    const std::string name = "\"" + toPrintable(options.name) + "\"";
+    const std::string name = quote(options.name);
     if (!probe.reached)
         throw CommandFailure(ExitCode::TimedOut, "no sender " + name);
     if (probe.busy)

@@ -79,7 +79,7 @@ void StreamMeter::handleEvent(const kit::ConsumerEvent& event)
         m_notice = event.text;
         m_obstacle = isObstacle ? toString(event.kind) : "";
     }
-    m_onEvent(toPrintable(m_name + ": " + event.text));
+    m_onEvent(m_name + ": " + event.text);
 }
 
 StreamSnapshot StreamMeter::takeSnapshot()

@@ -14,6 +14,7 @@
 #include "common/LogSetup.hpp"
 #include "common/Messages.hpp"
 #include "common/StopSignal.hpp"
+#include "common/Text.hpp"
 
 namespace vlx::tool
 {
@@ -61,8 +62,8 @@ bool openProducer(
         throw CommandFailure(ExitCode::Failed, producer.getProblem() + quoteLastLibraryError());
     if (producer.getName() != options.name)
         printNotice(
-            "another sender has the name \"" + options.name + "\": sending as \"" +
-            producer.getName() + "\"");
+            "another sender has the name " + quote(options.name) + ": sending as " +
+            quote(producer.getName()));
     return true;
 }
 
