@@ -1,71 +1,86 @@
 #pragma once
 
-// Connections between two processes that need not trust one another.
+// Connections between two processes that need not trust each other.
+//
+// A peer may pass descriptors. No passed descriptor is ever taken: closing it would drop the locks
+// that this process holds on the same file, and may take long or for ever. So input is looked at
+// before it is read, and a connection with descriptors in it is closed where nobody waits.
 
 #include <array>
-#include <cerrno>
 #include <cstddef>
-#include <cstring>
 
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include "CloseAside.hpp"
+
 namespace vlx
 {
 
-/// Closes the descriptors that came in with a message. A TCP socket that lingers would hold the
-/// close for as long as its sender likes.
-inline void closePassedDescriptors(msghdr& message)
+/// Makes urgent bytes ordinary ones. Call it before the first read: an urgent byte that is thrown
+/// away would take along, and close, a descriptor that was passed with it.
+inline void keepUrgentBytesInLine(int fd)
 {
-    constexpr linger NoLinger{0, 0};
-    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
-         header = CMSG_NXTHDR(&message, header))
-    {
-        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS)
-            continue;
-        for (std::size_t offset = CMSG_LEN(0); offset < header->cmsg_len; offset += sizeof(int))
-        {
-            int fd = -1;
-            std::memcpy(&fd, reinterpret_cast<const char*>(header) + offset, sizeof(fd));
-            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &NoLinger, sizeof(NoLinger));
-            ::close(fd);
-        }
-    }
+    constexpr int Enabled = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_OOBINLINE, &Enabled, sizeof(Enabled));
 }
 
-/// As recv(), and never waits: neither for bytes that do not come after all, since an urgent one is
-/// thrown away, nor for descriptors that came along, which are closed.
-inline ssize_t receiveWithoutWaiting(int fd, void* buffer, std::size_t size)
+/// Looks at what can be read now, and leaves it there.
+///
+/// @param hasDescriptors  becomes whether descriptors lie in it
+/// @return as recv()
+inline ssize_t peekInput(int fd, void* buffer, std::size_t size, bool& hasDescriptors)
 {
-    constexpr std::size_t MaxPassedDescriptors = 253; // the kernel passes no more at once
-    alignas(cmsghdr) std::array<unsigned char, CMSG_SPACE(MaxPassedDescriptors * sizeof(int))>
-        control;
     iovec part{buffer, size};
     msghdr message{};
     message.msg_iov = &part;
     message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    const ssize_t count = ::recvmsg(fd, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-    const int error = errno;
-    if (count >= 0)
-        closePassedDescriptors(message);
-    errno = error;
+    // Without room for them, descriptors are reported and not taken.
+    const ssize_t count = ::recvmsg(fd, &message, MSG_PEEK | MSG_DONTWAIT);
+    hasDescriptors = count >= 0 && (message.msg_flags & MSG_CTRUNC) != 0;
     return count;
 }
 
-/// Ends a connection in both directions, and does not wait for what lies in it unread, which would
-/// otherwise be closed with it.
-inline void closeConnection(int fd)
+/// As recv(), and never waits. A peer that passes descriptors counts as gone, from the bytes on that
+/// can be read together with the first of them.
+///
+/// @pre no other thread reads from the connection
+inline ssize_t receiveWithoutWaiting(int fd, void* buffer, std::size_t size)
+{
+    bool hasDescriptors = false;
+    const ssize_t count = peekInput(fd, buffer, size, hasDescriptors);
+    if (hasDescriptors)
+        return 0;
+    // No more than was looked at: what has come since may hold descriptors.
+    return count > 0 ? ::recv(fd, buffer, static_cast<std::size_t>(count), MSG_DONTWAIT) : count;
+}
+
+/// Takes what can still be read, as far as the first descriptor in it.
+///
+/// @return whether there was one
+inline bool drainInput(int fd)
 {
     constexpr std::size_t ScratchBytes = 4096;
-    ::shutdown(fd, SHUT_RDWR);
     std::array<unsigned char, ScratchBytes> scratch;
-    while (receiveWithoutWaiting(fd, scratch.data(), scratch.size()) > 0)
+    bool hasDescriptors = false;
+    ssize_t count = 0;
+    do
     {
-    }
-    ::close(fd);
+        count = peekInput(fd, scratch.data(), scratch.size(), hasDescriptors);
+    } while (!hasDescriptors && count > 0 &&
+             ::recv(fd, scratch.data(), static_cast<std::size_t>(count), MSG_DONTWAIT) > 0);
+    return hasDescriptors;
+}
+
+/// Ends a connection in both directions, and never waits for what its peer has put into it.
+inline void closeConnection(int fd)
+{
+    ::shutdown(fd, SHUT_RDWR); // nothing can come any more
+    if (drainInput(fd))
+        closeAside(fd);
+    else
+        ::close(fd);
 }
 
 } // namespace vlx

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 
 #include <fcntl.h>
@@ -25,6 +27,22 @@ inline int pollUninterrupted(pollfd* entries, std::size_t count, int timeoutMs)
     int result = 0;
     do
     {
+        result = ::poll(entries, static_cast<nfds_t>(count), timeoutMs);
+    } while (result < 0 && errno == EINTR);
+    return result;
+}
+
+/// poll that ends at a deadline, however often signals interrupt it.
+inline int
+pollUntil(pollfd* entries, std::size_t count, std::chrono::steady_clock::time_point deadline)
+{
+    using Milliseconds = std::chrono::milliseconds;
+    int result = 0;
+    do
+    {
+        const auto left =
+            std::chrono::ceil<Milliseconds>(deadline - std::chrono::steady_clock::now());
+        const int timeoutMs = static_cast<int>(std::max<Milliseconds::rep>(left.count(), 0));
         result = ::poll(entries, static_cast<nfds_t>(count), timeoutMs);
     } while (result < 0 && errno == EINTR);
     return result;

@@ -539,6 +539,7 @@ Receiver::ConnectionRetval Receiver::connectSidechannel()
             return ConnectionRetval::Failure;
         }
         setCloseOnExec(m_sideChannelSocketFD);
+        keepUrgentBytesInLine(m_sideChannelSocketFD);
         limitConnectTime(m_sideChannelSocketFD);
         LOG4CPLUS_TRACE(logger, "Sidechannel socket established");
     }

@@ -1,5 +1,6 @@
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -50,6 +51,9 @@ constexpr std::size_t WakeupEntry = 0;
 constexpr std::size_t ListenerEntry = 1;
 constexpr std::size_t FirstClientEntry = 2;
 
+using Clock = std::chrono::steady_clock;
+constexpr std::chrono::milliseconds AcceptPause{100};
+
 /// Makes the sender's own directory.
 ///
 /// @param base  where it is made
@@ -82,8 +86,42 @@ int acceptConnection(int listenerFD)
     socklen_t peerAddressLength = sizeof(peerAddress);
     const int fd = ::accept(listenerFD, &peerAddress, &peerAddressLength);
     if (fd >= 0)
+    {
         setCloseOnExec(fd);
+        keepUrgentBytesInLine(fd);
+    }
     return fd;
+}
+
+/// @return whether a failed accept() lacked something of the system's, which comes back by itself
+bool isShortage(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+/// Waits for activity; for newcomers only from a given time on.
+///
+/// @return the result of poll()
+int pollConnections(std::vector<pollfd>& entries, Clock::time_point acceptFrom)
+{
+    const bool isAccepting = Clock::now() >= acceptFrom;
+    entries[ListenerEntry].events = isAccepting ? POLLIN : 0;
+    return isAccepting ? pollUninterrupted(entries.data(), entries.size(), NoTimeout)
+                       : pollUntil(entries.data(), entries.size(), acceptFrom);
+}
+
+/// Closes the listening socket, and first the connections that wait there: the system would close
+/// them with it, and wait for what lies in them.
+void closeListener(int listenerFD)
+{
+    ::shutdown(listenerFD, SHUT_RDWR); // nobody can connect any more
+    int fd = acceptConnection(listenerFD);
+    for (; fd >= 0; fd = acceptConnection(listenerFD))
+        closeConnection(fd);
+    if (isShortage(errno))
+        closeAside(listenerFD);
+    else
+        ::close(listenerFD);
 }
 
 /// Takes what a receiver wrote and forgets it. Never waits.
@@ -340,11 +378,13 @@ void Sender::listenerThreadLoop()
 {
     nameThisThread("vlx-listener");
     blockSigpipeInThisThread();
+    Clock::time_point acceptFrom{};
+    bool isShortageReported = false;
 
     while (shouldKeepRunning())
     {
         std::vector<pollfd>& entries = *m_pollFDs;
-        if (pollUninterrupted(entries.data(), entries.size(), NoTimeout) < 0)
+        if (pollConnections(entries, acceptFrom) < 0)
         {
             const int error = errno;
             LOG4CPLUS_ERROR(logger, "Could not poll for activity: " << describeError(error));
@@ -371,6 +411,7 @@ void Sender::listenerThreadLoop()
             const int error = errno;
             if (fd >= 0)
             {
+                isShortageReported = false;
                 LOG4CPLUS_DEBUG(logger, "New client connection: FD " << fd);
                 // Sent under the lock, so that a newcomer gets one SequenceInfo packet whole, the
                 // old one or the new.
@@ -392,15 +433,16 @@ void Sender::listenerThreadLoop()
             }
             else if (error == EAGAIN)
                 LOG4CPLUS_DEBUG(logger, "No socket to accept; socket may have gone away");
-            else
+            else if (!isShortage(error) || !std::exchange(isShortageReported, true))
             {
                 LOG4CPLUS_ERROR(
                     logger, "Could not accept new connection: " << describeError(error));
             }
+            if (fd < 0 && isShortage(error))
+                acceptFrom = Clock::now() + AcceptPause;
         }
 
-        // Without the lock, which no other thread needs to change the list: what the system has to
-        // close here can take its time.
+        // Without the lock, which is needed to change the list alone: no other thread changes it.
         for (std::size_t i = FirstClientEntry; i < entries.size();)
         {
             if ((entries[i].revents & POLLIN) == 0)
@@ -485,7 +527,7 @@ void Sender::shutdownListener()
     }
     if (m_listenerSocketFD >= 0)
     {
-        ::close(m_listenerSocketFD);
+        closeListener(m_listenerSocketFD);
         m_listenerSocketFD = -1;
     }
     LOG4CPLUS_TRACE(logger, "Listener shut down");

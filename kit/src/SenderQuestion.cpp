@@ -116,6 +116,7 @@ void examineSocketFile(SenderProbe& answer)
 SenderQuestion::SenderQuestion(const std::string& name)
     : m_fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
 {
+    keepUrgentBytesInLine(m_fd);
     if (connectSocket(m_fd, name))
     {
         m_answer.reached = true;

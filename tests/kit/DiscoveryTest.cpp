@@ -3,11 +3,13 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <Bell.hpp>
+#include <SenderQuestion.hpp>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,6 +23,7 @@
 #include <vlxkit/PromptStop.hpp>
 
 #include "support/ChildProcess.hpp"
+#include "support/HostilePeer.hpp"
 #include "support/RawSender.hpp"
 #include "support/RecordedReceiver.hpp"
 #include "support/VlxTest.hpp"
@@ -82,6 +85,16 @@ protected:
         return answer;
     }
 };
+
+class DiscoveryAgainstTricks : public DiscoveryTest, public ::testing::WithParamInterface<Trick>
+{
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    Tricks,
+    DiscoveryAgainstTricks,
+    AllTricks,
+    ::testing::PrintToStringParamName());
 
 void makeOld(const std::string& path)
 {
@@ -329,9 +342,6 @@ TEST_F(DiscoveryTest, NoAnswerStopsOrHoldsTheProcess)
     }
     EXPECT_FALSE(probeSender(getSocketName(), DefaultDeadline).reached);
 
-    const auto sendUrgentByte = [](RawConnection& connection)
-    { ::send(connection.getFD(), "x", 1, MSG_OOB); };
-    EXPECT_TRUE(probe(sendUrgentByte).closedEarly); // and nothing that could be read
     probe(
         [](RawConnection& connection)
         {
@@ -350,10 +360,26 @@ TEST_F(DiscoveryTest, NoAnswerStopsOrHoldsTheProcess)
     EXPECT_FALSE(isNameTaken(getSocketName()));
 }
 
-TEST_F(DiscoveryTest, LingeringDescriptorsDoNotHoldTheProbe)
+TEST_P(DiscoveryAgainstTricks, HoldsNoQuestion)
 {
-    LingeringConnection lingering;
-    probe([&](RawConnection& connection) { lingering.passOver(connection.getFD()); });
+    HostilePeer peer(GetParam(), getTempDirectory());
+    if (!peer.getObstacle().empty())
+        GTEST_SKIP() << peer.getObstacle();
+    EXPECT_TRUE(peer.isPrompt(
+        [&]
+        {
+            const SenderProbe answer =
+                probe([&](RawConnection& connection) { EXPECT_TRUE(peer.play(connection)); });
+            EXPECT_TRUE(answer.reached && answer.closedEarly && !answer.initialInfo);
+        }));
+
+    // One that is asked no further.
+    RawSidechannelServer server(getSocketName());
+    auto question = std::make_unique<SenderQuestion>(getSocketName());
+    ASSERT_TRUE(peer.play(server.accept()));
+    EXPECT_TRUE(peer.isPrompt([&] { question.reset(); }));
+    EXPECT_TRUE(peer.isLockKept());
+    server.close();
 }
 
 TEST_F(DiscoveryTest, BellIsHeardByWaitingReceiversOnly)

@@ -33,6 +33,7 @@
 #include "Bell.hpp"
 #include "PromptStop.hpp"
 #include "SocketFileMode.hpp"
+#include "support/HostilePeer.hpp"
 #include "support/LogCapture.hpp"
 #include "support/RawPeers.hpp"
 #include "support/RawSender.hpp"
@@ -146,6 +147,16 @@ extern "C"
     }
     // NOLINTEND(bugprone-reserved-identifier)
 }
+
+class ReceiverAgainstTricks : public ReceiverTest, public ::testing::WithParamInterface<Trick>
+{
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    Tricks,
+    ReceiverAgainstTricks,
+    AllTricks,
+    ::testing::PrintToStringParamName());
 
 class ReceiverTransportTest : public ReceiverTest,
                               public ::testing::WithParamInterface<NanomsgProtocol>
@@ -370,29 +381,52 @@ TEST_F(ReceiverTest, AFullBacklogIsTriedAgain)
         }));
 }
 
-TEST_F(ReceiverTest, AnUrgentByteHoldsNobodyUp)
+TEST_P(ReceiverAgainstTricks, HoldsNeitherWorkerNorShutdown)
 {
-    const auto stopsAfterUrgentByte = [](RecordedReceiver& receiver, const RawConnection& peer)
-    {
-        // It makes the connection readable, and is thrown away when it is read.
-        const LogExpectation activity = debugLog("Waiting for initial info");
-        const LogExpectation listening = traceLog("Listening for input");
-        const std::size_t numRounds = log().count(activity) + log().count(listening);
-        EXPECT_EQ(::send(peer.getFD(), "x", 1, MSG_OOB), 1);
-        EXPECT_TRUE(
-            waitFor([&] { return log().count(activity) + log().count(listening) > numRounds; }));
-        receiver.stop();
-    };
-    RecordedReceiver receiver;
+    HostilePeer peer(GetParam(), getTempDirectory());
+    if (!peer.getObstacle().empty())
+        GTEST_SKIP() << peer.getObstacle();
+    const bool isGone = passesDescriptor(GetParam());
+    const LogExpectation closed = debugLog("VLX sidechannel socket got closed");
     RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    const RawConnection ungreeted = sender.getListener().accept();
-    ASSERT_TRUE(log().waitFor(debugLog("Waiting for initial info")));
-    stopsAfterUrgentByte(receiver, ungreeted);
 
+    // In place of the InitialInfo.
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    {
+        const RawConnection ungreeted = sender.getListener().accept();
+        ASSERT_TRUE(peer.play(ungreeted));
+        if (isGone)
+        {
+            EXPECT_TRUE(log().waitFor(closed));
+            EXPECT_TRUE(log().waitFor(
+                errorLog("Could not get initial info; restarting connection attempt")));
+        }
+        EXPECT_TRUE(peer.isPrompt([&] { receiver.stop(); }));
+    }
+    while (sender.getListener().accept({}).isOpen()) // those that it has made again
+    {
+    }
+
+    // While it runs.
     ASSERT_TRUE(join(receiver, sender));
-    stopsAfterUrgentByte(receiver, sender.getSidechannel());
-    EXPECT_FALSE(hasLoggedProblems());
+    ASSERT_TRUE(peer.play(sender.getSidechannel()));
+    EXPECT_TRUE(!isGone || log().waitFor(closed, 2));
+    EXPECT_TRUE(peer.isPrompt([&] { receiver.stop(); }));
+
+    // Where nobody reads any more.
+    RecordedReceiver busy;
+    busy.onEvent(
+        [&busy](const std::string& event)
+        {
+            if (event.starts_with("ready"))
+                waitFor([&busy] { return !(busy.get().*Access::KeepRunning); });
+        });
+    ASSERT_TRUE(join(busy, sender));
+    ASSERT_TRUE(peer.play(sender.getSidechannel()));
+    EXPECT_TRUE(peer.isPrompt([&] { busy.stop(); }));
+    EXPECT_TRUE(peer.isLockKept());
+    EXPECT_TRUE(isGone || !hasLoggedProblems());
 }
 
 TEST_F(ReceiverTest, AStopEndsTheWaitAndAnAppearanceNotAllThatFollow)

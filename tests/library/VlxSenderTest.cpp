@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -8,6 +10,7 @@
 #include <future>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -27,6 +30,7 @@
 
 #include "Guards.hpp"
 #include "SenderDirectory.hpp"
+#include "support/HostilePeer.hpp"
 #include "support/LogCapture.hpp"
 #include "support/RawSender.hpp"
 #include "support/ResourceLimit.hpp"
@@ -54,11 +58,29 @@ constexpr std::size_t LongestName = 107;
 constexpr const char* SendingData = "Sending data with [0-9]+ bytes over nanomsg SP socket";
 constexpr const char* NewClient = "New client connection: FD ";
 
+std::atomic<bool> failCloseRange = false;
+
 int countBytesInPipe(int readEnd)
 {
     int numBytes = -1;
     ::ioctl(readEnd, FIONREAD, &numBytes);
     return numBytes;
+}
+
+/// The system's call, which the linker leads through this.
+extern "C"
+{
+    // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
+    int __real_close_range(unsigned int first, unsigned int last, int flags);
+
+    int __wrap_close_range(unsigned int first, unsigned int last, int flags)
+    {
+        if (!failCloseRange)
+            return __real_close_range(first, last, flags);
+        errno = ENOSYS;
+        return -1;
+    }
+    // NOLINTEND(bugprone-reserved-identifier)
 }
 
 class SenderTest : public VlxTest
@@ -174,6 +196,28 @@ using SenderDeathTest = SenderTest;
 class SenderTransportTest : public SenderTest, public ::testing::WithParamInterface<NanomsgProtocol>
 {
 };
+
+/// What a peer tries, and whether the kernel is one without close_range().
+class SenderAgainstTricks : public SenderTest,
+                            public ::testing::WithParamInterface<std::tuple<Trick, bool>>
+{
+protected:
+    void TearDown() override
+    {
+        SenderTest::TearDown();
+        failCloseRange = false;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    Tricks,
+    SenderAgainstTricks,
+    ::testing::Combine(AllTricks, ::testing::Bool()),
+    [](const auto& row)
+    {
+        return ::testing::PrintToString(std::get<0>(row.param)) +
+               (std::get<1>(row.param) ? "OnAnOldKernel" : "");
+    });
 
 INSTANTIATE_TEST_SUITE_P(
     Transports,
@@ -525,40 +569,50 @@ TEST_F(SenderTest, ReceiverThatLeavesBeforeItsGreetingDoesNotKill)
     EXPECT_EQ(::sigismember(&mask, SIGPIPE), 0) << "the application's threads keep their mask";
 }
 
-TEST_F(SenderTest, NoReceiverHoldsTheListenerOrTheProducer)
+TEST_P(SenderAgainstTricks, HoldsNeitherListenerNorShutdown)
 {
-    // A byte that makes the connection readable, and is thrown away when it is read.
+    const auto& [trick, isKernelOld] = GetParam();
+    failCloseRange = isKernelOld;
+    HostilePeer peer(trick, getTempDirectory());
+    if (!peer.getObstacle().empty())
+        GTEST_SKIP() << peer.getObstacle();
     startStream();
+
+    // On a connection that is read.
     RawConnection client(getSocketName());
     ASSERT_TRUE(client.readMessage() && client.readMessage());
-    ASSERT_EQ(::send(client.getFD(), "x", 1, MSG_OOB), 1);
-    const LogExpectation nothingToRead = errorLog(
-        "Error trying to receive bytes from client connection FD: Resource temporarily unavailable "
-        "(11)");
-    ASSERT_TRUE(log().waitFor(nothingToRead));
+    ASSERT_TRUE(waitForClients(1));
+    const int clientFD = Access::getPolledFDs(m_sender).at(2);
+    ASSERT_TRUE(peer.play(client));
+    if (passesDescriptor(trick))
+    {
+        EXPECT_TRUE(client.waitForClose());
+        EXPECT_TRUE(log().waitFor(debugLog(
+            "Client connection with FD " + std::to_string(clientFD) +
+            " got closed; 0 connection(s) remain")));
+    }
+    EXPECT_TRUE(waitFor([&] { return countBytesInPipe(clientFD) <= 0; }));
+    EXPECT_TRUE(peer.isPrompt([this] { sendFrame(1, {1}); }));
     client.close();
     ASSERT_TRUE(waitForClients(0));
-    EXPECT_EQ(log().count(nothingToRead), 1U);
 
-    // A descriptor whose last owner is the listener thread, and whose close would take long.
-    LingeringConnection lingering;
+    // On one that is not read any more, and on some that are not accepted.
     std::unique_lock<std::mutex> lock;
-    RawConnection sly = connectUngreeted(lock);
-    lingering.passOver(sly.getFD());
+    std::vector<RawConnection> clients;
+    clients.push_back(connectUngreeted(lock));
+    while (clients.size() < 4)
+        clients.push_back(RawConnection(getSocketName()));
+    for (const RawConnection& each : clients)
+        ASSERT_TRUE(peer.play(each));
+    ASSERT_EQ(::write((m_sender.*Access::ListenerWakeupPipe)[1], "x", 1), 1); // ends the listener
     lock.unlock();
-    ASSERT_TRUE(waitForClients(1));
-    const int slyFD = Access::getPolledFDs(m_sender).at(2);
-    ASSERT_TRUE(waitFor([slyFD] { return countBytesInPipe(slyFD) == 0; }));
-    auto sent = std::async(std::launch::async, [this] { sendFrame(1, {1}); });
-    EXPECT_EQ(sent.wait_for(DefaultDeadline), std::future_status::ready);
-    RawConnection waiting(getSocketName());
-    EXPECT_TRUE(waiting.readMessage().has_value()) << "it lingers";
-
-    // The same one that nobody reads any more, since the sender is shut down.
-    LingeringConnection late;
-    late.passOver(waiting.getFD());
-    auto shutDown = std::async(std::launch::async, [this] { m_sender.shutdownSender(); });
-    EXPECT_EQ(shutDown.wait_for(DefaultDeadline), std::future_status::ready);
+    ASSERT_TRUE(waitFor([&] { return !(m_sender.*Access::ListenerThreadRunning); }));
+    EXPECT_TRUE(peer.isPrompt([this] { m_sender.shutdownSender(); }));
+    for (RawConnection& each : clients)
+        EXPECT_TRUE(waitFor([&] { return each.hasInput(); }));
+    EXPECT_TRUE(peer.isLockKept());
+    EXPECT_EQ(log().count(errorLog(_)), 0U);
+    EXPECT_TRUE(peer.isPrompt([this] { EXPECT_TRUE(initialize()); })) << "its name is free again";
 }
 
 TEST_F(SenderTest, AFullWakeupPipeHoldsNobodyUp)
@@ -584,20 +638,41 @@ TEST_F(SenderTest, AFullWakeupPipeHoldsNobodyUp)
     EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty());
 }
 
-TEST_F(SenderTest, OutOfDescriptorsTheListenerGoesOn)
+TEST_F(SenderTest, OutOfDescriptorsTheListenerTriesTenTimesASecond)
 {
+    using Clock = std::chrono::steady_clock;
+    const LogExpectation failed =
+        errorLog("Could not accept new connection: Too many open files (24)");
+    const LogExpectation attempt = traceLog("Listener thread socket activity");
+    ::signal(SIGUSR1, [](int) {});
     ASSERT_TRUE(initialize());
     std::unique_lock<std::mutex> lock;
     const RawConnection first = connectUngreeted(lock);
-    RawConnection second(getSocketName());
+    const auto waitInVain = [&]
     {
+        const RawConnection second(getSocketName());
         const int nextFD = Descriptor(::dup(0)).get();
         const ResourceLimit noMore(RLIMIT_NOFILE, static_cast<rlim_t>(nextFD));
-        lock.unlock();
-        EXPECT_TRUE(
-            log().waitFor(errorLog("Could not accept new connection: Too many open files (24)")));
-    }
-    EXPECT_TRUE(second.readMessage().has_value());
+        log().clear();
+        const auto begin = Clock::now();
+        if (lock.owns_lock())
+            lock.unlock();
+        EXPECT_TRUE(waitFor(
+            [&]
+            {
+                // Its wait is interrupted all the time.
+                ::pthread_kill((m_sender.*Access::ListenerThread).native_handle(), SIGUSR1);
+                return log().count(attempt) >= 4;
+            }));
+        const auto tenths = (Clock::now() - begin) / std::chrono::milliseconds(100);
+        EXPECT_LE(log().count(attempt), static_cast<std::size_t>(tenths) + 1);
+        EXPECT_EQ(log().count(failed), 1U);
+    };
+    waitInVain();
+    ASSERT_TRUE(waitFor([&] { return log().count(debugLog(StartsWith(NewClient))) == 1; }));
+    waitInVain(); // it is told anew
+    EXPECT_TRUE(RawConnection(getSocketName()).readMessage().has_value());
+    ::signal(SIGUSR1, SIG_DFL);
 }
 
 TEST_F(SenderTest, AListenerThatIsHeldUpTurnsNobodyAway)

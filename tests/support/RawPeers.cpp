@@ -251,7 +251,7 @@ LingeringConnection::LingeringConnection()
     }
 }
 
-void LingeringConnection::passOver(int socketFD)
+bool passDescriptor(int socketFD, int passedFD, int flags)
 {
     char byte = 0;
     iovec data{&byte, 1};
@@ -262,10 +262,8 @@ void LingeringConnection::passOver(int socketFD)
     message.msg_control = control.data();
     message.msg_controllen = control.size();
     *CMSG_FIRSTHDR(&message) = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-    const int fd = m_near.get();
-    std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), &fd, sizeof(fd));
-    EXPECT_EQ(::sendmsg(socketFD, &message, 0), 1);
-    m_near.close();
+    std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), &passedFD, sizeof(passedFD));
+    return ::sendmsg(socketFD, &message, flags | MSG_NOSIGNAL) == 1;
 }
 
 } // namespace vlx::testing

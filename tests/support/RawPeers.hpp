@@ -148,12 +148,26 @@ class LingeringConnection
 public:
     LingeringConnection();
 
-    /// Hands the near end to the other side of a Unix-domain socket, which owns it alone then.
-    void passOver(int socketFD);
+    int getNear() const
+    {
+        return m_near.get();
+    }
+
+    /// Leaves the near end to those that it has been passed to.
+    void closeNear()
+    {
+        m_near.close();
+    }
 
 private:
     Descriptor m_near;
     Descriptor m_far;
 };
+
+/// Passes a descriptor along with one byte over a Unix-domain socket.
+///
+/// @param flags  of sendmsg()
+/// @return whether it was sent
+bool passDescriptor(int socketFD, int passedFD, int flags = 0);
 
 } // namespace vlx::testing
