@@ -10,15 +10,18 @@ endif()
 include(CMakePackageConfigHelpers)
 set(vlx_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tavo_vellox)
 
+# Components: runtime (what a program needs), development (besides), tools and gstreamer (each besides
+# runtime). Everything belongs to one of them.
+
 # Libraries. Siblings lie beside each other; another build of the companion stays where it is.
-set(vlx_libraries vellox vellox_kit)
+set(vlx_libraries vlx_vellox vlx_vellox_kit)
 if(NOT VLX_COMPANION_DIR)
-    list(APPEND vlx_libraries miscUtils)
+    list(APPEND vlx_libraries vlx_miscUtils)
 endif()
 set_target_properties(${vlx_libraries} PROPERTIES
     INSTALL_RPATH $ORIGIN
     INSTALL_RPATH_USE_LINK_PATH ON)
-install(TARGETS vellox vellox_kit miscUtils audioUtils vlx_span
+install(TARGETS vlx_vellox vlx_vellox_kit vlx_miscUtils vlx_audioUtils vlx_span
     EXPORT tavo_velloxTargets
     LIBRARY COMPONENT runtime NAMELINK_COMPONENT development)
 
@@ -46,7 +49,7 @@ configure_package_config_file(cmake/tavo_velloxConfig.cmake.in
     ${CMAKE_CURRENT_BINARY_DIR}/tavo_velloxConfig.cmake
     INSTALL_DESTINATION ${vlx_package_dir})
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/tavo_velloxConfigVersion.cmake
-    COMPATIBILITY SameMinorVersion)
+    COMPATIBILITY SameMajorVersion)
 install(FILES
     ${CMAKE_CURRENT_BINARY_DIR}/tavo_velloxConfig.cmake
     ${CMAKE_CURRENT_BINARY_DIR}/tavo_velloxConfigVersion.cmake
@@ -88,7 +91,8 @@ if(TARGET vlx)
         INSTALL_RPATH_USE_LINK_PATH ON)
 endif()
 
-# Below the prefix, so that a private one stays private. systemd looks in /usr and in /usr/local.
+# Below the prefix, so that a private one stays private. systemd looks in /usr and in /usr/local. The
+# units start the tool where it was configured to be.
 file(READ packaging/systemd/hardening.conf HARDENING)
 foreach(unit vlx-send@ vlx-receive@)
     configure_file(packaging/systemd/${unit}.service ${CMAKE_CURRENT_BINARY_DIR}/${unit}.service @ONLY)
@@ -96,6 +100,7 @@ foreach(unit vlx-send@ vlx-receive@)
         DESTINATION lib/systemd/system
         COMPONENT tools)
 endforeach()
+install(FILES packaging/sysusers.conf DESTINATION lib/sysusers.d RENAME vlx.conf COMPONENT tools)
 install(FILES packaging/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME vlx.conf COMPONENT runtime)
 
 # The GStreamer elements, where GStreamer looks when the prefix is its own.
