@@ -47,6 +47,8 @@ constexpr std::size_t bytesPerSample(PcmFormat format)
     return isValid(format) ? Sizes[static_cast<std::size_t>(format)] : 0;
 }
 
+/// Returns the size of one sample of every channel.
+///
 /// @param format       of one value
 /// @param numChannels  interleaved channels
 /// @return bytes that one sample of every channel takes; 0 for a value that is no enumerator

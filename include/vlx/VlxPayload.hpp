@@ -65,6 +65,7 @@ VLX_API void produceSequenceInfoPacket(
 class VLX_API Payloader
 {
 public:
+    /// Sets the codec for good.
     /// @param fourcc  code of the codec, four characters, lowest byte first
     explicit Payloader(std::uint32_t fourcc);
     virtual ~Payloader();
@@ -123,6 +124,7 @@ protected:
 class VLX_API Depayloader
 {
 public:
+    /// Sets the codec for good.
     /// @param fourcc  code of the codec, four characters, lowest byte first
     explicit Depayloader(std::uint32_t fourcc);
     virtual ~Depayloader();

@@ -20,6 +20,8 @@ namespace vlx::kit
 class AgeHistogram
 {
 public:
+    /// Counts one age.
+    ///
     /// @param nanoseconds  negative ones, of clocks that differ a little, count as 0
     VLX_API void add(std::int64_t nanoseconds);
 
@@ -33,6 +35,8 @@ public:
         return m_count;
     }
 
+    /// Returns the age that a given fraction of the counted ones does not exceed.
+    ///
     /// @param fraction  0 to 1; 0.5 is the median
     /// @return nanoseconds; nothing if nothing was counted
     VLX_API std::optional<std::int64_t> getPercentile(double fraction) const;

@@ -193,6 +193,7 @@ public:
     /// @return why start() failed, or with what restrictions it works, in one line; else empty
     VLX_API const std::string& getProblem() const;
 
+    /// Returns the counts so far.
     /// @thread any, callbacks included
     VLX_API ConsumerStatistics getStatistics() const;
 

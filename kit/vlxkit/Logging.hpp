@@ -27,6 +27,7 @@ enum class LogLevel
 class Logging
 {
 public:
+    /// Sets up the log.
     /// @param level  of the least severe message that is printed
     VLX_API explicit Logging(LogLevel level = LogLevel::Warning);
     VLX_API ~Logging();

@@ -154,6 +154,7 @@ public:
     /// @return why the last operation failed, in one line; empty if none has
     VLX_API const std::string& getProblem() const;
 
+    /// Returns the counts so far.
     /// @thread any
     VLX_API ProducerStatistics getStatistics() const;
 
