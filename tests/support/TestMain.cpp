@@ -1,6 +1,9 @@
+#include <algorithm>
 #include <iostream>
+#include <string_view>
 
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
 #include "support/LogCapture.hpp"
 
@@ -29,6 +32,15 @@ class PrintLogOfFailedTest : public testing::EmptyTestEventListener
 
 int main(int argc, char** argv)
 {
+    // The child of a death test ends as it should: it leaves no core dump to look into.
+    const bool isExpectedToDie = std::any_of(
+        argv, argv + argc,
+        [](std::string_view argument)
+        { return argument.starts_with("--gtest_internal_run_death_test"); });
+    const rlimit none = {};
+    if (isExpectedToDie)
+        ::setrlimit(RLIMIT_CORE, &none);
+
     // Programs with threads cannot use the default, which only forks.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     testing::InitGoogleMock(&argc, argv);
