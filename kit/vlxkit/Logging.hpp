@@ -19,11 +19,14 @@ enum class LogLevel
     Trace,
 };
 
-/// Prints the log of library and kit on standard error while it lives. For a program that does not
-/// configure log4cplus, which otherwise prints two lines of complaint: make one first thing in
-/// main(). A program that configures log4cplus itself needs none.
+/// Prints the log of library and kit, logger "Vellox", on standard error while it lives. Changes no
+/// other logger, and its destructor undoes what it changed. For a program that does not configure
+/// log4cplus, which otherwise prints two lines of complaint: make one first thing in main(). A
+/// program that configures log4cplus itself needs none.
 ///
-/// @thread construct before and destroy after everything that logs; one at a time
+/// May be made again and nested: the level of the youngest counts, and each line appears once.
+///
+/// @thread any; destroy nested ones in reverse order
 class Logging
 {
 public:
