@@ -433,7 +433,7 @@ void Src::onEvent(const kit::ConsumerEvent& event)
         break;
     case kit::ConsumerEvent::Kind::CannotPlay:
     case kit::ConsumerEvent::Kind::NotPermitted:
-    case kit::ConsumerEvent::Kind::Stranger:
+    case kit::ConsumerEvent::Kind::NotASender:
     case kit::ConsumerEvent::Kind::Failed:
         // Asked again every two seconds: once is enough.
         if (isNew)

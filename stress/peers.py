@@ -66,7 +66,7 @@ def listen(address: str) -> socket.socket:
 
 
 def open_main_channel() -> tuple[Path, socket.socket]:
-    path = Path(os.environ["TMPDIR"], f"VlxSender-{os.getpid()}", "nanomsgChannel.ipc")
+    path = Path(os.environ["TMPDIR"], f"VlxSender-{os.getpid() % 10**6:06}", "nanomsgChannel.ipc")
     path.parent.mkdir()
     return path, listen(str(path))
 

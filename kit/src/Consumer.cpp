@@ -1,26 +1,34 @@
 #include <atomic>
 #include <cstdio>
+#include <filesystem>
+#include <forward_list>
+#include <fstream>
+#include <new>
 #include <optional>
 #include <system_error>
 #include <thread>
 #include <utility>
 
 #include <AbstractName.hpp>
+#include <Assertions.hpp>
 #include <Descriptors.hpp>
-#include <SenderDirectory.hpp>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/BaseDirectory.hpp>
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
+#include <vlxkit/PromptStop.hpp>
 #include <vlxkit/Text.hpp>
 
+#include "CallScope.hpp"
+#include "ChannelCheck.hpp"
+#include "CodecRelay.hpp"
 #include "ConsumerRecord.hpp"
-#include "PromptStop.hpp"
-#include "ScopedTmpdir.hpp"
+#include "RetryPause.hpp"
 #include "SenderQuestion.hpp"
 #include "WakeupEvent.hpp"
 
@@ -37,20 +45,22 @@ using miscUtils::getMonotonicSysclockTime;
 constexpr TimeValue NsPerMs = 1'000'000;
 
 constexpr int WatchIntervalMs = 100;
-// How long somebody is left alone who cannot be received from.
+// While backing off from an unplayable sender.
 constexpr int PauseMs = 2000;
-// A sender that listens is normally joined within milliseconds, and its frames follow.
+constexpr int MaxPauseMs = 10'000;
+// A receiver that ended unexpectedly is missed: it starts again at once, unless that goes on.
+constexpr int FirstRestartPauseMs = 20;
+// A sender that listens is normally joined within milliseconds.
 constexpr TimeValue SuspiciousConnectingNs = 300 * NsPerMs;
-constexpr TimeValue SuspiciousSilenceNs = 500 * NsPerMs;
-// A sender that was stopped and is killed closes as a stranger does, but not as quickly.
+// A sender that was stopped and is killed closes as an impostor does, but not as quickly.
 constexpr TimeValue QuickCloseNs = 1000 * NsPerMs;
-// A sender that starts or goes may look odd for a moment: nobody is accused before so many looks,
-// between which the time doubles.
-constexpr int NeededLooks = 5;
-constexpr int FirstLookPauseMs = 20;
-// Asking one whose backlog is full costs him nothing.
+// A sender that starts or ends may look odd for a moment: only so many failed checks count, between
+// which the time doubles.
+constexpr int NeededChecks = 5;
+constexpr int FirstCheckPauseMs = 20;
+// Asking a sender whose backlog is full costs it nothing.
 constexpr int BusyPauseMs = 100;
-// For the announcement of a sequence. It follows at once if there is one, but one who has ended
+// For the announcement of a sequence. It follows at once if there is one, but a peer that has ended
 // every connection before is listened to for longer.
 constexpr int SequenceTimeoutMs = 5;
 constexpr int PatientSequenceTimeoutMs = 300;
@@ -60,6 +70,14 @@ log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox
 TimeValue getEnd(int durationMs)
 {
     return getMonotonicSysclockTime() + static_cast<TimeValue>(durationMs) * NsPerMs;
+}
+
+/// @return the user id that stands for every user without an id in this user namespace
+uid_t findOverflowUser()
+{
+    uid_t user = 65534; // unless it was configured otherwise
+    std::ifstream("/proc/sys/kernel/overflowuid") >> user;
+    return user;
 }
 
 std::string toModeText(mode_t mode)
@@ -86,15 +104,15 @@ const char* toString(ConsumerEvent::Kind kind)
         return "cannot play";
     case Kind::NotPermitted:
         return "not permitted";
-    case Kind::Stranger:
-        return "stranger";
+    case Kind::NotASender:
+        return "not a sender";
     case Kind::Failed:
         return "failed";
     }
     return "unknown";
 }
 
-/// The receiver's callbacks run on its worker. Everything else is done by the keeper, which tells
+/// The receiver's callbacks run on its worker. Everything else is done by the keeper, which reports
 /// events only while the receiver is shut down: so no two callbacks overlap.
 class Consumer::Impl
 {
@@ -108,6 +126,7 @@ public:
     void addDepayloader(Depayloader& depayloader);
     bool start();
     void stop();
+    void requestStop();
     TimeValue getStreamTime() const;
     ConsumerStatistics getStatistics() const;
 
@@ -124,7 +143,9 @@ private:
         Stall,
         Suspicion, // for a closer look
         Flapping,
-        GivenUp,
+        Refusal, // of the sender, by the check of the connection
+        MissedSequence,
+        WorkerEnded,
     };
 
     /// What keeps the consumer from joining.
@@ -139,6 +160,8 @@ private:
     void handleState(Receiver::State state);
     void handleSequence(Depayloader& depayloader);
     void handleFrame(TimeValue timestamp, TimeValue duration, const Buffer& data);
+    void handleRefusedFrame(FrameRefusal refusal);
+    std::optional<std::string> checkSender(const ByteView& packet, uid_t user);
 
     // Of the keeper.
     void keep();
@@ -149,17 +172,27 @@ private:
     Ending superviseReceiver();
     bool isSuspicious();
     bool isUnanswered();
-    bool isUnpermitted(TimeValue join);
     void stopReceiver();
+    void reportEnd(Ending ending);
     void handleEnding(Ending ending);
+    void handleEndOfWorker();
     void pause(int durationMs);
     void tellOnce(const Obstacle& obstacle);
+    void forgetObstacles();
 
     // Of any.
+    std::optional<Obstacle> findObstacleInGreeting(
+        const std::optional<InitialInfo>& info,
+        uid_t user,
+        const ChannelCheck& channel) const;
     void tell(Kind kind, std::string text, std::uint32_t fourcc = 0) const;
+
+    // Of the thread that starts and stops.
     bool fail(const std::string& problem);
     void restrict(const std::string& restriction);
     bool prepare();
+    void endKeeper();
+    void abandonKeeper();
 
     // Constant.
     const ConsumerOptions m_options;
@@ -168,28 +201,40 @@ private:
     // Of the thread that starts and stops.
     std::string m_problem;
     std::thread m_keeper;
+    pid_t m_process = 0; // that has the keeper
+    std::forward_list<CodecRelay> m_relays;
 
     // Of the keeper, while it runs.
     std::string m_directory;                  // that the receiver watches
     std::optional<SenderQuestion> m_question; // kept while it is not answered
     std::optional<Obstacle> m_setback;        // told unless a closer look finds the reason for it
-    bool m_isPatient = false;                 // with one who has not announced a sequence
+    bool m_isPatient = false;                 // with a peer that has not announced a sequence
     std::string m_standingConnection;         // of the receiver, at the last look
-    TimeValue m_permittedJoin = 0;            // time of the connection that was looked at
+    int m_failedChecks = 0;                   // of one sender, in a row
     std::string m_told;                       // last obstacle, which may be found again and again
-    DepayloaderList m_codecs;                 // for trying headers while the receiver is shut down
+    RetryPause m_failurePause{PauseMs, MaxPauseMs};
+    RetryPause m_restartPause{FirstRestartPauseMs, PauseMs};
+    DepayloaderList m_codecs; // for trying headers while the receiver is shut down
 
     // Of any thread.
     const WakeupEvent m_wakeup;
+    std::atomic<bool> m_isCalled = false; // start() or stop() is in progress
     std::atomic<bool> m_started = false;
     std::atomic<bool> m_stopRequested = false;
-    std::atomic<bool> m_givenUp = false;
-    std::atomic<bool> m_endedByKeeper = false; // whatever ends the connection now
+    std::atomic<bool> m_missedSequence = false;
+    std::atomic<bool> m_hasRefused = false;
+    std::atomic<bool> m_workerEnded = false;     // unasked
+    std::atomic<bool> m_givenUp = false;         // the reason for that: a channel cannot be opened
+    std::atomic<bool> m_endedByKeeper = false;   // whatever ends the connection now
+    std::atomic<bool> m_endIsUnreported = false; // of a connection that the keeper has ended
     ConsumerRecord m_record;
 
     // Of the worker.
+    std::optional<Obstacle> m_refusal; // of the keeper as well, while the receiver is shut down
+    ChannelCheck m_channel;            // that is in use: its directory stays open
     ClockType m_clock = ClockType::Undetermined;
-    PcmDepayloader m_pcm;
+    CodecRelay* m_codec = nullptr; // of the last sequence; null for PCM
+    BoundedPcmDepayloader m_pcm;
 
     Receiver m_receiver; // last: its threads use all of the above
 };
@@ -199,19 +244,21 @@ Consumer::Impl::Impl(ConsumerOptions options, ConsumerCallbacks callbacks)
       m_callbacks(std::move(callbacks)),
       m_record(static_cast<TimeValue>(m_options.stallTimeout.count()))
 {
-    addDepayloader(m_pcm);
+    m_receiver.addDepayloader(m_pcm);
+    m_codecs.addDepayloader(m_pcm);
     m_receiver.setStateChangedCallback([this](Receiver::State state) { handleState(state); });
     m_receiver.setNewSequenceCallback([this](Depayloader& depayloader)
                                       { handleSequence(depayloader); });
     m_receiver.setMediaDataCallback(
         [this](TimeValue timestamp, TimeValue duration, const Buffer& data)
         { handleFrame(timestamp, duration, data); });
-    m_receiver.setConnectionAttemptFailedCallback(
-        [this]
-        {
-            m_givenUp = true;
-            m_wakeup.wake();
-        });
+    m_receiver.setRefusedFrameCallback([this](FrameRefusal refusal)
+                                       { handleRefusedFrame(refusal); });
+    m_receiver.setInitialInfoCheckCallback(
+        [this](const ByteView& packet, const PeerCredentials& peer)
+        { return checkSender(packet, peer.user); });
+    m_receiver.setMaxSidechannelMessageSize(MaxSidechannelMessageBytes);
+    m_receiver.setConnectionAttemptFailedCallback([this] { m_givenUp = true; });
 }
 
 Consumer::Impl::~Impl()
@@ -221,29 +268,38 @@ Consumer::Impl::~Impl()
 
 void Consumer::Impl::addDepayloader(Depayloader& depayloader)
 {
-    m_receiver.addDepayloader(depayloader);
-    m_codecs.addDepayloader(depayloader);
+    CodecRelay& relay = m_relays.emplace_front(depayloader);
+    m_receiver.addDepayloader(relay);
+    m_codecs.addDepayloader(relay);
 }
 
 bool Consumer::Impl::start()
 {
-    if (m_keeper.joinable())
+    assert(
+        !CallbackScope::isInside(this) && "start() inside a callback: call it on another thread");
+    const ExclusiveCall call(m_isCalled);
+    assert(call.isAlone() && "start() beside start() or stop(): call them on one thread at a time");
+    if (m_keeper.joinable() && !m_stopRequested)
         return true;
+    endKeeper();
     if (!prepare())
         return false;
     m_stopRequested = false;
     m_setback.reset();
-    m_told.clear();
+    m_refusal.reset();
+    forgetObstacles();
     m_record.onStart(getMonotonicSysclockTime());
+    m_started = true;
+    m_process = ::getpid();
     try
     {
         m_keeper = std::thread([this] { keep(); });
     }
     catch (const std::system_error& error)
     {
+        m_started = false;
         return fail(std::string("cannot start a thread: ") + error.what());
     }
-    m_started = true;
     return true;
 }
 
@@ -266,11 +322,15 @@ bool Consumer::Impl::prepare()
         restrict(realTime.getProblem());
     }
 
-    const ScopedTmpdir tmpdir(m_options.baseDirectory);
-    m_directory = getBaseDirectory();
-    const BaseDirectory base = prepareBaseDirectory(BaseDirectoryUse::Receive);
+    const BaseDirectory base =
+        prepareBaseDirectory(BaseDirectoryUse::Receive, m_options.baseDirectory);
     if (!base.problem.empty())
         return fail(base.problem);
+    std::error_code error;
+    m_directory = std::filesystem::absolute(base.path, error);
+    if (error)
+        return fail("cannot find " + quote(base.path) + ": " + error.message());
+    m_receiver.setBaseDirectory(m_directory);
     if (!base.writable)
         restrict(quote(base.path) + " is not writable; stopping can take up to 5 seconds");
     return true;
@@ -290,11 +350,37 @@ void Consumer::Impl::restrict(const std::string& restriction)
 
 void Consumer::Impl::stop()
 {
-    if (!m_keeper.joinable())
-        return;
+    if (m_process != ::getpid())
+        return abandonKeeper();
+    assert(
+        !CallbackScope::isInside(this) &&
+        "stop() or destruction inside a callback: call requestStop() there");
+    const ExclusiveCall call(m_isCalled);
+    assert(call.isAlone() && "stop() beside start() or stop(): call them on one thread at a time");
+    endKeeper();
+}
+
+void Consumer::Impl::requestStop()
+{
     m_stopRequested = true;
     m_wakeup.wake();
+}
+
+void Consumer::Impl::endKeeper()
+{
+    if (!m_keeper.joinable())
+        return;
+    requestStop();
     m_keeper.join();
+}
+
+/// In a forked child, which has no keeper: nothing may be waited for, and nothing be changed that is
+/// shared with the parent.
+void Consumer::Impl::abandonKeeper()
+{
+    new (&m_keeper) std::thread();
+    if (m_question)
+        m_question->abandon();
     m_started = false;
 }
 
@@ -327,32 +413,47 @@ void Consumer::Impl::handleState(Receiver::State state)
     const TimeValue now = getMonotonicSysclockTime();
     if (state == Receiver::State::Running)
     {
+        reportEnd(Ending::Stop); // of a connection that was lost as the keeper wanted to end it
         m_record.onJoined(now);
         tell(Kind::Joined, "joined " + quote(m_options.name));
         return;
     }
+    m_channel = {};
     const bool byPeer = !m_endedByKeeper;
     const bool wasJoined = m_record.onEnded(now, byPeer);
     if (state == Receiver::State::Connecting)
         m_record.onConnecting(now);
-    if (!wasJoined || !byPeer)
+    if (!byPeer)
+    {
+        m_endIsUnreported = m_endIsUnreported || wasJoined;
         return;
-    tell(Kind::Lost, "lost " + quote(m_options.name) + ", waiting for it to return");
-    m_wakeup.wake();
+    }
+    if (wasJoined)
+        tell(Kind::Lost, "lost " + quote(m_options.name) + ", waiting for it to return");
+    m_workerEnded = state == Receiver::State::Idle;
+    if (wasJoined || m_workerEnded)
+        m_wakeup.wake();
 }
 
 void Consumer::Impl::handleSequence(Depayloader& depayloader)
 {
     m_clock = m_receiver.getStreamClockType();
-    std::optional<StreamFormat> format;
-    if (&depayloader == &m_pcm)
-        format = {m_pcm.getSampleFormat(), m_pcm.getSampleRate(), m_pcm.getNumChannels()};
-    if (!m_record.onSequence(m_clock, format))
+    const bool isPcm = &depayloader == &m_pcm;
+    const auto format = isPcm ? std::optional(m_pcm.getFormat()) : std::nullopt;
+    CodecRelay* const codec = isPcm ? nullptr : static_cast<CodecRelay*>(&depayloader);
+    CodecRelay* const former = std::exchange(m_codec, codec);
+    // A decoder that misses frames is out of step, whatever its next header is.
+    if (former != nullptr && former != codec)
+        former->forgetHeader();
+    const bool isIntroduced =
+        m_record.onSequence(m_clock, format, codec != nullptr && codec->hasChanged());
+    if (!isIntroduced)
         return;
+    const CallbackScope scope(this);
     if (format && m_callbacks.onFormat)
         m_callbacks.onFormat(*format);
-    if (!format && m_callbacks.onCodec)
-        m_callbacks.onCodec(depayloader);
+    if (codec != nullptr && m_callbacks.onCodec)
+        m_callbacks.onCodec(codec->getTarget());
 }
 
 void Consumer::Impl::handleFrame(TimeValue timestamp, TimeValue duration, const Buffer& data)
@@ -365,7 +466,31 @@ void Consumer::Impl::handleFrame(TimeValue timestamp, TimeValue duration, const 
         streamTime = m_receiver.getCurrentStreamTime();
     const auto [gapNs, isFirst] =
         m_record.onFrame(timestamp, duration, data.size(), arrival, streamTime);
+    const CallbackScope scope(this);
     m_callbacks.onFrame({timestamp, duration, data, gapNs, isFirst, arrival});
+}
+
+void Consumer::Impl::handleRefusedFrame(FrameRefusal refusal)
+{
+    if (refusal != FrameRefusal::UnknownSequence ||
+        !m_record.onUnknownSequence(getMonotonicSysclockTime()))
+        return;
+    m_missedSequence = true;
+    m_wakeup.wake();
+}
+
+/// @return what the receiver should use as main channel; not set if it must not join
+std::optional<std::string> Consumer::Impl::checkSender(const ByteView& packet, uid_t user)
+{
+    const std::optional<InitialInfo> info = readInitialInfo(packet);
+    m_channel = info ? checkChannel(*info, user) : ChannelCheck();
+    m_refusal = findObstacleInGreeting(info, user, m_channel);
+    m_hasRefused = m_refusal.has_value();
+    if (!m_hasRefused)
+        return m_channel.getURI();
+    m_channel = {};
+    m_wakeup.wake();
+    return std::nullopt;
 }
 
 void Consumer::Impl::keep()
@@ -377,17 +502,19 @@ void Consumer::Impl::keep()
             continue;
         const Ending ending = superviseReceiver();
         stopReceiver();
+        reportEnd(ending);
         handleEnding(ending);
     }
     m_question.reset();
+    m_started = false;
 }
 
-/// Looks at whoever holds the name, for as long as he is not fit to be joined.
+/// Asks the process that holds the name, for as long as it is not fit to be joined.
 ///
-/// @return whether he can be joined, or nobody is there and the receiver can wait for him
+/// @return whether it can be joined, or there is none and the receiver can wait for one
 bool Consumer::Impl::approachSender()
 {
-    for (int looks = 0; !m_stopRequested;)
+    while (!m_stopRequested)
     {
         const TimeValue begin = getMonotonicSysclockTime();
         const SenderProbe answer = askSender();
@@ -395,12 +522,13 @@ bool Consumer::Impl::approachSender()
             break;
         if (!answer.reached)
         {
-            // Whoever was there may still be: without a descriptor nobody can be asked.
+            // The sender may still be there: without a descriptor it cannot be asked.
             const std::optional<Obstacle> setback = std::exchange(m_setback, std::nullopt);
+            m_refusal.reset();
             if (setback && setback->kind == Kind::Failed)
                 tellOnce(*setback);
             else
-                m_told.clear();
+                forgetObstacles();
             return true;
         }
         const bool hasHung = !answer.initialInfo && answer.closedEarly &&
@@ -412,18 +540,25 @@ bool Consumer::Impl::approachSender()
         }
 
         std::optional<Obstacle> obstacle = findObstacle(answer);
-        if (obstacle && ++looks < NeededLooks)
+        const bool isSeen = obstacle.has_value();
+        if (!isSeen)
+            obstacle = std::exchange(m_refusal, std::nullopt);
+        if (obstacle && ++m_failedChecks < NeededChecks)
         {
-            pause(FirstLookPauseMs << (looks - 1));
-            continue;
+            pause(FirstCheckPauseMs << (m_failedChecks - 1));
+            if (isSeen)
+                continue;
+            return !m_stopRequested; // only the receiver was refused: it tries again
         }
         if (!obstacle)
             obstacle = std::exchange(m_setback, std::nullopt);
+        m_setback.reset();
+        m_refusal.reset();
+        m_failedChecks = 0;
         if (!obstacle)
             return true;
-        m_setback.reset();
         tellOnce(*obstacle);
-        pause(PauseMs);
+        pause(obstacle->kind == Kind::Failed ? m_failurePause.getNext() : PauseMs);
     }
     return false;
 }
@@ -451,27 +586,47 @@ SenderProbe Consumer::Impl::askSender()
     return answer;
 }
 
+/// @param info     not set: malformed, or none has come
+/// @param channel  that it announces
+std::optional<Consumer::Impl::Obstacle> Consumer::Impl::findObstacleInGreeting(
+    const std::optional<InitialInfo>& info,
+    uid_t user,
+    const ChannelCheck& channel) const
+{
+    const std::string name = quote(m_options.name);
+    if (m_options.senderUser && (user != *m_options.senderUser || user == findOverflowUser()))
+        return Obstacle{
+            Kind::NotASender, "the sender of " + name + " runs as user " + std::to_string(user) +
+                                  ", not as user " + std::to_string(*m_options.senderUser)};
+    if (!info)
+        return Obstacle{Kind::NotASender, name + " is not a Vellox sender (invalid greeting)"};
+    if (!channel.problem.empty())
+        return Obstacle{
+            Kind::NotASender, name + " is not a valid sender: its main channel " +
+                                  quote(info->nanomsgURI) + " " + channel.problem};
+    if (channel.mayJoin)
+        return std::nullopt;
+    const bool isPipeline = info->nanomsgProtocol == NanomsgProtocol::Pipeline;
+    return Obstacle{
+        Kind::NotPermitted,
+        "this user may not " + std::string(isPipeline ? "create " : "write to ") +
+            quote(channel.socketFile) + toModeText(channel.socketFileMode) +
+            ", the socket file of " + name + ": give its sender --socket-mode group or all"};
+}
+
 std::optional<Consumer::Impl::Obstacle> Consumer::Impl::findObstacle(const SenderProbe& answer)
 {
     const std::string name = quote(m_options.name);
-    if (!answer.initialInfo && !answer.closedEarly)
-        return Obstacle{Kind::Stranger, name + " is no sender: it says what none would say"};
-    if (!answer.initialInfo || (m_isPatient && answer.closedEarly && !answer.sequenceNr))
+    const bool hasClosed = answer.closedEarly && !answer.sequenceNr;
+    if (hasClosed && (!answer.initialInfo || m_isPatient))
         return Obstacle{
-            Kind::Stranger, name + " ends every connection before it announces a stream"};
-
-    const InitialInfo& info = *answer.initialInfo;
-    const bool isPipeline = info.nanomsgProtocol == NanomsgProtocol::Pipeline;
-    if (answer.socketFile.empty())
-        return Obstacle{
-            Kind::Stranger,
-            name + " is no sender: its main channel " + quote(info.nanomsgURI) + " is none"};
-    if (!answer.mayJoin)
-        return Obstacle{
-            Kind::NotPermitted,
-            "this user may not " + std::string(isPipeline ? "make " : "write to ") +
-                quote(answer.socketFile) + toModeText(answer.socketFileMode) +
-                ", the socket file of " + name + ": give its sender --socket-mode group or all"};
+            Kind::NotASender, name + " ends every connection before it announces a stream"};
+    const uid_t user = answer.user.value_or(findOverflowUser());
+    const std::optional<InitialInfo>& info = answer.initialInfo;
+    std::optional<Obstacle> obstacle =
+        findObstacleInGreeting(info, user, info ? checkChannel(*info, user) : ChannelCheck());
+    if (obstacle)
+        return obstacle;
 
     if (!answer.fourcc)
         return std::nullopt;
@@ -482,19 +637,21 @@ std::optional<Consumer::Impl::Obstacle> Consumer::Impl::findObstacle(const Sende
     return Obstacle{
         Kind::CannotPlay,
         "cannot play " + name + ": its codec " + quote(toFourccText(*answer.fourcc)) +
-            " is unknown here, or its header is none",
+            " is unknown here, or its header is not supported",
         *answer.fourcc};
 }
 
 bool Consumer::Impl::startReceiver()
 {
     m_endedByKeeper = false;
+    m_missedSequence = false;
+    m_hasRefused = false;
+    m_workerEnded = false;
     m_givenUp = false;
     m_standingConnection.clear();
     std::string problem = "the library's log says why";
     try
     {
-        const ScopedTmpdir tmpdir(m_directory);
         const RealTimeScope realTime(m_options.realTime);
         if (m_receiver.initializeReceiver(m_options.name))
             return true;
@@ -505,7 +662,7 @@ bool Consumer::Impl::startReceiver()
     }
     stopReceiver();
     tellOnce({Kind::Failed, "cannot start to receive: " + problem});
-    pause(PauseMs);
+    pause(m_failurePause.getNext());
     return false;
 }
 
@@ -517,9 +674,13 @@ Consumer::Impl::Ending Consumer::Impl::superviseReceiver()
         if (m_stopRequested) // cppcheck-suppress oppositeInnerCondition  // set by another thread
             break;
         if (m_record.hasFrame())
-            m_told.clear();
-        if (m_givenUp)
-            return Ending::GivenUp;
+            forgetObstacles();
+        if (m_workerEnded)
+            return Ending::WorkerEnded;
+        if (m_hasRefused)
+            return Ending::Refusal;
+        if (m_missedSequence)
+            return Ending::MissedSequence;
         if (m_record.isFlapping())
             return Ending::Flapping;
         if (m_record.isStalled(getMonotonicSysclockTime()))
@@ -536,6 +697,20 @@ void Consumer::Impl::stopReceiver()
     stopPromptly(m_receiver, m_directory);
 }
 
+void Consumer::Impl::reportEnd(Ending ending)
+{
+    if (!m_endIsUnreported.exchange(false))
+        return;
+    const std::string name = quote(m_options.name);
+    if (ending != Ending::Stall && ending != Ending::MissedSequence)
+        return tell(Kind::Lost, "left " + name);
+    m_record.onStall();
+    const bool isMissed = ending == Ending::MissedSequence;
+    tell(
+        Kind::Stalled, (isMissed ? "missed a format announcement of " : "no frames come from ") +
+                           name + ": joining it again");
+}
+
 void Consumer::Impl::handleEnding(Ending ending)
 {
     m_isPatient = ending == Ending::Flapping;
@@ -543,35 +718,46 @@ void Consumer::Impl::handleEnding(Ending ending)
     {
     case Ending::Stop:
     case Ending::Suspicion:
-        break;
+    case Ending::Refusal:
+    case Ending::MissedSequence:
     case Ending::Stall:
-        m_record.onStall();
-        tell(Kind::Stalled, "no frames come from " + quote(m_options.name) + ": joining it again");
         break;
     case Ending::Flapping:
         m_record.forgetLosses();
         m_setback = {
-            Kind::Stranger,
+            Kind::NotASender,
             quote(m_options.name) + " ends every connection before it announces a stream"};
         break;
-    case Ending::GivenUp:
-        m_setback = {
-            Kind::Failed, "cannot join " + quote(m_options.name) +
-                              ": its main channel cannot be opened; the library's log says why"};
+    case Ending::WorkerEnded:
+        handleEndOfWorker();
         break;
     }
 }
 
-/// @return whether the receiver should be stopped for a closer look at whoever holds the name
+void Consumer::Impl::handleEndOfWorker()
+{
+    if (m_givenUp)
+    {
+        m_setback = {
+            Kind::Failed, "cannot join " + quote(m_options.name) +
+                              ": its main channel cannot be opened; the library's log says why"};
+        return;
+    }
+    // Somebody else has a descriptor of the receiver's: a forked child, say, that runs destructors.
+    tellOnce(
+        {Kind::Failed, "the receiver of " + quote(m_options.name) +
+                           " ended unexpectedly: starting it again. A forked child must end with "
+                           "_exit()"});
+    pause(m_restartPause.getNext());
+}
+
+/// @return whether the receiver should be stopped for a closer look at its peer
 bool Consumer::Impl::isSuspicious()
 {
     const TimeValue now = getMonotonicSysclockTime();
     const TimeValue connecting = m_record.getConnectingSince();
     if (connecting != 0 && now - connecting >= SuspiciousConnectingNs)
         return isUnanswered();
-    const TimeValue silent = m_record.getSilentSince();
-    if (silent != 0 && silent != m_permittedJoin && now - silent >= SuspiciousSilenceNs)
-        return isUnpermitted(silent);
     m_question.reset();
     return false;
 }
@@ -579,9 +765,9 @@ bool Consumer::Impl::isSuspicious()
 /// For a receiver that has been connecting for long.
 bool Consumer::Impl::isUnanswered()
 {
-    if (m_question) // somebody was there at the last look, too
+    if (m_question) // a sender was there at the last look, too
         return true;
-    // A receiver that has reached somebody and waits for his first message is left to wait.
+    // A receiver that has connected and waits for the first message is left to wait.
     const std::string connection = findConnection(m_options.name);
     const std::string former = std::exchange(m_standingConnection, connection);
     if (!connection.empty() && (former.empty() || former == connection))
@@ -592,25 +778,19 @@ bool Consumer::Impl::isUnanswered()
     return false;
 }
 
-/// For a receiver that has joined and gets no frames.
-bool Consumer::Impl::isUnpermitted(TimeValue join)
-{
-    if (!m_question)
-        m_question.emplace(m_options.name);
-    m_question->advance();
-    if (!m_question->isOver() && !m_question->hasInitialInfo())
-        return false;
-    const SenderProbe answer = m_question->getAnswer();
-    m_question.reset();
-    m_permittedJoin = join;
-    return !answer.socketFile.empty() && !answer.mayJoin;
-}
-
 void Consumer::Impl::pause(int durationMs)
 {
     const TimeValue end = getEnd(durationMs);
     for (TimeValue now = 0; !m_stopRequested && (now = getMonotonicSysclockTime()) < end;)
         m_wakeup.wait(static_cast<int>((end - now) / NsPerMs) + 1);
+}
+
+void Consumer::Impl::forgetObstacles()
+{
+    m_told.clear();
+    m_failedChecks = 0;
+    m_failurePause.reset();
+    m_restartPause.reset();
 }
 
 void Consumer::Impl::tellOnce(const Obstacle& obstacle)
@@ -621,8 +801,10 @@ void Consumer::Impl::tellOnce(const Obstacle& obstacle)
 
 void Consumer::Impl::tell(Kind kind, std::string text, std::uint32_t fourcc) const
 {
-    if (m_callbacks.onEvent)
-        m_callbacks.onEvent({kind, getMonotonicSysclockTime(), std::move(text), fourcc});
+    if (!m_callbacks.onEvent)
+        return;
+    const CallbackScope scope(this);
+    m_callbacks.onEvent({kind, getMonotonicSysclockTime(), std::move(text), fourcc});
 }
 
 Consumer::Consumer(ConsumerOptions options, ConsumerCallbacks callbacks)
@@ -645,6 +827,11 @@ bool Consumer::start()
 void Consumer::stop()
 {
     m_impl->stop();
+}
+
+void Consumer::requestStop()
+{
+    m_impl->requestStop();
 }
 
 TimeValue Consumer::getStreamTime() const

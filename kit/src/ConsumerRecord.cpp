@@ -17,6 +17,9 @@ constexpr TimeValue RoundingNs = 2;
 constexpr unsigned MaxDoublings = 4;
 constexpr std::size_t LossLimit = 5;
 constexpr TimeValue FlapWindowNs = 1'000'000'000;
+// A frame may overtake the announcement of its sequence, but not for long.
+constexpr TimeValue UnknownSequenceLimitNs = 20'000'000;
+constexpr TimeValue RejoinIntervalNs = 1'000'000'000;
 
 } // unnamed namespace
 
@@ -40,6 +43,7 @@ void ConsumerRecord::onJoined(TimeValue now)
     m_connectingSince = 0;
     m_joinedSince = now;
     m_lastSign = now;
+    m_unknownSince = 0;
     m_hadFrame = false;
     m_introduced = false;
 }
@@ -65,16 +69,18 @@ bool ConsumerRecord::onEnded(TimeValue now, bool byPeer)
 
 bool ConsumerRecord::onSequence(
     Receiver::StreamClockType clock,
-    const std::optional<StreamFormat>& format)
+    const std::optional<StreamFormat>& format,
+    bool headerChanged)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     ++m_counts.sequences;
+    m_unknownSince = 0;
     m_losses.clear();
     m_counts.clock = clock;
     if (std::exchange(m_lastClock, clock) != clock)
         m_expectedTimestamp.reset();
 
-    const bool isNew = !m_introduced || !format || format != m_format;
+    const bool isNew = !m_introduced || headerChanged || format != m_format;
     m_introduced = true;
     m_isFirstFrame = m_isFirstFrame || isNew;
     m_format = format;
@@ -97,6 +103,7 @@ ConsumerRecord::Place ConsumerRecord::onFrame(
         m_counts.joinNs = arrival - m_waitBegin;
     }
     m_lastSign = arrival;
+    m_unknownSince = 0;
     m_vainStalls = 0;
     ++m_counts.frames;
     m_counts.bytes += size;
@@ -140,6 +147,18 @@ std::int64_t ConsumerRecord::measureGap(TimeValue timestamp, TimeValue length)
     return gapNs;
 }
 
+bool ConsumerRecord::onUnknownSequence(TimeValue now)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_unknownSince == 0)
+        m_unknownSince = now;
+    const bool isDue = now - m_unknownSince >= UnknownSequenceLimitNs &&
+                       (m_lastRejoin == 0 || now - m_lastRejoin >= RejoinIntervalNs);
+    if (isDue)
+        m_lastRejoin = now;
+    return isDue;
+}
+
 void ConsumerRecord::onStall()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -170,12 +189,6 @@ TimeValue ConsumerRecord::getConnectingSince() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_connectingSince;
-}
-
-TimeValue ConsumerRecord::getSilentSince() const
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_hadFrame ? 0 : m_joinedSince;
 }
 
 bool ConsumerRecord::hasFrame() const

@@ -30,7 +30,7 @@ public:
     ///                      sixteenfold
     explicit ConsumerRecord(TimeValue stallLimitNs) : m_stallLimitNs(stallLimitNs) {}
 
-    /// Nothing is joined yet, and no sender looked for before.
+    /// Nothing is joined yet.
     void onStart(TimeValue now);
 
     /// The receiver looks for a sender.
@@ -40,15 +40,19 @@ public:
 
     /// The receiver has no connection any more, or never had one, or does not look for one now.
     ///
-    /// @param byPeer  whether the other side may have ended it
-    /// @return whether there was a connection
+    /// @param byPeer  the other side may have ended it
+    /// @return true if there was a connection
     bool onEnded(TimeValue now, bool byPeer);
 
     /// A sequence was announced.
     ///
-    /// @param format  unset for another codec than PCM
+    /// @param format         not set for a codec of the application
+    /// @param headerChanged  of such a codec, against the sequence before
     /// @return whether the frames that follow have to be introduced
-    bool onSequence(Receiver::StreamClockType clock, const std::optional<StreamFormat>& format);
+    bool onSequence(
+        Receiver::StreamClockType clock,
+        const std::optional<StreamFormat>& format,
+        bool headerChanged = false);
 
     /// @param streamTime  on the stream's clock, at the frame's arrival; 0 if it cannot be told
     Place onFrame(
@@ -57,6 +61,12 @@ public:
         std::size_t size,
         TimeValue arrival,
         TimeValue streamTime);
+
+    /// A frame was refused since its sequence was not announced here.
+    ///
+    /// @return whether that has gone on for 20 ms, so that the sender should be joined again: true at
+    ///         most once a second
+    bool onUnknownSequence(TimeValue now);
 
     /// The receiver is being restarted because of a stall.
     void onStall();
@@ -73,9 +83,6 @@ public:
 
     /// @return since when the receiver looks for a sender; 0 if it does not
     TimeValue getConnectingSince() const;
-
-    /// @return since when it is joined without having got a frame; 0 if it is not so
-    TimeValue getSilentSince() const;
 
     /// @return whether the present connection has brought a frame
     bool hasFrame() const;
@@ -97,6 +104,8 @@ private:
     std::optional<StreamFormat> m_format;         // of the present sequence, if it is PCM
     std::optional<TimeValue> m_expectedTimestamp; // of the next frame, if nothing is missing
     Receiver::StreamClockType m_lastClock = Receiver::StreamClockType::Undetermined;
+    TimeValue m_unknownSince = 0;    // first refusal after the last sign of a known sequence; or 0
+    TimeValue m_lastRejoin = 0;      // because of such refusals
     TimeValue m_waitBegin = 0;       // since when a frame is waited for
     TimeValue m_connectingSince = 0; // 0: not connecting
     TimeValue m_joinedSince = 0;     // 0: not joined

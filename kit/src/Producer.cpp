@@ -48,9 +48,6 @@ constexpr auto PromptCheckInterval = std::chrono::milliseconds(1);
 // Longer ones are no durations, and must not overflow the arithmetic.
 constexpr TimeValue MaxTailWaitNs = 3600ULL * 1'000'000'000;
 
-// The header of a PCM sequence has one byte for them.
-constexpr std::uint32_t MaxChannels = 255;
-
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox.Kit"));
 
 bool isUsableName(const std::string& name)
@@ -73,11 +70,11 @@ std::string findProblem(const ProducerOptions& options)
 
 std::string findProblem(const StreamFormat& format)
 {
-    if (audioUtils::isValid(format.sampleFormat) && format.rate > 0 && format.channels > 0 &&
-        format.channels <= MaxChannels)
+    if (format.isSupported())
         return {};
-    return "a stream needs a known sample format, a rate of at least 1 and 1 to " +
-           std::to_string(MaxChannels) + " channels";
+    return "a stream needs a known sample format, a rate of at least 1 and at most " +
+           std::to_string(StreamFormat::MaxRate) + " Hz, and 1 to " +
+           std::to_string(StreamFormat::MaxChannels) + " channels";
 }
 
 } // unnamed namespace

@@ -1,5 +1,3 @@
-#include "PromptStop.hpp"
-
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -15,6 +13,7 @@
 #include <unistd.h>
 
 #include <vlx/VlxReceiver.hpp>
+#include <vlxkit/PromptStop.hpp>
 
 #include "DirectoryEntry.hpp"
 
@@ -85,16 +84,11 @@ constexpr const char* EntryPrefix = "/.vlx-stop-";
 
 } // unnamed namespace
 
-void stopPromptly(Receiver& receiver)
-{
-    stopPromptly(receiver, getBaseDirectory());
-}
-
 void stopPromptly(Receiver& receiver, const std::string& directory)
 {
     try
     {
-        const MonitorWaker waker(directory + EntryPrefix);
+        const MonitorWaker waker(getBaseDirectory(directory) + EntryPrefix);
         receiver.shutdownReceiver();
     }
     catch (const std::system_error& error)

@@ -20,7 +20,7 @@
 
 #include <vlx/VlxPayload.hpp>
 
-#include "SenderSearch.hpp"
+#include "ChannelCheck.hpp"
 
 namespace vlx::kit
 {
@@ -28,18 +28,9 @@ namespace vlx::kit
 namespace
 {
 
-// Real messages have a few hundred bytes. A stranger may announce anything.
-constexpr std::uint32_t MaxMessageBytes = 1 << 20;
-
-constexpr mode_t PermissionBits = 07777;
-
 constexpr std::size_t ChunkBytes = 4096;
 
 constexpr std::size_t SequenceInfoHeaderBytes = 8;
-
-constexpr std::string_view IpcScheme = "ipc://";
-
-constexpr std::size_t MaxSocketPathLength = sizeof(sockaddr_un::sun_path) - 1;
 
 bool connectSocket(int fd, const std::string& name)
 {
@@ -47,15 +38,6 @@ bool connectSocket(int fd, const std::string& name)
     address.sun_family = AF_UNIX;
     const socklen_t length = setAbstractName(address, name);
     return ::connect(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0;
-}
-
-// parseInitialInfoPacket() stops the process at a malformed packet, which a stranger may send.
-bool isInitialInfo(const Buffer& packet)
-{
-    ByteCursor cursor{ByteView(packet)};
-    return cursor.read<std::uint16_t>() && cursor.readTerminatedString() &&
-           cursor.read<std::uint16_t>() && cursor.read<std::uint8_t>() &&
-           cursor.read<std::uint8_t>() && cursor.readTerminatedString();
 }
 
 void takeSequenceInfo(const Buffer& packet, SenderProbe& answer)
@@ -73,42 +55,12 @@ void takeSequenceInfo(const Buffer& packet, SenderProbe& answer)
             depayloader.getNumChannels()};
 }
 
-/// @return the path of the socket file that the sender announces; empty if no sender announces such
-///         a URI. nanomsg removes what does not answer there, and aborts at a path that is too long
-std::string parseSocketFile(const std::string& uri)
+uid_t findPeerUser(int fd)
 {
-    if (!uri.starts_with(IpcScheme))
-        return {};
-    const std::string path = uri.substr(IpcScheme.size());
-    const bool canBeOne = path.starts_with('/') && path.size() <= MaxSocketPathLength &&
-                          path.find("/..") == std::string::npos &&
-                          !findSenderDirectoryName(path).empty();
-    return canBeOne ? path : std::string();
-}
-
-bool isPermitted(const std::string& path, int rights)
-{
-    return ::faccessat(AT_FDCWD, path.c_str(), rights, AT_EACCESS) == 0;
-}
-
-void examineSocketFile(SenderProbe& answer)
-{
-    const NanomsgProtocol protocol = answer.initialInfo->nanomsgProtocol;
-    const bool isPipeline = protocol == NanomsgProtocol::Pipeline;
-    const std::string path = parseSocketFile(answer.initialInfo->nanomsgURI);
-    if (path.empty() || (!isPipeline && protocol != NanomsgProtocol::PubSub))
-        return;
-
-    struct stat status = {};
-    const int error = ::lstat(path.c_str(), &status) == 0 ? 0 : errno;
-    const bool canBeIts =
-        error == 0 ? S_ISSOCK(status.st_mode) : error == EACCES || (error == ENOENT && isPipeline);
-    if (!canBeIts)
-        return;
-    answer.socketFile = path;
-    answer.socketFileMode = error == 0 ? status.st_mode & PermissionBits : 0;
-    answer.mayJoin = isPipeline ? isPermitted(path.substr(0, path.rfind('/')), W_OK | X_OK)
-                                : isPermitted(path, W_OK);
+    ucred credentials{};
+    socklen_t length = sizeof(credentials);
+    ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length);
+    return credentials.uid;
 }
 
 } // unnamed namespace
@@ -120,9 +72,10 @@ SenderQuestion::SenderQuestion(const std::string& name)
     if (connectSocket(m_fd, name))
     {
         m_answer.reached = true;
+        m_answer.user = findPeerUser(m_fd);
         return;
     }
-    m_answer.busy = errno == EAGAIN; // his backlog is full
+    m_answer.busy = errno == EAGAIN; // its backlog is full
     m_answer.reached = m_answer.busy;
     m_over = true;
 }
@@ -132,6 +85,13 @@ SenderQuestion::~SenderQuestion()
     if (m_fd < 0)
         return;
     closeConnection(m_fd);
+}
+
+void SenderQuestion::abandon()
+{
+    if (m_fd >= 0)
+        ::close(m_fd);
+    m_fd = -1;
 }
 
 void SenderQuestion::advance()
@@ -155,7 +115,7 @@ void SenderQuestion::takeMessages()
     while (!m_over && m_input.size() >= sizeof(size))
     {
         std::memcpy(&size, m_input.data(), sizeof(size));
-        m_over = size > MaxMessageBytes;
+        m_over = size > MaxSidechannelMessageBytes;
         if (m_over || m_input.size() - sizeof(size) < size)
             return;
         const auto begin = m_input.begin() + sizeof(size);
@@ -171,13 +131,10 @@ void SenderQuestion::takeMessage(const Buffer& message)
         takeSequenceInfo(message, m_answer);
         m_over = true;
     }
-    else if (isInitialInfo(message))
-    {
-        m_answer.initialInfo = parseInitialInfoPacket(message);
-    }
     else
     {
-        m_over = true;
+        m_answer.initialInfo = readInitialInfo(message);
+        m_over = !m_answer.initialInfo;
     }
 }
 
@@ -206,7 +163,12 @@ SenderProbe SenderQuestion::getAnswer() const
 {
     SenderProbe answer = m_answer;
     if (answer.initialInfo)
-        examineSocketFile(answer);
+    {
+        ChannelCheck channel = checkChannel(*answer.initialInfo, *answer.user);
+        answer.socketFile = std::move(channel.socketFile);
+        answer.socketFileMode = channel.socketFileMode;
+        answer.mayJoin = channel.mayJoin;
+    }
     // A sender that is shutting down closes first and removes its socket file then.
     unsigned char scratch = 0;
     if (answer.initialInfo && answer.socketFile.empty())

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include <vlx/VlxTypes.hpp>
@@ -8,7 +9,10 @@
 namespace vlx::kit
 {
 
-/// One connection to whoever holds a stream's name, and what he answers on it, as it comes. Never
+/// Longest sidechannel message that is accepted. Real ones have a few hundred bytes.
+inline constexpr std::uint32_t MaxSidechannelMessageBytes = 1 << 20;
+
+/// One connection to the process that holds a stream's name, and its answer, as it comes. Never
 /// waits, and nothing that comes can stop the process.
 ///
 /// As long as it is open and not answered it takes a place in the other side's backlog.
@@ -17,12 +21,15 @@ namespace vlx::kit
 class SenderQuestion
 {
 public:
-    /// Asks. The answer is over at once if nobody could be reached.
+    /// Asks. The answer is over at once if no process could be reached.
     explicit SenderQuestion(const std::string& name);
     ~SenderQuestion();
 
     SenderQuestion(const SenderQuestion&) = delete;
     SenderQuestion& operator=(const SenderQuestion&) = delete;
+
+    /// Closes the descriptor alone, in a forked child that shares the connection with its parent.
+    void abandon();
 
     /// @return becomes readable when there is something to take
     int getFD() const
@@ -51,14 +58,14 @@ private:
     void takeMessages();
     void takeMessage(const Buffer& message);
 
-    const int m_fd;
+    int m_fd;
     SenderProbe m_answer; // but for what concerns the socket file
     Buffer m_input;       // not yet taken
     bool m_over = false;
 };
 
-/// @return what tells a connection of this process to the name from any other one, whoever made it;
-///         empty if there is none
+/// @return an identifier of a connection of this process to the name, whichever part of the process
+///         made it; empty if there is none
 /// @thread any
 std::string findConnection(const std::string& name);
 

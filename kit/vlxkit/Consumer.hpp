@@ -1,12 +1,15 @@
 #pragma once
 
-/// A stream's receiving end that heals itself.
+/// The receiving end of a stream, which recovers by itself.
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+
+#include <sys/types.h>
 
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxReceiver.hpp>
@@ -18,20 +21,23 @@
 namespace vlx::kit
 {
 
-/// How a stream is joined.
+/// Options of a Consumer.
 struct ConsumerOptions
 {
-    /// Of the stream, 1 to 107 bytes.
+    /// Name of the stream, 1 to 107 bytes.
     std::string name;
-    /// Where senders and receivers of this machine meet; empty: "TMPDIR", or "/tmp/vlx", which is
-    /// made if it is missing. Any other directory must exist; "TMPDIR" is then set to it for an
-    /// instant whenever the consumer's own thread begins to look for the sender, between start()
-    /// and stop(): a process whose other threads use the environment sets "TMPDIR" itself instead.
+    /// Directory where senders and receivers of this machine meet; empty: "TMPDIR" as it is in
+    /// start(), or "/tmp/vlx", which is created if it is missing. Any other directory must exist.
     std::string baseDirectory = {};
-    /// A joined stream without a frame for so long is joined again; zero: never. The time doubles
-    /// with each attempt that brought nothing, up to sixteenfold.
+    /// User that the sender's process must run as, as the kernel recorded it when that process began
+    /// to listen; not set: any. A sender of another user is reported as NotASender and waited out.
+    /// The overflow user id (65534, see /proc/sys/kernel/overflowuid) never matches: in a user
+    /// namespace it stands for every user from outside.
+    std::optional<uid_t> senderUser = {};
+    /// Time without a frame after which a joined stream is joined again; zero: never. The time
+    /// doubles with each attempt that brought no frame, up to sixteenfold.
     std::chrono::nanoseconds stallTimeout = std::chrono::seconds(2);
-    /// Of the stream's threads.
+    /// Scheduling of the stream's threads.
     RealTime realTime = {};
 };
 
@@ -41,16 +47,17 @@ struct Frame
     TimeValue timestamp = 0; ///< as the sender gave it; nanoseconds by convention
     TimeValue duration = 0;  ///< same unit
     const Buffer& data;      ///< valid during the callback only: copy what you keep
-    /// Nanoseconds between the end of the frame before and this one: what is missing if positive,
-    /// what overlaps if negative, 0 within the jitter of a millisecond or half a frame. Also across
+    /// Nanoseconds between the end of the frame before and this one: positive if media is missing,
+    /// negative if frames overlap, 0 within the jitter of a millisecond or half a frame. Also across
     /// two connections; 0 for the first frame of all, and after a change of the stream's clock.
     std::int64_t gapNs = 0;
-    /// First frame of a connection or of a format: whatever decodes starts afresh.
+    /// First frame of a connection, of a format or of a codec header: a decoder starts afresh. A
+    /// sequence that only repeats what is known is none of these.
     bool isFirst = false;
     TimeValue arrival = 0; ///< nanoseconds of CLOCK_MONOTONIC
 };
 
-/// Something that happened to the connection.
+/// A change of the connection, or the reason why there is no connection.
 struct ConsumerEvent
 {
     /// What happened.
@@ -58,22 +65,25 @@ struct ConsumerEvent
     {
         /// A sender was joined; the format and frames follow.
         Joined,
-        /// The connection has ended: by the sender, or by an error on the way.
+        /// The connection has ended: the sender closed it, it failed, or the consumer left, because
+        /// of stop() for instance.
         Lost,
-        /// Joined, but no frame came for the stall timeout: joining again. Told each time, beside the
-        /// Joined that follows.
+        /// The consumer left a connection that brought no frames for the stall timeout, or whose
+        /// frames belong to a sequence that was not announced to it, and joins again.
         Stalled,
-        /// The stream's codec has no depayloader here, or its depayloader rejects the header. As all
-        /// that follow: told once, until something else happens, and tried again every two seconds.
+        /// No depayloader for the stream's codec is registered, or its depayloader rejects the
+        /// header, or the PCM format is beyond StreamFormat::isSupported(). This kind and all that
+        /// follow: reported once, until something else happens, and tried again every two seconds.
         CannotPlay,
         /// This user may not write to the sender's socket file, and would get no frame.
         NotPermitted,
-        /// Whoever holds the name is no sender: ends every connection before it announces a stream,
-        /// or announces a main channel that is none. Nobody is called so before he was looked at
-        /// several times.
-        Stranger,
-        /// The receiver could not go on: with no descriptor left, for instance, or in Pipeline with
-        /// another receiver on the stream.
+        /// The process that holds the name is not a sender that can be trusted: it ends every
+        /// connection before it announces a stream, announces an invalid main channel, or runs as
+        /// another user than ConsumerOptions::senderUser. Reported only after several failed checks.
+        NotASender,
+        /// The receiver could not go on: the process has no descriptor left, for instance, or in
+        /// Pipeline another receiver has joined the stream. Tried again ever more seldom, up to
+        /// every 10 seconds, since each attempt in Pipeline costs memory inside nanomsg (736 bytes).
         Failed,
     };
 
@@ -88,26 +98,31 @@ struct ConsumerEvent
 /// @return such as "joined"; a static string
 VLX_API const char* toString(ConsumerEvent::Kind kind);
 
-/// What a consumer gets to know. All but onFrame may be empty. No lock is held during a call, and
-/// no two calls overlap. They must not throw, nor start, stop or destroy the consumer. One that
-/// takes long makes this consumer lose frames, and nobody else.
+/// Callbacks of a Consumer. Only onFrame is required. No lock is held during a call, and no two
+/// calls overlap. Callbacks must not throw, nor start, stop or destroy the consumer; they may call
+/// requestStop(). A callback that takes long makes this consumer lose frames, and no other.
 struct ConsumerCallbacks
 {
-    /// A frame, on the receiving thread.
+    /// Receives each frame, on the receiving thread.
     std::function<void(const Frame&)> onFrame;
-    /// The format of the PCM frames that follow: before the first frame of each connection, and at
-    /// each change. On the receiving thread.
+    /// Receives the format of the PCM frames that follow: before the first frame of each connection,
+    /// and at each change. On the receiving thread.
     std::function<void(const StreamFormat&)> onFormat = {};
-    /// The same for a codec of one's own: its depayloader has just taken the header.
+    /// The same for a codec of the application: its depayloader has just taken the header.
     std::function<void(Depayloader&)> onCodec = {};
-    /// On the receiving thread or on the consumer's own.
+    /// Receives each event, on the receiving thread or on the consumer's own.
+    ///
+    /// Each Joined is followed by exactly one Lost or Stalled before the next Joined, and before
+    /// stop() returns; neither comes without a Joined before it. Frames, formats and codecs come
+    /// between the two only.
     std::function<void(const ConsumerEvent&)> onEvent = {};
 };
 
-/// All counts of a consumer, since its construction, taken at one moment.
+/// Counts and state of a consumer since its construction, taken at one moment.
 struct ConsumerStatistics
 {
-    /// Connecting as well while somebody is left alone; Idle only before start() and after stop().
+    /// Connecting as well while backing off from an unplayable sender; Idle only before start() and
+    /// after the stop.
     Receiver::State state = Receiver::State::Idle;
     std::uint64_t frames = 0;      ///< received
     std::uint64_t bytes = 0;       ///< of media data
@@ -127,28 +142,33 @@ struct ConsumerStatistics
     StreamFormat format = {}; ///< of the present or last PCM sequence
     /// Of the present connection.
     Receiver::StreamClockType clock = Receiver::StreamClockType::Undetermined;
-    /// The stream's clock can be told: always for the system's, once synchronised for a network's.
+    /// The stream's clock is known: always for the system's, once synchronised for a network's.
     bool clockSynchronized = false;
-    /// The stream's clock less CLOCK_MONOTONIC, nanoseconds; 0 while it cannot be told.
+    /// The stream's clock less CLOCK_MONOTONIC, nanoseconds; 0 while it is not known.
     std::int64_t clockOffsetNs = 0;
 };
 
 /// Receives one stream for as long as it is wanted: waits for the sender, joins it, joins it again
-/// after a loss or a stall, leaves alone for a while what cannot be played, and stops promptly.
+/// after a loss or a stall, backs off from senders that cannot be played, and stops promptly.
 ///
-/// Threads: the library's two, and one that watches over them, "vlx-keeper". PCM is built in.
+/// Threads: the library's two, and one that supervises them, "vlx-keeper". PCM is built in.
 ///
-/// A sender that is there already is asked what it sends before it is joined, and one that brings
-/// nothing is asked before it is joined again. What remains: a receiver that waits while nobody is
-/// there, or whose connection has just been lost, joins whoever comes without a look, for the sake
-/// of the first frames. So a stranger who takes the name then is met as Receiver's documentation
-/// says, and is looked at only when he brings no stream.
+/// Every connection is checked before it is used: the announced main channel must be a sender's own
+/// file in the sender's own directory, below a base directory that no third user controls, and of the
+/// user that the options name. A sender that exists at the start is also asked what it sends before
+/// it is joined, and so is one whose last connection brought nothing, for a clear message.
 ///
-/// One who does not answer, being stopped for instance, is waited for on one connection, without
-/// limit and without an event; one whose backlog is full is asked ten times a second, which costs
-/// him nothing.
+/// A receiver that has missed the announcement of a sequence, and would refuse every frame, joins
+/// again after 20 ms, at most once a second; that is reported as Stalled.
 ///
-/// Nothing throws but the standard library (no memory, no thread).
+/// An unresponsive sender, a stopped one for instance, keeps one connection waiting, without limit
+/// and without an event. A sender whose backlog is full is asked ten times a second, which costs it
+/// nothing.
+///
+/// A misuse stops the process with an assertion that says what to do: start(), stop() or destruction
+/// inside a callback of this consumer, and two of these calls at once.
+///
+/// Throws only what the standard library throws (no memory, no thread).
 class Consumer
 {
 public:
@@ -164,29 +184,41 @@ public:
     /// Registers a codec beside PCM, or in its place. Before start().
     ///
     /// Headers are tried on it before its stream is joined, too, and taken back with reset(): on
-    /// the consumer's own thread, while nothing is received.
+    /// the consumer's own thread, while nothing is received. Within a connection it is given a
+    /// header only when that differs from the one before, so that an announcement which repeats it
+    /// leaves a decoder in step.
     ///
     /// @param depayloader  not owned; must outlive the consumer
     VLX_API void addDepayloader(Depayloader& depayloader);
 
-    /// Starts to receive; returns at once, whether there is a sender or not.
+    /// Starts to receive; returns at once, with or without a sender. On a consumer that was asked to
+    /// stop it completes that stop first.
     ///
-    /// @return false if the name is none, onFrame is empty, the base directory cannot be used, no
-    ///         descriptor or thread is left, or real-time scheduling is required and not to be had;
-    ///         see getProblem()
+    /// @return false if the name is invalid, onFrame is not set, the base directory cannot be used,
+    ///         no descriptor or thread is left, or real-time scheduling is required and not
+    ///         available; see getProblem()
+    /// @thread one at a time with stop(), never inside a callback
     VLX_API bool start();
 
-    /// Stops. No callback runs any more once it has returned, normally within milliseconds. Does
-    /// nothing on a consumer that is not started; it may be started again.
+    /// Stops. No callback runs any more once it has returned, normally within milliseconds; a joined
+    /// stream has been reported as Lost by then. Does nothing on a consumer that is not started; it
+    /// may be started again.
     ///
-    /// It takes up to 5 seconds where nothing can be written in the base directory, where that was
-    /// removed meanwhile, or where the user has no inotify instance left; up to 400 ms if a sender
-    /// has come while nobody was there, and its backlog has filled up within the last half second.
+    /// It takes up to 5 seconds if the base directory is not writable or was removed, or if the user
+    /// has no inotify instance left; up to 400 ms if a sender has come while there was none, and its
+    /// backlog has filled up within the last half second.
     ///
-    /// @thread that of start(), never inside a callback
+    /// @thread one at a time with start(), never inside a callback: call requestStop() there
     VLX_API void stop();
 
-    /// @return nanoseconds on the stream's clock; 0 while it cannot be told
+    /// Asks the consumer to stop, and returns at once. Callbacks may still run; a joined stream is
+    /// reported as Lost, and then the state is Idle. stop() waits for that. Does nothing on a
+    /// consumer that is not started.
+    ///
+    /// @thread any, callbacks included
+    VLX_API void requestStop();
+
+    /// @return nanoseconds on the stream's clock; 0 while it is not known
     /// @thread any, callbacks included
     VLX_API TimeValue getStreamTime() const;
 

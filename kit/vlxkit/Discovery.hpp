@@ -27,7 +27,10 @@ struct SenderProbe
     bool busy = false;
     /// The connection was closed from the other side before everything that was asked for had come.
     bool closedEarly = false;
-    /// Unset if none came in time, or what came is none.
+    /// Effective user of the process that listens, as the kernel recorded it; not set if none was
+    /// reached.
+    std::optional<uid_t> user;
+    /// Not set if it did not come in time, or was malformed.
     std::optional<InitialInfo> initialInfo;
     /// Number of the current sequence; unset, as all that follows, if none was announced in time.
     std::optional<std::uint16_t> sequenceNr;
@@ -37,9 +40,9 @@ struct SenderProbe
     Buffer codecHeader;
     /// Set if the codec is PCM and its header is valid.
     std::optional<StreamFormat> format;
-    /// Path of the main channel's socket file; empty if the announced URI is none that a sender
-    /// announces: in a "VlxSender-" directory, short enough for a socket, a socket or, in Pipeline,
-    /// nothing yet.
+    /// Path of the main channel's socket file; empty if no sender announces such a URI: the
+    /// directory must be a sender's, of the sender's user, no link, and in a base directory that no
+    /// other user controls; the file a socket or, in Pipeline, nothing yet.
     std::string socketFile;
     /// Mode of the socket file; 0 if there is none, or this user may not look.
     mode_t socketFileMode = 0;

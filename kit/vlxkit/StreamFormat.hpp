@@ -16,15 +16,26 @@ namespace vlx::kit
 /// Format of an uncompressed stream. In the kit a "sample" is one value of every channel.
 struct StreamFormat
 {
-    /// Of one value.
+    static constexpr std::uint32_t MaxRate = 768'000; ///< highest supported rate
+    static constexpr std::uint32_t MaxChannels = 255; ///< most that a PCM header can announce
+
+    /// Format of one value.
     audioUtils::PcmFormat sampleFormat = audioUtils::PcmFormat::S16LE;
     std::uint32_t rate = 48000; ///< samples per second, at least 1
     std::uint32_t channels = 2; ///< at least 1
 
+    /// @return whether producer and consumer take the format: 1 to MaxRate samples per second, 1 to
+    ///         MaxChannels channels, and a sample format that exists
+    bool isSupported() const
+    {
+        return rate >= 1 && rate <= MaxRate && channels >= 1 && channels <= MaxChannels &&
+               audioUtils::bytesPerFrame(sampleFormat, 1) != 0;
+    }
+
     /// Every field.
     bool operator==(const StreamFormat&) const = default;
 
-    /// @return bytes of one sample; at least 1, also for what is no format, so that sizes can be
+    /// @return bytes of one sample; at least 1, even for an invalid format, so that sizes can be
     ///         divided by it
     std::size_t getBytesPerSample() const
     {
@@ -38,7 +49,7 @@ struct StreamFormat
         return samples / rate * Second + samples % rate * Second / rate;
     }
 
-    /// @return samples that lie between two times; a part of a sample counts from its half on
+    /// @return number of samples in a time, rounded to nearest
     std::uint64_t toSamples(TimeValue nanoseconds) const
     {
         constexpr TimeValue Second = 1'000'000'000;

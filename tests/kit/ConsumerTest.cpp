@@ -1,9 +1,12 @@
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <limits>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -11,13 +14,15 @@
 
 #include <log4cplus/logger.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <vlxkit/Consumer.hpp>
 
 #include "ConsumerRecord.hpp"
-#include "ScopedTmpdir.hpp"
+#include "RetryPause.hpp"
 #include "SenderQuestion.hpp"
+#include "WakeupEvent.hpp"
 #include "support/AllocationCounter.hpp"
 #include "support/RawSender.hpp"
 #include "support/Recorder.hpp"
@@ -37,8 +42,8 @@ using std::chrono::steady_clock;
 constexpr auto StopDeadline = 2s;
 
 /// A consumer that writes down every callback as a line of text, such as "joined",
-/// "format S16LE, 48000 Hz, 2 channels", "frame 5 gap 0 first". Callbacks that overlap, or that
-/// come after a stop, are failures.
+/// "format S16LE, 48000 Hz, 2 channels", "frame 5 gap 0 first". Callbacks that overlap, that come
+/// after a stop, or out of order (a Joined, frames, then one Lost or Stalled) are failures.
 class RecordedConsumer : public Recorder
 {
 public:
@@ -55,8 +60,14 @@ public:
                .onFormat = [this](const StreamFormat& format)
                { onCallback("format " + toText(format)); },
                .onCodec = [this](Depayloader&) { onCallback("codec"); },
-               .onEvent = [this](const ConsumerEvent& event)
-               { onCallback(std::string(toString(event.kind)) + ": " + event.text); }})
+               .onEvent =
+                   [this](const ConsumerEvent& event)
+               {
+                   checkOrder(event.kind);
+                   onCallback(std::string(toString(event.kind)) + ": " + event.text);
+                   if (event.kind == m_stopAt)
+                       m_consumer.requestStop();
+               }})
     {
     }
 
@@ -74,12 +85,19 @@ public:
         return m_consumer.start();
     }
 
+    /// From the callback itself.
+    void requestStopAt(ConsumerEvent::Kind kind)
+    {
+        m_stopAt = kind;
+    }
+
     /// Stops, and says how long it took.
     void stop(const std::string& state)
     {
         const auto begin = steady_clock::now();
         m_consumer.stop();
         m_mayCall = false;
+        EXPECT_FALSE(m_isJoined) << state;
         const auto duration = steady_clock::now() - begin;
         EXPECT_LT(duration, StopDeadline) << state;
         std::cout << "stop, " << state << ": "
@@ -93,9 +111,19 @@ public:
     }
 
 private:
+    void checkOrder(ConsumerEvent::Kind kind)
+    {
+        using Kind = ConsumerEvent::Kind;
+        const bool isEnd = kind == Kind::Lost || kind == Kind::Stalled;
+        EXPECT_EQ(m_isJoined, isEnd) << toString(kind);
+        m_isJoined = kind == Kind::Joined;
+    }
+
     void onCallback(const std::string& line)
     {
         EXPECT_TRUE(m_mayCall) << line << " after the stop";
+        const bool isEvent = line.find(':') != std::string::npos;
+        EXPECT_TRUE(isEvent || m_isJoined) << line << " without a connection";
         EXPECT_FALSE(m_calling.exchange(true)) << line << " beside another callback";
         record(line);
         m_calling = false;
@@ -103,10 +131,12 @@ private:
 
     std::atomic<bool> m_mayCall = false;
     std::atomic<bool> m_calling = false;
+    std::atomic<bool> m_isJoined = false;
+    std::optional<ConsumerEvent::Kind> m_stopAt;
     Consumer m_consumer; // last: its threads use what stands above
 };
 
-/// What a sender made of plain sockets does with each who connects.
+/// What a sender made of plain sockets does with each receiver that connects.
 struct Script
 {
     std::optional<Buffer> first = {};  // message; unset: the right one
@@ -114,6 +144,7 @@ struct Script
     bool closes = false;               // afterwards
     std::string uri = {};              // empty: the right one
     NanomsgProtocol protocol = NanomsgProtocol::PubSub;
+    std::optional<Buffer> laterFirst = {}; // first message to all connections after the first
 };
 
 Buffer makeForeignSequenceInfo(const std::string& fourcc = "ABCD")
@@ -129,7 +160,7 @@ class ScriptedSender
 public:
     ScriptedSender(const std::string& name, const Script& script = {})
         : m_script(script),
-          m_directory(std::filesystem::temp_directory_path() / "VlxSender-raw"),
+          m_directory(makeDirectoryPath()),
           m_created(std::filesystem::create_directory(m_directory)),
           m_sender(
               name,
@@ -159,6 +190,12 @@ public:
         return m_directory;
     }
 
+    /// Of the sequence that receivers are told of from now on.
+    void setSequenceNr(std::uint16_t number)
+    {
+        m_sequenceNr = number;
+    }
+
     /// Sends as soon as so many have joined the main channel.
     bool send(const Buffer& packet, std::size_t receivers = 1)
     {
@@ -168,6 +205,12 @@ public:
     }
 
 private:
+    static std::string makeDirectoryPath()
+    {
+        static std::atomic<int> count = 100;
+        return std::filesystem::temp_directory_path() / ("VlxSender-raw" + std::to_string(++count));
+    }
+
     void serve()
     {
         while (!m_stop)
@@ -175,10 +218,11 @@ private:
             RawConnection connection = m_sender.getListener().accept(5ms);
             if (!connection.isOpen())
                 continue;
-            ++m_numConnections;
-            connection.send(
-                makeSidechannelMessage(m_script.first.value_or(m_sender.getInitialInfo())));
-            const Buffer second = m_script.second.value_or(makeSequenceInfo(1));
+            const bool isLater = m_numConnections++ != 0 && m_script.laterFirst;
+            connection.send(makeSidechannelMessage(
+                isLater ? *m_script.laterFirst
+                        : m_script.first.value_or(m_sender.getInitialInfo())));
+            const Buffer second = m_script.second.value_or(makeSequenceInfo(m_sequenceNr));
             if (!second.empty())
                 connection.send(makeSidechannelMessage(second));
             if (!m_script.closes)
@@ -192,9 +236,16 @@ private:
     RawSender m_sender;
     std::vector<RawConnection> m_connections;
     std::atomic<std::size_t> m_numConnections = 0;
+    std::atomic<std::uint16_t> m_sequenceNr = 1;
     std::atomic<bool> m_stop = false;
     std::thread m_thread; // last
 };
+
+/// Changes the effective user of the calling thread, and of the threads that it creates, alone.
+void becomeUser(uid_t user)
+{
+    ASSERT_EQ(::syscall(SYS_setresuid, -1, user, -1), 0);
+}
 
 class ConsumerTest : public VlxTest
 {
@@ -300,6 +351,64 @@ TEST_F(ConsumerTest, PlaysOwnCodecsOverAPipeline)
     EXPECT_EQ(consumer.count("codec"), 1U);
 }
 
+TEST_F(ConsumerTest, AnnouncementsThatRepeatTheHeaderLeaveADecoderInStep)
+{
+    class CountingDepayloader : public Depayloader
+    {
+    public:
+        using Depayloader::Depayloader;
+
+        bool processCodecHeader(const ByteView&) override
+        {
+            return ++headers > 0;
+        }
+
+        std::atomic<int> headers = 0;
+    };
+    CountingDepayloader first(0x44434241);  // "ABCD"
+    CountingDepayloader second(0x5A595857); // "WXYZ"
+    RecordedConsumer consumer({.name = getSocketName()});
+    consumer.get().addDepayloader(first);
+    consumer.get().addDepayloader(second);
+    ScriptedSender sender(getSocketName(), {.second = makeForeignSequenceInfo()});
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(consumer.waitForEvent("codec"));
+    const int before = first.headers;
+    Buffer changed = makeForeignSequenceInfo();
+    changed.back() ^= 1;
+    struct Row
+    {
+        std::string name;
+        Buffer announcement;
+        bool isNew;
+    };
+    const Row rows[] = {
+        {"first", makeForeignSequenceInfo(), false}, // that of the sidechannel
+        {"repeated", makeForeignSequenceInfo(), false},
+        {"changed", changed, true},
+        {"changed, repeated", changed, false},
+        {"other codec", makeForeignSequenceInfo("WXYZ"), true},
+        {"back, with the header of before", changed, true},
+        {"PCM", makeSequenceInfo(1), true},
+        {"back from PCM", changed, true}};
+    std::uint8_t sequence = 1;
+    int headers = 0;
+    for (const Row& row : rows)
+    {
+        Buffer announcement = row.announcement;
+        announcement[2] = ++sequence;
+        ASSERT_TRUE(sender.send(announcement));
+        ASSERT_TRUE(sender.send(makeFrame(sequence, sequence)));
+        const std::string frame = "frame " + std::to_string(sequence) + " gap";
+        ASSERT_TRUE(consumer.waitForEvent(frame)) << row.name;
+        EXPECT_EQ(consumer.getEvents().back().ends_with("first"), row.isNew || row.name == "first")
+            << row.name;
+        const bool isFirstCodec = row.isNew && row.announcement[4] == 'A';
+        EXPECT_EQ(first.headers, before + (headers += isFirstCodec ? 1 : 0)) << row.name;
+    }
+    EXPECT_EQ(consumer.count("codec"), 5U);
+}
+
 TEST_F(ConsumerTest, LeavesAloneWhatCannotBeJoined)
 {
     struct Row
@@ -307,88 +416,270 @@ TEST_F(ConsumerTest, LeavesAloneWhatCannotBeJoined)
         std::string name;
         Script script;
         std::string line; // of the event
-        bool isSafe;      // for the receiver, which meets him if the consumer was there first
     };
     const Buffer info = fromHex("0100 00 0000 02 02 6970633A2F2F782F7900"); // ipc://x/y
     const std::string longPath = getTempDirectory() + "/VlxSender-" + std::string(100, 'x') + "/y";
     const Row rows[] = {
-        {"unknown codec", {.second = makeForeignSequenceInfo("WXYZ")}, "cannot play", true},
-        {"PCM header that is none", {.second = makeSequenceInfo(1, 0)}, "cannot play", true},
-        {"own codec's header that is none",
-         {.second = makeForeignSequenceInfo()},
-         "cannot play",
-         true},
-        {"closes at once",
-         {.first = Buffer(), .second = Buffer(), .closes = true},
-         "stranger",
-         true},
-        {"closes after the greeting", {.second = Buffer(), .closes = true}, "stranger", true},
-        {"empty greeting", {.first = Buffer(), .closes = true}, "stranger", true},
-        {"empty announcement", {.second = Buffer(4)}, "stranger", true},
-        {"greeting that is none", {.first = Buffer(7, 0xFF)}, "stranger", false},
-        {"socket elsewhere", {.first = info}, "stranger", false},
-        {"protocol that is none", {.first = fromHex("0100 00 0000 02 07 00")}, "stranger", false},
+        {"unknown codec", {.second = makeForeignSequenceInfo("WXYZ")}, "cannot play"},
+        {"invalid PCM header", {.second = makeSequenceInfo(1, 0)}, "cannot play"},
+        {"absurd PCM rate", {.second = makeSequenceInfo(1, 768'001)}, "cannot play"},
+        {"invalid header of an own codec", {.second = makeForeignSequenceInfo()}, "cannot play"},
+        {"closes at once", {.first = Buffer(), .second = Buffer(), .closes = true}, "not a sender"},
+        {"closes after the greeting", {.second = Buffer(), .closes = true}, "not a sender"},
+        {"empty greeting", {.first = Buffer(), .closes = true}, "not a sender"},
+        {"empty announcement", {.second = Buffer(4)}, "not a sender"},
+        {"malformed greeting", {.first = Buffer(7, 0xFF)}, "not a sender"},
+        {"malformed later greeting", {.laterFirst = Buffer(7, 0xFF)}, "not a sender"},
+        {"greeting that is too long", {.first = Buffer((1 << 20) + 1, 1)}, "not a sender"},
+        {"unknown protocol", {.first = fromHex("0100 00 0000 02 07 00")}, "not a sender"},
+        {"socket elsewhere", {.first = info}, "not a sender"},
         {"path too long",
          {.uri = "ipc://" + longPath, .protocol = NanomsgProtocol::Pipeline},
-         "stranger",
-         false}};
-    for (const Row& row : rows)
+         "not a sender"}};
+    // All at once: each takes its time.
+    std::deque<RecordedConsumer> consumers;
+    std::deque<TestDepayloader> depayloaders;
+    std::deque<ScriptedSender> senders;
+    std::vector<std::function<void()>> checks;
+    for (const bool isThereFirst : {true, false})
     {
-        for (const bool isThereFirst : {true, false})
+        for (const Row& row : rows)
         {
-            if (!isThereFirst && !row.isSafe)
-                continue;
-            SCOPED_TRACE(row.name + (isThereFirst ? ", there first" : ", comes later"));
-            RecordedConsumer consumer({.name = getSocketName()});
-            TestDepayloader depayloader;
-            consumer.get().addDepayloader(depayloader);
+            const std::string name = getSocketName() + "-" + std::to_string(consumers.size());
+            RecordedConsumer& consumer = consumers.emplace_back(ConsumerOptions{.name = name});
+            consumer.get().addDepayloader(depayloaders.emplace_back());
             if (!isThereFirst)
             {
+                log().clear();
                 ASSERT_TRUE(consumer.start());
                 ASSERT_TRUE(log().waitFor(debugLog("Receiver initialized")));
             }
-            {
-                const ScriptedSender sender(getSocketName(), row.script);
-                ASSERT_TRUE(consumer.start());
-                EXPECT_TRUE(consumer.waitForEvent(row.line))
-                    << ::testing::PrintToString(consumer.getEvents());
-                EXPECT_EQ(consumer.count("frame"), 0U);
-                if (isThereFirst)
+            const ScriptedSender& sender = senders.emplace_back(name, row.script);
+            ASSERT_TRUE(consumer.start());
+            checks.push_back(
+                [&, isThereFirst]
                 {
-                    EXPECT_LE(sender.getNumConnections(), 100U) << "joined in a tight loop";
-                }
-            }
-            consumer.stop("pause, " + row.name);
-            log().clear();
+                    SCOPED_TRACE(row.name + (isThereFirst ? ", there first" : ", comes later"));
+                    EXPECT_TRUE(consumer.waitForEvent(row.line));
+                    EXPECT_EQ(consumer.count("frame"), 0U);
+                    if (isThereFirst)
+                    {
+                        EXPECT_LE(sender.getNumConnections(), 100U) << "joined in a tight loop";
+                    }
+                });
+        }
+    }
+    for (const auto& check : checks)
+        check();
+}
+
+// Before the receiver has anything to do with it: nanomsg removes what does not answer at a path.
+TEST_F(ConsumerTest, RefusesMainChannelsThatAreNotTheSenders)
+{
+    const std::string base = getTempDirectory();
+    const std::string file = base + "/of-mine";
+    struct Row
+    {
+        std::string name;
+        std::string directory; // below the base, with the announced file in it
+        std::function<void(const std::string& directory)> prepare;
+        std::string problem;
+        bool inPipeline = true;
+        bool asRoot = false;
+    };
+    constexpr uid_t Other = 1234;
+    const auto makeFile = [](const std::string& path) { std::ofstream(path) << "mine"; };
+    const auto nothing = [](const std::string&) {};
+    const auto chown = [](const std::string& path)
+    { ASSERT_EQ(::chown(path.c_str(), Other, 0), 0); };
+    const Row rows[] = {
+        {"file", "VlxSender-abcdef",
+         [&](const std::string& path) { makeFile(path + "/nanomsgChannel.ipc"); },
+         "is not a socket"},
+        {"link to a file", "VlxSender-abcdef",
+         [&](const std::string& path)
+         { std::filesystem::create_symlink(file, path + "/nanomsgChannel.ipc"); },
+         "is not a socket"},
+        {"link to a directory", "VlxSender-abcdef",
+         [&](const std::string& path)
+         {
+             std::filesystem::rename(path, path + "-target");
+             std::filesystem::create_symlink(path + "-target", path);
+         },
+         "has no usable directory"},
+        {"name too long", "VlxSender-abcdefg", nothing, "is not a path that a sender uses"},
+        {"name too short", "VlxSender-abcde", nothing, "is not a path that a sender uses"},
+        {"odd name", "VlxSender-abc.ef", nothing, "is not a path that a sender uses"},
+        {"missing", "VlxSender-abcdef",
+         [](const std::string& path) { std::filesystem::remove(path); }, "has no usable directory"},
+        {"no file in pub/sub", "VlxSender-abcdef", nothing, "cannot be looked at", false},
+        {"open base directory", "open/VlxSender-abcdef",
+         [&](const std::string& path) { ::chmod((path + "/..").c_str(), 0777); },
+         "is not safe: its base directory has no sticky"},
+        {"base directory of another user", "open/VlxSender-abcdef",
+         [&](const std::string& path) { chown(path + "/.."); },
+         "is not safe: its base directory belongs to user 1234", true, true},
+        {"directory of another user", "VlxSender-abcdef", chown,
+         "is not the sender's: its directory belongs to user 1234", true, true},
+        {"socket of another user", "VlxSender-abcdef",
+         [&](const std::string& path)
+         {
+             const std::string socket = path + "/nanomsgChannel.ipc";
+             ASSERT_EQ(::mknod(socket.c_str(), S_IFSOCK | 0600, 0), 0);
+             chown(socket);
+         },
+         "is not the sender's: it belongs to user 1234", false, true}};
+    std::deque<RecordedConsumer> consumers;
+    std::deque<ScriptedSender> senders;
+    std::vector<std::string> events;
+    makeFile(file);
+    for (const Row& row : rows)
+    {
+        if (row.asRoot && ::geteuid() != 0)
+            continue;
+        const std::string name = getSocketName() + "-" + std::to_string(events.size());
+        const std::string directory =
+            base + "/" + std::to_string(events.size()) + "/" + row.directory;
+        std::filesystem::create_directories(directory);
+        row.prepare(directory);
+        const auto protocol = row.inPipeline ? NanomsgProtocol::Pipeline : NanomsgProtocol::PubSub;
+        const std::string uri = "ipc://" + directory + "/nanomsgChannel.ipc";
+        events.push_back(
+            "not a sender: \"" + name + "\" is not a valid sender: its main channel \"" + uri +
+            "\" " + row.problem);
+        // The question is answered differently from the receiver that joins then.
+        senders.emplace_back(name, Script{.laterFirst = makeInitialInfo(uri, protocol)});
+        ASSERT_TRUE(consumers.emplace_back(ConsumerOptions{.name = name}).start());
+    }
+    for (std::size_t i = 0; i < events.size(); ++i)
+    {
+        EXPECT_TRUE(consumers[i].waitForEvent(events[i]));
+        EXPECT_EQ(consumers[i].count("joined"), 0U) << events[i];
+        consumers[i].stop("refused");
+        std::filesystem::remove_all(base + "/" + std::to_string(i));
+    }
+    EXPECT_EQ(std::filesystem::file_size(file), 4U);
+    std::filesystem::remove(file);
+}
+
+TEST_F(ConsumerTest, JoinsOnlyTheUserThatItIsToldTo)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root can become another user";
+    ASSERT_EQ(::chmod(getTempDirectory().c_str(), 01777), 0);
+    constexpr uid_t OverflowUser = 65534;
+    struct Row
+    {
+        uid_t sender;
+        uid_t wanted;
+        bool isJoined;
+    };
+    for (const Row& row :
+         {Row{0, 0, true}, Row{1234, 1234, true}, Row{1234, 0, false},
+          Row{OverflowUser, OverflowUser, false}})
+    {
+        becomeUser(row.sender);
+        std::optional<ScriptedSender> sender(getSocketName());
+        becomeUser(0);
+        RecordedConsumer consumer({.name = getSocketName(), .senderUser = row.wanted});
+        ASSERT_TRUE(consumer.start());
+        EXPECT_TRUE(consumer.waitForEvent(
+            row.isJoined
+                ? "format"
+                : "not a sender: the sender of \"" + getSocketName() + "\" runs as user " +
+                      std::to_string(row.sender) + ", not as user " + std::to_string(row.wanted)));
+        EXPECT_EQ(consumer.count("joined"), row.isJoined ? 1U : 0U);
+        if (!row.isJoined && row.wanted == 0)
+        {
+            sender.reset();
+            sender.emplace(getSocketName());
+            EXPECT_TRUE(consumer.waitForEvent("joined")) << "waited out";
         }
     }
 }
 
-TEST_F(ConsumerTest, TellsAnObstacleOnceAndJoinsWhatReplacesIt)
+TEST_F(ConsumerTest, JoinsAgainWhenItHasMissedAnAnnouncement)
+{
+    RecordedConsumer consumer({.name = getSocketName(), .stallTimeout = 0ns});
+    ScriptedSender sender(getSocketName());
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(consumer.waitForEvent("format"));
+    ASSERT_TRUE(sender.send(makeFrame(1, 10)));
+    ASSERT_TRUE(consumer.waitForEvent("frame 10"));
+    sender.setSequenceNr(2); // on the sidechannel alone
+    ASSERT_TRUE(waitFor(
+        [&]
+        {
+            sender.send(makeFrame(2, 20));
+            return consumer.count("frame 20") != 0;
+        }));
+    EXPECT_EQ(consumer.count("stalled: missed a format announcement"), 1U);
+    EXPECT_EQ(consumer.count("joined"), 2U);
+    EXPECT_EQ(consumer.get().getStatistics().reconnects, 1U);
+}
+
+TEST_F(ConsumerTest, StartsAWorkerAgainThatHasEndedUnasked)
+{
+    const auto listPipes = []
+    {
+        std::set<int> pipes;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        {
+            std::error_code error;
+            if (std::filesystem::read_symlink(entry.path(), error).string().starts_with("pipe:"))
+                pipes.insert(std::stoi(entry.path().filename()));
+        }
+        return pipes;
+    };
+    const std::set<int> before = listPipes();
+    ScriptedSender sender(getSocketName());
+    RecordedConsumer consumer({.name = getSocketName()});
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(consumer.waitForEvent("format"));
+    // As a forked child does that destroys its copy.
+    for (const int fd : listPipes())
+    {
+        if (!before.contains(fd)) [[maybe_unused]]
+            const ssize_t size = ::write(fd, "1", 1);
+    }
+    ASSERT_TRUE(consumer.waitForEvent("failed: the receiver of"));
+    ASSERT_TRUE(consumer.waitForEvent("format", 2));
+    ASSERT_TRUE(waitFor([&] { return sender.send(makeFrame(1, 10)) && consumer.count("frame"); }));
+    EXPECT_EQ(consumer.count("failed"), 1U);
+}
+
+TEST_F(ConsumerTest, ReportsAnObstacleOnce)
 {
     RecordedConsumer consumer({.name = getSocketName()});
-    {
-        const ScriptedSender sender(getSocketName(), {.second = makeForeignSequenceInfo("WXYZ")});
-        ASSERT_TRUE(consumer.start());
-        ASSERT_TRUE(consumer.waitForEvent("cannot play"));
-        const std::size_t before = sender.getNumConnections();
-        EXPECT_GE(before, 5U) << "accused at the first look";
-        ASSERT_TRUE(waitFor([&] { return sender.getNumConnections() > before + 1; }));
-        EXPECT_EQ(consumer.count("cannot play"), 1U);
-        consumer.stop("pause");
-        ASSERT_TRUE(consumer.start());
-        EXPECT_TRUE(consumer.waitForEvent("cannot play", 2)) << "to whoever has started it again";
-    }
-    {
-        ScriptedSender sender(getSocketName());
-        ASSERT_TRUE(consumer.waitForEvent("format"));
-        ASSERT_TRUE(sender.send(makeFrame(1, 10)));
-        EXPECT_TRUE(consumer.waitForEvent("frame 10"));
-        const auto end = steady_clock::now() + 300ms; // the keeper looks every 100 ms
-        ASSERT_TRUE(waitFor([&] { return steady_clock::now() > end; }));
-    }
     const ScriptedSender sender(getSocketName(), {.second = makeForeignSequenceInfo("WXYZ")});
-    EXPECT_TRUE(consumer.waitForEvent("cannot play", 3)) << "after frames it is news again";
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(consumer.waitForEvent("cannot play"));
+    const std::size_t before = sender.getNumConnections();
+    EXPECT_GE(before, 5U) << "reported after the first check";
+    ASSERT_TRUE(waitFor([&] { return sender.getNumConnections() > before + 1; }));
+    EXPECT_EQ(consumer.count("cannot play"), 1U);
+    consumer.stop("pause");
+    ASSERT_TRUE(consumer.start());
+    EXPECT_TRUE(consumer.waitForEvent("cannot play", 2)) << "to the one that has started it again";
+}
+
+TEST_F(ConsumerTest, JoinsWhatReplacesAnObstacle)
+{
+    RecordedConsumer consumer({.name = getSocketName()});
+    std::optional<ScriptedSender> sender;
+    sender.emplace(getSocketName(), Script{.second = makeForeignSequenceInfo("WXYZ")});
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(consumer.waitForEvent("cannot play"));
+    sender.reset();
+    sender.emplace(getSocketName());
+    ASSERT_TRUE(consumer.waitForEvent("format"));
+    ASSERT_TRUE(sender->send(makeFrame(1, 10)));
+    EXPECT_TRUE(consumer.waitForEvent("frame 10"));
+    const auto end = steady_clock::now() + 300ms; // the keeper looks every 100 ms
+    ASSERT_TRUE(waitFor([&] { return steady_clock::now() > end; }));
+    sender.reset();
+    sender.emplace(getSocketName(), Script{.second = makeForeignSequenceInfo("WXYZ")});
+    EXPECT_TRUE(consumer.waitForEvent("cannot play", 2)) << "after frames it is news again";
 }
 
 TEST_F(ConsumerTest, SaysWhereThisUserMayNotWrite)
@@ -403,21 +694,21 @@ TEST_F(ConsumerTest, SaysWhereThisUserMayNotWrite)
         std::optional<ScriptedSender> sender;
         if (isThereFirst)
             sender.emplace(getSocketName());
-        ASSERT_EQ(::seteuid(OtherUser), 0);
+        becomeUser(OtherUser);
         EXPECT_TRUE(consumer.start());
+        becomeUser(0);
         if (!isThereFirst)
         {
             EXPECT_TRUE(log().waitFor(debugLog("Receiver initialized")));
-            ASSERT_EQ(::seteuid(0), 0);
             sender.emplace(getSocketName());
-            ASSERT_EQ(::seteuid(OtherUser), 0);
         }
         EXPECT_TRUE(consumer.waitForEvent(
             "not permitted: this user may not write to \"" + sender->getDirectory() +
             "/nanomsgChannel.ipc\" (mode 0755), the socket file of \"" + getSocketName() +
             "\": give its sender --socket-mode group or all"));
+        EXPECT_EQ(consumer.count("joined"), 0U);
         consumer.stop("not permitted");
-        ASSERT_EQ(::seteuid(0), 0);
+        log().clear();
     }
 }
 
@@ -438,7 +729,7 @@ TEST_F(ConsumerTest, JoinsAgainAfterAStall)
 TEST_F(ConsumerTest, AsksAHungSenderOnceAndDoesNotAccuseIt)
 {
     RecordedConsumer consumer({.name = getSocketName()});
-    for (const bool isThereFirst : {true, false, false, false})
+    for (const bool isThereFirst : {true, false, false})
     {
         if (!isThereFirst)
         {
@@ -501,6 +792,54 @@ TEST_F(ConsumerTest, StopsPromptlyInEachState)
     consumer.stop("being restarted");
 }
 
+TEST_F(ConsumerTest, CanBeAskedToStopFromACallback)
+{
+    ScriptedSender sender(getSocketName());
+    RecordedConsumer consumer({.name = getSocketName()});
+    consumer.get().requestStop();
+    for (const std::size_t round : {1U, 2U})
+    {
+        consumer.requestStopAt(ConsumerEvent::Kind::Joined);
+        ASSERT_TRUE(consumer.start()) << "also after a request alone";
+        ASSERT_TRUE(consumer.waitForEvent("lost: left \"" + getSocketName() + '"', round));
+        ASSERT_TRUE(
+            waitFor([&] { return consumer.get().getStatistics().state == Receiver::State::Idle; }));
+        EXPECT_EQ(consumer.count("joined"), round);
+    }
+}
+
+TEST_F(ConsumerTest, MisuseStopsTheProcessWithAdvice)
+{
+    const auto misuse = [this](const std::function<void(Consumer&)>& call, bool isInCallback)
+    {
+        std::atomic<Consumer*> consumer = nullptr;
+        std::atomic<bool> isLeft = false;
+        ConsumerCallbacks callbacks{.onFrame = [](const Frame&) {}};
+        callbacks.onEvent = [&](const ConsumerEvent&)
+        {
+            if (isInCallback && !isLeft)
+                call(*consumer);
+            waitFor([&] { return isLeft.load(); }); // so that a stop takes its time
+        };
+        Consumer object({.name = getSocketName()}, callbacks);
+        consumer = &object;
+        const ScriptedSender sender(getSocketName());
+        object.start();
+        waitFor([&] { return object.getStatistics().state == Receiver::State::Running; });
+        std::thread other([&] { call(object); });
+        std::thread third([&] { call(object); });
+        other.join();
+        third.join();
+        isLeft = true;
+    };
+    const auto stop = [](Consumer& consumer) { consumer.stop(); };
+    const auto start = [](Consumer& consumer) { consumer.start(); };
+    const ::testing::KilledBySignal aborts(SIGABRT);
+    EXPECT_EXIT(misuse(stop, true), aborts, "call requestStop\\(\\) there");
+    EXPECT_EXIT(misuse(start, true), aborts, "call it on another thread");
+    EXPECT_EXIT(misuse(stop, false), aborts, "call them on one thread at a time");
+}
+
 TEST_F(ConsumerTest, TakesADirectoryOfItsOwn)
 {
     const std::string directory = getTempDirectory() + "/own";
@@ -510,17 +849,19 @@ TEST_F(ConsumerTest, TakesADirectoryOfItsOwn)
     EXPECT_TRUE(log().waitFor(debugLog("Opened " + directory)));
     consumer.stop("own directory");
     EXPECT_EQ(std::getenv("TMPDIR"), getTempDirectory());
-    ::unsetenv("TMPDIR");
-    ASSERT_TRUE(consumer.start());
-    consumer.stop("own directory again");
-    EXPECT_EQ(std::getenv("TMPDIR"), nullptr);
-    ::setenv("TMPDIR", getTempDirectory().c_str(), 1);
     std::filesystem::remove(directory);
 
-    // The consumer's thread leaves the environment alone where it need not change.
-    ::unsetenv("TMPDIR");
-    const ScopedTmpdir same("/tmp/vlx");
-    EXPECT_EQ(std::getenv("TMPDIR"), nullptr);
+    // A relative one is that of the start.
+    const auto former = std::filesystem::current_path();
+    std::filesystem::create_directory(directory);
+    std::filesystem::current_path(getTempDirectory());
+    RecordedConsumer relative({.name = getSocketName(), .baseDirectory = "own"});
+    log().clear();
+    ASSERT_TRUE(relative.start());
+    std::filesystem::current_path(former);
+    EXPECT_TRUE(log().waitFor(debugLog("Opened " + directory)));
+    relative.stop("relative directory");
+    std::filesystem::remove(directory);
 }
 
 TEST_F(ConsumerTest, RefusesWhatCannotWork)
@@ -559,6 +900,72 @@ TEST_F(ConsumerTest, AFrameCostsOneAllocationAsInTheLibrary)
     EXPECT_EQ(allocations, 1U);
     consumer.stop();
     logger.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
+}
+
+TEST_F(ConsumerTest, LeavesASilentSenderAlone)
+{
+    const ScriptedSender sender(getSocketName(), {.second = Buffer()});
+    RecordedConsumer consumer({.name = getSocketName(), .stallTimeout = 0ns});
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(consumer.waitForEvent("joined"));
+    const auto end = steady_clock::now() + 1s;
+    ASSERT_TRUE(waitFor([&] { return steady_clock::now() > end; }));
+    EXPECT_EQ(sender.getNumConnections(), 2U) << "it is asked once, and joined";
+}
+
+TEST(WakeupEventTest, AWakeEndsOneWait)
+{
+    const WakeupEvent event;
+    event.wake();
+    event.wake();
+    event.wait(NoTimeout);
+    const auto begin = steady_clock::now();
+    event.wait(20);
+    EXPECT_GE(steady_clock::now() - begin, 20ms) << "not drained";
+}
+
+TEST(RetryPauseTest, DoublesUpToItsLimit)
+{
+    RetryPause pause(2000, 10'000);
+    for (const int expected : {2000, 4000, 8000, 10'000, 10'000})
+        EXPECT_EQ(pause.getNext(), expected);
+    pause.reset();
+    EXPECT_EQ(pause.getNext(), 2000);
+}
+
+TEST(ConsumerRecordTest, RejoinsAfterUnknownSequencesAtMostOnceASecond)
+{
+    constexpr TimeValue Ms = 1'000'000;
+    enum class Known
+    {
+        Nothing,
+        Join,
+        Sequence,
+        Frame,
+    };
+    struct Row
+    {
+        TimeValue ms;
+        Known before; // this refusal
+        bool isDue;
+    };
+    ConsumerRecord record(0);
+    for (const Row& row :
+         {Row{100, Known::Nothing, false}, Row{119, Known::Nothing, false},
+          Row{119, Known::Join, false}, Row{138, Known::Nothing, false},
+          Row{138, Known::Sequence, false}, Row{157, Known::Nothing, false},
+          Row{157, Known::Frame, false}, Row{176, Known::Nothing, false},
+          Row{177, Known::Nothing, true}, Row{178, Known::Nothing, false},
+          Row{1176, Known::Nothing, false}, Row{1177, Known::Nothing, true}})
+    {
+        if (row.before == Known::Join)
+            record.onJoined(row.ms * Ms);
+        if (row.before == Known::Sequence)
+            record.onSequence(Receiver::StreamClockType::NoClock, StreamFormat{});
+        if (row.before == Known::Frame)
+            record.onFrame(0, 0, 0, row.ms * Ms, 0);
+        EXPECT_EQ(record.onUnknownSequence(row.ms * Ms), row.isDue) << row.ms;
+    }
 }
 
 TEST(ConsumerRecordTest, MeasuresGaps)

@@ -243,9 +243,9 @@ TEST_F(DiscoveryTest, ProbeTakesNoPathThatIsNoSenders)
 {
     const std::string directory = getTempDirectory() + "/VlxSender-abcdef";
     const std::string served = directory + "/nanomsgChannel.ipc";
+    const std::string empty = getTempDirectory() + "/VlxSender-ABC123";
     fs::create_directory(directory);
-    std::ofstream(directory + "/file") << "x";
-    fs::create_symlink(served, directory + "/link");
+    fs::create_directory(empty);
     RawNanomsg channel(NN_PUB);
     ASSERT_TRUE(channel.bind("ipc://" + served));
     RawNanomsg other(NN_PUB);
@@ -258,15 +258,14 @@ TEST_F(DiscoveryTest, ProbeTakesNoPathThatIsNoSenders)
     };
     const Row rows[] = {
         {"ipc://" + served, true, true},
-        {"ipc://" + directory + "/none", false, true},
-        {"ipc://" + directory + "/file", false, false},
-        {"ipc://" + directory + "/link", false, false},
+        {"ipc://" + empty + "/nanomsgChannel.ipc", false, true},
+        {"ipc://" + directory + "/none", false, false},
         {"ipc://" + getTempDirectory() + "/other", false, false},
         {"ipc://" + directory + "/../other", false, false},
-        {"ipc://VlxSender-abcdef/none", false, false},
+        {"ipc://VlxSender-abcdef/nanomsgChannel.ipc", false, false},
         {"ipc:///VlxSender-abcdef", false, false},
-        {"ipc://" + directory + "/" + std::string(107 - directory.size() - 1, 'x'), false, true},
-        {"ipc://" + directory + "/" + std::string(108 - directory.size() - 1, 'x'), false, false},
+        {"ipc://" + std::string(108 - empty.size() - 19, '/') + empty + "/nanomsgChannel.ipc",
+         false, false},
         {"tcp://127.0.0.1:9", false, false},
         {"", false, false}};
     for (const Row& row : rows)
@@ -293,6 +292,7 @@ TEST_F(DiscoveryTest, ProbeTakesNoPathThatIsNoSenders)
     other.close();
     fs::remove(getTempDirectory() + "/other");
     fs::remove_all(directory);
+    fs::remove_all(empty);
 }
 
 TEST_F(DiscoveryTest, NoAnswerStopsOrHoldsTheProcess)

@@ -220,6 +220,7 @@ TEST_F(ProducerTest, SaysWhatItCannotOpen)
         {other, "", "/nowhere", Format, "\"/nowhere\": No such file"},
         {other, "", tooLong, Format, "too long for a socket path"},
         {other, "", "", {audioUtils::PcmFormat::S16LE, 0, 2}, "a rate of at least 1"},
+        {other, "", "", {audioUtils::PcmFormat::S16LE, 768'001, 2}, "at most 768000 Hz"},
         {other, "", "", {audioUtils::PcmFormat::S16LE, 48000, 256}, "1 to 255 channels"}};
     for (const Row& row : rows)
     {

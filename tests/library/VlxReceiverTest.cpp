@@ -29,9 +29,9 @@
 #include <unistd.h>
 
 #include <vlx/VlxReceiver.hpp>
+#include <vlxkit/PromptStop.hpp>
 
 #include "Bell.hpp"
-#include "PromptStop.hpp"
 #include "SocketFileMode.hpp"
 #include "support/HostilePeer.hpp"
 #include "support/LogCapture.hpp"

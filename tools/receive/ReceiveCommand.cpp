@@ -102,6 +102,7 @@ private:
 
     LocalTimes m_localTimes; // the consumer's callbacks alone
     std::atomic<bool> m_stalled = false;
+    std::atomic<bool> m_isFinishing = false;
     Recorder m_recorder;
     kit::Consumer m_consumer; // last: its callbacks use all of the above
 };
@@ -141,12 +142,14 @@ void ReceiveControl::onEvent(const kit::ConsumerEvent& event)
     case Kind::Joined:
     case Kind::Lost:
     case Kind::Stalled:
+        if (m_isFinishing) // leaving at the end is no loss
+            break;
         m_stalled = event.kind == Kind::Stalled;
         m_recorder.getQueue().push(event);
         break;
     case Kind::CannotPlay:
     case Kind::NotPermitted:
-    case Kind::Stranger:
+    case Kind::NotASender:
     case Kind::Failed:
         noteProblem(event);
         break;
@@ -235,6 +238,7 @@ void writeReport(const ReceiveOptions& options, const nlohmann::ordered_json& re
 
 void ReceiveControl::finish()
 {
+    m_isFinishing = true;
     m_consumer.stop();
     m_recorder.finish();
     if (m_recorder.getNumFrames() > 0)
