@@ -6,6 +6,7 @@
 #include <cstring>
 #include <utility>
 
+#include <fcntl.h>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 #include <nanomsg/nn.h>
@@ -54,6 +55,20 @@ constexpr std::size_t FirstClientEntry = 2;
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds AcceptPause{100};
 
+/// Opens the directory that mkdtemp has just made to everybody, and nothing else: in a base directory
+/// without the sticky bit others can put a link or another directory in its place meanwhile.
+void openToEverybody(const std::string& path)
+{
+    const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    const ScopeGuard directoryGuard([fd] { ::close(fd); });
+    struct stat status = {};
+    if (::fstat(fd, &status) == 0 && status.st_uid == ::geteuid() &&
+        (status.st_mode & ACCESSPERMS) == S_IRWXU)
+        ::fchmod(fd, TempDirectoryMode);
+}
+
 /// Makes the sender's own directory.
 ///
 /// @param base  where it is made
@@ -68,7 +83,7 @@ int makeTempDirectory(const std::string& base, std::string& path)
         path.clear();
         return error;
     }
-    ::chmod(path.c_str(), TempDirectoryMode);
+    openToEverybody(path);
     return 0;
 }
 

@@ -67,11 +67,14 @@ int countBytesInPipe(int readEnd)
     return numBytes;
 }
 
-/// The system's call, which the linker leads through this.
+std::function<void(const fs::path&)> onNewDirectory; // after each mkdtemp
+
+/// The system's calls, which the linker leads through these.
 extern "C"
 {
     // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
     int __real_close_range(unsigned int first, unsigned int last, int flags);
+    char* __real_mkdtemp(char* pattern);
 
     int __wrap_close_range(unsigned int first, unsigned int last, int flags)
     {
@@ -79,6 +82,14 @@ extern "C"
             return __real_close_range(first, last, flags);
         errno = ENOSYS;
         return -1;
+    }
+
+    char* __wrap_mkdtemp(char* pattern)
+    {
+        char* const path = __real_mkdtemp(pattern);
+        if (path != nullptr && onNewDirectory)
+            onNewDirectory(path);
+        return path;
     }
     // NOLINTEND(bugprone-reserved-identifier)
 }
@@ -450,6 +461,64 @@ TEST_P(SenderTransportTest, TempDirectoryIsOpenToEveryone)
     EXPECT_EQ(status.st_mode & 07777, 0777U);
     // In a pipeline the receiver makes it.
     EXPECT_EQ(fs::exists(directory / "nanomsgChannel.ipc"), GetParam() == NanomsgProtocol::PubSub);
+}
+
+TEST_F(SenderTest, AModeLandsOnTheOwnNewDirectoryAlone)
+{
+    const fs::path victim = fs::path(getTempDirectory()) / "victim";
+    const auto makeFile = [&](const fs::path& path)
+    {
+        Descriptor(::open(victim.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        fs::create_symlink(victim, path);
+    };
+    const auto makeLinkedDirectory = [&](const fs::path& path)
+    {
+        ::mkdir(victim.c_str(), 0700);
+        fs::create_symlink(victim, path);
+    };
+    const auto makeReadable = [](const fs::path& path) { ::mkdir(path.c_str(), 0750); };
+    const auto makeForeign = [](const fs::path& path)
+    {
+        ::mkdir(path.c_str(), 0700);
+        ::chown(path.c_str(), 65534, 65534);
+    };
+    const struct
+    {
+        const char* name;
+        std::function<void(const fs::path&)> make;
+        mode_t mode;
+        bool needsRoot = false;
+    } rows[] = {
+        {"link to a file", makeFile, 0600},
+        {"link to a directory", makeLinkedDirectory, 0700},
+        {"directory with another mode", makeReadable, 0750},
+        {"directory of another user", makeForeign, 0700, true},
+    };
+    for (const auto& row : rows)
+    {
+        if (row.needsRoot && ::geteuid() != 0)
+            continue;
+        SCOPED_TRACE(row.name);
+        fs::path place;
+        onNewDirectory = [&](const fs::path& path)
+        {
+            place = path;
+            fs::remove(path);
+            row.make(path);
+        };
+        Sender sender;
+        const bool isOpen = initialize(sender, getSocketName());
+        onNewDirectory = nullptr;
+        struct stat status = {};
+        ASSERT_EQ(::stat(place.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, row.mode);
+        if (isOpen)
+            sender.shutdownSender();
+        else
+            release(sender);
+        fs::remove_all(place);
+        fs::remove_all(victim);
+    }
 }
 
 TEST_F(SenderTest, AnnouncesItsClock)
