@@ -27,6 +27,7 @@
 #include "Connection.hpp"
 #include "Descriptors.hpp"
 #include "ErrorText.hpp"
+#include "ForkedCopy.hpp"
 #include "Guards.hpp"
 #include "SenderDirectory.hpp"
 #include "SocketFileMode.hpp"
@@ -275,6 +276,7 @@ bool Receiver::initializeReceiver(std::string socketAddress)
     }
 
     LOG4CPLUS_TRACE(logger, "Setting up receiver with socket address \"" << socketAddress << '"');
+    m_process = ::getpid();
     m_socketAddress = std::move(socketAddress);
     m_state = State::Connecting;
     m_connectingState = ConnectingState::NotConnected;
@@ -302,8 +304,37 @@ void Receiver::undoInitialization()
     m_state = State::Idle;
 }
 
+/// Closes the copies of the descriptors and forgets the rest. Everything else would reach the
+/// original, or wait for a thread that does not exist here; so would a line in the log. What the
+/// worker changes without a lock may be half changed.
+void Receiver::abandon()
+{
+    makeAnew(
+        m_thread, m_fsMonitorThread, m_mutex, m_conditionVariable, m_depayloaderList, m_initialInfo,
+        m_sidechannelBuffer);
+
+    if (m_sideChannelSocketFD >= 0)
+        ::close(m_sideChannelSocketFD);
+    if (m_inotifyFD >= 0)
+        ::close(m_inotifyFD);
+    closePipe(m_loopWakeupPipe);
+    m_sideChannelSocketFD = -1;
+    m_inotifyFD = -1;
+    m_inotifyWatch = -1;
+    m_nanomsgMainFD = -1;
+    m_nanomsgEndpointID = -1;
+    m_keepRunning = false;
+    m_connectingState = ConnectingState::Undefined;
+    m_state = State::Idle;
+}
+
 void Receiver::shutdownReceiver()
 {
+    if (isForkedCopy(m_process))
+    {
+        abandon();
+        return;
+    }
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_keepRunning = false;

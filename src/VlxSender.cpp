@@ -26,6 +26,7 @@
 #include "Connection.hpp"
 #include "Descriptors.hpp"
 #include "ErrorText.hpp"
+#include "ForkedCopy.hpp"
 #include "Fourcc.hpp"
 #include "Guards.hpp"
 #include "SenderDirectory.hpp"
@@ -196,6 +197,7 @@ bool Sender::initializeSender(
     if (m_initialized)
         return true;
 
+    m_process = ::getpid();
     LOG4CPLUS_TRACE(logger, "Setting up sender with socket address \"" << socketAddress << '"');
     if (!alternativeSocketAddress.empty())
     {
@@ -271,6 +273,12 @@ void Sender::prepareInitialInfoPacket()
 
 void Sender::shutdownSender()
 {
+    if (isForkedCopy(m_process))
+    {
+        abandon();
+        return;
+    }
+
     std::unique_lock<std::mutex> lock(m_mutex);
     if (!m_initialized)
         return;
@@ -312,6 +320,42 @@ void Sender::shutdownSender()
     m_tempDirectory.clear();
     m_initialized = false;
     LOG4CPLUS_TRACE(logger, "Sender shut down");
+}
+
+/// Closes the copies of the descriptors and forgets the rest. Everything else would reach the
+/// original, or wait for a thread that does not exist here; so would a line in the log.
+void Sender::abandon()
+{
+    if (m_mutex.try_lock())
+    {
+        for (std::size_t i = FirstClientEntry; i < m_pollFDs->size(); ++i)
+            ::close((*m_pollFDs)[i].fd);
+        m_mutex.unlock();
+    }
+    else // a thread may have been changing what the lock guards
+    {
+        makeAnew(
+            m_pollFDs, m_socketAddress, m_alternativeSocketAddress, m_timeSyncIPAddress,
+            m_nanomsgURI, m_nanomsgIPCFilePath, m_tempDirectory, m_initialInfoPacket,
+            m_sequenceInfoPacket, m_framePacket);
+        m_pollFDs = std::make_unique<std::vector<pollfd>>();
+    }
+    makeAnew(m_listenerThread, m_mutex, m_sendMutex);
+
+    if (m_listenerSocketFD >= 0)
+        ::close(m_listenerSocketFD);
+    closePipe(m_listenerWakeupPipe);
+    closePipe(m_nanomsgWakeupPipe);
+    m_listenerSocketFD = -1;
+    m_nanomsgMainFD = -1;
+    m_nanomsgEndpointID = -1;
+    m_pollFDs->clear();
+    m_nanomsgURI.clear();
+    m_nanomsgIPCFilePath.clear();
+    m_tempDirectory.clear();
+    m_listenerThreadRunning = false;
+    m_sendDisabled = true;
+    m_initialized = false;
 }
 
 int Sender::createNanomsgWakeupPipe()
@@ -676,6 +720,9 @@ void Sender::sendDataOverNanomsg(const ByteView& data)
 
 void Sender::disableSend(bool disable)
 {
+    if (isForkedCopy(m_process)) // its wakeup would reach the original
+        return;
+
     const std::lock_guard<std::mutex> lock(m_sendMutex);
     if (m_sendDisabled == disable)
         return;

@@ -13,6 +13,7 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <miscUtils/MiscUtils.hpp>
 #include <miscUtils/SyncedNetClock.hpp>
@@ -509,8 +510,15 @@ public:
         assert(m_ending.empty() && "a clock must not be destroyed from inside its own callback");
     }
 
+    // A fork leaves a copy of the sessions without their threads.
+    bool isForkedCopy() const
+    {
+        return m_process != 0 && m_process != ::getpid();
+    }
+
     void start(const std::shared_ptr<Session>& session)
     {
+        m_process = ::getpid();
         setAside(exchangeSession(session));
         // Starts from inside the callbacks of two sessions would wait for each other.
         if (!Session::isThreadOfAny())
@@ -575,6 +583,8 @@ private:
             session->join();
     }
 
+    std::atomic<pid_t> m_process = 0; // that has started the clock last; 0: none yet
+
     // Never held across a wait.
     mutable std::mutex m_mutex;
 
@@ -585,7 +595,12 @@ private:
 
 SyncedNetClock::SyncedNetClock() : m_impl(std::make_unique<Impl>()) {}
 
-SyncedNetClock::~SyncedNetClock() = default;
+SyncedNetClock::~SyncedNetClock()
+{
+    // Whatever would be ended is the original's, or waits for a thread that does not exist here.
+    if (m_impl->isForkedCopy())
+        static_cast<void>(m_impl.release());
+}
 
 void SyncedNetClock::startSynchronization(
     std::string address,
@@ -600,7 +615,8 @@ void SyncedNetClock::startSynchronization(
 
 void SyncedNetClock::stopSynchronization()
 {
-    m_impl->stop();
+    if (!m_impl->isForkedCopy())
+        m_impl->stop();
 }
 
 bool SyncedNetClock::isSynchronized() const

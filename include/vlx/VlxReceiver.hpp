@@ -70,6 +70,9 @@ enum class FrameRefusal : std::int32_t
 /// that it names and changes that file's mode. setInitialInfoCheckCallback() and
 /// setMaxSidechannelMessageSize() limit that trust.
 ///
+/// A forked child has only a copy without threads: it may shut the copy down or destroy it, and
+/// nothing else. The transport's own descriptors stay open there until it ends or calls exec.
+///
 /// Logging goes to the log4cplus logger "Vellox", which the application configures; unconfigured,
 /// log4cplus prints a warning of its own.
 class Receiver
@@ -209,6 +212,9 @@ public:
     /// makes in the watched directory. An attempt to connect to a sender whose backlog is full, since
     /// it is stopped (SIGSTOP), say, is given up after 400 ms. A callback in progress is waited for,
     /// so hold no lock that a callback takes.
+    ///
+    /// In a forked child the copy of an initialised receiver only closes its descriptors, waits for
+    /// nothing, logs nothing and makes no callback; the parent's receiver goes on.
     /// @thread one at a time, never from a callback and never beside initializeReceiver()
     VLX_API void shutdownReceiver();
 
@@ -258,6 +264,7 @@ private:
     void startThread();
     void stopThread();
     void undoInitialization();
+    void abandon(); // in a forked copy
     void threadLoop();
     bool iterate();
     bool shouldKeepRunning() const; // also the monitor
@@ -363,6 +370,7 @@ private:
     miscUtils::SyncedNetClock m_syncedNetClock;
     int m_inotifyFD = -1;    // constant while the monitor runs
     int m_inotifyWatch = -1; // constant while the monitor runs
+    pid_t m_process = 0;     // that has initialised the receiver last; 0: none yet
 };
 
 /// @return "idle", "connecting" or "running"; "unknown" for any other value; a static string

@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include <sys/types.h>
+
 #include <vlx/SideChannel.hpp>
 #include <vlx/VlxTypes.hpp>
 
@@ -48,6 +50,9 @@ class Payloader;
 /// another user's receiver goes Running and never gets a frame. A producer that serves other users
 /// changes the file's mode after initializeSender(); the URI that a sidechannel connection announces
 /// names the file.
+///
+/// A forked child has only a copy without threads: it may shut the copy down or destroy it, and
+/// nothing else. The transport's own descriptors stay open there until it ends or calls exec.
 ///
 /// Logging goes to the log4cplus logger "Vellox", which the application configures; unconfigured,
 /// log4cplus prints a warning of its own.
@@ -104,6 +109,8 @@ public:
     ///
     /// Frames that have not left the process yet are lost. Sending stays disabled until the next
     /// initialisation.
+    /// In a forked child the copy of an open sender only closes its descriptors, waits for nothing
+    /// and logs nothing; the parent's stream goes on.
     /// @pre no media call is running, and no other thread is shutting the sender down
     VLX_API void shutdownSender();
 
@@ -128,8 +135,10 @@ public:
     ///
     /// PubSub: never blocks. Pipeline: blocks while no receiver has bound, or while the one that
     /// has takes nothing; only disableSend(true) from another thread ends that wait. Frames before
-    /// the first sequence belong to none, and receivers refuse them. Allocates nothing once the
-    /// largest frame has been sent; copies the data once.
+    /// the first sequence belong to none, and receivers refuse them.
+    ///
+    /// This library's own code copies the data once, and allocates nothing once the largest frame
+    /// has been sent. The transport beneath makes and allocates another copy of each frame.
     ///
     /// @param timestamp  carried as given; for receivers to mean anything by it, on the announced
     ///                   clock, in nanoseconds
@@ -148,13 +157,19 @@ public:
     /// @thread any
     VLX_API void disableSend(bool disable);
 
-    /// @return receivers now joined on the main channel, as the transport counts them; 0 if the
-    ///         sender is not initialised
+    /// Counts connections, not receivers: a client that leaves right after the transport's handshake
+    /// may be counted until the sender is shut down, and any process that may write to the socket
+    /// file can be such a client. Where that matters, count the connections of the sidechannel.
+    ///
+    /// @return connections of the main channel, as the transport counts them; 0 if the sender is not
+    ///         initialised
     /// @thread any
     VLX_API std::size_t getNumReceivers() const;
 
 private:
     friend class SenderTestAccess;
+
+    void abandon(); // in a forked copy
 
     // m_mutex is held by the caller of each of these.
     void prepareInitialInfoPacket();
@@ -225,6 +240,8 @@ private:
     std::string m_nanomsgIPCFilePath;
 
     std::string m_baseDirectory; // empty: from the environment; guarded by m_mutex
+
+    std::atomic<pid_t> m_process = 0; // that has initialised the sender last; 0: none yet
 
     // Entry 0: read end of m_listenerWakeupPipe; entry 1: m_listenerSocketFD; then one per client.
     // Only the listener thread changes it while it runs, under m_mutex; it polls it without the

@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <forward_list>
 #include <fstream>
-#include <new>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -12,6 +11,7 @@
 #include <AbstractName.hpp>
 #include <Assertions.hpp>
 #include <Descriptors.hpp>
+#include <ForkedCopy.hpp>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 #include <pthread.h>
@@ -130,6 +130,11 @@ public:
     TimeValue getStreamTime() const;
     ConsumerStatistics getStatistics() const;
 
+    bool isForkedCopy() const
+    {
+        return vlx::isForkedCopy(m_process);
+    }
+
     const std::string& getProblem() const
     {
         return m_problem;
@@ -201,7 +206,7 @@ private:
     // Of the thread that starts and stops.
     std::string m_problem;
     std::thread m_keeper;
-    pid_t m_process = 0; // that has the keeper
+    pid_t m_process = 0; // that has the keeper; 0: none has yet
     std::forward_list<CodecRelay> m_relays;
 
     // Of the keeper, while it runs.
@@ -350,7 +355,7 @@ void Consumer::Impl::restrict(const std::string& restriction)
 
 void Consumer::Impl::stop()
 {
-    if (m_process != ::getpid())
+    if (isForkedCopy())
         return abandonKeeper();
     assert(
         !CallbackScope::isInside(this) &&
@@ -378,9 +383,10 @@ void Consumer::Impl::endKeeper()
 /// shared with the parent.
 void Consumer::Impl::abandonKeeper()
 {
-    new (&m_keeper) std::thread();
+    makeAnew(m_keeper);
     if (m_question)
         m_question->abandon();
+    m_receiver.shutdownReceiver();
     m_started = false;
 }
 
@@ -812,7 +818,14 @@ Consumer::Consumer(ConsumerOptions options, ConsumerCallbacks callbacks)
 {
 }
 
-Consumer::~Consumer() = default;
+Consumer::~Consumer()
+{
+    if (!m_impl->isForkedCopy())
+        return;
+    // What its threads, which do not exist here, were changing is left alone.
+    m_impl->stop();
+    static_cast<void>(m_impl.release());
+}
 
 void Consumer::addDepayloader(Depayloader& depayloader)
 {

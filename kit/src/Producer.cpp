@@ -8,6 +8,7 @@
 #include <utility>
 
 #include <AbstractName.hpp>
+#include <ForkedCopy.hpp>
 #include <SenderDirectory.hpp>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
@@ -132,7 +133,6 @@ private:
     std::string m_name;
     std::string m_socketFile;
     std::string m_problem;
-    pid_t m_process = 0;                          // that has opened the stream
     Clock::time_point m_lastSequence;             // when it was started
     std::size_t m_numReceivers = 0;               // just before that, or at a later check
     std::optional<Clock::time_point> m_lastFrame; // when it was sent
@@ -143,6 +143,7 @@ private:
     std::atomic<std::uint64_t> m_bytes = 0;
     std::atomic<std::uint64_t> m_sequences = 0;
     std::atomic<bool> m_stopped = false;
+    std::atomic<pid_t> m_process = 0; // that has opened the stream
 
     // Guards the pointer against stop() and getStatistics(), not what it points to. The producing
     // thread changes it under the lock and reads it without.
@@ -221,6 +222,7 @@ bool Producer::Impl::openSender()
 bool Producer::Impl::initializeSender(const std::string& name)
 {
     auto sender = std::make_unique<Sender>();
+    m_process = ::getpid();
     try
     {
         if (!sender->initializeSender(
@@ -233,7 +235,6 @@ bool Producer::Impl::initializeSender(const std::string& name)
         return fail("cannot open the stream " + quote(name) + ": " + error.what());
     }
     m_name = name;
-    m_process = ::getpid();
     return publish(std::move(sender));
 }
 
@@ -349,6 +350,11 @@ bool Producer::Impl::waitForReceivers(std::size_t count, std::chrono::nanosecond
 
 void Producer::Impl::stop()
 {
+    if (isForkedCopy(m_process))
+    {
+        m_stopped = true;
+        return;
+    }
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_stopped = true;
     if (m_sender != nullptr)
@@ -360,7 +366,7 @@ void Producer::Impl::close()
 {
     if (m_sender == nullptr)
         return;
-    if (m_lastFrame && m_process == ::getpid())
+    if (m_lastFrame && !isForkedCopy(m_process))
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_stopRequested.wait_until(
@@ -378,15 +384,11 @@ void Producer::Impl::shutDown()
 {
     if (m_sender == nullptr)
         return;
-    const bool isOurs = m_process == ::getpid();
-    if (isOurs)
-        m_sender->shutdownSender();
+    if (isForkedCopy(m_process)) // another thread may have held the lock, or waited
+        makeAnew(m_mutex, m_stopRequested);
+    m_sender->shutdownSender();
     const std::lock_guard<std::mutex> lock(m_mutex);
-    // A fork's copy has no threads, and what it would shut down is the other process's stream.
-    if (isOurs)
-        m_sender.reset();
-    else
-        static_cast<void>(m_sender.release());
+    m_sender.reset();
     m_lastFrame.reset();
 }
 

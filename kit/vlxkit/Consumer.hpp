@@ -208,6 +208,9 @@ public:
     /// has no inotify instance left; up to 400 ms if a sender has come while there was none, and its
     /// backlog has filled up within the last half second.
     ///
+    /// In a forked child the copy of a started consumer only closes its descriptors; the parent's
+    /// goes on. The same holds for the destruction.
+    ///
     /// @thread one at a time with start(), never inside a callback: call requestStop() there
     VLX_API void stop();
 

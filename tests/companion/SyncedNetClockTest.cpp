@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <memory>
@@ -72,6 +74,24 @@ constexpr std::int64_t NsPerSecond = 1'000'000'000;
 constexpr std::int64_t ToleranceNs = 150 * NsPerMs;
 
 constexpr std::int64_t InitialOffsetNs = 5000 * NsPerSecond;
+
+// A thread that spins uses more than this in seconds, on a busy machine too.
+constexpr std::uint64_t MaxIdleCpuNs = 100 * NsPerMs;
+
+/// @return processor time of the threads with a name, in nanoseconds
+std::uint64_t readCpuTimeNs(const std::string& threadName)
+{
+    std::uint64_t sum = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+    {
+        std::string name;
+        std::uint64_t time = 0;
+        std::ifstream(task.path() / "comm") >> name;
+        std::ifstream(task.path() / "schedstat") >> time;
+        sum += name == threadName ? time : 0;
+    }
+    return sum;
+}
 
 // A clock under test, and what its callback saw. On a busy machine GStreamer may reject every answer
 // for some seconds, which counts as silence: the tests ask for losses seen, not for exact numbers.
@@ -176,6 +196,31 @@ TEST_F(SyncedNetClockTest, FollowsAProviderGivenByNameOrAddress)
     }
     EXPECT_FALSE(clock.isSynchronized());
     EXPECT_EQ(clock.getSynchronizedTime(), 0U);
+}
+
+TEST_F(SyncedNetClockTest, AForkedCopyEndsAndTheOriginalGoesOn)
+{
+    auto follower = std::make_unique<Follower>();
+    follower->start(m_provider);
+    ASSERT_TRUE(waitFor([&] { return follower->lastSeen && follower->follows(m_provider); }));
+    for (int i = 0; i < 20; ++i)
+    {
+        ASSERT_TRUE(vlx::testing::runInFork(
+            [&]
+            {
+                follower->clock.stopSynchronization();
+                follower.reset();
+                return true;
+            }))
+            << i;
+    }
+    // Its thread sleeps until it hears of the provider, and still does.
+    const std::uint64_t before = readCpuTimeNs("vlx-clock");
+    EXPECT_GT(before, 0U);
+    m_provider.stop();
+    EXPECT_TRUE(waitFor([&] { return !follower->lastSeen; }));
+    EXPECT_LT(readCpuTimeNs("vlx-clock") - before, MaxIdleCpuNs);
+    follower.reset();
 }
 
 // What becomes of the provider while two clocks follow it.

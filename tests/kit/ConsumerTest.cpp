@@ -754,6 +754,42 @@ TEST_F(ConsumerTest, AsksAHungSenderOnceAndDoesNotAccuseIt)
     EXPECT_TRUE(consumer.waitForEvent("frame 10"));
 }
 
+TEST_F(ConsumerTest, AForkedCopyEndsAndTheOriginalGoesOn)
+{
+    std::atomic<TimeValue> last = 0;
+    std::atomic<int> numEvents = 0;
+    const auto makeConsumer = [&](const std::string& name)
+    {
+        return std::make_unique<Consumer>(
+            ConsumerOptions{.name = name},
+            ConsumerCallbacks{
+                .onFrame = [&](const Frame& frame) { last = frame.timestamp; },
+                .onEvent = [&](const ConsumerEvent&) { ++numEvents; }});
+    };
+    auto consumer = makeConsumer(getSocketName());
+    auto waiting = makeConsumer(getSocketName() + "-none");
+    ScriptedSender sender(getSocketName());
+    ASSERT_TRUE(consumer->start() && waiting->start());
+    for (std::uint8_t i = 1; i <= 20; ++i)
+    {
+        ASSERT_TRUE(waitFor([&] { return consumer->getStatistics().sequences == 1; }));
+        ASSERT_TRUE(sender.send(makeFrame(1, i)));
+        ASSERT_TRUE(waitFor([&] { return last == i; }));
+        ASSERT_TRUE(runInFork(
+            [&]
+            {
+                consumer->stop();
+                consumer.reset();
+                waiting.reset();
+                return true;
+            }))
+            << i;
+    }
+    EXPECT_EQ(numEvents, 1) << "joined, and never lost";
+    consumer->stop();
+    waiting->stop();
+}
+
 TEST_F(ConsumerTest, StopsPromptlyInEachState)
 {
     for (const bool isFull : {false, true})

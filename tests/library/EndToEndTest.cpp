@@ -1,13 +1,18 @@
 // Senders and receivers together.
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include <fcntl.h>
 #include <log4cplus/logger.h>
 #include <malloc.h>
 
@@ -17,7 +22,9 @@
 
 #include "Bell.hpp"
 #include "support/AllocationCounter.hpp"
+#include "support/RawPeers.hpp"
 #include "support/RecordedReceiver.hpp"
+#include "support/TestAccess.hpp"
 #include "support/VlxTest.hpp"
 
 namespace fs = std::filesystem;
@@ -66,6 +73,11 @@ public:
     void startSequence()
     {
         m_sender.startNewSequence();
+    }
+
+    Sender& get()
+    {
+        return m_sender;
     }
 
     bool waitForReceivers(std::size_t number)
@@ -226,6 +238,89 @@ TEST_P(EndToEndTransportTest, ReconnectingLeavesNothingBehind)
         sender.reset();
         ASSERT_TRUE(receiver.waitForEvent("connecting", round + 1));
     }
+}
+
+TEST_P(EndToEndTransportTest, AForkedCopyEndsAndTheOriginalGoesOn)
+{
+    using Access = SenderTestAccess;
+    constexpr int NumChildren = 20;
+    PcmDepayloader depayloader;
+    std::atomic<std::size_t> numFrames = 0;
+    std::vector<Receiver::State> states;
+    auto receiver = std::make_unique<Receiver>();
+    receiver->addDepayloader(depayloader);
+    receiver->setStateChangedCallback([&](Receiver::State state) { states.push_back(state); });
+    receiver->setMediaDataCallback([&](TimeValue, TimeValue, const Buffer&) { ++numFrames; });
+    ASSERT_TRUE(receiver->initializeReceiver(getSocketName()));
+    auto waiting = std::make_unique<Receiver>(); // nearly always on its condition variable
+    ASSERT_TRUE(waiting->initializeReceiver(getSocketName() + "-none"));
+    auto sender = makeJoinedSender();
+    ASSERT_TRUE(waitFor(
+        [&]
+        {
+            sender->send({0, 1, makeData(100, 0)});
+            return numFrames > 0;
+        }));
+    const std::vector<int> polled = Access::getPolledFDs(sender->get());
+    ASSERT_EQ(polled.size(), 3U);
+    const std::vector<int> shared = {
+        polled[0],
+        polled[1],
+        (sender->get().*Access::NanomsgWakeupPipe)[1],
+        (*receiver).*ReceiverTestAccess::SidechannelSocketFD,
+        ((*receiver).*ReceiverTestAccess::LoopWakeupPipe)[1],
+        (*receiver).*ReceiverTestAccess::InotifyFD};
+    const auto endsInFork = [&](bool wasLocked)
+    {
+        return runInFork(
+            [&]
+            {
+                sender->get().disableSend(true);
+                receiver->shutdownReceiver();
+                receiver.reset();
+                waiting.reset();
+                sender.reset();
+                const auto isClosed = [](int fd) { return ::fcntl(fd, F_GETFD) == -1; };
+                return std::all_of(shared.begin(), shared.end(), isClosed) &&
+                       (wasLocked || isClosed(polled[2]));
+            });
+    };
+    // No thread holds the lock for long.
+    EXPECT_TRUE(waitFor([&] { return endsInFork(false); }));
+
+    std::atomic<bool> isDone = false;
+    std::thread producer(
+        [&]
+        {
+            for (TimeValue i = 0; !isDone; ++i)
+            {
+                sender->send({i, 1, makeData(100 * (i % 20), i)});
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+            }
+        });
+    for (int i = 0; i < NumChildren && !HasFailure(); ++i)
+    {
+        SCOPED_TRACE(i);
+        {
+            // One that is held by any thread is never released in the child.
+            auto lock = Access::lock(sender->get());
+            if (i % 2 == 0)
+                lock.unlock();
+            EXPECT_TRUE(endsInFork(true));
+        }
+        const std::size_t numBefore = numFrames;
+        EXPECT_TRUE(waitFor([&] { return numFrames > numBefore; }));
+    }
+    RawConnection newcomer(getSocketName());
+    EXPECT_TRUE(newcomer.readMessage());
+    newcomer.close();
+    isDone = true;
+    sender->get().disableSend(true);
+    producer.join();
+    kit::stopPromptly(*waiting);
+    kit::stopPromptly(*receiver);
+    using State = Receiver::State;
+    EXPECT_EQ(states, (std::vector<State>{State::Connecting, State::Running, State::Idle}));
 }
 
 } // namespace vlx

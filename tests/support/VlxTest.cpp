@@ -9,6 +9,7 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -82,6 +83,21 @@ bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds d
         std::this_thread::sleep_for(PollInterval);
     }
     return true;
+}
+
+bool runInFork(const std::function<bool()>& action)
+{
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(action() ? 0 : 1);
+    int status = -1;
+    const bool hasEnded = waitFor([&] { return ::waitpid(child, &status, WNOHANG) != 0; });
+    if (!hasEnded)
+    {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, &status, 0);
+    }
+    return hasEnded && status == 0;
 }
 
 Buffer toBytes(const std::string& text)

@@ -39,6 +39,11 @@ bool waitFor(
     const std::function<bool()>& condition,
     std::chrono::milliseconds deadline = DefaultDeadline);
 
+/// Runs an action in a forked child, which ends without running any destructor.
+///
+/// @return whether the child ended by itself before the deadline, and the action returned true
+bool runInFork(const std::function<bool()>& action);
+
 /// @return the bytes of a text
 Buffer toBytes(const std::string& text);
 
