@@ -7,6 +7,19 @@
 namespace vlx::gst
 {
 
+namespace
+{
+
+constexpr std::uint32_t MaxRate = G_MAXINT;
+
+} // unnamed namespace
+
+bool isInTemplate(const kit::StreamFormat& format)
+{
+    return audioUtils::isValid(format.sampleFormat) && format.rate > 0 && format.rate <= MaxRate &&
+           format.channels > 0 && format.channels <= MaxChannels;
+}
+
 GstCaps* toCaps(const kit::StreamFormat& format)
 {
     const std::string name(audioUtils::toString(format.sampleFormat));
@@ -32,14 +45,15 @@ std::optional<kit::StreamFormat> toStreamFormat(const GstCaps* caps)
     gint rate = 0;
     gint channels = 0;
     if (name == nullptr || g_strcmp0(layout, "interleaved") != 0 ||
-        gst_structure_get_int(fields, "rate", &rate) == FALSE || rate < 1 ||
-        gst_structure_get_int(fields, "channels", &channels) == FALSE || channels < 1)
+        gst_structure_get_int(fields, "rate", &rate) == FALSE ||
+        gst_structure_get_int(fields, "channels", &channels) == FALSE)
         return std::nullopt;
     const auto sampleFormat = audioUtils::toPcmFormat(name);
     if (!sampleFormat)
         return std::nullopt;
-    return kit::StreamFormat{
+    const kit::StreamFormat format{
         *sampleFormat, static_cast<std::uint32_t>(rate), static_cast<std::uint32_t>(channels)};
+    return isInTemplate(format) ? std::optional(format) : std::nullopt;
 }
 
 } // namespace vlx::gst

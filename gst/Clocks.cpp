@@ -15,8 +15,10 @@ namespace
 // Of several samples the one is taken that was interrupted least.
 constexpr int NumOffsetSamples = 3;
 
-// Four answers of a provider, 50 ms apart, and something for a busy machine.
-constexpr GstClockTime SyncTimeoutNs = 500'000'000;
+// Four answers of a provider, 50 ms apart. On a busy machine some take 300 ms or get lost.
+constexpr GstClockTime SyncTimeoutNs = 2'000'000'000;
+
+constexpr auto ProvidesClock = static_cast<guint32>(GST_ELEMENT_FLAG_PROVIDE_CLOCK);
 
 } // unnamed namespace
 
@@ -102,6 +104,7 @@ void ProvidedClock::offer(const ClockEndpoint& endpoint)
         gst_message_new_clock_provide(GST_OBJECT(m_element), clock.get(), TRUE);
     GST_OBJECT_LOCK(m_element);
     m_clock = std::move(clock);
+    GST_OBJECT_FLAG_SET(m_element, ProvidesClock);
     GST_OBJECT_UNLOCK(m_element);
     gst_element_post_message(m_element, message);
 }
@@ -110,6 +113,7 @@ void ProvidedClock::withdraw()
 {
     GST_OBJECT_LOCK(m_element);
     const ObjectPtr<GstClock> clock = std::move(m_clock);
+    GST_OBJECT_FLAG_UNSET(m_element, ProvidesClock);
     GST_OBJECT_UNLOCK(m_element);
     if (clock)
         gst_element_post_message(

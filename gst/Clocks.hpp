@@ -56,8 +56,8 @@ class ProvidedClock
 public:
     explicit ProvidedClock(GstElement* element) : m_element(element) {}
 
-    /// Follows a provider and offers the clock, once it is synchronised, which takes 0.2 s and is
-    /// given up after 0.5 s. Going to PAUSED.
+    /// Follows a provider and offers the clock once it is synchronised: normally after 0.2 s; gives
+    /// up after 2 s. On the way to PAUSED.
     void offer(const ClockEndpoint& endpoint);
 
     /// Coming from PAUSED; harmless without a clock.

@@ -1,6 +1,10 @@
 #include "ElementType.hpp"
 
+#include <algorithm>
+
 #include <gst/base/gstbasesink.h>
+
+#include <vlxkit/Text.hpp>
 
 namespace vlx::gst
 {
@@ -41,12 +45,13 @@ gboolean setUri(GstURIHandler* handler, const gchar* uri, GError** error)
     gchar* const name = gst_uri_get_location(uri);
     const bool valid = name != nullptr && *name != '\0';
     GstState state = GST_STATE_NULL;
-    gst_element_get_state(GST_ELEMENT(handler), &state, nullptr, 0);
-    const bool stopped = state <= GST_STATE_READY;
+    GstState pending = GST_STATE_VOID_PENDING; // while prerolling
+    gst_element_get_state(GST_ELEMENT(handler), &state, &pending, 0);
+    const bool stopped = std::max(state, pending) <= GST_STATE_READY;
     if (!valid)
         g_set_error(
             error, GST_URI_ERROR, GST_URI_ERROR_BAD_URI,
-            "\"%s\" names no stream: it should read vlx://NAME", uri);
+            "%s is not the URI of a stream: use vlx://NAME", kit::quote(uri).c_str());
     else if (!stopped)
         g_set_error_literal(
             error, GST_URI_ERROR, GST_URI_ERROR_BAD_STATE,

@@ -18,7 +18,8 @@ void addUriHandler(GType type);
 ///   static void initClass(gpointer elementClass): everything but the properties' plumbing
 ///   GstStructure* makeStatistics() const
 ///   ProvidedClock& getProvidedClock(), void setUpClock() before it can be provided
-/// and if it wants to know: bool onPlaying(), false to refuse, and void onPaused().
+/// and if it needs them: bool onStart() and onPlaying(), before the state is left, false to refuse;
+/// void onPaused() and onStop(), once the streaming thread is paused or ended.
 template <typename Impl, typename Parent>
 class ElementType
 {
@@ -87,6 +88,9 @@ private:
     static GstStateChangeReturn changeState(GstElement* element, GstStateChange transition)
     {
         Impl& impl = of(element);
+        if constexpr (requires { impl.onStart(); })
+            if (transition == GST_STATE_CHANGE_READY_TO_PAUSED && !impl.onStart())
+                return GST_STATE_CHANGE_FAILURE;
         if (transition == GST_STATE_CHANGE_READY_TO_PAUSED)
             impl.setUpClock();
         if constexpr (requires { impl.onPlaying(); })
@@ -97,7 +101,11 @@ private:
         if constexpr (requires { impl.onPaused(); })
             if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED)
                 impl.onPaused();
-        if (transition == GST_STATE_CHANGE_PAUSED_TO_READY)
+        if constexpr (requires { impl.onStop(); })
+            if (transition == GST_STATE_CHANGE_PAUSED_TO_READY)
+                impl.onStop();
+        if (transition == GST_STATE_CHANGE_PAUSED_TO_READY ||
+            (transition == GST_STATE_CHANGE_READY_TO_PAUSED && result == GST_STATE_CHANGE_FAILURE))
             impl.getProvidedClock().withdraw();
         return result;
     }

@@ -8,6 +8,8 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/spi/loggingevent.h>
 
+#include <vlxkit/Text.hpp>
+
 namespace vlx::gst
 {
 
@@ -64,7 +66,7 @@ protected:
         gst_debug_log(
             getCategory(), toDebugLevel(event.getLogLevel()), event.getFile().c_str(),
             event.getFunction().c_str(), event.getLine(), nullptr, "%s",
-            event.getMessage().c_str());
+            kit::toPrintable(event.getMessage()).c_str());
     }
 };
 

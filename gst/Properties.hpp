@@ -32,7 +32,8 @@ public:
         addText("socket-name", &Settings::name, "Name of the stream, 1 to 107 bytes");
         addNumber(
             "realtime-priority", &Settings::realtimePriority, 99,
-            "Round-robin priority of the stream's threads where permitted; 0: none");
+            "Real-time priority (SCHED_RR) of the stream's threads, if permitted; 0: normal "
+            "scheduling");
     }
 
     /// Empty unless set.
@@ -59,8 +60,8 @@ public:
         install(g_param_spec_boolean(name, name, blurb, initial, getFlags(when)), field);
     }
 
-    /// @param blurb  tells that these are nanoseconds
-    void addTime(const char* name, guint64 Settings::*field, Mutability when, const char* blurb)
+    /// @param blurb  names the unit
+    void addNumber(const char* name, guint64 Settings::*field, Mutability when, const char* blurb)
     {
         install(
             g_param_spec_uint64(

@@ -10,6 +10,9 @@
 //
 // In "pubsub" what a receiver cannot take at once is lost to that receiver, so nothing is sent faster
 // than at twice the speed, not even with sync=false. "pipeline" has one receiver and waits for it.
+//
+// A seek with another rate changes the timestamps' spacing, not the samples or their durations: put
+// scaletempo before the sink.
 
 #include "VlxSink.hpp"
 
@@ -82,7 +85,6 @@ public:
     explicit Sink(GstBaseSink* element)
         : WithSettings(element), m_element(element), m_providedClock(GST_ELEMENT(element))
     {
-        GST_OBJECT_FLAG_SET(element, static_cast<guint32>(GST_ELEMENT_FLAG_PROVIDE_CLOCK));
         // Nothing is rendered here; whoever does that has a deadline of its own.
         gst_base_sink_set_processing_deadline(element, 0);
     }
@@ -96,8 +98,11 @@ public:
         return m_providedClock;
     }
 
-    bool start();
-    bool stop();
+    // READY to PAUSED and back. GstBaseSink's own start and stop belong to NULL, which is too early
+    // for properties that are set in READY.
+    bool onStart();
+    void onStop();
+
     bool setCaps(GstCaps* caps);
     GstFlowReturn render(GstBuffer* buffer);
 
@@ -174,7 +179,7 @@ void Sink::setUpClock()
             {settings.clockAddress, static_cast<std::uint16_t>(settings.clockPort)});
 }
 
-bool Sink::start()
+bool Sink::onStart()
 {
     forwardLibraryLog();
     const bool isNamed = !getSettings().name.empty();
@@ -189,13 +194,12 @@ bool Sink::start()
     return isNamed;
 }
 
-bool Sink::stop()
+void Sink::onStop()
 {
     // After this, closing takes 100 ms at most, which the last frame needs to leave.
     if (m_producer)
         m_producer->stop();
     dropProducer();
-    return true;
 }
 
 bool Sink::setCaps(GstCaps* caps)
@@ -426,6 +430,8 @@ GstFlowReturn Sink::prepare()
 {
     for (;;)
     {
+        if (m_element->flushing != FALSE)
+            return GST_FLOW_FLUSHING;
         const ObjectPtr<GstClock> clock(gst_element_get_clock(GST_ELEMENT(m_element)));
         if (!isUnlocked() && m_joined && clock && clock.get() == m_clock &&
             m_announcedFormat == m_format && !isProducerStopped())
@@ -437,7 +443,7 @@ GstFlowReturn Sink::prepare()
         if (flow == GST_FLOW_OK)
             flow = waitForReceiver();
         GST_BASE_SINK_PREROLL_LOCK(m_element);
-        if (flow != GST_FLOW_FLUSHING || m_element->flushing != FALSE)
+        if (flow != GST_FLOW_FLUSHING)
             return m_element->flushing != FALSE ? GST_FLOW_FLUSHING : flow;
     }
 }
@@ -512,15 +518,19 @@ GstFlowReturn Sink::render(GstBuffer* buffer)
     while (flow == GST_FLOW_OK && !done)
     {
         flow = prepare();
-        if (flow == GST_FLOW_OK && m_element->need_preroll != FALSE)
-            flow = gst_base_sink_wait_preroll(m_element);
         if (flow != GST_FLOW_OK)
             break;
+        if (m_element->need_preroll != FALSE)
+        {
+            // Paused meanwhile: the state change is completed here, and may change the clock.
+            flow = gst_base_sink_do_preroll(m_element, GST_MINI_OBJECT_CAST(buffer));
+            continue;
+        }
         flow = send(buffer, ByteView(map.data, map.size));
         done = flow == GST_FLOW_OK;
         // Paused: the same buffer again when it goes on. Flushed: it is dropped.
-        if (flow == GST_FLOW_FLUSHING)
-            flow = gst_base_sink_wait_preroll(m_element);
+        if (flow == GST_FLOW_FLUSHING && m_element->flushing == FALSE)
+            flow = GST_FLOW_OK;
     }
     gst_buffer_unmap(buffer, &map);
     return flow;
@@ -533,9 +543,10 @@ using Type = ElementType<Sink, GstBaseSink>;
 GType getProtocolType()
 {
     static const GEnumValue values[] = {
-        {static_cast<gint>(NanomsgProtocol::PubSub), "Any number of receivers, nobody waits",
-         "pubsub"},
-        {static_cast<gint>(NanomsgProtocol::Pipeline), "One receiver, waits for it", "pipeline"},
+        {static_cast<gint>(NanomsgProtocol::PubSub),
+         "Any number of receivers; the sender never waits", "pubsub"},
+        {static_cast<gint>(NanomsgProtocol::Pipeline), "One receiver; the sender waits for it",
+         "pipeline"},
         {0, nullptr, nullptr}};
     static const GType type = g_enum_register_static("GstVlxProtocol", values);
     return type;
@@ -545,8 +556,8 @@ GType getSocketModeType()
 {
     static const GEnumValue values[] = {
         {static_cast<gint>(kit::SocketMode::Owner), "Receivers of the same user", "owner"},
-        {static_cast<gint>(kit::SocketMode::Group), "Those of the group as well", "group"},
-        {static_cast<gint>(kit::SocketMode::All), "Everybody's", "all"},
+        {static_cast<gint>(kit::SocketMode::Group), "Receivers of the same group, too", "group"},
+        {static_cast<gint>(kit::SocketMode::All), "Receivers of every user", "all"},
         {0, nullptr, nullptr}};
     static const GType type = g_enum_register_static("GstVlxSocketMode", values);
     return type;
@@ -572,15 +583,15 @@ void installProperties(gpointer elementClass)
     properties.begin(elementClass);
     properties.addText(
         "alternative-socket-name", &Settings::alternativeName,
-        "Name to take if another sender holds the first; empty: none, and opening fails");
+        "Name to use if another sender holds the first; empty: opening fails instead");
     properties.addChoice(
-        "protocol", &Settings::protocol, getProtocolType(), "How frames reach the receivers");
+        "protocol", &Settings::protocol, getProtocolType(), "Transport to the receivers");
     properties.addChoice(
         "socket-mode", &Settings::socketMode, getSocketModeType(),
-        "Whose receivers may join; they could also end this process");
+        "Users whose receivers may join; they could also terminate this process");
     properties.addChoice(
         "clock", &Settings::clock, getClockType(),
-        "Clock that is announced and that the timestamps stand on");
+        "Clock of the timestamps, which is announced to receivers");
     properties.addText(
         "clock-address", &Settings::clockAddress,
         "Announced address of the network clock, which gstnetclock then provides to the pipeline; "
@@ -591,10 +602,10 @@ void installProperties(gpointer elementClass)
         "with serve-clock");
     properties.addFlag(
         "serve-clock", &Settings::serveClock, Mutability::Stopped,
-        "Run a time provider for the pipeline's clock");
+        "Serve the pipeline's clock on the network, for receivers to follow");
     properties.addFlag(
         "wait-for-connection", &Settings::waitForConnection, Mutability::Stopped,
-        "Preroll until the first receiver has joined");
+        "Stay in preroll until the first receiver has joined");
     properties.addStatistics("Frames and bytes sent, receivers, sequences");
 }
 
@@ -610,8 +621,6 @@ void Sink::initClass(gpointer elementClass)
     installProperties(elementClass);
 
     auto* const sinkClass = GST_BASE_SINK_CLASS(elementClass);
-    sinkClass->start = [](GstBaseSink* self) -> gboolean { return Type::of(self).start(); };
-    sinkClass->stop = [](GstBaseSink* self) -> gboolean { return Type::of(self).stop(); };
     sinkClass->set_caps = [](GstBaseSink* self, GstCaps* caps) -> gboolean
     { return Type::of(self).setCaps(caps); };
     sinkClass->preroll = [](GstBaseSink* self, GstBuffer*) { return Type::of(self).prepare(); };

@@ -12,11 +12,12 @@
 // told. A buffer after something that is missing, or after a new connection, is marked DISCONT.
 //
 // Element messages on the bus: "vlx-joined", "vlx-lost" and "vlx-stalled", with "socket-name",
-// "text", and "time" in nanoseconds of the monotonic clock.
+// "text", and "time" in nanoseconds of the monotonic clock. Unprintable bytes appear as \xNN.
 
 #include "VlxSrc.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -26,13 +27,13 @@
 #include <optional>
 #include <string>
 #include <utility>
-#include <variant>
 
 #include <gst/base/gstpushsrc.h>
 
 #include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
+#include <vlxkit/Text.hpp>
 
 #include "Clocks.hpp"
 #include "ElementType.hpp"
@@ -50,16 +51,17 @@ namespace
 using ClockType = Receiver::StreamClockType;
 
 constexpr guint64 DefaultMaxQueueTimeNs = 1'000'000'000;
+constexpr guint64 DefaultMaxQueueBytes = 64 << 20;
+constexpr guint64 DefaultMaxQueueFrames = 10'000;
 constexpr guint64 DefaultStallTimeoutNs = 2'000'000'000;
 constexpr guint64 DefaultLatencyNs = 20'000'000;
 
 // A sender that has no sequence yet answers the rest at once, and then nothing for so long.
-constexpr auto ProbeTimeout = std::chrono::milliseconds(50);
+// On a busy machine the first answer takes its time.
+constexpr auto ProbeTimeout = std::chrono::milliseconds(250);
 
 // Timestamps that are further away cannot be meant for the announced clock.
 constexpr std::int64_t ImplausibleNs = 60'000'000'000;
-
-constexpr auto ProvidesClock = static_cast<guint32>(GST_ELEMENT_FLAG_PROVIDE_CLOCK);
 
 struct Settings
 {
@@ -68,6 +70,8 @@ struct Settings
     bool eosOnDisconnect = false;
     int realtimePriority = 0;
     guint64 maxQueueTimeNs = DefaultMaxQueueTimeNs;
+    guint64 maxQueueBytes = DefaultMaxQueueBytes;
+    guint64 maxQueueFrames = DefaultMaxQueueFrames;
     guint64 stallTimeoutNs = DefaultStallTimeoutNs;
     guint64 latencyNs = DefaultLatencyNs;
     bool provideClock = true;
@@ -86,18 +90,13 @@ using BufferPtr = std::unique_ptr<GstBuffer, BufferDeleter>;
 struct QueuedFrame
 {
     BufferPtr buffer;
+    kit::StreamFormat format;
     TimeValue timestamp = 0;
     TimeValue arrival = 0; // CLOCK_MONOTONIC
     ClockType clock = ClockType::Undetermined;
     // The stream's clock less CLOCK_MONOTONIC; unset while it cannot be told.
     std::optional<std::int64_t> streamOffset;
 };
-
-struct EndOfStream
-{
-};
-
-using Item = std::variant<kit::StreamFormat, QueuedFrame, EndOfStream>;
 
 class Src : public WithSettings<Settings>
 {
@@ -132,34 +131,40 @@ private:
     void postMessage(const char* name, const kit::ConsumerEvent& event);
 
     // m_mutex is held by the caller.
-    void push(Item item);
+    bool isOverfull(const Settings& settings) const;
     void dropOldest();
 
     // Streaming thread.
-    GstFlowReturn pop(std::optional<Item>& item);
-    bool applyFormat(const kit::StreamFormat& format);
+    GstFlowReturn pop(std::optional<QueuedFrame>& frame);
+    GstFlowReturn applyFormat(const kit::StreamFormat& format);
     GstClockTime toRunningTime(const QueuedFrame& frame, GstClock* clock);
     bool isStreamClock(GstClock* clock);
 
     GstBaseSrc* const m_element;
     GstElement* const m_gstElement;
     ProvidedClock m_providedClock;
-    std::optional<ClockEndpoint> m_streamEndpoint; // streaming thread, or while there is none
+
+    // Streaming thread, or state changes while there is none.
+    std::optional<ClockEndpoint> m_streamEndpoint;
+    std::optional<kit::StreamFormat> m_appliedFormat;
+    bool m_warnedOfTimestamps = false;
 
     // Consumer's receiving thread.
     kit::StreamFormat m_format;
     ClockType m_clockType = ClockType::Undetermined;
-    bool m_warnedOfTimestamps = false; // streaming thread
+
+    // Set before m_mutex is locked: a flood in real time would keep others from that lock.
+    std::atomic<bool> m_unlocked = false;
 
     mutable std::mutex m_mutex;
     std::condition_variable m_condition;
     // Guarded by m_mutex.
-    std::deque<Item> m_items;
-    GstClockTime m_queuedNs = 0;
+    std::deque<QueuedFrame> m_frames;
+    std::size_t m_queuedBytes = 0;
+    bool m_ending = false; // behind the queued frames
     std::uint64_t m_dropped = 0;
     bool m_discont = true; // of the next frame that is queued
     bool m_playing = false;
-    bool m_unlocked = false;
     bool m_joined = false;
     kit::ConsumerEvent::Kind m_lastEvent = kit::ConsumerEvent::Kind::Lost;
     std::chrono::steady_clock::time_point m_waitingSince;
@@ -176,19 +181,13 @@ Src::Src(GstPushSrc* element)
 {
     gst_base_src_set_live(m_element, TRUE);
     gst_base_src_set_format(m_element, GST_FORMAT_TIME);
-    GST_OBJECT_FLAG_SET(m_element, ProvidesClock);
 }
 
 void Src::setProperty(guint id, const GValue* value)
 {
     const guint64 formerLatency = getSettings().latencyNs;
     WithSettings::setProperty(id, value);
-    const Settings settings = getSettings();
-    if (settings.provideClock)
-        GST_OBJECT_FLAG_SET(m_element, ProvidesClock);
-    else
-        GST_OBJECT_FLAG_UNSET(m_element, ProvidesClock);
-    if (settings.latencyNs != formerLatency)
+    if (getSettings().latencyNs != formerLatency)
         gst_element_post_message(m_gstElement, gst_message_new_latency(GST_OBJECT(m_element)));
 }
 
@@ -223,8 +222,10 @@ bool Src::start()
     m_dropped = 0;
     m_discont = true;
     m_joined = false;
+    m_ending = false;
     m_unlocked = false;
     m_lastStatistics = {};
+    m_appliedFormat.reset();
     return true;
 }
 
@@ -234,9 +235,8 @@ bool Src::onPlaying()
 {
     {
         const std::lock_guard lock(m_mutex);
-        std::erase_if(
-            m_items, [](const Item& item) { return std::holds_alternative<QueuedFrame>(item); });
-        m_queuedNs = 0;
+        m_frames.clear();
+        m_queuedBytes = 0;
         m_discont = true;
         m_playing = true;
         if (m_consumer)
@@ -283,8 +283,8 @@ bool Src::stop()
     if (m_consumer)
         m_lastStatistics = m_consumer->getStatistics();
     m_consumer.reset();
-    m_items.clear();
-    m_queuedNs = 0;
+    m_frames.clear();
+    m_queuedBytes = 0;
     return true;
 }
 
@@ -316,8 +316,8 @@ void Src::answerLatency(GstQuery* query) const
 
 bool Src::unlock()
 {
-    const std::lock_guard lock(m_mutex);
     m_unlocked = true;
+    const std::lock_guard lock(m_mutex);
     m_condition.notify_all();
     return true;
 }
@@ -330,54 +330,64 @@ bool Src::unlockStop()
     return true;
 }
 
-void Src::push(Item item)
+bool Src::isOverfull(const Settings& settings) const
 {
-    m_items.push_back(std::move(item));
-    m_condition.notify_all();
+    const auto exceeds = [](guint64 value, guint64 limit) { return limit != 0 && value > limit; };
+    return m_frames.size() > 1 &&
+           (exceeds(m_frames.size(), settings.maxQueueFrames) ||
+            exceeds(m_queuedBytes, settings.maxQueueBytes) ||
+            exceeds(m_frames.back().arrival - m_frames.front().arrival, settings.maxQueueTimeNs));
 }
 
-// Frames only: formats and the end stay, and the frame behind the hole tells of it.
+// The frame behind the hole is marked.
 void Src::dropOldest()
 {
-    auto isFrame = [](const Item& item) { return std::holds_alternative<QueuedFrame>(item); };
-    const auto oldest = std::find_if(m_items.begin(), m_items.end(), isFrame);
-    if (oldest == m_items.end())
-        return;
-    m_queuedNs -= GST_BUFFER_DURATION(std::get<QueuedFrame>(*oldest).buffer.get());
+    m_queuedBytes -= gst_buffer_get_size(m_frames.front().buffer.get());
+    m_frames.pop_front();
     ++m_dropped;
-    const auto next = std::find_if(m_items.erase(oldest), m_items.end(), isFrame);
-    if (next != m_items.end())
-        GST_BUFFER_FLAG_SET(std::get<QueuedFrame>(*next).buffer.get(), GST_BUFFER_FLAG_DISCONT);
-    else
-        m_discont = true;
+    GST_BUFFER_FLAG_SET(m_frames.front().buffer.get(), GST_BUFFER_FLAG_DISCONT);
 }
 
 void Src::onFormat(const kit::StreamFormat& format)
 {
     m_format = format;
     m_clockType = ClockType::Undetermined;
-    const std::lock_guard lock(m_mutex);
-    push(format);
 }
 
+// Elements behind this one rely on whole samples, and crash on empty buffers.
 void Src::onFrame(const kit::Frame& frame)
 {
     const std::size_t bytesPerSample = m_format.getBytesPerSample();
-    const std::size_t size = frame.data.size() - frame.data.size() % bytesPerSample;
+    const std::size_t samples = frame.data.size() / bytesPerSample;
+    const std::size_t size = samples * bytesPerSample;
     QueuedFrame queued;
-    queued.buffer.reset(gst_buffer_new_memdup(frame.data.data(), size));
-    GST_BUFFER_DURATION(queued.buffer.get()) =
-        frame.duration != 0 ? frame.duration : m_format.toNanoseconds(size / bytesPerSample);
+    if (size != 0)
+        queued.buffer.reset(gst_buffer_new_memdup(frame.data.data(), size));
+    queued.format = m_format;
     queued.timestamp = frame.timestamp;
     queued.arrival = frame.arrival;
-    const guint64 maxQueueTimeNs = getSettings().maxQueueTimeNs;
+    const Settings settings = getSettings();
+    if (m_unlocked)
+        return;
 
     const std::lock_guard lock(m_mutex);
-    if (!m_playing)
+    m_discont = m_discont || frame.gapNs != 0 || frame.isFirst;
+    if (!m_playing || m_ending)
     {
         m_discont = true;
         return;
     }
+    if (size == 0)
+    {
+        m_discont = m_discont || frame.duration != 0;
+        ++m_dropped;
+        return;
+    }
+    if (std::exchange(m_discont, false))
+        GST_BUFFER_FLAG_SET(queued.buffer.get(), GST_BUFFER_FLAG_DISCONT);
+    const bool isPlausible = frame.duration != 0 && frame.duration < ImplausibleNs;
+    GST_BUFFER_DURATION(queued.buffer.get()) =
+        isPlausible ? frame.duration : m_format.toNanoseconds(samples);
     if (m_clockType == ClockType::Undetermined || m_clockType == ClockType::NoClock)
         m_clockType = m_consumer->getStatistics().clock;
     queued.clock = m_clockType;
@@ -388,20 +398,19 @@ void Src::onFrame(const kit::Frame& frame)
             queued.streamOffset =
                 static_cast<std::int64_t>(streamTime - miscUtils::getMonotonicSysclockTime());
     }
-    if (frame.gapNs != 0 || frame.isFirst || m_discont)
-        GST_BUFFER_FLAG_SET(queued.buffer.get(), GST_BUFFER_FLAG_DISCONT);
-    m_discont = false;
-    m_queuedNs += GST_BUFFER_DURATION(queued.buffer.get());
-    push(std::move(queued));
-    while (maxQueueTimeNs != 0 && m_queuedNs > maxQueueTimeNs && m_items.size() > 1)
+    m_queuedBytes += size;
+    m_frames.push_back(std::move(queued));
+    while (isOverfull(settings))
         dropOldest();
+    m_condition.notify_all();
 }
 
 void Src::postMessage(const char* name, const kit::ConsumerEvent& event)
 {
     GstStructure* const fields = gst_structure_new(
-        name, "socket-name", G_TYPE_STRING, getSettings().name.c_str(), "text", G_TYPE_STRING,
-        event.text.c_str(), "time", G_TYPE_UINT64, static_cast<guint64>(event.time), nullptr);
+        name, "socket-name", G_TYPE_STRING, kit::toPrintable(getSettings().name).c_str(), "text",
+        G_TYPE_STRING, kit::toPrintable(event.text).c_str(), "time", G_TYPE_UINT64,
+        static_cast<guint64>(event.time), nullptr);
     gst_element_post_message(m_gstElement, gst_message_new_element(GST_OBJECT(m_element), fields));
 }
 
@@ -418,7 +427,10 @@ void Src::onEvent(const kit::ConsumerEvent& event)
         if (wasJoined && !m_joined)
             m_waitingSince = std::chrono::steady_clock::now();
         if (wasJoined && event.kind == kit::ConsumerEvent::Kind::Lost && endsStream)
-            push(EndOfStream{});
+        {
+            m_ending = true;
+            m_condition.notify_all();
+        }
     }
     switch (event.kind)
     {
@@ -438,16 +450,18 @@ void Src::onEvent(const kit::ConsumerEvent& event)
         // Asked again every two seconds: once is enough.
         if (isNew)
             GST_ELEMENT_WARNING(
-                m_element, RESOURCE, OPEN_READ, ("%s", event.text.c_str()), (nullptr));
+                m_element, RESOURCE, OPEN_READ, ("%s", kit::toPrintable(event.text).c_str()),
+                (nullptr));
         break;
     }
 }
 
-GstFlowReturn Src::pop(std::optional<Item>& item)
+// Leaves the frame unset at the end of the stream.
+GstFlowReturn Src::pop(std::optional<QueuedFrame>& frame)
 {
     const std::chrono::nanoseconds timeout(getSettings().timeoutNs);
     std::unique_lock lock(m_mutex);
-    while (m_items.empty() && !m_unlocked)
+    while (m_frames.empty() && !m_ending && !m_unlocked)
     {
         if (timeout.count() == 0 || m_joined)
             m_condition.wait(lock);
@@ -458,7 +472,7 @@ GstFlowReturn Src::pop(std::optional<Item>& item)
             lock.unlock();
             GST_ELEMENT_ERROR(
                 m_element, RESOURCE, NOT_FOUND,
-                ("There was no sender \"%s\" for %.3f seconds.", getSettings().name.c_str(),
+                ("There was no sender %s for %.3f seconds.", kit::quote(getSettings().name).c_str(),
                  std::chrono::duration<double>(timeout).count()),
                 (nullptr));
             return GST_FLOW_ERROR;
@@ -466,21 +480,37 @@ GstFlowReturn Src::pop(std::optional<Item>& item)
     }
     if (m_unlocked)
         return GST_FLOW_FLUSHING;
-    item = std::move(m_items.front());
-    m_items.pop_front();
-    if (const auto* const frame = std::get_if<QueuedFrame>(&*item))
-        m_queuedNs -= GST_BUFFER_DURATION(frame->buffer.get());
+    if (m_frames.empty())
+    {
+        m_ending = false;
+        return GST_FLOW_EOS;
+    }
+    frame = std::move(m_frames.front());
+    m_frames.pop_front();
+    m_queuedBytes -= gst_buffer_get_size(frame->buffer.get());
     return GST_FLOW_OK;
 }
 
-bool Src::applyFormat(const kit::StreamFormat& format)
+GstFlowReturn Src::applyFormat(const kit::StreamFormat& format)
 {
+    if (m_appliedFormat == format)
+        return GST_FLOW_OK;
     GST_INFO_OBJECT(m_element, "format %s", toText(format).c_str());
+    if (!isInTemplate(format))
+    {
+        GST_ELEMENT_ERROR(
+            m_element, STREAM, FORMAT,
+            ("The stream's format is not supported: %s; the limit is %u channels.",
+             toText(format).c_str(), MaxChannels),
+            (nullptr));
+        return GST_FLOW_ERROR;
+    }
     m_warnedOfTimestamps = false;
+    m_appliedFormat = format;
     GstCaps* const caps = toCaps(format);
     const bool accepted = gst_base_src_set_caps(m_element, caps) != FALSE;
     gst_caps_unref(caps);
-    return accepted;
+    return accepted ? GST_FLOW_OK : GST_FLOW_NOT_NEGOTIATED;
 }
 
 // Whether this clock follows the provider that the present sender announces.
@@ -531,26 +561,16 @@ GstClockTime Src::toRunningTime(const QueuedFrame& frame, GstClock* clock)
 
 GstFlowReturn Src::create(GstBuffer** buffer)
 {
-    for (;;)
-    {
-        std::optional<Item> item;
-        const GstFlowReturn flow = pop(item);
-        if (flow != GST_FLOW_OK)
-            return flow;
-        if (std::holds_alternative<EndOfStream>(*item))
-            return GST_FLOW_EOS;
-        if (const auto* const format = std::get_if<kit::StreamFormat>(&*item))
-        {
-            if (!applyFormat(*format))
-                return GST_FLOW_NOT_NEGOTIATED;
-            continue;
-        }
-        auto& frame = std::get<QueuedFrame>(*item);
-        if (const ObjectPtr<GstClock> clock{gst_element_get_clock(m_gstElement)})
-            GST_BUFFER_PTS(frame.buffer.get()) = toRunningTime(frame, clock.get());
-        *buffer = frame.buffer.release();
-        return GST_FLOW_OK;
-    }
+    std::optional<QueuedFrame> frame;
+    GstFlowReturn flow = pop(frame);
+    if (flow == GST_FLOW_OK)
+        flow = applyFormat(frame->format);
+    if (flow != GST_FLOW_OK)
+        return flow;
+    if (const ObjectPtr<GstClock> clock{gst_element_get_clock(m_gstElement)})
+        GST_BUFFER_PTS(frame->buffer.get()) = toRunningTime(*frame, clock.get());
+    *buffer = frame->buffer.release();
+    return GST_FLOW_OK;
 }
 
 // From here on: the element as GObject knows it.
@@ -562,30 +582,38 @@ void installProperties(gpointer elementClass)
 {
     auto& properties = Src::getProperties();
     properties.begin(elementClass);
-    properties.addTime(
+    properties.addNumber(
         "timeout", &Settings::timeoutNs, Mutability::Stopped,
-        "Post an error after so long without a sender, in nanoseconds; 0: wait for ever");
+        "Time to wait for a sender before posting an error, in nanoseconds; 0: no limit");
     properties.addFlag(
         "eos-on-disconnect", &Settings::eosOnDisconnect, Mutability::AnyTime,
-        "End the stream when the sender goes, instead of waiting for the next");
-    properties.addTime(
+        "Send EOS when the sender disconnects, instead of waiting for the next sender");
+    properties.addNumber(
         "max-queue-time", &Settings::maxQueueTimeNs, Mutability::AnyTime,
-        "Audio that is kept for a busy pipeline, in nanoseconds; beyond it the oldest is dropped "
+        "How long a frame may wait for a busy pipeline, in nanoseconds; older frames are dropped "
         "and counted; 0: no limit");
-    properties.addTime(
+    properties.addNumber(
+        "max-queue-bytes", &Settings::maxQueueBytes, Mutability::AnyTime,
+        "Bytes of audio that may wait for a busy pipeline; 0: no limit");
+    properties.addNumber(
+        "max-queue-frames", &Settings::maxQueueFrames, Mutability::AnyTime,
+        "Frames that may wait for a busy pipeline; 0: no limit");
+    properties.addNumber(
         "stall-timeout", &Settings::stallTimeoutNs, Mutability::Stopped,
-        "Join again after so long without a frame, in nanoseconds; 0: never");
-    properties.addTime(
+        "Reconnect after this time without a frame, in nanoseconds; 0: never");
+    properties.addNumber(
         "latency", &Settings::latencyNs, Mutability::AnyTime,
-        "Time that a frame may take until here, in nanoseconds; the pipeline plays that much "
-        "later");
+        "Latency that is reported to the pipeline: the time that a frame may take to arrive, in "
+        "nanoseconds");
     properties.addFlag(
         "provide-clock", &Settings::provideClock, Mutability::Stopped,
-        "Provide the stream's network clock as the pipeline's, if it has one and the sender is "
-        "there at the start");
+        "Provide the stream's network clock to the pipeline, if the stream has one and the sender "
+        "is present on the way to PAUSED");
     properties.addStatistics(
-        "Frames, bytes, gaps, dropped frames, reconnects, stalls; age of frames on arrival, median "
-        "and largest, in nanoseconds");
+        "Frames and bytes received, gaps, frames dropped (too old for a busy pipeline, or without "
+        "a "
+        "whole sample), reconnects, stalls; age of frames on arrival, median and largest, in "
+        "nanoseconds");
 }
 
 gboolean answerQuery(GstBaseSrc* element, GstQuery* query)

@@ -11,9 +11,8 @@ namespace
 gboolean registerElements(GstPlugin* plugin)
 {
     return static_cast<gboolean>(
-        gst_element_register(plugin, "vlxsink", GST_RANK_PRIMARY, vlx::gst::getSinkType()) !=
-            FALSE &&
-        gst_element_register(plugin, "vlxsrc", GST_RANK_PRIMARY, vlx::gst::getSrcType()) != FALSE);
+        gst_element_register(plugin, "vlxsink", GST_RANK_NONE, vlx::gst::getSinkType()) != FALSE &&
+        gst_element_register(plugin, "vlxsrc", GST_RANK_NONE, vlx::gst::getSrcType()) != FALSE);
 }
 
 } // unnamed namespace

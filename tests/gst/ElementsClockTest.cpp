@@ -1,0 +1,215 @@
+// Timestamps, clocks and latency of the elements.
+
+#include <gst/net/gstnet.h>
+
+#include <miscUtils/MiscUtils.hpp>
+
+#include "gst/ElementsFixture.hpp"
+
+namespace vlx::testing
+{
+
+namespace
+{
+
+// Of a clock that runs ahead of CLOCK_MONOTONIC: too much for a wrong sign or unit to hide in noise.
+constexpr std::int64_t Ahead = 1000'000 * Millisecond;
+
+// Of an estimate of a clock within this process, on a busy machine.
+constexpr std::int64_t MaxError = 1 * Millisecond;
+
+class ElementsClockTest : public ElementsTest
+{
+};
+
+void useClock(const Pipeline& pipeline, std::int64_t offset)
+{
+    auto* const clock =
+        static_cast<GstClock*>(gst_object_ref_sink(g_object_new(GST_TYPE_SYSTEM_CLOCK, nullptr)));
+    gst_clock_set_calibration(clock, 0, static_cast<GstClockTime>(offset), 1, 1);
+    gst_pipeline_use_clock(GST_PIPELINE(pipeline.get()), clock);
+    gst_object_unref(clock);
+}
+
+/// The estimate of a network clock, less CLOCK_MONOTONIC, each time that a pad passes a buffer: it
+/// moves as long as the clock learns.
+class WatchedEstimate
+{
+public:
+    WatchedEstimate(GstClock* clock, const Pipeline& pipeline, const char* element) : m_clock(clock)
+    {
+        GstPad* const pad = gst_element_get_static_pad(pipeline.find(element), "src");
+        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, onBuffer, this, nullptr);
+        gst_object_unref(pad);
+        measure();
+    }
+
+    /// Once the pipeline is stopped.
+    bool isPlausible(std::int64_t offset) const
+    {
+        return offset > m_least - MaxError && offset < m_most + MaxError;
+    }
+
+private:
+    static GstPadProbeReturn onBuffer(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer self)
+    {
+        static_cast<WatchedEstimate*>(self)->measure();
+        return GST_PAD_PROBE_OK;
+    }
+
+    void measure()
+    {
+        const std::uint64_t before = miscUtils::getMonotonicSysclockTime();
+        const GstClockTime time = gst_clock_get_time(m_clock);
+        const std::uint64_t after = miscUtils::getMonotonicSysclockTime();
+        m_least = std::min(m_least, static_cast<std::int64_t>(time - after));
+        m_most = std::max(m_most, static_cast<std::int64_t>(time - before));
+    }
+
+    GstClock* const m_clock;
+    std::int64_t m_least = INT64_MAX;
+    std::int64_t m_most = INT64_MIN;
+};
+
+std::size_t countMessages(const Pipeline& pipeline, GstMessageType type)
+{
+    GstBus* const bus = gst_element_get_bus(pipeline.get());
+    std::size_t count = 0;
+    while (GstMessage* const message = gst_bus_pop_filtered(bus, type))
+    {
+        ++count;
+        gst_message_unref(message);
+    }
+    gst_object_unref(bus);
+    return count;
+}
+
+bool offersClock(const Pipeline& pipeline, const char* element)
+{
+    return GST_OBJECT_FLAG_IS_SET(
+               pipeline.find(element), static_cast<guint32>(GST_ELEMENT_FLAG_PROVIDE_CLOCK)) !=
+           FALSE;
+}
+
+TEST_F(ElementsClockTest, TimestampsAreExactOnTheSharedClock)
+{
+    const Pipeline first(makeReceiver());
+    const Pipeline second(makeReceiver("stall-timeout=0"));
+    first.set(GST_STATE_PLAYING);
+    second.set(GST_STATE_PLAYING);
+    const Pipeline sender(
+        "audiotestsrc is-live=true wave=white-noise samplesperbuffer=480 ! "
+        "audio/x-raw,format=S16LE,rate=48000,channels=1 ! tee name=t ! queue ! vlxsink "
+        "socket-name=" +
+        m_name + " t. ! queue ! appsink name=out sync=false");
+    gst_pipeline_set_latency(GST_PIPELINE(sender.get()), 30 * GST_MSECOND);
+    sender.set(GST_STATE_PLAYING);
+
+    const Frames sent = pullFrames(sender, 60);
+    const Frames atFirst = pullFrames(first, 40);
+    const Frames atSecond = pullFrames(second, 40);
+    forEachCommonFrame(
+        sent, atFirst, [](auto difference) { EXPECT_EQ(difference, 30 * Millisecond); });
+    forEachCommonFrame(atFirst, atSecond, [](auto difference) { EXPECT_EQ(difference, 0); });
+
+    GstQuery* const query = gst_query_new_latency();
+    gboolean isLive = FALSE;
+    GstClockTime least = 0;
+    GstClockTime most = 0;
+    EXPECT_TRUE(gst_element_query(first.find("src"), query));
+    gst_query_parse_latency(query, &isLive, &least, &most);
+    gst_query_unref(query);
+    EXPECT_TRUE(isLive);
+    EXPECT_EQ(least, 20 * GST_MSECOND);
+    EXPECT_EQ(most, 1020 * GST_MSECOND);
+}
+
+TEST_F(ElementsClockTest, TimestampsFollowAnyClock)
+{
+    const Pipeline reference(makeReceiver());
+    const Pipeline shifted(makeReceiver());
+    const Pipeline byArrival(makeReceiver("do-timestamp=true"));
+    const Pipeline sender(makeSender("wait-for-connection=false"));
+    useClock(shifted, Ahead);
+    useClock(sender, 3 * Ahead);
+    for (const Pipeline* pipeline : {&reference, &shifted, &byArrival, &sender})
+        pipeline->set(GST_STATE_PLAYING);
+
+    const Frames atReference = pullFrames(reference, 30);
+    forEachCommonFrame(
+        atReference, pullFrames(shifted, 30),
+        [](auto difference) { EXPECT_LT(std::abs(difference - Ahead), MaxError); });
+    forEachCommonFrame(
+        atReference, pullFrames(byArrival, 30),
+        [](auto difference)
+        {
+            EXPECT_GE(difference, 0) << "arrived before it was due";
+            EXPECT_LT(difference, Ahead / 2);
+        });
+}
+
+// The sender's clock is far off CLOCK_MONOTONIC.
+TEST_F(ElementsClockTest, NetClockKeepsSourcesInStep)
+{
+    const Pipeline sender(makeSender(
+        "serve-clock=true clock-address=127.0.0.1 clock-port=0 wait-for-connection=false "
+        "t. ! queue ! appsink name=out sync=false",
+        48000, "tee name=t ! queue ! "));
+    useClock(sender, Ahead);
+    gst_pipeline_set_latency(GST_PIPELINE(sender.get()), 30 * GST_MSECOND);
+    sender.set(GST_STATE_PLAYING);
+    const Pipeline waiting(makeReceiver("provide-clock=false"));
+    waiting.set(GST_STATE_PLAYING);
+    ASSERT_TRUE(waiting.pull());
+    EXPECT_FALSE(offersClock(waiting, "src"));
+
+    // Now that the sender is there, its clock is provided.
+    const Pipeline first(makeReceiver());
+    const Pipeline second(makeReceiver());
+    EXPECT_FALSE(offersClock(first, "src"));
+    first.reach(GST_STATE_PAUSED);
+    EXPECT_TRUE(offersClock(first, "src"));
+    GstClock* const clock = gst_element_provide_clock(first.find("src"));
+    ASSERT_TRUE(GST_IS_NET_CLIENT_CLOCK(clock));
+    WatchedEstimate estimate(clock, waiting, "src");
+    first.set(GST_STATE_PLAYING);
+    second.set(GST_STATE_PLAYING);
+
+    const Frames atFirst = pullFrames(first, 50);
+    GstClock* const used = gst_element_get_clock(first.get());
+    EXPECT_EQ(used, clock);
+    gst_object_unref(used);
+    forEachCommonFrame(
+        atFirst, pullCommonFrames(second, atFirst, 20),
+        [](auto difference) { EXPECT_EQ(difference, 0); });
+    forEachCommonFrame(
+        pullCommonFrames(sender, atFirst, 20), atFirst,
+        [](auto difference) { EXPECT_EQ(difference, 30 * Millisecond); });
+    // This one's pipeline runs on the system's clock.
+    const Frames atWaiting = pullCommonFrames(waiting, atFirst, 20);
+    waiting.set(GST_STATE_NULL);
+    forEachCommonFrame(
+        atWaiting, atFirst,
+        [&](auto difference) { EXPECT_TRUE(estimate.isPlausible(difference)) << difference; });
+    EXPECT_FALSE(waiting.getCount("src", "dropped"));
+
+    gst_element_set_state(first.find("src"), GST_STATE_READY);
+    EXPECT_EQ(countMessages(first, GST_MESSAGE_CLOCK_LOST), 1U);
+    EXPECT_FALSE(offersClock(first, "src"));
+    gst_object_unref(clock);
+}
+
+TEST_F(ElementsClockTest, LatencyIsReportedAtAChangeOnly)
+{
+    const Pipeline receiver(makeReceiver());
+    receiver.reach(GST_STATE_READY);
+    const GstClockTime values[] = {20'000'000, 30'000'000, 30'000'000, 20'000'000};
+    for (const GstClockTime value : values)
+        g_object_set(receiver.find("src"), "latency", value, nullptr);
+    g_object_set(receiver.find("src"), "timeout", G_GUINT64_CONSTANT(1), nullptr);
+    EXPECT_EQ(countMessages(receiver, GST_MESSAGE_LATENCY), 2U);
+}
+
+} // namespace
+
+} // namespace vlx::testing

@@ -1,0 +1,307 @@
+// The elements under floods, faulty streams and hasty applications.
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <random>
+#include <thread>
+
+#include <gst/check/gstharness.h>
+
+#include <miscUtils/MiscUtils.hpp>
+
+#include "gst/ElementsFixture.hpp"
+
+namespace vlx::testing
+{
+
+namespace
+{
+
+using namespace std::chrono_literals;
+
+class ElementsFaultsTest : public ElementsTest
+{
+};
+
+TEST_F(ElementsFaultsTest, FaultyFramesHarmNoPipeline)
+{
+    struct Row
+    {
+        int due; // milliseconds
+        int duration;
+        std::size_t bytes;
+        std::size_t expectedBytes; // 0: dropped
+        bool discont = false;
+    };
+    const Row rows[] = {
+        {0, 10, 0, 0},
+        {10, 10, 1920, 1920, true},
+        {20, 10, 0, 0},
+        {30, 10, 1920, 1920, true}, // something is missing
+        {40, 0, 0, 0},
+        {40, 10, 1921, 1920}, // nothing is
+        {50, 0, 3, 0},
+        {50, 10, 1923, 1920},
+        {60, 0, 4, 4},
+        {65, 10, 1920, 1920, true}, // a gap
+        {65, 10, 1920, 1920, true}, // an overlap
+        {75, 10, 1920, 1920},
+        {1000, 10, 1920, 1920, true},
+    };
+    const Pipeline receiver(
+        "vlxsrc name=src socket-name=" + m_name +
+        " ! tee name=t ! queue ! appsink name=out "
+        "sync=false t. ! queue ! audioconvert ! audio/x-raw,format=F32LE ! fakesink sync=false");
+    UncheckedSender sender(m_name);
+    receiver.set(GST_STATE_PLAYING);
+    const TimeValue start = miscUtils::getMonotonicSysclockTime();
+    std::size_t dropped = 0;
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.due);
+        const auto toNs = [](int ms) { return static_cast<TimeValue>(ms * Millisecond); };
+        sender.send(start + toNs(row.due), toNs(row.duration), row.bytes);
+        if (row.expectedBytes == 0)
+        {
+            ++dropped;
+            continue;
+        }
+        const auto frame = receiver.pull();
+        ASSERT_TRUE(frame);
+        EXPECT_EQ(frame->data.size(), row.expectedBytes);
+        EXPECT_EQ(frame->discont, row.discont);
+        EXPECT_EQ(receiver.getCount("src", "dropped"), dropped);
+    }
+}
+
+TEST_F(ElementsFaultsTest, TooManyChannelsAreAnError)
+{
+    for (const std::uint32_t channels : {63U, 64U, 255U})
+    {
+        SCOPED_TRACE(channels);
+        const Pipeline receiver(
+            "vlxsrc socket-name=" + m_name +
+            " ! audioconvert ! audio/x-raw,format=F32LE ! appsink name=out sync=false");
+        UncheckedSender sender(m_name, channels);
+        receiver.set(GST_STATE_PLAYING);
+        sender.send(miscUtils::getMonotonicSysclockTime(), 0, std::size_t{2} * channels);
+        if (channels > 63)
+            EXPECT_TRUE(receiver.waitForMessage(GST_MESSAGE_ERROR));
+        else
+            EXPECT_TRUE(receiver.pull());
+    }
+}
+
+TEST_F(ElementsFaultsTest, WaitingFramesAreBounded)
+{
+    struct Row
+    {
+        const char* limits;
+        TimeValue duration;
+        std::chrono::milliseconds length; // for which is sent
+        int frames;
+        int leastDropped;
+        int mostDropped;
+    };
+    constexpr TimeValue Hour = 3600'000 * TimeValue{Millisecond};
+    const Row rows[] = {
+        {"max-queue-time=0 max-queue-frames=100", 1, 0ms, 1000, 880, 900},
+        {"max-queue-time=0 max-queue-bytes=4000", 1, 0ms, 1000, 880, 900},
+        {"max-queue-time=0 max-queue-frames=0 max-queue-bytes=0", Hour, 0ms, 1000, 0, 0},
+        // What counts is how long they have waited, not how long they say they are.
+        {"max-queue-time=30000000000", Hour, 0ms, 1000, 0, 0},
+        {"max-queue-time=50000000", 1, 200ms, 20, 10, 18},
+    };
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.limits);
+        const Pipeline receiver(
+            "vlxsrc name=src socket-name=" + m_name + " " + row.limits +
+            " ! appsink name=out sync=false max-buffers=1");
+        UncheckedSender sender(m_name);
+        receiver.set(GST_STATE_PLAYING);
+        const TimeValue begin = miscUtils::getMonotonicSysclockTime();
+        std::chrono::steady_clock::time_point start;
+        for (int frame = 0; frame < row.frames; ++frame)
+        {
+            const auto position = static_cast<TimeValue>(frame) * row.duration;
+            sender.send(begin + position, row.duration, 40);
+            if (frame == 0) // which may wait until the receiver has joined
+                start = std::chrono::steady_clock::now();
+            std::this_thread::sleep_until(start + row.length * (frame + 1) / row.frames);
+        }
+        const auto frames = static_cast<std::uint64_t>(row.frames);
+        EXPECT_TRUE(waitFor([&] { return receiver.getCount("src", "frames") == frames; }));
+        const std::uint64_t dropped = receiver.getCount("src", "dropped");
+        EXPECT_GE(dropped, static_cast<std::uint64_t>(row.leastDropped));
+        EXPECT_LE(dropped, static_cast<std::uint64_t>(row.mostDropped));
+        int disconts = 0;
+        for (auto left = std::min<std::uint64_t>(frames - dropped, 10); left > 0; --left)
+        {
+            const auto frame = receiver.pull();
+            ASSERT_TRUE(frame);
+            disconts += frame->discont ? 1 : 0;
+        }
+        EXPECT_EQ(disconts, dropped == 0 ? 1 : 2) << "the first frame, and the one behind the hole";
+    }
+}
+
+TEST_F(ElementsFaultsTest, StopIsHeardUnderAFlood)
+{
+    const Pipeline receiver(
+        "vlxsrc name=src realtime-priority=50 socket-name=" + m_name +
+        " ! appsink name=out sync=false max-buffers=1");
+    for (const GstState state : {GST_STATE_PAUSED, GST_STATE_NULL})
+    {
+        UncheckedSender sender(m_name);
+        receiver.set(GST_STATE_PLAYING);
+        std::atomic<bool> flooding = true;
+        std::thread flood(
+            [&]
+            {
+                while (flooding)
+                    sender.send(miscUtils::getMonotonicSysclockTime(), 1, 4);
+            });
+        EXPECT_TRUE(waitFor([&] { return receiver.getCount("src", "dropped") > 1000; }));
+        const auto start = std::chrono::steady_clock::now();
+        receiver.set(state);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms) << state;
+        receiver.set(GST_STATE_NULL);
+        flooding = false;
+        sender.stop();
+        flood.join();
+    }
+}
+
+// Each round brings another order of state change, preroll and render. VLX_HASTY_ROUNDS: how many.
+TEST_F(ElementsFaultsTest, SinkSurvivesHastyPausesAndSeeks)
+{
+    const unsigned int seed = std::random_device()();
+    std::mt19937 random(seed);
+    const auto draw = [&random](unsigned int limit) { return static_cast<int>(random() % limit); };
+    const char* const wanted = std::getenv("VLX_HASTY_ROUNDS");
+    const int numRounds = wanted != nullptr ? std::atoi(wanted) : 120;
+    const Pipeline receiver(makeReceiver() + " drop=true max-buffers=1");
+    receiver.set(GST_STATE_PLAYING);
+    // Without sync the sink waits in render, with it mostly before.
+    for (const char* properties :
+         {"sync=false wait-for-connection=false", "wait-for-connection=false", "sync=false", ""})
+    {
+        SCOPED_TRACE(std::to_string(seed) + " " + properties);
+        const Pipeline sender(
+            "audiotestsrc samplesperbuffer=480 ! audio/x-raw,rate=48000 ! vlxsink name=sink "
+            "socket-name=" +
+            m_name + " " + properties);
+        sender.reach(GST_STATE_PLAYING);
+        for (int round = 0; round < numRounds / 4; ++round)
+        {
+            sender.set(GST_STATE_PAUSED);
+            std::this_thread::sleep_for(std::chrono::milliseconds(draw(20)) * draw(2));
+            if (draw(3) == 0)
+                gst_element_seek_simple(
+                    sender.get(), GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, draw(100) * Millisecond);
+            if (draw(3) == 0)
+                sender.reach(GST_STATE_PAUSED);
+            sender.set(GST_STATE_PLAYING);
+            std::this_thread::sleep_for(std::chrono::milliseconds(draw(20)) * draw(2));
+            const auto before = sender.getCount("sink", "frames");
+            ASSERT_TRUE(waitFor([&] { return sender.getCount("sink", "frames") > before; }))
+                << round;
+        }
+    }
+}
+
+TEST_F(ElementsFaultsTest, StateCyclesLeaveNothing)
+{
+    const Pipeline receiver(makeReceiver());
+    const Pipeline sender(makeSender("wait-for-connection=false"));
+    std::size_t threads = 0;
+    std::size_t descriptors = 0;
+    for (int cycle = 0; cycle < 50; ++cycle)
+    {
+        receiver.set(GST_STATE_PLAYING);
+        sender.set(GST_STATE_PLAYING);
+        if (cycle % 3 == 0)
+        {
+            ASSERT_TRUE(receiver.pull()) << cycle;
+        }
+        sender.set(cycle % 2 == 0 ? GST_STATE_NULL : GST_STATE_READY);
+        receiver.set(cycle % 2 == 0 ? GST_STATE_READY : GST_STATE_NULL);
+        EXPECT_TRUE(std::filesystem::is_empty(m_directory)) << cycle;
+        if (cycle == 9) // what GStreamer and log4cplus keep is there by now
+        {
+            threads = countEntries("/proc/self/task");
+            descriptors = countEntries("/proc/self/fd");
+        }
+    }
+    EXPECT_TRUE(waitFor([&] { return countEntries("/proc/self/task") <= threads; }));
+    EXPECT_TRUE(waitFor([&] { return countEntries("/proc/self/fd") <= descriptors; }));
+}
+
+// What the library needs for a stop that nobody hurries along is five seconds.
+constexpr auto PromptStopLimit = 2s;
+
+// Stopping, pausing and flushing free whatever waits.
+TEST_F(ElementsFaultsTest, WaitingEndsWhenItIsNotWantedAnyMore)
+{
+    const char* const sinks[] = {"protocol=pubsub", "protocol=pipeline"};
+    for (const char* properties : sinks)
+    {
+        const Pipeline sender(makeSender(properties));
+        for (const GstState state : {GST_STATE_PAUSED, GST_STATE_READY, GST_STATE_NULL})
+        {
+            sender.set(GST_STATE_PLAYING);
+            EXPECT_TRUE(waitFor(
+                [&]
+                {
+                    gint64 position = 0;
+                    return gst_element_query_position(sender.get(), GST_FORMAT_TIME, &position) !=
+                           FALSE;
+                }));
+            const auto start = std::chrono::steady_clock::now();
+            sender.set(state);
+            EXPECT_LT(std::chrono::steady_clock::now() - start, PromptStopLimit) << properties;
+        }
+    }
+    const Pipeline receiver(makeReceiver());
+    receiver.set(GST_STATE_PLAYING);
+    const auto start = std::chrono::steady_clock::now();
+    receiver.set(GST_STATE_NULL);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, PromptStopLimit);
+}
+
+TEST_F(ElementsFaultsTest, FlushFreesABlockedSendAndTheStreamGoesOn)
+{
+    for (const char* protocol : {"pubsub", "pipeline"})
+    {
+        GstHarness* const sender = gst_harness_new_parse(
+            ("vlxsink socket-name=" + m_name + " protocol=" + protocol).c_str());
+        gst_harness_use_systemclock(sender);
+        gst_harness_set_src_caps_str(
+            sender, "audio/x-raw,layout=interleaved,rate=8000,channels=1,format=S8");
+        std::thread producing(
+            [sender] {
+                EXPECT_EQ(
+                    gst_harness_push(sender, gst_harness_create_buffer(sender, 80)),
+                    GST_FLOW_FLUSHING);
+            });
+        EXPECT_TRUE(waitFor([this] { return !std::filesystem::is_empty(m_directory); }));
+        gst_harness_push_event(sender, gst_event_new_flush_start());
+        producing.join();
+        gst_harness_push_event(sender, gst_event_new_flush_stop(TRUE));
+        GstSegment segment;
+        gst_segment_init(&segment, GST_FORMAT_TIME);
+        gst_harness_push_event(sender, gst_event_new_segment(&segment));
+
+        const Pipeline receiver(makeReceiver());
+        receiver.set(GST_STATE_PLAYING);
+        EXPECT_EQ(gst_harness_push(sender, gst_harness_create_buffer(sender, 80)), GST_FLOW_OK);
+        EXPECT_TRUE(receiver.pull()) << protocol;
+        gst_harness_teardown(sender);
+    }
+}
+
+} // namespace
+
+} // namespace vlx::testing
