@@ -389,6 +389,12 @@ TEST_P(ReceiverAgainstTricks, HoldsNeitherWorkerNorShutdown)
     const bool isGone = passesDescriptor(GetParam());
     const LogExpectation closed = debugLog("VLX sidechannel socket got closed");
     RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
+    const auto forgetConnections = [&sender] // that a receiver has made again before it stopped
+    {
+        while (sender.getListener().accept({}).isOpen())
+        {
+        }
+    };
 
     // In place of the InitialInfo.
     RecordedReceiver receiver;
@@ -404,15 +410,14 @@ TEST_P(ReceiverAgainstTricks, HoldsNeitherWorkerNorShutdown)
         }
         EXPECT_TRUE(peer.isPrompt([&] { receiver.stop(); }));
     }
-    while (sender.getListener().accept({}).isOpen()) // those that it has made again
-    {
-    }
+    forgetConnections();
 
     // While it runs.
     ASSERT_TRUE(join(receiver, sender));
     ASSERT_TRUE(peer.play(sender.getSidechannel()));
     EXPECT_TRUE(!isGone || log().waitFor(closed, 2));
     EXPECT_TRUE(peer.isPrompt([&] { receiver.stop(); }));
+    forgetConnections();
 
     // Where nobody reads any more.
     RecordedReceiver busy;
