@@ -2,12 +2,19 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <cstdlib>
 #include <memory>
 #include <regex>
 #include <sstream>
+#include <thread>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <pty.h>
+#include <pwd.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -40,6 +47,12 @@ json readLastLine(const ToolProcess& process)
     const std::string text = process.getOutput();
     const auto lines = splitLines(text.substr(0, text.rfind('\n') + 1));
     return lines.empty() ? json::object() : json::parse(lines.back(), nullptr, false);
+}
+
+std::string readText(const std::string& path)
+{
+    std::ifstream stream(path);
+    return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 bool contains(const std::string& text, const std::string& part)
@@ -271,6 +284,117 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
     EXPECT_EQ(second.stop(), 128 + SIGTERM);
 }
 
+TEST_F(LookTest, ListTellsOfOtherUsersAndCleanWhatItCannotRemove)
+{
+    ToolProcess sender(send({"--silence"}));
+    waitForSender(getSocketName());
+    EXPECT_EQ(listOwn().at(0)["user"], ::geteuid());
+    EXPECT_EQ(listOwn().at(0)["user_name"], ::getpwuid(::geteuid())->pw_name);
+
+    const fs::path full = fs::path(getTempDirectory()) / "VlxSender-abcdef";
+    fs::create_directories(full / "by another program");
+    const auto old = fs::file_time_type::clock::now() - std::chrono::minutes(2);
+    fs::last_write_time(full, old);
+    ToolProcess clean({"list", "--clean"});
+    EXPECT_EQ(clean.wait(), 1);
+    EXPECT_TRUE(contains(clean.getErrors(), full.string() + ": ")) << clean.getErrors();
+    EXPECT_EQ(clean.getOutput(), "");
+    fs::remove_all(full);
+
+    ToolSettings other;
+    other.asUser = 65534;
+    if (::geteuid() != 0 || ToolProcess({"--version"}, other).wait() != 0)
+    {
+        EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+        GTEST_SKIP() << "only root can run the tool as another user";
+    }
+    ToolProcess foreign({"list"}, other);
+    EXPECT_EQ(foreign.wait(), 0);
+    EXPECT_TRUE(contains(foreign.getErrors(), "other users' senders")) << foreign.getErrors();
+    EXPECT_FALSE(contains(foreign.getErrors(), "no sender on this machine"));
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+}
+
+TEST_F(LookTest, CompletionsOfferStreamsWithPlainNames)
+{
+    const std::string plain = getSocketName() + "-1_a.b";
+    const std::string evil = getSocketName() + "$(touch " + file("touched") + ")";
+    ToolProcess first({"send", "-s", plain, "--silence"});
+    ToolProcess second({"send", "-s", evil, "--silence"});
+    waitForSender(plain);
+    waitForSender(evil);
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"info", ""}, {"monitor", "-v", ""}, {"receive", "-s", ""}})
+    {
+        std::vector<std::string> words = arguments;
+        words.insert(words.begin(), "--complete");
+        ToolProcess completion(words);
+        EXPECT_EQ(completion.wait(), 0);
+        EXPECT_TRUE(contains(completion.getOutput(), plain + "\t")) << completion.getOutput();
+        EXPECT_FALSE(contains(completion.getOutput(), "touch")) << completion.getOutput();
+    }
+    ToolProcess sending({"--complete", "send", "-s", ""});
+    EXPECT_EQ(sending.wait(), 0);
+    EXPECT_EQ(sending.getOutput(), "") << "their names are taken";
+    EXPECT_EQ(first.stop(), 128 + SIGTERM);
+    EXPECT_EQ(second.stop(), 128 + SIGTERM);
+}
+
+TEST_F(LookTest, AReaderThatHasEnoughEndsTheMonitorQuietly)
+{
+    ToolProcess sender(send({"--silence"}));
+    waitForSender(getSocketName());
+    for (const std::string& command : {"monitor " + getSocketName(), std::string("list --json")})
+    {
+        const std::string line = std::string(VLX_TOOL_PATH) + " " + command + " 2> " +
+                                 file("errors") + " | true; exit ${PIPESTATUS[0]}";
+        const int status = std::system(("bash -c '" + line + "'").c_str());
+        EXPECT_EQ(WEXITSTATUS(status), 0) << command;
+        EXPECT_FALSE(contains(readText(file("errors")), "cannot")) << readText(file("errors"));
+    }
+
+    ToolProcess twice({"monitor", getSocketName(), getSocketName(), "--json", "-d", "100ms", "-q"});
+    EXPECT_EQ(twice.wait(), 0);
+    EXPECT_EQ(countLines(twice.getOutput()), 1U) << twice.getOutput();
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+}
+
+TEST_F(LookTest, AServedClockIsNotServedTwiceAndJunkKeepsNobodyOut)
+{
+    const std::string address = makeOwnAddress();
+    ToolProcess provider({"clock", "serve", "--address", address});
+    ASSERT_TRUE(waitFor([&] { return countLines(provider.getOutput()) == 1; }, LongDeadline));
+    std::string port = provider.getOutput().substr(address.size() + 1);
+    port.pop_back();
+    expectRefusal({"clock", "serve", "--address", address, "--port", port}, 1, "in use");
+
+    std::atomic<bool> keepRunning = true;
+    std::thread flood(
+        [&]
+        {
+            const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+            sockaddr_in target{};
+            target.sin_family = AF_INET;
+            target.sin_port = htons(static_cast<std::uint16_t>(std::stoi(port)));
+            ::inet_pton(AF_INET, address.c_str(), &target.sin_addr);
+            while (keepRunning)
+            {
+                for (std::size_t size = 0; size < 24; ++size)
+                    ::sendto(
+                        socket.get(), "junk of less than 24 bytes", size == 16 ? 17 : size, 0,
+                        reinterpret_cast<const sockaddr*>(&target), sizeof(target));
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
+    ToolProcess watch({"clock", "watch", address, port, "-d", "1h"});
+    EXPECT_TRUE(waitFor([&] { return contains(watch.getErrors(), "synchronised"); }));
+    EXPECT_TRUE(waitFor([&] { return contains(provider.getErrors(), "under load"); }));
+    keepRunning = false;
+    flood.join();
+    EXPECT_TRUE(waitFor([&] { return contains(provider.getErrors(), "no longer"); }));
+    EXPECT_EQ(countLines(provider.getErrors()), 2U) << provider.getErrors();
+}
+
 TEST_F(LookTest, WhatAnImpostorAnnouncesHarmsNoTerminal)
 {
     RawSidechannelServer impostor(getSocketName());
@@ -331,14 +455,13 @@ TEST_F(LookTest, MonitorSurvivesItsSender)
     EXPECT_EQ(sender.stop(), 128 + SIGTERM);
     ToolProcess netSender(send({"--tone", "440", "--clock", "net"}));
     expectRunning(2, 48000, 2);
-    EXPECT_EQ(readLastLine(monitor)["clock"], "synced net clock");
+    EXPECT_EQ(readLastLine(monitor)["clock"], "gstnetclock");
 
     const std::regex line(
         R"((# (TYPE|HELP) vlx_\w+ .+|vlx_\w+\{stream="[^"]+"\} -?[0-9.e+-]+|# EOF))");
     const auto isUp = [&]
     {
-        std::ifstream stream(metrics);
-        const std::string text{std::istreambuf_iterator<char>(stream), {}};
+        const std::string text = readText(metrics);
         EXPECT_TRUE(text.ends_with("# EOF\n")) << text; // whenever it is read
         for (const std::string& each : splitLines(text))
             EXPECT_TRUE(std::regex_match(each, line)) << each;
@@ -429,6 +552,15 @@ TEST_F(LookTest, CheckSaysWhatIsWrong)
     EXPECT_EQ(unfit.wait(), 1);
     EXPECT_TRUE(unfit.getOutput().starts_with("FAIL  base directory")) << unfit.getOutput();
 
+    // Another user that has taken the names to come, by the number of the process.
+    std::vector<std::unique_ptr<RawSidechannelServer>> impostors;
+    const pid_t last = ::fork();
+    if (last == 0)
+        ::_exit(0);
+    ::waitpid(last, nullptr, 0);
+    for (pid_t pid = last; pid < last + 200; ++pid)
+        impostors.push_back(
+            std::make_unique<RawSidechannelServer>("vlx-check-" + std::to_string(pid)));
     ToolProcess check({"check"});
     const auto code = check.wait(LongDeadline);
     const std::string text = check.getOutput();

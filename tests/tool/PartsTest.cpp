@@ -1,10 +1,16 @@
 // The tool's parts that need no process: durations, conversions, timestamps, watches.
 
+#include <array>
+#include <csignal>
 #include <cstring>
 #include <limits>
+#include <thread>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <vlx/VlxReceiver.hpp>
 #include <vlxkit/StreamFormat.hpp>
@@ -12,6 +18,9 @@
 #include "audio/PcmCodec.hpp"
 #include "common/Duration.hpp"
 #include "common/Numbers.hpp"
+#include "common/StopSignal.hpp"
+#include "common/Users.hpp"
+#include "monitor/StreamMeter.hpp"
 #include "receive/ConnectionRecord.hpp"
 #include "receive/StreamEvents.hpp"
 #include "support/RawPeers.hpp"
@@ -54,7 +63,11 @@ TEST(DurationTest, ReadsNumbersWithUnits)
         {"1m30", std::nullopt},
         {"30s1m", std::nullopt},
         {"1s1s", std::nullopt},
-        {".5s", std::nullopt},
+        {".5s", 500'000'000},
+        {".5", 500'000'000},
+        {"1s.5ms", 1'000'500'000},
+        {".s", std::nullopt},
+        {".", std::nullopt},
         {"1.2.3", std::nullopt},
         {"ms", std::nullopt},
         {"", std::nullopt},
@@ -148,6 +161,83 @@ TEST(PcmCodecTest, ValuesFillTheirTypeFromTheTop)
         EXPECT_EQ(std::get<std::vector<std::int32_t>>(values).at(0), row.value)
             << audioUtils::toString(row.format) << " " << row.bytes;
     }
+}
+
+TEST(LevelMeterTest, LevelsAreThoseOfTheIntervalAndPeaksAreHeldForTwoSeconds)
+{
+    struct Step
+    {
+        std::chrono::milliseconds time;
+        std::vector<float> values;                 // of two channels
+        std::vector<std::array<double, 3>> levels; // peak, RMS and held peak of each
+    };
+    using std::chrono::milliseconds;
+    const Step steps[] = {
+        {milliseconds(0), {}, {}},
+        {milliseconds(100), {0.5F, 0, -0.75F, 0}, {{0.75, 0.6374, 0.75}, {0, 0, 0}}},
+        {milliseconds(200), {0.25F, 1}, {{0.25, 0.25, 0.75}, {1, 1, 1}}},
+        {milliseconds(300), {}, {}},
+        {milliseconds(2100), {0.25F, -0.5F}, {{0.25, 0.25, 0.75}, {0.5, 0.5, 1}}},
+        {milliseconds(2101), {0.125F, 0.5F}, {{0.125, 0.125, 0.125}, {0.5, 0.5, 1}}},
+        {milliseconds(2201), {0.25F, 0.5F}, {{0.25, 0.25, 0.25}, {0.5, 0.5, 0.5}}}};
+    tool::LevelMeter meter;
+    meter.setChannels(2);
+    for (const Step& step : steps)
+    {
+        SCOPED_TRACE(step.time.count());
+        meter.add(step.values);
+        const auto levels = meter.take(tool::LevelMeter::TimePoint() + step.time);
+        ASSERT_EQ(levels.size(), step.levels.size());
+        for (std::size_t i = 0; i < levels.size(); ++i)
+        {
+            EXPECT_NEAR(levels[i].peak, step.levels[i][0], 1e-4);
+            EXPECT_NEAR(levels[i].rms, step.levels[i][1], 1e-4);
+            EXPECT_NEAR(levels[i].heldPeak, step.levels[i][2], 1e-4);
+        }
+    }
+    meter.setChannels(1);
+    meter.add({0.5F});
+    EXPECT_EQ(meter.take({}).at(0).heldPeak, 0.5) << "of the format before";
+}
+
+TEST(UsersTest, AreFoundByNameAndByNumber)
+{
+    EXPECT_EQ(tool::findUser("root"), 0U);
+    EXPECT_EQ(tool::getUserName(0), "root");
+    EXPECT_EQ(tool::findUser("4294967294"), 4294967294U);
+    EXPECT_EQ(tool::getUserName(4294967294), "4294967294");
+    for (const char* const none : {"4294967295", "4294967296", "-1", "", "no such user"})
+        EXPECT_EQ(tool::findUser(none), std::nullopt) << none;
+}
+
+// In a process of its own, since signals are blocked before there are threads.
+TEST(StopSignalTest, ASecondPressComesThreeHundredMillisecondsLater)
+{
+    using SteadyClock = std::chrono::steady_clock;
+    int pipeFDs[2];
+    ASSERT_EQ(::pipe2(pipeFDs, O_CLOEXEC), 0);
+    const Descriptor readEnd(pipeFDs[0]);
+    Descriptor writeEnd(pipeFDs[1]);
+    const auto begin = SteadyClock::now();
+    const pid_t child = ::fork();
+    if (child == 0)
+    {
+        tool::blockStopSignals();
+        const tool::StopSignal stop;
+        while (SteadyClock::now() < begin + DefaultDeadline)
+        {
+            ::kill(::getpid(), SIGINT);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        ::_exit(0);
+    }
+    writeEnd.close();
+    char byte = 0;
+    EXPECT_EQ(::read(readEnd.get(), &byte, 1), 0) << "until it has ended";
+    EXPECT_GE(SteadyClock::now() - begin, std::chrono::milliseconds(300));
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(WEXITSTATUS(status), 128 + SIGINT);
 }
 
 TEST(StreamFormatTest, TimesFollowFromTheSampleCountAlone)

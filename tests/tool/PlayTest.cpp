@@ -209,7 +209,7 @@ TEST_F(PlayTest, ANetworkClockIsFollowed)
     EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
     EXPECT_EQ(sender.stop(), 128 + SIGTERM);
     const json report = readJson(file("net.json"));
-    EXPECT_EQ(report["connections"][0]["clock"], "synced net clock");
+    EXPECT_EQ(report["connections"][0]["clock"], "gstnetclock");
     // A frame's timestamp is not far from its arrival, once it is told by this machine's clock.
     EXPECT_LT(report["play"][0]["late_samples"], Rate / 2) << report["play"];
     EXPECT_LT(report["play"][0]["samples"], 3 * Rate) << report["play"];

@@ -1,5 +1,7 @@
 // Runs the tool as a user does, and looks at exit codes, messages, files and reports.
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tool/ToolFixture.hpp"
@@ -135,6 +137,10 @@ TEST_F(ToolTest, BadInputGetsOneLineAndItsExitCode)
         {{}, 2, "subcommand"},
         {{"sned", "-s", "x"}, 2, "no subcommand sned; send?"},
         {{"fly"}, 2, "no subcommand fly; see"},
+        {{"foo"}, 2, "no subcommand foo; see"},
+        {{"moniter"}, 2, "no subcommand moniter; monitor?"},
+        {{"cehck"}, 2, "no subcommand cehck; check?"},
+        {{"monitor", "x", "--metrics", "-"}, 2, "--metrics needs a file"},
         {{"-v", "list"}, 2, "not expected: -v"},
         {{"monitor", "a", "--interval", "1"}, 2, "no option --interval; see"},
         {{"send", "--tone", "1"}, 2, "--socket"},
@@ -214,6 +220,7 @@ TEST_F(ToolTest, CompletionsKnowWhatCanFollow)
         {{"send", "-f", ""}, 0, {"S16LE", "F64BE"}},
         {{"send", "-d", ""}, 0, {}},
         {{"send", "--report", ""}, FilesToo, {}},
+        {{"receive", "-t", ""}, 0, {"wav", "flac", "raw"}},
         {{"receive", "--raw", ""}, FilesToo, {}}};
     for (Row row : rows)
     {
@@ -227,6 +234,78 @@ TEST_F(ToolTest, CompletionsKnowWhatCanFollow)
             EXPECT_NE(("\n" + output).find("\n" + std::string(word) + "\t"), std::string::npos)
                 << word << " in " << output;
     }
+}
+
+TEST_F(ToolTest, ReportsFollowNoLinkAndWaitForNobody)
+{
+    const std::string victim = file("victim");
+    const std::string report = file("r.json");
+    const auto sendWithReport = [&](const std::string& path, const ToolSettings& settings = {})
+    {
+        ToolProcess process(send({"--tone", "1", "-d", "20ms", "-q", "--report", path}), settings);
+        EXPECT_NE(process.wait(), std::nullopt) << path << " holds it";
+        return std::pair(process.wait().value_or(-1), process.getErrors());
+    };
+    const auto countFiles = [&]
+    { return std::distance(fs::directory_iterator(m_files), fs::directory_iterator()); };
+
+    // Where another user may write, names are prepared: the one beside, and the report's own.
+    std::ofstream(victim) << "precious";
+    fs::create_symlink(victim, report + ".new");
+    EXPECT_EQ(sendWithReport(report).first, 0);
+    EXPECT_EQ(readJson(report)["finished"], true);
+    fs::remove(report);
+    fs::remove(report + ".new");
+    ASSERT_EQ(::mkfifo((report + ".new").c_str(), 0600), 0);
+    EXPECT_EQ(sendWithReport(report).first, 0);
+    fs::remove(report);
+    fs::create_symlink(victim, report);
+    EXPECT_EQ(sendWithReport(report).first, 0);
+    EXPECT_EQ(readJson(report)["finished"], true);
+    EXPECT_EQ(fs::file_size(victim), 8U) << "written through a link";
+    EXPECT_EQ(countFiles(), 3) << "something was left behind";
+
+    // A full disk leaves the report before as it was.
+    ToolSettings small;
+    small.maxFileSize = 200; // less than a report, more than a message
+    for (const auto& [path, text] :
+         {std::pair(report, "File too large"), std::pair(std::string("/dev/full"), "No space left"),
+          std::pair(report + ".new", "No such device")}) // a FIFO without a reader
+    {
+        const auto [code, errors] = sendWithReport(path, small);
+        EXPECT_EQ(code, 1) << path;
+        EXPECT_NE(errors.find(text), std::string::npos) << errors;
+    }
+    EXPECT_EQ(readJson(report)["finished"], true);
+    EXPECT_EQ(countFiles(), 3) << "something was left behind";
+
+    // What has a reader is written in place.
+    const Descriptor reader(::open((report + ".new").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    EXPECT_EQ(sendWithReport(report + ".new").first, 0);
+    std::string text(10'000, '\0');
+    text.resize(static_cast<std::size_t>(::read(reader.get(), text.data(), text.size())));
+    EXPECT_EQ(json::parse(text, nullptr, false)["finished"], true) << text;
+    ToolProcess toOutput(send({"--tone", "1", "-d", "20ms", "-q", "--report", "/dev/stdout"}));
+    EXPECT_EQ(toOutput.wait(), 0) << toOutput.getErrors();
+    EXPECT_EQ(json::parse(toOutput.getOutput(), nullptr, false)["finished"], true);
+    EXPECT_TRUE(fs::is_symlink("/dev/stdout"));
+}
+
+TEST_F(ToolTest, SeveralSignalsOfOnePressStopOnce)
+{
+    ToolProcess sender(send({"--tone", "440", "--report", file("s.json")}));
+    ToolProcess receiver(receive({file("a.wav")}));
+    ASSERT_TRUE(waitForSize(file("a.wav"), 20000));
+    // While it lets its last frame leave, which takes 100 ms.
+    const auto isEnded = [&]
+    {
+        sender.signal(SIGINT);
+        return sender.wait(std::chrono::milliseconds(0)).has_value();
+    };
+    ASSERT_TRUE(waitFor(isEnded));
+    EXPECT_EQ(sender.wait(), 128 + SIGINT);
+    EXPECT_GT(readJson(file("s.json")).value("frames", 0), 0) << "the report was not finished";
+    EXPECT_EQ(receiver.stop(), 128 + SIGTERM);
 }
 
 TEST_F(ToolTest, SignalsStopBothEndsCleanlyAndAtOnce)

@@ -10,7 +10,6 @@
 
 #include <CLI/CLI.hpp>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/BaseDirectory.hpp>
@@ -133,7 +132,7 @@ private:
 /// Sends a stream to this process itself.
 Finding checkStream(StopSignal& stop)
 {
-    const std::string name = "vlx-check-" + std::to_string(::getpid());
+    const std::string name = "vlx-check-" + makeRandomHex(8); // that no other user holds
     Finding finding{"loop-back", {}, "-v and the lines above may say more"};
 
     kit::Consumer consumer({.name = name}, {.onFrame = [](const kit::Frame&) {}});

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <optional>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -32,13 +33,45 @@ constexpr auto CheckInterval = std::chrono::milliseconds(50);
 constexpr auto LineInterval = std::chrono::seconds(1);
 constexpr auto ScreenInterval = std::chrono::milliseconds(200);
 
+// In an interval: more than a mistake, and none.
+constexpr std::uint32_t ManyDropped = 1000;
+constexpr auto LoadInterval = std::chrono::seconds(1);
+
+/// Says when packets begin to be dropped in number, and when that has ended.
+class LoadWatch
+{
+public:
+    explicit LoadWatch(const ClockProvider& provider) : m_provider(provider) {}
+
+    /// Called once in each interval.
+    void look()
+    {
+        const std::uint32_t total = m_provider.getNumDropped();
+        const std::uint32_t dropped = total - std::exchange(m_dropped, total);
+        if (!m_isLoaded && dropped >= ManyDropped)
+            printNotice(
+                "under load: " + std::to_string(dropped) +
+                " packets dropped within a second; clocks may take longer to synchronise");
+        else if (m_isLoaded && dropped == 0)
+            printNotice("no longer under load");
+        m_isLoaded = m_isLoaded ? dropped > 0 : dropped >= ManyDropped;
+    }
+
+private:
+    const ClockProvider& m_provider;
+    std::uint32_t m_dropped = 0; // so far
+    bool m_isLoaded = false;
+};
+
 void serve(const ClockOptions& options, const StopSignal& stop)
 {
     const ClockProvider provider(options.address, options.port);
     // As "vlx clock watch" takes them.
     std::printf("%s %u\n", options.address.c_str(), provider.getPort());
     flushOutput();
-    stop.waitUntil(SteadyClock::time_point::max());
+    LoadWatch load(provider);
+    while (!stop.waitUntil(SteadyClock::now() + LoadInterval))
+        load.look();
 }
 
 /// Follows a clock and shows how that goes.

@@ -19,7 +19,7 @@ public:
     ///
     /// @param address  numeric IP address that it is asked at
     /// @param port     UDP port; 0: any that is free
-    /// @throws CommandFailure if it cannot have them
+    /// @throws CommandFailure if it cannot have them, or another process serves the port
     ClockProvider(const std::string& address, std::uint16_t port);
 
     /// @return UDP port that it is asked at
@@ -28,9 +28,13 @@ public:
         return m_port;
     }
 
+    /// @return packets that were dropped so far: junk, and questions beyond what can be answered
+    std::uint32_t getNumDropped() const;
+
 private:
     std::shared_ptr<void> m_provider;
     std::uint16_t m_port;
+    int m_socketFD = -1; // the provider's own
 };
 
 } // namespace vlx::tool

@@ -8,7 +8,7 @@
 namespace vlx::tool
 {
 
-/// Reads a duration: "10ms", "1.5s", "250us", "20000ns", "2min" or "2m", "1h", several of them from
+/// Reads a duration: "10ms", "1.5s", ".5s", "250us", "20000ns", "2min" or "2m", "1h", several of them from
 /// large to small as in "1m30s", or a number without unit, which is seconds.
 ///
 /// @return to the nanosecond; nothing if the text is no such thing, is negative, or longer than

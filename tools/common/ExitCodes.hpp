@@ -27,7 +27,7 @@ constexpr int toExitCode(int signalNumber)
     return 128 + signalNumber;
 }
 
-/// Ends a subcommand from inside its set-up: one line for standard error, and the exit code.
+/// Ends a subcommand: an exit code and one line for standard error; no line if the text is empty.
 class CommandFailure : public std::runtime_error
 {
 public:

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <string_view>
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -78,8 +79,12 @@ bool usesColor(int fd)
 
 void flushOutput()
 {
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-        throw CommandFailure(ExitCode::Failed, "cannot write to standard output");
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0)
+        return;
+    pollfd output{STDOUT_FILENO, POLLOUT, 0};
+    const bool hasLostReader = ::poll(&output, 1, 0) == 1 && (output.revents & POLLERR) != 0;
+    throw hasLostReader ? CommandFailure(ExitCode::Done, "")
+                        : CommandFailure(ExitCode::Failed, "cannot write to standard output");
 }
 
 void printError(const std::string& text)

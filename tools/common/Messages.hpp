@@ -46,7 +46,8 @@ bool usesColor(int fd);
 
 /// Brings what was printed to standard output on its way.
 ///
-/// @throws CommandFailure if that cannot be done: a full disk, or nobody who reads
+/// @throws CommandFailure if that fails, on a full disk for instance; with ExitCode::Done and no text
+///         if the reader of a pipe has closed it, as "head" does when it has enough
 void flushOutput();
 
 /// Says why the command fails or what it could not do.

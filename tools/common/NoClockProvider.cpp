@@ -9,4 +9,9 @@ ClockProvider::ClockProvider(const std::string& /*address*/, std::uint16_t port)
     throw CommandFailure(ExitCode::Failed, "this vlx is built without network clocks");
 }
 
+std::uint32_t ClockProvider::getNumDropped() const
+{
+    return 0;
+}
+
 } // namespace vlx::tool

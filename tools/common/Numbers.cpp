@@ -9,7 +9,8 @@ namespace vlx::tool
 std::optional<double> takeDecimal(std::string_view& text)
 {
     // Neither a sign nor words such as "inf".
-    if (text.empty() || text.front() < '0' || text.front() > '9')
+    if (text.empty() ||
+        std::string_view("0123456789.").find(text.front()) == std::string_view::npos)
         return std::nullopt;
     double number = 0;
     const char* const end = text.data() + text.size();

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
-#include <iterator>
 
 #include <CLI/CLI.hpp>
 
@@ -26,6 +25,8 @@ constexpr const char* Description =
     "Timestamped media frames from one process to many on one machine";
 constexpr const char* ExitCodeHelp = "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 time-out or "
                                      "no sender, 128+n stopped by signal n";
+
+constexpr std::size_t MaxWordLength = 40; // far longer than any that is known
 
 std::string getFullName(const CLI::App& command)
 {
@@ -60,29 +61,47 @@ std::vector<std::string> listLongOptions(const CLI::App& command)
     return names;
 }
 
-/// @return letters that only one of two words has, wherever they stand: most slips of the fingers swap
-///         some, which counts nothing, or add, forget or replace a single one
-std::size_t countDifferences(std::string one, std::string other)
+/// @return how many slips of the fingers lie between two words: a letter added, forgotten or replaced,
+///         or two neighbours swapped
+std::size_t countSlips(const std::string& one, const std::string& other)
 {
-    std::string letters;
-    std::sort(one.begin(), one.end());
-    std::sort(other.begin(), other.end());
-    std::set_symmetric_difference(
-        one.begin(), one.end(), other.begin(), other.end(), std::back_inserter(letters));
-    return letters.size();
+    // Of the first i letters of one word and the first k of the other.
+    std::vector<std::vector<std::size_t>> slips(
+        one.size() + 1, std::vector<std::size_t>(other.size() + 1));
+    for (std::size_t i = 0; i <= one.size(); ++i)
+    {
+        for (std::size_t k = 0; k <= other.size(); ++k)
+        {
+            std::size_t& fewest = slips[i][k];
+            if (i == 0 || k == 0)
+            {
+                fewest = i + k;
+                continue;
+            }
+            fewest = std::min(
+                {slips[i - 1][k] + 1, slips[i][k - 1] + 1,
+                 slips[i - 1][k - 1] + (one[i - 1] == other[k - 1] ? 0 : 1)});
+            if (i > 1 && k > 1 && one[i - 1] == other[k - 2] && one[i - 2] == other[k - 1])
+                fewest = std::min(fewest, slips[i - 2][k - 2] + 1);
+        }
+    }
+    return slips.back().back();
 }
 
 /// @return "; ", and which of the known words a wrong one may be meant to be, or where to find them
 std::string askFor(const std::string& wrong, const std::vector<std::string>& known)
 {
     std::string best = "see --help";
-    std::size_t fewest = 4;
+    std::size_t fewest = 3; // from here on it is another word
     for (const std::string& word : known)
     {
-        const std::size_t differences = countDifferences(wrong, word);
-        if (differences < fewest)
+        // Every word can be made of a short one.
+        const std::size_t slips = countSlips(wrong.substr(0, MaxWordLength), word);
+        if (slips < fewest && 2 * slips < word.size())
+        {
             best = word + "?";
-        fewest = std::min(fewest, differences);
+            fewest = slips;
+        }
     }
     return "; " + best;
 }
@@ -152,7 +171,8 @@ int runSubcommand(
     catch (const std::exception& error)
     {
         finishProgress();
-        printError(error.what());
+        if (*error.what() != '\0')
+            printError(error.what());
         const auto* const failure = dynamic_cast<const CommandFailure*>(&error);
         return toInt(failure != nullptr ? failure->getCode() : ExitCode::Failed);
     }

@@ -7,14 +7,16 @@
 namespace vlx::tool
 {
 
-/// @return whether a text that is written there takes the place of the one before
+/// @return whether writeTextFile() replaces what is there: true for regular files and new ones, false
+///         for devices, FIFOs, paths below /dev and /proc, and "-"
 bool isReplaced(const std::string& path);
 
-/// Writes a text, replacing the file as a whole, so that a reader never sees half of one.
+/// Writes a text, replacing the file as a whole: a reader sees the old text or the new one, and a
+/// failure leaves the old one. Follows no link that another user has put there. What isReplaced()
+/// excludes is written to in place; a FIFO needs a reader.
 ///
-/// @param path  of a regular file or one to be made; anything else, such as a terminal, is written to.
-///              "-" is standard output
-/// @throws CommandFailure if it cannot be written
+/// @param path  "-": standard output
+/// @throws CommandFailure if the text cannot be written
 void writeTextFile(const std::string& path, const std::string& text);
 
 /// The same for a JSON document and the end of the line. Names and paths in it may be any bytes:

@@ -33,6 +33,22 @@ std::string describeClock(const kit::SenderProbe& probe)
     return text;
 }
 
+const char* toClockName(Receiver::StreamClockType clock)
+{
+    switch (clock)
+    {
+    case Receiver::StreamClockType::NoClock:
+        return "none";
+    case Receiver::StreamClockType::MonotonicSystemClock:
+        return toString(TimeSyncProtocol::MonotonicSystemClock);
+    case Receiver::StreamClockType::SyncedNetClock:
+        return toString(TimeSyncProtocol::GstNetClock);
+    case Receiver::StreamClockType::Undetermined:
+        break;
+    }
+    return "undetermined";
+}
+
 void addFormat(nlohmann::ordered_json& json, const kit::StreamFormat& format)
 {
     json["sample_format"] = audioUtils::toString(format.sampleFormat);

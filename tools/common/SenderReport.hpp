@@ -7,6 +7,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include <vlx/VlxReceiver.hpp>
 #include <vlxkit/AgeHistogram.hpp>
 #include <vlxkit/Discovery.hpp>
 
@@ -24,6 +25,10 @@ std::string describeFormat(const kit::SenderProbe& probe);
 
 /// @return such as "sysclock", or "gstnetclock 10.0.0.1:8554"; empty without an answer
 std::string describeClock(const kit::SenderProbe& probe);
+
+/// @return such as "sysclock" or "gstnetclock", the words that senders announce; "none" for a stream
+///         without a clock, "undetermined" before a stream is joined
+const char* toClockName(Receiver::StreamClockType clock);
 
 /// Adds sample format, rate and channels.
 void addFormat(nlohmann::ordered_json& json, const kit::StreamFormat& format);

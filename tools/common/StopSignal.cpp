@@ -19,6 +19,9 @@ namespace vlx::tool
 namespace
 {
 
+// Who sends a signal to a process and to its group, as timeout does, presses once.
+constexpr auto OnePress = std::chrono::milliseconds(300);
+
 sigset_t makeStopSet()
 {
     sigset_t set;
@@ -72,12 +75,19 @@ void StopSignal::loop()
     if (hangup.sa_handler == SIG_IGN)
         ::sigdelset(&set, SIGHUP);
     int number = 0;
+    std::chrono::steady_clock::time_point firstPress;
     while (::sigwait(&set, &number) == 0 && m_keepRunning)
     {
-        if (isRequested() && number == SIGINT)
-            ::_exit(toExitCode(number));
+        const auto now = std::chrono::steady_clock::now();
         if (!isRequested())
+        {
+            firstPress = now;
             request(number);
+        }
+        else if (number == SIGINT && now - firstPress >= OnePress)
+        {
+            ::_exit(toExitCode(number));
+        }
     }
 }
 

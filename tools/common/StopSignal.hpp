@@ -16,8 +16,8 @@ namespace vlx::tool
 void blockStopSignals();
 
 /// Takes SIGINT, SIGTERM and SIGHUP, on a thread of its own, and carries the wish to stop to whoever
-/// waits. Only the first signal counts, but a second SIGINT ends the process at once. SIGHUP stays
-/// ignored where the parent ignores it.
+/// waits. Only the first signal counts, but a SIGINT that comes 300 ms after it or later ends the
+/// process at once. SIGHUP stays ignored where the parent ignores it.
 ///
 /// One object per process.
 ///

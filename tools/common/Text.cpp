@@ -1,8 +1,14 @@
 #include "Text.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <system_error>
+
+#include <sys/random.h>
+
+#include <vlx/VlxTypes.hpp>
 
 namespace vlx::tool
 {
@@ -31,6 +37,17 @@ std::string formatText(const char* format, ...)
 std::string toMilliseconds(std::int64_t nanoseconds)
 {
     return formatText("%.3f ms", static_cast<double>(nanoseconds) / 1e6);
+}
+
+std::string makeRandomHex(std::size_t numBytes)
+{
+    Buffer bytes(numBytes);
+    if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
+        throw std::system_error(errno, std::generic_category(), "getrandom");
+    std::string text;
+    for (const unsigned char byte : bytes)
+        text += formatText("%02x", byte);
+    return text;
 }
 
 std::size_t getDisplayWidth(const std::string& text)

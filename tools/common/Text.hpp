@@ -18,6 +18,9 @@ using kit::toPrintable;
 /// @return such as "1.250 ms"
 std::string toMilliseconds(std::int64_t nanoseconds);
 
+/// @return so many random bytes in hexadecimal, for names that no other user can guess
+std::string makeRandomHex(std::size_t numBytes);
+
 /// @return columns that a text takes on a terminal, for scripts whose characters take one each
 std::size_t getDisplayWidth(const std::string& text);
 

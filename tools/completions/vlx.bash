@@ -1,8 +1,11 @@
 # What can follow, "vlx" itself knows.
 _vlx()
 {
-    local choices
+    local choices word
     choices=$("$1" --complete "${COMP_WORDS[@]:1:COMP_CWORD}") || compopt -o default
-    mapfile -t COMPREPLY < <(compgen -W "$(cut -f1 <<< "$choices")" -- "${COMP_WORDS[COMP_CWORD]}")
+    COMPREPLY=()
+    while IFS=$'\t' read -r word _; do
+        [[ -n $word && $word == "${COMP_WORDS[COMP_CWORD]}"* ]] && COMPREPLY+=("$word")
+    done <<< "$choices"
 }
 complete -F _vlx vlx

@@ -17,6 +17,7 @@
 #include "common/SenderReport.hpp"
 #include "common/StopSignal.hpp"
 #include "common/Text.hpp"
+#include "common/Users.hpp"
 
 namespace vlx::tool
 {
@@ -24,11 +25,11 @@ namespace vlx::tool
 namespace
 {
 
-constexpr std::size_t NumColumns = 7;
+constexpr std::size_t NumColumns = 8;
 using Row = std::array<std::string, NumColumns>;
 
-constexpr std::array<bool, NumColumns> RightAligned = {false, true,  false, false,
-                                                       true,  false, false};
+constexpr std::array<bool, NumColumns> RightAligned = {false, true, false, false,
+                                                       false, true, false, false};
 
 struct Found
 {
@@ -43,6 +44,7 @@ Row makeRow(const Found& found)
         toPrintable(found.entry.name),
         std::to_string(found.entry.process),
         toPrintable(found.entry.command),
+        toPrintable(getUserName(found.entry.user)),
         info ? toString(info->nanomsgProtocol) : "",
         std::to_string(found.entry.receivers),
         describeFormat(found.probe),
@@ -52,7 +54,7 @@ Row makeRow(const Found& found)
 void printTable(const std::vector<Found>& senders)
 {
     std::vector<Row> rows = {
-        {"NAME", "PID", "PROGRAM", "PROTOCOL", "RECEIVERS", "FORMAT", "CLOCK"}};
+        {"NAME", "PID", "PROGRAM", "USER", "PROTOCOL", "RECEIVERS", "FORMAT", "CLOCK"}};
     std::transform(senders.begin(), senders.end(), std::back_inserter(rows), makeRow);
 
     std::array<std::size_t, NumColumns> widths{};
@@ -81,6 +83,7 @@ nlohmann::ordered_json makeObject(const Found& found)
         {"process", found.entry.process},
         {"program", found.entry.command},
         {"user", found.entry.user},
+        {"user_name", getUserName(found.entry.user)},
         {"receivers", found.entry.receivers}};
     json.update(toJson(found.probe));
     return json;
@@ -148,7 +151,7 @@ ExitCode runList(const ListOptions& options, StopSignal& stop)
     {
         printTable(senders);
     }
-    else
+    else if (list.hidden.empty())
     {
         printNotice("no sender on this machine");
     }

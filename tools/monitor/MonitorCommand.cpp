@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <memory>
+#include <set>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -111,7 +112,7 @@ void watch(const MonitorOptions& options, const Meters& meters, bool onScreen, S
         const Snapshots snapshots = takeSnapshots(meters);
         if (onScreen)
             screen.draw(snapshots);
-        else if (options.metrics != "-")
+        else
             printLines(snapshots, options.json);
         if (!options.metrics.empty() && SteadyClock::now() >= metricsDue)
         {
@@ -140,9 +141,12 @@ CLI::App* addMonitorCommand(CLI::App& program, MonitorOptions& options)
     command
         ->add_option(
             "--metrics", options.metrics,
-            "Write the counts to this file every second, as OpenMetrics text; - for standard "
-            "output, in place of the lines")
-        ->type_name("FILE");
+            "Write the counts to this file every second, as OpenMetrics text")
+        ->type_name("FILE")
+        ->check(CLI::Validator(
+            [](const std::string& path)
+            { return path == "-" ? "--metrics needs a file, and - is none" : ""; },
+            ""));
     addDurationOption(*command, "-d,--duration", options.duration, "End after this time");
     addTimeoutOption(*command, options.timeout, "Give up with exit code 3 without a frame by then");
     addRealTimeOption(*command, options.realTime);
@@ -152,10 +156,13 @@ CLI::App* addMonitorCommand(CLI::App& program, MonitorOptions& options)
 ExitCode runMonitor(const MonitorOptions& options, StopSignal& stop)
 {
     // On a screen the picture itself shows what happens.
-    const bool onScreen = !options.json && options.metrics != "-" && isLiveTerminal(STDOUT_FILENO);
+    const bool onScreen = !options.json && isLiveTerminal(STDOUT_FILENO);
     Meters meters;
+    std::set<std::string> names;
     for (const std::string& name : options.names)
     {
+        if (!names.insert(name).second)
+            continue;
         meters.push_back(std::make_unique<StreamMeter>(
             name, options.realTime,
             [onScreen](const std::string& line)

@@ -46,20 +46,12 @@ std::string describeAges(const kit::AgeHistogram& ages)
 
 std::string describeClockState(const kit::ConsumerStatistics& statistics)
 {
-    switch (statistics.clock)
-    {
-    case Receiver::StreamClockType::Undetermined:
-        return "-";
-    case Receiver::StreamClockType::NoClock:
-        return "none";
-    case Receiver::StreamClockType::MonotonicSystemClock:
-        return "sysclock";
-    case Receiver::StreamClockType::SyncedNetClock:
-        break;
-    }
-    if (!statistics.clockSynchronized)
-        return "gstnetclock, not synchronised";
-    return "gstnetclock, synchronised, offset " + toMilliseconds(statistics.clockOffsetNs);
+    std::string text = toClockName(statistics.clock);
+    if (statistics.clock == Receiver::StreamClockType::SyncedNetClock)
+        text += statistics.clockSynchronized
+                    ? ", synchronised, offset " + toMilliseconds(statistics.clockOffsetNs)
+                    : ", not synchronised";
+    return text;
 }
 
 std::string describeRate(const StreamSnapshot& snapshot)
@@ -166,7 +158,7 @@ nlohmann::ordered_json renderJson(const StreamSnapshot& snapshot)
         {"reconnects", total.reconnects},
         {"stalls", total.stalls},
         {"join_ns", total.joinNs},
-        {"clock", toString(total.clock)},
+        {"clock", toClockName(total.clock)},
         {"clock_synchronized", total.clockSynchronized},
         {"clock_offset_ns", total.clockOffsetNs}};
     addAges(json, snapshot.ages);

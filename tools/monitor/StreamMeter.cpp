@@ -21,6 +21,42 @@ constexpr auto PeakHoldTime = std::chrono::seconds(2);
 
 } // unnamed namespace
 
+void LevelMeter::setChannels(std::size_t number)
+{
+    m_channels.assign(number, {});
+}
+
+void LevelMeter::add(const std::vector<float>& values)
+{
+    for (std::size_t i = 0; i < values.size(); ++i)
+    {
+        Channel& channel = m_channels[i % m_channels.size()];
+        const double value = static_cast<double>(values[i]);
+        channel.peak = std::max(channel.peak, std::abs(value));
+        channel.squares += value * value;
+        ++channel.samples;
+    }
+}
+
+std::vector<ChannelLevel> LevelMeter::take(TimePoint now)
+{
+    std::vector<ChannelLevel> levels;
+    for (Channel& channel : m_channels)
+    {
+        if (channel.peak >= channel.heldPeak || now - channel.heldSince > PeakHoldTime)
+        {
+            channel.heldPeak = channel.peak;
+            channel.heldSince = now;
+        }
+        if (channel.samples > 0)
+            levels.push_back(
+                {channel.peak, std::sqrt(channel.squares / static_cast<double>(channel.samples)),
+                 channel.heldPeak});
+        channel = {.heldPeak = channel.heldPeak, .heldSince = channel.heldSince};
+    }
+    return levels;
+}
+
 StreamMeter::StreamMeter(
     const std::string& name,
     const kit::RealTime& realTime,
@@ -51,7 +87,7 @@ void StreamMeter::handleFormat(const kit::StreamFormat& format)
     m_format = format;
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_obstacle.clear();
-    m_channels.assign(format.channels, {});
+    m_levelMeter.setChannels(format.channels);
 }
 
 void StreamMeter::handleFrame(const kit::Frame& frame)
@@ -60,14 +96,7 @@ void StreamMeter::handleFrame(const kit::Frame& frame)
     decodeLevels(ByteView(frame.data).first(usable), m_format.sampleFormat, m_levels);
 
     const std::lock_guard<std::mutex> lock(m_mutex);
-    for (std::size_t i = 0; i < m_levels.size(); ++i)
-    {
-        ChannelSums& channel = m_channels[i % m_channels.size()];
-        const double value = static_cast<double>(m_levels[i]);
-        channel.peak = std::max(channel.peak, std::abs(value));
-        channel.squares += value * value;
-        ++channel.samples;
-    }
+    m_levelMeter.add(m_levels);
 }
 
 void StreamMeter::handleEvent(const kit::ConsumerEvent& event)
@@ -94,9 +123,9 @@ StreamSnapshot StreamMeter::takeSnapshot()
     snapshot.bytes = snapshot.total.bytes - m_before.bytes;
     snapshot.ages = snapshot.total.ages;
     snapshot.ages -= m_before.ages;
-    snapshot.levels = takeLevels(now);
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
+        snapshot.levels = m_levelMeter.take(now);
         snapshot.state = m_obstacle.empty() ? toString(snapshot.total.state) : m_obstacle;
         snapshot.notice = m_notice;
     }
@@ -120,26 +149,6 @@ void StreamMeter::lookAtClock(kit::ConsumerStatistics& statistics)
     }
     if (!m_provider.first.empty() && !m_netClock.isSynchronized())
         statistics.clockSynchronized = false;
-}
-
-std::vector<ChannelLevel> StreamMeter::takeLevels(SteadyClock::time_point now)
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    std::vector<ChannelLevel> levels;
-    for (ChannelSums& channel : m_channels)
-    {
-        if (channel.peak >= channel.heldPeak || now - channel.heldSince > PeakHoldTime)
-        {
-            channel.heldPeak = channel.peak;
-            channel.heldSince = now;
-        }
-        if (channel.samples > 0)
-            levels.push_back(
-                {channel.peak, std::sqrt(channel.squares / static_cast<double>(channel.samples)),
-                 channel.heldPeak});
-        channel = {.heldPeak = channel.heldPeak, .heldSince = channel.heldSince};
-    }
-    return levels;
 }
 
 } // namespace vlx::tool

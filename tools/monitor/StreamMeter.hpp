@@ -24,6 +24,39 @@ struct ChannelLevel
     double heldPeak = 0; ///< highest of the last seconds
 };
 
+/// Measures the levels of a stream's channels over intervals.
+///
+/// @thread one at a time
+class LevelMeter
+{
+public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    /// Begins anew with so many channels.
+    void setChannels(std::size_t number);
+
+    /// Adds samples, as parts of full scale, the channels of one sample side by side.
+    void add(const std::vector<float>& values);
+
+    /// Ends an interval.
+    ///
+    /// @return a level for each channel; nothing if no samples came since the last call
+    std::vector<ChannelLevel> take(TimePoint now);
+
+private:
+    /// Sums of one channel since the last call.
+    struct Channel
+    {
+        double peak = 0;
+        double squares = 0;
+        std::uint64_t samples = 0;
+        double heldPeak = 0;
+        TimePoint heldSince;
+    };
+
+    std::vector<Channel> m_channels;
+};
+
 /// A stream as it was during one interval.
 struct StreamSnapshot
 {
@@ -62,21 +95,10 @@ public:
 private:
     using SteadyClock = std::chrono::steady_clock;
 
-    /// Sums of one channel since the last snapshot.
-    struct ChannelSums
-    {
-        double peak = 0;
-        double squares = 0;
-        std::uint64_t samples = 0;
-        double heldPeak = 0;
-        SteadyClock::time_point heldSince;
-    };
-
     void handleFormat(const kit::StreamFormat& format);
     void handleFrame(const kit::Frame& frame);
     void handleEvent(const kit::ConsumerEvent& event);
     void lookAtClock(kit::ConsumerStatistics& statistics);
-    std::vector<ChannelLevel> takeLevels(SteadyClock::time_point now);
 
     const std::string m_name;
     const std::function<void(const std::string&)> m_onEvent;
@@ -87,7 +109,7 @@ private:
 
     std::mutex m_mutex;
     // Guarded by m_mutex.
-    std::vector<ChannelSums> m_channels;
+    LevelMeter m_levelMeter;
     std::string m_obstacle; // what keeps the stream from running
     std::string m_notice;
 

@@ -51,7 +51,7 @@ nlohmann::ordered_json ConnectionRecord::toJson() const
         {"joined_after", joinedAfter},
         {"join_ns", firstTime - waitBegin},
         {"ended", ended},
-        {"clock", toString(announced.clock)},
+        {"clock", toClockName(announced.clock)},
         {"frames", frames},
         {"odd_frames", oddFrames},
         {"gaps", gaps},
