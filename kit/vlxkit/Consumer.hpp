@@ -29,16 +29,16 @@ struct ConsumerOptions
     /// Directory where senders and receivers of this machine meet; empty: "TMPDIR" as it is in
     /// start(), or "/tmp/vlx", which is created if it is missing. Any other directory must exist.
     std::string baseDirectory = {};
-    /// User that the sender's process must run as, as the kernel recorded it when that process began
-    /// to listen; not set: any. A sender of another user is reported as NotASender and waited out.
-    /// The overflow user id (65534, see /proc/sys/kernel/overflowuid) never matches: in a user
-    /// namespace it stands for every user from outside.
-    std::optional<uid_t> senderUser = {};
     /// Time without a frame after which a joined stream is joined again; zero: never. The time
     /// doubles with each attempt that brought no frame, up to sixteenfold.
     std::chrono::nanoseconds stallTimeout = std::chrono::seconds(2);
     /// Scheduling of the stream's threads.
     RealTime realTime = {};
+    /// User that the sender's process must run as, as the kernel recorded it when that process began
+    /// to listen; not set: any. A sender of another user is reported as NotASender and waited out.
+    /// The overflow user id (65534, see /proc/sys/kernel/overflowuid) never matches: in a user
+    /// namespace it stands for every user from outside.
+    std::optional<uid_t> senderUser = {};
 };
 
 /// One frame, as the frame callback gets it.
