@@ -291,25 +291,35 @@ TEST(ConnectionRecordTest, GapsAndOverlapsSplitTheRecordingIntoSegments)
     EXPECT_EQ(json["segments"][2]["samples"], 20);
 }
 
-TEST(StreamEventQueueTest, FramesBeyondTheLimitAreCountedAndOtherEventsAreNot)
+TEST(StreamEventQueueTest, FramesBeyondTheLimitsAreCountedAndOtherEventsAreNot)
 {
-    tool::StreamEventQueue queue(100);
-    queue.push(tool::ReceivedFrame{.data = Buffer(200)}); // one always fits
-    queue.push(tool::ReceivedFrame{.duration = 20, .gapNs = 3, .data = Buffer(1)});
-    queue.push(kit::ConsumerEvent{});
-    EXPECT_EQ(queue.getNumDropped(), 1U);
-    std::optional<tool::StreamEvent> event;
-    queue.pop(event, std::chrono::seconds(1));
-    EXPECT_EQ(std::get<tool::ReceivedFrame>(*event).data.size(), 200U);
-    queue.push(tool::ReceivedFrame{.data = Buffer(1)});
-    queue.close();
-    queue.push(tool::ReceivedFrame{.data = Buffer(1)});
-    queue.pop(event, std::chrono::seconds(1));
-    EXPECT_TRUE(std::holds_alternative<kit::ConsumerEvent>(*event));
-    queue.pop(event, std::chrono::seconds(1));
-    EXPECT_EQ(std::get<tool::ReceivedFrame>(*event).gapNs, 23) << "what was dropped is no gap";
-    EXPECT_FALSE(queue.pop(event, std::chrono::seconds(1)));
-    EXPECT_EQ(queue.getNumDropped(), 1U);
+    for (const bool full : {false, true}) // of bytes, of frames
+    {
+        SCOPED_TRACE(full);
+        tool::StreamEventQueue queue({.bytes = full ? 1000U : 100U, .frames = full ? 1U : 10U});
+        queue.push(tool::ReceivedFrame{.data = Buffer(200)}); // one always fits
+        queue.push(tool::ReceivedFrame{.duration = 20, .gapNs = 3});
+        queue.push(tool::ReceivedFrame{.duration = UINT64_MAX, .gapNs = 1, .data = Buffer(1)});
+        queue.push(kit::ConsumerEvent{});
+        for (const std::uint32_t rate : {1U, 2U})
+            queue.push(tool::AnnouncedFormat{.format = {.rate = rate}, .clock = {}});
+        EXPECT_EQ(queue.getNumDropped(), 2U);
+        std::optional<tool::StreamEvent> event;
+        const auto pop = [&]
+        {
+            queue.pop(event, std::chrono::seconds(1));
+            return *event;
+        };
+        EXPECT_EQ(std::get<tool::ReceivedFrame>(pop()).data.size(), 200U);
+        queue.push(tool::ReceivedFrame{.data = Buffer(1)});
+        queue.close();
+        queue.push(tool::ReceivedFrame{.data = Buffer(1)});
+        EXPECT_TRUE(std::holds_alternative<kit::ConsumerEvent>(pop()));
+        EXPECT_EQ(std::get<tool::AnnouncedFormat>(pop()).format.rate, 2U);
+        EXPECT_EQ(std::get<tool::ReceivedFrame>(pop()).gapNs, INT64_MAX) << "dropped, and no gap";
+        EXPECT_FALSE(queue.pop(event, std::chrono::seconds(1)));
+        EXPECT_EQ(queue.getNumDropped(), 2U);
+    }
 }
 
 } // namespace

@@ -357,6 +357,55 @@ TEST_F(ReceiveTest, StrangerOnTheNameIsLeftAlone)
     stranger.close();
 }
 
+TEST_F(ReceiveTest, AReceiverThatMayNotJoinAtFirstRecordsOnceItMay)
+{
+    constexpr uid_t Nobody = 65534;
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root can run a receiver as another user";
+    fs::permissions(getTempDirectory(), fs::perms::all);
+    fs::permissions(m_files, fs::perms::all);
+    ToolSettings settings;
+    settings.asUser = Nobody;
+    // It waits before there is a sender, so it joins without a look, and gets nothing.
+    ToolProcess receiver(receive({"-", "--report", file("r.json")}), settings);
+    ASSERT_TRUE(waitFor([&] { return fs::exists(file("r.json")); }));
+    ToolProcess refusing(send({"--tone", "440", "--socket-mode", "owner"}));
+    ASSERT_TRUE(waitForText(receiver, "--socket-mode"));
+    EXPECT_EQ(refusing.stop(), 128 + SIGTERM);
+    ToolProcess sender(send({"--tone", "440", "--socket-mode", "all"}));
+    ASSERT_TRUE(waitForText(receiver, "receiving S16LE"));
+    receiver.signal(SIGINT);
+    EXPECT_EQ(receiver.wait(), 128 + SIGINT) << receiver.getErrors();
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+    EXPECT_EQ(readJson(file("r.json"))["finished"], true);
+}
+
+TEST_F(ReceiveTest, AStopIsHeardUnderAFlood)
+{
+    PcmPayloader payloader;
+    payloader.setNewFormat(8000, 1, audioUtils::PcmFormat::S16LE);
+    Sender sender;
+    startSender(sender, payloader);
+    ToolProcess receiver(receive({file("a.wav"), "--report", file("r.json")}));
+    std::atomic<bool> keepRunning = true;
+    std::thread flood(
+        [&]
+        {
+            for (TimeValue time = 0; keepRunning; ++time)
+                sender.sendMediaData(time, 1, Buffer(2));
+        });
+    EXPECT_TRUE(waitForSize(file("a.wav"), 9000));
+    std::this_thread::sleep_for(std::chrono::seconds(2)); // the flood itself
+    receiver.signal(SIGTERM);
+    EXPECT_EQ(receiver.wait(std::chrono::seconds(2)), 128 + SIGTERM) << receiver.getErrors();
+    keepRunning = false;
+    flood.join();
+    sender.shutdownSender();
+    // Nothing but rounding is filled.
+    const json report = readJson(file("r.json"));
+    EXPECT_NEAR(report["samples"].get<double>(), report["frames"].get<double>(), 100);
+}
+
 TEST_F(ReceiveTest, OneshotEndsAlsoAfterAStall)
 {
     const std::vector<std::string> arguments = {file("a.wav"), "--oneshot", "--stall", "200ms"};

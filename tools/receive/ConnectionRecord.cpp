@@ -1,11 +1,21 @@
 #include "ConnectionRecord.hpp"
 
+#include <algorithm>
+
 #include <nlohmann/json.hpp>
 
 #include "common/SenderReport.hpp"
 
 namespace vlx::tool
 {
+
+namespace
+{
+
+// A sender may let its timestamps jump with each frame.
+constexpr std::size_t MaxSegments = 100'000;
+
+} // unnamed namespace
 
 void ConnectionRecord::addFrame(
     const ReceivedFrame& frame,
@@ -18,12 +28,12 @@ void ConnectionRecord::addFrame(
     else if (frame.gapNs > 0)
     {
         ++gaps;
-        gapNs += frame.gapNs;
+        gapNs = addLimited(gapNs, frame.gapNs);
     }
     else if (frame.gapNs < 0)
     {
         ++overlaps;
-        overlapNs -= frame.gapNs;
+        overlapNs = addLimited(overlapNs, -std::max(frame.gapNs, -INT64_MAX));
     }
     ++frames;
     if (frame.data.size() % announced.format.getBytesPerSample() != 0)
@@ -32,7 +42,8 @@ void ConnectionRecord::addFrame(
     if (announced.clock == Receiver::StreamClockType::MonotonicSystemClock)
         ages.add(static_cast<std::int64_t>(frame.time - frame.timestamp));
 
-    if (first || frame.gapNs != 0 || segments.back().place.file != place.file)
+    const bool isNew = first || frame.gapNs != 0 || segments.back().place.file != place.file;
+    if (isNew && segments.size() < MaxSegments)
         segments.push_back({place, frame.timestamp, 0});
     segments.back().samples += samples;
 }
@@ -58,7 +69,8 @@ nlohmann::ordered_json ConnectionRecord::toJson() const
         {"gap_ns", gapNs},
         {"overlaps", overlaps},
         {"overlap_ns", overlapNs},
-        {"first_timestamp", segments.front().timestamp},
+        {"first_timestamp", segments.empty() ? nlohmann::ordered_json()
+                                             : nlohmann::ordered_json(segments.front().timestamp)},
         {"segments", stretches}};
     addAges(json, ages);
     return json;

@@ -51,7 +51,7 @@ struct ConnectionRecord
     std::int64_t overlapNs = 0;
     TimeValue firstTime = 0; ///< of the first frame's arrival
     kit::AgeHistogram ages = {};
-    std::vector<Segment> segments = {};
+    std::vector<Segment> segments = {}; ///< the first 100,000; the last of them goes on
 };
 
 } // namespace vlx::tool

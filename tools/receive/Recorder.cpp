@@ -11,6 +11,7 @@
 #include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
 #include "common/SenderReport.hpp"
+#include "common/StopSignal.hpp"
 #include "common/Text.hpp"
 
 namespace vlx::tool
@@ -20,10 +21,12 @@ namespace
 {
 
 constexpr double NsPerSecond = 1e9;
-// Several seconds of what a disk may have to catch up with.
-constexpr std::size_t MaxQueuedBytes = 64 << 20;
-// A gap may be longer than the time that has passed by what a sender may have fallen behind.
+// Several seconds of what a disk may have to catch up with, in frames of a millisecond or more.
+constexpr StreamEventQueue::Limits QueueLimits = {.bytes = 64 << 20, .frames = 4096};
+// Silence may exceed the time that has passed by what a sender may have fallen behind.
 constexpr std::int64_t MaxEarlyNs = 10'000'000'000;
+// After a stop, for silence, and for waiting frames of which some are lost anyway.
+constexpr auto StopGrace = std::chrono::milliseconds(250);
 constexpr std::chrono::milliseconds IdleInterval = std::chrono::hours(1); // nothing to look after
 constexpr std::size_t SilenceBytes = 1 << 16;                             // written at once
 constexpr std::uint8_t UnsignedSilence = 0x80;
@@ -50,7 +53,7 @@ std::string numberPath(const std::filesystem::path& path, std::size_t number)
 Recorder::Recorder(const ReceiveOptions& options, const OutputWaits& waits, TimeValue startTime)
     : m_options(options),
       m_waits(waits),
-      m_queue(MaxQueuedBytes),
+      m_queue(QueueLimits),
       m_output(openOutput()),
       m_waitBegin(startTime)
 {
@@ -113,7 +116,8 @@ void Recorder::handle(const AnnouncedFormat& announced)
 {
     if (m_state != RecorderState::Going)
         return;
-    m_connections.back().announced = announced;
+    m_announced = announced;
+    getConnection().announced = announced;
     const kit::StreamFormat& format = announced.format;
     if (!m_format)
         startOutput(format);
@@ -162,25 +166,33 @@ void Recorder::closeOutput()
 
 void Recorder::handle(const ReceivedFrame& frame)
 {
-    if (m_state != RecorderState::Going)
+    if (m_state != RecorderState::Going || !m_format)
         return;
+    if (m_queue.getNumDropped() > 0 && isStopOverdue())
+    {
+        ++m_numCut;
+        return;
+    }
     const bool newOutput = m_nextFormat.has_value();
     if (newOutput)
         continueInNextOutput();
     sayPresence();
-    if (frame.gapNs > 0 && m_numFrames > 0)
+    if (m_numFrames == 0)
+        m_firstTime = frame.time;
+    else if (frame.gapNs > 0)
     {
         ++m_numGaps;
-        m_gapNs += frame.gapNs;
+        m_gapNs = addLimited(m_gapNs, frame.gapNs);
         if (m_fills && !newOutput)
             fillGap(frame);
     }
-    m_lastTime = frame.time;
+    if (m_state != RecorderState::Going)
+        return;
 
     const std::size_t sampleBytes = m_format->getBytesPerSample();
     const std::uint64_t samples =
         std::min<std::uint64_t>(frame.data.size() / sampleBytes, getSamplesLeft());
-    m_connections.back().addFrame(frame, samples, m_place);
+    getConnection().addFrame(frame, samples, m_place);
     complainIfOdd(frame);
     write(ByteView(frame.data).first(samples * sampleBytes), frame.localTime);
     ++m_numFrames;
@@ -190,7 +202,7 @@ void Recorder::handle(const ReceivedFrame& frame)
 
 void Recorder::sayPresence()
 {
-    if (m_connections.back().frames > 0)
+    if (getConnection().frames > 0)
         return;
     if (m_numFrames == 0)
         printNotice("receiving " + toText(*m_format));
@@ -200,17 +212,22 @@ void Recorder::sayPresence()
 
 void Recorder::fillGap(const ReceivedFrame& frame)
 {
-    if (frame.gapNs > static_cast<std::int64_t>(frame.time - m_lastTime) + MaxEarlyNs)
+    const auto passedNs = static_cast<std::int64_t>(frame.time - m_firstTime);
+    if (frame.gapNs > passedNs + MaxEarlyNs - m_silenceNs)
     {
+        m_unfilledNs = addLimited(m_unfilledNs, frame.gapNs);
         if (!std::exchange(m_unfilledSaid, true))
             printNotice(
                 "the timestamps jump by " + toSeconds(frame.gapNs) +
                 ", more than has passed: not filled");
         return;
     }
-    const auto wantedNs = static_cast<TimeValue>(m_fillRestNs + frame.gapNs);
-    const std::uint64_t wanted = m_format->toSamples(wantedNs);
-    m_fillRestNs = static_cast<std::int64_t>(wantedNs - m_format->toNanoseconds(wanted));
+    m_silenceNs += frame.gapNs;
+    // Rounding may have filled a little more than was missing so far.
+    const std::int64_t wantedNs = m_fillRestNs + frame.gapNs;
+    const std::uint64_t wanted =
+        m_format->toSamples(static_cast<TimeValue>(std::max<std::int64_t>(wantedNs, 0)));
+    m_fillRestNs = wantedNs - static_cast<std::int64_t>(m_format->toNanoseconds(wanted));
 
     const bool isUnsigned = m_format->sampleFormat == audioUtils::PcmFormat::U8;
     const std::size_t sampleBytes = m_format->getBytesPerSample();
@@ -219,9 +236,26 @@ void Recorder::fillGap(const ReceivedFrame& frame)
     std::uint64_t samples = 0;
     for (std::uint64_t rest = std::min(wanted, getSamplesLeft()); rest > 0; rest -= samples)
     {
+        // What follows would stand in the wrong place.
+        if (isStopOverdue())
+        {
+            m_state = RecorderState::Done;
+            return;
+        }
         samples = std::min(rest, samplesAtOnce);
         write(ByteView(silence).first(samples * sampleBytes), 0);
     }
+}
+
+/// @return whether a stop has been waiting for the recorder for some time
+bool Recorder::isStopOverdue()
+{
+    if (!m_waits.stop.isRequested())
+        return false;
+    const auto now = std::chrono::steady_clock::now();
+    if (!m_graceEnd)
+        m_graceEnd = now + StopGrace;
+    return now >= *m_graceEnd;
 }
 
 void Recorder::write(const ByteView& bytes, TimeValue time)
@@ -251,8 +285,8 @@ void Recorder::handle(const kit::ConsumerEvent& event)
     using Kind = kit::ConsumerEvent::Kind;
     if (event.kind == Kind::Joined)
     {
-        m_connections.push_back({.joinedAfter = m_waitReason, .waitBegin = m_waitBegin});
-        m_connected = true;
+        endConnection("lost", "loss", event.time);
+        getConnection();
         return;
     }
     const bool isLoss = event.kind == Kind::Lost;
@@ -264,6 +298,15 @@ void Recorder::handle(const kit::ConsumerEvent& event)
     // A sender that sends nothing for long stalls again and again.
     else if ((isLoss || !std::exchange(m_stallSaid, true)) && !std::exchange(m_absenceSaid, true))
         printNotice(event.text);
+}
+
+/// @return the present connection, which begins with whatever event comes first
+ConnectionRecord& Recorder::getConnection()
+{
+    if (!std::exchange(m_connected, true))
+        m_connections.push_back(
+            {.joinedAfter = m_waitReason, .waitBegin = m_waitBegin, .announced = m_announced});
+    return m_connections.back();
 }
 
 /// @param nextReason  what the next join time counts from
@@ -306,10 +349,12 @@ std::string Recorder::summarize() const
         text += " of " + toSeconds(m_gapNs) + " in all";
     if (m_numGaps > 0 && m_options.play.empty())
         text += m_fills ? ", filled with silence" : ", left out";
+    if (m_unfilledNs > 0)
+        text += " but for " + toSeconds(m_unfilledNs);
     if (m_place.file > 0 && m_options.split)
         text += ", in " + toCount(m_place.file + 1, "file");
-    if (m_queue.getNumDropped() > 0)
-        text += "; " + toCount(m_queue.getNumDropped(), "frame") + " lost: the output was too slow";
+    if (const std::uint64_t lost = getNumLost(); lost > 0)
+        text += "; " + toCount(lost, "frame") + " lost: the output was too slow";
     for (const auto& output : m_closedOutputs)
     {
         const std::string faults = output->describeFaults();
@@ -322,11 +367,11 @@ void Recorder::addToReport(nlohmann::ordered_json& report) const
 {
     if (m_format)
         addFormat(report, *m_format);
-    report["samples"] = m_numSamples;
+    report["samples"] = m_numSamples.load();
     report["frames"] = m_numFrames.load();
     report["gaps"] = m_numGaps.load();
     report["gap_ns"] = m_gapNs;
-    report["overflowed_frames"] = m_queue.getNumDropped();
+    report["overflowed_frames"] = getNumLost();
     report["connections_without_frames"] = m_emptyConnections;
     for (const auto& output : m_closedOutputs)
         output->addToReport(report);

@@ -63,6 +63,13 @@ public:
         return m_numFrames;
     }
 
+    /// @return samples that have been written, silence included
+    /// @thread any
+    std::uint64_t getNumSamples() const
+    {
+        return m_numSamples;
+    }
+
     /// @return how far the recording is, in words
     /// @thread any
     std::string describeProgress() const;
@@ -86,6 +93,7 @@ private:
     void handle(const ReceivedFrame& frame);
     void handle(const AnnouncedFormat& announced);
     void handle(const kit::ConsumerEvent& event);
+    ConnectionRecord& getConnection();
     void endConnection(const char* how, const char* nextReason, TimeValue time);
     bool isNextOutputWanted(const kit::StreamFormat& format) const;
     void startOutput(const kit::StreamFormat& format);
@@ -95,7 +103,13 @@ private:
     void fillGap(const ReceivedFrame& frame);
     void write(const ByteView& bytes, TimeValue time);
     void complainIfOdd(const ReceivedFrame& frame) const;
+    bool isStopOverdue();
     std::uint64_t getSamplesLeft() const;
+
+    std::uint64_t getNumLost() const
+    {
+        return m_queue.getNumDropped() + m_numCut;
+    }
 
     const ReceiveOptions& m_options;
     const OutputWaits m_waits;
@@ -103,6 +117,7 @@ private:
     StreamEventQueue m_queue;
     std::atomic<RecorderState> m_state = RecorderState::Going;
     std::atomic<std::uint64_t> m_numFrames = 0;
+    std::atomic<std::uint64_t> m_numSamples = 0; // in all outputs
     std::atomic<std::uint64_t> m_numGaps = 0;
     std::atomic<std::int64_t> m_durationNs = 0;
 
@@ -112,16 +127,20 @@ private:
     std::vector<std::unique_ptr<AudioOutput>> m_closedOutputs; // for the report
     std::optional<kit::StreamFormat> m_format;                 // of the output
     std::optional<kit::StreamFormat> m_nextFormat;             // of a further output
-    std::uint64_t m_numSamples = 0;                            // in all outputs
     std::int64_t m_closedNs = 0;                               // length of closed outputs
     std::int64_t m_gapNs = 0;
     std::int64_t m_fillRestNs = 0; // of gaps, below one sample
+    std::int64_t m_silenceNs = 0;  // that gaps were filled with
+    std::int64_t m_unfilledNs = 0;
     bool m_unfilledSaid = false;
+    std::uint64_t m_numCut = 0;                  // frames left at a stop
+    Deadline m_graceEnd;                         // set once a stop is seen
     std::vector<ConnectionRecord> m_connections; // the last one may have no frames yet
     std::uint64_t m_emptyConnections = 0;        // ended without a frame
     const char* m_waitReason = "start";          // what the next join time counts from
     TimeValue m_waitBegin;
-    TimeValue m_lastTime = 0; // of the last frame's arrival
+    TimeValue m_firstTime = 0; // of the first frame's arrival
+    AnnouncedFormat m_announced{};
     bool m_connected = false;
     bool m_absenceSaid = false;
     bool m_stallSaid = false;

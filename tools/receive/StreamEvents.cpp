@@ -1,11 +1,12 @@
 #include "StreamEvents.hpp"
 
+#include <algorithm>
 #include <utility>
 
 namespace vlx::tool
 {
 
-StreamEventQueue::StreamEventQueue(std::size_t maxBytes) : m_maxBytes(maxBytes) {}
+StreamEventQueue::StreamEventQueue(const Limits& limits) : m_limits(limits) {}
 
 void StreamEventQueue::push(StreamEvent event)
 {
@@ -14,6 +15,10 @@ void StreamEventQueue::push(StreamEvent event)
         auto* const frame = std::get_if<ReceivedFrame>(&event);
         if (m_closed || (frame != nullptr && !makeRoom(*frame)))
             return;
+        const auto isFormat = [](const StreamEvent& each)
+        { return std::holds_alternative<AnnouncedFormat>(each); };
+        if (isFormat(event) && !m_events.empty() && isFormat(m_events.back()))
+            m_events.pop_back();
         m_events.push_back(std::move(event));
     }
     m_condition.notify_one();
@@ -22,14 +27,18 @@ void StreamEventQueue::push(StreamEvent event)
 /// Takes the account of a frame. The lock is held by the caller.
 bool StreamEventQueue::makeRoom(ReceivedFrame& frame)
 {
-    if (m_numBytes > 0 && m_numBytes + frame.data.size() > m_maxBytes)
+    if (m_numFrames > 0 &&
+        (m_numBytes + frame.data.size() > m_limits.bytes || m_numFrames >= m_limits.frames))
     {
         ++m_numDropped;
-        m_droppedNs += frame.gapNs + static_cast<std::int64_t>(frame.duration);
+        constexpr TimeValue Longest = std::numeric_limits<std::int64_t>::max();
+        const auto duration = static_cast<std::int64_t>(std::min(frame.duration, Longest));
+        m_droppedNs = addLimited(m_droppedNs, addLimited(frame.gapNs, duration));
         return false;
     }
-    frame.gapNs += std::exchange(m_droppedNs, 0);
+    frame.gapNs = addLimited(frame.gapNs, std::exchange(m_droppedNs, 0));
     m_numBytes += frame.data.size();
+    ++m_numFrames;
     return true;
 }
 
@@ -44,7 +53,10 @@ bool StreamEventQueue::pop(std::optional<StreamEvent>& event, std::chrono::nanos
     event = std::move(m_events.front());
     m_events.pop_front();
     if (const auto* const frame = std::get_if<ReceivedFrame>(&*event))
+    {
         m_numBytes -= frame->data.size();
+        --m_numFrames;
+    }
     return true;
 }
 

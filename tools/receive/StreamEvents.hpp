@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <limits>
 #include <mutex>
 #include <optional>
 #include <variant>
@@ -38,16 +39,30 @@ struct AnnouncedFormat
 /// What a consumer's callbacks report, on the way to the thread that records it.
 using StreamEvent = std::variant<ReceivedFrame, AnnouncedFormat, kit::ConsumerEvent>;
 
+/// @return the sum, or the number that comes nearest to it: a sender may send any times
+inline std::int64_t addLimited(std::int64_t a, std::int64_t b)
+{
+    using Limits = std::numeric_limits<std::int64_t>;
+    std::int64_t sum = 0;
+    return !__builtin_add_overflow(a, b, &sum) ? sum : b < 0 ? Limits::min() : Limits::max();
+}
+
 /// Takes events off a receiver's worker thread, so that a slow disk costs no frames until the queue
-/// is full. Frames beyond that are dropped and counted, and are a gap before the next one; other
-/// events always find room.
+/// is full. Frames beyond that are dropped and counted, and are a gap before the next one. Other
+/// events always find room; of formats in a row the last one stays.
 ///
 /// @thread any for push() and close(), one for pop()
 class StreamEventQueue
 {
 public:
-    /// @param maxBytes  of frame data that may wait; one frame always may
-    explicit StreamEventQueue(std::size_t maxBytes);
+    /// What may wait; one frame always may.
+    struct Limits
+    {
+        std::size_t bytes; ///< of frame data
+        std::size_t frames;
+    };
+
+    explicit StreamEventQueue(const Limits& limits);
 
     void push(StreamEvent event);
 
@@ -66,12 +81,13 @@ public:
 private:
     bool makeRoom(ReceivedFrame& frame);
 
-    const std::size_t m_maxBytes;
+    const Limits m_limits;
     mutable std::mutex m_mutex;
     std::condition_variable m_condition;
     // All guarded by m_mutex.
     std::deque<StreamEvent> m_events;
-    std::size_t m_numBytes = 0;
+    std::size_t m_numBytes = 0;  // of frames that wait
+    std::size_t m_numFrames = 0; // that wait
     std::uint64_t m_numDropped = 0;
     std::int64_t m_droppedNs = 0; // since the last frame that found room
     bool m_closed = false;
