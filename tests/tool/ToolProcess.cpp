@@ -41,7 +41,9 @@ Descriptor makeMemoryFile(const std::string& content = {})
 } // namespace
 
 ToolProcess::ToolProcess(std::vector<std::string> arguments, const ToolSettings& settings)
-    : m_input(makeMemoryFile(settings.input.value_or(""))),
+    : m_input(
+          settings.inputPath ? Descriptor(::open(settings.inputPath->c_str(), O_RDWR | O_CLOEXEC))
+                             : makeMemoryFile(settings.input.value_or(""))),
       m_output(
           settings.outputPath ? Descriptor(::open(settings.outputPath->c_str(), O_RDWR | O_CLOEXEC))
                               : makeMemoryFile()),

@@ -16,6 +16,7 @@ namespace vlx::testing
 struct ToolSettings
 {
     std::optional<std::string> input;         ///< of standard input; unset: empty
+    std::optional<std::string> inputPath;     ///< of standard input, instead
     std::optional<std::string> outputPath;    ///< of standard output; unset: kept
     std::optional<std::string> tempDirectory; ///< for TMPDIR; unset: the test's
     std::optional<std::size_t> maxFileSize;   ///< bytes

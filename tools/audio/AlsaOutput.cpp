@@ -7,10 +7,11 @@
 #include <nlohmann/json.hpp>
 #include <samplerate.h>
 
+#include <vlxkit/RateControl.hpp>
+
 #include "AlsaDevice.hpp"
 #include "AudioOutput.hpp"
 #include "PcmCodec.hpp"
-#include "RateControl.hpp"
 #include "common/Duration.hpp"
 #include "common/ExitCodes.hpp"
 #include "common/StopSignal.hpp"
@@ -311,7 +312,7 @@ private:
     std::size_t m_numQueued = 0; // values
     AlsaDevice m_device;
     std::unique_ptr<SRC_STATE, Deleter> m_resampler;
-    RateControl m_control;
+    kit::RateControl m_control;
     std::optional<double> m_inputEndNs; // when what comes behind all that was put in has to leave
     double m_unplayed = 0;              // samples that were put in and have not come out
     std::vector<float> m_pending;       // that the resampler has not taken

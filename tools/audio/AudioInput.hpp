@@ -16,6 +16,16 @@ namespace vlx::tool
 
 class StopSignal;
 
+/// What came of waiting for a live input.
+enum class InputArrival
+{
+    Some,
+    /// Nothing was waited for: as much is on hand as may be read ahead.
+    Full,
+    /// Up to the deadline, at the end, at an error or at a stop.
+    Nothing,
+};
+
 /// Where the audio of a stream comes from: a file, standard input or a generator.
 ///
 /// @thread one at a time
@@ -35,6 +45,18 @@ public:
     /// @param numSamples  wanted; fewer come only at the end, at an error or at a stop
     /// @return samples read
     virtual std::size_t read(Buffer& bytes, std::size_t numSamples) = 0;
+
+    /// Waits for more samples of a live input and reads them ahead.
+    virtual InputArrival takeIn(const Deadline& /*deadline*/)
+    {
+        return InputArrival::Nothing;
+    }
+
+    /// @return samples of a live input that were read ahead
+    virtual std::size_t getNumWaiting() const
+    {
+        return 0;
+    }
 
     /// Goes back to the beginning.
     ///
@@ -78,8 +100,8 @@ struct InputSettings
 };
 
 /// Opens a file, a FIFO or standard input, "-". A file whose extension says "raw" holds raw samples,
-/// any other is an audio file. A FIFO and standard input carry a WAV file, told by its beginning, or
-/// raw samples.
+/// any other is an audio file. A FIFO and standard input carry a WAV file, recognised by its
+/// beginning, or raw samples if the settings say so.
 ///
 /// @param stop      ends the opening, and every read that waits for more
 /// @param deadline  of the first bytes of a FIFO or standard input
@@ -93,14 +115,27 @@ std::unique_ptr<AudioInput> openInput(
 
 class ByteSource;
 
-/// Takes an audio file from bytes: of any kind that libsndfile reads if it is a regular file, WAV if
-/// the bytes cannot be read twice. Integers and both float types come out bit for bit,
-/// little-endian; lossy kinds as F32LE.
+/// Opens an audio file of any kind that libsndfile reads. Integers and both float types come out bit
+/// for bit, little-endian; lossy kinds as F32LE.
 ///
-/// @param path  of a regular file
+/// @param source  the file, which messages name after it
+/// @param path    of a regular file
 /// @throws CommandFailure if it cannot be read
-std::unique_ptr<AudioInput>
-openSoundInput(std::unique_ptr<ByteSource> source, const std::string& path);
+std::unique_ptr<AudioInput> openSoundInput(const ByteSource& source, const std::string& path);
+
+/// Where the samples of a WAV file lie.
+struct WavSamples
+{
+    kit::StreamFormat format;
+    std::uint64_t place = 0;            ///< of the first one, bytes from the beginning
+    std::optional<std::uint64_t> bytes; ///< unset: up to the end
+};
+
+/// Reads the header of a WAV or RF64 file. A length of 0, or one that is as good as endless, is what
+/// a writer leaves that never knew it: such a file goes on to its end.
+///
+/// @return unset if its samples are not stored as a stream carries them, or it is malformed
+std::optional<WavSamples> findWavSamples(ByteSource& source);
 
 /// Makes an endless sine at half of full scale.
 ///

@@ -57,6 +57,11 @@ ByteSource::ByteSource(const std::string& path, const StopSignal& stop, const De
     {
         if (wasClosed(STDIN_FILENO))
             throw CommandFailure(ExitCode::Usage, "standard input is closed");
+        if (::isatty(STDIN_FILENO) == 1)
+            throw CommandFailure(
+                ExitCode::Usage,
+                "standard input is a terminal, and text is not audio: pipe samples or a WAV file "
+                "into it, or name a file");
         m_fd = STDIN_FILENO;
     }
     else
@@ -113,6 +118,38 @@ std::string ByteSource::peekFileKind(const Deadline& deadline)
     return found == std::end(FileBegins) ? "" : found->kind;
 }
 
+void ByteSource::setReadAhead(std::size_t bytes)
+{
+    constexpr std::size_t UsualPipeSize = 1 << 16;
+    const int pipeSize = ::fcntl(m_fd, F_GETPIPE_SZ);
+    m_readAhead = bytes + (pipeSize > 0 ? static_cast<std::size_t>(pipeSize) : UsualPipeSize);
+}
+
+InputArrival ByteSource::takeIn(const Deadline& deadline)
+{
+    const std::size_t known = m_peeked.size();
+    if (m_ended || !m_problem.empty())
+        return InputArrival::Nothing;
+    if (known >= m_readAhead)
+        return InputArrival::Full;
+    const PollResult result = waitForEvents(m_fd, POLLIN, m_stop, deadline);
+    m_stopped = result == PollResult::Stopped;
+    if (result != PollResult::Ready)
+        return InputArrival::Nothing;
+    m_peeked.resize(m_readAhead);
+    const ssize_t count = ::read(m_fd, m_peeked.data() + known, m_readAhead - known);
+    m_peeked.resize(known + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    m_ended = count == 0;
+    if (count < 0 && errno != EINTR && errno != EAGAIN)
+        failToReadOn();
+    return count == 0 || !m_problem.empty() ? InputArrival::Nothing : InputArrival::Some;
+}
+
+void ByteSource::failToReadOn()
+{
+    m_problem = "cannot read on from " + m_name + ": " + strerror_r_safe(errno);
+}
+
 std::size_t ByteSource::read(unsigned char* bytes, std::size_t size)
 {
     const auto known = static_cast<std::ptrdiff_t>(std::min(size, m_peeked.size()));
@@ -125,7 +162,7 @@ std::size_t ByteSource::read(unsigned char* bytes, std::size_t size)
 std::size_t ByteSource::fetch(unsigned char* bytes, std::size_t size, const Deadline& deadline)
 {
     std::size_t filled = 0;
-    while (filled < size && m_problem.empty())
+    while (filled < size && m_problem.empty() && !m_ended)
     {
         const PollResult result = waitForEvents(m_fd, POLLIN, m_stop, deadline);
         m_stopped = result == PollResult::Stopped;
@@ -139,15 +176,18 @@ std::size_t ByteSource::fetch(unsigned char* bytes, std::size_t size, const Dead
         if (count > 0)
             filled += static_cast<std::size_t>(count);
         else if (errno != EINTR && errno != EAGAIN)
-            m_problem = "cannot read on from " + m_name + ": " + strerror_r_safe(errno);
+            failToReadOn();
     }
     return filled;
 }
 
-bool ByteSource::rewind()
+bool ByteSource::rewind(std::uint64_t place)
 {
+    if (::lseek(m_fd, static_cast<off_t>(place), SEEK_SET) < 0)
+        return false;
     m_peeked.clear();
-    return ::lseek(m_fd, 0, SEEK_SET) == 0;
+    m_ended = false;
+    return true;
 }
 
 void ByteSource::failAtDeadline() const

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
 #include <vlx/VlxTypes.hpp>
 
+#include "AudioInput.hpp"
 #include "common/Poll.hpp"
 
 namespace vlx::tool
@@ -67,12 +69,25 @@ public:
     /// @throws CommandFailure at the deadline
     std::string peekFileKind(const Deadline& deadline = {});
 
+    /// Sets how many bytes takeIn() reads ahead: what a pipe holds and as much more.
+    void setReadAhead(std::size_t bytes);
+
+    /// Waits for more bytes and reads them ahead, so that the writer of a pipe is not held up.
+    InputArrival takeIn(const Deadline& deadline);
+
+    /// @return bytes that have been read ahead
+    std::size_t getNumWaiting() const
+    {
+        return m_peeked.size();
+    }
+
     /// Reads until there are so many bytes; fewer only at the end, at an error or at a stop.
     ///
     /// @return bytes read
     std::size_t read(unsigned char* bytes, std::size_t size);
 
-    bool rewind();
+    /// @param place  to go on from, bytes from the beginning
+    bool rewind(std::uint64_t place = 0);
 
     /// @return one line about what went wrong in a read; empty if nothing did
     const std::string& getProblem() const
@@ -83,13 +98,16 @@ public:
 private:
     std::size_t fetch(unsigned char* bytes, std::size_t size, const Deadline& deadline);
     [[noreturn]] void failAtDeadline() const;
+    void failToReadOn();
 
     const std::string m_name;
     const StopSignal& m_stop;
     int m_fd = -1;
     bool m_regular = false;
     bool m_stopped = false;
-    Buffer m_peeked;
+    bool m_ended = false;
+    std::size_t m_readAhead = 0;
+    Buffer m_peeked; // read ahead
     std::string m_problem;
 };
 

@@ -31,10 +31,8 @@ constexpr auto ProgressInterval = milliseconds(200);
 constexpr auto ReceiverCheckInterval = milliseconds(5);
 // A jump of the clock is seen so soon, however long the frames are.
 constexpr auto MaxSleep = milliseconds(100);
-// How fast timestamps follow an input's own clock: twice what a bad crystal drifts.
-constexpr std::int64_t SlopeDivisor = 1000;
-// From how much on a report says that the timestamps do not follow from the sample count alone.
-constexpr TimeValue ReportedSlopeNs = 500'000;
+// How far back a new run may begin, for samples that were taken while nothing was sent.
+constexpr auto MaxBacklog = MaxLateness / 2;
 
 TimeValue toNs(nanoseconds duration)
 {
@@ -74,6 +72,7 @@ FramePump::FramePump(
 void FramePump::run()
 {
     takeFormat();
+    m_pace = kit::Pace(m_format.rate);
     if (!waitForReceivers(m_options.waitReceivers))
         return;
     while (!m_stop.isRequested())
@@ -125,13 +124,13 @@ bool FramePump::changeFormat()
 {
     if (m_samplesLeft == 0U || !m_input.beginNextFormat())
         return false;
-    const TimeValue end = getTimestamp();
     m_nsOfFormerFormats += m_format.toNanoseconds(m_samplesOfFormat);
     takeFormat();
     m_payloader.setNewFormat(m_format.rate, m_format.channels, m_format.sampleFormat);
     m_announceTime = SteadyClock::now();
+    m_pace.changeRate(m_format.rate);
     if (m_running)
-        beginRun(end);
+        reportRun();
     return true;
 }
 
@@ -141,64 +140,86 @@ std::size_t FramePump::readFrame()
         std::min<std::uint64_t>(m_samplesPerFrame, m_samplesLeft.value_or(m_samplesPerFrame));
     if (wanted == 0)
         return 0;
-    const auto begin = SteadyClock::now();
-    const std::size_t numSamples = m_input.read(m_frame, wanted);
-    m_waitedForInput = m_input.isLive() && m_running && begin < getDueTime();
-    return numSamples;
+    while (m_input.isLive() && m_input.getNumWaiting() < wanted && takeInput({}))
+    {
+    }
+    m_samplesInHand = m_input.read(m_frame, wanted);
+    return m_samplesInHand;
+}
+
+/// Waits for more of a live input.
+///
+/// @return whether something came
+bool FramePump::takeInput(const std::optional<SteadyTime>& deadline)
+{
+    const std::uint64_t samplesBefore = m_samplesInHand + m_input.getNumWaiting();
+    switch (m_input.takeIn(deadline))
+    {
+    case InputArrival::Some:
+        if (m_running)
+            m_pace.observeInput(samplesBefore, m_samplesPerFrame, getStreamTime());
+        return true;
+    case InputArrival::Full:
+        m_pace.observeBacklog();
+        return false;
+    case InputArrival::Nothing:
+        break;
+    }
+    return false;
 }
 
 /// @return false at a stop
 bool FramePump::waitUntilDue()
 {
     if (!m_running)
-        beginRun(m_clock.toStreamTime(SteadyClock::now()));
+        beginRun(SteadyClock::now());
     while (true)
     {
         const auto now = SteadyClock::now();
         if (m_clock.update())
-            beginRun(m_clock.toStreamTime(now));
-        const auto due = std::max(getDueTime(), m_earliest);
+            beginRun(now);
+        const auto due = m_clock.toLocalTime(m_pace.getDueTime());
         if (now >= due)
         {
             handleLateness(now);
             return !m_stop.isRequested();
         }
-        if (m_stop.waitUntil(std::min(due, now + MaxSleep)))
+        const auto end = std::min(due, now + MaxSleep);
+        if (!(m_input.isLive() && takeInput(end)) && m_stop.waitUntil(end))
             return false;
     }
 }
 
 void FramePump::handleLateness(SteadyTime now)
 {
-    const nanoseconds lateness = now - getDueTime();
-    if (lateness > MaxLateness)
-    {
-        beginRun(m_clock.toStreamTime(now));
-        m_announceTime = now + NewSequenceDelay;
-    }
-    else if (m_waitedForInput)
-        followInput(lateness, now);
+    if (now - m_clock.toLocalTime(m_pace.getTimestamp()) <= MaxLateness)
+        return;
+    beginRun(now);
+    m_announceTime = now + NewSequenceDelay;
 }
 
-void FramePump::followInput(nanoseconds lateness, SteadyTime now)
-{
-    const nanoseconds limit = (now - m_lastSlope) / SlopeDivisor;
-    const TimeValue move = toNs(std::clamp(lateness, nanoseconds::zero(), limit));
-    m_lastSlope = now;
-    m_runTimestamp += move;
-    m_slope += move;
-    if (m_slope >= ReportedSlopeNs)
-        beginRun(getTimestamp());
-}
-
-void FramePump::beginRun(TimeValue timestamp)
+void FramePump::beginRun(SteadyTime now)
 {
     m_running = true;
-    m_runTimestamp = timestamp;
-    m_runSamples = 0;
-    m_slope = 0;
-    m_lastSlope = SteadyClock::now();
-    m_report.beginRun(timestamp + toNs(*m_options.latency), m_format);
+    TimeValue timestamp = m_clock.toStreamTime(now);
+    if (m_input.isLive())
+        timestamp += kit::Pace::Margin - getBacklog();
+    m_pace.begin(timestamp);
+    reportRun();
+}
+
+/// @return since when samples of a live input wait to be sent, nanoseconds
+TimeValue FramePump::getBacklog() const
+{
+    if (!m_pace.isFollowing())
+        return 0;
+    return std::min(m_format.toNanoseconds(m_input.getNumWaiting()), toNs(MaxBacklog));
+}
+
+void FramePump::reportRun()
+{
+    m_report.beginRun(
+        m_pace.getTimestamp() + toNs(*m_options.latency), m_format, m_pace.getSpeedPpm());
 }
 
 void FramePump::announce()
@@ -207,19 +228,21 @@ void FramePump::announce()
         return;
     m_announceTime.reset();
     m_producer.setFormat(m_payloader);
-    m_earliest = SteadyClock::now() + *m_options.frame / 2;
+    m_pace.holdUntil(getStreamTime() + toNs(*m_options.frame) / 2);
 }
 
 bool FramePump::sendFrame(std::size_t numSamples)
 {
-    const TimeValue begin = getTimestamp();
-    const TimeValue duration = getTimestamp(numSamples) - begin;
-    if (!m_producer.send(begin + toNs(*m_options.latency), duration, m_frame))
+    const TimeValue timestamp = m_pace.getTimestamp() + toNs(*m_options.latency);
+    if (!m_report.isInRun(timestamp))
+        reportRun();
+    if (!m_producer.send(timestamp, m_pace.getDuration(numSamples), m_frame))
         return false;
-    m_earliest = SteadyClock::now() + nanoseconds(duration / 2);
+    m_pace.advance(numSamples, getStreamTime());
+    m_samplesInHand = 0;
     ++m_report.frames;
     m_report.samples += numSamples;
-    m_runSamples += numSamples;
+    m_report.speedPpm = m_pace.getSpeedPpm();
     m_samplesOfFormat += numSamples;
     if (m_samplesLeft)
         *m_samplesLeft -= numSamples;
@@ -256,16 +279,9 @@ std::string FramePump::describeProgress() const
                       toDecibels(measurePeak(m_frame, m_format.sampleFormat)));
 }
 
-FramePump::SteadyTime FramePump::getDueTime() const
+TimeValue FramePump::getStreamTime() const
 {
-    return m_clock.toLocalTime(getTimestamp());
-}
-
-/// @param numSamples  behind the next one
-/// @return time on the stream's clock, without latency
-TimeValue FramePump::getTimestamp(std::size_t numSamples) const
-{
-    return m_runTimestamp + m_format.toNanoseconds(m_runSamples + numSamples);
+    return m_clock.toStreamTime(SteadyClock::now());
 }
 
 } // namespace vlx::tool

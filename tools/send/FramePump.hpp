@@ -7,6 +7,7 @@
 
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxTypes.hpp>
+#include <vlxkit/Pace.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
 #include "SendReport.hpp"
@@ -26,16 +27,15 @@ struct SendOptions;
 
 /// Sends an input frame by frame at its own pace.
 ///
-/// Each frame is due when the stream's clock shows its timestamp, which follows from the number of
-/// samples before it, so that rounding never adds up. A pump that has fallen behind a little catches
-/// up with twice the pace at most, since what a receiver cannot take at once is lost to it. One that
-/// has fallen far behind, because its input or the whole process was stopped or no pipeline receiver
+/// Each frame is due when the stream's clock shows its timestamp; see kit::Pace. A pump that has fallen
+/// behind a little catches up at twice the pace. One that has fallen far behind, because its input or the whole process was stopped or no pipeline receiver
 /// was there, begins a new run, whose timestamps start from the present, and so does one whose clock
 /// has jumped. A second later, when receivers that waited for it have joined again, it opens a new
 /// sequence for those that lost track.
 ///
-/// An input that makes its samples now has a clock of its own. Where it is slower than the stream's,
-/// the timestamps are moved along by a slope.
+/// A live input is read ahead while the pump waits, so that the program that makes the samples is never
+/// held up by a full pipe. If it does not deliver more than is needed, it has a clock of its own, and
+/// the timestamps follow its rate.
 class FramePump
 {
 public:
@@ -66,15 +66,16 @@ private:
     void takeFormat();
     bool changeFormat();
     std::size_t readFrame();
+    bool takeInput(const std::optional<std::chrono::steady_clock::time_point>& deadline);
     bool waitUntilDue();
     void handleLateness(SteadyTime now);
-    void followInput(std::chrono::nanoseconds lateness, SteadyTime now);
-    void beginRun(TimeValue timestamp);
+    void beginRun(SteadyTime now);
+    TimeValue getBacklog() const;
+    void reportRun();
     void announce();
     bool sendFrame(std::size_t numSamples);
     void showProgress();
-    SteadyTime getDueTime() const;
-    TimeValue getTimestamp(std::size_t numSamples = 0) const;
+    TimeValue getStreamTime() const;
 
     kit::Producer& m_producer;
     PcmPayloader& m_payloader;
@@ -90,14 +91,10 @@ private:
     std::uint64_t m_samplesOfFormat = 0;
     TimeValue m_nsOfFormerFormats = 0;
     Buffer m_frame;
+    std::size_t m_samplesInHand = 0; // read, and not sent yet
 
-    bool m_running = false;         // a run has begun
-    TimeValue m_runTimestamp = 0;   // without latency
-    std::uint64_t m_runSamples = 0; // sent in it
-    TimeValue m_slope = 0;          // that the timestamps were moved by since the report's last run
-    SteadyTime m_lastSlope;
-    bool m_waitedForInput = false;            // the frame became due while it was read
-    SteadyTime m_earliest;                    // when the next frame may be sent, due or not
+    kit::Pace m_pace;                         // without latency
+    bool m_running = false;                   // a run has begun
     std::optional<SteadyTime> m_announceTime; // unset: no new sequence is due
     std::size_t m_numReceivers = 0;
     SteadyTime m_nextProgress;

@@ -57,6 +57,18 @@ public:
         return m_current->isLive();
     }
 
+    /// See AudioInput, of the present input.
+    InputArrival takeIn(const Deadline& deadline)
+    {
+        return m_current->takeIn(deadline);
+    }
+
+    /// See AudioInput, of the present input.
+    std::size_t getNumWaiting() const
+    {
+        return m_current->getNumWaiting();
+    }
+
     /// @return samples read of the present input
     std::uint64_t getPosition() const
     {

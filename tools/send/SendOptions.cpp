@@ -32,8 +32,9 @@ void addInputOptions(CLI::App& command, SendOptions& options)
     command
         .add_option(
             "INPUT", options.inputs,
-            "Audio files of any kind that libsndfile reads, sent one behind the other; - for raw "
-            "samples or WAV from standard input")
+            "Audio files of any kind that libsndfile reads, sent one behind the other; - for WAV, "
+            "or "
+            "raw samples with -f, -r or -c, from standard input")
         ->type_name("FILE");
     command.add_flag(
         "--raw", options.input.raw, "Take the input as raw samples, whatever it looks like");
