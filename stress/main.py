@@ -68,7 +68,7 @@ def main() -> int:
     probe = fleet.PauseProbe()
     # Short, as socket names must be.
     with tempfile.TemporaryDirectory(prefix="vs-", dir="/tmp", ignore_cleanup_errors=True) as name:
-        os.chmod(name, 0o777)  # processes of another user make their directories in it too
+        os.chmod(name, 0o1777)  # processes of another user make their directories in it too
         return rows.run_rows(options.mode, options.names, lambda: rows.Run(
             options.minutes, options.lenient, built.resolve() / "tools/vlx", options.picture,
             probe, Path(name)))

@@ -1,6 +1,8 @@
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <string_view>
+#include <system_error>
 
 #include <SenderDirectory.hpp>
 #include <fcntl.h>
@@ -105,6 +107,11 @@ BaseDirectory prepareBaseDirectory(BaseDirectoryUse use, const std::string& dire
     // An empty "TMPDIR" counts as set, and then everything stands in the root directory.
     if (base.path.empty())
         base.path = "/";
+    // Receivers may have another working directory.
+    std::error_code error;
+    const std::string absolute = std::filesystem::absolute(base.path, error);
+    if (!error)
+        base.path = absolute;
 
     const bool isFromEnvironment = directory.empty() && std::getenv("TMPDIR") != nullptr;
     if (directory.empty() && !isFromEnvironment)

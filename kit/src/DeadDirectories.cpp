@@ -1,8 +1,11 @@
+#include "DeadDirectories.hpp"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <set>
 
 #include <Guards.hpp>
@@ -17,6 +20,7 @@
 #include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/Discovery.hpp>
 
+#include "DirectoryLock.hpp"
 #include "SenderSearch.hpp"
 
 namespace vlx::kit
@@ -32,20 +36,37 @@ constexpr auto AnswerTimeout = std::chrono::milliseconds(500);
 
 constexpr std::size_t RandomCharacters = 6;
 
+// Of the files that wake receivers, and a receiver's monitor.
+constexpr std::string_view BellPrefix = ".bell-";
+constexpr std::string_view StopPrefix = ".vlx-stop-";
+
 // The one entry of a sender's directory.
 constexpr const char* SocketFileName = "nanomsgChannel.ipc";
 
-/// Directories that look like a sender's, and are old enough to be judged.
+enum class Kind
+{
+    SendersDirectory,
+    WakeupFile,
+};
+
+/// An entry of the base directory that only a program of ours makes.
 struct Candidate
 {
     std::string name;
-    uid_t user;
+    Kind kind;
+    struct stat status;
 };
 
-bool isSendersName(const std::string& name)
+std::optional<Kind> findKind(const std::string& name, const struct stat& status)
 {
     const std::string_view prefix = SenderDirectoryPrefix;
-    return name.starts_with(prefix) && name.size() == prefix.size() + RandomCharacters;
+    if (name.starts_with(prefix) && name.size() == prefix.size() + RandomCharacters &&
+        S_ISDIR(status.st_mode))
+        return Kind::SendersDirectory;
+    if ((name.starts_with(BellPrefix) || name.starts_with(StopPrefix)) && S_ISREG(status.st_mode) &&
+        status.st_size == 0)
+        return Kind::WakeupFile;
+    return std::nullopt;
 }
 
 std::vector<Candidate> findCandidates(const std::string& baseDirectory)
@@ -56,12 +77,18 @@ std::vector<Candidate> findCandidates(const std::string& baseDirectory)
     while (const dirent* const entry = directory ? ::readdir(directory.get()) : nullptr)
     {
         struct stat status = {};
-        if (isSendersName(entry->d_name) &&
-            ::fstatat(::dirfd(directory.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            S_ISDIR(status.st_mode) && std::time(nullptr) - status.st_mtime > MinAgeSeconds)
-            candidates.push_back({entry->d_name, status.st_uid});
+        const std::string name = entry->d_name;
+        if (::fstatat(::dirfd(directory.get()), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+            continue;
+        if (const auto kind = findKind(name, status))
+            candidates.push_back({name, *kind, status});
     }
     return candidates;
+}
+
+bool isOld(const Candidate& candidate)
+{
+    return std::time(nullptr) - candidate.status.st_mtime > MinAgeSeconds;
 }
 
 /// What must not be touched.
@@ -69,23 +96,32 @@ struct Living
 {
     std::set<std::string> directories;
     std::set<uid_t> doubtfulUsers; // any directory of theirs can be a sender's that was not found
+    std::string notice;            // not empty: any directory can be
 };
 
-Living findLiving()
+Living findLiving(int stopFD)
 {
     const SenderSearch search = searchSenders();
     Living living{
         {search.servedDirectories.begin(), search.servedDirectories.end()},
-        {search.doubtfulUsers.begin(), search.doubtfulUsers.end()}};
+        {search.doubtfulUsers.begin(), search.doubtfulUsers.end()},
+        search.list.notice};
+    std::vector<std::string> names;
+    std::vector<uid_t> users;
     for (const SenderEntry& sender : search.list.senders)
     {
         if (!sender.socketFile.empty())
             continue; // served
-        const SenderProbe answer = probeSender(sender.name, AnswerTimeout);
-        if (answer.initialInfo)
-            living.directories.insert(findSenderDirectoryName(answer.initialInfo->nanomsgURI));
+        names.push_back(sender.name);
+        users.push_back(sender.user);
+    }
+    const std::vector<SenderProbe> answers = probeSenders(names, AnswerTimeout, stopFD);
+    for (std::size_t i = 0; i < answers.size(); ++i)
+    {
+        if (answers[i].initialInfo)
+            living.directories.insert(findSenderDirectoryName(answers[i].initialInfo->nanomsgURI));
         else
-            living.doubtfulUsers.insert(sender.user);
+            living.doubtfulUsers.insert(users[i]);
     }
     return living;
 }
@@ -104,7 +140,23 @@ bool isServed(const std::string& socketFile)
            (errno != ECONNREFUSED && errno != ENOENT);
 }
 
-/// @return as DeadDirectory::problem
+/// Takes the lock of a sender's directory, so that no other program removes it at the same time.
+///
+/// @return 0 or an error number, as DirectoryLock::take(); ESTALE if it is not the same any more
+int lockDirectory(const std::string& path, const struct stat& expected, DirectoryLock& lock)
+{
+    const int fd = ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return errno;
+    const ScopeGuard directoryGuard([fd] { ::close(fd); });
+    struct stat status = {};
+    if (::fstat(fd, &status) != 0 || status.st_uid != expected.st_uid ||
+        status.st_ino != expected.st_ino)
+        return ESTALE;
+    return lock.take(fd);
+}
+
+/// @return as DeadEntry::problem
 std::string removeDirectory(const std::string& path, uid_t user)
 {
     // By descriptor: somebody could put a link to another directory in its place.
@@ -114,39 +166,69 @@ std::string removeDirectory(const std::string& path, uid_t user)
     const ScopeGuard directoryGuard([fd] { ::close(fd); });
     struct stat status = {};
     if (::fstat(fd, &status) != 0 || status.st_uid != user)
-        return "somebody has replaced it";
+        return "another user has replaced it";
 
-    // Nothing but a socket is removed; whatever else is there makes rmdir() fail.
+    // Nothing but a socket is removed; anything else there makes rmdir() fail.
     if (::fstatat(fd, SocketFileName, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
         S_ISSOCK(status.st_mode) && ::unlinkat(fd, SocketFileName, 0) != 0)
         return miscUtils::strerror_r_safe(errno);
     return ::rmdir(path.c_str()) == 0 ? std::string() : miscUtils::strerror_r_safe(errno);
 }
 
+/// @return as DeadEntry::problem
+std::string removeFile(const std::string& path)
+{
+    return ::unlink(path.c_str()) == 0 ? std::string() : miscUtils::strerror_r_safe(errno);
+}
+
 } // unnamed namespace
 
-std::vector<DeadDirectory> removeDeadDirectories(const std::string& baseDirectory)
+Cleaning removeDeadEntries(const std::string& baseDirectory, int stopFD)
 {
-    std::vector<DeadDirectory> dead;
+    Cleaning cleaning;
     const std::string base = baseDirectory.empty() ? getBaseDirectory() : baseDirectory;
-    const std::vector<Candidate> candidates = findCandidates(base);
-    if (candidates.empty())
-        return dead;
-
-    const Living living = findLiving();
-    for (const Candidate& candidate : candidates)
+    std::vector<Candidate> directories;
+    for (const Candidate& candidate : findCandidates(base))
     {
         const std::string path = base + "/" + candidate.name;
-        if (!living.directories.contains(candidate.name) &&
-            !living.doubtfulUsers.contains(candidate.user) &&
+        if (!isOld(candidate))
+            continue;
+        if (candidate.kind == Kind::SendersDirectory)
+            directories.push_back(candidate);
+        else
+            cleaning.entries.push_back({path, removeFile(path)});
+    }
+    const Living living = directories.empty() ? Living() : findLiving(stopFD);
+    cleaning.notice = living.notice;
+    for (const Candidate& candidate : directories)
+    {
+        const std::string path = base + "/" + candidate.name;
+        DirectoryLock lock;
+        if (living.notice.empty() && !living.directories.contains(candidate.name) &&
+            !living.doubtfulUsers.contains(candidate.status.st_uid) &&
+            lockDirectory(path, candidate.status, lock) != EWOULDBLOCK &&
             !isServed(path + "/" + SocketFileName))
-            dead.push_back({path, removeDirectory(path, candidate.user)});
+            cleaning.entries.push_back({path, removeDirectory(path, candidate.status.st_uid)});
     }
     std::sort(
-        dead.begin(), dead.end(),
-        [](const DeadDirectory& left, const DeadDirectory& right)
-        { return left.path < right.path; });
-    return dead;
+        cleaning.entries.begin(), cleaning.entries.end(),
+        [](const DeadEntry& left, const DeadEntry& right) { return left.path < right.path; });
+    return cleaning;
+}
+
+void removeOwnDeadDirectories(const std::string& baseDirectory)
+{
+    for (const Candidate& candidate : findCandidates(baseDirectory))
+    {
+        const std::string path = baseDirectory + "/" + candidate.name;
+        DirectoryLock lock;
+        // The sticky bit says that there was a lock.
+        if (candidate.kind == Kind::SendersDirectory && candidate.status.st_uid == ::geteuid() &&
+            (candidate.status.st_mode & S_ISVTX) != 0 &&
+            lockDirectory(path, candidate.status, lock) == 0 &&
+            !isServed(path + "/" + SocketFileName))
+            removeDirectory(path, candidate.status.st_uid);
+    }
 }
 
 } // namespace vlx::kit

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <atomic>
+#include <cassert>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
@@ -22,9 +23,12 @@
 #include <vlxkit/Text.hpp>
 
 #include "Bell.hpp"
-#include "ScopedTmpdir.hpp"
+#include "DeadDirectories.hpp"
+#include "DirectoryLock.hpp"
+#include "PrivateUmask.hpp"
 #include "SocketFile.hpp"
 #include "TailWait.hpp"
+#include "UnixSockets.hpp"
 
 namespace vlx::kit
 {
@@ -48,6 +52,9 @@ constexpr auto PromptCheckInterval = std::chrono::milliseconds(1);
 
 // Longer ones are no durations, and must not overflow the arithmetic.
 constexpr TimeValue MaxTailWaitNs = 3600ULL * 1'000'000'000;
+
+// How old a count of receivers may be that is not waited for.
+constexpr auto MaxCountAge = std::chrono::milliseconds(100);
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox.Kit"));
 
@@ -111,13 +118,43 @@ public:
         return m_problem;
     }
 
+    /// Asserts that no two threads use the producer at once.
+    class Use
+    {
+    public:
+        explicit Use(Impl& producer) : m_isInUse(producer.m_isInUse)
+        {
+            const bool wasInUse = m_isInUse.exchange(true, std::memory_order_acquire);
+            assert(!wasInUse && "a Producer takes one thread: stop() and join it before close()");
+        }
+
+        ~Use()
+        {
+            m_isInUse.store(false, std::memory_order_release);
+        }
+
+        Use(const Use&) = delete;
+        Use& operator=(const Use&) = delete;
+
+    private:
+        std::atomic<bool>& m_isInUse;
+    };
+
+    /// @return whether another process has opened the stream, and this is a fork's copy
+    bool isCopy() const
+    {
+        return isForkedCopy(m_process);
+    }
+
 private:
     bool openSender();
     bool initializeSender(const std::string& name);
-    bool publish(std::unique_ptr<Sender> sender);
+    bool publish(const std::string& name, std::unique_ptr<Sender> sender);
     bool protectStream();
     void shutDown();
     void announce();
+    void announceToNewcomers();
+    std::size_t countReceivers(std::chrono::nanoseconds maxAge) const;
     bool isClosed();
     bool isUsable();
     bool fail(const std::string& problem);
@@ -130,11 +167,11 @@ private:
     PcmPayloader m_pcmPayloader;
     Payloader* m_payloader = nullptr;     // current one, not owned
     std::optional<StreamFormat> m_format; // unset for a payloader of the caller's
-    std::string m_name;
-    std::string m_socketFile;
+    std::string m_baseDirectory;
+    DirectoryLock m_directoryLock;
     std::string m_problem;
     Clock::time_point m_lastSequence;             // when it was started
-    std::size_t m_numReceivers = 0;               // just before that, or at a later check
+    std::size_t m_numConnections = 0;             // just before that, or at a later check
     std::optional<Clock::time_point> m_lastFrame; // when it was sent
     std::chrono::nanoseconds m_lastDuration{0};
 
@@ -144,12 +181,23 @@ private:
     std::atomic<std::uint64_t> m_sequences = 0;
     std::atomic<bool> m_stopped = false;
     std::atomic<pid_t> m_process = 0; // that has opened the stream
+    std::atomic<bool> m_isInUse = false;
 
-    // Guards the pointer against stop() and getStatistics(), not what it points to. The producing
-    // thread changes it under the lock and reads it without.
+    struct Count
+    {
+        std::size_t numConnections; // of nanomsg
+        std::size_t numReceivers;
+        Clock::time_point time;
+    };
+
+    // Guards what follows, not what the pointer points to. The producing thread changes pointer and
+    // texts under the lock and reads them without.
     mutable std::mutex m_mutex;
     std::condition_variable m_stopRequested; // with m_mutex and m_stopped
     std::unique_ptr<Sender> m_sender;        // null while not open
+    std::string m_name;
+    std::string m_socketFile;
+    mutable std::optional<Count> m_count;
 };
 
 bool Producer::Impl::open(const StreamFormat& format)
@@ -196,11 +244,12 @@ bool Producer::Impl::openSender()
     if (m_stopped)
         return fail("stopped");
 
-    const ScopedTmpdir tmpdir(m_options.baseDirectory);
-    const BaseDirectory base = prepareBaseDirectory(
-        BaseDirectoryUse::Send, m_options.baseDirectory.empty() ? "" : getBaseDirectory());
+    const BaseDirectory base =
+        prepareBaseDirectory(BaseDirectoryUse::Send, m_options.baseDirectory);
     if (!base.problem.empty())
         return fail(base.problem);
+    m_baseDirectory = base.path;
+    removeOwnDeadDirectories(base.path);
     if (!base.notice.empty())
         notify(base.notice);
 
@@ -223,26 +272,35 @@ bool Producer::Impl::initializeSender(const std::string& name)
 {
     auto sender = std::make_unique<Sender>();
     m_process = ::getpid();
+    sender->setBaseDirectory(m_baseDirectory);
+    bool isInitialized = false;
     try
     {
-        if (!sender->initializeSender(
-                name, {}, m_options.clockAddress, m_options.clockPort, m_options.clock,
-                m_options.protocol))
+        // Under a wider umask any process could join before the socket file gets its mode.
+        runWithUmask(
+            toUmask(m_options.socketMode),
+            [&]
+            {
+                isInitialized = sender->initializeSender(
+                    name, {}, m_options.clockAddress, m_options.clockPort, m_options.clock,
+                    m_options.protocol);
+            });
+        if (!isInitialized)
             return fail("cannot open the stream " + quote(name) + "; the library's log says why");
     }
     catch (const std::system_error& error)
     {
         return fail("cannot open the stream " + quote(name) + ": " + error.what());
     }
-    m_name = name;
-    return publish(std::move(sender));
+    return publish(name, std::move(sender));
 }
 
 /// From here on a stop finds the sender.
-bool Producer::Impl::publish(std::unique_ptr<Sender> sender)
+bool Producer::Impl::publish(const std::string& name, std::unique_ptr<Sender> sender)
 {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
+        m_name = name;
         m_sender = std::move(sender);
     }
     return isUsable();
@@ -250,17 +308,18 @@ bool Producer::Impl::publish(std::unique_ptr<Sender> sender)
 
 bool Producer::Impl::protectStream()
 {
-    m_socketFile = findSocketFile(m_name);
-    if (m_socketFile.empty())
+    const std::string socketFile = findSocketFile(m_name);
+    if (socketFile.empty())
         return fail("the stream " + quote(m_name) + " does not answer its own process");
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_socketFile = socketFile;
+    }
     const std::string problem =
-        protectSocketFile(m_socketFile, m_options.protocol, m_options.socketMode);
+        protectSocketFile(socketFile, m_options.protocol, m_options.socketMode, m_directoryLock);
     if (!problem.empty())
         return fail(problem);
-
-    // Beside the sender's directory, wherever the environment points to by now.
-    const std::string directory = m_socketFile.substr(0, m_socketFile.rfind('/'));
-    ringBell(directory.substr(0, directory.rfind('/')));
+    ringBell(m_baseDirectory);
     return true;
 }
 
@@ -297,9 +356,13 @@ bool Producer::Impl::send(TimeValue timestamp, TimeValue duration, const ByteVie
 {
     if (!isUsable())
         return false;
+    if (m_format && mediaData.size() % m_format->getBytesPerSample() != 0)
+        return fail(
+            std::to_string(mediaData.size()) + " bytes of media data are not a whole number of " +
+            "samples of " + std::to_string(m_format->getBytesPerSample()) + " bytes");
     // Later nobody can have missed the sequence, and the count takes locks.
     if (Clock::now() - m_lastSequence < JoiningTime)
-        checkReceivers();
+        announceToNewcomers();
 
     m_sender->sendMediaData(timestamp, duration, mediaData);
     if (!isUsable())
@@ -315,16 +378,57 @@ std::size_t Producer::Impl::checkReceivers()
 {
     if (m_sender == nullptr)
         return 0;
-    const std::size_t before = std::exchange(m_numReceivers, m_sender->getNumReceivers());
-    const std::size_t now = m_numReceivers;
-    if (now > before && Clock::now() - m_lastSequence < JoiningTime)
-        announce();
-    return now;
+    announceToNewcomers();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return countReceivers(MaxCountAge);
+}
+
+void Producer::Impl::announceToNewcomers()
+{
+    const std::size_t before = std::exchange(m_numConnections, m_sender->getNumReceivers());
+    if (m_numConnections <= before || Clock::now() - m_lastSequence >= JoiningTime)
+        return;
+    // In Pipeline it waits until it is taken: not for one that has left again.
+    if (m_options.protocol == NanomsgProtocol::Pipeline)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (countReceivers(std::chrono::nanoseconds::zero()) == 0)
+            return;
+    }
+    announce();
+}
+
+/// nanomsg counts connections that left just after they had been made, for ever, and knows nothing
+/// of the sidechannel. So what it says is an upper limit only: a receiver has both connections, and
+/// its ends of them are open. That is looked up in the kernel, which takes some time: a count may be
+/// used again for a while, unless nanomsg's has changed.
+///
+/// @param maxAge  of such a count
+/// @pre m_mutex is held, and the stream is open
+std::size_t Producer::Impl::countReceivers(std::chrono::nanoseconds maxAge) const
+{
+    const std::size_t numConnections = m_sender->getNumReceivers();
+    const auto now = Clock::now();
+    if (numConnections == 0)
+        return 0;
+    if (m_count && m_count->numConnections == numConnections && now - m_count->time < maxAge)
+        return m_count->numReceivers;
+
+    const UnixSockets sockets = readUnixSockets();
+    std::size_t numReceivers = numConnections;
+    if (!sockets.isIncomplete)
+    {
+        numReceivers = std::min(numReceivers, countConnections(sockets, '\0' + m_name));
+        numReceivers = std::min(
+            numReceivers, countConnectionsToFile(sockets, m_socketFile).value_or(numReceivers));
+    }
+    m_count = {numConnections, numReceivers, now};
+    return numReceivers;
 }
 
 void Producer::Impl::announce()
 {
-    m_numReceivers = m_sender->getNumReceivers();
+    m_numConnections = m_sender->getNumReceivers();
     m_sender->startNewSequence();
     m_lastSequence = Clock::now();
     m_sequences.fetch_add(1, std::memory_order_relaxed);
@@ -335,12 +439,13 @@ bool Producer::Impl::waitForReceivers(std::size_t count, std::chrono::nanosecond
     const auto start = Clock::now();
     while (isUsable())
     {
-        if (checkReceivers() >= count)
-            return isUsable();
-        const auto waited = Clock::now() - start;
-        if (timeout > timeout.zero() && waited >= timeout)
-            return fail("too few receivers have joined in time");
+        announceToNewcomers();
         std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_numConnections >= count && countReceivers(std::chrono::nanoseconds::zero()) >= count)
+            return !m_stopped || fail("stopped");
+        const auto waited = Clock::now() - start;
+        if (timeout != timeout.zero() && waited >= timeout)
+            return fail("too few receivers have joined in time");
         m_stopRequested.wait_for(
             lock, waited < PromptJoinTime ? PromptCheckInterval : ReceiverCheckInterval,
             [this] { return m_stopped.load(); });
@@ -390,6 +495,8 @@ void Producer::Impl::shutDown()
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_sender.reset();
     m_lastFrame.reset();
+    m_directoryLock = {};
+    m_count.reset();
 }
 
 ProducerStatistics Producer::Impl::getStatistics() const
@@ -400,7 +507,7 @@ ProducerStatistics Producer::Impl::getStatistics() const
     statistics.sequences = m_sequences.load(std::memory_order_relaxed);
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_sender != nullptr)
-        statistics.receivers = m_sender->getNumReceivers();
+        statistics.receivers = countReceivers(MaxCountAge);
     return statistics;
 }
 
@@ -442,36 +549,43 @@ Producer::~Producer()
 
 bool Producer::open(const StreamFormat& format)
 {
+    const Impl::Use use(*m_impl);
     return m_impl->open(format);
 }
 
 bool Producer::open(Payloader& payloader)
 {
+    const Impl::Use use(*m_impl);
     return m_impl->open(payloader);
 }
 
 bool Producer::setFormat(const StreamFormat& format)
 {
+    const Impl::Use use(*m_impl);
     return m_impl->setFormat(format);
 }
 
 bool Producer::setFormat(Payloader& payloader)
 {
+    const Impl::Use use(*m_impl);
     return m_impl->setFormat(payloader);
 }
 
 bool Producer::send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData)
 {
+    const Impl::Use use(*m_impl);
     return m_impl->send(timestamp, duration, mediaData);
 }
 
 std::size_t Producer::checkReceivers()
 {
+    const Impl::Use use(*m_impl);
     return m_impl->checkReceivers();
 }
 
 bool Producer::waitForReceivers(std::size_t count, std::chrono::nanoseconds timeout)
 {
+    const Impl::Use use(*m_impl);
     return m_impl->waitForReceivers(count, timeout);
 }
 
@@ -482,6 +596,10 @@ void Producer::stop()
 
 void Producer::close()
 {
+    // A thread that used it has no copy in a child.
+    std::optional<Impl::Use> use;
+    if (!m_impl->isCopy())
+        use.emplace(*m_impl);
     m_impl->close();
 }
 

@@ -6,15 +6,15 @@
 #include <fstream>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <tuple>
-#include <unordered_map>
 
 #include <SenderDirectory.hpp>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "UnixSockets.hpp"
 
 namespace vlx::kit
 {
@@ -29,52 +29,6 @@ constexpr std::string_view ListenerThreadName = "vlx-listener";
 constexpr mode_t PipelineReceiverMode = 0622;
 
 constexpr std::string_view SocketLinkPrefix = "socket:[";
-
-// As /proc/net/unix writes them.
-constexpr unsigned AcceptsConnectionsFlag = 0x10000;
-constexpr unsigned StreamType = 1;
-constexpr unsigned ConnectedState = 3;
-
-struct UnixSocket
-{
-    bool isListening = false;
-    bool isConnected = false;
-    std::string name; // "@" stands for a 0 byte
-};
-
-// By inode number.
-using UnixSockets = std::unordered_map<std::uint64_t, UnixSocket>;
-
-UnixSockets readUnixSockets()
-{
-    UnixSockets sockets;
-    std::ifstream table("/proc/net/unix");
-    for (std::string line; std::getline(table, line);)
-    {
-        std::istringstream fields(line);
-        std::string address;
-        std::string references;
-        std::string protocol;
-        unsigned flags = 0;
-        unsigned type = 0;
-        unsigned state = 0;
-        std::uint64_t inode = 0;
-        UnixSocket entry;
-        fields >> address >> references >> protocol >> std::hex >> flags >> type >> state >>
-            std::dec >> inode;
-        if (!fields || fields.get() != ' ' || !std::getline(fields, entry.name) ||
-            type != StreamType)
-            continue;
-        entry.isListening = (flags & AcceptsConnectionsFlag) != 0;
-        entry.isConnected = state == ConnectedState;
-        // A name can hold a line that looks like another socket's: then neither is believed.
-        const auto [position, isNew] = sockets.try_emplace(inode, std::move(entry));
-        if (!isNew)
-            position->second = {};
-    }
-    sockets.erase(0); // connections that nobody has accepted yet
-    return sockets;
-}
 
 /// @return names in a directory; nothing if it cannot be read
 std::optional<std::vector<std::string>> listNames(const std::string& path)
@@ -121,11 +75,11 @@ std::optional<std::uint64_t> readSocketInode(const std::string& link)
 std::optional<uid_t> readUser(const std::string& process)
 {
     std::ifstream status(process + "/status");
-    for (std::string word; status >> word;)
+    // By lines: the name of a process, in another one, can contain anything.
+    for (std::string line; std::getline(status, line);)
     {
-        uid_t real = 0;
-        uid_t effective = 0;
-        if (word == "Uid:" && status >> real >> effective)
+        unsigned effective = 0;
+        if (std::sscanf(line.c_str(), "Uid: %*u %u", &effective) == 1)
             return effective;
     }
     return std::nullopt;
@@ -182,25 +136,16 @@ std::optional<Listeners> findListeners(const std::string& process, const UnixSoc
         const auto inode = readSocketInode(std::string(directory).append("/").append(descriptor));
         if (!inode)
             continue;
-        const auto found = sockets.find(*inode);
-        if (found == sockets.end() || !found->second.isListening)
+        const auto found = sockets.byInode.find(*inode);
+        if (found == sockets.byInode.end() || !found->second.isListening)
             continue;
         const std::string& name = found->second.name;
-        if (name.starts_with('@') && isSendersDescriptor(process, descriptor))
+        if (name.starts_with('\0') && isSendersDescriptor(process, descriptor))
             listeners.names.push_back(name.substr(1));
         else if (!findSenderDirectoryName(name).empty() && !isOfPipelineReceiver(name))
             listeners.socketFiles.push_back(name);
     }
     return listeners;
-}
-
-std::size_t countReceivers(const UnixSockets& sockets, const std::string& name)
-{
-    const auto count = std::count_if(
-        sockets.begin(), sockets.end(),
-        [address = "@" + name](const auto& socket)
-        { return socket.second.isConnected && socket.second.name == address; });
-    return static_cast<std::size_t>(count);
 }
 
 void searchProcess(pid_t pid, const UnixSockets& sockets, SenderSearch& search)
@@ -224,7 +169,7 @@ void searchProcess(pid_t pid, const UnixSockets& sockets, SenderSearch& search)
     for (const std::string& name : listeners->names)
     {
         search.list.senders.push_back(
-            {name, pid, readLine(process + "/comm"), *user, countReceivers(sockets, name),
+            {name, pid, readLine(process + "/comm"), *user, countConnections(sockets, '\0' + name),
              isOnlyOne ? listeners->socketFiles.front() : std::string()});
     }
 }
@@ -245,7 +190,11 @@ SenderSearch searchSenders()
 {
     SenderSearch search;
     const UnixSockets sockets = readUnixSockets();
-    for (const auto& [inode, socket] : sockets)
+    search.isIncomplete = sockets.isIncomplete;
+    if (sockets.isIncomplete)
+        search.list.notice = "some sockets are unknown: /proc/net/unix has forged lines, and this "
+                             "kernel offers no socket diagnosis";
+    for (const auto& [inode, socket] : sockets.byInode)
     {
         const std::string directory = findSenderDirectoryName(socket.name);
         if (!directory.empty())

@@ -10,7 +10,7 @@
 namespace vlx::kit
 {
 
-/// What /proc tells of the senders of this machine.
+/// What the system tells of the senders of this machine.
 struct SenderSearch
 {
     SenderList list;
@@ -19,6 +19,8 @@ struct SenderSearch
     std::vector<uid_t> doubtfulUsers;
     /// Names of the senders' directories in which somebody serves a socket, without their paths.
     std::vector<std::string> servedDirectories;
+    /// Senders may be missing.
+    bool isIncomplete = false;
 };
 
 /// @thread any

@@ -29,11 +29,13 @@ constexpr std::string_view IpcScheme = "ipc://";
 
 struct Modes
 {
+    mode_t umask; // under which both are made
     mode_t file;
     mode_t pubSubDirectory;   // receivers only look the socket file up there
     mode_t pipelineDirectory; // the receiver makes it there; nobody else may then remove it
 };
 
+/// The sticky bit of the directory also says that the directory is locked for as long as it is used.
 constexpr Modes toModes(SocketMode mode)
 {
     switch (mode)
@@ -41,16 +43,23 @@ constexpr Modes toModes(SocketMode mode)
     case SocketMode::Owner:
         break;
     case SocketMode::Group:
-        return {0660, 0750, 01770};
+        return {0007, 0660, 01750, 01770};
     case SocketMode::All:
-        return {0666, 0755, 01777};
+        return {0000, 0666, 01755, 01777};
     }
-    return {0600, 0700, 0700};
+    return {0077, 0600, 01700, 01700};
 }
 
 std::string describe(const std::string& path, int error)
 {
     return quote(path) + ": " + miscUtils::strerror_r_safe(error);
+}
+
+/// @return whether the file system has no locks. Then nobody else gets one either, and takes the
+///         directory for a dead one
+bool isWithoutLocks(int error)
+{
+    return error == EOPNOTSUPP || error == ENOSYS || error == EINVAL || error == ENOLCK;
 }
 
 /// @return 0, or an error number: ENOTDIR for anything but a directory, EPERM for another user's
@@ -115,7 +124,16 @@ std::string findSocketFile(const std::string& name)
     return answer.initialInfo->nanomsgURI.substr(IpcScheme.size());
 }
 
-std::string protectSocketFile(const std::string& path, NanomsgProtocol protocol, SocketMode mode)
+mode_t toUmask(SocketMode mode)
+{
+    return toModes(mode).umask;
+}
+
+std::string protectSocketFile(
+    const std::string& path,
+    NanomsgProtocol protocol,
+    SocketMode mode,
+    DirectoryLock& lock)
 {
     const bool isPipeline = protocol == NanomsgProtocol::Pipeline;
     const Modes modes = toModes(mode);
@@ -127,6 +145,9 @@ std::string protectSocketFile(const std::string& path, NanomsgProtocol protocol,
     if (fd < 0)
         return "somebody has replaced the sender's directory " + describe(directory, errno);
     const ScopeGuard directoryGuard([fd] { ::close(fd); });
+    const int lockError = lock.take(fd);
+    if (lockError != 0 && !isWithoutLocks(lockError))
+        return "cannot lock the sender's directory " + describe(directory, lockError);
     if (const int error =
             narrowDirectory(fd, isPipeline ? modes.pipelineDirectory : modes.pubSubDirectory))
         return "cannot narrow the sender's directory " + describe(directory, error);

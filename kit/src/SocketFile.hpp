@@ -2,8 +2,12 @@
 
 #include <string>
 
+#include <sys/types.h>
+
 #include <vlx/SideChannel.hpp>
 #include <vlxkit/Producer.hpp>
+
+#include "DirectoryLock.hpp"
 
 namespace vlx::kit
 {
@@ -15,6 +19,10 @@ namespace vlx::kit
 /// @thread any
 std::string findSocketFile(const std::string& name);
 
+/// @return the umask under which to initialise a sender, so that its socket file is not open to more
+///         processes than it should be until protectSocketFile() is called
+mode_t toUmask(SocketMode mode);
+
 /// Sets who may join the main channel of a sender of this process, and keeps everybody else from
 /// putting anything into its directory.
 ///
@@ -25,9 +33,11 @@ std::string findSocketFile(const std::string& name);
 ///
 /// Call this directly after initializeSender() and startNewSequence().
 ///
+/// @param lock  gets the lock of the directory; to be kept until the sender has been shut down
 /// @return empty if it was done; otherwise one line that says what went wrong. The sender can then
 ///         be shut down without harm, and should be
 /// @thread any
-std::string protectSocketFile(const std::string& path, NanomsgProtocol protocol, SocketMode mode);
+std::string protectSocketFile(
+    const std::string& path, NanomsgProtocol protocol, SocketMode mode, DirectoryLock& lock);
 
 } // namespace vlx::kit

@@ -19,7 +19,7 @@ enum class BaseDirectoryUse
 /// What was found out about the base directory.
 struct BaseDirectory
 {
-    /// As senders and receivers use it.
+    /// Absolute path.
     std::string path;
     /// Empty if the directory can be used; otherwise one line that says what is wrong with it.
     std::string problem;

@@ -1,6 +1,6 @@
 #pragma once
 
-/// Who sends on this machine, and what: looked up in /proc, and asked by name.
+/// Which processes send on this machine, and what: found through the kernel, and asked by name.
 
 #include <chrono>
 #include <cstddef>
@@ -60,10 +60,22 @@ struct SenderProbe
 /// @thread any
 VLX_API SenderProbe probeSender(const std::string& name, std::chrono::milliseconds timeout);
 
+/// Probes several senders at once, as probeSender() does one.
+///
+/// @param names    of the senders
+/// @param timeout  for all of them together
+/// @param stopFD   a descriptor that ends the wait when it becomes readable; -1: no such descriptor
+/// @return one probe per name, in the same order; what has not come until the end is not set
+/// @thread any
+VLX_API std::vector<SenderProbe> probeSenders(
+    const std::vector<std::string>& names,
+    std::chrono::milliseconds timeout,
+    int stopFD = -1);
+
 /// One sender of this machine.
 struct SenderEntry
 {
-    std::string name;    ///< of the stream
+    std::string name;    ///< of the stream, as bytes: can contain anything, newlines included
     pid_t process = 0;   ///< of the sender
     std::string command; ///< name of its program
     uid_t user = 0;      ///< of the process
@@ -80,31 +92,47 @@ struct SenderList
     std::vector<SenderEntry> senders; ///< ordered by name
     /// Processes that send and whose names only their own users and root may learn.
     std::vector<pid_t> hidden;
+    /// Why senders may be missing, in one line; otherwise empty.
+    std::string notice;
 };
 
-/// Finds the senders of this machine and network namespace, in /proc alone: nobody is connected to.
+/// Finds the senders of this machine and network namespace without connecting to any of them: by the
+/// kernel's socket diagnosis, and by /proc. Where the kernel has no socket diagnosis, its text
+/// "/proc/net/unix" serves; sockets that a process hides there by forged lines are left out.
 ///
 /// @thread any
 VLX_API SenderList listSenders();
 
-/// A directory that a killed sender has left behind.
-struct DeadDirectory
+/// A directory that a killed sender has left behind, or a file by which a program that was killed
+/// wanted to wake others.
+struct DeadEntry
 {
     std::string path; ///< the whole
-    /// Empty if it was removed, otherwise why not, in one line.
+    /// Why it could not be removed, in one line; empty if it was removed.
     std::string problem;
 };
 
-/// Removes from a base directory what dead senders have left: directories that no reachable sender
-/// announces, in which nobody serves a socket, and that are older than a minute. Never one that is
-/// in doubt: whose user has a sender whose name cannot be found out, or that does not answer. Senders
-/// in Pipeline that /proc does not show, of another container with the same base directory, are not
-/// found.
+/// What a cleaning has found.
+struct Cleaning
+{
+    std::vector<DeadEntry> entries; ///< what was dead, ordered by path
+    /// Why nothing could be judged, in one line; otherwise empty.
+    std::string notice;
+};
+
+/// Removes from a base directory what dead programs have left. All of it is older than a minute:
+/// directories that no reachable sender announces, whose lock is not held, and in which no process
+/// serves a socket; and the files of producers and consumers that were killed while they woke others.
 ///
-/// @param baseDirectory  empty: "TMPDIR", or "/tmp/vlx"
-/// @return what was found to be dead, ordered by path
+/// Skips directories of users with unidentified or unresponsive senders. Does not find a sender in
+/// Pipeline without the kit that /proc does not show, in another container with the same base
+/// directory.
+///
+/// @param baseDirectory  path; empty: "TMPDIR", or "/tmp/vlx"
+/// @param stopFD         a descriptor that ends the call when it becomes readable; -1: no such
+///                       descriptor
 /// @thread any
-VLX_API std::vector<DeadDirectory> removeDeadDirectories(const std::string& baseDirectory = {});
+VLX_API Cleaning removeDeadEntries(const std::string& baseDirectory = {}, int stopFD = -1);
 
 /// @return whether another socket is bound to the name in the abstract socket namespace, so that a
 ///         sender could not take it

@@ -46,14 +46,13 @@ struct ProducerOptions
     std::uint16_t clockPort = 0; ///< UDP port of the same
     /// Who may join.
     SocketMode socketMode = SocketMode::Owner;
-    /// Where senders and receivers of this machine meet; empty: "TMPDIR", or "/tmp/vlx", which is
-    /// made if it is missing. Any other directory must exist; "TMPDIR" is then set to it while the
-    /// stream is opened, so no other thread may use the environment at that moment.
+    /// Directory in which senders and receivers of this machine meet; empty: "TMPDIR", or "/tmp/vlx",
+    /// which is created if it is missing. Any other directory must exist. See prepareBaseDirectory().
     std::string baseDirectory = {};
     /// Of the stream's threads.
     RealTime realTime = {};
-    /// Gets what a user may want to know and no error is, one line each, on the thread that calls
-    /// open(). Empty: such lines go to the logger "Vellox.Kit" as WARN.
+    /// Receives informational messages, one line each, on the thread that calls open(). Not set: they
+    /// go to the logger "Vellox.Kit" as WARN.
     std::function<void(const std::string&)> onNotice = {};
 };
 
@@ -63,13 +62,16 @@ struct ProducerStatistics
     std::uint64_t frames = 0;    ///< sent
     std::uint64_t bytes = 0;     ///< of media data
     std::uint64_t sequences = 0; ///< opened
-    std::size_t receivers = 0;   ///< joined now
+    /// Joined now: with an open sidechannel and an open main channel; up to 100 ms old.
+    std::size_t receivers = 0;
 };
 
 /// Sends one stream. It opens the stream so that nobody misses its beginning, keeps those on board
 /// who join while a sequence begins, and lets the last frame leave before it closes.
 ///
-/// One thread opens, sends and closes; stop() and getStatistics() may come from any other. The
+/// One thread opens, sends and closes; two at once fail an assertion. stop() and getStatistics() may
+/// come from any thread. To close a stream from another thread, call stop() and join the sending
+/// thread first. The
 /// caller paces the frames: what a receiver cannot take at once is lost to that receiver, so
 /// several frames at once are lost in part.
 ///
@@ -89,7 +91,10 @@ public:
 
     /// Opens the stream with PCM audio: checks or makes the base directory, initialises the sender
     /// and starts the first sequence directly after it, sets who may join, narrows the sender's
-    /// directory so that nobody else can put anything into it, and wakes the receivers that wait.
+    /// directory so that no other user can put anything into it, and wakes the receivers that wait.
+    /// The socket file never has a wider mode than it should: the sender is made under a umask of its
+    /// own, and the umask of the process stays. Removes the directories of dead producers of this
+    /// user.
     ///
     /// @return false if it cannot be opened, or stop() was called; see getProblem()
     /// @pre the producer is not open
@@ -114,8 +119,9 @@ public:
     ///
     /// @param timestamp  of the frame's first sample, nanoseconds on the announced clock
     /// @param duration   nanoseconds
-    /// @param mediaData  whole samples in the present format; not used after the call
-    /// @return false if stop() was called, or the stream is not open: the frame was not sent
+    /// @param mediaData  a whole number of samples in the present format; not used after the call
+    /// @return false if stop() was called, the stream is not open, or the media data ends within a
+    ///         sample: the frame was not sent
     VLX_API bool send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
 
     /// Does what send() does for receivers that have just joined. For a producer that sends nothing
@@ -124,10 +130,11 @@ public:
     /// @return receivers now joined
     VLX_API std::size_t checkReceivers();
 
-    /// Waits until so many receivers have joined. In Pipeline a receiver counts when it has bound.
+    /// Waits until so many receivers have joined: both their connections are made and open. In
+    /// Pipeline a receiver counts when it has bound.
     ///
     /// @param count    receivers
-    /// @param timeout  zero: as long as it takes
+    /// @param timeout  zero: without limit; negative: the time is over already
     /// @return false if the time ran out or stop() was called
     VLX_API bool waitForReceivers(
         std::size_t count,

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include <DirectoryLock.hpp>
 #include <SocketFile.hpp>
 #include <TailWait.hpp>
 #include <gmock/gmock.h>
@@ -29,6 +30,7 @@
 #include <vlxkit/Producer.hpp>
 
 #include "support/AllocationCounter.hpp"
+#include "support/ChildProcess.hpp"
 #include "support/RawPeers.hpp"
 #include "support/RecordedReceiver.hpp"
 #include "support/VlxTest.hpp"
@@ -60,12 +62,18 @@ std::size_t countDescriptors()
         std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
-void bindSocket(const std::string& path)
+sockaddr_un makeAddress(const std::string& path)
 {
-    const Descriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    return address;
+}
+
+void bindSocket(const std::string& path)
+{
+    const Descriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un address = makeAddress(path);
     const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
     ASSERT_EQ(::bind(listener.get(), generic, sizeof(address)), 0) << path;
 }
@@ -74,6 +82,32 @@ void bindForeignSocket(const std::string& path)
 {
     bindSocket(path);
     ASSERT_EQ(::chown(path.c_str(), 65534, 65534), 0);
+}
+
+/// Takes part in the transport's greeting, as a receiver's end of the main channel, and leaves.
+void greetAndLeave(const std::string& socketFile, bool isListener)
+{
+    const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un address = makeAddress(socketFile);
+    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+    const auto greet = [](int fd, const char* digits)
+    {
+        const Buffer greeting = fromHex(digits);
+        ::send(fd, greeting.data(), greeting.size(), MSG_NOSIGNAL);
+    };
+    if (!isListener)
+    {
+        ASSERT_EQ(::connect(socket.get(), generic, sizeof(address)), 0);
+        greet(socket.get(), "0053500000210000");
+        return;
+    }
+    ASSERT_EQ(::bind(socket.get(), generic, sizeof(address)), 0);
+    ASSERT_EQ(::listen(socket.get(), 1), 0);
+    const Descriptor accepted(::accept4(socket.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    greet(accepted.get(), "0053500000510000");
+    unsigned char greeting[8] = {};
+    EXPECT_EQ(::recv(accepted.get(), greeting, sizeof(greeting), MSG_WAITALL), 8);
+    ::unlink(socketFile.c_str());
 }
 
 std::set<pid_t> listThreads()
@@ -108,10 +142,10 @@ TEST_F(ProducerTest, OpensForThoseWhoMayJoin)
         mode_t file;
     };
     const Row rows[] = {
-        {NanomsgProtocol::PubSub, SocketMode::Owner, 0700, 0600},
-        {NanomsgProtocol::PubSub, SocketMode::Group, 0750, 0660},
-        {NanomsgProtocol::PubSub, SocketMode::All, 0755, 0666},
-        {NanomsgProtocol::Pipeline, SocketMode::Owner, 0700, 0},
+        {NanomsgProtocol::PubSub, SocketMode::Owner, 01700, 0600},
+        {NanomsgProtocol::PubSub, SocketMode::Group, 01750, 0660},
+        {NanomsgProtocol::PubSub, SocketMode::All, 01755, 0666},
+        {NanomsgProtocol::Pipeline, SocketMode::Owner, 01700, 0},
         {NanomsgProtocol::Pipeline, SocketMode::Group, 01770, 0},
         {NanomsgProtocol::Pipeline, SocketMode::All, 01777, 0}};
     for (const Row& row : rows)
@@ -177,7 +211,8 @@ TEST_F(ProducerTest, NoticesWhatSomebodyElseHasPutInItsDirectory)
             ASSERT_THAT(file, StartsWith(getTempDirectory() + "/VlxSender-"));
             fs::remove(file);
             row.swap(file);
-            const std::string problem = protectSocketFile(file, protocol, row.mode);
+            DirectoryLock lock;
+            const std::string problem = protectSocketFile(file, protocol, row.mode, lock);
             const bool isFine =
                 protocol == NanomsgProtocol::Pipeline ? row.isFineInPipeline : row.isFineInPubSub;
             EXPECT_EQ(problem.empty(), isFine) << row.name << ": " << problem;
@@ -190,14 +225,15 @@ TEST_F(ProducerTest, NoticesWhatSomebodyElseHasPutInItsDirectory)
     // The sender's directory itself.
     const std::string directory = getTempDirectory() + "/VlxSender-linked";
     fs::create_directory_symlink(getTempDirectory(), directory);
+    DirectoryLock lock;
     EXPECT_THAT(
-        protectSocketFile(directory + "/x", NanomsgProtocol::PubSub, SocketMode::Owner),
+        protectSocketFile(directory + "/x", NanomsgProtocol::PubSub, SocketMode::Owner, lock),
         HasSubstr("replaced"));
     fs::remove(directory);
     fs::create_directory(directory);
     ASSERT_EQ(::chown(directory.c_str(), 65534, 65534), 0);
     EXPECT_THAT(
-        protectSocketFile(directory + "/x", NanomsgProtocol::Pipeline, SocketMode::Owner),
+        protectSocketFile(directory + "/x", NanomsgProtocol::Pipeline, SocketMode::Owner, lock),
         HasSubstr("cannot narrow"));
     fs::remove(directory);
     fs::remove(victim);
@@ -323,6 +359,182 @@ TEST_F(ProducerTest, RefusesBaseDirectoryThatAnotherUserControls)
     fs::remove(directory);
 }
 
+TEST_F(ProducerTest, ReceiversHaveBothConnectionsAndAreStillThere)
+{
+    for (const auto protocol : {NanomsgProtocol::PubSub, NanomsgProtocol::Pipeline})
+    {
+        Producer producer(makeOptions(protocol));
+        ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+        const bool isPipeline = protocol == NanomsgProtocol::Pipeline;
+        // nanomsg counts such for ever if they leave while it takes them in.
+        for (int i = 0; i < (isPipeline ? 1 : 200); ++i)
+            greetAndLeave(producer.getSocketFile(), isPipeline);
+        RawConnection client(isPipeline ? "vlx-nobody" : getSocketName(), isPipeline ? 0s : 10s);
+        ASSERT_TRUE(isPipeline || client.readMessage()); // it has no main channel
+        EXPECT_FALSE(producer.waitForReceivers(1, FrameNs * 2ns));
+        EXPECT_EQ(producer.checkReceivers(), 0U);
+        EXPECT_EQ(producer.getStatistics().receivers, 0U);
+        client.close();
+
+        // There nanomsg may never connect again after such a listener.
+        if (isPipeline)
+        {
+            producer.close();
+            ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+        }
+        RecordedReceiver receiver;
+        ASSERT_TRUE(receiver.start(getSocketName()));
+        ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
+        EXPECT_TRUE(producer.send(7, FrameNs, toBytes("DATA")));
+        EXPECT_TRUE(receiver.waitForEvent("frame 7"));
+        EXPECT_EQ(producer.checkReceivers(), 1U);
+        EXPECT_FALSE(producer.waitForReceivers(2, -1ns)); // the time is over already
+        EXPECT_THAT(producer.getProblem(), HasSubstr("too few receivers"));
+        receiver.stop();
+        EXPECT_TRUE(waitFor([&] { return producer.getStatistics().receivers == 0; }));
+        EXPECT_FALSE(producer.waitForReceivers(1, -1h));
+        producer.close();
+    }
+}
+
+TEST_F(ProducerTest, SocketFileIsNeverWiderThanItsMode)
+{
+    const mode_t umaskBefore = ::umask(0);
+    struct Row
+    {
+        SocketMode mode;
+        mode_t birth;
+    };
+    const Row rows[] = {
+        {SocketMode::Owner, 0700}, {SocketMode::Group, 0770}, {SocketMode::All, 0777}};
+    for (const Row& row : rows)
+    {
+        ProducerOptions options = makeOptions();
+        options.socketMode = row.mode;
+        Producer producer(options);
+        std::vector<mode_t> modes;
+        mode_t umaskOfProcess = ~mode_t{0};
+        log().onNext(
+            debugLog(StartsWith("Nanomsg watch FD")), // just after the file was made
+            [&]
+            {
+                for (const auto& entry : fs::recursive_directory_iterator(getTempDirectory()))
+                {
+                    if (entry.is_socket())
+                        modes.push_back(getMode(entry.path()) & 0777U);
+                }
+                std::ifstream status("/proc/self/status"); // of the first thread
+                for (std::string word; status >> word && word != "Umask:";)
+                    ;
+                status >> std::oct >> umaskOfProcess;
+            });
+        ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+        EXPECT_THAT(modes, ::testing::ElementsAre(row.birth));
+        EXPECT_EQ(umaskOfProcess, 0U);
+        EXPECT_EQ(::umask(0), 0U);
+        producer.close();
+    }
+    ::umask(umaskBefore);
+}
+
+TEST_F(ProducerTest, TakesWholeSamplesOnly)
+{
+    struct Row
+    {
+        StreamFormat format;
+        std::size_t bytes;
+        bool isSent;
+    };
+    const Row rows[] = {
+        {Format, 0, true},
+        {Format, 4, true},
+        {Format, 2, false}, // one channel
+        {Format, 3, false},
+        {Format, 4801, false},
+        {{audioUtils::PcmFormat::S24LE, 48000, 2}, 6, true},
+        {{audioUtils::PcmFormat::S24LE, 48000, 2}, 8, false},
+        {{audioUtils::PcmFormat::U8, 8000, 1}, 5, true}};
+    Producer producer(makeOptions());
+    ASSERT_TRUE(producer.open(Format));
+    std::uint64_t numSent = 0;
+    for (const Row& row : rows)
+    {
+        ASSERT_TRUE(producer.setFormat(row.format));
+        EXPECT_EQ(producer.send(0, FrameNs, Buffer(row.bytes)), row.isSent) << row.bytes;
+        numSent += row.isSent ? 1 : 0;
+        EXPECT_EQ(producer.getStatistics().frames, numSent);
+    }
+    EXPECT_FALSE(producer.setFormat({audioUtils::PcmFormat::U8, 0, 1}));
+    EXPECT_TRUE(producer.send(0, FrameNs, Buffer(5))) << "the former format stays";
+    ASSERT_TRUE(producer.setFormat(Format));
+    EXPECT_FALSE(producer.send(0, FrameNs, Buffer(6)));
+    EXPECT_THAT(producer.getProblem(), HasSubstr("6 bytes of media data"));
+    PcmPayloader payloader; // sizes of any other codec are its own
+    ASSERT_TRUE(producer.setFormat(payloader));
+    EXPECT_TRUE(producer.send(0, FrameNs, Buffer(5)));
+    producer.close();
+}
+
+TEST_F(ProducerTest, TwoThreadsAtOnceAreAMistakeThatIsTold)
+{
+    const std::function<void(Producer&)> calls[] = {
+        [](Producer& producer) { producer.close(); },
+        [](Producer& producer) { producer.checkReceivers(); },
+        [](Producer& producer) { producer.setFormat(Format); }};
+    for (const auto& call : calls)
+    {
+        EXPECT_EXIT(
+            {
+                Producer producer(makeOptions(NanomsgProtocol::Pipeline));
+                producer.open(Format);
+                std::thread sending([&] { producer.send(0, FrameNs, toBytes("DATA")); });
+                static_cast<void>(log().waitFor(traceLog(StartsWith("Sending data with"))));
+                call(producer);
+                std::_Exit(0);
+            },
+            ::testing::KilledBySignal(SIGABRT), HasSubstr("stop() and join it before close()"));
+    }
+}
+
+TEST_F(ProducerTest, CrashLoopLeavesOneDirectoryAtMost)
+{
+    const auto countDirectories = [this] { return listTempDirectory().size(); };
+    const std::string bare = getTempDirectory() + "/VlxSender-abcdef"; // without the kit
+    const std::string locked = getTempDirectory() + "/VlxSender-locked";
+    const std::string filled = getTempDirectory() + "/VlxSender-filled";
+    for (const std::string& directory : {bare, locked, filled})
+    {
+        fs::create_directory(directory);
+        ASSERT_EQ(::chmod(directory.c_str(), directory == bare ? 0700 : 01700), 0);
+    }
+    std::ofstream(filled + "/precious") << "x";
+    {
+        const Descriptor directory(::open(locked.c_str(), O_PATH | O_CLOEXEC));
+        DirectoryLock lock;
+        ASSERT_EQ(lock.take(directory.get()), 0);
+        DirectoryLock second;
+        EXPECT_EQ(second.take(directory.get()), EWOULDBLOCK);
+        const SenderProcess living(getSocketName() + "-a", NanomsgProtocol::Pipeline);
+        const std::size_t before = countDirectories();
+        for (int i = 0; i < 4; ++i)
+        {
+            const auto protocol = i % 2 == 0 ? NanomsgProtocol::PubSub : NanomsgProtocol::Pipeline;
+            SenderProcess crashing(getSocketName(), protocol);
+            EXPECT_EQ(countDirectories(), before + 1) << i;
+            crashing.kill();
+        }
+        EXPECT_TRUE(fs::exists(living.getDirectory()));
+    }
+    Producer last(makeOptions());
+    ASSERT_TRUE(last.open(Format)) << last.getProblem();
+    EXPECT_FALSE(fs::exists(locked));
+    EXPECT_EQ(countDirectories(), 3U); // those that cannot be judged, and its own
+    last.close();
+    EXPECT_EQ(countDirectories(), 2U);
+    fs::remove_all(filled);
+    fs::remove(bare);
+}
+
 TEST_F(ProducerTest, MeetsItsReceiversInAnotherDirectory)
 {
     const std::string directory = getTempDirectory() + "/other";
@@ -333,9 +545,12 @@ TEST_F(ProducerTest, MeetsItsReceiversInAnotherDirectory)
         ProducerOptions options = makeOptions();
         options.baseDirectory = baseDirectory;
         Producer producer(options);
+        std::string environment; // while it opens
+        log().onNext(
+            debugLog(StartsWith("Nanomsg URI")), [&] { environment = std::getenv("TMPDIR"); });
         ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
         EXPECT_THAT(producer.getSocketFile(), StartsWith(directory + "/VlxSender-"));
-        EXPECT_EQ(std::getenv("TMPDIR"), getTempDirectory());
+        EXPECT_EQ(environment, getTempDirectory());
     }
     fs::current_path("/");
     fs::remove(directory);
@@ -438,10 +653,10 @@ TEST_F(ProducerTest, AnnouncesAgainWhenItMayHaveBeenMissed)
 
     const auto sendAndReceive = [&]
     {
-        EXPECT_TRUE(producer.send(1, 2, fromHex("D0D1")));
+        EXPECT_TRUE(producer.send(1, 2, fromHex("D0D1D2D3")));
         return sub.receive();
     };
-    const std::string frame = "0100000000000000 0200000000000000 D0D1";
+    const std::string frame = "0100000000000000 0200000000000000 D0D1D2D3";
     EXPECT_TRUE(producer.setFormat(Format));
     EXPECT_EQ(sendAndReceive(), fromHex("02 00 0200" + frame));
     EXPECT_TRUE(producer.setFormat({audioUtils::PcmFormat::U8, 8000, 1}));

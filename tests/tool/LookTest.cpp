@@ -261,7 +261,7 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
 
     ToolSettings other;
     other.asUser = 65534;
-    fs::permissions(getTempDirectory(), fs::perms::all);
+    fs::permissions(getTempDirectory(), fs::perms::all | fs::perms::sticky_bit);
     if (::geteuid() == 0 && ToolProcess({"--version"}, other).wait() == 0)
     {
         ToolProcess foreign({"info", evil}, other);

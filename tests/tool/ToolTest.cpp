@@ -344,9 +344,9 @@ TEST_F(ToolTest, SocketModeSaysWhoMayJoin)
         fs::perms directory; // who could write there could end the sender
     };
     for (const Row& row : {
-             Row{"owner", fs::perms(0600), fs::perms(0700)},
-             Row{"group", fs::perms(0660), fs::perms(0750)},
-             Row{"all", fs::perms(0666), fs::perms(0755)},
+             Row{"owner", fs::perms(0600), fs::perms(01700)},
+             Row{"group", fs::perms(0660), fs::perms(01750)},
+             Row{"all", fs::perms(0666), fs::perms(01755)},
          })
     {
         ToolProcess sender(send({"--tone", "1", "--socket-mode", row.mode}));
@@ -374,7 +374,7 @@ TEST_F(ToolTest, AnotherUserReceivesFrames)
     constexpr uid_t Nobody = 65534;
     if (::geteuid() != 0)
         GTEST_SKIP() << "only root can run a receiver as another user";
-    fs::permissions(getTempDirectory(), fs::perms::all);
+    fs::permissions(getTempDirectory(), fs::perms::all | fs::perms::sticky_bit);
     fs::permissions(m_files, fs::perms::all);
     ToolSettings settings;
     settings.asUser = Nobody;

@@ -89,19 +89,21 @@ nlohmann::ordered_json makeObject(const Found& found)
     return json;
 }
 
-ExitCode clean()
+ExitCode clean(const StopSignal& stop)
 {
     bool done = true;
-    const std::vector<kit::DeadDirectory> directories = kit::removeDeadDirectories();
-    if (directories.empty())
+    const kit::Cleaning cleaning = kit::removeDeadEntries({}, stop.getFD());
+    if (!cleaning.notice.empty())
+        printNotice(cleaning.notice);
+    else if (cleaning.entries.empty() && !stop.isRequested())
         printNotice("nothing to remove; what is younger than a minute stays");
-    for (const kit::DeadDirectory& directory : directories)
+    for (const kit::DeadEntry& entry : cleaning.entries)
     {
-        if (directory.problem.empty())
-            std::puts(("removed " + toPrintable(directory.path)).c_str());
+        if (entry.problem.empty())
+            std::puts(("removed " + toPrintable(entry.path)).c_str());
         else
-            printError(toPrintable(directory.path) + ": " + directory.problem);
-        done = done && directory.problem.empty();
+            printError(toPrintable(entry.path) + ": " + entry.problem);
+        done = done && entry.problem.empty();
     }
     return done ? ExitCode::Done : ExitCode::Failed;
 }
@@ -131,16 +133,18 @@ CLI::App* addListCommand(CLI::App& program, ListOptions& options)
 ExitCode runList(const ListOptions& options, StopSignal& stop)
 {
     if (options.clean)
-        return clean();
+        return clean(stop);
 
     const kit::SenderList list = kit::listSenders();
-    std::vector<Found> senders;
+    std::vector<std::string> names;
     for (const kit::SenderEntry& entry : list.senders)
-    {
-        senders.push_back({entry, kit::probeSender(entry.name, AnswerTimeout)});
-        if (stop.isRequested())
-            return ExitCode::Done;
-    }
+        names.push_back(entry.name);
+    const auto probes = kit::probeSenders(names, AnswerTimeout, stop.getFD());
+    if (stop.isRequested())
+        return ExitCode::Done;
+    std::vector<Found> senders;
+    for (std::size_t i = 0; i < probes.size(); ++i)
+        senders.push_back({list.senders[i], probes[i]});
     if (options.json)
     {
         nlohmann::ordered_json array = nlohmann::ordered_json::array();
@@ -156,6 +160,8 @@ ExitCode runList(const ListOptions& options, StopSignal& stop)
         printNotice("no sender on this machine");
     }
     tellHidden(list.hidden);
+    if (!list.notice.empty())
+        printNotice(list.notice);
     return ExitCode::Done;
 }
 
