@@ -715,17 +715,16 @@ TEST_F(SenderTest, OutOfDescriptorsTheListenerTriesTenTimesASecond)
     const LogExpectation attempt = traceLog("Listener thread socket activity");
     ::signal(SIGUSR1, [](int) {});
     ASSERT_TRUE(initialize());
-    std::unique_lock<std::mutex> lock;
-    const RawConnection first = connectUngreeted(lock);
     const auto waitInVain = [&]
     {
+        std::unique_lock<std::mutex> lock;
+        const RawConnection first = connectUngreeted(lock);
         const RawConnection second(getSocketName());
         const int nextFD = Descriptor(::dup(0)).get();
         const ResourceLimit noMore(RLIMIT_NOFILE, static_cast<rlim_t>(nextFD));
         log().clear();
         const auto begin = Clock::now();
-        if (lock.owns_lock())
-            lock.unlock();
+        lock.unlock();
         EXPECT_TRUE(waitFor(
             [&]
             {
@@ -738,7 +737,8 @@ TEST_F(SenderTest, OutOfDescriptorsTheListenerTriesTenTimesASecond)
         EXPECT_EQ(log().count(failed), 1U);
     };
     waitInVain();
-    ASSERT_TRUE(waitFor([&] { return log().count(debugLog(StartsWith(NewClient))) == 1; }));
+    ASSERT_TRUE(log().waitFor(debugLog(StartsWith(NewClient))));
+    ASSERT_TRUE(waitForClients(0));
     waitInVain(); // it is told anew
     EXPECT_TRUE(RawConnection(getSocketName()).readMessage().has_value());
     ::signal(SIGUSR1, SIG_DFL);
