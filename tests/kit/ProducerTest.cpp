@@ -92,8 +92,9 @@ void greetAndLeave(const std::string& socketFile, bool isListener)
     const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
     const auto greet = [](int fd, const char* digits)
     {
-        const Buffer greeting = fromHex(digits);
+        Buffer greeting = fromHex(digits);
         ::send(fd, greeting.data(), greeting.size(), MSG_NOSIGNAL);
+        EXPECT_EQ(::recv(fd, greeting.data(), greeting.size(), MSG_WAITALL), 8);
     };
     if (!isListener)
     {
@@ -105,8 +106,6 @@ void greetAndLeave(const std::string& socketFile, bool isListener)
     ASSERT_EQ(::listen(socket.get(), 1), 0);
     const Descriptor accepted(::accept4(socket.get(), nullptr, nullptr, SOCK_CLOEXEC));
     greet(accepted.get(), "0053500000510000");
-    unsigned char greeting[8] = {};
-    EXPECT_EQ(::recv(accepted.get(), greeting, sizeof(greeting), MSG_WAITALL), 8);
     ::unlink(socketFile.c_str());
 }
 

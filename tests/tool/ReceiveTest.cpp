@@ -362,7 +362,7 @@ TEST_F(ReceiveTest, AReceiverThatMayNotJoinAtFirstRecordsOnceItMay)
     constexpr uid_t Nobody = 65534;
     if (::geteuid() != 0)
         GTEST_SKIP() << "only root can run a receiver as another user";
-    fs::permissions(getTempDirectory(), fs::perms::all);
+    fs::permissions(getTempDirectory(), fs::perms::all | fs::perms::sticky_bit);
     fs::permissions(m_files, fs::perms::all);
     ToolSettings settings;
     settings.asUser = Nobody;
