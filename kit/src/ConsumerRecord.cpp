@@ -44,7 +44,6 @@ void ConsumerRecord::onJoined(TimeValue now)
     m_joinedSince = now;
     m_lastSign = now;
     m_unknownSince = 0;
-    m_hadFrame = false;
     m_introduced = false;
 }
 

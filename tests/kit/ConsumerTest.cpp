@@ -1051,6 +1051,41 @@ TEST(ConsumerRecordTest, MeasuresGaps)
     EXPECT_EQ(record.getStatistics().joinNs, 30 * Ms) << "from the loss on";
 }
 
+TEST(ConsumerRecordTest, KeepsOneConnectionApartFromTheNext)
+{
+    constexpr auto Clock = Receiver::StreamClockType::MonotonicSystemClock;
+    ConsumerRecord record(0);
+    record.onStart(10);
+    record.onConnecting(20);
+    EXPECT_EQ(record.getConnectingSince(), 20U);
+    record.onJoined(30);
+    EXPECT_EQ(record.getConnectingSince(), 0U);
+    EXPECT_TRUE(record.onSequence(Clock, StreamFormat{}));
+    EXPECT_FALSE(record.onSequence(Clock, StreamFormat{}));
+    EXPECT_TRUE(record.onFrame(0, 1, 4, 50, 50).isFirst) << "though announced again";
+    EXPECT_FALSE(record.onFrame(1, 1, 4, 51, 51).isFirst);
+    EXPECT_TRUE(record.hasFrame());
+    EXPECT_EQ(record.getStatistics().joinNs, 40U) << "from the start on";
+    EXPECT_EQ(record.getStatistics().clock, Clock);
+
+    EXPECT_TRUE(record.onEnded(60, true));
+    EXPECT_FALSE(record.onEnded(61, true)) << "once";
+    EXPECT_FALSE(record.hasFrame());
+    EXPECT_EQ(record.getStatistics().clock, Receiver::StreamClockType::Undetermined);
+    record.onConnecting(70);
+    EXPECT_FALSE(record.onEnded(80, false));
+    EXPECT_EQ(record.getConnectingSince(), 0U);
+    record.onStart(100);
+    record.onJoined(110);
+    EXPECT_TRUE(record.onSequence(Clock, StreamFormat{})) << "in each connection";
+    EXPECT_TRUE(record.onFrame(1, 1, 4, 120, 120).isFirst);
+    EXPECT_EQ(record.getStatistics().joinNs, 20U) << "from the new start on";
+    EXPECT_TRUE(record.onSequence(Clock, std::nullopt)) << "from PCM to another codec";
+    EXPECT_FALSE(record.onSequence(Clock, std::nullopt, false));
+    EXPECT_TRUE(record.onSequence(Clock, std::nullopt, true));
+    EXPECT_EQ(record.getStatistics().format, StreamFormat{}) << "that of PCM stays";
+}
+
 TEST(ConsumerRecordTest, OnlyFiveLossesWithinASecondAndWithoutASequenceAreFlapping)
 {
     constexpr TimeValue Second = 1'000'000'000;
@@ -1063,6 +1098,17 @@ TEST(ConsumerRecordTest, OnlyFiveLossesWithinASecondAndWithoutASequenceAreFlappi
     for (TimeValue i = 1; i <= 20; ++i)
         lose(i * Second / 3);
     EXPECT_FALSE(record.isFlapping());
+    for (TimeValue i = 0; i < 5; ++i)
+        lose(8 * Second + i * Second / 4);
+    EXPECT_TRUE(record.isFlapping());
+    record.onStart(9 * Second + 1);
+    EXPECT_FALSE(record.isFlapping()) << "a new start";
+    for (TimeValue i = 0; i < 5; ++i)
+    {
+        record.onJoined(9 * Second + i);
+        EXPECT_TRUE(record.onEnded(9 * Second + i, false));
+    }
+    EXPECT_FALSE(record.isFlapping()) << "not lost, but left";
     for (TimeValue i = 0; i < 4; ++i)
         lose(10 * Second + i);
     EXPECT_FALSE(record.isFlapping());
