@@ -128,7 +128,8 @@ void watchLog(Board& board, const Plan& plan)
             ::raise(SIGKILL);
         return plan.log ? log4cplus::spi::NEUTRAL : log4cplus::spi::DENY;
     };
-    log4cplus::Logger::getRoot().getAllAppenders().front()->addFilter(watch);
+    log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
+    logger.getAllAppenders().front()->addFilter(watch);
 }
 
 bool limit(decltype(RLIMIT_NOFILE) resource, int value)
