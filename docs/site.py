@@ -4,7 +4,8 @@
 filter prints FILE as doxygen reads it: a page with the line that the README's table of documents
 has about it, a header whose comments that begin with "@return" begin with a sentence. manuals turns
 the tool's manual pages into pages of the site. check looks over the site in DIRECTORY: every link
-leads somewhere, every operation has a brief line, and every page stands in the README's table.
+leads somewhere, every operation has a brief line, every page stands in the README's table, and every
+option of CMake in that of docs/building.md.
 """
 import pathlib
 import re
@@ -107,9 +108,17 @@ def pages_without_row():
             yield f"{name}: not in the README's table of documents"
 
 
+def options_without_row():
+    rows = set(re.findall(r"^\| `(VLX_\w+)` \|", (TOP / "docs/building.md").read_text(), re.M))
+    cmake = "".join(path.read_text() for path in [TOP / "CMakeLists.txt", *TOP.glob("cmake/*.cmake")])
+    options = set(re.findall(r"\boption\((VLX_\w+)|\bset\((VLX_\w+) [^)]* CACHE ", cmake))
+    for option in {name for names in options for name in names if name} ^ rows:
+        yield f"{option}: an option without a row in docs/building.md, or the reverse"
+
+
 def check(site):
     faults = [*dead_links(site / "html"), *operations_without_brief(site / "xml"),
-              *pages_without_row()]
+              *pages_without_row(), *options_without_row()]
     print("\n".join(faults) or "docs: links, brief lines and table of documents are right")
     return bool(faults)
 
