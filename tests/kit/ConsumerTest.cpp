@@ -562,6 +562,33 @@ TEST_F(ConsumerTest, RefusesMainChannelsThatAreNotTheSenders)
     std::filesystem::remove(file);
 }
 
+TEST_F(ConsumerTest, StaysInTheCheckedDirectoryWhenItsPathIsSwapped)
+{
+    const std::string victim = getTempDirectory() + "/victim";
+    std::filesystem::create_directory(victim);
+    std::ofstream(victim + "/nanomsgChannel.ipc") << "mine";
+    const std::string moved = getTempDirectory() + "/moved";
+    {
+        const ScriptedSender sender(getSocketName(), {.protocol = NanomsgProtocol::Pipeline});
+        log().onNext(
+            debugLog(::testing::StartsWith("VLX initial info:")), // after the check
+            [&]
+            {
+                std::filesystem::rename(sender.getDirectory(), moved);
+                std::filesystem::create_directory_symlink(victim, sender.getDirectory());
+            });
+        RecordedConsumer consumer({.name = getSocketName()});
+        ASSERT_TRUE(consumer.start());
+        ASSERT_TRUE(consumer.waitForEvent("format"));
+        EXPECT_TRUE(std::filesystem::is_socket(moved + "/nanomsgChannel.ipc"));
+        consumer.stop("swapped");
+        EXPECT_FALSE(std::filesystem::exists(moved + "/nanomsgChannel.ipc"));
+    }
+    EXPECT_EQ(std::filesystem::file_size(victim + "/nanomsgChannel.ipc"), 4U);
+    std::filesystem::remove_all(victim);
+    std::filesystem::remove_all(moved);
+}
+
 TEST_F(ConsumerTest, JoinsOnlyTheUserThatItIsToldTo)
 {
     if (::geteuid() != 0)
