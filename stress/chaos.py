@@ -101,15 +101,15 @@ def harass_receivers(run: Run) -> None:
 # Misbehaving clients.
 
 @fault("churn", "client connects and leaves 10,000 times", "others undisturbed, nothing left",
-       10_000, peers.churn)
+       10_000, peers.be_hostile, peers.churn)
 @fault("silent", "client joins both channels, never reads", "others undisturbed, nothing left",
        1, peers.send_once, peers.SUBSCRIBER)
 @fault("rubbish-sidechannel", "client writes rubbish to the sidechannel", "others undisturbed",
-       1, peers.write_rubbish, False)
+       1, peers.be_hostile, peers.write_rubbish, False)
 @fault("rubbish-main", "client writes rubbish to the main channel", "others undisturbed",
        1, peers.write_rubbish, True)
 @fault("oob", "client sends a byte of urgent data", "others undisturbed, nothing left",
-       1, peers.send_urgent)
+       1, peers.be_hostile, peers.send_urgent)
 @fault("lingering", "client passes a TCP socket that lingers",
        "others undisturbed, nothing left", 1, peers.pass_lingering)
 def run_beside(run: Run, times: int, role: Callable, *arguments: object) -> None:
@@ -153,7 +153,7 @@ def send_to_main_channel(run: Run, pipeline: bool, hello: bytes, message: bytes)
 def meet_impostor(run: Run, role: Callable) -> tuple[Peer, End]:
     """One that holds a sender's name, and a consumer that has met it."""
     name = make_name()
-    impostor = Peer(role, name)
+    impostor = Peer(peers.be_hostile, role, name)
     consumer = End("consume", name)
     run.within(lambda: impostor.count() > 0, "nobody came to the impostor")
     return impostor, consumer

@@ -12,6 +12,7 @@ sys.path.append(str(Path(__file__).resolve().parent.parent / "runs"))
 import chaos  # noqa: E402  each of these adds its rows
 import endurance  # noqa: E402
 import fleet  # noqa: E402
+import hostile  # noqa: E402, F401
 import rows  # noqa: E402
 from shared import ROOT, build, describe_machine, exit_on_signals  # noqa: E402
 import soak  # noqa: E402

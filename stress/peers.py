@@ -3,6 +3,7 @@ sender's name, another user in the sender's directory, and a provider of a netwo
 until it is killed, and calls its first argument whenever it has done its work once more."""
 
 from contextlib import suppress
+import ctypes
 import itertools
 import os
 from pathlib import Path
@@ -128,18 +129,12 @@ def send_urgent(note: Note, name: str) -> None:
 
 
 def pass_lingering(note: Note, name: str) -> None:
-    """Passes TCP sockets whose close would wait: their data has nowhere to go. From a child each,
-    which is gone before the sender closes its own."""
+    """From a child each, which is gone before the sender closes its own."""
     signal.signal(signal.SIGCHLD, signal.SIG_IGN)
     server = socket.create_server(("127.0.0.1", 0))
     while True:
         if os.fork() == 0:
-            tcp = socket.create_connection(server.getsockname())
-            tcp.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 2))
-            tcp.setblocking(False)
-            with suppress(BlockingIOError):
-                while True:
-                    tcp.send(bytes(65536))
+            tcp = make_lingering(server)
             socket.send_fds(join(name), [b"x"], [tcp.fileno()])
             tcp.close()
             os._exit(0)
@@ -222,6 +217,208 @@ def swap(note: Note, path: Path, put: Put) -> bool:
         note()
         return True
     return False
+
+
+def be_hostile(note: Note, role: Callable, *arguments: object) -> None:
+    """Plays a role as another user, where that is possible."""
+    if os.geteuid() == 0:
+        become_other_user()
+    role(note, *arguments)
+
+
+def pass_file_to_sender(note: Note, name: str, path: Path) -> None:
+    """Alone, and behind an urgent byte."""
+    file = os.open(path, os.O_RDONLY)
+    for number in itertools.count():
+        with suppress(OSError), join(name) as client:
+            socket.send_fds(client, [b"xy"], [file], socket.MSG_OOB if number % 2 else 0)
+            note()
+            time.sleep(0.05)
+
+
+def pass_file_to_receiver(note: Note, name: str, path: Path) -> None:
+    """Before and after a proper greeting."""
+    file = os.open(path, os.O_RDONLY)
+    channel, _publisher = open_main_channel()
+    server, clients = listen("\0" + name), []
+    for number in itertools.count():
+        clients.append(server.accept()[0])
+        with suppress(OSError):
+            if number % 2:
+                clients[-1].sendall(greeting(PUB_SUB, channel))
+                time.sleep(0.05)
+            socket.send_fds(clients[-1], [b"xy"], [file])
+            note()
+
+
+def serve_stuck_files(note: Note, device: int) -> None:
+    """A FUSE file system with one file, of which no close is ever answered. Structures as in
+    linux/fuse.h, version 7.31."""
+    lookup, getattr_, open_, flush, init, interrupt, forgets = 1, 3, 14, 25, 26, 36, (2, 42)
+
+    def attributes(node: int) -> bytes:
+        mode = 0o40755 if node == 1 else 0o100666
+        return struct.pack("<6Q10I", node, *[0] * 8, mode, 1, *[0] * 3, 4096, 0)
+
+    while True:
+        request = os.read(device, 1 << 17)
+        _, operation, unique, node = struct.unpack_from("<IIQQ", request)
+        note()
+        if operation in (flush, interrupt, *forgets):
+            continue
+        answers = {
+            init: lambda: struct.pack("<4I2H2I2H8I", 7, 31, 65536, 0, 0, 0, 65536, 1, *[0] * 10),
+            lookup: lambda: struct.pack("<4Q2I", 2, 0, 1000, 1000, 0, 0) + attributes(2),
+            getattr_: lambda: struct.pack("<Q2I", 1000, 0, 0) + attributes(node),
+            open_: lambda: struct.pack("<Q2I", 1, 0, 0),
+        }
+        body = answers[operation]() if operation in answers else b""
+        error = 0 if operation in answers else -38  # ENOSYS
+        os.write(device, struct.pack("<IiQ", 16 + len(body), error, unique) + body)
+
+
+def make_lingering(server: socket.socket) -> socket.socket:
+    """A TCP socket whose close would wait: its data has nowhere to go."""
+    tcp = socket.create_connection(server.getsockname())
+    tcp.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 4))
+    tcp.setblocking(False)
+    with suppress(BlockingIOError):
+        while True:
+            tcp.send(bytes(65536))
+    return tcp
+
+
+def fill_backlog(note: Note, name: str) -> None:
+    """With a lingering socket in each connection, behind an urgent byte."""
+    server = socket.create_server(("127.0.0.1", 0))
+    clients = []
+    while True:
+        client = socket.socket(socket.AF_UNIX)
+        client.setblocking(False)
+        try:
+            client.connect("\0" + name)
+        except BlockingIOError:  # it is full
+            signal.pause()
+        with make_lingering(server) as tcp:
+            socket.send_fds(client, [b"x"], [tcp.fileno()], socket.MSG_OOB)
+        clients.append(client)
+        note()
+
+
+def answer_differently(note: Note, name: str, targets: list[Path]) -> None:
+    """Holds a sender's name. Every second answer is good."""
+    path, _publisher = open_main_channel()
+    link = path.parent.with_name("VlxSender-linked")
+    link.symlink_to(targets[-1].parent)
+    good = greeting(PUB_SUB, path)
+    bad = [frame(b"\x01\0no end"), frame(b""), b"\xff\xff\xff\x7f", good.replace(b"\x02ipc", b"\x07ipc"),
+           greeting(PIPELINE, link / "nanomsgChannel.ipc"),
+           greeting(PIPELINE, Path("/tmp/" + "x" * 110))]
+    bad += [greeting(PIPELINE, target) for target in targets]
+    answers = itertools.cycle([answer for each in bad for answer in (good, each)])
+    server = listen("\0" + name)
+    while True:
+        client = server.accept()[0]
+        with suppress(OSError):
+            client.settimeout(0.3)
+            client.sendall(next(answers))
+            note()
+            client.recv(1)
+        client.close()
+
+
+def publish(note: Note, name: str, messages: Iterator[bytes]) -> None:
+    """Holds a sender's name, and publishes to each subscriber."""
+    path, publisher = open_main_channel()
+    visitors = greet(name, greeting(PUB_SUB, path))
+    threading.Thread(target=list, args=(visitors,), daemon=True).start()
+    while True:
+        subscriber = publisher.accept()[0]
+        with subscriber, suppress(OSError):
+            subscriber.sendall(PUBLISHER)
+            subscriber.recv(8, socket.MSG_WAITALL)
+            for message in messages:
+                subscriber.sendall(message)
+                note()
+
+
+def make_frame(timestamp: int, size: int) -> bytes:
+    """The message of a frame that is all silence."""
+    duration = size // 4 * 10**9 // 48_000
+    return (b"\x01" + struct.pack(">Q", 20 + size) +
+            struct.pack("<HHQQ", 2, 1, timestamp % 2**64, duration) + bytes(size))
+
+
+def flood(note: Note, name: str) -> None:
+    """With the smallest of frames, many at once."""
+    def make_messages() -> Iterator[bytes]:
+        while True:
+            now = time.monotonic_ns()
+            yield b"".join(make_frame(now + 20_833 * number, 4) for number in range(1000))
+    publish(note, name, make_messages())
+
+
+def send_gaps(note: Note, name: str) -> None:
+    """Gaps of a second up to years, small frames and larger ones."""
+    def make_frames() -> Iterator[bytes]:
+        timestamp = time.monotonic_ns()
+        for number in itertools.count():
+            timestamp += 10**9 if number < 50 else 10**17
+            yield make_frame(timestamp, 2040 if number % 2 else 4)
+            time.sleep(0.01)
+    publish(note, name, make_frames())
+
+
+def forge_names(note: Note, name: str) -> None:
+    """Listens under names that hold lines of /proc/net/unix: for the real sender's socket under
+    another name, and for sockets that are not there under the sender's."""
+    with open("/proc/net/unix", encoding="latin-1") as table:
+        inodes = [line.split()[6] for line in table if line.rstrip().endswith(f"@{name}")]
+    servers = []
+    for inode in [*inodes, "0", "1", "x"]:
+        for shown in (f"@{name}x", "@", f"@{name}"):
+            line = f"ffff: 00000002 00000000 00010000 0001 01 {inode} {shown}"
+            with suppress(OSError):
+                servers.append(listen(f"\0x\n{line}"))
+    note()
+    signal.pause()
+
+
+def hold_mute_names(note: Note, count: int) -> None:
+    """Looks as much as it can like a process with so many senders that hang."""
+    ctypes.CDLL(None).prctl(15, b"vlx-listener")  # PR_SET_NAME
+    servers = []
+    for number in range(count):
+        servers.append(socket.socket(socket.AF_UNIX, socket.SOCK_STREAM | socket.SOCK_NONBLOCK))
+        servers[-1].bind(f"\0mute-{os.getpid()}-{number}")
+        servers[-1].listen(4)
+        note()
+    signal.pause()
+
+
+def race_narrowing(note: Note) -> None:
+    """Joins every main channel that lets it, and notes those that go on to send."""
+    while True:
+        for entry in Path(os.environ["TMPDIR"]).glob("VlxSender-*"):
+            with suppress(OSError):
+                client = connect(str(entry / "nanomsgChannel.ipc"))
+                client.settimeout(2)
+                client.sendall(SUBSCRIBER)
+                if len(client.recv(64)) > len(SUBSCRIBER) or client.recv(64):
+                    note()
+
+
+def hold_connections(note: Note, name: str, count: int) -> None:
+    clients = []
+    while len(clients) < count:
+        client = socket.socket(socket.AF_UNIX)
+        client.setblocking(False)
+        with suppress(BlockingIOError):  # while the backlog is full
+            client.connect("\0" + name)
+            clients.append(client)
+        note()
+        time.sleep(0.01)
+    signal.pause()
 
 
 def swap_in_directories(note: Note, put: Put) -> None:
