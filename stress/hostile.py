@@ -9,7 +9,6 @@ import json
 import os
 from pathlib import Path
 import signal
-import socket
 import subprocess
 import time
 from typing import Callable

@@ -311,7 +311,8 @@ def answer_differently(note: Note, name: str, targets: list[Path]) -> None:
     link = path.parent.with_name("VlxSender-linked")
     link.symlink_to(targets[-1].parent)
     good = greeting(PUB_SUB, path)
-    bad = [frame(b"\x01\0no end"), frame(b""), b"\xff\xff\xff\x7f", good.replace(b"\x02ipc", b"\x07ipc"),
+    bad = [frame(b"\x01\0no end"), frame(b""), b"\xff\xff\xff\x7f",
+           good.replace(b"\x02ipc", b"\x07ipc"),
            greeting(PIPELINE, link / "nanomsgChannel.ipc"),
            greeting(PIPELINE, Path("/tmp/" + "x" * 110))]
     bad += [greeting(PIPELINE, target) for target in targets]
