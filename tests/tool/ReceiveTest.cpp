@@ -499,7 +499,7 @@ TEST_F(ReceiveTest, NothingIsLeftOfARecordingThatHasNotBegun)
             SCOPED_TRACE(name);
             if (exists)
                 std::ofstream(file(name)) << "a former recording";
-            ToolProcess receiver(receive({file(name), "-vvv"}));
+            ToolProcess receiver(receive({file(name), "-vvv", "--overwrite"}));
             ASSERT_TRUE(waitForText(receiver, "setting sequence nr"));
             EXPECT_EQ(receiver.stop(), 128 + SIGTERM);
             EXPECT_EQ(fs::exists(file(name)), exists);
@@ -522,7 +522,15 @@ TEST_F(ReceiveTest, UnfitOutputsAreRefused)
     expectRefusal(receive({file("a.wav"), "-t", "doc"}), 2, "\"doc\" is no kind");
     expectRefusal(receive({"-"}), 2, "terminal", onTerminal);
     expectRefusal(receive({"-", "-t", "flac"}), 1, "-t wav");
-    expectRefusal(receive({"-", "--split"}), 2, "--split");
+    for (const std::vector<std::string>& several :
+         {std::vector<std::string>{"--split"}, {"--max-duration", "1s"}, {"--name-pattern"}})
+    {
+        std::vector<std::string> arguments = {"-"};
+        arguments.insert(arguments.end(), several.begin(), several.end());
+        expectRefusal(receive(arguments), 2, several[0] + " needs a file name");
+    }
+    expectRefusal(receive({"/dev/null/%H.wav", "--name-pattern"}), 1, "no file can be made");
+    expectRefusal(receive({file("%H.doc"), "--name-pattern"}), 2, "\"doc\" is no kind");
     expectRefusal(receive({"-", "--report", "-"}), 2, "report");
     expectRefusal(receive({file("a.wav"), "--latency", "1s"}), 2, "--play");
     EXPECT_TRUE(fs::is_empty(m_files));
@@ -641,6 +649,96 @@ TEST_F(ReceiveTest, EachSequenceGetsAFileOfItsOwn)
     }
     EXPECT_EQ(readJson(file("r.json"))["samples"], samples);
     EXPECT_NE(receiver.getErrors().find("in 3 files"), std::string::npos) << receiver.getErrors();
+}
+
+TEST_F(ReceiveTest, NoFormerRecordingIsReplacedUnlessThatIsWanted)
+{
+    constexpr const char* Former = "a former recording";
+    for (const char* const name : {"a.wav", "b-001.wav", "b-017.wav", "b-x.wav", "100%.wav"})
+        std::ofstream(file(name)) << Former;
+    const auto isFormer = [&](const char* name)
+    {
+        std::string content;
+        std::getline(std::ifstream(file(name)), content);
+        return content == Former;
+    };
+    expectRefusal(receive({file("a.wav")}), 1, "--overwrite");
+    expectRefusal(receive({file("100%.wav")}), 1, "--overwrite");
+    ToolProcess sender(send({"--tone", "440"}));
+    struct Row
+    {
+        std::vector<std::string> arguments; // behind the name
+        const char* name;
+        const char* file;
+    };
+    const Row rows[] = {
+        {{"--split"}, "b.wav", "b-018.wav"},
+        {{"--split", "--overwrite"}, "b.wav", "b-001.wav"},
+        {{"--overwrite"}, "a.wav", "a.wav"},
+        {{"--name-pattern"}, "made/c%%%%.wav", "made/c%%.wav"},
+        {{"--name-pattern"}, "made/c%%%%.wav", "made/c%%-001.wav"},
+        {{"--name-pattern"}, "made/c%%%%.wav", "made/c%%-002.wav"}};
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.file);
+        std::vector<std::string> arguments = {
+            file(row.name), "-d", "20ms", "--report", file("r.json")};
+        arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+        ToolProcess receiver(receive(arguments));
+        EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
+        EXPECT_EQ(readSound(file(row.file)).info.frames, Rate / 50);
+        EXPECT_EQ(readJson(file("r.json"))["files"], json({file(row.file)}));
+    }
+    EXPECT_TRUE(isFormer("b-017.wav") && isFormer("100%.wav"));
+    EXPECT_FALSE(isFormer("b-001.wav") || isFormer("a.wav"));
+
+    // One that appears while there is no sender yet stays, too.
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+    ToolProcess receiver(receive({file("d.wav"), "--report", file("d.json")}));
+    ASSERT_TRUE(waitFor([&] { return fs::exists(file("d.json")); }));
+    std::ofstream(file("d.wav")) << Former;
+    ToolProcess another(send({"--tone", "440"}));
+    EXPECT_EQ(receiver.wait(), 1);
+    EXPECT_NE(receiver.getErrors().find("File exists"), std::string::npos) << receiver.getErrors();
+    EXPECT_TRUE(isFormer("d.wav"));
+    EXPECT_EQ(another.stop(), 128 + SIGTERM);
+}
+
+TEST_F(ReceiveTest, FilesOfALimitedLengthMakeUpTheWhole)
+{
+    ToolSettings settings;
+    settings.input = makeNoise(Rate / 10 * 2);
+    // Frames of 10 ms end inside the files.
+    ToolProcess receiver(receive(
+        {file("a.raw"), "-q", "--oneshot", "--max-duration", "23ms", "--report", file("r.json")}));
+    ToolProcess sender(send({"-", "-f", "s16", "-c", "1", "--protocol", "pipeline"}), settings);
+    EXPECT_EQ(sender.wait(), 0) << sender.getErrors();
+    EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
+    std::string content;
+    const json report = readJson(file("r.json"));
+    ASSERT_EQ(report["files"].size(), 5U);
+    for (std::size_t i = 0; i < 5; ++i)
+    {
+        const std::string name = file("a-00" + std::to_string(i + 1) + ".raw");
+        EXPECT_EQ(report["files"][i], name);
+        EXPECT_EQ(fs::file_size(name), (i < 4 ? 23U : 8U) * Rate / 1000 * 2);
+        std::ifstream stream(name, std::ios::binary);
+        content.append(std::istreambuf_iterator<char>(stream), {});
+    }
+    EXPECT_TRUE(content == *settings.input);
+    // The place of each stretch follows from its time.
+    const json& segments = report["connections"][0]["segments"];
+    ASSERT_GE(segments.size(), 5U);
+    std::uint64_t samples = 0;
+    for (const json& segment : segments)
+    {
+        EXPECT_EQ(
+            segment["file"].get<std::uint64_t>() * 23 * Rate / 1000 +
+                segment["file_sample"].get<std::uint64_t>(),
+            samples);
+        samples += segment["samples"].get<std::uint64_t>();
+    }
+    EXPECT_EQ(samples, report["samples"]);
 }
 
 TEST_F(ReceiveTest, GapsAreFilledCountedAndSaid)

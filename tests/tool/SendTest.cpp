@@ -39,7 +39,7 @@ protected:
     /// Runs a sender to its end into a raw recording. In a pipeline nothing is lost.
     void transfer(std::vector<std::string> input, const ToolSettings& settings = {})
     {
-        ToolProcess receiver(receive({file("out.raw"), "-q", "--oneshot"}));
+        ToolProcess receiver(receive({file("out.raw"), "-q", "--oneshot", "--overwrite"}));
         input.insert(input.end(), {"--protocol", "pipeline", "--report", file("s.json")});
         ToolProcess sender(send(input), settings);
         ASSERT_EQ(sender.wait(), 0) << sender.getErrors();

@@ -67,12 +67,21 @@ struct OutputWaits
 /// read. Exceptions are kinds that keep samples back until a block is full: FLAC, Ogg, Opus and MP3
 /// files are readable up to the last complete block.
 ///
-/// @param path  "-" for standard output
-/// @param type  kind of file, such as "wav" or "raw"; empty: by the path's extension, WAV if it has
-///              none, and raw samples for "-". Only raw samples and WAV go into a pipe
-/// @throws CommandFailure if it cannot be written, or the kind is not known
-std::unique_ptr<AudioOutput>
-openOutput(const std::string& path, const std::string& type, const OutputWaits& waits);
+/// @param path       "-" for standard output
+/// @param type       kind of file, such as "wav" or "raw"; empty: by the path's extension, WAV if it
+///                   has none, and raw samples for "-". Only raw samples and WAV go into a pipe
+/// @param overwrite  a file that exists is replaced
+/// @throws CommandFailure if it cannot be written, or exists, or the kind is not known
+std::unique_ptr<AudioOutput> openOutput(
+    const std::string& path,
+    const std::string& type,
+    bool overwrite,
+    const OutputWaits& waits);
+
+/// Checks what can be checked of a file that is opened later.
+///
+/// @throws CommandFailure if the kind is not known, or the directory takes no file
+void checkOutput(const std::string& path, const std::string& type);
 
 /// @return names of all kinds, for the help
 std::string listOutputTypes();

@@ -92,6 +92,14 @@ const FileKind& findKind(const std::string& type)
     return *found;
 }
 
+/// @param type  as the user named it; empty: by the path
+/// @throws CommandFailure if the kind is not known
+const FileKind& chooseKind(const std::string& path, const std::string& type)
+{
+    const std::string preset = path == "-" ? "raw" : getExtension(path);
+    return findKind(type.empty() ? preset : toLower(type));
+}
+
 /// What libsndfile calls each sample format, in the order of PcmFormat.
 constexpr int Subtypes[] = {SF_FORMAT_PCM_S8, SF_FORMAT_PCM_U8, SF_FORMAT_PCM_16, SF_FORMAT_PCM_16,
                             SF_FORMAT_PCM_24, SF_FORMAT_PCM_24, SF_FORMAT_PCM_32, SF_FORMAT_PCM_32,
@@ -142,10 +150,12 @@ public:
         const std::string& path,
         bool isStream,
         const FileKind& kind,
+        bool overwrite,
         const OutputWaits& waits)
         : m_name(path == "-" ? "standard output" : quote(path)),
           m_isStream(isStream),
           m_kind(kind),
+          m_overwrite(overwrite),
           m_stop(waits.stop)
     {
         if (path == "-")
@@ -231,7 +241,7 @@ private:
     // A directory that takes no new file may hold one that can be written.
     void openInPlace(const std::string& path, const Deadline& deadline)
     {
-        const int flags = O_WRONLY | (m_isStream ? 0 : O_CREAT);
+        const int flags = O_WRONLY | (m_isStream ? 0 : O_CREAT | (m_overwrite ? 0 : O_EXCL));
         const PollResult result = openPatiently(path.c_str(), flags, m_stop, deadline, m_fd);
         if (result == PollResult::TimedOut)
             throw CommandFailure(ExitCode::TimedOut, "nobody reads " + m_name);
@@ -365,7 +375,10 @@ private:
     {
         if (m_written.empty())
             return;
-        if (::rename(m_written.c_str(), m_target.c_str()) != 0)
+        // Another program may have made the file meanwhile. Not every file system can tell.
+        const unsigned int flags = m_overwrite ? 0 : RENAME_NOREPLACE;
+        if (::renameat2(AT_FDCWD, m_written.c_str(), AT_FDCWD, m_target.c_str(), flags) != 0 &&
+            (errno != EINVAL || ::rename(m_written.c_str(), m_target.c_str()) != 0))
             fail(miscUtils::strerror_r_safe(errno));
         m_written.clear();
     }
@@ -399,6 +412,7 @@ private:
     const std::string m_name; // for messages
     const bool m_isStream;
     const FileKind& m_kind;
+    const bool m_overwrite;
     const StopSignal& m_stop;
     std::string m_target;  // where the file belongs
     std::string m_written; // where it is until it is committed; empty: at the target already
@@ -417,8 +431,11 @@ private:
 
 } // unnamed namespace
 
-std::unique_ptr<AudioOutput>
-openOutput(const std::string& path, const std::string& type, const OutputWaits& waits)
+std::unique_ptr<AudioOutput> openOutput(
+    const std::string& path,
+    const std::string& type,
+    bool overwrite,
+    const OutputWaits& waits)
 {
     namespace fs = std::filesystem;
     if (path == "-" && wasClosed(STDOUT_FILENO))
@@ -428,18 +445,34 @@ openOutput(const std::string& path, const std::string& type, const OutputWaits& 
             ExitCode::Usage,
             "standard output is a terminal, and samples are no text: redirect it, or name a file");
 
-    const std::string preset = path == "-" ? "raw" : getExtension(path);
-    const std::string kindName = type.empty() ? preset : toLower(type);
-    const FileKind& kind = findKind(kindName);
+    const FileKind& kind = chooseKind(path, type);
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
     const bool isStream = path == "-" || (fs::exists(status) && fs::is_other(status));
-    if (isStream && kind.container != SF_FORMAT_RAW && kindName != "wav")
+    if (isStream && kind.container != SF_FORMAT_RAW && kind.container != SF_FORMAT_WAV)
         throw CommandFailure(
             ExitCode::Failed, "cannot write \"" + path +
                                   "\": only raw samples (-t raw) or a WAV stream (-t wav) go where "
                                   "nothing can be rewritten");
-    return std::make_unique<FileOutput>(path, isStream, kind, waits);
+    if (!overwrite && fs::is_regular_file(status))
+        throw CommandFailure(
+            ExitCode::Failed,
+            "\"" + path + "\" exists: choose another name, or replace it with --overwrite");
+    return std::make_unique<FileOutput>(path, isStream, kind, overwrite, waits);
+}
+
+void checkOutput(const std::string& path, const std::string& type)
+{
+    namespace fs = std::filesystem;
+    chooseKind(path, type);
+    std::error_code error;
+    fs::path directory = fs::absolute(path, error).parent_path();
+    while (directory.has_relative_path() && !fs::exists(directory, error))
+        directory = directory.parent_path(); // what is missing is made
+    if (::access(directory.c_str(), W_OK | X_OK) != 0)
+        throw CommandFailure(
+            ExitCode::Failed, "cannot write \"" + path + "\": no file can be made in \"" +
+                                  directory.string() + "\": " + miscUtils::strerror_r_safe(errno));
 }
 
 std::string listOutputTypes()

@@ -48,6 +48,18 @@ void ConnectionRecord::addFrame(
     segments.back().samples += samples;
 }
 
+void ConnectionRecord::continueIn(
+    const FilePlace& place,
+    std::uint64_t samples,
+    const kit::StreamFormat& format)
+{
+    if (segments.empty() || segments.size() >= MaxSegments)
+        return;
+    Segment& last = segments.back();
+    last.samples -= std::min(samples, last.samples);
+    segments.push_back({place, last.timestamp + format.toNanoseconds(last.samples), samples});
+}
+
 nlohmann::ordered_json ConnectionRecord::toJson() const
 {
     nlohmann::ordered_json stretches = nlohmann::ordered_json::array();

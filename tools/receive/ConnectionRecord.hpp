@@ -37,6 +37,12 @@ struct ConnectionRecord
     /// @param place    where the first of them goes
     void addFrame(const ReceivedFrame& frame, std::uint64_t samples, const FilePlace& place);
 
+    /// Notes that the last frame goes on in another file.
+    ///
+    /// @param place    where it goes on
+    /// @param samples  of the frame that stand there
+    void continueIn(const FilePlace& place, std::uint64_t samples, const kit::StreamFormat& format);
+
     nlohmann::ordered_json toJson() const;
 
     const char* joinedAfter = "start"; ///< what the join time counts from

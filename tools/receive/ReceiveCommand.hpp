@@ -18,6 +18,9 @@ struct ReceiveOptions
     std::string type;   ///< of the output; empty: by its extension
     std::string play;   ///< device; empty: it is recorded
     bool split = false;
+    bool overwrite = false;
+    bool namePattern = false;     ///< the output is a pattern for strftime()
+    OptionalDuration maxDuration; ///< of a file
     bool noFill = false;
     bool oneshot = false;
     OptionalDuration duration;

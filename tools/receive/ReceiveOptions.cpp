@@ -27,6 +27,14 @@ void addOutputOptions(CLI::App& command, ReceiveOptions& options)
     CLI::Option* const split = command.add_flag(
         "--split", options.split,
         "Begin another numbered file with each sequence or format, as in out-001.wav");
+    CLI::Option* const maxDuration = addDurationOption(
+        command, "--max-duration", options.maxDuration,
+        "Begin another numbered file when one has this much audio");
+    CLI::Option* const namePattern = command.add_flag(
+        "--name-pattern", options.namePattern,
+        "OUTPUT is a pattern as for date(1), for the local time of the first frame");
+    CLI::Option* const overwrite = command.add_flag(
+        "--overwrite", options.overwrite, "Replace files that exist, instead of refusing that");
     CLI::Option* const noFill = command.add_flag(
         "--no-fill", options.noFill, "Leave gaps out, instead of filling them with silence");
     CLI::Option* const play =
@@ -41,7 +49,8 @@ void addOutputOptions(CLI::App& command, ReceiveOptions& options)
         command, "--latency", options.latency,
         "Play each sample this long after its timestamp [100ms]")
         ->needs(play);
-    for (CLI::Option* const other : {output, type, raw, split, noFill})
+    for (CLI::Option* const other :
+         {output, type, raw, split, maxDuration, namePattern, overwrite, noFill})
         play->excludes(other);
 }
 
@@ -66,10 +75,16 @@ CLI::App* addReceiveCommand(CLI::App& program, ReceiveOptions& options)
         {
             if (options.output.empty() && options.play.empty())
                 throw CLI::ValidationError("OUTPUT or --play is required");
-            if (options.output == "-" && (options.split || options.report == "-"))
+            const char* const needsFiles = options.split         ? "--split"
+                                           : options.maxDuration ? "--max-duration"
+                                           : options.namePattern ? "--name-pattern"
+                                                                 : nullptr;
+            if (options.output == "-" && needsFiles != nullptr)
                 throw CLI::ValidationError(
-                    options.split ? "--split needs files, and - is none"
-                                  : "standard output takes either the samples or the report");
+                    std::string(needsFiles) + " needs a file name, and - is standard output");
+            if (options.output == "-" && options.report == "-")
+                throw CLI::ValidationError(
+                    "standard output takes either the samples or the report");
         });
     return command;
 }

@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/RealTime.hpp>
 
 #include "common/ExitCodes.hpp"
@@ -41,11 +42,13 @@ std::string toCount(std::uint64_t count, const std::string& thing)
     return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
 }
 
-/// @return the path with a number before its extension
-std::string numberPath(const std::filesystem::path& path, std::size_t number)
+/// @return what the clock on the wall showed at a point of CLOCK_MONOTONIC
+std::chrono::system_clock::time_point toWallTime(TimeValue time)
 {
-    const std::string stem = path.stem().string() + formatText("-%03zu", number + 1);
-    return std::filesystem::path(path).replace_filename(stem + path.extension().string());
+    const auto age = static_cast<std::int64_t>(miscUtils::getMonotonicSysclockTime() - time);
+    return std::chrono::system_clock::now() -
+           std::chrono::duration_cast<std::chrono::system_clock::duration>(
+               std::chrono::nanoseconds(age));
 }
 
 } // unnamed namespace
@@ -54,7 +57,8 @@ Recorder::Recorder(const ReceiveOptions& options, const OutputWaits& waits, Time
     : m_options(options),
       m_waits(waits),
       m_queue(QueueLimits),
-      m_output(openOutput()),
+      m_names(options),
+      m_output(openFirstOutput()),
       m_waitBegin(startTime)
 {
     const kit::RealTimeScope scope(options.play.empty() ? kit::RealTime() : options.realTime);
@@ -73,14 +77,33 @@ void Recorder::finish()
         m_thread.join();
 }
 
-std::unique_ptr<AudioOutput> Recorder::openOutput() const
+/// Opened before there is a sender, so that an output that cannot be written is reported at once.
+///
+/// @return null if the first frame's time names it
+std::unique_ptr<AudioOutput> Recorder::openFirstOutput()
+{
+    if (!m_options.namePattern)
+        return openOutput();
+    const std::string example = expandPattern(m_options.output, std::chrono::system_clock::now());
+    if (example.empty())
+        throw CommandFailure(ExitCode::Usage, "the pattern gives no name");
+    checkOutput(example, m_options.type);
+    return nullptr;
+}
+
+std::unique_ptr<AudioOutput> Recorder::openOutput()
 {
     if (!m_options.play.empty())
         return openPlayOutput(
             m_options.play, m_options.latency.value_or(DefaultLatency), m_waits.stop);
-    return tool::openOutput(
-        m_options.split ? numberPath(m_options.output, m_place.file) : m_options.output,
-        m_options.type, m_waits);
+    const std::string path = m_names.getNext(toWallTime(m_time));
+    const std::filesystem::path directory = std::filesystem::path(path).parent_path();
+    std::error_code error; // opening the file will tell
+    if (m_options.namePattern && !directory.empty())
+        std::filesystem::create_directories(directory, error);
+    auto output = tool::openOutput(path, m_options.type, m_options.overwrite, m_waits);
+    m_files.push_back(path);
+    return output;
 }
 
 void Recorder::work()
@@ -91,7 +114,7 @@ void Recorder::work()
     {
         if (next)
             attempt([&] { std::visit([this](const auto& event) { handle(event); }, *next); });
-        if (m_state != RecorderState::Failed)
+        if (m_output && m_state != RecorderState::Failed)
             attempt([this] { m_output->work(); });
     }
     endConnection("stop", "stop", 0);
@@ -119,8 +142,10 @@ void Recorder::handle(const AnnouncedFormat& announced)
     m_announced = announced;
     getConnection().announced = announced;
     const kit::StreamFormat& format = announced.format;
-    if (!m_format)
+    if (!m_format && m_output)
         startOutput(format);
+    else if (!m_format)
+        m_nextFormat = format;
     else if (isNextOutputWanted(format))
         m_nextFormat = format;
     else if (*m_format == format)
@@ -149,8 +174,11 @@ void Recorder::continueInNextOutput()
 {
     const kit::StreamFormat format = *std::exchange(m_nextFormat, std::nullopt);
     closeOutput();
-    m_closedNs += static_cast<std::int64_t>(m_format->toNanoseconds(m_place.sample));
-    m_place = {m_place.file + 1, 0};
+    if (m_format)
+    {
+        m_closedNs += static_cast<std::int64_t>(m_format->toNanoseconds(m_place.sample));
+        m_place = {m_place.file + 1, 0};
+    }
     m_fillRestNs = 0;
     m_output = openOutput();
     startOutput(format);
@@ -162,12 +190,15 @@ void Recorder::closeOutput()
         return;
     m_closedOutputs.push_back(std::move(m_output));
     m_closedOutputs.back()->finish();
+    if (m_options.play.empty())
+        m_closedOutputs.clear(); // files have nothing to add
 }
 
 void Recorder::handle(const ReceivedFrame& frame)
 {
-    if (m_state != RecorderState::Going || !m_format)
+    if (m_state != RecorderState::Going || (!m_format && !m_nextFormat))
         return;
+    m_time = frame.time;
     if (m_queue.getNumDropped() > 0 && isStopOverdue())
     {
         ++m_numCut;
@@ -192,6 +223,8 @@ void Recorder::handle(const ReceivedFrame& frame)
     const std::size_t sampleBytes = m_format->getBytesPerSample();
     const std::uint64_t samples =
         std::min<std::uint64_t>(frame.data.size() / sampleBytes, getSamplesLeft());
+    if (samples > 0)
+        continueWhenFull();
     getConnection().addFrame(frame, samples, m_place);
     complainIfOdd(frame);
     write(ByteView(frame.data).first(samples * sampleBytes), frame.localTime);
@@ -236,6 +269,7 @@ void Recorder::fillGap(const ReceivedFrame& frame)
     std::uint64_t samples = 0;
     for (std::uint64_t rest = std::min(wanted, getSamplesLeft()); rest > 0; rest -= samples)
     {
+        m_time = frame.time - m_format->toNanoseconds(rest);
         // What follows would stand in the wrong place.
         if (isStopOverdue())
         {
@@ -245,6 +279,7 @@ void Recorder::fillGap(const ReceivedFrame& frame)
         samples = std::min(rest, samplesAtOnce);
         write(ByteView(silence).first(samples * sampleBytes), 0);
     }
+    m_time = frame.time;
 }
 
 /// @return whether a stop has been waiting for the recorder for some time
@@ -260,13 +295,43 @@ bool Recorder::isStopOverdue()
 
 void Recorder::write(const ByteView& bytes, TimeValue time)
 {
-    if (bytes.empty())
-        return;
-    m_output->write(bytes, time);
-    const std::uint64_t samples = bytes.size() / m_format->getBytesPerSample();
-    m_place.sample += samples;
-    m_numSamples += samples;
-    m_durationNs = m_closedNs + static_cast<std::int64_t>(m_format->toNanoseconds(m_place.sample));
+    const std::size_t sampleBytes = m_format->getBytesPerSample();
+    for (std::size_t place = 0; place < bytes.size();)
+    {
+        if (continueWhenFull() && place > 0)
+            getConnection().continueIn(m_place, (bytes.size() - place) / sampleBytes, *m_format);
+        const std::uint64_t samples =
+            std::min<std::uint64_t>((bytes.size() - place) / sampleBytes, getSamplesLeftInFile());
+        m_output->write(bytes.subspan(place, samples * sampleBytes), time);
+        place += samples * sampleBytes;
+        m_place.sample += samples;
+        m_numSamples += samples;
+        m_durationNs =
+            m_closedNs + static_cast<std::int64_t>(m_format->toNanoseconds(m_place.sample));
+    }
+}
+
+/// Begins another file in the place of one that has its length.
+///
+/// @return whether that was done
+bool Recorder::continueWhenFull()
+{
+    if (getSamplesLeftInFile() > 0)
+        return false;
+    m_nextFormat = m_format;
+    const std::int64_t fillRestNs = m_fillRestNs;
+    continueInNextOutput();
+    m_fillRestNs = fillRestNs;
+    return true;
+}
+
+std::uint64_t Recorder::getSamplesLeftInFile() const
+{
+    if (!m_options.maxDuration)
+        return UINT64_MAX;
+    const auto length = static_cast<TimeValue>(m_options.maxDuration->count());
+    const std::uint64_t limit = std::max<std::uint64_t>(m_format->toSamples(length), 1);
+    return limit - std::min(limit, m_place.sample);
 }
 
 void Recorder::complainIfOdd(const ReceivedFrame& frame) const
@@ -351,8 +416,8 @@ std::string Recorder::summarize() const
         text += m_fills ? ", filled with silence" : ", left out";
     if (m_unfilledNs > 0)
         text += " but for " + toSeconds(m_unfilledNs);
-    if (m_place.file > 0 && m_options.split)
-        text += ", in " + toCount(m_place.file + 1, "file");
+    if (m_files.size() > 1)
+        text += ", in " + toCount(m_files.size(), "file");
     if (const std::uint64_t lost = getNumLost(); lost > 0)
         text += "; " + toCount(lost, "frame") + " lost: the output was too slow";
     for (const auto& output : m_closedOutputs)
@@ -372,6 +437,7 @@ void Recorder::addToReport(nlohmann::ordered_json& report) const
     report["gaps"] = m_numGaps.load();
     report["gap_ns"] = m_gapNs;
     report["overflowed_frames"] = getNumLost();
+    report["files"] = m_files;
     report["connections_without_frames"] = m_emptyConnections;
     for (const auto& output : m_closedOutputs)
         output->addToReport(report);

@@ -12,6 +12,7 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include "ConnectionRecord.hpp"
+#include "FileNames.hpp"
 #include "ReceiveCommand.hpp"
 #include "StreamEvents.hpp"
 #include "audio/AudioOutput.hpp"
@@ -87,7 +88,8 @@ public:
     void addToReport(nlohmann::ordered_json& report) const;
 
 private:
-    std::unique_ptr<AudioOutput> openOutput() const;
+    std::unique_ptr<AudioOutput> openFirstOutput();
+    std::unique_ptr<AudioOutput> openOutput();
     void work();
     void attempt(const std::function<void()>& work);
     void handle(const ReceivedFrame& frame);
@@ -103,6 +105,8 @@ private:
     void fillGap(const ReceivedFrame& frame);
     void write(const ByteView& bytes, TimeValue time);
     void complainIfOdd(const ReceivedFrame& frame) const;
+    bool continueWhenFull();
+    std::uint64_t getSamplesLeftInFile() const;
     bool isStopOverdue();
     std::uint64_t getSamplesLeft() const;
 
@@ -122,7 +126,10 @@ private:
     std::atomic<std::int64_t> m_durationNs = 0;
 
     // Recorder's thread, and after finish() whoever called it.
-    FilePlace m_place; // of what is written next
+    FilePlace m_place;    // of what is written next
+    TimeValue m_time = 0; // of arrival of what is written next
+    FileNames m_names;
+    std::vector<std::string> m_files; // that were opened
     std::unique_ptr<AudioOutput> m_output;
     std::vector<std::unique_ptr<AudioOutput>> m_closedOutputs; // for the report
     std::optional<kit::StreamFormat> m_format;                 // of the output
