@@ -34,6 +34,7 @@
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
 #include <vlxkit/Text.hpp>
+#include <vlxkit/Users.hpp>
 
 #include "Clocks.hpp"
 #include "ElementType.hpp"
@@ -66,6 +67,7 @@ constexpr std::int64_t ImplausibleNs = 60'000'000'000;
 struct Settings
 {
     std::string name;
+    std::string senderUser;
     guint64 timeoutNs = 0;
     bool eosOnDisconnect = false;
     int realtimePriority = 0;
@@ -107,7 +109,8 @@ public:
     void setProperty(guint id, const GValue* value);
     GstStructure* makeStatistics() const;
 
-    bool start();
+    // State changes.
+    bool onStart();
     bool stop();
     bool onPlaying();
     void onPaused();
@@ -139,12 +142,14 @@ private:
     GstFlowReturn applyFormat(const kit::StreamFormat& format);
     GstClockTime toRunningTime(const QueuedFrame& frame, GstClock* clock);
     bool isStreamClock(GstClock* clock);
+    std::optional<ClockEndpoint> askForClock() const;
 
     GstBaseSrc* const m_element;
     GstElement* const m_gstElement;
     ProvidedClock m_providedClock;
 
     // Streaming thread, or state changes while there is none.
+    std::optional<uid_t> m_senderUser;
     std::optional<ClockEndpoint> m_streamEndpoint;
     std::optional<kit::StreamFormat> m_appliedFormat;
     bool m_warnedOfTimestamps = false;
@@ -208,10 +213,21 @@ GstStructure* Src::makeStatistics() const
         toTime(counts.ages.getMax()), nullptr);
 }
 
-bool Src::start()
+bool Src::onStart()
 {
     forwardLibraryLog();
-    if (getSettings().name.empty())
+    const Settings settings = getSettings();
+    m_senderUser = kit::findUser(settings.senderUser);
+    if (!settings.senderUser.empty() && !m_senderUser)
+    {
+        GST_ELEMENT_ERROR(
+            m_element, RESOURCE, SETTINGS,
+            ("There is no user %s: set \"sender-user\" to a name or a number.",
+             kit::quote(settings.senderUser).c_str()),
+            (nullptr));
+        return false;
+    }
+    if (settings.name.empty())
     {
         GST_ELEMENT_ERROR(
             m_element, RESOURCE, SETTINGS, ("The stream has no name: set \"socket-name\"."),
@@ -247,6 +263,7 @@ bool Src::onPlaying()
     const Settings settings = getSettings();
     kit::ConsumerOptions options;
     options.name = settings.name;
+    options.senderUser = m_senderUser;
     options.stallTimeout = std::chrono::nanoseconds(settings.stallTimeoutNs);
     if (settings.realtimePriority > 0)
         options.realTime = {kit::RealTimeUse::Try, settings.realtimePriority};
@@ -288,21 +305,25 @@ bool Src::stop()
     return true;
 }
 
-// Asks the sender, if it is there, which network clock its timestamps stand on, and follows that.
+// Asks the sender, if it is there, which network clock its timestamps stand on.
+std::optional<ClockEndpoint> Src::askForClock() const
+{
+    const kit::SenderProbe probe = kit::probeSender(getSettings().name, ProbeTimeout);
+    if (!probe.initialInfo || (m_senderUser && probe.user != m_senderUser) ||
+        probe.initialInfo->timeSyncProtocol != TimeSyncProtocol::GstNetClock)
+        return std::nullopt;
+    return ClockEndpoint{probe.initialInfo->timeSyncIPAddress, probe.initialInfo->timeSyncPort};
+}
+
 void Src::setUpClock()
 {
     const Settings settings = getSettings();
     m_streamEndpoint.reset();
     if (!settings.provideClock || settings.name.empty())
         return;
-    const kit::SenderProbe probe = kit::probeSender(settings.name, ProbeTimeout);
-    if (!probe.initialInfo ||
-        probe.initialInfo->timeSyncProtocol != TimeSyncProtocol::GstNetClock ||
-        probe.initialInfo->timeSyncPort == 0)
-        return;
-
-    m_streamEndpoint = {probe.initialInfo->timeSyncIPAddress, probe.initialInfo->timeSyncPort};
-    m_providedClock.offer(*m_streamEndpoint);
+    m_streamEndpoint = askForClock();
+    if (m_streamEndpoint)
+        m_providedClock.offer(*m_streamEndpoint);
 }
 
 void Src::answerLatency(GstQuery* query) const
@@ -520,13 +541,7 @@ bool Src::isStreamClock(GstClock* clock)
     if (!followed)
         return false;
     if (!m_streamEndpoint)
-    {
-        const kit::SenderProbe probe = kit::probeSender(getSettings().name, ProbeTimeout);
-        m_streamEndpoint.emplace(); // asked once for each start
-        if (probe.initialInfo)
-            *m_streamEndpoint = {
-                probe.initialInfo->timeSyncIPAddress, probe.initialInfo->timeSyncPort};
-    }
+        m_streamEndpoint = askForClock().value_or(ClockEndpoint()); // asked once for each start
     return followed == m_streamEndpoint;
 }
 
@@ -582,6 +597,10 @@ void installProperties(gpointer elementClass)
 {
     auto& properties = Src::getProperties();
     properties.begin(elementClass);
+    properties.addText(
+        "sender-user", &Settings::senderUser,
+        "User whose sender is joined, by name or number; senders of other users are waited out; "
+        "empty: any");
     properties.addNumber(
         "timeout", &Settings::timeoutNs, Mutability::Stopped,
         "Time to wait for a sender before posting an error, in nanoseconds; 0: no limit");
@@ -636,7 +655,6 @@ void Src::initClass(gpointer elementClass)
     installProperties(elementClass);
 
     auto* const srcClass = GST_BASE_SRC_CLASS(elementClass);
-    srcClass->start = [](GstBaseSrc* self) -> gboolean { return Type::of(self).start(); };
     srcClass->stop = [](GstBaseSrc* self) -> gboolean { return Type::of(self).stop(); };
     srcClass->negotiate = [](GstBaseSrc*) -> gboolean { return TRUE; }; // the stream decides
     srcClass->query = answerQuery;

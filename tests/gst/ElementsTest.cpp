@@ -3,6 +3,7 @@
 #include <memory>
 
 #include <gst/check/gstharness.h>
+#include <gst/net/gstnet.h>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 
@@ -40,6 +41,7 @@ TEST_F(ElementsTest, PropertiesHaveTheirDefaultsAndTakeValues)
         {"vlxsink", "wait-for-connection", "true", "false"},
         {"vlxsink", "sync", "true", "false"},
         {"vlxsrc", "socket-name", "", "kitchen"},
+        {"vlxsrc", "sender-user", "", "root"},
         {"vlxsrc", "timeout", "0", "9000000000"},
         {"vlxsrc", "eos-on-disconnect", "false", "true"},
         {"vlxsrc", "do-timestamp", "false", "true"},
@@ -152,6 +154,29 @@ TEST_F(ElementsTest, PropertiesTakeEffectFromReady)
         receiver.set(GST_STATE_PLAYING);
         EXPECT_TRUE(receiver.pull()) << name;
     }
+}
+
+TEST_F(ElementsTest, SenderOfAnotherUserIsNotJoined)
+{
+    const auto makeUser = [](uid_t user) { return "sender-user=" + std::to_string(user); };
+    const Pipeline sender(makeSender("serve-clock=true wait-for-connection=false"));
+    sender.set(GST_STATE_PLAYING);
+    ASSERT_TRUE(waitFor([&] { return sender.getCount("sink", "sequences") > 0; }));
+
+    const Pipeline same(makeReceiver(makeUser(::getuid())));
+    same.set(GST_STATE_PLAYING);
+    EXPECT_TRUE(same.pull());
+    const Pipeline other(makeReceiver(makeUser(::getuid() + 1)));
+    other.set(GST_STATE_PLAYING);
+    EXPECT_TRUE(other.waitForMessage(GST_MESSAGE_WARNING));
+    EXPECT_EQ(other.getCount("src", "frames"), 0U);
+    const auto followsClock = [](const Pipeline& pipeline)
+    { return GST_IS_NET_CLIENT_CLOCK(GST_ELEMENT_CLOCK(pipeline.get())) != FALSE; };
+    EXPECT_TRUE(followsClock(same));
+    EXPECT_FALSE(followsClock(other)) << "of an untrusted sender";
+    const Pipeline unknown(makeReceiver("sender-user=no/such/user"));
+    gst_element_set_state(unknown.get(), GST_STATE_PLAYING);
+    EXPECT_TRUE(unknown.waitForMessage(GST_MESSAGE_ERROR));
 }
 
 // PubSub loses what comes all at once.
