@@ -146,6 +146,8 @@ TEST_F(ElementsClockTest, TimestampsFollowAnyClock)
             EXPECT_GE(difference, 0) << "arrived before it was due";
             EXPECT_LT(difference, Ahead / 2);
         });
+    for (const Pipeline* pipeline : {&reference, &shifted})
+        EXPECT_EQ(countMessages(*pipeline, GST_MESSAGE_WARNING), 0U) << "stamps on no known clock";
 }
 
 // The sender's clock is far off CLOCK_MONOTONIC.
