@@ -192,8 +192,8 @@ Cleaning removeDeadEntries(const std::string& baseDirectory, int stopFD)
     {
         const std::string path = base + "/" + candidate.name;
         if (!isOld(candidate))
-            continue;
-        if (candidate.kind == Kind::SendersDirectory)
+            ++cleaning.numYoung;
+        else if (candidate.kind == Kind::SendersDirectory)
             directories.push_back(candidate);
         else
             cleaning.entries.push_back({path, removeFile(path)});
@@ -204,8 +204,11 @@ Cleaning removeDeadEntries(const std::string& baseDirectory, int stopFD)
     {
         const std::string path = base + "/" + candidate.name;
         DirectoryLock lock;
-        if (living.notice.empty() && !living.directories.contains(candidate.name) &&
-            !living.doubtfulUsers.contains(candidate.status.st_uid) &&
+        if (!living.notice.empty() || living.directories.contains(candidate.name))
+            continue;
+        if (living.doubtfulUsers.contains(candidate.status.st_uid))
+            ++cleaning.numDoubtful;
+        else if (
             lockDirectory(path, candidate.status, lock) != EWOULDBLOCK &&
             !isServed(path + "/" + SocketFileName))
             cleaning.entries.push_back({path, removeDirectory(path, candidate.status.st_uid)});

@@ -118,6 +118,9 @@ struct Cleaning
     std::vector<DeadEntry> entries; ///< what was dead, ordered by path
     /// Why nothing could be judged, in one line; otherwise empty.
     std::string notice;
+    std::size_t numYoung = 0; ///< that stay because they are younger than a minute
+    /// That stay because a sender of their user does not answer, or its name cannot be found out.
+    std::size_t numDoubtful = 0;
 };
 
 /// Removes from a base directory what dead programs have left. All of it is older than a minute:

@@ -291,6 +291,10 @@ TEST_F(LookTest, ListTellsOfOtherUsersAndCleanWhatItCannotRemove)
     EXPECT_EQ(listOwn().at(0)["user"], ::geteuid());
     EXPECT_EQ(listOwn().at(0)["user_name"], ::getpwuid(::geteuid())->pw_name);
 
+    ToolProcess quiet({"-q", "list"});
+    EXPECT_EQ(quiet.wait(), 0);
+    EXPECT_TRUE(contains(quiet.getOutput(), getSocketName())) << quiet.getErrors();
+
     const fs::path full = fs::path(getTempDirectory()) / "VlxSender-abcdef";
     fs::create_directories(full / "by another program");
     const auto old = fs::file_time_type::clock::now() - std::chrono::minutes(2);
@@ -299,6 +303,18 @@ TEST_F(LookTest, ListTellsOfOtherUsersAndCleanWhatItCannotRemove)
     EXPECT_EQ(clean.wait(), 1);
     EXPECT_TRUE(contains(clean.getErrors(), full.string() + ": ")) << clean.getErrors();
     EXPECT_EQ(clean.getOutput(), "");
+
+    // A directory may be that of a sender that does not answer.
+    ToolProcess mute(
+        {"send", "-s", getSocketName() + "-mute", "--silence", "--protocol", "pipeline"});
+    waitForSender(getSocketName() + "-mute");
+    mute.signal(SIGSTOP);
+    ToolProcess doubting({"list", "--clean"});
+    EXPECT_EQ(doubting.wait(), 0);
+    EXPECT_TRUE(contains(doubting.getErrors(), "1 left alone: ")) << doubting.getErrors();
+    EXPECT_TRUE(contains(doubting.getErrors(), "2 younger than a minute"));
+    mute.signal(SIGCONT);
+    EXPECT_EQ(mute.stop(), 128 + SIGTERM);
     fs::remove_all(full);
 
     ToolSettings other;
@@ -312,6 +328,27 @@ TEST_F(LookTest, ListTellsOfOtherUsersAndCleanWhatItCannotRemove)
     EXPECT_EQ(foreign.wait(), 0);
     EXPECT_TRUE(contains(foreign.getErrors(), "other users' senders")) << foreign.getErrors();
     EXPECT_FALSE(contains(foreign.getErrors(), "no sender on this machine"));
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+}
+
+TEST_F(LookTest, OnlyTheSenderOfTheGivenUserIsJoined)
+{
+    const std::string own = std::to_string(::geteuid());
+    const std::string other = std::to_string(::geteuid() + 1);
+    ToolProcess sender(send({"--silence"}));
+    for (const std::vector<std::string>& arguments :
+         {receive({file("a.wav"), "-q"}), {"monitor", getSocketName(), "-q"}})
+    {
+        auto ofOwn = arguments;
+        ofOwn.insert(ofOwn.end(), {"--sender-user", own, "-d", "100ms", "--timeout", "9s"});
+        ToolProcess accepting(ofOwn);
+        EXPECT_EQ(accepting.wait(), 0) << accepting.getErrors();
+        auto ofOther = arguments;
+        ofOther.insert(ofOther.end(), {"--sender-user", other, "--timeout", "500ms"});
+        ToolProcess refusing(ofOther);
+        EXPECT_EQ(refusing.wait(), 3) << refusing.getErrors();
+        fs::remove(file("a.wav"));
+    }
     EXPECT_EQ(sender.stop(), 128 + SIGTERM);
 }
 

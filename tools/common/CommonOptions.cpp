@@ -6,6 +6,7 @@
 
 #include "Duration.hpp"
 #include "Numbers.hpp"
+#include "Users.hpp"
 
 namespace vlx::tool
 {
@@ -174,6 +175,19 @@ void addRealTimeOption(CLI::App& command, kit::RealTime& realTime)
                 "], if this user may")
         ->each(withName("", read))
         ->option_text("[=PRIORITY]");
+}
+
+void addSenderUserOption(CLI::App& command, std::optional<uid_t>& user)
+{
+    const auto read = [&user](const std::string& text)
+    {
+        user = findUser(text);
+        if (!user)
+            throw std::invalid_argument("there is no user " + quote(text));
+    };
+    addTextOption(
+        command, "--sender-user", "USER", read,
+        "Join only a sender that runs as this user, a name or a number [any user]");
 }
 
 void addReportOption(CLI::App& command, std::string& path, const std::string& help)

@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include <sys/types.h>
+
 #include <vlxkit/RealTime.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
@@ -62,6 +64,9 @@ CLI::Option* addTimeoutOption(CLI::App& command, OptionalDuration& target, const
 
 /// Adds "--realtime[=PRIORITY]".
 void addRealTimeOption(CLI::App& command, kit::RealTime& realTime);
+
+/// Adds "--sender-user USER", a name or a number.
+void addSenderUserOption(CLI::App& command, std::optional<uid_t>& user);
 
 /// Adds "--report FILE".
 void addReportOption(CLI::App& command, std::string& path, const std::string& help);

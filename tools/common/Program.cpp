@@ -111,15 +111,23 @@ std::string explainWrongUsage(const CLI::App& program, const CLI::ParseError& er
 {
     const CLI::App& command = findCommand(program);
     const auto subcommands = listSubcommands(command);
-    const auto words = command.remaining();
+    auto words = command.remaining();
+    if (words.empty())
+        words = program.remaining();
+    // Behind a "--" there are no options and no subcommands.
+    const auto marker = std::find(words.begin(), words.end(), "--");
+    const bool isBehindMarker = !words.empty() && marker == words.begin();
+    if (marker != words.end())
+        words.erase(marker);
     const std::string wrong = words.empty() ? "" : words.front();
     const bool isTooMuch = error.get_exit_code() == toInt(CLI::ExitCodes::ExtrasError);
     const bool isMissing = error.get_exit_code() == toInt(CLI::ExitCodes::RequiredError);
+    const bool isMisplaced = (isTooMuch || isMissing) && !wrong.empty() && !isBehindMarker;
 
-    if ((isTooMuch || isMissing) && wrong.starts_with("-"))
+    if (isMisplaced && wrong.starts_with("-"))
         return "no option " + wrong +
                askFor(wrong.substr(0, wrong.find('=')), listLongOptions(command));
-    if ((isTooMuch || isMissing) && !wrong.empty() && !subcommands.empty())
+    if (isMisplaced && !subcommands.empty())
         return "no subcommand " + wrong + askFor(wrong, subcommands);
     if (isTooMuch && !wrong.empty())
         return "nothing more is expected behind the other words: " + wrong + "; see --help";
@@ -192,6 +200,7 @@ int runProgram(int argc, char** argv, const std::vector<Subcommand>& subcommands
     program.footer(ExitCodeHelp);
     program.require_subcommand(1);
     CommonOptions common;
+    addCommonOptions(program, common);
     std::vector<CLI::App*> parsers;
     for (const Subcommand& subcommand : subcommands)
     {

@@ -89,14 +89,28 @@ nlohmann::ordered_json makeObject(const Found& found)
     return json;
 }
 
+/// Names each reason why something stays.
+void tellWhatStays(const kit::Cleaning& cleaning)
+{
+    if (!cleaning.notice.empty())
+        printNotice(cleaning.notice);
+    if (cleaning.numYoung > 0)
+        printNotice(std::to_string(cleaning.numYoung) + " younger than a minute: left alone");
+    if (cleaning.numDoubtful > 0)
+        printNotice(
+            std::to_string(cleaning.numDoubtful) +
+            " left alone: their user has a sender that does not answer, or whose name only that "
+            "user and root can see");
+    if (cleaning.entries.empty())
+        printNotice("nothing removed");
+}
+
 ExitCode clean(const StopSignal& stop)
 {
     bool done = true;
     const kit::Cleaning cleaning = kit::removeDeadEntries({}, stop.getFD());
-    if (!cleaning.notice.empty())
-        printNotice(cleaning.notice);
-    else if (cleaning.entries.empty() && !stop.isRequested())
-        printNotice("nothing to remove; what is younger than a minute stays");
+    if (!stop.isRequested())
+        tellWhatStays(cleaning);
     for (const kit::DeadEntry& entry : cleaning.entries)
     {
         if (entry.problem.empty())

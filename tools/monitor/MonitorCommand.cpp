@@ -149,6 +149,7 @@ CLI::App* addMonitorCommand(CLI::App& program, MonitorOptions& options)
             ""));
     addDurationOption(*command, "-d,--duration", options.duration, "End after this time");
     addTimeoutOption(*command, options.timeout, "Give up with exit code 3 without a frame by then");
+    addSenderUserOption(*command, options.senderUser);
     addRealTimeOption(*command, options.realTime);
     return command;
 }
@@ -164,7 +165,8 @@ ExitCode runMonitor(const MonitorOptions& options, StopSignal& stop)
         if (!names.insert(name).second)
             continue;
         meters.push_back(std::make_unique<StreamMeter>(
-            name, options.realTime,
+            kit::ConsumerOptions{
+                .name = name, .realTime = options.realTime, .senderUser = options.senderUser},
             [onScreen](const std::string& line)
             {
                 if (!onScreen)

@@ -21,6 +21,7 @@ struct MonitorOptions
     OptionalDuration duration;
     OptionalDuration timeout;
     kit::RealTime realTime;
+    std::optional<uid_t> senderUser;
 };
 
 CLI::App* addMonitorCommand(CLI::App& program, MonitorOptions& options);

@@ -58,13 +58,12 @@ std::vector<ChannelLevel> LevelMeter::take(TimePoint now)
 }
 
 StreamMeter::StreamMeter(
-    const std::string& name,
-    const kit::RealTime& realTime,
+    const kit::ConsumerOptions& options,
     std::function<void(const std::string&)> onEvent)
-    : m_name(name),
+    : m_name(options.name),
       m_onEvent(std::move(onEvent)),
       m_consumer(
-          {.name = name, .realTime = realTime},
+          options,
           {.onFrame = [this](const kit::Frame& frame) { handleFrame(frame); },
            .onFormat = [this](const kit::StreamFormat& format) { handleFormat(format); },
            .onEvent = [this](const kit::ConsumerEvent& event) { handleEvent(event); }})

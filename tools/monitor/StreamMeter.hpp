@@ -80,8 +80,7 @@ class StreamMeter
 public:
     /// @param onEvent  called with a line for the user, on a thread of the consumer's
     StreamMeter(
-        const std::string& name,
-        const kit::RealTime& realTime,
+        const kit::ConsumerOptions& options,
         std::function<void(const std::string&)> onEvent);
 
     /// @throws CommandFailure

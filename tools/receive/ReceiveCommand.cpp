@@ -113,7 +113,10 @@ ReceiveControl::ReceiveControl(const ReceiveOptions& options, const StopSignal& 
       m_deadline(options.timeout ? Deadline(SteadyClock::now() + *options.timeout) : Deadline()),
       m_recorder(options, {stop, m_deadline}, miscUtils::getMonotonicSysclockTime()),
       m_consumer(
-          {options.name, {}, options.stall.value_or(DefaultStall), options.realTime},
+          {.name = options.name,
+           .stallTimeout = options.stall.value_or(DefaultStall),
+           .realTime = options.realTime,
+           .senderUser = options.senderUser},
           {.onFrame = [this](const kit::Frame& frame) { onFrame(frame); },
            .onFormat = [this](const kit::StreamFormat& format) { onFormat(format); },
            .onEvent = [this](const kit::ConsumerEvent& event) { onEvent(event); }})

@@ -28,6 +28,7 @@ struct ReceiveOptions
     OptionalDuration stall;
     OptionalDuration latency;
     kit::RealTime realTime;
+    std::optional<uid_t> senderUser;
     std::string report;
 };
 

@@ -68,6 +68,7 @@ CLI::App* addReceiveCommand(CLI::App& program, ReceiveOptions& options)
     addTimeoutOption(*command, options.timeout, "Give up with exit code 3 without a frame by then");
     addDurationOption(
         *command, "--stall", options.stall, "Join again after this time without a frame [2s]");
+    addSenderUserOption(*command, options.senderUser);
     addRealTimeOption(*command, options.realTime);
     addReportOption(*command, options.report, "Write what was received");
     command->callback(
