@@ -209,7 +209,7 @@ def forge_names(run: Run) -> None:
     def list_senders(*options: str) -> str:
         command = [run.tool, "list", *options]
         return subprocess.run(command, capture_output=True, text=True, timeout=30).stdout
-    found = [(entry["name"], entry["pid"]) for entry in json.loads(list_senders("--json"))]
+    found = [(entry["name"], entry["process"]) for entry in json.loads(list_senders("--json"))]
     run.tell(f"{len(found)} listed")
     run.check((stream.name, stream.producer.pid) in found, f"not among {found}")
     list_senders("--clean")
