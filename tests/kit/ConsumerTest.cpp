@@ -437,8 +437,8 @@ TEST_F(ConsumerTest, LeavesAloneWhatCannotBeJoined)
          {.uri = "ipc://" + longPath, .protocol = NanomsgProtocol::Pipeline},
          "not a sender"}};
     // All at once: each takes its time.
+    std::deque<TestDepayloader> depayloaders; // outlive the consumers
     std::deque<RecordedConsumer> consumers;
-    std::deque<TestDepayloader> depayloaders;
     std::deque<ScriptedSender> senders;
     std::vector<std::function<void()>> checks;
     for (const bool isThereFirst : {true, false})
