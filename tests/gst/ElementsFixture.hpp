@@ -99,13 +99,16 @@ inline std::size_t countEntries(const char* directory)
 // left out: they are due at its beginning.
 using Frames = std::map<std::string, Received>;
 
+// Of a stream that brings none of those that are wanted.
+inline constexpr int MaxPulls = 1000;
+
 inline Frames pullFrames(const Pipeline& receiver, std::size_t count, const char* sink = "out")
 {
     Frames frames;
-    while (frames.size() < count)
+    for (int left = MaxPulls; frames.size() < count; --left)
     {
         const auto frame = receiver.pull(sink);
-        if (!frame)
+        if (!frame || left == 0)
         {
             ADD_FAILURE() << "only " << frames.size() << " frames";
             break;
@@ -120,10 +123,10 @@ inline Frames pullFrames(const Pipeline& receiver, std::size_t count, const char
 inline Frames pullCommonFrames(const Pipeline& receiver, const Frames& others, std::size_t count)
 {
     Frames frames;
-    while (frames.size() < count)
+    for (int left = MaxPulls; frames.size() < count; --left)
     {
         const auto frame = receiver.pull();
-        if (!frame)
+        if (!frame || left == 0)
         {
             ADD_FAILURE() << "only " << frames.size() << " common frames";
             break;
