@@ -101,22 +101,24 @@ def harass_receivers(run: Run) -> None:
 # Misbehaving clients.
 
 @fault("churn", "client connects and leaves 10,000 times", "others undisturbed, nothing left",
-       10_000, peers.be_hostile, peers.churn)
+       10_000, True, peers.churn)
 @fault("silent", "client joins both channels, never reads", "others undisturbed, nothing left",
-       1, peers.send_once, peers.SUBSCRIBER)
+       1, False, peers.send_once, peers.SUBSCRIBER)
 @fault("rubbish-sidechannel", "client writes rubbish to the sidechannel", "others undisturbed",
-       1, peers.be_hostile, peers.write_rubbish, False)
+       1, True, peers.write_rubbish, False)
 @fault("rubbish-main", "client writes rubbish to the main channel", "others undisturbed",
-       1, peers.write_rubbish, True)
+       1, False, peers.write_rubbish, True)
 @fault("oob", "client sends a byte of urgent data", "others undisturbed, nothing left",
-       1, peers.be_hostile, peers.send_urgent)
+       1, True, peers.send_urgent)
 @fault("lingering", "client passes a TCP socket that lingers",
        "others undisturbed, nothing left", 1, peers.pass_lingering)
-def run_beside(run: Run, times: int, role: Callable, *arguments: object) -> None:
-    """Beside a client that does its work so many times, and then goes on for a while."""
+def run_beside(run: Run, times: int, hostile: bool, role: Callable, *arguments: object) -> None:
+    """Beside a client, of another user or of the same, that does its work so many times, and then
+    goes on for a while."""
     stream = run.start(4, resequence=100)
     start = time.monotonic()
-    client = Peer(role, stream.name, *arguments)
+    play = (peers.be_hostile, role) if hostile else (role,)
+    client = Peer(*play, stream.name, *arguments)
     wait_until(60, lambda: client.count() >= times or not client.is_alive())
     time.sleep(run.beside)
     run.tell(f"{client.count():,} x in {time.monotonic() - start:.1f} s")
