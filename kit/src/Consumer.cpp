@@ -379,8 +379,8 @@ void Consumer::Impl::endKeeper()
     m_keeper.join();
 }
 
-/// In a forked child, which has no keeper: nothing may be waited for, and nothing be changed that is
-/// shared with the parent.
+/// In a forked child, which has no keeper: nothing may be waited for, and nothing be changed that
+/// is shared with the parent.
 void Consumer::Impl::abandonKeeper()
 {
     makeAnew(m_keeper);

@@ -64,8 +64,8 @@ public:
 
     /// A frame was refused since its sequence was not announced here.
     ///
-    /// @return whether that has gone on for 20 ms, so that the sender should be joined again: true at
-    ///         most once a second
+    /// @return whether that has gone on for 20 ms, so that the sender should be joined again:
+    ///         true at most once a second
     bool onUnknownSequence(TimeValue now);
 
     /// The receiver is being restarted because of a stall.
@@ -77,8 +77,8 @@ public:
     bool isStalled(TimeValue now) const;
 
     /// @return whether five connections in a row were lost within a second, before any of them
-    ///         announced a sequence. A receiver does that without a pause when it has no depayloader
-    ///         for the codec, or when the depayloader rejects the header
+    ///         announced a sequence. A receiver does that without a pause when it has no
+    ///         depayloader for the codec, or when the depayloader rejects the header
     bool isFlapping() const;
 
     /// @return since when the receiver looks for a sender; 0 if it does not

@@ -11,8 +11,8 @@ namespace vlx::kit
 {
 
 /// Tells other processes that a sender's directory is in use. The system releases the lock when the
-/// process ends, however it ends: a directory of the kit whose lock is free is a dead one. A child that
-/// is forked and does not call exec holds it too.
+/// process ends, however it ends: a directory of the kit whose lock is free is a dead one. A child
+/// that is forked and does not call exec holds it too.
 ///
 /// The kit's directories have the sticky bit, which is set when the lock is held already.
 class DirectoryLock

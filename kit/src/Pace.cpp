@@ -113,7 +113,7 @@ void Pace::observeBacklog()
 
 double Pace::getSpeedPpm() const
 {
-    // Timestamps that pass more slowly by this share belong to a source that is faster by a little more.
+    // Timestamps that pass more slowly by this share belong to a source that is a little faster.
     const double share = static_cast<double>(m_speedPpb) / Billion;
     return share / (1 - share) * 1e6;
 }

@@ -11,8 +11,8 @@ namespace vlx::kit
 
 /// Runs a function under a umask of its own, and waits for it. The umask of the process stays as it
 /// is, at every moment: the function runs on a new thread, which shares umask and working directory
-/// with the threads that it starts alone. Without a thread of its own kind (a sandbox can forbid it)
-/// it runs under the umask of the process.
+/// with the threads that it starts alone. Without a thread of its own kind (a sandbox can forbid
+/// it) it runs under the umask of the process.
 ///
 /// Throws what the function throws, and std::system_error if there is no thread left.
 template <class Function>

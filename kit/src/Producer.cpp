@@ -46,7 +46,7 @@ using Clock = std::chrono::steady_clock;
 constexpr auto JoiningTime = std::chrono::seconds(1);
 
 constexpr auto ReceiverCheckInterval = std::chrono::milliseconds(5);
-// A receiver that waits for the stream has joined 2 ms after it opens: then it is looked for closely.
+// A receiver that waits for the stream joins 2 ms after it opens: then it is looked for closely.
 constexpr auto PromptJoinTime = std::chrono::milliseconds(50);
 constexpr auto PromptCheckInterval = std::chrono::milliseconds(1);
 
@@ -400,8 +400,8 @@ void Producer::Impl::announceToNewcomers()
 
 /// nanomsg counts connections that left just after they had been made, for ever, and knows nothing
 /// of the sidechannel. So what it says is an upper limit only: a receiver has both connections, and
-/// its ends of them are open. That is looked up in the kernel, which takes some time: a count may be
-/// used again for a while, unless nanomsg's has changed.
+/// its ends of them are open. That is looked up in the kernel, which takes some time: a count may
+/// be used again for a while, unless nanomsg's has changed.
 ///
 /// @param maxAge  of such a count
 /// @pre m_mutex is held, and the stream is open

@@ -35,7 +35,7 @@ struct Modes
     mode_t pipelineDirectory; // the receiver makes it there; nobody else may then remove it
 };
 
-/// The sticky bit of the directory also says that the directory is locked for as long as it is used.
+/// The directory's sticky bit also says that the directory is locked for as long as it is used.
 constexpr Modes toModes(SocketMode mode)
 {
     switch (mode)

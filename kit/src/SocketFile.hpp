@@ -19,17 +19,18 @@ namespace vlx::kit
 /// @thread any
 std::string findSocketFile(const std::string& name);
 
-/// @return the umask under which to initialise a sender, so that its socket file is not open to more
-///         processes than it should be until protectSocketFile() is called
+/// @return the umask under which to initialise a sender, so that its socket file is not open
+///         to more processes than it should be until protectSocketFile() is called
 mode_t toUmask(SocketMode mode);
 
 /// Sets who may join the main channel of a sender of this process, and keeps everybody else from
 /// putting anything into its directory.
 ///
 /// The library leaves the directory open to everyone, and gives the socket file the mode that the
-/// process's umask leaves: under the usual one another user's receiver joins and never gets a frame,
-/// and whoever replaces the file by a directory has nanomsg abort the process when it closes. So the
-/// directory is narrowed first; what somebody else has put there before is then found and removed.
+/// process's umask leaves: under the usual one another user's receiver joins and never gets a
+/// frame, and whoever replaces the file by a directory has nanomsg abort the process when it
+/// closes. So the directory is narrowed first; what somebody else has put there before is then
+/// found and removed.
 ///
 /// Call this directly after initializeSender() and startNewSequence().
 ///
@@ -38,6 +39,9 @@ mode_t toUmask(SocketMode mode);
 ///         be shut down without harm, and should be
 /// @thread any
 std::string protectSocketFile(
-    const std::string& path, NanomsgProtocol protocol, SocketMode mode, DirectoryLock& lock);
+    const std::string& path,
+    NanomsgProtocol protocol,
+    SocketMode mode,
+    DirectoryLock& lock);
 
 } // namespace vlx::kit

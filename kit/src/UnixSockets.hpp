@@ -22,8 +22,8 @@ struct UnixSocket
     /// Address: the path of a file, or a 0 byte and a name of the abstract namespace. An accepted
     /// socket has the name of the one that listens.
     std::string name;
-    /// Inode number of its file, in 32 bits, also of an accepted socket; 0 if there is none, or it is
-    /// unknown.
+    /// Inode number of its file, in 32 bits, also of an accepted socket; 0 if there is none, or it
+    /// is unknown.
     std::uint32_t fileInode = 0;
 };
 

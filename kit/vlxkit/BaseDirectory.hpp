@@ -31,8 +31,8 @@ struct BaseDirectory
     bool writable = false;
 };
 
-/// Finds and checks the directory in which senders meet their receivers. Creates "/tmp/vlx", with mode
-/// 1777, if it is missing and no other directory is set.
+/// Finds and checks the directory in which senders meet their receivers. Creates "/tmp/vlx", with
+/// mode 1777, if it is missing and no other directory is set.
 ///
 /// Refuses a directory in which another user could replace a stream's directory: one that belongs
 /// neither to root nor to the effective user, and one that other users may write to without the

@@ -34,9 +34,9 @@ struct ConsumerOptions
     std::chrono::nanoseconds stallTimeout = std::chrono::seconds(2);
     /// Scheduling of the stream's threads.
     RealTime realTime = {};
-    /// User that the sender's process must run as, as the kernel recorded it when that process began
-    /// to listen; not set: any. A sender of another user is reported as NotASender and waited out.
-    /// The overflow user id (65534, see /proc/sys/kernel/overflowuid) never matches: in a user
+    /// User that the sender's process must run as, as the kernel recorded it when that process
+    /// began to listen; not set: any. A sender of another user is reported as NotASender and waited
+    /// out. The overflow user id (65534, see /proc/sys/kernel/overflowuid) never matches: in a user
     /// namespace it stands for every user from outside.
     std::optional<uid_t> senderUser = {};
 };
@@ -48,8 +48,9 @@ struct Frame
     TimeValue duration = 0;  ///< same unit
     const Buffer& data;      ///< valid during the callback only: copy what you keep
     /// Nanoseconds between the end of the frame before and this one: positive if media is missing,
-    /// negative if frames overlap, 0 within the jitter of a millisecond or half a frame. Also across
-    /// two connections; 0 for the first frame of all, and after a change of the stream's clock.
+    /// negative if frames overlap, 0 within the jitter of a millisecond or half a frame. Also
+    /// across two connections; 0 for the first frame of all, and after a change of the stream's
+    /// clock.
     std::int64_t gapNs = 0;
     /// First frame of a connection, of a format or of a codec header: a decoder starts afresh. A
     /// sequence that only repeats what is known is none of these.
@@ -79,11 +80,13 @@ struct ConsumerEvent
         NotPermitted,
         /// The process that holds the name is not a sender that can be trusted: it ends every
         /// connection before it announces a stream, announces an invalid main channel, or runs as
-        /// another user than ConsumerOptions::senderUser. Reported only after several failed checks.
+        /// another user than ConsumerOptions::senderUser. Reported only after several failed
+        /// checks.
         NotASender,
         /// The receiver could not go on: the process has no descriptor left, for instance, or in
         /// Pipeline another receiver has joined the stream. Tried again ever more seldom, up to
-        /// every 10 seconds, since each attempt in Pipeline costs memory inside nanomsg (736 bytes).
+        /// every 10 seconds, since each attempt in Pipeline costs memory inside nanomsg (736
+        /// bytes).
         Failed,
     };
 
@@ -105,8 +108,8 @@ struct ConsumerCallbacks
 {
     /// Receives each frame, on the receiving thread.
     std::function<void(const Frame&)> onFrame;
-    /// Receives the format of the PCM frames that follow: before the first frame of each connection,
-    /// and at each change. On the receiving thread.
+    /// Receives the format of the PCM frames that follow: before the first frame of each
+    /// connection, and at each change. On the receiving thread.
     std::function<void(const StreamFormat&)> onFormat = {};
     /// The same for a codec of the application: its depayloader has just taken the header.
     std::function<void(Depayloader&)> onCodec = {};
@@ -136,8 +139,8 @@ struct ConsumerStatistics
     /// From start(), or from the loss of the connection before, to the first frame; of the present
     /// or last connection, nanoseconds; 0 before.
     TimeValue joinNs = 0;
-    /// Of frames on arrival, against the stream's clock. Empty for a stream without a clock, and for
-    /// frames that came before its network clock was synchronised.
+    /// Of frames on arrival, against the stream's clock. Empty for a stream without a clock, and
+    /// for frames that came before its network clock was synchronised.
     AgeHistogram ages;
     StreamFormat format = {}; ///< of the present or last PCM sequence
     /// Of the present connection.
@@ -154,9 +157,9 @@ struct ConsumerStatistics
 /// Threads: the library's two, and one that supervises them, "vlx-keeper". PCM is built in.
 ///
 /// Every connection is checked before it is used: the announced main channel must be a sender's own
-/// file in the sender's own directory, below a base directory that no third user controls, and of the
-/// user that the options name. A sender that exists at the start is also asked what it sends before
-/// it is joined, and so is one whose last connection brought nothing, for a clear message.
+/// file in the sender's own directory, below a base directory that no third user controls, and of
+/// the user that the options name. A sender that exists at the start is also asked what it sends
+/// before it is joined, and so is one whose last connection brought nothing, for a clear message.
 ///
 /// A receiver that has missed the announcement of a sequence, and would refuse every frame, joins
 /// again after 20 ms, at most once a second; that is reported as Stalled.
@@ -165,8 +168,8 @@ struct ConsumerStatistics
 /// and without an event. A sender whose backlog is full is asked ten times a second, which costs it
 /// nothing.
 ///
-/// A misuse stops the process with an assertion that says what to do: start(), stop() or destruction
-/// inside a callback of this consumer, and two of these calls at once.
+/// A misuse stops the process with an assertion that says what to do: start(), stop() or
+/// destruction inside a callback of this consumer, and two of these calls at once.
 ///
 /// Throws only what the standard library throws (no memory, no thread).
 class Consumer
@@ -191,8 +194,8 @@ public:
     /// @param depayloader  not owned; must outlive the consumer
     VLX_API void addDepayloader(Depayloader& depayloader);
 
-    /// Starts to receive; returns at once, with or without a sender. On a consumer that was asked to
-    /// stop it completes that stop first.
+    /// Starts to receive; returns at once, with or without a sender. On a consumer that was asked
+    /// to stop it completes that stop first.
     ///
     /// @return false if the name is invalid, onFrame is not set, the base directory cannot be used,
     ///         no descriptor or thread is left, or real-time scheduling is required and not
@@ -200,13 +203,13 @@ public:
     /// @thread one at a time with stop(), never inside a callback
     VLX_API bool start();
 
-    /// Stops. No callback runs any more once it has returned, normally within milliseconds; a joined
-    /// stream has been reported as Lost by then. Does nothing on a consumer that is not started; it
-    /// may be started again.
+    /// Stops. No callback runs any more once it has returned, normally within milliseconds; a
+    /// joined stream has been reported as Lost by then. Does nothing on a consumer that is not
+    /// started; it may be started again.
     ///
-    /// It takes up to 5 seconds if the base directory is not writable or was removed, or if the user
-    /// has no inotify instance left; up to 400 ms if a sender has come while there was none, and its
-    /// backlog has filled up within the last half second.
+    /// It takes up to 5 seconds if the base directory is not writable or was removed, or if the
+    /// user has no inotify instance left; up to 400 ms if a sender has come while there was none,
+    /// and its backlog has filled up within the last half second.
     ///
     /// In a forked child the copy of a started consumer only closes its descriptors; the parent's
     /// goes on. The same holds for the destruction.

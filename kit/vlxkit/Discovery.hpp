@@ -96,8 +96,8 @@ struct SenderList
     std::string notice;
 };
 
-/// Finds the senders of this machine and network namespace without connecting to any of them: by the
-/// kernel's socket diagnosis, and by /proc. Where the kernel has no socket diagnosis, its text
+/// Finds the senders of this machine and network namespace without connecting to any of them: by
+/// the kernel's socket diagnosis, and by /proc. Where the kernel has no socket diagnosis, its text
 /// "/proc/net/unix" serves; sockets that a process hides there by forged lines are left out.
 ///
 /// @thread any
@@ -125,7 +125,8 @@ struct Cleaning
 
 /// Removes from a base directory what dead programs have left. All of it is older than a minute:
 /// directories that no reachable sender announces, whose lock is not held, and in which no process
-/// serves a socket; and the files of producers and consumers that were killed while they woke others.
+/// serves a socket; and the files of producers and consumers that were killed while they woke
+/// others.
 ///
 /// Skips directories of users with unidentified or unresponsive senders. Does not find a sender in
 /// Pipeline without the kit that /proc does not show, in another container with the same base

@@ -94,7 +94,7 @@ public:
         return m_isFollowing;
     }
 
-    /// @return how much faster than nominal the source is, parts per million; 0 unless isFollowing()
+    /// @return how much faster than nominal the source is, in ppm; 0 unless isFollowing()
     VLX_API double getSpeedPpm() const;
 
 private:

@@ -46,13 +46,14 @@ struct ProducerOptions
     std::uint16_t clockPort = 0; ///< UDP port of the same
     /// Who may join.
     SocketMode socketMode = SocketMode::Owner;
-    /// Directory in which senders and receivers of this machine meet; empty: "TMPDIR", or "/tmp/vlx",
-    /// which is created if it is missing. Any other directory must exist. See prepareBaseDirectory().
+    /// Directory in which senders and receivers of this machine meet; empty: "TMPDIR", or
+    /// "/tmp/vlx", which is created if it is missing. Any other directory must exist. See
+    /// prepareBaseDirectory().
     std::string baseDirectory = {};
     /// Of the stream's threads.
     RealTime realTime = {};
-    /// Receives informational messages, one line each, on the thread that calls open(). Not set: they
-    /// go to the logger "Vellox.Kit" as WARN.
+    /// Receives informational messages, one line each, on the thread that calls open(). Not set:
+    /// they go to the logger "Vellox.Kit" as WARN.
     std::function<void(const std::string&)> onNotice = {};
 };
 
@@ -69,11 +70,10 @@ struct ProducerStatistics
 /// Sends one stream. It opens the stream so that nobody misses its beginning, keeps those on board
 /// who join while a sequence begins, and lets the last frame leave before it closes.
 ///
-/// One thread opens, sends and closes; two at once fail an assertion. stop() and getStatistics() may
-/// come from any thread. To close a stream from another thread, call stop() and join the sending
-/// thread first. The
-/// caller paces the frames: what a receiver cannot take at once is lost to that receiver, so
-/// several frames at once are lost in part.
+/// One thread opens, sends and closes; two at once fail an assertion. stop() and getStatistics()
+/// may come from any thread. To close a stream from another thread, call stop() and join the
+/// sending thread first. The caller paces the frames: what a receiver cannot take at once is lost
+/// to that receiver, so several frames at once are lost in part.
 ///
 /// Nothing throws but the standard library (no memory, no thread). A failure is a false result, and
 /// getProblem() says in one line what it was.
@@ -92,9 +92,9 @@ public:
     /// Opens the stream with PCM audio: checks or makes the base directory, initialises the sender
     /// and starts the first sequence directly after it, sets who may join, narrows the sender's
     /// directory so that no other user can put anything into it, and wakes the receivers that wait.
-    /// The socket file never has a wider mode than it should: the sender is made under a umask of its
-    /// own, and the umask of the process stays. Removes the directories of dead producers of this
-    /// user.
+    /// The socket file never has a wider mode than it should: the sender is made under a umask of
+    /// its own, and the umask of the process stays. Removes the directories of dead producers of
+    /// this user.
     ///
     /// @return false if it cannot be opened, or stop() was called; see getProblem()
     /// @pre the producer is not open

@@ -8,9 +8,9 @@ namespace vlx::kit
 {
 
 /// Follows one clock with another: proportional-integral control, critically damped, of how much
-/// faster than nominal one of them runs. A constant difference of the clocks leaves no error behind.
-/// One of 200 ppm that begins suddenly causes one of a quarter of a millisecond meanwhile, and half a
-/// millisecond at half the bandwidth.
+/// faster than nominal one of them runs. A constant difference of the clocks leaves no error
+/// behind. One of 200 ppm that begins suddenly causes one of a quarter of a millisecond meanwhile,
+/// and half a millisecond at half the bandwidth.
 class RateControl
 {
 public:

@@ -30,12 +30,12 @@ struct RealTime
 };
 
 /// While it lives, the calling thread runs under the wanted scheduling, and so does every thread
-/// that is created meanwhile: threads inherit it. Afterwards the caller has its own scheduling back;
-/// the threads that were created keep what they have.
+/// that is created meanwhile: threads inherit it. Afterwards the caller has its own scheduling
+/// back; the threads that were created keep what they have.
 ///
 /// nanomsg has one thread for all streams of a process. It is created with the first stream, inside
-/// this scope, and lives until the last is closed: one that exists already stays as it is. So either
-/// the first stream of a process wants real-time scheduling, or all do.
+/// this scope, and lives until the last is closed: one that exists already stays as it is. So
+/// either the first stream of a process wants real-time scheduling, or all do.
 ///
 /// @thread construct and destroy on the same thread
 class RealTimeScope
