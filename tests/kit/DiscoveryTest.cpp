@@ -100,11 +100,11 @@ INSTANTIATE_TEST_SUITE_P(
     AllTricks,
     ::testing::PrintToStringParamName());
 
-void makeOld(const std::string& path)
+void makeOld(const std::string& path, std::time_t seconds = 90)
 {
     timespec times[2] = {};
     ::clock_gettime(CLOCK_REALTIME, &times[0]);
-    times[0].tv_sec -= 90;
+    times[0].tv_sec -= seconds;
     times[1] = times[0];
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
 }
@@ -331,6 +331,7 @@ TEST_F(DiscoveryTest, RemovesWhatDeadSendersLeftAndNothingElse)
     using Processes = std::initializer_list<const SenderProcess*>;
     for (const auto* const process : Processes{&pubSub, &pipeline, &dead, &deadPipeline, &filled})
         makeOld(process->getDirectory());
+    makeOld(young.getDirectory(), 30);
     makeOld(elsewhere);
     makeOld(base + "/VlxSender-longer1");
 
@@ -557,6 +558,12 @@ TEST_F(DiscoveryTest, BellIsHeardByWaitingReceiversOnly)
 
     Receiver receiver;
     ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
+    ASSERT_TRUE(log().waitFor(debugLog(::testing::HasSubstr("fsMonitorThreadLoop"))));
+    RawSidechannelServer server(getSocketName()); // which makes no entry
+    ASSERT_TRUE(ringBell());
+    EXPECT_TRUE(server.accept().isOpen()) << "one ring is enough";
+    server.close();
+    ASSERT_GT(::read(watcher.get(), event, sizeof(event)), 0);
     stopPromptly(receiver);
     ASSERT_GT(::read(watcher.get(), event, sizeof(event)), 0);
     EXPECT_EQ(std::string(event + offsetof(inotify_event, name)).find("VlxSender-"), name.npos);
