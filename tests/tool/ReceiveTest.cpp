@@ -241,12 +241,13 @@ TEST_F(ReceiveTest, AfterAStallEveryReceiverJoinsAgain)
         for (std::size_t i = 0; i < (isKilled ? 6 : 1); ++i)
         {
             receivers.push_back(std::make_unique<ToolProcess>(receive(
-                {getFile(i, ".wav"), "--stall", "200ms", "--report", getFile(i, ".json")})));
+                {getFile(i, ".wav"), "--overwrite", "--stall", "200ms", "--report",
+                 getFile(i, ".json")})));
             ASSERT_TRUE(waitForSize(getFile(i, ".wav"), 10000));
         }
         sender->signal(SIGSTOP);
         for (const auto& receiver : receivers)
-            ASSERT_TRUE(waitForText(*receiver, "no frame"));
+            ASSERT_TRUE(waitForText(*receiver, "no frame")) << receiver->getErrors();
         sender->signal(isKilled ? SIGKILL : SIGCONT);
         if (isKilled)
             sender =

@@ -43,8 +43,8 @@ TEST_F(ToolTest, EveryLosslessKindArrivesBitForBit)
             std::string(row.source) + " " + row.streamFormat + " to " + row.recording;
         SCOPED_TRACE(name);
         writeNoise(file(row.source), row.sourceFormat, row.channels);
-        ToolProcess receiver(
-            receive({file(row.recording), "-q", "--oneshot", "--report", file("r.json")}));
+        ToolProcess receiver(receive(
+            {file(row.recording), "-q", "--oneshot", "--overwrite", "--report", file("r.json")}));
         // In a pipeline nothing is lost, however busy the machine is.
         ToolProcess sender(
             send({file(row.source), "--protocol", "pipeline", "--wait-receivers", "1"}));

@@ -241,7 +241,9 @@ private:
     // A directory that takes no new file may hold one that can be written.
     void openInPlace(const std::string& path, const Deadline& deadline)
     {
-        const int flags = O_WRONLY | (m_isStream ? 0 : O_CREAT | (m_overwrite ? 0 : O_EXCL));
+        std::error_code error;
+        const bool isNew = !m_isStream && !std::filesystem::exists(path, error);
+        const int flags = O_WRONLY | (isNew ? O_CREAT | (m_overwrite ? 0 : O_EXCL) : 0);
         const PollResult result = openPatiently(path.c_str(), flags, m_stop, deadline, m_fd);
         if (result == PollResult::TimedOut)
             throw CommandFailure(ExitCode::TimedOut, "nobody reads " + m_name);
@@ -449,7 +451,9 @@ std::unique_ptr<AudioOutput> openOutput(
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
     const bool isStream = path == "-" || (fs::exists(status) && fs::is_other(status));
-    if (isStream && kind.container != SF_FORMAT_RAW && kind.container != SF_FORMAT_WAV)
+    const bool isNamed = !type.empty() || !getExtension(path).empty();
+    const bool isWav = isNamed && kind.container == SF_FORMAT_WAV;
+    if (isStream && kind.container != SF_FORMAT_RAW && !isWav)
         throw CommandFailure(
             ExitCode::Failed, "cannot write \"" + path +
                                   "\": only raw samples (-t raw) or a WAV stream (-t wav) go where "

@@ -199,6 +199,7 @@ void Recorder::handle(const ReceivedFrame& frame)
     if (m_state != RecorderState::Going || (!m_format && !m_nextFormat))
         return;
     m_time = frame.time;
+    m_stallSaid = false;
     if (m_queue.getNumDropped() > 0 && isStopOverdue())
     {
         ++m_numCut;
