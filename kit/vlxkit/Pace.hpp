@@ -32,6 +32,8 @@ public:
     /// nanoseconds.
     static constexpr TimeValue Margin = 5'000'000;
 
+    /// Makes a pace that has not begun.
+    ///
     /// @param rate  samples per second, at least 1
     explicit Pace(std::uint32_t rate = 48000) : m_rate(rate) {}
 
@@ -51,6 +53,8 @@ public:
         return getTimestamp(0);
     }
 
+    /// Returns the timestamp of a sample further on.
+    ///
     /// @param samples  counted from the next one
     /// @return timestamp of a sample further on, or of the end of a block of so many samples
     VLX_API TimeValue getTimestamp(std::uint64_t samples) const;

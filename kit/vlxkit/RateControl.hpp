@@ -14,6 +14,8 @@ namespace vlx::kit
 class RateControl
 {
 public:
+    /// Makes a control loop at rest.
+    ///
     /// @param bandwidth         how fast a difference is followed, radians per second
     /// @param smoothingSeconds  of what the measurements jitter; well below the bandwidth's inverse
     explicit RateControl(double bandwidth = 0.3, double smoothingSeconds = 0.25)
