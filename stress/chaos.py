@@ -111,7 +111,7 @@ def harass_receivers(run: Run) -> None:
 @fault("oob", "client sends a byte of urgent data", "others undisturbed, nothing left",
        1, True, peers.send_urgent)
 @fault("lingering", "client passes a TCP socket that lingers",
-       "others undisturbed, nothing left", 1, peers.pass_lingering)
+       "others undisturbed, nothing left", 1, True, peers.pass_lingering)
 def run_beside(run: Run, times: int, hostile: bool, role: Callable, *arguments: object) -> None:
     """Beside a client, of another user or of the same, that does its work so many times, and then
     goes on for a while."""

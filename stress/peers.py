@@ -2,8 +2,10 @@
 sender's name, another user in the sender's directory, and a provider of a network clock. Each runs
 until it is killed, and calls its first argument whenever it has done its work once more."""
 
+import array
 from contextlib import suppress
 import ctypes
+import encodings.idna  # noqa: F401  now: another user may not read the interpreter's directory
 import itertools
 import os
 from pathlib import Path
@@ -135,7 +137,7 @@ def pass_lingering(note: Note, name: str) -> None:
     while True:
         if os.fork() == 0:
             tcp = make_lingering(server)
-            socket.send_fds(join(name), [b"x"], [tcp.fileno()])
+            pass_file(join(name), b"x", tcp.fileno())
             tcp.close()
             os._exit(0)
         note()
@@ -226,12 +228,17 @@ def be_hostile(note: Note, role: Callable, *arguments: object) -> None:
     role(note, *arguments)
 
 
+def pass_file(client: socket.socket, words: bytes, file: int, flags: int = 0) -> None:
+    rights = [(socket.SOL_SOCKET, socket.SCM_RIGHTS, array.array("i", [file]))]
+    client.sendmsg([words], rights, flags)
+
+
 def pass_file_to_sender(note: Note, name: str, path: Path) -> None:
     """Alone, and behind an urgent byte."""
     file = os.open(path, os.O_RDONLY)
     for number in itertools.count():
         with suppress(OSError), join(name) as client:
-            socket.send_fds(client, [b"xy"], [file], socket.MSG_OOB if number % 2 else 0)
+            pass_file(client, b"xy", file, socket.MSG_OOB if number % 2 else 0)
             note()
             time.sleep(0.05)
 
@@ -247,7 +254,7 @@ def pass_file_to_receiver(note: Note, name: str, path: Path) -> None:
             if number % 2:
                 clients[-1].sendall(greeting(PUB_SUB, channel))
                 time.sleep(0.05)
-            socket.send_fds(clients[-1], [b"xy"], [file])
+            pass_file(clients[-1], b"xy", file)
             note()
 
 
@@ -300,7 +307,7 @@ def fill_backlog(note: Note, name: str) -> None:
         except BlockingIOError:  # it is full
             signal.pause()
         with make_lingering(server) as tcp:
-            socket.send_fds(client, [b"x"], [tcp.fileno()], socket.MSG_OOB)
+            pass_file(client, b"x", tcp.fileno(), socket.MSG_OOB)
         clients.append(client)
         note()
 
