@@ -426,6 +426,8 @@ TEST_F(LookTest, AServedClockIsNotServedTwiceAndJunkKeepsNobodyOut)
     ToolProcess watch({"clock", "watch", address, port, "-d", "1h"});
     EXPECT_TRUE(waitFor([&] { return contains(watch.getErrors(), "synchronised"); }));
     EXPECT_TRUE(waitFor([&] { return contains(provider.getErrors(), "under load"); }));
+    // Said once, however long it takes.
+    EXPECT_TRUE(waitFor([&] { return countLines(watch.getOutput()) >= 2; }));
     keepRunning = false;
     flood.join();
     EXPECT_TRUE(waitFor([&] { return contains(provider.getErrors(), "no longer"); }));
@@ -461,6 +463,7 @@ TEST_F(LookTest, WhatAnImpostorAnnouncesHarmsNoTerminal)
 TEST_F(LookTest, MonitorSurvivesItsSender)
 {
     const std::string metrics = file("vlx.prom");
+    const auto begin = std::chrono::steady_clock::now();
     ToolProcess monitor({"monitor", getSocketName(), "--json", "--metrics", metrics});
     waitForLine(
         monitor, [](const json& line) { return line["state"] != "running"; }, "absent");
@@ -508,8 +511,18 @@ TEST_F(LookTest, MonitorSurvivesItsSender)
     EXPECT_TRUE(waitFor(isUp));
     monitor.signal(SIGINT);
     EXPECT_EQ(monitor.wait(std::chrono::seconds(3)), 128 + SIGINT);
+    // The intervals add up to the whole.
+    double seconds = 0;
+    std::uint64_t frames = 0;
     for (const std::string& each : splitLines(monitor.getOutput()))
-        EXPECT_TRUE(json::accept(each)) << each;
+    {
+        const json interval = json::parse(each, nullptr, false);
+        seconds += interval.value("seconds", 0.0);
+        frames += interval.value("frames", 0ULL);
+    }
+    EXPECT_EQ(frames, readLastLine(monitor)["total_frames"]);
+    EXPECT_LT(
+        seconds, std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
     EXPECT_EQ(netSender.stop(), 128 + SIGTERM);
 
     ToolProcess brief({"monitor", getSocketName(), "-d", "1.5s"});
@@ -579,6 +592,22 @@ TEST_F(LookTest, AProvidersAbsenceIsShown)
         EXPECT_EQ(each->stop(), 128 + SIGTERM);
     ToolProcess impatient({"clock", "watch", address, port, "--timeout", "500ms"});
     EXPECT_EQ(impatient.wait(), 3);
+}
+
+TEST_F(LookTest, AClocksOffsetIsToTheMonotonicClock)
+{
+    for (const std::int64_t offsetNs : {1'000'000'000'000, 5'000'000'000})
+    {
+        TestProvider provider;
+        provider.start(offsetNs);
+        ToolProcess watch(
+            {"clock", "watch", provider.getAddress(), std::to_string(provider.getPort()),
+             "--json"});
+        EXPECT_TRUE(waitFor([&] { return readLastLine(watch)["offset_ns"].is_number(); }));
+        EXPECT_NEAR(
+            readLastLine(watch)["offset_ns"].get<double>(), static_cast<double>(offsetNs), 20e6);
+        EXPECT_EQ(watch.stop(), 128 + SIGTERM);
+    }
 }
 
 TEST_F(LookTest, CheckSaysWhatIsWrong)

@@ -20,6 +20,7 @@
 #include "common/Numbers.hpp"
 #include "common/StopSignal.hpp"
 #include "common/Users.hpp"
+#include "monitor/Rendering.hpp"
 #include "monitor/StreamMeter.hpp"
 #include "receive/ConnectionRecord.hpp"
 #include "receive/StreamEvents.hpp"
@@ -198,6 +199,52 @@ TEST(LevelMeterTest, LevelsAreThoseOfTheIntervalAndPeaksAreHeldForTwoSeconds)
     meter.setChannels(1);
     meter.add({0.5F});
     EXPECT_EQ(meter.take({}).at(0).heldPeak, 0.5) << "of the format before";
+}
+
+TEST(RenderingTest, CountsHaveTheirUnits)
+{
+    tool::StreamSnapshot snapshot;
+    snapshot.name = "desk \"1\"\n";
+    snapshot.state = "running";
+    snapshot.seconds = 2;
+    snapshot.frames = 200;
+    snapshot.bytes = 384'000;
+    snapshot.ages.add(1'500'000);
+    snapshot.levels = {{0.5, 0.25, 1}};
+    kit::ConsumerStatistics& total = snapshot.total;
+    total.state = Receiver::State::Running;
+    total.frames = 1234;
+    total.gaps = 3;
+    total.gapNs = 1'250'000'000;
+    total.sequences = 1;
+    total.format = {PcmFormat::S16LE, 48000, 2};
+    total.reconnects = 4;
+    total.ages.add(1'500'000);
+    total.clock = Receiver::StreamClockType::SyncedNetClock;
+    total.clockSynchronized = true;
+    total.clockOffsetNs = -1'500'000'000;
+
+    EXPECT_EQ(
+        tool::renderLine(snapshot),
+        "desk \"1\"\\x0a: running, S16LE 48000 Hz 2ch, 100.0 frames/s 192.0 kB/s, age "
+        "1.49/1.49/1.50 ms, gaps 3, reconnects 4, clock gstnetclock, synchronised, offset "
+        "-1500.000 "
+        "ms, "
+        "peak -6.0 dBFS");
+    const auto screen = tool::renderScreen(snapshot, 80, false);
+    EXPECT_EQ(screen.at(2), "  gaps 3 (1250.0 ms)  reconnects 4  stalls 0");
+    EXPECT_TRUE(screen.back().ends_with("    0.0 peak  -12.0 rms dBFS")) << screen.back();
+    const std::string metrics = tool::renderMetrics({snapshot});
+    for (const std::string line :
+         {"vlx_up{} 1", "vlx_frames_total{} 1234", "vlx_gap_seconds_total{} 1.25",
+          "vlx_clock_offset_seconds{} -1.5", "vlx_reconnects_total{} 4"})
+    {
+        std::string labelled = "\n" + line + "\n";
+        labelled.insert(labelled.find('}'), R"(stream="desk \"1\"\\x0a")");
+        EXPECT_NE(metrics.find(labelled), std::string::npos) << labelled << metrics;
+    }
+    const std::size_t place = metrics.find("vlx_age_p99_seconds{");
+    EXPECT_NEAR(std::stod(metrics.substr(metrics.find("} ", place) + 2)), 0.0015, 1e-5);
 }
 
 TEST(UsersTest, AreFoundByNameAndByNumber)

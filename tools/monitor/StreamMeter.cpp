@@ -85,7 +85,6 @@ void StreamMeter::handleFormat(const kit::StreamFormat& format)
 {
     m_format = format;
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_obstacle.clear();
     m_levelMeter.setChannels(format.channels);
 }
 
