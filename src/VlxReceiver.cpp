@@ -61,6 +61,7 @@ constexpr unsigned long ClockRoundTripLimitNs = 175'000'000;
 constexpr int MessageIncomplete = 0;
 constexpr int MessageComplete = 1;
 constexpr int SidechannelGone = 2;
+constexpr int MessageTooLong = 3; // longer than the application allows
 
 constexpr std::size_t PrefixBytes = 4;
 
@@ -479,7 +480,7 @@ bool Receiver::handleConnectingState()
             LOG4CPLUS_TRACE(
                 logger,
                 "Could not connect to VLX sender; retrying in " << ReconnectDelayMs << " ms");
-            waitBeforeReconnect();
+            waitBeforeReconnect(true);
             return true;
         case ConnectionRetval::Failure:
             m_connectionAttemptFailed = true;
@@ -506,7 +507,8 @@ bool Receiver::handleConnectingState()
                 logger, "Initial info refused; retrying in " << ReconnectDelayMs << " ms");
             disconnectSidechannel();
             m_connectingState = ConnectingState::NotConnected;
-            waitBeforeReconnect();
+            // Others may write in the base directory: they must not set the pace of a refusal.
+            waitBeforeReconnect(false);
             return true;
         case InitialInfoRetval::Pending:
             return true;
@@ -542,7 +544,7 @@ bool Receiver::handleConnectingState()
     return true;
 }
 
-void Receiver::waitBeforeReconnect()
+void Receiver::waitBeforeReconnect(bool endsWhenSenderAppears)
 {
     m_senderAppeared = false;
 
@@ -550,7 +552,8 @@ void Receiver::waitBeforeReconnect()
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(ReconnectDelayMs);
     m_conditionVariable.wait_until(
-        lock, deadline, [this] { return m_senderAppeared || !m_keepRunning; });
+        lock, deadline,
+        [&] { return (endsWhenSenderAppears && m_senderAppeared) || !m_keepRunning; });
 }
 
 Receiver::ConnectionRetval Receiver::connectSidechannel()
@@ -647,6 +650,8 @@ Receiver::InitialInfoRetval Receiver::listenForInitialInfo()
     const int result = readSidechannelMessage();
     if (result == SidechannelGone)
         return InitialInfoRetval::Failure;
+    if (result == MessageTooLong)
+        return InitialInfoRetval::Refused;
     if (result != MessageComplete)
         return InitialInfoRetval::Pending;
     const std::optional<std::string> uri = checkInitialInfo();
@@ -913,7 +918,7 @@ bool Receiver::listenForInput()
         assert(m_connectingState != ConnectingState::WaitingForInitialInfo);
 
         const int result = readSidechannelMessage();
-        if (result == SidechannelGone)
+        if (result == SidechannelGone || result == MessageTooLong)
         {
             // What is still in the main channel is delivered before the connection is given up.
             disconnectSidechannel();
@@ -1252,7 +1257,7 @@ int Receiver::readSidechannelMessage()
                 LOG4CPLUS_ERROR(
                     logger, "Received sidechannel VLX message is too long: "
                                 << m_sidechannelMessageSize << " byte(s)");
-                return SidechannelGone;
+                return MessageTooLong;
             }
             m_sidechannelBuffer.resize(m_sidechannelMessageSize);
             m_sidechannelBytesRead = 0;

@@ -148,13 +148,13 @@ public:
     /// depayloader.
     VLX_API void setNewSequenceCallback(std::function<void(Depayloader&)> callback);
 
-    /// Sets a check of the sender's first message on the connection that is about to be used, before
-    /// the message is parsed. Without it every sender is accepted.
+    /// Sets a check of the sender's first message on the connection that is about to be used,
+    /// before the message is parsed. Without it every sender is accepted.
     ///
     /// The callback gets the InitialInfo packet, of any size and content and valid during the call,
     /// and the sender's credentials. It returns
-    ///   - std::nullopt to refuse: the connection is closed, and the next attempt follows as after
-    ///     any failed one, 400 ms later or when a sender appears;
+    ///   - std::nullopt to refuse: the connection is closed, and the next attempt follows 400 ms
+    ///     later, also when a sender appears meanwhile: other users may be able to make its entry;
     ///   - an empty string to accept, with the main channel that the packet names;
     ///   - another string to accept, with this URI for the main channel in place of the packet's.
     ///     What the URI refers to, a descriptor for instance, must stay until the state changes to
@@ -167,9 +167,10 @@ public:
                                                  const ByteView& packet,
                                                  const PeerCredentials& peer)> callback);
 
-    /// Limits what a sender's sidechannel message may announce as its length. A longer one counts as
-    /// a lost sidechannel, with an ERROR in the log and before anything is allocated for it. Before
-    /// initializeReceiver().
+    /// Limits what a sender's sidechannel message may announce as its length. A longer one is
+    /// refused with an ERROR in the log, before anything is allocated for it: the sender's first
+    /// message as by setInitialInfoCheckCallback(), with the next attempt 400 ms later, and a later
+    /// one as a lost sidechannel. Before initializeReceiver().
     ///
     /// @param bytes  longest message that is accepted; 0, the default: no limit
     VLX_API void setMaxSidechannelMessageSize(std::uint32_t bytes);
@@ -257,7 +258,7 @@ private:
         Success = 1,
         Aborted = 2,
         Failure = 3,
-        Refused = 4, // by the application's check
+        Refused = 4, // by the application's check or its limit
     };
 
     // Worker thread and state machine. All but the first three run on the worker.
@@ -274,7 +275,7 @@ private:
 
     // Connecting. Worker thread.
     bool handleConnectingState();
-    void waitBeforeReconnect();
+    void waitBeforeReconnect(bool endsWhenSenderAppears);
     ConnectionRetval connectSidechannel();
     void disconnectSidechannel();
     InitialInfoRetval listenForInitialInfo();
