@@ -20,6 +20,7 @@
 #include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <vlxkit/Discovery.hpp>
@@ -143,6 +144,11 @@ TEST_F(DiscoveryTest, ListsSendersAndNothingElse)
         ASSERT_EQ(::seteuid(OtherUser), 0);
         EXPECT_THAT(list(), Not(Contains(ofPubSub)));
         EXPECT_THAT(listSenders().hidden, Contains(pubSub.getPid()));
+        const std::vector<SenderEntry> senders = listSenders().senders;
+        const auto found = std::find_if(
+            senders.begin(), senders.end(),
+            [&name](const SenderEntry& entry) { return entry.name == name; });
+        EXPECT_TRUE(found != senders.end() && found->user == OtherUser) << "the effective one";
         ASSERT_EQ(::seteuid(0), 0);
     }
     own.close();
@@ -337,6 +343,8 @@ TEST_F(DiscoveryTest, RemovesWhatDeadSendersLeftAndNothingElse)
 
     // It could be any directory's sender.
     pipeline.signal(SIGSTOP);
+    siginfo_t stopped = {}; // its threads may run on for a moment
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pipeline.getPid()), &stopped, WSTOPPED), 0);
     EXPECT_THAT(removeDeadEntries().entries, IsEmpty());
     pipeline.signal(SIGCONT);
 

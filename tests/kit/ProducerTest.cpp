@@ -300,6 +300,7 @@ TEST_F(ProducerTest, SaysWhatItCannotOpen)
     EXPECT_FALSE(first.send(0, FrameNs, {}));
     EXPECT_FALSE(first.getProblem().empty());
     EXPECT_TRUE(first.open(Format)) << first.getProblem(); // once more
+    EXPECT_EQ(first.getProblem(), "");
 
     // An open stream keeps its format, also in what those who join are told.
     EXPECT_FALSE(first.open({audioUtils::PcmFormat::U8, 8000, 1}));
