@@ -41,9 +41,10 @@ namespace
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
 
-// Accepted answers come every 50 to 100 ms. GStreamer rejects those with a round trip well above the
-// usual, then asks again after 250 ms: where round trips grow many times longer all at once, it can
-// take a second more than this limit until they are the usual, and the clock counts as lost so long.
+// Accepted answers come every 50 to 100 ms. GStreamer rejects those with a round trip well above
+// the usual, then asks again after 250 ms: where round trips grow many times longer all at once, it
+// can take a second more than this limit until they are the usual, and the clock counts as lost so
+// long.
 constexpr guint64 SilenceLimitNs = 3'000'000'000;
 
 // How often the provider is asked while it is silent. GStreamer's own 1 s finds it late.
@@ -506,14 +507,21 @@ public:
     ~Impl()
     {
         stop();
+        if (!wasStarted())
+            return;
         joinEnding();
         assert(m_ending.empty() && "a clock must not be destroyed from inside its own callback");
+    }
+
+    bool wasStarted() const
+    {
+        return m_process != 0;
     }
 
     // A fork leaves a copy of the sessions without their threads.
     bool isForkedCopy() const
     {
-        return m_process != 0 && m_process != ::getpid();
+        return wasStarted() && m_process != ::getpid();
     }
 
     void start(const std::shared_ptr<Session>& session)
@@ -528,6 +536,9 @@ public:
 
     void stop()
     {
+        // No lock either: in a fork's copy a thread that is not there may hold it.
+        if (!wasStarted())
+            return;
         const std::shared_ptr<Session> session = exchangeSession(nullptr);
         const bool isOfOther = session && !session->isOwnThread();
         if (!Session::isThreadOfAny())
@@ -609,6 +620,12 @@ void SyncedNetClock::startSynchronization(
     unsigned long roundTripLimit,
     std::function<void()> onStateChange)
 {
+    if (m_impl->isForkedCopy())
+    {
+        auto own = std::make_unique<Impl>();
+        static_cast<void>(m_impl.release()); // as at the end
+        m_impl = std::move(own);
+    }
     m_impl->start(std::make_shared<Session>(
         Target{std::move(address), port, windowSize, roundTripLimit}, std::move(onStateChange)));
 }

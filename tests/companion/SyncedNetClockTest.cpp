@@ -223,6 +223,36 @@ TEST_F(SyncedNetClockTest, AForkedCopyEndsAndTheOriginalGoesOn)
     follower.reset();
 }
 
+TEST_F(SyncedNetClockTest, AForkedCopyWaitsForNoThreadOfTheParent)
+{
+    auto asked = std::make_unique<SyncedNetClock>(); // never started
+    std::atomic<bool> isDone = false;
+    std::thread asking(
+        [&]
+        {
+            while (!isDone)
+                asked->isSynchronized();
+        });
+    auto follower = std::make_unique<Follower>();
+    follower->start("127.0.0.1", 9);
+    for (int i = 0; i < 50 && !HasFailure(); ++i)
+    {
+        EXPECT_TRUE(vlx::testing::runInFork(
+            [&]
+            {
+                asked->stopSynchronization();
+                asked.reset();
+                // A clock of the copy's own, which follows nothing.
+                follower->start("127.0.0.1", 0);
+                follower.reset();
+                return true;
+            }))
+            << i;
+    }
+    isDone = true;
+    asking.join();
+}
+
 // What becomes of the provider while two clocks follow it.
 struct Event
 {
