@@ -606,8 +606,8 @@ void Receiver::disconnectSidechannel()
     if (m_sideChannelSocketFD >= 0)
     {
         LOG4CPLUS_DEBUG(logger, "Closing sidechannel with FD " << m_sideChannelSocketFD);
-        closeConnection(m_sideChannelSocketFD);
-        m_sideChannelSocketFD = -1;
+        // Forgotten first: a copy that is forked meanwhile must not close another file's number.
+        closeConnection(std::exchange(m_sideChannelSocketFD, -1));
     }
     m_sidechannelMessageSize = ReadingPrefix;
     m_sidechannelBytesRead = 0;
@@ -1225,9 +1225,8 @@ void Receiver::stopFsMonitorThread()
     if (m_inotifyFD >= 0)
     {
         ::inotify_rm_watch(m_inotifyFD, m_inotifyWatch);
-        ::close(m_inotifyFD);
+        ::close(std::exchange(m_inotifyFD, -1));
     }
-    m_inotifyFD = -1;
     m_inotifyWatch = -1;
 }
 

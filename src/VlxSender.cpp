@@ -329,7 +329,10 @@ void Sender::abandon()
     if (m_mutex.try_lock())
     {
         for (std::size_t i = FirstClientEntry; i < m_pollFDs->size(); ++i)
-            ::close((*m_pollFDs)[i].fd);
+        {
+            if ((*m_pollFDs)[i].fd >= 0)
+                ::close((*m_pollFDs)[i].fd);
+        }
         m_mutex.unlock();
     }
     else // a thread may have been changing what the lock guards
@@ -513,8 +516,11 @@ void Sender::listenerThreadLoop()
             const ssize_t numBytes = discardInput(fd);
             if (numBytes == 0)
             {
+                std::unique_lock<std::mutex> lock(m_mutex);
+                entries[i].fd = -1;
+                lock.unlock();
                 closeConnection(fd);
-                const std::lock_guard<std::mutex> lock(m_mutex);
+                lock.lock();
                 entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(i));
                 LOG4CPLUS_DEBUG(
                     logger, "Client connection with FD " << fd << " got closed; "
@@ -581,14 +587,11 @@ void Sender::shutdownListener()
     if (areThereClientConnections())
     {
         for (std::size_t i = FirstClientEntry; i < m_pollFDs->size(); ++i)
-            closeConnection((*m_pollFDs)[i].fd);
+            closeConnection(std::exchange((*m_pollFDs)[i].fd, -1));
         m_pollFDs->resize(FirstClientEntry);
     }
     if (m_listenerSocketFD >= 0)
-    {
-        closeListener(m_listenerSocketFD);
-        m_listenerSocketFD = -1;
-    }
+        closeListener(std::exchange(m_listenerSocketFD, -1));
     LOG4CPLUS_TRACE(logger, "Listener shut down");
 }
 

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -27,15 +28,15 @@ inline int createPipe(int (&ends)[2])
     return 0;
 }
 
-/// Closes both ends of a pipe if there is one.
+/// Closes both ends of a pipe if there is one. Each is forgotten first: the copy of a process that
+/// is forked meanwhile must not close a number that may be another file's there.
 inline void closePipe(int (&ends)[2])
 {
-    if (ends[0] == -1)
-        return;
-    ::close(ends[0]);
-    ::close(ends[1]);
-    ends[0] = -1;
-    ends[1] = -1;
+    for (int& end : ends)
+    {
+        if (end != -1)
+            ::close(std::exchange(end, -1));
+    }
 }
 
 /// @return whether the one byte was written
