@@ -2,9 +2,12 @@
 
 // Closing a descriptor without waiting for it: its last close may take long, or for ever.
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <deque>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -12,6 +15,7 @@
 
 #include <unistd.h>
 
+#include "Guards.hpp"
 #include "ThreadName.hpp"
 
 namespace vlx
@@ -27,56 +31,78 @@ bool startDetachedThread(Arguments&&... arguments)
     sigset_t before;
     ::sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, &before);
-    bool isStarted = true;
+    const ScopeGuard maskGuard([&before] { ::pthread_sigmask(SIG_SETMASK, &before, nullptr); });
     try
     {
         std::thread(std::forward<Arguments>(arguments)...).detach();
     }
     catch (const std::system_error&)
     {
-        isStarted = false;
+        return false;
     }
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return isStarted;
+    return true;
 }
+
+/// Threads that close a descriptor by ending and have not come to that. A file of the host process
+/// that cannot be closed holds them.
+inline std::atomic<int> numEndingThreads = 0;
+inline constexpr int MaxEndingThreads = 16;
+
+/// What a thread that closes by ending and its caller tell each other.
+struct EndingThreadEvents
+{
+    /// Whether the thread has a table of descriptors of its own, without what comes after its own.
+    std::promise<bool> taken;
+    /// Nothing is left in that table but the thread's own descriptor.
+    std::promise<void> alone;
+    /// The caller has closed the descriptor in the process's table.
+    std::promise<void> released;
+};
 
 /// Body of a thread that closes a descriptor by ending. A thread that ends does not wait for a
 /// socket that lingers, so that such threads cannot pile up.
-///
-/// @param taken     becomes whether the thread has a table of descriptors of its own, in which
-///                  nothing is left but this one
-/// @param released  set when the caller has closed the descriptor in the process's table
-inline void closeByEnding(int fd, std::promise<bool> taken, std::future<void> released)
+inline void closeByEnding(int fd, const std::shared_ptr<EndingThreadEvents>& events)
 {
+    const ScopeGuard countGuard([] { --numEndingThreads; });
     nameThisThread("vlx-closer");
     const auto number = static_cast<unsigned int>(fd);
     const bool hasOwnTable = ::close_range(number + 1, ~0U, CLOSE_RANGE_UNSHARE) == 0;
-    // Before the caller goes on: it must find nothing held open here, such as its socket's name.
-    if (hasOwnTable && number > 0)
+    events->taken.set_value(hasOwnTable);
+    if (!hasOwnTable)
+        return;
+    // These are copies of the host's files, and each close may wait for its file system.
+    if (number > 0)
         ::close_range(0, number - 1, 0);
-    taken.set_value(hasOwnTable);
-    if (hasOwnTable)
-        released.wait();
+    events->alone.set_value();
+    events->released.get_future().wait();
 }
 
 /// Hands a descriptor to a thread that closes it by ending.
 ///
-/// @return false if this system cannot do it, before Linux 5.9 for instance; nothing is closed then
+/// @return false if this system cannot do it, before Linux 5.9 for instance, or if too many such
+///         threads are held; nothing is closed then
 inline bool closeByEndingThread(int fd)
 {
-    std::promise<bool> taken;
-    std::promise<void> released;
-    std::future<bool> isTaken = taken.get_future();
-    if (!startDetachedThread(&closeByEnding, fd, std::move(taken), released.get_future()) ||
-        !isTaken.get())
+    constexpr std::chrono::milliseconds LongestWait{100};
+    ScopeGuard countGuard([] { --numEndingThreads; });
+    if (++numEndingThreads > MaxEndingThreads)
+        return false;
+    const auto events = std::make_shared<EndingThreadEvents>();
+    if (!startDetachedThread(&closeByEnding, fd, events))
+        return false;
+    countGuard.dismiss();
+    if (!events->taken.get_future().get())
         return false;
     ::close(fd); // not the last one, which is the thread's
-    released.set_value();
+    events->released.set_value();
+    // The caller should find nothing held open here, such as the name of its listening socket.
+    events->alone.get_future().wait_for(LongestWait);
     return true;
 }
 
 /// Descriptors that a few threads close one after the other. No more threads are started when all
-/// of them are held; what is left in the list then stays open.
+/// of them are held; what is left in the list then stays open, as where no thread can be started,
+/// until there is something to close again.
 class ClosingList
 {
 public:
@@ -91,7 +117,14 @@ public:
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_fds.push_back(fd);
-        if (m_numThreads < MaxThreads && startDetachedThread(&ClosingList::closeAll, this))
+    }
+
+    /// Starts another thread, if there is something to close and not all of them are held.
+    void closeWhatIsLeft()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_fds.empty() && m_numThreads < MaxThreads &&
+            startDetachedThread(&ClosingList::closeAll, this))
             ++m_numThreads;
     }
 
@@ -121,8 +154,10 @@ private:
 /// Closes a descriptor, at once or later, without waiting for it.
 inline void closeAside(int fd)
 {
+    ClosingList& list = ClosingList::get();
     if (!closeByEndingThread(fd))
-        ClosingList::get().add(fd);
+        list.add(fd);
+    list.closeWhatIsLeft();
 }
 
 } // namespace vlx

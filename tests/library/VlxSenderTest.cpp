@@ -68,6 +68,7 @@ int countBytesInPipe(int readEnd)
 }
 
 std::function<void(const fs::path&)> onNewDirectory; // after each mkdtemp
+std::mutex closingMutex; // while it is held, no close of many descriptors comes to its end
 
 /// The system's calls, which the linker leads through these.
 extern "C"
@@ -79,7 +80,11 @@ extern "C"
     int __wrap_close_range(unsigned int first, unsigned int last, int flags)
     {
         if (!failCloseRange)
+        {
+            if (first == 0)
+                const std::lock_guard<std::mutex> lock(closingMutex);
             return __real_close_range(first, last, flags);
+        }
         errno = ENOSYS;
         return -1;
     }
@@ -705,6 +710,29 @@ TEST_F(SenderTest, AFullWakeupPipeHoldsNobodyUp)
     EXPECT_EQ(receiver.receive(), makeFrame(1, 1, {1}));
     m_sender.shutdownSender();
     EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty());
+}
+
+TEST_F(SenderTest, AFileOfTheHostThatCannotBeClosedHoldsNobody)
+{
+    constexpr int MaxHeld = 16;
+    ASSERT_TRUE(initialize());
+    const auto countThreads = []
+    {
+        const fs::directory_iterator tasks("/proc/self/task");
+        return std::distance(begin(tasks), end(tasks));
+    };
+    const auto numBefore = countThreads();
+    const std::unique_lock<std::mutex> hung(closingMutex);
+    for (int i = 0; i < MaxHeld + 4 && !HasFailure(); ++i)
+    {
+        RawConnection client(getSocketName());
+        EXPECT_TRUE(client.readMessage());
+        EXPECT_TRUE(passDescriptor(client.getFD(), STDERR_FILENO));
+        EXPECT_TRUE(client.waitForClose());
+    }
+    EXPECT_TRUE(waitForClients(0));
+    EXPECT_TRUE(waitFor([&] { return countThreads() <= numBefore + MaxHeld; }));
+    EXPECT_GT(countThreads(), numBefore) << "nothing was held";
 }
 
 TEST_F(SenderTest, OutOfDescriptorsTheListenerTriesTenTimesASecond)
