@@ -42,8 +42,8 @@ inline ssize_t peekInput(int fd, void* buffer, std::size_t size, bool& hasDescri
     return count;
 }
 
-/// As recv(), and never waits. A peer that passes descriptors counts as gone, from the bytes on that
-/// can be read together with the first of them.
+/// As recv(), and never waits. A peer that passes descriptors counts as gone, from the bytes on
+/// that can be read together with the first of them.
 ///
 /// @pre no other thread reads from the connection
 inline ssize_t receiveWithoutWaiting(int fd, void* buffer, std::size_t size)

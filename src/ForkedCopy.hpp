@@ -19,8 +19,8 @@ inline bool isForkedCopy(pid_t process)
 }
 
 /// Makes members of a forked copy anew, without destroying what they were: threads, which can be
-/// neither joined nor detached here; locks and condition variables, whose destruction may wait for a
-/// thread; and containers that a thread may have been changing, whose memory is left alone.
+/// neither joined nor detached here; locks and condition variables, whose destruction may wait for
+/// a thread; and containers that a thread may have been changing, whose memory is left alone.
 template <class... Members>
 void makeAnew(Members&... members)
 {

@@ -56,8 +56,9 @@ constexpr std::size_t FirstClientEntry = 2;
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds AcceptPause{100};
 
-/// Opens the directory that mkdtemp has just made to everybody, and nothing else: in a base directory
-/// without the sticky bit others can put a link or another directory in its place meanwhile.
+/// Opens the directory that mkdtemp has just made to everybody, and nothing else: in a base
+/// directory without the sticky bit others can put a link or another directory in its place
+/// meanwhile.
 void openToEverybody(const std::string& path)
 {
     const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);

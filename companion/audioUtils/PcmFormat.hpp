@@ -66,8 +66,8 @@ constexpr std::string_view toString(PcmFormat format)
     return isValid(format) ? Names[static_cast<std::size_t>(format)] : std::string_view("unknown");
 }
 
-/// @return whether a text is ALSA's name of 24 bits in four bytes, "S24_LE" or "S24_BE" in any letter
-///         case: no PcmFormat, though the name resembles one
+/// @return whether a text is ALSA's name of 24 bits in four bytes, "S24_LE" or "S24_BE" in any
+///         letter case: no PcmFormat, though the name resembles one
 constexpr bool isPaddedFormat(std::string_view text)
 {
     return text.size() == 6 && (text[0] == 'S' || text[0] == 's') && text.substr(1, 3) == "24_" &&

@@ -15,10 +15,10 @@ namespace miscUtils
 /// One thread of its own, while synchronising, watches the provider and makes every callback. The
 /// first use in a process initialises GStreamer on that thread, which can take 0.4 s and forks a
 /// short-lived helper process. GStreamer keeps a further thread, which asks the provider for its
-/// time, for 60 seconds after the last use of an address, and in these 60 seconds each further start
-/// with that address leaks 296 bytes inside GStreamer. All clocks of a process that follow the
-/// same provider share GStreamer's estimate: the last window size given and the largest round trip
-/// limit hold for all of them.
+/// time, for 60 seconds after the last use of an address, and in these 60 seconds each further
+/// start with that address leaks 296 bytes inside GStreamer. All clocks of a process that follow
+/// the same provider share GStreamer's estimate: the last window size given and the largest round
+/// trip limit hold for all of them.
 class __attribute__((visibility("default"))) SyncedNetClock
 {
 public:
@@ -41,8 +41,8 @@ public:
     /// waiting for the first answer. An address that cannot be resolved is tried again every
     /// second; a provider that cannot be reached is asked until it answers.
     ///
-    /// If the system has no thread left, the log4cplus logger "Vellox" gets one ERROR, and the clock
-    /// never synchronises.
+    /// If the system has no thread left, the log4cplus logger "Vellox" gets one ERROR, and the
+    /// clock never synchronises.
     ///
     /// @param address         numeric IP address or host name of the provider; a name is resolved
     ///                        on the clock's own thread, an IPv4 address preferred; one that is no
@@ -55,8 +55,8 @@ public:
     ///                        or stop, on the clock's own thread, with no lock held, never from
     ///                        inside this call; may be empty. It may call any operation of this
     ///                        clock. It must not throw
-    /// @thread any. From inside a callback, of this clock or another, the call waits for nobody, and
-    ///         the new provider's callbacks may overlap with the rest of that callback
+    /// @thread any. From inside a callback, of this clock or another, the call waits for nobody,
+    ///         and the new provider's callbacks may overlap with the rest of that callback
     /// @life   the function object is kept until the clock is stopped, or, when stopped from inside
     ///         a callback, until the next start or stop from outside, or the destruction
     void startSynchronization(
@@ -68,8 +68,8 @@ public:
 
     /// Stops following. No callback starts afterwards, and one in progress is waited for, unless
     /// the call comes from inside it: then the clock's thread ends by itself after the callback.
-    /// Harmless when nothing is followed, and while another call from outside is stopping the clock:
-    /// it then returns at once.
+    /// Harmless when nothing is followed, and while another call from outside is stopping the
+    /// clock: it then returns at once.
     /// While GStreamer is being initialised the call waits for that.
     ///
     /// @thread any; without any lock that the callback takes, unless nothing is followed

@@ -60,8 +60,8 @@ VLX_API void produceSequenceInfoPacket(
 /// packets. A codec derives from it and fills `m_codecHeader`. One that changes the bytes of a
 /// frame overrides both virtual operations, consistently.
 ///
-/// A sender calls both with its own lock held: never call the sender from here, and take no lock that
-/// another caller of the sender holds.
+/// A sender calls both with its own lock held: never call the sender from here, and take no lock
+/// that another caller of the sender holds.
 class VLX_API Payloader
 {
 public:
@@ -115,8 +115,8 @@ public:
 protected:
     /// The FourCC given at construction.
     const std::uint32_t m_fourcc;
-    /// What every announcement of a sequence carries. Replace it while no sender uses it, then start
-    /// a new sequence.
+    /// What every announcement of a sequence carries. Replace it while no sender uses it, then
+    /// start a new sequence.
     Buffer m_codecHeader;
 };
 
@@ -141,10 +141,10 @@ public:
 
     /// Turns a Frame packet's payload into media data; here: a copy.
     ///
-    /// It must not throw: in a receiver that ends the process. It has no way to refuse a payload and
-    /// sees neither timestamps nor losses: what cannot be decoded becomes an empty buffer, or what
-    /// the codec plays instead, and the media-data callback, which sees a gap in the timestamps,
-    /// decides what to do about it.
+    /// It must not throw: in a receiver that ends the process. It has no way to refuse a payload
+    /// and sees neither timestamps nor losses: what cannot be decoded becomes an empty buffer, or
+    /// what the codec plays instead, and the media-data callback, which sees a gap in the
+    /// timestamps, decides what to do about it.
     ///
     /// @param payload  valid only during the call; may be empty
     /// @return the media data

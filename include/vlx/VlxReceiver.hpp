@@ -45,7 +45,8 @@ enum class FrameRefusal : std::int32_t
 /// Threads: one worker and one monitor thread per initialised receiver, and with a network clock
 /// the clock's own. Callbacks run on the worker thread unless they say otherwise, with no lock
 /// held. A callback that takes long makes this receiver lose frames, and nobody else. An exception
-/// that leaves a callback ends the process, except for the first call of the state-changed callback.
+/// that leaves a callback ends the process, except for the first call of the state-changed
+/// callback.
 ///
 /// Set all callbacks and depayloaders before initializeReceiver(); they are not guarded afterwards.
 /// Set up, initialise, shut down and destroy from one thread at a time, and never from inside a
@@ -191,9 +192,9 @@ public:
     ///
     /// A signal that interrupts an attempt to connect costs that attempt, with an ERROR in the log.
     /// A sender that starts is usually noticed at once, by its directory in the base directory (see
-    /// setBaseDirectory()), and otherwise at the next attempt, 400 ms later: the directory appears a
-    /// moment before the sender listens. If the base directory does not exist when this is called, only
-    /// every 400 ms.
+    /// setBaseDirectory()), and otherwise at the next attempt, 400 ms later: the directory appears
+    /// a moment before the sender listens. If the base directory does not exist when this is
+    /// called, only every 400 ms.
     ///
     /// @param socketAddress  the sender's name in the abstract socket namespace; only the first 107
     ///                       bytes count
@@ -210,9 +211,9 @@ public:
     /// initialised, or was shut down before.
     ///
     /// Takes up to 5 seconds: nothing interrupts the monitor's wait, except an entry that somebody
-    /// makes in the watched directory. An attempt to connect to a sender whose backlog is full, since
-    /// it is stopped (SIGSTOP), say, is given up after 400 ms. A callback in progress is waited for,
-    /// so hold no lock that a callback takes.
+    /// makes in the watched directory. An attempt to connect to a sender whose backlog is full,
+    /// since it is stopped (SIGSTOP), say, is given up after 400 ms. A callback in progress is
+    /// waited for, so hold no lock that a callback takes.
     ///
     /// In a forked child the copy of an initialised receiver only closes its descriptors, waits for
     /// nothing, logs nothing and makes no callback; the parent's receiver goes on.
@@ -221,9 +222,9 @@ public:
 
     /// @return nanoseconds on the stream's clock: CLOCK_MONOTONIC if the sender says so, otherwise
     ///         the network clock. That is 0 if the sender names none, while it is not synchronised
-    ///         yet, which the first frames may find, and between two connections; while its provider
-    ///         is silent, the last estimate goes on. Meaningful in State::Running only, and for an
-    ///         instant after a connection is lost it may be 0 there
+    ///         yet, which the first frames may find, and between two connections; while its
+    ///         provider is silent, the last estimate goes on. Meaningful in State::Running only,
+    ///         and for an instant after a connection is lost it may be 0 there
     /// @thread any
     VLX_API TimeValue getCurrentStreamTime() const;
 

@@ -48,8 +48,8 @@ class Payloader;
 /// socket file, "VlxSender-XXXXXX/nanomsgChannel.ipc" in the base directory (see
 /// setBaseDirectory()). The file gets the mode that the process's umask leaves: under the usual 022
 /// another user's receiver goes Running and never gets a frame. A producer that serves other users
-/// changes the file's mode after initializeSender(); the URI that a sidechannel connection announces
-/// names the file.
+/// changes the file's mode after initializeSender(); the URI that a sidechannel connection
+/// announces names the file.
 ///
 /// A forked child has only a copy without threads: it may shut the copy down or destroy it, and
 /// nothing else. The transport's own descriptors stay open there until it ends or calls exec.
@@ -71,8 +71,8 @@ public:
 
     /// Sets the directory in which the stream's own directory is made. Before initializeSender().
     ///
-    /// @param directory  path of an existing directory, which receivers watch; relative paths do not
-    ///                   reach receivers that work elsewhere. Empty, the default: "TMPDIR", or
+    /// @param directory  path of an existing directory, which receivers watch; relative paths do
+    ///                   not reach receivers that work elsewhere. Empty, the default: "TMPDIR", or
     ///                   "/tmp/vlx" if that is not set
     VLX_API void setBaseDirectory(std::string directory);
 
@@ -122,8 +122,8 @@ public:
 
     /// Opens a new sequence with the current payloader's FourCC and codec header: tells the
     /// receivers that have joined, and keeps the announcement for those that join later. Without an
-    /// open stream it does nothing. While sending is disabled nobody who has joined is told, then or
-    /// later: they refuse every frame until the next sequence, so start one after
+    /// open stream it does nothing. While sending is disabled nobody who has joined is told, then
+    /// or later: they refuse every frame until the next sequence, so start one after
     /// disableSend(false).
     ///
     /// @pre a payloader is set; checked by assertion
@@ -146,8 +146,8 @@ public:
     /// @param mediaData  the frame, in the current payloader's format; not used after the call
     /// @pre a payloader is set; checked by assertion
     /// @throws what the payloader throws; the frame is then not sent
-    /// @thread the producing thread; never two at once; not from inside a payloader, which is called
-    ///         with the sender's lock held
+    /// @thread the producing thread; never two at once; not from inside a payloader, which is
+    ///         called with the sender's lock held
     VLX_API void sendMediaData(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
 
     /// Switches sending off or on. Switching off frees a call that blocks in sendMediaData() or
@@ -157,12 +157,13 @@ public:
     /// @thread any
     VLX_API void disableSend(bool disable);
 
-    /// Counts connections, not receivers: a client that leaves right after the transport's handshake
-    /// may be counted until the sender is shut down, and any process that may write to the socket
-    /// file can be such a client. Where that matters, count the connections of the sidechannel.
+    /// Counts connections, not receivers: a client that leaves right after the transport's
+    /// handshake may be counted until the sender is shut down, and any process that may write to
+    /// the socket file can be such a client. Where that matters, count the connections of the
+    /// sidechannel.
     ///
-    /// @return connections of the main channel, as the transport counts them; 0 if the sender is not
-    ///         initialised
+    /// @return connections of the main channel, as the transport counts them; 0 if the sender is
+    ///         not initialised
     /// @thread any
     VLX_API std::size_t getNumReceivers() const;
 
@@ -214,8 +215,8 @@ private:
     // The main lock. Never held across poll, a main-channel send, or the join of the listener
     // thread.
     mutable std::mutex m_mutex;
-    // Guards m_sendDisabled where it is read and where disableSend() changes it; set-up and shutdown
-    // change it without. Guards the opening and closing of m_nanomsgWakeupPipe against a
+    // Guards m_sendDisabled where it is read and where disableSend() changes it; set-up and
+    // shutdown change it without. Guards the opening and closing of m_nanomsgWakeupPipe against a
     // disableSend() from another thread. Taken last, for the one-byte wakeup write and a line of
     // the log at most.
     std::mutex m_sendMutex;
