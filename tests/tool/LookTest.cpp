@@ -343,11 +343,11 @@ TEST_F(LookTest, OnlyTheSenderOfTheGivenUserIsJoined)
         ofOwn.insert(ofOwn.end(), {"--sender-user", own, "-d", "100ms", "--timeout", "9s"});
         ToolProcess accepting(ofOwn);
         EXPECT_EQ(accepting.wait(), 0) << accepting.getErrors();
+        fs::remove(file("a.wav")); // would be refused
         auto ofOther = arguments;
         ofOther.insert(ofOther.end(), {"--sender-user", other, "--timeout", "500ms"});
         ToolProcess refusing(ofOther);
         EXPECT_EQ(refusing.wait(), 3) << refusing.getErrors();
-        fs::remove(file("a.wav"));
     }
     EXPECT_EQ(sender.stop(), 128 + SIGTERM);
 }
