@@ -28,7 +28,7 @@ public:
     /// Calls stopSynchronization().
     ///
     /// In a forked child the copy of a clock that was started does nothing here, nor when it is
-    /// stopped: the memory stays, and the parent's clock goes on.
+    /// stopped: the memory stays, and the parent's clock goes on. Starting the copy begins anew.
     ///
     /// @pre not called from inside a callback of this clock, not even from one that has stopped the
     ///      clock before; checked by assertion
