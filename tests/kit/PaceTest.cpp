@@ -76,7 +76,7 @@ TEST(PaceTest, InputThatIsAlwaysReadyIsStampedBySamplesAlone)
     pace.begin(Begin);
     Lateness lateness;
     TimeValue now = Begin;
-    for (std::uint64_t sample = 0; sample < 60 * Rate; sample += Block)
+    for (std::uint64_t sample = 0; sample < std::uint64_t{60} * Rate; sample += Block)
     {
         ASSERT_EQ(pace.getTimestamp(), Begin + sample * Second / Rate);
         pace.observeInput(20 * Block, Block, now); // it fills up what it may

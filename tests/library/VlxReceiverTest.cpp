@@ -629,10 +629,10 @@ TEST_P(ReceiverTransportTest, TheCheckChoosesTheMainChannel)
 {
     auto sender = makeSender();
     const Descriptor directory(::open(getTempDirectory().c_str(), O_PATH | O_CLOEXEC));
-    const std::string uri = "ipc:///proc/self/fd/" + std::to_string(directory.get()) + "/raw.ipc";
     RecordedReceiver receiver;
-    receiver.get().setInitialInfoCheckCallback([&](const ByteView&, const PeerCredentials&)
-                                               { return uri; });
+    receiver.get().setInitialInfoCheckCallback(
+        [&](const ByteView&, const PeerCredentials&)
+        { return "ipc:///proc/self/fd/" + std::to_string(directory.get()) + "/raw.ipc"; });
     ASSERT_TRUE(receiver.start(getSocketName()));
     RawConnection connection = sender->getListener().accept();
     ASSERT_TRUE(connection.send(

@@ -473,7 +473,7 @@ TEST_F(SenderTest, AModeLandsOnTheOwnNewDirectoryAlone)
     const fs::path victim = fs::path(getTempDirectory()) / "victim";
     const auto makeFile = [&](const fs::path& path)
     {
-        Descriptor(::open(victim.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        const Descriptor file(::open(victim.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
         fs::create_symlink(victim, path);
     };
     const auto makeLinkedDirectory = [&](const fs::path& path)

@@ -709,7 +709,7 @@ TEST_F(ReceiveTest, NoFormerRecordingIsReplacedUnlessThatIsWanted)
 TEST_F(ReceiveTest, FilesOfALimitedLengthMakeUpTheWhole)
 {
     ToolSettings settings;
-    settings.input = makeNoise(Rate / 10 * 2);
+    settings.input = makeNoise(std::size_t{Rate} / 10 * 2);
     // Frames of 10 ms end inside the files.
     ToolProcess receiver(receive(
         {file("a.raw"), "-q", "--oneshot", "--max-duration", "23ms", "--report", file("r.json")}));

@@ -80,7 +80,7 @@ TEST_F(RecorderTest, EveryOrderOfEventsIsRecorded)
         makeEvent(Event::Kind::Joined), makeEvent(Event::Kind::Lost),
         makeEvent(Event::Kind::Stalled), announce(Format), makeFrame(Second, 0)};
     constexpr std::size_t Length = 5;
-    constexpr std::size_t NumOrders = 5 * 5 * 5 * 5 * 5;
+    constexpr std::size_t NumOrders = Length * Length * Length * Length * Length;
     for (std::size_t order = 0; order < NumOrders; ++order)
     {
         std::vector<tool::StreamEvent> events;

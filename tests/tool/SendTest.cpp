@@ -175,9 +175,11 @@ public:
     /// @return whether it found room at once
     bool write(const std::string& bytes) const
     {
-        const auto try_ = [&]
+        const auto tryWrite = [&]
         { return ::write(m_fd.get(), bytes.data(), bytes.size()) == ssize_t(bytes.size()); };
-        return try_() || !waitFor(try_);
+        const bool hasRoom = tryWrite();
+        EXPECT_TRUE(hasRoom || waitFor(tryWrite));
+        return hasRoom;
     }
 
 private:
@@ -188,7 +190,8 @@ TEST_F(SendTest, AWriterIsNeverHeldUpByASmallPipe)
 {
     constexpr auto PieceLength = milliseconds(20);
     constexpr int NumPieces = 75;
-    const std::string piece(Rate / 50 * 4, '\1'); // it fits in when the pipe is almost empty
+    const std::string piece(
+        std::size_t{Rate} / 50 * 4, '\1'); // it fits in when the pipe is almost empty
     const FifoWriter fifo(file("fifo"), 4096);
     ToolProcess sender(send({file("fifo"), "-f", "s16", "--report", file("s.json")}));
     int numHeld = 0;
