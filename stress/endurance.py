@@ -2,7 +2,11 @@
 stands still; the sender, the kit's and the tool's, stopped, resumed and killed at random for 160 s.
 Each loss is told beside the longest pause that an idle process saw then."""
 
+from contextlib import suppress
+import json
+import os
 import random
+import shutil
 import signal
 import time
 
@@ -100,3 +104,58 @@ def disturb_sender(run: Run, is_tool: bool) -> None:
         slowest = max(slowest, time.monotonic() - resumed)
     run.tell(f"{counts[0]} stops, {counts[1]} kills; 20 frames after {1e3 * slowest:.0f} ms at most")
     run.lose(consumers, since, spans=spans)
+
+
+REAL_TIME = ("chrt", "-r", "10")
+
+
+@row("endurance", "bystanders", "others stopped and killed at random, in real time",
+     "untouched receivers of kit and tool lose no more than in a control run")
+def disturb_others(run: Run) -> None:
+    """Half of the time without a fault, and half beside six receivers that stop, go on and die."""
+    run.require(run.tool.exists() and shutil.which("chrt"), "the tool or chrt is missing", SKIPPED)
+    control, faulty = (watch_bystanders(run, is_faulty) for is_faulty in (False, True))
+    run.check(all(faulty[who] <= control[who] for who in control), "more than in the control run")
+
+
+def watch_bystanders(run: Run, is_faulty: bool) -> dict[str, float]:
+    """The milliseconds of media that each untouched receiver missed."""
+    name, report = make_name(), run.directory / "bystander.json"
+    live = os.memfd_create("monitor")
+    producer = End("produce", name, REAL_TIME)
+    run.within(lambda: producer.board.ready, "no sender")
+    untouched = [End("consume", name, REAL_TIME) for _ in range(2)]
+    recorder = Process([*REAL_TIME, str(run.tool), "receive", "-s", name, "--no-fill", "-q",
+                        "--report", str(report), "--overwrite", str(report.with_suffix(".raw"))])
+    monitor = Process([*REAL_TIME, str(run.tool), "monitor", name, "--json"], output=live)
+    others = [End("consume", name) for _ in range(6)]
+    run.within(delivery(untouched + others), "no frames")
+    events, deadline = 0, time.monotonic() + 30 * run.minutes
+    while time.monotonic() < deadline:
+        time.sleep(random.uniform(0.02, 0.3))
+        if not is_faulty:
+            continue
+        victim = random.randrange(len(others))
+        action = random.choice([signal.SIGKILL, signal.SIGSTOP, signal.SIGCONT, signal.SIGCONT])
+        others[victim].send_signal(action)
+        if action == signal.SIGKILL:
+            others[victim].await_end(run.limit)
+            others[victim] = End("consume", name)
+        events += 1
+    for process in (recorder, monitor):
+        process.send_signal(signal.SIGINT)
+        process.await_end(run.limit)
+    lost_ms = {"kit": 10.0 * sum(end.board.lost for end in untouched)}
+    with suppress(OSError, ValueError, IndexError):
+        connections = json.loads(report.read_text())["connections"]
+        lost_ms["receive"] = sum(each["gap_ns"] for each in connections) / 1e6
+        with open(live) as lines:
+            lines.seek(0)
+            lost_ms["monitor"] = json.loads(lines.readlines()[-1])["gap_ns"] / 1e6
+    frames = untouched[0].board.frames
+    for end in (producer, *untouched, *others):
+        end.kill()
+    run.check(len(lost_ms) == 3, "a report is missing")
+    run.tell(f"{events} events in {30 * run.minutes} s, {frames:,} frames each: " + ", ".join(
+        f"{who} lost {lost:.0f} ms" for who, lost in lost_ms.items()))
+    return lost_ms

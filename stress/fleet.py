@@ -50,9 +50,10 @@ def kill_all() -> None:
 class Process(subprocess.Popen):
     """A child that never outlives this process."""
 
-    def __init__(self, command: list[str], fds: tuple[int, ...] = ()) -> None:
+    def __init__(self, command: list[str], fds: tuple[int, ...] = (),
+                 output: int = subprocess.DEVNULL) -> None:
         self._errors = open(os.memfd_create("errors"), errors="replace")
-        super().__init__(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+        super().__init__(command, stdin=subprocess.DEVNULL, stdout=output,
                          stderr=None if VERBOSE else self._errors, pass_fds=fds)
         RUNNING.add(self)
 
@@ -95,13 +96,15 @@ class End(Process):
 
     program: Path  # set once
 
-    def __init__(self, role: str, name: str, **options: object) -> None:
+    def __init__(self, role: str, name: str, prefix: tuple[str, ...] = (),
+                 **options: object) -> None:
+        """prefix: a command that becomes the end, such as chrt"""
         board, size = os.memfd_create("board"), ctypes.sizeof(Board)
         os.ftruncate(board, size)
         self.name = name
         self.board = Board.from_buffer(mmap.mmap(board, size))
         plan = {"role": role, "name": name, "board": board, "log": VERBOSE, **options}
-        super().__init__([str(self.program), json.dumps(plan)], (board,))
+        super().__init__([*prefix, str(self.program), json.dumps(plan)], (board,))
         os.close(board)
 
 
