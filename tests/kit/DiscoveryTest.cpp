@@ -303,21 +303,8 @@ TEST_F(DiscoveryTest, RemovesWakeupFilesOfKilledPrograms)
 
 TEST_F(DiscoveryTest, RemovesWhatDeadSendersLeftAndNothingElse)
 {
-    // A sender in another network namespace puts every directory of its user in doubt, and so does
-    // one that stands still. So no other process may be seen.
-    if (std::getenv("VLX_TEST_ALONE") == nullptr)
-    {
-        const std::string unshare = std::string("unshare --pid --fork --mount-proc --kill-child ") +
-                                    (::geteuid() == 0 ? "" : "--user --map-root-user ");
-        if (std::system((unshare + "true").c_str()) != 0)
-            GTEST_SKIP() << "needs a process namespace of its own";
-        const std::string program = fs::read_symlink("/proc/self/exe").string();
-        const std::string test = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-        const std::string command =
-            "VLX_TEST_ALONE=1 " + unshare + program + " --gtest_filter='*." + test + "'";
-        EXPECT_EQ(std::system(command.c_str()), 0);
+    if (!runsAlone())
         return;
-    }
     const std::string& name = getSocketName();
     const std::string& base = getTempDirectory();
     const SenderProcess pubSub(name + "-a", NanomsgProtocol::PubSub);

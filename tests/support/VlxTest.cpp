@@ -166,6 +166,26 @@ void VlxTest::TearDown()
     fs::remove_all(m_tempDirectory, error);
 }
 
+bool VlxTest::runsAlone()
+{
+    constexpr const char* IsAlone = "VLX_TEST_ALONE";
+    if (std::getenv(IsAlone) != nullptr)
+        return true;
+    const std::string unshare = std::string("unshare --pid --fork --mount-proc --kill-child ") +
+                                (::geteuid() == 0 ? "" : "--user --map-root-user ");
+    if (std::system((unshare + "true").c_str()) != 0)
+    {
+        [] { GTEST_SKIP() << "needs a process namespace of its own"; }();
+        return false;
+    }
+    const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
+    const std::string test = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    const std::string command =
+        IsAlone + ("=1 " + unshare) + program + " --gtest_filter='*." + test + "'";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    return false;
+}
+
 std::vector<std::string> VlxTest::listTempDirectory() const
 {
     std::vector<std::string> names;

@@ -86,6 +86,14 @@ protected:
     /// @return names of what is in the private directory
     std::vector<std::string> listTempDirectory() const;
 
+    /// Runs the current test once more in a process namespace of its own, for a test that no other
+    /// process may disturb: a sender in another network namespace, or one that stands still, puts
+    /// every directory of its user in doubt.
+    ///
+    /// @return whether this is that run. Otherwise the test is over: its result has been taken over,
+    ///         or it is skipped because this user can have no such namespace
+    static bool runsAlone();
+
     static LogCapture& log()
     {
         return LogCapture::get();

@@ -180,6 +180,8 @@ protected:
 
 TEST_F(LookTest, ListNamesTheLivingAndClearsUpAfterTheDead)
 {
+    if (!runsAlone())
+        return;
     constexpr std::size_t NumSenders = 20;
     constexpr std::size_t NumKilled = 5;
     std::vector<std::unique_ptr<ToolProcess>> senders;
@@ -286,6 +288,8 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
 
 TEST_F(LookTest, ListTellsOfOtherUsersAndCleanWhatItCannotRemove)
 {
+    if (!runsAlone())
+        return;
     ToolProcess sender(send({"--silence"}));
     waitForSender(getSocketName());
     EXPECT_EQ(listOwn().at(0)["user"], ::geteuid());
