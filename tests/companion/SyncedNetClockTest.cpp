@@ -242,8 +242,10 @@ TEST_F(SyncedNetClockTest, AForkedCopyWaitsForNoThreadOfTheParent)
             {
                 asked->stopSynchronization();
                 asked.reset();
+#ifndef __SANITIZE_THREAD__ // it cannot follow a thread that a forked child starts
                 // A clock of the copy's own, which follows nothing.
                 follower->start("127.0.0.1", 0);
+#endif
                 follower.reset();
                 return true;
             }))
