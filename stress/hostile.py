@@ -130,7 +130,7 @@ def answer_differently(run: Run) -> None:
     name = make_name()
     receivers = [End("consume", name) for _ in range(2)]
     tools = [Process([str(run.tool), *words]) for words in (
-        ["receive", "--socket", name, str(run.directory / "copy.wav")],
+        ["receive", "--socket", name, "--overwrite", str(run.directory / "copy.wav")],
         ["monitor", name])] if run.tool.exists() else []
     hostile = start_hostile(run, peers.answer_differently, name, [target, victim])
     run.within(lambda: hostile.count() >= 12, "the impostor was not asked", more=30)
@@ -159,7 +159,7 @@ def flood_tool(run: Run) -> None:
     times = []
     for kind in ("copy.wav", "copy.raw", "-"):
         target = kind if kind == "-" else str(run.directory / kind)
-        receiver = Process([str(run.tool), "receive", "--socket", name, target])
+        receiver = Process([str(run.tool), "receive", "--socket", name, "--overwrite", target])
         before = hostile.count()
         run.within(lambda: hostile.count() > before + 10, "no frames left")
         time.sleep(run.beside)
@@ -180,7 +180,7 @@ def send_gaps(run: Run) -> None:
     name, copy = make_name(), run.directory / "silence.wav"
     hostile = start_hostile(run, peers.send_gaps, name)
     start = time.monotonic()
-    receiver = Process([str(run.tool), "receive", "--socket", name, str(copy)])
+    receiver = Process([str(run.tool), "receive", "--socket", name, "--overwrite", str(copy)])
     run.within(lambda: hostile.count() >= 100, "no frames left")
     time.sleep(run.beside)
     passed = time.monotonic() - start
@@ -203,7 +203,9 @@ def forge_names(run: Run) -> None:
     stream = run.start(1)
     hostile = start_hostile(run, peers.forge_names, stream.name)
     run.within(lambda: hostile.count() > 0, "nothing was forged")
-    directories = list(run.directory.glob("VlxSender-*"))
+    directories = [path for path in run.directory.glob("VlxSender-*") if not path.is_symlink() and
+                   path.stat().st_uid == os.geteuid() and list(path.iterdir())]
+    run.require(directories, "the sender has no directory")
     for path in directories:
         os.utime(path, (0, 0))  # old enough to be removed
     def list_senders(*options: str) -> str:
