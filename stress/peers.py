@@ -159,8 +159,8 @@ def make_packet() -> bytes:
     return bytes(packet)
 
 
-def publish_rubbish(note: Note, name: str) -> None:
-    """Greets properly whoever comes, announces PCM, and publishes rubbish to each subscriber until
+def publish(note: Note, name: str, messages: Iterator[bytes]) -> None:
+    """Holds a sender's name, greets properly, announces PCM, and publishes to each subscriber until
     it leaves."""
     path, publisher = open_main_channel()
     visitors = greet(name, greeting(PUB_SUB, path))
@@ -170,10 +170,18 @@ def publish_rubbish(note: Note, name: str) -> None:
         with subscriber, suppress(OSError):
             subscriber.sendall(PUBLISHER)
             subscriber.recv(8, socket.MSG_WAITALL)
-            while True:
-                packet = make_packet()
-                subscriber.sendall(b"\x01" + struct.pack(">Q", len(packet)) + packet)
+            for message in messages:
+                subscriber.sendall(message)
                 note()
+
+
+def make_message(packet: bytes) -> bytes:
+    """As the main channel carries it."""
+    return b"\x01" + struct.pack(">Q", len(packet)) + packet
+
+
+def publish_rubbish(note: Note, name: str) -> None:
+    publish(note, name, (make_message(make_packet()) for _ in itertools.count()))
 
 
 def hold_urgently(note: Note, name: str) -> None:
@@ -335,26 +343,10 @@ def answer_differently(note: Note, name: str, targets: list[Path]) -> None:
         client.close()
 
 
-def publish(note: Note, name: str, messages: Iterator[bytes]) -> None:
-    """Holds a sender's name, and publishes to each subscriber."""
-    path, publisher = open_main_channel()
-    visitors = greet(name, greeting(PUB_SUB, path))
-    threading.Thread(target=list, args=(visitors,), daemon=True).start()
-    while True:
-        subscriber = publisher.accept()[0]
-        with subscriber, suppress(OSError):
-            subscriber.sendall(PUBLISHER)
-            subscriber.recv(8, socket.MSG_WAITALL)
-            for message in messages:
-                subscriber.sendall(message)
-                note()
-
-
 def make_frame(timestamp: int, size: int) -> bytes:
     """The message of a frame that is all silence."""
     duration = size // 4 * 10**9 // 48_000
-    return (b"\x01" + struct.pack(">Q", 20 + size) +
-            struct.pack("<HHQQ", 2, 1, timestamp % 2**64, duration) + bytes(size))
+    return make_message(struct.pack("<HHQQ", 2, 1, timestamp % 2**64, duration) + bytes(size))
 
 
 def flood(note: Note, name: str) -> None:

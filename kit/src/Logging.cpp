@@ -32,11 +32,6 @@ log4cplus::LogLevel toLog4cplusLevel(LogLevel level)
     return log4cplus::TRACE_LOG_LEVEL;
 }
 
-} // unnamed namespace
-
-namespace
-{
-
 std::mutex mutex;
 // Guarded by mutex. All that live share one appender, which makes no line appear twice.
 int numLive = 0;
