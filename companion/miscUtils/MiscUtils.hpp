@@ -7,11 +7,11 @@
 namespace miscUtils
 {
 
-/// @return time of CLOCK_MONOTONIC, which all processes of the machine share, in nanoseconds
+/// @return nanoseconds of CLOCK_MONOTONIC, the clock that all processes of a machine share
 /// @thread any
 __attribute__((visibility("default"))) TimeValue getMonotonicSysclockTime();
 
-/// Returns the text of a system error, as strerror() does, but thread-safe.
+/// Describes a system error, as strerror() does, but safe to call from several threads at once.
 ///
 /// @param errorNumber  a value of errno
 /// @return the system's text

@@ -7,43 +7,42 @@
 namespace vlx::kit
 {
 
-/// Purpose for which a program uses the base directory.
+/// What a program wants from the base directory.
 enum class BaseDirectoryUse
 {
-    /// To send: the sender creates a directory with its socket file there.
+    /// A sender makes its private directory there, with a socket file in it.
     Send,
-    /// To receive: the receiver only watches for senders that appear.
+    /// A receiver only watches for senders that appear.
     Receive,
 };
 
-/// Result of checking the base directory.
+/// What was found out about the base directory.
 struct BaseDirectory
 {
     /// Absolute path.
     std::string path;
-    /// Empty if the directory can be used; otherwise the reason, in one line.
+    /// Empty if the directory can be used; otherwise one line that says what is wrong with it.
     std::string problem;
-    /// Whether this call has created the directory.
+    /// The directory was made by this call.
     bool created = false;
-    /// Informational message about a created directory, in one line; otherwise empty.
+    /// What the user should know about a directory that was made, in one line; otherwise empty.
     std::string notice;
-    /// Whether files can be created there. A receiver works without that permission, but its stop
-    /// then takes up to 5 seconds.
+    /// Entries can be made there. A receiver works without, but its stop takes up to 5 seconds.
     bool writable = false;
 };
 
-/// Finds and checks the base directory, where receivers look for senders. Creates "/tmp/vlx", with
+/// Finds and checks the directory in which senders meet their receivers. Creates "/tmp/vlx", with
 /// mode 1777, if it is missing and no other directory is set.
 ///
 /// Refuses a directory in which another user could replace a stream's directory: one that belongs
-/// neither to root nor to the effective user, and one without the sticky bit that other users may
-/// write to.
+/// neither to root nor to the effective user, and one that other users may write to without the
+/// sticky bit.
 ///
-/// The library makes no such check. If the directory is missing, a sender fails to initialise, and
-/// a receiver notices starting senders late. Call this function before either is initialised.
+/// The library makes no such check: a sender without the directory fails to initialise, and a
+/// receiver without it finds starting senders late. Call this before either is initialised.
 ///
-/// @param use        purpose of the directory
-/// @param directory  path; empty, the default: "TMPDIR", or "/tmp/vlx" if that is not set
+/// @param use        what the directory is needed for
+/// @param directory  path; empty: "TMPDIR", or "/tmp/vlx"
 /// @thread any
 VLX_API BaseDirectory prepareBaseDirectory(BaseDirectoryUse use, const std::string& directory = {});
 

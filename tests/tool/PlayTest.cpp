@@ -1,5 +1,5 @@
-// "vlx receive --play": whether each sample leaves on time. A stream of a sine, whose sender's clock
-// is fast, is played into files by ALSA; the sine's phase tells what each sample's time was.
+// "vlx receive --play": each sample leaves on time. A stream of a sine, whose sender's clock is fast,
+// is played into files by ALSA; the sine's phase shows when each sample was taken.
 //
 // VLX_PLAY_SECONDS in the environment makes the measurement as long as wanted.
 
@@ -9,6 +9,7 @@
 #include <numbers>
 #include <thread>
 
+#include "support/TestProvider.hpp"
 #include "tool/ToolFixture.hpp"
 
 namespace vlx::testing
@@ -23,15 +24,26 @@ constexpr double SenderPpm = 200;
 constexpr double MaxErrorNs = 1e6;
 constexpr std::size_t FrameSamples = 480;
 
-/// Sends a sine at a rate that is not quite the announced one, until it is told to end.
+/// Sends a sine at a rate that is not quite the announced one, until it is destroyed. It may pause
+/// once, for a second after its first one, and then begins another sequence.
 class SineSender
 {
 public:
-    explicit SineSender(const std::string& name)
+    /// @param provider  of the clock that the timestamps stand on; null: CLOCK_MONOTONIC
+    explicit SineSender(
+        const std::string& name,
+        bool pauses = false,
+        const TestProvider* provider = nullptr)
+        : m_pauses(pauses), m_offsetNs(provider != nullptr ? provider->getOffsetNs() : 0)
     {
         m_payloader.setNewFormat(Rate, 1, audioUtils::PcmFormat::F32LE);
-        EXPECT_TRUE(m_sender.initializeSender(
-            name, {}, {}, 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub));
+        EXPECT_TRUE(
+            provider != nullptr ? m_sender.initializeSender(
+                                      name, {}, provider->getAddress(), provider->getPort(),
+                                      TimeSyncProtocol::GstNetClock, NanomsgProtocol::PubSub)
+                                : m_sender.initializeSender(
+                                      name, {}, {}, 0, TimeSyncProtocol::MonotonicSystemClock,
+                                      NanomsgProtocol::PubSub));
         m_sender.setCurrentPayloader(m_payloader);
         m_sender.startNewSequence();
         m_thread = std::thread([this] { loop(); });
@@ -57,9 +69,16 @@ private:
     void loop()
     {
         constexpr double TrueRate = Rate * (1 + SenderPpm * 1e-6);
+        constexpr std::uint64_t FramesPerSecond = Rate / FrameSamples;
         std::vector<float> values(FrameSamples);
         for (std::uint64_t frame = 0; m_keepRunning; ++frame)
         {
+            if (m_pauses && frame == FramesPerSecond)
+            {
+                frame += FramesPerSecond;
+                std::this_thread::sleep_until(m_begin + std::chrono::seconds(2));
+                m_sender.startNewSequence();
+            }
             const double firstSample = static_cast<double>(frame * FrameSamples);
             for (std::size_t i = 0; i < FrameSamples; ++i)
                 values[i] = static_cast<float>(
@@ -70,13 +89,15 @@ private:
                                             std::llround(firstSample / TrueRate * NsPerSecond));
             std::this_thread::sleep_until(time);
             m_sender.sendMediaData(
-                static_cast<TimeValue>(time.time_since_epoch().count()), 10'000'000,
+                static_cast<TimeValue>(time.time_since_epoch().count() + m_offsetNs), 10'000'000,
                 ByteView(
                     reinterpret_cast<const unsigned char*>(values.data()),
                     FrameSamples * sizeof(float)));
         }
     }
 
+    const bool m_pauses;
+    const std::int64_t m_offsetNs; // of the timestamps against CLOCK_MONOTONIC
     const std::chrono::steady_clock::time_point m_begin = std::chrono::steady_clock::now();
     PcmPayloader m_payloader;
     Sender m_sender;
@@ -89,6 +110,7 @@ struct Played
 {
     std::vector<float> values;
     json report;
+    double rate = Rate; // of the device's clock
 
     /// @return when a sample left, nanoseconds of CLOCK_MONOTONIC
     double getTimeNs(std::size_t sample) const
@@ -101,10 +123,11 @@ struct Played
         }
         return origin["time"].get<double>() +
                static_cast<double>(sample - origin["sample"].get<std::size_t>()) * NsPerSecond /
-                   Rate;
+                   rate;
     }
 };
 
+/// How far samples were from their time.
 struct Errors
 {
     double maxNs = 0;
@@ -142,6 +165,11 @@ Errors measureErrors(const Played& played, double beginNs)
 class PlayTest : public ToolTest
 {
 protected:
+    static void SetUpTestSuite()
+    {
+        gst_init(nullptr, nullptr); // what it keeps is no leak of a test
+    }
+
     std::vector<std::string> play(const std::string& name, std::vector<std::string> more) const
     {
         more.insert(more.begin(), {"--play", "file:'" + file(name) + ".raw',raw"});
@@ -202,17 +230,60 @@ TEST_F(PlayTest, EachSampleLeavesOnTimeAtEveryReceiver)
     }
 }
 
-TEST_F(PlayTest, ANetworkClockIsFollowed)
+TEST_F(PlayTest, ASecondSequenceAfterAPauseLeavesOnTime)
 {
-    ToolProcess sender(send({"--tone", "440", "--clock", "net", "--wait-receivers", "1"}));
-    ToolProcess receiver(play("net", {"-d", "1s"}));
-    EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
-    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
-    const json report = readJson(file("net.json"));
-    EXPECT_EQ(report["connections"][0]["clock"], "gstnetclock");
-    // A frame's timestamp is not far from its arrival, once it is told by this machine's clock.
-    EXPECT_LT(report["play"][0]["late_samples"], Rate / 2) << report["play"];
-    EXPECT_LT(report["play"][0]["samples"], 3 * Rate) << report["play"];
+    const SineSender sender(getSocketName(), true);
+    ToolProcess receiver(play("paused", {"-d", "2s", "--timeout", "2500ms"}));
+    // The time-out is one for the first frame.
+    ASSERT_EQ(receiver.wait(), 0) << receiver.getErrors();
+    const Played played = readPlayed("paused");
+    EXPECT_EQ(played.report["connections"].size(), 1U);
+    EXPECT_GT(played.values.size(), 2 * Rate + Rate / 2U) << "it ended before the second sequence";
+    const Errors errors = measureErrors(played, sender.getBeginNs());
+    EXPECT_GT(errors.numWindows, 10U);
+    EXPECT_LT(errors.maxNs, MaxErrorNs);
+}
+
+TEST_F(PlayTest, ANetworkClockFarFromThisMachinesIsFollowed)
+{
+    constexpr std::int64_t OffsetNs = 5 * 3600 * 1'000'000'000LL;
+    TestProvider provider;
+    provider.start(OffsetNs);
+    {
+        const SineSender sender(getSocketName(), false, &provider);
+        ToolProcess receiver(play("net", {"-d", "2s"}));
+        ASSERT_EQ(receiver.wait(), 0) << receiver.getErrors();
+        const Played played = readPlayed("net");
+        const json& connection = played.report["connections"][0];
+        EXPECT_EQ(connection["clock"], "gstnetclock");
+        EXPECT_GT(connection["first_timestamp"], OffsetNs);
+        EXPECT_LT(connection["join_ns"], OffsetNs);
+        EXPECT_LT(played.report["play"][0]["late_samples"], Rate) << played.report["play"];
+        // Of what was played before the clock was synchronised nothing is known.
+        const Errors errors = measureErrors(played, sender.getBeginNs());
+        EXPECT_GT(errors.numWindows, 5U);
+        EXPECT_LT(errors.maxNs, 5 * MaxErrorNs);
+    }
+    provider.stop();
+}
+
+TEST_F(PlayTest, ACardsOwnClockAndQueueAreFollowed)
+{
+    constexpr int CardPpm = -200;
+    std::ofstream(file("asound.conf"))
+        << "pcm_type.vlxtest { lib \"" VLX_TEST_CARD "\" }\n"
+        << "pcm.card { type vlxtest file \"" << file("card.raw") << "\" ppm " << CardPpm << " }\n";
+    ::setenv("ALSA_CONFIG_PATH", file("asound.conf").c_str(), 1);
+    const SineSender sender(getSocketName());
+    ToolProcess receiver(receive({"--play", "card", "-d", "3s", "--report", file("card.json")}));
+    ASSERT_EQ(receiver.wait(), 0) << receiver.getErrors();
+    ::unsetenv("ALSA_CONFIG_PATH");
+    Played played = readPlayed("card");
+    played.rate = Rate * (1 + CardPpm * 1e-6);
+    const Errors errors = measureErrors(played, sender.getBeginNs());
+    EXPECT_GT(errors.numWindows, 10U) << played.report["play"];
+    EXPECT_LT(errors.maxNs, MaxErrorNs) << played.report["play"];
+    EXPECT_EQ(played.report["play"][0]["samples"], played.values.size());
 }
 
 TEST_F(PlayTest, WhatCannotBePlayedOnIsSaid)

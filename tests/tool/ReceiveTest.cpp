@@ -1,11 +1,13 @@
 // "vlx receive" as a user runs it: what is recorded, played and said.
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <thread>
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -168,6 +170,11 @@ TEST_F(ReceiveTest, FullDiskKeepsWhatWasWritten)
     ToolProcess receiver(receive({"-"}), full);
     EXPECT_EQ(receiver.wait(), 1);
     EXPECT_NE(receiver.getErrors().find("No space left"), std::string::npos);
+    // Only the report finds no room.
+    ToolProcess reporter(receive({file("b.wav"), "-d", "50ms", "-q", "--report", "/dev/full"}));
+    EXPECT_EQ(reporter.wait(), 1);
+    EXPECT_NE(reporter.getErrors().find("\"/dev/full\": No space left"), std::string::npos);
+    EXPECT_EQ(readSound(file("b.wav")).info.frames, Rate / 20);
     EXPECT_EQ(sender.stop(), 128 + SIGTERM);
 }
 
@@ -498,6 +505,48 @@ TEST_F(ReceiveTest, FifoIsOpenedWithoutHanging)
     EXPECT_EQ(sender.stop(), 128 + SIGTERM);
 }
 
+TEST_F(ReceiveTest, AReaderThatIsSlowAtAStopGetsTheRest)
+{
+    constexpr int PipeSize = 8192;
+    ToolProcess sender(send({"--tone", "440"}));
+    for (const bool reads : {true, false})
+    {
+        SCOPED_TRACE(reads ? "slow" : "reads no more");
+        const std::string fifo = file(reads ? "slow" : "still");
+        ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+        const Descriptor reader(::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        ASSERT_EQ(::fcntl(reader.get(), F_SETPIPE_SZ, PipeSize), PipeSize);
+        ToolProcess receiver(receive({fifo, "--raw", "-q", "--report", file("r.json")}));
+        const auto isFull = [&]
+        {
+            int size = 0;
+            return ::ioctl(reader.get(), FIONREAD, &size) == 0 && size > PipeSize / 2;
+        };
+        ASSERT_TRUE(waitFor(isFull)) << receiver.getErrors();
+        std::this_thread::sleep_for(std::chrono::nanoseconds(10 * FrameNs)); // frames that wait
+        receiver.signal(SIGTERM);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // so slow it is
+        std::uint64_t received = 0;
+        std::array<char, PipeSize> bytes{};
+        EXPECT_TRUE(waitFor(
+            [&]
+            {
+                ssize_t count = 0;
+                while (reads && (count = ::read(reader.get(), bytes.data(), bytes.size())) > 0)
+                    received += static_cast<std::uint64_t>(count);
+                return receiver.wait(std::chrono::milliseconds(0)).has_value();
+            }));
+        EXPECT_EQ(receiver.wait(), reads ? 128 + SIGTERM : 1);
+        EXPECT_EQ(receiver.getErrors().find("the rest is lost") == std::string::npos, reads)
+            << receiver.getErrors();
+        if (reads)
+        {
+            EXPECT_EQ(received, readJson(file("r.json"))["samples"].get<std::uint64_t>() * 4);
+        }
+    }
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+}
+
 TEST_F(ReceiveTest, NothingIsLeftOfARecordingThatHasNotBegun)
 {
     OnesSender sender(getSocketName(), 48000, 2);
@@ -752,6 +801,7 @@ TEST_F(ReceiveTest, FilesOfALimitedLengthMakeUpTheWhole)
 
 TEST_F(ReceiveTest, GapsAreFilledCountedAndSaid)
 {
+    constexpr TimeValue PauseNs = 3'000'000'000;
     for (const bool fill : {true, false})
     {
         const std::string path = file(fill ? "filled.wav" : "joined.wav");
@@ -761,6 +811,9 @@ TEST_F(ReceiveTest, GapsAreFilledCountedAndSaid)
         sender.sendUntilFile(path);
         sender.skip(5 * FrameNs);
         sender.send(3);
+        sender.skip(PauseNs);
+        sender.setFormat(48000, 1); // a second sequence
+        sender.send(2);
         sender.skip(FrameNs);
         sender.send(1);
         std::this_thread::sleep_for(std::chrono::milliseconds(100)); // the tail leaves
@@ -770,12 +823,12 @@ TEST_F(ReceiveTest, GapsAreFilledCountedAndSaid)
         const Sound sound = readSound(path);
         const auto silent =
             static_cast<std::size_t>(std::count(sound.values.begin(), sound.values.end(), 0.0));
-        EXPECT_EQ(silent, fill ? 6 * 480U : 0U);
+        EXPECT_EQ(silent, fill ? 3 * 48000 + 6 * 480U : 0U);
         const std::size_t end = sound.values.size();
         EXPECT_EQ(sound.values.at(end - 481), fill ? 0.0 : sound.values.at(end - 1));
-        EXPECT_EQ(readJson(file("r.json"))["gap_ns"], 6 * FrameNs);
+        EXPECT_EQ(readJson(file("r.json"))["gap_ns"], PauseNs + 6 * FrameNs);
         const std::string said =
-            std::string("2 gaps of 0.060 s in all, ") + (fill ? "filled with silence" : "left out");
+            std::string("3 gaps of 3.060 s in all, ") + (fill ? "filled with silence" : "left out");
         EXPECT_NE(receiver.getErrors().find(said), std::string::npos) << receiver.getErrors();
     }
 }

@@ -3,8 +3,10 @@
 #include "receive/Recorder.hpp"
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <limits>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -145,6 +147,92 @@ TEST_F(RecorderTest, SilenceIsBoundedByTheTimeThatHasPassed)
             report["samples"], Format.toSamples(received + static_cast<TimeValue>(row.filledNs)))
             << row.name;
         EXPECT_EQ(report["frames"], row.frames.size() + 1) << row.name;
+    }
+}
+
+TEST_F(RecorderTest, TheDurationCountsOverAllFormatsAndFiles)
+{
+    // Three sequences of 30 ms each: of 8, 16 and 8 kHz.
+    std::vector<tool::StreamEvent> events;
+    for (const std::uint32_t rate : {8000U, 16000U, 8000U})
+    {
+        const StreamFormat format = {Format.sampleFormat, rate, 1};
+        events.emplace_back(announce(format));
+        for (int i = 0; i < 3; ++i)
+        {
+            events.emplace_back(makeFrame(Second, 0));
+            std::get<tool::ReceivedFrame>(events.back()).data.resize(format.toSamples(FrameNs) * 2);
+        }
+    }
+    struct Row
+    {
+        const char* name;
+        bool isPlayed;
+        std::chrono::milliseconds duration, maxDuration;
+        std::uint64_t samples;
+        std::vector<std::uintmax_t> sizes; // of the files, bytes
+    };
+    using std::chrono::milliseconds;
+    constexpr milliseconds Unlimited(0);
+    const Row rows[] = {
+        {"in the second format", false, milliseconds(45), Unlimited, 480, {480, 480}},
+        {"at the end of a format", false, milliseconds(60), Unlimited, 720, {480, 960}},
+        {"in the third format", false, milliseconds(75), Unlimited, 840, {480, 960, 240}},
+        {"within short files",
+         false,
+         milliseconds(75),
+         milliseconds(20),
+         840,
+         {320, 160, 640, 320, 240}},
+        {"played", true, milliseconds(75), Unlimited, 840, {}}};
+    std::string directory = ::testing::TempDir() + "vlx-XXXXXX";
+    ASSERT_NE(::mkdtemp(directory.data()), nullptr);
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.name);
+        m_options.output = row.isPlayed ? "" : directory + "/a.raw";
+        m_options.play = row.isPlayed ? "null" : "";
+        m_options.split = !row.isPlayed;
+        m_options.overwrite = true;
+        m_options.duration = row.duration;
+        m_options.maxDuration = row.maxDuration == Unlimited
+                                    ? tool::OptionalDuration()
+                                    : tool::OptionalDuration(row.maxDuration);
+        const ordered_json report = record(events);
+        EXPECT_EQ(report["samples"], row.samples);
+        std::vector<std::uintmax_t> sizes;
+        for (const ordered_json& file : report["files"])
+            sizes.push_back(std::filesystem::file_size(file.get<std::string>()));
+        EXPECT_EQ(sizes, row.sizes);
+    }
+    std::filesystem::remove_all(directory);
+}
+
+TEST_F(RecorderTest, JoinTimesCountFromWhatCausedTheWait)
+{
+    using Kind = Event::Kind;
+    std::vector<tool::StreamEvent> events;
+    const auto add = [&](Kind kind, TimeValue seconds)
+    {
+        Event event = makeEvent(kind);
+        event.time = seconds * Second;
+        events.emplace_back(event);
+    };
+    for (const auto& [joined, ended, end] :
+         {std::tuple(1, Kind::Lost, 10), {12, Kind::Stalled, 20}, {27, Kind::Lost, 30}})
+    {
+        add(Kind::Joined, static_cast<TimeValue>(joined));
+        events.emplace_back(announce(Format));
+        events.emplace_back(makeFrame(static_cast<TimeValue>(joined + 1) * Second, 0));
+        add(ended, static_cast<TimeValue>(end));
+    }
+    const ordered_json report = record(events);
+    const std::pair<const char*, TimeValue> expected[] = {{"start", 2}, {"loss", 3}, {"stall", 8}};
+    for (std::size_t i = 0; i < std::size(expected); ++i)
+    {
+        const ordered_json& connection = report["connections"][i];
+        EXPECT_EQ(connection["joined_after"], expected[i].first);
+        EXPECT_EQ(connection["join_ns"], expected[i].second * Second) << expected[i].first;
     }
 }
 
