@@ -1,8 +1,6 @@
 #include <atomic>
-#include <cstdio>
 #include <filesystem>
 #include <forward_list>
-#include <fstream>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -28,6 +26,7 @@
 #include "ChannelCheck.hpp"
 #include "CodecRelay.hpp"
 #include "ConsumerRecord.hpp"
+#include "Gatekeeper.hpp"
 #include "RetryPause.hpp"
 #include "SenderQuestion.hpp"
 #include "WakeupEvent.hpp"
@@ -45,47 +44,17 @@ using miscUtils::getMonotonicSysclockTime;
 constexpr TimeValue NsPerMs = 1'000'000;
 
 constexpr int WatchIntervalMs = 100;
-// While backing off from an unplayable sender.
-constexpr int PauseMs = 2000;
-constexpr int MaxPauseMs = 10'000;
-// A receiver that ended unexpectedly is missed: it starts again at once, unless that goes on.
-constexpr int FirstRestartPauseMs = 20;
 // A sender that listens is normally joined within milliseconds.
 constexpr TimeValue SuspiciousConnectingNs = 300 * NsPerMs;
-// A sender that was stopped and is killed closes as an impostor does, but not as quickly.
-constexpr TimeValue QuickCloseNs = 1000 * NsPerMs;
-// A sender that starts or ends may look odd for a moment: only so many failed checks count, between
-// which the time doubles.
-constexpr int NeededChecks = 5;
-constexpr int FirstCheckPauseMs = 20;
-// Asking a sender whose backlog is full costs it nothing.
-constexpr int BusyPauseMs = 100;
-// For the announcement of a sequence. It follows at once if there is one, but a peer that has ended
-// every connection before is listened to for longer.
-constexpr int SequenceTimeoutMs = 5;
-constexpr int PatientSequenceTimeoutMs = 300;
+// A receiver connects without a pause to a peer that closes at once: looked at soon.
+constexpr int FirstWatchIntervalMs = 2;
+constexpr int SuspiciousChanges = 3;
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox.Kit"));
 
 TimeValue getEnd(int durationMs)
 {
     return getMonotonicSysclockTime() + static_cast<TimeValue>(durationMs) * NsPerMs;
-}
-
-/// @return the user id that stands for every user without an id in this user namespace
-uid_t findOverflowUser()
-{
-    uid_t user = 65534; // unless it was configured otherwise
-    std::ifstream("/proc/sys/kernel/overflowuid") >> user;
-    return user;
-}
-
-std::string toModeText(mode_t mode)
-{
-    char text[32] = "";
-    if (mode != 0)
-        std::snprintf(text, sizeof(text), " (mode %04o)", static_cast<unsigned>(mode));
-    return text;
 }
 
 } // unnamed namespace
@@ -146,19 +115,10 @@ private:
     {
         Stop,
         Stall,
-        Suspicion, // for a closer look
+        Doubt, // about the sender, for a closer look
         Flapping,
-        Refusal, // of the sender, by the check of the connection
         MissedSequence,
         WorkerEnded,
-    };
-
-    /// What keeps the consumer from joining.
-    struct Obstacle
-    {
-        Kind kind = Kind::Failed;
-        std::string text;
-        std::uint32_t fourcc = 0;
     };
 
     // Of the worker.
@@ -172,24 +132,17 @@ private:
     void keep();
     bool approachSender();
     SenderProbe askSender();
-    std::optional<Obstacle> findObstacle(const SenderProbe& answer);
     bool startReceiver();
     Ending superviseReceiver();
     bool isSuspicious();
-    bool isUnanswered();
+    bool isUnanswered(bool isLate);
     void stopReceiver();
     void reportEnd(Ending ending);
     void handleEnding(Ending ending);
-    void handleEndOfWorker();
+    void take(const Gatekeeper::Step& step);
     void pause(int durationMs);
-    void tellOnce(const Obstacle& obstacle);
-    void forgetObstacles();
 
     // Of any.
-    std::optional<Obstacle> findObstacleInGreeting(
-        const std::optional<InitialInfo>& info,
-        uid_t user,
-        const ChannelCheck& channel) const;
     void tell(Kind kind, std::string text, std::uint32_t fourcc = 0) const;
 
     // Of the thread that starts and stops.
@@ -212,14 +165,10 @@ private:
     // Of the keeper, while it runs.
     std::string m_directory;                  // that the receiver watches
     std::optional<SenderQuestion> m_question; // kept while it is not answered
-    std::optional<Obstacle> m_setback;        // told unless a closer look finds the reason for it
-    bool m_isPatient = false;                 // with a peer that has not announced a sequence
     std::string m_standingConnection;         // of the receiver, at the last look
-    int m_failedChecks = 0;                   // of one sender, in a row
-    std::string m_told;                       // last obstacle, which may be found again and again
-    RetryPause m_failurePause{PauseMs, MaxPauseMs};
-    RetryPause m_restartPause{FirstRestartPauseMs, PauseMs};
-    DepayloaderList m_codecs; // for trying headers while the receiver is shut down
+    int m_numChanges = 0;                     // of it, from one look to the next, in a row
+    DepayloaderList m_codecs;                 // for trying headers while the receiver is shut down
+    Gatekeeper m_gate;                        // by the worker as well, for greetings
 
     // Of any thread.
     const WakeupEvent m_wakeup;
@@ -227,7 +176,7 @@ private:
     std::atomic<bool> m_started = false;
     std::atomic<bool> m_stopRequested = false;
     std::atomic<bool> m_missedSequence = false;
-    std::atomic<bool> m_hasRefused = false;
+    std::atomic<bool> m_isDoubtful = false;      // the sender: refused, or left without a sequence
     std::atomic<bool> m_workerEnded = false;     // unasked
     std::atomic<bool> m_givenUp = false;         // the reason for that: a channel cannot be opened
     std::atomic<bool> m_endedByKeeper = false;   // whatever ends the connection now
@@ -235,8 +184,10 @@ private:
     ConsumerRecord m_record;
 
     // Of the worker.
-    std::optional<Obstacle> m_refusal; // of the keeper as well, while the receiver is shut down
-    ChannelCheck m_channel;            // that is in use: its directory stays open
+    // Of the keeper as well, while the receiver is shut down.
+    std::optional<Gatekeeper::Obstacle> m_refusal;
+    ChannelCheck m_channel;     // that is in use: its directory stays open
+    bool m_isAnnounced = false; // a sequence, in the present connection
     ClockType m_clock = ClockType::Undetermined;
     CodecRelay* m_codec = nullptr; // of the last sequence; null for PCM
     BoundedPcmDepayloader m_pcm;
@@ -247,6 +198,15 @@ private:
 Consumer::Impl::Impl(ConsumerOptions options, ConsumerCallbacks callbacks)
     : m_options(std::move(options)),
       m_callbacks(std::move(callbacks)),
+      m_gate(
+          m_options.name,
+          m_options.senderUser,
+          [this](std::uint32_t fourcc, const Buffer& header)
+          {
+              const bool isPlayable = m_codecs.setOutOfBandInfo(fourcc, header);
+              m_codecs.reset();
+              return isPlayable;
+          }),
       m_record(static_cast<TimeValue>(m_options.stallTimeout.count()))
 {
     m_receiver.addDepayloader(m_pcm);
@@ -290,9 +250,8 @@ bool Consumer::Impl::start()
     if (!prepare())
         return false;
     m_stopRequested = false;
-    m_setback.reset();
     m_refusal.reset();
-    forgetObstacles();
+    m_gate.reset();
     m_record.onStart(getMonotonicSysclockTime());
     m_started = true;
     m_process = ::getpid();
@@ -421,6 +380,7 @@ void Consumer::Impl::handleState(Receiver::State state)
     {
         reportEnd(Ending::Stop); // of a connection that was lost as the keeper wanted to end it
         m_record.onJoined(now);
+        m_isAnnounced = false;
         tell(Kind::Joined, "joined " + quote(m_options.name));
         return;
     }
@@ -436,6 +396,7 @@ void Consumer::Impl::handleState(Receiver::State state)
     }
     if (wasJoined)
         tell(Kind::Lost, "lost " + quote(m_options.name) + ", waiting for it to return");
+    m_isDoubtful = m_isDoubtful || (wasJoined && !m_isAnnounced);
     m_workerEnded = state == Receiver::State::Idle;
     if (wasJoined || m_workerEnded)
         m_wakeup.wake();
@@ -443,6 +404,7 @@ void Consumer::Impl::handleState(Receiver::State state)
 
 void Consumer::Impl::handleSequence(Depayloader& depayloader)
 {
+    m_isAnnounced = true;
     m_clock = m_receiver.getStreamClockType();
     const bool isPcm = &depayloader == &m_pcm;
     const auto format = isPcm ? std::optional(m_pcm.getFormat()) : std::nullopt;
@@ -488,13 +450,15 @@ void Consumer::Impl::handleRefusedFrame(FrameRefusal refusal)
 /// @return what the receiver should use as main channel; not set if it must not join
 std::optional<std::string> Consumer::Impl::checkSender(const ByteView& packet, uid_t user)
 {
+    if (m_isDoubtful) // the keeper will ask it first
+        return std::nullopt;
     const std::optional<InitialInfo> info = readInitialInfo(packet);
     m_channel = info ? checkChannel(*info, user) : ChannelCheck();
-    m_refusal = findObstacleInGreeting(info, user, m_channel);
-    m_hasRefused = m_refusal.has_value();
-    if (!m_hasRefused)
+    m_refusal = m_gate.judgeGreeting(info, user, m_channel);
+    if (!m_refusal)
         return m_channel.getURI();
     m_channel = {};
+    m_isDoubtful = true;
     m_wakeup.wake();
     return std::nullopt;
 }
@@ -504,7 +468,7 @@ void Consumer::Impl::keep()
     ::pthread_setname_np(::pthread_self(), "vlx-keeper");
     while (!m_stopRequested)
     {
-        if (!approachSender() || !startReceiver())
+        if ((m_gate.mustAsk() && !approachSender()) || !startReceiver())
             continue;
         const Ending ending = superviseReceiver();
         stopReceiver();
@@ -524,47 +488,13 @@ bool Consumer::Impl::approachSender()
     {
         const TimeValue begin = getMonotonicSysclockTime();
         const SenderProbe answer = askSender();
-        if (m_stopRequested)
+        if (m_stopRequested) // cppcheck-suppress oppositeInnerCondition  // set by another thread
             break;
-        if (!answer.reached)
-        {
-            // The sender may still be there: without a descriptor it cannot be asked.
-            const std::optional<Obstacle> setback = std::exchange(m_setback, std::nullopt);
-            m_refusal.reset();
-            if (setback && setback->kind == Kind::Failed)
-                tellOnce(*setback);
-            else
-                forgetObstacles();
-            return true;
-        }
-        const bool hasHung = !answer.initialInfo && answer.closedEarly &&
-                             getMonotonicSysclockTime() - begin >= QuickCloseNs;
-        if (answer.busy || hasHung)
-        {
-            pause(BusyPauseMs);
-            continue;
-        }
-
-        std::optional<Obstacle> obstacle = findObstacle(answer);
-        const bool isSeen = obstacle.has_value();
-        if (!isSeen)
-            obstacle = std::exchange(m_refusal, std::nullopt);
-        if (obstacle && ++m_failedChecks < NeededChecks)
-        {
-            pause(FirstCheckPauseMs << (m_failedChecks - 1));
-            if (isSeen)
-                continue;
-            return !m_stopRequested; // only the receiver was refused: it tries again
-        }
-        if (!obstacle)
-            obstacle = std::exchange(m_setback, std::nullopt);
-        m_setback.reset();
-        m_refusal.reset();
-        m_failedChecks = 0;
-        if (!obstacle)
-            return true;
-        tellOnce(*obstacle);
-        pause(obstacle->kind == Kind::Failed ? m_failurePause.getNext() : PauseMs);
+        const Gatekeeper::Step step =
+            m_gate.judgeAnswer(answer, getMonotonicSysclockTime() - begin);
+        take(step);
+        if (step.joins)
+            return !m_stopRequested;
     }
     return false;
 }
@@ -580,7 +510,7 @@ SenderProbe Consumer::Impl::askSender()
         m_wakeup.wait(NoTimeout, m_question->getFD());
         m_question->advance();
     }
-    const int timeoutMs = m_isPatient ? PatientSequenceTimeoutMs : SequenceTimeoutMs;
+    const int timeoutMs = m_gate.getAnnouncementTimeoutMs();
     const TimeValue end = getEnd(timeoutMs);
     while (!m_stopRequested && !m_question->isOver() && getMonotonicSysclockTime() < end)
     {
@@ -592,69 +522,15 @@ SenderProbe Consumer::Impl::askSender()
     return answer;
 }
 
-/// @param info     not set: malformed, or none has come
-/// @param channel  that it announces
-std::optional<Consumer::Impl::Obstacle> Consumer::Impl::findObstacleInGreeting(
-    const std::optional<InitialInfo>& info,
-    uid_t user,
-    const ChannelCheck& channel) const
-{
-    const std::string name = quote(m_options.name);
-    if (m_options.senderUser && (user != *m_options.senderUser || user == findOverflowUser()))
-        return Obstacle{
-            Kind::NotASender, "the sender of " + name + " runs as user " + std::to_string(user) +
-                                  ", not as user " + std::to_string(*m_options.senderUser)};
-    if (!info)
-        return Obstacle{Kind::NotASender, name + " is not a Vellox sender (invalid greeting)"};
-    if (!channel.problem.empty())
-        return Obstacle{
-            Kind::NotASender, name + " is not a valid sender: its main channel " +
-                                  quote(info->nanomsgURI) + " " + channel.problem};
-    if (channel.mayJoin)
-        return std::nullopt;
-    const bool isPipeline = info->nanomsgProtocol == NanomsgProtocol::Pipeline;
-    return Obstacle{
-        Kind::NotPermitted,
-        "this user may not " + std::string(isPipeline ? "create " : "write to ") +
-            quote(channel.socketFile) + toModeText(channel.socketFileMode) +
-            ", the socket file of " + name + ": give its sender --socket-mode group or all"};
-}
-
-std::optional<Consumer::Impl::Obstacle> Consumer::Impl::findObstacle(const SenderProbe& answer)
-{
-    const std::string name = quote(m_options.name);
-    const bool hasClosed = answer.closedEarly && !answer.sequenceNr;
-    if (hasClosed && (!answer.initialInfo || m_isPatient))
-        return Obstacle{
-            Kind::NotASender, name + " ends every connection before it announces a stream"};
-    const uid_t user = answer.user.value_or(findOverflowUser());
-    const std::optional<InitialInfo>& info = answer.initialInfo;
-    std::optional<Obstacle> obstacle =
-        findObstacleInGreeting(info, user, info ? checkChannel(*info, user) : ChannelCheck());
-    if (obstacle)
-        return obstacle;
-
-    if (!answer.fourcc)
-        return std::nullopt;
-    const bool isPlayable = m_codecs.setOutOfBandInfo(*answer.fourcc, answer.codecHeader);
-    m_codecs.reset();
-    if (isPlayable)
-        return std::nullopt;
-    return Obstacle{
-        Kind::CannotPlay,
-        "cannot play " + name + ": its codec " + quote(toFourccText(*answer.fourcc)) +
-            " is unknown here, or its header is not supported",
-        *answer.fourcc};
-}
-
 bool Consumer::Impl::startReceiver()
 {
     m_endedByKeeper = false;
     m_missedSequence = false;
-    m_hasRefused = false;
+    m_isDoubtful = false;
     m_workerEnded = false;
     m_givenUp = false;
     m_standingConnection.clear();
+    m_numChanges = 0;
     std::string problem = "the library's log says why";
     try
     {
@@ -667,32 +543,33 @@ bool Consumer::Impl::startReceiver()
         problem = error.what();
     }
     stopReceiver();
-    tellOnce({Kind::Failed, "cannot start to receive: " + problem});
-    pause(m_failurePause.getNext());
+    take(m_gate.onFailedStart(problem));
     return false;
 }
 
 Consumer::Impl::Ending Consumer::Impl::superviseReceiver()
 {
+    RetryPause look(FirstWatchIntervalMs, WatchIntervalMs);
     while (!m_stopRequested)
     {
-        m_wakeup.wait(WatchIntervalMs);
+        const bool isConnecting = m_record.getConnectingSince() != 0;
+        if (!isConnecting)
+            look.reset();
+        m_wakeup.wait(isConnecting ? look.getNext() : WatchIntervalMs);
         if (m_stopRequested) // cppcheck-suppress oppositeInnerCondition  // set by another thread
             break;
         if (m_record.hasFrame())
-            forgetObstacles();
+            m_gate.forgetObstacles();
         if (m_workerEnded)
             return Ending::WorkerEnded;
-        if (m_hasRefused)
-            return Ending::Refusal;
         if (m_missedSequence)
             return Ending::MissedSequence;
         if (m_record.isFlapping())
             return Ending::Flapping;
         if (m_record.isStalled(getMonotonicSysclockTime()))
             return Ending::Stall;
-        if (isSuspicious())
-            return Ending::Suspicion;
+        if (m_isDoubtful || isSuspicious())
+            return Ending::Doubt;
     }
     return Ending::Stop;
 }
@@ -719,42 +596,26 @@ void Consumer::Impl::reportEnd(Ending ending)
 
 void Consumer::Impl::handleEnding(Ending ending)
 {
-    m_isPatient = ending == Ending::Flapping;
+    using Setback = Gatekeeper::Setback;
+    if (m_refusal)
+        m_gate.onRefusal(*std::exchange(m_refusal, std::nullopt));
     switch (ending)
     {
     case Ending::Stop:
-    case Ending::Suspicion:
-    case Ending::Refusal:
     case Ending::MissedSequence:
     case Ending::Stall:
         break;
+    case Ending::Doubt:
+        take(m_gate.onSetback(Setback::Doubt));
+        break;
     case Ending::Flapping:
         m_record.forgetLosses();
-        m_setback = {
-            Kind::NotASender,
-            quote(m_options.name) + " ends every connection before it announces a stream"};
+        take(m_gate.onSetback(Setback::Flapping));
         break;
     case Ending::WorkerEnded:
-        handleEndOfWorker();
+        take(m_gate.onSetback(m_givenUp ? Setback::NoChannel : Setback::WorkerEnded));
         break;
     }
-}
-
-void Consumer::Impl::handleEndOfWorker()
-{
-    if (m_givenUp)
-    {
-        m_setback = {
-            Kind::Failed, "cannot join " + quote(m_options.name) +
-                              ": its main channel cannot be opened; the library's log says why"};
-        return;
-    }
-    // Somebody else has a descriptor of the receiver's: a forked child, say, that runs destructors.
-    tellOnce(
-        {Kind::Failed, "the receiver of " + quote(m_options.name) +
-                           " ended unexpectedly: starting it again. A forked child must end with "
-                           "_exit()"});
-    pause(m_restartPause.getNext());
 }
 
 /// @return whether the receiver should be stopped for a closer look at its peer
@@ -762,21 +623,24 @@ bool Consumer::Impl::isSuspicious()
 {
     const TimeValue now = getMonotonicSysclockTime();
     const TimeValue connecting = m_record.getConnectingSince();
-    if (connecting != 0 && now - connecting >= SuspiciousConnectingNs)
-        return isUnanswered();
+    if (connecting != 0)
+        return isUnanswered(now - connecting >= SuspiciousConnectingNs);
     m_question.reset();
+    m_numChanges = 0;
     return false;
 }
 
-/// For a receiver that has been connecting for long.
-bool Consumer::Impl::isUnanswered()
+/// For a receiver that is connecting.
+bool Consumer::Impl::isUnanswered(bool isLate)
 {
     if (m_question) // a sender was there at the last look, too
         return true;
-    // A receiver that has connected and waits for the first message is left to wait.
+    // A receiver that has connected and waits for the first message is left to wait, also after
+    // its sender was replaced: asking takes a place in a backlog.
     const std::string connection = findConnection(m_options.name);
-    const std::string former = std::exchange(m_standingConnection, connection);
-    if (!connection.empty() && (former.empty() || former == connection))
+    const bool hasChanged = std::exchange(m_standingConnection, connection) != connection;
+    m_numChanges = hasChanged ? m_numChanges + 1 : 0;
+    if (m_numChanges < SuspiciousChanges && (!connection.empty() || !isLate))
         return false;
     m_question.emplace(m_options.name);
     if (!m_question->getAnswer().reached)
@@ -791,18 +655,11 @@ void Consumer::Impl::pause(int durationMs)
         m_wakeup.wait(static_cast<int>((end - now) / NsPerMs) + 1);
 }
 
-void Consumer::Impl::forgetObstacles()
+void Consumer::Impl::take(const Gatekeeper::Step& step)
 {
-    m_told.clear();
-    m_failedChecks = 0;
-    m_failurePause.reset();
-    m_restartPause.reset();
-}
-
-void Consumer::Impl::tellOnce(const Obstacle& obstacle)
-{
-    if (std::exchange(m_told, obstacle.text) != obstacle.text)
-        tell(obstacle.kind, obstacle.text, obstacle.fourcc);
+    if (step.news)
+        tell(step.news->kind, step.news->text, step.news->fourcc);
+    pause(step.pauseMs);
 }
 
 void Consumer::Impl::tell(Kind kind, std::string text, std::uint32_t fourcc) const

@@ -158,8 +158,9 @@ struct ConsumerStatistics
 ///
 /// Every connection is checked before it is used: the announced main channel must be a sender's own
 /// file in the sender's own directory, below a base directory that no third user controls, and of
-/// the user that the options name. A sender that exists at the start is also asked what it sends
-/// before it is joined, and so is one whose last connection brought nothing, for a clear message.
+/// the user that the options name. A join takes one connection. Only a sender that was refused, or
+/// whose last connection ended before a sequence was announced, is asked what it sends before it is
+/// joined again, for a clear message.
 ///
 /// A receiver that has missed the announcement of a sequence, and would refuse every frame, joins
 /// again after 20 ms, at most once a second; that is reported as Stalled.
@@ -208,8 +209,8 @@ public:
     /// started; it may be started again.
     ///
     /// It takes up to 5 seconds if the base directory is not writable or was removed, or if the
-    /// user has no inotify instance left; up to 400 ms if a sender has come while there was none,
-    /// and its backlog has filled up within the last half second.
+    /// user has no inotify instance left; up to 400 ms within the first half second of an attempt
+    /// to join a sender whose backlog is full.
     ///
     /// In a forked child the copy of a started consumer only closes its descriptors; the parent's
     /// goes on. The same holds for the destruction.

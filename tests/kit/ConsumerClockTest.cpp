@@ -42,7 +42,6 @@ TEST_F(ConsumerClockTest, MeasuresAgesAndOffsetOnTheStreamsClock)
         std::atomic<int> frames = 0;
         Consumer consumer({.name = getSocketName()}, {.onFrame = [&](const Frame&) { ++frames; }});
         ASSERT_TRUE(consumer.start());
-        ASSERT_TRUE(sender.greet()); // the question, which waits for an announcement in vain
         ASSERT_TRUE(sender.serve());
         ASSERT_TRUE(waitFor([&] { return consumer.getStatistics().clockSynchronized; }));
         const ConsumerStatistics statistics = consumer.getStatistics();

@@ -1,0 +1,221 @@
+#include "Gatekeeper.hpp"
+
+#include <cstdio>
+#include <fstream>
+#include <utility>
+
+#include <vlxkit/Text.hpp>
+
+namespace vlx::kit
+{
+
+namespace
+{
+
+using Kind = ConsumerEvent::Kind;
+
+constexpr TimeValue NsPerMs = 1'000'000;
+
+// While backing off from an unplayable sender.
+constexpr int PauseMs = 2000;
+constexpr int MaxPauseMs = 10'000;
+// A receiver that ended unexpectedly is missed: it starts again at once, unless that goes on.
+constexpr int FirstRestartPauseMs = 20;
+// A sender that was stopped and is killed closes as an impostor does, but not as quickly.
+constexpr TimeValue QuickCloseNs = 1000 * NsPerMs;
+// A sender that starts or ends may look odd for a moment: only so many failed checks count, between
+// which the time doubles.
+constexpr int NeededChecks = 5;
+constexpr int FirstCheckPauseMs = 20;
+// Asking a sender whose backlog is full costs it nothing.
+constexpr int BusyPauseMs = 100;
+// The announcement of a sequence follows at once if there is one, but a peer that has ended every
+// connection before is listened to for longer.
+constexpr int AnnouncementTimeoutMs = 5;
+constexpr int PatientAnnouncementTimeoutMs = 300;
+
+/// @return the user id that stands for every user without an id in this user namespace
+uid_t findOverflowUser()
+{
+    uid_t user = 65534; // unless it was configured otherwise
+    std::ifstream("/proc/sys/kernel/overflowuid") >> user;
+    return user;
+}
+
+std::string toModeText(mode_t mode)
+{
+    char text[32] = "";
+    if (mode != 0)
+        std::snprintf(text, sizeof(text), " (mode %04o)", static_cast<unsigned>(mode));
+    return text;
+}
+
+} // unnamed namespace
+
+Gatekeeper::Gatekeeper(std::string name, std::optional<uid_t> senderUser, CodecTest isPlayable)
+    : m_name(quote(name)),
+      m_senderUser(senderUser),
+      m_isPlayable(std::move(isPlayable)),
+      m_failurePause(PauseMs, MaxPauseMs),
+      m_restartPause(FirstRestartPauseMs, PauseMs)
+{
+}
+
+void Gatekeeper::reset()
+{
+    forgetObstacles();
+    m_refusal.reset();
+    m_setback.reset();
+    m_isPatient = false;
+    m_mustAsk = false;
+}
+
+void Gatekeeper::forgetObstacles()
+{
+    m_told.clear();
+    m_failedChecks = 0;
+    m_failurePause.reset();
+    m_restartPause.reset();
+}
+
+std::optional<Gatekeeper::Obstacle> Gatekeeper::judgeGreeting(
+    const std::optional<InitialInfo>& info,
+    uid_t user,
+    const ChannelCheck& channel) const
+{
+    if (m_senderUser && (user != *m_senderUser || user == findOverflowUser()))
+        return Obstacle{
+            Kind::NotASender, "the sender of " + m_name + " runs as user " + std::to_string(user) +
+                                  ", not as user " + std::to_string(*m_senderUser)};
+    if (!info)
+        return Obstacle{Kind::NotASender, m_name + " is not a Vellox sender (invalid greeting)"};
+    if (!channel.problem.empty())
+        return Obstacle{
+            Kind::NotASender, m_name + " is not a valid sender: its main channel " +
+                                  quote(info->nanomsgURI) + " " + channel.problem};
+    if (channel.mayJoin)
+        return std::nullopt;
+    const bool isPipeline = info->nanomsgProtocol == NanomsgProtocol::Pipeline;
+    return Obstacle{
+        Kind::NotPermitted,
+        "this user may not " + std::string(isPipeline ? "create " : "write to ") +
+            quote(channel.socketFile) + toModeText(channel.socketFileMode) +
+            ", the socket file of " + m_name + ": give its sender --socket-mode group or all"};
+}
+
+std::optional<Gatekeeper::Obstacle> Gatekeeper::findObstacle(const SenderProbe& answer) const
+{
+    const bool hasClosed = answer.closedEarly && !answer.sequenceNr;
+    if (hasClosed && (!answer.initialInfo || m_isPatient))
+        return Obstacle{
+            Kind::NotASender, m_name + " ends every connection before it announces a stream"};
+    const uid_t user = answer.user.value_or(findOverflowUser());
+    const std::optional<InitialInfo>& info = answer.initialInfo;
+    std::optional<Obstacle> obstacle =
+        judgeGreeting(info, user, info ? checkChannel(*info, user) : ChannelCheck());
+    if (obstacle || !answer.fourcc || m_isPlayable(*answer.fourcc, answer.codecHeader))
+        return obstacle;
+    return Obstacle{
+        Kind::CannotPlay,
+        "cannot play " + m_name + ": its codec " + quote(toFourccText(*answer.fourcc)) +
+            " is unknown here, or its header is not supported",
+        *answer.fourcc};
+}
+
+Gatekeeper::Step Gatekeeper::judgeAnswer(const SenderProbe& answer, TimeValue durationNs)
+{
+    if (!answer.reached)
+    {
+        // The sender may still be there: without a descriptor it cannot be asked.
+        const std::optional<Obstacle> setback = std::exchange(m_setback, std::nullopt);
+        m_refusal.reset();
+        m_mustAsk = false;
+        if (setback && setback->kind == Kind::Failed)
+            return {.news = toNews(*setback), .joins = true};
+        forgetObstacles();
+        return {.joins = true};
+    }
+    const bool hasHung = !answer.initialInfo && answer.closedEarly && durationNs >= QuickCloseNs;
+    if (answer.busy || hasHung)
+        return {.pauseMs = BusyPauseMs};
+
+    std::optional<Obstacle> obstacle = findObstacle(answer);
+    const bool isSeen = obstacle.has_value();
+    if (!isSeen)
+        obstacle = std::exchange(m_refusal, std::nullopt);
+    // Where only the receiver has found something, it tries again.
+    if (obstacle && ++m_failedChecks < NeededChecks)
+    {
+        m_mustAsk = isSeen;
+        return {.pauseMs = FirstCheckPauseMs << (m_failedChecks - 1), .joins = !isSeen};
+    }
+    if (!obstacle)
+        obstacle = std::exchange(m_setback, std::nullopt);
+    m_setback.reset();
+    m_refusal.reset();
+    m_failedChecks = 0;
+    m_mustAsk = obstacle.has_value();
+    if (!obstacle)
+        return {.joins = true};
+    return {
+        .news = toNews(*obstacle),
+        .pauseMs = obstacle->kind == Kind::Failed ? m_failurePause.getNext() : PauseMs};
+}
+
+void Gatekeeper::onRefusal(Obstacle obstacle)
+{
+    m_refusal = std::move(obstacle);
+    m_mustAsk = true;
+}
+
+Gatekeeper::Step Gatekeeper::onSetback(Setback setback)
+{
+    m_mustAsk = true;
+    m_isPatient = setback == Setback::Flapping;
+    switch (setback)
+    {
+    case Setback::Doubt:
+        break;
+    case Setback::Flapping:
+        m_setback = {
+            Kind::NotASender, m_name + " ends every connection before it announces a stream"};
+        break;
+    case Setback::NoChannel:
+        m_setback = {
+            Kind::Failed, "cannot join " + m_name +
+                              ": its main channel cannot be opened; the library's log says why"};
+        break;
+    case Setback::WorkerEnded:
+        // Another process has a descriptor of the receiver's: a forked child, say, that runs
+        // destructors.
+        return {
+            .news = toNews(
+                {Kind::Failed, "the receiver of " + m_name +
+                                   " ended unexpectedly: starting it again. A forked child must "
+                                   "end with _exit()"}),
+            .pauseMs = m_restartPause.getNext()};
+    }
+    return {};
+}
+
+Gatekeeper::Step Gatekeeper::onFailedStart(const std::string& problem)
+{
+    m_mustAsk = true;
+    return {
+        .news = toNews({Kind::Failed, "cannot start to receive: " + problem}),
+        .pauseMs = m_failurePause.getNext()};
+}
+
+int Gatekeeper::getAnnouncementTimeoutMs() const
+{
+    return m_isPatient ? PatientAnnouncementTimeoutMs : AnnouncementTimeoutMs;
+}
+
+std::optional<Gatekeeper::Obstacle> Gatekeeper::toNews(const Obstacle& obstacle)
+{
+    if (std::exchange(m_told, obstacle.text) == obstacle.text)
+        return std::nullopt;
+    return obstacle;
+}
+
+} // namespace vlx::kit

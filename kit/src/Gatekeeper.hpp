@@ -1,0 +1,117 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include <sys/types.h>
+
+#include <vlx/SideChannel.hpp>
+#include <vlxkit/Consumer.hpp>
+#include <vlxkit/Discovery.hpp>
+
+#include "ChannelCheck.hpp"
+#include "RetryPause.hpp"
+
+namespace vlx::kit
+{
+
+/// Decides whether a consumer joins the process that holds its stream's name: what is in the way,
+/// what of that is reported, and how long to wait before the next attempt. Asks no process and
+/// waits for nothing; it works with what it is told.
+///
+/// @thread one at a time, except judgeGreeting()
+class Gatekeeper
+{
+public:
+    /// What keeps the consumer from joining.
+    struct Obstacle
+    {
+        ConsumerEvent::Kind kind = ConsumerEvent::Kind::Failed;
+        std::string text;
+        std::uint32_t fourcc = 0;
+    };
+
+    /// What to do next, in this order.
+    struct Step
+    {
+        std::optional<Obstacle> news = {}; ///< to report; not set: nothing new
+        int pauseMs = 0;                   ///< to wait
+        bool joins = false; ///< then join, or wait for a sender; otherwise ask (again)
+    };
+
+    /// Why a receiver was stopped.
+    enum class Setback
+    {
+        Doubt,    ///< its sender has to be asked before it is joined again
+        Flapping, ///< all its connections ended before a sequence was announced
+        NoChannel,
+        WorkerEnded,
+    };
+
+    /// Whether a codec and its header can be played here.
+    using CodecTest = std::function<bool(std::uint32_t fourcc, const Buffer& header)>;
+
+    /// @param senderUser  that the sender must run as; not set: any
+    Gatekeeper(std::string name, std::optional<uid_t> senderUser, CodecTest isPlayable);
+
+    /// Forgets everything: a new start.
+    void reset();
+
+    /// The stream plays, so what comes next is news.
+    void forgetObstacles();
+
+    /// Looks at what a sender says first.
+    ///
+    /// @param info     not set: malformed, or missing
+    /// @param user     that the sender runs as
+    /// @param channel  that the sender announces
+    /// @thread any
+    std::optional<Obstacle> judgeGreeting(
+        const std::optional<InitialInfo>& info,
+        uid_t user,
+        const ChannelCheck& channel) const;
+
+    /// Looks at what a sender has answered to a question.
+    ///
+    /// @param durationNs  time that the answer took
+    Step judgeAnswer(const SenderProbe& answer, TimeValue durationNs);
+
+    /// The receiver has refused the connection that it was about to use.
+    void onRefusal(Obstacle obstacle);
+
+    /// The receiver was stopped. The sender must be asked next.
+    Step onSetback(Setback setback);
+
+    /// The receiver could not be started.
+    Step onFailedStart(const std::string& problem);
+
+    /// @return milliseconds to wait for the announcement of a sequence once a sender has answered
+    int getAnnouncementTimeoutMs() const;
+
+    /// @return whether the sender must be asked before it is joined
+    bool mustAsk() const
+    {
+        return m_mustAsk;
+    }
+
+private:
+    std::optional<Obstacle> findObstacle(const SenderProbe& answer) const;
+    std::optional<Obstacle> toNews(const Obstacle& obstacle);
+
+    const std::string m_name; // in quotes
+    const std::optional<uid_t> m_senderUser;
+    const CodecTest m_isPlayable;
+
+    bool m_mustAsk = false;
+    bool m_isPatient = false; // with a peer that has not announced a sequence
+    int m_failedChecks = 0;   // of one sender, in a row
+    std::string m_told;       // last obstacle, which may be found again and again
+    std::optional<Obstacle> m_refusal;
+    std::optional<Obstacle> m_setback; // told unless an answer shows the reason for it
+    RetryPause m_failurePause;
+    RetryPause m_restartPause;
+};
+
+} // namespace vlx::kit
