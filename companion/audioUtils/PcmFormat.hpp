@@ -1,7 +1,7 @@
 #pragma once
 
-/// Sample formats of uncompressed PCM audio, their sizes and their names. Header only; pure
-/// functions, any thread.
+/// Sample formats of uncompressed PCM audio, with their sizes and names. All functions are pure:
+/// call them from any thread.
 
 #include <array>
 #include <cstddef>
@@ -30,7 +30,7 @@ enum class PcmFormat : std::int32_t
     F64BE = 11,
 };
 
-/// Number of formats; valid values run from 0 to one less.
+/// Number of formats; valid values are 0 to NumPcmFormats - 1.
 inline constexpr std::size_t NumPcmFormats = 12;
 
 /// @return whether the value is one of the twelve enumerators
@@ -40,7 +40,7 @@ constexpr bool isValid(PcmFormat format)
     return value >= 0 && value < static_cast<std::int32_t>(NumPcmFormats);
 }
 
-/// @return bytes that one sample of one channel takes; 0 for a value that is no enumerator
+/// @return bytes of one sample of one channel; 0 for an invalid format
 constexpr std::size_t bytesPerSample(PcmFormat format)
 {
     constexpr std::array<std::size_t, NumPcmFormats> Sizes = {1, 1, 2, 2, 3, 3, 4, 4, 4, 4, 8, 8};
@@ -49,15 +49,15 @@ constexpr std::size_t bytesPerSample(PcmFormat format)
 
 /// Returns the size of one sample of every channel.
 ///
-/// @param format       of one value
-/// @param numChannels  interleaved channels
-/// @return bytes that one sample of every channel takes; 0 for a value that is no enumerator
+/// @param format       format of one channel's sample
+/// @param numChannels  number of interleaved channels
+/// @return bytes of one sample of every channel; 0 for an invalid format
 constexpr std::size_t bytesPerFrame(PcmFormat format, std::size_t numChannels)
 {
     return bytesPerSample(format) * numChannels;
 }
 
-/// @return the enumerator's name, such as "S16LE"; "unknown" for a value that is no enumerator
+/// @return the enumerator's name, such as "S16LE"; "unknown" for an invalid format
 constexpr std::string_view toString(PcmFormat format)
 {
     constexpr std::array<std::string_view, NumPcmFormats> Names = {
@@ -66,8 +66,8 @@ constexpr std::string_view toString(PcmFormat format)
     return isValid(format) ? Names[static_cast<std::size_t>(format)] : std::string_view("unknown");
 }
 
-/// @return whether a text is ALSA's name of 24 bits in four bytes, "S24_LE" or "S24_BE" in any
-///         letter case: no PcmFormat, though the name resembles one
+/// @return whether a text is ALSA's name for 24 bits in four bytes, "S24_LE" or "S24_BE" in any
+///         letter case. It resembles the name of a PcmFormat, but is not one
 constexpr bool isPaddedFormat(std::string_view text)
 {
     return text.size() == 6 && (text[0] == 'S' || text[0] == 's') && text.substr(1, 3) == "24_" &&
@@ -75,11 +75,11 @@ constexpr bool isPaddedFormat(std::string_view text)
            (text[5] == 'E' || text[5] == 'e');
 }
 
-/// Reads a format's name as users write it, in any letter case: with or without '_' before the byte
-/// order ("S16LE", "S16_LE"), without byte order for little-endian ("s16"), ALSA's "FLOAT_LE",
-/// "FLOAT64_BE" and "S24_3LE", ffmpeg's "pcm_s16le".
+/// Converts a format's name as users write it, in any letter case: with or without '_' before the
+/// byte order ("S16LE", "S16_LE"), without a byte order for little-endian ("s16"), ALSA's
+/// "FLOAT_LE", "FLOAT64_BE" and "S24_3LE", ffmpeg's "pcm_s16le".
 ///
-/// @return the format, or nothing for any other text, also one that isPaddedFormat()
+/// @return the format; not set for any other text, including one that isPaddedFormat()
 constexpr std::optional<PcmFormat> toPcmFormat(std::string_view text)
 {
     constexpr std::array<std::array<std::string_view, 2>, 3> Spellings = {

@@ -7,11 +7,11 @@
 namespace miscUtils
 {
 
-/// @return nanoseconds of CLOCK_MONOTONIC, the clock that all processes of a machine share
+/// @return time of CLOCK_MONOTONIC, which all processes of the machine share, in nanoseconds
 /// @thread any
 __attribute__((visibility("default"))) TimeValue getMonotonicSysclockTime();
 
-/// Describes a system error, as strerror() does, but safe to call from several threads at once.
+/// Returns the text of a system error, as strerror() does, but thread-safe.
 ///
 /// @param errorNumber  a value of errno
 /// @return the system's text

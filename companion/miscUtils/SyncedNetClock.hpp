@@ -9,56 +9,59 @@
 namespace miscUtils
 {
 
-/// A clock that follows a network clock (a GStreamer net time provider) and says whether it does.
+/// A clock that follows a network clock, a GStreamer net time provider.
 ///
-/// Thread-safe: any operation from any thread; only destruction must not run beside another call.
-/// One thread of its own, while synchronising, watches the provider and makes every callback. The
-/// first use in a process initialises GStreamer on that thread, which can take 0.4 s and forks a
-/// short-lived helper process. GStreamer keeps a further thread, which asks the provider for its
-/// time, for 60 seconds after the last use of an address, and in these 60 seconds each further
-/// start with that address leaks 296 bytes inside GStreamer. All clocks of a process that follow
-/// the same provider share GStreamer's estimate: the last window size given and the largest round
-/// trip limit hold for all of them.
+/// Thread-safe: call any operation from any thread; only destruction must not overlap with another
+/// call. While started, the clock has a thread that watches the provider and makes every callback.
+///
+/// The first use in a process initialises GStreamer on that thread, which can take 0.4 s and forks
+/// a short-lived helper process. GStreamer polls the provider on another thread, and keeps that
+/// thread for 60 seconds after the last use of an address; during these 60 seconds each further
+/// start with the same address leaks 296 bytes inside GStreamer. All clocks of a process that
+/// follow one provider share GStreamer's estimate: the last window size and the largest round-trip
+/// limit apply to all of them.
 class __attribute__((visibility("default"))) SyncedNetClock
 {
 public:
-    /// A clock that follows nothing yet.
+    /// Creates a clock that follows no provider.
     SyncedNetClock();
 
     /// Calls stopSynchronization().
     ///
-    /// In a forked child the copy of a clock that was started does nothing here, nor when it is
-    /// stopped: the memory stays, and the parent's clock goes on. Starting the copy begins anew.
+    /// In a forked child, stopping or destroying the copy of a started clock does nothing: its
+    /// memory is not freed, and the parent's clock continues. Starting the copy makes it a new
+    /// clock.
     ///
-    /// @pre not called from inside a callback of this clock, not even from one that has stopped the
-    ///      clock before; checked by assertion
+    /// @pre not called from inside a callback of this clock, even if that callback has stopped the
+    ///      clock; checked by assertion
     ~SyncedNetClock();
 
     SyncedNetClock(const SyncedNetClock&) = delete;
     SyncedNetClock& operator=(const SyncedNetClock&) = delete;
 
-    /// Starts to follow a provider, after stopping whatever was followed before. Returns without
-    /// waiting for the first answer. An address that cannot be resolved is tried again every
-    /// second; a provider that cannot be reached is asked until it answers.
+    /// Starts to follow a provider, after stopping the previous one. Returns without waiting for
+    /// the first answer. Retries an address that cannot be resolved every second, and polls an
+    /// unreachable provider until it answers.
     ///
-    /// If the system has no thread left, the log4cplus logger "Vellox" gets one ERROR, and the
-    /// clock never synchronises.
+    /// If the system has no thread left, logs one ERROR to the log4cplus logger "Vellox"; the clock
+    /// then never synchronises.
     ///
-    /// @param address         numeric IP address or host name of the provider; a name is resolved
-    ///                        on the clock's own thread, an IPv4 address preferred; one that is no
-    ///                        valid UTF-8 is never resolved
+    /// @param address         numeric IP address or host name of the provider. A name is resolved
+    ///                        on the clock's thread, with IPv4 preferred. One that is not valid
+    ///                        UTF-8 is never resolved
     /// @param port            UDP port of the provider, 1 to 65535; with any other value the clock
     ///                        never synchronises
-    /// @param windowSize      observations that the estimate is taken over, kept within 2 to 1024
-    /// @param roundTripLimit  nanoseconds; an answer that took longer is not used; 0 for no limit
-    /// @param onStateChange   called at each change of isSynchronized() that is not due to a start
-    ///                        or stop, on the clock's own thread, with no lock held, never from
-    ///                        inside this call; may be empty. It may call any operation of this
-    ///                        clock. It must not throw
-    /// @thread any. From inside a callback, of this clock or another, the call waits for nobody,
-    ///         and the new provider's callbacks may overlap with the rest of that callback
-    /// @life   the function object is kept until the clock is stopped, or, when stopped from inside
-    ///         a callback, until the next start or stop from outside, or the destruction
+    /// @param windowSize      number of observations in the estimate, limited to 2 to 1024
+    /// @param roundTripLimit  longest round trip in nanoseconds; a slower answer is ignored; 0: no
+    ///                        limit
+    /// @param onStateChange   called when isSynchronized() changes, except by a start or stop; may
+    ///                        be empty. Runs on the clock's thread, with no lock held, never inside
+    ///                        this call. It may call any operation of this clock, and must not
+    ///                        throw
+    /// @thread any. From inside a callback of any clock the call does not wait, and callbacks of
+    ///         the new provider may overlap with the rest of that callback
+    /// @life   the function object is kept until the clock is stopped; if it was stopped inside a
+    ///         callback, until the next start or stop outside of one, or the destruction
     void startSynchronization(
         std::string address,
         unsigned int port,
@@ -66,27 +69,28 @@ public:
         unsigned long roundTripLimit,
         std::function<void()> onStateChange);
 
-    /// Stops following. No callback starts afterwards, and one in progress is waited for, unless
-    /// the call comes from inside it: then the clock's thread ends by itself after the callback.
-    /// Harmless when nothing is followed, and while another call from outside is stopping the
-    /// clock: it then returns at once.
-    /// While GStreamer is being initialised the call waits for that.
+    /// Stops following the provider. No callback starts after the return. The call waits for a
+    /// callback in progress, unless it comes from inside that callback: then the clock's thread
+    /// ends after the callback. It also waits while GStreamer is being initialised. It returns at
+    /// once if no provider is followed, or if another call outside of a callback is stopping the
+    /// clock.
     ///
-    /// @thread any; without any lock that the callback takes, unless nothing is followed
+    /// @thread any; hold no lock that the callback takes, unless no provider is followed
     void stopSynchronization();
 
-    /// @return whether the clock follows its provider now: false before the first synchronisation,
-    ///         when the provider has been silent for about 3 seconds, and while the clock adapts to
-    ///         a provider whose time has jumped, which takes some tenths of a second
+    /// Returns whether the clock is synchronised to its provider.
+    ///
+    /// @return false before the first synchronisation, after the provider has been silent for about
+    ///         3 seconds, and while the clock adapts to a jump of the provider's time, which takes
+    ///         some tenths of a second
     bool isSynchronized() const;
 
-    /// Tells the provider's time by the present estimate. It is not made monotonic: a refined
-    /// estimate may set it back by a part of the round trip time, a jump of the provider by any
-    /// amount.
+    /// Returns the provider's time by the present estimate. It is not monotonic: a better estimate
+    /// may set it back by a part of the round-trip time, a jump of the provider by any amount.
     ///
-    /// @return nanoseconds on the provider's clock; 0 when nothing is followed, not yet
-    ///         synchronised, or adapting to a jump. While the provider is merely silent the last
-    ///         estimate is continued.
+    /// @return nanoseconds on the provider's clock; 0 if no provider is followed, before the first
+    ///         synchronisation, and while adapting to a jump. While the provider is silent the last
+    ///         estimate continues
     TimeValue getSynchronizedTime() const;
 
 private:

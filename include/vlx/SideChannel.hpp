@@ -1,7 +1,8 @@
 #pragma once
 
-/// The InitialInfo packet, the first message on a sidechannel connection, and the names of the two
-/// protocols that it announces. All functions here are pure: any thread, nothing logged.
+/// The InitialInfo packet, which is the first message on a sidechannel connection, and the names of
+/// the two protocols that it announces. All functions here are pure: call them from any thread;
+/// they log nothing.
 
 #include <cstdint>
 #include <string>
@@ -31,27 +32,27 @@ enum class NanomsgProtocol : std::int32_t
     PubSub = 2,
 };
 
-/// What a sender tells a new receiver before anything else. The strings must not hold a 0 byte.
+/// First message of a sender to each new receiver. The strings must not contain a 0 byte.
 struct InitialInfo
 {
     std::uint16_t version;             ///< protocol version; senders write 1
     std::string timeSyncIPAddress;     ///< address of the network clock; may be empty
-    std::uint16_t timeSyncPort;        ///< port of the network clock; 0: nothing to synchronise to
+    std::uint16_t timeSyncPort;        ///< port of the network clock; 0: no synchronisation
     TimeSyncProtocol timeSyncProtocol; ///< how receivers obtain the stream's clock
     NanomsgProtocol nanomsgProtocol;   ///< scalability protocol of the main channel
-    std::string nanomsgURI;            ///< main channel: "ipc://" and the path of its socket file
+    std::string nanomsgURI;            ///< "ipc://" and the path of the main channel's socket file
 };
 
-/// Reads a protocol name; exact and case-sensitive.
+/// Converts a clock's protocol name; case-sensitive.
 ///
 /// @param text  "sysclock" or "gstnetclock"
-/// @return the protocol; TimeSyncProtocol::Unknown for any other text, which is not reported
+/// @return the protocol; TimeSyncProtocol::Unknown for any other text, without an error
 VLX_API TimeSyncProtocol toTimeSyncProtocol(const std::string& text);
 
-/// Reads a protocol name; exact and case-sensitive.
+/// Converts a main channel's protocol name; case-sensitive.
 ///
 /// @param text  "pipeline" or "pubsub"
-/// @return the protocol; NanomsgProtocol::Unknown for any other text, which is not reported
+/// @return the protocol; NanomsgProtocol::Unknown for any other text, without an error
 VLX_API NanomsgProtocol toNanomsgProtocol(const std::string& text);
 
 /// @return "gstnetclock", "sysclock", or "unknown" for every other value; a static string
@@ -62,12 +63,12 @@ VLX_API const char* toString(NanomsgProtocol protocol);
 
 /// Serialises an InitialInfo record.
 ///
-/// @param info  the record; the protocol values are cut to their low byte, unchecked
+/// @param info  the record; only the low byte of each protocol value is written, unchecked
 /// @return a new buffer of 8 bytes plus the lengths of the two strings
 VLX_API Buffer produceInitialInfoPacket(const InitialInfo& info);
 
-/// Reads an InitialInfo packet. Protocol bytes are taken without range check; bytes behind the last
-/// field are ignored.
+/// Parses an InitialInfo packet. Protocol bytes are not range-checked; bytes after the last field
+/// are ignored.
 ///
 /// @param packetData  one complete packet
 /// @return the record

@@ -20,69 +20,70 @@
 namespace vlx
 {
 
-/// A sender's process as the kernel recorded it when that process began to listen (SO_PEERCRED).
+/// Credentials of a sender's process, as the kernel recorded them when that process began to listen
+/// (SO_PEERCRED).
 struct PeerCredentials
 {
-    pid_t process; ///< 0 in a pid namespace that is not visible here; may have been reused since
-    uid_t user;    ///< effective; the overflow user id for one that is not mapped here
-    gid_t group;   ///< effective; likewise
+    pid_t process; ///< 0 if its pid namespace is not visible here; may have been reused since
+    uid_t user;    ///< effective user; the overflow user id if it is not mapped here
+    gid_t group;   ///< effective group; the overflow group id if it is not mapped here
 };
 
-/// Why a receiver has refused a Frame packet.
+/// Reason why a receiver has refused a Frame packet.
 enum class FrameRefusal : std::int32_t
 {
-    /// Of a sequence before the current one: normal for an instant after a new sequence.
+    /// The frame belongs to an earlier sequence: normal for a moment after a new sequence begins.
     TooOld = 0,
-    /// Of a newer sequence that was not announced here. All its frames are refused until the next
-    /// sequence or connection.
+    /// The frame belongs to a newer sequence whose announcement was missed. All its frames are
+    /// refused until the next sequence or connection.
     UnknownSequence = 1,
 };
 
 /// The consuming end of one stream: joins the sender of a given name, waits for it if it is not
-/// there, joins it again whenever the connection is lost, and calls the application back with each
+/// running, reconnects whenever the connection is lost, and calls the application back with each
 /// frame.
 ///
-/// Threads: one worker and one monitor thread per initialised receiver, and with a network clock
-/// the clock's own. Callbacks run on the worker thread unless they say otherwise, with no lock
-/// held. A callback that takes long makes this receiver lose frames, and nobody else. An exception
-/// that leaves a callback ends the process, except for the first call of the state-changed
-/// callback.
+/// Threads: an initialised receiver has a worker and a monitor thread; with a network clock also
+/// the clock's thread. Callbacks run on the worker thread unless documented otherwise, with no lock
+/// held. A slow callback makes this receiver lose frames, and no other. An exception thrown by a
+/// callback ends the process, except in the first call of the state-changed callback.
 ///
 /// Set all callbacks and depayloaders before initializeReceiver(); they are not guarded afterwards.
 /// Set up, initialise, shut down and destroy from one thread at a time, and never from inside a
-/// callback: the thread would wait for itself.
+/// callback, where the thread would wait for itself.
 ///
-/// Running does not mean that frames arrive. An application that cares watches for frames, and
-/// after some time without any, two seconds say, shuts the receiver down and initialises it again:
-///   - the transport may drop the announcement of a sequence, and the receiver then refuses every
-///     frame until the next sequence or connection; setRefusedFrameCallback() reports that;
-///   - a sender of another user whose socket file is not writable here never gets a frame across.
+/// State Running does not guarantee that frames arrive. An application that depends on them watches
+/// for frames, and after a timeout, two seconds for example, shuts the receiver down and
+/// initialises it again. Causes:
+///   - the transport may drop the announcement of a sequence; the receiver then refuses every frame
+///     until the next sequence or connection, and setRefusedFrameCallback() reports it;
+///   - no frame arrives from a sender of another user whose socket file is not writable here.
 ///
-/// Nothing is said about frames that are lost: a receiver notices them by the timestamps, where one
-/// is not the timestamp before plus the duration before.
+/// Lost frames are not reported. Compare timestamps: a frame begins at the timestamp of the one
+/// before plus its duration, unless frames were lost.
 ///
-/// A receiver connects and drops over and over, with no pause, while a stream's codec is announced
-/// that nobody registered, while its depayloader rejects the codec header, and while a stranger
-/// holds the name and closes at once.
+/// A receiver reconnects again and again without a pause if the stream's codec is not registered,
+/// if its depayloader rejects the codec header, or if the process that holds the name closes each
+/// connection at once.
 ///
-/// A receiver trusts the process that holds the sender's name, and every local process can hold it:
-/// a malformed first message, or one that names an unknown transport, stops this process with an
-/// assertion; the lengths that it announces are allocated; in Pipeline the receiver binds the path
-/// that it names and changes that file's mode. setInitialInfoCheckCallback() and
-/// setMaxSidechannelMessageSize() limit that trust.
+/// A receiver trusts the process that holds the sender's name, and any local process can hold it.
+/// A first message that is malformed or names an unknown transport stops this process with an
+/// assertion. The receiver allocates the message lengths that the sender announces. In Pipeline it
+/// binds the path that the sender names and changes that file's mode. Limit this trust by
+/// setInitialInfoCheckCallback() and setMaxSidechannelMessageSize().
 ///
-/// A forked child has only a copy without threads: it may shut the copy down or destroy it, and
-/// nothing else. The transport's own descriptors stay open there until it ends or calls exec.
+/// In a forked child only a copy without threads exists. Shut it down or destroy it; do not use it
+/// otherwise. The transport's own descriptors stay open until the child ends or calls exec.
 ///
-/// Logging goes to the log4cplus logger "Vellox", which the application configures; unconfigured,
-/// log4cplus prints a warning of its own.
+/// Logs to the log4cplus logger "Vellox", which the application configures; without a configuration
+/// log4cplus prints a warning.
 class Receiver
 {
 public:
-    /// What the receiver is doing.
+    /// State of the receiver.
     enum class State : std::int32_t
     {
-        /// No worker thread, or one that has given up.
+        /// Not initialised, or the worker thread has given up.
         Idle = 0,
         /// Looking for the sender, or between two connections.
         Connecting = 1,
@@ -93,27 +94,27 @@ public:
     /// The clock that the stream's timestamps stand on.
     enum class StreamClockType : std::int32_t
     {
-        /// Not known outside State::Running.
+        /// Not known: the receiver is not in State::Running.
         Undetermined = 0,
-        /// The sender names no clock.
+        /// The sender announces no clock.
         NoClock = 1,
         /// CLOCK_MONOTONIC of this machine.
         MonotonicSystemClock = 2,
-        /// The network clock that the sender names.
+        /// The network clock that the sender announces.
         SyncedNetClock = 3,
     };
 
-    /// A receiver that does nothing yet.
+    /// Creates a receiver that is not initialised.
     VLX_API Receiver();
 
-    /// Calls shutdownReceiver(), with everything that is said there.
+    /// Calls shutdownReceiver(); the same rules apply.
     VLX_API ~Receiver();
 
     Receiver(const Receiver&) = delete;
     Receiver& operator=(const Receiver&) = delete;
 
-    /// Registers a depayloader under its FourCC; a second one with the same FourCC replaces the
-    /// first. Before initializeReceiver().
+    /// Registers a depayloader under its FourCC, replacing an earlier one with the same FourCC.
+    /// Call it before initializeReceiver().
     ///
     /// @param depayloader  not owned; must outlive the receiver
     VLX_API void addDepayloader(Depayloader& depayloader);
@@ -122,115 +123,120 @@ public:
     /// @thread any
     VLX_API State getState() const;
 
-    /// Called at most once per connection: a sequence is announced and its clock, if it has one, is
-    /// synchronised. With a network clock frames usually come first, some tenths of a second or, as
-    /// long as the clock's provider does not answer, for ever: an application that needs the
-    /// clock to play drops or keeps them. With any other clock it comes before the first frame.
-    /// @thread the worker's or the clock's
+    /// Sets the callback for readiness: a sequence is announced and its clock, if it has one, is
+    /// synchronised. Called at most once per connection. With a network clock, frames usually
+    /// arrive some tenths of a second earlier, and if the clock's provider does not answer the
+    /// callback never comes: an application that needs the clock to play drops or keeps such
+    /// frames. With any other clock the callback comes before the first frame.
+    /// @thread the worker thread or the clock's thread
     VLX_API void
     setReceiverIsReadyCallback(std::function<void(Depayloader&, StreamClockType)> callback);
 
-    /// Called at each change of state. The first Connecting comes from inside initializeReceiver(),
-    /// on its caller's thread; all others come from the worker.
+    /// Sets the callback for changes of the state. The first call, with Connecting, comes from
+    /// inside initializeReceiver(), on the caller's thread; all others come from the worker thread.
     VLX_API void setStateChangedCallback(std::function<void(State)> callback);
 
-    /// Called once, after State::Idle, when the worker has given up, because a channel could not be
-    /// opened: no descriptors left, or in Pipeline another receiver that has bound the stream
-    /// already, or a sender that has just gone. Shut the receiver down, outside the callback,
-    /// before it is initialised again.
+    /// Sets the callback for a failure that ends the worker. Called once, after State::Idle, if a
+    /// channel could not be opened: no descriptors left, or in Pipeline another receiver has bound
+    /// the stream or the sender has just gone. Then shut the receiver down, outside the callback,
+    /// before initialising it again.
     VLX_API void setConnectionAttemptFailedCallback(std::function<void()> callback);
 
-    /// Called for each frame with timestamp, duration and media data; the data is valid only during
-    /// the call. Without this callback frames are dropped silently.
+    /// Sets the callback for frames. It gets timestamp, duration and media data; the data is valid
+    /// only during the call. Without this callback frames are dropped silently.
     VLX_API void
     setMediaDataCallback(std::function<void(TimeValue, TimeValue, const Buffer&)> callback);
 
-    /// Called for each new sequence, before its first frame. The place to read the format from the
-    /// depayloader.
+    /// Sets the callback for new sequences. Called before the first frame of each; read the format
+    /// from the depayloader there.
     VLX_API void setNewSequenceCallback(std::function<void(Depayloader&)> callback);
 
-    /// Sets a check of the sender's first message on the connection that is about to be used,
-    /// before the message is parsed. Without it every sender is accepted.
+    /// Sets a check of the sender's first message, called on each connection before the message is
+    /// parsed. Without it every sender is accepted.
     ///
-    /// The callback gets the InitialInfo packet, of any size and content and valid during the call,
-    /// and the sender's credentials. It returns
+    /// The callback gets the InitialInfo packet, of any size and content and valid only during the
+    /// call, and the sender's credentials. It returns
     ///   - std::nullopt to refuse: the connection is closed, and the next attempt follows 400 ms
-    ///     later, also when a sender appears meanwhile: other users may be able to make its entry;
-    ///   - an empty string to accept, with the main channel that the packet names;
-    ///   - another string to accept, with this URI for the main channel in place of the packet's.
-    ///     What the URI refers to, a descriptor for instance, must stay until the state changes to
+    ///     later, even if a sender appears meanwhile, since other users may be able to fake that;
+    ///   - an empty string to accept the sender and the main channel that the packet names;
+    ///   - another string to accept the sender, with this URI as the main channel. Whatever the URI
+    ///     refers to, a descriptor for example, must stay valid until the state changes to
     ///     Connecting or Idle.
     ///
-    /// After acceptance the packet is parsed as without a check, so a malformed packet or one that
-    /// names an unknown transport still stops the process: refuse such packets.
-    /// @thread the worker's, while State::Connecting; a stop waits for the call
+    /// An accepted packet is parsed as if there were no check: refuse malformed packets and unknown
+    /// transports, which would stop the process.
+    /// @thread the worker thread, in State::Connecting; a stop waits for the call
     VLX_API void setInitialInfoCheckCallback(std::function<std::optional<std::string>(
                                                  const ByteView& packet,
                                                  const PeerCredentials& peer)> callback);
 
-    /// Limits what a sender's sidechannel message may announce as its length. A longer one is
-    /// refused with an ERROR in the log, before anything is allocated for it: the sender's first
-    /// message as by setInitialInfoCheckCallback(), with the next attempt 400 ms later, and a later
-    /// one as a lost sidechannel. Before initializeReceiver().
+    /// Limits the length of sidechannel messages. A longer one is refused with an ERROR in the log,
+    /// before anything is allocated for it: the first message of a connection as by
+    /// setInitialInfoCheckCallback(), with the next attempt 400 ms later; any other counts as a
+    /// lost sidechannel. Call it before initializeReceiver().
     ///
-    /// @param bytes  longest message that is accepted; 0, the default: no limit
+    /// @param bytes  longest accepted message in bytes; 0, the default: no limit
     VLX_API void setMaxSidechannelMessageSize(std::uint32_t bytes);
 
-    /// Called for each Frame packet that is refused because of its sequence number. Refusals of
-    /// FrameRefusal::UnknownSequence that go on mean that an announcement was missed: only the next
-    /// sequence or a new connection ends them.
-    /// @thread the worker's
+    /// Sets the callback for Frame packets that are refused because of their sequence number. If
+    /// FrameRefusal::UnknownSequence continues, an announcement was missed: only the next sequence
+    /// or a new connection ends the refusals.
+    /// @thread the worker thread
     VLX_API void setRefusedFrameCallback(std::function<void(FrameRefusal)> callback);
 
-    /// Sets the directory that is watched for starting senders. Before initializeReceiver().
+    /// Sets the base directory, which is watched for starting senders. Call it before
+    /// initializeReceiver().
     ///
-    /// @param directory  path of an existing directory, where the sender makes its own; empty, the
-    ///                   default: "TMPDIR", or "/tmp/vlx" if that is not set
+    /// @param directory  path of an existing directory, in which the sender creates its own; empty,
+    ///                   the default: "TMPDIR", or "/tmp/vlx" if that is not set
     VLX_API void setBaseDirectory(std::string directory);
 
-    /// Starts to look for the sender; returns at once, whether there is one or not.
+    /// Starts to connect to the sender and returns at once, even if the sender is not running.
     ///
-    /// A signal that interrupts an attempt to connect costs that attempt, with an ERROR in the log.
-    /// A sender that starts is usually noticed at once, by its directory in the base directory (see
-    /// setBaseDirectory()), and otherwise at the next attempt, 400 ms later: the directory appears
-    /// a moment before the sender listens. If the base directory does not exist when this is
-    /// called, only every 400 ms.
+    /// A starting sender is usually noticed at once, by its directory in the base directory (see
+    /// setBaseDirectory()). That directory appears a moment before the sender listens, so sometimes
+    /// only the next attempt, 400 ms later, succeeds. If the base directory does not exist at the
+    /// time of this call, attempts are made only every 400 ms. A signal that interrupts an attempt
+    /// makes it fail, with an ERROR in the log.
     ///
     /// @param socketAddress  the sender's name in the abstract socket namespace; only the first 107
     ///                       bytes count
-    /// @return true if the receiver works now, also if it did already: the argument is then
-    ///         ignored. false after one ERROR in the log if the system has no descriptors left
-    /// @throws std::system_error if a thread cannot be started, and what the first callback throws.
-    ///         Without a worker the receiver is Idle again, which is not called back; without a
-    ///         monitor it runs, and shutdownReceiver() ends it
-    /// @pre after State::Idle was reached by itself: shutdownReceiver() was called; otherwise the
-    ///      process stops
+    /// @return true if the receiver is initialised. If it was before, the argument is ignored.
+    ///         false, after one ERROR in the log, if the system has no descriptors left
+    /// @throws std::system_error if a thread cannot be started; also what the first call of the
+    ///         state-changed callback throws. If the worker could not be started, the receiver is
+    ///         Idle again, without a callback; if the monitor could not be started, the receiver
+    ///         runs, and shutdownReceiver() ends it
+    /// @pre if the receiver has become Idle by itself, shutdownReceiver() was called since;
+    ///      otherwise the process stops
     VLX_API bool initializeReceiver(std::string socketAddress);
 
-    /// Stops both threads and waits for them. Does nothing on a receiver that was never
-    /// initialised, or was shut down before.
+    /// Stops both threads and waits for them. Does nothing if the receiver is not initialised.
     ///
-    /// Takes up to 5 seconds: nothing interrupts the monitor's wait, except an entry that somebody
-    /// makes in the watched directory. An attempt to connect to a sender whose backlog is full,
-    /// since it is stopped (SIGSTOP), say, is given up after 400 ms. A callback in progress is
-    /// waited for, so hold no lock that a callback takes.
+    /// Takes up to 5 seconds: only a new entry in the watched directory ends the monitor's wait
+    /// earlier. It waits for a callback in progress, so hold no lock that a callback takes. An
+    /// attempt to connect to a sender with a full backlog, a stopped one (SIGSTOP) for example,
+    /// ends after 400 ms.
     ///
-    /// In a forked child the copy of an initialised receiver only closes its descriptors, waits for
-    /// nothing, logs nothing and makes no callback; the parent's receiver goes on.
-    /// @thread one at a time, never from a callback and never beside initializeReceiver()
+    /// In a forked child it only closes the copy's descriptors, without waiting, logging or
+    /// callbacks; the parent's receiver continues.
+    /// @thread one at a time, not from a callback, not during initializeReceiver()
     VLX_API void shutdownReceiver();
 
-    /// @return nanoseconds on the stream's clock: CLOCK_MONOTONIC if the sender says so, otherwise
-    ///         the network clock. That is 0 if the sender names none, while it is not synchronised
-    ///         yet, which the first frames may find, and between two connections; while its
-    ///         provider is silent, the last estimate goes on. Meaningful in State::Running only,
-    ///         and for an instant after a connection is lost it may be 0 there
+    /// Returns the current time of the stream's clock.
+    ///
+    /// @return nanoseconds, meaningful in State::Running only: CLOCK_MONOTONIC if the sender
+    ///         announces it, otherwise the network clock; 0 if the sender announces no clock, or if
+    ///         the network clock is not synchronised yet, as may be the case for the first frames.
+    ///         If the clock's provider stops answering, its last estimate continues. Right after a
+    ///         connection is lost it may be 0
     /// @thread any
     VLX_API TimeValue getCurrentStreamTime() const;
 
-    /// @return the clock of the current stream; whether it is synchronised already does not count.
-    ///         Undetermined, with an ERROR in the log, outside State::Running. For an instant after
-    ///         a connection is lost it may be NoClock
+    /// Returns the clock of the current stream, whether it is synchronised or not.
+    ///
+    /// @return the type of the clock; Undetermined, with an ERROR in the log, outside
+    ///         State::Running. Right after a connection is lost it may be NoClock
     /// @thread any
     VLX_API StreamClockType getStreamClockType() const;
 
@@ -325,22 +331,22 @@ private:
     // The worker replaces it under m_mutex, others read it under m_mutex.
     InitialInfo m_initialInfo{};
     std::uint16_t m_currentSequenceNr = 0; // worker thread; 0: no sequence adopted yet
-    // Read under m_mutex by application threads; atomic because only setReceiverToIdle() writes it
-    // under the lock, and the clock's thread reads it without.
+    // Application threads read it under m_mutex. Atomic because only setReceiverToIdle() writes it
+    // under the lock, and the clock's thread reads it without the lock.
     std::atomic<State> m_state = State::Idle;
     ConnectingState m_connectingState = ConnectingState::Undefined; // worker thread
     bool m_connectionAttemptFailed = false;                         // worker thread
-    // Read under m_mutex; atomic because the worker clears it without.
+    // Read under m_mutex; atomic because the worker clears it without the lock.
     std::atomic<bool> m_keepRunning = false;
     // Never held while a callback runs, across poll, or while joining.
     mutable std::mutex m_mutex;
     std::thread m_thread;
     std::condition_variable m_conditionVariable; // the wait between two attempts, with m_mutex
-    std::atomic<bool> m_senderAppeared;          // set by the monitor before it notifies, no lock
+    std::atomic<bool> m_senderAppeared;          // set by the monitor, without the lock
     std::thread m_fsMonitorThread;
-    // Claimed by exchange: the worker and the clock's thread may both want to report.
+    // Set by exchange: the worker and the clock's thread may both try to report.
     std::atomic<bool> m_receiverIsReadyReported = false;
-    // Set once the new-sequence callback has returned: before that the clock's thread must not
+    // Set once the new-sequence callback has returned. Before that the clock's thread must not
     // report readiness, since the depayloader may not have its format yet.
     std::atomic<bool> m_sequenceAnnounced = false;
 
@@ -372,7 +378,7 @@ private:
     miscUtils::SyncedNetClock m_syncedNetClock;
     int m_inotifyFD = -1;    // constant while the monitor runs
     int m_inotifyWatch = -1; // constant while the monitor runs
-    pid_t m_process = 0;     // that has initialised the receiver last; 0: none yet
+    pid_t m_process = 0;     // process that last initialised the receiver; 0: none yet
 };
 
 /// @return "idle", "connecting" or "running"; "unknown" for any other value; a static string

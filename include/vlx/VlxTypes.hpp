@@ -20,12 +20,12 @@ namespace vlx
 /// that their capacity stays.
 using Buffer = std::vector<std::uint8_t>;
 
-/// Read-only view of contiguous bytes. It owns nothing: whoever passes one keeps the bytes alive
-/// and unchanged for the duration of the call.
+/// Read-only view of contiguous bytes. It owns nothing: the caller keeps the bytes alive and
+/// unchanged for the duration of the call.
 using ByteView = nonstd::span_lite::span<const unsigned char>;
 
-/// Unsigned 64-bit time value. Frame timestamps and durations are carried as such, without
-/// interpretation; the tools and the clocks of this library use nanoseconds.
+/// Unsigned 64-bit time value. The library carries timestamps and durations without interpreting
+/// them; its clocks, the kit and the tool use nanoseconds.
 using TimeValue = miscUtils::TimeValue;
 
 } // namespace vlx

@@ -24,7 +24,7 @@ namespace
 
 constexpr std::string_view SocketPathBelowBase = "/VlxSender-XXXXXX/nanomsgChannel.ipc";
 
-// The socket file's path and its terminator have to fit into a socket address.
+// The socket file's path and its terminator must fit into a socket address.
 constexpr std::size_t MaxBaseLength =
     sizeof(sockaddr_un::sun_path) - 1 - SocketPathBelowBase.size();
 
@@ -35,7 +35,7 @@ std::string describe(const std::string& path, int error)
     return quote(path) + ": " + miscUtils::strerror_r_safe(error);
 }
 
-/// @return the command that makes a base directory for all users
+/// @return the command that creates a base directory for all users
 std::string makeRemedy(const std::string& path)
 {
     return "install -d -m 1777 -o root " + path;
@@ -45,8 +45,8 @@ void createSharedDirectory(BaseDirectory& base)
 {
     if (::mkdir(base.path.c_str(), SharedDirectoryMode) == 0)
     {
-        // mkdir() took the process's umask off the mode. By descriptor: a link that somebody puts
-        // in its place must not have its target opened to everyone.
+        // mkdir() applied the process's umask to the mode. Use a descriptor: if another process
+        // puts a link in its place, the link's target must not be opened to all users.
         const int fd = ::open(base.path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
         if (fd >= 0)
         {
@@ -54,15 +54,16 @@ void createSharedDirectory(BaseDirectory& base)
             ::close(fd);
         }
         base.created = true;
-        base.notice = "created " + base.path + " (mode 1777), where senders and receivers meet";
+        base.notice = "created base directory " + base.path + " (mode 1777)";
         if (::geteuid() != 0)
-            base.notice += "; other users are refused until root owns it: " + makeRemedy(base.path);
+            base.notice += "; other users cannot share it until root owns it; run as root: " +
+                           makeRemedy(base.path);
     }
     else if (errno != EEXIST)
         base.problem = "cannot create base directory " + describe(base.path, errno);
 }
 
-/// @return as findDistrust(); also for a link, which its owner can point elsewhere
+/// @return as findDistrust(), also for a link: its owner can point it elsewhere
 std::string findDistrustOfPath(const std::string& path, const struct stat& target)
 {
     struct stat link = {};
@@ -86,15 +87,15 @@ std::string findProblem(const BaseDirectory& base, BaseDirectoryUse use, const s
         return subject + " is not a directory";
     const std::string distrust = findDistrustOfPath(base.path, status);
     if (!distrust.empty())
-        return subject + " " + distrust + "; as root run \"" + makeRemedy(base.path) +
-               "\", or let TMPDIR name a directory of your own";
+        return subject + " " + distrust + "; run as root: " + makeRemedy(base.path) +
+               "; or set TMPDIR to a directory of your own";
     if (use == BaseDirectoryUse::Receive)
         return {};
     if (!base.writable)
         return subject + " is not writable";
     if (base.path.size() > MaxBaseLength)
         return subject + " is too long for a socket path: " + std::to_string(base.path.size()) +
-               " characters, at most " + std::to_string(MaxBaseLength);
+               " bytes, at most " + std::to_string(MaxBaseLength);
     return {};
 }
 
@@ -104,7 +105,7 @@ BaseDirectory prepareBaseDirectory(BaseDirectoryUse use, const std::string& dire
 {
     BaseDirectory base;
     base.path = directory.empty() ? getBaseDirectory() : directory;
-    // An empty "TMPDIR" counts as set, and then everything stands in the root directory.
+    // An empty "TMPDIR" counts as set: the library then uses the root directory.
     if (base.path.empty())
         base.path = "/";
     // Receivers may have another working directory.

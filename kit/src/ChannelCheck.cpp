@@ -40,7 +40,7 @@ bool isSenderDirectoryName(std::string_view name)
                });
 }
 
-/// @return path of the directory in a URI such as senders announce; otherwise empty
+/// @return path of the sender's directory; empty if the URI is not a valid sender's
 std::string parseDirectory(std::string_view uri)
 {
     if (!uri.starts_with(IpcScheme))
@@ -67,16 +67,16 @@ std::string findDirectoryProblem(int directoryFD, uid_t sender)
 {
     struct stat status = {};
     if (::fstat(directoryFD, &status) != 0)
-        return "cannot be looked at: " + describeError(errno);
+        return "cannot be checked: " + describeError(errno);
     if (status.st_uid != sender)
         return "is not the sender's: its directory" + describeOwner(status.st_uid, sender);
 
     // By descriptor: the path may lead somewhere else by now.
     const OwnedDescriptor parent(::openat(directoryFD, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (parent.get() < 0 && errno == EACCES)
-        return {}; // nobody joins through a directory that may not be entered
+        return {}; // this user cannot join through a directory without search permission
     if (::fstat(parent.get(), &status) != 0)
-        return "cannot be looked at: " + describeError(errno);
+        return "cannot be checked: " + describeError(errno);
     const std::string distrust = findDistrust(status);
     return distrust.empty() ? distrust : "is not safe: its base directory " + distrust;
 }
@@ -91,7 +91,7 @@ void checkSocketFile(bool isPipeline, uid_t sender, ChannelCheck& check)
     if (error == EACCES)
         return; // this user may not join, and cannot see more
     if (error != 0 && !(error == ENOENT && isPipeline))
-        check.problem = "cannot be looked at: " + describeError(error);
+        check.problem = "cannot be checked: " + describeError(error);
     else if (error == 0 && !S_ISSOCK(status.st_mode))
         check.problem = "is not a socket";
     else if (!isPipeline && status.st_uid != sender)
@@ -139,7 +139,7 @@ ChannelCheck checkChannel(const InitialInfo& info, uid_t sender)
     if (!isPipeline && info.nanomsgProtocol != NanomsgProtocol::PubSub)
         check.problem = "has an unknown protocol";
     else if (directory.empty())
-        check.problem = "is not a path that a sender uses";
+        check.problem = "is not a valid sender path";
     if (!check.problem.empty())
         return check;
 

@@ -11,7 +11,7 @@
 namespace vlx::kit
 {
 
-/// A descriptor, closed with its owner.
+/// Owns a descriptor and closes it.
 class OwnedDescriptor
 {
 public:
@@ -21,7 +21,7 @@ public:
     OwnedDescriptor(OwnedDescriptor&& other) noexcept;
     OwnedDescriptor& operator=(OwnedDescriptor&& other) noexcept;
 
-    /// @return -1 if there is none
+    /// @return the descriptor, or -1
     int get() const
     {
         return m_fd;
@@ -34,16 +34,16 @@ private:
 /// Result of checking the main channel that a sender announces.
 struct ChannelCheck
 {
-    /// Why no sender announces such a main channel, as the end of a sentence that begins with the
-    /// channel; empty if it is valid.
+    /// Why the channel is invalid, as the end of a sentence that begins with the channel; empty if
+    /// it is valid.
     std::string problem = {};
     /// Path of the socket file; empty if the channel is invalid.
     std::string socketFile = {};
-    /// Mode of the socket file; 0 if there is none, or this user may not look.
+    /// Mode of the socket file; 0 if it is missing or not visible to this user.
     mode_t socketFileMode = 0;
     /// Whether this user may join: in PubSub write to the socket file, in Pipeline create it.
     bool mayJoin = false;
-    /// The sender's directory, which stays the verified one whatever happens to its path.
+    /// The verified directory, even if its path is replaced later.
     OwnedDescriptor directory = OwnedDescriptor();
 
     /// @return URI of the socket file in the verified directory, valid in this process while
@@ -51,18 +51,19 @@ struct ChannelCheck
     std::string getURI() const;
 };
 
-/// Checks the main channel that a sender announces, before nanomsg uses it: nanomsg removes what
-/// does not answer at the path, follows links, and aborts the process at a path that is too long.
+/// Checks the main channel that a sender announces, before nanomsg uses it. Nanomsg removes a
+/// socket file that does not answer, follows links, and aborts the process if the path is too long.
 ///
-/// The directory must be named as a sender's, be no link, belong to the sender's user, and lie in a
-/// base directory that no third user controls; the file must have the name that every sender gives
-/// it and be, in PubSub, a socket of the sender's user, in Pipeline any socket or nothing yet.
+/// The directory must have a sender's name, must not be a link, must belong to the sender's user,
+/// and must lie in a base directory that no third user controls. The file must have the name that
+/// every sender uses. In PubSub it must be a socket of the sender's user; in Pipeline any socket,
+/// or not exist yet.
 ///
-/// @param sender  user of the process that announces it, as the kernel says
+/// @param sender  user of the announcing process, as reported by the kernel
 /// @thread any
 ChannelCheck checkChannel(const InitialInfo& info, uid_t sender);
 
-/// As parseInitialInfoPacket(), which stops the process at a malformed packet.
+/// Parses an InitialInfo packet, as parseInitialInfoPacket() does, but survives a malformed one.
 ///
 /// @return not set if the packet is malformed
 std::optional<InitialInfo> readInitialInfo(const ByteView& packet);

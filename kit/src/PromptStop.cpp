@@ -23,13 +23,13 @@ namespace vlx::kit
 namespace
 {
 
-// The monitor may hear the first flash before it is told to stop.
+// The monitor may see the first file before its stop flag is set.
 constexpr auto FirstFlashInterval = std::chrono::milliseconds(1);
 constexpr auto MaxFlashInterval = std::chrono::milliseconds(20);
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox.Kit"));
 
-/// Flashes an entry in the watched directory for as long as it lives.
+/// Creates and removes a file in the watched directory repeatedly, for as long as it lives.
 class MonitorWaker
 {
 public:
@@ -62,7 +62,7 @@ private:
             if (!flashDirectoryEntry(m_prefix))
             {
                 LOG4CPLUS_WARN(
-                    logger, "Cannot make an entry in the watched directory: "
+                    logger, "Cannot create a file in the watched directory: "
                                 << describeError(errno) << "; stopping can take up to 5 seconds");
                 return;
             }
@@ -79,7 +79,7 @@ private:
     std::thread m_thread;
 };
 
-// No part of it may look like a sender's directory.
+// Must not contain the name of a sender's directory.
 constexpr const char* EntryPrefix = "/.vlx-stop-";
 
 } // unnamed namespace

@@ -21,9 +21,9 @@ std::string describeRefusal(int priority, int error)
 
     rlimit limit{};
     ::getrlimit(RLIMIT_RTPRIO, &limit);
-    return text + "this user may not take priority " + std::to_string(priority) +
-           ", since RLIMIT_RTPRIO is " + std::to_string(limit.rlim_cur) +
-           "; raise it: \"rtprio\" in /etc/security/limits.conf, or LimitRTPRIO= of the service";
+    return text + "priority " + std::to_string(priority) + " is not permitted (RLIMIT_RTPRIO is " +
+           std::to_string(limit.rlim_cur) +
+           "); raise \"rtprio\" in /etc/security/limits.conf, or LimitRTPRIO= of the service";
 }
 
 } // unnamed namespace

@@ -192,8 +192,8 @@ SenderSearch searchSenders()
     const UnixSockets sockets = readUnixSockets();
     search.isIncomplete = sockets.isIncomplete;
     if (sockets.isIncomplete)
-        search.list.notice = "some sockets are unknown: /proc/net/unix has forged lines, and this "
-                             "kernel offers no socket diagnosis";
+        search.list.notice = "the list may be incomplete: /proc/net/unix has forged lines, and "
+                             "this kernel has no socket diagnosis (unix_diag)";
     for (const auto& [inode, socket] : sockets.byInode)
     {
         const std::string directory = findSenderDirectoryName(socket.name);

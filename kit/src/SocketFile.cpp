@@ -29,13 +29,13 @@ constexpr std::string_view IpcScheme = "ipc://";
 
 struct Modes
 {
-    mode_t umask; // under which both are made
+    mode_t umask; // in force while both are created
     mode_t file;
-    mode_t pubSubDirectory;   // receivers only look the socket file up there
-    mode_t pipelineDirectory; // the receiver makes it there; nobody else may then remove it
+    mode_t pubSubDirectory;   // receivers only look up the socket file there
+    mode_t pipelineDirectory; // the receiver creates it there; no other user may then remove it
 };
 
-/// The directory's sticky bit also says that the directory is locked for as long as it is used.
+/// The directory's sticky bit also marks the directory as one that is locked while in use.
 constexpr Modes toModes(SocketMode mode)
 {
     switch (mode)
@@ -55,8 +55,8 @@ std::string describe(const std::string& path, int error)
     return quote(path) + ": " + miscUtils::strerror_r_safe(error);
 }
 
-/// @return whether the file system has no locks. Then nobody else gets one either, and takes the
-///         directory for a dead one
+/// @return whether the file system has no locks. Then no other process can lock the directory
+///         either and mistake it for a dead one
 bool isWithoutLocks(int error)
 {
     return error == EOPNOTSUPP || error == ENOSYS || error == EINVAL || error == ENOLCK;
@@ -72,7 +72,7 @@ int narrowDirectory(int fd, mode_t mode)
         return ENOTDIR;
     if (status.st_uid != ::geteuid())
         return EPERM;
-    // Such a descriptor cannot be given to fchmod.
+    // fchmod() refuses a descriptor opened with O_PATH.
     const std::string throughDescriptor = "/proc/self/fd/" + std::to_string(fd);
     return ::chmod(throughDescriptor.c_str(), mode) == 0 ? 0 : errno;
 }
@@ -84,8 +84,8 @@ bool isOwnSocket(int directoryFD, const std::string& name)
            S_ISSOCK(status.st_mode) && status.st_uid == ::geteuid();
 }
 
-/// A pipeline receiver of a user who may join has made it, or nobody has yet. With groups it
-/// cannot be told who may.
+/// @return whether the socket file is missing or was made by the receiver of a user who may join.
+///         With groups every user counts: which of them may join is unknown here
 bool isJoinersSocketOrNothing(int directoryFD, const std::string& name, SocketMode mode)
 {
     struct stat status = {};
@@ -97,8 +97,8 @@ bool isJoinersSocketOrNothing(int directoryFD, const std::string& name, SocketMo
     return S_ISSOCK(status.st_mode) && mayBe;
 }
 
-/// Takes away what is not ours, so that the sender can be shut down: nanomsg aborts the process if
-/// something is there that it cannot unlink. A directory with something in it can only be renamed.
+/// Removes a foreign entry, so that the sender can be shut down: nanomsg aborts the process if it
+/// cannot unlink the entry. A directory that is not empty can only be renamed.
 void removeIntruder(int directoryFD, const std::string& name)
 {
     const std::string aside = name + ".foreign";
@@ -113,7 +113,7 @@ std::string findSocketFile(const std::string& name)
 {
     const auto deadline = Clock::now() + AnswerTimeout;
     SenderProbe answer = probeSender(name, AnswerTimeout);
-    // Receivers that have waited may have filled the backlog before its thread came to run.
+    // Waiting receivers may have filled the backlog before the listener thread first ran.
     while (answer.busy && Clock::now() < deadline)
     {
         std::this_thread::sleep_for(BusyRetryInterval);
@@ -143,19 +143,19 @@ std::string protectSocketFile(
 
     const int fd = ::open(directory.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
-        return "somebody has replaced the sender's directory " + describe(directory, errno);
+        return "another process has replaced the sender's directory " + describe(directory, errno);
     const ScopeGuard directoryGuard([fd] { ::close(fd); });
     const int lockError = lock.take(fd);
     if (lockError != 0 && !isWithoutLocks(lockError))
         return "cannot lock the sender's directory " + describe(directory, lockError);
     if (const int error =
             narrowDirectory(fd, isPipeline ? modes.pipelineDirectory : modes.pubSubDirectory))
-        return "cannot narrow the sender's directory " + describe(directory, error);
+        return "cannot restrict the sender's directory " + describe(directory, error);
 
     if (!(isPipeline ? isJoinersSocketOrNothing(fd, name, mode) : isOwnSocket(fd, name)))
     {
         removeIntruder(fd, name);
-        return "somebody has replaced the sender's socket file " + quote(path);
+        return "another process has replaced the sender's socket file " + quote(path);
     }
     if (isPipeline) // its receiver sets the mode
         return {};

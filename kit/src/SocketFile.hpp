@@ -12,31 +12,30 @@
 namespace vlx::kit
 {
 
-/// Asks a sender of this process, by its name, where its socket file is: only what it announces
-/// tells.
+/// Asks a sender of this process for the path of its socket file, which only its announcement has.
 ///
 /// @return the path; empty if the sender does not answer in time
 /// @thread any
 std::string findSocketFile(const std::string& name);
 
-/// @return the umask under which to initialise a sender, so that its socket file is not open
-///         to more processes than it should be until protectSocketFile() is called
+/// @return umask to set while a sender is initialised, so that its socket file is never open to
+///         more users than `mode` allows
 mode_t toUmask(SocketMode mode);
 
-/// Sets who may join the main channel of a sender of this process, and keeps everybody else from
-/// putting anything into its directory.
+/// Sets which users may join the main channel of a sender of this process, and protects its
+/// directory from all others.
 ///
-/// The library leaves the directory open to everyone, and gives the socket file the mode that the
-/// process's umask leaves: under the usual one another user's receiver joins and never gets a
-/// frame, and whoever replaces the file by a directory has nanomsg abort the process when it
-/// closes. So the directory is narrowed first; what somebody else has put there before is then
-/// found and removed.
+/// The library leaves the directory open to every user, and the process's umask decides the mode
+/// of the socket file. Under the usual umask, another user's receiver joins and never gets a frame;
+/// and a process that replaces the file by a directory makes nanomsg abort this process when it
+/// closes the channel. So this function first restricts the directory, then removes any foreign
+/// entry found in it.
 ///
-/// Call this directly after initializeSender() and startNewSequence().
+/// Call it directly after initializeSender() and startNewSequence().
 ///
-/// @param lock  gets the lock of the directory; to be kept until the sender has been shut down
-/// @return empty if it was done; otherwise one line that says what went wrong. The sender can then
-///         be shut down without harm, and should be
+/// @param lock  receives the lock of the directory; keep it until the sender has been shut down
+/// @return empty on success; otherwise the reason, in one line. The sender can then be shut down
+///         safely, and should be
 /// @thread any
 std::string protectSocketFile(
     const std::string& path,

@@ -10,11 +10,10 @@
 namespace vlx::kit
 {
 
-/// Counts ages of frames, or any durations, in buckets of constant relative width, so that a stream
-/// of years takes no more memory than one of a second. A percentile is right within 1.6 %, the
-/// largest value is exact.
+/// Histogram of frame ages, or of any durations. Its size is constant, however many are counted.
+/// Percentiles are accurate to 1.6 %; the maximum is exact.
 ///
-/// Two copies of one histogram, taken at different times, give the ages in between by subtraction.
+/// Subtract an earlier copy from a later one to get the ages counted in between.
 ///
 /// @thread one at a time
 class AgeHistogram
@@ -22,30 +21,30 @@ class AgeHistogram
 public:
     /// Counts one age.
     ///
-    /// @param nanoseconds  negative ones, of clocks that differ a little, count as 0
+    /// @param nanoseconds  the age; a negative one, caused by a small clock offset, counts as 0
     VLX_API void add(std::int64_t nanoseconds);
 
-    /// Takes away what an earlier copy of this histogram had counted. The largest value is then
-    /// known by its bucket only.
+    /// Subtracts the counts of an earlier copy of this histogram. The maximum then is as accurate
+    /// as a percentile.
     VLX_API AgeHistogram& operator-=(const AgeHistogram& earlier);
 
-    /// @return how many were counted
+    /// @return number of counted ages
     std::uint64_t getCount() const
     {
         return m_count;
     }
 
-    /// Returns the age that a given fraction of the counted ones does not exceed.
+    /// Returns a percentile: the age that a given fraction of all counted ages does not exceed.
     ///
     /// @param fraction  0 to 1; 0.5 is the median
-    /// @return nanoseconds; nothing if nothing was counted
+    /// @return nanoseconds; not set if nothing was counted
     VLX_API std::optional<std::int64_t> getPercentile(double fraction) const;
 
-    /// @return nanoseconds; nothing if nothing was counted
+    /// @return the largest counted age in nanoseconds; not set if nothing was counted
     VLX_API std::optional<std::int64_t> getMax() const;
 
 private:
-    static constexpr std::size_t NumBuckets = 59U * 32U; // as far as the largest signed number
+    static constexpr std::size_t NumBuckets = 59U * 32U; // up to the largest std::int64_t
 
     std::array<std::uint64_t, NumBuckets> m_buckets{};
     std::uint64_t m_count = 0;

@@ -7,42 +7,43 @@
 namespace vlx::kit
 {
 
-/// What a program wants from the base directory.
+/// Purpose for which a program uses the base directory.
 enum class BaseDirectoryUse
 {
-    /// A sender makes its private directory there, with a socket file in it.
+    /// To send: the sender creates a directory with its socket file there.
     Send,
-    /// A receiver only watches for senders that appear.
+    /// To receive: the receiver only watches for senders that appear.
     Receive,
 };
 
-/// What was found out about the base directory.
+/// Result of checking the base directory.
 struct BaseDirectory
 {
     /// Absolute path.
     std::string path;
-    /// Empty if the directory can be used; otherwise one line that says what is wrong with it.
+    /// Empty if the directory can be used; otherwise the reason, in one line.
     std::string problem;
-    /// The directory was made by this call.
+    /// Whether this call has created the directory.
     bool created = false;
-    /// What the user should know about a directory that was made, in one line; otherwise empty.
+    /// Informational message about a created directory, in one line; otherwise empty.
     std::string notice;
-    /// Entries can be made there. A receiver works without, but its stop takes up to 5 seconds.
+    /// Whether files can be created there. A receiver works without that permission, but its stop
+    /// then takes up to 5 seconds.
     bool writable = false;
 };
 
-/// Finds and checks the directory in which senders meet their receivers. Creates "/tmp/vlx", with
+/// Finds and checks the base directory, where receivers look for senders. Creates "/tmp/vlx", with
 /// mode 1777, if it is missing and no other directory is set.
 ///
 /// Refuses a directory in which another user could replace a stream's directory: one that belongs
-/// neither to root nor to the effective user, and one that other users may write to without the
-/// sticky bit.
+/// neither to root nor to the effective user, and one without the sticky bit that other users may
+/// write to.
 ///
-/// The library makes no such check: a sender without the directory fails to initialise, and a
-/// receiver without it finds starting senders late. Call this before either is initialised.
+/// The library makes no such check. If the directory is missing, a sender fails to initialise, and
+/// a receiver notices starting senders late. Call this function before either is initialised.
 ///
-/// @param use        what the directory is needed for
-/// @param directory  path; empty: "TMPDIR", or "/tmp/vlx"
+/// @param use        purpose of the directory
+/// @param directory  path; empty, the default: "TMPDIR", or "/tmp/vlx" if that is not set
 /// @thread any
 VLX_API BaseDirectory prepareBaseDirectory(BaseDirectoryUse use, const std::string& directory = {});
 

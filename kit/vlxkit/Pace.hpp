@@ -1,6 +1,6 @@
 #pragma once
 
-/// When the blocks of a stream are due, and how they are stamped.
+/// Pacing of a stream: timestamps and due times of its blocks.
 
 #include <cstdint>
 
@@ -10,39 +10,39 @@
 namespace vlx::kit
 {
 
-/// Turns sample counts into timestamps, durations and due times, for any rate and block size.
+/// Computes timestamps, durations and due times from sample counts, for any rate and block size.
 ///
-/// A block is due at its timestamp. Timestamps follow from the first one and the number of samples,
-/// rounded once, so that no error adds up and each block begins where the one before ends. A sender
-/// that was held up catches up at twice the pace: nothing is sent in a burst, of which a receiver
-/// would lose a part.
+/// A block is due at its timestamp. Each timestamp is computed from the first one and the number of
+/// samples since, and rounded once: errors do not add up, and each block begins where the one
+/// before ends. A sender that is late catches up at twice the pace. It never sends a burst, of
+/// which a receiver would lose a part.
 ///
-/// A live source has a clock of its own. Report what it delivers by observeInput(), and the
-/// timestamps follow its rate smoothly, so that its samples neither pile up nor run out. A source
-/// that has always more to give, such as a file in a pipe, is paced by the stream's clock alone:
-/// report that by observeBacklog().
+/// A live source has its own clock. Report its deliveries by observeInput(): timestamps then follow
+/// its rate smoothly, without a growing backlog or an underrun. A source that always has more data,
+/// such as a file in a pipe, is paced by the stream's clock alone: report it by observeBacklog().
 ///
-/// A value type without a clock of its own. All times are nanoseconds of the stream's clock.
+/// A value type that reads no clock: the caller passes the time. All times are nanoseconds on the
+/// stream's clock.
 ///
 /// @thread one at a time
 class Pace
 {
 public:
-    /// Samples of a live source should come so much before the block that needs them is due,
-    /// nanoseconds.
+    /// Lead time of a live source, nanoseconds: samples should arrive this long before their block
+    /// is due.
     static constexpr TimeValue Margin = 5'000'000;
 
-    /// Makes a pace that has not begun.
+    /// Creates a pace; call begin() before use.
     ///
     /// @param rate  samples per second, at least 1
     explicit Pace(std::uint32_t rate = 48000) : m_rate(rate) {}
 
-    /// Begins a run of timestamps. What is known of the source's rate stays.
+    /// Begins a run of timestamps. The measured rate of the source is kept.
     ///
-    /// @param timestamp  of the next sample
+    /// @param timestamp  timestamp of the next sample
     VLX_API void begin(TimeValue timestamp);
 
-    /// Begins a run in another format, where the present run ends.
+    /// Begins a run at another rate, where the current run ends.
     ///
     /// @param rate  samples per second, at least 1
     VLX_API void changeRate(std::uint32_t rate);
@@ -53,63 +53,69 @@ public:
         return getTimestamp(0);
     }
 
-    /// Returns the timestamp of a sample further on.
+    /// Returns the timestamp of a later sample, which is also the end of a block that long.
     ///
-    /// @param samples  counted from the next one
-    /// @return timestamp of a sample further on, or of the end of a block of so many samples
+    /// @param samples  number of samples between the next one and the later one
+    /// @return timestamp of the later sample
     VLX_API TimeValue getTimestamp(std::uint64_t samples) const;
 
-    /// @return length of the next block, which ends where the one after it begins, nanoseconds
+    /// Returns the duration of the next block, which ends where the following one begins.
+    ///
+    /// @param samples  number of samples in the block
+    /// @return nanoseconds
     TimeValue getDuration(std::uint64_t samples) const
     {
         return getTimestamp(samples) - getTimestamp();
     }
 
-    /// @return when the next block may be sent: at its timestamp, or while catching up half the
-    ///         former block's length after that one was sent
+    /// Returns the time at which the next block may be sent.
+    ///
+    /// @return its timestamp; while catching up, the time at which the previous block was sent plus
+    ///         half that block's duration
     VLX_API TimeValue getDueTime() const;
 
-    /// Holds the next block back.
+    /// Delays the next block.
     ///
-    /// @param time  before which it is not due
+    /// @param time  earliest due time of the block
     VLX_API void holdUntil(TimeValue time);
 
-    /// Counts a block that was sent.
+    /// Advances by a block that was sent.
     ///
-    /// @param samples  of the block
-    /// @param now      when it was sent
+    /// @param samples  number of samples in the block
+    /// @param now      time at which it was sent
     VLX_API void advance(std::uint64_t samples, TimeValue now);
 
-    /// Observes a live source, each time when it has delivered something.
+    /// Reports a delivery of a live source. Call it after each delivery.
     ///
-    /// @param samples  that waited before, those of a block that is not yet sent included
-    /// @param block    samples of a block, at least 1
-    /// @param now      when it delivered
+    /// @param samples  number of samples that were waiting before this delivery, including those of
+    ///                 a block that is not sent yet
+    /// @param block    samples per block, at least 1
+    /// @param now      time of the delivery
     VLX_API void observeInput(std::uint64_t samples, std::uint64_t block, TimeValue now);
 
-    /// Observes that the source has delivered as much as it was allowed to: it does not set the
-    /// pace, and timestamps follow from the sample count alone.
+    /// Reports that the source has filled its buffer. It then does not set the pace: timestamps
+    /// follow from the sample count alone.
     VLX_API void observeBacklog();
 
-    /// @return whether the source sets the pace: it has delivered no more than was needed for more
-    ///         than a second
+    /// @return whether the source sets the pace: for more than a second it has not delivered more
+    ///         than was needed
     bool isFollowing() const
     {
         return m_isFollowing;
     }
 
-    /// @return how much faster than nominal the source is, in ppm; 0 unless isFollowing()
+    /// @return speed of the source above nominal, ppm; 0 unless isFollowing()
     VLX_API double getSpeedPpm() const;
 
 private:
-    /// How far timestamps run ahead of those of the nominal rate.
+    /// Lead of the timestamps over those of the nominal rate.
     struct Drift
     {
         std::int64_t ns;
         std::int64_t rest; ///< billionths of a nanosecond
     };
 
-    /// A pipe jitters more than a sound card, and the margin leaves time.
+    /// Slower than the default: a pipe has more jitter than a sound card, and Margin leaves time.
     static RateControl makeControl()
     {
         return RateControl(0.15, 1);
@@ -122,14 +128,14 @@ private:
     std::uint64_t m_samples = 0; // in the run
     std::int64_t m_driftNs = 0;
     std::int64_t m_driftRest = 0;
-    std::int64_t m_speedPpb = 0; // billionths by which timestamps pass more slowly than nominal
-    TimeValue m_earliest = 0;    // of the next block
+    std::int64_t m_speedPpb = 0; // ppb by which timestamps advance more slowly than nominal
+    TimeValue m_earliest = 0;    // due time of the next block
 
     bool m_isObserving = false;
     bool m_isFollowing = false;
     TimeValue m_observedSince = 0; // without a backlog
     TimeValue m_windowBegin = 0;
-    std::int64_t m_lowest = 0; // that samples came before their aim in the window, nanoseconds
+    std::int64_t m_lowest = 0; // least lead beyond Margin in the window, nanoseconds
     RateControl m_control = makeControl();
 };
 

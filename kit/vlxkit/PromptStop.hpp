@@ -12,15 +12,14 @@ class Receiver;
 namespace vlx::kit
 {
 
-/// Shuts a receiver down without the 5 seconds that its monitor thread may sleep: while
-/// shutdownReceiver() runs, a helper thread creates and removes an entry in the watched directory
-/// again and again, at most 20 ms apart. Where that directory is not writable, the stop takes as
-/// long as the library says, and a WARN reports it.
+/// Shuts a receiver down without waiting up to 5 seconds for its monitor thread. Meanwhile a helper
+/// thread wakes the monitor: it creates and removes a file in the watched directory, at most every
+/// 20 ms. If that directory is not writable, the stop takes up to 5 seconds, and a WARN is logged.
 ///
-/// @param receiver   in any state, also never initialised
-/// @param directory  the directory that the receiver watches, as given to setBaseDirectory();
-///                   empty: "TMPDIR", or "/tmp/vlx", which must be what it was when the receiver
-///                   was initialised
+/// @param receiver   in any state, initialised or not
+/// @param directory  directory that the receiver watches, as given to setBaseDirectory(); empty,
+///                   the default: "TMPDIR", or "/tmp/vlx" if that is not set. TMPDIR must not have
+///                   changed since the receiver was initialised
 /// @thread as shutdownReceiver(): not from a callback, nor from two threads at once
 VLX_API void stopPromptly(Receiver& receiver, const std::string& directory = {});
 

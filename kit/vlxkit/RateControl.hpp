@@ -1,32 +1,33 @@
 #pragma once
 
-/// Following one clock with another.
+/// Control loop that makes one clock follow another.
 
 #include <algorithm>
 
 namespace vlx::kit
 {
 
-/// Follows one clock with another: proportional-integral control, critically damped, of how much
-/// faster than nominal one of them runs. A constant difference of the clocks leaves no error
-/// behind. One of 200 ppm that begins suddenly causes one of a quarter of a millisecond meanwhile,
-/// and half a millisecond at half the bandwidth.
+/// Makes one clock follow another: a critically damped proportional-integral control loop for the
+/// speed of one of them. A constant difference in speed leaves no error. A sudden difference of
+/// 200 ppm causes a transient error of a quarter of a millisecond, and of half a millisecond at
+/// half the bandwidth.
 class RateControl
 {
 public:
-    /// Makes a control loop at rest.
+    /// Creates a control loop at rest.
     ///
     /// @param bandwidth         how fast a difference is followed, radians per second
-    /// @param smoothingSeconds  of what the measurements jitter; well below the bandwidth's inverse
+    /// @param smoothingSeconds  time constant of the filter against jitter in the measurements,
+    ///                          seconds; well below 1 / bandwidth
     explicit RateControl(double bandwidth = 0.3, double smoothingSeconds = 0.25)
         : m_bandwidth(bandwidth), m_smoothingSeconds(smoothingSeconds)
     {
     }
 
-    /// Takes a measurement.
+    /// Updates the loop by a measurement.
     ///
-    /// @param error     how much too slowly things went so far, seconds
-    /// @param interval  since the update before, seconds
+    /// @param error     lag of the controlled clock, seconds; negative if it is ahead
+    /// @param interval  time since the previous update, seconds
     void update(double error, double interval)
     {
         m_smoothed += (error - m_smoothed) * std::min(1.0, interval / m_smoothingSeconds);
@@ -34,21 +35,22 @@ public:
         m_correction = limit(m_integral + 2 * m_bandwidth * m_smoothed);
     }
 
-    /// Forgets the error, after a jump to the right place. What was learned of the clocks stays.
+    /// Resets the error, after a jump to the right position. The estimated difference in speed is
+    /// kept.
     void forgetError()
     {
         m_smoothed = 0;
         m_correction = m_integral;
     }
 
-    /// @return speed over the nominal one, about 1
+    /// @return speed relative to nominal, 0.998 to 1.002
     double getSpeed() const
     {
         return 1 + m_correction;
     }
 
 private:
-    static constexpr double MaxCorrection = 0.002; // far above any crystal, hardly to be heard
+    static constexpr double MaxCorrection = 0.002; // far above any crystal's, hardly audible
 
     static double limit(double correction)
     {

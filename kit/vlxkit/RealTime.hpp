@@ -9,47 +9,49 @@
 namespace vlx::kit
 {
 
-/// Whether a stream's threads run under round-robin real-time scheduling.
+/// Use of round-robin real-time scheduling (SCHED_RR) for a stream's threads.
 enum class RealTimeUse
 {
-    /// Nothing is changed: the threads have the scheduling of the thread that makes them.
+    /// Unchanged: the threads inherit the scheduling of the thread that creates them.
     Off,
-    /// Real-time where the limits of the user permit it, otherwise ordinary, told in one notice.
+    /// Real-time if the user's limits permit it; otherwise ordinary, with one notice.
     Try,
     /// Real-time, or opening the stream fails.
     Require,
 };
 
-/// Wanted scheduling of a stream's threads. On a busy machine it decides whether frames are lost;
-/// on a quiet one it changes little.
+/// Requested scheduling of a stream's threads. It prevents lost frames on a busy machine and
+/// changes little on a quiet one.
 struct RealTime
 {
-    RealTimeUse use = RealTimeUse::Off; ///< whether
-    /// Round-robin priority, 1 to 99. Low ones suffice: any is above every ordinary thread.
+    RealTimeUse use = RealTimeUse::Off; ///< Whether to request real-time scheduling.
+    /// Round-robin priority, 1 to 99. A low one is enough: any is above all ordinary threads.
     int priority = 10;
 };
 
-/// While it lives, the calling thread runs under the wanted scheduling, and so does every thread
-/// that is created meanwhile: threads inherit it. Afterwards the caller has its own scheduling
-/// back; the threads that were created keep what they have.
+/// Runs the calling thread, and all threads created while the scope exists, under the requested
+/// scheduling. The destructor restores the scheduling of the caller; the created threads keep
+/// theirs.
 ///
 /// nanomsg has one thread for all streams of a process. It is created with the first stream, inside
-/// this scope, and lives until the last is closed: one that exists already stays as it is. So
-/// either the first stream of a process wants real-time scheduling, or all do.
+/// that stream's scope, and lives until the last stream is closed. So request real-time scheduling
+/// for the first stream of a process, or for all.
 ///
 /// @thread construct and destroy on the same thread
 class RealTimeScope
 {
 public:
-    /// Never throws and logs nothing; see getProblem().
+    /// Requests the scheduling. Does not throw or log; see getProblem().
+    ///
+    /// @param wanted  the requested scheduling
     VLX_API explicit RealTimeScope(const RealTime& wanted);
     VLX_API ~RealTimeScope();
 
     RealTimeScope(const RealTimeScope&) = delete;
     RealTimeScope& operator=(const RealTimeScope&) = delete;
 
-    /// @return empty if the thread has what was wanted; otherwise one line that says why it runs
-    ///         under ordinary scheduling, and which limit to raise
+    /// @return empty if the request succeeded; otherwise one line with the reason and the limit to
+    ///         raise
     const std::string& getProblem() const
     {
         return m_problem;

@@ -1,6 +1,6 @@
 #pragma once
 
-/// Text from other processes and users, made safe to show.
+/// Display of text from other processes and users.
 
 #include <cstddef>
 #include <string>
@@ -14,22 +14,23 @@ namespace vlx::kit
 /// Longest text that toPrintable() returns by default, in bytes.
 inline constexpr std::size_t MaxPrintableLength = 1000;
 
-/// Makes a text safe to show on a terminal and to write as one line. Control characters, characters
-/// that are invisible or change the direction of the text around them, and bytes that are not valid
-/// UTF-8 become "\xNN", one for each byte. All other characters stay, the backslash too, so that a
-/// text that was made printable before does not change. The result does not depend on the locale.
+/// Makes a text safe to show on a terminal or to write as one line. Each byte of a control
+/// character, of an invisible character, of one that changes the direction of the text, and of
+/// invalid UTF-8 becomes "\xNN". All other characters, including the backslash, are unchanged, so
+/// that a printable text stays as it is. The result does not depend on the locale.
 ///
-/// For display only: different texts can look the same. Ask for a stream by the bytes of its name.
+/// For display only: different texts may give the same result. Join a stream by the bytes of its
+/// name.
 ///
 /// @param text       any bytes
-/// @param maxLength  of the result in bytes, at least 3; a longer one is cut and ends with "..."
+/// @param maxLength  longest result in bytes, at least 3; a longer one is cut and ends with "..."
 /// @return printable UTF-8
 /// @thread any
 VLX_API std::string toPrintable(std::string_view text, std::size_t maxLength = MaxPrintableLength);
 
-/// Sets a text of others apart within a message.
+/// Quotes a text for a message.
 ///
-/// @return the text as toPrintable() returns it, in double quotes
+/// @return the result of toPrintable(), in double quotes
 /// @thread any
 VLX_API std::string quote(std::string_view text);
 

@@ -12,10 +12,10 @@
 namespace vlx::kit
 {
 
-/// Returns the id of a user who is given by name or number, as chown does: a name comes first.
+/// Returns the id of a user given by name or number. As with chown, a name takes precedence.
 ///
-/// @param user  such as "alice" or "1000"
-/// @return not set if there is no user of this name, and the text is not a valid user id
+/// @param user  name or number, such as "alice" or "1000"
+/// @return the user id; not set if the text is neither a user's name nor a valid user id
 /// @thread any
 VLX_API std::optional<uid_t> findUser(const std::string& user);
 

@@ -234,7 +234,7 @@ TEST_F(ProducerTest, NoticesWhatSomebodyElseHasPutInItsDirectory)
     ASSERT_EQ(::chown(directory.c_str(), 65534, 65534), 0);
     EXPECT_THAT(
         protectSocketFile(directory + "/x", NanomsgProtocol::Pipeline, SocketMode::Owner, lock),
-        HasSubstr("cannot narrow"));
+        HasSubstr("cannot restrict"));
     fs::remove(directory);
     fs::remove(victim);
 }
