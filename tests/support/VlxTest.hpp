@@ -28,8 +28,10 @@ void PrintTo(NanomsgProtocol protocol, std::ostream* stream);
 namespace vlx::testing
 {
 
-/// Generous, since a busy machine under a sanitizer is slow; only a failing test waits this long.
-inline constexpr std::chrono::seconds DefaultDeadline{10};
+/// Generous, since a busy machine under a sanitizer is slow; only a failing test waits this long. On
+/// a busy machine the kernel alone can take 13 seconds to close an inotify descriptor, which each
+/// receiver has, and holds up all processes that close one.
+inline constexpr std::chrono::seconds DefaultDeadline{30};
 
 /// Waits until a condition holds.
 ///
