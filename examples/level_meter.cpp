@@ -66,9 +66,10 @@ int main(int, char** argv)
     { std::cout << event.text << std::endl; };
 
     vlx::kit::Consumer consumer({.name = argv[1]}, callbacks);
-    if (!consumer.start())
+    const vlx::kit::Status started = consumer.start();
+    if (!started)
     {
-        std::cerr << consumer.getProblem() << std::endl;
+        std::cerr << started.getText() << std::endl;
         return 1;
     }
     pollfd enter{0, POLLIN, 0};

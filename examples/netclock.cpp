@@ -70,7 +70,8 @@ int main(int argc, char** argv)
         auto due = std::chrono::steady_clock::now();
         for (int i = 0; i < NumFrames; ++i)
         {
-            producer.send(gst_clock_get_time(clock), FrameNs, silence);
+            if (!producer.send(gst_clock_get_time(clock), FrameNs, silence))
+                return 1;
             due += std::chrono::nanoseconds(FrameNs);
             std::this_thread::sleep_until(due);
         }

@@ -119,8 +119,8 @@ private:
     GstFlowReturn waitForUnlockStop();
     bool isProducerStopped() const;
     template <typename Call>
-    bool callUnlockable(Call call);
-    GstFlowReturn fail(std::string problem);
+    kit::Status callUnlockable(Call call);
+    GstFlowReturn fail(const std::string& problem);
     std::optional<Announcement> chooseClock(GstClock* clock, const Settings& settings);
     bool serveClock(GstClock* clock, const Settings& settings);
     GstFlowReturn open(const Settings& settings, const Announcement& announcement);
@@ -282,25 +282,23 @@ bool Sink::isProducerStopped() const
 
 // Makes a call to the producer that unlock() can free.
 template <typename Call>
-bool Sink::callUnlockable(Call call)
+kit::Status Sink::callUnlockable(Call call)
 {
     {
         const std::lock_guard lock(m_mutex);
         if (m_unlocked || m_unlocks != m_unlocksSeen)
-            return false;
+            return {kit::ErrorCode::Stopped, "stopped"};
         m_busy = true;
     }
-    const bool done = call(*m_producer);
+    kit::Status done = call(*m_producer);
     const std::lock_guard lock(m_mutex);
     m_busy = false;
     m_condition.notify_all();
     return done;
 }
 
-// What a call that returned false means: it was freed, or it cannot be done.
-// By value: the producer, whose text it may be, goes meanwhile.
-// cppcheck-suppress passedByValue
-GstFlowReturn Sink::fail(std::string problem) // NOLINT(performance-unnecessary-value-param)
+// What a call that failed means: it was freed, or it cannot be done.
+GstFlowReturn Sink::fail(const std::string& problem)
 {
     const bool freed = isUnlocked() || isProducerStopped();
     dropProducer();
@@ -376,8 +374,10 @@ GstFlowReturn Sink::open(const Settings& settings, const Announcement& announcem
         const std::lock_guard lock(m_mutex);
         m_producer = std::make_unique<kit::Producer>(std::move(options));
     }
-    if (!callUnlockable([this](kit::Producer& producer) { return producer.open(m_format); }))
-        return fail(m_producer->getProblem());
+    if (const kit::Status status =
+            callUnlockable([this](kit::Producer& producer) { return producer.open(m_format); });
+        !status)
+        return fail(status.getText());
 
     m_announcement = announcement;
     m_announcedFormat = m_format;
@@ -406,8 +406,10 @@ GstFlowReturn Sink::openOrAdapt()
         return open(settings, *announcement);
     if (m_announcedFormat == m_format)
         return GST_FLOW_OK;
-    if (!callUnlockable([this](kit::Producer& producer) { return producer.setFormat(m_format); }))
-        return fail(m_producer->getProblem());
+    if (const kit::Status status = callUnlockable([this](kit::Producer& producer)
+                                                  { return producer.setFormat(m_format); });
+        !status)
+        return fail(status.getText());
     m_announcedFormat = m_format;
     return GST_FLOW_OK;
 }
@@ -419,7 +421,7 @@ GstFlowReturn Sink::waitForReceiver()
     {
         if (isUnlocked())
             return GST_FLOW_FLUSHING;
-        m_joined = m_producer->waitForReceivers(1, UnlockInterval);
+        m_joined = static_cast<bool>(m_producer->waitForReceivers(1, UnlockInterval));
     }
     return GST_FLOW_OK;
 }
@@ -493,12 +495,13 @@ GstFlowReturn Sink::send(GstBuffer* buffer, const ByteView& data)
             ? GST_BUFFER_DURATION(buffer)
             : m_format.toNanoseconds(data.size() / m_format.getBytesPerSample());
     waitForTurn();
-    if (!callUnlockable([&](kit::Producer& producer)
-                        { return producer.send(timestamp, duration, data); }))
+    if (const kit::Status status = callUnlockable(
+            [&](kit::Producer& producer) { return producer.send(timestamp, duration, data); });
+        !status)
     {
         // Freed before it began: the producer is as good as before.
         const bool intact = isUnlocked() && !isProducerStopped();
-        return intact ? GST_FLOW_FLUSHING : fail(m_producer->getProblem());
+        return intact ? GST_FLOW_FLUSHING : fail(status.getText());
     }
     m_nextTimestamp = timestamp + duration;
     m_notBefore = std::chrono::steady_clock::now() + std::chrono::nanoseconds(duration / 2);

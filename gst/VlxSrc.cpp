@@ -267,6 +267,8 @@ bool Src::onPlaying()
     options.stallTimeout = std::chrono::nanoseconds(settings.stallTimeoutNs);
     if (settings.realtimePriority > 0)
         options.realTime = {kit::RealTimeUse::Try, settings.realtimePriority};
+    options.onNotice = [this](const std::string& notice)
+    { GST_ELEMENT_WARNING(m_element, RESOURCE, SETTINGS, ("%s", notice.c_str()), (nullptr)); };
     kit::ConsumerCallbacks callbacks;
     callbacks.onFrame = [this](const kit::Frame& frame) { onFrame(frame); };
     callbacks.onFormat = [this](const kit::StreamFormat& format) { onFormat(format); };
@@ -275,15 +277,12 @@ bool Src::onPlaying()
         const std::lock_guard lock(m_mutex);
         m_consumer = std::make_unique<kit::Consumer>(std::move(options), std::move(callbacks));
     }
-    const bool started = m_consumer->start();
-    const std::string problem = m_consumer->getProblem();
+    const kit::Status started = m_consumer->start();
     if (!started)
         GST_ELEMENT_ERROR(
-            m_element, RESOURCE, OPEN_READ, ("The stream cannot be received: %s", problem.c_str()),
-            (nullptr));
-    else if (!problem.empty())
-        GST_ELEMENT_WARNING(m_element, RESOURCE, SETTINGS, ("%s", problem.c_str()), (nullptr));
-    return started;
+            m_element, RESOURCE, OPEN_READ,
+            ("The stream cannot be received: %s", started.getText().c_str()), (nullptr));
+    return static_cast<bool>(started);
 }
 
 void Src::onPaused()

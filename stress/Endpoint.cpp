@@ -205,12 +205,12 @@ int produce(Board& board, const Plan& plan)
         const TimeValue before = miscUtils::getMonotonicSysclockTime();
         if (sequenceNs != 0 && before >= sequenceDue)
         {
-            producer.setFormat(payloader);
+            static_cast<void>(producer.setFormat(payloader));
             ++board.sequences;
             sequenceDue += sequenceNs;
         }
         std::memcpy(frame.data(), &tag, sizeof(tag));
-        producer.send(before, FramePeriodNs, frame);
+        static_cast<void>(producer.send(before, FramePeriodNs, frame));
         const TimeValue now = miscUtils::getMonotonicSysclockTime();
         board.addFrame(now - before);
         // A sender that was paused goes on from here; a burst of late frames would be lost.
@@ -292,7 +292,7 @@ int consume(Board& board, const Plan& plan)
         if (plan.rejoin != 0 && now >= rejoinDue)
         {
             consumer.stop();
-            consumer.start();
+            static_cast<void>(consumer.start());
             rejoinDue = now + plan.rejoin * NsPerMs;
         }
     }

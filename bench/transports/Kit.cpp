@@ -32,9 +32,13 @@ SendFrame openStream(const Plan& plan)
         std::make_shared<kit::RealTimeScope>(chooseScheduling(plan)); // of this thread
     const auto producer = std::make_shared<kit::Producer>(
         kit::ProducerOptions{.name = plan.name, .realTime = chooseScheduling(plan)});
-    require(producer->open(kit::StreamFormat{}), "open", producer->getProblem().c_str());
+    const kit::Status opened = producer->open(kit::StreamFormat{});
+    require(static_cast<bool>(opened), "open", opened.getText().c_str());
     return [scope, producer](std::uint64_t timestampNs, Bytes packet)
-    { producer->send(timestampNs, FrameDurationNs, packet.subspan(sizeof(PacketHeader))); };
+    {
+        static_cast<void>(
+            producer->send(timestampNs, FrameDurationNs, packet.subspan(sizeof(PacketHeader))));
+    };
 }
 
 void startReceiving(const Plan& plan, FrameHandler handler)
@@ -45,7 +49,8 @@ void startReceiving(const Plan& plan, FrameHandler handler)
     auto* const consumer = // as long as the process
         new kit::Consumer(
             {.name = plan.name, .realTime = chooseScheduling(plan)}, std::move(callbacks));
-    require(consumer->start(), "start", consumer->getProblem().c_str());
+    const kit::Status started = consumer->start();
+    require(static_cast<bool>(started), "start", started.getText().c_str());
 }
 
 } // namespace vlx::bench

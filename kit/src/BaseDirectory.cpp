@@ -35,6 +35,12 @@ std::string describe(const std::string& path, int error)
     return quote(path) + ": " + miscUtils::strerror_r_safe(error);
 }
 
+ErrorCode toErrorCode(int error)
+{
+    return error == EACCES || error == EPERM || error == EROFS ? ErrorCode::NotPermitted
+                                                               : ErrorCode::NoDirectory;
+}
+
 /// @return the command that creates a base directory for all users
 std::string makeRemedy(const std::string& path)
 {
@@ -60,7 +66,8 @@ void createSharedDirectory(BaseDirectory& base)
                            makeRemedy(base.path);
     }
     else if (errno != EEXIST)
-        base.problem = "cannot create base directory " + describe(base.path, errno);
+        base.status = {
+            toErrorCode(errno), "cannot create base directory " + describe(base.path, errno)};
 }
 
 /// @return as findDistrust(), also for a link: its owner can point it elsewhere
@@ -77,25 +84,29 @@ std::string findDistrustOfPath(const std::string& path, const struct stat& targe
     return findDistrust(target);
 }
 
-std::string findProblem(const BaseDirectory& base, BaseDirectoryUse use, const std::string& source)
+Status check(const BaseDirectory& base, BaseDirectoryUse use, const std::string& source)
 {
     struct stat status = {};
     if (::stat(base.path.c_str(), &status) != 0)
-        return source + " " + describe(base.path, errno);
+        return {toErrorCode(errno), source + " " + describe(base.path, errno)};
     const std::string subject = source + " " + quote(base.path);
     if (!S_ISDIR(status.st_mode))
-        return subject + " is not a directory";
+        return {ErrorCode::NoDirectory, subject + " is not a directory"};
     const std::string distrust = findDistrustOfPath(base.path, status);
     if (!distrust.empty())
-        return subject + " " + distrust + "; run as root: " + makeRemedy(base.path) +
-               "; or set TMPDIR to a directory of your own";
+        return {
+            ErrorCode::DirectoryNotTrusted, subject + " " + distrust +
+                                                "; run as root: " + makeRemedy(base.path) +
+                                                "; or set TMPDIR to a directory of your own"};
     if (use == BaseDirectoryUse::Receive)
         return {};
     if (!base.writable)
-        return subject + " is not writable";
+        return {ErrorCode::NotPermitted, subject + " is not writable"};
     if (base.path.size() > MaxBaseLength)
-        return subject + " is too long for a socket path: " + std::to_string(base.path.size()) +
-               " bytes, at most " + std::to_string(MaxBaseLength);
+        return {
+            ErrorCode::NoDirectory,
+            subject + " is too long for a socket path: " + std::to_string(base.path.size()) +
+                " bytes, at most " + std::to_string(MaxBaseLength)};
     return {};
 }
 
@@ -118,8 +129,8 @@ BaseDirectory prepareBaseDirectory(BaseDirectoryUse use, const std::string& dire
     if (directory.empty() && !isFromEnvironment)
         createSharedDirectory(base);
     base.writable = ::faccessat(AT_FDCWD, base.path.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
-    if (base.problem.empty())
-        base.problem = findProblem(base, use, isFromEnvironment ? "TMPDIR" : "base directory");
+    if (base.status)
+        base.status = check(base, use, isFromEnvironment ? "TMPDIR" : "base directory");
     return base;
 }
 

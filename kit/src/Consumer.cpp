@@ -93,7 +93,7 @@ public:
     Impl& operator=(const Impl&) = delete;
 
     void addDepayloader(Depayloader& depayloader);
-    bool start();
+    Status start();
     void stop();
     void requestStop();
     TimeValue getStreamTime() const;
@@ -102,11 +102,6 @@ public:
     bool isForkedCopy() const
     {
         return vlx::isForkedCopy(m_process);
-    }
-
-    const std::string& getProblem() const
-    {
-        return m_problem;
     }
 
 private:
@@ -146,9 +141,8 @@ private:
     void tell(Kind kind, std::string text, std::uint32_t fourcc = 0) const;
 
     // Of the thread that starts and stops.
-    bool fail(const std::string& problem);
-    void restrict(const std::string& restriction);
-    bool prepare();
+    void notify(const std::string& restriction) const;
+    Status prepare();
     void endKeeper();
     void abandonKeeper();
 
@@ -157,7 +151,6 @@ private:
     const ConsumerCallbacks m_callbacks;
 
     // Of the thread that starts and stops.
-    std::string m_problem;
     std::thread m_keeper;
     pid_t m_process = 0; // that has the keeper; 0: none has yet
     std::forward_list<CodecRelay> m_relays;
@@ -238,17 +231,17 @@ void Consumer::Impl::addDepayloader(Depayloader& depayloader)
     m_codecs.addDepayloader(relay);
 }
 
-bool Consumer::Impl::start()
+Status Consumer::Impl::start()
 {
     assert(
         !CallbackScope::isInside(this) && "start() inside a callback: call it on another thread");
     const ExclusiveCall call(m_isCalled);
     assert(call.isAlone() && "start() beside start() or stop(): call them on one thread at a time");
     if (m_keeper.joinable() && !m_stopRequested)
-        return true;
+        return {};
     endKeeper();
-    if (!prepare())
-        return false;
+    if (Status status = prepare(); !status)
+        return status;
     m_stopRequested = false;
     m_refusal.reset();
     m_gate.reset();
@@ -262,54 +255,52 @@ bool Consumer::Impl::start()
     catch (const std::system_error& error)
     {
         m_started = false;
-        return fail(std::string("cannot start a thread: ") + error.what());
+        return {ErrorCode::OutOfResources, std::string("cannot start a thread: ") + error.what()};
     }
-    return true;
+    return {};
 }
 
-bool Consumer::Impl::prepare()
+Status Consumer::Impl::prepare()
 {
-    m_problem.clear();
     if (m_options.name.empty() || m_options.name.size() > MaxSocketNameLength)
-        return fail(
-            "the name of a stream has 1 to " + std::to_string(MaxSocketNameLength) + " bytes");
+        return {
+            ErrorCode::NameInvalid,
+            "the name of a stream has 1 to " + std::to_string(MaxSocketNameLength) + " bytes"};
     if (!m_callbacks.onFrame)
-        return fail("a consumer needs a callback for its frames");
+        return {ErrorCode::InvalidArgument, "a consumer needs a callback for its frames"};
     if (!m_wakeup.isOpen())
-        return fail("no descriptor is left");
+        return {ErrorCode::OutOfResources, "no descriptor is left"};
 
     const RealTimeScope realTime(m_options.realTime);
-    if (!realTime.getProblem().empty())
+    if (!realTime.getStatus())
     {
         if (m_options.realTime.use == RealTimeUse::Require)
-            return fail(realTime.getProblem());
-        restrict(realTime.getProblem());
+            return realTime.getStatus();
+        notify(realTime.getStatus().getText());
     }
 
     const BaseDirectory base =
         prepareBaseDirectory(BaseDirectoryUse::Receive, m_options.baseDirectory);
-    if (!base.problem.empty())
-        return fail(base.problem);
+    if (!base.status)
+        return base.status;
+    if (!base.notice.empty())
+        notify(base.notice);
     std::error_code error;
     m_directory = std::filesystem::absolute(base.path, error);
     if (error)
-        return fail("cannot find " + quote(base.path) + ": " + error.message());
+        return {ErrorCode::NoDirectory, "cannot find " + quote(base.path) + ": " + error.message()};
     m_receiver.setBaseDirectory(m_directory);
     if (!base.writable)
-        restrict(quote(base.path) + " is not writable; stopping can take up to 5 seconds");
-    return true;
+        notify(quote(base.path) + " is not writable; stopping can take up to 5 seconds");
+    return {};
 }
 
-bool Consumer::Impl::fail(const std::string& problem)
+void Consumer::Impl::notify(const std::string& restriction) const
 {
-    m_problem = problem;
-    return false;
-}
-
-void Consumer::Impl::restrict(const std::string& restriction)
-{
-    LOG4CPLUS_WARN(logger, "Consumer of " << quote(m_options.name) << ": " << restriction);
-    m_problem += (m_problem.empty() ? "" : "; ") + restriction;
+    if (m_options.onNotice)
+        m_options.onNotice(restriction);
+    else
+        LOG4CPLUS_WARN(logger, "Consumer of " << quote(m_options.name) << ": " << restriction);
 }
 
 void Consumer::Impl::stop()
@@ -677,11 +668,20 @@ Consumer::Consumer(ConsumerOptions options, ConsumerCallbacks callbacks)
 
 Consumer::~Consumer()
 {
-    if (!m_impl->isForkedCopy())
+    if (!m_impl || !m_impl->isForkedCopy())
         return;
     // What its threads, which do not exist here, were changing is left alone.
     m_impl->stop();
     static_cast<void>(m_impl.release());
+}
+
+Consumer::Consumer(Consumer&& other) noexcept = default;
+
+Consumer& Consumer::operator=(Consumer&& other) noexcept
+{
+    Consumer former(std::move(*this));
+    m_impl = std::move(other.m_impl);
+    return *this;
 }
 
 void Consumer::addDepayloader(Depayloader& depayloader)
@@ -689,7 +689,7 @@ void Consumer::addDepayloader(Depayloader& depayloader)
     m_impl->addDepayloader(depayloader);
 }
 
-bool Consumer::start()
+Status Consumer::start()
 {
     return m_impl->start();
 }
@@ -707,11 +707,6 @@ void Consumer::requestStop()
 TimeValue Consumer::getStreamTime() const
 {
     return m_impl->getStreamTime();
-}
-
-const std::string& Consumer::getProblem() const
-{
-    return m_impl->getProblem();
 }
 
 ConsumerStatistics Consumer::getStatistics() const

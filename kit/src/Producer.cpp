@@ -1,6 +1,8 @@
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cassert>
+#include <cerrno>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
@@ -13,8 +15,10 @@
 #include <SenderDirectory.hpp>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <miscUtils/MiscUtils.hpp>
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxSender.hpp>
 #include <vlxkit/BaseDirectory.hpp>
@@ -23,8 +27,10 @@
 #include <vlxkit/Text.hpp>
 
 #include "Bell.hpp"
+#include "ChannelCheck.hpp"
 #include "DeadDirectories.hpp"
 #include "DirectoryLock.hpp"
+#include "LibraryError.hpp"
 #include "PrivateUmask.hpp"
 #include "SocketFile.hpp"
 #include "TailWait.hpp"
@@ -53,6 +59,9 @@ constexpr auto PromptCheckInterval = std::chrono::milliseconds(1);
 // Longer ones are no durations, and must not overflow the arithmetic.
 constexpr TimeValue MaxTailWaitNs = 3600ULL * 1'000'000'000;
 
+// Those of a sender, and of the transport when its first socket is made.
+constexpr std::size_t NeededDescriptors = 16;
+
 // How old a count of receivers may be that is not waited for.
 constexpr auto MaxCountAge = std::chrono::milliseconds(100);
 
@@ -63,26 +72,50 @@ bool isUsableName(const std::string& name)
     return !name.empty() && name.size() <= MaxSocketNameLength;
 }
 
-std::string findProblem(const ProducerOptions& options)
+Status check(const ProducerOptions& options)
 {
     if (!isUsableName(options.name) ||
         (!options.alternativeName.empty() && !isUsableName(options.alternativeName)))
-        return "the name of a stream has 1 to " + std::to_string(MaxSocketNameLength) + " bytes";
+        return {
+            ErrorCode::NameInvalid,
+            "the name of a stream has 1 to " + std::to_string(MaxSocketNameLength) + " bytes"};
     if (options.clockAddress.find('\0') != std::string::npos)
-        return "the clock's address holds a 0 byte";
+        return {ErrorCode::InvalidArgument, "the clock's address holds a 0 byte"};
     if (options.protocol != NanomsgProtocol::PubSub &&
         options.protocol != NanomsgProtocol::Pipeline)
-        return "the stream's protocol is neither pubsub nor pipeline";
+        return {ErrorCode::InvalidArgument, "the stream's protocol is neither pubsub nor pipeline"};
     return {};
 }
 
-std::string findProblem(const StreamFormat& format)
+Status check(const StreamFormat& format)
 {
     if (format.isSupported())
         return {};
-    return "a stream needs a known sample format, a rate of at least 1 and at most " +
-           std::to_string(StreamFormat::MaxRate) + " Hz, and 1 to " +
-           std::to_string(StreamFormat::MaxChannels) + " channels";
+    return {
+        ErrorCode::InvalidArgument,
+        "a stream needs a known sample format, a rate of at least 1 and at most " +
+            std::to_string(StreamFormat::MaxRate) + " Hz, and 1 to " +
+            std::to_string(StreamFormat::MaxChannels) + " channels"};
+}
+
+Status makeNameTaken(const std::string& name)
+{
+    return {ErrorCode::NameTaken, "the name " + quote(name) + " is taken by another sender"};
+}
+
+/// The transport aborts the process when it gets no descriptor, so they are counted before.
+///
+/// @return 0, or the system's error number if too few descriptors are left to open a stream
+int findShortage()
+{
+    std::array<OwnedDescriptor, NeededDescriptors> descriptors;
+    for (OwnedDescriptor& descriptor : descriptors)
+    {
+        descriptor = OwnedDescriptor(::eventfd(0, EFD_CLOEXEC));
+        if (descriptor.get() < 0)
+            return errno;
+    }
+    return 0;
 }
 
 } // unnamed namespace
@@ -92,13 +125,13 @@ class Producer::Impl
 public:
     explicit Impl(ProducerOptions options) : m_options(std::move(options)) {}
 
-    bool open(const StreamFormat& format);
-    bool open(Payloader& payloader);
-    bool setFormat(const StreamFormat& format);
-    bool setFormat(Payloader& payloader);
-    bool send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
+    Status open(const StreamFormat& format);
+    Status open(Payloader& payloader);
+    Status setFormat(const StreamFormat& format);
+    Status setFormat(Payloader& payloader);
+    Status send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
     std::size_t checkReceivers();
-    bool waitForReceivers(std::size_t count, std::chrono::nanoseconds timeout);
+    Status waitForReceivers(std::size_t count, std::chrono::nanoseconds timeout);
     void stop();
     void close();
     ProducerStatistics getStatistics() const;
@@ -111,11 +144,6 @@ public:
     const std::string& getSocketFile() const
     {
         return m_socketFile;
-    }
-
-    const std::string& getProblem() const
-    {
-        return m_problem;
     }
 
     /// Asserts that no two threads use the producer at once.
@@ -147,17 +175,17 @@ public:
     }
 
 private:
-    bool openSender();
-    bool initializeSender(const std::string& name);
-    bool publish(const std::string& name, std::unique_ptr<Sender> sender);
-    bool protectStream();
+    Status openStream(Payloader& payloader);
+    Status openSender();
+    Status initializeSender(const std::string& name);
+    Status publish(const std::string& name, std::unique_ptr<Sender> sender);
+    Status protectStream();
     void shutDown();
     void announce();
     void announceToNewcomers();
     std::size_t countReceivers(std::chrono::nanoseconds maxAge) const;
-    bool isClosed();
-    bool isUsable();
-    bool fail(const std::string& problem);
+    Status checkClosed() const;
+    Status checkUsable() const;
     void notify(const std::string& notice) const;
 
     // Constant.
@@ -169,7 +197,6 @@ private:
     std::optional<StreamFormat> m_format; // unset for a payloader of the caller's
     std::string m_baseDirectory;
     DirectoryLock m_directoryLock;
-    std::string m_problem;
     Clock::time_point m_lastSequence;             // when it was started
     std::size_t m_numConnections = 0;             // just before that, or at a later check
     std::optional<Clock::time_point> m_lastFrame; // when it was sent
@@ -200,80 +227,90 @@ private:
     mutable std::optional<Count> m_count;
 };
 
-bool Producer::Impl::open(const StreamFormat& format)
+Status Producer::Impl::open(const StreamFormat& format)
 {
-    if (!isClosed())
-        return false;
-    const std::string problem = findProblem(format);
-    if (!problem.empty())
-        return fail(problem);
+    if (Status status = checkClosed(); !status)
+        return status;
+    if (Status status = check(format); !status)
+        return status;
     m_pcmPayloader.setNewFormat(format.rate, format.channels, format.sampleFormat);
-    if (!open(m_pcmPayloader))
-        return false;
-    m_format = format;
-    return true;
+    Status status = open(m_pcmPayloader);
+    if (status)
+        m_format = format;
+    return status;
 }
 
-bool Producer::Impl::open(Payloader& payloader)
+Status Producer::Impl::open(Payloader& payloader)
 {
-    if (!isClosed())
-        return false;
-    const std::string problem = findProblem(m_options);
-    if (!problem.empty())
-        return fail(problem);
-
-    m_problem.clear();
+    if (Status status = checkClosed(); !status)
+        return status;
+    if (Status status = check(m_options); !status)
+        return status;
     m_payloader = &payloader;
     m_format.reset();
-    if (openSender())
-    {
-        // The sooner it comes, the fewer receivers have joined that could miss it. In Pipeline it
-        // waits for those that are joining.
-        m_sender->setCurrentPayloader(payloader);
-        announce();
-        if (isUsable() && protectStream() && isUsable())
-            return true;
-    }
-    shutDown();
-    return false;
+    Status status = openStream(payloader);
+    if (!status)
+        shutDown();
+    return status;
+}
+
+Status Producer::Impl::openStream(Payloader& payloader)
+{
+    if (Status status = openSender(); !status)
+        return status;
+    // The sooner it comes, the fewer receivers have joined that could miss it. In Pipeline it waits
+    // for those that are joining.
+    m_sender->setCurrentPayloader(payloader);
+    announce();
+    if (Status status = checkUsable(); !status)
+        return status;
+    if (Status status = protectStream(); !status)
+        return status;
+    return checkUsable();
 }
 
 /// Without the first sequence: what waits for others must not hold up other streams.
-bool Producer::Impl::openSender()
+Status Producer::Impl::openSender()
 {
     if (m_stopped)
-        return fail("stopped");
+        return {ErrorCode::Stopped, "stopped"};
 
     const BaseDirectory base =
         prepareBaseDirectory(BaseDirectoryUse::Send, m_options.baseDirectory);
-    if (!base.problem.empty())
-        return fail(base.problem);
+    if (!base.status)
+        return base.status;
     m_baseDirectory = base.path;
     removeOwnDeadDirectories(base.path);
     if (!base.notice.empty())
         notify(base.notice);
 
     const RealTimeScope realTime(m_options.realTime);
-    if (!realTime.getProblem().empty())
+    if (!realTime.getStatus())
     {
         if (m_options.realTime.use == RealTimeUse::Require)
-            return fail(realTime.getProblem());
-        notify(realTime.getProblem());
+            return realTime.getStatus();
+        notify(realTime.getStatus().getText());
     }
 
     if (!isNameTaken(m_options.name))
         return initializeSender(m_options.name);
     if (!m_options.alternativeName.empty() && !isNameTaken(m_options.alternativeName))
         return initializeSender(m_options.alternativeName);
-    return fail("the name " + quote(m_options.name) + " is taken by another sender");
+    return makeNameTaken(m_options.name);
 }
 
-bool Producer::Impl::initializeSender(const std::string& name)
+Status Producer::Impl::initializeSender(const std::string& name)
 {
+    if (const int error = findShortage())
+        return {
+            ErrorCode::OutOfResources,
+            "cannot open the stream " + quote(name) + ": " + miscUtils::strerror_r_safe(error)};
+
     auto sender = std::make_unique<Sender>();
     m_process = ::getpid();
     sender->setBaseDirectory(m_baseDirectory);
     bool isInitialized = false;
+    std::string reason;
     try
     {
         // Under a wider umask any process could join before the socket file gets its mode.
@@ -281,67 +318,74 @@ bool Producer::Impl::initializeSender(const std::string& name)
             toUmask(m_options.socketMode),
             [&]
             {
+                const LibraryError error; // of the thread that has that umask
                 isInitialized = sender->initializeSender(
                     name, {}, m_options.clockAddress, m_options.clockPort, m_options.clock,
                     m_options.protocol);
+                reason = error.getText();
             });
-        if (!isInitialized)
-            return fail("cannot open the stream " + quote(name) + "; the library's log says why");
     }
-    catch (const std::system_error& error)
+    catch (const std::system_error& exception)
     {
-        return fail("cannot open the stream " + quote(name) + ": " + error.what());
+        return {
+            ErrorCode::OutOfResources, "cannot open the stream " + quote(name) +
+                                           ": cannot start a thread: " + exception.what()};
     }
+    if (!isInitialized && isNameTaken(name)) // in the meantime
+        return makeNameTaken(name);
+    if (!isInitialized)
+        return {
+            ErrorCode::Failed,
+            "cannot open the stream " + quote(name) + (reason.empty() ? "" : ": " + reason)};
     return publish(name, std::move(sender));
 }
 
 /// From here on a stop finds the sender.
-bool Producer::Impl::publish(const std::string& name, std::unique_ptr<Sender> sender)
+Status Producer::Impl::publish(const std::string& name, std::unique_ptr<Sender> sender)
 {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_name = name;
         m_sender = std::move(sender);
     }
-    return isUsable();
+    return checkUsable();
 }
 
-bool Producer::Impl::protectStream()
+Status Producer::Impl::protectStream()
 {
     const std::string socketFile = findSocketFile(m_name);
     if (socketFile.empty())
-        return fail("the stream " + quote(m_name) + " does not answer its own process");
+        return {
+            ErrorCode::Failed, "the stream " + quote(m_name) + " does not answer its own process"};
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_socketFile = socketFile;
     }
-    const std::string problem =
+    Status status =
         protectSocketFile(socketFile, m_options.protocol, m_options.socketMode, m_directoryLock);
-    if (!problem.empty())
-        return fail(problem);
-    ringBell(m_baseDirectory);
-    return true;
+    if (status)
+        ringBell(m_baseDirectory);
+    return status;
 }
 
-bool Producer::Impl::setFormat(const StreamFormat& format)
+Status Producer::Impl::setFormat(const StreamFormat& format)
 {
-    if (!isUsable())
-        return false;
+    if (Status status = checkUsable(); !status)
+        return status;
     if (m_format == format)
-        return true;
-    const std::string problem = findProblem(format);
-    if (!problem.empty())
-        return fail(problem);
+        return {};
+    if (Status status = check(format); !status)
+        return status;
     m_pcmPayloader.setNewFormat(format.rate, format.channels, format.sampleFormat);
-    const bool done = setFormat(m_pcmPayloader);
+    Status status = setFormat(m_pcmPayloader);
     m_format = format;
-    return done;
+    return status;
 }
 
-bool Producer::Impl::setFormat(Payloader& payloader)
+Status Producer::Impl::setFormat(Payloader& payloader)
 {
-    if (!isUsable())
-        return false;
+    if (Status status = checkUsable(); !status)
+        return status;
     m_format.reset();
     if (m_payloader != &payloader)
     {
@@ -349,29 +393,31 @@ bool Producer::Impl::setFormat(Payloader& payloader)
         m_sender->setCurrentPayloader(payloader);
     }
     announce();
-    return isUsable();
+    return checkUsable();
 }
 
-bool Producer::Impl::send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData)
+Status Producer::Impl::send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData)
 {
-    if (!isUsable())
-        return false;
+    if (Status status = checkUsable(); !status)
+        return status;
     if (m_format && mediaData.size() % m_format->getBytesPerSample() != 0)
-        return fail(
+        return {
+            ErrorCode::InvalidArgument,
             std::to_string(mediaData.size()) + " bytes of media data are not a whole number of " +
-            "samples of " + std::to_string(m_format->getBytesPerSample()) + " bytes");
+                "samples of " + std::to_string(m_format->getBytesPerSample()) + " bytes"};
     // Later nobody can have missed the sequence, and the count takes locks.
     if (Clock::now() - m_lastSequence < JoiningTime)
         announceToNewcomers();
 
     m_sender->sendMediaData(timestamp, duration, mediaData);
-    if (!isUsable())
-        return false;
+    Status status = checkUsable();
+    if (!status)
+        return status;
     m_lastFrame = Clock::now();
     m_lastDuration = std::chrono::nanoseconds(std::min(duration, MaxTailWaitNs));
     m_frames.fetch_add(1, std::memory_order_relaxed);
     m_bytes.fetch_add(mediaData.size(), std::memory_order_relaxed);
-    return true;
+    return status;
 }
 
 std::size_t Producer::Impl::checkReceivers()
@@ -434,23 +480,24 @@ void Producer::Impl::announce()
     m_sequences.fetch_add(1, std::memory_order_relaxed);
 }
 
-bool Producer::Impl::waitForReceivers(std::size_t count, std::chrono::nanoseconds timeout)
+Status Producer::Impl::waitForReceivers(std::size_t count, std::chrono::nanoseconds timeout)
 {
     const auto start = Clock::now();
-    while (isUsable())
+    while (true)
     {
+        if (Status status = checkUsable(); !status)
+            return status;
         announceToNewcomers();
         std::unique_lock<std::mutex> lock(m_mutex);
         if (m_numConnections >= count && countReceivers(std::chrono::nanoseconds::zero()) >= count)
-            return !m_stopped || fail("stopped");
+            return checkUsable();
         const auto waited = Clock::now() - start;
         if (timeout != timeout.zero() && waited >= timeout)
-            return fail("too few receivers have joined in time");
+            return {ErrorCode::TimedOut, "too few receivers have joined in time"};
         m_stopRequested.wait_for(
             lock, waited < PromptJoinTime ? PromptCheckInterval : ReceiverCheckInterval,
             [this] { return m_stopped.load(); });
     }
-    return false;
 }
 
 void Producer::Impl::stop()
@@ -511,25 +558,21 @@ ProducerStatistics Producer::Impl::getStatistics() const
     return statistics;
 }
 
-bool Producer::Impl::isClosed()
+Status Producer::Impl::checkClosed() const
 {
-    return m_sender == nullptr || fail("the stream " + quote(m_name) + " is open already");
+    if (m_sender == nullptr)
+        return {};
+    return {ErrorCode::AlreadyOpen, "the stream " + quote(m_name) + " is open already"};
 }
 
-/// @return whether the stream is open and not being stopped; otherwise the problem says it
-bool Producer::Impl::isUsable()
+/// @return success if the stream is open and not stopped
+Status Producer::Impl::checkUsable() const
 {
     if (m_stopped)
-        return fail("stopped");
+        return {ErrorCode::Stopped, "stopped"};
     if (m_sender == nullptr)
-        return fail("the stream is not open");
-    return true;
-}
-
-bool Producer::Impl::fail(const std::string& problem)
-{
-    m_problem = problem;
-    return false;
+        return {ErrorCode::NotOpen, "the stream is not open"};
+    return {};
 }
 
 void Producer::Impl::notify(const std::string& notice) const
@@ -544,34 +587,44 @@ Producer::Producer(ProducerOptions options) : m_impl(std::make_unique<Impl>(std:
 
 Producer::~Producer()
 {
-    close();
+    if (m_impl)
+        close();
 }
 
-bool Producer::open(const StreamFormat& format)
+Producer::Producer(Producer&& other) noexcept = default;
+
+Producer& Producer::operator=(Producer&& other) noexcept
+{
+    const Producer former(std::move(*this));
+    m_impl = std::move(other.m_impl);
+    return *this;
+}
+
+Status Producer::open(const StreamFormat& format)
 {
     const Impl::Use use(*m_impl);
     return m_impl->open(format);
 }
 
-bool Producer::open(Payloader& payloader)
+Status Producer::open(Payloader& payloader)
 {
     const Impl::Use use(*m_impl);
     return m_impl->open(payloader);
 }
 
-bool Producer::setFormat(const StreamFormat& format)
+Status Producer::setFormat(const StreamFormat& format)
 {
     const Impl::Use use(*m_impl);
     return m_impl->setFormat(format);
 }
 
-bool Producer::setFormat(Payloader& payloader)
+Status Producer::setFormat(Payloader& payloader)
 {
     const Impl::Use use(*m_impl);
     return m_impl->setFormat(payloader);
 }
 
-bool Producer::send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData)
+Status Producer::send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData)
 {
     const Impl::Use use(*m_impl);
     return m_impl->send(timestamp, duration, mediaData);
@@ -583,7 +636,7 @@ std::size_t Producer::checkReceivers()
     return m_impl->checkReceivers();
 }
 
-bool Producer::waitForReceivers(std::size_t count, std::chrono::nanoseconds timeout)
+Status Producer::waitForReceivers(std::size_t count, std::chrono::nanoseconds timeout)
 {
     const Impl::Use use(*m_impl);
     return m_impl->waitForReceivers(count, timeout);
@@ -611,11 +664,6 @@ const std::string& Producer::getName() const
 const std::string& Producer::getSocketFile() const
 {
     return m_impl->getSocketFile();
-}
-
-const std::string& Producer::getProblem() const
-{
-    return m_impl->getProblem();
 }
 
 ProducerStatistics Producer::getStatistics() const

@@ -35,8 +35,9 @@ RealTimeScope::RealTimeScope(const RealTime& wanted)
     if (wanted.priority < ::sched_get_priority_min(SCHED_RR) ||
         wanted.priority > ::sched_get_priority_max(SCHED_RR))
     {
-        m_problem = "no real-time scheduling: priority " + std::to_string(wanted.priority) +
-                    " is not in 1 to 99";
+        m_status = {
+            ErrorCode::InvalidArgument, "no real-time scheduling: priority " +
+                                            std::to_string(wanted.priority) + " is not in 1 to 99"};
         return;
     }
 
@@ -50,7 +51,7 @@ RealTimeScope::RealTimeScope(const RealTime& wanted)
     }
     m_changed = error == 0;
     if (!m_changed)
-        m_problem = describeRefusal(wanted.priority, error);
+        m_status = {ErrorCode::NotPermitted, describeRefusal(wanted.priority, error)};
 }
 
 RealTimeScope::~RealTimeScope()

@@ -129,7 +129,7 @@ mode_t toUmask(SocketMode mode)
     return toModes(mode).umask;
 }
 
-std::string protectSocketFile(
+Status protectSocketFile(
     const std::string& path,
     NanomsgProtocol protocol,
     SocketMode mode,
@@ -143,24 +143,32 @@ std::string protectSocketFile(
 
     const int fd = ::open(directory.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
-        return "another process has replaced the sender's directory " + describe(directory, errno);
+        return {
+            ErrorCode::DirectoryNotTrusted,
+            "another process has replaced the sender's directory " + describe(directory, errno)};
     const ScopeGuard directoryGuard([fd] { ::close(fd); });
     const int lockError = lock.take(fd);
     if (lockError != 0 && !isWithoutLocks(lockError))
-        return "cannot lock the sender's directory " + describe(directory, lockError);
+        return {
+            ErrorCode::Failed,
+            "cannot lock the sender's directory " + describe(directory, lockError)};
     if (const int error =
             narrowDirectory(fd, isPipeline ? modes.pipelineDirectory : modes.pubSubDirectory))
-        return "cannot restrict the sender's directory " + describe(directory, error);
+        return {
+            ErrorCode::DirectoryNotTrusted,
+            "cannot restrict the sender's directory " + describe(directory, error)};
 
     if (!(isPipeline ? isJoinersSocketOrNothing(fd, name, mode) : isOwnSocket(fd, name)))
     {
         removeIntruder(fd, name);
-        return "another process has replaced the sender's socket file " + quote(path);
+        return {
+            ErrorCode::DirectoryNotTrusted,
+            "another process has replaced the sender's socket file " + quote(path)};
     }
     if (isPipeline) // its receiver sets the mode
         return {};
     if (const int error = changeSocketFileMode(path, modes.file))
-        return "cannot set the mode of " + describe(path, error);
+        return {ErrorCode::DirectoryNotTrusted, "cannot set the mode of " + describe(path, error)};
     return {};
 }
 

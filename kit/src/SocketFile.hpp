@@ -6,6 +6,7 @@
 
 #include <vlx/SideChannel.hpp>
 #include <vlxkit/Producer.hpp>
+#include <vlxkit/Status.hpp>
 
 #include "DirectoryLock.hpp"
 
@@ -34,10 +35,9 @@ mode_t toUmask(SocketMode mode);
 /// Call it directly after initializeSender() and startNewSequence().
 ///
 /// @param lock  receives the lock of the directory; keep it until the sender has been shut down
-/// @return empty on success; otherwise the reason, in one line. The sender can then be shut down
-///         safely, and should be
+/// @return after a failure the sender can be shut down safely, and should be
 /// @thread any
-std::string protectSocketFile(
+Status protectSocketFile(
     const std::string& path,
     NanomsgProtocol protocol,
     SocketMode mode,

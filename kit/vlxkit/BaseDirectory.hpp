@@ -3,6 +3,7 @@
 #include <string>
 
 #include <vlx/VlxTypes.hpp>
+#include <vlxkit/Status.hpp>
 
 namespace vlx::kit
 {
@@ -21,8 +22,9 @@ struct BaseDirectory
 {
     /// Absolute path.
     std::string path;
-    /// Empty if the directory can be used; otherwise the reason, in one line.
-    std::string problem;
+    /// Success if the directory can be used; otherwise NoDirectory, DirectoryNotTrusted or
+    /// NotPermitted.
+    Status status;
     /// Whether this call has created the directory.
     bool created = false;
     /// Informational message about a created directory, in one line; otherwise empty.

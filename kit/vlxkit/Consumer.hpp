@@ -16,6 +16,7 @@
 #include <vlx/VlxTypes.hpp>
 #include <vlxkit/AgeHistogram.hpp>
 #include <vlxkit/RealTime.hpp>
+#include <vlxkit/Status.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
 namespace vlx::kit
@@ -39,6 +40,9 @@ struct ConsumerOptions
     /// out. The overflow user id (65534, see /proc/sys/kernel/overflowuid) never matches: in a user
     /// namespace it stands for every user from outside.
     std::optional<uid_t> senderUser = {};
+    /// Receives informational messages, such as restrictions, one line each, on the thread that
+    /// calls start(). Not set: they go to the logger "Vellox.Kit" as WARN.
+    std::function<void(const std::string&)> onNotice = {};
 };
 
 /// One frame, as the frame callback gets it.
@@ -185,6 +189,11 @@ public:
     Consumer(const Consumer&) = delete;
     Consumer& operator=(const Consumer&) = delete;
 
+    /// Takes over a consumer, started or not. The one that was moved from can only be destroyed or
+    /// assigned to; assignment stops the former consumer first. Not beside another call.
+    VLX_API Consumer(Consumer&& other) noexcept;
+    VLX_API Consumer& operator=(Consumer&& other) noexcept; ///< see there
+
     /// Registers a codec beside PCM, or in its place. Before start().
     ///
     /// Headers are tried on it before its stream is joined, too, and taken back with reset(): on
@@ -198,11 +207,11 @@ public:
     /// Starts to receive; returns at once, with or without a sender. On a consumer that was asked
     /// to stop it completes that stop first.
     ///
-    /// @return false if the name is invalid, onFrame is not set, the base directory cannot be used,
-    ///         no descriptor or thread is left, or real-time scheduling is required and not
-    ///         available; see getProblem()
+    /// @return NameInvalid; InvalidArgument without onFrame; NoDirectory, DirectoryNotTrusted or
+    ///         NotPermitted for the base directory; NotPermitted also if real-time scheduling is
+    ///         required and not available; OutOfResources
     /// @thread one at a time with stop(), never inside a callback
-    VLX_API bool start();
+    VLX_API Status start();
 
     /// Stops. No callback runs any more once it has returned, normally within milliseconds; a
     /// joined stream has been reported as Lost by then. Does nothing on a consumer that is not
@@ -228,9 +237,6 @@ public:
     /// @return nanoseconds on the stream's clock; 0 while it is not known
     /// @thread any, callbacks included
     VLX_API TimeValue getStreamTime() const;
-
-    /// @return why start() failed, or with what restrictions it works, in one line; else empty
-    VLX_API const std::string& getProblem() const;
 
     /// Returns the counts so far.
     /// @thread any, callbacks included

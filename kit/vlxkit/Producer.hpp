@@ -13,6 +13,7 @@
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxTypes.hpp>
 #include <vlxkit/RealTime.hpp>
+#include <vlxkit/Status.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
 namespace vlx::kit
@@ -67,16 +68,16 @@ struct ProducerStatistics
     std::size_t receivers = 0;
 };
 
-/// Sends one stream. It opens the stream so that nobody misses its beginning, keeps those on board
-/// who join while a sequence begins, and lets the last frame leave before it closes.
+/// Sends one stream. Opens it so that no receiver misses the beginning, re-announces a sequence to
+/// receivers that joined as it began, and lets the last frame leave before it closes.
 ///
 /// One thread opens, sends and closes; two at once fail an assertion. stop() and getStatistics()
 /// may come from any thread. To close a stream from another thread, call stop() and join the
 /// sending thread first. The caller paces the frames: what a receiver cannot take at once is lost
 /// to that receiver, so several frames at once are lost in part.
 ///
-/// Nothing throws but the standard library (no memory, no thread). A failure is a false result, and
-/// getProblem() says in one line what it was.
+/// Operations that can fail return a Status. Throws only what the standard library throws (no
+/// memory, no thread).
 class Producer
 {
 public:
@@ -89,6 +90,11 @@ public:
     Producer(const Producer&) = delete;
     Producer& operator=(const Producer&) = delete;
 
+    /// Takes over a producer, open or not. The one that was moved from can only be destroyed or
+    /// assigned to; assignment closes the former stream first. Not beside another call.
+    VLX_API Producer(Producer&& other) noexcept;
+    VLX_API Producer& operator=(Producer&& other) noexcept; ///< see there
+
     /// Opens the stream with PCM audio: checks or makes the base directory, initialises the sender
     /// and starts the first sequence directly after it, sets who may join, narrows the sender's
     /// directory so that no other user can put anything into it, and wakes the receivers that wait.
@@ -96,22 +102,24 @@ public:
     /// its own, and the umask of the process stays. Removes the directories of dead producers of
     /// this user.
     ///
-    /// @return false if it cannot be opened, or stop() was called; see getProblem()
-    /// @pre the producer is not open
-    VLX_API bool open(const StreamFormat& format);
+    /// @return NameInvalid; NameTaken; InvalidArgument for the format and the options; NoDirectory,
+    ///         DirectoryNotTrusted or NotPermitted for the base directory; NotPermitted also if
+    ///         real-time scheduling is required and not available; OutOfResources; AlreadyOpen;
+    ///         Stopped; Failed
+    VLX_API Status open(const StreamFormat& format);
 
-    /// The same for any other codec.
+    /// Opens the stream with any other codec.
     ///
     /// @param payloader  not owned; must outlive its use, until close() or the next setFormat()
-    VLX_API bool open(Payloader& payloader);
+    VLX_API Status open(Payloader& payloader);
 
-    /// Opens a new sequence if the format differs from the present one; nothing otherwise.
+    /// Opens a new sequence if the format differs from the present one; does nothing otherwise.
     ///
-    /// @return false if stop() was called, or the stream is not open
-    VLX_API bool setFormat(const StreamFormat& format);
+    /// @return NotOpen, Stopped, or InvalidArgument: the former format stays
+    VLX_API Status setFormat(const StreamFormat& format);
 
-    /// Opens a new sequence with the payloader's present header, whether it is the same or not.
-    VLX_API bool setFormat(Payloader& payloader);
+    /// Opens a new sequence with the payloader's present header, even an unchanged one.
+    VLX_API Status setFormat(Payloader& payloader);
 
     /// Sends one frame. PubSub: never blocks. Pipeline: blocks until the receiver takes it; stop()
     /// ends that wait. Opens another sequence first if a receiver has joined within a second of the
@@ -120,9 +128,9 @@ public:
     /// @param timestamp  of the frame's first sample, nanoseconds on the announced clock
     /// @param duration   nanoseconds
     /// @param mediaData  a whole number of samples in the present format; not used after the call
-    /// @return false if stop() was called, the stream is not open, or the media data ends within a
-    ///         sample: the frame was not sent
-    VLX_API bool send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
+    /// @return NotOpen, Stopped, or InvalidArgument if the media data ends within a sample: the
+    ///         frame was not sent
+    VLX_API Status send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
 
     /// Does what send() does for receivers that have just joined. For a producer that sends nothing
     /// for more than some milliseconds: call it every few.
@@ -135,12 +143,12 @@ public:
     ///
     /// @param count    receivers
     /// @param timeout  zero: without limit; negative: the time is over already
-    /// @return false if the time ran out or stop() was called
-    VLX_API bool waitForReceivers(
+    /// @return TimedOut, NotOpen or Stopped
+    VLX_API Status waitForReceivers(
         std::size_t count,
         std::chrono::nanoseconds timeout = std::chrono::nanoseconds::zero());
 
-    /// Frees a send that blocks, and makes this and every later one return false. May come before
+    /// Frees a send that blocks, and makes it and every later operation return Stopped. May come before
     /// or during open(). Irrevocable.
     ///
     /// @thread any; not from a signal handler
@@ -157,9 +165,6 @@ public:
     /// @return path of the main channel's socket file; empty before open(). In Pipeline the
     ///         receiver makes it
     VLX_API const std::string& getSocketFile() const;
-
-    /// @return why the last operation failed, in one line; empty if none has
-    VLX_API const std::string& getProblem() const;
 
     /// Returns the counts so far.
     /// @thread any

@@ -2,9 +2,8 @@
 
 /// Real-time scheduling for the threads that move a stream's frames.
 
-#include <string>
-
 #include <vlx/VlxTypes.hpp>
+#include <vlxkit/Status.hpp>
 
 namespace vlx::kit
 {
@@ -41,7 +40,7 @@ struct RealTime
 class RealTimeScope
 {
 public:
-    /// Requests the scheduling. Does not throw or log; see getProblem().
+    /// Requests the scheduling. Does not throw or log; see getStatus().
     ///
     /// @param wanted  the requested scheduling
     VLX_API explicit RealTimeScope(const RealTime& wanted);
@@ -50,15 +49,14 @@ public:
     RealTimeScope(const RealTimeScope&) = delete;
     RealTimeScope& operator=(const RealTimeScope&) = delete;
 
-    /// @return empty if the request succeeded; otherwise one line with the reason and the limit to
-    ///         raise
-    const std::string& getProblem() const
+    /// @return success, or the reason why the thread keeps its scheduling and the limit to raise
+    const Status& getStatus() const
     {
-        return m_problem;
+        return m_status;
     }
 
 private:
-    std::string m_problem;
+    Status m_status;
     int m_formerPolicy = 0;
     int m_formerPriority = 0;
     bool m_changed = false;

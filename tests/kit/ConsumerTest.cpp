@@ -79,7 +79,7 @@ public:
     RecordedConsumer(const RecordedConsumer&) = delete;
     RecordedConsumer& operator=(const RecordedConsumer&) = delete;
 
-    bool start()
+    Status start()
     {
         m_mayCall = true;
         return m_consumer.start();
@@ -252,7 +252,7 @@ class ConsumerTest : public VlxTest
 TEST_F(ConsumerTest, DeliversAndJoinsAgain)
 {
     RecordedConsumer consumer({.name = getSocketName()});
-    ASSERT_TRUE(consumer.start()) << consumer.get().getProblem();
+    ASSERT_EQ(consumer.start().getText(), "");
     for (const std::size_t round : {1U, 2U})
     {
         ScriptedSender sender(getSocketName());
@@ -883,7 +883,7 @@ TEST_F(ConsumerTest, MisuseStopsTheProcessWithAdvice)
         Consumer object({.name = getSocketName()}, callbacks);
         consumer = &object;
         const ScriptedSender sender(getSocketName());
-        object.start();
+        static_cast<void>(object.start());
         waitFor([&] { return object.getStatistics().state == Receiver::State::Running; });
         std::thread other([&] { call(object); });
         std::thread third([&] { call(object); });
@@ -892,7 +892,7 @@ TEST_F(ConsumerTest, MisuseStopsTheProcessWithAdvice)
         isLeft = true;
     };
     const auto stop = [](Consumer& consumer) { consumer.stop(); };
-    const auto start = [](Consumer& consumer) { consumer.start(); };
+    const auto start = [](Consumer& consumer) { static_cast<void>(consumer.start()); };
     const ::testing::KilledBySignal aborts(SIGABRT);
     EXPECT_EXIT(misuse(stop, true), aborts, "call requestStop\\(\\) there");
     EXPECT_EXIT(misuse(start, true), aborts, "call it on another thread");
@@ -904,7 +904,7 @@ TEST_F(ConsumerTest, TakesADirectoryOfItsOwn)
     const std::string directory = getTempDirectory() + "/own";
     std::filesystem::create_directory(directory);
     RecordedConsumer consumer({.name = getSocketName(), .baseDirectory = directory});
-    ASSERT_TRUE(consumer.start()) << consumer.get().getProblem();
+    ASSERT_EQ(consumer.start().getText(), "");
     EXPECT_TRUE(log().waitFor(debugLog("Opened " + directory)));
     consumer.stop("own directory");
     EXPECT_EQ(std::getenv("TMPDIR"), getTempDirectory());
@@ -928,16 +928,33 @@ TEST_F(ConsumerTest, RefusesWhatCannotWork)
     for (const std::string& name : {std::string(), std::string(108, 'x')})
     {
         Consumer consumer({.name = name}, {});
-        EXPECT_FALSE(consumer.start());
-        EXPECT_EQ(consumer.getProblem(), "the name of a stream has 1 to 107 bytes");
+        const Status status = consumer.start();
+        EXPECT_EQ(status.getCode(), ErrorCode::NameInvalid);
+        EXPECT_EQ(status.getText(), "the name of a stream has 1 to 107 bytes");
     }
     const std::string missing = getTempDirectory() + "/missing";
     Consumer deaf({.name = getSocketName()}, {});
-    EXPECT_FALSE(deaf.start());
+    EXPECT_EQ(deaf.start().getCode(), ErrorCode::InvalidArgument);
     Consumer consumer(
         {.name = getSocketName(), .baseDirectory = missing}, {.onFrame = [](const Frame&) {}});
-    EXPECT_FALSE(consumer.start());
-    EXPECT_NE(consumer.getProblem().find(missing), std::string::npos);
+    const Status status = consumer.start();
+    EXPECT_EQ(status.getCode(), ErrorCode::NoDirectory);
+    EXPECT_NE(status.getText().find(missing), std::string::npos);
+}
+
+TEST_F(ConsumerTest, MovesWhileItReceives)
+{
+    ScriptedSender sender(getSocketName());
+    std::atomic<int> frames = 0;
+    Consumer first({.name = getSocketName()}, {.onFrame = [&](const Frame&) { ++frames; }});
+    ASSERT_EQ(first.start().getText(), "");
+    ASSERT_TRUE(waitFor([&] { return sender.send(makeFrame(1, 10)) && frames > 0; }));
+    Consumer second({.name = "vlx-nobody"}, {.onFrame = [](const Frame&) {}});
+    ASSERT_EQ(second.start().getText(), "");
+    second = std::move(first); // stops what it had
+    const int before = frames;
+    EXPECT_TRUE(waitFor([&] { return sender.send(makeFrame(1, 10)) && frames > before; }));
+    EXPECT_EQ(second.getStatistics().connections, 1U);
 }
 
 TEST_F(ConsumerTest, AFrameCostsOneAllocationAsInTheLibrary)

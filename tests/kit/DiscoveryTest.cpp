@@ -122,7 +122,7 @@ TEST_F(DiscoveryTest, ListsSendersAndNothingElse)
     RecordedReceiver receiver;
     ASSERT_TRUE(receiver.start(name));
     Producer own({.name = name});
-    ASSERT_TRUE(own.open(StreamFormat())) << own.getProblem();
+    ASSERT_EQ(own.open(StreamFormat()).getText(), "");
     ASSERT_TRUE(own.waitForReceivers(1));
 
     const std::string command = "SenderProcess";
@@ -247,7 +247,7 @@ TEST_F(DiscoveryTest, MuteSendersAreAskedAtOnce)
         mute.emplace_back(names.back());
     }
     Producer producer({.name = getSocketName()});
-    ASSERT_TRUE(producer.open(StreamFormat())) << producer.getProblem();
+    ASSERT_EQ(producer.open(StreamFormat()).getText(), "");
     names.push_back(getSocketName());
     names.push_back("vlx-nobody");
 

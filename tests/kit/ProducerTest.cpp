@@ -6,6 +6,7 @@
 #include <future>
 #include <iterator>
 #include <limits>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -34,6 +35,7 @@
 #include "support/ChildProcess.hpp"
 #include "support/RawPeers.hpp"
 #include "support/RecordedReceiver.hpp"
+#include "support/ResourceLimit.hpp"
 #include "support/VlxTest.hpp"
 
 namespace vlx::kit
@@ -155,7 +157,7 @@ TEST_F(ProducerTest, OpensForThoseWhoMayJoin)
         Producer producer(options);
         RecordedReceiver receiver;
         ASSERT_TRUE(receiver.start(getSocketName()));
-        ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+        ASSERT_EQ(producer.open(Format).getText(), "");
         EXPECT_EQ(getMode(getParent(producer.getSocketFile())), row.directory);
         if (row.protocol == NanomsgProtocol::PubSub) // in Pipeline the receiver makes it
         {
@@ -212,10 +214,10 @@ TEST_F(ProducerTest, NoticesWhatSomebodyElseHasPutInItsDirectory)
             fs::remove(file);
             row.swap(file);
             DirectoryLock lock;
-            const std::string problem = protectSocketFile(file, protocol, row.mode, lock);
+            const Status status = protectSocketFile(file, protocol, row.mode, lock);
             const bool isFine =
                 protocol == NanomsgProtocol::Pipeline ? row.isFineInPipeline : row.isFineInPubSub;
-            EXPECT_EQ(problem.empty(), isFine) << row.name << ": " << problem;
+            EXPECT_EQ(static_cast<bool>(status), isFine) << row.name << ": " << status.getText();
             EXPECT_EQ(getMode(victim), 0600U) << row.name;
             sender.shutdownSender(); // would abort with a directory in the socket file's place
             fs::remove_all(getParent(file));
@@ -227,13 +229,15 @@ TEST_F(ProducerTest, NoticesWhatSomebodyElseHasPutInItsDirectory)
     fs::create_directory_symlink(getTempDirectory(), directory);
     DirectoryLock lock;
     EXPECT_THAT(
-        protectSocketFile(directory + "/x", NanomsgProtocol::PubSub, SocketMode::Owner, lock),
+        protectSocketFile(directory + "/x", NanomsgProtocol::PubSub, SocketMode::Owner, lock)
+            .getText(),
         HasSubstr("replaced"));
     fs::remove(directory);
     fs::create_directory(directory);
     ASSERT_EQ(::chown(directory.c_str(), 65534, 65534), 0);
     EXPECT_THAT(
-        protectSocketFile(directory + "/x", NanomsgProtocol::Pipeline, SocketMode::Owner, lock),
+        protectSocketFile(directory + "/x", NanomsgProtocol::Pipeline, SocketMode::Owner, lock)
+            .getText(),
         HasSubstr("cannot restrict"));
     fs::remove(directory);
     fs::remove(victim);
@@ -259,25 +263,27 @@ TEST_F(ProducerTest, SaysWhatItCannotOpen)
         std::string alternativeName;
         std::string baseDirectory;
         StreamFormat format;
-        const char* problem; // null: none
+        ErrorCode code;
+        const char* text = ""; // part of it
     };
+    using enum ErrorCode;
     const Row rows[] = {
-        {"", "", "", Format, "1 to 107 bytes"},
-        {longest, "", "", Format, nullptr},
-        {longest + "x", "", "", Format, "1 to 107 bytes"},
-        {getSocketName(), longest, "", Format, nullptr},
-        {other, longest + "x", "", Format, "1 to 107 bytes"},
-        {getSocketName(), "", "", Format, "is taken"},
-        {getSocketName(), getSocketName(), "", Format, "is taken"},
-        {getSocketName(), other, "", Format, nullptr},
-        {other, "", "/nowhere", Format, "\"/nowhere\": No such file"},
-        {other, "", pad(getTempDirectory(), 71), Format, nullptr},
-        {other, "", pad(getTempDirectory(), 72), Format, "too long for a socket path"},
-        {other, "", "", format(0, 2), "a rate of at least 1"},
-        {other, "", "", format(768'000, 255), nullptr},
-        {other, "", "", format(768'001, 2), "at most 768000 Hz"},
-        {other, "", "", format(48000, 0), "1 to 255 channels"},
-        {other, "", "", format(48000, 256), "1 to 255 channels"}};
+        {"", "", "", Format, NameInvalid, "1 to 107 bytes"},
+        {longest, "", "", Format, Ok},
+        {longest + "x", "", "", Format, NameInvalid, "1 to 107 bytes"},
+        {getSocketName(), longest, "", Format, Ok},
+        {other, longest + "x", "", Format, NameInvalid, "1 to 107 bytes"},
+        {getSocketName(), "", "", Format, NameTaken, "is taken"},
+        {getSocketName(), getSocketName(), "", Format, NameTaken, "is taken"},
+        {getSocketName(), other, "", Format, Ok},
+        {other, "", "/nowhere", Format, NoDirectory, "\"/nowhere\": No such file"},
+        {other, "", pad(getTempDirectory(), 71), Format, Ok},
+        {other, "", pad(getTempDirectory(), 72), Format, NoDirectory, "too long for a socket path"},
+        {other, "", "", format(0, 2), InvalidArgument, "a rate of at least 1"},
+        {other, "", "", format(768'000, 255), Ok},
+        {other, "", "", format(768'001, 2), InvalidArgument, "at most 768000 Hz"},
+        {other, "", "", format(48000, 0), InvalidArgument, "1 to 255 channels"},
+        {other, "", "", format(48000, 256), InvalidArgument, "1 to 255 channels"}};
     for (const Row& row : rows)
     {
         ProducerOptions options = makeOptions();
@@ -285,25 +291,25 @@ TEST_F(ProducerTest, SaysWhatItCannotOpen)
         options.alternativeName = row.alternativeName;
         options.baseDirectory = row.baseDirectory;
         Producer producer(options);
-        ASSERT_EQ(producer.open(row.format), row.problem == nullptr) << producer.getProblem();
-        EXPECT_THAT(producer.getProblem(), HasSubstr(row.problem == nullptr ? "" : row.problem));
+        const Status status = producer.open(row.format);
+        ASSERT_EQ(status.getCode(), row.code) << status.getText();
+        EXPECT_THAT(status.getText(), HasSubstr(row.text));
         const std::string& name = row.alternativeName.empty() ? row.name : row.alternativeName;
-        EXPECT_EQ(producer.getName(), row.problem == nullptr ? name : "");
-        EXPECT_EQ(producer.send(0, FrameNs, {}), row.problem == nullptr);
+        EXPECT_EQ(producer.getName(), row.code == Ok ? name : "");
+        EXPECT_EQ(producer.send(0, FrameNs, {}).getCode(), row.code == Ok ? Ok : NotOpen);
     }
     const bool isRoot = ::seteuid(65534) == 0;
-    EXPECT_THAT(
-        prepareBaseDirectory(BaseDirectoryUse::Send, "/usr").problem, HasSubstr("not writable"));
+    const Status status = prepareBaseDirectory(BaseDirectoryUse::Send, "/usr").status;
     EXPECT_TRUE(!isRoot || ::seteuid(0) == 0);
+    EXPECT_EQ(status.getCode(), NotPermitted);
+    EXPECT_THAT(status.getText(), HasSubstr("not writable"));
 
     first.close();
-    EXPECT_FALSE(first.send(0, FrameNs, {}));
-    EXPECT_FALSE(first.getProblem().empty());
-    EXPECT_TRUE(first.open(Format)) << first.getProblem(); // once more
-    EXPECT_EQ(first.getProblem(), "");
+    EXPECT_EQ(first.send(0, FrameNs, {}).getCode(), NotOpen);
+    EXPECT_EQ(first.open(Format).getText(), ""); // once more
 
-    // An open stream keeps its format, also in what those who join are told.
-    EXPECT_FALSE(first.open({audioUtils::PcmFormat::U8, 8000, 1}));
+    // An open stream keeps its format, also in what receivers that join are told.
+    EXPECT_EQ(first.open({audioUtils::PcmFormat::U8, 8000, 1}).getCode(), AlreadyOpen);
     RecordedReceiver receiver;
     ASSERT_TRUE(receiver.start(getSocketName()));
     EXPECT_TRUE(first.waitForReceivers(1));
@@ -351,14 +357,18 @@ TEST_F(ProducerTest, RefusesBaseDirectoryThatAnotherUserControls)
         options.baseDirectory = row.linkOwner == NoLink ? directory : link;
         for (const auto use : {BaseDirectoryUse::Send, BaseDirectoryUse::Receive})
         {
-            const std::string problem = prepareBaseDirectory(use, options.baseDirectory).problem;
-            EXPECT_EQ(problem.empty(), row.problem == nullptr) << problem << std::oct << row.mode;
+            const Status status = prepareBaseDirectory(use, options.baseDirectory).status;
+            const std::string& problem = status.getText();
+            EXPECT_EQ(
+                status.getCode(),
+                row.problem == nullptr ? ErrorCode::Ok : ErrorCode::DirectoryNotTrusted)
+                << problem << std::oct << row.mode;
             EXPECT_THAT(problem, HasSubstr(row.problem == nullptr ? "" : row.problem));
             EXPECT_THAT(
                 problem, HasSubstr(row.problem == nullptr ? "" : "install -d -m 1777 -o root"));
         }
         Producer producer(options);
-        EXPECT_EQ(producer.open(Format), row.problem == nullptr) << producer.getProblem();
+        EXPECT_EQ(producer.open(Format).getText().empty(), row.problem == nullptr);
         producer.close();
         fs::remove(link);
         fs::remove(directory);
@@ -375,14 +385,14 @@ TEST_F(ProducerTest, RefusesBaseDirectoryThatAnotherUserControls)
         options.baseDirectory = directory;
         Producer producer(options);
         ASSERT_EQ(::seteuid(Other), 0);
-        EXPECT_EQ(producer.open(Format), (mode & 0300) == 0300) << producer.getProblem();
+        const Status status = producer.open(Format);
         const BaseDirectory base = prepareBaseDirectory(BaseDirectoryUse::Receive, directory);
         producer.close();
         ASSERT_EQ(::seteuid(0), 0);
-        EXPECT_EQ(base.problem, "");
+        EXPECT_EQ(base.status.getText(), "");
         EXPECT_EQ(base.writable, (mode & 0300) == 0300) << std::oct << mode;
-        EXPECT_THAT(
-            producer.getProblem(), HasSubstr((mode & 0300) == 0300 ? "" : "is not writable"));
+        EXPECT_EQ(static_cast<bool>(status), (mode & 0300) == 0300) << status.getText();
+        EXPECT_THAT(status.getText(), HasSubstr((mode & 0300) == 0300 ? "" : "is not writable"));
     }
     fs::remove(directory);
 }
@@ -392,7 +402,7 @@ TEST_F(ProducerTest, ReceiversHaveBothConnectionsAndAreStillThere)
     for (const auto protocol : {NanomsgProtocol::PubSub, NanomsgProtocol::Pipeline})
     {
         Producer producer(makeOptions(protocol));
-        ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+        ASSERT_EQ(producer.open(Format).getText(), "");
         const bool isPipeline = protocol == NanomsgProtocol::Pipeline;
         // nanomsg counts such for ever if they leave while it takes them in.
         for (int i = 0; i < (isPipeline ? 1 : 200); ++i)
@@ -408,7 +418,7 @@ TEST_F(ProducerTest, ReceiversHaveBothConnectionsAndAreStillThere)
         if (isPipeline)
         {
             producer.close();
-            ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+            ASSERT_EQ(producer.open(Format).getText(), "");
         }
 
         // Both connections, which end one by one.
@@ -435,8 +445,9 @@ TEST_F(ProducerTest, ReceiversHaveBothConnectionsAndAreStillThere)
         EXPECT_TRUE(producer.send(7, FrameNs, toBytes("DATA")));
         EXPECT_TRUE(receiver.waitForEvent("frame 7"));
         EXPECT_EQ(producer.checkReceivers(), 1U);
-        EXPECT_FALSE(producer.waitForReceivers(2, -1ns)); // the time is over already
-        EXPECT_THAT(producer.getProblem(), HasSubstr("too few receivers"));
+        const Status status = producer.waitForReceivers(2, -1ns); // the time is over already
+        EXPECT_EQ(status.getCode(), ErrorCode::TimedOut);
+        EXPECT_THAT(status.getText(), HasSubstr("too few receivers"));
         receiver.stop();
         EXPECT_TRUE(waitFor([&] { return producer.getStatistics().receivers == 0; }));
         EXPECT_FALSE(producer.waitForReceivers(1, -1h));
@@ -475,7 +486,7 @@ TEST_F(ProducerTest, SocketFileIsNeverWiderThanItsMode)
                     ;
                 status >> std::oct >> umaskOfProcess;
             });
-        ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+        ASSERT_EQ(producer.open(Format).getText(), "");
         EXPECT_THAT(modes, ::testing::ElementsAre(row.birth));
         EXPECT_EQ(umaskOfProcess, 0U);
         EXPECT_EQ(::umask(0), 0U);
@@ -507,15 +518,17 @@ TEST_F(ProducerTest, TakesWholeSamplesOnly)
     for (const Row& row : rows)
     {
         ASSERT_TRUE(producer.setFormat(row.format));
-        EXPECT_EQ(producer.send(0, FrameNs, Buffer(row.bytes)), row.isSent) << row.bytes;
+        EXPECT_EQ(
+            producer.send(0, FrameNs, Buffer(row.bytes)).getCode(),
+            row.isSent ? ErrorCode::Ok : ErrorCode::InvalidArgument)
+            << row.bytes;
         numSent += row.isSent ? 1 : 0;
         EXPECT_EQ(producer.getStatistics().frames, numSent);
     }
     EXPECT_FALSE(producer.setFormat({audioUtils::PcmFormat::U8, 0, 1}));
     EXPECT_TRUE(producer.send(0, FrameNs, Buffer(5))) << "the former format stays";
     ASSERT_TRUE(producer.setFormat(Format));
-    EXPECT_FALSE(producer.send(0, FrameNs, Buffer(6)));
-    EXPECT_THAT(producer.getProblem(), HasSubstr("6 bytes of media data"));
+    EXPECT_THAT(producer.send(0, FrameNs, Buffer(6)).getText(), HasSubstr("6 bytes of media data"));
     PcmPayloader payloader; // sizes of any other codec are its own
     ASSERT_TRUE(producer.setFormat(payloader));
     EXPECT_TRUE(producer.send(0, FrameNs, Buffer(5)));
@@ -527,20 +540,91 @@ TEST_F(ProducerTest, TwoThreadsAtOnceAreAMistakeThatIsTold)
     const std::function<void(Producer&)> calls[] = {
         [](Producer& producer) { producer.close(); },
         [](Producer& producer) { producer.checkReceivers(); },
-        [](Producer& producer) { producer.setFormat(Format); }};
+        [](Producer& producer) { static_cast<void>(producer.setFormat(Format)); }};
     for (const auto& call : calls)
     {
         EXPECT_EXIT(
             {
                 Producer producer(makeOptions(NanomsgProtocol::Pipeline));
-                producer.open(Format);
-                std::thread sending([&] { producer.send(0, FrameNs, toBytes("DATA")); });
+                static_cast<void>(producer.open(Format));
+                std::thread sending(
+                    [&] { static_cast<void>(producer.send(0, FrameNs, toBytes("DATA"))); });
                 static_cast<void>(log().waitFor(traceLog(StartsWith("Sending data with"))));
                 call(producer);
                 std::_Exit(0);
             },
             ::testing::KilledBySignal(SIGABRT), HasSubstr("stop() and join it before close()"));
     }
+}
+
+TEST_F(ProducerTest, TextIsCompleteWithoutTheLog)
+{
+    struct Row
+    {
+        const char* name;
+        const char* takes; // the last log line before the step that fails
+        std::function<void()> sabotage;
+        ErrorCode code;
+        const char* text;
+    };
+    const std::string base = getTempDirectory() + "/base";
+    const std::string name = getSocketName();
+    std::optional<Sender> rival;
+    const int next = ::dup(0);
+    ::close(next);
+    const Row rows[] = {
+        {"directory", "Setting up sender", [&] { fs::remove_all(base); }, ErrorCode::Failed,
+         "Could not create temporary directory for nanomsg SP socket: No such file or directory"},
+        {"name", "Setting up sender",
+         [&]
+         {
+             rival.emplace();
+             ASSERT_TRUE(rival->initializeSender(
+                 name, {}, {}, 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub));
+         },
+         ErrorCode::NameTaken, "is taken by another sender"}};
+    for (const Row& row : rows)
+    {
+        fs::create_directory(base);
+        ProducerOptions options = makeOptions();
+        options.baseDirectory = base;
+        Producer producer(options);
+        log().onNext(traceLog(StartsWith(row.takes)), row.sabotage);
+        const Status status = producer.open(Format);
+        EXPECT_EQ(status.getCode(), row.code) << row.name;
+        EXPECT_THAT(status.getText(), HasSubstr(row.text)) << row.name;
+        rival.reset();
+        ::close_range(static_cast<unsigned>(next), ~0U, 0); // that a failed sender leaves open
+    }
+    fs::remove_all(base);
+
+    // The transport would abort the process.
+    Producer producer(makeOptions());
+    Status status;
+    {
+        const ResourceLimit limit(RLIMIT_NOFILE, static_cast<rlim_t>(next) + 10);
+        status = producer.open(Format);
+    }
+    EXPECT_EQ(status.getCode(), ErrorCode::OutOfResources);
+    EXPECT_THAT(status.getText(), HasSubstr("Too many open files"));
+    EXPECT_EQ(producer.open(Format).getText(), "");
+}
+
+TEST_F(ProducerTest, MovesWhileItIsOpen)
+{
+    Producer first(makeOptions());
+    ASSERT_EQ(first.open(Format).getText(), "");
+    Producer second(std::move(first));
+    EXPECT_TRUE(second.send(0, FrameNs, {}));
+    ProducerOptions options = makeOptions();
+    options.name += "-b";
+    Producer other(options);
+    ASSERT_EQ(other.open(Format).getText(), "");
+    other = std::move(second); // closes what it had
+    EXPECT_EQ(other.getName(), getSocketName());
+    EXPECT_EQ(listTempDirectory().size(), 1U);
+    EXPECT_TRUE(other.send(0, FrameNs, {}));
+    EXPECT_EQ(other.getStatistics().frames, 2U);
 }
 
 TEST_F(ProducerTest, CrashLoopLeavesOneDirectoryAtMost)
@@ -576,7 +660,7 @@ TEST_F(ProducerTest, CrashLoopLeavesOneDirectoryAtMost)
         EXPECT_TRUE(fs::exists(living.getDirectory()));
     }
     Producer last(makeOptions());
-    ASSERT_TRUE(last.open(Format)) << last.getProblem();
+    ASSERT_EQ(last.open(Format).getText(), "");
     EXPECT_FALSE(fs::exists(locked));
     const std::size_t numKept = isForeign ? 3 : 2; // that cannot be judged
     EXPECT_EQ(countDirectories(), numKept + 1);    // and its own
@@ -600,7 +684,7 @@ TEST_F(ProducerTest, MeetsItsReceiversInAnotherDirectory)
         std::string environment; // while it opens
         log().onNext(
             debugLog(StartsWith("Nanomsg URI")), [&] { environment = std::getenv("TMPDIR"); });
-        ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+        ASSERT_EQ(producer.open(Format).getText(), "");
         EXPECT_THAT(producer.getSocketFile(), StartsWith(directory + "/VlxSender-"));
         EXPECT_EQ(environment, getTempDirectory());
     }
@@ -614,7 +698,7 @@ TEST_F(ProducerTest, StopEndsWhateverWaits)
     {
         const char* name;
         bool hasClient; // so that a new sequence is sent, and waits
-        std::function<bool(Producer&)> wait;
+        std::function<Status(Producer&)> wait;
     };
     const Row rows[] = {
         {"send", false, [](Producer& producer) { return producer.send(0, FrameNs, {}); }},
@@ -626,7 +710,7 @@ TEST_F(ProducerTest, StopEndsWhateverWaits)
     for (const Row& row : rows)
     {
         Producer producer(makeOptions(NanomsgProtocol::Pipeline));
-        ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+        ASSERT_EQ(producer.open(Format).getText(), "");
         RawConnection client(row.hasClient ? getSocketName() : "vlx-nobody", {});
         ASSERT_TRUE(!row.hasClient || client.readMessage());
         log().clear();
@@ -634,7 +718,7 @@ TEST_F(ProducerTest, StopEndsWhateverWaits)
         std::thread waiting(
             [&]
             {
-                EXPECT_FALSE(row.wait(producer)) << row.name;
+                EXPECT_EQ(row.wait(producer).getCode(), ErrorCode::Stopped) << row.name;
                 hasReturned = true;
             });
         EXPECT_TRUE(
@@ -643,13 +727,13 @@ TEST_F(ProducerTest, StopEndsWhateverWaits)
         EXPECT_FALSE(hasReturned) << row.name;
         producer.stop();
         waiting.join();
-        EXPECT_FALSE(producer.send(0, FrameNs, {})) << row.name;
+        EXPECT_EQ(producer.send(0, FrameNs, {}).getCode(), ErrorCode::Stopped) << row.name;
         EXPECT_EQ(producer.getStatistics().frames, 0U) << row.name;
     }
 
     Producer never(makeOptions());
     never.stop();
-    EXPECT_FALSE(never.open(Format));
+    EXPECT_EQ(never.open(Format).getCode(), ErrorCode::Stopped);
 
     // While it opens: the set-up would switch sending on again.
     Producer* opening = nullptr;
@@ -658,7 +742,7 @@ TEST_F(ProducerTest, StopEndsWhateverWaits)
     options.onNotice = [&opening](const std::string&) { opening->stop(); };
     Producer stopped(options);
     opening = &stopped;
-    EXPECT_FALSE(stopped.open(Format));
+    EXPECT_EQ(stopped.open(Format).getCode(), ErrorCode::Stopped);
     EXPECT_TRUE(listTempDirectory().empty());
 }
 
@@ -669,7 +753,7 @@ TEST_F(ProducerTest, LastFrameArrivesHoweverLarge)
     // A busy machine may need long for so large a frame; so long the producer waits for it.
     constexpr TimeValue LongFrameNs = 200 * FrameNs;
     Producer producer(makeOptions(NanomsgProtocol::Pipeline));
-    ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+    ASSERT_EQ(producer.open(Format).getText(), "");
     ASSERT_TRUE(producer.waitForReceivers(1));
     EXPECT_TRUE(producer.send(1, LongFrameNs, Buffer(1 << 20)));
     producer.close();
@@ -714,7 +798,7 @@ TEST_F(ProducerTest, StopCutsTheTailOfALongFrame)
 TEST_F(ProducerTest, AnnouncesAgainWhenItMayHaveBeenMissed)
 {
     Producer producer(makeOptions());
-    ASSERT_TRUE(producer.open(Format)) << producer.getProblem();
+    ASSERT_EQ(producer.open(Format).getText(), "");
     RawConnection client(getSocketName());
     ASSERT_TRUE(client.readMessage());
     EXPECT_EQ(client.readMessage(), fromHex("01 00 0100 50434D41 80BB0000 02 02"));
@@ -772,8 +856,8 @@ TEST_F(ProducerTest, TwoStreamsOfOneProcessSurviveAForkAndTheirWatchers)
     ProducerOptions options = makeOptions();
     options.name += "-b";
     Producer second(options);
-    ASSERT_TRUE(first.open(Format)) << first.getProblem();
-    ASSERT_TRUE(second.open(Format)) << second.getProblem();
+    ASSERT_EQ(first.open(Format).getText(), "");
+    ASSERT_EQ(second.open(Format).getText(), "");
     EXPECT_NE(first.getSocketFile(), second.getSocketFile());
 
     // Copies without their threads: only what belongs to the transport stays open.
@@ -837,7 +921,8 @@ TEST_F(ProducerTest, ThreadsRunInRealTimeWhereTheUserMay)
         const std::set<pid_t> before = listThreads();
         ASSERT_EQ(::seteuid(row.user), 0);
         Producer producer(options);
-        EXPECT_EQ(producer.open(Format), row.opens) << producer.getProblem();
+        const Status status = producer.open(Format);
+        EXPECT_EQ(status.getCode(), row.opens ? ErrorCode::Ok : ErrorCode::NotPermitted);
         EXPECT_EQ(::sched_getscheduler(0), SCHED_OTHER);
         std::size_t numNew = 0;
         for (const pid_t thread : listThreads())
@@ -849,7 +934,7 @@ TEST_F(ProducerTest, ThreadsRunInRealTimeWhereTheUserMay)
         }
         EXPECT_EQ(numNew, row.opens ? 2U : 0U); // the library's and nanomsg's
         EXPECT_EQ(notices.size(), row.notices);
-        notices.push_back(producer.getProblem());
+        notices.push_back(status.getText());
         EXPECT_THAT(notices[0], HasSubstr(row.user == 0 ? "" : "RLIMIT_RTPRIO is 0"));
         producer.close();
         ASSERT_EQ(::seteuid(0), 0);

@@ -17,9 +17,10 @@ int main(int argc, char** argv)
     options.name = argv[1];
     options.protocol = vlx::toNanomsgProtocol(argv[2]);
     vlx::kit::Producer producer(options);
-    if (!producer.open(vlx::kit::StreamFormat()))
+    const vlx::kit::Status opened = producer.open(vlx::kit::StreamFormat());
+    if (!opened)
     {
-        std::cerr << producer.getProblem() << '\n';
+        std::cerr << opened.getText() << '\n';
         return 1;
     }
     std::cout << producer.getSocketFile() << std::endl;

@@ -67,9 +67,9 @@ bool print(const Finding& finding)
 Finding checkBaseDirectory()
 {
     const kit::BaseDirectory base = kit::prepareBaseDirectory(kit::BaseDirectoryUse::Send);
-    if (!base.problem.empty())
+    if (!base.status)
         return {
-            "base directory", base.problem,
+            "base directory", base.status.getText(),
             "make it, or let TMPDIR name a short directory that you may write to"};
     return {"base directory", base.path + (base.created ? ", made just now" : ", writable"), {}};
 }
@@ -90,7 +90,7 @@ Finding checkRealTime()
     const kit::RealTimeScope scope({kit::RealTimeUse::Try});
     return {
         "real-time",
-        scope.getProblem().empty() ? "permitted: --realtime works" : scope.getProblem(),
+        scope.getStatus() ? "permitted: --realtime works" : scope.getStatus().getText(),
         {}};
 }
 
@@ -139,8 +139,11 @@ Finding checkStream(StopSignal& stop)
     kit::Producer producer({.name = name});
     const StopListener listener(stop, [&producer] { producer.stop(); });
     const kit::StreamFormat format;
-    if (!consumer.start() || !producer.open(format))
-        finding.result = consumer.getProblem() + producer.getProblem();
+    kit::Status status = consumer.start();
+    if (status)
+        status = producer.open(format);
+    if (!status)
+        finding.result = status.getText();
     else if (!producer.waitForReceivers(1, JoinTimeout))
         finding.result = "no receiver has joined within " + toText(JoinTimeout);
     if (!finding.result.empty())
@@ -150,8 +153,8 @@ Finding checkStream(StopSignal& stop)
     const Buffer silence(samples * format.getBytesPerSample());
     auto due = SteadyClock::now();
     for (int i = 0; i < NumFrames && !stop.waitUntil(due); ++i, due += FrameDuration)
-        producer.send(
-            miscUtils::getMonotonicSysclockTime(), nanoseconds(FrameDuration).count(), silence);
+        static_cast<void>(producer.send(
+            miscUtils::getMonotonicSysclockTime(), nanoseconds(FrameDuration).count(), silence));
     producer.close();
     consumer.stop();
 

@@ -72,8 +72,8 @@ StreamMeter::StreamMeter(
 
 void StreamMeter::start()
 {
-    if (!m_consumer.start())
-        throw CommandFailure(ExitCode::Failed, m_consumer.getProblem());
+    if (const kit::Status status = m_consumer.start(); !status)
+        throw CommandFailure(ExitCode::Failed, status.getText());
 }
 
 void StreamMeter::stop()

@@ -9,7 +9,6 @@
 #include <nlohmann/json.hpp>
 
 #include <miscUtils/MiscUtils.hpp>
-#include <vlxkit/BaseDirectory.hpp>
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
 
@@ -116,7 +115,8 @@ ReceiveControl::ReceiveControl(const ReceiveOptions& options, const StopSignal& 
           {.name = options.name,
            .stallTimeout = options.stall.value_or(DefaultStall),
            .realTime = options.realTime,
-           .senderUser = options.senderUser},
+           .senderUser = options.senderUser,
+           .onNotice = printNotice},
           {.onFrame = [this](const kit::Frame& frame) { onFrame(frame); },
            .onFormat = [this](const kit::StreamFormat& format) { onFormat(format); },
            .onEvent = [this](const kit::ConsumerEvent& event) { onEvent(event); }})
@@ -190,10 +190,8 @@ int ReceiveControl::run()
 
 int ReceiveControl::watch()
 {
-    if (!m_consumer.start())
-        throw CommandFailure(ExitCode::Failed, m_consumer.getProblem());
-    if (!m_consumer.getProblem().empty())
-        printNotice(m_consumer.getProblem());
+    if (const kit::Status status = m_consumer.start(); !status)
+        throw CommandFailure(ExitCode::Failed, status.getText());
     while (m_recorder.getState() == RecorderState::Going &&
            !m_stop.waitUntil(SteadyClock::now() + WatchInterval))
     {
@@ -260,10 +258,6 @@ void ReceiveControl::finish()
 
 int runReceive(const ReceiveOptions& options, StopSignal& stop)
 {
-    // What may be wrong with it, the consumer says.
-    const auto base = kit::prepareBaseDirectory(kit::BaseDirectoryUse::Receive);
-    if (!base.notice.empty())
-        printNotice(base.notice);
     ReceiveControl control(options, stop);
     if (stop.isRequested())
         return toExitCode(stop.getSignalNumber());

@@ -227,7 +227,7 @@ void FramePump::announce()
     if (!m_announceTime || SteadyClock::now() < *m_announceTime)
         return;
     m_announceTime.reset();
-    m_producer.setFormat(m_payloader);
+    static_cast<void>(m_producer.setFormat(m_payloader)); // a stop ends the next send too
     m_pace.holdUntil(getStreamTime() + toNs(*m_options.frame) / 2);
 }
 

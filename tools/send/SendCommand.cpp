@@ -11,7 +11,6 @@
 #include "SendReport.hpp"
 #include "StreamClock.hpp"
 #include "common/ExitCodes.hpp"
-#include "common/LogSetup.hpp"
 #include "common/Messages.hpp"
 #include "common/StopSignal.hpp"
 #include "common/Text.hpp"
@@ -55,11 +54,11 @@ bool openProducer(
     const SendOptions& options,
     const StopSignal& stop)
 {
-    const bool opened = producer.open(payloader);
+    const kit::Status opened = producer.open(payloader);
     if (stop.isRequested())
         return false;
     if (!opened)
-        throw CommandFailure(ExitCode::Failed, producer.getProblem() + quoteLastLibraryError());
+        throw CommandFailure(ExitCode::Failed, opened.getText());
     if (producer.getName() != options.name)
         printNotice(
             "another sender has the name " + quote(options.name) + ": sending as " +

@@ -1,0 +1,87 @@
+#pragma once
+
+/// The result of an operation that can fail.
+
+#include <string>
+#include <utility>
+
+#include <vlx/VlxTypes.hpp>
+
+namespace vlx::kit
+{
+
+/// Why an operation failed, for a program to act on.
+enum class ErrorCode
+{
+    /// It succeeded.
+    Ok,
+    /// The stream's name is empty or longer than 107 bytes.
+    NameInvalid,
+    /// Another sender holds the name. It may be free later.
+    NameTaken,
+    /// An option, a format or media data is not valid.
+    InvalidArgument,
+    /// The base directory is missing, is not a directory, or its path is too long.
+    NoDirectory,
+    /// Another user controls the base directory, or has replaced files of the stream.
+    DirectoryNotTrusted,
+    /// The user may not write to the base directory, or may not use real-time scheduling.
+    NotPermitted,
+    /// No descriptor, thread or memory is left. It may work later.
+    OutOfResources,
+    /// The stream is open already.
+    AlreadyOpen,
+    /// The stream is not open.
+    NotOpen,
+    /// Producer::stop() was called: nothing will succeed any more.
+    Stopped,
+    /// The timeout is over.
+    TimedOut,
+    /// Anything else; see the text.
+    Failed,
+};
+
+/// Returns the name of an error code, such as "name taken".
+///
+/// @return a static string
+VLX_API const char* toString(ErrorCode code);
+
+/// Tells whether an operation succeeded, and if not, why. A program that has no use for it casts it
+/// to void.
+class [[nodiscard]] Status
+{
+public:
+    /// Success. Allocates nothing.
+    Status() = default;
+
+    /// A failure.
+    ///
+    /// @param code  any but Ok
+    /// @param text  one line, without a full stop
+    Status(ErrorCode code, std::string text) : m_code(code), m_text(std::move(text)) {}
+
+    /// @return true on success
+    explicit operator bool() const noexcept
+    {
+        return m_code == ErrorCode::Ok;
+    }
+
+    /// @return Ok on success
+    ErrorCode getCode() const noexcept
+    {
+        return m_code;
+    }
+
+    /// @return one line for a user: what failed and why, with the system's own text; complete
+    ///         without the library's log. Empty on success
+    const std::string& getText() const noexcept
+    {
+        return m_text;
+    }
+
+private:
+    ErrorCode m_code = ErrorCode::Ok;
+    std::string m_text;
+};
+
+} // namespace vlx::kit
