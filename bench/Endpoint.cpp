@@ -1,11 +1,11 @@
 /// One end of a session: sends or receives frames over the adapter that it is linked with. Its plan
 /// is its argument, a JSON object.
 ///
-/// A driver talks to it by lines. Sender: "open" makes the stream reachable and starts probe frames,
-/// answered by "opened" and the time of the call; "go" runs the measurement, answered by "result".
-/// Each receiver in a process: "first", the sender's epoch and the time of arrival at the first frame
-/// of each sender; "done" at the end of the measurement; "stop" is answered by "result". The end of standard input
-/// ends the process, and so does the driver's death.
+/// A driver controls it by lines. Sender: "open" opens the stream and starts probe frames, and is
+/// answered by "opened" and the time of the call; "go" runs the measurement and is answered by
+/// "result". Receiver: prints "first", the sender's epoch and the time of arrival at the first
+/// frame of each sender, and "done" at the end of the measurement; "stop" is answered by "result".
+/// The process ends at the end of standard input, and when the driver dies.
 
 #include <algorithm>
 #include <atomic>
@@ -57,8 +57,8 @@ enum class Phase : std::uint16_t
     End,     // tells receivers that nothing more is coming
 };
 
-// Identifies a frame: the first bytes of its media data. The last byte is that of the index, so that
-// a frame that was cut short shows.
+// Identifies a frame: the first bytes of its media data. The last byte repeats that of the index,
+// to detect a truncated frame.
 struct FrameTag
 {
     std::uint16_t epoch;
@@ -187,8 +187,8 @@ private:
     std::atomic<bool> m_probing = true;
 };
 
-// What one receiver has received. Written by the receiver's thread; read when that has seen the end,
-// or when the driver has given up waiting for it.
+// Results of one receiver. Written by the receiver's thread; read when that thread has seen the
+// end, or when the driver has stopped waiting for it.
 class Recorder
 {
 public:

@@ -1,6 +1,6 @@
-// A stream whose timestamps stand on a network clock, with its provider: two seconds of silence, and a
-// consumer in the same process that tells the order of events. Frames come before the clock is
-// synchronised, which takes some tenths of a second; until then the stream's time is 0.
+// A stream on a network clock, with the clock's provider: two seconds of silence, and a consumer in
+// the same process that prints the order of events. Frames arrive before the clock is synchronised,
+// which takes some tenths of a second; until then the stream time is 0.
 //
 //   netclock NAME [ADDRESS]
 //

@@ -1,5 +1,5 @@
-// Codec information that comes by another way than the stream: packets of a stream were stored without
-// its announcement, and are read with a codec header that is known from elsewhere.
+// Codec information from another source than the stream: packets of a stream were stored without
+// its announcement, and are read with a codec header from elsewhere.
 //
 //   out_of_band
 

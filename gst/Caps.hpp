@@ -1,6 +1,6 @@
 #pragma once
 
-/// Caps of a stream's format, and back.
+/// Conversion between stream formats and caps.
 
 #include <optional>
 
@@ -11,7 +11,7 @@
 namespace vlx::gst
 {
 
-/// GStreamer's audio elements support 64 channels at most; audioconvert crashes already there.
+/// GStreamer's audio elements support at most 64 channels; audioconvert crashes at 64.
 inline constexpr unsigned MaxChannels = 63;
 
 /// Caps of every stream that the elements support.
@@ -23,14 +23,14 @@ inline constexpr const char* TemplateCaps =
 /// @return whether a stream's format is within the template
 bool isInTemplate(const kit::StreamFormat& format);
 
-/// Returns a format's caps. A stream carries no speaker positions: up to eight channels get the
-/// usual ones, more get none.
+/// Returns a format's caps. A stream has no speaker positions: up to eight channels get the default
+/// ones, more channels get no positions.
 ///
 /// @pre the format is within the template
 /// @return a new reference
 GstCaps* toCaps(const kit::StreamFormat& format);
 
-/// @return nothing for caps that are not fixed, or not within the template
+/// @return the format; not set if the caps are not fixed, or not within the template
 std::optional<kit::StreamFormat> toStreamFormat(const GstCaps* caps);
 
 } // namespace vlx::gst

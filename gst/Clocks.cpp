@@ -12,7 +12,7 @@ namespace vlx::gst
 namespace
 {
 
-// Of several samples the one is taken that was interrupted least.
+// Of several samples, the least interrupted one is used.
 constexpr int NumOffsetSamples = 3;
 
 // Four answers of a provider, 50 ms apart. On a busy machine some take 300 ms or get lost.
@@ -86,7 +86,7 @@ ObjectPtr<GstClock> findClock(GstElement* element)
 
 void ProvidedClock::offer(const ClockEndpoint& endpoint)
 {
-    // GStreamer would resolve a name, or what is none, within this call.
+    // GStreamer would resolve a host name, or an invalid one, within this call.
     if (g_hostname_is_ip_address(endpoint.address.c_str()) == FALSE || endpoint.port == 0)
         return;
     ObjectPtr<GstClock> clock(static_cast<GstClock*>(gst_object_ref_sink(

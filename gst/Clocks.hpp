@@ -1,6 +1,6 @@
 #pragma once
 
-/// What the elements have to know about the pipeline's clock.
+/// Queries and conversions of the pipeline's clock.
 
 #include <cstdint>
 #include <memory>
@@ -24,7 +24,7 @@ struct ObjectDeleter
 template <typename T>
 using ObjectPtr = std::unique_ptr<T, ObjectDeleter>;
 
-/// Where a network clock is served.
+/// Address and port of a network clock's provider.
 struct ClockEndpoint
 {
     std::string address;
@@ -36,14 +36,14 @@ struct ClockEndpoint
 /// @return whether the clock's time is CLOCK_MONOTONIC, to the nanosecond
 bool isMonotonicSystemClock(GstClock* clock);
 
-/// @return the provider that the clock follows; nothing if it is no net client clock
+/// @return the provider that the clock follows; not set if it is not a net client clock
 std::optional<ClockEndpoint> getNetClockEndpoint(GstClock* clock);
 
-/// @return the clock's time less CLOCK_MONOTONIC, nanoseconds: exactly 0 for the monotonic system
+/// @return the clock's time minus CLOCK_MONOTONIC, nanoseconds: exactly 0 for the monotonic system
 ///         clock, within microseconds for any other
 std::int64_t getOffsetToMonotonic(GstClock* clock);
 
-/// Tells an element's clock also before it is distributed, which happens on the way to PLAYING.
+/// Returns an element's clock, even before it is distributed on the way to PLAYING.
 ///
 /// @return the element's clock; else the one that its pipeline would choose now; else null
 ObjectPtr<GstClock> findClock(GstElement* element);
@@ -56,14 +56,14 @@ class ProvidedClock
 public:
     explicit ProvidedClock(GstElement* element) : m_element(element) {}
 
-    /// Follows a provider and offers the clock once it is synchronised: normally after 0.2 s; gives
-    /// up after 2 s. On the way to PAUSED.
+    /// Follows a provider and provides the clock once it is synchronised, normally after 0.2 s.
+    /// Gives up after 2 s. Call it on the way to PAUSED.
     void offer(const ClockEndpoint& endpoint);
 
-    /// Coming from PAUSED; harmless without a clock.
+    /// Stops providing the clock, if there is one. Call it when leaving PAUSED.
     void withdraw();
 
-    /// @return a new reference; null: none is offered
+    /// @return a new reference, or null if no clock is provided
     ObjectPtr<GstClock> get() const;
 
 private:

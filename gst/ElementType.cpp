@@ -55,7 +55,7 @@ gboolean setUri(GstURIHandler* handler, const gchar* uri, GError** error)
     else if (!stopped)
         g_set_error_literal(
             error, GST_URI_ERROR, GST_URI_ERROR_BAD_STATE,
-            "the stream cannot be changed while the element is running");
+            "the URI cannot be changed while the element is running");
     else
         g_object_set(handler, "socket-name", name, nullptr);
     g_free(name);

@@ -1,6 +1,6 @@
 #pragma once
 
-/// What both elements need to be GObjects.
+/// GObject boilerplate of both elements.
 
 #include <gst/gst.h>
 
@@ -10,16 +10,16 @@
 namespace vlx::gst
 {
 
-/// Has a type handle "vlx://NAME", which sets its property "socket-name".
+/// Makes a type handle "vlx://NAME", which sets its property "socket-name".
 void addUriHandler(GType type);
 
-/// An element whose work is done by an object of the class Impl, made and deleted with it. Impl is
-/// constructed from a Parent*, derives from WithSettings, and has
-///   static void initClass(gpointer elementClass): everything but the properties' plumbing
+/// An element implemented by an object of the class Impl, which is created and deleted with it.
+/// Impl is constructed from a Parent*, derives from WithSettings, and has
+///   static void initClass(gpointer elementClass): everything except property access
 ///   GstStructure* makeStatistics() const
 ///   ProvidedClock& getProvidedClock(), void setUpClock() before it can be provided
-/// and if it needs them: bool onStart() and onPlaying(), before the state is left, false to refuse;
-/// void onPaused() and onStop(), once the streaming thread is paused or ended.
+/// Optional: bool onStart() and onPlaying(), before the state is left, false to refuse; void
+/// onPaused() and onStop(), once the streaming thread is paused or has ended.
 template <typename Impl, typename Parent>
 class ElementType
 {
@@ -159,7 +159,7 @@ private:
     Settings m_settings; // guarded by the object lock
 };
 
-/// Describes an element and its one pad, which takes or gives the caps of every stream.
+/// Describes an element and its one pad, whose template allows the caps of every stream.
 void describeElement(
     gpointer elementClass,
     const char* name,

@@ -4,9 +4,9 @@ namespace vlx::gst
 {
 
 /// Forwards the library's log to GStreamer's debug category "vlx", unless the host has configured
-/// log4cplus for it. Without either, log4cplus complains on the host's standard error.
+/// log4cplus for it. Without either, log4cplus prints a warning to standard error.
 ///
-/// Takes over the category's present threshold, so call it at each start of an element.
+/// Adopts the category's current threshold, so call it at each start of an element.
 ///
 /// @thread any
 void forwardLibraryLog();

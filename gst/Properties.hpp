@@ -1,6 +1,6 @@
 #pragma once
 
-/// Properties of an element as one flat table over a plain record of settings.
+/// Properties of an element, as a flat table over a plain record of settings.
 
 #include <cstdint>
 #include <string>
@@ -12,7 +12,7 @@
 namespace vlx::gst
 {
 
-/// When a property may be set, and takes effect.
+/// States in which a property may be set and takes effect.
 enum class Mutability
 {
     Stopped, ///< in READY and below
@@ -25,7 +25,7 @@ template <typename Settings>
 class Properties
 {
 public:
-    /// Begins the table of a class with what every element has.
+    /// Starts the table of a class with the properties of every element.
     void begin(gpointer objectClass)
     {
         m_class = G_OBJECT_CLASS(objectClass);
@@ -36,7 +36,7 @@ public:
             "scheduling");
     }
 
-    /// Empty unless set.
+    /// Installs a text property; empty by default.
     void addText(const char* name, std::string Settings::*field, const char* blurb)
     {
         install(g_param_spec_string(name, name, blurb, "", getFlags({})), field);
@@ -100,7 +100,7 @@ public:
                                       : g_value_set_int(value, settings.**number);
     }
 
-    /// Installs "stats", read-only, behind all others.
+    /// Installs the read-only property "stats" after all others.
     void addStatistics(const char* blurb)
     {
         const auto flags = static_cast<GParamFlags>(

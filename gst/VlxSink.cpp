@@ -1,14 +1,14 @@
-// vlxsink sends raw audio to any number of other processes, each of which gets caps and timestamps
-// with it, may come and go, and is never waited for. A receiver is vlxsrc, or `vlx receive`.
+// vlxsink sends raw audio, with caps and timestamps, to any number of other processes. Receivers
+// may come and go; the sink never waits for them. A receiver is vlxsrc, or `vlx receive`.
 //
 //   gst-launch-1.0 audiotestsrc ! audio/x-raw,rate=48000,channels=2 ! vlxsink socket-name=kitchen
 //   gst-launch-1.0 vlxsrc socket-name=kitchen ! audioconvert ! autoaudiosink
 //
-// The stream is opened when the sink prerolls, and by default preroll lasts until a receiver has
-// joined, so that the clock starts to run with everybody on board. Each buffer leaves when it is
-// due, with that time on it: base time, running time and latency, on the clock that is announced.
+// The sink opens the stream when it prerolls. By default preroll lasts until a receiver has joined,
+// so that the receiver gets the beginning. Each buffer is sent when it is due, stamped with that
+// time: base time, running time and latency, on the announced clock.
 //
-// In "pubsub" what a receiver cannot take at once is lost to that receiver, so nothing is sent faster
+// In "pubsub" a receiver loses frames that it cannot take at once, so the sink never sends faster
 // than at twice the speed, not even with sync=false. "pipeline" has one receiver and waits for it.
 //
 // A seek with another rate changes the timestamps' spacing, not the samples or their durations: put
@@ -170,7 +170,7 @@ GstStructure* Sink::makeStatistics() const
         static_cast<guint64>(m_earlier.sequences + now.sequences), nullptr);
 }
 
-// A network clock that is named has to be the timestamps' clock: the pipeline can have it from here.
+// An announced network clock must be the timestamps' clock: provide it to the pipeline.
 void Sink::setUpClock()
 {
     const Settings settings = getSettings();
@@ -478,8 +478,8 @@ TimeValue Sink::makeTimestamp(GstBuffer* buffer) const
            gst_base_sink_get_latency(m_element) + static_cast<TimeValue>(shift);
 }
 
-// Receivers would lose a part of what comes all at once, when the pipeline catches up after a delay:
-// it does that at twice the speed and no faster.
+// Receivers would lose a part of a burst. A pipeline that catches up after a delay therefore sends
+// at most at twice the speed.
 void Sink::waitForTurn()
 {
     std::unique_lock lock(m_mutex);

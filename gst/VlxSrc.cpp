@@ -1,15 +1,15 @@
 // vlxsrc receives the stream of a vlxsink, of `vlx send` or of any other Vellox sender, with its
-// caps and timestamps. It waits for a sender that is not there yet, and for one that has died.
+// caps and timestamps. It waits until the sender starts, and restarts.
 //
 //   gst-launch-1.0 vlxsrc socket-name=kitchen ! audioconvert ! audioresample ! autoaudiosink
-//   gst-launch-1.0 vlxsrc socket-name=kitchen eos-on-disconnect=true ! wavenc ! filesink location=k.wav
+//   gst-launch-1.0 vlxsrc socket-name=kitchen eos-on-disconnect=1 ! wavenc ! filesink location=k.wav
 //   gst-play-1.0 vlx://kitchen
 //
-// Timestamps: what is due at one time at the sender is due at the same time here, plus the latency
-// that this element reports. Exactly, to the nanosecond, if the pipeline runs on the stream's clock
-// (the system's monotonic one, or the same network clock, which the element provides); by way of
-// the monotonic clock on any other; by arrival for a stream that has no clock, or one that cannot be
-// told. A buffer after something that is missing, or after a new connection, is marked DISCONT.
+// Timestamps: a sample is due at the same time as at the sender, plus the latency that this element
+// reports. This is exact to the nanosecond if the pipeline runs on the stream's clock: the system's
+// monotonic clock, or the same network clock, which the element provides. On any other clock the
+// time is converted by way of the monotonic clock. If the stream has no clock, or its time is
+// unknown, the time of arrival is used. The buffer after a gap or a new connection has DISCONT.
 //
 // Element messages on the bus: "vlx-joined", "vlx-lost" and "vlx-stalled", with "socket-name",
 // "text", and "time" in nanoseconds of the monotonic clock. Unprintable bytes appear as \xNN.
@@ -245,8 +245,8 @@ bool Src::onStart()
     return true;
 }
 
-// No frame shall be due before the pipeline's base time: so the stream is joined only after that has
-// been set, and what has come before a pause ends is stale.
+// No frame may be due before the pipeline's base time: the stream is joined only after that is set,
+// and frames that arrive during a pause are stale.
 bool Src::onPlaying()
 {
     {

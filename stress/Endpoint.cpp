@@ -119,8 +119,7 @@ struct FrameTag
     std::uint64_t index = 0;
 };
 
-/// Counts the log lines, and dies at the one that is asked for: a way to be killed at each step of a
-/// set-up.
+/// Counts the log lines and kills the process at a given one, to test each step of a set-up.
 void watchLog(Board& board, const Plan& plan)
 {
     const auto watch = [&board, plan](const log4cplus::spi::InternalLoggingEvent& event)

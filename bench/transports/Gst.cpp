@@ -1,6 +1,6 @@
-/// GStreamer elements in pipelines inside the process, without clock synchronisation and with queues
-/// of one buffer: appsrc ! SINK and SOURCE ! appsink. Variant "shm": shmsink and shmsrc. "vlx":
-/// vlxsink and vlxsrc, with the packets as samples of a stereo stream.
+/// GStreamer elements in pipelines inside the process, without clock synchronisation and with
+/// queues of one buffer: appsrc ! SINK and SOURCE ! appsink. Variant "shm": shmsink and shmsrc.
+/// "vlx": vlxsink and vlxsrc, with the packets as samples of a stereo stream.
 
 #include <deque>
 #include <memory>

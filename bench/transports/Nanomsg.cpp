@@ -1,6 +1,6 @@
 /// Raw nanomsg pub/sub over IPC. Variant "same": our socket options, the limit of our design.
-/// "polls": the same, and each poll watches as many descriptors as ours, with our time-out; it shows
-/// what waiting costs us. Otherwise the library's default buffers.
+/// "polls": the same, and each poll watches as many descriptors as ours, with our timeout; it
+/// shows the cost of our waiting. Otherwise the library's default buffers.
 
 #include <memory>
 #include <thread>
@@ -68,8 +68,8 @@ struct WaitSet
     }
 };
 
-// Makes a socket with an endpoint, and then sets the options of all variants but the default one, in
-// the order of our own sockets.
+// Creates a socket with an endpoint, then sets the options of all variants except the default, in
+// the order that our sockets use.
 int makeSocket(const Plan& plan, int type, decltype(&nn_bind) open, int bufferOption)
 {
     const int socket = nn_socket(AF_SP, type);

@@ -1,5 +1,5 @@
-/// A bare Unix stream socket: the packet, with its size in the header, written to each reader in turn
-/// with blocking calls. The limit of the kernel; a slow reader slows the sender and everybody else.
+/// A bare Unix stream socket, the limit of the kernel: blocking calls write the packet, with its
+/// size in the header, to each reader in turn. A slow reader delays the sender and all others.
 
 #include <cerrno>
 #include <memory>

@@ -1,4 +1,4 @@
-// A build without GStreamer: a network clock is never synchronised, and says so once for each start.
+// A build without GStreamer: a network clock never synchronises, and each start logs one message.
 
 #include <gtest/gtest.h>
 

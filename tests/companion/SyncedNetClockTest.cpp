@@ -93,8 +93,9 @@ std::uint64_t readCpuTimeNs(const std::string& threadName)
     return sum;
 }
 
-// A clock under test, and what its callback saw. On a busy machine GStreamer may reject every answer
-// for some seconds, which counts as silence: the tests ask for losses seen, not for exact numbers.
+// A clock under test, and the record of its callback. On a busy machine GStreamer may reject every
+// answer for some seconds, which counts as silence: the tests check for losses, not for exact
+// numbers.
 struct Follower
 {
     std::atomic<int> numCallbacks = 0;
@@ -244,7 +245,7 @@ TEST_F(SyncedNetClockTest, AForkedCopyWaitsForNoThreadOfTheParent)
             {
                 asked->stopSynchronization();
                 asked.reset();
-            // A new thread allocates first, and a sanitizer's allocator may stay locked after a fork.
+            // A new thread allocates, and a sanitizer's allocator may stay locked after a fork.
 #if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
                 // A clock of the copy's own, which follows nothing.
                 follower->start("127.0.0.1", 0);

@@ -12,7 +12,7 @@ namespace vlx::testing
 namespace
 {
 
-// Of a clock that runs ahead of CLOCK_MONOTONIC: too much for a wrong sign or unit to hide in noise.
+// Lead of a clock over CLOCK_MONOTONIC, large enough to reveal a wrong sign or unit.
 constexpr std::int64_t Ahead = 1000'000 * Millisecond;
 
 // Of an estimate of a clock within this process, on a busy machine.

@@ -95,8 +95,8 @@ inline std::size_t countEntries(const char* directory)
     return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
 
-// Data of noise tells a frame from every other. Frames that were due before their pipeline began are
-// left out: they are due at its beginning.
+// Identifies each frame by its random data. Omits frames that were due before their pipeline began:
+// they become due at its beginning.
 using Frames = std::map<std::string, Received>;
 
 // Of a stream that brings none of those that are wanted.

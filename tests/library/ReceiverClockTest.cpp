@@ -85,8 +85,8 @@ protected:
     TestProvider m_provider; // not started
 };
 
-/// From inside a clock's callback: the worker, which ends the connection meanwhile, waits, and holds
-/// no lock. It is given time to do otherwise.
+/// Called inside a clock's callback: the worker, which meanwhile ends the connection, must wait
+/// without holding a lock. The pause gives it time to fail.
 void expectConnectionIntact(const Receiver& receiver)
 {
     for (int i = 0; i < 100; ++i)

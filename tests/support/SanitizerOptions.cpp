@@ -1,8 +1,7 @@
 #include <vlx/VlxTypes.hpp>
 
-// What the sanitizers need to know of a test program and of the tool that tests run, so that it holds
-// however the program is started. Each suppression is for other people's code, with its reason; there
-// is none for our own.
+// Sanitizer options of the test programs and of the tool, compiled in so that they apply however a
+// program is started. Each suppression is for foreign code, with its reason.
 extern "C"
 {
     // NOLINTBEGIN(bugprone-reserved-identifier): the sanitizers' names
@@ -23,9 +22,9 @@ extern "C"
         return "halt_on_error=1:die_after_fork=0";
     }
 
-    // GLib, GObject, GIO and GStreamer are not instrumented, and GLib's locks are plain futex calls:
-    // the sanitizer sees their calls of malloc, memset, write and the like, but not the locks that
-    // order them. Only calls made directly by these libraries are left out; ours are checked.
+    // GLib, GObject, GIO and GStreamer are not instrumented, and GLib's locks are plain futex
+    // calls: the sanitizer sees their calls of malloc, memset, write and others, but not the locks
+    // that order them. Only calls made directly by these libraries are suppressed.
     VLX_API const char* __tsan_default_suppressions()
     {
         return "called_from_lib:libglib-2.0.so\n"

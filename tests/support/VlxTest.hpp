@@ -28,9 +28,9 @@ void PrintTo(NanomsgProtocol protocol, std::ostream* stream);
 namespace vlx::testing
 {
 
-/// Generous, since a busy machine under a sanitizer is slow; only a failing test waits this long. On
-/// a busy machine the kernel alone can take 13 seconds to close an inotify descriptor, which each
-/// receiver has, and holds up all processes that close one.
+/// Generous, since a busy machine under a sanitizer is slow; only a failing test waits this long.
+/// On a busy machine the kernel alone can take 13 seconds to close an inotify descriptor, which
+/// each receiver has, and holds up all processes that close one.
 inline constexpr std::chrono::seconds DefaultDeadline{30};
 
 /// Waits until a condition holds.
@@ -92,7 +92,8 @@ protected:
     /// process may disturb: a sender in another network namespace, or one that stands still, puts
     /// every directory of its user in doubt.
     ///
-    /// @return whether this is that run. Otherwise the test is over: its result has been taken over,
+    /// @return whether this is that run. Otherwise the test is over: its result has been taken
+    /// over,
     ///         or it is skipped because this user can have no such namespace
     static bool runsAlone();
 
