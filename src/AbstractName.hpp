@@ -15,9 +15,9 @@ inline constexpr std::size_t MaxSocketNameLength = sizeof(sockaddr_un::sun_path)
 
 /// Puts a name of the abstract socket namespace into an address.
 ///
-/// @param address  only the name's bytes are written; family and leading 0 byte are there already
+/// @param address  only the name's bytes are written; family and leading 0 byte must be set
 /// @param name     cut to MaxSocketNameLength bytes
-/// @return the length to pass to bind or connect: no terminating 0 byte belongs to the name
+/// @return the length to pass to bind() or connect(), without a terminating 0 byte
 inline socklen_t setAbstractName(sockaddr_un& address, const std::string& name)
 {
     const std::size_t length = std::min(name.size(), MaxSocketNameLength);

@@ -1,6 +1,6 @@
 #pragma once
 
-// Closing a descriptor without waiting for it: its last close may take long, or for ever.
+// Closes descriptors without waiting: the last close of a file may take long, or block forever.
 
 #include <atomic>
 #include <chrono>
@@ -21,7 +21,7 @@
 namespace vlx
 {
 
-/// Starts a thread that nobody joins and that runs no signal handler.
+/// Starts a detached thread that runs no signal handler.
 ///
 /// @return whether it could be started
 template <class... Arguments>
@@ -43,24 +43,24 @@ bool startDetachedThread(Arguments&&... arguments)
     return true;
 }
 
-/// Threads that close a descriptor by ending and have not come to that. A file of the host process
-/// that cannot be closed holds them.
+/// Number of threads that close a descriptor by exiting and have not reached that step. A file of
+/// the host process whose close blocks can hold them.
 inline std::atomic<int> numEndingThreads = 0;
 inline constexpr int MaxEndingThreads = 16;
 
-/// What a thread that closes by ending and its caller tell each other.
+/// Events between a thread that closes by exiting and its caller.
 struct EndingThreadEvents
 {
-    /// Whether the thread has a table of descriptors of its own, without what comes after its own.
+    /// Whether the thread has its own descriptor table, without any descriptor above the given one.
     std::promise<bool> taken;
-    /// Nothing is left in that table but the thread's own descriptor.
+    /// That table contains only the descriptor to close.
     std::promise<void> alone;
     /// The caller has closed the descriptor in the process's table.
     std::promise<void> released;
 };
 
-/// Body of a thread that closes a descriptor by ending. A thread that ends does not wait for a
-/// socket that lingers, so that such threads cannot pile up.
+/// Body of a thread that closes a descriptor by exiting. An exiting thread does not wait for a
+/// lingering socket, so such threads cannot accumulate.
 inline void closeByEnding(int fd, const std::shared_ptr<EndingThreadEvents>& events)
 {
     const ScopeGuard countGuard([] { --numEndingThreads; });
@@ -70,17 +70,17 @@ inline void closeByEnding(int fd, const std::shared_ptr<EndingThreadEvents>& eve
     events->taken.set_value(hasOwnTable);
     if (!hasOwnTable)
         return;
-    // These are copies of the host's files, and each close may wait for its file system.
+    // These are copies of the host's files; each close may wait for its file system.
     if (number > 0)
         ::close_range(0, number - 1, 0);
     events->alone.set_value();
     events->released.get_future().wait();
 }
 
-/// Hands a descriptor to a thread that closes it by ending.
+/// Passes a descriptor to a thread that closes it by exiting.
 ///
-/// @return false if this system cannot do it, before Linux 5.9 for instance, or if too many such
-///         threads are held; nothing is closed then
+/// @return false, with nothing closed, if the system does not support it (before Linux 5.9) or too
+///         many such threads are blocked
 inline bool closeByEndingThread(int fd)
 {
     constexpr std::chrono::milliseconds LongestWait{100};
@@ -93,20 +93,20 @@ inline bool closeByEndingThread(int fd)
     countGuard.dismiss();
     if (!events->taken.get_future().get())
         return false;
-    ::close(fd); // not the last one, which is the thread's
+    ::close(fd); // not the last copy, which the thread has
     events->released.set_value();
-    // The caller should find nothing held open here, such as the name of its listening socket.
+    // On return the caller's table must not keep anything open, such as the name of a listening
+    // socket.
     events->alone.get_future().wait_for(LongestWait);
     return true;
 }
 
-/// Descriptors that a few threads close one after the other. No more threads are started when all
-/// of them are held; what is left in the list then stays open, as where no thread can be started,
-/// until there is something to close again.
+/// List of descriptors that a few threads close one after the other. If all threads are blocked, or
+/// no thread can be started, the descriptors in the list stay open until the next one is added.
 class ClosingList
 {
 public:
-    /// @return the list of the process. Never destroyed, since its threads may outlive main()
+    /// @return the list of the process, never destroyed: its threads may outlive main()
     static ClosingList& get()
     {
         static ClosingList& list = *new ClosingList;
@@ -119,7 +119,7 @@ public:
         m_fds.push_back(fd);
     }
 
-    /// Starts another thread, if there is something to close and not all of them are held.
+    /// Starts another thread if there is a descriptor to close and not all threads are blocked.
     void closeWhatIsLeft()
     {
         const std::lock_guard<std::mutex> lock(m_mutex);

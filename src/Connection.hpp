@@ -1,10 +1,10 @@
 #pragma once
 
-// Connections between two processes that need not trust each other.
+// Connections between two processes that do not trust each other.
 //
-// A peer may pass descriptors. No passed descriptor is ever taken: closing it would drop the locks
-// that this process holds on the same file, and may take long or for ever. So input is looked at
-// before it is read, and a connection with descriptors in it is closed where nobody waits.
+// A peer may pass descriptors. They are never received: closing one would drop the locks that this
+// process holds on the same file, and may take long or block forever. So input is peeked at before
+// it is read, and a connection that contains descriptors is closed on a thread of its own.
 
 #include <array>
 #include <cstddef>
@@ -18,17 +18,17 @@
 namespace vlx
 {
 
-/// Makes urgent bytes ordinary ones. Call it before the first read: an urgent byte that is thrown
-/// away would take along, and close, a descriptor that was passed with it.
+/// Makes urgent bytes ordinary ones. Call it before the first read: discarding an urgent byte would
+/// receive, and close, a descriptor that was passed with it.
 inline void keepUrgentBytesInLine(int fd)
 {
     constexpr int Enabled = 1;
     ::setsockopt(fd, SOL_SOCKET, SO_OOBINLINE, &Enabled, sizeof(Enabled));
 }
 
-/// Looks at what can be read now, and leaves it there.
+/// Peeks at the data that can be read now, without removing it.
 ///
-/// @param hasDescriptors  becomes whether descriptors lie in it
+/// @param hasDescriptors  set to whether the data contains descriptors
 /// @return as recv()
 inline ssize_t peekInput(int fd, void* buffer, std::size_t size, bool& hasDescriptors)
 {
@@ -36,14 +36,14 @@ inline ssize_t peekInput(int fd, void* buffer, std::size_t size, bool& hasDescri
     msghdr message{};
     message.msg_iov = &part;
     message.msg_iovlen = 1;
-    // Without room for them, descriptors are reported and not taken.
+    // Without a control buffer, descriptors are reported but not received.
     const ssize_t count = ::recvmsg(fd, &message, MSG_PEEK | MSG_DONTWAIT);
     hasDescriptors = count >= 0 && (message.msg_flags & MSG_CTRUNC) != 0;
     return count;
 }
 
-/// As recv(), and never waits. A peer that passes descriptors counts as gone, from the bytes on
-/// that can be read together with the first of them.
+/// Receives as recv() does, without waiting. A peer that passes descriptors counts as disconnected,
+/// from the bytes on that would be read together with the first descriptor.
 ///
 /// @pre no other thread reads from the connection
 inline ssize_t receiveWithoutWaiting(int fd, void* buffer, std::size_t size)
@@ -52,13 +52,13 @@ inline ssize_t receiveWithoutWaiting(int fd, void* buffer, std::size_t size)
     const ssize_t count = peekInput(fd, buffer, size, hasDescriptors);
     if (hasDescriptors)
         return 0;
-    // No more than was looked at: what has come since may hold descriptors.
+    // At most the bytes that were peeked at: later ones may contain descriptors.
     return count > 0 ? ::recv(fd, buffer, static_cast<std::size_t>(count), MSG_DONTWAIT) : count;
 }
 
-/// Takes what can still be read, as far as the first descriptor in it.
+/// Discards the data that can be read, up to the first descriptor in it.
 ///
-/// @return whether there was one
+/// @return whether there was a descriptor
 inline bool drainInput(int fd)
 {
     constexpr std::size_t ScratchBytes = 4096;
@@ -73,10 +73,10 @@ inline bool drainInput(int fd)
     return hasDescriptors;
 }
 
-/// Ends a connection in both directions, and never waits for what its peer has put into it.
+/// Closes a connection, without waiting for anything that its peer has put into it.
 inline void closeConnection(int fd)
 {
-    ::shutdown(fd, SHUT_RDWR); // nothing can come any more
+    ::shutdown(fd, SHUT_RDWR); // no more data can arrive
     if (drainInput(fd))
         closeAside(fd);
     else

@@ -11,8 +11,8 @@
 namespace vlx
 {
 
-/// Keeps a descriptor out of the programs that the host process starts: a child that held our
-/// socket would keep a connection open after the host has died.
+/// Sets close-on-exec: a program started by the host would otherwise keep a connection open after
+/// the host has died.
 inline void setCloseOnExec(int fd)
 {
     ::fcntl(fd, F_SETFD, FD_CLOEXEC);
@@ -21,7 +21,7 @@ inline void setCloseOnExec(int fd)
 /// For pollUninterrupted(): waits until something happens.
 inline constexpr int NoTimeout = -1;
 
-/// poll that goes on, with the whole time-out, when a signal interrupts it.
+/// Calls poll(), restarting it with the whole timeout when a signal interrupts it.
 inline int pollUninterrupted(pollfd* entries, std::size_t count, int timeoutMs)
 {
     int result = 0;
@@ -32,7 +32,7 @@ inline int pollUninterrupted(pollfd* entries, std::size_t count, int timeoutMs)
     return result;
 }
 
-/// poll that ends at a deadline, however often signals interrupt it.
+/// Calls poll() with a deadline, however often signals interrupt it.
 inline int
 pollUntil(pollfd* entries, std::size_t count, std::chrono::steady_clock::time_point deadline)
 {

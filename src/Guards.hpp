@@ -5,8 +5,8 @@
 namespace vlx
 {
 
-/// Undoes a set-up that did not reach its end, or releases what the scope holds: runs the action
-/// when the scope is left, by return or by exception, unless it was dismissed.
+/// Runs an action when the scope is left, by return or by exception, unless it was dismissed. Use
+/// it to undo an incomplete set-up or to release a resource.
 template <class Action>
 class ScopeGuard
 {

@@ -1,6 +1,6 @@
 #pragma once
 
-// Little-endian fields of packets, byte by byte and so independent of the host's byte order.
+// Little-endian fields of packets, independent of the host's byte order.
 
 #include <algorithm>
 #include <concepts>
@@ -14,8 +14,8 @@
 namespace vlx
 {
 
-/// Writes an integer, lowest byte first. The packet is grown, zero-filled, to the end of the field
-/// if it is shorter.
+/// Writes an integer, lowest byte first. A shorter packet grows to the end of the field, filled
+/// with zeros.
 template <std::unsigned_integral Integer>
 void writeLittleEndian(Buffer& packet, std::size_t offset, Integer value)
 {
@@ -24,8 +24,8 @@ void writeLittleEndian(Buffer& packet, std::size_t offset, Integer value)
         packet[offset + i] = static_cast<std::uint8_t>(value >> (8 * i));
 }
 
-/// Reads fields one after the other and never beyond the end. The first read that finds too few
-/// bytes fails, and so does every later one; the position then stays.
+/// Reads fields in order, never beyond the end. After the first read that finds too few bytes, all
+/// reads fail and the position stays.
 class ByteCursor
 {
 public:
@@ -52,7 +52,7 @@ public:
         return static_cast<Integer>(value);
     }
 
-    /// @return the bytes up to the next 0 byte, which is passed over
+    /// @return the bytes up to the next 0 byte, which is skipped
     std::optional<std::string> readTerminatedString()
     {
         if (!m_ok)
@@ -69,7 +69,7 @@ public:
         return text;
     }
 
-    /// @return what has not been read yet
+    /// @return the bytes that have not been read
     /// @pre isOk()
     ByteView getRest() const
     {

@@ -6,18 +6,19 @@
 namespace vlx
 {
 
-/// How the name of every sender's own directory begins.
+/// Prefix of the name of every sender's directory.
 inline constexpr const char* SenderDirectoryPrefix = "VlxSender-";
 
-/// @return the directory in which every sender makes its own, looked up afresh
+/// @return the base directory, in which every sender creates its own; read from the environment at
+///         each call
 inline std::string getBaseDirectory()
 {
     const char* const directory = std::getenv("TMPDIR");
     return directory != nullptr ? directory : "/tmp/vlx";
 }
 
-/// @param chosen  directory that the application has set; empty: the environment decides
-/// @return the directory in which every sender makes its own
+/// @param chosen  directory set by the application; empty: from the environment
+/// @return the base directory, in which every sender creates its own
 inline std::string getBaseDirectory(const std::string& chosen)
 {
     return chosen.empty() ? getBaseDirectory() : chosen;

@@ -12,14 +12,14 @@
 namespace vlx
 {
 
-/// Changes the mode of a socket file of the caller's own, and of nothing else: whoever may write in
-/// its directory can put a link to any other file in its place, and chmod follows links.
+/// Changes the mode of the caller's own socket file, and never of another file: a process with
+/// write permission for the directory can replace the socket file by a link, which chmod() follows.
 ///
-/// @return 0; otherwise an error number: ELOOP for a link, ENOTSOCK for any other kind of file,
-///         EPERM for another user's, or what the system said; nothing has then been changed
+/// @return 0; otherwise an error number, with nothing changed: ELOOP for a link, ENOTSOCK for
+///         another kind of file, EPERM for another user's file, or the system's error
 inline int changeSocketFileMode(const std::string& path, mode_t mode)
 {
-    // Looked at and changed through one descriptor, so that nothing can be swapped in between.
+    // Checked and changed through one descriptor, so that the file cannot be replaced in between.
     const int fd = ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
         return errno;
@@ -35,7 +35,7 @@ inline int changeSocketFileMode(const std::string& path, mode_t mode)
     if (status.st_uid != ::geteuid())
         return EPERM;
 
-    // Such a descriptor cannot be given to fchmod.
+    // fchmod() refuses a descriptor opened with O_PATH.
     const std::string throughDescriptor = "/proc/self/fd/" + std::to_string(fd);
     return ::chmod(throughDescriptor.c_str(), mode) == 0 ? 0 : errno;
 }

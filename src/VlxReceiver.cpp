@@ -52,8 +52,8 @@ constexpr mode_t IpcSocketMode = 0622;
 constexpr int NanomsgReceiveBufferBytes = 1;
 constexpr int NanomsgNoSizeLimit = -1;
 
-// What the network clock is asked for: observations that its estimate is taken over, and the
-// longest round trip of an answer that counts, in nanoseconds.
+// Settings of the network clock: number of observations in its estimate, and the longest accepted
+// round trip in nanoseconds.
 constexpr unsigned int ClockWindowSize = 100;
 constexpr unsigned long ClockRoundTripLimitNs = 175'000'000;
 
@@ -65,11 +65,11 @@ constexpr int MessageTooLong = 3; // longer than the application allows
 
 constexpr std::size_t PrefixBytes = 4;
 
-// The header and at least one more byte, which the packet functions take for granted.
+// The header and one more byte: a precondition of the packet functions.
 constexpr std::size_t MinPacketBytes = 5;
 
-// Sequence numbers wrap: a number from the top of the range is old once the current one has started
-// again from the bottom.
+// Sequence numbers wrap: a number from the top of the range is old once the current one has
+// restarted at the bottom.
 constexpr unsigned LowestNumberBeforeWrap = 65520;
 constexpr unsigned HighestNumberAfterWrap = 14;
 
@@ -83,8 +83,7 @@ int setIntOption(int socketFD, int option, int value)
     return ::nn_setsockopt(socketFD, NN_SOL_SOCKET, option, &value, sizeof(value));
 }
 
-/// Limits how long a connect waits for a sender that has no room for another connection; it then
-/// fails with EAGAIN.
+/// Limits how long connect() waits for a sender with a full backlog; it then fails with EAGAIN.
 void limitConnectTime(int socketFD)
 {
     timeval limit = {};
@@ -92,7 +91,7 @@ void limitConnectTime(int socketFD)
     ::setsockopt(socketFD, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
 }
 
-/// A message that nanomsg allocated, freed with the scope.
+/// Owns a message that nanomsg allocated.
 class NanomsgMessage
 {
 public:
@@ -107,7 +106,7 @@ public:
     NanomsgMessage(const NanomsgMessage&) = delete;
     NanomsgMessage& operator=(const NanomsgMessage&) = delete;
 
-    /// @return whether a message was taken; otherwise errno tells why
+    /// @return whether a message was received; otherwise errno has the reason
     bool receive(int socketFD)
     {
         const int size = ::nn_recv(socketFD, &m_data, NN_MSG, NN_DONTWAIT);
@@ -127,8 +126,8 @@ private:
     std::size_t m_size = 0;
 };
 
-/// @return the name of the first sender directory among a directory's entries; empty if there is
-///      none
+/// @return name of the first sender directory among a directory's entries; empty if there is no
+///         such entry
 std::string findSenderDirectory(DIR* directory)
 {
     const std::string_view prefix = SenderDirectoryPrefix;
@@ -144,9 +143,9 @@ std::string findSenderDirectory(DIR* directory)
     return {};
 }
 
-/// Reads from an inotify instance and looks at the first event only.
+/// Reads from an inotify instance and evaluates only the first event.
 ///
-/// @return the name that a starting sender's entry has; empty if the event is none of a sender
+/// @return name of a starting sender's entry; empty if the event is not a sender's
 std::string readSenderEvent(int inotifyFD)
 {
     constexpr std::size_t MaxNameBytes = 256;
@@ -284,8 +283,8 @@ bool Receiver::initializeReceiver(std::string socketAddress)
     m_keepRunning = true;
     m_receiverIsReadyReported = false;
 
-    // A receiver without a worker is idle again when an exception leaves: the callback's, or that
-    // of a thread that cannot be started.
+    // If an exception leaves, from the callback or because a thread cannot be started, a receiver
+    // without a worker is idle again.
     ScopeGuard workerGuard([this] { undoInitialization(); });
     if (m_stateChangedCallback)
         m_stateChangedCallback(State::Connecting);
@@ -305,9 +304,9 @@ void Receiver::undoInitialization()
     m_state = State::Idle;
 }
 
-/// Closes the copies of the descriptors and forgets the rest. Everything else would reach the
-/// original, or wait for a thread that does not exist here; so would a line in the log. What the
-/// worker changes without a lock may be half changed.
+/// Closes the copies of the descriptors and abandons the rest. Anything else, even a log line,
+/// would affect the original or wait for a thread that does not exist here. State that the worker
+/// changes without a lock may be inconsistent.
 void Receiver::abandon()
 {
     makeAnew(
@@ -371,8 +370,8 @@ void Receiver::threadLoop()
     {
     }
 
-    // Without the lock, before it is taken below: a clock callback in progress may be waiting for
-    // it, and must be over before the state that it relies on goes away.
+    // Before the lock is taken below: a clock callback in progress may be waiting for it, and must
+    // end before the state that it uses is reset.
     m_syncedNetClock.stopSynchronization();
     setReceiverToIdle();
 
@@ -401,7 +400,7 @@ bool Receiver::iterate()
         LOG4CPLUS_DEBUG(
             logger,
             "Connection gone because of shutdown or because of an error; attempting to reconnect");
-        // First of all: a clock callback must not see the connection half reset.
+        // First: a clock callback must not see a partly reset connection.
         m_syncedNetClock.stopSynchronization();
         disconnectNanomsgMainChannel();
         disconnectSidechannel();
@@ -507,7 +506,8 @@ bool Receiver::handleConnectingState()
                 logger, "Initial info refused; retrying in " << ReconnectDelayMs << " ms");
             disconnectSidechannel();
             m_connectingState = ConnectingState::NotConnected;
-            // Others may write in the base directory: they must not set the pace of a refusal.
+            // Other users may be able to write to the base directory; they must not control the
+            // retry rate.
             waitBeforeReconnect(false);
             return true;
         case InitialInfoRetval::Pending:
@@ -565,7 +565,7 @@ Receiver::ConnectionRetval Receiver::connectSidechannel()
         m_sideChannelSocketFD = ::socket(AF_UNIX, SOCK_STREAM, 0);
         if (m_sideChannelSocketFD < 0)
         {
-            // The C library's text, also where another companion library has words of its own.
+            // The C library's text, even if another companion library has its own.
             const int error = errno;
             LOG4CPLUS_ERROR(
                 logger, "Could not create sidechannel socket: " << std::strerror(error) << " ("
@@ -593,7 +593,7 @@ Receiver::ConnectionRetval Receiver::connectSidechannel()
     const int error = errno;
     if (error == ENOENT || error == ECONNREFUSED)
     {
-        // Nobody listens yet: the usual case, and the socket serves for the next attempt.
+        // No sender listens yet: the usual case. The socket is reused for the next attempt.
         sidechannelGuard.dismiss();
         return ConnectionRetval::Retry;
     }
@@ -606,7 +606,7 @@ void Receiver::disconnectSidechannel()
     if (m_sideChannelSocketFD >= 0)
     {
         LOG4CPLUS_DEBUG(logger, "Closing sidechannel with FD " << m_sideChannelSocketFD);
-        // Forgotten first: a copy that is forked meanwhile must not close another file's number.
+        // Reset first: a copy that is forked meanwhile must not close another file's descriptor.
         closeConnection(std::exchange(m_sideChannelSocketFD, -1));
     }
     m_sidechannelMessageSize = ReadingPrefix;
@@ -696,7 +696,7 @@ Receiver::InitialInfoRetval Receiver::listenForInitialInfo()
     return InitialInfoRetval::Success;
 }
 
-/// @return the URI to use, empty for the announced one; nothing if the sender is refused
+/// @return the URI to use, empty for the announced one; not set if the sender is refused
 std::optional<std::string> Receiver::checkInitialInfo()
 {
     if (!m_initialInfoCheckCallback)
@@ -722,8 +722,8 @@ void Receiver::storeInitialInfo(InitialInfo info)
 
 void Receiver::startClockSynchronization()
 {
-    // Before the stream runs and its sequence is announced there is nothing to report; the worker
-    // asks the clock itself once it has announced a sequence, so nothing is lost.
+    // Before the stream runs and its sequence is announced there is nothing to report. The worker
+    // checks the clock itself once it has announced a sequence, so no report is lost.
     auto onStateChange = [this]
     {
         if (m_state == State::Running && m_sequenceAnnounced)
@@ -920,7 +920,8 @@ bool Receiver::listenForInput()
         const int result = readSidechannelMessage();
         if (result == SidechannelGone || result == MessageTooLong)
         {
-            // What is still in the main channel is delivered before the connection is given up.
+            // Packets that are still in the main channel are delivered before the connection is
+            // closed.
             disconnectSidechannel();
             m_connectingState = ConnectingState::NotConnected;
             return true;
@@ -1041,7 +1042,7 @@ bool Receiver::shouldPacketBeKept(const ByteView& packet)
             "setting sequence nr " << sequenceNr << " of SequenceInfo packet as new current one");
         m_currentSequenceNr = sequenceNr;
         // Until this sequence is announced, the clock's thread must not report its depayloader,
-        // which may yet reject the codec header.
+        // which may still reject the codec header.
         m_sequenceAnnounced = false;
     }
     return true;
@@ -1107,8 +1108,8 @@ void Receiver::reportReceiverIsReady()
         LOG4CPLUS_DEBUG(logger, "VLX payloader not available yet; cannot report stream as ready");
         return;
     }
-    // Asked after the depayloader was taken: the worker takes the announcement back before it
-    // selects another one, so this one is known to have been announced.
+    // Checked after reading the depayloader: the worker clears the flag before it selects another
+    // one, so this depayloader's sequence has been announced.
     if (!m_sequenceAnnounced)
         return;
 
@@ -1173,7 +1174,7 @@ void Receiver::startFsMonitorThread()
     setCloseOnExec(m_inotifyFD);
     m_inotifyWatch = ::inotify_add_watch(m_inotifyFD, path.c_str(), IN_CREATE | IN_EXCL_UNLINK);
 
-    // Without the directory nothing is found here, and the monitor then never hears of a sender.
+    // Without the directory the monitor never notices a sender.
     if (DIR* const directory = ::opendir(path.c_str()))
     {
         const ScopeGuard directoryGuard([directory] { ::closedir(directory); });
@@ -1209,7 +1210,7 @@ void Receiver::fsMonitorThreadLoop()
         {
             LOG4CPLUS_DEBUG(
                 logger, "Sender " << name << " initializing, signaling condition variable");
-            // Stored first, so that the worker sees it when the notification wakes it.
+            // Set before the notification that wakes the worker.
             m_senderAppeared = true;
             m_conditionVariable.notify_one();
         }

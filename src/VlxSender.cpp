@@ -45,7 +45,7 @@ constexpr std::uint16_t ProtocolVersion = 1;
 constexpr mode_t TempDirectoryMode = 0777;
 constexpr int ListenBacklog = 32;
 constexpr std::size_t ClientScratchBytes = 256;
-// A packet that no receiver takes at once is dropped rather than queued.
+// A packet that no receiver takes at once is dropped, not queued.
 constexpr int NanomsgSendBufferBytes = 1;
 
 // Entries of the listener's poll set.
@@ -56,9 +56,8 @@ constexpr std::size_t FirstClientEntry = 2;
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds AcceptPause{100};
 
-/// Opens the directory that mkdtemp has just made to everybody, and nothing else: in a base
-/// directory without the sticky bit others can put a link or another directory in its place
-/// meanwhile.
+/// Opens the directory that mkdtemp() has just created to all users, and nothing else: in a base
+/// directory without the sticky bit, another user can replace it meanwhile.
 void openToEverybody(const std::string& path)
 {
     const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -71,10 +70,10 @@ void openToEverybody(const std::string& path)
         ::fchmod(fd, TempDirectoryMode);
 }
 
-/// Makes the sender's own directory.
+/// Creates the sender's directory.
 ///
-/// @param base  where it is made
-/// @param path  becomes the directory's path; empty if it cannot be made
+/// @param base  directory in which it is created
+/// @param path  set to the directory's path; empty if it cannot be created
 /// @return 0, or the system's error number
 int makeTempDirectory(const std::string& base, std::string& path)
 {
@@ -89,14 +88,14 @@ int makeTempDirectory(const std::string& base, std::string& path)
     return 0;
 }
 
-/// @return whether the socket is bound; otherwise errno tells why
+/// @return whether the socket is bound; otherwise errno has the reason
 bool bindAbstractName(int fd, sockaddr_un& address, const std::string& name)
 {
     const socklen_t length = setAbstractName(address, name);
     return ::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0;
 }
 
-/// @return a new connection's descriptor; -1, with errno telling why, if there is none
+/// @return a new connection's descriptor; -1 with errno set if there is no connection
 int acceptConnection(int listenerFD)
 {
     sockaddr peerAddress{};
@@ -110,13 +109,13 @@ int acceptConnection(int listenerFD)
     return fd;
 }
 
-/// @return whether a failed accept() lacked something of the system's, which comes back by itself
+/// @return whether accept() failed for want of a system resource that may become available again
 bool isShortage(int error)
 {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
-/// Waits for activity; for newcomers only from a given time on.
+/// Waits for activity; for new connections only from a given time on.
 ///
 /// @return the result of poll()
 int pollConnections(std::vector<pollfd>& entries, Clock::time_point acceptFrom)
@@ -127,11 +126,11 @@ int pollConnections(std::vector<pollfd>& entries, Clock::time_point acceptFrom)
                        : pollUntil(entries.data(), entries.size(), acceptFrom);
 }
 
-/// Closes the listening socket, and first the connections that wait there: the system would close
-/// them with it, and wait for what lies in them.
+/// Closes the connections that wait in the backlog, then the listening socket. The system would
+/// close them with the socket, and might block on the data that they contain.
 void closeListener(int listenerFD)
 {
-    ::shutdown(listenerFD, SHUT_RDWR); // nobody can connect any more
+    ::shutdown(listenerFD, SHUT_RDWR); // no process can connect any more
     int fd = acceptConnection(listenerFD);
     for (; fd >= 0; fd = acceptConnection(listenerFD))
         closeConnection(fd);
@@ -141,18 +140,18 @@ void closeListener(int listenerFD)
         ::close(listenerFD);
 }
 
-/// Takes what a receiver wrote and forgets it. Never waits.
+/// Reads and discards data from a receiver. Never waits.
 ///
-/// @return the number of bytes; 0 if the receiver has left; negative, with errno telling why, if
-///         the connection could not be read
+/// @return number of bytes; 0 if the receiver has disconnected; negative with errno set if the
+///         connection could not be read
 ssize_t discardInput(int fd)
 {
     std::array<std::uint8_t, ClientScratchBytes> scratch;
     return receiveWithoutWaiting(fd, scratch.data(), scratch.size());
 }
 
-/// A write to a connection that its receiver has left must not kill the host process. The listener
-/// thread is ours alone, so only its own mask changes.
+/// Blocks SIGPIPE, so that writing to a closed connection does not kill the host process. Only the
+/// mask of the listener thread changes.
 void blockSigpipeInThisThread()
 {
     sigset_t signals;
@@ -291,7 +290,7 @@ void Sender::shutdownSender()
     if (!writeWakeupByte(m_nanomsgWakeupPipe))
         LOG4CPLUS_ERROR(logger, "Failed to write wakeup flag for shutdown");
 
-    // The listener thread takes the lock to see that it has to end.
+    // The listener thread takes the lock to check whether it must end.
     lock.unlock();
     if (m_listenerThread.joinable())
         m_listenerThread.join();
@@ -323,8 +322,8 @@ void Sender::shutdownSender()
     LOG4CPLUS_TRACE(logger, "Sender shut down");
 }
 
-/// Closes the copies of the descriptors and forgets the rest. Everything else would reach the
-/// original, or wait for a thread that does not exist here; so would a line in the log.
+/// Closes the copies of the descriptors and abandons the rest. Anything else, even a log line,
+/// would affect the original or wait for a thread that does not exist here.
 void Sender::abandon()
 {
     if (m_mutex.try_lock())
@@ -411,7 +410,7 @@ bool Sender::setupListener()
         LOG4CPLUS_DEBUG(logger, "Binding to alternative address " << m_alternativeSocketAddress);
         if (!bindAbstractName(m_listenerSocketFD, address, m_alternativeSocketAddress))
         {
-            // The C library's text, also where another companion library has words of its own.
+            // The C library's text, even if another companion library has its own.
             const int alternativeError = errno;
             LOG4CPLUS_DEBUG(
                 logger, "Could not bind listener socket: " << std::strerror(alternativeError)
@@ -434,8 +433,8 @@ bool Sender::setupListener()
     return true;
 }
 
-// One pass per poll: a wakeup ends the thread, a newcomer is greeted, and those who left are
-// removed.
+// Each pass handles one poll: a wakeup ends the thread, a new client gets its packets, and
+// disconnected clients are removed.
 // NOLINTNEXTLINE(readability-function-size): its log lines carry this function's name
 void Sender::listenerThreadLoop()
 {
@@ -476,8 +475,8 @@ void Sender::listenerThreadLoop()
             {
                 isShortageReported = false;
                 LOG4CPLUS_DEBUG(logger, "New client connection: FD " << fd);
-                // Sent under the lock, so that a newcomer gets one SequenceInfo packet whole, the
-                // old one or the new.
+                // Sent under the lock, so that a new client gets one complete SequenceInfo packet,
+                // either the old one or the new.
                 const std::lock_guard<std::mutex> lock(m_mutex);
                 entries.push_back({fd, POLLIN, 0});
                 LOG4CPLUS_DEBUG(
@@ -505,7 +504,7 @@ void Sender::listenerThreadLoop()
                 acceptFrom = Clock::now() + AcceptPause;
         }
 
-        // Without the lock, which is needed to change the list alone: no other thread changes it.
+        // Without the lock: it is only needed to change the list, and no other thread changes it.
         for (std::size_t i = FirstClientEntry; i < entries.size();)
         {
             if ((entries[i].revents & POLLIN) == 0)
@@ -724,7 +723,7 @@ void Sender::sendDataOverNanomsg(const ByteView& data)
 
 void Sender::disableSend(bool disable)
 {
-    if (isForkedCopy(m_process)) // its wakeup would reach the original
+    if (isForkedCopy(m_process)) // its wakeup would affect the original
         return;
 
     const std::lock_guard<std::mutex> lock(m_sendMutex);
@@ -756,7 +755,7 @@ void Sender::startNewSequence()
     }
     assert(m_payloader != nullptr);
 
-    // 0 stands for "no sequence yet" and is left out when the number wraps.
+    // 0 means "no sequence yet" and is skipped when the number wraps.
     ++m_sequenceNr;
     if (m_sequenceNr == 0)
         m_sequenceNr = 1;
@@ -796,7 +795,7 @@ void Sender::sendMediaData(TimeValue timestamp, TimeValue duration, const ByteVi
                     << mediaData.size() << " byte into packet with " << m_framePacket.size()
                     << " byte");
 
-    // Only this thread changes the packet, and the send may wait for a receiver.
+    // Without the lock: only this thread changes the packet, and the send may wait for a receiver.
     lock.unlock();
     sendDataOverNanomsg(m_framePacket);
 }

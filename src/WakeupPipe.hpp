@@ -12,12 +12,12 @@
 namespace vlx
 {
 
-/// Bytes taken from a wakeup pipe at once; they carry no information.
+/// Number of bytes read from a wakeup pipe at once; they carry no information.
 inline constexpr std::size_t WakeupDrainBytes = 1024;
 
-/// Makes a pipe, read end first. The write end never blocks: a pipe that is full wakes anyway.
+/// Creates a pipe, read end first. The write end never blocks: a full pipe wakes the reader anyway.
 ///
-/// @return 0, or the system's error number; the ends are then untouched
+/// @return 0, or the system's error number, with the ends unchanged
 inline int createPipe(int (&ends)[2])
 {
     if (::pipe(ends) < 0)
@@ -28,8 +28,8 @@ inline int createPipe(int (&ends)[2])
     return 0;
 }
 
-/// Closes both ends of a pipe if there is one. Each is forgotten first: the copy of a process that
-/// is forked meanwhile must not close a number that may be another file's there.
+/// Closes both ends of a pipe, if open. Each is reset first: a copy of the process that is forked
+/// meanwhile must not close a descriptor that may be another file's there.
 inline void closePipe(int (&ends)[2])
 {
     for (int& end : ends)
@@ -45,7 +45,7 @@ inline bool writeWakeupByte(const int (&ends)[2])
     return ::write(ends[1], "1", 1) == 1;
 }
 
-/// @return whether the pipe could be read; otherwise errno tells why
+/// @return whether the pipe could be read; otherwise errno has the reason
 inline bool drainWakeupPipe(const int (&ends)[2])
 {
     char scratch[WakeupDrainBytes];

@@ -1,7 +1,6 @@
 #pragma once
 
-// Assertions are part of the product: whatever breaks a precondition stops the process, in every
-// build.
+// Assertions are active in every build: a broken precondition stops the process.
 
 #include <cassert>
 
