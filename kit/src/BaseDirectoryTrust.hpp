@@ -12,8 +12,8 @@ namespace vlx::kit
 /// The owner of a directory can, whatever its mode; so can every user that may write to a directory
 /// without the sticky bit.
 ///
-/// @param status  of the directory, taken through the descriptor that is used afterwards, if any
-/// @return empty if the directory can be trusted; otherwise what is wrong, as the end of a sentence
+/// @param status  status of the directory, from the descriptor that is used afterwards, if any
+/// @return empty if the directory can be trusted; otherwise the reason, as the end of a sentence
 ///         that begins with the directory's path
 /// @thread any
 inline std::string findDistrust(const struct stat& status)

@@ -1,6 +1,6 @@
 #pragma once
 
-// Misuse of an object's calls stops the process, with a text that says what to do instead.
+// Detection of misused calls, which stop the process with a text that names the correct use.
 
 #include <atomic>
 #include <utility>
@@ -34,7 +34,7 @@ private:
     const void* const m_former;
 };
 
-/// Notices calls that must not overlap.
+/// Detects overlapping calls.
 class ExclusiveCall
 {
 public:

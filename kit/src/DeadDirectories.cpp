@@ -36,11 +36,11 @@ constexpr auto AnswerTimeout = std::chrono::milliseconds(500);
 
 constexpr std::size_t RandomCharacters = 6;
 
-// Of the files that wake receivers, and a receiver's monitor.
+// Prefixes of the files that wake receivers, or a receiver's monitor.
 constexpr std::string_view BellPrefix = ".bell-";
 constexpr std::string_view StopPrefix = ".vlx-stop-";
 
-// The one entry of a sender's directory.
+// The only entry of a sender's directory.
 constexpr const char* SocketFileName = "nanomsgChannel.ipc";
 
 enum class Kind
@@ -49,7 +49,7 @@ enum class Kind
     WakeupFile,
 };
 
-/// An entry of the base directory that only a program of ours makes.
+/// An entry of the base directory that only Vellox programs create.
 struct Candidate
 {
     std::string name;
@@ -91,12 +91,12 @@ bool isOld(const Candidate& candidate)
     return std::time(nullptr) - candidate.status.st_mtime > MinAgeSeconds;
 }
 
-/// What must not be touched.
+/// Directories that must not be removed.
 struct Living
 {
     std::set<std::string> directories;
-    std::set<uid_t> doubtfulUsers; // any directory of theirs can be a sender's that was not found
-    std::string notice;            // not empty: any directory can be
+    std::set<uid_t> doubtfulUsers; // any of their directories may be a sender's
+    std::string notice;            // not empty: any directory may be a sender's
 };
 
 Living findLiving(int stopFD)
@@ -126,7 +126,8 @@ Living findLiving(int stopFD)
     return living;
 }
 
-/// Finds servers that /proc does not show, those of other network namespaces.
+/// @return whether a process listens at the socket file, also one of another network namespace,
+/// which /proc does not show
 bool isServed(const std::string& socketFile)
 {
     sockaddr_un address{};
@@ -140,9 +141,9 @@ bool isServed(const std::string& socketFile)
            (errno != ECONNREFUSED && errno != ENOENT);
 }
 
-/// Takes the lock of a sender's directory, so that no other program removes it at the same time.
+/// Locks a sender's directory, so that no other program removes it at the same time.
 ///
-/// @return 0 or an error number, as DirectoryLock::take(); ESTALE if it is not the same any more
+/// @return 0 or an error number, as DirectoryLock::take(); ESTALE if the directory was replaced
 int lockDirectory(const std::string& path, const struct stat& expected, DirectoryLock& lock)
 {
     const int fd = ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -159,7 +160,7 @@ int lockDirectory(const std::string& path, const struct stat& expected, Director
 /// @return as DeadEntry::problem
 std::string removeDirectory(const std::string& path, uid_t user)
 {
-    // By descriptor: somebody could put a link to another directory in its place.
+    // By descriptor: another process may replace it by a link to another directory.
     const int fd = ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
         return miscUtils::strerror_r_safe(errno);
@@ -168,7 +169,7 @@ std::string removeDirectory(const std::string& path, uid_t user)
     if (::fstat(fd, &status) != 0 || status.st_uid != user)
         return "another user has replaced it";
 
-    // Nothing but a socket is removed; anything else there makes rmdir() fail.
+    // Only a socket is removed; any other entry makes rmdir() fail.
     if (::fstatat(fd, SocketFileName, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
         S_ISSOCK(status.st_mode) && ::unlinkat(fd, SocketFileName, 0) != 0)
         return miscUtils::strerror_r_safe(errno);
@@ -225,7 +226,7 @@ void removeOwnDeadDirectories(const std::string& baseDirectory)
     {
         const std::string path = baseDirectory + "/" + candidate.name;
         DirectoryLock lock;
-        // The sticky bit says that there was a lock.
+        // The sticky bit marks a directory that was locked.
         if (candidate.kind == Kind::SendersDirectory && candidate.status.st_uid == ::geteuid() &&
             (candidate.status.st_mode & S_ISVTX) != 0 &&
             lockDirectory(path, candidate.status, lock) == 0 &&

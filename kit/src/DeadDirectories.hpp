@@ -5,8 +5,8 @@
 namespace vlx::kit
 {
 
-/// Removes from a base directory what dead producers of the caller's user have left: the
-/// directories whose lock is free again. Takes no time to speak of, and asks no process.
+/// Removes the directories that dead producers of the caller's user have left in a base directory:
+/// those whose lock is free again. Fast: it contacts no process.
 ///
 /// @thread any
 void removeOwnDeadDirectories(const std::string& baseDirectory);

@@ -5,11 +5,11 @@
 namespace vlx::kit
 {
 
-/// Makes an empty file and removes it again at once, for whoever watches its directory. Nobody can
-/// be in its way: its name ends in characters that cannot be foreseen.
+/// Creates an empty file and removes it at once, to notify processes that watch its directory. Its
+/// name ends in random characters, so no other user can block it.
 ///
-/// @param prefix  path, as far as it is given
-/// @return whether it was made; otherwise errno tells why
+/// @param prefix  path of the file without the random characters
+/// @return whether it was created; otherwise errno has the reason
 /// @thread any
 bool flashDirectoryEntry(const std::string& prefix);
 

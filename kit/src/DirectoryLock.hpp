@@ -10,11 +10,11 @@
 namespace vlx::kit
 {
 
-/// Tells other processes that a sender's directory is in use. The system releases the lock when the
-/// process ends, however it ends: a directory of the kit whose lock is free is a dead one. A child
-/// that is forked and does not call exec holds it too.
+/// Locks a sender's directory while it is in use. The system releases the lock when the process
+/// ends, for whatever reason: if the lock of a kit's directory is free, its sender is dead. A
+/// forked child that does not call exec holds the lock too.
 ///
-/// The kit's directories have the sticky bit, which is set when the lock is held already.
+/// The kit's directories have the sticky bit, which is set after the lock is taken.
 class DirectoryLock
 {
 public:
@@ -34,7 +34,7 @@ public:
         return *this;
     }
 
-    /// @param directoryFD  of the directory; may be one for its path alone (O_PATH)
+    /// @param directoryFD  descriptor of the directory; may be opened with O_PATH
     /// @return 0; otherwise an error number: EWOULDBLOCK if another process holds the lock
     int take(int directoryFD)
     {

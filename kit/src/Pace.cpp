@@ -12,9 +12,9 @@ namespace
 {
 
 constexpr std::int64_t Billion = 1'000'000'000;
-// Long enough for a source that delivers in large pieces to show how low it gets.
+// Long enough to contain the lowest level of a source that delivers in large pieces.
 constexpr TimeValue WindowNs = 250'000'000;
-// A source that could give more does so sooner.
+// A source with a backlog shows it sooner.
 constexpr TimeValue SettleNs = 1'000'000'000;
 
 /// @return nanoseconds that samples take at the nominal rate, rounded down once
@@ -50,7 +50,7 @@ TimeValue Pace::getTimestamp(std::uint64_t samples) const
            static_cast<TimeValue>(measureDrift(samples).ns);
 }
 
-/// @return how far the timestamps run ahead of nominal ones behind so many further samples
+/// @return lead of the timestamps over nominal ones after a number of further samples
 Pace::Drift Pace::measureDrift(std::uint64_t samples) const
 {
     const auto length = static_cast<std::int64_t>(
@@ -113,7 +113,8 @@ void Pace::observeBacklog()
 
 double Pace::getSpeedPpm() const
 {
-    // Timestamps that pass more slowly by this share belong to a source that is a little faster.
+    // If timestamps advance more slowly by this share, the source is slightly faster than the
+    // share.
     const double share = static_cast<double>(m_speedPpb) / Billion;
     return share / (1 - share) * 1e6;
 }

@@ -9,12 +9,11 @@
 namespace vlx::kit
 {
 
-/// Runs a function under a umask of its own, and waits for it. The umask of the process stays as it
-/// is, at every moment: the function runs on a new thread, which shares umask and working directory
-/// with the threads that it starts alone. Without a thread of its own kind (a sandbox can forbid
-/// it) it runs under the umask of the process.
+/// Runs a function under its own umask and waits for it, without changing the umask of the process:
+/// the function runs on a new thread that does not share its umask with the rest of the process. If
+/// the system forbids that, as a sandbox may, it runs under the umask of the process.
 ///
-/// Throws what the function throws, and std::system_error if there is no thread left.
+/// Throws what the function throws, and std::system_error if no thread can be started.
 template <class Function>
 void runWithUmask(mode_t mask, const Function& function)
 {

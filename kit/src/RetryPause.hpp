@@ -5,7 +5,7 @@
 namespace vlx::kit
 {
 
-/// Pauses between attempts that fail again and again: each twice as long as the one before, up to a
+/// Exponential back-off between failed attempts: each pause is twice the previous one, up to a
 /// limit.
 class RetryPause
 {
@@ -20,7 +20,7 @@ public:
         return pauseMs;
     }
 
-    /// An attempt has succeeded, or what it failed at is gone.
+    /// Restarts with the first pause, after a success or when the cause of the failures is gone.
     void reset()
     {
         m_nextMs = 0;

@@ -25,12 +25,12 @@ namespace
 // The library names its threads.
 constexpr std::string_view ListenerThreadName = "vlx-listener";
 
-// The mode that a receiver in Pipeline gives to the socket that it has bound.
+// Mode that a receiver in Pipeline sets on its socket file.
 constexpr mode_t PipelineReceiverMode = 0622;
 
 constexpr std::string_view SocketLinkPrefix = "socket:[";
 
-/// @return names in a directory; nothing if it cannot be read
+/// @return names in a directory; not set if it cannot be read
 std::optional<std::vector<std::string>> listNames(const std::string& path)
 {
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path.c_str()), ::closedir);
@@ -60,7 +60,7 @@ std::optional<Number> parseNumber(std::string_view text)
     return result.ec == std::errc() ? std::optional(number) : std::nullopt;
 }
 
-/// @return the socket's inode number; nothing if the descriptor is no socket
+/// @return the socket's inode number; not set if the descriptor is not a socket
 std::optional<std::uint64_t> readSocketInode(const std::string& link)
 {
     char target[64] = {};
@@ -71,11 +71,11 @@ std::optional<std::uint64_t> readSocketInode(const std::string& link)
     return parseNumber<std::uint64_t>(text.substr(SocketLinkPrefix.size()));
 }
 
-/// @return the effective user; also of a process that the system shows as root's, to protect it
+/// @return the effective user, even of a protected process whose files belong to root
 std::optional<uid_t> readUser(const std::string& process)
 {
     std::ifstream status(process + "/status");
-    // By lines: the name of a process, in another one, can contain anything.
+    // By lines: the process name, on another line, may contain any text.
     for (std::string line; std::getline(status, line);)
     {
         unsigned effective = 0;
@@ -95,7 +95,7 @@ bool hasListenerThread(const std::string& process)
                { return readLine(process + "/task/" + thread + "/comm") == ListenerThreadName; });
 }
 
-/// A sender's listening socket differs from most others that a process may have.
+/// @return whether the descriptor's flags are those of a sender's listening socket
 bool isSendersDescriptor(const std::string& process, const std::string& descriptor)
 {
     std::ifstream info(process + "/fdinfo/" + descriptor);
@@ -115,14 +115,14 @@ bool isOfPipelineReceiver(const std::string& socketFile)
            (status.st_mode & 0777) == PipelineReceiverMode;
 }
 
-/// What a process listens on.
+/// Sockets on which a process listens.
 struct Listeners
 {
     std::vector<std::string> names;       // of senders
     std::vector<std::string> socketFiles; // of their main channels
 };
 
-/// @return nothing if only the process's user may look
+/// @return not set if this user may not inspect the process
 std::optional<Listeners> findListeners(const std::string& process, const UnixSockets& sockets)
 {
     const std::string directory = process + "/fd";

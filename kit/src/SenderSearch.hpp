@@ -10,23 +10,23 @@
 namespace vlx::kit
 {
 
-/// What the system tells of the senders of this machine.
+/// Senders of this machine, as found in /proc and by socket diagnosis.
 struct SenderSearch
 {
     SenderList list;
-    /// Users with a process that sends under a name that could not be found out: hidden ones, and
-    /// those of another network namespace.
+    /// Users with a sender whose name is unknown: its process is hidden, or in another network
+    /// namespace.
     std::vector<uid_t> doubtfulUsers;
-    /// Names of the senders' directories in which somebody serves a socket, without their paths.
+    /// Names, without paths, of the senders' directories in which a process serves a socket.
     std::vector<std::string> servedDirectories;
-    /// Senders may be missing.
+    /// Whether senders may be missing.
     bool isIncomplete = false;
 };
 
 /// @thread any
 SenderSearch searchSenders();
 
-/// @return name of the sender's directory in a path below one; otherwise empty
+/// @return name of the sender's directory that contains the path; empty if none does
 std::string findSenderDirectoryName(const std::string& path);
 
 } // namespace vlx::kit

@@ -55,7 +55,7 @@ bool isHidden(std::uint32_t character)
     return range != HiddenCharacters.end() && range->first <= character;
 }
 
-/// @return number of bytes that a character has by its first one; 0 if none begins so
+/// @return number of bytes of a character, from its first byte; 0 for an invalid first byte
 std::size_t getCharacterLength(unsigned char first)
 {
     if (first < 0x80)
@@ -66,7 +66,8 @@ std::size_t getCharacterLength(unsigned char first)
                                             : 0;
 }
 
-/// @return number of bytes of the visible character that a text begins with; 0 if there is none
+/// @return number of bytes of the visible character at the start of a text; 0 if there is no such
+///         character
 std::size_t measureVisible(std::string_view text)
 {
     constexpr std::array<std::uint32_t, 5> Smallest = {0, 0, 0x80, 0x800, 0x10000};

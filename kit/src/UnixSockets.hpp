@@ -11,40 +11,40 @@
 namespace vlx::kit
 {
 
-/// A Unix-domain stream socket of this network namespace, as the kernel knows it.
+/// A Unix-domain stream socket of this network namespace, as reported by the kernel.
 struct UnixSocket
 {
     bool isListening = false;
-    /// Connected, and accepted if it is the listening side's end.
+    /// Connected; on the listening side also accepted.
     bool isConnected = false;
-    /// Connected, but the other end has been closed. False if that is unknown.
+    /// Connected, but the other end has been closed. False if unknown.
     bool isPeerGone = false;
     /// Address: the path of a file, or a 0 byte and a name of the abstract namespace. An accepted
-    /// socket has the name of the one that listens.
+    /// socket has the name of the listening one.
     std::string name;
-    /// Inode number of its file, in 32 bits, also of an accepted socket; 0 if there is none, or it
-    /// is unknown.
+    /// Inode number of its file, in 32 bits, also of an accepted socket; 0 if it has no file or the
+    /// number is unknown.
     std::uint32_t fileInode = 0;
 };
 
-/// All of them.
+/// All Unix-domain stream sockets of this network namespace.
 struct UnixSockets
 {
     std::unordered_map<std::uint64_t, UnixSocket> byInode;
-    /// Some sockets are missing, since a process has put forged lines into the kernel's text.
+    /// Some sockets are missing, because a process has forged lines in the kernel's text.
     bool isIncomplete = false;
-    /// They have the numbers of their files.
+    /// Whether fileInode is known.
     bool hasFiles = false;
 };
 
-/// Lists the sockets by socket diagnosis, whose names are bytes; where the kernel has none, by
-/// "/proc/net/unix".
+/// Lists the sockets by socket diagnosis, which reports names as bytes; if the kernel does not
+/// support it, by "/proc/net/unix".
 ///
 /// @thread any
 UnixSockets readUnixSockets();
 
-/// Parses the text of "/proc/net/unix". A name can contain newlines and so forge lines: a line that
-/// does not parse, the socket before it, and each socket that occurs twice are left out.
+/// Parses the text of "/proc/net/unix". A name can contain newlines and so forge lines. A line that
+/// does not parse, the socket before it, and each socket that occurs twice are omitted.
 UnixSockets parseUnixSockets(std::istream& text);
 
 /// Counts the connections of a listening socket whose other end is open.
@@ -53,9 +53,9 @@ UnixSockets parseUnixSockets(std::istream& text);
 /// @thread any
 std::size_t countConnections(const UnixSockets& sockets, std::string_view name);
 
-/// The same for a socket file, whatever the path by which it was bound.
+/// Counts the connections to a socket file whose other end is open, whatever path it was bound by.
 ///
-/// @return nothing if the system does not say which file a socket has
+/// @return not set if the system does not report the sockets' files
 std::optional<std::size_t>
 countConnectionsToFile(const UnixSockets& sockets, const std::string& path);
 

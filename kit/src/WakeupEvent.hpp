@@ -11,7 +11,8 @@
 namespace vlx::kit
 {
 
-/// Ends a thread's wait, also one for a descriptor. Wakes that nobody waits for are kept, as one.
+/// Wakes a thread that waits for it or for a descriptor. Wakes before a wait are kept, as a single
+/// one.
 class WakeupEvent
 {
 public:
@@ -26,7 +27,7 @@ public:
     WakeupEvent(const WakeupEvent&) = delete;
     WakeupEvent& operator=(const WakeupEvent&) = delete;
 
-    /// @return whether the system had a descriptor left
+    /// @return whether a descriptor was available at construction
     bool isOpen() const
     {
         return m_fd >= 0;
@@ -41,9 +42,9 @@ public:
         }
     }
 
-    /// Waits for a wake, for input from a descriptor, or until the time is over.
+    /// Waits for a wake, for input from a descriptor, or for the timeout.
     ///
-    /// @param inputFD  -1: none
+    /// @param inputFD  descriptor to wait for; -1: only for a wake
     /// @thread one at a time
     void wait(int timeoutMs, int inputFD = -1) const
     {
