@@ -9,7 +9,7 @@ set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 # Samples are compared bit by bit: no multiplication fused with an addition.
 set(CMAKE_CXX_FLAGS_INIT -ffp-contract=off)
 # Where a project looks for what is installed here by hand, beside the system root.
-list(APPEND CMAKE_FIND_ROOT_PATH /usr/local)
+list(APPEND CMAKE_FIND_ROOT_PATH ${CMAKE_PREFIX_PATH} /usr/local)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
