@@ -150,13 +150,12 @@ private:
 
     // Streaming thread, or state changes while there is none.
     std::optional<uid_t> m_senderUser;
-    std::optional<ClockEndpoint> m_streamEndpoint;
+    ClockEndpoint m_streamEndpoint; // of the last sender with a network clock
     std::optional<kit::StreamFormat> m_appliedFormat;
     bool m_warnedOfTimestamps = false;
 
     // Consumer's receiving thread.
     kit::StreamFormat m_format;
-    ClockType m_clockType = ClockType::Undetermined;
 
     // Set before m_mutex is locked: a flood in real time would keep others from that lock.
     std::atomic<bool> m_unlocked = false;
@@ -174,6 +173,7 @@ private:
     kit::ConsumerEvent::Kind m_lastEvent = kit::ConsumerEvent::Kind::Lost;
     std::chrono::steady_clock::time_point m_waitingSince;
     kit::ConsumerStatistics m_lastStatistics; // of a consumer that has been stopped
+    kit::AgeHistogram m_lastAges;             // likewise
     // State changes alone make and stop it; others use it with m_mutex held.
     std::unique_ptr<kit::Consumer> m_consumer;
 };
@@ -201,6 +201,7 @@ GstStructure* Src::makeStatistics() const
     const std::lock_guard lock(m_mutex);
     const kit::ConsumerStatistics counts =
         m_consumer ? m_consumer->getStatistics() : m_lastStatistics;
+    const kit::AgeHistogram ages = m_consumer ? m_consumer->getAges() : m_lastAges;
     const auto toCount = [](std::uint64_t value) { return static_cast<guint64>(value); };
     const auto toTime = [](std::optional<std::int64_t> value)
     { return static_cast<gint64>(value.value_or(0)); };
@@ -209,8 +210,8 @@ GstStructure* Src::makeStatistics() const
         G_TYPE_UINT64, toCount(counts.bytes), "gaps", G_TYPE_UINT64, toCount(counts.gaps),
         "dropped", G_TYPE_UINT64, toCount(m_dropped), "reconnects", G_TYPE_UINT64,
         toCount(counts.reconnects), "stalls", G_TYPE_UINT64, toCount(counts.stalls), "age",
-        G_TYPE_INT64, toTime(counts.ages.getPercentile(0.5)), "age-max", G_TYPE_INT64,
-        toTime(counts.ages.getMax()), nullptr);
+        G_TYPE_INT64, toTime(ages.getPercentile(0.5)), "age-max", G_TYPE_INT64,
+        toTime(ages.getMax()), nullptr);
 }
 
 bool Src::onStart()
@@ -241,6 +242,8 @@ bool Src::onStart()
     m_ending = false;
     m_unlocked = false;
     m_lastStatistics = {};
+    m_lastAges = {};
+    m_streamEndpoint = {};
     m_appliedFormat.reset();
     return true;
 }
@@ -297,7 +300,10 @@ bool Src::stop()
         m_consumer->stop(); // without m_mutex, which callbacks take
     const std::lock_guard lock(m_mutex);
     if (m_consumer)
+    {
         m_lastStatistics = m_consumer->getStatistics();
+        m_lastAges = m_consumer->getAges();
+    }
     m_consumer.reset();
     m_frames.clear();
     m_queuedBytes = 0;
@@ -317,12 +323,10 @@ std::optional<ClockEndpoint> Src::askForClock() const
 void Src::setUpClock()
 {
     const Settings settings = getSettings();
-    m_streamEndpoint.reset();
     if (!settings.provideClock || settings.name.empty())
         return;
-    m_streamEndpoint = askForClock();
-    if (m_streamEndpoint)
-        m_providedClock.offer(*m_streamEndpoint);
+    if (const auto endpoint = askForClock())
+        m_providedClock.offer(*endpoint);
 }
 
 void Src::answerLatency(GstQuery* query) const
@@ -371,7 +375,6 @@ void Src::dropOldest()
 void Src::onFormat(const kit::StreamFormat& format)
 {
     m_format = format;
-    m_clockType = ClockType::Undetermined;
 }
 
 // Elements behind this one rely on whole samples, and crash on empty buffers.
@@ -408,16 +411,8 @@ void Src::onFrame(const kit::Frame& frame)
     const bool isPlausible = frame.duration != 0 && frame.duration < ImplausibleNs;
     GST_BUFFER_DURATION(queued.buffer.get()) =
         isPlausible ? frame.duration : m_format.toNanoseconds(samples);
-    if (m_clockType == ClockType::Undetermined || m_clockType == ClockType::NoClock)
-        m_clockType = m_consumer->getStatistics().clock;
-    queued.clock = m_clockType;
-    if (m_clockType == ClockType::SyncedNetClock)
-    {
-        const TimeValue streamTime = m_consumer->getStreamTime();
-        if (streamTime != 0)
-            queued.streamOffset =
-                static_cast<std::int64_t>(streamTime - miscUtils::getMonotonicSysclockTime());
-    }
+    queued.clock = frame.clock;
+    queued.streamOffset = frame.clockOffsetNs;
     m_queuedBytes += size;
     m_frames.push_back(std::move(queued));
     while (isOverfull(settings))
@@ -539,8 +534,9 @@ bool Src::isStreamClock(GstClock* clock)
     const auto followed = getNetClockEndpoint(clock);
     if (!followed)
         return false;
-    if (!m_streamEndpoint)
-        m_streamEndpoint = askForClock().value_or(ClockEndpoint()); // asked once for each start
+    const kit::ConsumerClock announced = m_consumer->getClock();
+    if (announced.type == ClockType::SyncedNetClock) // otherwise these are frames of one before
+        m_streamEndpoint = {announced.address, announced.port};
     return followed == m_streamEndpoint;
 }
 

@@ -2,18 +2,36 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 
 #include <vlx/VlxPayload.hpp>
+#include <vlxkit/Consumer.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
 namespace vlx::kit
 {
 
+/// Keeps what a depayloader unwraps, so that it need not be copied from the receiver.
+class KeptFrame
+{
+public:
+    /// @return the last frame's media data, to be read or taken
+    Buffer& getFrame()
+    {
+        return m_frame;
+    }
+
+protected:
+    ~KeptFrame() = default;
+
+    Buffer m_frame;
+};
+
 /// Stands between a receiver and a depayloader of the application: withholds a header that only
 /// repeats the one before, so that a decoder in step is not disturbed.
 ///
 /// @thread as a depayloader
-class CodecRelay : public Depayloader
+class CodecRelay : public Depayloader, public KeptFrame
 {
 public:
     /// @param target  must outlive the relay
@@ -35,7 +53,8 @@ public:
 
     Buffer unwrapFrame(const ByteView& payload) override
     {
-        return m_target.unwrapFrame(payload);
+        m_frame = m_target.unwrapFrame(payload);
+        return {};
     }
 
     void reset() override
@@ -61,6 +80,12 @@ public:
         return m_target;
     }
 
+    /// @return what frames are to be read with
+    CodecFormat getFormat() const
+    {
+        return {getFourcc(), m_header.value_or(Buffer())};
+    }
+
 private:
     Depayloader& m_target;
     std::optional<Buffer> m_header; // that the target has accepted last
@@ -68,9 +93,15 @@ private:
 };
 
 /// PCM within the limits of StreamFormat.
-class BoundedPcmDepayloader : public PcmDepayloader
+class BoundedPcmDepayloader : public PcmDepayloader, public KeptFrame
 {
 public:
+    Buffer unwrapFrame(const ByteView& payload) override
+    {
+        m_frame.assign(payload.begin(), payload.end());
+        return {};
+    }
+
     bool processCodecHeader(const ByteView& codecHeader) override
     {
         return PcmDepayloader::processCodecHeader(codecHeader) && getFormat().isSupported();

@@ -26,6 +26,7 @@
 #include "ChannelCheck.hpp"
 #include "CodecRelay.hpp"
 #include "ConsumerRecord.hpp"
+#include "FrameQueue.hpp"
 #include "Gatekeeper.hpp"
 #include "RetryPause.hpp"
 #include "SenderQuestion.hpp"
@@ -55,6 +56,20 @@ log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox
 TimeValue getEnd(int durationMs)
 {
     return getMonotonicSysclockTime() + static_cast<TimeValue>(durationMs) * NsPerMs;
+}
+
+ClockType toClockType(TimeSyncProtocol protocol)
+{
+    switch (protocol)
+    {
+    case TimeSyncProtocol::MonotonicSystemClock:
+        return ClockType::MonotonicSystemClock;
+    case TimeSyncProtocol::GstNetClock:
+        return ClockType::SyncedNetClock;
+    case TimeSyncProtocol::Unknown:
+        break;
+    }
+    return ClockType::NoClock;
 }
 
 } // unnamed namespace
@@ -97,7 +112,23 @@ public:
     void stop();
     void requestStop();
     TimeValue getStreamTime() const;
+    ConsumerClock getClock() const;
     ConsumerStatistics getStatistics() const;
+
+    FrameQueue& getQueue()
+    {
+        return m_queue;
+    }
+
+    const ConsumerRecord& getRecord() const
+    {
+        return m_record;
+    }
+
+    bool usesQueue() const
+    {
+        return !m_callbacks.onFrame;
+    }
 
     bool isForkedCopy() const
     {
@@ -119,7 +150,8 @@ private:
     // Of the worker.
     void handleState(Receiver::State state);
     void handleSequence(Depayloader& depayloader);
-    void handleFrame(TimeValue timestamp, TimeValue duration, const Buffer& data);
+    void handleFrame(TimeValue timestamp, TimeValue duration);
+    std::optional<std::int64_t> measureClockOffset(TimeValue arrival) const;
     void handleRefusedFrame(FrameRefusal refusal);
     std::optional<std::string> checkSender(const ByteView& packet, uid_t user);
 
@@ -138,7 +170,7 @@ private:
     void pause(int durationMs);
 
     // Of any.
-    void tell(Kind kind, std::string text, std::uint32_t fourcc = 0) const;
+    void tell(Kind kind, std::string text, std::uint32_t fourcc = 0);
 
     // Of the thread that starts and stops.
     void notify(const std::string& restriction) const;
@@ -175,15 +207,18 @@ private:
     std::atomic<bool> m_endedByKeeper = false;   // whatever ends the connection now
     std::atomic<bool> m_endIsUnreported = false; // of a connection that the keeper has ended
     ConsumerRecord m_record;
+    FrameQueue m_queue; // empty with a frame callback
 
     // Of the worker.
     // Of the keeper as well, while the receiver is shut down.
     std::optional<Gatekeeper::Obstacle> m_refusal;
     ChannelCheck m_channel;     // that is in use: its directory stays open
     bool m_isAnnounced = false; // a sequence, in the present connection
+    ConsumerClock m_announcedClock;
     ClockType m_clock = ClockType::Undetermined;
     CodecRelay* m_codec = nullptr; // of the last sequence; null for PCM
     BoundedPcmDepayloader m_pcm;
+    const std::shared_ptr<FramePool> m_pool = std::make_shared<FramePool>();
 
     Receiver m_receiver; // last: its threads use all of the above
 };
@@ -200,16 +235,16 @@ Consumer::Impl::Impl(ConsumerOptions options, ConsumerCallbacks callbacks)
               m_codecs.reset();
               return isPlayable;
           }),
-      m_record(static_cast<TimeValue>(m_options.stallTimeout.count()))
+      m_record(static_cast<TimeValue>(m_options.stallTimeout.count())),
+      m_queue(m_options.queue)
 {
     m_receiver.addDepayloader(m_pcm);
     m_codecs.addDepayloader(m_pcm);
     m_receiver.setStateChangedCallback([this](Receiver::State state) { handleState(state); });
     m_receiver.setNewSequenceCallback([this](Depayloader& depayloader)
                                       { handleSequence(depayloader); });
-    m_receiver.setMediaDataCallback(
-        [this](TimeValue timestamp, TimeValue duration, const Buffer& data)
-        { handleFrame(timestamp, duration, data); });
+    m_receiver.setMediaDataCallback([this](TimeValue timestamp, TimeValue duration, const Buffer&)
+                                    { handleFrame(timestamp, duration); });
     m_receiver.setRefusedFrameCallback([this](FrameRefusal refusal)
                                        { handleRefusedFrame(refusal); });
     m_receiver.setInitialInfoCheckCallback(
@@ -246,6 +281,7 @@ Status Consumer::Impl::start()
     m_refusal.reset();
     m_gate.reset();
     m_record.onStart(getMonotonicSysclockTime());
+    m_queue.begin();
     m_started = true;
     m_process = ::getpid();
     try
@@ -255,6 +291,8 @@ Status Consumer::Impl::start()
     catch (const std::system_error& error)
     {
         m_started = false;
+        m_queue.end();
+        m_record.onStop();
         return {ErrorCode::OutOfResources, std::string("cannot start a thread: ") + error.what()};
     }
     return {};
@@ -266,8 +304,6 @@ Status Consumer::Impl::prepare()
         return {
             ErrorCode::NameInvalid,
             "the name of a stream has 1 to " + std::to_string(MaxSocketNameLength) + " bytes"};
-    if (!m_callbacks.onFrame)
-        return {ErrorCode::InvalidArgument, "a consumer needs a callback for its frames"};
     if (!m_wakeup.isOpen())
         return {ErrorCode::OutOfResources, "no descriptor is left"};
 
@@ -345,21 +381,32 @@ TimeValue Consumer::Impl::getStreamTime() const
     return m_receiver.getCurrentStreamTime();
 }
 
+ConsumerClock Consumer::Impl::getClock() const
+{
+    ConsumerClock clock = m_record.getClock();
+    const TimeValue now = getMonotonicSysclockTime();
+    const TimeValue streamTime =
+        clock.type == ClockType::SyncedNetClock ? m_receiver.getCurrentStreamTime() : 0;
+    if (clock.type == ClockType::MonotonicSystemClock)
+        clock.offsetNs = 0;
+    else if (streamTime != 0)
+        clock.offsetNs = static_cast<std::int64_t>(streamTime - now);
+    clock.isSynchronized = clock.offsetNs.has_value();
+    return clock;
+}
+
 ConsumerStatistics Consumer::Impl::getStatistics() const
 {
     ConsumerStatistics statistics = m_record.getStatistics();
+    statistics.dropped = m_queue.getNumDropped();
     statistics.state = m_receiver.getState();
     if (statistics.state == Receiver::State::Idle && m_started)
         statistics.state = Receiver::State::Connecting;
-    if (statistics.clock == ClockType::MonotonicSystemClock)
-        statistics.clockSynchronized = true;
-    if (statistics.clock == ClockType::SyncedNetClock)
+    if (statistics.clock != ClockType::Undetermined)
     {
-        const TimeValue streamTime = m_receiver.getCurrentStreamTime();
-        statistics.clockSynchronized = streamTime != 0;
-        if (statistics.clockSynchronized)
-            statistics.clockOffsetNs =
-                static_cast<std::int64_t>(streamTime - getMonotonicSysclockTime());
+        const ConsumerClock clock = getClock();
+        statistics.clockSynchronized = clock.isSynchronized;
+        statistics.clockOffsetNs = clock.offsetNs.value_or(0);
     }
     return statistics;
 }
@@ -370,7 +417,7 @@ void Consumer::Impl::handleState(Receiver::State state)
     if (state == Receiver::State::Running)
     {
         reportEnd(Ending::Stop); // of a connection that was lost as the keeper wanted to end it
-        m_record.onJoined(now);
+        m_record.onJoined(now, m_announcedClock);
         m_isAnnounced = false;
         tell(Kind::Joined, "joined " + quote(m_options.name));
         return;
@@ -408,6 +455,10 @@ void Consumer::Impl::handleSequence(Depayloader& depayloader)
         m_record.onSequence(m_clock, format, codec != nullptr && codec->hasChanged());
     if (!isIntroduced)
         return;
+    if (usesQueue() && format)
+        m_queue.put(*format);
+    else if (usesQueue())
+        m_queue.put(codec->getFormat());
     const CallbackScope scope(this);
     if (format && m_callbacks.onFormat)
         m_callbacks.onFormat(*format);
@@ -415,18 +466,41 @@ void Consumer::Impl::handleSequence(Depayloader& depayloader)
         m_callbacks.onCodec(codec->getTarget());
 }
 
-void Consumer::Impl::handleFrame(TimeValue timestamp, TimeValue duration, const Buffer& data)
+void Consumer::Impl::handleFrame(TimeValue timestamp, TimeValue duration)
 {
-    const TimeValue arrival = getMonotonicSysclockTime();
-    TimeValue streamTime = 0;
-    if (m_clock == ClockType::MonotonicSystemClock)
-        streamTime = arrival;
-    else if (m_clock == ClockType::SyncedNetClock)
-        streamTime = m_receiver.getCurrentStreamTime();
-    const auto [gapNs, isFirst] =
-        m_record.onFrame(timestamp, duration, data.size(), arrival, streamTime);
+    FrameInfo frame;
+    frame.timestamp = timestamp;
+    frame.duration = duration;
+    frame.arrival = getMonotonicSysclockTime();
+    frame.clock = m_clock;
+    frame.clockOffsetNs = measureClockOffset(frame.arrival);
+    Buffer& data = m_codec != nullptr ? m_codec->getFrame() : m_pcm.getFrame();
+    const TimeValue streamTime =
+        frame.clockOffsetNs ? frame.arrival + static_cast<TimeValue>(*frame.clockOffsetNs) : 0;
+    const ConsumerRecord::Place place =
+        m_record.onFrame(timestamp, duration, data.size(), frame.arrival, streamTime);
+    frame.gapNs = place.gapNs;
+    frame.isFirst = place.isFirst;
+    if (usesQueue())
+    {
+        Buffer next = m_codec != nullptr ? Buffer() : m_pool->take();
+        m_queue.putFrame(
+            ReceivedFrame(frame, std::exchange(data, std::move(next)), m_pool), place.lengthNs);
+        return;
+    }
     const CallbackScope scope(this);
-    m_callbacks.onFrame({timestamp, duration, data, gapNs, isFirst, arrival});
+    m_callbacks.onFrame({frame, data});
+}
+
+std::optional<std::int64_t> Consumer::Impl::measureClockOffset(TimeValue arrival) const
+{
+    if (m_clock == ClockType::MonotonicSystemClock)
+        return 0;
+    const TimeValue streamTime =
+        m_clock == ClockType::SyncedNetClock ? m_receiver.getCurrentStreamTime() : 0;
+    if (streamTime == 0)
+        return std::nullopt;
+    return static_cast<std::int64_t>(streamTime - arrival);
 }
 
 void Consumer::Impl::handleRefusedFrame(FrameRefusal refusal)
@@ -447,7 +521,13 @@ std::optional<std::string> Consumer::Impl::checkSender(const ByteView& packet, u
     m_channel = info ? checkChannel(*info, user) : ChannelCheck();
     m_refusal = m_gate.judgeGreeting(info, user, m_channel);
     if (!m_refusal)
+    {
+        m_announcedClock = {
+            .type = toClockType(info->timeSyncProtocol),
+            .address = info->timeSyncIPAddress,
+            .port = info->timeSyncPort};
         return m_channel.getURI();
+    }
     m_channel = {};
     m_isDoubtful = true;
     m_wakeup.wake();
@@ -468,6 +548,8 @@ void Consumer::Impl::keep()
     }
     m_question.reset();
     m_started = false;
+    m_queue.end();
+    m_record.onStop();
 }
 
 /// Asks the process that holds the name, for as long as it is not fit to be joined.
@@ -653,12 +735,16 @@ void Consumer::Impl::take(const Gatekeeper::Step& step)
     pause(step.pauseMs);
 }
 
-void Consumer::Impl::tell(Kind kind, std::string text, std::uint32_t fourcc) const
+void Consumer::Impl::tell(Kind kind, std::string text, std::uint32_t fourcc)
 {
-    if (!m_callbacks.onEvent)
-        return;
-    const CallbackScope scope(this);
-    m_callbacks.onEvent({kind, getMonotonicSysclockTime(), std::move(text), fourcc});
+    ConsumerEvent event{kind, getMonotonicSysclockTime(), std::move(text), fourcc};
+    if (m_callbacks.onEvent)
+    {
+        const CallbackScope scope(this);
+        m_callbacks.onEvent(event);
+    }
+    if (usesQueue())
+        m_queue.put(std::move(event));
 }
 
 Consumer::Consumer(ConsumerOptions options, ConsumerCallbacks callbacks)
@@ -704,6 +790,31 @@ void Consumer::requestStop()
     m_impl->requestStop();
 }
 
+std::optional<ConsumerItem> Consumer::read(std::chrono::nanoseconds timeout)
+{
+    return m_impl->getQueue().read(timeout);
+}
+
+int Consumer::getDescriptor()
+{
+    return m_impl->usesQueue() ? m_impl->getQueue().getDescriptor() : -1;
+}
+
+void Consumer::setQueueLimits(const QueueLimits& limits)
+{
+    m_impl->getQueue().setLimits(limits);
+}
+
+bool Consumer::waitUntilJoined(std::chrono::nanoseconds timeout) const
+{
+    return m_impl->getRecord().waitUntilJoined(timeout);
+}
+
+ConsumerClock Consumer::getClock() const
+{
+    return m_impl->getClock();
+}
+
 TimeValue Consumer::getStreamTime() const
 {
     return m_impl->getStreamTime();
@@ -712,6 +823,11 @@ TimeValue Consumer::getStreamTime() const
 ConsumerStatistics Consumer::getStatistics() const
 {
     return m_impl->getStatistics();
+}
+
+AgeHistogram Consumer::getAges() const
+{
+    return m_impl->getRecord().getAges();
 }
 
 } // namespace vlx::kit

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "TimedWait.hpp"
+
 namespace vlx::kit
 {
 
@@ -29,6 +31,14 @@ void ConsumerRecord::onStart(TimeValue now)
     m_waitBegin = now;
     m_losses.clear();
     m_vainStalls = 0;
+    m_isStopped = false;
+}
+
+void ConsumerRecord::onStop()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_isStopped = true;
+    m_condition.notify_all();
 }
 
 void ConsumerRecord::onConnecting(TimeValue now)
@@ -37,9 +47,11 @@ void ConsumerRecord::onConnecting(TimeValue now)
     m_connectingSince = now;
 }
 
-void ConsumerRecord::onJoined(TimeValue now)
+void ConsumerRecord::onJoined(TimeValue now, const ConsumerClock& clock)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
+    m_clock = clock;
+    m_condition.notify_all();
     m_connectingSince = 0;
     m_joinedSince = now;
     m_lastSign = now;
@@ -52,6 +64,7 @@ bool ConsumerRecord::onEnded(TimeValue now, bool byPeer)
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_connectingSince = 0;
     m_counts.clock = Receiver::StreamClockType::Undetermined;
+    m_clock = {};
     if (std::exchange(m_joinedSince, 0) == 0)
         return false;
     if (std::exchange(m_hadFrame, false))
@@ -107,12 +120,12 @@ ConsumerRecord::Place ConsumerRecord::onFrame(
     ++m_counts.frames;
     m_counts.bytes += size;
     if (streamTime != 0)
-        m_counts.ages.add(static_cast<std::int64_t>(streamTime - timestamp));
+        m_ages.add(static_cast<std::int64_t>(streamTime - timestamp));
 
     const TimeValue length = getLength(duration, size);
     const std::int64_t gapNs = measureGap(timestamp, length);
     m_expectedTimestamp = timestamp + length;
-    return {gapNs, std::exchange(m_isFirstFrame, false)};
+    return {gapNs, std::exchange(m_isFirstFrame, false), length};
 }
 
 /// A PCM frame has a length even if its sender does not say it.
@@ -202,6 +215,25 @@ ConsumerStatistics ConsumerRecord::getStatistics() const
     ConsumerStatistics counts = m_counts;
     counts.reconnects = std::max<std::uint64_t>(counts.connections, 1) - 1;
     return counts;
+}
+
+AgeHistogram ConsumerRecord::getAges() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_ages;
+}
+
+ConsumerClock ConsumerRecord::getClock() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_clock;
+}
+
+bool ConsumerRecord::waitUntilJoined(std::chrono::nanoseconds timeout) const
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    waitFor(m_condition, lock, timeout, [this] { return m_joinedSince != 0 || m_isStopped; });
+    return m_joinedSince != 0;
 }
 
 } // namespace vlx::kit

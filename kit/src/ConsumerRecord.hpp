@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <mutex>
@@ -22,6 +24,7 @@ public:
     {
         std::int64_t gapNs;
         bool isFirst;
+        TimeValue lengthNs; ///< of its media
     };
 
     /// @param stallLimitNs  time without a frame after which a connection counts as stalled; 0:
@@ -36,7 +39,11 @@ public:
     /// The receiver looks for a sender.
     void onConnecting(TimeValue now);
 
-    void onJoined(TimeValue now);
+    /// @param clock  what the sender says about it
+    void onJoined(TimeValue now, const ConsumerClock& clock = {});
+
+    /// Nothing will be joined any more.
+    void onStop();
 
     /// The receiver has no connection any more, or never had one, or does not look for one now.
     ///
@@ -87,8 +94,17 @@ public:
     /// @return whether the present connection has brought a frame
     bool hasFrame() const;
 
-    /// @return everything but state and clock offset
+    /// @return everything but state, drops and clock offset
     ConsumerStatistics getStatistics() const;
+
+    AgeHistogram getAges() const;
+
+    /// @return what the sender has said about its clock
+    ConsumerClock getClock() const;
+
+    /// @param timeout  negative: no limit
+    /// @return whether there is a connection
+    bool waitUntilJoined(std::chrono::nanoseconds timeout) const;
 
 private:
     TimeValue getLength(TimeValue duration, std::size_t size) const;
@@ -96,8 +112,12 @@ private:
 
     const TimeValue m_stallLimitNs;
     mutable std::mutex m_mutex;
+    mutable std::condition_variable m_condition; // joined, or stopped
     // All guarded by m_mutex.
     ConsumerStatistics m_counts;
+    AgeHistogram m_ages;
+    ConsumerClock m_clock; // of the present connection
+    bool m_isStopped = true;
     std::deque<TimeValue> m_losses;               // without a sequence; the last ones, oldest first
     TimeValue m_lastSign = 0;                     // the join, or the last frame after it
     unsigned m_vainStalls = 0;                    // since the last frame or loss

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 
 #include <sys/types.h>
 
@@ -21,6 +22,16 @@
 
 namespace vlx::kit
 {
+
+/// What may wait in a consumer's queue. Of the frames beyond any of these limits the oldest ones are
+/// dropped; the newest frame always stays.
+struct QueueLimits
+{
+    /// Time between the arrivals of the oldest frame and the newest; zero: no limit.
+    std::chrono::nanoseconds time = std::chrono::seconds(1);
+    std::size_t bytes = 64 << 20; ///< of media data; 0: no limit
+    std::size_t frames = 10'000;  ///< 0: no limit
+};
 
 /// Options of a Consumer.
 struct ConsumerOptions
@@ -43,14 +54,15 @@ struct ConsumerOptions
     /// Receives informational messages, such as restrictions, one line each, on the thread that
     /// calls start(). Not set: they go to the logger "Vellox.Kit" as WARN.
     std::function<void(const std::string&)> onNotice = {};
+    /// For a consumer without a frame callback, whose frames wait until they are read.
+    QueueLimits queue = {};
 };
 
-/// One frame, as the frame callback gets it.
-struct Frame
+/// What is known about a frame.
+struct FrameInfo
 {
     TimeValue timestamp = 0; ///< as the sender gave it; nanoseconds by convention
     TimeValue duration = 0;  ///< same unit
-    const Buffer& data;      ///< valid during the callback only: copy what you keep
     /// Nanoseconds between the end of the frame before and this one: positive if media is missing,
     /// negative if frames overlap, 0 within the jitter of a millisecond or half a frame. Also
     /// across two connections; 0 for the first frame of all, and after a change of the stream's
@@ -60,6 +72,65 @@ struct Frame
     /// sequence that only repeats what is known is none of these.
     bool isFirst = false;
     TimeValue arrival = 0; ///< nanoseconds of CLOCK_MONOTONIC
+    /// Clock that the timestamp stands on.
+    Receiver::StreamClockType clock = Receiver::StreamClockType::Undetermined;
+    /// That clock less CLOCK_MONOTONIC, nanoseconds, measured as the frame arrived: 0 for the
+    /// system's clock; not set for a stream without a clock, and until a network clock is
+    /// synchronised.
+    std::optional<std::int64_t> clockOffsetNs = {};
+
+    /// @return the timestamp as a time of CLOCK_MONOTONIC; not set while that cannot be told
+    std::optional<TimeValue> getMonotonicTime() const
+    {
+        if (!clockOffsetNs)
+            return std::nullopt;
+        return timestamp - static_cast<TimeValue>(*clockOffsetNs);
+    }
+};
+
+/// One frame, as the frame callback gets it.
+struct Frame : FrameInfo
+{
+    const Buffer& data; ///< valid during the callback only: copy what you keep
+};
+
+class FramePool;
+
+/// One frame from a consumer's queue, which owns its data. It can be moved and kept, also longer
+/// than the consumer lives. Destroy it when it is done: its memory serves a later frame, so that
+/// receiving allocates nothing.
+///
+/// @thread one at a time
+struct ReceivedFrame : FrameInfo
+{
+    Buffer data; ///< may be taken by std::move()
+    /// Frames that were dropped directly before this one since the queue was full. What they held
+    /// counts as a part of gapNs.
+    std::uint64_t numDropped = 0;
+
+    /// A frame without data.
+    VLX_API ReceivedFrame();
+    /// For the consumer.
+    VLX_API ReceivedFrame(const FrameInfo& info, Buffer bytes, std::shared_ptr<FramePool> pool);
+    /// The other one has no data afterwards.
+    VLX_API ReceivedFrame(ReceivedFrame&& other) noexcept;
+    /// The other one has what this one had.
+    VLX_API ReceivedFrame& operator=(ReceivedFrame&& other) noexcept;
+    /// Gives the memory back.
+    VLX_API ~ReceivedFrame();
+
+private:
+    std::shared_ptr<FramePool> m_pool;
+};
+
+/// Codec of the frames that follow, if it is not PCM.
+struct CodecFormat
+{
+    std::uint32_t fourcc = 0; ///< code of the codec, four characters, lowest byte first
+    Buffer header;            ///< as the sender announced it
+
+    /// Every field.
+    bool operator==(const CodecFormat&) const = default;
 };
 
 /// A change of the connection, or the reason why there is no connection.
@@ -105,13 +176,31 @@ struct ConsumerEvent
 /// @return such as "joined"; a static string
 VLX_API const char* toString(ConsumerEvent::Kind kind);
 
-/// Callbacks of a Consumer. Only onFrame is required. No lock is held during a call, and no two
+/// What Consumer::read() returns: a format or codec, before the first frame of each connection and
+/// at each change; a frame; or an event.
+using ConsumerItem = std::variant<StreamFormat, CodecFormat, ReceivedFrame, ConsumerEvent>;
+
+/// The clock of a consumer's present connection.
+struct ConsumerClock
+{
+    /// Undetermined without a connection.
+    Receiver::StreamClockType type = Receiver::StreamClockType::Undetermined;
+    std::string address = {}; ///< of a network clock's provider, as the sender announces it
+    std::uint16_t port = 0;   ///< of the same
+    /// Always for the system's clock; once synchronised for a network's.
+    bool isSynchronized = false;
+    /// The clock less CLOCK_MONOTONIC, nanoseconds; not set while it is not known.
+    std::optional<std::int64_t> offsetNs = {};
+};
+
+/// Callbacks of a Consumer. All are optional: without onFrame the consumer puts everything into a
+/// queue for Consumer::read(), and calls the others all the same. No lock is held during a call, and no two
 /// calls overlap. Callbacks must not throw, nor start, stop or destroy the consumer; they may call
 /// requestStop(). A callback that takes long makes this consumer lose frames, and no other.
 struct ConsumerCallbacks
 {
     /// Receives each frame, on the receiving thread.
-    std::function<void(const Frame&)> onFrame;
+    std::function<void(const Frame&)> onFrame = {};
     /// Receives the format of the PCM frames that follow: before the first frame of each
     /// connection, and at each change. On the receiving thread.
     std::function<void(const StreamFormat&)> onFormat = {};
@@ -140,12 +229,10 @@ struct ConsumerStatistics
     std::uint64_t connections = 0; ///< that brought a frame
     std::uint64_t reconnects = 0;  ///< connections after the first
     std::uint64_t stalls = 0;      ///< connections given up without frames
+    std::uint64_t dropped = 0;     ///< frames that were too many for the queue
     /// From start(), or from the loss of the connection before, to the first frame; of the present
     /// or last connection, nanoseconds; 0 before.
     TimeValue joinNs = 0;
-    /// Of frames on arrival, against the stream's clock. Empty for a stream without a clock, and
-    /// for frames that came before its network clock was synchronised.
-    AgeHistogram ages;
     StreamFormat format = {}; ///< of the present or last PCM sequence
     /// Of the present connection.
     Receiver::StreamClockType clock = Receiver::StreamClockType::Undetermined;
@@ -176,12 +263,17 @@ struct ConsumerStatistics
 /// A misuse stops the process with an assertion that says what to do: start(), stop() or
 /// destruction inside a callback of this consumer, and two of these calls at once.
 ///
+/// Everything can be had in two ways. With a frame callback the receiving thread calls back, at
+/// once. Without one it puts formats, frames and events into a queue, in order, and never waits for
+/// who reads them: while (auto item = consumer.read()) ... An event loop watches getDescriptor() and
+/// reads with a timeout of zero until nothing is left.
+///
 /// Throws only what the standard library throws (no memory, no thread).
 class Consumer
 {
 public:
     /// A consumer that does nothing yet.
-    VLX_API Consumer(ConsumerOptions options, ConsumerCallbacks callbacks);
+    VLX_API explicit Consumer(ConsumerOptions options, ConsumerCallbacks callbacks = {});
 
     /// Calls stop().
     VLX_API ~Consumer();
@@ -207,7 +299,7 @@ public:
     /// Starts to receive; returns at once, with or without a sender. On a consumer that was asked
     /// to stop it completes that stop first.
     ///
-    /// @return NameInvalid; InvalidArgument without onFrame; NoDirectory, DirectoryNotTrusted or
+    /// @return NameInvalid; NoDirectory, DirectoryNotTrusted or
     ///         NotPermitted for the base directory; NotPermitted also if real-time scheduling is
     ///         required and not available; OutOfResources
     /// @thread one at a time with stop(), never inside a callback
@@ -234,6 +326,40 @@ public:
     /// @thread any, callbacks included
     VLX_API void requestStop();
 
+    /// Takes what has come next from the queue, in the order in which it came. When the queue is
+    /// full, the oldest frame is dropped and counted, never a format or an event: those stay until
+    /// they are read, some hundred bytes each. The events keep to what ConsumerCallbacks::onEvent
+    /// says.
+    ///
+    /// @param timeout  how long to wait; zero: only look; negative: without limit
+    /// @return not set if nothing has come in time; at once if the consumer is not started, or has
+    ///         stopped, and everything was read. requestStop() ends the wait as soon as the stop is
+    ///         complete, after the last event; always not set with a frame callback
+    /// @thread any; not during the destruction
+    VLX_API std::optional<ConsumerItem>
+    read(std::chrono::nanoseconds timeout = std::chrono::nanoseconds(-1));
+
+    /// @return a descriptor for poll() and event loops that is readable as long as something waits
+    ///         to be read; it stays the consumer's. Reading and closing it is forbidden; a stop does
+    ///         not make it readable. -1 if no descriptor is left, or there is a frame callback
+    /// @thread any
+    VLX_API int getDescriptor();
+
+    /// Changes ConsumerOptions::queue. Frames beyond the new limits are dropped at once.
+    /// @thread any
+    VLX_API void setQueueLimits(const QueueLimits& limits);
+
+    /// Waits until a sender is joined.
+    ///
+    /// @param timeout  zero: only look; negative: without limit
+    /// @return whether one is joined now; false at once if the consumer is not started, or stops
+    /// @thread any, but not inside a callback
+    VLX_API bool waitUntilJoined(std::chrono::nanoseconds timeout) const;
+
+    /// @return the clock of the present connection, with its provider
+    /// @thread any, callbacks included
+    VLX_API ConsumerClock getClock() const;
+
     /// @return nanoseconds on the stream's clock; 0 while it is not known
     /// @thread any, callbacks included
     VLX_API TimeValue getStreamTime() const;
@@ -241,6 +367,12 @@ public:
     /// Returns the counts so far.
     /// @thread any, callbacks included
     VLX_API ConsumerStatistics getStatistics() const;
+
+    /// Returns the ages of all frames on arrival, against the stream's clock: without those of a
+    /// stream without a clock, and those that came before a network clock was synchronised. A copy
+    /// of 15 KB, during which a frame may have to wait: ask now and then, not per frame.
+    /// @thread any, callbacks included
+    VLX_API AgeHistogram getAges() const;
 
 private:
     class Impl;

@@ -13,13 +13,16 @@
 #include <vector>
 
 #include <log4cplus/logger.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <vlxkit/Consumer.hpp>
+#include <vlxkit/Discovery.hpp>
 
 #include "ConsumerRecord.hpp"
+#include "FrameQueue.hpp"
 #include "RetryPause.hpp"
 #include "SenderQuestion.hpp"
 #include "WakeupEvent.hpp"
@@ -286,7 +289,7 @@ TEST_F(ConsumerTest, DeliversAndJoinsAgain)
     EXPECT_EQ(statistics.gapNs, 20U);
     EXPECT_EQ(statistics.connections, 2U);
     EXPECT_EQ(statistics.reconnects, 1U);
-    EXPECT_EQ(statistics.ages.getCount(), 4U);
+    EXPECT_EQ(consumer.get().getAges().getCount(), 4U);
     EXPECT_GT(statistics.joinNs, 0U);
 
     ASSERT_TRUE(consumer.start());
@@ -933,8 +936,6 @@ TEST_F(ConsumerTest, RefusesWhatCannotWork)
         EXPECT_EQ(status.getText(), "the name of a stream has 1 to 107 bytes");
     }
     const std::string missing = getTempDirectory() + "/missing";
-    Consumer deaf({.name = getSocketName()}, {});
-    EXPECT_EQ(deaf.start().getCode(), ErrorCode::InvalidArgument);
     Consumer consumer(
         {.name = getSocketName(), .baseDirectory = missing}, {.onFrame = [](const Frame&) {}});
     const Status status = consumer.start();
@@ -957,25 +958,205 @@ TEST_F(ConsumerTest, MovesWhileItReceives)
     EXPECT_EQ(second.getStatistics().connections, 1U);
 }
 
-TEST_F(ConsumerTest, AFrameCostsOneAllocationAsInTheLibrary)
+TEST_F(ConsumerTest, AFrameCostsNeitherAnAllocationNorASecondCopy)
 {
-    ScriptedSender sender(getSocketName());
-    std::atomic<std::size_t> allocations = 0; // from frame to frame
-    std::atomic<int> frames = 0;
-    Consumer consumer(
-        {.name = getSocketName()}, {.onFrame = [&, before = std::size_t(0)](const Frame&) mutable
-                                    {
-                                        const std::size_t now = countAllocationsOfThread();
-                                        allocations = now - std::exchange(before, now);
-                                        ++frames;
-                                    }});
     log4cplus::Logger logger = log4cplus::Logger::getInstance("Vellox");
     logger.setLogLevel(log4cplus::OFF_LOG_LEVEL); // messages take memory, too
-    ASSERT_TRUE(consumer.start());
-    ASSERT_TRUE(waitFor([&] { return sender.send(makeFrame(1, 10)) && frames > 2; }));
-    EXPECT_EQ(allocations, 1U);
-    consumer.stop();
+    ScriptedSender sender(getSocketName());
+    std::atomic<std::size_t> allocations = 0; // of the receiving thread
+    std::atomic<int> frames = 0;
+    Consumer calling(
+        {.name = getSocketName()}, {.onFrame = [&](const Frame&)
+                                    {
+                                        allocations = countAllocationsOfThread();
+                                        ++frames;
+                                    }});
+    Consumer pulling(ConsumerOptions{.name = getSocketName()});
+    ASSERT_TRUE(calling.start() && pulling.start());
+    ASSERT_TRUE(calling.waitUntilJoined(5s) && pulling.waitUntilJoined(5s));
+    std::set<const unsigned char*> places;
+    std::size_t before = 0;
+    std::size_t beforeCalling = 0;
+    const auto takeFrame = [&]
+    {
+        while (auto item = pulling.read(5s))
+        {
+            if (const auto* const frame = std::get_if<ReceivedFrame>(&*item))
+                return places.insert(frame->data.data()), true;
+        }
+        return false;
+    };
+    for (int i = 0; i < 20; ++i)
+    {
+        const std::size_t ofSender = countAllocationsOfThread();
+        const int former = frames;
+        ASSERT_TRUE(sender.send(makeFrame(1, 10), 2));
+        const std::size_t sent = countAllocationsOfThread() - ofSender;
+        const std::size_t ofReader = countAllocationsOfThread();
+        ASSERT_TRUE(takeFrame());
+        ASSERT_TRUE(waitFor([&] { return frames > former; }));
+        if (i < 10) // by then everything has its size
+        {
+            before = countAllocations();
+            beforeCalling = allocations;
+            continue;
+        }
+        EXPECT_EQ(countAllocationsOfThread() - ofReader, 0U) << "of the reading side";
+        EXPECT_EQ(countAllocations() - before, sent) << "of all threads but this one's sender";
+        EXPECT_EQ(allocations, beforeCalling) << "of a receiving thread that calls back";
+        before = countAllocations();
+    }
+    EXPECT_LE(places.size(), 3U) << "the memory of the frames before serves again";
+    calling.stop();
+    pulling.stop();
     logger.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
+}
+
+/// @return an item as a line of text, such as "frame 5 gap 0 dropped 2 first"
+std::string toLine(const ConsumerItem& item)
+{
+    if (const auto* const event = std::get_if<ConsumerEvent>(&item))
+        return toString(event->kind);
+    if (const auto* const format = std::get_if<StreamFormat>(&item))
+        return toText(*format);
+    if (const auto* const codec = std::get_if<CodecFormat>(&item))
+        return "codec " + toFourccText(codec->fourcc) + " of " +
+               std::to_string(codec->header.size());
+    const auto& frame = std::get<ReceivedFrame>(item);
+    return "frame " + std::to_string(frame.timestamp) + " gap " + std::to_string(frame.gapNs) +
+           " dropped " + std::to_string(frame.numDropped) + (frame.isFirst ? " first" : "");
+}
+
+/// @return whether something waits, as poll() sees it
+bool isReadable(int fd)
+{
+    pollfd entry{fd, POLLIN, 0};
+    return ::poll(&entry, 1, 0) == 1;
+}
+
+TEST_F(ConsumerTest, IsReadInOrderUntilItIsStopped)
+{
+    TestDepayloader depayloader;
+    Consumer consumer(ConsumerOptions{.name = getSocketName()});
+    consumer.addDepayloader(depayloader);
+    EXPECT_FALSE(consumer.read()) << "not started";
+    EXPECT_FALSE(consumer.waitUntilJoined(-1ns)) << "not started";
+    const int fd = consumer.getDescriptor();
+    ASSERT_TRUE(consumer.start());
+    EXPECT_FALSE(consumer.read(0ns));
+    EXPECT_FALSE(consumer.read(1ms));
+    EXPECT_FALSE(consumer.waitUntilJoined(1ms));
+    EXPECT_FALSE(isReadable(fd));
+    std::optional<ScriptedSender> sender(getSocketName());
+    ASSERT_TRUE(consumer.waitUntilJoined(5s));
+    EXPECT_EQ(consumer.getClock().type, Receiver::StreamClockType::MonotonicSystemClock);
+    EXPECT_EQ(consumer.getClock().offsetNs, 0);
+    std::vector<std::string> lines;
+    const auto read = [&]
+    {
+        const auto item = consumer.read(5s);
+        if (item)
+            lines.push_back(toLine(*item));
+        return item.has_value();
+    };
+    EXPECT_TRUE(read() && read());
+    EXPECT_FALSE(isReadable(fd));
+    ASSERT_TRUE(sender->send(makeFrame(1, 10)));
+    ASSERT_TRUE(waitFor([&] { return isReadable(fd); }));
+    Buffer codec = makeForeignSequenceInfo();
+    codec[2] = 2;
+    codec[8] = 'P';
+    ASSERT_TRUE(sender->send(codec));
+    ASSERT_TRUE(sender->send(makeFrame(2, 20)));
+    EXPECT_TRUE(read() && read() && read());
+    sender.reset();
+    EXPECT_TRUE(read());
+    // A reader that waits without limit.
+    sender.emplace(getSocketName());
+    Consumer moved(std::move(consumer));
+    consumer = std::move(moved);
+    std::thread reader(
+        [&]
+        {
+            while (const auto item = consumer.read())
+                lines.push_back(toLine(*item));
+        });
+    EXPECT_TRUE(waitFor([&] { return consumer.getStatistics().sequences == 3; }));
+    consumer.requestStop();
+    reader.join();
+    EXPECT_FALSE(isReadable(fd));
+    consumer.stop();
+    const std::string format = "S16LE, 48000 Hz, 2 channels";
+    EXPECT_EQ(
+        lines, (std::vector<std::string>{
+                   "joined", format, "frame 10 gap 0 dropped 0 first", "codec ABCD of 6",
+                   "frame 20 gap 0 dropped 0 first", "lost", "joined", format, "lost"}));
+}
+
+TEST_F(ConsumerTest, AReaderThatStandsStillCostsOnlyItsOwnOldestFrames)
+{
+    ScriptedSender sender(getSocketName());
+    ConsumerOptions options{.name = getSocketName()};
+    options.queue = {.time = 0ns, .bytes = 0, .frames = 3};
+    Consumer stopped(options);
+    RecordedConsumer other({.name = getSocketName()});
+    ASSERT_TRUE(stopped.start() && other.start());
+    constexpr std::uint8_t NumFrames = 20;
+    ASSERT_TRUE(stopped.waitUntilJoined(5s) && other.waitForEvent("format"));
+    for (std::uint8_t i = 1; i <= NumFrames; ++i)
+    {
+        ASSERT_TRUE(sender.send(makeFrame(1, static_cast<std::uint8_t>(10 * i)), 2));
+        ASSERT_TRUE(waitFor(
+            [&] { return stopped.getStatistics().frames == i && other.count("frame") == i; }));
+    }
+    EXPECT_EQ(stopped.getStatistics().dropped, 17U);
+    ReceivedFrame kept;
+    std::vector<std::string> lines;
+    while (auto item = stopped.read(0ns))
+    {
+        lines.push_back(toLine(*item));
+        if (auto* const frame = std::get_if<ReceivedFrame>(&*item))
+            kept = std::move(*frame);
+    }
+    EXPECT_EQ(
+        lines, (std::vector<std::string>{
+                   "joined", "S16LE, 48000 Hz, 2 channels", "frame 180 gap 170 dropped 17 first",
+                   "frame 190 gap 0 dropped 0", "frame 200 gap 0 dropped 0"}));
+    stopped = Consumer(options);
+    EXPECT_EQ(kept.data, (Buffer{0xD0, 0xD1, 0xD2, 0xD3})) << "it outlives its consumer";
+}
+
+TEST(FrameQueueTest, DropsBeyondEachLimitOldestFirst)
+{
+    struct Row
+    {
+        const char* name;
+        QueueLimits limits;
+        std::string line; // what is read first
+    };
+    const Row rows[] = {
+        {"no limits", {.time = 0ns, .bytes = 0, .frames = 0}, "frame 0 gap 0 dropped 0 first"},
+        {"frames", {.time = 0ns, .bytes = 0, .frames = 4}, "frame 60 gap 60 dropped 6 first"},
+        {"bytes", {.time = 0ns, .bytes = 25, .frames = 0}, "frame 80 gap 80 dropped 8 first"},
+        {"time", {.time = 30ns, .bytes = 0, .frames = 0}, "frame 60 gap 60 dropped 6 first"},
+        {"less than a frame", {.time = 1ns, .bytes = 1}, "frame 90 gap 90 dropped 9 first"}};
+    for (const Row& row : rows)
+    {
+        for (const bool isLater : {false, true})
+        {
+            FrameQueue queue(isLater ? QueueLimits{.time = 0ns} : row.limits);
+            for (TimeValue i = 0; i < 10; ++i)
+            {
+                FrameInfo info;
+                info.timestamp = info.arrival = 10 * i;
+                info.isFirst = i == 0;
+                queue.putFrame(ReceivedFrame(info, Buffer(10), nullptr), 10);
+            }
+            if (isLater)
+                queue.setLimits(row.limits);
+            EXPECT_EQ(toLine(*queue.read(0ns)), row.line) << row.name;
+        }
+    }
 }
 
 TEST_F(ConsumerTest, LeavesASilentSenderAlone)
@@ -1080,10 +1261,10 @@ TEST(ConsumerRecordTest, MeasuresGaps)
     EXPECT_EQ(statistics.gaps, 4U);
     EXPECT_EQ(statistics.gapNs, 13 * Ms + 102);
     EXPECT_EQ(statistics.overlaps, 2U);
-    EXPECT_EQ(statistics.ages.getCount(), 0U);
+    EXPECT_EQ(record.getAges().getCount(), 0U);
     record.onSequence(Receiver::StreamClockType::MonotonicSystemClock, StreamFormat{});
     EXPECT_EQ(record.onFrame(99 * Ms, Ms, 192, 100 * Ms, 100 * Ms).gapNs, 0) << "another clock";
-    EXPECT_EQ(record.getStatistics().ages.getMax(), Ms);
+    EXPECT_EQ(record.getAges().getMax(), Ms);
 
     record.onEnded(200 * Ms, true);
     record.onJoined(220 * Ms);

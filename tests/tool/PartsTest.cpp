@@ -219,7 +219,7 @@ TEST(RenderingTest, CountsHaveTheirUnits)
     total.sequences = 1;
     total.format = {PcmFormat::S16LE, 48000, 2};
     total.reconnects = 4;
-    total.ages.add(1'500'000);
+    snapshot.totalAges.add(1'500'000);
     total.clock = Receiver::StreamClockType::SyncedNetClock;
     total.clockSynchronized = true;
     total.clockOffsetNs = -1'500'000'000;

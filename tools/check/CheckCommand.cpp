@@ -158,12 +158,12 @@ Finding checkStream(StopSignal& stop)
     producer.close();
     consumer.stop();
 
-    const kit::ConsumerStatistics statistics = consumer.getStatistics();
-    const auto lost = producer.getStatistics().frames - statistics.frames;
-    const std::int64_t age = statistics.ages.getPercentile(0.99).value_or(0);
+    const auto lost = producer.getStatistics().frames - consumer.getStatistics().frames;
+    const kit::AgeHistogram ages = consumer.getAges();
+    const std::int64_t age = ages.getPercentile(0.99).value_or(0);
     finding.result = std::to_string(lost) + " of " +
                      std::to_string(producer.getStatistics().frames) + " frames lost, age p50 " +
-                     toMilliseconds(statistics.ages.getPercentile(0.5).value_or(0)) + ", p99 " +
+                     toMilliseconds(ages.getPercentile(0.5).value_or(0)) + ", p99 " +
                      toMilliseconds(age);
     finding.advice = lost > 0 || age > MaxAgeNs ? "the machine is too busy: try --realtime" : "";
     return finding;

@@ -98,13 +98,13 @@ struct Metric
     bool isCounter = false;
 };
 
-std::vector<Metric> listMetrics(const kit::ConsumerStatistics& total)
+std::vector<Metric> listMetrics(const kit::ConsumerStatistics& total, const kit::AgeHistogram& ages)
 {
     constexpr bool IsCounter = true;
     const auto toDouble = [](std::uint64_t count) { return static_cast<double>(count); };
     const auto getAge = [&](double fraction)
     {
-        const auto age = total.ages.getPercentile(fraction);
+        const auto age = ages.getPercentile(fraction);
         return age ? std::optional(static_cast<double>(*age) / 1e9) : std::nullopt;
     };
     return {
@@ -211,7 +211,7 @@ std::string renderMetrics(const std::vector<StreamSnapshot>& snapshots)
 {
     std::ostringstream text;
     text.precision(std::numeric_limits<double>::max_digits10);
-    const auto families = listMetrics({});
+    const auto families = listMetrics({}, {});
     for (std::size_t i = 0; i < families.size(); ++i)
     {
         const Metric& family = families[i];
@@ -219,7 +219,7 @@ std::string renderMetrics(const std::vector<StreamSnapshot>& snapshots)
              << "\n# HELP " << family.name << " " << family.help << "\n";
         for (const StreamSnapshot& snapshot : snapshots)
         {
-            if (const auto value = listMetrics(snapshot.total)[i].value)
+            if (const auto value = listMetrics(snapshot.total, snapshot.totalAges)[i].value)
                 text << family.name << (family.isCounter ? "_total" : "")
                      << "{stream=" << std::quoted(toPrintable(snapshot.name)) << "} " << *value
                      << "\n";

@@ -4,8 +4,6 @@
 #include <cmath>
 #include <utility>
 
-#include <vlxkit/Discovery.hpp>
-
 #include "common/ExitCodes.hpp"
 #include "common/NetClock.hpp"
 #include "common/SenderReport.hpp"
@@ -119,8 +117,9 @@ StreamSnapshot StreamMeter::takeSnapshot()
     snapshot.seconds = std::chrono::duration<double>(now - m_snapshotTime).count();
     snapshot.frames = snapshot.total.frames - m_before.frames;
     snapshot.bytes = snapshot.total.bytes - m_before.bytes;
-    snapshot.ages = snapshot.total.ages;
-    snapshot.ages -= m_before.ages;
+    snapshot.totalAges = m_consumer.getAges();
+    snapshot.ages = snapshot.totalAges;
+    snapshot.ages -= m_agesBefore;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         snapshot.levels = m_levelMeter.take(now);
@@ -128,24 +127,22 @@ StreamSnapshot StreamMeter::takeSnapshot()
         snapshot.notice = m_notice;
     }
     m_before = snapshot.total;
+    m_agesBefore = snapshot.totalAges;
     m_snapshotTime = now;
     return snapshot;
 }
 
 void StreamMeter::lookAtClock(kit::ConsumerStatistics& statistics)
 {
-    if (statistics.clock != Receiver::StreamClockType::SyncedNetClock)
+    const kit::ConsumerClock clock = m_consumer.getClock();
+    if (clock.type != Receiver::StreamClockType::SyncedNetClock)
         return;
-    if (std::exchange(m_connection, statistics.connections) != statistics.connections)
+    if (m_provider != std::pair(clock.address, clock.port))
     {
-        const auto info = kit::probeSender(m_name, AnswerTimeout).initialInfo;
-        if (info && m_provider != std::pair(info->timeSyncIPAddress, info->timeSyncPort))
-        {
-            m_provider = {info->timeSyncIPAddress, info->timeSyncPort};
-            follow(m_netClock, m_provider.first, m_provider.second);
-        }
+        m_provider = {clock.address, clock.port};
+        follow(m_netClock, clock.address, clock.port);
     }
-    if (!m_provider.first.empty() && !m_netClock.isSynchronized())
+    if (!m_netClock.isSynchronized())
         statistics.clockSynchronized = false;
 }
 

@@ -64,6 +64,7 @@ struct StreamSnapshot
     std::string state;  ///< such as "running", or what keeps it from running
     std::string notice; ///< the last event's line; empty if there was none
     kit::ConsumerStatistics total;
+    kit::AgeHistogram totalAges;
     // Of the interval.
     double seconds = 0;
     std::uint64_t frames = 0;
@@ -115,10 +116,10 @@ private:
     // Follows the stream's network clock beside the consumer, which cannot tell when it is lost.
     miscUtils::SyncedNetClock m_netClock;
     std::pair<std::string, std::uint16_t> m_provider; // that it follows
-    std::uint64_t m_connection = 0;                   // in which that was asked for
 
     // At the last snapshot.
     kit::ConsumerStatistics m_before;
+    kit::AgeHistogram m_agesBefore;
     SteadyClock::time_point m_snapshotTime = SteadyClock::now();
 
     kit::Consumer m_consumer; // last: its threads use all of the above
