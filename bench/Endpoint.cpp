@@ -54,7 +54,7 @@ enum class Phase : std::uint16_t
     Probe,   // until every receiver is known to receive
     WarmUp,  // not recorded
     Measure, // recorded
-    End,     // tells receivers that nothing more is coming
+    End,     // tells receivers that the stream ends
 };
 
 // Identifies a frame: the first bytes of its media data. The last byte repeats that of the index,
@@ -83,7 +83,7 @@ void say(const std::string& line)
     std::cout << line + "\n" << std::flush;
 }
 
-// What this process has used so far.
+// Resources that this process has used so far.
 struct Usage
 {
     std::uint64_t timeNs = 0;
@@ -242,7 +242,7 @@ public:
         result["span_ns"] = m_lastNs - m_begin.timeNs;
         for (const auto& [name, share] : Shares)
         {
-            // The smallest age that at least this share of all do not exceed.
+            // The smallest age that at least this share of all ages does not exceed.
             const double rank = std::ceil(share * static_cast<double>(m_agesUs.size()));
             if (rank > 0)
                 result[name] = m_agesUs[static_cast<std::size_t>(rank) - 1];
@@ -304,6 +304,6 @@ int main(int argc, char** argv)
     if (plan.name.empty() || plan.bytes < sizeof(FrameTag) || plan.rate == 0)
         return 2;
     plan.role == "send" ? runSender(plan) : runReceiver(plan);
-    // The receiving threads are still at work, and stopping them may take seconds.
+    // The receiving threads are still running, and stopping them may take seconds.
     _exit(0);
 }

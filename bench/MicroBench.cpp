@@ -1,5 +1,5 @@
-/// What do the packet functions cost? Producing and consuming a Frame packet beside a plain copy of
-/// the same bytes.
+/// Cost of the packet functions: producing and consuming a Frame packet, beside a plain copy of the
+/// same bytes.
 
 #include <cstring>
 #include <vector>

@@ -1,6 +1,6 @@
 #pragma once
 
-/// What a benchmark needs of a transport: an end that sends frames, and one that hands them over.
+/// Interface of a transport in the benchmarks: one end sends frames, the other delivers them.
 ///
 /// Each program vlx_bench_end_<name> is the endpoint's main program linked with one adapter, which
 /// defines openStream() and startReceiving(); so no process carries another peer's libraries.
@@ -34,13 +34,13 @@ struct Plan
     std::size_t objects = 1;  ///< receivers in this process
     bool dry = false;         ///< sender: pace and stamp, but send nothing
 
-    /// @return where both ends meet, for those who meet in the file system
+    /// @return path of the rendezvous file, for transports that use the file system
     std::string getPath(const std::string& suffix) const
     {
         return directory + "/" + name + suffix;
     }
 
-    /// @return the same as the address that several libraries understand
+    /// @return the same path as an address for several libraries
     std::string getURL() const
     {
         return "ipc://" + getPath(".ipc");
@@ -61,7 +61,7 @@ static_assert(sizeof(PacketHeader) == 20);
 /// transport's right. Called on one thread at a time.
 using SendFrame = std::function<void(std::uint64_t, Bytes)>;
 
-/// Gets each frame that arrives: time stamp, and the media data, valid only during the call.
+/// Receives each frame: time stamp and media data, which is valid only during the call.
 using FrameHandler = std::function<void(std::uint64_t, Bytes)>;
 
 /// Makes the stream reachable; returns without waiting for receivers.
@@ -71,7 +71,7 @@ SendFrame openStream(const Plan& plan);
 /// Starts to receive on one thread until the process ends, and returns.
 void startReceiving(const Plan& plan, FrameHandler handler);
 
-/// Hands over a packet that has arrived whole.
+/// Delivers a complete packet.
 inline void deliverPacket(const FrameHandler& handler, const void* data, std::size_t size)
 {
     std::uint64_t timestampNs = 0;

@@ -58,8 +58,7 @@ class Campaign:
         return [each for each, obstacle in obstacles.items() if not obstacle]
 
     def measure_round(self, transports: list[t.Transport], plan: Plan, turn: int) -> None:
-        """Each round begins one further, so that nobody is always measured behind the same
-        neighbour."""
+        """Each round begins with the next transport, so that none always follows the same one."""
         start = turn % len(transports) if transports else 0
         for transport in transports[start:] + transports[:start]:
             self.add(run_session(self.build, transport, self.directory, plan), round=turn)

@@ -31,7 +31,7 @@ ALL = {row[0]: Transport(*row) for row in [
     (RAW, "nanomsg, our options", "nanomsg", "same", "#1f4e79",
      "NN_SNDBUF 1, NN_RCVBUF 1, NN_RCVMAXSIZE -1, NN_DONTWAIT, NN_MSG: the design's limit"),
     (POLLS, "nanomsg, our polls", "nanomsg", "polls", "#6d9dc5",
-     "as before, with as many descriptors and the time-out of ours: what waiting costs"),
+     "as before, with as many descriptors as ours and our timeout: the cost of waiting"),
     (NANOMSG, "nanomsg", "nanomsg", "", "#b4cde0", "default buffers; NN_RCVMAXSIZE -1"),
     (ZMQ, "ZeroMQ", "zmq", "", "#4f7f52", "defaults"),
     (ZMQ_TUNED, "ZeroMQ tuned", "zmq", "tuned", "#a6c9a3",

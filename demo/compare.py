@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Compares what receivers recorded with what was sent, sample by sample, aligned by timestamp, and
+"""Compares recordings with the sent audio, sample by sample, aligned by timestamp, and
 prints a table from their reports.
 
 usage: compare.py SOURCE.raw SENT.json... -- RECORDING.raw REPORT.json...
@@ -40,7 +40,7 @@ def compare_segment(segment, recording, source, runs, rate, size):
     first, count = segment["file_sample"], segment["samples"]
     received = recording[first * size:(first + count) * size]
     if len(received) != count * size or len(source) < (sent + count) * size or missed_ns < 0:
-        sys.exit("demo: a report and what it tells of differ in length")
+        sys.exit("demo: a report and its recording differ in length")
     return count_differing(received, source[sent * size:(sent + count) * size], size), missed_ns
 
 

@@ -1,5 +1,5 @@
-// A codec of one's own whose frames vary in size: samples as runs of equal values. Plays both ends,
-// and succeeds when a frame has arrived as it was sent.
+// A custom codec with frames of varying size: samples as runs of equal values. The program is both
+// sender and receiver, and succeeds when a frame arrives unchanged.
 //
 //   codec NAME
 
@@ -22,8 +22,8 @@ public:
         m_codecHeader = {RunsVersion}; // announced with every sequence
     }
 
-    // Called once before each wrapFrame(), with the same frame: the place to encode. It is const,
-    // so what it encodes is mutable.
+    // Called once before each wrapFrame(), with the same frame: encode here. The function is const,
+    // so the buffer is mutable.
     std::size_t getSizeForWrappedFrame(const vlx::ByteView& frame) const override
     {
         m_encoded.clear(); // keeps its memory
@@ -53,14 +53,14 @@ class RunsDepayloader : public vlx::Depayloader
 public:
     RunsDepayloader() : Depayloader(RunsFourcc) {}
 
-    // Bytes from outside: check them. A codec that conceals lost frames does it where the consumer
-    // reports a gap, since no frame tells of the one before.
+    // Check bytes from other processes. To conceal lost frames, use the gap that the consumer
+    // reports: the codec itself does not see them.
     bool processCodecHeader(const vlx::ByteView& header) override
     {
         return header.size() == 1 && header[0] == RunsVersion;
     }
 
-    // It has no way to refuse a frame and must not throw: what cannot be read becomes empty.
+    // It cannot refuse a frame and must not throw: an invalid frame becomes empty.
     vlx::Buffer unwrapFrame(const vlx::ByteView& payload) override
     {
         vlx::Buffer frame;
@@ -76,7 +76,7 @@ int main(int, char** argv)
     vlx::Buffer sent(1000, 7);
     sent.resize(1500, 9);
 
-    RunsPayloader payloader; // both outlive what uses them
+    RunsPayloader payloader; // both must outlive their users
     RunsDepayloader depayloader;
     std::counting_semaphore<> arrived(0);
     vlx::kit::Consumer consumer(

@@ -1,5 +1,5 @@
-// A level meter that survives everything: a sender that is not there, dies, comes back, changes its
-// format, hangs, or sends what cannot be played. Ten lines a second, until Enter.
+// A level meter that survives every fault of its sender: it may be missing, die, restart, change
+// its format, hang, or send an unknown codec. Prints ten lines a second, until Enter.
 //
 //   level_meter NAME
 
@@ -22,7 +22,7 @@ namespace
 constexpr int BarLength = 60; // one character per decibel
 constexpr int IntervalMs = 100;
 
-// The receiving thread writes, the main thread reads and begins anew.
+// The receiving thread raises the peak, the main thread reads and resets it.
 std::atomic<int> peak = 0;            // of 16 bits
 std::atomic<bool> isReadable = false; // this meter reads 16-bit samples only
 
@@ -32,7 +32,7 @@ void onFormat(const vlx::kit::StreamFormat& format)
     std::cout << toText(format) << (isReadable ? "" : ": no meter for it") << std::endl;
 }
 
-// Quick: a frame that comes meanwhile is lost.
+// Must be fast: a frame that arrives meanwhile is lost.
 void onFrame(const vlx::kit::Frame& frame)
 {
     if (!isReadable)

@@ -4,7 +4,7 @@
 //
 //   netclock NAME [ADDRESS]
 //
-// ADDRESS is that of this machine as the receivers see it; default 127.0.0.1.
+// ADDRESS is the address of this machine as seen by the receivers; default 127.0.0.1.
 
 #include <atomic>
 #include <chrono>
@@ -45,13 +45,13 @@ int main(int argc, char** argv)
     const vlx::kit::Logging logging;
     gst_init(nullptr, nullptr);
 
-    // The clock that is served and the one that frames are stamped with are the same.
+    // The served clock is also the clock of the timestamps.
     GstClock* const clock = gst_system_clock_obtain();
     const char* const address = argc > 2 ? argv[2] : "127.0.0.1";
     GstNetTimeProvider* const provider = gst_net_time_provider_new(clock, address, 0);
     if (provider == nullptr)
         return 1;
-    gint port = 0; // the kernel has chosen it
+    gint port = 0; // chosen by the kernel
     g_object_get(provider, "port", &port, nullptr);
 
     {

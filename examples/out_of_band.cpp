@@ -13,14 +13,14 @@ int main()
 {
     const vlx::kit::Logging logging;
 
-    // What was stored: three frames of 24 bits, four channels.
+    // Stored packets: three frames of 24 bits, four channels.
     vlx::PcmPayloader payloader;
     payloader.setNewFormat(96000, 4, audioUtils::PcmFormat::S24BE);
     std::vector<vlx::Buffer> stored(3);
     for (std::size_t i = 0; i < stored.size(); ++i)
         payloader.produceFramePacket(stored[i], 1, i * 1000, 1000, vlx::Buffer(1152, 1));
 
-    // What is known: the codec and its header.
+    // Known from elsewhere: the codec and its header.
     const vlx::Buffer knownHeader = payloader.getCodecHeader();
 
     vlx::PcmDepayloader depayloader;

@@ -1,5 +1,5 @@
 // A consumer that plays on time: writes each frame to standard output a fixed time after its
-// timestamp, so that two of them, wherever they read, put out the same sample at the same moment.
+// timestamp, so that several players output the same sample at the same moment.
 //
 //   playing NAME LATENCY_MS [FRAMES] | aplay -f S16_LE -r 48000 -c 2
 
@@ -25,13 +25,13 @@ struct Waiting
     vlx::Buffer data;
 };
 
-constexpr std::size_t MaxWaiting = 1000; // frames; the oldest are given up
+constexpr std::size_t MaxWaiting = 1000; // frames; the oldest are dropped
 
 std::mutex mutex;
 std::condition_variable condition;
 std::deque<Waiting> queue; // guarded by mutex
 
-// The receiving thread only hands the frame on: waiting there would lose the next one.
+// The receiving thread only passes the frame on: waiting there would lose the next one.
 void onFrame(const vlx::kit::Frame& frame)
 {
     const std::lock_guard<std::mutex> lock(mutex);
@@ -64,7 +64,7 @@ int main(int argc, char** argv)
     for (unsigned long late = 0; wanted > 0; --wanted)
     {
         const Waiting frame = takeFrame();
-        // The steady clock is the machine's monotonic clock, on which these timestamps stand.
+        // The steady clock is the machine's monotonic clock, the clock of these timestamps.
         const std::chrono::steady_clock::time_point due{
             std::chrono::nanoseconds(frame.timestamp) + latency};
         if (due < std::chrono::steady_clock::now())

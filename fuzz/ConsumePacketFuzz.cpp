@@ -1,5 +1,5 @@
-// Sequences of packets, resets and out-of-band headers through a DepayloaderList: what is accepted
-// is what was produced, and a frame never without a codec.
+// Sends sequences of packets, resets and out-of-band headers through a DepayloaderList. An accepted
+// packet equals the produced one, and no frame is accepted without a codec.
 
 #include <array>
 
@@ -134,14 +134,14 @@ private:
         check(toString(type) != "<dummy>", "each packet is of a type that has a name");
     }
 
-    /// After a header of a codec has been offered.
+    /// Checks the state after a codec header.
     void checkCodec(bool isAccepted, std::uint32_t fourcc, const ByteView& header)
     {
         Depayloader* expected = fourcc == PcmFourcc ? &m_pcm : nullptr;
         if (fourcc == fuzz::ScrambleFourcc && m_knowsScramble)
             expected = &m_scrambler;
         check(m_list.getCurrentDepayloader() == expected, "the announced codec is selected");
-        // Offered once more, a header is judged as before.
+        // The same header gets the same result again.
         const bool isUsable = expected != nullptr && expected->processCodecHeader(header);
         check(isAccepted == isUsable, "a header is accepted if the codec accepts it");
     }

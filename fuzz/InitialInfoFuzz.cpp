@@ -1,5 +1,5 @@
-// A well-formed InitialInfo packet gives the same bytes again. One that is not would stop the
-// process by its documented assertion, so it is not offered.
+// Parsing and producing a well-formed InitialInfo packet gives the same bytes. Malformed packets
+// are skipped: the documented assertion would stop the process.
 
 #include <vlx/SideChannel.hpp>
 
@@ -13,7 +13,7 @@ using fuzz::check;
 
 bool isWellFormed(ByteView rest)
 {
-    // Each string ends behind so many other bytes: the version; the port and the two protocols.
+    // Number of bytes before each string: the version; the port and the two protocols.
     for (const std::size_t bytesBefore : {2U, 4U})
     {
         if (rest.size() < bytesBefore)

@@ -1,7 +1,7 @@
-// A receiver's input loop, pass by pass, fed by both channels with packets that are valid, nearly
-// valid and neither. What is delivered was sent, in its order and after its announcement, numbers
-// never fall within a connection, and the next connection works whatever the one before has seen.
-// The sockets of the main channel live from input to input.
+// Runs a receiver's input loop pass by pass, with valid, nearly valid and invalid packets on both
+// channels. Every delivered frame was sent, in order and after its announcement; sequence numbers
+// never decrease within a connection; the next connection works, whatever the previous one
+// received. The sockets of the main channel are reused for all inputs.
 
 #include <array>
 #include <cerrno>
@@ -27,10 +27,10 @@ using Access = ReceiverTestAccess;
 constexpr const char* MainChannelUri = "inproc://main-channel";
 constexpr int MaxPassesAtOnce = 64;
 
-// What stands behind them in an input is not played: many short inputs find more than a long one.
+// The rest of an input is ignored: many short inputs find more than a long one.
 constexpr int MaxSteps = 48;
 
-/// @return the lowest descriptor that is free: higher than before means that one was left open
+/// @return the lowest free descriptor; a higher one than before reveals a leak
 int findFreeDescriptor()
 {
     const int fd = ::dup(STDERR_FILENO);
@@ -38,7 +38,7 @@ int findFreeDescriptor()
     return fd;
 }
 
-/// Packets of one channel, in their order.
+/// Packets of one channel, in order.
 struct Channel
 {
     std::vector<Buffer> packets = {};
@@ -47,11 +47,11 @@ struct Channel
     void add(Buffer packet)
     {
         if (packet.size() > 1)
-            packet[1] = 0; // nobody reads it
+            packet[1] = 0; // never read
         packets.push_back(std::move(packet));
     }
 
-    /// @return whether such a packet was sent behind the one that was found last
+    /// @return whether such a packet was sent after the one found last
     bool find(const Buffer& packet, bool isWhole)
     {
         std::size_t i = numPassed;
@@ -86,7 +86,7 @@ public:
             [this](TimeValue timestamp, TimeValue duration, const Buffer& mediaData)
             { onFrame(timestamp, duration, mediaData); });
 
-        // Pipeline, whose sender knows what was taken.
+        // Pipeline, whose sender knows which packets were received.
         InitialInfo info{};
         info.nanomsgProtocol = NanomsgProtocol::Pipeline;
         info.nanomsgURI = MainChannelUri;
@@ -247,9 +247,9 @@ private:
         return ::poll(entries.data(), entries.size(), 0) > 0;
     }
 
-    /// One pass, unless it would wait.
+    /// Runs one pass, unless it would wait.
     ///
-    /// @return whether something was done, and the connection lives on
+    /// @return whether a pass ran and the connection continues
     bool pass()
     {
         if (m_isRunning && m_receiver.*Access::SidechannelSocketFD < 0 && !hasInput())
@@ -272,7 +272,7 @@ private:
             --left;
     }
 
-    /// @param isWhole  otherwise what was sent may be longer
+    /// @param isWhole  false if the sent data may be longer
     bool wasSent(const Buffer& packet, bool isWhole)
     {
         ++m_numEvents;
@@ -301,8 +301,8 @@ private:
         check(wasSent(packet, true), "a frame of the announced sequence was sent, in its turn");
     }
 
-    /// Whatever came before: the next sequence and its frames are delivered, on this connection or
-    /// on another.
+    /// Checks that the next sequence and its frames are delivered, on this connection or another
+    /// one.
     void checkStillWorks()
     {
         passUntilQuiet();

@@ -1,6 +1,6 @@
-// The sidechannel's reader over a socket pair: messages that are written in slices of any length,
-// the last one perhaps in part, arrive whole, unchanged and in their turn, and a read takes no
-// bytes of the next one.
+// Runs the sidechannel's reader over a socket pair. Messages that are written in pieces of any
+// length, the last one perhaps incomplete, arrive complete, unchanged and in order, and no read
+// takes bytes of the next message.
 
 #include <sys/ioctl.h>
 
@@ -14,7 +14,7 @@ using namespace vlx;
 using fuzz::check;
 using Access = ReceiverTestAccess;
 
-constexpr int MessageComplete = 1; // of what one call of the reader returns
+constexpr int MessageComplete = 1; // a result of the reader
 constexpr int ConnectionGone = 2;
 
 class Run

@@ -39,7 +39,7 @@ def describe_machine(build_directory: Path) -> str:
 
 
 def die_with_parent() -> None:
-    """The calling process ends when its parent does, whatever becomes of that."""
+    """Makes the calling process end when its parent does, for whatever reason."""
     ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
 
 
@@ -55,7 +55,7 @@ def pss_kib(pid: int) -> float:
 
 
 def make_name(numbers=itertools.count()) -> str:
-    """A stream's name that no other run has."""
+    """A unique stream name."""
     return f"run-{os.getpid()}-{next(numbers)}"
 
 

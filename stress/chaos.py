@@ -133,15 +133,15 @@ def run_beside(run: Run, times: int, hostile: bool, role: Callable, *arguments: 
 @fault("publisher-message", "client sends a message to the publisher",
        "limit: nanomsg aborts it; receivers resume", False, peers.SUBSCRIBER,
        peers.ONE_BYTE_MESSAGE)
-@fault("puller-message", "stranger announces an endless message to a pipeline receiver",
+@fault("puller-message", "untrusted peer announces an endless message to a pipeline receiver",
        "limit: nanomsg aborts the receiver", True, peers.PUSHER, peers.ENDLESS_MESSAGE)
 def send_to_main_channel(run: Run, pipeline: bool, hello: bytes, message: bytes) -> None:
-    """One message from a stranger, and who does not survive it."""
+    """One message from an untrusted peer, and the end that does not survive it."""
     stream = run.start(1 if pipeline else 4, pipeline=pipeline)
-    stranger = Peer(peers.send_once, stream.name, hello, message)
+    intruder = Peer(peers.send_once, stream.name, hello, message)
     victim = stream.consumers[0] if pipeline else stream.producer
     end = victim.await_end(run.limit)
-    stranger.kill()
+    intruder.kill()
     if pipeline:
         stream.consumers[0] = End("consume", stream.name)
     run.verdict = LIMIT
@@ -157,7 +157,7 @@ def meet_impostor(run: Run, role: Callable) -> tuple[Peer, End]:
     name = make_name()
     impostor = Peer(peers.be_hostile, role, name)
     consumer = End("consume", name)
-    run.within(lambda: impostor.count() > 0, "nobody came to the impostor")
+    run.within(lambda: impostor.count() > 0, "no receiver joined the impostor")
     return impostor, consumer
 
 
@@ -295,8 +295,8 @@ def limit_descriptors(end: End, limit: int) -> None:
     resource.prlimit(end.pid, resource.RLIMIT_NOFILE, (limit, hard))
 
 
-@fault("descriptors-listener", "running sender out of descriptors, newcomer",
-       "others undisturbed, one ERROR line; newcomer joins with descriptors")
+@fault("descriptors-listener", "running sender out of descriptors, new receiver",
+       "others undisturbed, one ERROR line; it joins once there are descriptors")
 def starve_listener(run: Run) -> None:
     stream = run.start(4)
     errors = stream.producer.board.error_lines

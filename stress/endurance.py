@@ -1,6 +1,6 @@
-"""One sender and 8 receivers: loss in 60 s, three times; 20 restarts of the sender; a receiver that
-stands still; the sender, the kit's and the tool's, stopped, resumed and killed at random for 160 s.
-Each loss is told beside the longest pause that an idle process saw then."""
+"""One sender and 8 receivers: loss in 60 s, three times; 20 restarts of the sender; a stopped
+receiver; the sender, the kit's and the tool's, stopped, resumed and killed at random for 160 s.
+Each loss is reported with the longest pause that an idle process saw at that moment."""
 
 from contextlib import suppress
 import json
@@ -70,7 +70,7 @@ def stop_one(run: Run) -> None:
 @row("endurance", "faults-tool", "random faults of the tool", "no loss but within a stop; all deliver",
      True)
 def disturb_sender(run: Run, is_tool: bool) -> None:
-    """Stops, resumptions and kills of a sender; nobody touches the receivers."""
+    """Stops, resumptions and kills of a sender; the receivers are left alone."""
     run.require(not is_tool or run.tool.exists(), "the tool is not built", SKIPPED)
     name = make_name()
 
@@ -112,7 +112,7 @@ REAL_TIME = ("chrt", "-r", "10")
 @row("endurance", "bystanders", "others stopped and killed at random, in real time",
      "untouched receivers of kit and tool lose no more than in a control run")
 def disturb_others(run: Run) -> None:
-    """Half of the time without a fault, and half beside six receivers that stop, go on and die."""
+    """Half of the time without a fault, half beside six receivers that stop, resume and die."""
     run.require(run.tool.exists() and shutil.which("chrt"), "the tool or chrt is missing", SKIPPED)
     control, faulty = (watch_bystanders(run, is_faulty) for is_faulty in (False, True))
     run.check(all(faulty[who] <= control[who] for who in control), "more than in the control run")

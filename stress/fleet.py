@@ -66,7 +66,7 @@ class Process(subprocess.Popen):
         RUNNING.discard(self)
 
     def await_end(self, limit: float) -> str:
-        """How it ended, killed if it had to be: "worked", "refused", "SIGABRT", "hung", ..."""
+        """Waits for the end; kills it if necessary. Result: "worked", "refused", "SIGABRT", ..."""
         try:
             code = self.wait(max(limit, 0.001))
         except subprocess.TimeoutExpired:
@@ -109,7 +109,7 @@ class End(Process):
 
 
 class Peer(multiprocessing.Process):
-    """A function of peers.py in a process of its own, as which it misbehaves."""
+    """A misbehaving process that runs a function of peers.py."""
 
     def __init__(self, role, *arguments: object) -> None:
         self._done = multiprocessing.RawValue("Q")
@@ -136,8 +136,8 @@ class Peer(multiprocessing.Process):
 
 
 class PauseProbe:
-    """Idle processes, one on each processor, that sleep for a millisecond at a time and note when
-    they wake too late."""
+    """Idle processes, one on each processor, that sleep for a millisecond at a time and record late
+    wakeups."""
 
     LEAST_NS = 1_000_000
 
@@ -191,7 +191,7 @@ class Losses:
 
 
 def delivery(ends: list[End]) -> Callable[[], bool]:
-    """Tells whether every consumer has got 20 further frames."""
+    """Returns a check whether every consumer has received 20 further frames."""
     wanted = [(end.board, end.board.frames + 20) for end in ends]
     return lambda: all(board.frames >= number for board, number in wanted)
 

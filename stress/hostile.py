@@ -1,5 +1,4 @@
-"""What another user of the machine does to streams that are not open to it: see chaos.py, to whose
-rows these belong."""
+"""Attacks by another user on streams that are not open to it; these rows belong to chaos.py."""
 
 import ctypes
 import errno
@@ -29,7 +28,7 @@ def start_hostile(run: Run, role, *arguments: object) -> Peer:
 
 
 def stop_all(run: Run, ends: list[End], release: Callable[[], None] = lambda: None) -> None:
-    """Stops ends together; each has to end properly, before what may hold it is released."""
+    """Stops ends together; each must end properly before the blocking file is released."""
     start = time.monotonic()
     for end in ends:
         end.board.stop = 1

@@ -17,7 +17,7 @@ import rows  # noqa: E402
 from shared import ROOT, build, describe_machine, exit_on_signals  # noqa: E402
 import soak  # noqa: E402
 
-# What a mode does, which its module tells, and how many minutes it takes unless told otherwise.
+# Modes: the module that describes and runs it, and the default number of minutes.
 MODES = {"chaos": (chaos, 5), "endurance": (endurance, 8), "soak": (soak, 30)}
 
 
@@ -29,29 +29,29 @@ def read_minutes(text: str) -> int:
 
 def parse_arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(
-        prog="stress", epilog="Each run ends with a table; exit 0 if every limit in it was kept, "
-        "77 if everything was skipped.")
+        prog="stress", epilog="Each run prints a table. Exit code: 0 if no limit was exceeded, 77 "
+        "if everything was skipped.")
     modes = parser.add_subparsers(dest="mode", required=True)
     for mode, (module, minutes) in MODES.items():
         command = modes.add_parser(mode, description=module.__doc__,
                                    help=module.__doc__.split(":")[0])
         command.add_argument("minutes", type=read_minutes, nargs="?", metavar="MINUTES",
-                             default=minutes, help="how long it may take, about (%(default)s)")
-        command.add_argument("--built", type=Path, metavar="DIR", help="build nothing, take this")
+                             default=minutes, help="approximate duration (%(default)s)")
+        command.add_argument("--built", type=Path, metavar="DIR", help="use this build")
         command.add_argument("--seed", type=int, default=random.randrange(1 << 32),
-                             help="the random choices of an earlier run")
+                             help="repeat the random choices of an earlier run")
         command.add_argument("--only", metavar="TEXT", default="",
-                             help="only what has TEXT in its name: " + ", ".join(rows.ROWS[mode]))
+                             help="run rows with TEXT in the name: " + ", ".join(rows.ROWS[mode]))
         command.add_argument("--lenient", action="store_true", help=(
-            "for a machine that does other work: tells losses, but does not judge them, and waits "
-            "20 s instead of 3 for what has to come back"))
+            "for a busy machine: report losses without failing, and wait 20 s instead of 3 for "
+            "recovery"))
         command.add_argument("--picture", type=Path, default=f"/tmp/vlx-soak-{os.getpid()}.svg",
-                             metavar="FILE", help="that soak draws (%(default)s)")
+                             metavar="FILE", help="picture drawn by soak (%(default)s)")
     options = parser.parse_args()
     names, text = list(rows.ROWS[options.mode]), options.only
     options.names = [text] if text in names else [name for name in names if text in name]
     if not options.names:
-        parser.error(f"nothing has \"{text}\" in its name; there are: {', '.join(names)}")
+        parser.error(f"no row has \"{text}\" in its name; the rows are: {', '.join(names)}")
     return options
 
 
@@ -69,7 +69,7 @@ def main() -> int:
     probe = fleet.PauseProbe()
     # Short, as socket names must be.
     with tempfile.TemporaryDirectory(prefix="vs-", dir="/tmp", ignore_cleanup_errors=True) as name:
-        os.chmod(name, 0o1777)  # processes of another user make their directories in it too
+        os.chmod(name, 0o1777)  # processes of another user also create directories in it
         return rows.run_rows(options.mode, options.names, lambda: rows.Run(
             options.minutes, options.lenient, built.resolve() / "tools/vlx", options.picture,
             probe, Path(name)))

@@ -81,7 +81,7 @@ def greeting(protocol: int, path: Path) -> bytes:
 
 
 def greet(name: str, words: bytes) -> Iterator[socket.socket]:
-    """Holds a sender's name: those who come, greeted."""
+    """Holds a sender's name; yields each client after the greeting."""
     server = listen("\0" + name)
     while True:
         client = server.accept()[0]
@@ -205,8 +205,8 @@ def become_other_user() -> None:
 
 
 def announce_swapped(note: Note, name: str, put: Put) -> None:
-    """Another user holds the name, lets receivers bind in a directory of his, and swaps something
-    in for their socket file."""
+    """Another user holds the name, lets receivers bind in its directory, and replaces their socket
+    file."""
     become_other_user()
     directory = Path(os.environ["TMPDIR"], "VlxSender-others")
     directory.mkdir()
@@ -293,7 +293,7 @@ def serve_stuck_files(note: Note, device: int) -> None:
 
 
 def make_lingering(server: socket.socket) -> socket.socket:
-    """A TCP socket whose close would wait: its data has nowhere to go."""
+    """A TCP socket whose close would block: its data cannot be sent."""
     tcp = socket.create_connection(server.getsockname())
     tcp.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 4))
     tcp.setblocking(False)
@@ -385,7 +385,7 @@ def forge_names(note: Note, name: str) -> None:
 
 
 def hold_mute_names(note: Note, count: int) -> None:
-    """Looks as much as it can like a process with so many senders that hang."""
+    """Imitates a process with a number of hanging senders."""
     ctypes.CDLL(None).prctl(15, b"vlx-listener")  # PR_SET_NAME
     servers = []
     for number in range(count):
@@ -397,7 +397,7 @@ def hold_mute_names(note: Note, count: int) -> None:
 
 
 def race_narrowing(note: Note) -> None:
-    """Joins every main channel that lets it, and notes those that go on to send."""
+    """Joins every main channel that is open to it, and records those that continue to send."""
     while True:
         for entry in Path(os.environ["TMPDIR"]).glob("VlxSender-*"):
             with suppress(OSError):
@@ -422,7 +422,7 @@ def hold_connections(note: Note, name: str, count: int) -> None:
 
 
 def swap_in_directories(note: Note, put: Put) -> None:
-    """Another user waits for senders' directories and swaps in every one that lets him."""
+    """Another user waits for senders' directories and replaces files wherever it is permitted."""
     become_other_user()
     done = set()
     while True:

@@ -1,4 +1,4 @@
-"""A row of a run: what is tried, what is promised, and what became of it."""
+"""A row of a run: the fault, the promise, and the result."""
 
 from contextlib import suppress
 from dataclasses import dataclass, field
@@ -14,12 +14,12 @@ OK, FAILED, LIMIT, SKIPPED = "ok", "FAILED", "limit", "skipped"  # limit: docume
 
 
 class Over(Exception):
-    """There is nothing further to be seen."""
+    """Ends a row early."""
 
 
 @dataclass
 class Run:
-    """One row at work: what it may use, and what became of it."""
+    """A running row: its settings and its result."""
     minutes: float
     lenient: bool
     tool: Path
@@ -34,25 +34,25 @@ class Run:
 
     @property
     def limit(self) -> float:
-        """Seconds within which everybody has to be back."""
+        """Seconds within which all ends must have recovered."""
         return 20 if self.lenient else 3
 
     @property
     def beside(self) -> float:
-        """Seconds for which misbehaving peers go on."""
+        """Seconds for which misbehaving peers continue."""
         return 0.5 if self.lenient else 2 * self.minutes
 
     def tell(self, figure: str) -> None:
         self.figures.append(figure)
 
     def check(self, kept: object, otherwise: str, verdict: str = FAILED) -> None:
-        """Tells a broken promise, and goes on."""
+        """Reports a broken promise and continues."""
         if not kept:
             self.verdict = verdict
             self.tell(otherwise)
 
     def require(self, kept: object, otherwise: str, verdict: str = FAILED) -> None:
-        """Tells a broken promise, and ends."""
+        """Reports a broken promise and ends the row."""
         self.check(kept, otherwise, verdict)
         if not kept:
             raise Over
@@ -61,13 +61,13 @@ class Run:
         self.require(os.geteuid() == 0, "only root can become another user", SKIPPED)
 
     def within(self, condition: Callable[[], object], otherwise: str, more: float = 0) -> bool:
-        """Whether it came true within the limit and some seconds more; if not, a broken promise."""
+        """Waits for a condition until the limit plus some seconds; otherwise a broken promise."""
         kept = wait_until(self.limit + more, condition)
         self.check(kept, f"{otherwise} within {self.limit + more} s")
         return kept
 
     def start(self, num_consumers: int, **options: object) -> Stream:
-        """A stream whose consumers are to go on beside a fault, with what it had open."""
+        """Starts a stream that must survive a fault, and records its descriptors and threads."""
         stream = Stream(num_consumers, **options)
         self.require(stream.joined and stream.delivery_ms(stream.since, self.limit) is not None,
                      f"the stream itself did not start within {self.limit} s")
@@ -76,8 +76,8 @@ class Run:
         return stream
 
     def lose(self, ends: list[End], since: int, allowed: int = 0, spans=()) -> Losses:
-        """What some consumers have lost: without a pause of the machine they may not, or outside of
-        the given spans."""
+        """Measures the losses of some consumers. Only losses during a pause of the machine, or
+        within the given spans, are allowed."""
         losses = Losses(ends, self.probe, since, spans)
         if self.lenient:
             losses.unexplained = 0
@@ -86,17 +86,17 @@ class Run:
         return losses
 
     def check_handles(self, stream: Stream) -> None:
-        self.within(lambda: stream.handles() == stream.before, "descriptors or threads not given up")
+        self.within(lambda: stream.handles() == stream.before, "descriptors or threads are left")
 
     def check_bystanders(self, stream: Stream, handles: bool = True) -> None:
-        """Nothing was lost without a pause of the machine, all deliver, and nothing is left."""
+        """Checks that no loss is unexplained, all receivers deliver, and no handle is left."""
         self.within(delivery(stream.consumers), "a receiver gets no frames any more")
         if handles:
             self.check_handles(stream)
         self.lose(stream.consumers, stream.since)
 
     def resume(self, stream: Stream) -> float:
-        """Restarts the producer; how long it took until all deliver."""
+        """Restarts the producer; returns the time until all consumers deliver, in ms."""
         killed = time.monotonic_ns()
         stream.producer.kill()
         stream.producer = stream.start_producer()

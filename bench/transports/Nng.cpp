@@ -52,7 +52,7 @@ void startReceiving(const Plan& plan, FrameHandler handler)
     requireNng(nng_sub0_open(&socket), "nng_sub0_open");
     requireNng(nng_socket_set(socket, NNG_OPT_SUB_SUBSCRIBE, "", 0), "subscribe");
     tune(plan, socket, NNG_OPT_RECVBUF);
-    // The dial goes on in the background, as it has to when the sender is not there yet.
+    // The dial continues in the background, since the sender may not be running yet.
     requireNng(nng_dial(socket, plan.getURL().c_str(), nullptr, NNG_FLAG_NONBLOCK), "nng_dial");
     const auto receive = [socket, handler = std::move(handler)]
     {

@@ -19,7 +19,7 @@ void requireZmq(bool ok, const char* call)
     require(ok, call, zmq_strerror(zmq_errno()));
 }
 
-// Makes a socket in a context of its own, which lasts as long as the process.
+// Creates a socket in its own context, which is never closed.
 std::shared_ptr<void> makeSocket(const Plan& plan, int type, int highWaterMark)
 {
     std::shared_ptr<void> socket(zmq_socket(zmq_ctx_new(), type), zmq_close);

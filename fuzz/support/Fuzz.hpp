@@ -1,6 +1,6 @@
 #pragma once
 
-// What the targets share.
+// Code shared by the targets.
 
 #include <algorithm>
 #include <concepts>
@@ -18,9 +18,9 @@
 namespace vlx::fuzz
 {
 
-/// Stops the process where a target finds something wrong, in every build.
+/// Stops the process if a target's check fails, in every build.
 ///
-/// @param text  what should have held
+/// @param text  the condition that failed
 inline void check(bool holds, const char* text)
 {
     if (holds)
@@ -29,8 +29,8 @@ inline void check(bool holds, const char* text)
     std::abort();
 }
 
-/// Makes the library build each of its log lines, down to TRACE, and throws them away: the texts
-/// are code that inputs reach, too.
+/// Makes the library build each log line, down to TRACE, and discards them: inputs also reach the
+/// code that builds the texts.
 inline void silenceLog()
 {
     [[maybe_unused]] static const bool done = []
@@ -43,8 +43,8 @@ inline void silenceLog()
     }();
 }
 
-/// Takes an input apart from its front, so that a target can read its steps from it. At the end
-/// everything read is 0 or empty.
+/// Reads an input from the front, so that a target can take its steps from it. After the end, every
+/// read returns 0 or an empty buffer.
 class InputReader
 {
 public:
@@ -55,7 +55,7 @@ public:
         return m_rest.empty();
     }
 
-    /// @return the next bytes as an integer of the machine
+    /// @return the next bytes as an integer in the machine's byte order
     template <std::unsigned_integral Integer = std::uint8_t>
     Integer take()
     {
@@ -65,7 +65,7 @@ public:
         return value;
     }
 
-    /// @return the next bytes, fewer if there are no more
+    /// @return the next bytes, or fewer at the end
     ByteView takeBytes(std::size_t count)
     {
         const ByteView bytes = m_rest.subspan(0, std::min(count, m_rest.size()));
@@ -83,10 +83,10 @@ private:
     ByteView m_rest;
 };
 
-/// FourCC of a codec that the targets make up, "ScrM". Unlike PCM it changes the bytes of a frame.
+/// FourCC of the targets' own codec, "ScrM". Unlike PCM it changes the bytes of a frame.
 inline constexpr std::uint32_t ScrambleFourcc = 0x4D726353;
 
-/// What that codec does to the bytes of a frame; doing it twice gives them back.
+/// Transformation of that codec; applying it twice restores the bytes.
 inline Buffer scramble(const ByteView& bytes)
 {
     Buffer scrambled(bytes.rbegin(), bytes.rend());
@@ -117,11 +117,11 @@ public:
         ++numResets;
     }
 
-    Buffer lastHeader; ///< that was offered, accepted or not
+    Buffer lastHeader; ///< the last header, accepted or not
     int numResets = 0;
 };
 
-/// Produces a codec header from what a depayloader read from one.
+/// Produces a codec header from the values that a depayloader has parsed.
 inline Buffer produceAgain(const PcmDepayloader& depayloader)
 {
     PcmPayloader payloader;
@@ -137,7 +137,7 @@ inline bool startsWith(const ByteView& bytes, const ByteView& beginning)
            std::equal(beginning.begin(), beginning.end(), bytes.begin());
 }
 
-/// @return a message behind its length
+/// @return a message with its length in front
 inline Buffer frame(const ByteView& message)
 {
     Buffer bytes = {0, 0, 0, 0};
@@ -156,7 +156,7 @@ public:
         close();
     }
 
-    /// Makes a connection, in place of the one before.
+    /// Opens a connection and closes the previous one.
     ///
     /// @return the receiver's end, the lower descriptor of both; the caller closes it
     int open()
@@ -168,9 +168,9 @@ public:
         return ends[0];
     }
 
-    /// Writes so many of the bytes, or what there is room for.
+    /// Writes a number of the bytes, or as many as fit.
     ///
-    /// @return how many
+    /// @return number of bytes written
     std::size_t write(const ByteView& bytes, std::size_t count)
     {
         const ssize_t size = ::send(

@@ -37,7 +37,7 @@ std::vector<std::string> resolvedNames;
 
 } // namespace
 
-// Takes the place of GLib's own, which it calls.
+// Replaces GLib's own function, and calls it.
 __attribute__((visibility("default"))) GList* g_resolver_lookup_by_name(
     GResolver* resolver,
     const gchar* hostname,
@@ -70,12 +70,12 @@ constexpr unsigned long RoundTripLimitNs = 175'000'000;
 constexpr std::int64_t NsPerMs = 1'000'000;
 constexpr std::int64_t NsPerSecond = 1'000'000'000;
 
-// What a young estimate may be off on a busy machine; far less than any jump below.
+// Tolerance of a young estimate on a busy machine; far less than any jump below.
 constexpr std::int64_t ToleranceNs = 150 * NsPerMs;
 
 constexpr std::int64_t InitialOffsetNs = 5000 * NsPerSecond;
 
-// A thread that spins uses more than this in seconds, on a busy machine too.
+// A spinning thread uses more than this within seconds, even on a busy machine.
 constexpr std::uint64_t MaxIdleCpuNs = 100 * NsPerMs;
 
 /// @return processor time of the threads with a name, in nanoseconds
@@ -125,7 +125,7 @@ struct Follower
         start(provider.getAddress(), provider.getPort());
     }
 
-    // How far the clock is ahead of the monotonic one now; nothing if it gives no time.
+    // @return lead of the clock over the monotonic one; not set if it returns no time
     std::optional<std::int64_t> readOffsetNs() const
     {
         for (;;)
@@ -215,7 +215,7 @@ TEST_F(SyncedNetClockTest, AForkedCopyEndsAndTheOriginalGoesOn)
             }))
             << i;
     }
-    // Its thread sleeps until it hears of the provider, and still does.
+    // Its thread sleeps until a message of the provider arrives.
     const std::uint64_t before = readCpuTimeNs("vlx-clock");
     EXPECT_GT(before, 0U);
     m_provider.stop();
@@ -259,7 +259,7 @@ TEST_F(SyncedNetClockTest, AForkedCopyWaitsForNoThreadOfTheParent)
     asking.join();
 }
 
-// What becomes of the provider while two clocks follow it.
+// Event at the provider while two clocks follow it.
 struct Event
 {
     const char* name;
@@ -276,7 +276,7 @@ struct Event
 class SyncedNetClockEventTest : public testing::TestWithParam<Event>
 {
 protected:
-    // Waits until both follow again. Whatever a clock says meanwhile must hold: the old time until
+    // Waits until both follow again. Every reading meanwhile must be correct: the old time until
     // the first answer, no time while it adapts, the new time once it is synchronised again.
     void checkReturn(std::int64_t oldOffsetNs)
     {
@@ -419,7 +419,7 @@ TEST_F(SyncedNetClockTest, NeverSynchronizesWithoutAProvider)
         EXPECT_TRUE(g_utf8_validate(name.c_str(), -1, nullptr));
 }
 
-// Ends the process with 0 if a clock whose thread cannot be started says so and goes on.
+// Ends the process with 0 if a clock whose thread cannot be started reports it and continues.
 [[noreturn]] void startWithoutThreads()
 {
     SyncedNetClock clock;

@@ -91,7 +91,7 @@ private:
     bool m_isInitialized = false;
 };
 
-/// @return media data in which no two frames are alike
+/// @return media data that differs in every frame
 Buffer makeData(std::size_t size, std::size_t seed)
 {
     Buffer data(size);
@@ -110,8 +110,8 @@ protected:
         return sender;
     }
 
-    /// Makes a sender that one waiting receiver joins. What is announced while it joins may miss
-    /// it, so there is a second sequence afterwards.
+    /// Creates a sender that one waiting receiver joins. The receiver may miss an announcement
+    /// while it joins, so a second sequence follows.
     std::unique_ptr<PcmSender> makeJoinedSender() const
     {
         auto sender = makeSender();
@@ -185,7 +185,7 @@ TEST_P(EndToEndTransportTest, AFrameCostsOneAllocationAtTheReceiverAndNoneAtTheS
         [&](TimeValue, TimeValue, const Buffer&)
         {
             allocations[numReceived] = countAllocationsOfThread();
-            ++numReceived; // last: it hands the entry over
+            ++numReceived; // last: it publishes the entry
         });
     std::atomic<bool> isReady = false;
     receiver.setReceiverIsReadyCallback([&](Depayloader&, Receiver::StreamClockType)

@@ -27,7 +27,7 @@ std::atomic<GstClock*> lastClock = nullptr; // that was made
 
 } // namespace
 
-// Takes the place of GStreamer's own, which it calls.
+// Replaces GStreamer's own function, and calls it.
 __attribute__((visibility("default"))) GstClock*
 gst_net_client_clock_new(const gchar* name, const gchar* address, gint port, GstClockTime baseTime)
 {
@@ -97,8 +97,8 @@ void expectConnectionIntact(const Receiver& receiver)
     }
 }
 
-/// A depayloader that takes a sample rate of 48000 at once. For any other it waits until the
-/// receiver's clock is synchronised, and then rejects it.
+/// A depayloader that accepts a sample rate of 48000 at once. With any other rate it waits until
+/// the receiver's clock is synchronised, then rejects the header.
 class PickyDepayloader : public Depayloader
 {
 public:
@@ -239,7 +239,7 @@ TEST_F(ReceiverClockTest, AStopWaitsForTheClocksCallback)
                 return;
             EXPECT_NE(std::this_thread::get_id(), worker);
             entered.set_value();
-            // The worker is about to stop the clock, or waits for that already.
+            // The worker is about to stop the clock, or already waits for it.
             EXPECT_TRUE(log().waitFor(traceLog("Loop wakup activity; aborting wait for input")));
             expectConnectionIntact(receiver.get());
             isDone = true;
@@ -276,7 +276,7 @@ TEST_F(ReceiverClockTest, ALossWaitsForTheClocksCallback)
     ASSERT_TRUE(receiver.waitForEvent("connecting", 2));
     EXPECT_FALSE(log().contains(errorLog(StartsWith("Cannot query"))));
 
-    // The next connection is reported ready all the same.
+    // The next connection is still reported ready.
     sender.emplace(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
     ASSERT_TRUE(sender->serve(1));
     EXPECT_TRUE(receiver.waitForEvent(Ready, 2));

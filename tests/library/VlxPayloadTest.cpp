@@ -61,7 +61,7 @@ public:
     }
 };
 
-/// Records what a list asks of it.
+/// Records the calls of a list.
 class RecordingDepayloader : public Depayloader
 {
 public:
@@ -267,7 +267,7 @@ TEST_F(DepayloaderListTest, UnknownCodecDeselects)
             logged({debugLog(lookingFor(row.shown)), debugLog("No matching payloader found")}));
     }
 
-    // Without a selection not even the size of a frame is looked at.
+    // Without a selection even the size of a frame is not checked.
     for (const std::size_t size : {m_frame.size(), std::size_t{5}})
     {
         EXPECT_EQ(m_list.consumePacket(makePrefix(m_frame, size)), Retcode::NoCurrentDepayloader);

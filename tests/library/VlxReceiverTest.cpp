@@ -70,7 +70,7 @@ constexpr const char* Attempting = "Attempting to connect sidechannel";
 
 std::mutex pollMutex;
 std::map<std::string, std::set<int>> pollTimeouts; // of each thread, by its name
-std::atomic<bool> longConditionWaits = false;      // nothing but a notification ends them
+std::atomic<bool> longConditionWaits = false;      // only a notification ends them
 std::atomic<int> numConditionWaits = 0;
 
 void createFile(const fs::path& path)
@@ -111,7 +111,7 @@ protected:
     }
 };
 
-/// The system's calls, which the linker leads through these.
+/// Wrappers through which the linker routes the system's calls.
 extern "C"
 {
     // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
@@ -250,7 +250,7 @@ TEST_F(ReceiverTest, AStoppedReceiverClosesNothingAgain)
     receiver.stop();
     EXPECT_EQ(receiver.get().*Access::InotifyFD, -1);
 
-    // They take the numbers that the receiver's had.
+    // They reuse the descriptor numbers of the receiver.
     std::vector<Descriptor> others;
     while (others.empty() || others.back().get() <= inotifyFD)
         others.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -262,7 +262,7 @@ TEST_F(ReceiverTest, AStoppedReceiverClosesNothingAgain)
 TEST_F(ReceiverTest, WithoutDescriptorsItDoesNotStart)
 {
     RecordedReceiver receiver;
-    // Once with descriptors: a sanitizer needs some when it sees a class for the first time.
+    // Once with descriptors: a sanitizer needs some on first sight of a class.
     ASSERT_TRUE(receiver.start(getSocketName()));
     receiver.stop();
     log().clear();
@@ -343,13 +343,13 @@ TEST_F(ReceiverTest, WaitsForASenderQuietly)
     EXPECT_EQ(receiver.count("connecting"), 1U);
 }
 
-TEST_F(ReceiverTest, SaysWhyItCannotConnect)
+TEST_F(ReceiverTest, ReportsWhyItCannotConnect)
 {
     std::array<int, 2> ends = {-1, -1};
     ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
     const Descriptor other(ends[1]);
     RecordedReceiver receiver;
-    receiver.get().*Access::SidechannelSocketFD = ends[0]; // kept from an earlier attempt, it seems
+    receiver.get().*Access::SidechannelSocketFD = ends[0]; // as if kept from an earlier attempt
     ASSERT_TRUE(receiver.start(getSocketName()));
     ASSERT_TRUE(log().waitFor(traceLog(Retrying), 2));
     receiver.stop();
@@ -361,7 +361,7 @@ TEST_F(ReceiverTest, SaysWhyItCannotConnect)
     EXPECT_THAT(receiver.getEvents(), ElementsAre("connecting", "idle"));
 }
 
-TEST_F(ReceiverTest, AFullBacklogIsTriedAgain)
+TEST_F(ReceiverTest, AFullBacklogIsRetried)
 {
     RawSidechannelServer stopped(getSocketName(), 0);
     std::vector<RawConnection> others;
@@ -389,7 +389,7 @@ TEST_P(ReceiverAgainstTricks, HoldsNeitherWorkerNorShutdown)
     const bool isGone = passesDescriptor(GetParam());
     const LogExpectation closed = debugLog("VLX sidechannel socket got closed");
     RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
-    const auto forgetConnections = [&sender] // that a receiver has made again before it stopped
+    const auto forgetConnections = [&sender] // new ones, made by a receiver before it stopped
     {
         while (sender.getListener().accept({}).isOpen())
         {
@@ -419,7 +419,7 @@ TEST_P(ReceiverAgainstTricks, HoldsNeitherWorkerNorShutdown)
     EXPECT_TRUE(peer.isPrompt([&] { receiver.stop(); }));
     forgetConnections();
 
-    // Where nobody reads any more.
+    // When the peer does not read any more.
     RecordedReceiver busy;
     busy.onEvent(
         [&busy](const std::string& event)
@@ -468,7 +468,7 @@ TEST_F(ReceiverTest, TheBellSavesTheRestOfTheWait)
     EXPECT_TRUE(waitFor(
         [&]
         {
-            kit::ringBell(); // again: one that rings while nobody waits is not heard
+            kit::ringBell(); // repeated: a bell has no effect while no receiver waits
             return greeted.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
         }));
     EXPECT_TRUE(greeted.get());
@@ -541,7 +541,7 @@ TEST_F(ReceiverTest, OutsideRunningTheClockIsUndetermined)
 namespace
 {
 
-/// Lets a receiver connect to a sender that announces this, and waits for what becomes of it.
+/// Lets a receiver connect to a sender with this announcement, and waits for the result.
 void receiveInitialInfo(const std::string& socketName, const Buffer& packet)
 {
     RawSidechannelServer server(socketName);
@@ -573,7 +573,7 @@ TEST_F(ReceiverDeathTest, OnlyARunningReceiverReportsThatItIsReady)
     receiver.*Access::State = State::Idle;
 }
 
-TEST_F(ReceiverTest, ARefusedSenderIsTriedAgainAfterTheUsualWait)
+TEST_F(ReceiverTest, ARefusedSenderIsRetriedAfterTheUsualDelay)
 {
     RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
     RecordedReceiver receiver;
@@ -754,7 +754,7 @@ TEST_F(ReceiverTest, GivesUpWithoutASidechannelSocket)
     EXPECT_FALSE(log().contains(traceLog(Retrying)));
 }
 
-TEST_F(ReceiverTest, AModeLandsOnTheOwnSocketFileAlone)
+TEST_F(ReceiverTest, OnlyTheOwnSocketFileGetsItsMode)
 {
     const fs::path directory = getTempDirectory();
     const auto getMode = [](const fs::path& path)
@@ -783,7 +783,7 @@ TEST_F(ReceiverTest, AModeLandsOnTheOwnSocketFileAlone)
     EXPECT_EQ(getMode(directory / "own"), 0622U);
     EXPECT_EQ(getMode(directory / "file"), 0600U);
 
-    // Who may write in the directory of a pipeline puts a link in the place of the socket file.
+    // A user with write permission for a pipeline's directory replaces the socket file by a link.
     log().onNext(
         infoLog(StartsWith("Changing the permissions of socket")),
         [&]
@@ -1037,7 +1037,8 @@ TEST_P(ReceiverTransportTest, MissingCallbacksAreSkipped)
 namespace
 {
 
-/// Has a clock's callback come while its header is read, after the last look at the announcement.
+/// Triggers a clock's callback while its header is parsed, after the last check of the
+/// announcement.
 class ClockBeforeHeader : public Depayloader
 {
 public:
@@ -1083,7 +1084,7 @@ TEST_P(ReceiverTransportTest, IsNotReadyBeforeTheSequenceIsAnnounced)
 namespace
 {
 
-/// Sends a frame from inside a callback, and waits until the receiver has it before itself.
+/// Sends a frame from inside a callback, and waits until it can be received.
 void sendNextFrame(RawSender& sender, Receiver& receiver, std::uint8_t timestamp)
 {
     EXPECT_TRUE(sender.sendOverMainChannel(makeFrame(1, timestamp)));
@@ -1113,7 +1114,7 @@ TEST_P(ReceiverTransportTest, AWakeupGoesBeforeWaitingData)
     EXPECT_EQ(receiver.count("sequence"), 1U);
 }
 
-TEST_P(ReceiverTransportTest, WhatIsInTheMainChannelIsPlayedAfterTheSidechannelHasClosed)
+TEST_P(ReceiverTransportTest, BufferedPacketsAreDeliveredAfterTheSidechannelHasClosed)
 {
     constexpr std::uint8_t NumFrames = 20;
     auto sender = makeSender();
@@ -1134,7 +1135,7 @@ TEST_P(ReceiverTransportTest, WhatIsInTheMainChannelIsPlayedAfterTheSidechannelH
     EXPECT_EQ(log().count(debugLog(StartsWith("Closing sidechannel"))), 1U);
 }
 
-TEST_F(ReceiverTest, SaysWhyTheSidechannelCannotBeRead)
+TEST_F(ReceiverTest, ReportsWhyTheSidechannelCannotBeRead)
 {
     Receiver receiver;
     std::array<int, 2> ends = {-1, -1};
@@ -1212,7 +1213,7 @@ TEST_F(ReceiverTest, WithoutTheDirectoryItConnectsAllTheSame)
     RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
     EXPECT_TRUE(sender.greet() && sender.joinMainChannel());
     EXPECT_TRUE(waitFor([&] { return receiver.getState() == State::Running; }));
-    // Nothing wakes the monitor here: it must end by itself.
+    // No event wakes the monitor here: it must end by itself.
     receiver.shutdownReceiver();
     EXPECT_FALSE(log().contains(debugLog(StartsWith("Opened "))));
     EXPECT_FALSE(hasLoggedProblems());

@@ -68,9 +68,9 @@ int countBytesInPipe(int readEnd)
 }
 
 std::function<void(const fs::path&)> onNewDirectory; // after each mkdtemp
-std::mutex closingMutex; // while it is held, no close of many descriptors comes to its end
+std::mutex closingMutex; // while it is locked, no close of many descriptors returns
 
-/// The system's calls, which the linker leads through these.
+/// Wrappers through which the linker routes the system's calls.
 extern "C"
 {
     // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
@@ -136,7 +136,7 @@ protected:
         m_sender.startNewSequence();
     }
 
-    /// Joins the main channel as a receiver does, and waits until the sender knows.
+    /// Joins the main channel as a receiver does, and waits until the sender has noticed it.
     void join(RawNanomsg& receiver, NanomsgProtocol protocol = NanomsgProtocol::PubSub)
     {
         const std::string& uri = m_sender.*Access::NanomsgURI;
@@ -156,12 +156,12 @@ protected:
         return waitFor([&] { return Access::getPolledFDs(m_sender).size() == number + 2; });
     }
 
-    /// Connects a receiver that is accepted but not greeted as long as the lock is held.
+    /// Connects a client that is accepted, but gets no packets while the lock is held.
     ///
-    /// The listener thread takes the lock twice a round: to see whether it goes on, and to greet.
-    /// Taken while the thread sleeps in poll, the lock stops it where it would greet. Taken between
-    /// two rounds, it stops the thread before poll, where nobody is accepted: then the client is
-    /// greeted, sent away, and the next one tries again.
+    /// The listener thread takes the lock twice per pass: to check whether to continue, and to send
+    /// the packets. If the lock is taken while the thread is in poll, it blocks the thread before
+    /// it sends. If it is taken between two passes, it blocks the thread before poll, where no
+    /// client is accepted: then this client is served and closed, and the next one tries again.
     RawConnection connectUngreeted(std::unique_lock<std::mutex>& lock)
     {
         constexpr std::chrono::milliseconds TryDuration{200};
@@ -185,7 +185,7 @@ protected:
         }
     }
 
-    /// Gives back what a failed initialisation keeps.
+    /// Releases the resources that a failed initialisation keeps.
     static void release(Sender& sender)
     {
         for (auto* pipe :
@@ -213,7 +213,7 @@ class SenderTransportTest : public SenderTest, public ::testing::WithParamInterf
 {
 };
 
-/// What a peer tries, and whether the kernel is one without close_range().
+/// Attack of a peer, and whether the kernel lacks close_range().
 class SenderAgainstTricks : public SenderTest,
                             public ::testing::WithParamInterface<std::tuple<Trick, bool>>
 {
@@ -373,7 +373,7 @@ TEST_F(SenderTest, LongNamesAreReportedAndCut)
 
 TEST_F(SenderTest, TakenNameIsReplacedByAFreeAlternative)
 {
-    // Longer than the alternative, of which nothing may be left behind it.
+    // Longer than the alternative, so that a remainder would be noticed.
     std::string taken = getSocketName();
     taken.resize(LongestName, 't');
     RawSidechannelServer other(taken);
@@ -430,7 +430,7 @@ TEST_F(SenderTest, TempDirectoryIsWhereTheVariableSays)
     release(sender);
 }
 
-TEST_F(SenderTest, ADirectoryThatIsSetGoesBeforeTheVariable)
+TEST_F(SenderTest, ASetDirectoryOverridesTheVariable)
 {
     const fs::path base = fs::path(getTempDirectory()) / "base";
     fs::create_directory(base);
@@ -449,7 +449,7 @@ TEST_F(SenderTest, ADirectoryThatIsSetGoesBeforeTheVariable)
     EXPECT_THAT(m_sender.*Access::NanomsgURI, StartsWith("ipc://" + getTempDirectory()));
 }
 
-TEST_P(SenderTransportTest, TempDirectoryIsOpenToEveryone)
+TEST_P(SenderTransportTest, TempDirectoryIsOpenToAllUsers)
 {
     const mode_t mask = ::umask(0077);
     ASSERT_TRUE(initialize(GetParam()));
@@ -464,11 +464,11 @@ TEST_P(SenderTransportTest, TempDirectoryIsOpenToEveryone)
     };
     ASSERT_EQ(::stat(directory.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0777U);
-    // In a pipeline the receiver makes it.
+    // In a pipeline the receiver creates it.
     EXPECT_EQ(fs::exists(directory / "nanomsgChannel.ipc"), GetParam() == NanomsgProtocol::PubSub);
 }
 
-TEST_F(SenderTest, AModeLandsOnTheOwnNewDirectoryAlone)
+TEST_F(SenderTest, OnlyTheNewDirectoryGetsItsMode)
 {
     const fs::path victim = fs::path(getTempDirectory()) / "victim";
     const auto makeFile = [&](const fs::path& path)
@@ -556,7 +556,7 @@ TEST_F(SenderTest, AnnouncesItsClock)
     }
 }
 
-TEST_F(SenderTest, NewcomersAreToldTheCurrentSequence)
+TEST_F(SenderTest, NewReceiversGetTheCurrentSequence)
 {
     ASSERT_TRUE(initialize());
     m_sender.setCurrentPayloader(m_payloader);
@@ -574,7 +574,7 @@ TEST_F(SenderTest, NewcomersAreToldTheCurrentSequence)
     EXPECT_FALSE(early.hasInput());
 }
 
-TEST_F(SenderTest, WhatReceiversWriteIsDiscarded)
+TEST_F(SenderTest, DataFromReceiversIsDiscarded)
 {
     ASSERT_TRUE(initialize());
     RawConnection first(getSocketName());
@@ -621,7 +621,7 @@ TEST_F(SenderTest, ReceiverThatLeavesUnreadBytesIsReportedAndRemoved)
 
 TEST_F(SenderTest, ReceiverThatLeavesBeforeItsGreetingDoesNotKill)
 {
-    // Nobody protects this process: the default action of SIGPIPE ends it.
+    // This process is not protected: the default action of SIGPIPE ends it.
     ASSERT_EQ(::signal(SIGPIPE, SIG_DFL), SIG_DFL);
     startStream();
     std::unique_lock<std::mutex> lock;
@@ -689,7 +689,7 @@ TEST_P(SenderAgainstTricks, HoldsNeitherListenerNorShutdown)
     EXPECT_TRUE(peer.isPrompt([this] { EXPECT_TRUE(initialize()); })) << "its name is free again";
 }
 
-TEST_F(SenderTest, AFullWakeupPipeHoldsNobodyUp)
+TEST_F(SenderTest, AFullWakeupPipeBlocksNoThread)
 {
     startStream();
     const int(&pipe)[2] = m_sender.*Access::NanomsgWakeupPipe;
@@ -712,7 +712,7 @@ TEST_F(SenderTest, AFullWakeupPipeHoldsNobodyUp)
     EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty());
 }
 
-TEST_F(SenderTest, AFileOfTheHostThatCannotBeClosedHoldsNobody)
+TEST_F(SenderTest, AFileOfTheHostThatCannotBeClosedDelaysNothing)
 {
     constexpr int MaxHeld = 16;
     ASSERT_TRUE(initialize());
@@ -756,7 +756,7 @@ TEST_F(SenderTest, OutOfDescriptorsTheListenerTriesTenTimesASecond)
         EXPECT_TRUE(waitFor(
             [&]
             {
-                // Its wait is interrupted all the time.
+                // Signals interrupt its wait all the time.
                 ::pthread_kill((m_sender.*Access::ListenerThread).native_handle(), SIGUSR1);
                 return log().count(attempt) >= 4;
             }));
@@ -767,12 +767,12 @@ TEST_F(SenderTest, OutOfDescriptorsTheListenerTriesTenTimesASecond)
     waitInVain();
     ASSERT_TRUE(log().waitFor(debugLog(StartsWith(NewClient))));
     ASSERT_TRUE(waitForClients(0));
-    waitInVain(); // it is told anew
+    waitInVain(); // it is reported again
     EXPECT_TRUE(RawConnection(getSocketName()).readMessage().has_value());
     ::signal(SIGUSR1, SIG_DFL);
 }
 
-TEST_F(SenderTest, AListenerThatIsHeldUpTurnsNobodyAway)
+TEST_F(SenderTest, ADelayedListenerRefusesNoClient)
 {
     constexpr std::size_t NumWaiting = 32;
     ASSERT_TRUE(initialize());
@@ -910,7 +910,7 @@ TEST_F(SenderTest, PayloaderChangesAtOnceAndTheSequenceNumberLater)
     ASSERT_NO_FATAL_FAILURE(join(receiver));
     sendFrame(1, {1, 2, 3});
     EXPECT_EQ(receiver.receive(), makeFrame(0, 1, {1, 2, 3})) << "before the first sequence";
-    m_sender.startNewSequence(); // nobody is on the sidechannel: not sent on the main channel
+    m_sender.startNewSequence(); // no client on the sidechannel: not sent on the main channel
 
     Reversing reversing;
     m_sender.setCurrentPayloader(reversing);
@@ -938,7 +938,7 @@ TEST_F(SenderTest, DisabledSendingDropsFrames)
     m_sender.disableSend(false);
     EXPECT_EQ(countBytesInPipe(pipe), 1);
 
-    // The byte that nobody was waiting for is drained, and the frame sent all the same.
+    // A wakeup byte without a waiting send is drained, and the frame is sent.
     sendFrame(2, {2});
     EXPECT_EQ(countBytesInPipe(pipe), 0);
     EXPECT_EQ(receiver.receive(), makeFrame(1, 2, {2}));
@@ -966,7 +966,7 @@ TEST_F(SenderTest, BlockedSendIsFreedByDisabling)
     ASSERT_EQ(blocked.wait_for(DefaultDeadline), std::future_status::ready);
     EXPECT_EQ(countBytesInPipe((m_sender.*Access::NanomsgWakeupPipe)[0]), 0);
 
-    // A byte left from a change that freed nobody costs the next frame, without a word.
+    // A byte left from a change that unblocked no send costs the next frame, silently.
     m_sender.disableSend(false);
     m_sender.disableSend(true);
     m_sender.disableSend(false);
@@ -982,10 +982,10 @@ TEST_F(SenderTest, BlockedSendIsFreedByDisabling)
         << "the receiver's socket file was there";
 }
 
-TEST_F(SenderTest, AReceiverThatLeavesBeforeTheSendHoldsNobodyUp)
+TEST_F(SenderTest, AReceiverThatLeavesBeforeTheSendDoesNotBlockIt)
 {
     startStream(NanomsgProtocol::Pipeline);
-    const Descriptor ready(::eventfd(1, EFD_CLOEXEC)); // though there is nobody any more
+    const Descriptor ready(::eventfd(1, EFD_CLOEXEC)); // although there is no receiver any more
     const int watchFD = std::exchange(m_sender.*Access::NanomsgWatchFD, ready.get());
     auto sent = std::async(std::launch::async, [this] { sendFrame(1, {1}); });
     EXPECT_EQ(sent.wait_for(DefaultDeadline), std::future_status::ready);
@@ -994,10 +994,10 @@ TEST_F(SenderTest, AReceiverThatLeavesBeforeTheSendHoldsNobodyUp)
     m_sender.*Access::NanomsgWatchFD = watchFD;
 }
 
-TEST_F(SenderTest, BlockedSendKeepsNoNewcomerWaiting)
+TEST_F(SenderTest, BlockedSendDelaysNoNewReceiver)
 {
     startStream(NanomsgProtocol::Pipeline);
-    RawConnection client(getSocketName()); // without one nobody is told of a sequence
+    RawConnection client(getSocketName()); // without a client no sequence is announced
     ASSERT_TRUE(waitForClients(1));
     const std::vector<std::function<void()>> calls = {
         [this] { m_sender.startNewSequence(); }, [this] { sendFrame(1, {1}); }};
@@ -1054,7 +1054,7 @@ TEST_F(SenderTest, SignalsEndNeitherABlockedSendNorTheListener)
     blocked.get();
 }
 
-TEST_F(SenderTest, ReceiverThatTakesNothingDisturbsNobody)
+TEST_F(SenderTest, ReceiverThatReadsNothingDisturbsNoOther)
 {
     startStream();
     RawNanomsg paused(NN_SUB);
@@ -1124,7 +1124,7 @@ TEST_F(SenderTest, ThreadsMayMeet)
 
 TEST_F(SenderDeathTest, FailedMainChannelLeavesTheListenerOpen)
 {
-    // One that a directory can have, but the path of a socket file cannot.
+    // A length that is valid for a directory, but not for the path of a socket file.
     const fs::path directory = fs::path(getTempDirectory()) / std::string(100, 'd');
     fs::create_directory(directory);
     ::setenv("TMPDIR", directory.c_str(), 1);
