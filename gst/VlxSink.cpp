@@ -45,9 +45,6 @@ namespace vlx::gst
 namespace
 {
 
-// How long a wait for receivers may go on after an unlock, and a send that is not blocked may take.
-constexpr auto UnlockInterval = std::chrono::milliseconds(20);
-
 enum class ClockChoice
 {
     Auto,
@@ -117,10 +114,8 @@ private:
     bool isUnlocked() const;
     bool noteUnlocks();
     GstFlowReturn waitForUnlockStop();
-    bool isProducerStopped() const;
-    template <typename Call>
-    kit::Status callUnlockable(Call call);
     GstFlowReturn fail(const std::string& problem);
+    GstFlowReturn fail(const kit::Status& status);
     std::optional<Announcement> chooseClock(GstClock* clock, const Settings& settings);
     bool serveClock(GstClock* clock, const Settings& settings);
     GstFlowReturn open(const Settings& settings, const Announcement& announcement);
@@ -149,11 +144,8 @@ private:
     // Guarded by m_mutex. The streaming thread changes the producer, and uses it without.
     std::unique_ptr<kit::Producer> m_producer;
     kit::ProducerStatistics m_earlier; // of producers before the present one
-    bool m_busy = false;               // in a call that may block
-    bool m_producerStopped = false;    // by unlock()
     bool m_unlocked = false;           // between unlock() and unlockStop()
-    unsigned m_unlocks = 0;            // calls of unlock()
-    unsigned m_unlocksSeen = 0;        // before the present wait
+    bool m_interrupted = false;        // by unlock(), until the next wait begins
 };
 
 GstStructure* Sink::makeStatistics() const
@@ -226,20 +218,16 @@ void Sink::dropProducer()
     m_earlier.bytes += last.bytes;
     m_earlier.sequences += last.sequences;
     m_producer.reset();
-    m_producerStopped = false;
 }
 
 bool Sink::unlock()
 {
-    std::unique_lock lock(m_mutex);
+    const std::lock_guard lock(m_mutex);
     m_unlocked = true;
-    ++m_unlocks;
+    m_interrupted = true;
+    if (m_producer)
+        m_producer->interrupt(true);
     m_condition.notify_all();
-    // Stopping a producer is for good, so only a call that really blocks is freed in this way.
-    if (m_condition.wait_for(lock, UnlockInterval, [this] { return !m_busy; }) || !m_producer)
-        return true;
-    m_producer->stop();
-    m_producerStopped = true;
     return true;
 }
 
@@ -251,20 +239,24 @@ bool Sink::unlockStop()
     return true;
 }
 
-// Whether what waits has to give up: also if unlockStop() has followed already.
+// Whether a wait must end: even if unlockStop() has followed already.
 bool Sink::isUnlocked() const
 {
     const std::lock_guard lock(m_mutex);
-    return m_unlocked || m_unlocks != m_unlocksSeen;
+    return m_interrupted;
 }
 
-// Begins a wait, with the preroll lock held: unlocks before that are over, but for one whose caller
+// Begins a wait, with the preroll lock held: earlier unlocks are over, except one whose caller
 // waits for that lock.
 bool Sink::noteUnlocks()
 {
     const std::lock_guard lock(m_mutex);
-    m_unlocksSeen = m_unlocks;
-    return m_unlocked;
+    if (m_unlocked)
+        return true;
+    m_interrupted = false;
+    if (m_producer)
+        m_producer->interrupt(false);
+    return false;
 }
 
 GstFlowReturn Sink::waitForUnlockStop()
@@ -274,40 +266,19 @@ GstFlowReturn Sink::waitForUnlockStop()
     return GST_FLOW_FLUSHING;
 }
 
-bool Sink::isProducerStopped() const
-{
-    const std::lock_guard lock(m_mutex);
-    return m_producerStopped;
-}
-
-// Makes a call to the producer that unlock() can free.
-template <typename Call>
-kit::Status Sink::callUnlockable(Call call)
-{
-    {
-        const std::lock_guard lock(m_mutex);
-        if (m_unlocked || m_unlocks != m_unlocksSeen)
-            return {kit::ErrorCode::Stopped, "stopped"};
-        m_busy = true;
-    }
-    kit::Status done = call(*m_producer);
-    const std::lock_guard lock(m_mutex);
-    m_busy = false;
-    m_condition.notify_all();
-    return done;
-}
-
-// What a call that failed means: it was freed, or it cannot be done.
 GstFlowReturn Sink::fail(const std::string& problem)
 {
-    const bool freed = isUnlocked() || isProducerStopped();
     dropProducer();
-    if (freed)
-        return GST_FLOW_FLUSHING;
     GST_ELEMENT_ERROR(
         m_element, RESOURCE, OPEN_WRITE, ("The stream cannot be sent: %s.", problem.c_str()),
         (nullptr));
     return GST_FLOW_ERROR;
+}
+
+GstFlowReturn Sink::fail(const kit::Status& status)
+{
+    return status.getCode() == kit::ErrorCode::Interrupted ? GST_FLOW_FLUSHING
+                                                           : fail(status.getText());
 }
 
 std::optional<Announcement> Sink::chooseClock(GstClock* clock, const Settings& settings)
@@ -373,11 +344,13 @@ GstFlowReturn Sink::open(const Settings& settings, const Announcement& announcem
     {
         const std::lock_guard lock(m_mutex);
         m_producer = std::make_unique<kit::Producer>(std::move(options));
+        m_producer->interrupt(m_interrupted);
     }
-    if (const kit::Status status =
-            callUnlockable([this](kit::Producer& producer) { return producer.open(m_format); });
-        !status)
-        return fail(status.getText());
+    if (const kit::Status status = m_producer->open(m_format); !status)
+    {
+        dropProducer();
+        return fail(status);
+    }
 
     m_announcement = announcement;
     m_announcedFormat = m_format;
@@ -396,7 +369,7 @@ GstFlowReturn Sink::openOrAdapt()
     if (!announcement)
         return fail("a network clock is wanted, but the pipeline has none; set \"clock-address\" "
                     "and \"clock-port\", or \"serve-clock\"");
-    if (m_producer && (m_announcement != *announcement || isProducerStopped()))
+    if (m_producer && m_announcement != *announcement)
     {
         GST_INFO_OBJECT(m_element, "opening again, with the pipeline's present clock");
         dropProducer();
@@ -406,23 +379,22 @@ GstFlowReturn Sink::openOrAdapt()
         return open(settings, *announcement);
     if (m_announcedFormat == m_format)
         return GST_FLOW_OK;
-    if (const kit::Status status = callUnlockable([this](kit::Producer& producer)
-                                                  { return producer.setFormat(m_format); });
-        !status)
-        return fail(status.getText());
+    if (const kit::Status status = m_producer->setFormat(m_format); !status)
+        return fail(status);
     m_announcedFormat = m_format;
     return GST_FLOW_OK;
 }
 
 GstFlowReturn Sink::waitForReceiver()
 {
-    m_joined = m_joined || !getSettings().waitForConnection;
-    while (!m_joined)
+    if (m_joined)
+        return GST_FLOW_OK;
+    if (getSettings().waitForConnection)
     {
-        if (isUnlocked())
-            return GST_FLOW_FLUSHING;
-        m_joined = static_cast<bool>(m_producer->waitForReceivers(1, UnlockInterval));
+        if (const kit::Status status = m_producer->waitForReceivers(1); !status)
+            return fail(status);
     }
+    m_joined = true;
     return GST_FLOW_OK;
 }
 
@@ -436,7 +408,7 @@ GstFlowReturn Sink::prepare()
             return GST_FLOW_FLUSHING;
         const ObjectPtr<GstClock> clock(gst_element_get_clock(GST_ELEMENT(m_element)));
         if (!isUnlocked() && m_joined && clock && clock.get() == m_clock &&
-            m_announcedFormat == m_format && !isProducerStopped())
+            m_announcedFormat == m_format)
             return GST_FLOW_OK;
 
         const bool pending = noteUnlocks();
@@ -483,8 +455,7 @@ TimeValue Sink::makeTimestamp(GstBuffer* buffer) const
 void Sink::waitForTurn()
 {
     std::unique_lock lock(m_mutex);
-    m_condition.wait_until(
-        lock, m_notBefore, [this] { return m_unlocked || m_unlocks != m_unlocksSeen; });
+    m_condition.wait_until(lock, m_notBefore, [this] { return m_interrupted; });
 }
 
 GstFlowReturn Sink::send(GstBuffer* buffer, const ByteView& data)
@@ -495,14 +466,8 @@ GstFlowReturn Sink::send(GstBuffer* buffer, const ByteView& data)
             ? GST_BUFFER_DURATION(buffer)
             : m_format.toNanoseconds(data.size() / m_format.getBytesPerSample());
     waitForTurn();
-    if (const kit::Status status = callUnlockable(
-            [&](kit::Producer& producer) { return producer.send(timestamp, duration, data); });
-        !status)
-    {
-        // Freed before it began: the producer is as good as before.
-        const bool intact = isUnlocked() && !isProducerStopped();
-        return intact ? GST_FLOW_FLUSHING : fail(status.getText());
-    }
+    if (const kit::Status status = m_producer->send(timestamp, duration, data); !status)
+        return fail(status);
     m_nextTimestamp = timestamp + duration;
     m_notBefore = std::chrono::steady_clock::now() + std::chrono::nanoseconds(duration / 2);
     return GST_FLOW_OK;

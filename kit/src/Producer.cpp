@@ -129,9 +129,11 @@ public:
     Status open(Payloader& payloader);
     Status setFormat(const StreamFormat& format);
     Status setFormat(Payloader& payloader);
+    Status announce();
     Status send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
     std::size_t checkReceivers();
     Status waitForReceivers(std::size_t count, std::chrono::nanoseconds timeout);
+    void interrupt(bool on);
     void stop();
     void close();
     ProducerStatistics getStatistics() const;
@@ -181,11 +183,16 @@ private:
     Status publish(const std::string& name, std::unique_ptr<Sender> sender);
     Status protectStream();
     void shutDown();
-    void announce();
-    void announceToNewcomers();
+    template <typename Call>
+    Status callSender(Call call);
+    Status announceNow();
+    Status announceAfterInterruption();
+    Status announceToNewcomers();
+    void reportReceivers();
     std::size_t countReceivers(std::chrono::nanoseconds maxAge) const;
     Status checkClosed() const;
     Status checkUsable() const;
+    Status checkStops() const;
     void notify(const std::string& notice) const;
 
     // Constant.
@@ -201,13 +208,18 @@ private:
     std::size_t m_numConnections = 0;             // just before that, or at a later check
     std::optional<Clock::time_point> m_lastFrame; // when it was sent
     std::chrono::nanoseconds m_lastDuration{0};
+    int m_announcementsDue = 0; // before the next frame; see announceAfterInterruption()
+    std::size_t m_reportedReceivers = 0;
 
     // Of any thread.
     std::atomic<std::uint64_t> m_frames = 0;
     std::atomic<std::uint64_t> m_bytes = 0;
     std::atomic<std::uint64_t> m_sequences = 0;
     std::atomic<bool> m_stopped = false;
-    std::atomic<pid_t> m_process = 0; // that has opened the stream
+    std::atomic<bool> m_interrupted = false;
+    std::atomic<std::uint64_t> m_interruptions = 0; // so far
+    std::atomic<bool> m_isSending = false;          // in Pipeline
+    std::atomic<pid_t> m_process = 0;               // that has opened the stream
     std::atomic<bool> m_isInUse = false;
 
     struct Count
@@ -261,8 +273,7 @@ Status Producer::Impl::openStream(Payloader& payloader)
     // The sooner it comes, the fewer receivers have joined that could miss it. In Pipeline it waits
     // for those that are joining.
     m_sender->setCurrentPayloader(payloader);
-    announce();
-    if (Status status = checkUsable(); !status)
+    if (Status status = announceNow(); !status)
         return status;
     if (Status status = protectStream(); !status)
         return status;
@@ -272,8 +283,8 @@ Status Producer::Impl::openStream(Payloader& payloader)
 /// Without the first sequence: what waits for others must not hold up other streams.
 Status Producer::Impl::openSender()
 {
-    if (m_stopped)
-        return {ErrorCode::Stopped, "stopped"};
+    if (Status status = checkStops(); !status)
+        return status;
 
     const BaseDirectory base =
         prepareBaseDirectory(BaseDirectoryUse::Send, m_options.baseDirectory);
@@ -392,8 +403,14 @@ Status Producer::Impl::setFormat(Payloader& payloader)
         m_payloader = &payloader;
         m_sender->setCurrentPayloader(payloader);
     }
-    announce();
-    return checkUsable();
+    return announceNow();
+}
+
+Status Producer::Impl::announce()
+{
+    if (Status status = checkUsable(); !status)
+        return status;
+    return announceNow();
 }
 
 Status Producer::Impl::send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData)
@@ -405,12 +422,21 @@ Status Producer::Impl::send(TimeValue timestamp, TimeValue duration, const ByteV
             ErrorCode::InvalidArgument,
             std::to_string(mediaData.size()) + " bytes of media data are not a whole number of " +
                 "samples of " + std::to_string(m_format->getBytesPerSample()) + " bytes"};
-    // Later nobody can have missed the sequence, and the count takes locks.
+    if (m_announcementsDue > 0)
+    {
+        if (Status status = announceAfterInterruption(); !status)
+            return status;
+    }
+    // Later no receiver can have missed the sequence, and the count takes locks.
     if (Clock::now() - m_lastSequence < JoiningTime)
-        announceToNewcomers();
+    {
+        if (Status status = announceToNewcomers(); !status)
+            return status;
+    }
+    if (m_options.onReceivers)
+        reportReceivers();
 
-    m_sender->sendMediaData(timestamp, duration, mediaData);
-    Status status = checkUsable();
+    Status status = callSender([&] { m_sender->sendMediaData(timestamp, duration, mediaData); });
     if (!status)
         return status;
     m_lastFrame = Clock::now();
@@ -424,24 +450,78 @@ std::size_t Producer::Impl::checkReceivers()
 {
     if (m_sender == nullptr)
         return 0;
-    announceToNewcomers();
+    static_cast<void>(announceToNewcomers());
+    if (m_options.onReceivers)
+        reportReceivers();
     const std::lock_guard<std::mutex> lock(m_mutex);
     return countReceivers(MaxCountAge);
 }
 
-void Producer::Impl::announceToNewcomers()
+/// Calls the sender, where it may block in Pipeline.
+///
+/// @return whether the call was not interrupted
+template <typename Call>
+Status Producer::Impl::callSender(Call call)
+{
+    if (m_options.protocol != NanomsgProtocol::Pipeline)
+    {
+        call();
+        return m_stopped ? checkStops() : Status();
+    }
+    // An interruption sees that the call is made, or is seen here.
+    m_isSending = true;
+    const std::uint64_t interruptions = m_interruptions;
+    Status status = checkStops();
+    if (status)
+        call();
+    m_isSending = false;
+    if (status && interruptions == m_interruptions)
+        return checkStops();
+    m_announcementsDue = 2;
+    return m_stopped ? checkStops() : Status(ErrorCode::Interrupted, "interrupted");
+}
+
+/// An interrupted call may have lost an announcement, and may have left a byte in the sender's
+/// wakeup pipe, which ends the next wait at once: what is sent then is lost. So an announcement is
+/// sacrificed to that byte, and then repeated. Without a receiver the sender would not send it.
+Status Producer::Impl::announceAfterInterruption()
+{
+    while (m_announcementsDue > 0)
+    {
+        if (Status status = waitForReceivers(1, std::chrono::nanoseconds::zero()); !status)
+            return status;
+        const int due = m_announcementsDue;
+        if (Status status = announceNow(); !status)
+            return status;
+        m_announcementsDue = due - 1;
+    }
+    return {};
+}
+
+Status Producer::Impl::announceToNewcomers()
 {
     const std::size_t before = std::exchange(m_numConnections, m_sender->getNumReceivers());
     if (m_numConnections <= before || Clock::now() - m_lastSequence >= JoiningTime)
-        return;
+        return {};
     // In Pipeline it waits until it is taken: not for one that has left again.
     if (m_options.protocol == NanomsgProtocol::Pipeline)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (countReceivers(std::chrono::nanoseconds::zero()) == 0)
-            return;
+            return {};
     }
-    announce();
+    return announceNow();
+}
+
+void Producer::Impl::reportReceivers()
+{
+    std::size_t count = 0;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        count = countReceivers(MaxCountAge);
+    }
+    if (std::exchange(m_reportedReceivers, count) != count)
+        m_options.onReceivers(count);
 }
 
 /// nanomsg counts connections that left just after they had been made, for ever, and knows nothing
@@ -472,22 +552,30 @@ std::size_t Producer::Impl::countReceivers(std::chrono::nanoseconds maxAge) cons
     return numReceivers;
 }
 
-void Producer::Impl::announce()
+Status Producer::Impl::announceNow()
 {
     m_numConnections = m_sender->getNumReceivers();
-    m_sender->startNewSequence();
+    Status status = callSender([this] { m_sender->startNewSequence(); });
     m_lastSequence = Clock::now();
-    m_sequences.fetch_add(1, std::memory_order_relaxed);
+    if (status)
+        m_sequences.fetch_add(1, std::memory_order_relaxed);
+    return status;
 }
 
 Status Producer::Impl::waitForReceivers(std::size_t count, std::chrono::nanoseconds timeout)
 {
     const auto start = Clock::now();
+    const std::uint64_t interruptions = m_interruptions;
     while (true)
     {
         if (Status status = checkUsable(); !status)
             return status;
-        announceToNewcomers();
+        if (interruptions != m_interruptions) // taken back already
+            return {ErrorCode::Interrupted, "interrupted"};
+        if (Status status = announceToNewcomers(); !status)
+            return status;
+        if (m_options.onReceivers)
+            reportReceivers();
         std::unique_lock<std::mutex> lock(m_mutex);
         if (m_numConnections >= count && countReceivers(std::chrono::nanoseconds::zero()) >= count)
             return checkUsable();
@@ -496,8 +584,24 @@ Status Producer::Impl::waitForReceivers(std::size_t count, std::chrono::nanoseco
             return {ErrorCode::TimedOut, "too few receivers have joined in time"};
         m_stopRequested.wait_for(
             lock, waited < PromptJoinTime ? PromptCheckInterval : ReceiverCheckInterval,
-            [this] { return m_stopped.load(); });
+            [this] { return m_stopped || m_interrupted; });
     }
+}
+
+void Producer::Impl::interrupt(bool on)
+{
+    const bool isCopy = isForkedCopy(m_process);
+    if (isCopy)
+        return;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (on)
+        ++m_interruptions;
+    m_interrupted = on;
+    // What does not block is not disabled: it would lose what is being sent.
+    if (m_sender != nullptr && !m_stopped && (!on || m_isSending))
+        m_sender->disableSend(on);
+    if (on)
+        m_stopRequested.notify_all();
 }
 
 void Producer::Impl::stop()
@@ -544,6 +648,8 @@ void Producer::Impl::shutDown()
     m_lastFrame.reset();
     m_directoryLock = {};
     m_count.reset();
+    m_announcementsDue = 0;
+    m_reportedReceivers = 0;
 }
 
 ProducerStatistics Producer::Impl::getStatistics() const
@@ -565,11 +671,21 @@ Status Producer::Impl::checkClosed() const
     return {ErrorCode::AlreadyOpen, "the stream " + quote(m_name) + " is open already"};
 }
 
-/// @return success if the stream is open and not stopped
-Status Producer::Impl::checkUsable() const
+/// @return success unless stop() or interrupt() was called
+Status Producer::Impl::checkStops() const
 {
     if (m_stopped)
         return {ErrorCode::Stopped, "stopped"};
+    if (m_interrupted)
+        return {ErrorCode::Interrupted, "interrupted"};
+    return {};
+}
+
+/// @return success if the stream is open, too
+Status Producer::Impl::checkUsable() const
+{
+    if (Status status = checkStops(); !status)
+        return status;
     if (m_sender == nullptr)
         return {ErrorCode::NotOpen, "the stream is not open"};
     return {};
@@ -624,6 +740,12 @@ Status Producer::setFormat(Payloader& payloader)
     return m_impl->setFormat(payloader);
 }
 
+Status Producer::announce()
+{
+    const Impl::Use use(*m_impl);
+    return m_impl->announce();
+}
+
 Status Producer::send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData)
 {
     const Impl::Use use(*m_impl);
@@ -640,6 +762,11 @@ Status Producer::waitForReceivers(std::size_t count, std::chrono::nanoseconds ti
 {
     const Impl::Use use(*m_impl);
     return m_impl->waitForReceivers(count, timeout);
+}
+
+void Producer::interrupt(bool on)
+{
+    m_impl->interrupt(on);
 }
 
 void Producer::stop()

@@ -29,6 +29,8 @@ const char* toString(ErrorCode code)
         return "not open";
     case ErrorCode::Stopped:
         return "stopped";
+    case ErrorCode::Interrupted:
+        return "interrupted";
     case ErrorCode::TimedOut:
         return "timed out";
     case ErrorCode::Failed:

@@ -56,6 +56,10 @@ struct ProducerOptions
     /// Receives informational messages, one line each, on the thread that calls open(). Not set:
     /// they go to the logger "Vellox.Kit" as WARN.
     std::function<void(const std::string&)> onNotice = {};
+    /// Receives the number of joined receivers each time it has changed, on the thread that sends:
+    /// within send(), checkReceivers() and waitForReceivers(), at most 100 ms after the change if
+    /// that thread calls one of them. Must not call the producer.
+    std::function<void(std::size_t)> onReceivers = {};
 };
 
 /// Counts of a producer since its construction.
@@ -71,8 +75,8 @@ struct ProducerStatistics
 /// Sends one stream. Opens it so that no receiver misses the beginning, re-announces a sequence to
 /// receivers that joined as it began, and lets the last frame leave before it closes.
 ///
-/// One thread opens, sends and closes; two at once fail an assertion. stop() and getStatistics()
-/// may come from any thread. To close a stream from another thread, call stop() and join the
+/// One thread opens, sends and closes; two at once fail an assertion. stop(), interrupt()
+/// and getStatistics() may come from any thread. To close a stream from another thread, call stop() and join the
 /// sending thread first. The caller paces the frames: what a receiver cannot take at once is lost
 /// to that receiver, so several frames at once are lost in part.
 ///
@@ -105,7 +109,7 @@ public:
     /// @return NameInvalid; NameTaken; InvalidArgument for the format and the options; NoDirectory,
     ///         DirectoryNotTrusted or NotPermitted for the base directory; NotPermitted also if
     ///         real-time scheduling is required and not available; OutOfResources; AlreadyOpen;
-    ///         Stopped; Failed
+    ///         Stopped; Interrupted; Failed
     VLX_API Status open(const StreamFormat& format);
 
     /// Opens the stream with any other codec.
@@ -115,20 +119,25 @@ public:
 
     /// Opens a new sequence if the format differs from the present one; does nothing otherwise.
     ///
-    /// @return NotOpen, Stopped, or InvalidArgument: the former format stays
+    /// @return NotOpen, Stopped, Interrupted, or InvalidArgument: the former format stays
     VLX_API Status setFormat(const StreamFormat& format);
 
     /// Opens a new sequence with the payloader's present header, even an unchanged one.
     VLX_API Status setFormat(Payloader& payloader);
 
+    /// Opens a new sequence of the present format, for receivers that may have missed the last one.
+    ///
+    /// @return NotOpen, Stopped or Interrupted
+    VLX_API Status announce();
+
     /// Sends one frame. PubSub: never blocks. Pipeline: blocks until the receiver takes it; stop()
-    /// ends that wait. Opens another sequence first if a receiver has joined within a second of the
+    /// and interrupt() end that wait. Opens another sequence first if a receiver has joined within a second of the
     /// last one, since it may have missed that. Allocates nothing per frame.
     ///
     /// @param timestamp  of the frame's first sample, nanoseconds on the announced clock
     /// @param duration   nanoseconds
     /// @param mediaData  a whole number of samples in the present format; not used after the call
-    /// @return NotOpen, Stopped, or InvalidArgument if the media data ends within a sample: the
+    /// @return NotOpen, Stopped, Interrupted, or InvalidArgument if the media data ends within a sample: the
     ///         frame was not sent
     VLX_API Status send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
 
@@ -143,12 +152,22 @@ public:
     ///
     /// @param count    receivers
     /// @param timeout  zero: without limit; negative: the time is over already
-    /// @return TimedOut, NotOpen or Stopped
+    /// @return TimedOut, NotOpen, Stopped or Interrupted
     VLX_API Status waitForReceivers(
         std::size_t count,
         std::chrono::nanoseconds timeout = std::chrono::nanoseconds::zero());
 
-    /// Frees a send that blocks, and makes it and every later operation return Stopped. May come before
+    /// Frees the operation that blocks, and makes it and every later one return Interrupted, until
+    /// this is called with false; then everything continues as before. An operation that was freed
+    /// returns Interrupted even if interrupt(false) has followed at once. In PubSub a frame that is
+    /// being sent is still sent. In Pipeline a freed send has not sent its frame, unless the
+    /// receiver took it in that instant. May come before open().
+    ///
+    /// @param on  false: takes the interruption back
+    /// @thread any; not from a signal handler
+    VLX_API void interrupt(bool on);
+
+    /// Frees the operation that blocks, and makes it and every later operation return Stopped. May come before
     /// or during open(). Irrevocable.
     ///
     /// @thread any; not from a signal handler

@@ -33,8 +33,10 @@ enum class ErrorCode
     AlreadyOpen,
     /// The stream is not open.
     NotOpen,
-    /// Producer::stop() was called: nothing will succeed any more.
+    /// Producer::stop() was called: no later operation succeeds.
     Stopped,
+    /// Producer::interrupt(true) was called: operations succeed again after interrupt(false).
+    Interrupted,
     /// The timeout is over.
     TimedOut,
     /// Anything else; see the text.

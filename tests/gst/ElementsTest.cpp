@@ -1,6 +1,10 @@
 // The elements in pipelines of this process, against pipelines of this and of other processes.
 
+#include <filesystem>
 #include <memory>
+#include <set>
+#include <string>
+#include <thread>
 
 #include <gst/check/gstharness.h>
 #include <gst/net/gstnet.h>
@@ -281,6 +285,31 @@ TEST_F(ElementsTest, PauseLeavesAGapAndNothingStale)
     sender.set(GST_STATE_PLAYING);
     EXPECT_TRUE(waitFor([&] { return receiver.pull()->discont; }));
     EXPECT_EQ(receiver.getCount("src", "dropped"), 0U) << "nothing was lost to a busy pipeline";
+}
+
+TEST_F(ElementsTest, PauseOfASinkThatWaitsForItsReceiverKeepsTheStream)
+{
+    const auto listStreams = [this]
+    {
+        std::set<std::string> paths;
+        for (const auto& entry : std::filesystem::directory_iterator(m_directory))
+            paths.insert(entry.path().string());
+        return paths;
+    };
+    const Pipeline sender(makeSender("protocol=pipeline wait-for-connection=false"));
+    sender.set(GST_STATE_PLAYING);
+    ASSERT_TRUE(waitFor([&] { return sender.getCount("sink", "sequences") == 1; }));
+    const auto before = listStreams();
+    for (int i = 0; i < 3; ++i)
+    {
+        std::this_thread::sleep_for(30ms); // the first buffers wait for a receiver
+        sender.reach(GST_STATE_PAUSED);
+        sender.set(GST_STATE_PLAYING);
+    }
+    const Pipeline receiver(makeReceiver());
+    receiver.set(GST_STATE_PLAYING);
+    EXPECT_TRUE(receiver.pull());
+    EXPECT_EQ(listStreams(), before);
 }
 
 TEST_F(ElementsTest, SourceOutlivesAKilledSender)

@@ -692,7 +692,7 @@ TEST_F(ProducerTest, MeetsItsReceiversInAnotherDirectory)
     fs::remove(directory);
 }
 
-TEST_F(ProducerTest, StopEndsWhateverWaits)
+TEST_F(ProducerTest, StopAndInterruptionEndWhateverWaits)
 {
     struct Row
     {
@@ -707,7 +707,11 @@ TEST_F(ProducerTest, StopEndsWhateverWaits)
              return producer.setFormat({audioUtils::PcmFormat::U8, 8000, 1});
          }},
         {"receivers", false, [](Producer& producer) { return producer.waitForReceivers(1); }}};
-    for (const Row& row : rows)
+    using enum ErrorCode;
+    for (const auto& [row, ending] :
+         {std::pair(rows[0], Stopped), std::pair(rows[0], Interrupted), std::pair(rows[1], Stopped),
+          std::pair(rows[1], Interrupted), std::pair(rows[2], Stopped),
+          std::pair(rows[2], Interrupted)})
     {
         Producer producer(makeOptions(NanomsgProtocol::Pipeline));
         ASSERT_EQ(producer.open(Format).getText(), "");
@@ -718,17 +722,27 @@ TEST_F(ProducerTest, StopEndsWhateverWaits)
         std::thread waiting(
             [&]
             {
-                EXPECT_EQ(row.wait(producer).getCode(), ErrorCode::Stopped) << row.name;
+                EXPECT_EQ(row.wait(producer).getCode(), ending) << row.name;
                 hasReturned = true;
             });
         EXPECT_TRUE(
             row.name == std::string("receivers") ||
             log().waitFor(traceLog(StartsWith("Sending data with"))));
         EXPECT_FALSE(hasReturned) << row.name;
-        producer.stop();
+        if (ending == Stopped)
+            producer.stop();
+        else
+            producer.interrupt(true);
         waiting.join();
-        EXPECT_EQ(producer.send(0, FrameNs, {}).getCode(), ErrorCode::Stopped) << row.name;
+        EXPECT_EQ(producer.send(0, FrameNs, {}).getCode(), ending) << row.name;
         EXPECT_EQ(producer.getStatistics().frames, 0U) << row.name;
+        producer.interrupt(false);
+        client.close();
+        RecordedReceiver receiver;
+        ASSERT_TRUE(receiver.start(getSocketName()));
+        EXPECT_EQ(producer.send(5, FrameNs, {}).getCode(), ending == Stopped ? Stopped : Ok);
+        EXPECT_TRUE(ending == Stopped || receiver.waitForEvent("frame 5")) << row.name;
+        receiver.stop();
     }
 
     Producer never(makeOptions());
@@ -744,6 +758,82 @@ TEST_F(ProducerTest, StopEndsWhateverWaits)
     opening = &stopped;
     EXPECT_EQ(stopped.open(Format).getCode(), ErrorCode::Stopped);
     EXPECT_TRUE(listTempDirectory().empty());
+}
+
+TEST_F(ProducerTest, InterruptionLosesNoFrameUntold)
+{
+    // At every step of a send, and taken back at once or later. The wakeup that it leaves behind
+    // must not end the next wait.
+    for (const char* const step : {"Payloader wrapped", "Sending data with"})
+    {
+        for (const bool isTakenBackAtOnce : {true, false})
+        {
+            Producer producer(makeOptions(NanomsgProtocol::Pipeline));
+            ASSERT_EQ(producer.open(Format).getText(), "");
+            log().onNext(
+                traceLog(StartsWith(step)),
+                [&]
+                {
+                    producer.interrupt(true);
+                    if (isTakenBackAtOnce)
+                        producer.interrupt(false);
+                });
+            EXPECT_EQ(producer.send(1, FrameNs, {}).getCode(), ErrorCode::Interrupted) << step;
+            producer.interrupt(false);
+            auto sending = std::async(
+                std::launch::async, [&] { return producer.send(2, FrameNs, {}).getCode(); });
+            EXPECT_EQ(sending.wait_for(50ms), std::future_status::timeout) << step;
+            RecordedReceiver receiver;
+            ASSERT_TRUE(receiver.start(getSocketName()));
+            EXPECT_TRUE(receiver.waitForEvent("frame 2")) << step << isTakenBackAtOnce;
+            EXPECT_EQ(sending.get(), ErrorCode::Ok);
+            EXPECT_EQ(producer.getStatistics().frames, 1U);
+            receiver.stop();
+        }
+    }
+
+    // What does not block sends what it has begun.
+    Producer producer(makeOptions());
+    ASSERT_EQ(producer.open(Format).getText(), "");
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(getSocketName()));
+    ASSERT_TRUE(producer.waitForReceivers(1));
+    ASSERT_TRUE(producer.send(0, FrameNs, {}));
+    log().onNext(traceLog(StartsWith("Payloader wrapped")), [&] { producer.interrupt(true); });
+    EXPECT_TRUE(producer.send(1, FrameNs, {}));
+    EXPECT_TRUE(receiver.waitForEvent("frame 1"));
+    EXPECT_EQ(producer.send(2, FrameNs, {}).getCode(), ErrorCode::Interrupted);
+    producer.interrupt(false);
+    EXPECT_TRUE(producer.send(3, FrameNs, {}));
+    EXPECT_TRUE(receiver.waitForEvent("frame 3"));
+    receiver.stop();
+}
+
+TEST_F(ProducerTest, TellsWhenReceiversComeAndGo)
+{
+    std::vector<std::size_t> counts;
+    ProducerOptions options = makeOptions();
+    options.onReceivers = [&counts](std::size_t count) { counts.push_back(count); };
+    Producer producer(options);
+    ASSERT_EQ(producer.open(Format).getText(), "");
+    const auto waitForCount = [&](std::size_t count)
+    {
+        return waitFor(
+            [&]
+            { return producer.send(0, FrameNs, {}) && !counts.empty() && counts.back() == count; });
+    };
+    RecordedReceiver first;
+    ASSERT_TRUE(first.start(getSocketName()));
+    ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
+    EXPECT_THAT(counts, ::testing::ElementsAre(1));
+    RecordedReceiver second;
+    ASSERT_TRUE(second.start(getSocketName()));
+    EXPECT_TRUE(waitForCount(2));
+    first.stop();
+    EXPECT_TRUE(waitForCount(1));
+    second.stop();
+    EXPECT_TRUE(waitFor([&] { return producer.checkReceivers() == 0; }));
+    EXPECT_THAT(counts, ::testing::ElementsAre(1, 2, 1, 0));
 }
 
 TEST_F(ProducerTest, LastFrameArrivesHoweverLarge)
@@ -825,7 +915,9 @@ TEST_F(ProducerTest, AnnouncesAgainWhenItMayHaveBeenMissed)
     EXPECT_EQ(sub.receive(), fromHex("01 00 0400 50434D41"));
     EXPECT_TRUE(producer.setFormat({audioUtils::PcmFormat::U8, 8000, 1})); // now another one
     EXPECT_EQ(sub.receive(), fromHex("01 00 0500 50434D41 401F0000 01 01"));
-    EXPECT_EQ(producer.getStatistics().sequences, 5U);
+    EXPECT_TRUE(producer.announce()); // the same once more
+    EXPECT_EQ(sub.receive(), fromHex("01 00 0600 50434D41 401F0000 01 01"));
+    EXPECT_EQ(producer.getStatistics().sequences, 6U);
 
     ASSERT_EQ(producer.checkReceivers(), 1U);
     log4cplus::Logger::getInstance("Vellox").setLogLevel(log4cplus::WARN_LOG_LEVEL);
@@ -844,7 +936,7 @@ TEST_F(ProducerTest, AnnouncesAgainWhenItMayHaveBeenMissed)
     ASSERT_TRUE(successor.connect("ipc://" + producer.getSocketFile()));
     ASSERT_TRUE(waitForCount(1));
     EXPECT_EQ(producer.checkReceivers(), 1U);
-    EXPECT_EQ(successor.receive(), fromHex("01 00 0700 50434D41 80BB0000 02 02"));
+    EXPECT_EQ(successor.receive(), fromHex("01 00 0800 50434D41 80BB0000 02 02"));
     client.close();
     successor.close();
     producer.close();
