@@ -1,4 +1,4 @@
-// The network clock of a build without GStreamer: it never synchronises, and says so.
+// The network clock of a build without GStreamer: it never synchronises, and logs a warning.
 
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>

@@ -22,16 +22,16 @@
 
 // How a provider is followed
 //
-// GStreamer asks the provider for its time, takes a regression over the answers and posts a message
-// for each answer that it accepts: the observation, and the calibration (a straight line from local
-// to provider time) that resulted. A session's thread pops these messages, judges each observation,
-// and takes the calibration over only while the observations fit together. Nothing else of
-// GStreamer's clock is used: its time is clamped to be monotonic, its flag stays "synced" when the
-// provider is gone, and its calibration is wrong for seconds after the provider's clock has jumped.
+// GStreamer polls the provider, computes a regression over the answers and posts a message for each
+// accepted answer: the observation, and the resulting calibration (a straight line from local to
+// provider time). A session's thread pops these messages, checks each observation, and adopts the
+// calibration only while the observations are consistent. Nothing else of GStreamer's clock is
+// used: its time is clamped to be monotonic, its flag stays "synced" when the provider is gone, and
+// its calibration is wrong for seconds after the provider's clock has jumped.
 //
-// Its "synced" signal is not needed, since each message is posted after the flag has changed, and
-// not wanted: it comes from GStreamer's thread, does not come at all when a recently used address
-// is used again, and flaps with every answer of a provider that has been set back.
+// Its "synced" signal is not used. Each message is posted after the flag has changed; the signal
+// comes from GStreamer's thread, does not come at all if a recently used address is used again, and
+// flaps with every answer of a provider that has been set back.
 
 namespace miscUtils
 {
@@ -42,12 +42,11 @@ namespace
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
 
 // Accepted answers come every 50 to 100 ms. GStreamer rejects those with a round trip well above
-// the usual, then asks again after 250 ms: where round trips grow many times longer all at once, it
-// can take a second more than this limit until they are the usual, and the clock counts as lost so
-// long.
+// the average and polls again after 250 ms. If round trips suddenly grow many times longer, it can
+// take a second more than this limit to adapt, and the clock counts as lost meanwhile.
 constexpr guint64 SilenceLimitNs = 3'000'000'000;
 
-// How often the provider is asked while it is silent. GStreamer's own 1 s finds it late.
+// Polling interval while the provider is silent. GStreamer's default of 1 s would find it late.
 constexpr guint64 RequestIntervalNs = 100'000'000;
 
 constexpr guint64 ResolveIntervalNs = 1'000'000'000;
@@ -56,14 +55,14 @@ constexpr guint64 ResolveIntervalNs = 1'000'000'000;
 constexpr unsigned int SmallestWindow = 2;
 constexpr unsigned int LargestWindow = 1024;
 
-// Deviations up to this much are left to the regression.
+// Deviations up to this limit are left to the regression.
 constexpr guint64 StepSlackNs = 10'000'000;
 
-// Linux slews a clock by at most a tenth.
+// Linux slews a clock by at most 10 %.
 constexpr guint64 SlewDivisor = 10;
 
 // Answers are closer together than this unless the provider was silent. Over a longer time a
-// deviation is not put down to slewing: even if it was, the estimate is no longer right.
+// deviation does not count as slewing: even if it was, the estimate is no longer valid.
 constexpr guint64 LongestSlewNs = 500'000'000;
 
 struct GObjectDeleter
@@ -141,13 +140,13 @@ std::optional<Observation> parseObservation(GstMessage* message)
 
 // Whether the provider's clock has jumped, either way, between two observations.
 //
-// An observation tells the offset between the clocks to within half its round trip, so that two of
-// them differ by no more than the halves together and what a clock is slewed by meanwhile. This
-// holds however bad the network or the estimate is, and also after the provider, or this process,
-// was stopped and continued: late answers have long round trips.
+// An observation measures the offset between the clocks to within half its round trip. So two of
+// them differ by at most the sum of the halves and of the slewing in between. This is true for any
+// network and estimate, and also after the provider, or this process, was stopped and continued:
+// late answers have long round trips.
 bool hasJumped(const Observation& before, const Observation& now)
 {
-    // Modulo 2^64: the provider's clock may well be behind ours.
+    // Modulo 2^64: the provider's clock may be behind ours.
     const guint64 shift = (now.remote - now.local) - (before.remote - before.local);
     const guint64 magnitude = std::min(shift, guint64{0} - shift);
 
@@ -156,7 +155,7 @@ bool hasJumped(const Observation& before, const Observation& now)
     return magnitude > (before.roundTrip + now.roundTrip) / 2 + slew + StepSlackNs;
 }
 
-// Whether the line gives what was observed. The average allows for the uncertainty of the line.
+// Whether the line agrees with the observation. The average allows for the uncertainty of the line.
 bool isNear(const Calibration& line, const Observation& seen)
 {
     const guint64 estimate = line.toProviderTime(seen.local);
@@ -172,24 +171,26 @@ struct Target
     unsigned long roundTripLimitNs;
 };
 
-// What one call of startSynchronization() begins and a stop, or the next start, ends. Owned by
-// shared pointers, so that a reader may hold it a little longer; joined before the owner lets go.
+// Lifetime of one synchronisation: starts with startSynchronization(), ends with a stop or the next
+// start. Owned by shared pointers, so that a reader may keep it a little longer; joined before the
+// owner releases it.
 class Session
 {
 public:
     Session(Target target, std::function<void()> onStateChange);
 
-    // Starts the thread, unless a stop was requested before. Without a thread the session never
-    // synchronises.
+    // Starts the thread, unless a stop was requested before. If no thread can be started, the
+    // session never synchronises.
     void launch();
 
-    // Makes the thread end as soon as it can. Any thread; does not wait.
+    // Requests the end of the thread. Any thread; does not wait.
     void requestStop();
 
-    // Waits for the thread. After requestStop(), by one thread only, never the session's own.
+    // Waits for the thread. Call it after requestStop(), from one thread only, never the session's
+    // own.
     void join();
 
-    // Whether the calling thread is that of any session, of this clock or another.
+    // Whether the calling thread is the thread of a session, of any clock.
     static bool isThreadOfAny();
 
     bool isOwnThread() const;
@@ -200,9 +201,9 @@ public:
 private:
     enum class Phase
     {
-        Learning,  // no estimate that holds: at the beginning and after a jump
-        Following, // the estimate holds
-        Silent     // the estimate held until the provider fell silent
+        Learning,  // no valid estimate: at the beginning and after a jump
+        Following, // the estimate is valid
+        Silent     // the estimate was valid until the provider fell silent
     };
 
     void run();
@@ -228,16 +229,16 @@ private:
 
     std::atomic<bool> m_isStopping = false;
 
-    // Leaf lock: held for a few instructions, never across a wait or a callback.
+    // Leaf lock: held for a few instructions, never during a wait or a callback.
     mutable std::mutex m_mutex;
 
-    // Guarded by m_mutex. The own thread alone writes them, and so reads them without the lock.
+    // Guarded by m_mutex. Only the session's thread writes them, so it reads them without the lock.
     GObjectPtr<GstBus> m_bus; // set once, after GStreamer's initialisation
     GObjectPtr<GstClock> m_internalClock;
     Phase m_phase = Phase::Learning;
     Calibration m_estimate;
 
-    // Guarded by m_mutex until a stop is requested, then the joining thread's.
+    // Guarded by m_mutex until a stop is requested; then owned by the joining thread.
     std::thread m_thread;
 };
 
@@ -337,8 +338,9 @@ bool Session::openBus()
     return true;
 }
 
-// Empty if a stop was requested meanwhile. GStreamer must not get a name: it would resolve it in a
-// call that nothing ends, and keep a dead clock for it if that fails.
+// Returns an empty address if a stop was requested meanwhile. GStreamer must not get a host name:
+// it would resolve it in a call that cannot be cancelled, and keep a dead clock for it after a
+// failure.
 std::string Session::awaitNumericAddress()
 {
     const GObjectPtr<GInetAddress> numeric(
@@ -352,10 +354,10 @@ std::string Session::awaitNumericAddress()
     return resolved;
 }
 
-// IPv4 first: a provider listens there unless it is told otherwise. Empty on failure.
+// Prefers IPv4, where providers listen by default. Empty on failure.
 std::string Session::resolveAddress() const
 {
-    // GLib takes a name for valid UTF-8 and would read past the end of another.
+    // GLib assumes valid UTF-8 and would read past the end of an invalid name.
     if (!g_utf8_validate(
             m_target.address.data(), static_cast<gssize>(m_target.address.size()), nullptr))
         return {};
@@ -393,8 +395,8 @@ bool Session::openClock(const std::string& numericAddress)
     if (!m_clock)
         return false;
 
-    // The bus before the regression is restarted, so that no observation enters it unseen: the
-    // internal clock may be one that has been running since an earlier use of the address.
+    // Sets the bus before the regression is restarted, so that every observation is seen: the
+    // internal clock may have been running since an earlier use of the address.
     const guint64 roundTripLimit = m_target.roundTripLimitNs;
     g_object_set(m_clock.get(), "bus", m_bus.get(), "round-trip-limit", roundTripLimit, nullptr);
 
@@ -427,7 +429,7 @@ void Session::follow()
     bool wasSynchronized = false;
     while (!m_isStopping)
     {
-        // One message at a time: the callback sees every change, even of a thread that runs late.
+        // One message at a time: the callback sees every change, even if this thread runs late.
         const MessagePtr message = awaitMessage();
         if (!message)
             setPhase(Phase::Silent);
@@ -443,8 +445,8 @@ void Session::follow()
     }
 }
 
-// Null when the provider that is being followed has fallen silent. A message that waits is always
-// delivered, so that a long callback is not taken for silence.
+// Returns null if the provider has fallen silent. A waiting message is always delivered, so that a
+// long callback does not count as silence.
 MessagePtr Session::awaitMessage()
 {
     guint64 timeout = GST_CLOCK_TIME_NONE;
@@ -470,8 +472,8 @@ void Session::observe(const Observation& now)
         return;
     }
 
-    // A clock without its first calibration could be near by chance: with the provider's clock the
-    // same as ours. One that was used before, or restarted, keeps its calibration for a while.
+    // A clock without its first calibration could agree by chance, if the provider's clock equals
+    // ours. One that was used before, or restarted, keeps its calibration for a while.
     const bool isLearned =
         gst_clock_is_synced(m_internalClock.get()) && isNear(now.calibration, now);
     if (m_phase == Phase::Learning && !isLearned)
@@ -482,10 +484,10 @@ void Session::observe(const Observation& now)
     m_phase = Phase::Following;
 }
 
-// Setting the window size makes GStreamer forget its observations; the calibration is kept until
-// there are four new ones. This must be done on the internal clock, on the outer one it has no
+// Setting the window size makes GStreamer discard its observations; it keeps the calibration until
+// there are four new ones. This must be done on the internal clock; on the outer one it has no
 // effect. Sessions with the same provider restart each other's regression: after a jump all of them
-// do, each within moments of the same message, and each comes back when the calibration is near.
+// do so, each shortly after the same message, and each recovers when the calibration agrees.
 void Session::restartRegression()
 {
     const auto window =
@@ -518,7 +520,7 @@ public:
         return m_process != 0;
     }
 
-    // A fork leaves a copy of the sessions without their threads.
+    // In a forked child the sessions exist without their threads.
     bool isForkedCopy() const
     {
         return wasStarted() && m_process != ::getpid();
@@ -528,7 +530,7 @@ public:
     {
         m_process = ::getpid();
         setAside(exchangeSession(session));
-        // Starts from inside the callbacks of two sessions would wait for each other.
+        // Two starts inside the callbacks of two sessions would wait for each other.
         if (!Session::isThreadOfAny())
             joinEnding();
         session->launch();
@@ -536,7 +538,7 @@ public:
 
     void stop()
     {
-        // No lock either: in a fork's copy a thread that is not there may hold it.
+        // Without the lock: in a forked copy it may be held by a thread that does not exist.
         if (!wasStarted())
             return;
         const std::shared_ptr<Session> session = exchangeSession(nullptr);
@@ -568,7 +570,7 @@ private:
         return std::exchange(m_session, std::move(next));
     }
 
-    // Ends a session and keeps it for a later call to join. Null: nothing to end.
+    // Ends a session and keeps it for a later join. Null: does nothing.
     void setAside(const std::shared_ptr<Session>& session)
     {
         if (!session)
@@ -578,7 +580,7 @@ private:
         m_ending.push_back(session);
     }
 
-    // Joins what was set aside, except for the session whose callback this call comes from.
+    // Joins the sessions that were kept, except the one whose callback makes this call.
     void joinEnding()
     {
         std::vector<std::shared_ptr<Session>> ended;
@@ -594,9 +596,9 @@ private:
             session->join();
     }
 
-    std::atomic<pid_t> m_process = 0; // that has started the clock last; 0: none yet
+    std::atomic<pid_t> m_process = 0; // process that last started the clock; 0: not started
 
-    // Never held across a wait.
+    // Never held during a wait.
     mutable std::mutex m_mutex;
 
     // Guarded by m_mutex.
@@ -608,7 +610,7 @@ SyncedNetClock::SyncedNetClock() : m_impl(std::make_unique<Impl>()) {}
 
 SyncedNetClock::~SyncedNetClock()
 {
-    // Whatever would be ended is the original's, or waits for a thread that does not exist here.
+    // Stopping would affect the original, or wait for a thread that does not exist here.
     if (m_impl->isForkedCopy())
         static_cast<void>(m_impl.release());
 }
