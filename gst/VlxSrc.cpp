@@ -2,7 +2,7 @@
 // caps and timestamps. It waits until the sender starts, and restarts.
 //
 //   gst-launch-1.0 vlxsrc socket-name=kitchen ! audioconvert ! audioresample ! autoaudiosink
-//   gst-launch-1.0 vlxsrc socket-name=kitchen eos-on-disconnect=1 ! wavenc ! filesink location=k.wav
+//   gst-launch-1.0 vlxsrc socket-name=kitchen eos-on-disconnect=1 ! wavenc ! filesink location=k
 //   gst-play-1.0 vlx://kitchen
 //
 // Timestamps: a sample is due at the same time as at the sender, plus the latency that this element
