@@ -1,56 +1,18 @@
 // A consumer that plays on time: writes each frame to standard output a fixed time after its
-// timestamp, so that several players output the same sample at the same moment.
+// timestamp, so that two of them, wherever they read, put out the same sample at the same moment.
 //
 //   playing NAME LATENCY_MS [FRAMES] | aplay -f S16_LE -r 48000 -c 2
 
 #include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <iostream>
-#include <mutex>
 #include <string>
 #include <thread>
+#include <variant>
 
 #include <unistd.h>
 
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Logging.hpp>
-
-namespace
-{
-
-struct Waiting
-{
-    vlx::TimeValue timestamp;
-    vlx::Buffer data;
-};
-
-constexpr std::size_t MaxWaiting = 1000; // frames; the oldest are dropped
-
-std::mutex mutex;
-std::condition_variable condition;
-std::deque<Waiting> queue; // guarded by mutex
-
-// The receiving thread only passes the frame on: waiting there would lose the next one.
-void onFrame(const vlx::kit::Frame& frame)
-{
-    const std::lock_guard<std::mutex> lock(mutex);
-    queue.push_back({frame.timestamp, frame.data});
-    if (queue.size() > MaxWaiting)
-        queue.pop_front();
-    condition.notify_one();
-}
-
-Waiting takeFrame()
-{
-    std::unique_lock<std::mutex> lock(mutex);
-    condition.wait(lock, [] { return !queue.empty(); });
-    Waiting frame = std::move(queue.front());
-    queue.pop_front();
-    return frame;
-}
-
-} // namespace
 
 int main(int argc, char** argv)
 {
@@ -58,19 +20,28 @@ int main(int argc, char** argv)
     const std::chrono::milliseconds latency(std::stoi(argv[2]));
     unsigned long wanted = argc > 3 ? std::stoul(argv[3]) : -1UL;
 
-    vlx::kit::Consumer consumer({.name = argv[1]}, {.onFrame = onFrame});
-    if (!consumer.start())
-        return 1;
-    for (unsigned long late = 0; wanted > 0; --wanted)
+    // Frames wait in the consumer's queue, for longer than the latency.
+    vlx::kit::Consumer consumer({.name = argv[1], .queue = {.time = 2 * latency}});
+    if (const auto status = consumer.start(); !status)
     {
-        const Waiting frame = takeFrame();
-        // The steady clock is the machine's monotonic clock, the clock of these timestamps.
+        std::cerr << status.getText() << std::endl;
+        return 1;
+    }
+    for (unsigned long late = 0; wanted > 0;)
+    {
+        const auto item = consumer.read(); // waits
+        const auto* const frame = std::get_if<vlx::kit::ReceivedFrame>(&item.value());
+        if (frame == nullptr)
+            continue;
+        --wanted;
+        // The steady clock is CLOCK_MONOTONIC. A frame that came before the stream's clock was
+        // known is played as it came.
         const std::chrono::steady_clock::time_point due{
-            std::chrono::nanoseconds(frame.timestamp) + latency};
+            std::chrono::nanoseconds(frame->getMonotonicTime().value_or(frame->arrival)) + latency};
         if (due < std::chrono::steady_clock::now())
             std::cerr << ++late << " frames late: take a longer latency" << std::endl;
         std::this_thread::sleep_until(due);
-        if (::write(STDOUT_FILENO, frame.data.data(), frame.data.size()) <= 0)
+        if (::write(STDOUT_FILENO, frame->data.data(), frame->data.size()) <= 0)
             return 1;
     }
 }
