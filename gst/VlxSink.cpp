@@ -183,6 +183,7 @@ bool Sink::onStart()
     m_earlier = {};
     m_unlocked = false;
     m_nextTimestamp = 0;
+    m_notBefore = {};
     return isNamed;
 }
 

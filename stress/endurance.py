@@ -5,12 +5,14 @@ Each loss is reported with the longest pause that an idle process saw at that mo
 from contextlib import suppress
 import json
 import os
+from pathlib import Path
 import random
 import shutil
 import signal
+import struct
 import time
 
-from fleet import End, Process, delivery
+from fleet import FRAME_BYTES, End, Process, delivery
 from rows import SKIPPED, Run, row
 from shared import make_name, median, percentile, wait_until
 
@@ -109,11 +111,22 @@ def disturb_sender(run: Run, is_tool: bool) -> None:
 REAL_TIME = ("chrt", "-r", "10")
 
 
+def count_missing(stored: Path) -> float:
+    """How many frames of an end are missing in a file between the first and the last."""
+    content = stored.read_bytes() if stored.exists() else b""
+    stored.unlink(missing_ok=True)
+    indexes = [struct.unpack_from("<8xQ", content, at)[0]
+               for at in range(0, len(content) - FRAME_BYTES + 1, FRAME_BYTES)]
+    return indexes[-1] - indexes[0] + 1 - len(indexes) if indexes else float("inf")
+
+
 @row("endurance", "bystanders", "others stopped and killed at random, in real time",
-     "untouched receivers of kit and tool lose no more than in a control run")
+     "untouched receivers of kit, tool and elements lose no more than in a control run")
 def disturb_others(run: Run) -> None:
     """Half of the time without a fault, half beside six receivers that stop, resume and die."""
-    run.require(run.tool.exists() and shutil.which("chrt"), "the tool or chrt is missing", SKIPPED)
+    missing = [str(path) for path in (run.tool, run.plugin) if not path.exists()]
+    missing += [name for name in ("chrt", "gst-launch-1.0") if not shutil.which(name)]
+    run.require(not missing, f"missing: {', '.join(missing)}", SKIPPED)
     control, faulty = (watch_bystanders(run, is_faulty) for is_faulty in (False, True))
     run.check(all(faulty[who] <= control[who] for who in control), "more than in the control run")
 
@@ -128,8 +141,13 @@ def watch_bystanders(run: Run, is_faulty: bool) -> dict[str, float]:
     recorder = Process([*REAL_TIME, str(run.tool), "receive", "-s", name, "--no-fill", "-q",
                         "--report", str(report), "--overwrite", str(report.with_suffix(".raw"))])
     monitor = Process([*REAL_TIME, str(run.tool), "monitor", name, "--json"], output=live)
+    stored = run.directory / "bystander.frames"
+    element = Process(
+        [*REAL_TIME, "env", f"GST_PLUGIN_PATH={run.plugin.parent}", "gst-launch-1.0", "-q", "vlxsrc",
+         f"socket-name={name}", "!", "filesink", f"location={stored}", "sync=false"])
     others = [End("consume", name) for _ in range(6)]
     run.within(delivery(untouched + others), "no frames")
+    run.within(lambda: stored.exists() and stored.stat().st_size, "the element got no frames")
     events, deadline = 0, time.monotonic() + 30 * run.minutes
     while time.monotonic() < deadline:
         time.sleep(random.uniform(0.02, 0.3))
@@ -142,10 +160,11 @@ def watch_bystanders(run: Run, is_faulty: bool) -> dict[str, float]:
             others[victim].await_end(run.limit)
             others[victim] = End("consume", name)
         events += 1
-    for process in (recorder, monitor):
+    for process in (recorder, monitor, element):
         process.send_signal(signal.SIGINT)
         process.await_end(run.limit)
-    lost_ms = {"kit": 10.0 * sum(end.board.lost for end in untouched)}
+    lost_ms = {"kit": 10.0 * sum(end.board.lost for end in untouched),
+               "vlxsrc": 10.0 * count_missing(stored)}
     with suppress(OSError, ValueError, IndexError):
         connections = json.loads(report.read_text())["connections"]
         lost_ms["receive"] = sum(each["gap_ns"] for each in connections) / 1e6

@@ -15,6 +15,7 @@ from typing import Callable
 from shared import die_with_parent, make_name, wait_until
 
 FRAME_MS = 10
+FRAME_BYTES = 1920  # of an end's
 CAUSE_NS = 100_000_000  # what starts a loss lies near its beginning
 JOIN_LIMIT_S = 10
 

@@ -33,6 +33,11 @@ class Run:
         os.environ["TMPDIR"] = str(self.directory)
 
     @property
+    def plugin(self) -> Path:
+        """The elements, of the same build."""
+        return self.tool.parents[1] / "gst/libgstvlx.so"
+
+    @property
     def limit(self) -> float:
         """Seconds within which all ends must have recovered."""
         return 20 if self.lenient else 3

@@ -11,6 +11,7 @@
 #include <miscUtils/MiscUtils.hpp>
 
 #include "gst/ElementsFixture.hpp"
+#include "support/RecordedReceiver.hpp"
 
 namespace vlx::testing
 {
@@ -174,30 +175,57 @@ TEST_F(ElementsFaultsTest, RestartForgetsTheFormerStream)
     }
 }
 
+// Without timestamps of their own, buffers follow one another, but not those of the run before.
+TEST_F(ElementsFaultsTest, RestartedSinkStampsAnew)
+{
+    constexpr TimeValue HourNs = 3600 * TimeValue{1'000'000'000}; // of a frame
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(m_name));
+    const Pipeline sender(
+        "fakesrc sizetype=fixed sizemax=3600 ! "
+        "audio/x-raw,format=S8,rate=1,channels=1,layout=interleaved ! vlxsink socket-name=" +
+        m_name);
+    for (std::size_t run = 1; run <= 2; ++run)
+    {
+        sender.set(GST_STATE_PLAYING);
+        ASSERT_TRUE(receiver.waitForEvent("frame", run));
+        sender.set(GST_STATE_NULL);
+    }
+    const auto frames = receiver.getFrames();
+    EXPECT_EQ(frames[0].duration, HourNs);
+    EXPECT_LT(frames[1].timestamp, frames[0].timestamp + HourNs / 2);
+}
+
 TEST_F(ElementsFaultsTest, StopIsHeardUnderAFlood)
 {
+    constexpr int NumTries = 10; // a busy machine may hold a stop up by itself
     const Pipeline receiver(
         "vlxsrc name=src realtime-priority=50 socket-name=" + m_name +
         " ! appsink name=out sync=false max-buffers=1");
     for (const GstState state : {GST_STATE_PAUSED, GST_STATE_NULL})
     {
-        UncheckedSender sender(m_name);
-        receiver.set(GST_STATE_PLAYING);
-        std::atomic<bool> flooding = true;
-        std::thread flood(
-            [&]
-            {
-                while (flooding)
-                    sender.send(miscUtils::getMonotonicSysclockTime(), 1, 4);
-            });
-        EXPECT_TRUE(waitFor([&] { return receiver.getCount("src", "dropped") > 1000; }));
-        const auto start = std::chrono::steady_clock::now();
-        receiver.set(state);
-        EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms) << state;
-        receiver.set(GST_STATE_NULL);
-        flooding = false;
-        sender.stop();
-        flood.join();
+        bool wasPrompt = false;
+        for (int i = 0; i < NumTries && !wasPrompt; ++i)
+        {
+            UncheckedSender sender(m_name);
+            receiver.set(GST_STATE_PLAYING);
+            std::atomic<bool> flooding = true;
+            std::thread flood(
+                [&]
+                {
+                    while (flooding)
+                        sender.send(miscUtils::getMonotonicSysclockTime(), 1, 4);
+                });
+            EXPECT_TRUE(waitFor([&] { return receiver.getCount("src", "dropped") > 1000; }));
+            const auto start = std::chrono::steady_clock::now();
+            receiver.set(state);
+            wasPrompt = std::chrono::steady_clock::now() - start < 500ms;
+            receiver.set(GST_STATE_NULL);
+            flooding = false;
+            sender.stop();
+            flood.join();
+        }
+        EXPECT_TRUE(wasPrompt) << state;
     }
 }
 

@@ -239,6 +239,17 @@ TEST_F(ProducerTest, NoticesWhatSomebodyElseHasPutInItsDirectory)
         protectSocketFile(directory + "/x", NanomsgProtocol::Pipeline, SocketMode::Owner, lock)
             .getText(),
         HasSubstr("cannot restrict"));
+
+    // The socket of a receiver whose user is the sender's, and not root.
+    bindForeignSocket(directory + "/x");
+    ASSERT_EQ(::chmod(getTempDirectory().c_str(), 0755), 0);
+    lock = {};
+    ASSERT_EQ(::seteuid(65534), 0);
+    const Status status =
+        protectSocketFile(directory + "/x", NanomsgProtocol::Pipeline, SocketMode::Owner, lock);
+    ASSERT_EQ(::seteuid(0), 0);
+    EXPECT_TRUE(status);
+    fs::remove(directory + "/x");
     fs::remove(directory);
     fs::remove(victim);
 }
@@ -453,6 +464,27 @@ TEST_F(ProducerTest, ReceiversHaveBothConnectionsAndAreStillThere)
         EXPECT_FALSE(producer.waitForReceivers(1, -1h));
         producer.close();
     }
+}
+
+TEST_F(ProducerTest, ACountOfReceiversIsOfOneOpeningOnly)
+{
+    Producer producer(makeOptions());
+    ASSERT_TRUE(producer.open(Format));
+    RawConnection sidechannel(getSocketName());
+    RawNanomsg channel(NN_SUB);
+    ASSERT_TRUE(channel.connect("ipc://" + producer.getSocketFile()));
+    ASSERT_TRUE(producer.waitForReceivers(1)); // and counted
+    const auto counted = std::chrono::steady_clock::now();
+    producer.close();
+    ASSERT_TRUE(producer.open(Format));
+    RawNanomsg half(NN_SUB); // as many connections, and no receiver
+    ASSERT_TRUE(half.connect("ipc://" + producer.getSocketFile()));
+    while (std::chrono::steady_clock::now() < counted + 100ms) // so long a count may be used again
+        ASSERT_EQ(producer.getStatistics().receivers, 0U);
+    half.close();
+    channel.close();
+    sidechannel.close();
+    producer.close();
 }
 
 TEST_F(ProducerTest, SocketFileIsNeverWiderThanItsMode)

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "tool/ToolFixture.hpp"
@@ -768,6 +769,23 @@ TEST_F(ReceiveTest, NoFormerRecordingIsReplacedUnlessThatIsWanted)
     EXPECT_NE(receiver.getErrors().find("File exists"), std::string::npos) << receiver.getErrors();
     EXPECT_TRUE(isFormer("d.wav"));
     EXPECT_EQ(another.stop(), 128 + SIGTERM);
+}
+
+TEST_F(ReceiveTest, AFileThatStandsUnderAGuessedNameIsLeftAlone)
+{
+    std::ofstream(file("victim")) << "kept";
+    const pid_t last = ::fork();
+    if (last == 0)
+        ::_exit(0);
+    ::waitpid(last, nullptr, 0);
+    for (pid_t pid = last; pid < last + 200; ++pid)
+        fs::create_hard_link(file("victim"), file("a.wav.part-" + std::to_string(pid)));
+    ToolProcess sender(send({"--silence"}));
+    ToolProcess receiver(receive({file("a.wav"), "-d", "10ms"}));
+    EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
+    EXPECT_EQ(fs::hard_link_count(file("victim")), 201U);
+    EXPECT_EQ(fs::file_size(file("victim")), 4U);
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
 }
 
 TEST_F(ReceiveTest, FilesOfALimitedLengthMakeUpTheWhole)
