@@ -3,11 +3,8 @@
 #include <mutex>
 
 #include <gst/gst.h>
-#include <log4cplus/appender.h>
-#include <log4cplus/initializer.h>
-#include <log4cplus/logger.h>
-#include <log4cplus/spi/loggingevent.h>
 
+#include <vlxkit/Logging.hpp>
 #include <vlxkit/Text.hpp>
 
 namespace vlx::gst
@@ -23,71 +20,53 @@ GstDebugCategory* getCategory()
     return category;
 }
 
-GstDebugLevel toDebugLevel(log4cplus::LogLevel level)
+GstDebugLevel toDebugLevel(kit::LogLevel level)
 {
-    if (level >= log4cplus::ERROR_LOG_LEVEL)
+    switch (level)
+    {
+    case kit::LogLevel::Error:
         return GST_LEVEL_ERROR;
-    if (level >= log4cplus::WARN_LOG_LEVEL)
+    case kit::LogLevel::Warning:
         return GST_LEVEL_WARNING;
-    if (level >= log4cplus::INFO_LOG_LEVEL)
+    case kit::LogLevel::Info:
         return GST_LEVEL_INFO;
-    return level >= log4cplus::DEBUG_LOG_LEVEL ? GST_LEVEL_DEBUG : GST_LEVEL_TRACE;
+    case kit::LogLevel::Debug:
+        return GST_LEVEL_DEBUG;
+    case kit::LogLevel::Trace:
+        break;
+    }
+    return GST_LEVEL_TRACE;
 }
 
-log4cplus::LogLevel toLibraryLevel(GstDebugLevel threshold)
+/// @return the most verbose level that the category shows
+kit::LogLevel findLevel()
 {
-    if (threshold >= GST_LEVEL_TRACE)
-        return log4cplus::TRACE_LOG_LEVEL;
-    if (threshold >= GST_LEVEL_DEBUG)
-        return log4cplus::DEBUG_LOG_LEVEL;
-    if (threshold >= GST_LEVEL_INFO)
-        return log4cplus::INFO_LOG_LEVEL;
-    if (threshold >= GST_LEVEL_WARNING)
-        return log4cplus::WARN_LOG_LEVEL;
-    return threshold >= GST_LEVEL_ERROR ? log4cplus::ERROR_LOG_LEVEL : log4cplus::OFF_LOG_LEVEL;
+    const GstDebugLevel threshold = gst_debug_category_get_threshold(getCategory());
+    auto level = kit::LogLevel::Trace;
+    while (level != kit::LogLevel::Error && toDebugLevel(level) > threshold)
+        level = static_cast<kit::LogLevel>(static_cast<int>(level) - 1);
+    return level;
 }
 
-class ForwardingAppender : public log4cplus::Appender
+void forward(const kit::LogLine& line)
 {
-public:
-    ~ForwardingAppender() override
-    {
-        destructorImpl();
-    }
-
-    void close() override
-    {
-        closed = true;
-    }
-
-protected:
-    void append(const log4cplus::spi::InternalLoggingEvent& event) override
-    {
-        gst_debug_log(
-            getCategory(), toDebugLevel(event.getLogLevel()), event.getFile().c_str(),
-            event.getFunction().c_str(), event.getLine(), nullptr, "%s",
-            kit::toPrintable(event.getMessage()).c_str());
-    }
-};
+    gst_debug_log(
+        getCategory(), toDebugLevel(line.level), line.file.c_str(), line.function.c_str(),
+        line.line, nullptr, "%s", kit::toPrintable(line.text).c_str());
+}
 
 } // unnamed namespace
 
 void forwardLibraryLog()
 {
     static std::mutex mutex;
-    static bool isOurs = false;
+    static kit::LogListener* listener = nullptr; // as long as the process
     const std::lock_guard lock(mutex);
 
-    log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
-    if (!isOurs)
-    {
-        if (!logger.getAllAppenders().empty() ||
-            !log4cplus::Logger::getRoot().getAllAppenders().empty())
-            return;
-        logger.addAppender(log4cplus::SharedAppenderPtr(new ForwardingAppender));
-        isOurs = true;
-    }
-    logger.setLogLevel(toLibraryLevel(gst_debug_category_get_threshold(getCategory())));
+    if (listener != nullptr)
+        listener->setLevel(findLevel());
+    else if (!kit::isLogReceived())
+        listener = new kit::LogListener(findLevel(), forward);
 }
 
 } // namespace vlx::gst

@@ -1,15 +1,17 @@
 #pragma once
 
-/// The library's log, for programs that have no logging of their own.
+/// The log of library and kit: printed on standard error, or handed to the program.
 
+#include <functional>
 #include <memory>
+#include <string>
 
 #include <vlx/VlxTypes.hpp>
 
 namespace vlx::kit
 {
 
-/// Least severe message that is printed.
+/// Severity of a log line, the most severe first.
 enum class LogLevel
 {
     Error,
@@ -19,10 +21,61 @@ enum class LogLevel
     Trace,
 };
 
-/// Prints the log of library and kit, logger "Vellox", on standard error while it lives. Changes no
-/// other logger, and its destructor undoes what it changed. For a program that does not configure
-/// log4cplus, which otherwise prints two lines of complaint: make one first thing in main(). A
-/// program that configures log4cplus itself needs none.
+/// One line of the log. Its references are valid during the call that hands it over.
+struct LogLine
+{
+    LogLevel level = LogLevel::Error; ///< severity
+    const std::string& logger;        ///< "Vellox" for the library, "Vellox.Kit" for the kit
+    const std::string& text;          ///< without a line feed; may hold what a peer has announced
+    const std::string& file;          ///< source file that logs
+    const std::string& function;      ///< function that logs
+    int line = 0;                     ///< line in the source file
+};
+
+/// Formats a line as Logging prints it: local time, level, logger and text.
+///
+/// @return the line, without a line feed
+VLX_API std::string toText(const LogLine& line);
+
+/// Tells whether anything receives the log: a LogListener, a Logging, or an appender with which the
+/// program has configured log4cplus. If not, log4cplus prints two lines of complaint.
+///
+/// @thread any
+VLX_API bool isLogReceived();
+
+/// Hands the log of library and kit to a function while it lives, for a program that has a log of
+/// its own. Several may live at once; each has its own level.
+///
+/// It sets the level of the logger "Vellox" to the most verbose of all listeners, changes no other
+/// logger, and undoes that with the last one. In a program that configures log4cplus itself, the
+/// logger never becomes less verbose than configured.
+class LogListener
+{
+public:
+    /// Starts to listen.
+    ///
+    /// @param level   least severe level that is handed over
+    /// @param onLine  called on the thread that logs, one call at a time, and never again once the
+    ///                destructor has returned; must not throw, use a stream, or destroy the listener
+    VLX_API LogListener(LogLevel level, std::function<void(const LogLine&)> onLine);
+    VLX_API ~LogListener();
+
+    LogListener(const LogListener&) = delete;
+    LogListener& operator=(const LogListener&) = delete;
+
+    /// Changes the level.
+    ///
+    /// @param level  least severe level that is handed over
+    /// @thread any
+    VLX_API void setLevel(LogLevel level);
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+/// Prints the log of library and kit on standard error while it lives, for a program that does not
+/// configure log4cplus: make one first thing in main().
 ///
 /// May be made again and nested: the level of the youngest counts, and each line appears once.
 ///
@@ -31,7 +84,7 @@ class Logging
 {
 public:
     /// Sets up the log.
-    /// @param level  of the least severe message that is printed
+    /// @param level  least severe level that is printed
     VLX_API explicit Logging(LogLevel level = LogLevel::Warning);
     VLX_API ~Logging();
 
@@ -39,8 +92,7 @@ public:
     Logging& operator=(const Logging&) = delete;
 
 private:
-    class Impl;
-    std::unique_ptr<Impl> m_impl;
+    LogLevel m_formerLevel = LogLevel::Warning;
 };
 
 } // namespace vlx::kit
