@@ -76,9 +76,9 @@ struct ProducerStatistics
 /// receivers that joined as it began, and lets the last frame leave before it closes.
 ///
 /// One thread opens, sends and closes; two at once fail an assertion. stop(), interrupt()
-/// and getStatistics() may come from any thread. To close a stream from another thread, call stop() and join the
-/// sending thread first. The caller paces the frames: what a receiver cannot take at once is lost
-/// to that receiver, so several frames at once are lost in part.
+/// and getStatistics() may come from any thread. To close a stream from another thread, call
+/// stop() and join the sending thread first. The caller paces the frames: what a receiver cannot
+/// take at once is lost to that receiver, so several frames at once are lost in part.
 ///
 /// Operations that can fail return a Status. Throws only what the standard library throws (no
 /// memory, no thread).
@@ -131,14 +131,14 @@ public:
     VLX_API Status announce();
 
     /// Sends one frame. PubSub: never blocks. Pipeline: blocks until the receiver takes it; stop()
-    /// and interrupt() end that wait. Opens another sequence first if a receiver has joined within a second of the
-    /// last one, since it may have missed that. Allocates nothing per frame.
+    /// and interrupt() end that wait. Opens another sequence first if a receiver has joined within
+    /// a second of the last one, since it may have missed that. Allocates nothing per frame.
     ///
     /// @param timestamp  of the frame's first sample, nanoseconds on the announced clock
     /// @param duration   nanoseconds
     /// @param mediaData  a whole number of samples in the present format; not used after the call
-    /// @return NotOpen, Stopped, Interrupted, or InvalidArgument if the media data ends within a sample: the
-    ///         frame was not sent
+    /// @return NotOpen, Stopped, Interrupted, or InvalidArgument if the media data ends within a
+    ///         sample: the frame was not sent
     VLX_API Status send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
 
     /// Does what send() does for receivers that have just joined. For a producer that sends nothing
@@ -167,8 +167,8 @@ public:
     /// @thread any; not from a signal handler
     VLX_API void interrupt(bool on);
 
-    /// Frees the operation that blocks, and makes it and every later operation return Stopped. May come before
-    /// or during open(). Irrevocable.
+    /// Frees the operation that blocks, and makes it and every later operation return Stopped. May
+    /// come before or during open(). Irrevocable.
     ///
     /// @thread any; not from a signal handler
     VLX_API void stop();

@@ -5,12 +5,12 @@
 namespace vlx::tool
 {
 
-/// Configures log4cplus, which the library logs through. Nothing of it ever goes to standard output,
-/// unless the user's own configuration says so.
+/// Configures log4cplus, which the library logs through. Nothing of it ever goes to standard
+/// output, unless the user's own configuration says so.
 ///
 /// Without verbosity nothing is printed: the tool's own messages name the cause.
 ///
-/// @param verbosity   0: nothing; 1: INFO and above, and who joins and leaves; 2: DEBUG; 3 and more:
+/// @param verbosity   0: nothing; 1: INFO and above, and joins and leaves; 2: DEBUG; 3 and more:
 ///                    TRACE
 /// @param configFile  property file of log4cplus that says everything instead; empty: none
 /// @throws CommandFailure if the file cannot be read
