@@ -336,7 +336,7 @@ TEST_F(LookTest, ListTellsOfOtherUsersAndCleanWhatItCannotRemove)
     mute.signal(SIGSTOP);
     ToolProcess doubting({"list", "--clean"});
     EXPECT_EQ(doubting.wait(), 0);
-    EXPECT_TRUE(contains(doubting.getErrors(), "1 left alone: ")) << doubting.getErrors();
+    EXPECT_TRUE(contains(doubting.getErrors(), "kept: 1 whose user")) << doubting.getErrors();
     EXPECT_TRUE(contains(doubting.getErrors(), "2 younger than a minute"));
     mute.signal(SIGCONT);
     EXPECT_EQ(mute.stop(), 128 + SIGTERM);
@@ -601,7 +601,7 @@ TEST_F(LookTest, AProvidersAbsenceIsShown)
     EXPECT_TRUE(waitFor([&] { return isWatched(true); }));
     waitForLine(monitor, isSynchronized, "regained");
     EXPECT_TRUE(waitFor([&] { return contains(lines.getErrors(), "regained"); }));
-    EXPECT_TRUE(contains(lines.getErrors(), "clock watch: lost\n"));
+    EXPECT_TRUE(contains(lines.getErrors(), "clock watch: synchronisation lost\n"));
 
     for (ToolProcess* const each : {&watch, &lines, &monitor, &sender, provider.get()})
         EXPECT_EQ(each->stop(), 128 + SIGTERM);

@@ -585,8 +585,8 @@ TEST_F(ReceiveTest, UnfitOutputsAreRefused)
     ASSERT_EQ(::grantpt(terminal.get()) | ::unlockpt(terminal.get()), 0);
     ToolSettings onTerminal;
     onTerminal.outputPath = ::ptsname(terminal.get());
-    expectRefusal(receive({file("a.mp4")}), 2, "\"mp4\" is no kind");
-    expectRefusal(receive({file("a.wav"), "-t", "doc"}), 2, "\"doc\" is no kind");
+    expectRefusal(receive({file("a.mp4")}), 2, "unknown kind of audio file \"mp4\"");
+    expectRefusal(receive({file("a.wav"), "-t", "doc"}), 2, "unknown kind of audio file \"doc\"");
     expectRefusal(receive({"-"}), 2, "terminal", onTerminal);
     expectRefusal(receive({"-", "-t", "flac"}), 1, "-t wav");
     for (const std::vector<std::string>& several :
@@ -596,8 +596,9 @@ TEST_F(ReceiveTest, UnfitOutputsAreRefused)
         arguments.insert(arguments.end(), several.begin(), several.end());
         expectRefusal(receive(arguments), 2, several[0] + " needs a file name");
     }
-    expectRefusal(receive({"/dev/null/%H.wav", "--name-pattern"}), 1, "no file can be made");
-    expectRefusal(receive({file("%H.doc"), "--name-pattern"}), 2, "\"doc\" is no kind");
+    expectRefusal(receive({"/dev/null/%H.wav", "--name-pattern"}), 1, "no file can be created");
+    expectRefusal(
+        receive({file("%H.doc"), "--name-pattern"}), 2, "unknown kind of audio file \"doc\"");
     expectRefusal(receive({"-", "--report", "-"}), 2, "report");
     expectRefusal(receive({file("a.wav"), "--latency", "1s"}), 2, "--play");
     EXPECT_TRUE(fs::is_empty(m_files));

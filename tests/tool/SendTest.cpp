@@ -130,10 +130,12 @@ TEST_F(SendTest, WavFromAPipeIsSentAndOtherInputIsRefused)
 {
     writeNoise(file("a.wav"), SF_FORMAT_WAV | SF_FORMAT_PCM_24, 3);
     writeNoise(file("a.flac"), SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 1);
+    writeNoise(file("a.aiff"), SF_FORMAT_AIFF | SF_FORMAT_PCM_16, 1);
     writeNoise(file("ulaw.wav"), SF_FORMAT_WAV | SF_FORMAT_ULAW, 1);
-    ToolSettings wav, flac, ulaw, cut, film, endless;
+    ToolSettings wav, flac, aiff, ulaw, cut, film, endless;
     wav.input = readText(file("a.wav"));
     flac.input = readText(file("a.flac"));
+    aiff.input = readText(file("a.aiff"));
     ulaw.input = readText(file("ulaw.wav"));
     cut.input = wav.input->substr(0, wav.input->size() - 100);
     film.input = toBytes(32, 4) + "ftypisom" + std::string(1000, 'x');
@@ -157,7 +159,8 @@ TEST_F(SendTest, WavFromAPipeIsSentAndOtherInputIsRefused)
     expectRefusal(send({"-", "-r", "8000"}), 2, "standard input is a terminal", onTerminal);
     expectRefusal(send({"-"}), 1, "cannot read standard input", endless);
     expectRefusal(send({"-"}), 1, "compressed", ulaw);
-    expectRefusal(send({"-"}), 1, "FLAC", flac);
+    expectRefusal(send({"-"}), 1, "contains FLAC audio", flac);
+    expectRefusal(send({"-", "-c", "1"}), 1, "contains AIFF audio: leave out -f", aiff);
     expectRefusal(send({"-"}), 2, "with -f, -r and -c", film);
     expectRefusal(send({"-", "-c", "1"}), 1, "leave out", wav);
     expectRefusal(send({"-"}), 1, "empty");
@@ -248,7 +251,7 @@ TEST_F(SendTest, FifoThatNobodyWritesToEndsAtStopAndTimeout)
     for (const std::string name : {"a.wav", "a.raw"})
     {
         ASSERT_EQ(::mkfifo(file(name).c_str(), 0600), 0);
-        expectRefusal(send({file(name), "--timeout", "50ms"}), 3, "nothing came from");
+        expectRefusal(send({file(name), "--timeout", "50ms"}), 3, "no data from");
         ToolProcess waiting(send({file(name), "-vvv"}));
         EXPECT_EQ(waiting.stop(), 128 + SIGTERM);
     }

@@ -51,7 +51,7 @@ void AlsaDevice::configure(std::uint32_t rate, std::uint32_t channels)
                                            : SND_PCM_FORMAT_S16;
     check(::snd_pcm_hw_params_set_format(m_pcm, hardware, m_format));
     if (::snd_pcm_hw_params_set_channels(m_pcm, hardware, channels) != 0)
-        fail("it does not take " + std::to_string(channels) + " channels");
+        fail("it does not support " + std::to_string(channels) + " channels");
     m_channels = channels;
     m_rate = rate;
     check(::snd_pcm_hw_params_set_rate_near(m_pcm, hardware, &m_rate, nullptr));
@@ -82,7 +82,7 @@ void AlsaDevice::begin(double leadSeconds)
     m_space = lead;
     const std::uint64_t firstSample = m_numWritten;
     if (!write(std::vector<float>(lead * m_channels)))
-        fail("it takes nothing");
+        fail("it accepts no samples");
     check(::snd_pcm_start(m_pcm));
 
     m_origins.push_back({firstSample, miscUtils::getMonotonicSysclockTime()});

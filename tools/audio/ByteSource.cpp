@@ -60,8 +60,7 @@ ByteSource::ByteSource(const std::string& path, const StopSignal& stop, const De
         if (::isatty(STDIN_FILENO) == 1)
             throw CommandFailure(
                 ExitCode::Usage,
-                "standard input is a terminal, and text is not audio: pipe samples or a WAV file "
-                "into it, or name a file");
+                "standard input is a terminal: pipe samples or a WAV file into it, or name a file");
         m_fd = STDIN_FILENO;
     }
     else
@@ -147,7 +146,7 @@ InputArrival ByteSource::takeIn(const Deadline& deadline)
 
 void ByteSource::failToReadOn()
 {
-    m_problem = "cannot read on from " + m_name + ": " + strerror_r_safe(errno);
+    m_problem = "cannot continue reading " + m_name + ": " + strerror_r_safe(errno);
 }
 
 std::size_t ByteSource::read(unsigned char* bytes, std::size_t size)
@@ -192,7 +191,7 @@ bool ByteSource::rewind(std::uint64_t place)
 
 void ByteSource::failAtDeadline() const
 {
-    throw CommandFailure(ExitCode::TimedOut, "nothing came from " + m_name + " in time");
+    throw CommandFailure(ExitCode::TimedOut, "no data from " + m_name + " in time");
 }
 
 } // namespace vlx::tool

@@ -66,7 +66,7 @@ public:
         // The stream announces the channels in one byte.
         if (info.channels > std::numeric_limits<std::uint8_t>::max())
             failToRead(
-                m_name, std::to_string(info.channels) + " channels, a stream carries up to 255");
+                m_name, std::to_string(info.channels) + " channels; a stream carries at most 255");
         m_format = {
             toPcmFormat(info.format), static_cast<std::uint32_t>(info.samplerate),
             static_cast<std::uint32_t>(info.channels)};
@@ -88,7 +88,7 @@ public:
             m_values);
         encodeSamples(m_values, m_format.sampleFormat, bytes);
         if (m_problem.empty() && ::sf_error(m_file.get()) != SF_ERR_NO_ERROR)
-            m_problem = "cannot read on in " + m_name + ": " + ::sf_strerror(m_file.get());
+            m_problem = "cannot continue reading " + m_name + ": " + ::sf_strerror(m_file.get());
         return samplesRead;
     }
 
@@ -109,7 +109,7 @@ private:
     static std::string explainRefusal()
     {
         if (::sf_error(nullptr) == SF_ERR_UNRECOGNISED_FORMAT)
-            return "it is no audio file of a kind that is known here; raw samples need --raw";
+            return "unknown kind of audio file; for raw samples, add --raw";
         return ::sf_strerror(nullptr);
     }
 

@@ -87,8 +87,8 @@ const FileKind& findKind(const std::string& type)
         [&](const FileKind& kind) { return type.empty() || kind.extension == type; });
     if (found == std::end(FileKinds))
         throw CommandFailure(
-            ExitCode::Usage, quote(type) + " is no kind of audio file; known are " +
-                                 listOutputTypes() + ", to be named by -t or the extension");
+            ExitCode::Usage, "unknown kind of audio file " + quote(type) + ": choose one of " +
+                                 listOutputTypes() + " by -t or the extension");
     return *found;
 }
 
@@ -187,7 +187,7 @@ public:
         const sf_count_t before = m_size;
         if (m_kind.fourGigabytes && !m_isStream &&
             before + static_cast<sf_count_t>(bytes.size()) > MaxBytesOfFourGigabytes)
-            fail("it is full: " + std::string(m_kind.name) + " files end at 4 GiB");
+            fail("it is full: " + std::string(m_kind.name) + " files hold at most 4 GiB");
         decodeSamples(bytes, m_format.sampleFormat, m_values);
         std::visit([&](const auto& values) { writeValues(m_sound.get(), values); }, m_values);
         if (!m_problem.empty() && !m_isStream)
@@ -246,7 +246,8 @@ private:
         const int flags = O_WRONLY | (isNew ? O_CREAT | (m_overwrite ? 0 : O_EXCL) : 0);
         const PollResult result = openPatiently(path.c_str(), flags, m_stop, deadline, m_fd);
         if (result == PollResult::TimedOut)
-            throw CommandFailure(ExitCode::TimedOut, "nobody reads " + m_name);
+            throw CommandFailure(
+                ExitCode::TimedOut, "no program opened " + m_name + " for reading in time");
         if (m_fd < 0 && result == PollResult::Ready)
             fail(miscUtils::strerror_r_safe(errno));
     }
@@ -356,7 +357,7 @@ private:
         const StopSignal neverStopped;
         if (waitForEvents(m_fd, POLLOUT, neverStopped, m_graceEnd) == PollResult::Ready)
             return true;
-        m_problem = "nobody reads " + m_name + " any more: the rest is lost";
+        m_problem = "the reader of " + m_name + " has stopped reading: the rest is lost";
         return false;
     }
 
@@ -444,8 +445,7 @@ std::unique_ptr<AudioOutput> openOutput(
         throw CommandFailure(ExitCode::Usage, "standard output is closed");
     if (path == "-" && ::isatty(STDOUT_FILENO) == 1)
         throw CommandFailure(
-            ExitCode::Usage,
-            "standard output is a terminal, and samples are no text: redirect it, or name a file");
+            ExitCode::Usage, "standard output is a terminal: redirect it, or name a file");
 
     const FileKind& kind = chooseKind(path, type);
     std::error_code error;
@@ -456,8 +456,8 @@ std::unique_ptr<AudioOutput> openOutput(
     if (isStream && kind.container != SF_FORMAT_RAW && !isWav)
         throw CommandFailure(
             ExitCode::Failed, "cannot write \"" + path +
-                                  "\": only raw samples (-t raw) or a WAV stream (-t wav) go where "
-                                  "nothing can be rewritten");
+                                  "\": pipes and devices take only raw samples (-t raw) or a WAV "
+                                  "stream (-t wav)");
     if (!overwrite && fs::is_regular_file(status))
         throw CommandFailure(
             ExitCode::Failed,
@@ -475,7 +475,7 @@ void checkOutput(const std::string& path, const std::string& type)
         directory = directory.parent_path(); // what is missing is made
     if (::access(directory.c_str(), W_OK | X_OK) != 0)
         throw CommandFailure(
-            ExitCode::Failed, "cannot write \"" + path + "\": no file can be made in \"" +
+            ExitCode::Failed, "cannot write \"" + path + "\": no file can be created in \"" +
                                   directory.string() + "\": " + miscUtils::strerror_r_safe(errno));
 }
 

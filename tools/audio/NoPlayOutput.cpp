@@ -10,8 +10,7 @@ std::unique_ptr<AudioOutput> openPlayOutput(
     const StopSignal& /*stop*/)
 {
     throw CommandFailure(
-        ExitCode::Failed,
-        "--play is not built in: ALSA or libsamplerate was missing when this program was built");
+        ExitCode::Failed, "--play is not available: vlx was built without ALSA or libsamplerate");
 }
 
 } // namespace vlx::tool

@@ -95,8 +95,9 @@ private:
         if (m_source->peek(0).empty() && isAtEnd())
             m_problem = m_source->getName() + " is empty";
         else if (m_refuseFiles && !kind.empty())
-            m_problem = m_source->getName() + " is a " + kind +
-                        " file: leave out -f, -r and -c, or say --raw to send its bytes as samples";
+            m_problem = m_source->getName() + " contains " + kind +
+                        " audio: leave out -f, -r and -c, or add --raw to send " +
+                        "its bytes as samples";
         return m_problem.empty();
     }
 
@@ -152,7 +153,7 @@ openWav(std::unique_ptr<ByteSource> source, const std::string& path, bool isStre
     if (!isStream)
         return openSoundInput(*source, path);
     failToRead(
-        source->getName(), "its WAV header is malformed, or its samples are compressed: name the "
+        source->getName(), "the WAV header is malformed, or the samples are compressed: name the "
                            "file, or pipe plain PCM");
 }
 
@@ -192,9 +193,9 @@ std::unique_ptr<AudioInput> openInput(
                                  " is not a WAV file: give the format of raw samples with -f, -r "
                                  "and -c, or --raw for S16LE, 48000 Hz, 2 channels");
     throw CommandFailure(
-        ExitCode::Failed, source->getName() + " is a " + kind +
-                              " file, which is not read from there: name the file, pipe it as "
-                              "WAV, or say --raw to send its bytes as samples");
+        ExitCode::Failed, source->getName() + " contains " + kind +
+                              " audio, which is read only from a file: name the file, pipe it as "
+                              "WAV, or add --raw to send its bytes as samples");
 }
 
 } // namespace vlx::tool

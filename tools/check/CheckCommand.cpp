@@ -70,8 +70,8 @@ Finding checkBaseDirectory()
     if (!base.status)
         return {
             "base directory", base.status.getText(),
-            "make it, or let TMPDIR name a short directory that you may write to"};
-    return {"base directory", base.path + (base.created ? ", made just now" : ", writable"), {}};
+            "create it, or set TMPDIR to a short path that you may write to"};
+    return {"base directory", base.path + (base.created ? ", created" : ", writable"), {}};
 }
 
 Finding checkDescriptors()
@@ -80,7 +80,7 @@ Finding checkDescriptors()
     ::getrlimit(RLIMIT_NOFILE, &limit);
     return {
         "descriptors", std::to_string(limit.rlim_cur),
-        limit.rlim_cur < EnoughDescriptors ? "raise the limit, for instance by ulimit -n 1024"
+        limit.rlim_cur < EnoughDescriptors ? "raise the limit, for example with ulimit -n 1024"
                                            : ""};
 }
 
@@ -132,8 +132,8 @@ private:
 /// Sends a stream to this process itself.
 Finding checkStream(StopSignal& stop)
 {
-    const std::string name = "vlx-check-" + makeRandomHex(8); // that no other user holds
-    Finding finding{"loop-back", {}, "-v and the lines above may say more"};
+    const std::string name = "vlx-check-" + makeRandomHex(8); // not to be guessed by other users
+    Finding finding{"loopback", {}, "see the lines above, or try -v"};
 
     kit::Consumer consumer({.name = name}, {.onFrame = [](const kit::Frame&) {}});
     kit::Producer producer({.name = name});
@@ -173,7 +173,8 @@ Finding checkPauses(nanoseconds longest)
 {
     return {
         "scheduling", "longest pause " + toMilliseconds(longest.count()),
-        longest > LongestPause ? "frames may be lost: try --realtime, or look what keeps it busy"
+        longest > LongestPause ? "frames may be lost: try --realtime, or find out what keeps the "
+                                 "machine busy"
                                : ""};
 }
 
@@ -181,7 +182,7 @@ Finding checkPauses(nanoseconds longest)
 
 CLI::App* addCheckCommand(CLI::App& program, CheckOptions& /*options*/)
 {
-    return program.add_subcommand("check", "Tell whether this machine is fit for streams");
+    return program.add_subcommand("check", "Check whether this machine is fit for streams");
 }
 
 ExitCode runCheck(const CheckOptions& /*options*/, StopSignal& stop)

@@ -33,11 +33,11 @@ constexpr auto CheckInterval = std::chrono::milliseconds(50);
 constexpr auto LineInterval = std::chrono::seconds(1);
 constexpr auto ScreenInterval = std::chrono::milliseconds(200);
 
-// In an interval: more than a mistake, and none.
+// Packets in an interval: more than stray ones.
 constexpr std::uint32_t ManyDropped = 1000;
 constexpr auto LoadInterval = std::chrono::seconds(1);
 
-/// Says when packets begin to be dropped in number, and when that has ended.
+/// Reports when many packets begin to be dropped, and when that has ended.
 class LoadWatch
 {
 public:
@@ -116,7 +116,10 @@ private:
         if (isSynchronized == m_isSynchronized)
             return;
         m_isSynchronized = isSynchronized;
-        printNotice(!isSynchronized ? "lost" : m_wasSynchronized ? "regained" : "synchronised");
+        printNotice(
+            !isSynchronized     ? "synchronisation lost"
+            : m_wasSynchronized ? "synchronisation regained"
+                                : "synchronised");
         m_wasSynchronized = true;
     }
 
@@ -177,28 +180,31 @@ private:
 CLI::App* addClockCommand(CLI::App& program, ClockOptions& options)
 {
     CLI::App* const command = program.add_subcommand(
-        "clock", "Serve this machine's clock over the network, or watch one");
+        "clock", "Serve this machine's clock over the network, or watch a network clock");
     command->require_subcommand(1);
 
     CLI::App* const serving = command->add_subcommand(
-        "serve", "Serve this machine's monotonic clock; prints address and port");
+        "serve", "Serve this machine's monotonic clock, and print its address and port");
     serving
         ->add_option(
             "--address", options.address,
-            "Numeric address to be asked at; 0.0.0.0: all of this machine [127.0.0.1]")
+            "Numeric address to serve on; 0.0.0.0 for all of this machine [127.0.0.1]")
         ->type_name("ADDRESS");
-    addPortOption(*serving, "--port", options.port, "UDP port [any that is free]");
+    addPortOption(*serving, "--port", options.port, "UDP port [any free port]");
 
     CLI::App* const watching = command->add_subcommand(
-        "watch", "Show whether a clock can be followed, its offset and the round trip to it");
-    watching->add_option("ADDRESS", options.address, "Where it is served")
+        "watch",
+        "Show whether a network clock can be followed, its offset and its round-trip time");
+    watching->add_option("ADDRESS", options.address, "Address of the clock")
         ->type_name("")
         ->required();
-    addPortOption(*watching, "PORT", options.port, "Its UDP port")->type_name("")->required();
+    addPortOption(*watching, "PORT", options.port, "UDP port of the clock")
+        ->type_name("")
+        ->required();
     watching->add_flag("--json", options.json, "Print a JSON object each second");
-    addDurationOption(*watching, "-d,--duration", options.duration, "End after this time");
+    addDurationOption(*watching, "-d,--duration", options.duration, "Exit after this time");
     addTimeoutOption(
-        *watching, options.timeout, "Give up with exit code 3 if not synchronised by then");
+        *watching, options.timeout, "Exit with code 3 if not synchronised within this time");
     watching->callback([&options] { options.watch = true; });
     return command;
 }

@@ -85,9 +85,9 @@ void dropJunk(int socketFD)
 
 ClockProvider::ClockProvider(const std::string& address, std::uint16_t port) : m_port(port)
 {
-    // GLib would read past the end of an address that is no UTF-8.
+    // GLib reads past the end of an address that is not valid UTF-8.
     if (g_utf8_validate(address.c_str(), -1, nullptr) == FALSE)
-        throw CommandFailure(ExitCode::Failed, "the clock's address is no UTF-8");
+        throw CommandFailure(ExitCode::Failed, "the clock's address is not valid UTF-8");
     if (port != 0 && isServed(address, port))
         throw CommandFailure(
             ExitCode::Failed, "cannot serve a clock at " + address + " port " +

@@ -14,7 +14,7 @@ namespace vlx::tool
 namespace
 {
 
-// A longer one would be cut by the library, and then be another stream's name.
+// The library truncates a longer name, and it would then belong to another stream.
 constexpr std::size_t MaxNameLength = 107;
 
 constexpr std::uint32_t MaxChannels = 255;
@@ -37,9 +37,10 @@ audioUtils::PcmFormat readFormat(const std::string& text)
         return *known;
     if (audioUtils::isPaddedFormat(text))
         throw std::invalid_argument(
-            quote(text) + " has 24 bits in four bytes, which no stream carries; S24_3LE and "
-                          "S24_3BE are packed in three");
-    throw std::invalid_argument("unknown format " + quote(text) + "; known are " + listFormats());
+            quote(text) + " stores 24 bits in four bytes, which streams do not carry; "
+                          "S24_3LE and S24_3BE use three");
+    throw std::invalid_argument(
+        "unknown format " + quote(text) + ": expected one of " + listFormats());
 }
 
 std::uint32_t readRate(const std::string& text)
@@ -47,7 +48,7 @@ std::uint32_t readRate(const std::string& text)
     if (const auto rate = parseRate(text))
         return *rate;
     throw std::invalid_argument(
-        quote(text) + " is no rate such as 44100, 44.1k or 48k, up to 2000000k");
+        "invalid rate " + quote(text) + ": expected for example 44100, 44.1k or 48kHz");
 }
 
 std::chrono::nanoseconds readDuration(const std::string& text)
@@ -55,13 +56,14 @@ std::chrono::nanoseconds readDuration(const std::string& text)
     const auto duration = parseDuration(text);
     if (!duration)
         throw std::invalid_argument(
-            quote(text) + " is no duration such as 10ms, 1.5s, 1m30s or 10 (seconds)");
+            "invalid duration " + quote(text) +
+            ": expected for example 10ms, 1.5s, 1m30s or 10 (seconds)");
     if (duration->count() == 0)
-        throw std::invalid_argument(quote(text) + " is too short: longer than nothing is needed");
+        throw std::invalid_argument(quote(text) + " is too short: a duration must be above 0");
     return *duration;
 }
 
-/// Has what a reader refuses said as the parser says it, which names the option of a check by itself.
+/// Converts a reader's exception to CLI11's error, with the option's name.
 std::function<void(const std::string&)> withName(const std::string& flags, const TextReader& read)
 {
     return [read, name = flags.substr(flags.rfind(',') + 1)](const std::string& text)
@@ -93,16 +95,14 @@ CLI::Option* addTextOption(
 
 void addCommonOptions(CLI::App& command, CommonOptions& options)
 {
-    // Without "=VALUE": a number that is too large for it would leave the parser as an exception that
-    // is none of its own.
+    // Without "=VALUE": CLI11 reports a number out of range by a foreign exception.
     command
         .add_flag(
             "-v,--verbose", options.verbosity,
-            "Print the library's log: once for INFO and for who joins and leaves, twice DEBUG, "
-            "three times TRACE")
+            "Print the library's log: once for INFO and connections, twice for DEBUG, three times "
+            "for TRACE")
         ->disable_flag_override();
-    command.add_flag("-q,--quiet", options.quiet, "Print nothing but errors")
-        ->disable_flag_override();
+    command.add_flag("-q,--quiet", options.quiet, "Print only errors")->disable_flag_override();
     addChoiceOption<ColorUse>(
         command, "--color", options.color,
         {{"never", ColorUse::Never}, {"always", ColorUse::Always}, {"auto", ColorUse::Auto}},
@@ -110,7 +110,7 @@ void addCommonOptions(CLI::App& command, CommonOptions& options)
     command
         .add_option(
             "--log-config", options.logConfig,
-            "Log as this property file of log4cplus says, instead of -v")
+            "Configure logging by this property file of log4cplus, instead of -v")
         ->type_name("FILE");
 }
 
@@ -120,7 +120,7 @@ readNumber(const std::string& text, const std::pair<std::uint64_t, std::uint64_t
     const auto number = parseNumber(text);
     if (!number || *number < range.first || *number > range.second)
         throw std::invalid_argument(
-            quote(text) + " is no whole number from " + std::to_string(range.first) + " to " +
+            quote(text) + " is not a whole number from " + std::to_string(range.first) + " to " +
             std::to_string(range.second));
     return *number;
 }
@@ -130,7 +130,7 @@ std::string checkStreamName(const std::string& name)
     if (name.empty())
         return "the stream's name is empty";
     if (name.size() > MaxNameLength)
-        return "the stream's name has " + std::to_string(name.size()) + " characters, at most " +
+        return "the stream's name has " + std::to_string(name.size()) + " bytes; the maximum is " +
                std::to_string(MaxNameLength);
     return {};
 }
@@ -171,8 +171,8 @@ void addRealTimeOption(CLI::App& command, kit::RealTime& realTime)
     command
         .add_flag_function(
             "--realtime{" + priority + "}", [](std::int64_t) {},
-            "Move frames under real-time scheduling of this priority, 1 to 99 [" + priority +
-                "], if this user may")
+            "Request real-time scheduling with this priority, 1 to 99 [" + priority +
+                "]; has no effect if not permitted")
         ->each(withName("", read))
         ->option_text("[=PRIORITY]");
 }
@@ -183,16 +183,16 @@ void addSenderUserOption(CLI::App& command, std::optional<uid_t>& user)
     {
         user = findUser(text);
         if (!user)
-            throw std::invalid_argument("there is no user " + quote(text));
+            throw std::invalid_argument("unknown user " + quote(text));
     };
     addTextOption(
         command, "--sender-user", "USER", read,
-        "Join only a sender that runs as this user, a name or a number [any user]");
+        "Join only a sender that runs as this user, by name or number [any user]");
 }
 
 void addReportOption(CLI::App& command, std::string& path, const std::string& help)
 {
-    command.add_option("--report", path, help + " to this file, as JSON; - for standard output")
+    command.add_option("--report", path, help + " to this file; - is standard output")
         ->type_name("FILE");
 }
 

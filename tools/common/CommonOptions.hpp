@@ -59,7 +59,7 @@ CLI::Option* addDurationOption(
 
 /// Adds "--timeout TIME".
 ///
-/// @param help  what is waited for at most that long
+/// @param help  what happens when the time has passed
 CLI::Option* addTimeoutOption(CLI::App& command, OptionalDuration& target, const std::string& help);
 
 /// Adds "--realtime[=PRIORITY]".
@@ -69,9 +69,11 @@ void addRealTimeOption(CLI::App& command, kit::RealTime& realTime);
 void addSenderUserOption(CLI::App& command, std::optional<uid_t>& user);
 
 /// Adds "--report FILE".
+///
+/// @param help  "Write a report of ...", which the file's description follows
 void addReportOption(CLI::App& command, std::string& path, const std::string& help);
 
-/// Takes what an option is given; throws std::invalid_argument, which says what is wrong with it.
+/// Takes an option's text; throws std::invalid_argument, which says what is wrong with it.
 using TextReader = std::function<void(const std::string& text)>;
 
 /// Adds an option whose text is read by a function.
@@ -128,7 +130,7 @@ CLI::Option* addChoiceOption(
         const auto choice = std::find_if(
             choices.begin(), choices.end(), [&](const auto& each) { return each.first == text; });
         if (choice == choices.end())
-            throw std::invalid_argument(quote(text) + " is none of " + words);
+            throw std::invalid_argument(quote(text) + " is not one of " + words);
         target = choice->second;
     };
     return addTextOption(command, flags, words, read, help);

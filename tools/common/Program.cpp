@@ -23,7 +23,7 @@ namespace
 
 constexpr const char* Description =
     "Timestamped media frames from one process to many on one machine";
-constexpr const char* ExitCodeHelp = "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 time-out or "
+constexpr const char* ExitCodeHelp = "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 timeout or "
                                      "no sender, 128+n stopped by signal n";
 
 constexpr std::size_t MaxWordLength = 40; // far longer than any that is known
@@ -88,7 +88,7 @@ std::size_t countSlips(const std::string& one, const std::string& other)
     return slips.back().back();
 }
 
-/// @return "; ", and which of the known words a wrong one may be meant to be, or where to find them
+/// @return "; ", and the known word that a wrong one is probably meant to be, or where to look
 std::string askFor(const std::string& wrong, const std::vector<std::string>& known)
 {
     std::string best = "see --help";
@@ -99,7 +99,7 @@ std::string askFor(const std::string& wrong, const std::vector<std::string>& kno
         const std::size_t slips = countSlips(wrong.substr(0, MaxWordLength), word);
         if (slips < fewest && 2 * slips < word.size())
         {
-            best = word + "?";
+            best = "did you mean " + word + "?";
             fewest = slips;
         }
     }
@@ -125,12 +125,12 @@ std::string explainWrongUsage(const CLI::App& program, const CLI::ParseError& er
     const bool isMisplaced = (isTooMuch || isMissing) && !wrong.empty() && !isBehindMarker;
 
     if (isMisplaced && wrong.starts_with("-"))
-        return "no option " + wrong +
+        return "unknown option " + wrong +
                askFor(wrong.substr(0, wrong.find('=')), listLongOptions(command));
     if (isMisplaced && !subcommands.empty())
-        return "no subcommand " + wrong + askFor(wrong, subcommands);
+        return "unknown subcommand " + wrong + askFor(wrong, subcommands);
     if (isTooMuch && !wrong.empty())
-        return "nothing more is expected behind the other words: " + wrong + "; see --help";
+        return "unexpected argument " + wrong + "; see --help";
     if (isMissing && !subcommands.empty())
         return "a subcommand is required: " + CLI::detail::join(subcommands, ", ") + "; see --help";
     return std::string(error.what()) + "; see --help";

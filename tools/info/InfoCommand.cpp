@@ -25,7 +25,7 @@ std::string describeJoining(const kit::SenderProbe& probe)
     if (probe.mayJoin)
         return "this user may join";
     if (probe.socketFile.empty())
-        return "no: the main channel is none that a sender announces";
+        return "no: the announced main channel is invalid";
     return "no: " + toPrintable(probe.socketFile) +
            (probe.socketFileMode == 0 ? ""
                                       : formatText(", mode %03o", probe.socketFileMode & 0777U)) +
@@ -64,8 +64,8 @@ kit::SenderProbe probe(const InfoOptions& options)
     if (!probe.initialInfo)
         throw CommandFailure(
             ExitCode::TimedOut,
-            name + (probe.closedEarly ? " is held by somebody who is no sender"
-                                      : " does not answer: it is stopped, or no sender"));
+            name + (probe.closedEarly ? " is taken by a program that is not a Vellox sender"
+                                      : " does not answer: it is stopped, or not a Vellox sender"));
     return probe;
 }
 
@@ -74,20 +74,21 @@ kit::SenderProbe probe(const InfoOptions& options)
 CLI::App* addInfoCommand(CLI::App& program, InfoOptions& options)
 {
     CLI::App* const command = program.add_subcommand(
-        "info", "Tell what a sender announces, and whether this user may join");
+        "info", "Print what a sender announces, and whether this user may join");
     command->add_option("NAME", options.name, "The stream's name")
         ->type_name("")
         ->required()
         ->check(checkStreamName);
     command->add_flag("--json", options.json, "Print a JSON object");
     addTimeoutOption(
-        *command, options.timeout, "Give up with exit code 3 without an answer by then");
+        *command, options.timeout,
+        "Exit with code 3 if there is no answer within this time [500ms]");
     return command;
 }
 
 ExitCode runInfo(const InfoOptions& options, StopSignal& stop)
 {
-    // Nothing else ends the question, and there is nothing to clear up.
+    // Nothing else interrupts the probe, and there is nothing to clean up.
     const StopListener listener(stop, [&stop] { std::_Exit(toExitCode(stop.getSignalNumber())); });
     const kit::SenderProbe answer = probe(options);
     if (options.json)

@@ -19,7 +19,7 @@ struct InfoOptions
 
 CLI::App* addInfoCommand(CLI::App& program, InfoOptions& options);
 
-/// Prints what one sender tells its receivers.
+/// Prints what a sender announces to its receivers.
 ///
 /// @return the exit code
 ExitCode runInfo(const InfoOptions& options, StopSignal& stop);

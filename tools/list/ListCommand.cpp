@@ -89,18 +89,18 @@ nlohmann::ordered_json makeObject(const Found& found)
     return json;
 }
 
-/// Names each reason why something stays.
+/// Names each reason for which directories are kept.
 void tellWhatStays(const kit::Cleaning& cleaning)
 {
     if (!cleaning.notice.empty())
         printNotice(cleaning.notice);
     if (cleaning.numYoung > 0)
-        printNotice(std::to_string(cleaning.numYoung) + " younger than a minute: left alone");
+        printNotice("kept: " + std::to_string(cleaning.numYoung) + " younger than a minute");
     if (cleaning.numDoubtful > 0)
         printNotice(
-            std::to_string(cleaning.numDoubtful) +
-            " left alone: their user has a sender that does not answer, or whose name only that "
-            "user and root can see");
+            "kept: " + std::to_string(cleaning.numDoubtful) +
+            " whose user has a sender that does not answer, or that only that user and root can "
+            "see");
     if (cleaning.entries.empty())
         printNotice("nothing removed");
 }
@@ -129,7 +129,7 @@ void tellHidden(const std::vector<pid_t>& processes)
     std::string list;
     for (const pid_t process : processes)
         list += (list.empty() ? "" : ", ") + std::to_string(process);
-    printNotice("other users' senders, whose names only they and root may learn: process " + list);
+    printNotice("other users' senders, whose names only they and root can see: process " + list);
 }
 
 } // unnamed namespace
@@ -137,10 +137,11 @@ void tellHidden(const std::vector<pid_t>& processes)
 CLI::App* addListCommand(CLI::App& program, ListOptions& options)
 {
     CLI::App* const command = program.add_subcommand(
-        "list", "List the senders of this machine, or clear up after dead ones");
+        "list", "List the senders on this machine, or clean up after dead ones");
     command->add_flag("--json", options.json, "Print an array of JSON objects");
     command->add_flag(
-        "--clean", options.clean, "Remove directories that dead senders have left, and say which");
+        "--clean", options.clean,
+        "Remove directories that dead senders left behind, and print each");
     return command;
 }
 

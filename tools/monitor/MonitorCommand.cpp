@@ -123,7 +123,8 @@ void watch(const MonitorOptions& options, const Meters& meters, bool onScreen, S
             return;
         if (options.timeout && !hasFrames(snapshots) &&
             SteadyClock::now() - begin >= *options.timeout)
-            throw CommandFailure(ExitCode::TimedOut, "no frame within " + toText(*options.timeout));
+            throw CommandFailure(
+                ExitCode::TimedOut, "no frame arrived within " + toText(*options.timeout));
     }
 }
 
@@ -132,7 +133,7 @@ void watch(const MonitorOptions& options, const Meters& meters, bool onScreen, S
 CLI::App* addMonitorCommand(CLI::App& program, MonitorOptions& options)
 {
     CLI::App* const command =
-        program.add_subcommand("monitor", "Show live how streams fare: frames, ages, gaps, levels");
+        program.add_subcommand("monitor", "Show streams live: frames, ages, gaps, levels");
     command->add_option("NAME", options.names, "Names of streams")
         ->type_name("")
         ->required()
@@ -141,14 +142,15 @@ CLI::App* addMonitorCommand(CLI::App& program, MonitorOptions& options)
     command
         ->add_option(
             "--metrics", options.metrics,
-            "Write the counts to this file every second, as OpenMetrics text")
+            "Write metrics to this file every second, as OpenMetrics text")
         ->type_name("FILE")
         ->check(CLI::Validator(
             [](const std::string& path)
-            { return path == "-" ? "--metrics needs a file, and - is none" : ""; },
+            { return path == "-" ? "--metrics needs a file; - is not one" : ""; },
             ""));
-    addDurationOption(*command, "-d,--duration", options.duration, "End after this time");
-    addTimeoutOption(*command, options.timeout, "Give up with exit code 3 without a frame by then");
+    addDurationOption(*command, "-d,--duration", options.duration, "Exit after this time");
+    addTimeoutOption(
+        *command, options.timeout, "Exit with code 3 if no frame arrives within this time");
     addSenderUserOption(*command, options.senderUser);
     addRealTimeOption(*command, options.realTime);
     return command;

@@ -119,9 +119,9 @@ std::vector<Metric> listMetrics(const kit::ConsumerStatistics& total, const kit:
         {"vlx_stalls", "Connections given up without frames", toDouble(total.stalls), IsCounter},
         {"vlx_age_median_seconds", "Median age of frames on arrival", getAge(0.5)},
         {"vlx_age_p99_seconds", "99th percentile of the age of frames on arrival", getAge(0.99)},
-        {"vlx_clock_synchronized", "Whether the stream's clock can be told",
+        {"vlx_clock_synchronized", "Whether the stream's clock is synchronised",
          total.clockSynchronized ? 1.0 : 0.0},
-        {"vlx_clock_offset_seconds", "The stream's clock less the monotonic clock",
+        {"vlx_clock_offset_seconds", "Offset of the stream's clock to the monotonic clock",
          static_cast<double>(total.clockOffsetNs) / 1e9}};
 }
 

@@ -15,7 +15,8 @@ void addOutputOptions(CLI::App& command, ReceiveOptions& options)
         command
             .add_option(
                 "OUTPUT", options.output,
-                "Audio file, its kind by extension; - for raw samples to standard output")
+                "Audio file, its kind given by the extension; - writes raw samples to standard "
+                "output")
             ->type_name("");
     CLI::Option* const type = command
                                   .add_option(
@@ -23,25 +24,25 @@ void addOutputOptions(CLI::App& command, ReceiveOptions& options)
                                       "Kind of output, whatever its name: " + listOutputTypes())
                                   ->type_name("TYPE");
     CLI::Option* const raw = command.add_flag_callback(
-        "--raw", [&options] { options.type = "raw"; }, "Write raw samples: -t raw");
+        "--raw", [&options] { options.type = "raw"; }, "Write raw samples, the same as -t raw");
     CLI::Option* const split = command.add_flag(
         "--split", options.split,
-        "Begin another numbered file with each sequence or format, as in out-001.wav");
+        "Begin a new numbered file for each connection and each format, as in out-001.wav");
     CLI::Option* const maxDuration = addDurationOption(
         command, "--max-duration", options.maxDuration,
-        "Begin another numbered file when one has this much audio");
+        "Begin a new numbered file after this much audio");
     CLI::Option* const namePattern = command.add_flag(
         "--name-pattern", options.namePattern,
-        "OUTPUT is a pattern as for date(1), for the local time of the first frame");
+        "Take OUTPUT as a pattern like date(1), filled in with the local time of the first frame");
     CLI::Option* const overwrite = command.add_flag(
-        "--overwrite", options.overwrite, "Replace files that exist, instead of refusing that");
+        "--overwrite", options.overwrite, "Replace existing files instead of refusing to");
     CLI::Option* const noFill = command.add_flag(
-        "--no-fill", options.noFill, "Leave gaps out, instead of filling them with silence");
+        "--no-fill", options.noFill, "Leave gaps out instead of filling them with silence");
     CLI::Option* const play =
         command
             .add_option(
                 "--play", options.play,
-                "Play through this device of ALSA [default], each sample on time")
+                "Play through this ALSA device [default], each sample on time")
             ->expected(0, 1)
             ->default_str("default")
             ->type_name("DEVICE");
@@ -63,14 +64,16 @@ CLI::App* addReceiveCommand(CLI::App& program, ReceiveOptions& options)
     addSocketOption(*command, options.name);
     addOutputOptions(*command, options);
     command->add_flag(
-        "--oneshot", options.oneshot, "End when the sender that delivered frames has gone");
-    addDurationOption(*command, "-d,--duration", options.duration, "Record this much audio");
-    addTimeoutOption(*command, options.timeout, "Give up with exit code 3 without a frame by then");
+        "--oneshot", options.oneshot, "Exit when a sender that delivered frames has gone");
     addDurationOption(
-        *command, "--stall", options.stall, "Join again after this time without a frame [2s]");
+        *command, "-d,--duration", options.duration, "Record or play this much audio");
+    addTimeoutOption(
+        *command, options.timeout, "Exit with code 3 if no frame arrives within this time");
+    addDurationOption(
+        *command, "--stall", options.stall, "Reconnect after this time without a frame [2s]");
     addSenderUserOption(*command, options.senderUser);
     addRealTimeOption(*command, options.realTime);
-    addReportOption(*command, options.report, "Write what was received");
+    addReportOption(*command, options.report, "Write a JSON report of what was received");
     command->callback(
         [&options]
         {
@@ -82,7 +85,7 @@ CLI::App* addReceiveCommand(CLI::App& program, ReceiveOptions& options)
                                                                  : nullptr;
             if (options.output == "-" && needsFiles != nullptr)
                 throw CLI::ValidationError(
-                    std::string(needsFiles) + " needs a file name, and - is standard output");
+                    std::string(needsFiles) + " needs a file name; - is standard output");
             if (options.output == "-" && options.report == "-")
                 throw CLI::ValidationError(
                     "standard output takes either the samples or the report");

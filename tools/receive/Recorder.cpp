@@ -86,7 +86,7 @@ std::unique_ptr<AudioOutput> Recorder::openFirstOutput()
         return openOutput();
     const std::string example = expandPattern(m_options.output, std::chrono::system_clock::now());
     if (example.empty())
-        throw CommandFailure(ExitCode::Usage, "the pattern gives no name");
+        throw CommandFailure(ExitCode::Usage, "the pattern expands to an empty name");
     checkOutput(example, m_options.type);
     return nullptr;
 }
@@ -152,9 +152,9 @@ void Recorder::handle(const AnnouncedFormat& announced)
         m_nextFormat.reset();
     else
         throw CommandFailure(
-            ExitCode::Failed, "the stream's format has changed from " + toText(*m_format) + " to " +
+            ExitCode::Failed, "the stream's format changed from " + toText(*m_format) + " to " +
                                   toText(format) +
-                                  "; the recording ends here (--split goes on in another file)");
+                                  ": the recording ends here; --split continues in a new file");
 }
 
 bool Recorder::isNextOutputWanted(const kit::StreamFormat& format) const
@@ -252,8 +252,8 @@ void Recorder::fillGap(const ReceivedFrame& frame)
         m_unfilledNs = addLimited(m_unfilledNs, frame.gapNs);
         if (!std::exchange(m_unfilledSaid, true))
             printNotice(
-                "the timestamps jump by " + toSeconds(frame.gapNs) +
-                ", more than has passed: not filled");
+                "timestamps jumped ahead by " + toSeconds(frame.gapNs) +
+                ", far more than the time that has passed: the gap is not filled");
         return;
     }
     m_silenceNs += frame.gapNs;
@@ -341,9 +341,9 @@ void Recorder::complainIfOdd(const ReceivedFrame& frame) const
     if (frame.data.size() % sampleBytes == 0 || m_connections.back().oddFrames != 1)
         return;
     printError(
-        "a frame of " + std::to_string(frame.data.size()) + " bytes ends inside a sample of " +
+        "a frame of " + std::to_string(frame.data.size()) + " bytes ends within a sample of " +
         std::to_string(sampleBytes) +
-        " bytes: the incomplete sample is left out; further ones are only counted");
+        " bytes: incomplete samples are dropped, and from here on only counted");
 }
 
 void Recorder::handle(const kit::ConsumerEvent& event)
@@ -416,7 +416,7 @@ std::string Recorder::summarize() const
     if (m_numGaps > 0 && m_options.play.empty())
         text += m_fills ? ", filled with silence" : ", left out";
     if (m_unfilledNs > 0)
-        text += " but for " + toSeconds(m_unfilledNs);
+        text += ", except for " + toSeconds(m_unfilledNs);
     if (m_files.size() > 1)
         text += ", in " + toCount(m_files.size(), "file");
     if (const std::uint64_t lost = getNumLost(); lost > 0)

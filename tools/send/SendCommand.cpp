@@ -61,7 +61,7 @@ bool openProducer(
         throw CommandFailure(ExitCode::Failed, opened.getText());
     if (producer.getName() != options.name)
         printNotice(
-            "another sender has the name " + quote(options.name) + ": sending as " +
+            "the name " + quote(options.name) + " is taken: sending as " +
             quote(producer.getName()));
     return true;
 }

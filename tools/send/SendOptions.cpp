@@ -23,7 +23,8 @@ double readFrequency(const std::string& text)
     std::string_view rest = text;
     const auto frequency = takeDecimal(rest);
     if (!frequency || !rest.empty() || *frequency > MaxToneHz)
-        throw std::invalid_argument(quote(text) + " is no frequency in Hz, such as 440");
+        throw std::invalid_argument(
+            "invalid frequency " + quote(text) + ": expected Hz, for example 440");
     return *frequency;
 }
 
@@ -32,12 +33,11 @@ void addInputOptions(CLI::App& command, SendOptions& options)
     command
         .add_option(
             "INPUT", options.inputs,
-            "Audio files of any kind that libsndfile reads, sent one behind the other; - for WAV, "
-            "or "
-            "raw samples with -f, -r or -c, from standard input")
+            "Audio files of any kind that libsndfile reads, sent one after the other; - is "
+            "standard input: WAV, or raw samples with --raw, -f, -r or -c")
         ->type_name("FILE");
     command.add_flag(
-        "--raw", options.input.raw, "Take the input as raw samples, whatever it looks like");
+        "--raw", options.input.raw, "Treat the input as raw samples, whatever it contains");
     addFormatOptions(command, options.input.format, "raw input, tone or silence");
     addTextOption(
         command, "--tone", "HZ",
@@ -52,24 +52,24 @@ void addStreamOptions(CLI::App& command, SendOptions& options)
 {
     command
         .add_option(
-            "--alternative", options.alternativeName,
-            "Name to take if another sender has the first one")
+            "--alternative", options.alternativeName, "Use this name if the first one is taken")
         ->type_name("NAME")
         ->check(CLI::Validator(checkStreamName, ""));
     addDurationOption(command, "--frame", options.frame, "Length of a frame [10ms]");
     addDurationOption(
         command, "--latency", options.latency,
-        "Add this to every timestamp: when receivers are to play a frame");
+        "Add this to every timestamp, so that receivers play later [0s]");
     addChoiceOption(
         command, "--protocol", options.protocol,
         {{"pubsub", NanomsgProtocol::PubSub}, {"pipeline", NanomsgProtocol::Pipeline}},
-        "Any number of receivers, or one for which sending waits [pubsub]");
+        "How frames are delivered: to any number of receivers, or to one that the sender waits for "
+        "[pubsub]");
     addChoiceOption(
         command, "--socket-mode", options.socketMode,
         {{"owner", kit::SocketMode::Owner},
          {"group", kit::SocketMode::Group},
          {"all", kit::SocketMode::All}},
-        "Whose receivers may join [owner]");
+        "Users whose receivers may join [owner]");
     addRealTimeOption(command, options.realTime);
 }
 
@@ -78,22 +78,23 @@ void addClockOptions(CLI::App& command, SendOptions& options)
     addChoiceOption(
         command, "--clock", options.clock,
         {{"sysclock", ClockChoice::System}, {"net", ClockChoice::Served}},
-        "Stamp frames by the machine's clock, or by one that is served over the network, too "
+        "Clock of the timestamps: the machine's own, or the same served over the network "
         "[sysclock]");
     command
         .add_option(
             "--clock-address", options.clockAddress,
-            "Where the network clock is served [127.0.0.1]; without --clock, where it is followed")
+            "Address of the network clock: to serve it there [127.0.0.1] or, without --clock, to "
+            "follow it")
         ->type_name("ADDRESS");
     addPortOption(
         command, "--clock-port", options.clockPort,
-        "UDP port of the network clock [any that is free]");
+        "UDP port of the network clock [any free port]");
     command.add_flag(
         "--external-clock", options.externalClock,
-        "Follow a network clock that somebody else serves");
+        "Follow a network clock that another program serves");
 }
 
-/// Makes one choice of what the clock options say together.
+/// Derives the choice of the clock from all clock options together.
 void settleClock(const CLI::App& command, SendOptions& options)
 {
     const bool hasAddress = command.count("--clock-address") > 0;
@@ -106,10 +107,10 @@ void settleClock(const CLI::App& command, SendOptions& options)
 
     if (*options.clock == ClockChoice::System && (hasAddress || hasPort || options.externalClock))
         throw CLI::ValidationError(
-            "--clock", "the system's clock has no address or port; --clock net has");
+            "--clock", "the system clock has no address or port; use --clock net");
     if (*options.clock == ClockChoice::External && !(hasAddress && hasPort))
         throw CLI::ValidationError(
-            "--external-clock", "a clock that is followed needs --clock-address and --clock-port");
+            "--external-clock", "to follow a clock, give --clock-address and --clock-port");
     if (*options.clock == ClockChoice::Served && !hasAddress)
         options.clockAddress = LocalAddress;
 }
@@ -126,11 +127,11 @@ CLI::App* addSendCommand(CLI::App& program, SendOptions& options)
     addClockOptions(*command, options);
     addNumberOption(
         *command, "--wait-receivers", options.waitReceivers, {0, MaxReceivers},
-        "Send the first frame when this many receivers have joined [0]");
+        "Wait for this many receivers before the first frame [0]");
     addTimeoutOption(
         *command, options.timeout,
-        "Give up with exit code 3 if input, network clock or receivers are not there by then");
-    addReportOption(*command, options.report, "Write what was sent");
+        "Exit with code 3 if input, network clock or receivers are not ready within this time");
+    addReportOption(*command, options.report, "Write a JSON report of what was sent");
     command->callback(
         [command, &options]
         {

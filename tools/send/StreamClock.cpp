@@ -80,7 +80,7 @@ bool StreamClock::waitUntilReady(const OptionalDuration& timeout, const StopSign
         const auto now = SteadyClock::now();
         if (timeout && now - start >= *timeout)
             throw CommandFailure(
-                ExitCode::TimedOut, name + " could not be followed within " + toText(*timeout));
+                ExitCode::TimedOut, name + " did not synchronise within " + toText(*timeout));
         const int result = *lookUpResult;
         if (!told && (result != 0 || now - start >= UsualSyncTime))
         {
@@ -88,7 +88,7 @@ bool StreamClock::waitUntilReady(const OptionalDuration& timeout, const StopSign
             printNotice(
                 result == 0
                     ? name + " does not answer yet: waiting for it"
-                    : "cannot find " + name + " (" + ::gai_strerror(result) + "): trying on");
+                    : "cannot resolve " + name + " (" + ::gai_strerror(result) + "): still trying");
         }
         if (stop.waitUntil(now + CheckInterval))
             return false;
