@@ -218,7 +218,7 @@ TEST_F(LookTest, ListNamesTheLivingAndClearsUpAfterTheDead)
     }
     EXPECT_EQ(listOwn().size(), NumSenders - NumKilled);
 
-    // Young ones are left alone: their senders may be about to open. Those of living senders always.
+    // Young ones are kept, since their senders may be about to open; those of living ones always.
     ToolProcess early({"list", "--clean"});
     EXPECT_EQ(early.wait(), 0);
     EXPECT_EQ(early.getOutput(), "");

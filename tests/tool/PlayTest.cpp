@@ -1,5 +1,5 @@
-// "vlx receive --play": each sample leaves on time. A stream of a sine, whose sender's clock is fast,
-// is played into files by ALSA; the sine's phase shows when each sample was taken.
+// "vlx receive --play": each sample leaves on time. A stream of a sine, whose sender's clock is
+// fast, is played into files by ALSA; the sine's phase shows when each sample was taken.
 //
 // VLX_PLAY_SECONDS in the environment makes the measurement as long as wanted.
 

@@ -131,7 +131,7 @@ TEST_F(ReceiveTest, KilledReceiverLeavesAReadableFile)
     for (const char* const name : {"a.wav", "a.rf64", "a.w64", "a.aiff", "a.caf", "a.au", "a.flac"})
     {
         SCOPED_TRACE(name);
-        // What a busy machine loses would be filled with silence, in blocks far larger than a frame.
+        // On a busy machine lost frames would be filled, in blocks far larger than a frame.
         ToolProcess receiver(receive({file(name), "--no-fill"}));
         ASSERT_TRUE(waitForSize(file(name), 12000));
         receiver.signal(SIGKILL);

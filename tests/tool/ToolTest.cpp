@@ -91,7 +91,7 @@ TEST_F(ToolTest, RawBytesPassUnchangedAndTimestampsTellTheirPlace)
         const json connection = readJson(file("r.json"))["connections"].at(0);
         for (const json& segment : connection["segments"])
         {
-            // Each stretch begins with a frame, whose time follows from its number in its run alone.
+            // Each stretch begins with a frame; its time follows from its number in its run.
             const std::uint64_t timestamp = segment["timestamp"];
             json run;
             for (const json& each : runs)

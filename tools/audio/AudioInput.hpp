@@ -66,19 +66,19 @@ public:
         return false;
     }
 
-    /// @return samples from the beginning to the end; unset if nobody knows
+    /// @return samples from the beginning to the end; unset if unknown
     const std::optional<std::uint64_t>& getLength() const
     {
         return m_length;
     }
 
-    /// @return whether somebody else makes the samples now, so that a read can wait for them
+    /// @return whether another program makes the samples now, so that a read can wait for them
     bool isLive() const
     {
         return m_isLive;
     }
 
-    /// @return after the end: one line that says what was wrong with it; empty if nothing was
+    /// @return after the end: one line about what went wrong; empty if nothing did
     const std::string& getProblem() const
     {
         return m_problem;
@@ -91,7 +91,7 @@ protected:
     std::string m_problem;
 };
 
-/// What a user says about an input beside its name.
+/// What a user specifies about an input beside its name.
 struct InputSettings
 {
     bool raw = false;         ///< samples, whatever the bytes look like
@@ -99,9 +99,9 @@ struct InputSettings
     kit::StreamFormat format; ///< of raw samples
 };
 
-/// Opens a file, a FIFO or standard input, "-". A file whose extension says "raw" holds raw samples,
-/// any other is an audio file. A FIFO and standard input carry a WAV file, recognised by its
-/// beginning, or raw samples if the settings say so.
+/// Opens a file, a FIFO or standard input, "-". A file whose extension says "raw" holds raw
+/// samples, any other is an audio file. A FIFO and standard input carry a WAV file, recognised by
+/// its beginning, or raw samples if the settings say so.
 ///
 /// @param stop      ends the opening, and every read that waits for more
 /// @param deadline  of the first bytes of a FIFO or standard input
@@ -115,8 +115,8 @@ std::unique_ptr<AudioInput> openInput(
 
 class ByteSource;
 
-/// Opens an audio file of any kind that libsndfile reads. Integers and both float types come out bit
-/// for bit, little-endian; lossy kinds as F32LE.
+/// Opens an audio file of any kind that libsndfile reads. Integers and both float types come out
+/// bit for bit, little-endian; lossy kinds as F32LE.
 ///
 /// @param source  the file, which messages name after it
 /// @param path    of a regular file
@@ -131,8 +131,8 @@ struct WavSamples
     std::optional<std::uint64_t> bytes; ///< unset: up to the end
 };
 
-/// Reads the header of a WAV or RF64 file. A length of 0, or one that is as good as endless, is what
-/// a writer leaves that never knew it: such a file goes on to its end.
+/// Reads the header of a WAV or RF64 file. A length of 0, or an unlikely large
+/// one, is left by a writer that did not know it: such a file goes on to its end.
 ///
 /// @return unset if its samples are not stored as a stream carries them, or it is malformed
 std::optional<WavSamples> findWavSamples(ByteSource& source);

@@ -19,7 +19,7 @@ class StopSignal;
 
 /// Where received audio goes. Everything that was written stays, whatever fails afterwards.
 ///
-/// @throws CommandFailure from each of start(), write(), work() and finish(), with one line on what failed
+/// @throws CommandFailure from start(), write(), work() and finish(), with a line on what failed
 /// @thread one at a time
 class AudioOutput
 {
@@ -44,14 +44,14 @@ public:
     /// Adds what only this output knows. After finish().
     virtual void addToReport(nlohmann::ordered_json& /*report*/) const {}
 
-    /// @return what went wrong without ending the output, in a few words; empty: nothing
+    /// @return faults that did not end the output, in a few words; empty without any
     virtual std::string describeFaults() const
     {
         return {};
     }
 };
 
-/// What bounds an output's waits for somebody else.
+/// What bounds an output's waits for other programs.
 struct OutputWaits
 {
     const StopSignal& stop;
@@ -63,13 +63,13 @@ struct OutputWaits
 /// A recording is written beside the file of that name and takes its place when it holds something:
 /// nothing is left of one that was never begun, and a former recording stays until then.
 ///
-/// The header is brought up to date with each write, so that at every moment what was written can be
-/// read. Exceptions are kinds that keep samples back until a block is full: FLAC, Ogg, Opus and MP3
-/// files are readable up to the last complete block.
+/// The header is brought up to date with each write, so that at every moment what was written can
+/// be read. Exceptions are kinds that keep samples back until a block is full: FLAC, Ogg, Opus and
+/// MP3 files are readable up to the last complete block.
 ///
 /// @param path       "-" for standard output
-/// @param type       kind of file, such as "wav" or "raw"; empty: by the path's extension, WAV if it
-///                   has none, and raw samples for "-". Only raw samples and WAV go into a pipe
+/// @param type       kind of file, such as "wav" or "raw"; empty: by the path's extension, WAV if
+///                   it has none, and raw samples for "-". Pipes take only raw samples and WAV
 /// @param overwrite  a file that exists is replaced
 /// @throws CommandFailure if it cannot be written, or exists, or the kind is not known
 std::unique_ptr<AudioOutput> openOutput(

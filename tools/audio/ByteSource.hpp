@@ -27,7 +27,7 @@ public:
     /// Opens it.
     ///
     /// @param path      "-" for standard input
-    /// @param deadline  until when somebody has to write to a FIFO; see wasStopped()
+    /// @param deadline  until when a FIFO needs a writer; see wasStopped()
     /// @throws CommandFailure if it cannot be read, or at the deadline
     ByteSource(const std::string& path, const StopSignal& stop, const Deadline& deadline);
     ~ByteSource();
@@ -35,7 +35,7 @@ public:
     ByteSource(const ByteSource&) = delete;
     ByteSource& operator=(const ByteSource&) = delete;
 
-    /// @return how messages call it
+    /// @return its name in messages
     const std::string& getName() const
     {
         return m_name;
@@ -65,7 +65,7 @@ public:
 
     /// Looks whether it begins as an audio file does.
     ///
-    /// @return "WAV", "FLAC", "Ogg"...; empty if nothing tells of an audio file
+    /// @return "WAV", "FLAC", "Ogg"...; empty if it is not known as an audio file
     /// @throws CommandFailure at the deadline
     std::string peekFileKind(const Deadline& deadline = {});
 

@@ -141,8 +141,8 @@ void writeValues(SNDFILE* file, const std::vector<double>& values)
     ::sf_write_double(file, values.data(), static_cast<sf_count_t>(values.size()));
 }
 
-/// A file, or a stream of which nothing can be rewritten. It is opened at the start, so that one that
-/// cannot be written is told at once; but a file is put in place only when there is something in it.
+/// A file, or a stream of which nothing can be rewritten. It is opened at the start, so that an
+/// unwritable one is reported at once; but a file is put in place only with its first samples.
 class FileOutput : public AudioOutput
 {
 public:

@@ -19,7 +19,7 @@ constexpr std::size_t ShortestFormat = 16;
 constexpr std::size_t SubFormatPlace = 24;
 // Pictures and the like stand before the samples.
 constexpr std::uint64_t LongestHeader = 16 << 20;
-// From here on a length says that its writer never knew it.
+// From here on a length means that its writer did not know it.
 constexpr std::uint64_t Endless = 0x7FFF'0000;
 constexpr std::uint64_t Endless64 = 1ULL << 62;
 

@@ -33,8 +33,8 @@ using SteadyClock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
-// A sender needs two descriptors for each receiver, a receiver about eight; nanomsg stops the process
-// when there are none left.
+// A sender needs two descriptors for each receiver, a receiver about eight; nanomsg stops the
+// process when there are none left.
 constexpr rlim_t EnoughDescriptors = 256;
 
 // What is lost in a pause depends on the frame; most streams have ten milliseconds.
@@ -46,7 +46,7 @@ constexpr int NumFrames = 500;
 constexpr auto JoinTimeout = std::chrono::seconds(5);
 constexpr std::int64_t MaxAgeNs = 10'000'000;
 
-/// One line: what was looked at, what was found, and what to do if it is not right.
+/// One line: what was checked, the result, and what to do about a failure.
 struct Finding
 {
     std::string subject;
@@ -84,7 +84,7 @@ Finding checkDescriptors()
                                            : ""};
 }
 
-/// Nothing needs it, so it never fails.
+/// Real-time scheduling is optional, so this never fails.
 Finding checkRealTime()
 {
     const kit::RealTimeScope scope({kit::RealTimeUse::Try});
@@ -94,7 +94,7 @@ Finding checkRealTime()
         {}};
 }
 
-/// How late a thread wakes at most that sleeps for a millisecond at a time, on each processor.
+/// Measures the latest wake-up of a thread for each processor that sleeps a millisecond at a time.
 class PauseProbe
 {
 public:

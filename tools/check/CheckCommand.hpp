@@ -8,14 +8,14 @@ namespace vlx::tool
 
 class StopSignal;
 
-/// It has none of its own.
+/// Empty: there are only the common options.
 struct CheckOptions
 {
 };
 
 CLI::App* addCheckCommand(CLI::App& program, CheckOptions& options);
 
-/// Looks whether this machine is fit for streams: one line for each thing that is looked at.
+/// Checks whether this machine is fit for streams: one line for each check.
 ///
 /// @return the exit code
 ExitCode runCheck(const CheckOptions& options, StopSignal& stop);

@@ -18,7 +18,7 @@ namespace
 
 using SteadyClock = std::chrono::steady_clock;
 
-// Answers that take longer are of no use to those who follow the clock.
+// Slower answers are useless to clocks that follow.
 constexpr auto AnswerTimeout = std::chrono::milliseconds(175);
 
 // The asker's time, which comes back as it is, and the provider's.

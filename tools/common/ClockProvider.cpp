@@ -28,7 +28,7 @@ namespace
 constexpr std::uint32_t QuestionSize = 16;
 constexpr std::uint32_t UdpHeaderSize = 8;
 
-/// GStreamer's provider shares its port with any other one, and then each gets some of the questions.
+/// GStreamer's provider shares its port with others, and then each gets some of the questions.
 bool isServed(const std::string& address, std::uint16_t port)
 {
     addrinfo hints{};
@@ -46,8 +46,8 @@ bool isServed(const std::string& address, std::uint16_t port)
     return served;
 }
 
-/// @return the UDP socket of this process on a port, which GStreamer keeps to itself; -1 if there is
-///         none
+/// @return the UDP socket of this process on a port, which GStreamer does not expose; -1 without
+///         one
 int findSocket(std::uint16_t port)
 {
     std::error_code error;

@@ -7,8 +7,7 @@
 namespace vlx::tool
 {
 
-/// Serves this machine's monotonic clock to whoever follows it over the network: a net time provider
-/// of GStreamer.
+/// Serves this machine's monotonic clock over the network: a net time provider of GStreamer.
 ///
 /// The first one in a process initialises GStreamer, which can take 0.4 s and forks a short-lived
 /// helper process.

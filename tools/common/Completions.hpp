@@ -11,8 +11,8 @@ class App;
 namespace vlx::tool
 {
 
-/// Prints what can stand at the end of a command line, by the program's own options: each word on a
-/// line, its help behind a tab. Asked for by the shells' completions.
+/// Prints the words that can end a command line, for the completions of shells: one per line, with
+/// its help behind a tab.
 ///
 /// @param words  behind the program's name; the last one is about to be completed
 /// @return whether files can stand there

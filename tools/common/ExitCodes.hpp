@@ -12,7 +12,7 @@ enum class ExitCode : int
     Done = 0,
     Failed = 1,
     Usage = 2,
-    /// A time-out passed, or no sender was there in time.
+    /// A timeout has passed, or there was no sender.
     TimedOut = 3,
 };
 

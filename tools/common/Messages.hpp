@@ -44,17 +44,17 @@ TerminalSize getTerminalSize(int fd);
 /// @return whether colours are to be used on a stream
 bool usesColor(int fd);
 
-/// Brings what was printed to standard output on its way.
+/// Flushes standard output.
 ///
-/// @throws CommandFailure if that fails, on a full disk for instance; with ExitCode::Done and no text
-///         if the reader of a pipe has closed it, as "head" does when it has enough
+/// @throws CommandFailure if that fails, on a full disk for instance; with ExitCode::Done and no
+///         text if the reader of a pipe has closed it, as "head" does
 void flushOutput();
 
-/// Says why the command fails or what it could not do.
+/// Prints why the command fails or what it could not do.
 /// @thread any
 void printError(const std::string& text);
 
-/// Says something worth knowing that is no failure.
+/// Prints something worth knowing that is not a failure.
 /// @thread any
 void printNotice(const std::string& text);
 

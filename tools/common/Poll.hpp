@@ -26,8 +26,8 @@ enum class PollResult
 PollResult
 waitForEvents(int fd, short events, const StopSignal& stop, const Deadline& deadline = {});
 
-/// Opens a file without hanging: a FIFO, which has no other end yet, is waited for, until there is a
-/// stop or the deadline. Everything else is opened as usual.
+/// Opens a file without hanging: a FIFO, which has no other end yet, is waited for, until there is
+/// a stop or the deadline. Everything else is opened as usual.
 ///
 /// @param flags  for open(): O_RDONLY or O_WRONLY, and what goes with it
 /// @param fd     the descriptor, close-on-exec and, for a FIFO, non-blocking; -1 with errno set if

@@ -61,8 +61,8 @@ std::vector<std::string> listLongOptions(const CLI::App& command)
     return names;
 }
 
-/// @return how many slips of the fingers lie between two words: a letter added, forgotten or replaced,
-///         or two neighbours swapped
+/// @return number of typing errors between two words: letters added, missing or replaced, or
+///         neighbours swapped
 std::size_t countSlips(const std::string& one, const std::string& other)
 {
     // Of the first i letters of one word and the first k of the other.

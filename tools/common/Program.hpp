@@ -22,8 +22,8 @@ struct Subcommand
 {
     /// Adds it, and returns its parser.
     std::function<CLI::App*(CLI::App& program)> add;
-    /// Carries it out with the options that were parsed, and returns the exit code; 0 also if a stop
-    /// was asked for.
+    /// Carries it out with the options that were parsed, and returns the exit code; 0 also if a
+    /// stop was asked for.
     std::function<int(StopSignal& stop)> run;
 };
 

@@ -7,7 +7,7 @@
 namespace vlx::tool
 {
 
-/// @return whether writeTextFile() replaces what is there: true for regular files and new ones, false
+/// @return whether writeTextFile() replaces the file: true for regular files and new ones, false
 ///         for devices, FIFOs, paths below /dev and /proc, and "-"
 bool isReplaced(const std::string& path);
 

@@ -14,7 +14,7 @@
 namespace vlx::tool
 {
 
-/// How long a sender is asked that is known to be there.
+/// Timeout of a probe of a sender that is known to exist.
 inline constexpr std::chrono::milliseconds AnswerTimeout{500};
 
 /// @return such as "S16LE 48000 Hz 2ch"
@@ -26,8 +26,8 @@ std::string describeFormat(const kit::SenderProbe& probe);
 /// @return such as "sysclock", or "gstnetclock 10.0.0.1:8554"; empty without an answer
 std::string describeClock(const kit::SenderProbe& probe);
 
-/// @return such as "sysclock" or "gstnetclock", the words that senders announce; "none" for a stream
-///         without a clock, "undetermined" before a stream is joined
+/// @return "sysclock" or "gstnetclock", as senders announce it; "none" for a stream without a
+///         clock, "undetermined" before a stream is joined
 const char* toClockName(Receiver::StreamClockType clock);
 
 /// Adds sample format, rate and channels.
@@ -39,7 +39,7 @@ void addAges(nlohmann::ordered_json& json, const kit::AgeHistogram& ages);
 /// @return the number; null if there is none
 nlohmann::ordered_json toJson(const std::optional<std::int64_t>& number);
 
-/// @return what a probe has found out, for --json
+/// @return the result of a probe, for --json
 nlohmann::ordered_json toJson(const kit::SenderProbe& probe);
 
 } // namespace vlx::tool

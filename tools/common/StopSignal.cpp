@@ -19,7 +19,7 @@ namespace vlx::tool
 namespace
 {
 
-// Who sends a signal to a process and to its group, as timeout does, presses once.
+// timeout(1) and others send one press to the process and to its group.
 constexpr auto OnePress = std::chrono::milliseconds(300);
 
 sigset_t makeStopSet()
@@ -55,7 +55,7 @@ StopSignal::StopSignal() : m_eventFD(::eventfd(0, EFD_CLOEXEC))
 StopSignal::~StopSignal()
 {
     m_keepRunning = false;
-    ::pthread_kill(m_thread.native_handle(), SIGINT); // wakes it, and nobody else
+    ::pthread_kill(m_thread.native_handle(), SIGINT); // wakes it alone
     m_thread.join();
     ::close(m_eventFD);
 }

@@ -15,9 +15,9 @@ namespace vlx::tool
 /// every signal themselves.
 void blockStopSignals();
 
-/// Takes SIGINT, SIGTERM and SIGHUP, on a thread of its own, and carries the wish to stop to whoever
-/// waits. Only the first signal counts, but a SIGINT that comes 300 ms after it or later ends the
-/// process at once. SIGHUP stays ignored where the parent ignores it.
+/// Takes SIGINT, SIGTERM and SIGHUP, on a thread of its own, and passes the request to stop to all
+/// that wait. Only the first signal counts, but a SIGINT that comes 300 ms after it or later ends
+/// the process at once. SIGHUP stays ignored where the parent ignores it.
 ///
 /// One object per process.
 ///

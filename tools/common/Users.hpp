@@ -9,7 +9,7 @@
 namespace vlx::tool
 {
 
-/// @return the user's name; the number as text if it has none
+/// @return the user's name; the number as text if the user has no name
 std::string getUserName(uid_t user);
 
 using kit::findUser;

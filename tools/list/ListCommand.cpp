@@ -90,7 +90,7 @@ nlohmann::ordered_json makeObject(const Found& found)
 }
 
 /// Names each reason for which directories are kept.
-void tellWhatStays(const kit::Cleaning& cleaning)
+void reportKept(const kit::Cleaning& cleaning)
 {
     if (!cleaning.notice.empty())
         printNotice(cleaning.notice);
@@ -110,7 +110,7 @@ ExitCode clean(const StopSignal& stop)
     bool done = true;
     const kit::Cleaning cleaning = kit::removeDeadEntries({}, stop.getFD());
     if (!stop.isRequested())
-        tellWhatStays(cleaning);
+        reportKept(cleaning);
     for (const kit::DeadEntry& entry : cleaning.entries)
     {
         if (entry.problem.empty())
@@ -122,7 +122,7 @@ ExitCode clean(const StopSignal& stop)
     return done ? ExitCode::Done : ExitCode::Failed;
 }
 
-void tellHidden(const std::vector<pid_t>& processes)
+void reportHidden(const std::vector<pid_t>& processes)
 {
     if (processes.empty())
         return;
@@ -174,7 +174,7 @@ ExitCode runList(const ListOptions& options, StopSignal& stop)
     {
         printNotice("no sender on this machine");
     }
-    tellHidden(list.hidden);
+    reportHidden(list.hidden);
     if (!list.notice.empty())
         printNotice(list.notice);
     return ExitCode::Done;

@@ -38,7 +38,7 @@ void ConnectionRecord::addFrame(
     ++frames;
     if (frame.data.size() % announced.format.getBytesPerSample() != 0)
         ++oddFrames;
-    // Only then do timestamp and arrival stand on one clock.
+    // Otherwise timestamp and arrival are on different clocks.
     if (announced.clock == Receiver::StreamClockType::MonotonicSystemClock)
         ages.add(static_cast<std::int64_t>(frame.time - frame.timestamp));
 

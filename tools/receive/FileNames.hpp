@@ -18,8 +18,8 @@ public:
     explicit FileNames(const ReceiveOptions& options) : m_options(options) {}
 
     /// @param time  of the file's first frame
-    /// @return path of the next file: with a number if there may be several or, for a pattern, if the
-    ///         name is taken
+    /// @return path of the next file: with a number if there may be several or, for a pattern, if
+    ///         the name is taken
     std::string getNext(std::chrono::system_clock::time_point time);
 
 private:

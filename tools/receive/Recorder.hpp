@@ -125,7 +125,7 @@ private:
     std::atomic<std::uint64_t> m_numGaps = 0;
     std::atomic<std::int64_t> m_durationNs = 0;
 
-    // Recorder's thread, and after finish() whoever called it.
+    // Recorder's thread, and after finish() its caller.
     FilePlace m_place;    // of what is written next
     TimeValue m_time = 0; // of arrival of what is written next
     FileNames m_names;

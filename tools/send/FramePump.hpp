@@ -27,21 +27,22 @@ struct SendOptions;
 
 /// Sends an input frame by frame at its own pace.
 ///
-/// Each frame is due when the stream's clock shows its timestamp; see kit::Pace. A pump that has fallen
-/// behind a little catches up at twice the pace. One that has fallen far behind, because its input or the whole process was stopped or no pipeline receiver
-/// was there, begins a new run, whose timestamps start from the present, and so does one whose clock
-/// has jumped. A second later, when receivers that waited for it have joined again, it opens a new
-/// sequence for those that lost track.
+/// Each frame is due when the stream's clock shows its timestamp; see kit::Pace. A pump that has
+/// fallen behind a little catches up at twice the pace. One that has fallen far behind, because its
+/// input or the whole process was stopped or no pipeline receiver was there, begins a new run,
+/// whose timestamps start from the present, and so does one whose clock has jumped. A second later,
+/// when receivers that waited for it have joined again, it opens a new sequence for those that lost
+/// track.
 ///
-/// A live input is read ahead while the pump waits, so that the program that makes the samples is never
-/// held up by a full pipe. If it does not deliver more than is needed, it has a clock of its own, and
-/// the timestamps follow its rate.
+/// A live input is read ahead while the pump waits, so that the program that makes the samples is
+/// never held up by a full pipe. If it does not deliver more than is needed, it has a clock of its
+/// own, and the timestamps follow its rate.
 class FramePump
 {
 public:
     /// @param producer  open with the payloader
-    /// @param report    counts frames and samples, and gets the runs; it is written at the beginning
-    ///                  of each, before its first frame
+    /// @param report    counts frames and samples, and lists the runs; it is written at the
+    ///                  beginning of each, before its first frame
     FramePump(
         kit::Producer& producer,
         PcmPayloader& payloader,

@@ -75,7 +75,7 @@ public:
         return m_position;
     }
 
-    /// @return samples of the present input; unset if nobody knows
+    /// @return samples of the present input; unset if unknown
     std::optional<std::uint64_t> getLength() const
     {
         return m_current->getLength();

@@ -11,8 +11,8 @@
 namespace vlx::tool
 {
 
-/// What a sender says about its stream. Written before the first frame and whenever a run begins, so
-/// that what was sent can be told even if the process is killed.
+/// What a sender says about its stream. Written before the first frame and whenever a run begins,
+/// so that what was sent can be told even if the process is killed.
 struct SendReport
 {
     std::string path; ///< empty: nothing is written
@@ -26,8 +26,8 @@ struct SendReport
     bool finished = false; ///< the sender came to its own end
     nlohmann::ordered_json runs = nlohmann::ordered_json::array();
 
-    /// Begins a stretch of the stream whose timestamps follow from its first one, the sample count and
-    /// a speed.
+    /// Begins a stretch of the stream whose timestamps follow from its first one, the sample count
+    /// and a speed.
     ///
     /// @param ppm  how much faster than nominal the samples follow one another
     /// @throws CommandFailure, as write()

@@ -24,14 +24,14 @@ enum class ClockChoice
     System,
     /// The machine's monotonic clock, served to receivers over the network.
     Served,
-    /// A network clock that somebody else serves.
+    /// A network clock that another program serves.
     External,
 };
 
 /// The clock that a sender stamps its frames by, and what it announces about it.
 ///
-/// The estimate of an external clock moves by jerks, as it is refined. Here it is taken over by a
-/// slope; only a jump is followed at once.
+/// The estimate of an external clock moves in steps as it is refined. This clock follows it
+/// smoothly; only a jump is followed at once.
 class StreamClock
 {
 public:
@@ -46,12 +46,12 @@ public:
     ///
     /// @param timeout  unset: for ever
     /// @return whether it can; otherwise a stop was asked for
-    /// @throws CommandFailure if the time-out has passed
+    /// @throws CommandFailure at the timeout
     bool waitUntilReady(const OptionalDuration& timeout, const StopSignal& stop);
 
     /// Takes a new look at the clock: to be called often.
     ///
-    /// @return whether it has jumped: what toLocalTime() said before holds no more
+    /// @return whether it has jumped: earlier results of toLocalTime() are invalid
     bool update();
 
     /// @return nanoseconds of the stream's clock
