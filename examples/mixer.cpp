@@ -1,4 +1,4 @@
-// Mixes three streams of S16LE, 48000 Hz, 2 channels into one, sample on sample by their timestamps.
+// Mixes three streams of S16LE, 48000 Hz, 2 channels into one, aligned by their timestamps.
 //
 //   mixer IN1 IN2 IN3 OUT FRAMES
 

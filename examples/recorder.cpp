@@ -1,5 +1,5 @@
-// Records two streams of S16LE, 48000 Hz, 2 channels into one of 4 channels, aligned by their timestamps:
-// what was due at one time stands in one sample. What is missing is silence.
+// Records two streams of S16LE, 48000 Hz, 2 channels into one of 4 channels, aligned by their
+// timestamps: what was due at one time stands in one sample. What is missing is silence.
 //
 //   recorder IN1 IN2 SECONDS | sox -t raw -r 48000 -e signed -b 16 -c 4 - out.wav
 

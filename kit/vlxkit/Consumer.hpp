@@ -23,8 +23,8 @@
 namespace vlx::kit
 {
 
-/// What may wait in a consumer's queue. Of the frames beyond any of these limits the oldest ones are
-/// dropped; the newest frame always stays.
+/// What may wait in a consumer's queue. Of the frames beyond any of these limits the oldest ones
+/// are dropped; the newest frame always stays.
 struct QueueLimits
 {
     /// Time between the arrivals of the oldest frame and the newest; zero: no limit.
@@ -194,9 +194,10 @@ struct ConsumerClock
 };
 
 /// Callbacks of a Consumer. All are optional: without onFrame the consumer puts everything into a
-/// queue for Consumer::read(), and calls the others all the same. No lock is held during a call, and no two
-/// calls overlap. Callbacks must not throw, nor start, stop or destroy the consumer; they may call
-/// requestStop(). A callback that takes long makes this consumer lose frames, and no other.
+/// queue for Consumer::read(), and calls the others all the same. No lock is held during a call,
+/// and no two calls overlap. Callbacks must not throw, nor start, stop or destroy the consumer;
+/// they may call requestStop(). A callback that takes long makes this consumer lose frames, and no
+/// other.
 struct ConsumerCallbacks
 {
     /// Receives each frame, on the receiving thread.
@@ -265,8 +266,8 @@ struct ConsumerStatistics
 ///
 /// Everything can be had in two ways. With a frame callback the receiving thread calls back, at
 /// once. Without one it puts formats, frames and events into a queue, in order, and never waits for
-/// who reads them: while (auto item = consumer.read()) ... An event loop watches getDescriptor() and
-/// reads with a timeout of zero until nothing is left.
+/// who reads them: while (auto item = consumer.read()) ... An event loop watches getDescriptor()
+/// and reads with a timeout of zero until nothing is left.
 ///
 /// Throws only what the standard library throws (no memory, no thread).
 class Consumer
@@ -340,8 +341,8 @@ public:
     read(std::chrono::nanoseconds timeout = std::chrono::nanoseconds(-1));
 
     /// @return a descriptor for poll() and event loops that is readable as long as something waits
-    ///         to be read; it stays the consumer's. Reading and closing it is forbidden; a stop does
-    ///         not make it readable. -1 if no descriptor is left, or there is a frame callback
+    ///         to be read; it stays the consumer's. Reading and closing it is forbidden; a stop
+    ///         does not make it readable. -1 if no descriptor is left, or there is a frame callback
     /// @thread any
     VLX_API int getDescriptor();
 

@@ -22,15 +22,15 @@ namespace vlx::tool
 namespace
 {
 
-// What a single -v shows of the library's DEBUG: who joins and who leaves, at either end.
-constexpr std::array<std::string_view, 5> JoinAndLeaveTexts = {
+// What a single -v shows of the library's DEBUG: connections that begin and end, at either end.
+constexpr std::array<std::string_view, 5> ConnectionTexts = {
     "New client connection", "Client connection with FD", "Sidechannel connected",
     "Nanomsg channel to VLX sender established", "Connection gone because"};
 
-bool tellsJoinOrLeave(std::string_view message)
+bool isAboutConnection(std::string_view message)
 {
     return std::any_of(
-        JoinAndLeaveTexts.begin(), JoinAndLeaveTexts.end(),
+        ConnectionTexts.begin(), ConnectionTexts.end(),
         [&](std::string_view text) { return message.starts_with(text); });
 }
 
@@ -49,15 +49,15 @@ void configureLogging(int verbosity, const std::string& configFile)
 {
     if (!configFile.empty())
         return readConfiguration(configFile);
-    // Not printed: log4cplus complains if nothing receives the log. At INFO, who joins and leaves,
-    // which is DEBUG, is printed as well.
+    // Not printed: log4cplus complains if nothing receives the log. At INFO, connections that begin
+    // and end, which are DEBUG, are printed as well.
     const auto level = verbosity == 0   ? kit::LogLevel::Error
                        : verbosity <= 2 ? kit::LogLevel::Debug
                                         : kit::LogLevel::Trace;
     const auto print = [verbosity](const kit::LogLine& line)
     {
         if (verbosity >= 2 ||
-            (verbosity == 1 && (line.level <= kit::LogLevel::Info || tellsJoinOrLeave(line.text))))
+            (verbosity == 1 && (line.level <= kit::LogLevel::Info || isAboutConnection(line.text))))
             printLogLine(toText(line));
     };
     static const auto* const listener = new kit::LogListener(level, print); // until the end
