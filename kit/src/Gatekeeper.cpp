@@ -52,7 +52,10 @@ std::string toModeText(mode_t mode)
 
 } // unnamed namespace
 
-Gatekeeper::Gatekeeper(std::string name, std::optional<uid_t> senderUser, CodecTest isPlayable)
+Gatekeeper::Gatekeeper(
+    const std::string& name,
+    std::optional<uid_t> senderUser,
+    CodecTest isPlayable)
     : m_name(quote(name)),
       m_senderUser(senderUser),
       m_isPlayable(std::move(isPlayable)),

@@ -54,7 +54,7 @@ public:
     using CodecTest = std::function<bool(std::uint32_t fourcc, const Buffer& header)>;
 
     /// @param senderUser  that the sender must run as; not set: any
-    Gatekeeper(std::string name, std::optional<uid_t> senderUser, CodecTest isPlayable);
+    Gatekeeper(const std::string& name, std::optional<uid_t> senderUser, CodecTest isPlayable);
 
     /// Forgets everything: a new start.
     void reset();

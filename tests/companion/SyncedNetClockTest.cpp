@@ -78,6 +78,13 @@ constexpr std::int64_t InitialOffsetNs = 5000 * NsPerSecond;
 // A spinning thread uses more than this within seconds, even on a busy machine.
 constexpr std::uint64_t MaxIdleCpuNs = 100 * NsPerMs;
 
+// A new thread allocates, and a sanitizer's allocator may stay locked after a fork.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool MayForkedChildStartThreads = false;
+#else
+constexpr bool MayForkedChildStartThreads = true;
+#endif
+
 /// @return processor time of the threads with a name, in nanoseconds
 std::uint64_t readCpuTimeNs(const std::string& threadName)
 {
@@ -245,11 +252,8 @@ TEST_F(SyncedNetClockTest, AForkedCopyWaitsForNoThreadOfTheParent)
             {
                 asked->stopSynchronization();
                 asked.reset();
-            // A new thread allocates, and a sanitizer's allocator may stay locked after a fork.
-#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
-                // A clock of the copy's own, which follows nothing.
-                follower->start("127.0.0.1", 0);
-#endif
+                if (MayForkedChildStartThreads)
+                    follower->start("127.0.0.1", 0); // its own clock, which follows nothing
                 follower.reset();
                 return true;
             }))

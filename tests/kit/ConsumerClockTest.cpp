@@ -51,9 +51,7 @@ TEST_F(ConsumerClockTest, MeasuresAgesAndOffsetOnTheStreamsClock)
 
         ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, 10)));
         ASSERT_TRUE(waitFor([&] { return frames != 0; }));
-        EXPECT_GE(
-            static_cast<double>(consumer.getAges().getMax().value_or(0)),
-            0.9 * offsetNs);
+        EXPECT_GE(static_cast<double>(consumer.getAges().getMax().value_or(0)), 0.9 * offsetNs);
         consumer.stop();
         EXPECT_EQ(consumer.getStatistics().clockOffsetNs, 0);
         EXPECT_FALSE(consumer.getStatistics().clockSynchronized);
