@@ -14,12 +14,12 @@
 
 constexpr vlx::TimeValue FrameNs = 10'000'000;
 constexpr vlx::TimeValue LatencyNs = 50'000'000; // for which a frame is waited for
-constexpr std::size_t Window = 16 * 960;         // values that are being mixed
-const vlx::kit::StreamFormat format{audioUtils::PcmFormat::S16LE, 48000, 2};
+constexpr std::size_t Window = 16UL * 960;       // values that are being mixed
+const vlx::kit::StreamFormat Format{audioUtils::PcmFormat::S16LE, 48000, 2};
 
 static void add(const vlx::kit::ReceivedFrame& frame, std::size_t begin, std::vector<int>& sums)
 {
-    const std::size_t at = 2 * format.toSamples(frame.getMonotonicTime().value_or(0));
+    const std::size_t at = 2 * Format.toSamples(frame.getMonotonicTime().value_or(0));
     for (std::size_t i = 0; i < frame.data.size() / 2; ++i)
         if (at + i >= begin && at + i < begin + Window)
             sums[(at + i) % Window] +=
@@ -34,7 +34,7 @@ int main(int, char** argv)
         if (!inputs.emplace_back(vlx::kit::ConsumerOptions{.name = argv[i]}).start())
             return 1;
     vlx::kit::Producer producer({.name = argv[4]});
-    if (!producer.open(format) || !inputs[0].waitUntilJoined(std::chrono::seconds(10)))
+    if (!producer.open(Format) || !inputs[0].waitUntilJoined(std::chrono::seconds(10)))
         return 1;
     std::vector<int> sums(Window); // a ring over the values of CLOCK_MONOTONIC
     vlx::Buffer mix(1920);
@@ -43,7 +43,7 @@ int main(int, char** argv)
     {
         std::chrono::steady_clock::time_point due{std::chrono::nanoseconds(time + LatencyNs)};
         std::this_thread::sleep_until(due);
-        const std::size_t begin = 2 * format.toSamples(time);
+        const std::size_t begin = 2 * Format.toSamples(time);
         for (vlx::kit::Consumer& input : inputs)
             while (const auto item = input.read(std::chrono::nanoseconds(0)))
                 if (const auto* const frame = std::get_if<vlx::kit::ReceivedFrame>(&*item))

@@ -58,18 +58,12 @@ TimeValue getEnd(int durationMs)
     return getMonotonicSysclockTime() + static_cast<TimeValue>(durationMs) * NsPerMs;
 }
 
-ClockType toClockType(TimeSyncProtocol protocol)
+/// @return the clock as Receiver::getStreamClockType() tells it
+ClockType toClockType(const InitialInfo& info)
 {
-    switch (protocol)
-    {
-    case TimeSyncProtocol::MonotonicSystemClock:
+    if (info.timeSyncProtocol == TimeSyncProtocol::MonotonicSystemClock)
         return ClockType::MonotonicSystemClock;
-    case TimeSyncProtocol::GstNetClock:
-        return ClockType::SyncedNetClock;
-    case TimeSyncProtocol::Unknown:
-        break;
-    }
-    return ClockType::NoClock;
+    return info.timeSyncPort != 0 ? ClockType::SyncedNetClock : ClockType::NoClock;
 }
 
 } // unnamed namespace
@@ -281,7 +275,8 @@ Status Consumer::Impl::start()
     m_refusal.reset();
     m_gate.reset();
     m_record.onStart(getMonotonicSysclockTime());
-    m_queue.begin();
+    if (usesQueue())
+        m_queue.begin();
     m_started = true;
     m_process = ::getpid();
     try
@@ -372,6 +367,7 @@ void Consumer::Impl::abandonKeeper()
     makeAnew(m_keeper);
     if (m_question)
         m_question->abandon();
+    m_queue.abandon();
     m_receiver.shutdownReceiver();
     m_started = false;
 }
@@ -523,7 +519,7 @@ std::optional<std::string> Consumer::Impl::checkSender(const ByteView& packet, u
     if (!m_refusal)
     {
         m_announcedClock = {
-            .type = toClockType(info->timeSyncProtocol),
+            .type = toClockType(*info),
             .address = info->timeSyncIPAddress,
             .port = info->timeSyncPort};
         return m_channel.getURI();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 
+#include <ForkedCopy.hpp>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -23,6 +24,11 @@ std::int64_t addLimited(std::int64_t a, std::int64_t b)
     using Limits = std::numeric_limits<std::int64_t>;
     std::int64_t sum = 0;
     return !__builtin_add_overflow(a, b, &sum) ? sum : b < 0 ? Limits::min() : Limits::max();
+}
+
+bool isFormat(const ConsumerItem& item)
+{
+    return std::holds_alternative<StreamFormat>(item) || std::holds_alternative<CodecFormat>(item);
 }
 
 } // unnamed namespace
@@ -109,7 +115,10 @@ void FrameQueue::put(ConsumerItem item)
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (isEmpty())
             signal();
-        m_others.push_back({++m_serial, std::move(item)});
+        ++m_serial;
+        if (isFormat(item))
+            eraseFormats(m_frames.isEmpty() ? 0 : m_frames.getBack().serial, m_serial);
+        m_others.push_back({m_serial, std::move(item)});
     }
     m_condition.notify_one();
 }
@@ -166,6 +175,13 @@ int FrameQueue::getDescriptor()
     return m_event.get();
 }
 
+void FrameQueue::abandon()
+{
+    makeAnew(m_mutex, m_condition, m_frames, m_others);
+    m_event = OwnedDescriptor();
+    m_hasEnded = true;
+}
+
 std::uint64_t FrameQueue::getNumDropped() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -192,6 +208,13 @@ void FrameQueue::dropOldestFrame()
 {
     const QueuedFrame dropped = m_frames.pop();
     ReceivedFrame& next = m_frames.getFront().frame;
+    std::uint64_t newestFormat = 0; // of those before the next frame
+    for (const QueuedItem& other : m_others)
+    {
+        if (other.serial < m_frames.getFront().serial && isFormat(other.item))
+            newestFormat = other.serial;
+    }
+    eraseFormats(0, newestFormat);
     m_numBytes -= dropped.frame.data.size();
     ++m_numDropped;
     next.numDropped = dropped.frame.numDropped + 1;
@@ -201,6 +224,14 @@ void FrameQueue::dropOldestFrame()
     constexpr TimeValue Longest = std::numeric_limits<std::int64_t>::max();
     const auto length = static_cast<std::int64_t>(std::min(dropped.lengthNs, Longest));
     next.gapNs = addLimited(next.gapNs, addLimited(dropped.frame.gapNs, length));
+}
+
+/// Otherwise a sender that changes its format again and again would fill the memory.
+void FrameQueue::eraseFormats(std::uint64_t after, std::uint64_t before)
+{
+    std::erase_if(
+        m_others, [&](const QueuedItem& other)
+        { return isFormat(other.item) && after < other.serial && other.serial < before; });
 }
 
 void FrameQueue::signal() const

@@ -111,6 +111,7 @@ public:
     /// Nothing is put in any more: readers take what there is and do not wait.
     void end();
 
+    /// A format replaces the one before it that no frame has followed.
     void put(ConsumerItem item);
 
     /// @param lengthNs  of the frame's media, which is missing if the frame is dropped
@@ -122,6 +123,10 @@ public:
 
     /// @return readable as long as something waits; -1: no descriptor is left
     int getDescriptor();
+
+    /// In a forked child: forgets everything. Waits for no lock, and leaves the parent's descriptor
+    /// as it is.
+    void abandon();
 
     /// @return frames that were dropped
     std::uint64_t getNumDropped() const;
@@ -145,6 +150,7 @@ private:
     bool isEmpty() const;
     bool isOverfull();
     void dropOldestFrame();
+    void eraseFormats(std::uint64_t after, std::uint64_t before);
     void signal() const;
 
     mutable std::mutex m_mutex;

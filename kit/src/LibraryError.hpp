@@ -15,11 +15,15 @@ namespace vlx::kit
 class LibraryError
 {
 public:
+    /// Of the appender.
+    static constexpr const char* Name = "vlx-library-error";
+
     LibraryError()
         : m_logger(log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"))),
           m_appender(new Appender),
           m_holder(m_appender)
     {
+        m_appender->setName(LOG4CPLUS_C_STR_TO_TSTRING(Name));
         m_logger.addAppender(m_holder);
     }
 

@@ -15,6 +15,8 @@
 
 #include <vlxkit/Logging.hpp>
 
+#include "LibraryError.hpp"
+
 namespace vlx::kit
 {
 
@@ -52,10 +54,15 @@ log4cplus::Logger getLogger()
     return log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
 }
 
+/// @return whether the program has an appender for the libraries' log
 bool hasAppender()
 {
-    return !getLogger().getAllAppenders().empty() ||
-           !log4cplus::Logger::getRoot().getAllAppenders().empty();
+    const auto appenders = getLogger().getAllAppenders();
+    return !log4cplus::Logger::getRoot().getAllAppenders().empty() ||
+           std::any_of(
+               appenders.begin(), appenders.end(),
+               [](const log4cplus::SharedAppenderPtr& appender)
+               { return appender->getName() != LOG4CPLUS_C_STR_TO_TSTRING(LibraryError::Name); });
 }
 
 /// Hands lines to a function.

@@ -170,6 +170,27 @@ public:
         std::atomic<bool>& m_isInUse;
     };
 
+    /// Tells that a call of the sender may block, also if a payloader throws there.
+    class SendingMark
+    {
+    public:
+        explicit SendingMark(std::atomic<bool>& isSending) : m_isSending(isSending)
+        {
+            m_isSending = true;
+        }
+
+        ~SendingMark()
+        {
+            m_isSending = false;
+        }
+
+        SendingMark(const SendingMark&) = delete;
+        SendingMark& operator=(const SendingMark&) = delete;
+
+    private:
+        std::atomic<bool>& m_isSending;
+    };
+
     /// @return whether another process has opened the stream, and this is a fork's copy
     bool isCopy() const
     {
@@ -468,13 +489,15 @@ Status Producer::Impl::callSender(Call call)
         call();
         return m_stopped ? checkStops() : Status();
     }
-    // An interruption sees that the call is made, or is seen here.
-    m_isSending = true;
     const std::uint64_t interruptions = m_interruptions;
-    Status status = checkStops();
-    if (status)
-        call();
-    m_isSending = false;
+    Status status;
+    {
+        // An interruption sees that the call is made, or is seen here.
+        const SendingMark mark(m_isSending);
+        status = checkStops();
+        if (status)
+            call();
+    }
     if (status && interruptions == m_interruptions)
         return checkStops();
     m_announcementsDue = 2;
@@ -590,9 +613,11 @@ Status Producer::Impl::waitForReceivers(std::size_t count, std::chrono::nanoseco
 
 void Producer::Impl::interrupt(bool on)
 {
-    const bool isCopy = isForkedCopy(m_process);
-    if (isCopy)
+    if (isForkedCopy(m_process))
+    {
+        m_interrupted = on;
         return;
+    }
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (on)
         ++m_interruptions;

@@ -98,7 +98,7 @@ class FramePool;
 
 /// One frame from a consumer's queue, which owns its data. It can be moved and kept, also longer
 /// than the consumer lives. Destroy it when it is done: its memory serves a later frame, so that
-/// receiving allocates nothing.
+/// receiving PCM allocates nothing.
 ///
 /// @thread one at a time
 struct ReceivedFrame : FrameInfo
@@ -114,7 +114,7 @@ struct ReceivedFrame : FrameInfo
     VLX_API ReceivedFrame(const FrameInfo& info, Buffer bytes, std::shared_ptr<FramePool> pool);
     /// The other one has no data afterwards.
     VLX_API ReceivedFrame(ReceivedFrame&& other) noexcept;
-    /// The other one has what this one had.
+    /// The other one has the data that this one had.
     VLX_API ReceivedFrame& operator=(ReceivedFrame&& other) noexcept;
     /// Gives the memory back.
     VLX_API ~ReceivedFrame();
@@ -215,7 +215,7 @@ struct ConsumerCallbacks
     std::function<void(const ConsumerEvent&)> onEvent = {};
 };
 
-/// Counts and state of a consumer since its construction, taken at one moment.
+/// Counts and state of a consumer since its construction.
 struct ConsumerStatistics
 {
     /// Connecting as well while backing off from an unplayable sender; Idle only before start() and
@@ -283,7 +283,7 @@ public:
     Consumer& operator=(const Consumer&) = delete;
 
     /// Takes over a consumer, started or not. The one that was moved from can only be destroyed or
-    /// assigned to; assignment stops the former consumer first. Not beside another call.
+    /// assigned to; assignment stops the former consumer. Not to itself, nor beside another call.
     VLX_API Consumer(Consumer&& other) noexcept;
     VLX_API Consumer& operator=(Consumer&& other) noexcept; ///< see there
 
@@ -328,8 +328,9 @@ public:
     VLX_API void requestStop();
 
     /// Takes what has come next from the queue, in the order in which it came. When the queue is
-    /// full, the oldest frame is dropped and counted, never a format or an event: those stay until
-    /// they are read, some hundred bytes each. The events keep to what ConsumerCallbacks::onEvent
+    /// full, the oldest frame is dropped and counted, never an event: events stay until they are
+    /// read, some hundred bytes each. Of formats without a frame between them the newest one stays.
+    /// The events keep to what ConsumerCallbacks::onEvent
     /// says.
     ///
     /// @param timeout  how long to wait; zero: only look; negative: without limit

@@ -58,7 +58,8 @@ struct ProducerOptions
     std::function<void(const std::string&)> onNotice = {};
     /// Receives the number of joined receivers each time it has changed, on the thread that sends:
     /// within send(), checkReceivers() and waitForReceivers(), at most 100 ms after the change if
-    /// that thread calls one of them. Must not call the producer.
+    /// that thread calls one of them. A stream that closes reports nothing, and counts from 0 again
+    /// when it is opened. Must not call the producer.
     std::function<void(std::size_t)> onReceivers = {};
 };
 
@@ -95,7 +96,7 @@ public:
     Producer& operator=(const Producer&) = delete;
 
     /// Takes over a producer, open or not. The one that was moved from can only be destroyed or
-    /// assigned to; assignment closes the former stream first. Not beside another call.
+    /// assigned to; assignment closes the former stream. Not to itself, nor beside another call.
     VLX_API Producer(Producer&& other) noexcept;
     VLX_API Producer& operator=(Producer&& other) noexcept; ///< see there
 
@@ -132,7 +133,8 @@ public:
 
     /// Sends one frame. PubSub: never blocks. Pipeline: blocks until the receiver takes it; stop()
     /// and interrupt() end that wait. Opens another sequence first if a receiver has joined within
-    /// a second of the last one, since it may have missed that. Allocates nothing per frame.
+    /// a second of the last one, since it may have missed that. Allocates nothing per frame,
+    /// without ProducerOptions::onReceivers.
     ///
     /// @param timestamp  of the frame's first sample, nanoseconds on the announced clock
     /// @param duration   nanoseconds

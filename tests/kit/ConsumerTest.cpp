@@ -20,6 +20,7 @@
 
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
+#include <vlxkit/Producer.hpp>
 
 #include "ConsumerRecord.hpp"
 #include "FrameQueue.hpp"
@@ -1156,6 +1157,56 @@ TEST(FrameQueueTest, DropsBeyondEachLimitOldestFirst)
                 queue.setLimits(row.limits);
             EXPECT_EQ(toLine(*queue.read(0ns)), row.line) << row.name;
         }
+    }
+}
+
+TEST(FrameQueueTest, KeepsNoFormatWithoutAFrame)
+{
+    FrameQueue queue({.frames = 2});
+    queue.put(ConsumerEvent());
+    for (unsigned int rate = 1; rate <= 20; ++rate)
+    {
+        queue.put(CodecFormat{rate, {}});
+        queue.put(StreamFormat{audioUtils::PcmFormat::U8, rate, 1});
+        if (rate % 2 == 0)
+            queue.putFrame(ReceivedFrame({.timestamp = rate}, Buffer(10), nullptr), 10);
+    }
+    ASSERT_TRUE(std::holds_alternative<ConsumerEvent>(queue.read(0ns).value()));
+    for (const unsigned int rate : {18U, 20U})
+    {
+        EXPECT_EQ(std::get<StreamFormat>(queue.read(0ns).value()).rate, rate);
+        EXPECT_EQ(std::get<ReceivedFrame>(queue.read(0ns).value()).timestamp, rate);
+    }
+    EXPECT_FALSE(queue.read(0ns));
+}
+
+TEST_F(ConsumerTest, ReadsNothingBesideAFrameCallback)
+{
+    Consumer consumer({.name = getSocketName()}, {.onFrame = [](const Frame&) {}});
+    ASSERT_TRUE(consumer.start());
+    EXPECT_FALSE(consumer.read()); // at once
+}
+
+TEST_F(ConsumerTest, SaysTheClockThatTheFramesHave)
+{
+    const std::pair<TimeSyncProtocol, Receiver::StreamClockType> rows[] = {
+        {TimeSyncProtocol::MonotonicSystemClock, Receiver::StreamClockType::MonotonicSystemClock},
+        {TimeSyncProtocol::GstNetClock, Receiver::StreamClockType::NoClock}}; // without a port
+    const StreamFormat format{audioUtils::PcmFormat::U8, 48000, 1};
+    for (const auto& [protocol, type] : rows)
+    {
+        Producer producer({.name = getSocketName(), .clock = protocol});
+        ASSERT_TRUE(producer.open(format));
+        Consumer consumer(ConsumerOptions{.name = getSocketName()});
+        ASSERT_TRUE(consumer.start());
+        ASSERT_TRUE(producer.waitForReceivers(1, 10s));
+        ASSERT_TRUE(producer.send(0, 20833, Buffer(1)));
+        std::optional<ConsumerItem> item;
+        while ((item = consumer.read(10s)) && !std::holds_alternative<ReceivedFrame>(*item))
+            ;
+        ASSERT_TRUE(item);
+        EXPECT_EQ(std::get<ReceivedFrame>(*item).clock, type);
+        EXPECT_EQ(consumer.getClock().type, type);
     }
 }
 

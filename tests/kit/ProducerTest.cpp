@@ -752,7 +752,7 @@ TEST_F(ProducerTest, StopAndInterruptionEndWhateverWaits)
         log().clear();
         std::atomic<bool> hasReturned = false;
         std::thread waiting(
-            [&]
+            [&, &row = row, ending = ending]
             {
                 EXPECT_EQ(row.wait(producer).getCode(), ending) << row.name;
                 hasReturned = true;

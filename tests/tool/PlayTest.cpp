@@ -246,7 +246,7 @@ TEST_F(PlayTest, ASecondSequenceAfterAPauseLeavesOnTime)
 
 TEST_F(PlayTest, ANetworkClockFarFromThisMachinesIsFollowed)
 {
-    constexpr std::int64_t OffsetNs = 5 * 3600 * 1'000'000'000LL;
+    constexpr std::int64_t OffsetNs = 5LL * 3600 * 1'000'000'000;
     TestProvider provider;
     provider.start(OffsetNs);
     {
