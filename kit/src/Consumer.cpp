@@ -46,10 +46,14 @@ constexpr TimeValue NsPerMs = 1'000'000;
 
 constexpr int WatchIntervalMs = 100;
 // A sender that listens is normally joined within milliseconds.
-constexpr TimeValue SuspiciousConnectingNs = 300 * NsPerMs;
+constexpr TimeValue SuspiciousConnectingNs = 20 * NsPerMs;
+constexpr TimeValue WarySuspiciousConnectingNs = 3 * NsPerMs;
 // A receiver connects without a pause to a peer that closes at once: looked at soon.
-constexpr int FirstWatchIntervalMs = 2;
+constexpr int FirstWatchIntervalMs = 1;
 constexpr int SuspiciousChanges = 3;
+constexpr int WarySuspiciousChanges = 2;
+// A receiver that was watched for so long starts without the setbacks before.
+constexpr TimeValue CalmNs = 10'000 * NsPerMs;
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox.Kit"));
 
@@ -185,7 +189,7 @@ private:
     std::string m_directory;                  // that the receiver watches
     std::optional<SenderQuestion> m_question; // kept while it is not answered
     std::string m_standingConnection;         // of the receiver, at the last look
-    int m_numChanges = 0;                     // of it, from one look to the next, in a row
+    int m_numChanges = 0;                     // of it, from one look to the next
     DepayloaderList m_codecs;                 // for trying headers while the receiver is shut down
     Gatekeeper m_gate;                        // by the worker as well, for greetings
 
@@ -195,7 +199,7 @@ private:
     std::atomic<bool> m_started = false;
     std::atomic<bool> m_stopRequested = false;
     std::atomic<bool> m_missedSequence = false;
-    std::atomic<bool> m_isDoubtful = false;      // the sender: refused, or left without a sequence
+    std::atomic<bool> m_isDoubtful = false;      // the sender: refused, or left without a frame
     std::atomic<bool> m_workerEnded = false;     // unasked
     std::atomic<bool> m_givenUp = false;         // the reason for that: a channel cannot be opened
     std::atomic<bool> m_endedByKeeper = false;   // whatever ends the connection now
@@ -206,8 +210,7 @@ private:
     // Of the worker.
     // Of the keeper as well, while the receiver is shut down.
     std::optional<Gatekeeper::Obstacle> m_refusal;
-    ChannelCheck m_channel;     // that is in use: its directory stays open
-    bool m_isAnnounced = false; // a sequence, in the present connection
+    ChannelCheck m_channel; // that is in use: its directory stays open
     ConsumerClock m_announcedClock;
     ClockType m_clock = ClockType::Undetermined;
     CodecRelay* m_codec = nullptr; // of the last sequence; null for PCM
@@ -414,12 +417,12 @@ void Consumer::Impl::handleState(Receiver::State state)
     {
         reportEnd(Ending::Stop); // of a connection that was lost as the keeper wanted to end it
         m_record.onJoined(now, m_announcedClock);
-        m_isAnnounced = false;
         tell(Kind::Joined, "joined " + quote(m_options.name));
         return;
     }
     m_channel = {};
     const bool byPeer = !m_endedByKeeper;
+    const bool hadFrame = m_record.hasFrame();
     const bool wasJoined = m_record.onEnded(now, byPeer);
     if (state == Receiver::State::Connecting)
         m_record.onConnecting(now);
@@ -430,7 +433,7 @@ void Consumer::Impl::handleState(Receiver::State state)
     }
     if (wasJoined)
         tell(Kind::Lost, "lost " + quote(m_options.name) + ", waiting for it to return");
-    m_isDoubtful = m_isDoubtful || (wasJoined && !m_isAnnounced);
+    m_isDoubtful = m_isDoubtful || (wasJoined && !hadFrame);
     m_workerEnded = state == Receiver::State::Idle;
     if (wasJoined || m_workerEnded)
         m_wakeup.wake();
@@ -438,7 +441,6 @@ void Consumer::Impl::handleState(Receiver::State state)
 
 void Consumer::Impl::handleSequence(Depayloader& depayloader)
 {
-    m_isAnnounced = true;
     m_clock = m_receiver.getStreamClockType();
     const bool isPcm = &depayloader == &m_pcm;
     const auto format = isPcm ? std::optional(m_pcm.getFormat()) : std::nullopt;
@@ -537,7 +539,10 @@ void Consumer::Impl::keep()
     {
         if ((m_gate.mustAsk() && !approachSender()) || !startReceiver())
             continue;
+        const TimeValue begin = getMonotonicSysclockTime();
         const Ending ending = superviseReceiver();
+        if (getMonotonicSysclockTime() - begin >= CalmNs)
+            m_gate.forgetSetbacks();
         stopReceiver();
         reportEnd(ending);
         handleEnding(ending);
@@ -693,7 +698,9 @@ bool Consumer::Impl::isSuspicious()
     const TimeValue now = getMonotonicSysclockTime();
     const TimeValue connecting = m_record.getConnectingSince();
     if (connecting != 0)
-        return isUnanswered(now - connecting >= SuspiciousConnectingNs);
+        return isUnanswered(
+            now - connecting >=
+            (m_gate.isWary() ? WarySuspiciousConnectingNs : SuspiciousConnectingNs));
     m_question.reset();
     m_numChanges = 0;
     return false;
@@ -708,12 +715,18 @@ bool Consumer::Impl::isUnanswered(bool isLate)
     // its sender was replaced: asking takes a place in a backlog.
     const std::string connection = findConnection(m_options.name);
     const bool hasChanged = std::exchange(m_standingConnection, connection) != connection;
-    m_numChanges = hasChanged ? m_numChanges + 1 : 0;
-    if (m_numChanges < SuspiciousChanges && (!connection.empty() || !isLate))
+    if (hasChanged)
+        ++m_numChanges;
+    else if (!connection.empty()) // otherwise both looks may have fallen between two connections
+        m_numChanges = 0;
+    const bool isChurning =
+        m_numChanges >= (m_gate.isWary() ? WarySuspiciousChanges : SuspiciousChanges);
+    if (!isChurning && (!connection.empty() || !isLate))
         return false;
     m_question.emplace(m_options.name);
-    if (!m_question->getAnswer().reached)
-        m_question.reset();
+    if (m_question->getAnswer().reached)
+        return isChurning;
+    m_question.reset();
     return false;
 }
 

@@ -75,10 +75,27 @@ void Gatekeeper::reset()
 
 void Gatekeeper::forgetObstacles()
 {
+    forgetReports();
+    forgetSetbacks();
+}
+
+void Gatekeeper::forgetSetbacks()
+{
+    m_numSetbacks = 0;
+    m_numDoubts = 0;
+    m_restartPause.reset();
+}
+
+void Gatekeeper::forgetReports()
+{
     m_told.clear();
     m_failedChecks = 0;
     m_failurePause.reset();
-    m_restartPause.reset();
+}
+
+Gatekeeper::Obstacle Gatekeeper::makeFlapping() const
+{
+    return {Kind::NotASender, m_name + " ends every connection before it sends a frame"};
 }
 
 std::optional<Gatekeeper::Obstacle> Gatekeeper::judgeGreeting(
@@ -110,8 +127,7 @@ std::optional<Gatekeeper::Obstacle> Gatekeeper::findObstacle(const SenderProbe& 
 {
     const bool hasClosed = answer.closedEarly && !answer.sequenceNr;
     if (hasClosed && (!answer.initialInfo || m_isPatient))
-        return Obstacle{
-            Kind::NotASender, m_name + " ends every connection before it announces a stream"};
+        return makeFlapping();
     const uid_t user = answer.user.value_or(findOverflowUser());
     const std::optional<InitialInfo>& info = answer.initialInfo;
     std::optional<Obstacle> obstacle =
@@ -128,41 +144,44 @@ std::optional<Gatekeeper::Obstacle> Gatekeeper::findObstacle(const SenderProbe& 
 Gatekeeper::Step Gatekeeper::judgeAnswer(const SenderProbe& answer, TimeValue durationNs)
 {
     if (!answer.reached)
-    {
-        // The sender may still be there: without a descriptor it cannot be asked.
-        const std::optional<Obstacle> setback = std::exchange(m_setback, std::nullopt);
-        m_refusal.reset();
-        m_mustAsk = false;
-        if (setback && setback->kind == Kind::Failed)
-            return {.news = toNews(*setback), .joins = true};
-        forgetObstacles();
-        return {.joins = true};
-    }
+        return judgeGone();
     const bool hasHung = !answer.initialInfo && answer.closedEarly && durationNs >= QuickCloseNs;
     if (answer.busy || hasHung)
         return {.pauseMs = BusyPauseMs};
 
     std::optional<Obstacle> obstacle = findObstacle(answer);
     const bool isSeen = obstacle.has_value();
+    const std::optional<Obstacle> refusal = std::exchange(m_refusal, std::nullopt);
     if (!isSeen)
-        obstacle = std::exchange(m_refusal, std::nullopt);
+        obstacle = refusal;
     // Where only the receiver has found something, it tries again.
     if (obstacle && ++m_failedChecks < NeededChecks)
     {
         m_mustAsk = isSeen;
         return {.pauseMs = FirstCheckPauseMs << (m_failedChecks - 1), .joins = !isSeen};
     }
-    if (!obstacle)
-        obstacle = std::exchange(m_setback, std::nullopt);
-    m_setback.reset();
+    const std::optional<Obstacle> setback = std::exchange(m_setback, std::nullopt);
+    m_mustAsk = obstacle || setback;
+    if (obstacle)
+    {
+        m_failedChecks = 0;
+        return {.news = toNews(*obstacle), .pauseMs = PauseMs};
+    }
+    if (setback)
+        return {.news = toNews(*setback), .pauseMs = m_failurePause.getNext()};
+    return {.joins = true};
+}
+
+Gatekeeper::Step Gatekeeper::judgeGone()
+{
+    // The sender may still be there: without a descriptor it cannot be asked.
+    const std::optional<Obstacle> setback = std::exchange(m_setback, std::nullopt);
     m_refusal.reset();
-    m_failedChecks = 0;
-    m_mustAsk = obstacle.has_value();
-    if (!obstacle)
-        return {.joins = true};
-    return {
-        .news = toNews(*obstacle),
-        .pauseMs = obstacle->kind == Kind::Failed ? m_failurePause.getNext() : PauseMs};
+    m_mustAsk = false;
+    if (setback && setback->kind == Kind::Failed)
+        return {.news = toNews(*setback), .joins = true};
+    forgetReports();
+    return {.joins = true};
 }
 
 void Gatekeeper::onRefusal(Obstacle obstacle)
@@ -174,14 +193,20 @@ void Gatekeeper::onRefusal(Obstacle obstacle)
 Gatekeeper::Step Gatekeeper::onSetback(Setback setback)
 {
     m_mustAsk = true;
-    m_isPatient = setback == Setback::Flapping;
+    m_isPatient = false;
+    // Many a sender ends once.
+    const bool isAlone = ++m_numSetbacks == 1 && setback != Setback::WorkerEnded;
+    const int pauseMs = isAlone ? 0 : m_restartPause.getNext();
     switch (setback)
     {
     case Setback::Doubt:
-        break;
+        // A refusal is told as what it is.
+        if (m_refusal || ++m_numDoubts < NeededChecks)
+            break;
+        [[fallthrough]];
     case Setback::Flapping:
-        m_setback = {
-            Kind::NotASender, m_name + " ends every connection before it announces a stream"};
+        m_isPatient = true;
+        m_setback = makeFlapping();
         break;
     case Setback::NoChannel:
         m_setback = {
@@ -196,9 +221,9 @@ Gatekeeper::Step Gatekeeper::onSetback(Setback setback)
                 {Kind::Failed, "the receiver of " + m_name +
                                    " ended unexpectedly: starting it again. A forked child must "
                                    "end with _exit()"}),
-            .pauseMs = m_restartPause.getNext()};
+            .pauseMs = pauseMs};
     }
-    return {};
+    return {.pauseMs = pauseMs};
 }
 
 Gatekeeper::Step Gatekeeper::onFailedStart(const std::string& problem)

@@ -62,6 +62,9 @@ public:
     /// The stream plays, so what comes next is news.
     void forgetObstacles();
 
+    /// The last setback was long ago.
+    void forgetSetbacks();
+
     /// Looks at what a sender says first.
     ///
     /// @param info     not set: malformed, or missing
@@ -81,7 +84,8 @@ public:
     /// The receiver has refused the connection that it was about to use.
     void onRefusal(Obstacle obstacle);
 
-    /// The receiver was stopped. The sender must be asked next.
+    /// The receiver was stopped. The sender must be asked next, after a pause that grows from one
+    /// setback to the next: however good its answers are, only a frame proves a sender.
     Step onSetback(Setback setback);
 
     /// The receiver could not be started.
@@ -96,7 +100,16 @@ public:
         return m_mustAsk;
     }
 
+    /// @return whether a sender was doubted, and has not brought a frame since
+    bool isWary() const
+    {
+        return m_numDoubts != 0;
+    }
+
 private:
+    Step judgeGone();
+    void forgetReports();
+    Obstacle makeFlapping() const;
     std::optional<Obstacle> findObstacle(const SenderProbe& answer) const;
     std::optional<Obstacle> toNews(const Obstacle& obstacle);
 
@@ -106,8 +119,10 @@ private:
 
     bool m_mustAsk = false;
     bool m_isPatient = false; // with a peer that has not announced a sequence
-    int m_failedChecks = 0;   // of one sender, in a row
-    std::string m_told;       // last obstacle, which may be found again and again
+    int m_failedChecks = 0;   // of one sender
+    int m_numSetbacks = 0;
+    int m_numDoubts = 0;
+    std::string m_told; // last obstacle, which may be found again and again
     std::optional<Obstacle> m_refusal;
     std::optional<Obstacle> m_setback; // told unless an answer shows the reason for it
     RetryPause m_failurePause;

@@ -111,8 +111,8 @@ TEST_F(GatekeeperTest, JudgesAnswersOneAfterTheOther)
         {m_malformed, "not a sender 2000 ask"},
         {m_gone, "0 join"},
         {m_malformed, "20 ask"},
-        {m_good, "0 join"},
-        {m_malformed, "20 ask"}};
+        {m_good, "0 join"}, // proves nothing: others may be answered differently
+        {m_malformed, "40 ask"}};
     for (std::size_t i = 0; i < std::size(rows); ++i)
         EXPECT_EQ(toLine(m_gate.judgeAnswer(rows[i].answer, rows[i].durationNs)), rows[i].line)
             << "row " << i;
@@ -124,12 +124,54 @@ TEST_F(GatekeeperTest, AsksAfterASetbackUntilTheSenderIsFitOrGone)
     for (const SenderProbe* const answer : {&m_good, &m_gone})
     {
         EXPECT_EQ(toLine(m_gate.onSetback(Setback::Doubt)), "0 ask");
+        EXPECT_TRUE(m_gate.isWary());
         EXPECT_TRUE(m_gate.mustAsk());
         m_gate.judgeAnswer(m_unknown, 0);
         EXPECT_TRUE(m_gate.mustAsk());
         m_gate.judgeAnswer(*answer, 0);
         EXPECT_FALSE(m_gate.mustAsk());
+        m_gate.forgetObstacles(); // a frame has come
+        EXPECT_FALSE(m_gate.isWary());
     }
+}
+
+// What holds the name may answer each question well and end all other connections, or be gone
+// whenever it is asked.
+TEST_F(GatekeeperTest, DoubtsGrowUntilAFrameComes)
+{
+    struct Row
+    {
+        std::string pause;
+        std::string line;
+    };
+    const Row rows[] = {
+        {"0 ask", "0 join"},
+        {"20 ask", "0 join"},
+        {"40 ask", "0 join"},
+        {"80 ask", "0 join"},
+        {"160 ask", "not a sender 2000 ask"},
+        {"320 ask", "4000 ask"},
+        {"640 ask", "8000 ask"},
+        {"1280 ask", "10000 ask"},
+        {"2000 ask", "10000 ask"}};
+    for (const bool isGone : {false, true})
+    {
+        for (const Row& row : rows)
+        {
+            EXPECT_EQ(toLine(m_gate.onSetback(Setback::Doubt)), row.pause);
+            EXPECT_EQ(
+                toLine(m_gate.judgeAnswer(isGone ? m_gone : m_good, 0)),
+                isGone ? "0 join" : row.line);
+        }
+        m_gate.forgetObstacles();
+    }
+}
+
+TEST_F(GatekeeperTest, ARefusalThatAnAnswerExplainsIsForgotten)
+{
+    m_gate.onRefusal({ConsumerEvent::Kind::NotPermitted, "mode"});
+    EXPECT_EQ(toLine(m_gate.judgeAnswer(m_malformed, 0)), "20 ask");
+    EXPECT_EQ(toLine(m_gate.judgeAnswer(m_good, 0)), "0 join");
 }
 
 TEST_F(GatekeeperTest, TellsASetbackThatNoAnswerExplains)
@@ -139,21 +181,22 @@ TEST_F(GatekeeperTest, TellsASetbackThatNoAnswerExplains)
         Setback setback;
         const SenderProbe& answer;
         std::string line;
+        std::string pause;
         int timeoutMs = 5; // for the announcement
     };
     const Row rows[] = {
-        {Setback::Doubt, m_good, "0 join"},
-        {Setback::Flapping, m_good, "not a sender 2000 ask", 300},
-        {Setback::Flapping, m_closing, "20 ask", 300},
-        {Setback::Flapping, m_gone, "0 join", 300},
-        {Setback::NoChannel, m_good, "failed 2000 ask"},
-        {Setback::NoChannel, m_good, "4000 ask"},
-        {Setback::NoChannel, m_good, "8000 ask"},
-        {Setback::NoChannel, m_good, "10000 ask"},
-        {Setback::NoChannel, m_gone, "0 join"}};
+        {Setback::Doubt, m_good, "0 join", "0 ask"},
+        {Setback::Flapping, m_good, "not a sender 2000 ask", "20 ask", 300},
+        {Setback::Flapping, m_closing, "20 ask", "40 ask", 300},
+        {Setback::Flapping, m_gone, "0 join", "80 ask", 300},
+        {Setback::NoChannel, m_good, "failed 2000 ask", "160 ask"},
+        {Setback::NoChannel, m_good, "4000 ask", "320 ask"},
+        {Setback::NoChannel, m_good, "8000 ask", "640 ask"},
+        {Setback::NoChannel, m_good, "10000 ask", "1280 ask"},
+        {Setback::NoChannel, m_gone, "0 join", "2000 ask"}};
     for (std::size_t i = 0; i < std::size(rows); ++i)
     {
-        EXPECT_EQ(toLine(m_gate.onSetback(rows[i].setback)), "0 ask") << "row " << i;
+        EXPECT_EQ(toLine(m_gate.onSetback(rows[i].setback)), rows[i].pause) << "row " << i;
         EXPECT_EQ(m_gate.getAnnouncementTimeoutMs(), rows[i].timeoutMs) << "row " << i;
         EXPECT_EQ(toLine(m_gate.judgeAnswer(rows[i].answer, 0)), rows[i].line) << "row " << i;
     }
