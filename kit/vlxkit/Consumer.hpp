@@ -154,7 +154,7 @@ struct ConsumerEvent
         /// This user may not write to the sender's socket file, and would get no frame.
         NotPermitted,
         /// The process that holds the name is not a sender that can be trusted: it ends every
-        /// connection before it announces a stream, announces an invalid main channel, or runs as
+        /// connection before it sends a frame, announces an invalid main channel, or runs as
         /// another user than ConsumerOptions::senderUser. Reported only after several failed
         /// checks.
         NotASender,

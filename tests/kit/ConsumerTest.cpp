@@ -1113,7 +1113,8 @@ TEST_F(ConsumerTest, AReaderThatStandsStillCostsOnlyItsOwnOldestFrames)
     RecordedConsumer other({.name = getSocketName()});
     ASSERT_TRUE(stopped.start() && other.start());
     constexpr std::uint8_t NumFrames = 20;
-    ASSERT_TRUE(stopped.waitUntilJoined(5s) && other.waitForEvent("format"));
+    ASSERT_TRUE(waitFor([&] { return stopped.getStatistics().sequences == 1; }));
+    ASSERT_TRUE(other.waitForEvent("format"));
     for (std::uint8_t i = 1; i <= NumFrames; ++i)
     {
         ASSERT_TRUE(sender.send(makeFrame(1, static_cast<std::uint8_t>(10 * i)), 2));

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -10,7 +11,6 @@
 #include <unistd.h>
 
 #include <miscUtils/MiscUtils.hpp>
-#include <vlxkit/Logging.hpp>
 
 #include "ExitCodes.hpp"
 #include "Messages.hpp"
@@ -45,10 +45,13 @@ void readConfiguration(const std::string& path)
 
 } // unnamed namespace
 
-void configureLogging(int verbosity, const std::string& configFile)
+std::unique_ptr<kit::LogListener> configureLogging(int verbosity, const std::string& configFile)
 {
     if (!configFile.empty())
-        return readConfiguration(configFile);
+    {
+        readConfiguration(configFile);
+        return nullptr;
+    }
     // Not printed: log4cplus complains if nothing receives the log. At INFO, connections that begin
     // and end, which are DEBUG, are printed as well.
     const auto level = verbosity == 0   ? kit::LogLevel::Error
@@ -60,8 +63,7 @@ void configureLogging(int verbosity, const std::string& configFile)
             (verbosity == 1 && (line.level <= kit::LogLevel::Info || isAboutConnection(line.text))))
             printLogLine(toText(line));
     };
-    static const auto* const listener = new kit::LogListener(level, print); // until the end
-    static_cast<void>(listener);
+    return std::make_unique<kit::LogListener>(level, print);
 }
 
 } // namespace vlx::tool

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <memory>
 #include <string>
+
+#include <vlxkit/Logging.hpp>
 
 namespace vlx::tool
 {
@@ -13,7 +16,9 @@ namespace vlx::tool
 /// @param verbosity   0: nothing; 1: INFO and above, and joins and leaves; 2: DEBUG; 3 and more:
 ///                    TRACE
 /// @param configFile  property file of log4cplus that says everything instead; empty: none
+/// @return to be kept as long as the library is used; null with a configuration of the user's own
 /// @throws CommandFailure if the file cannot be read
-void configureLogging(int verbosity, const std::string& configFile = {});
+std::unique_ptr<kit::LogListener>
+configureLogging(int verbosity, const std::string& configFile = {});
 
 } // namespace vlx::tool

@@ -168,7 +168,7 @@ int runSubcommand(
          options.logConfig.empty()});
     try
     {
-        configureLogging(options.quiet ? 0 : options.verbosity, options.logConfig);
+        const auto log = configureLogging(options.quiet ? 0 : options.verbosity, options.logConfig);
         makeTempDirectoryAbsolute();
         StopSignal stop;
         const int code = subcommand.run(stop);
