@@ -3,35 +3,40 @@
 // Detection of misused calls, which stop the process with a text that names the correct use.
 
 #include <atomic>
-#include <utility>
+#include <thread>
 
 namespace vlx::kit
 {
 
-/// Marks the calling thread as being inside a callback of an object.
+/// The thread that is inside a callback of an object, whose callbacks never overlap.
+using CallbackThread = std::atomic<std::thread::id>;
+
+/// Marks the calling thread as being inside a callback.
 class CallbackScope
 {
 public:
-    explicit CallbackScope(const void* object) : m_former(std::exchange(s_current, object)) {}
+    explicit CallbackScope(CallbackThread& thread)
+        : m_thread(thread), m_former(thread.exchange(std::this_thread::get_id()))
+    {
+    }
 
     ~CallbackScope()
     {
-        s_current = m_former;
+        m_thread = m_former;
     }
 
     CallbackScope(const CallbackScope&) = delete;
     CallbackScope& operator=(const CallbackScope&) = delete;
 
-    /// @return whether the calling thread is inside a callback of the object
-    static bool isInside(const void* object)
+    /// @return whether it is the calling thread
+    static bool isInside(const CallbackThread& thread)
     {
-        return s_current == object;
+        return thread == std::this_thread::get_id();
     }
 
 private:
-    static inline thread_local const void* s_current = nullptr;
-
-    const void* const m_former;
+    CallbackThread& m_thread;
+    const std::thread::id m_former;
 };
 
 /// Detects overlapping calls.

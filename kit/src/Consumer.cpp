@@ -199,6 +199,7 @@ private:
     std::atomic<bool> m_started = false;
     std::atomic<bool> m_stopRequested = false;
     std::atomic<bool> m_missedSequence = false;
+    CallbackThread m_callbackThread{};
     std::atomic<bool> m_isDoubtful = false;      // the sender: refused, or left without a frame
     std::atomic<bool> m_workerEnded = false;     // unasked
     std::atomic<bool> m_givenUp = false;         // the reason for that: a channel cannot be opened
@@ -266,7 +267,8 @@ void Consumer::Impl::addDepayloader(Depayloader& depayloader)
 Status Consumer::Impl::start()
 {
     assert(
-        !CallbackScope::isInside(this) && "start() inside a callback: call it on another thread");
+        !CallbackScope::isInside(m_callbackThread) &&
+        "start() inside a callback: call it on another thread");
     const ExclusiveCall call(m_isCalled);
     assert(call.isAlone() && "start() beside start() or stop(): call them on one thread at a time");
     if (m_keeper.joinable() && !m_stopRequested)
@@ -342,7 +344,7 @@ void Consumer::Impl::stop()
     if (isForkedCopy())
         return abandonKeeper();
     assert(
-        !CallbackScope::isInside(this) &&
+        !CallbackScope::isInside(m_callbackThread) &&
         "stop() or destruction inside a callback: call requestStop() there");
     const ExclusiveCall call(m_isCalled);
     assert(call.isAlone() && "stop() beside start() or stop(): call them on one thread at a time");
@@ -457,7 +459,7 @@ void Consumer::Impl::handleSequence(Depayloader& depayloader)
         m_queue.put(*format);
     else if (usesQueue())
         m_queue.put(codec->getFormat());
-    const CallbackScope scope(this);
+    const CallbackScope scope(m_callbackThread);
     if (format && m_callbacks.onFormat)
         m_callbacks.onFormat(*format);
     if (codec != nullptr && m_callbacks.onCodec)
@@ -486,7 +488,7 @@ void Consumer::Impl::handleFrame(TimeValue timestamp, TimeValue duration)
             ReceivedFrame(frame, std::exchange(data, std::move(next)), m_pool), place.lengthNs);
         return;
     }
-    const CallbackScope scope(this);
+    const CallbackScope scope(m_callbackThread);
     m_callbacks.onFrame({frame, data});
 }
 
@@ -749,7 +751,7 @@ void Consumer::Impl::tell(Kind kind, std::string text, std::uint32_t fourcc)
     ConsumerEvent event{kind, getMonotonicSysclockTime(), std::move(text), fourcc};
     if (m_callbacks.onEvent)
     {
-        const CallbackScope scope(this);
+        const CallbackScope scope(m_callbackThread);
         m_callbacks.onEvent(event);
     }
     if (usesQueue())

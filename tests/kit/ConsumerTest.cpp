@@ -984,7 +984,8 @@ TEST_F(ConsumerTest, AFrameCostsNeitherAnAllocationNorASecondCopy)
                                     }});
     Consumer pulling(ConsumerOptions{.name = getSocketName()});
     ASSERT_TRUE(calling.start() && pulling.start());
-    ASSERT_TRUE(calling.waitUntilJoined(5s) && pulling.waitUntilJoined(5s));
+    for (const Consumer* const consumer : {&calling, &pulling})
+        ASSERT_TRUE(waitFor([&] { return consumer->getStatistics().sequences == 1; }));
     std::set<const unsigned char*> places;
     std::size_t before = 0;
     std::size_t beforeCalling = 0;
