@@ -589,6 +589,9 @@ TEST_F(ProducerTest, TwoThreadsAtOnceAreAMistakeThatIsTold)
     }
 }
 
+// The test calls the library while the log is locked, which the sanitizer takes for the library's
+// order of locks.
+#ifndef __SANITIZE_THREAD__
 TEST_F(ProducerTest, TextIsCompleteWithoutTheLog)
 {
     struct Row
@@ -641,6 +644,7 @@ TEST_F(ProducerTest, TextIsCompleteWithoutTheLog)
     EXPECT_THAT(status.getText(), HasSubstr("Too many open files"));
     EXPECT_EQ(producer.open(Format).getText(), "");
 }
+#endif
 
 TEST_F(ProducerTest, MovesWhileItIsOpen)
 {
@@ -792,6 +796,9 @@ TEST_F(ProducerTest, StopAndInterruptionEndWhateverWaits)
     EXPECT_TRUE(listTempDirectory().empty());
 }
 
+// The test calls the library while the log is locked, which the sanitizer takes for the library's
+// order of locks.
+#ifndef __SANITIZE_THREAD__
 TEST_F(ProducerTest, InterruptionLosesNoFrameUntold)
 {
     // At every step of a send, and taken back at once or later. The wakeup that it leaves behind
@@ -840,6 +847,7 @@ TEST_F(ProducerTest, InterruptionLosesNoFrameUntold)
     EXPECT_TRUE(receiver.waitForEvent("frame 3"));
     receiver.stop();
 }
+#endif
 
 TEST_F(ProducerTest, TellsWhenReceiversComeAndGo)
 {
