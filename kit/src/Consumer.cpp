@@ -188,6 +188,7 @@ private:
     // Of the keeper, while it runs.
     std::string m_directory;                  // that the receiver watches
     std::optional<SenderQuestion> m_question; // kept while it is not answered
+    TimeValue m_askedAt = 0;                  // by the watch
     std::string m_standingConnection;         // of the receiver, at the last look
     int m_numChanges = 0;                     // of it, from one look to the next
     DepayloaderList m_codecs;                 // for trying headers while the receiver is shut down
@@ -699,10 +700,10 @@ bool Consumer::Impl::isSuspicious()
 {
     const TimeValue now = getMonotonicSysclockTime();
     const TimeValue connecting = m_record.getConnectingSince();
+    const TimeValue limit = m_gate.isWary() ? WarySuspiciousConnectingNs : SuspiciousConnectingNs;
+    // While a sender is there that has only just come, the receiver is about to join it.
     if (connecting != 0)
-        return isUnanswered(
-            now - connecting >=
-            (m_gate.isWary() ? WarySuspiciousConnectingNs : SuspiciousConnectingNs));
+        return m_question ? now - m_askedAt >= limit : isUnanswered(now - connecting >= limit);
     m_question.reset();
     m_numChanges = 0;
     return false;
@@ -711,8 +712,6 @@ bool Consumer::Impl::isSuspicious()
 /// For a receiver that is connecting.
 bool Consumer::Impl::isUnanswered(bool isLate)
 {
-    if (m_question) // a sender was there at the last look, too
-        return true;
     // A receiver that has connected and waits for the first message is left to wait, also after
     // its sender was replaced: asking takes a place in a backlog.
     const std::string connection = findConnection(m_options.name);
@@ -726,6 +725,7 @@ bool Consumer::Impl::isUnanswered(bool isLate)
     if (!isChurning && (!connection.empty() || !isLate))
         return false;
     m_question.emplace(m_options.name);
+    m_askedAt = getMonotonicSysclockTime();
     if (m_question->getAnswer().reached)
         return isChurning;
     m_question.reset();
