@@ -280,12 +280,9 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
     EXPECT_EQ(info.wait(), 0);
     EXPECT_TRUE(contains(info.getOutput(), "gstnetclock 127.0.0.1:")) << info.getOutput();
 
-    ToolSettings other;
-    other.asUser = 65534;
-    fs::permissions(getTempDirectory(), fs::perms::all | fs::perms::sticky_bit);
-    if (::geteuid() == 0 && ToolProcess({"--version"}, other).wait() == 0)
+    if (const auto other = letAnotherUserIn())
     {
-        ToolProcess foreign({"info", evil}, other);
+        ToolProcess foreign({"info", evil}, *other);
         EXPECT_EQ(foreign.wait(), 0);
         EXPECT_TRUE(contains(foreign.getOutput(), "--socket-mode group or all"));
     }
@@ -342,14 +339,13 @@ TEST_F(LookTest, ListTellsOfOtherUsersAndCleanWhatItCannotRemove)
     EXPECT_EQ(mute.stop(), 128 + SIGTERM);
     fs::remove_all(full);
 
-    ToolSettings other;
-    other.asUser = 65534;
-    if (::geteuid() != 0 || ToolProcess({"--version"}, other).wait() != 0)
+    const auto other = letAnotherUserIn();
+    if (!other)
     {
         EXPECT_EQ(sender.stop(), 128 + SIGTERM);
         GTEST_SKIP() << "only root can run the tool as another user";
     }
-    ToolProcess foreign({"list"}, other);
+    ToolProcess foreign({"list"}, *other);
     EXPECT_EQ(foreign.wait(), 0);
     EXPECT_TRUE(contains(foreign.getErrors(), "other users' senders")) << foreign.getErrors();
     EXPECT_FALSE(contains(foreign.getErrors(), "no sender on this machine"));

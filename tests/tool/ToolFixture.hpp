@@ -5,6 +5,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -135,6 +136,20 @@ protected:
         EXPECT_NE(errors.find(message), std::string::npos) << errors;
         EXPECT_EQ(countLines(errors), 1U) << errors;
         EXPECT_EQ(process.getOutput(), "");
+    }
+
+    /// Opens the test's directories to another user.
+    ///
+    /// @return settings for a tool of that user; not set where there can be none
+    std::optional<ToolSettings> letAnotherUserIn() const
+    {
+        ToolSettings settings;
+        settings.asUser = 65534; // nobody
+        fs::permissions(getTempDirectory(), fs::perms::all | fs::perms::sticky_bit);
+        fs::permissions(m_files, fs::perms::all);
+        if (::geteuid() != 0 || ToolProcess({"--version"}, settings).wait() != 0)
+            return std::nullopt;
+        return settings;
     }
 
     /// Sends from this process: silence in a format and frame size that the test chooses.

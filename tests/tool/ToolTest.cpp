@@ -381,19 +381,11 @@ TEST_F(ToolTest, SocketModeSaysWhoMayJoin)
 
 TEST_F(ToolTest, AnotherUserReceivesFrames)
 {
-    constexpr uid_t Nobody = 65534;
-    if (::geteuid() != 0)
+    const auto other = letAnotherUserIn();
+    if (!other)
         GTEST_SKIP() << "only root can run a receiver as another user";
-    fs::permissions(getTempDirectory(), fs::perms::all | fs::perms::sticky_bit);
-    fs::permissions(m_files, fs::perms::all);
-    ToolSettings settings;
-    settings.asUser = Nobody;
-    ToolProcess probe({"--version"}, settings);
-    if (probe.wait() != 0)
-        GTEST_SKIP() << "another user cannot run the tool from this build directory";
-
     ToolProcess sender(send({"--tone", "440", "--socket-mode", "all"}));
-    ToolProcess receiver(receive({file("a.wav"), "-d", "100ms", "--timeout", "9s"}), settings);
+    ToolProcess receiver(receive({file("a.wav"), "-d", "100ms", "--timeout", "9s"}), *other);
     EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
     EXPECT_EQ(sender.stop(), 128 + SIGTERM);
 }
