@@ -7,20 +7,18 @@
 // ADDRESS is the address of this machine as seen by the receivers; default 127.0.0.1.
 
 #include <atomic>
-#include <chrono>
 #include <iostream>
-#include <thread>
 
 #include <gst/net/gstnet.h>
 
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Logging.hpp>
+#include <vlxkit/Pace.hpp>
 #include <vlxkit/Producer.hpp>
 
 namespace
 {
 
-constexpr vlx::TimeValue FrameNs = 10'000'000;
 constexpr int NumFrames = 200;
 
 std::atomic<int> frames = 0;
@@ -67,13 +65,13 @@ int main(int argc, char** argv)
         if (!producer.open({audioUtils::PcmFormat::S16LE, 48000, 2}) || !consumer.start())
             return 1;
         const vlx::Buffer silence(1920);
-        auto due = std::chrono::steady_clock::now();
+        vlx::kit::Pace pace(48000);
+        pace.begin(gst_clock_get_time(clock)); // this machine's CLOCK_MONOTONIC, as sleepAfter()
         for (int i = 0; i < NumFrames; ++i)
         {
-            if (!producer.send(gst_clock_get_time(clock), FrameNs, silence))
+            if (!producer.send(pace.getTimestamp(), pace.getDuration(480), silence))
                 return 1;
-            due += std::chrono::nanoseconds(FrameNs);
-            std::this_thread::sleep_until(due);
+            pace.sleepAfter(480);
         }
     }
     gst_object_unref(provider);

@@ -1,9 +1,9 @@
 #include <chrono>
 #include <iostream>
-#include <thread>
 
 #include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/Logging.hpp>
+#include <vlxkit/Pace.hpp>
 #include <vlxkit/Producer.hpp>
 
 int main()
@@ -20,12 +20,12 @@ int main()
     if (!producer.waitForReceivers(1, std::chrono::milliseconds(100)))
         std::cerr << "no receiver yet" << std::endl;
     const vlx::Buffer silence(1920); // 480 samples of 2 channels of 16 bits
-    const vlx::TimeValue begin = miscUtils::getMonotonicSysclockTime();
-    for (vlx::TimeValue time = begin; time < begin + 5'000'000'000; time += 10'000'000)
+    vlx::kit::Pace pace(48000);
+    pace.begin(miscUtils::getMonotonicSysclockTime());
+    for (int frame = 0; frame < 500; ++frame)
     {
-        if (!producer.send(time, 10'000'000, silence))
+        if (!producer.send(pace.getTimestamp(), pace.getDuration(480), silence))
             return 1;
-        std::this_thread::sleep_until(
-            std::chrono::steady_clock::time_point(std::chrono::nanoseconds(time + 10'000'000)));
+        pace.sleepAfter(480);
     }
 }

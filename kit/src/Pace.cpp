@@ -1,7 +1,10 @@
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <limits>
+#include <thread>
 
+#include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/Pace.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
@@ -76,6 +79,13 @@ void Pace::advance(std::uint64_t samples, TimeValue now)
     m_driftNs = drift.ns;
     m_driftRest = drift.rest;
     m_samples += samples;
+}
+
+void Pace::sleepAfter(std::uint64_t samples)
+{
+    advance(samples, miscUtils::getMonotonicSysclockTime());
+    std::this_thread::sleep_until(
+        std::chrono::steady_clock::time_point(std::chrono::nanoseconds(getDueTime())));
 }
 
 void Pace::observeInput(std::uint64_t samples, std::uint64_t block, TimeValue now)

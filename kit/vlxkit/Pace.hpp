@@ -21,8 +21,8 @@ namespace vlx::kit
 /// its rate smoothly, without a growing backlog or an underrun. A source that always has more data,
 /// such as a file in a pipe, is paced by the stream's clock alone: report it by observeBacklog().
 ///
-/// A value type that reads no clock: the caller passes the time. All times are nanoseconds on the
-/// stream's clock.
+/// A value type. Only sleepAfter() reads a clock; to all others the caller passes the time. All
+/// times are nanoseconds on the stream's clock.
 ///
 /// @thread one at a time
 class Pace
@@ -84,6 +84,13 @@ public:
     /// @param samples  number of samples in the block
     /// @param now      time at which it was sent
     VLX_API void advance(std::uint64_t samples, TimeValue now);
+
+    /// Advances by a block that has just been sent, and sleeps until the next one is due. For a
+    /// stream on CLOCK_MONOTONIC; on any other clock, or to wait for something else as well, use
+    /// advance() and getDueTime().
+    ///
+    /// @param samples  number of samples in the block that was sent
+    VLX_API void sleepAfter(std::uint64_t samples);
 
     /// Reports a delivery of a live source. Call it after each delivery.
     ///

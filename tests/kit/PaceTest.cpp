@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/Pace.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
@@ -109,6 +110,20 @@ TEST(PaceTest, APauseIsCaughtUpWithWithoutABurst)
     EXPECT_EQ(pace.getDueTime(), now + Second);
     pace.begin(now);
     EXPECT_EQ(pace.getDueTime(), now) << "an earlier clock's time holds a new run back";
+}
+
+TEST(PaceTest, SleepsUntilTheNextBlockIsDue)
+{
+    Pace pace(Rate);
+    for (const TimeValue lateBy : {TimeValue{0}, Second}) // on time, and while it catches up
+    {
+        const TimeValue start = miscUtils::getMonotonicSysclockTime();
+        pace.begin(start - lateBy);
+        pace.sleepAfter(Block);
+        pace.sleepAfter(Block);
+        EXPECT_EQ(pace.getTimestamp(), start - lateBy + 20 * Ms);
+        EXPECT_GE(miscUtils::getMonotonicSysclockTime(), start + (lateBy == 0 ? 20 : 10) * Ms);
+    }
 }
 
 /// What a minute of a live source was like, from its third second on.
