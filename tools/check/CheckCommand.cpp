@@ -1,5 +1,3 @@
-#include "CheckCommand.hpp"
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -17,6 +15,8 @@
 #include <vlxkit/Producer.hpp>
 #include <vlxkit/RealTime.hpp>
 
+#include "Commands.hpp"
+#include "common/CommonOptions.hpp"
 #include "common/Duration.hpp"
 #include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
@@ -178,14 +178,7 @@ Finding checkPauses(nanoseconds longest)
                                : ""};
 }
 
-} // unnamed namespace
-
-CLI::App* addCheckCommand(CLI::App& program, CheckOptions& /*options*/)
-{
-    return program.add_subcommand("check", "Check whether this machine is fit for streams");
-}
-
-ExitCode runCheck(const CheckOptions& /*options*/, StopSignal& stop)
+ExitCode runCheck(StopSignal& stop)
 {
     const bool baseIsFine = print(checkBaseDirectory());
     bool fine = print(checkDescriptors()) && baseIsFine;
@@ -200,6 +193,17 @@ ExitCode runCheck(const CheckOptions& /*options*/, StopSignal& stop)
         fine = print(stream) && fine;
     }
     return fine ? ExitCode::Done : ExitCode::Failed;
+}
+
+} // unnamed namespace
+
+Subcommand makeCheckCommand()
+{
+    return {
+        [](CLI::App& program) {
+            return program.add_subcommand("check", "Check whether this machine is fit for streams");
+        },
+        [](StopSignal& stop) { return toInt(runCheck(stop)); }};
 }
 
 } // namespace vlx::tool

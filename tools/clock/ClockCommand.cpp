@@ -1,5 +1,3 @@
-#include "ClockCommand.hpp"
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -10,8 +8,10 @@
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
+#include "Commands.hpp"
 #include "RoundTripProbe.hpp"
 #include "common/ClockProvider.hpp"
+#include "common/CommonOptions.hpp"
 #include "common/Duration.hpp"
 #include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
@@ -26,6 +26,16 @@ namespace vlx::tool
 
 namespace
 {
+
+struct ClockOptions
+{
+    bool watch = false; // otherwise it is served
+    std::string address = "127.0.0.1";
+    std::uint16_t port = 0; // 0: any that is free
+    bool json = false;
+    OptionalDuration duration;
+    OptionalDuration timeout;
+};
 
 using SteadyClock = std::chrono::steady_clock;
 
@@ -175,9 +185,7 @@ private:
     miscUtils::SyncedNetClock m_clock;
 };
 
-} // unnamed namespace
-
-CLI::App* addClockCommand(CLI::App& program, ClockOptions& options)
+CLI::App* addCommand(CLI::App& program, ClockOptions& options)
 {
     CLI::App* const command = program.add_subcommand(
         "clock", "Serve this machine's clock over the network, or watch a network clock");
@@ -216,6 +224,13 @@ ExitCode runClock(const ClockOptions& options, StopSignal& stop)
     else
         serve(options, stop);
     return ExitCode::Done;
+}
+
+} // unnamed namespace
+
+Subcommand makeClockCommand()
+{
+    return makeSubcommand(addCommand, runClock);
 }
 
 } // namespace vlx::tool

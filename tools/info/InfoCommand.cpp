@@ -1,5 +1,3 @@
-#include "InfoCommand.hpp"
-
 #include <cstdio>
 #include <cstdlib>
 
@@ -8,6 +6,8 @@
 
 #include <vlxkit/Discovery.hpp>
 
+#include "Commands.hpp"
+#include "common/CommonOptions.hpp"
 #include "common/ExitCodes.hpp"
 #include "common/ReportFile.hpp"
 #include "common/SenderReport.hpp"
@@ -19,6 +19,13 @@ namespace vlx::tool
 
 namespace
 {
+
+struct InfoOptions
+{
+    std::string name;
+    bool json = false;
+    OptionalDuration timeout;
+};
 
 std::string describeJoining(const kit::SenderProbe& probe)
 {
@@ -69,9 +76,7 @@ kit::SenderProbe probe(const InfoOptions& options)
     return probe;
 }
 
-} // unnamed namespace
-
-CLI::App* addInfoCommand(CLI::App& program, InfoOptions& options)
+CLI::App* addCommand(CLI::App& program, InfoOptions& options)
 {
     CLI::App* const command = program.add_subcommand(
         "info", "Print what a sender announces, and whether this user may join");
@@ -102,6 +107,13 @@ ExitCode runInfo(const InfoOptions& options, StopSignal& stop)
         printText(options, answer);
     }
     return ExitCode::Done;
+}
+
+} // unnamed namespace
+
+Subcommand makeInfoCommand()
+{
+    return makeSubcommand(addCommand, runInfo);
 }
 
 } // namespace vlx::tool

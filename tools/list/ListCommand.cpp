@@ -1,5 +1,3 @@
-#include "ListCommand.hpp"
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -11,6 +9,8 @@
 
 #include <vlxkit/Discovery.hpp>
 
+#include "Commands.hpp"
+#include "common/CommonOptions.hpp"
 #include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
 #include "common/ReportFile.hpp"
@@ -24,6 +24,12 @@ namespace vlx::tool
 
 namespace
 {
+
+struct ListOptions
+{
+    bool json = false;
+    bool clean = false;
+};
 
 constexpr std::size_t NumColumns = 8;
 using Row = std::array<std::string, NumColumns>;
@@ -132,9 +138,7 @@ void reportHidden(const std::vector<pid_t>& processes)
     printNotice("other users' senders, whose names only they and root can see: process " + list);
 }
 
-} // unnamed namespace
-
-CLI::App* addListCommand(CLI::App& program, ListOptions& options)
+CLI::App* addCommand(CLI::App& program, ListOptions& options)
 {
     CLI::App* const command = program.add_subcommand(
         "list", "List the senders on this machine, or clean up after dead ones");
@@ -178,6 +182,13 @@ ExitCode runList(const ListOptions& options, StopSignal& stop)
     if (!list.notice.empty())
         printNotice(list.notice);
     return ExitCode::Done;
+}
+
+} // unnamed namespace
+
+Subcommand makeListCommand()
+{
+    return makeSubcommand(addCommand, runList);
 }
 
 } // namespace vlx::tool

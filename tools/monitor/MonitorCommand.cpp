@@ -1,5 +1,3 @@
-#include "MonitorCommand.hpp"
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -10,8 +8,10 @@
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
+#include "Commands.hpp"
 #include "Rendering.hpp"
 #include "StreamMeter.hpp"
+#include "common/CommonOptions.hpp"
 #include "common/Duration.hpp"
 #include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
@@ -23,6 +23,17 @@ namespace vlx::tool
 
 namespace
 {
+
+struct MonitorOptions
+{
+    std::vector<std::string> names;
+    bool json = false;
+    std::string metrics; // path; empty: not written
+    OptionalDuration duration;
+    OptionalDuration timeout;
+    kit::RealTime realTime;
+    std::optional<uid_t> senderUser;
+};
 
 using SteadyClock = std::chrono::steady_clock;
 
@@ -128,9 +139,7 @@ void watch(const MonitorOptions& options, const Meters& meters, bool onScreen, S
     }
 }
 
-} // unnamed namespace
-
-CLI::App* addMonitorCommand(CLI::App& program, MonitorOptions& options)
+CLI::App* addCommand(CLI::App& program, MonitorOptions& options)
 {
     CLI::App* const command =
         program.add_subcommand("monitor", "Show streams live: frames, ages, gaps, levels");
@@ -180,6 +189,13 @@ ExitCode runMonitor(const MonitorOptions& options, StopSignal& stop)
     for (const auto& meter : meters)
         meter->stop();
     return ExitCode::Done;
+}
+
+} // unnamed namespace
+
+Subcommand makeMonitorCommand()
+{
+    return makeSubcommand(addCommand, runMonitor);
 }
 
 } // namespace vlx::tool

@@ -12,6 +12,7 @@
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
 
+#include "Commands.hpp"
 #include "Recorder.hpp"
 #include "audio/AudioOutput.hpp"
 #include "common/Duration.hpp"
@@ -254,8 +255,6 @@ void ReceiveControl::finish()
     writeReport(m_options, report);
 }
 
-} // unnamed namespace
-
 int runReceive(const ReceiveOptions& options, StopSignal& stop)
 {
     ReceiveControl control(options, stop);
@@ -264,6 +263,13 @@ int runReceive(const ReceiveOptions& options, StopSignal& stop)
     if (isReplaced(options.report))
         writeReport(options, makeReport(options));
     return control.run();
+}
+
+} // unnamed namespace
+
+Subcommand makeReceiveCommand()
+{
+    return makeSubcommand(addReceiveCommand, runReceive);
 }
 
 } // namespace vlx::tool

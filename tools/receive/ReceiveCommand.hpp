@@ -9,8 +9,6 @@
 namespace vlx::tool
 {
 
-class StopSignal;
-
 struct ReceiveOptions
 {
     std::string name;
@@ -36,11 +34,5 @@ struct ReceiveOptions
 ///
 /// @return the subcommand, which fills the options when it is parsed
 CLI::App* addReceiveCommand(CLI::App& program, ReceiveOptions& options);
-
-/// Carries out "vlx receive".
-///
-/// @return the exit code
-/// @throws CommandFailure
-int runReceive(const ReceiveOptions& options, StopSignal& stop);
 
 } // namespace vlx::tool

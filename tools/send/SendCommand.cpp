@@ -6,6 +6,7 @@
 #include <vlx/VlxPayload.hpp>
 #include <vlxkit/Producer.hpp>
 
+#include "Commands.hpp"
 #include "FramePump.hpp"
 #include "Playlist.hpp"
 #include "SendReport.hpp"
@@ -100,8 +101,6 @@ void sendInput(
     producer.close();
 }
 
-} // unnamed namespace
-
 ExitCode runSend(const SendOptions& options, StopSignal& stop)
 {
     Playlist input = openPlaylist(options, stop);
@@ -121,6 +120,13 @@ ExitCode runSend(const SendOptions& options, StopSignal& stop)
     if (!stop.isRequested() && !problem.empty())
         throw CommandFailure(ExitCode::Failed, problem);
     return ExitCode::Done;
+}
+
+} // unnamed namespace
+
+Subcommand makeSendCommand()
+{
+    return makeSubcommand(addSendCommand, runSend);
 }
 
 } // namespace vlx::tool

@@ -16,8 +16,6 @@
 namespace vlx::tool
 {
 
-class StopSignal;
-
 struct SendOptions
 {
     std::string name;
@@ -46,11 +44,5 @@ struct SendOptions
 ///
 /// @return the subcommand, which fills the options when it is parsed
 CLI::App* addSendCommand(CLI::App& program, SendOptions& options);
-
-/// Carries out "vlx send".
-///
-/// @return the exit code
-/// @throws CommandFailure
-ExitCode runSend(const SendOptions& options, StopSignal& stop);
 
 } // namespace vlx::tool
