@@ -714,11 +714,12 @@ bool Consumer::Impl::isUnanswered(bool isLate)
 {
     // A receiver that has connected and waits for the first message is left to wait, also after
     // its sender was replaced: asking takes a place in a backlog.
+    // A look may fall between two connections, also while a sender is replaced: what counts is a
+    // connection that follows another one.
     const std::string connection = findConnection(m_options.name);
-    const bool hasChanged = std::exchange(m_standingConnection, connection) != connection;
-    if (hasChanged)
+    if (!connection.empty() && std::exchange(m_standingConnection, connection) != connection)
         ++m_numChanges;
-    else if (!connection.empty()) // otherwise both looks may have fallen between two connections
+    else if (!connection.empty())
         m_numChanges = 0;
     const bool isChurning =
         m_numChanges >= (m_gate.isWary() ? WarySuspiciousChanges : SuspiciousChanges);
