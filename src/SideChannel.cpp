@@ -1,7 +1,7 @@
 #include <vlx/SideChannel.hpp>
 
-#include "Assertions.hpp"
-#include "LittleEndian.hpp"
+#include "base/Assertions.hpp"
+#include "base/LittleEndian.hpp"
 
 namespace vlx
 {

@@ -6,9 +6,9 @@
 
 #include <vlx/VlxPayload.hpp>
 
-#include "Assertions.hpp"
-#include "Fourcc.hpp"
-#include "LittleEndian.hpp"
+#include "base/Assertions.hpp"
+#include "base/Fourcc.hpp"
+#include "base/LittleEndian.hpp"
 
 namespace vlx
 {

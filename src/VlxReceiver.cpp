@@ -22,17 +22,16 @@
 #include <miscUtils/MiscUtils.hpp>
 #include <vlx/VlxReceiver.hpp>
 
-#include "AbstractName.hpp"
-#include "Assertions.hpp"
-#include "Connection.hpp"
-#include "Descriptors.hpp"
-#include "ErrorText.hpp"
-#include "ForkedCopy.hpp"
-#include "Guards.hpp"
-#include "SenderDirectory.hpp"
-#include "SocketFileMode.hpp"
-#include "ThreadName.hpp"
-#include "WakeupPipe.hpp"
+#include "base/AbstractName.hpp"
+#include "base/Assertions.hpp"
+#include "base/Connection.hpp"
+#include "base/Descriptors.hpp"
+#include "base/ErrorText.hpp"
+#include "base/ForkedCopy.hpp"
+#include "base/Guards.hpp"
+#include "base/SenderDirectory.hpp"
+#include "base/ThreadName.hpp"
+#include "base/WakeupPipe.hpp"
 
 namespace vlx
 {
@@ -47,8 +46,6 @@ constexpr int ConnectTimeoutMs = 400;
 constexpr int InputTimeoutMs = 50;
 constexpr int MonitorTimeoutMs = 5000;
 
-constexpr std::string_view IpcUriPrefix = "ipc://";
-constexpr mode_t IpcSocketMode = 0622;
 constexpr int NanomsgReceiveBufferBytes = 1;
 constexpr int NanomsgNoSizeLimit = -1;
 
@@ -768,10 +765,10 @@ Receiver::ConnectionRetval Receiver::connectNanomsgMainChannel()
             logger, "Could not connect the nanomsg SP socket: " << describeError(error));
         return ConnectionRetval::Failure;
     }
-    if (isPipeline && uri.starts_with(IpcUriPrefix))
+    if (isPipeline && uri.starts_with(IpcScheme))
     {
         LOG4CPLUS_INFO(logger, "Changing the permissions of socket " << uri << " to 622");
-        changeSocketFileMode(uri.substr(IpcUriPrefix.size()), IpcSocketMode);
+        changeSocketFileMode(toSocketFilePath(uri), PipelineSocketMode);
     }
 
     setIntOption(m_nanomsgMainFD, NN_RCVBUF, NanomsgReceiveBufferBytes);

@@ -21,17 +21,17 @@
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxSender.hpp>
 
-#include "AbstractName.hpp"
-#include "Assertions.hpp"
-#include "Connection.hpp"
-#include "Descriptors.hpp"
-#include "ErrorText.hpp"
-#include "ForkedCopy.hpp"
-#include "Fourcc.hpp"
-#include "Guards.hpp"
-#include "SenderDirectory.hpp"
-#include "ThreadName.hpp"
-#include "WakeupPipe.hpp"
+#include "base/AbstractName.hpp"
+#include "base/Assertions.hpp"
+#include "base/Connection.hpp"
+#include "base/Descriptors.hpp"
+#include "base/ErrorText.hpp"
+#include "base/ForkedCopy.hpp"
+#include "base/Fourcc.hpp"
+#include "base/Guards.hpp"
+#include "base/SenderDirectory.hpp"
+#include "base/ThreadName.hpp"
+#include "base/WakeupPipe.hpp"
 
 namespace vlx
 {
@@ -42,7 +42,6 @@ namespace
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox"));
 
 constexpr std::uint16_t ProtocolVersion = 1;
-constexpr mode_t TempDirectoryMode = 0777;
 constexpr int ListenBacklog = 32;
 constexpr std::size_t ClientScratchBytes = 256;
 // A packet that no receiver takes at once is dropped, not queued.
@@ -60,14 +59,12 @@ constexpr std::chrono::milliseconds AcceptPause{100};
 /// directory without the sticky bit, another user can replace it meanwhile.
 void openToEverybody(const std::string& path)
 {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0)
-        return;
-    const ScopeGuard directoryGuard([fd] { ::close(fd); });
+    const OwnedDescriptor directory(
+        ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat status = {};
-    if (::fstat(fd, &status) == 0 && status.st_uid == ::geteuid() &&
+    if (::fstat(directory.get(), &status) == 0 && status.st_uid == ::geteuid() &&
         (status.st_mode & ACCESSPERMS) == S_IRWXU)
-        ::fchmod(fd, TempDirectoryMode);
+        ::fchmod(directory.get(), SenderDirectoryMode);
 }
 
 /// Creates the sender's directory.
@@ -77,7 +74,7 @@ void openToEverybody(const std::string& path)
 /// @return 0, or the system's error number
 int makeTempDirectory(const std::string& base, std::string& path)
 {
-    path = base + "/" + SenderDirectoryPrefix + "XXXXXX";
+    path = makeSenderDirectoryTemplate(base);
     if (::mkdtemp(path.data()) == nullptr)
     {
         const int error = errno;
@@ -226,8 +223,8 @@ bool Sender::initializeSender(
                         << describeError(tempDirectoryError));
         return false;
     }
-    m_nanomsgIPCFilePath = m_tempDirectory + "/nanomsgChannel.ipc";
-    m_nanomsgURI = "ipc://" + m_nanomsgIPCFilePath;
+    m_nanomsgIPCFilePath = makeSocketFilePath(m_tempDirectory);
+    m_nanomsgURI = makeSocketURI(m_nanomsgIPCFilePath);
 
     m_socketAddress = std::move(socketAddress);
     m_alternativeSocketAddress = std::move(alternativeSocketAddress);

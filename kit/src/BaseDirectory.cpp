@@ -1,13 +1,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <string_view>
 #include <system_error>
 
-#include <SenderDirectory.hpp>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <miscUtils/MiscUtils.hpp>
@@ -15,18 +12,13 @@
 #include <vlxkit/Text.hpp>
 
 #include "BaseDirectoryTrust.hpp"
+#include "base/SenderDirectory.hpp"
 
 namespace vlx::kit
 {
 
 namespace
 {
-
-constexpr std::string_view SocketPathBelowBase = "/VlxSender-XXXXXX/nanomsgChannel.ipc";
-
-// The socket file's path and its terminator must fit into a socket address.
-constexpr std::size_t MaxBaseLength =
-    sizeof(sockaddr_un::sun_path) - 1 - SocketPathBelowBase.size();
 
 constexpr mode_t SharedDirectoryMode = 01777;
 
@@ -102,11 +94,13 @@ Status check(const BaseDirectory& base, BaseDirectoryUse use, const std::string&
         return {};
     if (!base.writable)
         return {ErrorCode::NotPermitted, subject + " is not writable"};
-    if (base.path.size() > MaxBaseLength)
+    const std::size_t maxBaseLength =
+        MaxSocketPathLength - makeSocketFilePath(makeSenderDirectoryTemplate("")).size();
+    if (base.path.size() > maxBaseLength)
         return {
             ErrorCode::NoDirectory,
             subject + " is too long for a socket path: " + std::to_string(base.path.size()) +
-                " bytes, at most " + std::to_string(MaxBaseLength)};
+                " bytes, at most " + std::to_string(maxBaseLength)};
     return {};
 }
 

@@ -2,19 +2,19 @@
 
 #include <string>
 
-#include <SenderDirectory.hpp>
 #include <unistd.h>
 
 #include "DirectoryEntry.hpp"
+#include "base/SenderDirectory.hpp"
 
 namespace vlx::kit
 {
 
 bool ringBell(const std::string& baseDirectory)
 {
-    const std::string directory = baseDirectory.empty() ? getBaseDirectory() : baseDirectory;
     return flashDirectoryEntry(
-        directory + "/.bell-" + SenderDirectoryPrefix + std::to_string(::getpid()) + "-");
+        getBaseDirectory(baseDirectory) + "/.bell-" + SenderDirectoryPrefix +
+        std::to_string(::getpid()) + "-");
 }
 
 } // namespace vlx::kit

@@ -1,19 +1,15 @@
 #include "ChannelCheck.hpp"
 
-#include <algorithm>
 #include <cerrno>
-#include <string_view>
-#include <utility>
 
-#include <ErrorText.hpp>
-#include <LittleEndian.hpp>
-#include <SenderDirectory.hpp>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "BaseDirectoryTrust.hpp"
+#include "base/ErrorText.hpp"
+#include "base/LittleEndian.hpp"
+#include "base/SenderDirectory.hpp"
 
 namespace vlx::kit
 {
@@ -22,40 +18,6 @@ namespace
 {
 
 constexpr mode_t PermissionBits = 07777;
-
-constexpr std::string_view IpcScheme = "ipc://";
-constexpr std::string_view SocketFileName = "nanomsgChannel.ipc";
-constexpr std::size_t NumRandomCharacters = 6;
-constexpr std::size_t MaxSocketPathLength = sizeof(sockaddr_un::sun_path) - 1;
-
-bool isSenderDirectoryName(std::string_view name)
-{
-    const std::string_view prefix = SenderDirectoryPrefix;
-    return name.starts_with(prefix) && name.size() == prefix.size() + NumRandomCharacters &&
-           std::all_of(
-               name.begin() + static_cast<std::ptrdiff_t>(prefix.size()), name.end(),
-               [](char c) {
-                   return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') ||
-                          (c >= 'a' && c <= 'z');
-               });
-}
-
-/// @return path of the sender's directory; empty if the URI is not a valid sender's
-std::string parseDirectory(std::string_view uri)
-{
-    if (!uri.starts_with(IpcScheme))
-        return {};
-    const std::string_view path = uri.substr(IpcScheme.size());
-    const std::size_t slash = path.rfind('/');
-    if (!path.starts_with('/') || path.size() > MaxSocketPathLength ||
-        path.substr(slash + 1) != SocketFileName)
-        return {};
-    const std::string_view directory = path.substr(0, slash);
-    const std::size_t begin = directory.rfind('/');
-    const bool isSenders =
-        begin != directory.npos && isSenderDirectoryName(directory.substr(begin + 1));
-    return std::string(isSenders ? directory : std::string_view());
-}
 
 std::string describeOwner(uid_t owner, uid_t sender)
 {
@@ -73,7 +35,7 @@ std::string findDirectoryProblem(int directoryFD, uid_t sender)
 
     // By descriptor: the path may lead somewhere else by now.
     const OwnedDescriptor parent(::openat(directoryFD, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (parent.get() < 0 && errno == EACCES)
+    if (!parent.isOpen() && errno == EACCES)
         return {}; // this user cannot join through a directory without search permission
     if (::fstat(parent.get(), &status) != 0)
         return "cannot be checked: " + describeError(errno);
@@ -85,9 +47,9 @@ std::string findDirectoryProblem(int directoryFD, uid_t sender)
 void checkSocketFile(bool isPipeline, uid_t sender, ChannelCheck& check)
 {
     const int directory = check.directory.get();
-    const char* const name = SocketFileName.data();
     struct stat status = {};
-    const int error = ::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+    const int error =
+        ::fstatat(directory, SocketFileName, &status, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
     if (error == EACCES)
         return; // this user may not join, and cannot see more
     if (error != 0 && !(error == ENOENT && isPipeline))
@@ -100,42 +62,21 @@ void checkSocketFile(bool isPipeline, uid_t sender, ChannelCheck& check)
         return;
     check.socketFileMode = error == 0 ? status.st_mode & PermissionBits : 0;
     check.mayJoin = isPipeline ? ::faccessat(directory, ".", W_OK | X_OK, AT_EACCESS) == 0
-                               : ::faccessat(directory, name, W_OK, AT_EACCESS) == 0;
+                               : ::faccessat(directory, SocketFileName, W_OK, AT_EACCESS) == 0;
 }
 
 } // unnamed namespace
 
-OwnedDescriptor::~OwnedDescriptor()
-{
-    if (m_fd >= 0)
-        ::close(m_fd);
-}
-
-OwnedDescriptor::OwnedDescriptor(OwnedDescriptor&& other) noexcept
-    : m_fd(std::exchange(other.m_fd, -1))
-{
-}
-
-OwnedDescriptor& OwnedDescriptor::operator=(OwnedDescriptor&& other) noexcept
-{
-    std::swap(m_fd, other.m_fd);
-    return *this;
-}
-
 std::string ChannelCheck::getURI() const
 {
-    std::string uri(IpcScheme);
-    return uri.append("/proc/self/fd/")
-        .append(std::to_string(directory.get()))
-        .append("/")
-        .append(SocketFileName);
+    return makeSocketURI(makeSocketFilePath("/proc/self/fd/" + std::to_string(directory.get())));
 }
 
 ChannelCheck checkChannel(const InitialInfo& info, uid_t sender)
 {
     ChannelCheck check;
     const bool isPipeline = info.nanomsgProtocol == NanomsgProtocol::Pipeline;
-    const std::string directory = parseDirectory(info.nanomsgURI);
+    const std::string directory = findSenderDirectory(info.nanomsgURI);
     if (!isPipeline && info.nanomsgProtocol != NanomsgProtocol::PubSub)
         check.problem = "has an unknown protocol";
     else if (directory.empty())
@@ -145,7 +86,7 @@ ChannelCheck checkChannel(const InitialInfo& info, uid_t sender)
 
     check.directory =
         OwnedDescriptor(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (check.directory.get() < 0)
+    if (!check.directory.isOpen())
     {
         if (errno != EACCES)
             check.problem = "has no usable directory: " + describeError(errno);
@@ -157,7 +98,7 @@ ChannelCheck checkChannel(const InitialInfo& info, uid_t sender)
             checkSocketFile(isPipeline, sender, check);
     }
     if (check.problem.empty())
-        check.socketFile = info.nanomsgURI.substr(IpcScheme.size());
+        check.socketFile = toSocketFilePath(info.nanomsgURI);
     return check;
 }
 

@@ -8,28 +8,10 @@
 #include <vlx/SideChannel.hpp>
 #include <vlx/VlxTypes.hpp>
 
+#include "base/OwnedDescriptor.hpp"
+
 namespace vlx::kit
 {
-
-/// Owns a descriptor and closes it.
-class OwnedDescriptor
-{
-public:
-    explicit OwnedDescriptor(int fd = -1) : m_fd(fd) {}
-    ~OwnedDescriptor();
-
-    OwnedDescriptor(OwnedDescriptor&& other) noexcept;
-    OwnedDescriptor& operator=(OwnedDescriptor&& other) noexcept;
-
-    /// @return the descriptor, or -1
-    int get() const
-    {
-        return m_fd;
-    }
-
-private:
-    int m_fd;
-};
 
 /// Result of checking the main channel that a sender announces.
 struct ChannelCheck

@@ -6,10 +6,6 @@
 #include <thread>
 #include <utility>
 
-#include <AbstractName.hpp>
-#include <Assertions.hpp>
-#include <Descriptors.hpp>
-#include <ForkedCopy.hpp>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 #include <pthread.h>
@@ -31,6 +27,10 @@
 #include "RetryPause.hpp"
 #include "SenderQuestion.hpp"
 #include "WakeupEvent.hpp"
+#include "base/AbstractName.hpp"
+#include "base/Assertions.hpp"
+#include "base/Descriptors.hpp"
+#include "base/ForkedCopy.hpp"
 
 namespace vlx::kit
 {

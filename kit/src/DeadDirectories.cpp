@@ -8,8 +8,6 @@
 #include <optional>
 #include <set>
 
-#include <Guards.hpp>
-#include <SenderDirectory.hpp>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -22,6 +20,7 @@
 
 #include "DirectoryLock.hpp"
 #include "SenderSearch.hpp"
+#include "base/SenderDirectory.hpp"
 
 namespace vlx::kit
 {
@@ -34,14 +33,9 @@ constexpr std::time_t MinAgeSeconds = 60;
 
 constexpr auto AnswerTimeout = std::chrono::milliseconds(500);
 
-constexpr std::size_t RandomCharacters = 6;
-
 // Prefixes of the files that wake receivers, or a receiver's monitor.
 constexpr std::string_view BellPrefix = ".bell-";
 constexpr std::string_view StopPrefix = ".vlx-stop-";
-
-// The only entry of a sender's directory.
-constexpr const char* SocketFileName = "nanomsgChannel.ipc";
 
 enum class Kind
 {
@@ -59,9 +53,7 @@ struct Candidate
 
 std::optional<Kind> findKind(const std::string& name, const struct stat& status)
 {
-    const std::string_view prefix = SenderDirectoryPrefix;
-    if (name.starts_with(prefix) && name.size() == prefix.size() + RandomCharacters &&
-        S_ISDIR(status.st_mode))
+    if (isSenderDirectoryName(name) && S_ISDIR(status.st_mode))
         return Kind::SendersDirectory;
     if ((name.starts_with(BellPrefix) || name.starts_with(StopPrefix)) && S_ISREG(status.st_mode) &&
         status.st_size == 0)
@@ -135,9 +127,9 @@ bool isServed(const std::string& socketFile)
         return true; // cannot be asked
     address.sun_family = AF_UNIX;
     socketFile.copy(address.sun_path, socketFile.size());
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    const ScopeGuard socketGuard([fd] { ::close(fd); });
-    return ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ||
+    const OwnedDescriptor client(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    return ::connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
+               0 ||
            (errno != ECONNREFUSED && errno != ENOENT);
 }
 
@@ -146,32 +138,32 @@ bool isServed(const std::string& socketFile)
 /// @return 0 or an error number, as DirectoryLock::take(); ESTALE if the directory was replaced
 int lockDirectory(const std::string& path, const struct stat& expected, DirectoryLock& lock)
 {
-    const int fd = ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0)
+    const OwnedDescriptor directory(
+        ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory.isOpen())
         return errno;
-    const ScopeGuard directoryGuard([fd] { ::close(fd); });
     struct stat status = {};
-    if (::fstat(fd, &status) != 0 || status.st_uid != expected.st_uid ||
+    if (::fstat(directory.get(), &status) != 0 || status.st_uid != expected.st_uid ||
         status.st_ino != expected.st_ino)
         return ESTALE;
-    return lock.take(fd);
+    return lock.take(directory.get());
 }
 
 /// @return as DeadEntry::problem
 std::string removeDirectory(const std::string& path, uid_t user)
 {
     // By descriptor: another process may replace it by a link to another directory.
-    const int fd = ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0)
+    const OwnedDescriptor directory(
+        ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory.isOpen())
         return miscUtils::strerror_r_safe(errno);
-    const ScopeGuard directoryGuard([fd] { ::close(fd); });
     struct stat status = {};
-    if (::fstat(fd, &status) != 0 || status.st_uid != user)
+    if (::fstat(directory.get(), &status) != 0 || status.st_uid != user)
         return "another user has replaced it";
 
     // Only a socket is removed; any other entry makes rmdir() fail.
-    if (::fstatat(fd, SocketFileName, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-        S_ISSOCK(status.st_mode) && ::unlinkat(fd, SocketFileName, 0) != 0)
+    if (::fstatat(directory.get(), SocketFileName, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISSOCK(status.st_mode) && ::unlinkat(directory.get(), SocketFileName, 0) != 0)
         return miscUtils::strerror_r_safe(errno);
     return ::rmdir(path.c_str()) == 0 ? std::string() : miscUtils::strerror_r_safe(errno);
 }
@@ -187,7 +179,7 @@ std::string removeFile(const std::string& path)
 Cleaning removeDeadEntries(const std::string& baseDirectory, int stopFD)
 {
     Cleaning cleaning;
-    const std::string base = baseDirectory.empty() ? getBaseDirectory() : baseDirectory;
+    const std::string base = getBaseDirectory(baseDirectory);
     std::vector<Candidate> directories;
     for (const Candidate& candidate : findCandidates(base))
     {
@@ -211,7 +203,7 @@ Cleaning removeDeadEntries(const std::string& baseDirectory, int stopFD)
             ++cleaning.numDoubtful;
         else if (
             lockDirectory(path, candidate.status, lock) != EWOULDBLOCK &&
-            !isServed(path + "/" + SocketFileName))
+            !isServed(makeSocketFilePath(path)))
             cleaning.entries.push_back({path, removeDirectory(path, candidate.status.st_uid)});
     }
     std::sort(
@@ -229,8 +221,7 @@ void removeOwnDeadDirectories(const std::string& baseDirectory)
         // The sticky bit marks a directory that was locked.
         if (candidate.kind == Kind::SendersDirectory && candidate.status.st_uid == ::geteuid() &&
             (candidate.status.st_mode & S_ISVTX) != 0 &&
-            lockDirectory(path, candidate.status, lock) == 0 &&
-            !isServed(path + "/" + SocketFileName))
+            lockDirectory(path, candidate.status, lock) == 0 && !isServed(makeSocketFilePath(path)))
             removeDirectory(path, candidate.status.st_uid);
     }
 }

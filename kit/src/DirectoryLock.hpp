@@ -5,7 +5,8 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
+
+#include "base/OwnedDescriptor.hpp"
 
 namespace vlx::kit
 {
@@ -18,36 +19,19 @@ namespace vlx::kit
 class DirectoryLock
 {
 public:
-    DirectoryLock() = default;
-
-    ~DirectoryLock()
-    {
-        if (m_fd >= 0)
-            ::close(m_fd);
-    }
-
-    DirectoryLock(DirectoryLock&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-
-    DirectoryLock& operator=(DirectoryLock&& other) noexcept
-    {
-        std::swap(m_fd, other.m_fd);
-        return *this;
-    }
-
     /// @param directoryFD  descriptor of the directory; may be opened with O_PATH
     /// @return 0; otherwise an error number: EWOULDBLOCK if another process holds the lock
     int take(int directoryFD)
     {
-        DirectoryLock lock;
-        lock.m_fd = ::openat(directoryFD, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (lock.m_fd < 0 || ::flock(lock.m_fd, LOCK_EX | LOCK_NB) != 0)
+        OwnedDescriptor directory(::openat(directoryFD, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!directory.isOpen() || ::flock(directory.get(), LOCK_EX | LOCK_NB) != 0)
             return errno;
-        *this = std::move(lock);
+        m_directory = std::move(directory);
         return 0;
     }
 
 private:
-    int m_fd = -1;
+    OwnedDescriptor m_directory;
 };
 
 } // namespace vlx::kit

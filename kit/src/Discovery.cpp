@@ -2,9 +2,6 @@
 #include <cerrno>
 #include <deque>
 
-#include <AbstractName.hpp>
-#include <Descriptors.hpp>
-#include <Fourcc.hpp>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -12,6 +9,9 @@
 #include <vlxkit/Discovery.hpp>
 
 #include "SenderQuestion.hpp"
+#include "base/AbstractName.hpp"
+#include "base/Descriptors.hpp"
+#include "base/Fourcc.hpp"
 
 namespace vlx::kit
 {

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <limits>
 
-#include <ForkedCopy.hpp>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include "TimedWait.hpp"
+#include "base/ForkedCopy.hpp"
 
 namespace vlx::kit
 {

@@ -12,7 +12,7 @@
 
 #include <vlxkit/Consumer.hpp>
 
-#include "ChannelCheck.hpp"
+#include "base/OwnedDescriptor.hpp"
 
 namespace vlx::kit
 {

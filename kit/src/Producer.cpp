@@ -10,9 +10,6 @@
 #include <thread>
 #include <utility>
 
-#include <AbstractName.hpp>
-#include <ForkedCopy.hpp>
-#include <SenderDirectory.hpp>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 #include <sys/eventfd.h>
@@ -27,7 +24,6 @@
 #include <vlxkit/Text.hpp>
 
 #include "Bell.hpp"
-#include "ChannelCheck.hpp"
 #include "DeadDirectories.hpp"
 #include "DirectoryLock.hpp"
 #include "LibraryError.hpp"
@@ -35,6 +31,10 @@
 #include "SocketFile.hpp"
 #include "TailWait.hpp"
 #include "UnixSockets.hpp"
+#include "base/AbstractName.hpp"
+#include "base/ForkedCopy.hpp"
+#include "base/OwnedDescriptor.hpp"
+#include "base/SenderDirectory.hpp"
 
 namespace vlx::kit
 {

@@ -6,8 +6,6 @@
 #include <system_error>
 #include <thread>
 
-#include <ErrorText.hpp>
-#include <SenderDirectory.hpp>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 #include <unistd.h>
@@ -16,6 +14,8 @@
 #include <vlxkit/PromptStop.hpp>
 
 #include "DirectoryEntry.hpp"
+#include "base/ErrorText.hpp"
+#include "base/SenderDirectory.hpp"
 
 namespace vlx::kit
 {

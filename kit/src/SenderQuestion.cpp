@@ -8,9 +8,6 @@
 #include <filesystem>
 #include <string_view>
 
-#include <AbstractName.hpp>
-#include <Connection.hpp>
-#include <LittleEndian.hpp>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -21,6 +18,9 @@
 #include <vlx/VlxPayload.hpp>
 
 #include "ChannelCheck.hpp"
+#include "base/AbstractName.hpp"
+#include "base/Connection.hpp"
+#include "base/LittleEndian.hpp"
 
 namespace vlx::kit
 {

@@ -8,13 +8,13 @@
 #include <optional>
 #include <tuple>
 
-#include <SenderDirectory.hpp>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "UnixSockets.hpp"
+#include "base/SenderDirectory.hpp"
 
 namespace vlx::kit
 {
@@ -24,9 +24,6 @@ namespace
 
 // The library names its threads.
 constexpr std::string_view ListenerThreadName = "vlx-listener";
-
-// Mode that a receiver in Pipeline sets on its socket file.
-constexpr mode_t PipelineReceiverMode = 0622;
 
 constexpr std::string_view SocketLinkPrefix = "socket:[";
 
@@ -112,7 +109,7 @@ bool isOfPipelineReceiver(const std::string& socketFile)
 {
     struct stat status = {};
     return ::lstat(socketFile.c_str(), &status) == 0 &&
-           (status.st_mode & 0777) == PipelineReceiverMode;
+           (status.st_mode & 0777) == PipelineSocketMode;
 }
 
 /// Sockets on which a process listens.
@@ -175,16 +172,6 @@ void searchProcess(pid_t pid, const UnixSockets& sockets, SenderSearch& search)
 }
 
 } // unnamed namespace
-
-std::string findSenderDirectoryName(const std::string& path)
-{
-    const std::size_t end = path.rfind('/');
-    if (end == std::string::npos || end == 0)
-        return {};
-    const std::size_t begin = path.rfind('/', end - 1);
-    const std::string name = path.substr(begin + 1, end - begin - 1); // a missing "/" counts as -1
-    return name.starts_with(SenderDirectoryPrefix) ? name : std::string();
-}
 
 SenderSearch searchSenders()
 {

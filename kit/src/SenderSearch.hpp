@@ -26,7 +26,4 @@ struct SenderSearch
 /// @thread any
 SenderSearch searchSenders();
 
-/// @return name of the sender's directory that contains the path; empty if none does
-std::string findSenderDirectoryName(const std::string& path);
-
 } // namespace vlx::kit

@@ -2,11 +2,8 @@
 
 #include <cerrno>
 #include <chrono>
-#include <string_view>
 #include <thread>
 
-#include <Guards.hpp>
-#include <SocketFileMode.hpp>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +11,8 @@
 #include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/Discovery.hpp>
 #include <vlxkit/Text.hpp>
+
+#include "base/SenderDirectory.hpp"
 
 namespace vlx::kit
 {
@@ -25,7 +24,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto AnswerTimeout = std::chrono::seconds(5); // far longer than a busy machine takes
 constexpr auto BusyRetryInterval = std::chrono::milliseconds(1);
-constexpr std::string_view IpcScheme = "ipc://";
 
 struct Modes
 {
@@ -60,21 +58,6 @@ std::string describe(const std::string& path, int error)
 bool isWithoutLocks(int error)
 {
     return error == EOPNOTSUPP || error == ENOSYS || error == EINVAL || error == ENOLCK;
-}
-
-/// @return 0, or an error number: ENOTDIR for anything but a directory, EPERM for another user's
-int narrowDirectory(int fd, mode_t mode)
-{
-    struct stat status = {};
-    if (::fstat(fd, &status) != 0)
-        return errno;
-    if (!S_ISDIR(status.st_mode))
-        return ENOTDIR;
-    if (status.st_uid != ::geteuid())
-        return EPERM;
-    // fchmod() refuses a descriptor opened with O_PATH.
-    const std::string throughDescriptor = "/proc/self/fd/" + std::to_string(fd);
-    return ::chmod(throughDescriptor.c_str(), mode) == 0 ? 0 : errno;
 }
 
 bool isOwnSocket(int directoryFD, const std::string& name)
@@ -119,9 +102,7 @@ std::string findSocketFile(const std::string& name)
         std::this_thread::sleep_for(BusyRetryInterval);
         answer = probeSender(name, AnswerTimeout);
     }
-    if (!answer.initialInfo || !answer.initialInfo->nanomsgURI.starts_with(IpcScheme))
-        return {};
-    return answer.initialInfo->nanomsgURI.substr(IpcScheme.size());
+    return answer.initialInfo ? toSocketFilePath(answer.initialInfo->nanomsgURI) : std::string();
 }
 
 mode_t toUmask(SocketMode mode)
@@ -141,19 +122,20 @@ Status protectSocketFile(
     const std::string directory = path.substr(0, slash);
     const std::string name = path.substr(slash + 1);
 
-    const int fd = ::open(directory.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0)
+    const OwnedDescriptor opened(
+        ::open(directory.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const int fd = opened.get();
+    if (!opened.isOpen())
         return {
             ErrorCode::DirectoryNotTrusted,
             "another process has replaced the sender's directory " + describe(directory, errno)};
-    const ScopeGuard directoryGuard([fd] { ::close(fd); });
     const int lockError = lock.take(fd);
     if (lockError != 0 && !isWithoutLocks(lockError))
         return {
             ErrorCode::Failed,
             "cannot lock the sender's directory " + describe(directory, lockError)};
-    if (const int error =
-            narrowDirectory(fd, isPipeline ? modes.pipelineDirectory : modes.pubSubDirectory))
+    if (const int error = changeOwnMode(
+            fd, S_IFDIR, isPipeline ? modes.pipelineDirectory : modes.pubSubDirectory))
         return {
             ErrorCode::DirectoryNotTrusted,
             "cannot restrict the sender's directory " + describe(directory, error)};

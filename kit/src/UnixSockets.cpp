@@ -9,13 +9,14 @@
 #include <optional>
 #include <unordered_set>
 
-#include <Guards.hpp>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
 #include <linux/unix_diag.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "base/Guards.hpp"
 
 namespace vlx::kit
 {

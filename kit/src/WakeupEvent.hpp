@@ -3,10 +3,12 @@
 #include <cerrno>
 #include <cstdint>
 
-#include <Descriptors.hpp>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
+
+#include "base/Descriptors.hpp"
+#include "base/OwnedDescriptor.hpp"
 
 namespace vlx::kit
 {
@@ -16,28 +18,19 @@ namespace vlx::kit
 class WakeupEvent
 {
 public:
-    WakeupEvent() : m_fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-
-    ~WakeupEvent()
-    {
-        if (m_fd >= 0)
-            ::close(m_fd);
-    }
-
-    WakeupEvent(const WakeupEvent&) = delete;
-    WakeupEvent& operator=(const WakeupEvent&) = delete;
+    WakeupEvent() : m_event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
     /// @return whether a descriptor was available at construction
     bool isOpen() const
     {
-        return m_fd >= 0;
+        return m_event.isOpen();
     }
 
     /// @thread any
     void wake() const
     {
         constexpr std::uint64_t One = 1;
-        while (::write(m_fd, &One, sizeof(One)) < 0 && errno == EINTR)
+        while (::write(m_event.get(), &One, sizeof(One)) < 0 && errno == EINTR)
         {
         }
     }
@@ -48,14 +41,14 @@ public:
     /// @thread one at a time
     void wait(int timeoutMs, int inputFD = -1) const
     {
-        pollfd entries[] = {{m_fd, POLLIN, 0}, {inputFD, POLLIN, 0}};
+        pollfd entries[] = {{m_event.get(), POLLIN, 0}, {inputFD, POLLIN, 0}};
         pollUninterrupted(entries, 2, timeoutMs);
         std::uint64_t count = 0;
-        [[maybe_unused]] const ssize_t size = ::read(m_fd, &count, sizeof(count));
+        [[maybe_unused]] const ssize_t size = ::read(m_event.get(), &count, sizeof(count));
     }
 
 private:
-    const int m_fd;
+    const OwnedDescriptor m_event;
 };
 
 } // namespace vlx::kit

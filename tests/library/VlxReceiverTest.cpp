@@ -32,7 +32,7 @@
 #include <vlxkit/PromptStop.hpp>
 
 #include "Bell.hpp"
-#include "SocketFileMode.hpp"
+#include "base/SenderDirectory.hpp"
 #include "support/HostilePeer.hpp"
 #include "support/LogCapture.hpp"
 #include "support/RawPeers.hpp"

@@ -28,8 +28,8 @@
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxSender.hpp>
 
-#include "Guards.hpp"
-#include "SenderDirectory.hpp"
+#include "base/Guards.hpp"
+#include "base/SenderDirectory.hpp"
 #include "support/HostilePeer.hpp"
 #include "support/LogCapture.hpp"
 #include "support/RawSender.hpp"

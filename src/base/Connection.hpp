@@ -13,7 +13,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include "CloseAside.hpp"
+#include "base/CloseAside.hpp"
 
 namespace vlx
 {

@@ -7,7 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "Descriptors.hpp"
+#include "base/Descriptors.hpp"
 
 namespace vlx
 {

@@ -15,8 +15,8 @@
 
 #include <unistd.h>
 
-#include "Guards.hpp"
-#include "ThreadName.hpp"
+#include "base/Guards.hpp"
+#include "base/ThreadName.hpp"
 
 namespace vlx
 {
