@@ -284,17 +284,6 @@ TEST_F(SendTest, LastFrameIsWaitedForAsLongAsItIs)
     EXPECT_EQ(sender.wait(), 0) << sender.getErrors();
 }
 
-TEST_F(SendTest, TakenNameIsReplacedByTheAlternative)
-{
-    ToolProcess first(send({"--tone", "1"}));
-    ASSERT_TRUE(waitFor([&] { return kit::isNameTaken(getSocketName()); }));
-    const std::string other = getSocketName() + "-other";
-    ToolProcess second(send({"--tone", "1", "--alternative", other, "-d", "1ms"}));
-    EXPECT_EQ(second.wait(), 0);
-    EXPECT_NE(second.getErrors().find("sending as \"" + other), std::string::npos);
-    EXPECT_EQ(first.stop(), 128 + SIGTERM);
-}
-
 TEST_F(SendTest, CatchingUpAfterAPauseIsNoBurst)
 {
     constexpr TimeValue FrameNs = 10'000'000;

@@ -137,7 +137,7 @@ Finding checkStream(StopSignal& stop)
 
     kit::Consumer consumer({.name = name}, {.onFrame = [](const kit::Frame&) {}});
     kit::Producer producer({.name = name});
-    const StopListener listener(stop, [&producer] { producer.stop(); });
+    const std::stop_callback listener(stop.getToken(), [&producer] { producer.stop(); });
     const kit::StreamFormat format;
     kit::Status status = consumer.start();
     if (status)

@@ -4,7 +4,6 @@
 #include <csignal>
 #include <cstdint>
 #include <system_error>
-#include <utility>
 
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -82,39 +81,17 @@ void StopSignal::loop()
         if (!isRequested())
         {
             firstPress = now;
-            request(number);
+            m_signalNumber = number;
+            const std::uint64_t one = 1;
+            // Cannot fail: the counter is far from its limit.
+            [[maybe_unused]] const ssize_t written = ::write(m_eventFD, &one, sizeof(one));
+            m_source.request_stop();
         }
         else if (number == SIGINT && now - firstPress >= OnePress)
         {
             ::_exit(toExitCode(number));
         }
     }
-}
-
-void StopSignal::request(int signalNumber)
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_signalNumber = signalNumber;
-    const std::uint64_t one = 1;
-    // Cannot fail: the counter is far from its limit.
-    [[maybe_unused]] const ssize_t written = ::write(m_eventFD, &one, sizeof(one));
-    if (m_listener)
-        m_listener();
-}
-
-StopListener::StopListener(StopSignal& stop, std::function<void()> function) : m_stop(stop)
-{
-    const std::lock_guard<std::mutex> lock(m_stop.m_mutex);
-    if (m_stop.isRequested())
-        function();
-    else
-        m_stop.m_listener = std::move(function);
-}
-
-StopListener::~StopListener()
-{
-    const std::lock_guard<std::mutex> lock(m_stop.m_mutex);
-    m_stop.m_listener = nullptr;
 }
 
 } // namespace vlx::tool

@@ -2,8 +2,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
-#include <mutex>
+#include <stop_token>
 #include <thread>
 
 namespace vlx::tool
@@ -55,37 +54,21 @@ public:
         return m_eventFD;
     }
 
-private:
-    friend class StopListener;
+    /// @return for std::stop_callback: its function runs on the signal's thread, or at once if a
+    ///         stop was requested before
+    std::stop_token getToken() const
+    {
+        return m_source.get_token();
+    }
 
+private:
     void loop();
-    void request(int signalNumber);
 
     int m_eventFD;
     std::atomic<int> m_signalNumber = 0;
     std::atomic<bool> m_keepRunning = true;
-    std::mutex m_mutex;
-    std::function<void()> m_listener; // guarded by m_mutex
-    std::thread m_thread;             // last: it uses all of the above
-};
-
-/// Has a function called, once at most, when a stop is asked for; at once if that has happened
-/// already. One listener at a time.
-///
-/// The function runs on the stop signal's thread, or inside the constructor.
-///
-/// @life the function is not running and will not be called any more once the listener is destroyed
-class StopListener
-{
-public:
-    StopListener(StopSignal& stop, std::function<void()> function);
-    ~StopListener();
-
-    StopListener(const StopListener&) = delete;
-    StopListener& operator=(const StopListener&) = delete;
-
-private:
-    StopSignal& m_stop;
+    std::stop_source m_source;
+    std::thread m_thread; // last: it uses all of the above
 };
 
 } // namespace vlx::tool

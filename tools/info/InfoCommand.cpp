@@ -94,7 +94,8 @@ CLI::App* addCommand(CLI::App& program, InfoOptions& options)
 ExitCode runInfo(const InfoOptions& options, StopSignal& stop)
 {
     // Nothing else interrupts the probe, and there is nothing to clean up.
-    const StopListener listener(stop, [&stop] { std::_Exit(toExitCode(stop.getSignalNumber())); });
+    const std::stop_callback listener(
+        stop.getToken(), [&stop] { std::_Exit(toExitCode(stop.getSignalNumber())); });
     const kit::SenderProbe answer = probe(options);
     if (options.json)
     {

@@ -1,12 +1,11 @@
 #include "FramePump.hpp"
 
 #include <algorithm>
-#include <utility>
-
-#include <vlxkit/Producer.hpp>
+#include <limits>
+#include <stop_token>
 
 #include "Playlist.hpp"
-#include "SendCommand.hpp"
+#include "SendOptions.hpp"
 #include "StreamClock.hpp"
 #include "audio/PcmCodec.hpp"
 #include "common/Duration.hpp"
@@ -28,7 +27,6 @@ using std::chrono::nanoseconds;
 constexpr auto MaxLateness = milliseconds(500);
 constexpr auto NewSequenceDelay = std::chrono::seconds(1);
 constexpr auto ProgressInterval = milliseconds(200);
-constexpr auto ReceiverCheckInterval = milliseconds(5);
 // A jump of the clock is seen so soon, however long the frames are.
 constexpr auto MaxSleep = milliseconds(100);
 // How far back a new run may begin, for samples that were taken while nothing was sent.
@@ -52,29 +50,59 @@ std::string toClockText(TimeValue ns)
 } // unnamed namespace
 
 FramePump::FramePump(
-    kit::Producer& producer,
-    PcmPayloader& payloader,
+    const SendOptions& options,
     Playlist& input,
     StreamClock& clock,
     const StopSignal& stop,
-    SendReport& report,
-    const SendOptions& options)
-    : m_producer(producer),
-      m_payloader(payloader),
+    SendReport& report)
+    : m_options(options),
       m_input(input),
       m_clock(clock),
       m_stop(stop),
       m_report(report),
-      m_options(options)
+      m_producer(
+          {.name = options.name,
+           .protocol = options.protocol,
+           .clock = clock.getProtocol(),
+           .clockAddress = clock.getAddress(),
+           .clockPort = clock.getPort(),
+           .socketMode = options.socketMode,
+           .realTime = options.realTime,
+           .onNotice = printNotice,
+           .onReceivers = [this](std::size_t count)
+           {
+               m_numReceivers = count;
+               showWaiting();
+           }})
 {
 }
 
 void FramePump::run()
 {
+    // Frees a pipeline send that waits for its receiver.
+    const std::stop_callback freeSends(m_stop.getToken(), [this] { m_producer.stop(); });
     takeFormat();
-    m_pace = kit::Pace(m_format.rate);
-    if (!waitForReceivers(m_options.waitReceivers))
+    if (!check(m_producer.open(m_format)))
         return;
+    const kit::RealTimeScope realTime(m_options.realTime);
+    m_pace = kit::Pace(m_format.rate);
+    if (waitForReceivers(m_options.waitReceivers))
+        sendFrames();
+    finishProgress(m_report.frames > 0 ? describeProgress() : std::string());
+    m_producer.close();
+}
+
+/// @return true on success, false after a stop
+/// @throws CommandFailure after any other failure
+bool FramePump::check(const kit::Status& status) const
+{
+    if (!status && !m_stop.isRequested())
+        throw CommandFailure(ExitCode::Failed, status.getText());
+    return static_cast<bool>(status);
+}
+
+void FramePump::sendFrames()
+{
     while (!m_stop.isRequested())
     {
         const std::size_t numSamples = readFrame();
@@ -82,32 +110,37 @@ void FramePump::run()
             return;
         if (numSamples == 0)
             continue;
-        if (m_options.protocol == NanomsgProtocol::Pipeline && !waitForReceivers(1))
+        if (m_options.protocol == NanomsgProtocol::Pipeline && m_producer.checkReceivers() == 0 &&
+            !waitForReceivers(1))
             return;
-        announce();
+        announceIfDue();
         if (!waitUntilDue() || !sendFrame(numSamples))
             return;
         showProgress();
     }
 }
 
-/// @return whether they are there; otherwise a stop was asked for
+/// @return true if they have joined, false after a stop
 bool FramePump::waitForReceivers(std::size_t count)
 {
-    const auto start = SteadyClock::now();
-    while (count > 0 && (m_numReceivers = m_producer.checkReceivers()) < count)
-    {
-        const auto now = SteadyClock::now();
-        const std::string joined =
-            std::to_string(m_numReceivers) + " of " + std::to_string(count) + " receivers";
-        if (m_options.timeout && now - start >= *m_options.timeout)
-            throw CommandFailure(
-                ExitCode::TimedOut, joined + " joined within " + toText(*m_options.timeout));
-        printProgress("waiting: " + joined);
-        if (m_stop.waitUntil(now + ReceiverCheckInterval))
-            return false;
-    }
-    return !m_stop.isRequested();
+    m_numAwaited = count;
+    showWaiting();
+    const kit::Status status =
+        m_producer.waitForReceivers(count, m_options.timeout.value_or(nanoseconds::zero()));
+    if (status.getCode() == kit::ErrorCode::TimedOut)
+        throw CommandFailure(
+            ExitCode::TimedOut, std::to_string(m_numReceivers) + " of " + std::to_string(count) +
+                                    " receivers joined within " + toText(*m_options.timeout));
+    m_numAwaited = 0;
+    return check(status);
+}
+
+void FramePump::showWaiting() const
+{
+    if (m_numAwaited > 0)
+        printProgress(
+            "waiting: " + std::to_string(m_numReceivers) + " of " + std::to_string(m_numAwaited) +
+            " receivers");
 }
 
 void FramePump::takeFormat()
@@ -115,20 +148,19 @@ void FramePump::takeFormat()
     m_format = m_input.getFormat();
     m_samplesOfFormat = 0;
     m_samplesPerFrame = std::max<std::uint64_t>(m_format.toSamples(toNs(*m_options.frame)), 1);
-    if (m_options.duration)
-        m_samplesLeft = m_format.toSamples(toNs(*m_options.duration) - m_nsOfFormerFormats);
 }
 
 /// Goes on with the next format, in a new sequence, its timestamps where the last ones ended.
 bool FramePump::changeFormat()
 {
-    if (m_samplesLeft == 0U || !m_input.beginNextFormat())
+    if (getSamplesLeft() == 0 || !m_input.beginNextFormat())
         return false;
     m_nsOfFormerFormats += m_format.toNanoseconds(m_samplesOfFormat);
     takeFormat();
-    m_payloader.setNewFormat(m_format.rate, m_format.channels, m_format.sampleFormat);
-    m_announceTime = SteadyClock::now();
+    if (!check(m_producer.setFormat(m_format)))
+        return false;
     m_pace.changeRate(m_format.rate);
+    holdFrame();
     if (m_running)
         reportRun();
     return true;
@@ -136,8 +168,7 @@ bool FramePump::changeFormat()
 
 std::size_t FramePump::readFrame()
 {
-    const std::size_t wanted =
-        std::min<std::uint64_t>(m_samplesPerFrame, m_samplesLeft.value_or(m_samplesPerFrame));
+    const std::size_t wanted = std::min<std::uint64_t>(m_samplesPerFrame, getSamplesLeft());
     if (wanted == 0)
         return 0;
     while (m_input.isLive() && m_input.getNumWaiting() < wanted && takeInput({}))
@@ -147,10 +178,18 @@ std::size_t FramePump::readFrame()
     return m_samplesInHand;
 }
 
+/// @return samples of this format until the limit
+std::uint64_t FramePump::getSamplesLeft() const
+{
+    if (!m_options.duration)
+        return std::numeric_limits<std::uint64_t>::max();
+    return m_format.toSamples(toNs(*m_options.duration) - m_nsOfFormerFormats) - m_samplesOfFormat;
+}
+
 /// Waits for more of a live input.
 ///
 /// @return whether something came
-bool FramePump::takeInput(const std::optional<SteadyTime>& deadline)
+bool FramePump::takeInput(const Deadline& deadline)
 {
     const std::uint64_t samplesBefore = m_samplesInHand + m_input.getNumWaiting();
     switch (m_input.takeIn(deadline))
@@ -203,17 +242,11 @@ void FramePump::beginRun(SteadyTime now)
     m_running = true;
     TimeValue timestamp = m_clock.toStreamTime(now);
     if (m_input.isLive())
-        timestamp += kit::Pace::Margin - getBacklog();
+        timestamp += kit::Pace::Margin;
+    if (m_pace.isFollowing()) // the samples in hand were taken while nothing was sent
+        timestamp -= std::min(m_format.toNanoseconds(m_input.getNumWaiting()), toNs(MaxBacklog));
     m_pace.begin(timestamp);
     reportRun();
-}
-
-/// @return since when samples of a live input wait to be sent, nanoseconds
-TimeValue FramePump::getBacklog() const
-{
-    if (!m_pace.isFollowing())
-        return 0;
-    return std::min(m_format.toNanoseconds(m_input.getNumWaiting()), toNs(MaxBacklog));
 }
 
 void FramePump::reportRun()
@@ -222,12 +255,18 @@ void FramePump::reportRun()
         m_pace.getTimestamp() + toNs(*m_options.latency), m_format, m_pace.getSpeedPpm());
 }
 
-void FramePump::announce()
+void FramePump::announceIfDue()
 {
     if (!m_announceTime || SteadyClock::now() < *m_announceTime)
         return;
     m_announceTime.reset();
-    static_cast<void>(m_producer.setFormat(m_payloader)); // a stop ends the next send too
+    static_cast<void>(m_producer.announce()); // a stop ends the next send too
+    holdFrame();
+}
+
+/// Leaves receivers time to take a new sequence before the next frame.
+void FramePump::holdFrame()
+{
     m_pace.holdUntil(getStreamTime() + toNs(*m_options.frame) / 2);
 }
 
@@ -244,8 +283,6 @@ bool FramePump::sendFrame(std::size_t numSamples)
     m_report.samples += numSamples;
     m_report.speedPpm = m_pace.getSpeedPpm();
     m_samplesOfFormat += numSamples;
-    if (m_samplesLeft)
-        *m_samplesLeft -= numSamples;
     return true;
 }
 
@@ -255,8 +292,6 @@ void FramePump::showProgress()
     if (now < m_nextProgress)
         return;
     m_nextProgress = now + ProgressInterval;
-    // Only counts: a sequence that began right behind a frame could be lost to a busy receiver.
-    m_numReceivers = m_producer.getStatistics().receivers;
     printProgress(describeProgress());
 }
 

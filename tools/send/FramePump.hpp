@@ -5,17 +5,12 @@
 #include <optional>
 #include <string>
 
-#include <vlx/VlxPayload.hpp>
-#include <vlx/VlxTypes.hpp>
 #include <vlxkit/Pace.hpp>
+#include <vlxkit/Producer.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
 #include "SendReport.hpp"
-
-namespace vlx::kit
-{
-class Producer;
-} // namespace vlx::kit
+#include "common/Poll.hpp"
 
 namespace vlx::tool
 {
@@ -25,7 +20,7 @@ class StopSignal;
 class StreamClock;
 struct SendOptions;
 
-/// Sends an input frame by frame at its own pace.
+/// Sends an input as a stream, frame by frame at its own pace.
 ///
 /// Each frame is due when the stream's clock shows its timestamp; see kit::Pace. A pump that has
 /// fallen behind a little catches up at twice the pace. One that has fallen far behind, because its
@@ -40,65 +35,66 @@ struct SendOptions;
 class FramePump
 {
 public:
-    /// @param producer  open with the payloader
-    /// @param report    counts frames and samples, and lists the runs; it is written at the
-    ///                  beginning of each, before its first frame
+    /// All parameters must outlive the pump.
+    ///
+    /// @param report  counts frames and samples, and lists the runs; it is written at the beginning
+    ///                of each, before its first frame
     FramePump(
-        kit::Producer& producer,
-        PcmPayloader& payloader,
+        const SendOptions& options,
         Playlist& input,
         StreamClock& clock,
         const StopSignal& stop,
-        SendReport& report,
-        const SendOptions& options);
+        SendReport& report);
 
-    /// Sends until the end of the input, the limit or a stop.
+    /// Opens the stream, sends until the end of the input, the limit or a stop, and closes it.
     ///
-    /// @throws CommandFailure if too few receivers came in time
+    /// @throws CommandFailure if the stream cannot be opened, its format cannot change, or too few
+    ///         receivers come in time
     void run();
-
-    /// @return one line about how far it has come
-    std::string describeProgress() const;
 
 private:
     using SteadyTime = std::chrono::steady_clock::time_point;
 
+    bool check(const kit::Status& status) const;
+    void sendFrames();
     bool waitForReceivers(std::size_t count);
+    void showWaiting() const;
     void takeFormat();
     bool changeFormat();
     std::size_t readFrame();
-    bool takeInput(const std::optional<std::chrono::steady_clock::time_point>& deadline);
+    std::uint64_t getSamplesLeft() const;
+    bool takeInput(const Deadline& deadline);
     bool waitUntilDue();
     void handleLateness(SteadyTime now);
     void beginRun(SteadyTime now);
-    TimeValue getBacklog() const;
     void reportRun();
-    void announce();
+    void announceIfDue();
+    void holdFrame();
     bool sendFrame(std::size_t numSamples);
     void showProgress();
+    std::string describeProgress() const;
     TimeValue getStreamTime() const;
 
-    kit::Producer& m_producer;
-    PcmPayloader& m_payloader;
+    const SendOptions& m_options;
     Playlist& m_input;
     StreamClock& m_clock;
     const StopSignal& m_stop;
     SendReport& m_report;
-    const SendOptions& m_options;
 
     kit::StreamFormat m_format;
     std::size_t m_samplesPerFrame = 0;
-    std::optional<std::uint64_t> m_samplesLeft; // of this format, until the limit
-    std::uint64_t m_samplesOfFormat = 0;
+    std::uint64_t m_samplesOfFormat = 0; // sent
     TimeValue m_nsOfFormerFormats = 0;
     Buffer m_frame;
     std::size_t m_samplesInHand = 0; // read, and not sent yet
 
     kit::Pace m_pace;                         // without latency
     bool m_running = false;                   // a run has begun
-    std::optional<SteadyTime> m_announceTime; // unset: no new sequence is due
+    std::optional<SteadyTime> m_announceTime; // not set: no new sequence is due
     std::size_t m_numReceivers = 0;
+    std::size_t m_numAwaited = 0; // receivers; 0 while frames are sent
     SteadyTime m_nextProgress;
+    kit::Producer m_producer; // last: its callback uses the above
 };
 
 } // namespace vlx::tool

@@ -1,10 +1,11 @@
+#include "SendOptions.hpp"
+
 #include <stdexcept>
 #include <string_view>
 #include <utility>
 
 #include <CLI/CLI.hpp>
 
-#include "SendCommand.hpp"
 #include "common/Numbers.hpp"
 
 namespace vlx::tool
@@ -50,11 +51,6 @@ void addInputOptions(CLI::App& command, SendOptions& options)
 
 void addStreamOptions(CLI::App& command, SendOptions& options)
 {
-    command
-        .add_option(
-            "--alternative", options.alternativeName, "Use this name if the first one is taken")
-        ->type_name("NAME")
-        ->check(CLI::Validator(checkStreamName, ""));
     addDurationOption(command, "--frame", options.frame, "Length of a frame [10ms]");
     addDurationOption(
         command, "--latency", options.latency,
@@ -89,9 +85,6 @@ void addClockOptions(CLI::App& command, SendOptions& options)
     addPortOption(
         command, "--clock-port", options.clockPort,
         "UDP port of the network clock [any free port]");
-    command.add_flag(
-        "--external-clock", options.externalClock,
-        "Follow a network clock that another program serves");
 }
 
 /// Derives the choice of the clock from all clock options together.
@@ -99,19 +92,16 @@ void settleClock(const CLI::App& command, SendOptions& options)
 {
     const bool hasAddress = command.count("--clock-address") > 0;
     const bool hasPort = command.count("--clock-port") > 0;
-    if (!options.clock)
-        options.clock = hasAddress || hasPort || options.externalClock ? ClockChoice::External
-                                                                       : ClockChoice::System;
-    if (*options.clock == ClockChoice::Served && options.externalClock)
+    if (command.count("--clock") == 0 && (hasAddress || hasPort))
         options.clock = ClockChoice::External;
 
-    if (*options.clock == ClockChoice::System && (hasAddress || hasPort || options.externalClock))
+    if (options.clock == ClockChoice::System && (hasAddress || hasPort))
         throw CLI::ValidationError(
             "--clock", "the system clock has no address or port; use --clock net");
-    if (*options.clock == ClockChoice::External && !(hasAddress && hasPort))
+    if (options.clock == ClockChoice::External && !(hasAddress && hasPort))
         throw CLI::ValidationError(
-            "--external-clock", "to follow a clock, give --clock-address and --clock-port");
-    if (*options.clock == ClockChoice::Served && !hasAddress)
+            "--clock", "to follow a network clock, give --clock-address and --clock-port");
+    if (options.clock == ClockChoice::Served && !hasAddress)
         options.clockAddress = LocalAddress;
 }
 

@@ -2,20 +2,35 @@
 
 #include <cmath>
 
+#include <CLI/StringTools.hpp>
+
+#include "SendOptions.hpp"
 #include "common/ReportFile.hpp"
 #include "common/SenderReport.hpp"
 
 namespace vlx::tool
 {
 
-void SendReport::beginRun(TimeValue timestamp, const kit::StreamFormat& runFormat, double ppm)
+SendReport::SendReport(
+    const SendOptions& options,
+    const kit::StreamFormat& format,
+    TimeSyncProtocol clock)
+    : m_path(options.report),
+      m_firstFormat(format),
+      m_stream({{"stream", options.name}, {"input", CLI::detail::join(options.inputs, " ")}})
 {
-    m_run = {timestamp, samples, runFormat, ppm};
-    runs.push_back({{"sample", samples}, {"timestamp", timestamp}});
+    addFormat(m_stream, format);
+    m_stream["clock"] = toString(clock);
+}
+
+void SendReport::beginRun(TimeValue timestamp, const kit::StreamFormat& format, double ppm)
+{
+    m_run = {timestamp, samples, format, ppm};
+    m_runs.push_back({{"sample", samples}, {"timestamp", timestamp}});
     if (ppm != 0)
-        runs.back()["speed_ppm"] = ppm;
-    if (runFormat != format)
-        addFormat(runs.back(), runFormat);
+        m_runs.back()["speed_ppm"] = ppm;
+    if (format != m_firstFormat)
+        addFormat(m_runs.back(), format);
     write();
 }
 
@@ -29,18 +44,16 @@ bool SendReport::isInRun(TimeValue timestamp) const
 
 void SendReport::write(bool isLast) const
 {
-    if (path.empty() || (!isLast && !isReplaced(path)))
+    if (m_path.empty() || (!isLast && !isReplaced(m_path)))
         return;
-    nlohmann::ordered_json json = {{"stream", name}, {"input", input}};
-    addFormat(json, format);
+    nlohmann::ordered_json json = m_stream;
     json.update(
-        {{"clock", clock},
-         {"finished", finished},
+        {{"finished", finished},
          {"frames", frames},
          {"samples", samples},
          {"speed_ppm", speedPpm},
-         {"runs", runs}});
-    writeJson(path, json);
+         {"runs", m_runs}});
+    writeJson(m_path, json);
 }
 
 } // namespace vlx::tool

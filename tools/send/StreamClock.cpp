@@ -1,13 +1,8 @@
 #include "StreamClock.hpp"
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
-#include <memory>
-#include <thread>
 #include <utility>
-
-#include <netdb.h>
 
 #include "common/Duration.hpp"
 #include "common/ExitCodes.hpp"
@@ -37,24 +32,6 @@ std::int64_t toNs(SteadyClock::time_point time)
     return std::chrono::duration_cast<nanoseconds>(time.time_since_epoch()).count();
 }
 
-/// Looks up a host name on a thread of its own, since nothing can end that.
-///
-/// @return becomes the result of getaddrinfo(); 0 until it is known
-std::shared_ptr<const std::atomic<int>> lookUp(const std::string& address)
-{
-    const auto result = std::make_shared<std::atomic<int>>(0);
-    std::thread(
-        [address, result]
-        {
-            addrinfo* list = nullptr;
-            *result = ::getaddrinfo(address.c_str(), nullptr, nullptr, &list);
-            if (list != nullptr)
-                ::freeaddrinfo(list);
-        })
-        .detach();
-    return result;
-}
-
 } // unnamed namespace
 
 StreamClock::StreamClock(ClockChoice choice, std::string address, std::uint16_t port)
@@ -71,7 +48,6 @@ bool StreamClock::waitUntilReady(const OptionalDuration& timeout, const StopSign
 
     const std::string name =
         "the network clock at " + m_address + " port " + std::to_string(m_port);
-    const auto lookUpResult = lookUp(m_address);
     const auto start = SteadyClock::now();
     bool told = false;
     follow(m_netClock, m_address, m_port);
@@ -81,14 +57,10 @@ bool StreamClock::waitUntilReady(const OptionalDuration& timeout, const StopSign
         if (timeout && now - start >= *timeout)
             throw CommandFailure(
                 ExitCode::TimedOut, name + " did not synchronise within " + toText(*timeout));
-        const int result = *lookUpResult;
-        if (!told && (result != 0 || now - start >= UsualSyncTime))
+        if (!told && now - start >= UsualSyncTime)
         {
             told = true;
-            printNotice(
-                result == 0
-                    ? name + " does not answer yet: waiting for it"
-                    : "cannot resolve " + name + " (" + ::gai_strerror(result) + "): still trying");
+            printNotice(name + " does not answer yet: waiting for it");
         }
         if (stop.waitUntil(now + CheckInterval))
             return false;

@@ -11,7 +11,6 @@
 #include "StreamClock.hpp"
 #include "audio/AudioInput.hpp"
 #include "common/CommonOptions.hpp"
-#include "common/ExitCodes.hpp"
 
 namespace vlx::tool
 {
@@ -19,7 +18,6 @@ namespace vlx::tool
 struct SendOptions
 {
     std::string name;
-    std::string alternativeName;
     std::vector<std::string> inputs;
     InputSettings input;
     std::optional<double> toneHz;
@@ -32,8 +30,7 @@ struct SendOptions
     OptionalDuration timeout;                               ///< of each wait
     NanomsgProtocol protocol = NanomsgProtocol::PubSub;
     kit::SocketMode socketMode = kit::SocketMode::Owner;
-    std::optional<ClockChoice> clock;
-    bool externalClock = false;
+    ClockChoice clock = ClockChoice::System;
     std::string clockAddress;
     std::uint16_t clockPort = 0;
     kit::RealTime realTime;
