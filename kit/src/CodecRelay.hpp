@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <optional>
-#include <utility>
+#include <variant>
 
 #include <vlx/VlxPayload.hpp>
 #include <vlxkit/Consumer.hpp>
@@ -11,33 +11,21 @@
 namespace vlx::kit
 {
 
-/// Keeps what a depayloader unwraps, so that it need not be copied from the receiver.
-class KeptFrame
-{
-public:
-    /// @return the last frame's media data, to be read or taken
-    Buffer& getFrame()
-    {
-        return m_frame;
-    }
+/// What a stream's frames are read with.
+using FrameFormat = std::variant<StreamFormat, CodecFormat>;
 
-protected:
-    ~KeptFrame() = default;
-
-    Buffer m_frame;
-};
-
-/// Stands between a receiver and a depayloader of the application: withholds a header that only
-/// repeats the one before, so that a decoder in step is not disturbed.
+/// Stands between a receiver and the user of a codec's frames: keeps each frame, so that it need
+/// not be copied from the receiver, and withholds a header that only repeats the one before, so
+/// that a decoder in step is not disturbed. By itself it accepts every header, and a frame is its
+/// payload.
 ///
 /// @thread as a depayloader
-class CodecRelay : public Depayloader, public KeptFrame
+class CodecRelay : public Depayloader
 {
 public:
-    /// @param target  must outlive the relay
-    explicit CodecRelay(Depayloader& target) : Depayloader(target.getFourcc()), m_target(target) {}
+    using Depayloader::Depayloader;
 
-    bool processCodecHeader(const ByteView& codecHeader) override
+    bool processCodecHeader(const ByteView& codecHeader) final
     {
         m_hasChanged =
             !m_header ||
@@ -45,72 +33,132 @@ public:
         if (!m_hasChanged)
             return true;
         m_header.reset();
-        if (!m_target.processCodecHeader(codecHeader))
+        if (!accept(codecHeader))
             return false;
         m_header.emplace(codecHeader.begin(), codecHeader.end());
         return true;
     }
 
-    Buffer unwrapFrame(const ByteView& payload) override
+    Buffer unwrapFrame(const ByteView& payload) final
     {
-        m_frame = m_target.unwrapFrame(payload);
+        unwrap(payload);
         return {};
     }
 
     void reset() override
     {
         forgetHeader();
-        m_target.reset();
     }
 
-    /// Passes the next header on, whatever it is.
+    /// Treats the next header as a new one, whatever it is.
     void forgetHeader()
     {
         m_header.reset();
     }
 
-    /// @return whether the last header was passed on
+    /// @return whether the last header was a new one; the first of a connection always is
     bool hasChanged() const
     {
         return m_hasChanged;
     }
 
-    Depayloader& getTarget() const
+    /// @return format of the frames that follow the last header
+    virtual FrameFormat getFormat() const
     {
-        return m_target;
+        return CodecFormat{getFourcc(), m_header.value_or(Buffer())};
     }
 
-    /// @return what frames are to be read with
-    CodecFormat getFormat() const
+    /// @return the last frame's media data, to be read or taken
+    Buffer& getFrame()
     {
-        return {getFourcc(), m_header.value_or(Buffer())};
+        return m_frame;
     }
+
+    /// @return whether a frame is written into the memory that getFrame() still has, which should
+    ///         then be replaced when it is taken
+    virtual bool reusesMemory() const
+    {
+        return true;
+    }
+
+protected:
+    /// @return whether frames can be read with this header, which is a new one
+    virtual bool accept(const ByteView& /*codecHeader*/)
+    {
+        return true;
+    }
+
+    /// Turns a payload into m_frame.
+    virtual void unwrap(const ByteView& payload)
+    {
+        m_frame.assign(payload.begin(), payload.end());
+    }
+
+    Buffer m_frame;
 
 private:
-    Depayloader& m_target;
-    std::optional<Buffer> m_header; // that the target has accepted last
+    std::optional<Buffer> m_header; // that was accepted last
     bool m_hasChanged = false;
 };
 
-/// PCM within the limits of StreamFormat.
-class BoundedPcmDepayloader : public PcmDepayloader, public KeptFrame
+/// Relays to a depayloader of the application.
+class DepayloaderRelay : public CodecRelay
 {
 public:
-    Buffer unwrapFrame(const ByteView& payload) override
+    /// @param target  must outlive the relay
+    explicit DepayloaderRelay(Depayloader& target)
+        : CodecRelay(target.getFourcc()), m_target(target)
     {
-        m_frame.assign(payload.begin(), payload.end());
-        return {};
     }
 
-    bool processCodecHeader(const ByteView& codecHeader) override
+    void reset() override
     {
-        return PcmDepayloader::processCodecHeader(codecHeader) && getFormat().isSupported();
+        CodecRelay::reset();
+        m_target.reset();
     }
 
-    StreamFormat getFormat() const
+    bool reusesMemory() const override
     {
-        return {getSampleFormat(), getSampleRate(), getNumChannels()};
+        return false;
     }
+
+private:
+    bool accept(const ByteView& codecHeader) override
+    {
+        return m_target.processCodecHeader(codecHeader);
+    }
+
+    void unwrap(const ByteView& payload) override
+    {
+        m_frame = m_target.unwrapFrame(payload);
+    }
+
+    Depayloader& m_target;
+};
+
+/// PCM within the limits of StreamFormat.
+class PcmRelay : public CodecRelay
+{
+public:
+    PcmRelay() : CodecRelay(PcmFourcc) {}
+
+    FrameFormat getFormat() const override
+    {
+        return getStreamFormat();
+    }
+
+private:
+    bool accept(const ByteView& codecHeader) override
+    {
+        return m_parser.processCodecHeader(codecHeader) && getStreamFormat().isSupported();
+    }
+
+    StreamFormat getStreamFormat() const
+    {
+        return {m_parser.getSampleFormat(), m_parser.getSampleRate(), m_parser.getNumChannels()};
+    }
+
+    PcmDepayloader m_parser;
 };
 
 } // namespace vlx::kit

@@ -1,6 +1,7 @@
 #include <atomic>
 #include <filesystem>
-#include <forward_list>
+#include <map>
+#include <memory>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -54,6 +55,8 @@ constexpr int SuspiciousChanges = 3;
 constexpr int WarySuspiciousChanges = 2;
 // A receiver that was watched for so long starts without the setbacks before.
 constexpr TimeValue CalmNs = 10'000 * NsPerMs;
+// With ConsumerOptions::anyCodec a sender could announce new ones for ever.
+constexpr std::size_t MaxCodecs = 64;
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("Vellox.Kit"));
 
@@ -105,7 +108,7 @@ public:
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
-    void addDepayloader(Depayloader& depayloader);
+    void addCodec(std::unique_ptr<CodecRelay> codec); // while the receiver is shut down
     Status start();
     void stop();
     void requestStop();
@@ -159,6 +162,7 @@ private:
     SenderProbe askSender();
     bool startReceiver();
     Ending superviseReceiver();
+    bool isPlayable(std::uint32_t fourcc, const Buffer& header);
     bool isSuspicious();
     bool isUnanswered(bool isLate);
     void stopReceiver();
@@ -183,7 +187,6 @@ private:
     // Of the thread that starts and stops.
     std::thread m_keeper;
     pid_t m_process = 0; // that has the keeper; 0: none has yet
-    std::forward_list<CodecRelay> m_relays;
 
     // Of the keeper, while it runs.
     std::string m_directory;                  // that the receiver watches
@@ -191,7 +194,6 @@ private:
     TimeValue m_askedAt = 0;                  // by the watch
     std::string m_standingConnection;         // of the receiver, at the last look
     int m_numChanges = 0;                     // of it, from one look to the next
-    DepayloaderList m_codecs;                 // for trying headers while the receiver is shut down
     Gatekeeper m_gate;                        // by the worker as well, for greetings
 
     // Of any thread.
@@ -215,8 +217,8 @@ private:
     ChannelCheck m_channel; // that is in use: its directory stays open
     ConsumerClock m_announcedClock;
     ClockType m_clock = ClockType::Undetermined;
-    CodecRelay* m_codec = nullptr; // of the last sequence; null for PCM
-    BoundedPcmDepayloader m_pcm;
+    CodecRelay* m_codec = nullptr;                                 // of the last sequence
+    std::map<std::uint32_t, std::unique_ptr<CodecRelay>> m_codecs; // that the receiver knows
     const std::shared_ptr<FramePool> m_pool = std::make_shared<FramePool>();
 
     Receiver m_receiver; // last: its threads use all of the above
@@ -229,16 +231,11 @@ Consumer::Impl::Impl(ConsumerOptions options, ConsumerCallbacks callbacks)
           m_options.name,
           m_options.senderUser,
           [this](std::uint32_t fourcc, const Buffer& header)
-          {
-              const bool isPlayable = m_codecs.setOutOfBandInfo(fourcc, header);
-              m_codecs.reset();
-              return isPlayable;
-          }),
+          { return isPlayable(fourcc, header); }),
       m_record(static_cast<TimeValue>(m_options.stallTimeout.count())),
       m_queue(m_options.queue)
 {
-    m_receiver.addDepayloader(m_pcm);
-    m_codecs.addDepayloader(m_pcm);
+    addCodec(std::make_unique<PcmRelay>());
     m_receiver.setStateChangedCallback([this](Receiver::State state) { handleState(state); });
     m_receiver.setNewSequenceCallback([this](Depayloader& depayloader)
                                       { handleSequence(depayloader); });
@@ -258,11 +255,26 @@ Consumer::Impl::~Impl()
     stop();
 }
 
-void Consumer::Impl::addDepayloader(Depayloader& depayloader)
+void Consumer::Impl::addCodec(std::unique_ptr<CodecRelay> codec)
 {
-    CodecRelay& relay = m_relays.emplace_front(depayloader);
-    m_receiver.addDepayloader(relay);
-    m_codecs.addDepayloader(relay);
+    m_codec = nullptr; // may be the one that is replaced
+    m_receiver.addDepayloader(*codec);
+    m_codecs[codec->getFourcc()] = std::move(codec);
+}
+
+bool Consumer::Impl::isPlayable(std::uint32_t fourcc, const Buffer& header)
+{
+    const auto found = m_codecs.find(fourcc);
+    if (found == m_codecs.end())
+    {
+        const bool isAdded = m_options.anyCodec && m_codecs.size() < MaxCodecs;
+        if (isAdded)
+            addCodec(std::make_unique<CodecRelay>(fourcc));
+        return isAdded;
+    }
+    const bool isAccepted = found->second->processCodecHeader(header);
+    found->second->reset();
+    return isAccepted;
 }
 
 Status Consumer::Impl::start()
@@ -279,7 +291,7 @@ Status Consumer::Impl::start()
         return status;
     m_stopRequested = false;
     m_refusal.reset();
-    m_gate.reset();
+    m_gate.reset(m_options.anyCodec);
     m_record.onStart(getMonotonicSysclockTime());
     if (usesQueue())
         m_queue.begin();
@@ -445,26 +457,24 @@ void Consumer::Impl::handleState(Receiver::State state)
 void Consumer::Impl::handleSequence(Depayloader& depayloader)
 {
     m_clock = m_receiver.getStreamClockType();
-    const bool isPcm = &depayloader == &m_pcm;
-    const auto format = isPcm ? std::optional(m_pcm.getFormat()) : std::nullopt;
-    CodecRelay* const codec = isPcm ? nullptr : static_cast<CodecRelay*>(&depayloader);
-    CodecRelay* const former = std::exchange(m_codec, codec);
+    auto& codec = static_cast<CodecRelay&>(depayloader);
+    CodecRelay* const former = std::exchange(m_codec, &codec);
     // A decoder that misses frames is out of step, whatever its next header is.
-    if (former != nullptr && former != codec)
+    if (former != nullptr && former != &codec)
         former->forgetHeader();
-    const bool isIntroduced =
-        m_record.onSequence(m_clock, format, codec != nullptr && codec->hasChanged());
-    if (!isIntroduced)
+    const FrameFormat format = codec.getFormat();
+    const auto* const pcm = std::get_if<StreamFormat>(&format);
+    m_record.onSequence(
+        m_clock, pcm != nullptr ? std::optional(*pcm) : std::nullopt, codec.hasChanged());
+    if (!codec.hasChanged())
         return;
-    if (usesQueue() && format)
-        m_queue.put(*format);
-    else if (usesQueue())
-        m_queue.put(codec->getFormat());
+    if (usesQueue())
+        std::visit([this](const auto& item) { m_queue.put(item); }, format);
     const CallbackScope scope(m_callbackThread);
-    if (format && m_callbacks.onFormat)
-        m_callbacks.onFormat(*format);
-    if (codec != nullptr && m_callbacks.onCodec)
-        m_callbacks.onCodec(codec->getTarget());
+    if (pcm != nullptr && m_callbacks.onFormat)
+        m_callbacks.onFormat(*pcm);
+    if (pcm == nullptr && m_callbacks.onCodec)
+        m_callbacks.onCodec(std::get<CodecFormat>(format));
 }
 
 void Consumer::Impl::handleFrame(TimeValue timestamp, TimeValue duration)
@@ -475,7 +485,7 @@ void Consumer::Impl::handleFrame(TimeValue timestamp, TimeValue duration)
     frame.arrival = getMonotonicSysclockTime();
     frame.clock = m_clock;
     frame.clockOffsetNs = measureClockOffset(frame.arrival);
-    Buffer& data = m_codec != nullptr ? m_codec->getFrame() : m_pcm.getFrame();
+    Buffer& data = m_codec->getFrame();
     const TimeValue streamTime =
         frame.clockOffsetNs ? frame.arrival + static_cast<TimeValue>(*frame.clockOffsetNs) : 0;
     const ConsumerRecord::Place place =
@@ -484,9 +494,10 @@ void Consumer::Impl::handleFrame(TimeValue timestamp, TimeValue duration)
     frame.isFirst = place.isFirst;
     if (usesQueue())
     {
-        Buffer next = m_codec != nullptr ? Buffer() : m_pool->take();
+        const std::shared_ptr<FramePool> pool = m_codec->reusesMemory() ? m_pool : nullptr;
+        Buffer next = pool ? pool->take() : Buffer();
         m_queue.putFrame(
-            ReceivedFrame(frame, std::exchange(data, std::move(next)), m_pool), place.lengthNs);
+            ReceivedFrame(frame, std::exchange(data, std::move(next)), pool), place.lengthNs);
         return;
     }
     const CallbackScope scope(m_callbackThread);
@@ -784,7 +795,7 @@ Consumer& Consumer::operator=(Consumer&& other) noexcept
 
 void Consumer::addDepayloader(Depayloader& depayloader)
 {
-    m_impl->addDepayloader(depayloader);
+    m_impl->addCodec(std::make_unique<DepayloaderRelay>(depayloader));
 }
 
 Status Consumer::start()

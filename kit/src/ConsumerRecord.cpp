@@ -56,7 +56,6 @@ void ConsumerRecord::onJoined(TimeValue now, const ConsumerClock& clock)
     m_joinedSince = now;
     m_lastSign = now;
     m_unknownSince = 0;
-    m_introduced = false;
 }
 
 bool ConsumerRecord::onEnded(TimeValue now, bool byPeer)
@@ -79,10 +78,10 @@ bool ConsumerRecord::onEnded(TimeValue now, bool byPeer)
     return true;
 }
 
-bool ConsumerRecord::onSequence(
+void ConsumerRecord::onSequence(
     Receiver::StreamClockType clock,
     const std::optional<StreamFormat>& format,
-    bool headerChanged)
+    bool isNew)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     ++m_counts.sequences;
@@ -92,13 +91,10 @@ bool ConsumerRecord::onSequence(
     if (std::exchange(m_lastClock, clock) != clock)
         m_expectedTimestamp.reset();
 
-    const bool isNew = !m_introduced || headerChanged || format != m_format;
-    m_introduced = true;
     m_isFirstFrame = m_isFirstFrame || isNew;
     m_format = format;
     if (format)
         m_counts.format = *format;
-    return isNew;
 }
 
 ConsumerRecord::Place ConsumerRecord::onFrame(

@@ -53,13 +53,12 @@ public:
 
     /// A sequence was announced.
     ///
-    /// @param format         not set for a codec of the application
-    /// @param headerChanged  of such a codec, against the sequence before
-    /// @return whether the frames that follow have to be introduced
-    bool onSequence(
+    /// @param format  not set for any codec but PCM
+    /// @param isNew   false if it only repeats what is known
+    void onSequence(
         Receiver::StreamClockType clock,
         const std::optional<StreamFormat>& format,
-        bool headerChanged = false);
+        bool isNew);
 
     /// @param streamTime  on the stream's clock, at the frame's arrival; 0 if it cannot be told
     Place onFrame(
@@ -130,8 +129,7 @@ private:
     TimeValue m_connectingSince = 0; // 0: not connecting
     TimeValue m_joinedSince = 0;     // 0: not joined
     bool m_hadFrame = false;         // in the present connection
-    bool m_introduced = false;       // the present connection's format was told
-    bool m_isFirstFrame = false;     // the next one is the first after an introduction
+    bool m_isFirstFrame = false;     // the next one is the first of something new
 };
 
 } // namespace vlx::kit

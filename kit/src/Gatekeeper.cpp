@@ -64,13 +64,13 @@ Gatekeeper::Gatekeeper(
 {
 }
 
-void Gatekeeper::reset()
+void Gatekeeper::reset(bool asksFirst)
 {
     forgetObstacles();
     m_refusal.reset();
     m_setback.reset();
     m_isPatient = false;
-    m_mustAsk = false;
+    m_mustAsk = asksFirst;
 }
 
 void Gatekeeper::forgetObstacles()

@@ -57,7 +57,9 @@ public:
     Gatekeeper(const std::string& name, std::optional<uid_t> senderUser, CodecTest isPlayable);
 
     /// Forgets everything: a new start.
-    void reset();
+    ///
+    /// @param asksFirst  whether a sender must be asked even before it is joined for the first time
+    void reset(bool asksFirst = false);
 
     /// The stream plays, so what comes next is news.
     void forgetObstacles();

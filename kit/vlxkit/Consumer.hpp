@@ -56,6 +56,11 @@ struct ConsumerOptions
     std::function<void(const std::string&)> onNotice = {};
     /// For a consumer without a frame callback, whose frames wait until they are read.
     QueueLimits queue = {};
+    /// Whether to receive codecs without a depayloader, too: each frame is the payload as it was
+    /// sent, and CodecFormat has the codec's FourCC and header. Otherwise they are reported as
+    /// CannotPlay. A sender is then asked for its codec before it is first joined. A stream that
+    /// changes to a new codec is Lost and joined again; at most 64 codecs in all are received.
+    bool anyCodec = false;
 };
 
 /// What is known about a frame.
@@ -205,8 +210,9 @@ struct ConsumerCallbacks
     /// Receives the format of the PCM frames that follow: before the first frame of each
     /// connection, and at each change. On the receiving thread.
     std::function<void(const StreamFormat&)> onFormat = {};
-    /// The same for a codec of the application: its depayloader has just taken the header.
-    std::function<void(Depayloader&)> onCodec = {};
+    /// The same for every other codec. Its depayloader, if there is one, has just accepted the
+    /// header.
+    std::function<void(const CodecFormat&)> onCodec = {};
     /// Receives each event, on the receiving thread or on the consumer's own.
     ///
     /// Each Joined is followed by exactly one Lost or Stalled before the next Joined, and before

@@ -63,7 +63,8 @@ public:
                },
                .onFormat = [this](const StreamFormat& format)
                { onCallback("format " + toText(format)); },
-               .onCodec = [this](Depayloader&) { onCallback("codec"); },
+               .onCodec = [this](const CodecFormat& codec)
+               { onCallback("codec " + toFourccText(codec.fourcc)); },
                .onEvent =
                    [this](const ConsumerEvent& event)
                {
@@ -1105,6 +1106,52 @@ TEST_F(ConsumerTest, IsReadInOrderUntilItIsStopped)
                    "frame 20 gap 0 dropped 0 first", "lost", "joined", format, "lost"}));
 }
 
+TEST_F(ConsumerTest, ReceivesCodecsWithoutADepayloaderAsBytes)
+{
+    for (const bool isThereFirst : {true, false})
+    {
+        Consumer pulling({.name = getSocketName(), .anyCodec = true});
+        RecordedConsumer calling({.name = getSocketName(), .anyCodec = true});
+        std::optional<ScriptedSender> sender;
+        if (!isThereFirst)
+        {
+            ASSERT_TRUE(pulling.start() && calling.start());
+        }
+        sender.emplace(getSocketName(), Script{.second = makeForeignSequenceInfo("WXYZ")});
+        if (isThereFirst)
+        {
+            ASSERT_TRUE(pulling.start() && calling.start());
+        }
+        std::optional<CodecFormat> format;
+        std::string lines;
+        Buffer data;
+        const auto readUntilFrame = [&]
+        {
+            while (auto item = pulling.read(5s))
+            {
+                lines += toLine(*item) + '\n';
+                if (auto* const codec = std::get_if<CodecFormat>(&*item))
+                    format = *codec;
+                if (auto* const frame = std::get_if<ReceivedFrame>(&*item))
+                    return data = std::move(frame->data), true;
+            }
+            return false;
+        };
+        ASSERT_TRUE(calling.waitForEvent("codec WXYZ"));
+        ASSERT_TRUE(waitFor([&] { return pulling.getStatistics().sequences == 1; }));
+        ASSERT_TRUE(sender->send(makeFrame(1, 10), 2));
+        ASSERT_TRUE(readUntilFrame());
+        EXPECT_TRUE(lines.ends_with("codec WXYZ of 6\nframe 10 gap 0 dropped 0 first\n")) << lines;
+        const Buffer announcement = makeForeignSequenceInfo("WXYZ");
+        EXPECT_EQ(format.value().header, Buffer(announcement.begin() + 8, announcement.end()));
+        const Buffer packet = makeFrame(1, 10);
+        EXPECT_EQ(data, Buffer(packet.begin() + 20, packet.end()));
+        EXPECT_TRUE(calling.waitForEvent("frame 10 gap 0 first"));
+        EXPECT_EQ(calling.count("joined"), isThereFirst ? 1U : 2U) << "asked before, or after";
+        EXPECT_EQ(calling.count("cannot play"), 0U);
+    }
+}
+
 TEST_F(ConsumerTest, AReaderThatStandsStillCostsOnlyItsOwnOldestFrames)
 {
     ScriptedSender sender(getSocketName());
@@ -1281,7 +1328,7 @@ TEST(ConsumerRecordTest, RejoinsAfterUnknownSequencesAtMostOnceASecond)
         if (row.before == Known::Join)
             record.onJoined(row.ms * Ms);
         if (row.before == Known::Sequence)
-            record.onSequence(Receiver::StreamClockType::NoClock, StreamFormat{});
+            record.onSequence(Receiver::StreamClockType::NoClock, StreamFormat{}, true);
         if (row.before == Known::Frame)
             record.onFrame(0, 0, 0, row.ms * Ms, 0);
         EXPECT_EQ(record.onUnknownSequence(row.ms * Ms), row.isDue) << row.ms;
@@ -1315,7 +1362,7 @@ TEST(ConsumerRecordTest, MeasuresGaps)
     ConsumerRecord record(0);
     record.onStart(1);
     record.onJoined(2);
-    EXPECT_TRUE(record.onSequence(Receiver::StreamClockType::NoClock, StreamFormat{}));
+    record.onSequence(Receiver::StreamClockType::NoClock, StreamFormat{}, true);
     for (const Row& row : rows)
         EXPECT_EQ(record.onFrame(row.timestamp, row.duration, 192, 3, 0).gapNs, row.gapNs)
             << row.name;
@@ -1325,7 +1372,7 @@ TEST(ConsumerRecordTest, MeasuresGaps)
     EXPECT_EQ(statistics.gapNs, 13 * Ms + 102);
     EXPECT_EQ(statistics.overlaps, 2U);
     EXPECT_EQ(record.getAges().getCount(), 0U);
-    record.onSequence(Receiver::StreamClockType::MonotonicSystemClock, StreamFormat{});
+    record.onSequence(Receiver::StreamClockType::MonotonicSystemClock, StreamFormat{}, true);
     EXPECT_EQ(record.onFrame(99 * Ms, Ms, 192, 100 * Ms, 100 * Ms).gapNs, 0) << "another clock";
     EXPECT_EQ(record.getAges().getMax(), Ms);
 
@@ -1344,8 +1391,8 @@ TEST(ConsumerRecordTest, KeepsOneConnectionApartFromTheNext)
     EXPECT_EQ(record.getConnectingSince(), 20U);
     record.onJoined(30);
     EXPECT_EQ(record.getConnectingSince(), 0U);
-    EXPECT_TRUE(record.onSequence(Clock, StreamFormat{}));
-    EXPECT_FALSE(record.onSequence(Clock, StreamFormat{}));
+    record.onSequence(Clock, StreamFormat{}, true);
+    record.onSequence(Clock, StreamFormat{}, false);
     EXPECT_TRUE(record.onFrame(0, 1, 4, 50, 50).isFirst) << "though announced again";
     EXPECT_FALSE(record.onFrame(1, 1, 4, 51, 51).isFirst);
     EXPECT_TRUE(record.hasFrame());
@@ -1361,12 +1408,10 @@ TEST(ConsumerRecordTest, KeepsOneConnectionApartFromTheNext)
     EXPECT_EQ(record.getConnectingSince(), 0U);
     record.onStart(100);
     record.onJoined(110);
-    EXPECT_TRUE(record.onSequence(Clock, StreamFormat{})) << "in each connection";
+    record.onSequence(Clock, StreamFormat{}, true);
     EXPECT_TRUE(record.onFrame(1, 1, 4, 120, 120).isFirst);
     EXPECT_EQ(record.getStatistics().joinNs, 20U) << "from the new start on";
-    EXPECT_TRUE(record.onSequence(Clock, std::nullopt)) << "from PCM to another codec";
-    EXPECT_FALSE(record.onSequence(Clock, std::nullopt, false));
-    EXPECT_TRUE(record.onSequence(Clock, std::nullopt, true));
+    record.onSequence(Clock, std::nullopt, true);
     EXPECT_EQ(record.getStatistics().format, StreamFormat{}) << "that of PCM stays";
 }
 
@@ -1398,7 +1443,7 @@ TEST(ConsumerRecordTest, OnlyFiveLossesWithinASecondAndWithoutASequenceAreFlappi
     EXPECT_FALSE(record.isFlapping());
     lose(10 * Second + 5);
     EXPECT_TRUE(record.isFlapping());
-    record.onSequence(Receiver::StreamClockType::NoClock, StreamFormat{});
+    record.onSequence(Receiver::StreamClockType::NoClock, StreamFormat{}, true);
     EXPECT_FALSE(record.isFlapping());
 }
 
