@@ -93,7 +93,7 @@ struct Living
 
 Living findLiving(int stopFD)
 {
-    const SenderSearch search = searchSenders();
+    const SenderSearch search = searchSenders(readUnixSockets());
     Living living{
         {search.servedDirectories.begin(), search.servedDirectories.end()},
         {search.doubtfulUsers.begin(), search.doubtfulUsers.end()},

@@ -13,7 +13,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "UnixSockets.hpp"
 #include "base/SenderDirectory.hpp"
 
 namespace vlx::kit
@@ -173,10 +172,9 @@ void searchProcess(pid_t pid, const UnixSockets& sockets, SenderSearch& search)
 
 } // unnamed namespace
 
-SenderSearch searchSenders()
+SenderSearch searchSenders(const UnixSockets& sockets)
 {
     SenderSearch search;
-    const UnixSockets sockets = readUnixSockets();
     search.isIncomplete = sockets.isIncomplete;
     if (sockets.isIncomplete)
         search.list.notice = "the list may be incomplete: /proc/net/unix has forged lines, and "
@@ -201,7 +199,7 @@ SenderSearch searchSenders()
 
 SenderList listSenders()
 {
-    return searchSenders().list;
+    return searchSenders(readUnixSockets()).list;
 }
 
 } // namespace vlx::kit

@@ -7,6 +7,8 @@
 
 #include <vlxkit/Discovery.hpp>
 
+#include "UnixSockets.hpp"
+
 namespace vlx::kit
 {
 
@@ -23,7 +25,8 @@ struct SenderSearch
     bool isIncomplete = false;
 };
 
+/// @param sockets  as they are now
 /// @thread any
-SenderSearch searchSenders();
+SenderSearch searchSenders(const UnixSockets& sockets);
 
 } // namespace vlx::kit

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -102,6 +103,69 @@ struct SenderList
 ///
 /// @thread any
 VLX_API SenderList listSenders();
+
+/// A change among the senders of this machine.
+struct SenderChange
+{
+    /// What happened.
+    enum class Kind
+    {
+        /// A sender was found. Reported once it has answered, or after half a second without an
+        /// answer.
+        Came,
+        /// The sender's answer or its number of receivers has changed, or it has ceased or begun to
+        /// answer.
+        Changed,
+        /// The sender has closed, or its process has ended.
+        Gone,
+    };
+
+    Kind kind = Kind::Came; ///< what happened
+    SenderEntry sender;     ///< as it is now; Gone: as it was
+    /// The sender's latest answer, as probeSender() returns it; without initialInfo if the sender
+    /// does not answer.
+    SenderProbe probe;
+};
+
+/// Watches the senders that listSenders() finds: which come, change and go. Each one is asked what
+/// it announces when it comes, and then every few seconds. A sender that does not answer, a stopped
+/// one for instance, is asked over a single connection, which waits for the answer.
+///
+/// A look takes about as long as the kernel needs to list the sockets of the machine. The processes
+/// are searched only if a listening socket has come or gone, and every ten seconds.
+///
+/// @thread one at a time
+class SenderWatch
+{
+public:
+    /// A watch that has not seen any sender yet.
+    ///
+    /// @param interval  between two questions to a sender that has answered
+    VLX_API explicit SenderWatch(std::chrono::milliseconds interval = std::chrono::seconds(5));
+    /// Closes the connections.
+    VLX_API ~SenderWatch();
+
+    SenderWatch(const SenderWatch&) = delete;
+    SenderWatch& operator=(const SenderWatch&) = delete;
+
+    /// Takes over what the other watch has seen. The one that was moved from can only be destroyed
+    /// or assigned to.
+    VLX_API SenderWatch(SenderWatch&& other) noexcept;
+    VLX_API SenderWatch& operator=(SenderWatch&& other) noexcept; ///< see there
+
+    /// Looks, and returns without waiting for any sender. Call it a few times a second: a sender
+    /// that comes and goes between two calls is not reported.
+    ///
+    /// @return the changes since the call before; at first each sender comes
+    VLX_API std::vector<SenderChange> look();
+
+    /// @return the senders of the latest search, with the hidden ones and the notice
+    VLX_API const SenderList& getList() const;
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> m_impl;
+};
 
 /// A directory that a killed sender has left behind, or a file by which a program that was killed
 /// wanted to wake others.

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -75,6 +76,30 @@ protected:
                std::to_string(receivers) + " " + socketFile;
     }
 
+    /// Looks until a change of one of this test's senders is reported.
+    ///
+    /// @return such as "came NAME"; empty if none is
+    std::string getNextChange(SenderWatch& watch)
+    {
+        const auto look = [&]
+        {
+            for (SenderChange& change : watch.look())
+            {
+                if (change.sender.name.starts_with(getSocketName()))
+                    m_changes.push_back(std::move(change));
+            }
+            return !m_changes.empty();
+        };
+        if (!waitFor(look))
+            return {};
+        m_change = m_changes.front();
+        m_changes.pop_front();
+        const char* const kinds[] = {"came ", "changed ", "gone "};
+        return kinds[static_cast<int>(m_change.kind)] + m_change.sender.name;
+    }
+
+    SenderChange m_change; // the latest one
+
     /// Serves one connection with a given conversation while it is probed.
     SenderProbe probe(const std::function<void(RawConnection&)>& converse) const
     {
@@ -89,6 +114,9 @@ protected:
         peer.join();
         return answer;
     }
+
+private:
+    std::deque<SenderChange> m_changes;
 };
 
 class DiscoveryAgainstTricks : public DiscoveryTest, public ::testing::WithParamInterface<Trick>
@@ -154,6 +182,79 @@ TEST_F(DiscoveryTest, ListsSendersAndNothingElse)
     own.close();
     receiver.stop();
     fs::remove_all(killed.getDirectory());
+}
+
+TEST_F(DiscoveryTest, WatchReportsWhatComesChangesAndGoes)
+{
+    using namespace std::chrono_literals;
+    const std::string& name = getSocketName();
+    SenderWatch watch(10ms);
+    Producer own({.name = name});
+    const StreamFormat format{audioUtils::PcmFormat::U8, 8000, 1};
+    ASSERT_TRUE(own.open(format));
+    EXPECT_EQ(getNextChange(watch), "came " + name);
+    EXPECT_EQ(m_change.probe.format, format);
+    EXPECT_EQ(m_change.probe.socketFile, own.getSocketFile());
+    EXPECT_EQ(m_change.sender.process, ::getpid());
+    ASSERT_TRUE(own.setFormat(StreamFormat()));
+    EXPECT_EQ(getNextChange(watch), "changed " + name);
+    EXPECT_EQ(m_change.probe.format, StreamFormat());
+
+    SenderWatch calm(1h); // asks nothing more, so that every change of the number is a receiver's
+    EXPECT_EQ(getNextChange(calm), "came " + name);
+    RecordedReceiver receiver;
+    ASSERT_TRUE(receiver.start(name));
+    EXPECT_EQ(getNextChange(calm), "changed " + name);
+    EXPECT_EQ(m_change.sender.receivers, 1U);
+    receiver.stop();
+    EXPECT_EQ(getNextChange(calm), "changed " + name);
+    EXPECT_EQ(m_change.sender.receivers, 0U);
+
+    // Another sender of the same name and process.
+    own.close();
+    ASSERT_TRUE(own.open(format));
+    EXPECT_EQ(getNextChange(calm), "gone " + name);
+    EXPECT_EQ(getNextChange(calm), "came " + name);
+    own.close();
+    EXPECT_EQ(getNextChange(calm), "gone " + name);
+    {
+        SenderProcess killed(name + "-b", NanomsgProtocol::Pipeline);
+        EXPECT_EQ(getNextChange(calm), "came " + name + "-b");
+        EXPECT_EQ(m_change.probe.initialInfo->nanomsgProtocol, NanomsgProtocol::Pipeline);
+        killed.kill();
+        fs::remove_all(killed.getDirectory());
+    }
+    EXPECT_EQ(getNextChange(calm), "gone " + name + "-b");
+    SenderWatch moved = std::move(calm);
+    EXPECT_THAT(moved.look(), IsEmpty());
+}
+
+TEST_F(DiscoveryTest, WatchAsksAStoppedSenderOverOneConnection)
+{
+    const auto countDescriptors = []
+    { return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()); };
+    const SenderProcess process(getSocketName(), NanomsgProtocol::PubSub);
+    process.signal(SIGSTOP);
+    siginfo_t stopped = {}; // its threads may run on for a moment
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(process.getPid()), &stopped, WSTOPPED), 0);
+    const auto before = countDescriptors();
+    SenderWatch watch(std::chrono::milliseconds(10));
+    EXPECT_EQ(getNextChange(watch), "came " + getSocketName());
+    EXPECT_FALSE(m_change.probe.initialInfo);
+    EXPECT_TRUE(m_change.probe.reached);
+    for (int i = 0; i < 50; ++i)
+        EXPECT_THAT(watch.look(), IsEmpty());
+    EXPECT_EQ(countDescriptors(), before + 1);
+    process.signal(SIGCONT);
+    EXPECT_EQ(getNextChange(watch), "changed " + getSocketName());
+    EXPECT_TRUE(m_change.probe.sequenceNr);
+
+    // One that has answered before.
+    process.signal(SIGSTOP);
+    EXPECT_EQ(getNextChange(watch), "changed " + getSocketName());
+    EXPECT_FALSE(m_change.probe.initialInfo);
+    EXPECT_EQ(countDescriptors(), before + 1);
+    process.signal(SIGCONT);
 }
 
 TEST_F(DiscoveryTest, ForgedNamesHideAndRenameNothing)
