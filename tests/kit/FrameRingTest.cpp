@@ -1,0 +1,432 @@
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <limits>
+#include <thread>
+
+#include <FrameRing.hpp>
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/RawPeers.hpp"
+#include "support/ResourceLimit.hpp"
+#include "support/VlxTest.hpp"
+
+namespace vlx::kit
+{
+
+namespace
+{
+
+using namespace vlx::testing;
+using ::testing::HasSubstr;
+
+constexpr std::uint64_t Huge = std::numeric_limits<std::uint64_t>::max();
+constexpr std::uint64_t NearHalf = 1ULL << 63;
+constexpr uid_t Nobody = 65534;
+
+class FrameRingTest : public VlxTest
+{
+protected:
+    FrameRingTest()
+    {
+        char characters[] = "/tmp/ring-XXXXXX";
+        EXPECT_NE(::mkdtemp(characters), nullptr);
+        ::rmdir(characters);
+        m_name = std::string("vlx-") + (characters + sizeof("/tmp/ring-") - 1);
+    }
+
+    RingLayout makeLayout(std::size_t frameBytes, std::uint64_t numSlots) const
+    {
+        RingLayout layout = chooseRingLayout(frameBytes, numSlots, MaxRingBytes).value();
+        layout.name = m_name;
+        return layout;
+    }
+
+    std::shared_ptr<FrameRing> makeRing(std::size_t frameBytes, std::uint64_t numSlots) const
+    {
+        std::string problem;
+        auto ring = FrameRing::make(makeLayout(frameBytes, numSlots), 0600, ::getegid(), problem);
+        EXPECT_EQ(problem, "");
+        return ring;
+    }
+
+    std::string m_name;
+};
+
+Buffer makeFrame(std::size_t size, std::size_t number)
+{
+    return Buffer(size, static_cast<std::uint8_t>(number));
+}
+
+TEST_F(FrameRingTest, ParsesWhatItProducesAndRefusesEverythingElse)
+{
+    const RingHeader header{{"vlx-Ab3xYz.12", 4, 8192}, 0x41414141, {1, 2, 3}};
+    const Buffer bytes = produceRingHeader(header);
+    const auto parsed = parseRingHeader(bytes);
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(parsed->layout, header.layout);
+    EXPECT_EQ(parsed->fourcc, header.fourcc);
+    EXPECT_EQ(parsed->codecHeader, header.codecHeader);
+    for (std::size_t size = 0; size < bytes.size() - header.codecHeader.size(); ++size)
+        EXPECT_FALSE(parseRingHeader(ByteView(bytes.data(), size))) << size;
+
+    const RingLayout refused[] = {
+        {"vlx-Ab3xYz", 1, 8192},       {"vlx-Ab3xYz", 65537, 8192},
+        {"vlx-Ab3xYz", 4, 64},         {"vlx-Ab3xYz", 4, 8191},
+        {"vlx-Ab3xYz", 2, NearHalf},   {"vlx-Ab3xYz", 2, MaxRingBytes / 2 + 64},
+        {"vlx-Ab3xY", 4, 8192},        {"vlx-Ab3xYz.", 4, 8192},
+        {"vlx-Ab3xYz.1x", 4, 8192},    {"vlx-../../e", 4, 8192},
+        {"vlx-Ab3xYz/../..", 4, 8192}, {"vlx-Ab3xYz.1234567890", 4, 8192},
+        {"VlxSender-Ab3xYz", 4, 8192}, {"", 4, 8192},
+    };
+    for (const RingLayout& layout : refused)
+        EXPECT_FALSE(parseRingHeader(produceRingHeader({layout, 1})))
+            << layout.name << " " << layout.numSlots << " " << layout.slotBytes;
+    EXPECT_FALSE(parseRingHeader(produceRingHeader({header.layout, RingFourcc})))
+        << "a ring in a ring";
+
+    Buffer payload;
+    const RingPlace place{7, 1, 2, 3};
+    writeRingPlace(place, payload, 0);
+    EXPECT_EQ(parseRingPlace(payload), place);
+    payload.pop_back();
+    EXPECT_FALSE(parseRingPlace(payload));
+    writeRingPlace({7, 1, 2, 0}, payload, 0);
+    EXPECT_FALSE(parseRingPlace(payload)) << "no generation";
+}
+
+TEST_F(FrameRingTest, ChoosesSlotsThatHaveRoom)
+{
+    struct Row
+    {
+        std::size_t frameBytes;
+        std::uint64_t numFrames;
+        std::uint64_t maxBytes;
+        std::uint32_t numSlots; // 0: no ring
+    };
+    for (const Row& row : std::vector<Row>{
+             {0, 4, 64 << 20, 4},
+             {4096 - 64, 10, 40960, 10},
+             {4096 - 63, 10, 40960, 5},
+             {3'110'400, 10, 64 << 20, 10},
+             {32 << 20, 4, 64 << 20, 0},
+             {16 << 20, 4, 64 << 20, 3},
+             {1, 1'000'000, MaxRingBytes, 65536},
+             {std::numeric_limits<std::size_t>::max(), 4, Huge, 0},
+             {MaxRingBytes, 4, Huge, 0}})
+    {
+        const auto layout = chooseRingLayout(row.frameBytes, row.numFrames, row.maxBytes);
+        EXPECT_EQ(layout ? layout->numSlots : 0, row.numSlots) << row.frameBytes;
+        EXPECT_TRUE(!layout || layout->getCapacity() >= row.frameBytes);
+    }
+}
+
+TEST_F(FrameRingTest, ReaderGetsExactlyTheFramesThatAreNotOverwritten)
+{
+    constexpr std::size_t NumSlots = 4;
+    constexpr std::size_t Size = 5000;
+    const auto ring = makeRing(Size, NumSlots);
+    RingReader reader;
+    ASSERT_EQ(reader.open(ring->getLayout(), ::geteuid()), "");
+    std::vector<RingPlace> places;
+    Buffer bytes;
+    for (std::size_t number = 1; number <= 10; ++number)
+        places.push_back(ring->publish(makeFrame(Size, number)));
+    for (std::size_t number = 1; number <= 10; ++number)
+    {
+        ASSERT_EQ(reader.read(places[number - 1], bytes), number > 10 - NumSlots) << number;
+        if (number > 10 - NumSlots)
+        {
+            EXPECT_EQ(bytes, makeFrame(Size, number));
+        }
+    }
+    const RingPlace empty = ring->publish({});
+    EXPECT_TRUE(reader.read(empty, bytes));
+    EXPECT_EQ(bytes, Buffer());
+    ring->remove();
+    EXPECT_TRUE(reader.read(empty, bytes)) << "an open ring outlives its name";
+}
+
+TEST_F(FrameRingTest, SlotsAreFilledInPlaceAndHalfOfThemServeCopies)
+{
+    constexpr std::size_t Size = 5000;
+    auto ring = makeRing(Size, 4);
+    RingReader reader;
+    ASSERT_EQ(reader.open(ring->getLayout(), ::geteuid()), "");
+    Buffer bytes;
+
+    auto first = ring->takeSlot();
+    const auto second = ring->takeSlot();
+    ASSERT_TRUE(first && second);
+    EXPECT_FALSE(ring->takeSlot());
+    std::fill_n(first.get(), Size, std::uint8_t{1});
+    std::fill_n(second.get(), Size, std::uint8_t{2});
+    const RingPlace whole = ring->publish({first.get(), Size});
+    const RingPlace part = ring->publish({second.get() + 1000, 100});
+    EXPECT_EQ(part.offset, 1000U);
+    EXPECT_EQ(ring->publish({first.get(), Size}), whole) << "sent twice";
+    for (std::size_t number = 3; number < 20; ++number)
+    {
+        const RingPlace copied = ring->publish(makeFrame(Size, number));
+        EXPECT_TRUE(reader.read(copied, bytes) && bytes == makeFrame(Size, number)) << number;
+        EXPECT_TRUE(reader.read(whole, bytes) && bytes == makeFrame(Size, 1)) << number;
+        EXPECT_TRUE(reader.read(part, bytes) && bytes == makeFrame(100, 2)) << number;
+    }
+    first.reset();
+    EXPECT_TRUE(reader.read(whole, bytes)) << "until its slot is used again";
+    first = ring->takeSlot();
+    ASSERT_TRUE(first);
+    const RingPlace beyond = ring->publish({first.get(), ring->getLayout().getCapacity()});
+    EXPECT_EQ(beyond.offset, 0U);
+
+    ring->remove();
+    ring.reset();
+    std::fill_n(second.get(), Size, std::uint8_t{9}); // memory outlives its producer
+}
+
+TEST_F(FrameRingTest, PlacesOutsideAreLost)
+{
+    const auto ring = makeRing(5000, 4);
+    RingReader reader;
+    ASSERT_EQ(reader.open(ring->getLayout(), ::geteuid()), "");
+    const std::uint64_t capacity = ring->getLayout().getCapacity();
+    Buffer bytes;
+    const RingPlace good = ring->publish(makeFrame(capacity, 7));
+    EXPECT_TRUE(reader.read(good, bytes));
+    // A slot behind the end stays out of reach, even if the file grows.
+    const Descriptor file(::open(ring->getLayout().getPath().c_str(), O_WRONLY | O_CLOEXEC));
+    const auto end = static_cast<off_t>(ring->getLayout().getFileBytes());
+    ASSERT_EQ(::pwrite(file.get(), "\1\0\0\0\0\0\0\0\0", 9, end), 9);
+    ASSERT_EQ(::ftruncate(file.get(), 2 * end), 0);
+    const RingPlace lost[] = {
+        {4, 0, 1, 1},
+        {std::numeric_limits<std::uint32_t>::max(), 0, 1, 1},
+        {good.slot, 1, capacity, 1},
+        {good.slot, capacity + 1, 0, 1},
+        {good.slot, Huge, 2, 1},
+        {good.slot, 0, Huge, 1},
+        {good.slot, 1, Huge, 1},
+        {good.slot, 64, NearHalf - 1, 1},
+        {good.slot, NearHalf, NearHalf, 1},
+        {good.slot, 0, 1, 2},
+        {good.slot, 0, 1, Huge},
+        {(good.slot + 1) % 4, 0, 1, 1},
+    };
+    for (const RingPlace& place : lost)
+        EXPECT_FALSE(reader.read(place, bytes))
+            << place.slot << " " << place.offset << " " << place.length;
+    EXPECT_LE(bytes.capacity(), 2 * capacity) << "nothing is allocated for a lost frame";
+    ring->remove();
+    EXPECT_FALSE(RingReader().read(good, bytes)) << "without an open ring";
+}
+
+TEST_F(FrameRingTest, ReaderRefusesFilesThatAreNotTheSenders)
+{
+    const std::string path = makeLayout(5000, 4).getPath();
+    const auto size = static_cast<off_t>(makeLayout(5000, 4).getFileBytes());
+    Descriptor lease;
+    struct Row
+    {
+        const char* name;
+        std::function<void()> change;
+        const char* problem;
+        bool needsRoot = false;
+    };
+    const std::vector<Row> rows = {
+        {"truncated", [&] { ::truncate(path.c_str(), size - 1); }, "announced size"},
+        {"grown", [&] { ::truncate(path.c_str(), size + 1); }, "announced size"},
+        {"sparse",
+         [&]
+         {
+             ::truncate(path.c_str(), 0);
+             ::truncate(path.c_str(), size);
+         },
+         "announced size"},
+        {"unlinked", [&] { ::unlink(path.c_str()); }, "the file is missing"},
+        {"another user's", [&] { ::chown(path.c_str(), Nobody, Nobody); }, "belongs to user 65534",
+         true},
+        {"replaced by a link",
+         [&]
+         {
+             ::unlink(path.c_str());
+             ::symlink("/etc/passwd", path.c_str());
+         },
+         "Too many levels"},
+        {"replaced by a directory",
+         [&]
+         {
+             ::unlink(path.c_str());
+             ::mkdir(path.c_str(), 0700);
+         },
+         "not a regular file"},
+        {"held by a lease",
+         [&]
+         {
+             std::signal(SIGIO, SIG_IGN);
+             ::unlink(path.c_str());
+             lease = Descriptor(::open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600));
+             ASSERT_EQ(::fcntl(lease.get(), F_SETLEASE, F_WRLCK), 0);
+         },
+         "Resource temporarily unavailable"},
+        {"replaced by a pipe",
+         [&]
+         {
+             ::unlink(path.c_str());
+             ::mkfifo(path.c_str(), 0600);
+         },
+         "not a regular file"},
+    };
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.name);
+        if (row.needsRoot && ::geteuid() != 0)
+            continue;
+        const auto ring = makeRing(5000, 4);
+        ASSERT_TRUE(ring);
+        row.change();
+        RingReader reader;
+        const std::string problem = reader.open(ring->getLayout(), ::geteuid());
+        EXPECT_THAT(problem, HasSubstr(row.problem));
+        ::unlink(path.c_str());
+        ::rmdir(path.c_str());
+        lease = Descriptor();
+    }
+
+    const auto ring = makeRing(5000, 4);
+    RingReader reader;
+    // An open ring that changes loses frames, and nothing else.
+    ASSERT_EQ(reader.open(ring->getLayout(), ::geteuid()), "");
+    Buffer bytes;
+    const RingPlace place = ring->publish(makeFrame(5000, 1));
+    EXPECT_TRUE(reader.read(place, bytes));
+    ASSERT_EQ(::truncate(path.c_str(), 64 + 100), 0);
+    EXPECT_FALSE(reader.read(place, bytes)) << "ends within the frame";
+    ASSERT_EQ(::truncate(path.c_str(), 0), 0);
+    EXPECT_FALSE(reader.read(place, bytes)) << "is empty";
+    ASSERT_EQ(::truncate(path.c_str(), size), 0);
+    EXPECT_FALSE(reader.read(place, bytes)) << "has a hole";
+    ring->remove();
+}
+
+TEST_F(FrameRingTest, NoFrameIsEverMixed)
+{
+    constexpr std::size_t Size = 100'000;
+    constexpr std::size_t NumFrames = 3000;
+    const auto ring = makeRing(Size, 2);
+    std::atomic<std::uint64_t> last = 0; // slot and generation of the newest frame
+    std::thread writer(
+        [&]
+        {
+            for (std::size_t number = 1; number <= NumFrames; ++number)
+            {
+                const RingPlace place = ring->publish(makeFrame(Size, number));
+                last = place.generation << 1 | place.slot;
+            }
+            last = 0;
+        });
+    RingReader reader;
+    EXPECT_EQ(reader.open(ring->getLayout(), ::geteuid()), "");
+    Buffer bytes;
+    std::size_t numRead = 0;
+    std::size_t numMixed = 0;
+    while (last == 0)
+        std::this_thread::yield();
+    while (const std::uint64_t newest = last)
+    {
+        const RingPlace place{static_cast<std::uint32_t>(newest & 1), 0, Size, newest >> 1};
+        if (!reader.read(place, bytes))
+            continue;
+        ++numRead;
+        numMixed += bytes != makeFrame(Size, place.generation) ? 1U : 0U;
+    }
+    writer.join();
+    ring->remove();
+    EXPECT_GT(numRead, 0U);
+    EXPECT_EQ(numMixed, 0U);
+}
+
+TEST_F(FrameRingTest, WithoutRoomThereIsNoRingAndNoSignal)
+{
+    const RingLayout layout = makeLayout(3 << 20, 4);
+    const auto getProblem = [&]
+    {
+        std::string problem;
+        EXPECT_EQ(FrameRing::make(layout, 0600, ::getegid(), problem), nullptr);
+        EXPECT_NE(::access(layout.getPath().c_str(), F_OK), 0);
+        return problem;
+    };
+    {
+        const ResourceLimit limit(RLIMIT_FSIZE, 1 << 20);
+        EXPECT_THAT(getProblem(), HasSubstr("File too large"));
+    }
+    {
+        const ResourceLimit limit(RLIMIT_NOFILE, 0);
+        EXPECT_THAT(getProblem(), HasSubstr("Too many open files"));
+    }
+    ASSERT_EQ(::symlink("/tmp/vlx-target", layout.getPath().c_str()), 0);
+    std::string problem;
+    EXPECT_EQ(FrameRing::make(layout, 0600, ::getegid(), problem), nullptr);
+    EXPECT_THAT(problem, HasSubstr("File exists"));
+    EXPECT_EQ(::unlink(layout.getPath().c_str()), 0) << "what is another's stays";
+
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root can make a full /dev/shm";
+    EXPECT_TRUE(runInFork(
+        [&]
+        {
+            if (::unshare(CLONE_NEWNS) != 0 ||
+                ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+                return false;
+            const auto mount = [](const char* options)
+            { return ::mount("tmpfs", "/dev/shm", "tmpfs", 0, options) == 0; };
+            return mount("size=8m,mode=1777") &&
+                   getProblem().find("No space left") != std::string::npos && mount("mode=0777") &&
+                   getProblem().find("no sticky bit") != std::string::npos;
+        }));
+}
+
+TEST_F(FrameRingTest, OnlyRingsOfTheDeadAreRemoved)
+{
+    const auto ring = makeRing(5000, 4);
+    const auto isThere = [](const RingLayout& layout)
+    { return ::access(layout.getPath().c_str(), F_OK) == 0; };
+    RingLayout dead = ring->getLayout();
+    dead.name += ".2";
+    RingLayout beingMade = ring->getLayout();
+    beingMade.name += ".3";
+    ASSERT_TRUE(runInFork(
+        [&]
+        {
+            std::string problem;
+            return FrameRing::make(dead, 0600, ::getegid(), problem) != nullptr;
+        }));
+    const Descriptor file(::open(beingMade.getPath().c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600));
+    ASSERT_TRUE(isThere(dead));
+    removeDeadRings(60);
+    EXPECT_TRUE(isThere(dead)) << "it is young";
+    removeDeadRings();
+    EXPECT_FALSE(isThere(dead));
+    EXPECT_TRUE(isThere(beingMade));
+    EXPECT_TRUE(isThere(ring->getLayout()));
+    EXPECT_TRUE(ring->isLinked());
+    constexpr timespec LongAgo[2] = {};
+    for (const RingLayout& layout : {beingMade, ring->getLayout()})
+        ::utimensat(AT_FDCWD, layout.getPath().c_str(), LongAgo, 0);
+    const std::vector<DeadEntry> removed = removeDeadRings(60);
+    EXPECT_TRUE(std::ranges::any_of(
+        removed, [&](const DeadEntry& entry) { return entry.path == beingMade.getPath(); }));
+    EXPECT_FALSE(isThere(beingMade));
+    EXPECT_TRUE(isThere(ring->getLayout())) << "in use";
+    ring->remove();
+    EXPECT_FALSE(isThere(ring->getLayout()));
+}
+
+} // unnamed namespace
+
+} // namespace vlx::kit
