@@ -112,6 +112,7 @@ public:
     Status start();
     void stop();
     void requestStop();
+    void pause(bool on);
     TimeValue getStreamTime() const;
     ConsumerClock getClock() const;
     ConsumerStatistics getStatistics() const;
@@ -169,7 +170,7 @@ private:
     void reportEnd(Ending ending);
     void handleEnding(Ending ending);
     void take(const Gatekeeper::Step& step);
-    void pause(int durationMs);
+    void rest(int durationMs);
 
     // Of any.
     void tell(Kind kind, std::string text, std::uint32_t fourcc = 0);
@@ -187,6 +188,7 @@ private:
     // Of the thread that starts and stops.
     std::thread m_keeper;
     pid_t m_process = 0; // that has the keeper; 0: none has yet
+    bool m_isPaused = false;
 
     // Of the keeper, while it runs.
     std::string m_directory;                  // that the receiver watches
@@ -293,6 +295,7 @@ Status Consumer::Impl::start()
     m_refusal.reset();
     m_gate.reset(m_options.anyCodec);
     m_record.onStart(getMonotonicSysclockTime());
+    m_record.hold(m_isPaused);
     if (usesQueue())
         m_queue.begin();
     m_started = true;
@@ -368,6 +371,14 @@ void Consumer::Impl::requestStop()
 {
     m_stopRequested = true;
     m_wakeup.wake();
+}
+
+void Consumer::Impl::pause(bool on)
+{
+    m_isPaused = on;
+    m_queue.pause(on);
+    if (!on)
+        m_record.hold(false);
 }
 
 void Consumer::Impl::endKeeper()
@@ -538,7 +549,9 @@ std::optional<std::string> Consumer::Impl::checkSender(const ByteView& packet, u
             .type = toClockType(*info),
             .address = info->timeSyncIPAddress,
             .port = info->timeSyncPort};
-        return m_channel.getURI();
+        return m_record.onChecked(m_announcedClock, m_endedByKeeper)
+                   ? std::optional(m_channel.getURI())
+                   : std::nullopt;
     }
     m_channel = {};
     m_isDoubtful = true;
@@ -665,6 +678,7 @@ Consumer::Impl::Ending Consumer::Impl::superviseReceiver()
 void Consumer::Impl::stopReceiver()
 {
     m_endedByKeeper = true;
+    m_record.release();
     stopPromptly(m_receiver, m_directory);
 }
 
@@ -744,7 +758,7 @@ bool Consumer::Impl::isUnanswered(bool isLate)
     return false;
 }
 
-void Consumer::Impl::pause(int durationMs)
+void Consumer::Impl::rest(int durationMs)
 {
     const TimeValue end = getEnd(durationMs);
     for (TimeValue now = 0; !m_stopRequested && (now = getMonotonicSysclockTime()) < end;)
@@ -755,7 +769,7 @@ void Consumer::Impl::take(const Gatekeeper::Step& step)
 {
     if (step.news)
         tell(step.news->kind, step.news->text, step.news->fourcc);
-    pause(step.pauseMs);
+    rest(step.pauseMs);
 }
 
 void Consumer::Impl::tell(Kind kind, std::string text, std::uint32_t fourcc)
@@ -811,6 +825,11 @@ void Consumer::stop()
 void Consumer::requestStop()
 {
     m_impl->requestStop();
+}
+
+void Consumer::pause(bool on)
+{
+    m_impl->pause(on);
 }
 
 std::optional<ConsumerItem> Consumer::read(std::chrono::nanoseconds timeout)

@@ -47,6 +47,32 @@ void ConsumerRecord::onConnecting(TimeValue now)
     m_connectingSince = now;
 }
 
+void ConsumerRecord::hold(bool on)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_holds = on;
+    m_condition.notify_all();
+}
+
+bool ConsumerRecord::onChecked(const ConsumerClock& clock, const std::atomic<bool>& isEnding)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (!m_holds)
+        return true;
+    m_clock = clock;
+    m_isHeld = true;
+    m_condition.notify_all();
+    m_condition.wait(lock, [&] { return !m_holds || isEnding; });
+    m_isHeld = false;
+    return !isEnding;
+}
+
+void ConsumerRecord::release()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_condition.notify_all();
+}
+
 void ConsumerRecord::onJoined(TimeValue now, const ConsumerClock& clock)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -228,8 +254,9 @@ ConsumerClock ConsumerRecord::getClock() const
 bool ConsumerRecord::waitUntilJoined(std::chrono::nanoseconds timeout) const
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    waitFor(m_condition, lock, timeout, [this] { return m_joinedSince != 0 || m_isStopped; });
-    return m_joinedSince != 0;
+    const auto isConnected = [this] { return m_joinedSince != 0 || m_isHeld; };
+    waitFor(m_condition, lock, timeout, [&] { return isConnected() || m_isStopped; });
+    return isConnected();
 }
 
 } // namespace vlx::kit

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -38,6 +39,18 @@ public:
 
     /// The receiver looks for a sender.
     void onConnecting(TimeValue now);
+
+    /// While on, a sender that was checked is not joined.
+    void hold(bool on);
+
+    /// The sender was checked. Waits while it is held.
+    ///
+    /// @param isEnding  set before release() if the connection has to end
+    /// @return whether the sender may be joined
+    bool onChecked(const ConsumerClock& clock, const std::atomic<bool>& isEnding);
+
+    /// Ends a wait of onChecked().
+    void release();
 
     /// @param clock  what the sender says about it
     void onJoined(TimeValue now, const ConsumerClock& clock = {});
@@ -102,7 +115,7 @@ public:
     ConsumerClock getClock() const;
 
     /// @param timeout  negative: no limit
-    /// @return whether there is a connection
+    /// @return whether there is a connection, or one that is held
     bool waitUntilJoined(std::chrono::nanoseconds timeout) const;
 
 private:
@@ -111,12 +124,14 @@ private:
 
     const TimeValue m_stallLimitNs;
     mutable std::mutex m_mutex;
-    mutable std::condition_variable m_condition; // joined, or stopped
+    mutable std::condition_variable m_condition; // joined, stopped, held or let go
     // All guarded by m_mutex.
     ConsumerStatistics m_counts;
     AgeHistogram m_ages;
     ConsumerClock m_clock; // of the present connection
     bool m_isStopped = true;
+    bool m_holds = false;
+    bool m_isHeld = false;                        // a sender was checked, and is not joined yet
     std::deque<TimeValue> m_losses;               // without a sequence; the last ones, oldest first
     TimeValue m_lastSign = 0;                     // the join, or the last frame after it
     unsigned m_vainStalls = 0;                    // since the last frame or loss

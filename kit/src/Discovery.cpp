@@ -9,6 +9,7 @@
 #include <vlxkit/Discovery.hpp>
 
 #include "SenderQuestion.hpp"
+#include "UnixSockets.hpp"
 #include "base/AbstractName.hpp"
 #include "base/Descriptors.hpp"
 #include "base/Fourcc.hpp"
@@ -100,6 +101,16 @@ bool isNameTaken(const std::string& name)
         ::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0 && errno == EADDRINUSE;
     ::close(fd);
     return isTaken;
+}
+
+bool isSenderPresent(const std::string& name)
+{
+    const auto sockets = readUnixSockets().byInode;
+    const std::string address = '\0' + name;
+    return std::any_of(
+        sockets.begin(), sockets.end(),
+        [&](const auto& socket)
+        { return socket.second.isListening && socket.second.name == address; });
 }
 
 std::string toFourccText(std::uint32_t fourcc)

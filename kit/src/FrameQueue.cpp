@@ -109,6 +109,20 @@ void FrameQueue::end()
     m_condition.notify_all();
 }
 
+void FrameQueue::pause(bool on)
+{
+    m_isPaused = on;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_isFirst = m_isFirst || on;
+        while (on && !m_frames.isEmpty())
+            m_numBytes -= m_frames.pop().frame.data.size();
+        if (isEmpty())
+            takeBackSignal();
+    }
+    m_condition.notify_all();
+}
+
 void FrameQueue::put(ConsumerItem item)
 {
     {
@@ -125,10 +139,15 @@ void FrameQueue::put(ConsumerItem item)
 
 void FrameQueue::putFrame(ReceivedFrame frame, TimeValue lengthNs)
 {
+    if (m_isPaused)
+        return;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_isPaused)
+            return;
         if (isEmpty())
             signal();
+        frame.isFirst = std::exchange(m_isFirst, false) || frame.isFirst;
         m_numBytes += frame.data.size();
         m_frames.push({++m_serial, lengthNs, std::move(frame)});
         while (isOverfull())
@@ -140,7 +159,7 @@ void FrameQueue::putFrame(ReceivedFrame frame, TimeValue lengthNs)
 std::optional<ConsumerItem> FrameQueue::read(std::chrono::nanoseconds timeout)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    waitFor(m_condition, lock, timeout, [this] { return !isEmpty() || m_hasEnded; });
+    waitFor(m_condition, lock, timeout, [this] { return !isEmpty() || m_hasEnded || m_isPaused; });
     if (isEmpty())
         return std::nullopt;
 
@@ -157,9 +176,8 @@ std::optional<ConsumerItem> FrameQueue::read(std::chrono::nanoseconds timeout)
         item.emplace(std::move(m_others.front().item));
         m_others.pop_front();
     }
-    std::uint64_t count = 0;
-    if (isEmpty() && m_event.get() >= 0) [[maybe_unused]]
-        const ssize_t size = ::read(m_event.get(), &count, sizeof(count));
+    if (isEmpty())
+        takeBackSignal();
     return item;
 }
 
@@ -232,6 +250,13 @@ void FrameQueue::eraseFormats(std::uint64_t after, std::uint64_t before)
     std::erase_if(
         m_others, [&](const QueuedItem& other)
         { return isFormat(other.item) && after < other.serial && other.serial < before; });
+}
+
+void FrameQueue::takeBackSignal() const
+{
+    std::uint64_t count = 0;
+    if (m_event.get() >= 0) [[maybe_unused]]
+        const ssize_t size = ::read(m_event.get(), &count, sizeof(count));
 }
 
 void FrameQueue::signal() const

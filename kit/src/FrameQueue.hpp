@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -97,7 +98,7 @@ private:
 /// What a consumer has received, in order, until it is read. Never makes the writing side wait for
 /// a reader: when frames are too many, the oldest one is dropped, and the next one says so.
 ///
-/// @thread any; end() and begin() from one at a time
+/// @thread any; end() and begin() from one at a time; pause() likewise
 class FrameQueue
 {
 public:
@@ -110,6 +111,10 @@ public:
 
     /// Nothing is put in any more: readers take what there is and do not wait.
     void end();
+
+    /// While on, readers do not wait, and frames are discarded without being counted. The next
+    /// frame is a first one.
+    void pause(bool on);
 
     /// A format replaces the one before it that no frame has followed.
     void put(ConsumerItem item);
@@ -152,10 +157,15 @@ private:
     void dropOldestFrame();
     void eraseFormats(std::uint64_t after, std::uint64_t before);
     void signal() const;
+    void takeBackSignal() const;
+
+    // Set before m_mutex is locked: a flood in real time would keep others from that lock.
+    std::atomic<bool> m_isPaused = false;
 
     mutable std::mutex m_mutex;
     std::condition_variable m_condition;
     // All guarded by m_mutex.
+    bool m_isFirst = false; // the next frame
     QueueLimits m_limits;
     Ring<QueuedFrame> m_frames;
     std::deque<QueuedItem> m_others;

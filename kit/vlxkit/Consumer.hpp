@@ -73,8 +73,8 @@ struct FrameInfo
     /// across two connections; 0 for the first frame of all, and after a change of the stream's
     /// clock.
     std::int64_t gapNs = 0;
-    /// First frame of a connection, of a format or of a codec header: a decoder starts afresh. A
-    /// sequence that only repeats what is known is none of these.
+    /// First frame of a connection, of a format or of a codec header, or after a pause: a decoder
+    /// starts afresh. A sequence that only repeats what is known is none of these.
     bool isFirst = false;
     TimeValue arrival = 0; ///< nanoseconds of CLOCK_MONOTONIC
     /// Clock that the timestamp stands on.
@@ -346,6 +346,18 @@ public:
     /// @thread any; not during the destruction
     VLX_API std::optional<ConsumerItem>
     read(std::chrono::nanoseconds timeout = std::chrono::nanoseconds(-1));
+
+    /// Pauses reading, or resumes it. During a pause read() does not wait, and frames are discarded
+    /// without being counted as dropped, also those that wait already; formats and events stay. The
+    /// next frame has isFirst set.
+    ///
+    /// A consumer that is paused when it starts connects to a sender, but joins it only when it is
+    /// resumed. So the sender goes on waiting for its first receiver, and waitUntilJoined() and
+    /// getClock() already work as if it was joined.
+    ///
+    /// @param on  whether to pause; not paused by default
+    /// @thread one at a time, and not beside start()
+    VLX_API void pause(bool on);
 
     /// @return a descriptor for poll() and event loops that is readable as long as something waits
     ///         to be read; it stays the consumer's. Reading and closing it is forbidden; a stop

@@ -207,6 +207,10 @@ VLX_API Cleaning removeDeadEntries(const std::string& baseDirectory = {}, int st
 /// @thread any
 VLX_API bool isNameTaken(const std::string& name);
 
+/// @return whether a process listens as the sender of this name; connects to none
+/// @thread any
+VLX_API bool isSenderPresent(const std::string& name);
+
 /// @return the four characters of a code, for messages
 VLX_API std::string toFourccText(std::uint32_t fourcc);
 

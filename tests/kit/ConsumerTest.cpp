@@ -1239,6 +1239,58 @@ TEST(FrameQueueTest, KeepsNoFormatWithoutAFrame)
     EXPECT_FALSE(queue.read(0ns));
 }
 
+TEST_F(ConsumerTest, PauseHoldsTheJoinAndDiscardsFrames)
+{
+    ScriptedSender sender(getSocketName());
+    Consumer consumer(ConsumerOptions{.name = getSocketName()});
+    const int fd = consumer.getDescriptor();
+    consumer.pause(true);
+    for (std::size_t start = 1; start <= 2; ++start)
+    {
+        consumer.stop();
+        ASSERT_TRUE(consumer.start());
+        ASSERT_TRUE(consumer.waitUntilJoined(10s));
+        EXPECT_EQ(sender.getNumConnections(), start);
+        EXPECT_EQ(consumer.getClock().type, Receiver::StreamClockType::MonotonicSystemClock);
+        EXPECT_EQ(consumer.getStatistics().state, Receiver::State::Connecting);
+        EXPECT_FALSE(consumer.read()) << "read while it is held";
+    }
+    consumer.pause(false);
+    std::vector<std::string> lines;
+    const auto send = [&](std::uint8_t number)
+    {
+        EXPECT_TRUE(sender.send(makeFrame(1, static_cast<std::uint8_t>(10 * number))));
+        EXPECT_TRUE(waitFor([&] { return consumer.getStatistics().frames == number; }));
+    };
+    const auto read = [&](std::size_t count)
+    {
+        for (std::size_t i = 0; i < count; ++i)
+            lines.push_back(toLine(consumer.read(10s).value()));
+    };
+    read(2);
+    send(1);
+    read(1);
+    send(2);
+    consumer.pause(true);
+    EXPECT_FALSE(isReadable(fd));
+    send(3);
+    EXPECT_FALSE(consumer.read());
+    consumer.pause(false);
+    send(4);
+    send(5);
+    read(2);
+    EXPECT_EQ(
+        lines, (std::vector<std::string>{
+                   "joined", "S16LE, 48000 Hz, 2 channels", "frame 10 gap 0 dropped 0 first",
+                   "frame 40 gap 0 dropped 0 first", "frame 50 gap 0 dropped 0"}));
+    EXPECT_EQ(consumer.getStatistics().dropped, 0U);
+    EXPECT_EQ(sender.getNumConnections(), 2U) << "one for each start";
+    consumer.pause(true);
+    std::thread reader([&] { EXPECT_FALSE(consumer.read()); });
+    consumer.stop();
+    reader.join();
+}
+
 TEST_F(ConsumerTest, ReadsNothingBesideAFrameCallback)
 {
     Consumer consumer({.name = getSocketName()}, {.onFrame = [](const Frame&) {}});

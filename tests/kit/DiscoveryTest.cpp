@@ -611,13 +611,13 @@ TEST_F(DiscoveryTest, NoAnswerStopsOrHoldsTheProcess)
 
     // Nobody accepts.
     RawSidechannelServer server(getSocketName());
-    EXPECT_TRUE(isNameTaken(getSocketName()));
+    EXPECT_TRUE(isNameTaken(getSocketName()) && isSenderPresent(getSocketName()));
     static constexpr auto NoWait = std::chrono::milliseconds(0);
     EXPECT_TRUE(waitFor([this] { return probeSender(getSocketName(), NoWait).busy; }));
     const SenderProbe busy = probeSender(getSocketName(), DefaultDeadline);
     EXPECT_TRUE(busy.busy && busy.reached && !busy.initialInfo && !busy.closedEarly);
     server.close();
-    EXPECT_FALSE(isNameTaken(getSocketName()));
+    EXPECT_FALSE(isNameTaken(getSocketName()) || isSenderPresent(getSocketName()));
 }
 
 TEST_P(DiscoveryAgainstTricks, HoldsNoQuestion)
