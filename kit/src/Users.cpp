@@ -9,9 +9,27 @@
 namespace vlx::kit
 {
 
+namespace
+{
+
+/// Where a user's entry has its texts.
+using EntryMemory = std::array<char, 1 << 16>;
+
+} // unnamed namespace
+
+std::string getUserName(uid_t user)
+{
+    EntryMemory memory{};
+    passwd entry{};
+    passwd* found = nullptr;
+    if (::getpwuid_r(user, &entry, memory.data(), memory.size(), &found) == 0 && found != nullptr)
+        return entry.pw_name;
+    return std::to_string(user);
+}
+
 std::optional<uid_t> findUser(const std::string& user)
 {
-    std::array<char, 16384> memory{};
+    EntryMemory memory{};
     passwd entry{};
     passwd* found = nullptr;
     if (::getpwnam_r(user.c_str(), &entry, memory.data(), memory.size(), &found) == 0 &&

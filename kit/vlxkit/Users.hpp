@@ -19,4 +19,11 @@ namespace vlx::kit
 /// @thread any
 VLX_API std::optional<uid_t> findUser(const std::string& user);
 
+/// Returns the name of a user.
+///
+/// @param user  user id
+/// @return the name; the number as text if the user has no name
+/// @thread any
+VLX_API std::string getUserName(uid_t user);
+
 } // namespace vlx::kit

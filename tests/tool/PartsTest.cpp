@@ -14,12 +14,12 @@
 
 #include <vlx/VlxReceiver.hpp>
 #include <vlxkit/StreamFormat.hpp>
+#include <vlxkit/Users.hpp>
 
 #include "audio/PcmCodec.hpp"
 #include "common/Duration.hpp"
 #include "common/Numbers.hpp"
 #include "common/StopSignal.hpp"
-#include "common/Users.hpp"
 #include "monitor/Rendering.hpp"
 #include "monitor/StreamMeter.hpp"
 #include "receive/ConnectionRecord.hpp"
@@ -249,12 +249,12 @@ TEST(RenderingTest, CountsHaveTheirUnits)
 
 TEST(UsersTest, AreFoundByNameAndByNumber)
 {
-    EXPECT_EQ(tool::findUser("root"), 0U);
-    EXPECT_EQ(tool::getUserName(0), "root");
-    EXPECT_EQ(tool::findUser("4294967294"), 4294967294U);
-    EXPECT_EQ(tool::getUserName(4294967294), "4294967294");
+    EXPECT_EQ(kit::findUser("root"), 0U);
+    EXPECT_EQ(kit::getUserName(0), "root");
+    EXPECT_EQ(kit::findUser("4294967294"), 4294967294U);
+    EXPECT_EQ(kit::getUserName(4294967294), "4294967294");
     for (const char* const none : {"4294967295", "4294967296", "-1", "", "no such user"})
-        EXPECT_EQ(tool::findUser(none), std::nullopt) << none;
+        EXPECT_EQ(kit::findUser(none), std::nullopt) << none;
 }
 
 // In a process of its own, since signals are blocked before there are threads.

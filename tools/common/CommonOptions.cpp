@@ -1,12 +1,10 @@
 #include "CommonOptions.hpp"
 
-#include <stdexcept>
-
 #include <CLI/CLI.hpp>
 
+#include <vlxkit/Users.hpp>
+
 #include "Duration.hpp"
-#include "Numbers.hpp"
-#include "Users.hpp"
 
 namespace vlx::tool
 {
@@ -31,53 +29,37 @@ std::string listFormats()
     return list;
 }
 
-audioUtils::PcmFormat readFormat(const std::string& text)
+std::string readFormat(const std::string& text, audioUtils::PcmFormat& format)
 {
-    if (const auto known = audioUtils::toPcmFormat(text))
-        return *known;
-    if (audioUtils::isPaddedFormat(text))
-        throw std::invalid_argument(
-            quote(text) + " stores 24 bits in four bytes, which streams do not carry; "
-                          "S24_3LE and S24_3BE use three");
-    throw std::invalid_argument(
-        "unknown format " + quote(text) + ": expected one of " + listFormats());
+    const auto known = audioUtils::toPcmFormat(text);
+    if (!known)
+        return audioUtils::isPaddedFormat(text)
+                   ? quote(text) + " stores 24 bits in four bytes, which streams do not carry; "
+                                   "S24_3LE and S24_3BE use three"
+                   : "unknown format " + quote(text) + ": expected one of " + listFormats();
+    format = *known;
+    return {};
 }
 
-std::uint32_t readRate(const std::string& text)
+std::string readRate(const std::string& text, std::uint32_t& target)
 {
-    if (const auto rate = parseRate(text))
-        return *rate;
-    throw std::invalid_argument(
-        "invalid rate " + quote(text) + ": expected for example 44100, 44.1k or 48kHz");
+    const auto rate = parseRate(text);
+    if (!rate)
+        return "invalid rate " + quote(text) + ": expected for example 44100, 44.1k or 48kHz";
+    target = *rate;
+    return {};
 }
 
-std::chrono::nanoseconds readDuration(const std::string& text)
+std::string readDuration(const std::string& text, OptionalDuration& target)
 {
     const auto duration = parseDuration(text);
     if (!duration)
-        throw std::invalid_argument(
-            "invalid duration " + quote(text) +
-            ": expected for example 10ms, 1.5s, 1m30s or 10 (seconds)");
+        return "invalid duration " + quote(text) +
+               ": expected for example 10ms, 1.5s, 1m30s or 10 (seconds)";
     if (duration->count() == 0)
-        throw std::invalid_argument(quote(text) + " is too short: a duration must be above 0");
-    return *duration;
-}
-
-/// Converts a reader's exception to CLI11's error, with the option's name.
-std::function<void(const std::string&)> withName(const std::string& flags, const TextReader& read)
-{
-    return [read, name = flags.substr(flags.rfind(',') + 1)](const std::string& text)
-    {
-        try
-        {
-            read(text);
-        }
-        catch (const std::invalid_argument& refusal)
-        {
-            throw name.empty() ? CLI::ValidationError(refusal.what())
-                               : CLI::ValidationError(name, refusal.what());
-        }
-    };
+        return quote(text) + " is too short: a duration must be above 0";
+    target = duration;
+    return {};
 }
 
 } // unnamed namespace
@@ -89,8 +71,11 @@ CLI::Option* addTextOption(
     const TextReader& read,
     const std::string& help)
 {
-    return command.add_option_function<std::string>(flags, withName(flags, read), help)
-        ->type_name(typeName);
+    return command
+        .add_option_function<std::string>(
+            flags, [](const std::string&) {}, help)
+        ->type_name(typeName)
+        ->check(CLI::Validator(read, ""));
 }
 
 void addCommonOptions(CLI::App& command, CommonOptions& options)
@@ -99,8 +84,7 @@ void addCommonOptions(CLI::App& command, CommonOptions& options)
     command
         .add_flag(
             "-v,--verbose", options.verbosity,
-            "Print the library's log: once for INFO and connections, twice for DEBUG, three times "
-            "for TRACE")
+            "Print the library's log: once for INFO, twice for DEBUG, three times for TRACE")
         ->disable_flag_override();
     command.add_flag("-q,--quiet", options.quiet, "Print only errors")->disable_flag_override();
     addChoiceOption<ColorUse>(
@@ -114,15 +98,13 @@ void addCommonOptions(CLI::App& command, CommonOptions& options)
         ->type_name("FILE");
 }
 
-std::uint64_t
-readNumber(const std::string& text, const std::pair<std::uint64_t, std::uint64_t>& range)
+std::string checkNumber(const std::string& text, std::uint64_t least, std::uint64_t most)
 {
     const auto number = parseNumber(text);
-    if (!number || *number < range.first || *number > range.second)
-        throw std::invalid_argument(
-            quote(text) + " is not a whole number from " + std::to_string(range.first) + " to " +
-            std::to_string(range.second));
-    return *number;
+    if (number && *number >= least && *number <= most)
+        return {};
+    return quote(text) + " is not a whole number from " + std::to_string(least) + " to " +
+           std::to_string(most);
 }
 
 std::string checkStreamName(const std::string& name)
@@ -150,8 +132,8 @@ CLI::Option* addDurationOption(
     const std::string& help)
 {
     return addTextOption(
-        command, flags, "TIME", [&target](const std::string& text) { target = readDuration(text); },
-        help);
+        command, flags, "TIME",
+        [&target](const std::string& text) { return readDuration(text, target); }, help);
 }
 
 CLI::Option* addTimeoutOption(CLI::App& command, OptionalDuration& target, const std::string& help)
@@ -164,8 +146,8 @@ void addRealTimeOption(CLI::App& command, kit::RealTime& realTime)
     const std::string priority = std::to_string(realTime.priority);
     const auto read = [&realTime](const std::string& text)
     {
-        realTime.priority = static_cast<int>(readNumber(text, {1, MaxPriority}));
         realTime.use = kit::RealTimeUse::Try;
+        return readNumber(text, 1, MaxPriority, realTime.priority);
     };
     // A flag takes its value behind "=" alone, never the next word.
     command
@@ -173,7 +155,7 @@ void addRealTimeOption(CLI::App& command, kit::RealTime& realTime)
             "--realtime{" + priority + "}", [](std::int64_t) {},
             "Request real-time scheduling with this priority, 1 to 99 [" + priority +
                 "]; has no effect if not permitted")
-        ->each(withName("", read))
+        ->check(CLI::Validator(read, ""))
         ->option_text("[=PRIORITY]");
 }
 
@@ -181,9 +163,8 @@ void addSenderUserOption(CLI::App& command, std::optional<uid_t>& user)
 {
     const auto read = [&user](const std::string& text)
     {
-        user = findUser(text);
-        if (!user)
-            throw std::invalid_argument("unknown user " + quote(text));
+        user = kit::findUser(text);
+        return user ? std::string() : "unknown user " + quote(text);
     };
     addTextOption(
         command, "--sender-user", "USER", read,
@@ -209,11 +190,11 @@ void addFormatOptions(CLI::App& command, kit::StreamFormat& format, const std::s
 {
     addTextOption(
         command, "-f,--format", "FORMAT",
-        [&format](const std::string& text) { format.sampleFormat = readFormat(text); },
+        [&format](const std::string& text) { return readFormat(text, format.sampleFormat); },
         "Sample format of " + what + ": " + listFormats() + " [S16LE]");
     addTextOption(
         command, "-r,--rate", "HZ",
-        [&format](const std::string& text) { format.rate = readRate(text); },
+        [&format](const std::string& text) { return readRate(text, format.rate); },
         "Samples per second of " + what + " [48k]");
     addNumberOption(
         command, "-c,--channels", format.channels, {1, MaxChannels},

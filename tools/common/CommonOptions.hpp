@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -17,6 +16,7 @@
 #include <vlxkit/StreamFormat.hpp>
 
 #include "Messages.hpp"
+#include "Numbers.hpp"
 #include "Text.hpp"
 
 namespace CLI
@@ -73,8 +73,8 @@ void addSenderUserOption(CLI::App& command, std::optional<uid_t>& user);
 /// @param help  "Write a report of ...", which the file's description follows
 void addReportOption(CLI::App& command, std::string& path, const std::string& help);
 
-/// Takes an option's text; throws std::invalid_argument, which says what is wrong with it.
-using TextReader = std::function<void(const std::string& text)>;
+/// Takes an option's text, and returns what is wrong with it; empty if nothing is.
+using TextReader = std::function<std::string(const std::string& text)>;
 
 /// Adds an option whose text is read by a function.
 CLI::Option* addTextOption(
@@ -84,11 +84,21 @@ CLI::Option* addTextOption(
     const TextReader& read,
     const std::string& help);
 
+/// @return what is wrong with a whole number within a range; empty if nothing is
+std::string checkNumber(const std::string& text, std::uint64_t least, std::uint64_t most);
+
 /// Reads a whole number within a range.
 ///
-/// @throws std::invalid_argument
-std::uint64_t
-readNumber(const std::string& text, const std::pair<std::uint64_t, std::uint64_t>& range);
+/// @return as checkNumber()
+template <class Number>
+std::string
+readNumber(const std::string& text, std::uint64_t least, std::uint64_t most, Number& target)
+{
+    std::string problem = checkNumber(text, least, most);
+    if (problem.empty())
+        target = static_cast<Number>(*parseNumber(text));
+    return problem;
+}
 
 /// Adds an option that takes a whole number within a range.
 template <class Number>
@@ -96,13 +106,13 @@ CLI::Option* addNumberOption(
     CLI::App& command,
     const std::string& flags,
     Number& target,
-    std::pair<std::type_identity_t<Number>, std::type_identity_t<Number>> range,
+    std::pair<std::uint64_t, std::uint64_t> range,
     const std::string& help)
 {
     return addTextOption(
         command, flags, "N",
         [&target, range](const std::string& text)
-        { target = static_cast<Number>(readNumber(text, range)); },
+        { return readNumber(text, range.first, range.second, target); },
         help);
 }
 
@@ -130,8 +140,9 @@ CLI::Option* addChoiceOption(
         const auto choice = std::find_if(
             choices.begin(), choices.end(), [&](const auto& each) { return each.first == text; });
         if (choice == choices.end())
-            throw std::invalid_argument(quote(text) + " is not one of " + words);
+            return quote(text) + " is not one of " + words;
         target = choice->second;
+        return std::string();
     };
     return addTextOption(command, flags, words, read, help);
 }

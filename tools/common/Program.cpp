@@ -1,17 +1,23 @@
 #include "Program.hpp"
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
 
 #include <CLI/CLI.hpp>
+#include <log4cplus/configurator.h>
+#include <unistd.h>
+
+#include <miscUtils/MiscUtils.hpp>
+#include <vlxkit/Logging.hpp>
 
 #include "CommonOptions.hpp"
 #include "Completions.hpp"
 #include "ExitCodes.hpp"
 #include "HelpFormatter.hpp"
-#include "LogSetup.hpp"
 #include "StandardStreams.hpp"
 #include "StopSignal.hpp"
 
@@ -26,8 +32,6 @@ constexpr const char* Description =
 constexpr const char* ExitCodeHelp = "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 timeout or "
                                      "no sender, 128+n stopped by signal n";
 
-constexpr std::size_t MaxWordLength = 40; // far longer than any that is known
-
 std::string getFullName(const CLI::App& command)
 {
     const CLI::App* const parent = command.get_parent();
@@ -41,98 +45,20 @@ const CLI::App& findCommand(const CLI::App& program)
     return commands.empty() ? program : findCommand(*commands.front());
 }
 
-std::vector<std::string> listSubcommands(const CLI::App& command)
-{
-    std::vector<std::string> names;
-    for (const CLI::App* const each :
-         command.get_subcommands(std::function<bool(const CLI::App*)>()))
-        names.push_back(each->get_name());
-    return names;
-}
-
-std::vector<std::string> listLongOptions(const CLI::App& command)
-{
-    std::vector<std::string> names;
-    for (const CLI::Option* const option : command.get_options())
-    {
-        for (const std::string& name : option->get_lnames())
-            names.push_back("--" + name);
-    }
-    return names;
-}
-
-/// @return number of typing errors between two words: letters added, missing or replaced, or
-///         neighbours swapped
-std::size_t countSlips(const std::string& one, const std::string& other)
-{
-    // Of the first i letters of one word and the first k of the other.
-    std::vector<std::vector<std::size_t>> slips(
-        one.size() + 1, std::vector<std::size_t>(other.size() + 1));
-    for (std::size_t i = 0; i <= one.size(); ++i)
-    {
-        for (std::size_t k = 0; k <= other.size(); ++k)
-        {
-            std::size_t& fewest = slips[i][k];
-            if (i == 0 || k == 0)
-            {
-                fewest = i + k;
-                continue;
-            }
-            fewest = std::min(
-                {slips[i - 1][k] + 1, slips[i][k - 1] + 1,
-                 slips[i - 1][k - 1] + (one[i - 1] == other[k - 1] ? 0 : 1)});
-            if (i > 1 && k > 1 && one[i - 1] == other[k - 2] && one[i - 2] == other[k - 1])
-                fewest = std::min(fewest, slips[i - 2][k - 2] + 1);
-        }
-    }
-    return slips.back().back();
-}
-
-/// @return "; ", and the known word that a wrong one is probably meant to be, or where to look
-std::string askFor(const std::string& wrong, const std::vector<std::string>& known)
-{
-    std::string best = "see --help";
-    std::size_t fewest = 3; // from here on it is another word
-    for (const std::string& word : known)
-    {
-        // Every word can be made of a short one.
-        const std::size_t slips = countSlips(wrong.substr(0, MaxWordLength), word);
-        if (slips < fewest && 2 * slips < word.size())
-        {
-            best = "did you mean " + word + "?";
-            fewest = slips;
-        }
-    }
-    return "; " + best;
-}
-
 /// @return one line for wrong usage
 std::string explainWrongUsage(const CLI::App& program, const CLI::ParseError& error)
 {
     const CLI::App& command = findCommand(program);
-    const auto subcommands = listSubcommands(command);
     auto words = command.remaining();
     if (words.empty())
         words = program.remaining();
-    // Behind a "--" there are no options and no subcommands.
-    const auto marker = std::find(words.begin(), words.end(), "--");
-    const bool isBehindMarker = !words.empty() && marker == words.begin();
-    if (marker != words.end())
-        words.erase(marker);
-    const std::string wrong = words.empty() ? "" : words.front();
-    const bool isTooMuch = error.get_exit_code() == toInt(CLI::ExitCodes::ExtrasError);
-    const bool isMissing = error.get_exit_code() == toInt(CLI::ExitCodes::RequiredError);
-    const bool isMisplaced = (isTooMuch || isMissing) && !wrong.empty() && !isBehindMarker;
-
-    if (isMisplaced && wrong.starts_with("-"))
-        return "unknown option " + wrong +
-               askFor(wrong.substr(0, wrong.find('=')), listLongOptions(command));
-    if (isMisplaced && !subcommands.empty())
-        return "unknown subcommand " + wrong + askFor(wrong, subcommands);
-    if (isTooMuch && !wrong.empty())
-        return "unexpected argument " + wrong + "; see --help";
-    if (isMissing && !subcommands.empty())
-        return "a subcommand is required: " + CLI::detail::join(subcommands, ", ") + "; see --help";
+    // An unknown word is the cause, whatever the parser misses then.
+    if (!words.empty() && words.front() != "--")
+        return std::string("unknown ") +
+               (words.front().starts_with("-")             ? "option "
+                : command.get_require_subcommand_min() > 0 ? "subcommand "
+                                                           : "argument ") +
+               words.front() + "; see --help";
     return std::string(error.what()) + "; see --help";
 }
 
@@ -158,6 +84,33 @@ void makeTempDirectoryAbsolute()
         ::setenv("TMPDIR", path.c_str(), 1);
 }
 
+/// @return hands the log to standard error while it lives; null if the user's own configuration does
+///         that
+std::unique_ptr<kit::LogListener> configureLogging(const CommonOptions& options)
+{
+    if (!options.logConfig.empty())
+    {
+        if (::access(options.logConfig.c_str(), R_OK) != 0)
+            throw CommandFailure(
+                ExitCode::Failed, "cannot read " + quote(options.logConfig) + ": " +
+                                      miscUtils::strerror_r_safe(errno));
+        log4cplus::PropertyConfigurator::doConfigure(options.logConfig);
+        return nullptr;
+    }
+    using enum kit::LogLevel;
+    constexpr std::array Levels = {Error, Info, Debug, Trace};
+    const auto verbosity = static_cast<std::size_t>(options.quiet ? 0 : options.verbosity);
+    // Without -v the tool's own messages name the cause. The log still needs a receiver: log4cplus
+    // complains about a missing one.
+    return std::make_unique<kit::LogListener>(
+        Levels.at(std::min(verbosity, Levels.size() - 1)),
+        [verbosity](const kit::LogLine& line)
+        {
+            if (verbosity > 0)
+                printLogLine(toText(line));
+        });
+}
+
 int runSubcommand(
     const Subcommand& subcommand,
     const CLI::App& command,
@@ -168,7 +121,7 @@ int runSubcommand(
          options.logConfig.empty()});
     try
     {
-        const auto log = configureLogging(options.quiet ? 0 : options.verbosity, options.logConfig);
+        const auto log = configureLogging(options);
         makeTempDirectoryAbsolute();
         StopSignal stop;
         const int code = subcommand.run(stop);

@@ -24,12 +24,6 @@ namespace
 
 constexpr mode_t NewFileMode = 0666; // less the process's umask
 
-[[noreturn]] void fail(const std::string& path, int error)
-{
-    throw CommandFailure(
-        ExitCode::Failed, "cannot write " + quote(path) + ": " + miscUtils::strerror_r_safe(error));
-}
-
 /// Writes all of a text and closes the descriptor.
 ///
 /// @return 0 or the error
@@ -45,50 +39,6 @@ int writeAndClose(int fd, std::string_view text)
     if (::close(fd) != 0 && error == 0)
         error = errno;
     return error;
-}
-
-/// Writes to a device or a FIFO. A FIFO without a reader is an error: opening it would wait.
-void writeInPlace(const std::string& path, const std::string& text)
-{
-    const int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_APPEND | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0)
-        fail(path, errno);
-    ::fcntl(fd, F_SETFL, O_APPEND);
-    if (const int error = writeAndClose(fd, text); error != 0)
-        fail(path, error);
-}
-
-/// Writes a new file and gives it the name of the old one. Follows no link: one in the old file's
-/// place is replaced, whatever it leads to.
-///
-/// @return 0 or the error
-int replaceIn(int directoryFD, const std::string& name, const std::string& text)
-{
-    const std::string temporary = ".vlx-" + makeRandomHex(16);
-    const int fd = ::openat(
-        directoryFD, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-        NewFileMode);
-    if (fd < 0)
-        return errno;
-    int error = writeAndClose(fd, text);
-    if (error == 0 && ::renameat(directoryFD, temporary.c_str(), directoryFD, name.c_str()) != 0)
-        error = errno;
-    if (error != 0)
-        ::unlinkat(directoryFD, temporary.c_str(), 0);
-    return error;
-}
-
-void replaceFile(const std::string& path, const std::string& text)
-{
-    const std::filesystem::path target(path);
-    const std::string directory = target.has_parent_path() ? target.parent_path() : ".";
-    const int directoryFD = ::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (directoryFD < 0)
-        fail(path, errno);
-    const int error = replaceIn(directoryFD, target.filename(), text);
-    ::close(directoryFD);
-    if (error != 0)
-        fail(path, error);
 }
 
 } // unnamed namespace
@@ -114,15 +64,32 @@ void writeTextFile(const std::string& path, const std::string& text)
     {
         std::fwrite(text.data(), 1, text.size(), stdout);
         flushOutput();
+        return;
     }
-    else if (isReplaced(path))
+    // A new file takes the old one's name, also that of a link, whatever it leads to.
+    const bool replaces = isReplaced(path);
+    const std::string target =
+        replaces
+            ? std::filesystem::path(path).replace_filename(".vlx-" + makeRandomHex(16)).string()
+            : path;
+    constexpr int New = O_CREAT | O_EXCL | O_NOFOLLOW;
+    constexpr int InPlace = O_APPEND | O_NOCTTY | O_NONBLOCK; // a FIFO without a reader fails
+    const int fd =
+        ::open(target.c_str(), O_WRONLY | O_CLOEXEC | (replaces ? New : InPlace), NewFileMode);
+    int error = fd < 0 ? errno : 0;
+    if (fd >= 0)
     {
-        replaceFile(path, text);
+        ::fcntl(fd, F_SETFL, O_APPEND); // waits from here on
+        error = writeAndClose(fd, text);
+        if (replaces && error == 0 && ::rename(target.c_str(), path.c_str()) != 0)
+            error = errno;
+        if (replaces && error != 0)
+            ::unlink(target.c_str());
     }
-    else
-    {
-        writeInPlace(path, text);
-    }
+    if (error != 0)
+        throw CommandFailure(
+            ExitCode::Failed,
+            "cannot write " + quote(path) + ": " + miscUtils::strerror_r_safe(error));
 }
 
 } // namespace vlx::tool

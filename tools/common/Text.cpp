@@ -1,14 +1,9 @@
 #include "Text.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <system_error>
-
-#include <sys/random.h>
-
-#include <vlx/VlxTypes.hpp>
+#include <random>
 
 namespace vlx::tool
 {
@@ -41,12 +36,10 @@ std::string toMilliseconds(std::int64_t nanoseconds)
 
 std::string makeRandomHex(std::size_t numBytes)
 {
-    Buffer bytes(numBytes);
-    if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
-        throw std::system_error(errno, std::generic_category(), "getrandom");
+    std::random_device source;
     std::string text;
-    for (const unsigned char byte : bytes)
-        text += formatText("%02x", byte);
+    while (text.size() < 2 * numBytes)
+        text += formatText("%08x", source());
     return text;
 }
 

@@ -18,6 +18,7 @@ using kit::toPrintable;
 /// @return such as "1.250 ms"
 std::string toMilliseconds(std::int64_t nanoseconds);
 
+/// @param numBytes  a multiple of 4
 /// @return so many random bytes in hexadecimal, for names that no other user can guess
 std::string makeRandomHex(std::size_t numBytes);
 

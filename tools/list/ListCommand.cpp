@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include <vlxkit/Discovery.hpp>
+#include <vlxkit/Users.hpp>
 
 #include "Commands.hpp"
 #include "common/CommonOptions.hpp"
@@ -17,7 +18,6 @@
 #include "common/SenderReport.hpp"
 #include "common/StopSignal.hpp"
 #include "common/Text.hpp"
-#include "common/Users.hpp"
 
 namespace vlx::tool
 {
@@ -50,7 +50,7 @@ Row makeRow(const Found& found)
         toPrintable(found.entry.name),
         std::to_string(found.entry.process),
         toPrintable(found.entry.command),
-        toPrintable(getUserName(found.entry.user)),
+        toPrintable(kit::getUserName(found.entry.user)),
         info ? toString(info->nanomsgProtocol) : "",
         std::to_string(found.entry.receivers),
         describeFormat(found.probe),
@@ -89,7 +89,7 @@ nlohmann::ordered_json makeObject(const Found& found)
         {"process", found.entry.process},
         {"program", found.entry.command},
         {"user", found.entry.user},
-        {"user_name", getUserName(found.entry.user)},
+        {"user_name", kit::getUserName(found.entry.user)},
         {"receivers", found.entry.receivers}};
     json.update(toJson(found.probe));
     return json;

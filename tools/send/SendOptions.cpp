@@ -1,12 +1,8 @@
 #include "SendOptions.hpp"
 
-#include <stdexcept>
 #include <string_view>
-#include <utility>
 
 #include <CLI/CLI.hpp>
-
-#include "common/Numbers.hpp"
 
 namespace vlx::tool
 {
@@ -19,14 +15,14 @@ constexpr double MaxToneHz = 1e9;
 
 constexpr const char* LocalAddress = "127.0.0.1";
 
-double readFrequency(const std::string& text)
+std::string readFrequency(const std::string& text, std::optional<double>& target)
 {
     std::string_view rest = text;
     const auto frequency = takeDecimal(rest);
     if (!frequency || !rest.empty() || *frequency > MaxToneHz)
-        throw std::invalid_argument(
-            "invalid frequency " + quote(text) + ": expected Hz, for example 440");
-    return *frequency;
+        return "invalid frequency " + quote(text) + ": expected Hz, for example 440";
+    target = frequency;
+    return {};
 }
 
 void addInputOptions(CLI::App& command, SendOptions& options)
@@ -42,7 +38,7 @@ void addInputOptions(CLI::App& command, SendOptions& options)
     addFormatOptions(command, options.input.format, "raw input, tone or silence");
     addTextOption(
         command, "--tone", "HZ",
-        [&options](const std::string& text) { options.toneHz = readFrequency(text); },
+        [&options](const std::string& text) { return readFrequency(text, options.toneHz); },
         "Send a sine of this frequency instead of an input");
     command.add_flag("--silence", options.silence, "Send silence instead of an input");
     command.add_flag("--loop", options.loop, "Start again at the end of the input");
