@@ -490,13 +490,13 @@ void Consumer::Impl::handleSequence(Depayloader& depayloader)
 
 void Consumer::Impl::handleFrame(TimeValue timestamp, TimeValue duration)
 {
-    FrameInfo frame;
+    Buffer& data = m_codec->getFrame();
+    Frame frame{{}, data};
     frame.timestamp = timestamp;
     frame.duration = duration;
     frame.arrival = getMonotonicSysclockTime();
     frame.clock = m_clock;
     frame.clockOffsetNs = measureClockOffset(frame.arrival);
-    Buffer& data = m_codec->getFrame();
     const TimeValue streamTime =
         frame.clockOffsetNs ? frame.arrival + static_cast<TimeValue>(*frame.clockOffsetNs) : 0;
     const ConsumerRecord::Place place =
@@ -512,7 +512,7 @@ void Consumer::Impl::handleFrame(TimeValue timestamp, TimeValue duration)
         return;
     }
     const CallbackScope scope(m_callbackThread);
-    m_callbacks.onFrame({frame, data});
+    m_callbacks.onFrame(frame);
 }
 
 std::optional<std::int64_t> Consumer::Impl::measureClockOffset(TimeValue arrival) const

@@ -205,7 +205,7 @@ private:
     Status protectStream();
     void shutDown();
     template <typename Call>
-    Status callSender(Call call);
+    bool callSender(Call call);
     Status announceNow();
     Status announceAfterInterruption();
     Status announceToNewcomers();
@@ -213,7 +213,8 @@ private:
     std::size_t countReceivers(std::chrono::nanoseconds maxAge) const;
     Status checkClosed() const;
     Status checkUsable() const;
-    Status checkStops() const;
+    bool isUsable() const;
+    Status getStopReason() const;
     void notify(const std::string& notice) const;
 
     // Constant.
@@ -226,6 +227,7 @@ private:
     std::string m_baseDirectory;
     DirectoryLock m_directoryLock;
     Clock::time_point m_lastSequence;             // when it was started
+    bool m_isSequenceNew = false;                 // less than the joining time ago
     std::size_t m_numConnections = 0;             // just before that, or at a later check
     std::optional<Clock::time_point> m_lastFrame; // when it was sent
     std::chrono::nanoseconds m_lastDuration{0};
@@ -304,8 +306,8 @@ Status Producer::Impl::openStream(Payloader& payloader)
 /// Without the first sequence: what waits for others must not hold up other streams.
 Status Producer::Impl::openSender()
 {
-    if (Status status = checkStops(); !status)
-        return status;
+    if (m_stopped || m_interrupted)
+        return getStopReason();
 
     const BaseDirectory base =
         prepareBaseDirectory(BaseDirectoryUse::Send, m_options.baseDirectory);
@@ -436,8 +438,8 @@ Status Producer::Impl::announce()
 
 Status Producer::Impl::send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData)
 {
-    if (Status status = checkUsable(); !status)
-        return status;
+    if (!isUsable())
+        return checkUsable();
     if (m_format && mediaData.size() % m_format->getBytesPerSample() != 0)
         return {
             ErrorCode::InvalidArgument,
@@ -449,7 +451,7 @@ Status Producer::Impl::send(TimeValue timestamp, TimeValue duration, const ByteV
             return status;
     }
     // Later no receiver can have missed the sequence, and the count takes locks.
-    if (Clock::now() - m_lastSequence < JoiningTime)
+    if (m_isSequenceNew)
     {
         if (Status status = announceToNewcomers(); !status)
             return status;
@@ -457,14 +459,13 @@ Status Producer::Impl::send(TimeValue timestamp, TimeValue duration, const ByteV
     if (m_options.onReceivers)
         reportReceivers();
 
-    Status status = callSender([&] { m_sender->sendMediaData(timestamp, duration, mediaData); });
-    if (!status)
-        return status;
+    if (!callSender([&] { m_sender->sendMediaData(timestamp, duration, mediaData); }))
+        return getStopReason();
     m_lastFrame = Clock::now();
     m_lastDuration = std::chrono::nanoseconds(std::min(duration, MaxTailWaitNs));
     m_frames.fetch_add(1, std::memory_order_relaxed);
     m_bytes.fetch_add(mediaData.size(), std::memory_order_relaxed);
-    return status;
+    return {};
 }
 
 std::size_t Producer::Impl::checkReceivers()
@@ -480,28 +481,28 @@ std::size_t Producer::Impl::checkReceivers()
 
 /// Calls the sender, where it may block in Pipeline.
 ///
-/// @return whether the call was not interrupted
+/// @return whether the call was neither stopped nor interrupted; see getStopReason()
 template <typename Call>
-Status Producer::Impl::callSender(Call call)
+bool Producer::Impl::callSender(Call call)
 {
     if (m_options.protocol != NanomsgProtocol::Pipeline)
     {
         call();
-        return m_stopped ? checkStops() : Status();
+        return !m_stopped;
     }
     const std::uint64_t interruptions = m_interruptions;
-    Status status;
+    bool isCalled = false;
     {
         // An interruption sees that the call is made, or is seen here.
         const SendingMark mark(m_isSending);
-        status = checkStops();
-        if (status)
+        isCalled = isUsable();
+        if (isCalled)
             call();
     }
-    if (status && interruptions == m_interruptions)
-        return checkStops();
+    if (isCalled && interruptions == m_interruptions && isUsable())
+        return true;
     m_announcementsDue = 2;
-    return m_stopped ? checkStops() : Status(ErrorCode::Interrupted, "interrupted");
+    return false;
 }
 
 /// An interrupted call may have lost an announcement, and may have left a byte in the sender's
@@ -524,7 +525,8 @@ Status Producer::Impl::announceAfterInterruption()
 Status Producer::Impl::announceToNewcomers()
 {
     const std::size_t before = std::exchange(m_numConnections, m_sender->getNumReceivers());
-    if (m_numConnections <= before || Clock::now() - m_lastSequence >= JoiningTime)
+    m_isSequenceNew = m_isSequenceNew && Clock::now() - m_lastSequence < JoiningTime;
+    if (m_numConnections <= before || !m_isSequenceNew)
         return {};
     // In Pipeline it waits until it is taken: not for one that has left again.
     if (m_options.protocol == NanomsgProtocol::Pipeline)
@@ -578,11 +580,13 @@ std::size_t Producer::Impl::countReceivers(std::chrono::nanoseconds maxAge) cons
 Status Producer::Impl::announceNow()
 {
     m_numConnections = m_sender->getNumReceivers();
-    Status status = callSender([this] { m_sender->startNewSequence(); });
+    const bool isDone = callSender([this] { m_sender->startNewSequence(); });
     m_lastSequence = Clock::now();
-    if (status)
-        m_sequences.fetch_add(1, std::memory_order_relaxed);
-    return status;
+    m_isSequenceNew = true;
+    if (!isDone)
+        return getStopReason();
+    m_sequences.fetch_add(1, std::memory_order_relaxed);
+    return {};
 }
 
 Status Producer::Impl::waitForReceivers(std::size_t count, std::chrono::nanoseconds timeout)
@@ -594,7 +598,7 @@ Status Producer::Impl::waitForReceivers(std::size_t count, std::chrono::nanoseco
         if (Status status = checkUsable(); !status)
             return status;
         if (interruptions != m_interruptions) // taken back already
-            return {ErrorCode::Interrupted, "interrupted"};
+            return getStopReason();
         if (Status status = announceToNewcomers(); !status)
             return status;
         if (m_options.onReceivers)
@@ -696,21 +700,25 @@ Status Producer::Impl::checkClosed() const
     return {ErrorCode::AlreadyOpen, "the stream " + quote(m_name) + " is open already"};
 }
 
-/// @return success unless stop() or interrupt() was called
-Status Producer::Impl::checkStops() const
+/// Of an operation that was stopped or interrupted, even if the interruption was taken back.
+Status Producer::Impl::getStopReason() const
 {
     if (m_stopped)
         return {ErrorCode::Stopped, "stopped"};
-    if (m_interrupted)
-        return {ErrorCode::Interrupted, "interrupted"};
-    return {};
+    return {ErrorCode::Interrupted, "interrupted"};
 }
 
-/// @return success if the stream is open, too
+/// Faster than checkUsable(), for each frame.
+bool Producer::Impl::isUsable() const
+{
+    return m_sender != nullptr && !m_stopped && !m_interrupted;
+}
+
+/// @return success if the stream is open, and neither stopped nor interrupted
 Status Producer::Impl::checkUsable() const
 {
-    if (Status status = checkStops(); !status)
-        return status;
+    if (m_stopped || m_interrupted)
+        return getStopReason();
     if (m_sender == nullptr)
         return {ErrorCode::NotOpen, "the stream is not open"};
     return {};
