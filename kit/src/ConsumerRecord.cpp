@@ -30,7 +30,7 @@ void ConsumerRecord::onStart(TimeValue now)
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_waitBegin = now;
     m_losses.clear();
-    m_vainStalls = 0;
+    m_stallsInARow = 0;
     m_isStopped = false;
 }
 
@@ -97,7 +97,7 @@ bool ConsumerRecord::onEnded(TimeValue now, bool byPeer)
     if (byPeer)
     {
         m_losses.push_back(now);
-        m_vainStalls = 0;
+        m_stallsInARow = 0;
     }
     if (m_losses.size() > LossLimit)
         m_losses.pop_front();
@@ -138,7 +138,7 @@ ConsumerRecord::Place ConsumerRecord::onFrame(
     }
     m_lastSign = arrival;
     m_unknownSince = 0;
-    m_vainStalls = 0;
+    m_stallsInARow = 0;
     ++m_counts.frames;
     m_counts.bytes += size;
     if (streamTime != 0)
@@ -197,7 +197,7 @@ void ConsumerRecord::onStall()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     ++m_counts.stalls;
-    ++m_vainStalls;
+    ++m_stallsInARow;
 }
 
 void ConsumerRecord::forgetLosses()
@@ -209,7 +209,7 @@ void ConsumerRecord::forgetLosses()
 bool ConsumerRecord::isStalled(TimeValue now) const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    const TimeValue limit = m_stallLimitNs << std::min(m_vainStalls, MaxDoublings);
+    const TimeValue limit = m_stallLimitNs << std::min(m_stallsInARow, MaxDoublings);
     return m_joinedSince != 0 && limit != 0 && now > m_lastSign && now - m_lastSign >= limit;
 }
 

@@ -134,7 +134,7 @@ private:
     bool m_isHeld = false;                        // a sender was checked, and is not joined yet
     std::deque<TimeValue> m_losses;               // without a sequence; the last ones, oldest first
     TimeValue m_lastSign = 0;                     // the join, or the last frame after it
-    unsigned m_vainStalls = 0;                    // since the last frame or loss
+    unsigned m_stallsInARow = 0;                    // since the last frame or loss
     std::optional<StreamFormat> m_format;         // of the present sequence, if it is PCM
     std::optional<TimeValue> m_expectedTimestamp; // of the next frame, if nothing is missing
     Receiver::StreamClockType m_lastClock = Receiver::StreamClockType::Undetermined;

@@ -176,23 +176,23 @@ std::string removeFile(const std::string& path)
 
 } // unnamed namespace
 
-Cleaning removeDeadEntries(const std::string& baseDirectory, int stopFD)
+CleanupResult removeDeadEntries(const std::string& baseDirectory, int stopFD)
 {
-    Cleaning cleaning;
+    CleanupResult result;
     const std::string base = getBaseDirectory(baseDirectory);
     std::vector<Candidate> directories;
     for (const Candidate& candidate : findCandidates(base))
     {
         const std::string path = base + "/" + candidate.name;
         if (!isOld(candidate))
-            ++cleaning.numYoung;
+            ++result.numRecent;
         else if (candidate.kind == Kind::SendersDirectory)
             directories.push_back(candidate);
         else
-            cleaning.entries.push_back({path, removeFile(path)});
+            result.entries.push_back({path, removeFile(path)});
     }
     const Living living = directories.empty() ? Living() : findLiving(stopFD);
-    cleaning.notice = living.notice;
+    result.notice = living.notice;
     for (const Candidate& candidate : directories)
     {
         const std::string path = base + "/" + candidate.name;
@@ -200,16 +200,16 @@ Cleaning removeDeadEntries(const std::string& baseDirectory, int stopFD)
         if (!living.notice.empty() || living.directories.contains(candidate.name))
             continue;
         if (living.doubtfulUsers.contains(candidate.status.st_uid))
-            ++cleaning.numDoubtful;
+            ++result.numUncertain;
         else if (
             lockDirectory(path, candidate.status, lock) != EWOULDBLOCK &&
             !isServed(makeSocketFilePath(path)))
-            cleaning.entries.push_back({path, removeDirectory(path, candidate.status.st_uid)});
+            result.entries.push_back({path, removeDirectory(path, candidate.status.st_uid)});
     }
     std::sort(
-        cleaning.entries.begin(), cleaning.entries.end(),
+        result.entries.begin(), result.entries.end(),
         [](const DeadEntry& left, const DeadEntry& right) { return left.path < right.path; });
-    return cleaning;
+    return result;
 }
 
 void removeOwnDeadDirectories(const std::string& baseDirectory)

@@ -176,15 +176,15 @@ struct DeadEntry
     std::string problem;
 };
 
-/// What a cleaning has found.
-struct Cleaning
+/// Result of removeDeadEntries().
+struct CleanupResult
 {
     std::vector<DeadEntry> entries; ///< what was dead, ordered by path
     /// Why nothing could be judged, in one line; otherwise empty.
     std::string notice;
-    std::size_t numYoung = 0; ///< that stay because they are younger than a minute
-    /// That stay because a sender of their user does not answer, or its name cannot be found out.
-    std::size_t numDoubtful = 0;
+    std::size_t numRecent = 0; ///< entries kept because they are younger than a minute
+    /// Entries kept because a sender of their user does not answer or cannot be identified.
+    std::size_t numUncertain = 0;
 };
 
 /// Removes from a base directory what dead programs have left. All of it is older than a minute:
@@ -200,7 +200,7 @@ struct Cleaning
 /// @param stopFD         a descriptor that ends the call when it becomes readable; -1: no such
 ///                       descriptor
 /// @thread any
-VLX_API Cleaning removeDeadEntries(const std::string& baseDirectory = {}, int stopFD = -1);
+VLX_API CleanupResult removeDeadEntries(const std::string& baseDirectory = {}, int stopFD = -1);
 
 /// @return whether another socket is bound to the name in the abstract socket namespace, so that a
 ///         sender could not take it

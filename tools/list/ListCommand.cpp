@@ -96,28 +96,28 @@ nlohmann::ordered_json makeObject(const Found& found)
 }
 
 /// Names each reason for which directories are kept.
-void reportKept(const kit::Cleaning& cleaning)
+void reportKept(const kit::CleanupResult& result)
 {
-    if (!cleaning.notice.empty())
-        printNotice(cleaning.notice);
-    if (cleaning.numYoung > 0)
-        printNotice("kept: " + std::to_string(cleaning.numYoung) + " younger than a minute");
-    if (cleaning.numDoubtful > 0)
+    if (!result.notice.empty())
+        printNotice(result.notice);
+    if (result.numRecent > 0)
+        printNotice("kept: " + std::to_string(result.numRecent) + " younger than a minute");
+    if (result.numUncertain > 0)
         printNotice(
-            "kept: " + std::to_string(cleaning.numDoubtful) +
+            "kept: " + std::to_string(result.numUncertain) +
             " whose user has a sender that does not answer, or that only that user and root can "
             "see");
-    if (cleaning.entries.empty())
+    if (result.entries.empty())
         printNotice("nothing removed");
 }
 
 ExitCode clean(const StopSignal& stop)
 {
     bool done = true;
-    const kit::Cleaning cleaning = kit::removeDeadEntries({}, stop.getFD());
+    const kit::CleanupResult result = kit::removeDeadEntries({}, stop.getFD());
     if (!stop.isRequested())
-        reportKept(cleaning);
-    for (const kit::DeadEntry& entry : cleaning.entries)
+        reportKept(result);
+    for (const kit::DeadEntry& entry : result.entries)
     {
         if (entry.problem.empty())
             std::puts(("removed " + toPrintable(entry.path)).c_str());
