@@ -22,8 +22,6 @@
 #include "common/StopSignal.hpp"
 #include "monitor/Rendering.hpp"
 #include "monitor/StreamMeter.hpp"
-#include "receive/ConnectionRecord.hpp"
-#include "receive/StreamEvents.hpp"
 #include "support/RawPeers.hpp"
 
 namespace vlx::testing
@@ -296,77 +294,6 @@ TEST(StreamFormatTest, TimesFollowFromTheSampleCountAlone)
     EXPECT_EQ(format.toNanoseconds(Year * 22050), Year * Second);
     for (const std::uint64_t samples : {1ULL, 220ULL, 22049ULL, 22051ULL, 695'368'800'001ULL})
         EXPECT_EQ(format.toSamples(format.toNanoseconds(samples)), samples);
-}
-
-TEST(ConnectionRecordTest, GapsAndOverlapsSplitTheRecordingIntoSegments)
-{
-    constexpr std::int64_t Ms = 1'000'000;
-    struct Frame
-    {
-        std::int64_t timestamp;
-        std::int64_t gapNs;
-    };
-    const Frame frames[] = {{100 * Ms, 7 * Ms}, // of the time between two connections
-                            {110 * Ms, 0},       {120 * Ms, 0}, {150 * Ms, 20 * Ms},
-                            {155 * Ms, -5 * Ms}, {165 * Ms, 0}};
-    constexpr std::uint64_t Samples = 10; // of each frame, at 1000 per second
-
-    tool::ConnectionRecord record{.waitBegin = 90 * Ms};
-    record.announced = {{PcmFormat::U8, 1000, 1}, Receiver::StreamClockType::MonotonicSystemClock};
-    tool::FilePlace place;
-    for (const Frame& frame : frames)
-    {
-        tool::ReceivedFrame event;
-        event.timestamp = static_cast<TimeValue>(frame.timestamp);
-        event.time = event.timestamp + Ms;
-        event.gapNs = frame.gapNs;
-        event.data.resize(Samples);
-        record.addFrame(event, Samples, place);
-        place.sample += Samples;
-    }
-
-    const auto json = record.toJson();
-    EXPECT_EQ(json["gaps"], 1);
-    EXPECT_EQ(json["gap_ns"], 20 * Ms);
-    EXPECT_EQ(json["overlaps"], 1);
-    EXPECT_EQ(json["overlap_ns"], 5 * Ms);
-    EXPECT_EQ(json["join_ns"], 11 * Ms);
-    EXPECT_NEAR(json["age_p99_ns"].get<double>(), Ms, Ms * 0.016);
-    ASSERT_EQ(json["segments"].size(), 3U);
-    EXPECT_EQ(json["segments"][1]["file_sample"], 30);
-    EXPECT_EQ(json["segments"][1]["timestamp"], 150 * Ms);
-    EXPECT_EQ(json["segments"][2]["samples"], 20);
-}
-
-TEST(StreamEventQueueTest, FramesBeyondTheLimitsAreCountedAndOtherEventsAreNot)
-{
-    for (const bool full : {false, true}) // of bytes, of frames
-    {
-        SCOPED_TRACE(full);
-        tool::StreamEventQueue queue({.bytes = full ? 1000U : 100U, .frames = full ? 1U : 10U});
-        queue.push(tool::ReceivedFrame{.data = Buffer(200)}); // one always fits
-        queue.push(tool::ReceivedFrame{.duration = 20, .gapNs = 3});
-        queue.push(tool::ReceivedFrame{.duration = UINT64_MAX, .gapNs = 1, .data = Buffer(1)});
-        queue.push(kit::ConsumerEvent{});
-        for (const std::uint32_t rate : {1U, 2U})
-            queue.push(tool::AnnouncedFormat{.format = {.rate = rate}, .clock = {}});
-        EXPECT_EQ(queue.getNumDropped(), 2U);
-        std::optional<tool::StreamEvent> event;
-        const auto pop = [&]
-        {
-            queue.pop(event, std::chrono::seconds(1));
-            return *event;
-        };
-        EXPECT_EQ(std::get<tool::ReceivedFrame>(pop()).data.size(), 200U);
-        queue.push(tool::ReceivedFrame{.data = Buffer(1)});
-        queue.close();
-        queue.push(tool::ReceivedFrame{.data = Buffer(1)});
-        EXPECT_TRUE(std::holds_alternative<kit::ConsumerEvent>(pop()));
-        EXPECT_EQ(std::get<tool::AnnouncedFormat>(pop()).format.rate, 2U);
-        EXPECT_EQ(std::get<tool::ReceivedFrame>(pop()).gapNs, INT64_MAX) << "dropped, and no gap";
-        EXPECT_FALSE(queue.pop(event, std::chrono::seconds(1)));
-        EXPECT_EQ(queue.getNumDropped(), 2U);
-    }
 }
 
 } // namespace

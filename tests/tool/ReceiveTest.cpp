@@ -202,7 +202,7 @@ TEST_F(ReceiveTest, RecordingGoesOnWhenTheSenderComesBack)
         ASSERT_EQ(report["connections"].size(), 3U);
         EXPECT_GE(report["gaps"], 2);
         EXPECT_EQ(readSound(path).info.frames, report["samples"]);
-        const std::int64_t begin = report["connections"][0]["first_timestamp"];
+        const std::int64_t begin = report["connections"][0]["segments"][0]["timestamp"];
         std::int64_t recorded = 0;
         for (const json& connection : report["connections"])
         {
@@ -279,7 +279,6 @@ TEST_F(ReceiveTest, AfterAStallEveryReceiverJoinsAgain)
             EXPECT_GE(report["stalls"], 1);
             ASSERT_GE(connections.size(), 2U) << said;
             EXPECT_EQ(connections[0]["ended"], "stall") << said;
-            EXPECT_EQ(connections[1]["joined_after"], "stall") << said << report;
             if (!isKilled)
             {
                 EXPECT_EQ(countLines(said), 4U) << said;
@@ -287,7 +286,7 @@ TEST_F(ReceiveTest, AfterAStallEveryReceiverJoinsAgain)
             else
             {
                 EXPECT_LT(
-                    connections.back()["first_timestamp"].get<TimeValue>(),
+                    connections.back()["segments"][0]["timestamp"].get<TimeValue>(),
                     readJson(file("s.json"))["runs"][0]["timestamp"].get<TimeValue>() + PauseNs);
             }
         }

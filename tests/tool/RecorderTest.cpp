@@ -29,13 +29,35 @@ using Event = kit::ConsumerEvent;
 
 constexpr TimeValue Second = 1'000'000'000;
 constexpr TimeValue FrameNs = Second / 100;
+constexpr std::int64_t AgeNs = 1'000'000;
 constexpr StreamFormat Format = {audioUtils::PcmFormat::S16LE, 8000, 1};
 // Far more than it takes, and far less than writing everything would take.
 constexpr auto MaxStopTime = std::chrono::seconds(2);
 
-Event makeEvent(Event::Kind kind)
+using Items = std::vector<kit::ConsumerItem>;
+
+Event makeEvent(Event::Kind kind, TimeValue time = 0)
 {
-    return {.kind = kind, .time = 0, .text = "", .fourcc = 0};
+    return {.kind = kind, .time = time, .text = "", .fourcc = 0};
+}
+
+/// @param time  of the timestamp
+kit::ReceivedFrame makeFrame(
+    TimeValue time,
+    std::int64_t gapNs = 0,
+    const StreamFormat& format = Format,
+    std::uint64_t numDropped = 0)
+{
+    kit::ReceivedFrame frame;
+    frame.timestamp = time;
+    frame.arrival = time + AgeNs;
+    frame.duration = FrameNs;
+    frame.gapNs = gapNs;
+    frame.clock = Receiver::StreamClockType::MonotonicSystemClock;
+    frame.clockOffsetNs = 0;
+    frame.data = Buffer(format.toSamples(FrameNs) * format.getBytesPerSample(), 1);
+    frame.numDropped = numDropped;
+    return frame;
 }
 
 class RecorderTest : public ::testing::Test
@@ -49,61 +71,71 @@ protected:
         m_options.type = "raw";
     }
 
+    static void add(tool::Recorder& recorder, const kit::ConsumerItem& item)
+    {
+        if (const auto* const format = std::get_if<StreamFormat>(&item))
+            recorder.add(*format);
+        else if (const auto* const event = std::get_if<Event>(&item))
+            recorder.add(*event);
+        else
+            recorder.add(std::get<kit::ReceivedFrame>(item));
+    }
+
     /// @return the report
-    ordered_json record(const std::vector<tool::StreamEvent>& events) const
+    ordered_json record(const Items& items) const
     {
         const tool::StopSignal stop;
         tool::Recorder recorder(m_options, {stop, {}}, 0);
-        for (const tool::StreamEvent& event : events)
-            recorder.getQueue().push(event);
+        for (const kit::ConsumerItem& item : items)
+            add(recorder, item);
         recorder.finish();
         ordered_json report;
         recorder.addToReport(report);
         return report;
     }
 
-    static tool::AnnouncedFormat announce(const StreamFormat& format)
-    {
-        return {format, Receiver::StreamClockType::MonotonicSystemClock};
-    }
-
-    /// @param time  of its arrival
-    static tool::ReceivedFrame makeFrame(TimeValue time, std::int64_t gapNs)
-    {
-        return {time, time, 0, FrameNs, gapNs, Buffer(Format.toSamples(FrameNs) * 2, 1)};
-    }
-
-    tool::ReceiveOptions m_options;
+    tool::RecordingOptions m_options;
 };
 
-TEST_F(RecorderTest, EveryOrderOfEventsIsRecorded)
+TEST_F(RecorderTest, GapsAndOverlapsSplitTheRecordingIntoSegments)
 {
-    const tool::StreamEvent kinds[] = {
-        makeEvent(Event::Kind::Joined), makeEvent(Event::Kind::Lost),
-        makeEvent(Event::Kind::Stalled), announce(Format), makeFrame(Second, 0)};
-    constexpr std::size_t Length = 5;
-    constexpr std::size_t NumOrders = Length * Length * Length * Length * Length;
-    for (std::size_t order = 0; order < NumOrders; ++order)
-    {
-        std::vector<tool::StreamEvent> events;
-        std::uint64_t numFrames = 0;
-        bool announced = false;
-        for (std::size_t rest = order, i = 0; i < Length; rest /= std::size(kinds), ++i)
-        {
-            events.push_back(kinds[rest % std::size(kinds)]);
-            announced |= std::holds_alternative<tool::AnnouncedFormat>(events.back());
-            numFrames += announced && std::holds_alternative<tool::ReceivedFrame>(events.back());
-        }
-        const ordered_json report = record(events);
-        ASSERT_EQ(report["frames"], numFrames) << order;
-        for (const ordered_json& connection : report["connections"])
-        {
-            ASSERT_NE(connection["ended"], "running") << order;
-            ASSERT_EQ(connection["segments"].size(), 1U) << order;
-            numFrames -= connection["frames"].get<std::uint64_t>();
-        }
-        ASSERT_EQ(numFrames, 0U) << order;
-    }
+    constexpr std::int64_t Ms = 1'000'000;
+    Items items;
+    items.emplace_back(Format);
+    for (const auto& [timestamp, gapNs] :
+         {std::pair(100 * Ms, 7 * Ms), // of the time between two connections
+          {110 * Ms, 0 * Ms},
+          {120 * Ms, 0 * Ms},
+          {150 * Ms, 20 * Ms},
+          {155 * Ms, -5 * Ms},
+          {165 * Ms, 0 * Ms}})
+        items.emplace_back(makeFrame(static_cast<TimeValue>(timestamp), gapNs));
+    m_options.noFill = true;
+    const ordered_json report = record(items);
+    const ordered_json& connection = report["connections"][0];
+    EXPECT_EQ(connection["gaps"], 1);
+    EXPECT_EQ(connection["gap_ns"], 20 * Ms);
+    EXPECT_EQ(connection["join_ns"], 100 * Ms + AgeNs);
+    EXPECT_EQ(connection["clock"], "sysclock");
+    EXPECT_NEAR(connection["age_p99_ns"].get<double>(), AgeNs, AgeNs * 0.016);
+    std::string segments;
+    for (const ordered_json& each : connection["segments"])
+        segments += std::to_string(each["file_sample"].get<int>()) + " " +
+                    std::to_string(each["timestamp"].get<std::int64_t>() / Ms) + " " +
+                    std::to_string(each["samples"].get<int>()) + "; ";
+    EXPECT_EQ(segments, "0 100 240; 240 150 80; 320 155 160; ");
+}
+
+TEST_F(RecorderTest, DroppedFramesAreCountedAndTheirGapIsFilled)
+{
+    Items items;
+    items.emplace_back(Format);
+    items.emplace_back(makeFrame(Second));
+    items.emplace_back(makeFrame(Second + 4 * FrameNs, 3 * FrameNs, Format, 3));
+    const ordered_json report = record(items);
+    EXPECT_EQ(report["overflowed_frames"], 3);
+    EXPECT_EQ(report["gap_ns"], 3 * FrameNs);
+    EXPECT_EQ(report["samples"], Format.toSamples(5 * FrameNs));
 }
 
 TEST_F(RecorderTest, SilenceIsBoundedByTheTimeThatHasPassed)
@@ -132,16 +164,16 @@ TEST_F(RecorderTest, SilenceIsBoundedByTheTimeThatHasPassed)
     for (const Row& row : rows)
     {
         TimeValue time = Second;
-        std::vector<tool::StreamEvent> events = {
-            makeEvent(Event::Kind::Joined), announce(Format), makeFrame(time, 0)};
+        Items items;
+        items.emplace_back(Format);
+        items.emplace_back(makeFrame(time));
         for (const Frame& frame : row.frames)
         {
-            time += frame.passed;
-            events.insert(
-                events.end(), {makeEvent(Event::Kind::Lost), makeEvent(Event::Kind::Joined),
-                               announce(Format), makeFrame(time, frame.gapNs)});
+            items.emplace_back(makeEvent(Event::Kind::Lost));
+            items.emplace_back(Format);
+            items.emplace_back(makeFrame(time += frame.passed, frame.gapNs));
         }
-        const ordered_json report = record(events);
+        const ordered_json report = record(items);
         const TimeValue received = (row.frames.size() + 1) * FrameNs;
         EXPECT_EQ(
             report["samples"], Format.toSamples(received + static_cast<TimeValue>(row.filledNs)))
@@ -153,16 +185,13 @@ TEST_F(RecorderTest, SilenceIsBoundedByTheTimeThatHasPassed)
 TEST_F(RecorderTest, TheDurationCountsOverAllFormatsAndFiles)
 {
     // Three sequences of 30 ms each: of 8, 16 and 8 kHz.
-    std::vector<tool::StreamEvent> events;
+    Items items;
     for (const std::uint32_t rate : {8000U, 16000U, 8000U})
     {
         const StreamFormat format = {Format.sampleFormat, rate, 1};
-        events.emplace_back(announce(format));
+        items.emplace_back(format);
         for (int i = 0; i < 3; ++i)
-        {
-            events.emplace_back(makeFrame(Second, 0));
-            std::get<tool::ReceivedFrame>(events.back()).data.resize(format.toSamples(FrameNs) * 2);
-        }
+            items.emplace_back(makeFrame(Second, 0, format));
     }
     struct Row
     {
@@ -198,7 +227,7 @@ TEST_F(RecorderTest, TheDurationCountsOverAllFormatsAndFiles)
         m_options.maxDuration = row.maxDuration == Unlimited
                                     ? tool::OptionalDuration()
                                     : tool::OptionalDuration(row.maxDuration);
-        const ordered_json report = record(events);
+        const ordered_json report = record(items);
         EXPECT_EQ(report["samples"], row.samples);
         std::vector<std::uintmax_t> sizes;
         for (const ordered_json& file : report["files"])
@@ -211,47 +240,53 @@ TEST_F(RecorderTest, TheDurationCountsOverAllFormatsAndFiles)
 TEST_F(RecorderTest, JoinTimesCountFromWhatCausedTheWait)
 {
     using Kind = Event::Kind;
-    std::vector<tool::StreamEvent> events;
-    const auto add = [&](Kind kind, TimeValue seconds)
-    {
-        Event event = makeEvent(kind);
-        event.time = seconds * Second;
-        events.emplace_back(event);
-    };
+    Items items;
+    items.emplace_back(Format);
     for (const auto& [joined, ended, end] :
-         {std::tuple(1, Kind::Lost, 10), {12, Kind::Stalled, 20}, {27, Kind::Lost, 30}})
+         {std::tuple(2, Kind::Lost, 10),
+          {13, Kind::Stalled, 20},
+          {0, Kind::Lost, 25},
+          {28, Kind::Lost, 30}})
     {
-        add(Kind::Joined, static_cast<TimeValue>(joined));
-        events.emplace_back(announce(Format));
-        events.emplace_back(makeFrame(static_cast<TimeValue>(joined + 1) * Second, 0));
-        add(ended, static_cast<TimeValue>(end));
+        if (joined != 0) // it brought frames
+            items.emplace_back(makeFrame(static_cast<TimeValue>(joined) * Second - AgeNs));
+        items.emplace_back(makeEvent(ended, static_cast<TimeValue>(end) * Second));
     }
-    const ordered_json report = record(events);
-    const std::pair<const char*, TimeValue> expected[] = {{"start", 2}, {"loss", 3}, {"stall", 8}};
+    const ordered_json report = record(items);
+    const std::pair<const char*, TimeValue> expected[] = {{"lost", 2}, {"stall", 3}, {"lost", 3}};
+    ASSERT_EQ(report["connections"].size(), std::size(expected));
     for (std::size_t i = 0; i < std::size(expected); ++i)
     {
-        const ordered_json& connection = report["connections"][i];
-        EXPECT_EQ(connection["joined_after"], expected[i].first);
-        EXPECT_EQ(connection["join_ns"], expected[i].second * Second) << expected[i].first;
+        EXPECT_EQ(report["connections"][i]["ended"], expected[i].first);
+        EXPECT_EQ(report["connections"][i]["join_ns"], expected[i].second * Second) << i;
     }
 }
 
 TEST_F(RecorderTest, SilenceAndWaitingFramesEndAtAStop)
 {
-    // Each second of silence in it is a gigabyte and more.
+    // Each second of silence in it is a gigabyte and more: 9 s take far longer than is allowed here.
     constexpr StreamFormat Huge = {audioUtils::PcmFormat::F64LE, 768'000, 255};
     const tool::StopSignal stop;
     tool::Recorder recorder(m_options, {stop, {}}, 0);
-    recorder.getQueue().push(announce(Huge));
-    recorder.getQueue().push(tool::ReceivedFrame{.data = Buffer(Huge.getBytesPerSample())});
-    tool::ReceivedFrame far{.gapNs = 9 * Second, .data = Buffer(Huge.getBytesPerSample())};
-    recorder.getQueue().push(far);
-    ASSERT_TRUE(waitFor([&] { return recorder.getNumSamples() > 1; }));
+    recorder.add(Huge);
+    recorder.add(makeFrame(Second, 0, Huge));
     ::kill(::getpid(), SIGTERM);
     ASSERT_TRUE(waitFor([&] { return stop.isRequested(); }));
     const auto begin = std::chrono::steady_clock::now();
-    recorder.finish();
+    recorder.add(makeFrame(Second, 9 * Second, Huge));
     EXPECT_LT(std::chrono::steady_clock::now() - begin, MaxStopTime);
+    EXPECT_TRUE(recorder.isDone());
+
+    // Where frames were lost anyway, the others are not waited for.
+    tool::Recorder late(m_options, {stop, {}}, 0);
+    late.add(Format);
+    std::uint64_t numAdded = 0;
+    const auto addMore = [&]
+    {
+        late.add(makeFrame(Second, 0, Format, 1));
+        return late.getNumFrames() < ++numAdded;
+    };
+    EXPECT_TRUE(waitFor(addMore));
 }
 
 } // namespace

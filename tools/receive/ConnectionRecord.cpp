@@ -1,6 +1,6 @@
 #include "ConnectionRecord.hpp"
 
-#include <algorithm>
+#include <limits>
 
 #include <nlohmann/json.hpp>
 
@@ -9,55 +9,40 @@
 namespace vlx::tool
 {
 
-namespace
+std::int64_t addLimited(std::int64_t a, std::int64_t b)
 {
+    using Limits = std::numeric_limits<std::int64_t>;
+    std::int64_t sum = 0;
+    return !__builtin_add_overflow(a, b, &sum) ? sum : b < 0 ? Limits::min() : Limits::max();
+}
 
-// A sender may let its timestamps jump with each frame.
-constexpr std::size_t MaxSegments = 100'000;
-
-} // unnamed namespace
-
-void ConnectionRecord::addFrame(
-    const ReceivedFrame& frame,
-    std::uint64_t samples,
-    const FilePlace& place)
+bool ConnectionRecord::addFrame(const kit::ReceivedFrame& frame)
 {
-    const bool first = frames == 0;
-    if (first)
-        firstTime = frame.time;
+    const bool isFirst = frames++ == 0;
+    if (isFirst)
+    {
+        firstArrival = frame.arrival;
+        clock = frame.clock;
+    }
     else if (frame.gapNs > 0)
     {
         ++gaps;
         gapNs = addLimited(gapNs, frame.gapNs);
     }
-    else if (frame.gapNs < 0)
-    {
-        ++overlaps;
-        overlapNs = addLimited(overlapNs, -std::max(frame.gapNs, -INT64_MAX));
-    }
-    ++frames;
-    if (frame.data.size() % announced.format.getBytesPerSample() != 0)
-        ++oddFrames;
-    // Otherwise timestamp and arrival are on different clocks.
-    if (announced.clock == Receiver::StreamClockType::MonotonicSystemClock)
-        ages.add(static_cast<std::int64_t>(frame.time - frame.timestamp));
-
-    const bool isNew = first || frame.gapNs != 0 || segments.back().place.file != place.file;
-    if (isNew && segments.size() < MaxSegments)
-        segments.push_back({place, frame.timestamp, 0});
-    segments.back().samples += samples;
+    if (const auto time = frame.getMonotonicTime())
+        ages.add(static_cast<std::int64_t>(frame.arrival - *time));
+    return isFirst || frame.gapNs != 0;
 }
 
-void ConnectionRecord::continueIn(
-    const FilePlace& place,
-    std::uint64_t samples,
-    const kit::StreamFormat& format)
+void ConnectionRecord::addSamples(const Segment& written, bool isNew)
 {
-    if (segments.empty() || segments.size() >= MaxSegments)
-        return;
-    Segment& last = segments.back();
-    last.samples -= std::min(samples, last.samples);
-    segments.push_back({place, last.timestamp + format.toNanoseconds(last.samples), samples});
+    // A sender may let its timestamps jump with each frame.
+    constexpr std::size_t MaxSegments = 100'000;
+    if (segments.empty() || ((isNew || segments.back().place.file != written.place.file) &&
+                             segments.size() < MaxSegments))
+        segments.push_back(written);
+    else
+        segments.back().samples += written.samples;
 }
 
 nlohmann::ordered_json ConnectionRecord::toJson() const
@@ -69,20 +54,14 @@ nlohmann::ordered_json ConnectionRecord::toJson() const
              {"file_sample", segment.place.sample},
              {"timestamp", segment.timestamp},
              {"samples", segment.samples}});
-
     nlohmann::ordered_json json = {
-        {"joined_after", joinedAfter},
-        {"join_ns", firstTime - waitBegin},
+        {"join_ns", firstArrival - waitBegin},
         {"ended", ended},
-        {"clock", toClockName(announced.clock)},
+        {"clock", toClockName(clock)},
         {"frames", frames},
         {"odd_frames", oddFrames},
         {"gaps", gaps},
         {"gap_ns", gapNs},
-        {"overlaps", overlaps},
-        {"overlap_ns", overlapNs},
-        {"first_timestamp", segments.empty() ? nlohmann::ordered_json()
-                                             : nlohmann::ordered_json(segments.front().timestamp)},
         {"segments", stretches}};
     addAges(json, ages);
     return json;

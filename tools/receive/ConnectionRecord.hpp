@@ -7,18 +7,15 @@
 
 #include <vlx/VlxTypes.hpp>
 #include <vlxkit/AgeHistogram.hpp>
+#include <vlxkit/Consumer.hpp>
 
-#include "StreamEvents.hpp"
+#include "Outputs.hpp"
 
 namespace vlx::tool
 {
 
-/// Where a frame goes in the recording.
-struct FilePlace
-{
-    std::size_t file = 0;     ///< number of the file, from 0
-    std::uint64_t sample = 0; ///< counted from the beginning of that file
-};
+/// @return the sum, or the number that comes nearest to it: a sender may send any times
+std::int64_t addLimited(std::int64_t a, std::int64_t b);
 
 /// A stretch of the recording in which each frame's timestamp continues the one before.
 struct Segment
@@ -31,31 +28,26 @@ struct Segment
 /// What one connection delivered, from joining a sender to losing it.
 struct ConnectionRecord
 {
-    /// Counts a frame, before it is written.
+    /// Counts a frame.
     ///
-    /// @param samples  that go into the recording
-    /// @param place    where the first of them goes
-    void addFrame(const ReceivedFrame& frame, std::uint64_t samples, const FilePlace& place);
+    /// @return whether it begins a segment
+    bool addFrame(const kit::ReceivedFrame& frame);
 
-    /// Notes that the last frame goes on in another file.
+    /// Adds samples that have been written.
     ///
-    /// @param place    where it goes on
-    /// @param samples  of the frame that stand there
-    void continueIn(const FilePlace& place, std::uint64_t samples, const kit::StreamFormat& format);
+    /// @param isNew  whether they begin a segment; in another file they always do
+    void addSamples(const Segment& written, bool isNew);
 
     nlohmann::ordered_json toJson() const;
 
-    const char* joinedAfter = "start"; ///< what the join time counts from
-    TimeValue waitBegin = 0;           ///< since when a sender was looked for, as a frame's time
-    AnnouncedFormat announced{};       ///< known before the first frame
-    const char* ended = "running";     ///< how
+    TimeValue waitBegin = 0;       ///< since when a sender was looked for, as a frame's arrival
+    const char* ended = "running"; ///< how
+    Receiver::StreamClockType clock = Receiver::StreamClockType::Undetermined;
     std::uint64_t frames = 0;
-    std::uint64_t oddFrames = 0; ///< whose size was no multiple of a sample's
+    std::uint64_t oddFrames = 0; ///< whose size is no multiple of a sample's
     std::uint64_t gaps = 0;
     std::int64_t gapNs = 0;
-    std::uint64_t overlaps = 0;
-    std::int64_t overlapNs = 0;
-    TimeValue firstTime = 0; ///< of the first frame's arrival
+    TimeValue firstArrival = 0;
     kit::AgeHistogram ages = {};
     std::vector<Segment> segments = {}; ///< the first 100,000; the last of them goes on
 };

@@ -1,11 +1,7 @@
-#include "ReceiveCommand.hpp"
-
-#include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <mutex>
 #include <utility>
 
+#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <miscUtils/MiscUtils.hpp>
@@ -14,7 +10,6 @@
 
 #include "Commands.hpp"
 #include "Recorder.hpp"
-#include "audio/AudioOutput.hpp"
 #include "common/Duration.hpp"
 #include "common/ExitCodes.hpp"
 #include "common/Messages.hpp"
@@ -28,45 +23,25 @@ namespace
 {
 
 using SteadyClock = std::chrono::steady_clock;
+using miscUtils::getMonotonicSysclockTime;
 
 constexpr auto DefaultStall = std::chrono::seconds(2);
 constexpr auto WatchInterval = std::chrono::milliseconds(50);
+// Several seconds of what a disk may have to catch up with, in frames of a millisecond or more.
+constexpr kit::QueueLimits QueueLimits = {
+    .time = std::chrono::nanoseconds(0),
+    .bytes = 64 << 20,
+    .frames = 4096};
 
-/// Tells when the frames of a stream are to be played.
-class LocalTimes
+struct ReceiveOptions
 {
-public:
-    void setClock(Receiver::StreamClockType clock)
-    {
-        m_clock = clock;
-    }
-
-    /// @return the frame's timestamp on CLOCK_MONOTONIC; as near as can be told if the stream's
-    ///         clock cannot be told
-    TimeValue get(const kit::Frame& frame, const kit::Consumer& consumer)
-    {
-        if (m_clock == Receiver::StreamClockType::MonotonicSystemClock)
-            return frame.timestamp;
-        const TimeValue streamTime = consumer.getStreamTime();
-        const bool synchronized = streamTime != 0;
-        const TimeValue time = synchronized ? frame.timestamp : m_received;
-        const auto offset = static_cast<std::int64_t>(
-            synchronized ? miscUtils::getMonotonicSysclockTime() - streamTime
-                         : frame.arrival - time);
-        m_received += frame.duration;
-        // However the measurement jitters, frames that continue one another are played so.
-        const std::int64_t change = offset - m_offset;
-        m_offset += std::abs(change) > MaxJitterNs ? change : change / SmoothingFrames;
-        return time + static_cast<TimeValue>(m_offset);
-    }
-
-private:
-    static constexpr std::int64_t MaxJitterNs = 50'000'000;
-    static constexpr std::int64_t SmoothingFrames = 64;
-
-    Receiver::StreamClockType m_clock = Receiver::StreamClockType::Undetermined;
-    std::int64_t m_offset = 0; // of CLOCK_MONOTONIC against the time that frames count from
-    TimeValue m_received = 0;  // sum of durations: stands in for timestamps that tell nothing
+    std::string name;
+    RecordingOptions recording;
+    OptionalDuration timeout;
+    OptionalDuration stall;
+    kit::RealTime realTime;
+    std::optional<uid_t> senderUser;
+    std::string report;
 };
 
 /// A recording from joining to the last line: recorder and consumer, and what ends them.
@@ -82,63 +57,113 @@ public:
     int run();
 
 private:
-    void onFrame(const kit::Frame& frame);
-    void onFormat(const kit::StreamFormat& format);
-    void onEvent(const kit::ConsumerEvent& event);
-    void noteProblem(const kit::ConsumerEvent& event);
-    int watch();
-    void finish();
-    void check();
-    bool hasSenderLeftUnseen() const;
+    void receive();
+    void leave();
+    void handle(const kit::ConsumerItem& item);
+    void handleEvent(const kit::ConsumerEvent& event);
+    bool watch();
+    void writeReport(bool isFinished) const;
 
     const ReceiveOptions& m_options;
     const StopSignal& m_stop;
     const Deadline m_deadline; // of the first frame
-
-    std::mutex m_mutex;
-    // Guarded by m_mutex.
     std::string m_lastProblem; // why nothing comes
-    bool m_isHopeless = false; // for good
-
-    LocalTimes m_localTimes; // the consumer's callbacks alone
-    std::atomic<bool> m_stalled = false;
-    std::atomic<bool> m_isFinishing = false;
+    bool m_isStalled = false;
     Recorder m_recorder;
-    kit::Consumer m_consumer; // last: its callbacks use all of the above
+    kit::Consumer m_consumer;
 };
 
 ReceiveControl::ReceiveControl(const ReceiveOptions& options, const StopSignal& stop)
     : m_options(options),
       m_stop(stop),
       m_deadline(options.timeout ? Deadline(SteadyClock::now() + *options.timeout) : Deadline()),
-      m_recorder(options, {stop, m_deadline}, miscUtils::getMonotonicSysclockTime()),
+      m_recorder(options.recording, {stop, m_deadline}, getMonotonicSysclockTime()),
       m_consumer(
           {.name = options.name,
            .stallTimeout = options.stall.value_or(DefaultStall),
            .realTime = options.realTime,
            .senderUser = options.senderUser,
-           .onNotice = printNotice},
-          {.onFrame = [this](const kit::Frame& frame) { onFrame(frame); },
-           .onFormat = [this](const kit::StreamFormat& format) { onFormat(format); },
-           .onEvent = [this](const kit::ConsumerEvent& event) { onEvent(event); }})
+           .onNotice = printNotice,
+           .queue = QueueLimits})
 {
 }
 
-void ReceiveControl::onFrame(const kit::Frame& frame)
+int ReceiveControl::run()
 {
-    const TimeValue localTime = m_options.play.empty() ? 0 : m_localTimes.get(frame, m_consumer);
-    m_recorder.getQueue().push(ReceivedFrame{
-        frame.arrival, frame.timestamp, localTime, frame.duration, frame.gapNs, frame.data});
+    if (m_stop.isRequested()) // while a FIFO had no reader
+        return toInt(ExitCode::Done);
+    if (isReplaced(m_options.report))
+        writeReport(false);
+
+    int code = toInt(ExitCode::Done);
+    const auto attempt = [&](const auto& step)
+    {
+        try
+        {
+            step();
+        }
+        catch (const CommandFailure& failure)
+        {
+            // What fails once fails at the end, too.
+            if (std::exchange(code, toInt(failure.getCode())) != toInt(ExitCode::Failed))
+                printError(failure.what());
+        }
+    };
+    attempt([this] { receive(); });
+    attempt([this] { m_recorder.finish(); });
+    if (m_recorder.getNumFrames() > 0)
+        printNotice(m_recorder.summarize()); // in the place of the progress
+    else
+        finishProgress();
+    writeReport(true);
+    return code;
 }
 
-void ReceiveControl::onFormat(const kit::StreamFormat& format)
+void ReceiveControl::receive()
 {
-    const auto clock = m_consumer.getStatistics().clock;
-    m_localTimes.setClock(clock);
-    m_recorder.getQueue().push(AnnouncedFormat{format, clock});
+    if (const kit::Status status = m_consumer.start(); !status)
+        throw CommandFailure(ExitCode::Failed, status.getText());
+    const bool isPlaying = !m_options.recording.play.empty();
+    const kit::RealTimeScope realTime(isPlaying ? m_options.realTime : kit::RealTime());
+    auto nextWatch = SteadyClock::now();
+    while (!m_recorder.isDone() && !m_stop.isRequested())
+    {
+        if (const auto item = m_consumer.read(isPlaying ? WorkInterval : WatchInterval))
+            handle(*item);
+        m_recorder.work();
+        if (SteadyClock::now() < nextWatch)
+            continue;
+        nextWatch = SteadyClock::now() + WatchInterval;
+        if (watch())
+            return;
+    }
+    leave();
 }
 
-void ReceiveControl::onEvent(const kit::ConsumerEvent& event)
+/// Records what had come before the stop.
+void ReceiveControl::leave()
+{
+    const TimeValue end = getMonotonicSysclockTime();
+    m_consumer.stop();
+    while (const auto item = m_consumer.read(std::chrono::nanoseconds(0)))
+    {
+        const auto* const event = std::get_if<kit::ConsumerEvent>(&*item);
+        if (event == nullptr || event->time < end) // leaving is no loss
+            handle(*item);
+    }
+}
+
+void ReceiveControl::handle(const kit::ConsumerItem& item)
+{
+    if (const auto* const frame = std::get_if<kit::ReceivedFrame>(&item))
+        m_recorder.add(*frame);
+    else if (const auto* const format = std::get_if<kit::StreamFormat>(&item))
+        m_recorder.add(*format);
+    else if (const auto* const event = std::get_if<kit::ConsumerEvent>(&item))
+        handleEvent(*event);
+}
+
+void ReceiveControl::handleEvent(const kit::ConsumerEvent& event)
 {
     using Kind = kit::ConsumerEvent::Kind;
     switch (event.kind)
@@ -146,123 +171,141 @@ void ReceiveControl::onEvent(const kit::ConsumerEvent& event)
     case Kind::Joined:
     case Kind::Lost:
     case Kind::Stalled:
-        if (m_isFinishing) // leaving at the end is no loss
-            break;
-        m_stalled = event.kind == Kind::Stalled;
-        m_recorder.getQueue().push(event);
+        m_isStalled = event.kind == Kind::Stalled;
+        m_recorder.add(event);
         break;
     case Kind::CannotPlay:
+        throw CommandFailure(ExitCode::Failed, event.text);
     case Kind::NotPermitted:
     case Kind::NotASender:
     case Kind::Failed:
-        noteProblem(event);
+        // Reported each time that something else has happened between.
+        if (std::exchange(m_lastProblem, event.text) != event.text)
+            printNotice(event.text);
         break;
     }
 }
 
-// What is asked again and again is said once, and what ends the command at its end.
-void ReceiveControl::noteProblem(const kit::ConsumerEvent& event)
+/// @return whether the sender has gone for good
+/// @throws CommandFailure if no frame has come in time
+bool ReceiveControl::watch()
 {
-    bool isNew = false;
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        isNew = std::exchange(m_lastProblem, event.text) != event.text;
-        m_isHopeless |= event.kind == kit::ConsumerEvent::Kind::CannotPlay;
-    }
-    if (isNew && event.kind != kit::ConsumerEvent::Kind::CannotPlay)
-        printNotice(event.text);
-}
-
-int ReceiveControl::run()
-{
-    int code = toInt(ExitCode::Done);
-    try
-    {
-        code = watch();
-    }
-    catch (const CommandFailure& failure)
-    {
-        code = toInt(failure.getCode());
-        printError(failure.what());
-    }
-    finish();
-    return m_recorder.getState() == RecorderState::Failed ? toInt(ExitCode::Failed) : code;
-}
-
-int ReceiveControl::watch()
-{
-    if (const kit::Status status = m_consumer.start(); !status)
-        throw CommandFailure(ExitCode::Failed, status.getText());
-    while (m_recorder.getState() == RecorderState::Going &&
-           !m_stop.waitUntil(SteadyClock::now() + WatchInterval))
-    {
-        check();
-        if (hasSenderLeftUnseen())
-            return toInt(ExitCode::Done);
-        printProgress(m_recorder.describeProgress());
-    }
-    return m_recorder.getState() == RecorderState::Going ? toExitCode(m_stop.getSignalNumber())
-                                                         : toInt(ExitCode::Done);
-}
-
-/// @throws CommandFailure if nothing can or will be recorded
-void ReceiveControl::check()
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_isHopeless)
-        throw CommandFailure(ExitCode::Failed, m_lastProblem);
-    if (!m_deadline || m_recorder.getNumFrames() > 0 || SteadyClock::now() < *m_deadline)
-        return;
-    const bool reachable = !m_lastProblem.empty() || kit::isNameTaken(m_options.name);
+    printProgress(m_recorder.describeProgress());
+    // A sender that is killed while it hangs was not joined again, so nobody reports its loss.
+    if (m_recorder.getNumFrames() > 0)
+        return m_options.recording.oneshot && m_isStalled && !kit::isNameTaken(m_options.name);
+    if (!m_deadline || SteadyClock::now() < *m_deadline)
+        return false;
+    const bool isReachable = !m_lastProblem.empty() || kit::isNameTaken(m_options.name);
     throw CommandFailure(
-        ExitCode::TimedOut, (reachable ? "no frame from \"" : "no sender \"") + m_options.name +
+        ExitCode::TimedOut, (isReachable ? "no frame from \"" : "no sender \"") + m_options.name +
                                 "\" within " + toText(*m_options.timeout) +
                                 (m_lastProblem.empty() ? "" : " (" + m_lastProblem + ")"));
 }
 
-// A sender that is killed while it hangs was not joined again, so nobody reports its loss.
-bool ReceiveControl::hasSenderLeftUnseen() const
+void ReceiveControl::writeReport(bool isFinished) const
 {
-    return m_options.oneshot && m_stalled && m_recorder.getNumFrames() > 0 &&
-           !kit::isNameTaken(m_options.name);
+    if (m_options.report.empty())
+        return;
+    nlohmann::ordered_json report = {
+        {"stream", m_options.name},
+        {"output", m_options.recording.output},
+        {"finished", isFinished}};
+    if (isFinished)
+    {
+        report["stalls"] = m_consumer.getStatistics().stalls;
+        m_recorder.addToReport(report);
+    }
+    writeJson(m_options.report, report);
 }
 
-nlohmann::ordered_json makeReport(const ReceiveOptions& options)
+void addOutputOptions(CLI::App& command, RecordingOptions& options)
 {
-    return {{"stream", options.name}, {"output", options.output}, {"finished", false}};
+    CLI::Option* const output =
+        command
+            .add_option(
+                "OUTPUT", options.output,
+                "Audio file, its kind given by the extension; - writes raw samples to standard "
+                "output")
+            ->type_name("");
+    CLI::Option* const type = command
+                                  .add_option(
+                                      "-t,--type", options.type,
+                                      "Kind of output, whatever its name: " + listOutputTypes())
+                                  ->type_name("TYPE");
+    CLI::Option* const raw = command.add_flag_callback(
+        "--raw", [&options] { options.type = "raw"; }, "Write raw samples, the same as -t raw");
+    CLI::Option* const split = command.add_flag(
+        "--split", options.split,
+        "Begin a new numbered file for each connection and each format, as in out-001.wav");
+    CLI::Option* const maxDuration = addDurationOption(
+        command, "--max-duration", options.maxDuration,
+        "Begin a new numbered file after this much audio");
+    CLI::Option* const namePattern = command.add_flag(
+        "--name-pattern", options.namePattern,
+        "Take OUTPUT as a pattern like date(1), filled in with the local time of the first frame");
+    CLI::Option* const overwrite = command.add_flag(
+        "--overwrite", options.overwrite, "Replace existing files instead of refusing to");
+    CLI::Option* const noFill = command.add_flag(
+        "--no-fill", options.noFill, "Leave gaps out instead of filling them with silence");
+    CLI::Option* const play =
+        command
+            .add_option(
+                "--play", options.play,
+                "Play through this ALSA device [default], each sample on time")
+            ->expected(0, 1)
+            ->default_str("default")
+            ->type_name("DEVICE");
+    addDurationOption(
+        command, "--latency", options.latency,
+        "Play each sample this long after its timestamp [100ms]")
+        ->needs(play);
+    for (CLI::Option* const other :
+         {output, type, raw, split, maxDuration, namePattern, overwrite, noFill})
+        play->excludes(other);
 }
 
-void writeReport(const ReceiveOptions& options, const nlohmann::ordered_json& report)
+CLI::App* addReceiveCommand(CLI::App& program, ReceiveOptions& options)
 {
-    if (!options.report.empty())
-        writeJson(options.report, report);
-}
-
-void ReceiveControl::finish()
-{
-    m_isFinishing = true;
-    m_consumer.stop();
-    m_recorder.finish();
-    if (m_recorder.getNumFrames() > 0)
-        printNotice(m_recorder.summarize()); // in the place of the progress
-    else
-        finishProgress();
-
-    nlohmann::ordered_json report = makeReport(m_options);
-    report["finished"] = true;
-    report["stalls"] = m_consumer.getStatistics().stalls;
-    m_recorder.addToReport(report);
-    writeReport(m_options, report);
+    CLI::App* const command = program.add_subcommand(
+        "receive", "Record a stream to an audio file or as raw samples, or play it");
+    addSocketOption(*command, options.name);
+    addOutputOptions(*command, options.recording);
+    command->add_flag(
+        "--oneshot", options.recording.oneshot,
+        "Exit when a sender that delivered frames has gone");
+    addDurationOption(
+        *command, "-d,--duration", options.recording.duration, "Record or play this much audio");
+    addTimeoutOption(
+        *command, options.timeout, "Exit with code 3 if no frame arrives within this time");
+    addDurationOption(
+        *command, "--stall", options.stall, "Reconnect after this time without a frame [2s]");
+    addSenderUserOption(*command, options.senderUser);
+    addRealTimeOption(*command, options.realTime);
+    addReportOption(*command, options.report, "Write a JSON report of what was received");
+    command->callback(
+        [&options]
+        {
+            const RecordingOptions& recording = options.recording;
+            if (recording.output.empty() && recording.play.empty())
+                throw CLI::ValidationError("OUTPUT or --play is required");
+            const char* const needsFiles = recording.split         ? "--split"
+                                           : recording.maxDuration ? "--max-duration"
+                                           : recording.namePattern ? "--name-pattern"
+                                                                   : nullptr;
+            if (recording.output == "-" && needsFiles != nullptr)
+                throw CLI::ValidationError(
+                    std::string(needsFiles) + " needs a file name; - is standard output");
+            if (recording.output == "-" && options.report == "-")
+                throw CLI::ValidationError(
+                    "standard output takes either the samples or the report");
+        });
+    return command;
 }
 
 int runReceive(const ReceiveOptions& options, StopSignal& stop)
 {
-    ReceiveControl control(options, stop);
-    if (stop.isRequested())
-        return toExitCode(stop.getSignalNumber());
-    if (isReplaced(options.report))
-        writeReport(options, makeReport(options));
-    return control.run();
+    return ReceiveControl(options, stop).run();
 }
 
 } // unnamed namespace
