@@ -20,8 +20,6 @@ constexpr GstClockTime SyncTimeoutNs = 2'000'000'000;
 
 constexpr auto ProvidesClock = static_cast<guint32>(GST_ELEMENT_FLAG_PROVIDE_CLOCK);
 
-} // unnamed namespace
-
 bool isMonotonicSystemClock(GstClock* clock)
 {
     // Net client clocks are system clocks too, by inheritance.
@@ -39,7 +37,7 @@ bool isMonotonicSystemClock(GstClock* clock)
     return type == GST_CLOCK_TYPE_MONOTONIC && internal == external && rateNum == rateDen;
 }
 
-std::optional<ClockEndpoint> getNetClockEndpoint(GstClock* clock)
+std::optional<ClockEndpoint> findProvider(GstClock* clock)
 {
     // Exactly this type: an NTP clock inherits from it.
     if (G_OBJECT_TYPE(clock) != GST_TYPE_NET_CLIENT_CLOCK)
@@ -52,10 +50,24 @@ std::optional<ClockEndpoint> getNetClockEndpoint(GstClock* clock)
     return endpoint;
 }
 
-std::int64_t getOffsetToMonotonic(GstClock* clock)
+} // unnamed namespace
+
+void PipelineClock::set(ObjectPtr<GstClock> clock)
 {
-    if (isMonotonicSystemClock(clock))
-        return 0;
+    if (clock == m_clock)
+        return;
+    m_isMonotonic = clock && isMonotonicSystemClock(clock.get());
+    m_provider = clock ? findProvider(clock.get()) : std::nullopt;
+    m_clock = std::move(clock);
+}
+
+std::int64_t PipelineClock::getOffset() const
+{
+    return m_isMonotonic ? 0 : measureOffset(m_clock.get());
+}
+
+std::int64_t measureOffset(GstClock* clock)
+{
     std::int64_t offset = 0;
     std::uint64_t shortest = UINT64_MAX;
     for (int i = 0; i < NumOffsetSamples; ++i)

@@ -33,15 +33,39 @@ struct ClockEndpoint
     bool operator==(const ClockEndpoint&) const = default;
 };
 
-/// @return whether the clock's time is CLOCK_MONOTONIC, to the nanosecond
-bool isMonotonicSystemClock(GstClock* clock);
+/// A pipeline's clock. What cannot change is asked of each clock once, not for each frame.
+///
+/// @thread one at a time
+class PipelineClock
+{
+public:
+    /// @param clock  null: none
+    void set(ObjectPtr<GstClock> clock);
 
-/// @return the provider that the clock follows; not set if it is not a net client clock
-std::optional<ClockEndpoint> getNetClockEndpoint(GstClock* clock);
+    GstClock* get() const
+    {
+        return m_clock.get();
+    }
 
-/// @return the clock's time minus CLOCK_MONOTONIC, nanoseconds: exactly 0 for the monotonic system
-///         clock, within microseconds for any other
-std::int64_t getOffsetToMonotonic(GstClock* clock);
+    /// @return the provider that the clock follows; not set if it is not a net client clock
+    const std::optional<ClockEndpoint>& getProvider() const
+    {
+        return m_provider;
+    }
+
+    /// @return the clock's time minus CLOCK_MONOTONIC, nanoseconds: exactly 0 for the monotonic
+    ///         system clock, within microseconds for any other
+    /// @pre there is a clock
+    std::int64_t getOffset() const;
+
+private:
+    ObjectPtr<GstClock> m_clock;
+    bool m_isMonotonic = false; // its time is CLOCK_MONOTONIC, to the nanosecond
+    std::optional<ClockEndpoint> m_provider;
+};
+
+/// @return the clock's time minus CLOCK_MONOTONIC, nanoseconds, within microseconds
+std::int64_t measureOffset(GstClock* clock);
 
 /// Returns an element's clock, even before it is distributed on the way to PLAYING.
 ///

@@ -79,6 +79,15 @@ void addUriHandler(GType type)
     g_type_add_interface_static(type, GST_TYPE_URI_HANDLER, &handler);
 }
 
+bool checkName(gpointer element, const std::string& name)
+{
+    if (name.empty())
+        GST_ELEMENT_ERROR(
+            element, RESOURCE, SETTINGS, ("The stream has no name: set \"socket-name\"."),
+            (nullptr));
+    return !name.empty();
+}
+
 void describeElement(
     gpointer elementClass,
     const char* name,

@@ -17,9 +17,10 @@ void addUriHandler(GType type);
 /// Impl is constructed from a Parent*, derives from WithSettings, and has
 ///   static void initClass(gpointer elementClass): everything except property access
 ///   GstStructure* makeStatistics() const
-///   ProvidedClock& getProvidedClock(), void setUpClock() before it can be provided
-/// Optional: bool onStart() and onPlaying(), before the state is left, false to refuse; void
-/// onPaused() and onStop(), once the streaming thread is paused or has ended.
+///   bool onStart(), on the way from READY to PAUSED; false to refuse
+///   ProvidedClock& getProvidedClock(), void setUpClock() after that, to offer it
+///   void onStop(), on the way back, once the streaming thread has ended
+/// Optional: void onPlaying() before PLAYING is reached, void onPaused() once it has been left.
 template <typename Impl, typename Parent>
 class ElementType
 {
@@ -88,25 +89,25 @@ private:
     static GstStateChangeReturn changeState(GstElement* element, GstStateChange transition)
     {
         Impl& impl = of(element);
-        if constexpr (requires { impl.onStart(); })
-            if (transition == GST_STATE_CHANGE_READY_TO_PAUSED && !impl.onStart())
-                return GST_STATE_CHANGE_FAILURE;
-        if (transition == GST_STATE_CHANGE_READY_TO_PAUSED)
+        const bool starts = transition == GST_STATE_CHANGE_READY_TO_PAUSED;
+        if (starts && !impl.onStart())
+            return GST_STATE_CHANGE_FAILURE;
+        if (starts)
             impl.setUpClock();
         if constexpr (requires { impl.onPlaying(); })
-            if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING && !impl.onPlaying())
-                return GST_STATE_CHANGE_FAILURE;
+            if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING)
+                impl.onPlaying();
         const GstStateChangeReturn result =
             GST_ELEMENT_CLASS(s_parentClass)->change_state(element, transition);
         if constexpr (requires { impl.onPaused(); })
             if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED)
                 impl.onPaused();
-        if constexpr (requires { impl.onStop(); })
-            if (transition == GST_STATE_CHANGE_PAUSED_TO_READY)
-                impl.onStop();
         if (transition == GST_STATE_CHANGE_PAUSED_TO_READY ||
-            (transition == GST_STATE_CHANGE_READY_TO_PAUSED && result == GST_STATE_CHANGE_FAILURE))
+            (starts && result == GST_STATE_CHANGE_FAILURE))
+        {
+            impl.onStop();
             impl.getProvidedClock().withdraw();
+        }
         return result;
     }
 
@@ -158,6 +159,9 @@ private:
     const gpointer m_object;
     Settings m_settings; // guarded by the object lock
 };
+
+/// @return whether the stream has a name; posts an error otherwise
+bool checkName(gpointer element, const std::string& name);
 
 /// Describes an element and its one pad, whose template allows the caps of every stream.
 void describeElement(

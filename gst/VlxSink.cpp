@@ -29,6 +29,7 @@
 #include <gst/net/gstnet.h>
 
 #include <miscUtils/MiscUtils.hpp>
+#include <vlxkit/Pace.hpp>
 #include <vlxkit/Producer.hpp>
 
 #include "Caps.hpp"
@@ -116,7 +117,7 @@ private:
     GstFlowReturn waitForUnlockStop();
     GstFlowReturn fail(const std::string& problem);
     GstFlowReturn fail(const kit::Status& status);
-    std::optional<Announcement> chooseClock(GstClock* clock, const Settings& settings);
+    std::optional<Announcement> chooseClock(const Settings& settings) const;
     bool serveClock(GstClock* clock, const Settings& settings);
     GstFlowReturn open(const Settings& settings, const Announcement& announcement);
     GstFlowReturn openOrAdapt();
@@ -134,10 +135,9 @@ private:
     std::optional<kit::StreamFormat> m_announcedFormat;
     Announcement m_announcement;
     ObjectPtr<GstNetTimeProvider> m_provider;
-    const GstClock* m_clock = nullptr; // for comparison only: what the announcement was chosen for
+    PipelineClock m_clock; // that the announcement was chosen for
     bool m_joined = false;
-    TimeValue m_nextTimestamp = 0;                     // end of the frame before
-    std::chrono::steady_clock::time_point m_notBefore; // of the next frame
+    kit::Pace m_pace; // after the first frame
 
     mutable std::mutex m_mutex;
     std::condition_variable m_condition;
@@ -174,17 +174,13 @@ void Sink::setUpClock()
 bool Sink::onStart()
 {
     forwardLibraryLog();
-    const bool isNamed = !getSettings().name.empty();
-    if (!isNamed)
-        GST_ELEMENT_ERROR(
-            m_element, RESOURCE, SETTINGS, ("The stream has no name: set \"socket-name\"."),
-            (nullptr));
-    const std::lock_guard lock(m_mutex);
-    m_earlier = {};
-    m_unlocked = false;
-    m_nextTimestamp = 0;
-    m_notBefore = {};
-    return isNamed;
+    m_pace.begin(0);
+    {
+        const std::lock_guard lock(m_mutex);
+        m_earlier = {};
+        m_unlocked = false;
+    }
+    return checkName(m_element, getSettings().name);
 }
 
 void Sink::onStop()
@@ -193,6 +189,7 @@ void Sink::onStop()
     if (m_producer)
         m_producer->stop();
     dropProducer();
+    m_clock.set(nullptr);
 }
 
 bool Sink::setCaps(GstCaps* caps)
@@ -202,6 +199,7 @@ bool Sink::setCaps(GstCaps* caps)
         return false;
     GST_INFO_OBJECT(m_element, "format %s", toText(*format).c_str());
     m_format = *format;
+    m_pace.changeRate(m_format.rate);
     return true;
 }
 
@@ -282,16 +280,16 @@ GstFlowReturn Sink::fail(const kit::Status& status)
                                                            : fail(status.getText());
 }
 
-std::optional<Announcement> Sink::chooseClock(GstClock* clock, const Settings& settings)
+std::optional<Announcement> Sink::chooseClock(const Settings& settings) const
 {
     Announcement result;
-    const auto followed = clock != nullptr ? getNetClockEndpoint(clock) : std::nullopt;
-    const bool serves = settings.serveClock && clock != nullptr;
+    const auto& followed = m_clock.getProvider();
+    const bool serves = settings.serveClock && m_clock.get() != nullptr;
     const auto choice = static_cast<ClockChoice>(settings.clock);
     const bool isNet =
         choice == ClockChoice::GstNetClock || (choice == ClockChoice::Auto && (followed || serves));
     if (serves)
-        result.served = clock;
+        result.served = m_clock.get();
     if (!isNet)
         return result;
 
@@ -365,8 +363,8 @@ GstFlowReturn Sink::open(const Settings& settings, const Announcement& announcem
 GstFlowReturn Sink::openOrAdapt()
 {
     const Settings settings = getSettings();
-    const ObjectPtr<GstClock> clock = findClock(GST_ELEMENT(m_element));
-    const auto announcement = chooseClock(clock.get(), settings);
+    m_clock.set(findClock(GST_ELEMENT(m_element)));
+    const auto announcement = chooseClock(settings);
     if (!announcement)
         return fail("a network clock is wanted, but the pipeline has none; set \"clock-address\" "
                     "and \"clock-port\", or \"serve-clock\"");
@@ -375,7 +373,6 @@ GstFlowReturn Sink::openOrAdapt()
         GST_INFO_OBJECT(m_element, "opening again, with the pipeline's present clock");
         dropProducer();
     }
-    m_clock = clock.get(); // cppcheck-suppress danglingLifetime  // never dereferenced
     if (!m_producer)
         return open(settings, *announcement);
     if (m_announcedFormat == m_format)
@@ -408,7 +405,7 @@ GstFlowReturn Sink::prepare()
         if (m_element->flushing != FALSE)
             return GST_FLOW_FLUSHING;
         const ObjectPtr<GstClock> clock(gst_element_get_clock(GST_ELEMENT(m_element)));
-        if (!isUnlocked() && m_joined && clock && clock.get() == m_clock &&
+        if (!isUnlocked() && m_joined && clock && clock.get() == m_clock.get() &&
             m_announcedFormat == m_format)
             return GST_FLOW_OK;
 
@@ -430,47 +427,53 @@ TimeValue Sink::makeTimestamp(GstBuffer* buffer) const
         segment.format == GST_FORMAT_TIME && GST_BUFFER_PTS_IS_VALID(buffer)
             ? gst_segment_to_running_time(&segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer))
             : GST_CLOCK_TIME_NONE;
-    const ObjectPtr<GstClock> clock(gst_element_get_clock(GST_ELEMENT(m_element)));
+    GstClock* const clock = m_clock.get();
     const bool isSystemTime = m_announcement.protocol == TimeSyncProtocol::MonotonicSystemClock;
     if (!GST_CLOCK_TIME_IS_VALID(runningTime))
     {
-        if (m_nextTimestamp != 0)
-            return m_nextTimestamp;
-        return isSystemTime || !clock ? miscUtils::getMonotonicSysclockTime()
-                                      : gst_clock_get_time(clock.get());
+        if (m_pace.getTimestamp() != 0)
+            return m_pace.getTimestamp();
+        return isSystemTime || clock == nullptr ? miscUtils::getMonotonicSysclockTime()
+                                                : gst_clock_get_time(clock);
     }
 
     // A pipeline on another clock than the announced one: by way of the monotonic clock.
     std::int64_t shift = gst_base_sink_get_ts_offset(m_element);
     const ObjectPtr<GstClock> named = m_providedClock.get();
-    if (clock && clock != named && (isSystemTime || named))
-        shift -= getOffsetToMonotonic(clock.get());
-    if (clock && clock != named && named && !isSystemTime)
-        shift += getOffsetToMonotonic(named.get());
+    const bool isOther = clock != nullptr && clock != named.get();
+    if (isOther && (isSystemTime || named))
+        shift -= m_clock.getOffset();
+    if (isOther && named && !isSystemTime)
+        shift += measureOffset(named.get());
     return gst_element_get_base_time(GST_ELEMENT(m_element)) + runningTime +
            gst_base_sink_get_latency(m_element) + static_cast<TimeValue>(shift);
 }
 
 // Receivers would lose a part of a burst. A pipeline that catches up after a delay therefore sends
-// at most at twice the speed.
+// at most at twice the speed. A condition variable would enter the kernel even for a time that has
+// passed.
 void Sink::waitForTurn()
 {
+    const std::chrono::nanoseconds earliest(m_pace.getEarliestTime());
+    const std::chrono::steady_clock::time_point due(earliest);
+    if (std::chrono::steady_clock::now() >= due)
+        return;
     std::unique_lock lock(m_mutex);
-    m_condition.wait_until(lock, m_notBefore, [this] { return m_interrupted; });
+    m_condition.wait_until(lock, due, [this] { return m_interrupted; });
 }
 
 GstFlowReturn Sink::send(GstBuffer* buffer, const ByteView& data)
 {
     const TimeValue timestamp = makeTimestamp(buffer);
-    const TimeValue duration =
-        GST_BUFFER_DURATION_IS_VALID(buffer)
-            ? GST_BUFFER_DURATION(buffer)
-            : m_format.toNanoseconds(data.size() / m_format.getBytesPerSample());
     waitForTurn();
+    if (timestamp != m_pace.getTimestamp())
+        m_pace.begin(timestamp);
+    const std::size_t samples = data.size() / m_format.getBytesPerSample();
+    const TimeValue duration = GST_BUFFER_DURATION_IS_VALID(buffer) ? GST_BUFFER_DURATION(buffer)
+                                                                    : m_pace.getDuration(samples);
     if (const kit::Status status = m_producer->send(timestamp, duration, data); !status)
         return fail(status);
-    m_nextTimestamp = timestamp + duration;
-    m_notBefore = std::chrono::steady_clock::now() + std::chrono::nanoseconds(duration / 2);
+    m_pace.advance(samples, miscUtils::getMonotonicSysclockTime());
     return GST_FLOW_OK;
 }
 

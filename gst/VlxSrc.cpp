@@ -19,18 +19,16 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
+#include <variant>
 
 #include <gst/base/gstpushsrc.h>
 
-#include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
 #include <vlxkit/Text.hpp>
@@ -49,7 +47,9 @@ namespace vlx::gst
 namespace
 {
 
+using kit::ConsumerEvent;
 using ClockType = Receiver::StreamClockType;
+using SteadyClock = std::chrono::steady_clock;
 
 constexpr guint64 DefaultMaxQueueTimeNs = 1'000'000'000;
 constexpr guint64 DefaultMaxQueueBytes = 64 << 20;
@@ -57,9 +57,8 @@ constexpr guint64 DefaultMaxQueueFrames = 10'000;
 constexpr guint64 DefaultStallTimeoutNs = 2'000'000'000;
 constexpr guint64 DefaultLatencyNs = 20'000'000;
 
-// A sender that has no sequence yet answers the rest at once, and then nothing for so long.
-// On a busy machine the first answer takes its time.
-constexpr auto ProbeTimeout = std::chrono::milliseconds(250);
+// A sender normally answers at once, but not on a busy machine.
+constexpr auto ConnectTimeout = std::chrono::milliseconds(250);
 
 // Timestamps that are further away cannot be meant for the announced clock.
 constexpr std::int64_t ImplausibleNs = 60'000'000'000;
@@ -77,27 +76,11 @@ struct Settings
     guint64 stallTimeoutNs = DefaultStallTimeoutNs;
     guint64 latencyNs = DefaultLatencyNs;
     bool provideClock = true;
-};
 
-struct BufferDeleter
-{
-    void operator()(GstBuffer* buffer) const
+    kit::QueueLimits getQueueLimits() const
     {
-        gst_buffer_unref(buffer);
+        return {std::chrono::nanoseconds(maxQueueTimeNs), maxQueueBytes, maxQueueFrames};
     }
-};
-
-using BufferPtr = std::unique_ptr<GstBuffer, BufferDeleter>;
-
-struct QueuedFrame
-{
-    BufferPtr buffer;
-    kit::StreamFormat format;
-    TimeValue timestamp = 0;
-    TimeValue arrival = 0; // CLOCK_MONOTONIC
-    ClockType clock = ClockType::Undetermined;
-    // The stream's clock less CLOCK_MONOTONIC; unset while it cannot be told.
-    std::optional<std::int64_t> streamOffset;
 };
 
 class Src : public WithSettings<Settings>
@@ -111,10 +94,11 @@ public:
 
     // State changes.
     bool onStart();
-    bool stop();
-    bool onPlaying();
-    void onPaused();
     void setUpClock();
+    void onPlaying();
+    void onPaused();
+    void onStop();
+
     ProvidedClock& getProvidedClock()
     {
         return m_providedClock;
@@ -128,53 +112,35 @@ public:
 
 private:
     // Consumer's threads.
-    void onFormat(const kit::StreamFormat& format);
-    void onFrame(const kit::Frame& frame);
-    void onEvent(const kit::ConsumerEvent& event);
-    void postMessage(const char* name, const kit::ConsumerEvent& event);
-
-    // m_mutex is held by the caller.
-    bool isOverfull(const Settings& settings) const;
-    void dropOldest();
+    void onEvent(const ConsumerEvent& event);
 
     // Streaming thread.
-    GstFlowReturn pop(std::optional<QueuedFrame>& frame);
+    std::chrono::nanoseconds getReadTimeout();
     GstFlowReturn applyFormat(const kit::StreamFormat& format);
-    GstClockTime toRunningTime(const QueuedFrame& frame, GstClock* clock);
-    bool isStreamClock(GstClock* clock);
-    std::optional<ClockEndpoint> askForClock() const;
+    bool endsStream(const ConsumerEvent& event);
+    GstBuffer* toBuffer(kit::ReceivedFrame&& frame);
+    GstClockTime toRunningTime(const kit::FrameInfo& frame);
 
     GstBaseSrc* const m_element;
     GstElement* const m_gstElement;
     ProvidedClock m_providedClock;
 
     // Streaming thread, or state changes while there is none.
-    std::optional<uid_t> m_senderUser;
+    PipelineClock m_clock;
     ClockEndpoint m_streamEndpoint; // of the last sender with a network clock
-    std::optional<kit::StreamFormat> m_appliedFormat;
+    std::optional<kit::StreamFormat> m_format;
+    bool m_isDiscont = false; // the next buffer
+    bool m_isJoined = false;
+    std::optional<SteadyClock::time_point> m_waitingSince; // for a sender
     bool m_warnedOfTimestamps = false;
 
-    // Consumer's receiving thread.
-    kit::StreamFormat m_format;
-
-    // Set before m_mutex is locked: a flood in real time would keep others from that lock.
+    // Any thread.
     std::atomic<bool> m_unlocked = false;
+    std::atomic<std::uint64_t> m_incomplete = 0; // frames without a whole sample
 
+    // For the two, and for who reads or changes properties.
     mutable std::mutex m_mutex;
-    std::condition_variable m_condition;
-    // Guarded by m_mutex.
-    std::deque<QueuedFrame> m_frames;
-    std::size_t m_queuedBytes = 0;
-    bool m_ending = false; // behind the queued frames
-    std::uint64_t m_dropped = 0;
-    bool m_discont = true; // of the next frame that is queued
-    bool m_playing = false;
-    bool m_joined = false;
-    kit::ConsumerEvent::Kind m_lastEvent = kit::ConsumerEvent::Kind::Lost;
-    std::chrono::steady_clock::time_point m_waitingSince;
-    kit::ConsumerStatistics m_lastStatistics; // of a consumer that has been stopped
-    kit::AgeHistogram m_lastAges;             // likewise
-    // State changes alone make and stop it; others use it with m_mutex held.
+    // State changes set it, with m_mutex held; kept after the stop, for its statistics.
     std::unique_ptr<kit::Consumer> m_consumer;
 };
 
@@ -192,34 +158,54 @@ void Src::setProperty(guint id, const GValue* value)
 {
     const guint64 formerLatency = getSettings().latencyNs;
     WithSettings::setProperty(id, value);
-    if (getSettings().latencyNs != formerLatency)
+    const Settings settings = getSettings();
+    if (settings.latencyNs != formerLatency)
         gst_element_post_message(m_gstElement, gst_message_new_latency(GST_OBJECT(m_element)));
+    const std::lock_guard lock(m_mutex);
+    if (m_consumer)
+        m_consumer->setQueueLimits(settings.getQueueLimits());
 }
 
 GstStructure* Src::makeStatistics() const
 {
-    const std::lock_guard lock(m_mutex);
-    const kit::ConsumerStatistics counts =
-        m_consumer ? m_consumer->getStatistics() : m_lastStatistics;
-    const kit::AgeHistogram ages = m_consumer ? m_consumer->getAges() : m_lastAges;
+    kit::ConsumerStatistics counts;
+    kit::AgeHistogram ages;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_consumer)
+        {
+            counts = m_consumer->getStatistics();
+            ages = m_consumer->getAges();
+        }
+    }
     const auto toCount = [](std::uint64_t value) { return static_cast<guint64>(value); };
     const auto toTime = [](std::optional<std::int64_t> value)
     { return static_cast<gint64>(value.value_or(0)); };
     return gst_structure_new(
         "application/x-vlxsrc-stats", "frames", G_TYPE_UINT64, toCount(counts.frames), "bytes",
         G_TYPE_UINT64, toCount(counts.bytes), "gaps", G_TYPE_UINT64, toCount(counts.gaps),
-        "dropped", G_TYPE_UINT64, toCount(m_dropped), "reconnects", G_TYPE_UINT64,
-        toCount(counts.reconnects), "stalls", G_TYPE_UINT64, toCount(counts.stalls), "age",
-        G_TYPE_INT64, toTime(ages.getPercentile(0.5)), "age-max", G_TYPE_INT64,
+        "dropped", G_TYPE_UINT64, toCount(counts.dropped + m_incomplete), "reconnects",
+        G_TYPE_UINT64, toCount(counts.reconnects), "stalls", G_TYPE_UINT64, toCount(counts.stalls),
+        "age", G_TYPE_INT64, toTime(ages.getPercentile(0.5)), "age-max", G_TYPE_INT64,
         toTime(ages.getMax()), nullptr);
 }
 
+// No frame may be due before the pipeline's base time. So the consumer connects to a sender, which
+// tells its clock, but joins it only when that time is set.
 bool Src::onStart()
 {
     forwardLibraryLog();
     const Settings settings = getSettings();
-    m_senderUser = kit::findUser(settings.senderUser);
-    if (!settings.senderUser.empty() && !m_senderUser)
+    kit::ConsumerOptions options;
+    options.name = settings.name;
+    options.senderUser = kit::findUser(settings.senderUser);
+    options.stallTimeout = std::chrono::nanoseconds(settings.stallTimeoutNs);
+    options.queue = settings.getQueueLimits();
+    if (settings.realtimePriority > 0)
+        options.realTime = {kit::RealTimeUse::Try, settings.realtimePriority};
+    options.onNotice = [this](const std::string& notice)
+    { GST_ELEMENT_WARNING(m_element, RESOURCE, SETTINGS, ("%s", notice.c_str()), (nullptr)); };
+    if (!settings.senderUser.empty() && !options.senderUser)
     {
         GST_ELEMENT_ERROR(
             m_element, RESOURCE, SETTINGS,
@@ -228,58 +214,22 @@ bool Src::onStart()
             (nullptr));
         return false;
     }
-    if (settings.name.empty())
-    {
-        GST_ELEMENT_ERROR(
-            m_element, RESOURCE, SETTINGS, ("The stream has no name: set \"socket-name\"."),
-            (nullptr));
+    if (!checkName(m_element, settings.name))
         return false;
-    }
-    const std::lock_guard lock(m_mutex);
-    m_dropped = 0;
-    m_discont = true;
-    m_joined = false;
-    m_ending = false;
-    m_unlocked = false;
-    m_lastStatistics = {};
-    m_lastAges = {};
+
+    m_incomplete = 0;
+    m_isDiscont = false;
+    m_isJoined = false;
+    m_waitingSince.reset();
     m_streamEndpoint = {};
-    m_appliedFormat.reset();
-    return true;
-}
-
-// No frame may be due before the pipeline's base time: the stream is joined only after that is set,
-// and frames that arrive during a pause are stale.
-bool Src::onPlaying()
-{
+    m_format.reset();
     {
         const std::lock_guard lock(m_mutex);
-        m_frames.clear();
-        m_queuedBytes = 0;
-        m_discont = true;
-        m_playing = true;
-        if (m_consumer)
-            return true;
-        m_waitingSince = std::chrono::steady_clock::now();
+        m_consumer = std::make_unique<kit::Consumer>(
+            std::move(options),
+            kit::ConsumerCallbacks{.onEvent = [this](const auto& event) { onEvent(event); }});
     }
-
-    const Settings settings = getSettings();
-    kit::ConsumerOptions options;
-    options.name = settings.name;
-    options.senderUser = m_senderUser;
-    options.stallTimeout = std::chrono::nanoseconds(settings.stallTimeoutNs);
-    if (settings.realtimePriority > 0)
-        options.realTime = {kit::RealTimeUse::Try, settings.realtimePriority};
-    options.onNotice = [this](const std::string& notice)
-    { GST_ELEMENT_WARNING(m_element, RESOURCE, SETTINGS, ("%s", notice.c_str()), (nullptr)); };
-    kit::ConsumerCallbacks callbacks;
-    callbacks.onFrame = [this](const kit::Frame& frame) { onFrame(frame); };
-    callbacks.onFormat = [this](const kit::StreamFormat& format) { onFormat(format); };
-    callbacks.onEvent = [this](const kit::ConsumerEvent& event) { onEvent(event); };
-    {
-        const std::lock_guard lock(m_mutex);
-        m_consumer = std::make_unique<kit::Consumer>(std::move(options), std::move(callbacks));
-    }
+    m_consumer->pause(true);
     const kit::Status started = m_consumer->start();
     if (!started)
         GST_ELEMENT_ERROR(
@@ -288,45 +238,32 @@ bool Src::onPlaying()
     return static_cast<bool>(started);
 }
 
-void Src::onPaused()
-{
-    const std::lock_guard lock(m_mutex);
-    m_playing = false;
-}
-
-bool Src::stop()
-{
-    if (m_consumer)
-        m_consumer->stop(); // without m_mutex, which callbacks take
-    const std::lock_guard lock(m_mutex);
-    if (m_consumer)
-    {
-        m_lastStatistics = m_consumer->getStatistics();
-        m_lastAges = m_consumer->getAges();
-    }
-    m_consumer.reset();
-    m_frames.clear();
-    m_queuedBytes = 0;
-    return true;
-}
-
-// Asks the sender, if it is there, which network clock its timestamps stand on.
-std::optional<ClockEndpoint> Src::askForClock() const
-{
-    const kit::SenderProbe probe = kit::probeSender(getSettings().name, ProbeTimeout);
-    if (!probe.initialInfo || (m_senderUser && probe.user != m_senderUser) ||
-        probe.initialInfo->timeSyncProtocol != TimeSyncProtocol::GstNetClock)
-        return std::nullopt;
-    return ClockEndpoint{probe.initialInfo->timeSyncIPAddress, probe.initialInfo->timeSyncPort};
-}
-
 void Src::setUpClock()
 {
     const Settings settings = getSettings();
-    if (!settings.provideClock || settings.name.empty())
+    if (!settings.provideClock || !kit::isSenderPresent(settings.name) ||
+        !m_consumer->waitUntilJoined(ConnectTimeout))
         return;
-    if (const auto endpoint = askForClock())
-        m_providedClock.offer(*endpoint);
+    const kit::ConsumerClock clock = m_consumer->getClock();
+    if (clock.type == ClockType::SyncedNetClock)
+        m_providedClock.offer({clock.address, clock.port});
+}
+
+void Src::onPlaying()
+{
+    m_consumer->pause(false);
+}
+
+// Frames that arrive during a pause are stale.
+void Src::onPaused()
+{
+    m_consumer->pause(true);
+}
+
+void Src::onStop()
+{
+    m_consumer->stop();
+    m_clock.set(nullptr);
 }
 
 void Src::answerLatency(GstQuery* query) const
@@ -341,174 +278,53 @@ void Src::answerLatency(GstQuery* query) const
 bool Src::unlock()
 {
     m_unlocked = true;
-    const std::lock_guard lock(m_mutex);
-    m_condition.notify_all();
+    m_consumer->interrupt(true);
     return true;
 }
 
 bool Src::unlockStop()
 {
-    const std::lock_guard lock(m_mutex);
     m_unlocked = false;
-    m_discont = true;
+    m_isDiscont = true;
+    m_consumer->interrupt(false);
     return true;
 }
 
-bool Src::isOverfull(const Settings& settings) const
+// The consumer reports an obstacle once.
+void Src::onEvent(const ConsumerEvent& event)
 {
-    const auto exceeds = [](guint64 value, guint64 limit) { return limit != 0 && value > limit; };
-    return m_frames.size() > 1 &&
-           (exceeds(m_frames.size(), settings.maxQueueFrames) ||
-            exceeds(m_queuedBytes, settings.maxQueueBytes) ||
-            exceeds(m_frames.back().arrival - m_frames.front().arrival, settings.maxQueueTimeNs));
-}
-
-// The frame behind the hole is marked.
-void Src::dropOldest()
-{
-    m_queuedBytes -= gst_buffer_get_size(m_frames.front().buffer.get());
-    m_frames.pop_front();
-    ++m_dropped;
-    GST_BUFFER_FLAG_SET(m_frames.front().buffer.get(), GST_BUFFER_FLAG_DISCONT);
-}
-
-void Src::onFormat(const kit::StreamFormat& format)
-{
-    m_format = format;
-}
-
-// Elements behind this one rely on whole samples, and crash on empty buffers.
-void Src::onFrame(const kit::Frame& frame)
-{
-    const std::size_t bytesPerSample = m_format.getBytesPerSample();
-    const std::size_t samples = frame.data.size() / bytesPerSample;
-    const std::size_t size = samples * bytesPerSample;
-    QueuedFrame queued;
-    if (size != 0)
-        queued.buffer.reset(gst_buffer_new_memdup(frame.data.data(), size));
-    queued.format = m_format;
-    queued.timestamp = frame.timestamp;
-    queued.arrival = frame.arrival;
-    const Settings settings = getSettings();
-    if (m_unlocked)
-        return;
-
-    const std::lock_guard lock(m_mutex);
-    m_discont = m_discont || frame.gapNs != 0 || frame.isFirst;
-    if (!m_playing || m_ending)
+    GST_INFO_OBJECT(m_element, "%s: %s", toString(event.kind), event.text.c_str());
+    const std::string text = kit::toPrintable(event.text);
+    if (event.kind >= ConsumerEvent::Kind::CannotPlay)
     {
-        m_discont = true;
+        GST_ELEMENT_WARNING(m_element, RESOURCE, OPEN_READ, ("%s", text.c_str()), (nullptr));
         return;
     }
-    if (size == 0)
-    {
-        m_discont = m_discont || frame.duration != 0;
-        ++m_dropped;
-        return;
-    }
-    if (std::exchange(m_discont, false))
-        GST_BUFFER_FLAG_SET(queued.buffer.get(), GST_BUFFER_FLAG_DISCONT);
-    const bool isPlausible = frame.duration != 0 && frame.duration < ImplausibleNs;
-    GST_BUFFER_DURATION(queued.buffer.get()) =
-        isPlausible ? frame.duration : m_format.toNanoseconds(samples);
-    queued.clock = frame.clock;
-    queued.streamOffset = frame.clockOffsetNs;
-    m_queuedBytes += size;
-    m_frames.push_back(std::move(queued));
-    while (isOverfull(settings))
-        dropOldest();
-    m_condition.notify_all();
-}
-
-void Src::postMessage(const char* name, const kit::ConsumerEvent& event)
-{
     GstStructure* const fields = gst_structure_new(
-        name, "socket-name", G_TYPE_STRING, kit::toPrintable(getSettings().name).c_str(), "text",
-        G_TYPE_STRING, kit::toPrintable(event.text).c_str(), "time", G_TYPE_UINT64,
-        static_cast<guint64>(event.time), nullptr);
+        (std::string("vlx-") + toString(event.kind)).c_str(), "socket-name", G_TYPE_STRING,
+        kit::toPrintable(getSettings().name).c_str(), "text", G_TYPE_STRING, text.c_str(), "time",
+        G_TYPE_UINT64, static_cast<guint64>(event.time), nullptr);
     gst_element_post_message(m_gstElement, gst_message_new_element(GST_OBJECT(m_element), fields));
 }
 
-void Src::onEvent(const kit::ConsumerEvent& event)
-{
-    GST_INFO_OBJECT(m_element, "%s: %s", toString(event.kind), event.text.c_str());
-    const bool endsStream = getSettings().eosOnDisconnect;
-    bool isNew = false;
-    {
-        const std::lock_guard lock(m_mutex);
-        isNew = std::exchange(m_lastEvent, event.kind) != event.kind;
-        const bool wasJoined =
-            std::exchange(m_joined, event.kind == kit::ConsumerEvent::Kind::Joined);
-        if (wasJoined && !m_joined)
-            m_waitingSince = std::chrono::steady_clock::now();
-        if (wasJoined && event.kind == kit::ConsumerEvent::Kind::Lost && endsStream)
-        {
-            m_ending = true;
-            m_condition.notify_all();
-        }
-    }
-    switch (event.kind)
-    {
-    case kit::ConsumerEvent::Kind::Joined:
-        postMessage("vlx-joined", event);
-        break;
-    case kit::ConsumerEvent::Kind::Lost:
-        postMessage("vlx-lost", event);
-        break;
-    case kit::ConsumerEvent::Kind::Stalled:
-        postMessage("vlx-stalled", event);
-        break;
-    case kit::ConsumerEvent::Kind::CannotPlay:
-    case kit::ConsumerEvent::Kind::NotPermitted:
-    case kit::ConsumerEvent::Kind::NotASender:
-    case kit::ConsumerEvent::Kind::Failed:
-        // Asked again every two seconds: once is enough.
-        if (isNew)
-            GST_ELEMENT_WARNING(
-                m_element, RESOURCE, OPEN_READ, ("%s", kit::toPrintable(event.text).c_str()),
-                (nullptr));
-        break;
-    }
-}
-
-// Leaves the frame unset at the end of the stream.
-GstFlowReturn Src::pop(std::optional<QueuedFrame>& frame)
+std::chrono::nanoseconds Src::getReadTimeout()
 {
     const std::chrono::nanoseconds timeout(getSettings().timeoutNs);
-    std::unique_lock lock(m_mutex);
-    while (m_frames.empty() && !m_ending && !m_unlocked)
-    {
-        if (timeout.count() == 0 || m_joined)
-            m_condition.wait(lock);
-        else if (std::chrono::steady_clock::now() < m_waitingSince + timeout)
-            m_condition.wait_until(lock, m_waitingSince + timeout);
-        else
-        {
-            lock.unlock();
-            GST_ELEMENT_ERROR(
-                m_element, RESOURCE, NOT_FOUND,
-                ("There was no sender %s for %.3f seconds.", kit::quote(getSettings().name).c_str(),
-                 std::chrono::duration<double>(timeout).count()),
-                (nullptr));
-            return GST_FLOW_ERROR;
-        }
-    }
-    if (m_unlocked)
-        return GST_FLOW_FLUSHING;
-    if (m_frames.empty())
-    {
-        m_ending = false;
-        return GST_FLOW_EOS;
-    }
-    frame = std::move(m_frames.front());
-    m_frames.pop_front();
-    m_queuedBytes -= gst_buffer_get_size(frame->buffer.get());
-    return GST_FLOW_OK;
+    if (timeout.count() == 0 || m_isJoined)
+        return std::chrono::nanoseconds(-1);
+    const auto now = SteadyClock::now();
+    if (!m_waitingSince)
+        m_waitingSince = now;
+    const std::chrono::nanoseconds left = timeout - (now - *m_waitingSince);
+    return std::max(left, std::chrono::nanoseconds(0));
 }
 
 GstFlowReturn Src::applyFormat(const kit::StreamFormat& format)
 {
-    if (m_appliedFormat == format)
+    const kit::ConsumerClock clock = m_consumer->getClock();
+    if (clock.type == ClockType::SyncedNetClock)
+        m_streamEndpoint = {clock.address, clock.port};
+    if (m_format == format)
         return GST_FLOW_OK;
     GST_INFO_OBJECT(m_element, "format %s", toText(format).c_str());
     if (!isInTemplate(format))
@@ -521,40 +337,32 @@ GstFlowReturn Src::applyFormat(const kit::StreamFormat& format)
         return GST_FLOW_ERROR;
     }
     m_warnedOfTimestamps = false;
-    m_appliedFormat = format;
+    m_format = format;
     GstCaps* const caps = toCaps(format);
     const bool accepted = gst_base_src_set_caps(m_element, caps) != FALSE;
     gst_caps_unref(caps);
     return accepted ? GST_FLOW_OK : GST_FLOW_NOT_NEGOTIATED;
 }
 
-// Whether this clock follows the provider that the present sender announces.
-bool Src::isStreamClock(GstClock* clock)
+bool Src::endsStream(const ConsumerEvent& event)
 {
-    const auto followed = getNetClockEndpoint(clock);
-    if (!followed)
-        return false;
-    const kit::ConsumerClock announced = m_consumer->getClock();
-    if (announced.type == ClockType::SyncedNetClock) // otherwise these are frames of one before
-        m_streamEndpoint = {announced.address, announced.port};
-    return followed == m_streamEndpoint;
+    m_isJoined = event.kind == ConsumerEvent::Kind::Joined;
+    m_waitingSince.reset();
+    return event.kind == ConsumerEvent::Kind::Lost && getSettings().eosOnDisconnect;
 }
 
 // A frame that was due before the pipeline began is due at its beginning.
-GstClockTime Src::toRunningTime(const QueuedFrame& frame, GstClock* clock)
+GstClockTime Src::toRunningTime(const kit::FrameInfo& frame)
 {
-    const std::int64_t clockOffset = getOffsetToMonotonic(clock);
+    const std::int64_t clockOffset = m_clock.getOffset();
     const auto arrival = static_cast<std::int64_t>(frame.arrival) + clockOffset;
     std::int64_t due = arrival;
     if (gst_base_src_get_do_timestamp(m_element) == FALSE)
     {
-        const auto timestamp = static_cast<std::int64_t>(frame.timestamp);
-        if (frame.clock == ClockType::MonotonicSystemClock)
-            due = timestamp + clockOffset;
-        else if (frame.clock == ClockType::SyncedNetClock && isStreamClock(clock))
-            due = timestamp;
-        else if (frame.streamOffset)
-            due = timestamp - *frame.streamOffset + clockOffset;
+        if (frame.clock == ClockType::SyncedNetClock && m_clock.getProvider() == m_streamEndpoint)
+            due = static_cast<std::int64_t>(frame.timestamp);
+        else if (const auto monotonic = frame.getMonotonicTime())
+            due = static_cast<std::int64_t>(*monotonic) + clockOffset;
     }
     if (std::abs(due - arrival) > ImplausibleNs)
     {
@@ -562,25 +370,66 @@ GstClockTime Src::toRunningTime(const QueuedFrame& frame, GstClock* clock)
             GST_ELEMENT_WARNING(
                 m_element, STREAM, FORMAT,
                 ("The stream's timestamps are not on the clock that it announces."),
-                ("taking the times of arrival"));
+                ("using the times of arrival"));
         due = arrival;
     }
     const auto base = static_cast<std::int64_t>(gst_element_get_base_time(m_gstElement));
     return static_cast<GstClockTime>(std::max(due - base, std::int64_t{0}));
 }
 
+// The buffer holds the frame, which owns its data. Elements behind this one rely on whole samples,
+// and crash on empty buffers: null if there is no whole sample.
+GstBuffer* Src::toBuffer(kit::ReceivedFrame&& frame)
+{
+    const std::size_t bytesPerSample = m_format->getBytesPerSample();
+    const std::size_t samples = frame.data.size() / bytesPerSample;
+    m_isDiscont = m_isDiscont || frame.isFirst || frame.gapNs != 0 || frame.numDropped != 0;
+    if (samples == 0)
+    {
+        m_isDiscont = m_isDiscont || frame.duration != 0;
+        ++m_incomplete;
+        return nullptr;
+    }
+    auto kept = std::make_unique<kit::ReceivedFrame>(std::move(frame));
+    const auto discard = [](gpointer data) { delete static_cast<kit::ReceivedFrame*>(data); };
+    GstBuffer* const buffer = gst_buffer_new_wrapped_full(
+        GstMemoryFlags{}, kept->data.data(), kept->data.size(), 0, samples * bytesPerSample,
+        kept.get(), discard);
+    const kit::ReceivedFrame& held = *kept.release();
+    if (std::exchange(m_isDiscont, false))
+        GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
+    const bool isPlausible = held.duration != 0 && held.duration < ImplausibleNs;
+    GST_BUFFER_DURATION(buffer) = isPlausible ? held.duration : m_format->toNanoseconds(samples);
+    m_clock.set(ObjectPtr<GstClock>(gst_element_get_clock(m_gstElement)));
+    if (m_clock.get() != nullptr)
+        GST_BUFFER_PTS(buffer) = toRunningTime(held);
+    return buffer;
+}
+
 GstFlowReturn Src::create(GstBuffer** buffer)
 {
-    std::optional<QueuedFrame> frame;
-    GstFlowReturn flow = pop(frame);
-    if (flow == GST_FLOW_OK)
-        flow = applyFormat(frame->format);
-    if (flow != GST_FLOW_OK)
-        return flow;
-    if (const ObjectPtr<GstClock> clock{gst_element_get_clock(m_gstElement)})
-        GST_BUFFER_PTS(frame->buffer.get()) = toRunningTime(*frame, clock.get());
-    *buffer = frame->buffer.release();
-    return GST_FLOW_OK;
+    *buffer = nullptr;
+    while (std::optional<kit::ConsumerItem> item = m_consumer->read(getReadTimeout()))
+    {
+        GstFlowReturn flow = GST_FLOW_OK;
+        if (auto* const frame = std::get_if<kit::ReceivedFrame>(&*item))
+            *buffer = toBuffer(std::move(*frame));
+        else if (const auto* const format = std::get_if<kit::StreamFormat>(&*item))
+            flow = applyFormat(*format);
+        else if (const auto* const event = std::get_if<ConsumerEvent>(&*item))
+            flow = endsStream(*event) ? GST_FLOW_EOS : GST_FLOW_OK;
+        if (flow != GST_FLOW_OK || *buffer != nullptr)
+            return flow;
+    }
+    if (m_unlocked)
+        return GST_FLOW_FLUSHING;
+    const Settings settings = getSettings();
+    GST_ELEMENT_ERROR(
+        m_element, RESOURCE, NOT_FOUND,
+        ("There was no sender %s for %.3f seconds.", kit::quote(settings.name).c_str(),
+         std::chrono::duration<double>(std::chrono::nanoseconds(settings.timeoutNs)).count()),
+        (nullptr));
+    return GST_FLOW_ERROR;
 }
 
 // From here on: the element as GObject knows it.
@@ -650,7 +499,6 @@ void Src::initClass(gpointer elementClass)
     installProperties(elementClass);
 
     auto* const srcClass = GST_BASE_SRC_CLASS(elementClass);
-    srcClass->stop = [](GstBaseSrc* self) -> gboolean { return Type::of(self).stop(); };
     srcClass->negotiate = [](GstBaseSrc*) -> gboolean { return TRUE; }; // the stream decides
     srcClass->query = answerQuery;
     srcClass->unlock = [](GstBaseSrc* self) -> gboolean { return Type::of(self).unlock(); };

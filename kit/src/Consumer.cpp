@@ -827,6 +827,11 @@ void Consumer::requestStop()
     m_impl->requestStop();
 }
 
+void Consumer::interrupt(bool on)
+{
+    m_impl->getQueue().interrupt(on);
+}
+
 void Consumer::pause(bool on)
 {
     m_impl->pause(on);

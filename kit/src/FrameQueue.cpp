@@ -112,13 +112,19 @@ void FrameQueue::end()
 void FrameQueue::pause(bool on)
 {
     m_isPaused = on;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_isFirst = m_isFirst || on;
+    while (on && !m_frames.isEmpty())
+        m_numBytes -= m_frames.pop().frame.data.size();
+    if (isEmpty())
+        takeBackSignal();
+}
+
+void FrameQueue::interrupt(bool on)
+{
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_isFirst = m_isFirst || on;
-        while (on && !m_frames.isEmpty())
-            m_numBytes -= m_frames.pop().frame.data.size();
-        if (isEmpty())
-            takeBackSignal();
+        m_isInterrupted = on;
     }
     m_condition.notify_all();
 }
@@ -159,7 +165,8 @@ void FrameQueue::putFrame(ReceivedFrame frame, TimeValue lengthNs)
 std::optional<ConsumerItem> FrameQueue::read(std::chrono::nanoseconds timeout)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    waitFor(m_condition, lock, timeout, [this] { return !isEmpty() || m_hasEnded || m_isPaused; });
+    waitFor(
+        m_condition, lock, timeout, [this] { return !isEmpty() || m_hasEnded || m_isInterrupted; });
     if (isEmpty())
         return std::nullopt;
 

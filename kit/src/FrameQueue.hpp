@@ -112,9 +112,11 @@ public:
     /// Nothing is put in any more: readers take what there is and do not wait.
     void end();
 
-    /// While on, readers do not wait, and frames are discarded without being counted. The next
-    /// frame is a first one.
+    /// While on, frames are discarded without being counted. The next one is a first one.
     void pause(bool on);
+
+    /// While on, readers do not wait.
+    void interrupt(bool on);
 
     /// A format replaces the one before it that no frame has followed.
     void put(ConsumerItem item);
@@ -173,6 +175,7 @@ private:
     std::size_t m_numBytes = 0; // of frames that wait
     std::uint64_t m_numDropped = 0;
     bool m_hasEnded = true;
+    bool m_isInterrupted = false;
     OwnedDescriptor m_event; // made when it is asked for
 };
 

@@ -347,9 +347,15 @@ public:
     VLX_API std::optional<ConsumerItem>
     read(std::chrono::nanoseconds timeout = std::chrono::nanoseconds(-1));
 
-    /// Pauses reading, or resumes it. During a pause read() does not wait, and frames are discarded
-    /// without being counted as dropped, also those that wait already; formats and events stay. The
-    /// next frame has isFirst set.
+    /// Frees the readers that wait: read() returns what there is, and does not wait, until this is
+    /// called with false. For a program that pauses or stops its readers.
+    ///
+    /// @thread any
+    VLX_API void interrupt(bool on);
+
+    /// Pauses the stream, or resumes it. During a pause frames are discarded without being counted
+    /// as dropped, also those that wait already; formats and events stay. The next frame has
+    /// isFirst set.
     ///
     /// A consumer that is paused when it starts connects to a sender, but joins it only when it is
     /// resumed. So the sender goes on waiting for its first receiver, and waitUntilJoined() and

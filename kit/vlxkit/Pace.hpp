@@ -74,6 +74,13 @@ public:
     ///         half that block's duration
     VLX_API TimeValue getDueTime() const;
 
+    /// @return the earliest time at which the next block makes no burst: the time at which the
+    ///         previous block was sent plus half its duration; 0 at the beginning of a run
+    TimeValue getEarliestTime() const
+    {
+        return m_earliest;
+    }
+
     /// Delays the next block.
     ///
     /// @param time  earliest due time of the block

@@ -14,6 +14,7 @@
 #include <audioUtils/PcmFormat.hpp>
 
 #include "gst/ElementsFixture.hpp"
+#include "support/RawSender.hpp"
 
 namespace vlx::testing
 {
@@ -181,6 +182,24 @@ TEST_F(ElementsTest, SenderOfAnotherUserIsNotJoined)
     const Pipeline unknown(makeReceiver("sender-user=no/such/user"));
     gst_element_set_state(unknown.get(), GST_STATE_PLAYING);
     EXPECT_TRUE(unknown.waitForMessage(GST_MESSAGE_ERROR));
+}
+
+// It learns the clock in PAUSED, and joins in PLAYING.
+TEST_F(ElementsTest, SourceJoinsByOneConnection)
+{
+    const std::string directory = m_directory + "/VlxSender-raw001";
+    std::filesystem::create_directory(directory);
+    RawSender sender(
+        m_name, NanomsgProtocol::PubSub, {}, "ipc://" + directory + "/nanomsgChannel.ipc");
+    const Pipeline receiver(makeReceiver());
+    std::thread serving(
+        [&] { EXPECT_TRUE(sender.greet() && sender.sendOverSidechannel(makeSequenceInfo(1))); });
+    receiver.reach(GST_STATE_PAUSED);
+    serving.join();
+    receiver.set(GST_STATE_PLAYING);
+    ASSERT_TRUE(sender.joinMainChannel() && sender.sendOverMainChannel(makeFrame(1, 10)));
+    EXPECT_TRUE(receiver.pull());
+    EXPECT_FALSE(sender.getListener().accept(0ms).isOpen()) << "another connection";
 }
 
 // PubSub loses what comes all at once.

@@ -1253,7 +1253,7 @@ TEST_F(ConsumerTest, PauseHoldsTheJoinAndDiscardsFrames)
         EXPECT_EQ(sender.getNumConnections(), start);
         EXPECT_EQ(consumer.getClock().type, Receiver::StreamClockType::MonotonicSystemClock);
         EXPECT_EQ(consumer.getStatistics().state, Receiver::State::Connecting);
-        EXPECT_FALSE(consumer.read()) << "read while it is held";
+        EXPECT_FALSE(consumer.read(0ns)) << "held";
     }
     consumer.pause(false);
     std::vector<std::string> lines;
@@ -1274,20 +1274,22 @@ TEST_F(ConsumerTest, PauseHoldsTheJoinAndDiscardsFrames)
     consumer.pause(true);
     EXPECT_FALSE(isReadable(fd));
     send(3);
+    consumer.interrupt(true);
     EXPECT_FALSE(consumer.read());
     consumer.pause(false);
     send(4);
     send(5);
     read(2);
+    EXPECT_FALSE(consumer.read());
     EXPECT_EQ(
         lines, (std::vector<std::string>{
                    "joined", "S16LE, 48000 Hz, 2 channels", "frame 10 gap 0 dropped 0 first",
                    "frame 40 gap 0 dropped 0 first", "frame 50 gap 0 dropped 0"}));
     EXPECT_EQ(consumer.getStatistics().dropped, 0U);
     EXPECT_EQ(sender.getNumConnections(), 2U) << "one for each start";
-    consumer.pause(true);
+    consumer.interrupt(false);
     std::thread reader([&] { EXPECT_FALSE(consumer.read()); });
-    consumer.stop();
+    consumer.interrupt(true);
     reader.join();
 }
 
