@@ -46,13 +46,19 @@ using miscUtils::getMonotonicSysclockTime;
 constexpr TimeValue NsPerMs = 1'000'000;
 
 constexpr int WatchIntervalMs = 100;
-// A sender that listens is normally joined within milliseconds.
-constexpr TimeValue SuspiciousConnectingNs = 20 * NsPerMs;
-constexpr TimeValue WarySuspiciousConnectingNs = 3 * NsPerMs;
 // A receiver connects without a pause to a peer that closes at once: looked at soon.
 constexpr int FirstWatchIntervalMs = 1;
-constexpr int SuspiciousChanges = 3;
-constexpr int WarySuspiciousChanges = 2;
+
+/// From when on a receiver that connects is suspicious.
+struct ConnectingLimits
+{
+    TimeValue durationNs; // a sender that listens is normally joined within milliseconds
+    int numChanges;       // of the connection, from one look to the next
+};
+
+constexpr ConnectingLimits NormalLimits = {20 * NsPerMs, 3};
+constexpr ConnectingLimits WaryLimits = {3 * NsPerMs, 2};
+
 // A receiver that was watched for so long starts without the setbacks before.
 constexpr TimeValue CalmNs = 10'000 * NsPerMs;
 // With ConsumerOptions::anyCodec a sender could announce new ones for ever.
@@ -165,7 +171,7 @@ private:
     Ending superviseReceiver();
     bool isPlayable(std::uint32_t fourcc, const Buffer& header);
     bool isSuspicious();
-    bool isUnanswered(bool isLate);
+    bool isUnanswered(const ConnectingLimits& limits, bool isLate);
     void stopReceiver();
     void reportEnd(Ending ending);
     void handleEnding(Ending ending);
@@ -725,17 +731,18 @@ bool Consumer::Impl::isSuspicious()
 {
     const TimeValue now = getMonotonicSysclockTime();
     const TimeValue connecting = m_record.getConnectingSince();
-    const TimeValue limit = m_gate.isWary() ? WarySuspiciousConnectingNs : SuspiciousConnectingNs;
+    const ConnectingLimits& limits = m_gate.isWary() ? WaryLimits : NormalLimits;
     // While a sender is there that has only just come, the receiver is about to join it.
     if (connecting != 0)
-        return m_question ? now - m_askedAt >= limit : isUnanswered(now - connecting >= limit);
+        return m_question ? now - m_askedAt >= limits.durationNs
+                          : isUnanswered(limits, now - connecting >= limits.durationNs);
     m_question.reset();
     m_numChanges = 0;
     return false;
 }
 
 /// For a receiver that is connecting.
-bool Consumer::Impl::isUnanswered(bool isLate)
+bool Consumer::Impl::isUnanswered(const ConnectingLimits& limits, bool isLate)
 {
     // A receiver that has connected and waits for the first message is left to wait, also after
     // its sender was replaced: asking takes a place in a backlog.
@@ -746,8 +753,7 @@ bool Consumer::Impl::isUnanswered(bool isLate)
         ++m_numChanges;
     else if (!connection.empty())
         m_numChanges = 0;
-    const bool isChurning =
-        m_numChanges >= (m_gate.isWary() ? WarySuspiciousChanges : SuspiciousChanges);
+    const bool isChurning = m_numChanges >= limits.numChanges;
     if (!isChurning && (!connection.empty() || !isLate))
         return false;
     m_question.emplace(m_options.name);

@@ -13,10 +13,10 @@
 namespace vlx::kit
 {
 
-/// Everything that a consumer counts, and the watches over its connection. Times are nanoseconds of
-/// CLOCK_MONOTONIC.
+/// Counts of a consumer, and detection of stalled, flapping and unannounced connections. Times are
+/// nanoseconds of CLOCK_MONOTONIC.
 ///
-/// @thread any for the questions; what a connection does is told from one thread at a time
+/// @thread getters and checks: any; on...() functions: one at a time
 class ConsumerRecord
 {
 public:
@@ -34,7 +34,7 @@ public:
     ///                      sixteenfold
     explicit ConsumerRecord(TimeValue stallLimitNs) : m_stallLimitNs(stallLimitNs) {}
 
-    /// Nothing is joined yet.
+    /// The consumer starts; no sender is joined yet.
     void onStart(TimeValue now);
 
     /// The receiver looks for a sender.
@@ -52,10 +52,10 @@ public:
     /// Ends a wait of onChecked().
     void release();
 
-    /// @param clock  what the sender says about it
+    /// @param clock  clock that the sender announces
     void onJoined(TimeValue now, const ConsumerClock& clock = {});
 
-    /// Nothing will be joined any more.
+    /// The consumer has stopped; no sender will be joined.
     void onStop();
 
     /// The receiver has no connection any more, or never had one, or does not look for one now.
@@ -90,7 +90,7 @@ public:
     /// The receiver is being restarted because of a stall.
     void onStall();
 
-    /// Connections that were lost before do not count any more.
+    /// Earlier losses no longer count as flapping.
     void forgetLosses();
 
     bool isStalled(TimeValue now) const;
@@ -111,7 +111,7 @@ public:
 
     AgeHistogram getAges() const;
 
-    /// @return what the sender has said about its clock
+    /// @return the clock that the sender announced
     ConsumerClock getClock() const;
 
     /// @param timeout  negative: no limit
@@ -134,7 +134,7 @@ private:
     bool m_isHeld = false;                        // a sender was checked, and is not joined yet
     std::deque<TimeValue> m_losses;               // without a sequence; the last ones, oldest first
     TimeValue m_lastSign = 0;                     // the join, or the last frame after it
-    unsigned m_stallsInARow = 0;                    // since the last frame or loss
+    unsigned m_stallsInARow = 0;                  // since the last frame or loss
     std::optional<StreamFormat> m_format;         // of the present sequence, if it is PCM
     std::optional<TimeValue> m_expectedTimestamp; // of the next frame, if nothing is missing
     Receiver::StreamClockType m_lastClock = Receiver::StreamClockType::Undetermined;

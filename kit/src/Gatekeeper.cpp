@@ -16,19 +16,18 @@ using Kind = ConsumerEvent::Kind;
 
 constexpr TimeValue NsPerMs = 1'000'000;
 
-// While backing off from an unplayable sender.
+// Pauses double up to a limit. The first one is short: a sender that starts or ends may look odd
+// for a moment, and a receiver that ended unexpectedly is missed.
+constexpr int FirstPauseMs = 20;
+// While backing off from an unplayable sender; also the limit of the short pauses.
 constexpr int PauseMs = 2000;
 constexpr int MaxPauseMs = 10'000;
-// A receiver that ended unexpectedly is missed: it starts again at once, unless that goes on.
-constexpr int FirstRestartPauseMs = 20;
-// A sender that was stopped and is killed closes as an impostor does, but not as quickly.
-constexpr TimeValue QuickCloseNs = 1000 * NsPerMs;
-// A sender that starts or ends may look odd for a moment: only so many failed checks count, between
-// which the time doubles.
-constexpr int NeededChecks = 5;
-constexpr int FirstCheckPauseMs = 20;
 // Asking a sender whose backlog is full costs it nothing.
 constexpr int BusyPauseMs = 100;
+// Only so many failed checks in a row count.
+constexpr int NeededChecks = 5;
+// A sender that was stopped and is killed closes as an impostor does, but not as quickly.
+constexpr TimeValue QuickCloseNs = 1000 * NsPerMs;
 // The announcement of a sequence follows at once if there is one, but a peer that has ended every
 // connection before is listened to for longer.
 constexpr int AnnouncementTimeoutMs = 5;
@@ -60,7 +59,7 @@ Gatekeeper::Gatekeeper(
       m_senderUser(senderUser),
       m_isPlayable(std::move(isPlayable)),
       m_failurePause(PauseMs, MaxPauseMs),
-      m_restartPause(FirstRestartPauseMs, PauseMs)
+      m_restartPause(FirstPauseMs, PauseMs)
 {
 }
 
@@ -158,7 +157,7 @@ Gatekeeper::Step Gatekeeper::judgeAnswer(const SenderProbe& answer, TimeValue du
     if (obstacle && ++m_failedChecks < NeededChecks)
     {
         m_mustAsk = isSeen;
-        return {.pauseMs = FirstCheckPauseMs << (m_failedChecks - 1), .joins = !isSeen};
+        return {.pauseMs = FirstPauseMs << (m_failedChecks - 1), .joins = !isSeen};
     }
     const std::optional<Obstacle> setback = std::exchange(m_setback, std::nullopt);
     m_mustAsk = obstacle || setback;

@@ -17,15 +17,15 @@
 namespace vlx::kit
 {
 
-/// Decides whether a consumer joins the process that holds its stream's name: what is in the way,
-/// what of that is reported, and how long to wait before the next attempt. Asks no process and
-/// waits for nothing; it works with what it is told.
+/// Decides whether a consumer joins the process that holds its stream's name: finds obstacles,
+/// decides which are reported, and how long to wait before the next attempt. Makes no connection
+/// and never waits: its caller does both.
 ///
 /// @thread one at a time, except judgeGreeting()
 class Gatekeeper
 {
 public:
-    /// What keeps the consumer from joining.
+    /// Reason why the consumer cannot join.
     struct Obstacle
     {
         ConsumerEvent::Kind kind = ConsumerEvent::Kind::Failed;
@@ -33,10 +33,10 @@ public:
         std::uint32_t fourcc = 0;
     };
 
-    /// What to do next, in this order.
+    /// Next actions, in this order.
     struct Step
     {
-        std::optional<Obstacle> news = {}; ///< to report; not set: nothing new
+        std::optional<Obstacle> news = {}; ///< event to report; not set: nothing new
         int pauseMs = 0;                   ///< to wait
         bool joins = false; ///< then join, or wait for a sender; otherwise ask (again)
     };
@@ -44,7 +44,7 @@ public:
     /// Why a receiver was stopped.
     enum class Setback
     {
-        Doubt,    ///< its sender has to be asked before it is joined again
+        Doubt,    ///< the sender must be probed before it is joined again
         Flapping, ///< all its connections ended before a sequence was announced
         NoChannel,
         WorkerEnded,
@@ -56,18 +56,18 @@ public:
     /// @param senderUser  that the sender must run as; not set: any
     Gatekeeper(const std::string& name, std::optional<uid_t> senderUser, CodecTest isPlayable);
 
-    /// Forgets everything: a new start.
+    /// Resets everything for a new start.
     ///
     /// @param asksFirst  whether a sender must be asked even before it is joined for the first time
     void reset(bool asksFirst = false);
 
-    /// The stream plays, so what comes next is news.
+    /// The stream plays: the next obstacle is reported again.
     void forgetObstacles();
 
     /// The last setback was long ago.
     void forgetSetbacks();
 
-    /// Looks at what a sender says first.
+    /// Checks a sender's first message.
     ///
     /// @param info     not set: malformed, or missing
     /// @param user     that the sender runs as
@@ -78,12 +78,12 @@ public:
         uid_t user,
         const ChannelCheck& channel) const;
 
-    /// Looks at what a sender has answered to a question.
+    /// Judges a sender's answer to a probe.
     ///
     /// @param durationNs  time that the answer took
     Step judgeAnswer(const SenderProbe& answer, TimeValue durationNs);
 
-    /// The receiver has refused the connection that it was about to use.
+    /// Remembers why the receiver refused a connection.
     void onRefusal(Obstacle obstacle);
 
     /// The receiver was stopped. The sender must be asked next, after a pause that grows from one

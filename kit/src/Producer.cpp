@@ -24,6 +24,7 @@
 #include <vlxkit/Text.hpp>
 
 #include "Bell.hpp"
+#include "CallScope.hpp"
 #include "DeadDirectories.hpp"
 #include "DirectoryLock.hpp"
 #include "LibraryError.hpp"
@@ -152,43 +153,15 @@ public:
     class Use
     {
     public:
-        explicit Use(Impl& producer) : m_isInUse(producer.m_isInUse)
+        explicit Use(Impl& producer) : m_call(producer.m_isInUse)
         {
-            const bool wasInUse = m_isInUse.exchange(true, std::memory_order_acquire);
-            assert(!wasInUse && "a Producer takes one thread: stop() and join it before close()");
+            assert(
+                m_call.isAlone() &&
+                "a Producer takes one thread: stop() and join it before close()");
         }
-
-        ~Use()
-        {
-            m_isInUse.store(false, std::memory_order_release);
-        }
-
-        Use(const Use&) = delete;
-        Use& operator=(const Use&) = delete;
 
     private:
-        std::atomic<bool>& m_isInUse;
-    };
-
-    /// Tells that a call of the sender may block, also if a payloader throws there.
-    class SendingMark
-    {
-    public:
-        explicit SendingMark(std::atomic<bool>& isSending) : m_isSending(isSending)
-        {
-            m_isSending = true;
-        }
-
-        ~SendingMark()
-        {
-            m_isSending = false;
-        }
-
-        SendingMark(const SendingMark&) = delete;
-        SendingMark& operator=(const SendingMark&) = delete;
-
-    private:
-        std::atomic<bool>& m_isSending;
+        const ExclusiveCall m_call;
     };
 
     /// @return whether another process has opened the stream, and this is a fork's copy
@@ -494,7 +467,7 @@ bool Producer::Impl::callSender(Call call)
     bool isCalled = false;
     {
         // An interruption sees that the call is made, or is seen here.
-        const SendingMark mark(m_isSending);
+        const ExclusiveCall mark(m_isSending);
         isCalled = isUsable();
         if (isCalled)
             call();

@@ -12,16 +12,16 @@ namespace vlx::kit
 /// Longest sidechannel message that is accepted. Real ones have a few hundred bytes.
 inline constexpr std::uint32_t MaxSidechannelMessageBytes = 1 << 20;
 
-/// One connection to the process that holds a stream's name, and its answer, as it comes. Never
-/// waits, and nothing that comes can stop the process.
+/// One probe connection to the process that holds a stream's name, and the answer so far. Never
+/// waits; no input can stop this process.
 ///
-/// As long as it is open and not answered it takes a place in the other side's backlog.
+/// An open, unanswered connection takes a place in the peer's backlog.
 ///
 /// @thread one at a time
 class SenderQuestion
 {
 public:
-    /// Asks. The answer is over at once if no process could be reached.
+    /// Connects. If no process can be reached, isOver() is true at once.
     explicit SenderQuestion(const std::string& name);
     ~SenderQuestion();
 
@@ -31,16 +31,16 @@ public:
     /// Closes the descriptor alone, in a forked child that shares the connection with its parent.
     void abandon();
 
-    /// @return becomes readable when there is something to take
+    /// @return a descriptor that becomes readable when advance() has something to read
     int getFD() const
     {
         return m_fd;
     }
 
-    /// Takes what has come by now.
+    /// Reads what has arrived so far.
     void advance();
 
-    /// @return whether nothing more comes that counts
+    /// @return whether the answer is complete
     bool isOver() const
     {
         return m_over;
@@ -51,7 +51,7 @@ public:
         return m_answer.initialInfo.has_value();
     }
 
-    /// @return what is known by now, with the socket file as it is by now
+    /// @return the answer so far, with the current state of the socket file
     SenderProbe getAnswer() const;
 
 private:

@@ -23,8 +23,8 @@
 namespace vlx::kit
 {
 
-/// What may wait in a consumer's queue. Of the frames beyond any of these limits the oldest ones
-/// are dropped; the newest frame always stays.
+/// Limits of a consumer's queue. Beyond any of them the oldest frames are dropped; the newest frame
+/// always stays.
 struct QueueLimits
 {
     /// Time between the arrivals of the oldest frame and the newest; zero: no limit.
@@ -46,15 +46,16 @@ struct ConsumerOptions
     std::chrono::nanoseconds stallTimeout = std::chrono::seconds(2);
     /// Scheduling of the stream's threads.
     RealTime realTime = {};
-    /// User that the sender's process must run as, as the kernel recorded it when that process
-    /// began to listen; not set: any. A sender of another user is reported as NotASender and waited
-    /// out. The overflow user id (65534, see /proc/sys/kernel/overflowuid) never matches: in a user
-    /// namespace it stands for every user from outside.
+    /// User that the sender's process must run as, recorded by the kernel when that process began
+    /// to listen; not set: any user. A sender of another user is reported as NotASender, and the
+    /// consumer waits for the next one. The overflow user id (65534, see
+    /// /proc/sys/kernel/overflowuid) never matches: in a user namespace it stands for every user
+    /// from outside.
     std::optional<uid_t> senderUser = {};
     /// Receives informational messages, such as restrictions, one line each, on the thread that
     /// calls start(). Not set: they go to the logger "Vellox.Kit" as WARN.
     std::function<void(const std::string&)> onNotice = {};
-    /// For a consumer without a frame callback, whose frames wait until they are read.
+    /// Limits of the queue of a consumer without a frame callback.
     QueueLimits queue = {};
     /// Whether to receive codecs without a depayloader, too: each frame is the payload as it was
     /// sent, and CodecFormat has the codec's FourCC and header. Otherwise they are reported as
@@ -63,28 +64,27 @@ struct ConsumerOptions
     bool anyCodec = false;
 };
 
-/// What is known about a frame.
+/// Description of a frame.
 struct FrameInfo
 {
-    TimeValue timestamp = 0; ///< as the sender gave it; nanoseconds by convention
+    TimeValue timestamp = 0; ///< as sent; nanoseconds by convention
     TimeValue duration = 0;  ///< same unit
-    /// Nanoseconds between the end of the frame before and this one: positive if media is missing,
-    /// negative if frames overlap, 0 within the jitter of a millisecond or half a frame. Also
-    /// across two connections; 0 for the first frame of all, and after a change of the stream's
-    /// clock.
+    /// Nanoseconds from the end of the previous frame to this one: positive if media is missing,
+    /// negative if the frames overlap, 0 within a jitter of 1 ms or half a frame, whichever is
+    /// less. Also measured across connections; 0 for the very first frame, and after a change of
+    /// the stream's clock.
     std::int64_t gapNs = 0;
     /// First frame of a connection, of a format or of a codec header, or after a pause: a decoder
     /// starts afresh. A sequence that only repeats what is known is none of these.
     bool isFirst = false;
     TimeValue arrival = 0; ///< nanoseconds of CLOCK_MONOTONIC
-    /// Clock that the timestamp stands on.
+    /// Clock of the timestamp.
     Receiver::StreamClockType clock = Receiver::StreamClockType::Undetermined;
-    /// That clock less CLOCK_MONOTONIC, nanoseconds, measured as the frame arrived: 0 for the
-    /// system's clock; not set for a stream without a clock, and until a network clock is
-    /// synchronised.
+    /// That clock minus CLOCK_MONOTONIC when the frame arrived, in nanoseconds: 0 for the system
+    /// clock; not set for a stream without a clock, and until a network clock is synchronised.
     std::optional<std::int64_t> clockOffsetNs = {};
 
-    /// @return the timestamp as a time of CLOCK_MONOTONIC; not set while that cannot be told
+    /// @return the timestamp on CLOCK_MONOTONIC; not set if clockOffsetNs is not set
     std::optional<TimeValue> getMonotonicTime() const
     {
         if (!clockOffsetNs)
@@ -93,7 +93,7 @@ struct FrameInfo
     }
 };
 
-/// One frame, as the frame callback gets it.
+/// One frame, as passed to the frame callback.
 struct Frame : FrameInfo
 {
     const Buffer& data; ///< valid during the callback only: copy what you keep
@@ -102,33 +102,33 @@ struct Frame : FrameInfo
 class FramePool;
 
 /// One frame from a consumer's queue, which owns its data. It can be moved and kept, also longer
-/// than the consumer lives. Destroy it when it is done: its memory serves a later frame, so that
+/// than the consumer lives. Destroy it after use: its memory is used for a later frame, so that
 /// receiving PCM allocates nothing.
 ///
 /// @thread one at a time
 struct ReceivedFrame : FrameInfo
 {
     Buffer data; ///< may be taken by std::move()
-    /// Frames that were dropped directly before this one since the queue was full. What they held
-    /// counts as a part of gapNs.
+    /// Frames dropped directly before this one because the queue was full. gapNs includes their
+    /// media.
     std::uint64_t numDropped = 0;
 
     /// A frame without data.
     VLX_API ReceivedFrame();
-    /// For the consumer.
+    /// Used by the consumer.
     VLX_API ReceivedFrame(const FrameInfo& info, Buffer bytes, std::shared_ptr<FramePool> pool);
-    /// The other one has no data afterwards.
+    /// Leaves the other frame without data.
     VLX_API ReceivedFrame(ReceivedFrame&& other) noexcept;
-    /// The other one has the data that this one had.
+    /// Swaps the data of the two frames.
     VLX_API ReceivedFrame& operator=(ReceivedFrame&& other) noexcept;
-    /// Gives the memory back.
+    /// Returns the memory for a later frame.
     VLX_API ~ReceivedFrame();
 
 private:
     std::shared_ptr<FramePool> m_pool;
 };
 
-/// Codec of the frames that follow, if it is not PCM.
+/// Codec of the frames that follow, if it is not PCM: what a decoder needs.
 struct CodecFormat
 {
     std::uint32_t fourcc = 0; ///< code of the codec, four characters, lowest byte first
@@ -185,24 +185,23 @@ VLX_API const char* toString(ConsumerEvent::Kind kind);
 /// at each change; a frame; or an event.
 using ConsumerItem = std::variant<StreamFormat, CodecFormat, ReceivedFrame, ConsumerEvent>;
 
-/// The clock of a consumer's present connection.
+/// Clock of a consumer's current connection.
 struct ConsumerClock
 {
     /// Undetermined without a connection.
     Receiver::StreamClockType type = Receiver::StreamClockType::Undetermined;
-    std::string address = {}; ///< of a network clock's provider, as the sender announces it
-    std::uint16_t port = 0;   ///< of the same
-    /// Always for the system's clock; once synchronised for a network's.
+    std::string address = {}; ///< of the network clock's provider, as announced
+    std::uint16_t port = 0;   ///< UDP port of the provider
+    /// Always true for the system clock; for a network clock, true once it is synchronised.
     bool isSynchronized = false;
-    /// The clock less CLOCK_MONOTONIC, nanoseconds; not set while it is not known.
+    /// The clock minus CLOCK_MONOTONIC, in nanoseconds; not set while it is unknown.
     std::optional<std::int64_t> offsetNs = {};
 };
 
-/// Callbacks of a Consumer. All are optional: without onFrame the consumer puts everything into a
-/// queue for Consumer::read(), and calls the others all the same. No lock is held during a call,
-/// and no two calls overlap. Callbacks must not throw, nor start, stop or destroy the consumer;
-/// they may call requestStop(). A callback that takes long makes this consumer lose frames, and no
-/// other.
+/// Callbacks of a Consumer. All are optional. Without onFrame the consumer also puts everything
+/// into a queue for Consumer::read(). No lock is held during a call, and no two calls overlap.
+/// Callbacks must not throw, nor start, stop or destroy the consumer; they may call requestStop().
+/// A slow callback makes this consumer lose frames, and no other.
 struct ConsumerCallbacks
 {
     /// Receives each frame, on the receiving thread.
@@ -224,8 +223,8 @@ struct ConsumerCallbacks
 /// Counts and state of a consumer since its construction.
 struct ConsumerStatistics
 {
-    /// Connecting as well while backing off from an unplayable sender; Idle only before start() and
-    /// after the stop.
+    /// Also Connecting while the consumer backs off from an unplayable sender; Idle only before
+    /// start() and after the stop.
     Receiver::State state = Receiver::State::Idle;
     std::uint64_t frames = 0;      ///< received
     std::uint64_t bytes = 0;       ///< of media data
@@ -235,22 +234,23 @@ struct ConsumerStatistics
     std::uint64_t overlaps = 0;    ///< negative gaps
     std::uint64_t connections = 0; ///< that brought a frame
     std::uint64_t reconnects = 0;  ///< connections after the first
-    std::uint64_t stalls = 0;      ///< connections given up without frames
-    std::uint64_t dropped = 0;     ///< frames that were too many for the queue
-    /// From start(), or from the loss of the connection before, to the first frame; of the present
-    /// or last connection, nanoseconds; 0 before.
+    std::uint64_t stalls = 0;      ///< connections left because no frames came
+    std::uint64_t dropped = 0;     ///< frames dropped because the queue was full
+    /// Nanoseconds from start(), or from the loss of the previous connection, to the first frame of
+    /// the current or last connection; 0 before that frame.
     TimeValue joinNs = 0;
-    StreamFormat format = {}; ///< of the present or last PCM sequence
-    /// Of the present connection.
+    StreamFormat format = {}; ///< of the current or last PCM sequence
+    /// Of the current connection.
     Receiver::StreamClockType clock = Receiver::StreamClockType::Undetermined;
-    /// The stream's clock is known: always for the system's, once synchronised for a network's.
+    /// Whether the stream's clock is known: always for the system clock; for a network clock once
+    /// it is synchronised.
     bool clockSynchronized = false;
-    /// The stream's clock less CLOCK_MONOTONIC, nanoseconds; 0 while it is not known.
+    /// The stream's clock minus CLOCK_MONOTONIC, in nanoseconds; 0 while it is unknown.
     std::int64_t clockOffsetNs = 0;
 };
 
-/// Receives one stream for as long as it is wanted: waits for the sender, joins it, joins it again
-/// after a loss or a stall, backs off from senders that cannot be played, and stops promptly.
+/// Receives one stream until it is stopped: waits for the sender, joins it, joins it again after a
+/// loss or a stall, backs off from senders that cannot be played, and stops promptly.
 ///
 /// Threads: the library's two, and one that supervises them, "vlx-keeper". PCM is built in.
 ///
@@ -267,19 +267,19 @@ struct ConsumerStatistics
 /// and without an event. A sender whose backlog is full is asked ten times a second, which costs it
 /// nothing.
 ///
-/// A misuse stops the process with an assertion that says what to do: start(), stop() or
-/// destruction inside a callback of this consumer, and two of these calls at once.
+/// Misuse fails an assertion that names the correct use: start(), stop() or destruction inside a
+/// callback of this consumer, and two of these calls at once.
 ///
-/// Everything can be had in two ways. With a frame callback the receiving thread calls back, at
-/// once. Without one it puts formats, frames and events into a queue, in order, and never waits for
-/// who reads them: while (auto item = consumer.read()) ... An event loop watches getDescriptor()
-/// and reads with a timeout of zero until nothing is left.
+/// There are two ways to receive. With a frame callback the receiving thread calls back at once.
+/// Without one it puts formats, frames and events into a queue, in order, and never waits for the
+/// reader: while (auto item = consumer.read()) ... An event loop watches getDescriptor() and reads
+/// with a timeout of zero until nothing is left.
 ///
 /// Throws only what the standard library throws (no memory, no thread).
 class Consumer
 {
 public:
-    /// A consumer that does nothing yet.
+    /// Creates a consumer that is not started.
     VLX_API explicit Consumer(ConsumerOptions options, ConsumerCallbacks callbacks = {});
 
     /// Calls stop().
@@ -291,7 +291,7 @@ public:
     /// Takes over a consumer, started or not. The one that was moved from can only be destroyed or
     /// assigned to; assignment stops the former consumer. Not to itself, nor beside another call.
     VLX_API Consumer(Consumer&& other) noexcept;
-    VLX_API Consumer& operator=(Consumer&& other) noexcept; ///< see there
+    VLX_API Consumer& operator=(Consumer&& other) noexcept; ///< see the move constructor
 
     /// Registers a codec beside PCM, or in its place. Before start().
     ///
@@ -333,13 +333,12 @@ public:
     /// @thread any, callbacks included
     VLX_API void requestStop();
 
-    /// Takes what has come next from the queue, in the order in which it came. When the queue is
-    /// full, the oldest frame is dropped and counted, never an event: events stay until they are
-    /// read, some hundred bytes each. Of formats without a frame between them the newest one stays.
-    /// The events keep to what ConsumerCallbacks::onEvent
-    /// says.
+    /// Takes the next item from the queue, in order of arrival. When the queue is full, the oldest
+    /// frame is dropped and counted. Events are never dropped, and take some hundred bytes each
+    /// until they are read. Of several formats without a frame between them only the newest stays.
+    /// The order of events is that of ConsumerCallbacks::onEvent.
     ///
-    /// @param timeout  how long to wait; zero: only look; negative: without limit
+    /// @param timeout  how long to wait; zero: not at all; negative: without limit
     /// @return not set if nothing has come in time; at once if the consumer is not started, or has
     ///         stopped, and everything was read. requestStop() ends the wait as soon as the stop is
     ///         complete, after the last event; always not set with a frame callback
@@ -366,8 +365,8 @@ public:
     VLX_API void pause(bool on);
 
     /// @return a descriptor for poll() and event loops that is readable as long as something waits
-    ///         to be read; it stays the consumer's. Reading and closing it is forbidden; a stop
-    ///         does not make it readable. -1 if no descriptor is left, or there is a frame callback
+    ///         to be read; owned by the consumer: neither read nor close it. A stop does not make
+    ///         it readable. -1 if no descriptor is left, or if there is a frame callback
     /// @thread any
     VLX_API int getDescriptor();
 
@@ -377,16 +376,16 @@ public:
 
     /// Waits until a sender is joined.
     ///
-    /// @param timeout  zero: only look; negative: without limit
-    /// @return whether one is joined now; false at once if the consumer is not started, or stops
+    /// @param timeout  zero: do not wait; negative: without limit
+    /// @return whether a sender is joined; false at once if the consumer is not started, or stops
     /// @thread any, but not inside a callback
     VLX_API bool waitUntilJoined(std::chrono::nanoseconds timeout) const;
 
-    /// @return the clock of the present connection, with its provider
+    /// @return the clock of the current connection, with its provider
     /// @thread any, callbacks included
     VLX_API ConsumerClock getClock() const;
 
-    /// @return nanoseconds on the stream's clock; 0 while it is not known
+    /// @return current time of the stream's clock, nanoseconds; 0 while it is unknown
     /// @thread any, callbacks included
     VLX_API TimeValue getStreamTime() const;
 
@@ -394,9 +393,9 @@ public:
     /// @thread any, callbacks included
     VLX_API ConsumerStatistics getStatistics() const;
 
-    /// Returns the ages of all frames on arrival, against the stream's clock: without those of a
-    /// stream without a clock, and those that came before a network clock was synchronised. A copy
-    /// of 15 KB, during which a frame may have to wait: ask now and then, not per frame.
+    /// Returns the ages of all frames on arrival, measured with the stream's clock. Frames that
+    /// came while that clock was unknown are left out. Copies 15 KB, and a frame may have to wait
+    /// meanwhile: do not call it for every frame.
     /// @thread any, callbacks included
     VLX_API AgeHistogram getAges() const;
 

@@ -19,39 +19,39 @@
 namespace vlx::kit
 {
 
-/// Whose receivers may join a stream. Whoever may write to a publisher's socket file can also end
-/// the publishing process.
+/// Users whose receivers may join a stream. A process that may write to a publisher's socket file
+/// can also end the publisher.
 enum class SocketMode
 {
-    /// Those of the sender's user.
+    /// The sender's user.
     Owner,
-    /// Those of the sender's group as well.
+    /// Also the sender's group.
     Group,
-    /// Everybody's.
+    /// All users.
     All,
 };
 
-/// What a stream is, before it is opened.
+/// Options of a Producer.
 struct ProducerOptions
 {
-    /// Of the stream, 1 to 107 bytes.
+    /// Name of the stream, 1 to 107 bytes.
     std::string name;
-    /// Taken when another sender holds the name; empty: none, opening then fails.
+    /// Used if another sender holds the name; empty: opening then fails.
     std::string alternativeName = {};
-    /// For any number of receivers, or for one.
+    /// PubSub: any number of receivers; Pipeline: one.
     NanomsgProtocol protocol = NanomsgProtocol::PubSub;
-    /// Clock that the timestamps stand on, as announced.
+    /// Announced clock of the timestamps.
     TimeSyncProtocol clock = TimeSyncProtocol::MonotonicSystemClock;
-    /// Announced address and port of the network clock's provider; empty and 0: none.
+    /// Announced address of the network clock's provider; empty: no provider.
     std::string clockAddress = {};
-    std::uint16_t clockPort = 0; ///< UDP port of the same
-    /// Who may join.
+    std::uint16_t clockPort = 0; ///< UDP port of the provider; 0: no provider
+    /// Users whose receivers may join.
     SocketMode socketMode = SocketMode::Owner;
     /// Directory in which senders and receivers of this machine meet; empty: "TMPDIR", or
     /// "/tmp/vlx", which is created if it is missing. Any other directory must exist. See
     /// prepareBaseDirectory().
     std::string baseDirectory = {};
-    /// Of the stream's threads.
+    /// Scheduling of the stream's threads.
     RealTime realTime = {};
     /// Receives informational messages, one line each, on the thread that calls open(). Not set:
     /// they go to the logger "Vellox.Kit" as WARN.
@@ -69,7 +69,7 @@ struct ProducerStatistics
     std::uint64_t frames = 0;    ///< sent
     std::uint64_t bytes = 0;     ///< of media data
     std::uint64_t sequences = 0; ///< opened
-    /// Joined now: with an open sidechannel and an open main channel; up to 100 ms old.
+    /// Receivers with an open sidechannel and an open main channel; up to 100 ms old.
     std::size_t receivers = 0;
 };
 
@@ -86,7 +86,7 @@ struct ProducerStatistics
 class Producer
 {
 public:
-    /// A producer that does nothing yet.
+    /// Creates a producer that is not open.
     VLX_API explicit Producer(ProducerOptions options);
 
     /// Calls close().
@@ -98,14 +98,13 @@ public:
     /// Takes over a producer, open or not. The one that was moved from can only be destroyed or
     /// assigned to; assignment closes the former stream. Not to itself, nor beside another call.
     VLX_API Producer(Producer&& other) noexcept;
-    VLX_API Producer& operator=(Producer&& other) noexcept; ///< see there
+    VLX_API Producer& operator=(Producer&& other) noexcept; ///< see the move constructor
 
     /// Opens the stream with PCM audio: checks or makes the base directory, initialises the sender
     /// and starts the first sequence directly after it, sets who may join, narrows the sender's
-    /// directory so that no other user can put anything into it, and wakes the receivers that wait.
-    /// The socket file never has a wider mode than it should: the sender is made under a umask of
-    /// its own, and the umask of the process stays. Removes the directories of dead producers of
-    /// this user.
+    /// directory so that no other user can put anything into it, and wakes waiting receivers. The
+    /// socket file never has a wider mode than the option says; the umask of the process stays.
+    /// Removes the directories of dead producers of this user.
     ///
     /// @return NameInvalid; NameTaken; InvalidArgument for the format and the options; NoDirectory,
     ///         DirectoryNotTrusted or NotPermitted for the base directory; NotPermitted also if
@@ -118,15 +117,15 @@ public:
     /// @param payloader  not owned; must outlive its use, until close() or the next setFormat()
     VLX_API Status open(Payloader& payloader);
 
-    /// Opens a new sequence if the format differs from the present one; does nothing otherwise.
+    /// Opens a new sequence if the format differs from the current one; otherwise does nothing.
     ///
-    /// @return NotOpen, Stopped, Interrupted, or InvalidArgument: the former format stays
+    /// @return NotOpen, Stopped, Interrupted, or InvalidArgument; the previous format then stays
     VLX_API Status setFormat(const StreamFormat& format);
 
-    /// Opens a new sequence with the payloader's present header, even an unchanged one.
+    /// Opens a new sequence with the payloader's current header, even an unchanged one.
     VLX_API Status setFormat(Payloader& payloader);
 
-    /// Opens a new sequence of the present format, for receivers that may have missed the last one.
+    /// Opens a new sequence of the current format, for receivers that may have missed the last one.
     ///
     /// @return NotOpen, Stopped or Interrupted
     VLX_API Status announce();
@@ -138,22 +137,22 @@ public:
     ///
     /// @param timestamp  of the frame's first sample, nanoseconds on the announced clock
     /// @param duration   nanoseconds
-    /// @param mediaData  a whole number of samples in the present format; not used after the call
+    /// @param mediaData  a whole number of samples in the current format; not used after the call
     /// @return NotOpen, Stopped, Interrupted, or InvalidArgument if the media data ends within a
     ///         sample: the frame was not sent
     VLX_API Status send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
 
-    /// Does what send() does for receivers that have just joined. For a producer that sends nothing
-    /// for more than some milliseconds: call it every few.
+    /// Opens another sequence for receivers that have just joined, as send() does. Call it every
+    /// few milliseconds while nothing is sent.
     ///
-    /// @return receivers now joined
+    /// @return number of joined receivers
     VLX_API std::size_t checkReceivers();
 
-    /// Waits until so many receivers have joined: both their connections are made and open. In
-    /// Pipeline a receiver counts when it has bound.
+    /// Waits until a number of receivers have joined, each with both connections open. In Pipeline
+    /// a receiver counts when it has bound.
     ///
     /// @param count    receivers
-    /// @param timeout  zero: without limit; negative: the time is over already
+    /// @param timeout  zero: without limit; negative: do not wait
     /// @return TimedOut, NotOpen, Stopped or Interrupted
     VLX_API Status waitForReceivers(
         std::size_t count,
@@ -165,7 +164,7 @@ public:
     /// being sent is still sent. In Pipeline a freed send has not sent its frame, unless the
     /// receiver took it in that instant. May come before open().
     ///
-    /// @param on  false: takes the interruption back
+    /// @param on  true: interrupt; false: take the interruption back
     /// @thread any; not from a signal handler
     VLX_API void interrupt(bool on);
 
@@ -180,11 +179,11 @@ public:
     /// most. Does nothing on a producer that is not open. It may be opened again, unless stopped.
     VLX_API void close();
 
-    /// @return the name under which the stream was opened; empty before
+    /// @return name under which the stream was opened; empty before
     VLX_API const std::string& getName() const;
 
     /// @return path of the main channel's socket file; empty before open(). In Pipeline the
-    ///         receiver makes it
+    ///         receiver creates it
     VLX_API const std::string& getSocketFile() const;
 
     /// Returns the counts so far.

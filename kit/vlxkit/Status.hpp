@@ -13,11 +13,11 @@ namespace vlx::kit
 /// Why an operation failed, for a program to act on.
 enum class ErrorCode
 {
-    /// It succeeded.
+    /// Success.
     Ok,
     /// The stream's name is empty or longer than 107 bytes.
     NameInvalid,
-    /// Another sender holds the name. It may be free later.
+    /// Another sender holds the name. Retry later.
     NameTaken,
     /// An option, a format or media data is not valid.
     InvalidArgument,
@@ -27,17 +27,17 @@ enum class ErrorCode
     DirectoryNotTrusted,
     /// The user may not write to the base directory, or may not use real-time scheduling.
     NotPermitted,
-    /// No descriptor, thread or memory is left. It may work later.
+    /// No descriptor, thread or memory is left. Retry later.
     OutOfResources,
     /// The stream is open already.
     AlreadyOpen,
     /// The stream is not open.
     NotOpen,
-    /// Producer::stop() was called: no later operation succeeds.
+    /// Producer::stop() was called: every later operation fails.
     Stopped,
     /// Producer::interrupt(true) was called: operations succeed again after interrupt(false).
     Interrupted,
-    /// The timeout is over.
+    /// The timeout has expired.
     TimedOut,
     /// Anything else; see the text.
     Failed,
@@ -48,8 +48,7 @@ enum class ErrorCode
 /// @return a static string
 VLX_API const char* toString(ErrorCode code);
 
-/// Tells whether an operation succeeded, and if not, why. A program that has no use for it casts it
-/// to void.
+/// Result of an operation: success, or why it failed. Cast it to void to ignore it.
 class [[nodiscard]] Status
 {
 public:

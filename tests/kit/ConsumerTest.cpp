@@ -24,7 +24,6 @@
 
 #include "ConsumerRecord.hpp"
 #include "FrameQueue.hpp"
-#include "RetryPause.hpp"
 #include "SenderQuestion.hpp"
 #include "WakeupEvent.hpp"
 #include "support/AllocationCounter.hpp"
@@ -308,30 +307,6 @@ TEST_F(ConsumerTest, DeliversAndJoinsAgain)
     EXPECT_TRUE(consumer.waitForEvent("lost", 3)) << "though it has once ended a connection itself";
 }
 
-TEST_F(ConsumerTest, IntroducesFramesAtEachChange)
-{
-    ScriptedSender sender(getSocketName());
-    RecordedConsumer consumer({.name = getSocketName()});
-    ASSERT_TRUE(consumer.start());
-    ASSERT_TRUE(consumer.waitForEvent("format"));
-    ASSERT_TRUE(sender.send(makeFrame(1, 10)));
-    ASSERT_TRUE(consumer.waitForEvent("frame 10"));
-    ASSERT_TRUE(sender.send(makeSequenceInfo(2))); // announced again
-    ASSERT_TRUE(sender.send(makeFrame(2, 20)));
-    ASSERT_TRUE(consumer.waitForEvent("frame 20"));
-    ASSERT_TRUE(sender.send(makeSequenceInfo(3, 44100)));
-    ASSERT_TRUE(sender.send(makeFrame(3, 20)));
-    ASSERT_TRUE(consumer.waitForEvent("frame 20", 2));
-    std::vector<std::string> lines = consumer.getEvents();
-    lines.erase(lines.begin());
-    EXPECT_EQ(
-        lines, (std::vector<std::string>{
-                   "format S16LE, 48000 Hz, 2 channels", "frame 10 gap 0 first", "frame 20 gap 0",
-                   "format S16LE, 44100 Hz, 2 channels", "frame 20 gap -10 first"}));
-    EXPECT_EQ(consumer.get().getStatistics().overlaps, 1U);
-    EXPECT_EQ(consumer.get().getStatistics().format.rate, 44100U);
-}
-
 /// Takes headers that begin with 'P'.
 class TestDepayloader : public Depayloader
 {
@@ -343,22 +318,6 @@ public:
         return !header.empty() && header[0] == 'P';
     }
 };
-
-TEST_F(ConsumerTest, PlaysOwnCodecsOverAPipeline)
-{
-    Buffer packet = makeForeignSequenceInfo();
-    packet[8] = 'P';
-    ScriptedSender sender(
-        getSocketName(), {.second = packet, .protocol = NanomsgProtocol::Pipeline});
-    TestDepayloader depayloader;
-    RecordedConsumer consumer({.name = getSocketName()});
-    consumer.get().addDepayloader(depayloader);
-    ASSERT_TRUE(consumer.start());
-    ASSERT_TRUE(consumer.waitForEvent("codec"));
-    ASSERT_TRUE(sender.send(makeFrame(1, 10)));
-    EXPECT_TRUE(consumer.waitForEvent("frame 10 gap 0 first"));
-    EXPECT_EQ(consumer.count("codec"), 1U);
-}
 
 TEST_F(ConsumerTest, AnnouncementsThatRepeatTheHeaderLeaveADecoderInStep)
 {
@@ -399,6 +358,8 @@ TEST_F(ConsumerTest, AnnouncementsThatRepeatTheHeaderLeaveADecoderInStep)
         {"other codec", makeForeignSequenceInfo("WXYZ"), true},
         {"back, with the header of before", changed, true},
         {"PCM", makeSequenceInfo(1), true},
+        {"PCM, repeated", makeSequenceInfo(1), false},
+        {"PCM, another rate", makeSequenceInfo(1, 44100), true},
         {"back from PCM", changed, true}};
     std::uint8_t sequence = 1;
     int headers = 0;
@@ -416,6 +377,9 @@ TEST_F(ConsumerTest, AnnouncementsThatRepeatTheHeaderLeaveADecoderInStep)
         EXPECT_EQ(first.headers, before + (headers += isFirstCodec ? 1 : 0)) << row.name;
     }
     EXPECT_EQ(consumer.count("codec"), 5U);
+    EXPECT_EQ(consumer.count("format S16LE, 48000 Hz, 2 channels"), 1U);
+    EXPECT_EQ(consumer.count("format S16LE, 44100 Hz, 2 channels"), 1U);
+    EXPECT_EQ(consumer.get().getStatistics().format.rate, 44100U);
 }
 
 TEST_F(ConsumerTest, LeavesAloneWhatCannotBeJoined)
@@ -605,35 +569,24 @@ TEST_F(ConsumerTest, JoinsOnlyTheUserThatItIsToldTo)
     if (::geteuid() != 0)
         GTEST_SKIP() << "only root can become another user";
     ASSERT_EQ(::chmod(getTempDirectory().c_str(), 01777), 0);
-    constexpr uid_t OverflowUser = 65534;
-    struct Row
+    constexpr uid_t Other = 1234;
+    const auto open = [this](std::optional<ScriptedSender>& sender, uid_t user)
     {
-        uid_t sender;
-        uid_t wanted;
-        bool isJoined;
-    };
-    for (const Row& row :
-         {Row{0, 0, true}, Row{1234, 1234, true}, Row{1234, 0, false},
-          Row{OverflowUser, OverflowUser, false}})
-    {
-        becomeUser(row.sender);
-        std::optional<ScriptedSender> sender(getSocketName());
+        becomeUser(user);
+        sender.emplace(getSocketName());
         becomeUser(0);
-        RecordedConsumer consumer({.name = getSocketName(), .senderUser = row.wanted});
-        ASSERT_TRUE(consumer.start());
-        EXPECT_TRUE(consumer.waitForEvent(
-            row.isJoined
-                ? "format"
-                : "not a sender: the sender of \"" + getSocketName() + "\" runs as user " +
-                      std::to_string(row.sender) + ", not as user " + std::to_string(row.wanted)));
-        EXPECT_EQ(consumer.count("joined"), row.isJoined ? 1U : 0U);
-        if (!row.isJoined && row.wanted == 0)
-        {
-            sender.reset();
-            sender.emplace(getSocketName());
-            EXPECT_TRUE(consumer.waitForEvent("joined")) << "waited out";
-        }
-    }
+    };
+    std::optional<ScriptedSender> sender;
+    RecordedConsumer consumer({.name = getSocketName(), .senderUser = Other});
+    open(sender, 0);
+    ASSERT_TRUE(consumer.start());
+    EXPECT_TRUE(consumer.waitForEvent(
+        "not a sender: the sender of \"" + getSocketName() +
+        "\" runs as user 0, not as user 1234"));
+    EXPECT_EQ(consumer.count("joined"), 0U);
+    sender.reset();
+    open(sender, Other);
+    EXPECT_TRUE(consumer.waitForEvent("format")) << "waited out";
 }
 
 TEST_F(ConsumerTest, JoinsAgainWhenItHasMissedAnAnnouncement)
@@ -686,28 +639,21 @@ TEST_F(ConsumerTest, StartsAWorkerAgainThatHasEndedUnasked)
     EXPECT_EQ(consumer.count("failed"), 1U);
 }
 
-TEST_F(ConsumerTest, ReportsAnObstacleOnce)
+TEST_F(ConsumerTest, ReportsAnObstacleOnceAndJoinsWhatReplacesIt)
 {
+    const Script unknown{.second = makeForeignSequenceInfo("WXYZ")};
     RecordedConsumer consumer({.name = getSocketName()});
-    const ScriptedSender sender(getSocketName(), {.second = makeForeignSequenceInfo("WXYZ")});
+    std::optional<ScriptedSender> sender(std::in_place, getSocketName(), unknown);
     ASSERT_TRUE(consumer.start());
     ASSERT_TRUE(consumer.waitForEvent("cannot play"));
-    const std::size_t before = sender.getNumConnections();
+    const std::size_t before = sender->getNumConnections();
     EXPECT_GE(before, 5U) << "reported after the first check";
-    ASSERT_TRUE(waitFor([&] { return sender.getNumConnections() > before + 1; }));
+    ASSERT_TRUE(waitFor([&] { return sender->getNumConnections() > before + 1; }));
     EXPECT_EQ(consumer.count("cannot play"), 1U);
     consumer.stop("pause");
     ASSERT_TRUE(consumer.start());
-    EXPECT_TRUE(consumer.waitForEvent("cannot play", 2)) << "to the one that has started it again";
-}
+    ASSERT_TRUE(consumer.waitForEvent("cannot play", 2)) << "to the one that has started it again";
 
-TEST_F(ConsumerTest, JoinsWhatReplacesAnObstacle)
-{
-    RecordedConsumer consumer({.name = getSocketName()});
-    std::optional<ScriptedSender> sender;
-    sender.emplace(getSocketName(), Script{.second = makeForeignSequenceInfo("WXYZ")});
-    ASSERT_TRUE(consumer.start());
-    ASSERT_TRUE(consumer.waitForEvent("cannot play"));
     sender.reset();
     sender.emplace(getSocketName());
     ASSERT_TRUE(consumer.waitForEvent("format"));
@@ -716,8 +662,8 @@ TEST_F(ConsumerTest, JoinsWhatReplacesAnObstacle)
     const auto end = steady_clock::now() + 300ms; // the keeper looks every 100 ms
     ASSERT_TRUE(waitFor([&] { return steady_clock::now() > end; }));
     sender.reset();
-    sender.emplace(getSocketName(), Script{.second = makeForeignSequenceInfo("WXYZ")});
-    EXPECT_TRUE(consumer.waitForEvent("cannot play", 2)) << "after frames it is news again";
+    sender.emplace(getSocketName(), unknown);
+    EXPECT_TRUE(consumer.waitForEvent("cannot play", 3)) << "after frames it is news again";
 }
 
 TEST_F(ConsumerTest, SaysWhereThisUserMayNotWrite)
@@ -918,23 +864,18 @@ TEST_F(ConsumerTest, TakesADirectoryOfItsOwn)
 {
     const std::string directory = getTempDirectory() + "/own";
     std::filesystem::create_directory(directory);
-    RecordedConsumer consumer({.name = getSocketName(), .baseDirectory = directory});
-    ASSERT_EQ(consumer.start().getText(), "");
-    EXPECT_TRUE(log().waitFor(debugLog("Opened " + directory)));
-    consumer.stop("own directory");
-    EXPECT_EQ(std::getenv("TMPDIR"), getTempDirectory());
-    std::filesystem::remove(directory);
-
-    // A relative one is that of the start.
     const auto former = std::filesystem::current_path();
-    std::filesystem::create_directory(directory);
-    std::filesystem::current_path(getTempDirectory());
-    RecordedConsumer relative({.name = getSocketName(), .baseDirectory = "own"});
-    log().clear();
-    ASSERT_TRUE(relative.start());
-    std::filesystem::current_path(former);
-    EXPECT_TRUE(log().waitFor(debugLog("Opened " + directory)));
-    relative.stop("relative directory");
+    for (const std::string& given : {directory, std::string("own")})
+    {
+        RecordedConsumer consumer({.name = getSocketName(), .baseDirectory = given});
+        log().clear();
+        std::filesystem::current_path(getTempDirectory()); // a relative one is that of the start
+        EXPECT_EQ(consumer.start().getText(), "");
+        std::filesystem::current_path(former);
+        EXPECT_TRUE(log().waitFor(debugLog("Opened " + directory)));
+        consumer.stop("own directory");
+    }
+    EXPECT_EQ(std::getenv("TMPDIR"), getTempDirectory());
     std::filesystem::remove(directory);
 }
 
@@ -961,6 +902,7 @@ TEST_F(ConsumerTest, MovesWhileItReceives)
     std::atomic<int> frames = 0;
     Consumer first({.name = getSocketName()}, {.onFrame = [&](const Frame&) { ++frames; }});
     ASSERT_EQ(first.start().getText(), "");
+    EXPECT_FALSE(first.read()) << "beside a frame callback, at once";
     ASSERT_TRUE(waitFor([&] { return sender.send(makeFrame(1, 10)) && frames > 0; }));
     Consumer second({.name = "vlx-nobody"}, {.onFrame = [](const Frame&) {}});
     ASSERT_EQ(second.start().getText(), "");
@@ -1060,7 +1002,8 @@ TEST_F(ConsumerTest, IsReadInOrderUntilItIsStopped)
     EXPECT_FALSE(consumer.read(1ms));
     EXPECT_FALSE(consumer.waitUntilJoined(1ms));
     EXPECT_FALSE(isReadable(fd));
-    std::optional<ScriptedSender> sender(getSocketName());
+    const Script pipeline{.protocol = NanomsgProtocol::Pipeline};
+    std::optional<ScriptedSender> sender(std::in_place, getSocketName(), pipeline);
     ASSERT_TRUE(consumer.waitUntilJoined(5s));
     EXPECT_EQ(consumer.getClock().type, Receiver::StreamClockType::MonotonicSystemClock);
     EXPECT_EQ(consumer.getClock().offsetNs, 0);
@@ -1085,7 +1028,7 @@ TEST_F(ConsumerTest, IsReadInOrderUntilItIsStopped)
     sender.reset();
     EXPECT_TRUE(read());
     // A reader that waits without limit.
-    sender.emplace(getSocketName());
+    sender.emplace(getSocketName(), pipeline);
     Consumer moved(std::move(consumer));
     consumer = std::move(moved);
     std::thread reader(
@@ -1147,7 +1090,7 @@ TEST_F(ConsumerTest, ReceivesCodecsWithoutADepayloaderAsBytes)
         const Buffer packet = makeFrame(1, 10);
         EXPECT_EQ(data, Buffer(packet.begin() + 20, packet.end()));
         EXPECT_TRUE(calling.waitForEvent("frame 10 gap 0 first"));
-        EXPECT_EQ(calling.count("joined"), isThereFirst ? 1U : 2U) << "asked before, or after";
+        EXPECT_LE(calling.count("joined"), isThereFirst ? 1U : 2U) << "not asked before";
         EXPECT_EQ(calling.count("cannot play"), 0U);
     }
 }
@@ -1293,34 +1236,21 @@ TEST_F(ConsumerTest, PauseHoldsTheJoinAndDiscardsFrames)
     reader.join();
 }
 
-TEST_F(ConsumerTest, ReadsNothingBesideAFrameCallback)
-{
-    Consumer consumer({.name = getSocketName()}, {.onFrame = [](const Frame&) {}});
-    ASSERT_TRUE(consumer.start());
-    EXPECT_FALSE(consumer.read()); // at once
-}
-
 TEST_F(ConsumerTest, SaysTheClockThatTheFramesHave)
 {
-    const std::pair<TimeSyncProtocol, Receiver::StreamClockType> rows[] = {
-        {TimeSyncProtocol::MonotonicSystemClock, Receiver::StreamClockType::MonotonicSystemClock},
-        {TimeSyncProtocol::GstNetClock, Receiver::StreamClockType::NoClock}}; // without a port
-    const StreamFormat format{audioUtils::PcmFormat::U8, 48000, 1};
-    for (const auto& [protocol, type] : rows)
-    {
-        Producer producer({.name = getSocketName(), .clock = protocol});
-        ASSERT_TRUE(producer.open(format));
-        Consumer consumer(ConsumerOptions{.name = getSocketName()});
-        ASSERT_TRUE(consumer.start());
-        ASSERT_TRUE(producer.waitForReceivers(1, 10s));
-        ASSERT_TRUE(producer.send(0, 20833, Buffer(1)));
-        std::optional<ConsumerItem> item;
-        while ((item = consumer.read(10s)) && !std::holds_alternative<ReceivedFrame>(*item))
-            ;
-        ASSERT_TRUE(item);
-        EXPECT_EQ(std::get<ReceivedFrame>(*item).clock, type);
-        EXPECT_EQ(consumer.getClock().type, type);
-    }
+    Producer producer({.name = getSocketName(), .clock = TimeSyncProtocol::GstNetClock});
+    ASSERT_TRUE(producer.open({audioUtils::PcmFormat::U8, 48000, 1}));
+    Consumer consumer(ConsumerOptions{.name = getSocketName()});
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(producer.waitForReceivers(1, 10s));
+    ASSERT_TRUE(producer.send(0, 20833, Buffer(1)));
+    std::optional<ConsumerItem> item;
+    while ((item = consumer.read(10s)) && !std::holds_alternative<ReceivedFrame>(*item))
+        ;
+    ASSERT_TRUE(item);
+    constexpr auto NoClock = Receiver::StreamClockType::NoClock; // since it has no port
+    EXPECT_EQ(std::get<ReceivedFrame>(*item).clock, NoClock);
+    EXPECT_EQ(consumer.getClock().type, NoClock);
 }
 
 TEST_F(ConsumerTest, LeavesASilentSenderAlone)
@@ -1343,15 +1273,6 @@ TEST(WakeupEventTest, AWakeEndsOneWait)
     const auto begin = steady_clock::now();
     event.wait(20);
     EXPECT_GE(steady_clock::now() - begin, 20ms) << "not drained";
-}
-
-TEST(RetryPauseTest, DoublesUpToItsLimit)
-{
-    RetryPause pause(2000, 10'000);
-    for (const int expected : {2000, 4000, 8000, 10'000, 10'000})
-        EXPECT_EQ(pause.getNext(), expected);
-    pause.reset();
-    EXPECT_EQ(pause.getNext(), 2000);
 }
 
 TEST(ConsumerRecordTest, RejoinsAfterUnknownSequencesAtMostOnceASecond)
