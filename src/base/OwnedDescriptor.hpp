@@ -15,8 +15,7 @@ public:
 
     ~OwnedDescriptor()
     {
-        if (isOpen())
-            ::close(m_fd);
+        close();
     }
 
     OwnedDescriptor(OwnedDescriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
@@ -36,6 +35,12 @@ public:
     int get() const
     {
         return m_fd;
+    }
+
+    void close()
+    {
+        if (isOpen())
+            ::close(std::exchange(m_fd, -1));
     }
 
 private:

@@ -37,7 +37,9 @@ TEST_F(ConsumerClockTest, MeasuresAgesAndOffsetOnTheStreamsClock)
     {
         RawSender sender(
             getSocketName(), NanomsgProtocol::PubSub,
-            {.address = m_provider.getAddress(), .port = m_provider.getPort(), .protocol = 1},
+            {.address = m_provider.getAddress(),
+             .port = m_provider.getPort(),
+             .protocol = TimeSyncProtocol::GstNetClock},
             "ipc://" + directory + "/nanomsgChannel.ipc");
         std::atomic<int> frames = 0;
         Consumer consumer({.name = getSocketName()}, {.onFrame = [&](const Frame&) { ++frames; }});

@@ -42,53 +42,29 @@ namespace
 using Frame = RecordedReceiver::Frame;
 
 /// A sender of PCM, with its first sequence announced.
-class PcmSender
+struct PcmSender
 {
-public:
     PcmSender(const std::string& name, NanomsgProtocol protocol)
     {
-        m_payloader.setNewFormat(48000, 2, PcmFormat::S16LE);
-        m_isInitialized = m_sender.initializeSender(
-            name, "", "", 0, TimeSyncProtocol::MonotonicSystemClock, protocol);
-        m_sender.setCurrentPayloader(m_payloader);
-        m_sender.startNewSequence();
-    }
-
-    bool isInitialized() const
-    {
-        return m_isInitialized;
-    }
-
-    void startSequence(std::uint32_t sampleRate, std::uint32_t numChannels, PcmFormat format)
-    {
-        m_payloader.setNewFormat(sampleRate, numChannels, format);
-        m_sender.startNewSequence();
+        payloader.setNewFormat(48000, 2, PcmFormat::S16LE);
+        EXPECT_TRUE(sender.initializeSender(
+            name, "", "", 0, TimeSyncProtocol::MonotonicSystemClock, protocol));
+        sender.setCurrentPayloader(payloader);
+        sender.startNewSequence();
     }
 
     void send(const Frame& frame)
     {
-        m_sender.sendMediaData(frame.timestamp, frame.duration, frame.data);
+        sender.sendMediaData(frame.timestamp, frame.duration, frame.data);
     }
 
-    void startSequence()
+    bool waitForReceivers(std::size_t number) const
     {
-        m_sender.startNewSequence();
+        return waitFor([this, number] { return sender.getNumReceivers() == number; });
     }
 
-    Sender& get()
-    {
-        return m_sender;
-    }
-
-    bool waitForReceivers(std::size_t number)
-    {
-        return waitFor([this, number] { return m_sender.getNumReceivers() == number; });
-    }
-
-private:
-    PcmPayloader m_payloader; // first: it must outlive the sender
-    Sender m_sender;
-    bool m_isInitialized = false;
+    PcmPayloader payloader; // first: it must outlive the sender
+    Sender sender;
 };
 
 /// @return media data that differs in every frame
@@ -103,21 +79,14 @@ Buffer makeData(std::size_t size, std::size_t seed)
 class EndToEndTransportTest : public VlxTest, public ::testing::WithParamInterface<NanomsgProtocol>
 {
 protected:
-    std::unique_ptr<PcmSender> makeSender() const
-    {
-        auto sender = std::make_unique<PcmSender>(getSocketName(), GetParam());
-        EXPECT_TRUE(sender->isInitialized());
-        return sender;
-    }
-
     /// Creates a sender that one waiting receiver joins. The receiver may miss an announcement
     /// while it joins, so a second sequence follows.
     std::unique_ptr<PcmSender> makeJoinedSender() const
     {
-        auto sender = makeSender();
+        auto sender = std::make_unique<PcmSender>(getSocketName(), GetParam());
         kit::ringBell();
         EXPECT_TRUE(sender->waitForReceivers(1));
-        sender->startSequence();
+        sender->sender.startNewSequence();
         return sender;
     }
 };
@@ -130,12 +99,12 @@ INSTANTIATE_TEST_SUITE_P(
 
 } // namespace
 
-TEST_P(EndToEndTransportTest, FramesOfEveryFormatArriveBitForBit)
+TEST_P(EndToEndTransportTest, FramesArriveBitForBit)
 {
-    auto sender = makeSender();
+    PcmSender sender(getSocketName(), GetParam());
     RecordedReceiver receiver;
     ASSERT_TRUE(receiver.start(getSocketName()));
-    ASSERT_TRUE(sender->waitForReceivers(1));
+    ASSERT_TRUE(sender.waitForReceivers(1));
     ASSERT_TRUE(receiver.waitForEvent("ready"));
 
     std::vector<std::string> expectedEvents = {
@@ -145,15 +114,16 @@ TEST_P(EndToEndTransportTest, FramesOfEveryFormatArriveBitForBit)
     {
         expectedFrames.push_back(frame);
         expectedEvents.push_back("frame " + std::to_string(frame.timestamp));
-        sender->send(frame);
+        sender.send(frame);
         return receiver.waitForEvent("frame", expectedFrames.size());
     };
-    for (std::uint32_t i = 0; i < audioUtils::NumPcmFormats; ++i)
+    for (std::uint32_t i = 0; i < 2; ++i)
     {
-        const auto format = static_cast<PcmFormat>(i);
-        const std::uint32_t sampleRate = i == 0 ? 0xFFFFFFFF : 8000 * i + 1;
-        const std::uint32_t numChannels = i == 0 ? 255 : i;
-        sender->startSequence(sampleRate, numChannels, format);
+        const PcmFormat format = i == 0 ? PcmFormat::S8 : PcmFormat::F64BE;
+        const std::uint32_t sampleRate = i == 0 ? 0xFFFFFFFF : 8001;
+        const std::uint32_t numChannels = i == 0 ? 255 : 1;
+        sender.payloader.setNewFormat(sampleRate, numChannels, format);
+        sender.sender.startNewSequence();
         expectedEvents.push_back(
             "sequence " + std::to_string(sampleRate) + " x" + std::to_string(numChannels) + " " +
             std::string(toString(format)));
@@ -175,7 +145,7 @@ TEST_P(EndToEndTransportTest, AFrameCostsOneAllocationAtTheReceiverAndNoneAtTheS
     const log4cplus::Logger logger = log4cplus::Logger::getInstance("Vellox");
     log4cplus::Logger(logger).setLogLevel(log4cplus::OFF_LOG_LEVEL); // messages take memory, too
 
-    auto sender = makeSender();
+    PcmSender sender(getSocketName(), GetParam());
     PcmDepayloader depayloader;
     Receiver receiver;
     std::array<std::size_t, NumFrames> allocations{}; // of the worker until each frame
@@ -191,7 +161,7 @@ TEST_P(EndToEndTransportTest, AFrameCostsOneAllocationAtTheReceiverAndNoneAtTheS
     receiver.setReceiverIsReadyCallback([&](Depayloader&, Receiver::StreamClockType)
                                         { isReady = true; });
     ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
-    ASSERT_TRUE(sender->waitForReceivers(1));
+    ASSERT_TRUE(sender.waitForReceivers(1));
     ASSERT_TRUE(waitFor([&] { return isReady.load(); }));
 
     const Frame frame = {1, 1, makeData(1920, 1)};
@@ -201,7 +171,7 @@ TEST_P(EndToEndTransportTest, AFrameCostsOneAllocationAtTheReceiverAndNoneAtTheS
     for (std::size_t i = 0; i < NumFrames; ++i)
     {
         const std::size_t before = countAllocationsOfThread();
-        sender->send(i % 2 == 0 ? frame : shorter);
+        sender.send(i % 2 == 0 ? frame : shorter);
         if (i > 0) // the buffer has grown
             ofSender += countAllocationsOfThread() - before;
         ASSERT_TRUE(waitFor([&] { return numReceived == i + 1; }));
@@ -261,12 +231,12 @@ TEST_P(EndToEndTransportTest, AForkedCopyEndsAndTheOriginalGoesOn)
             sender->send({0, 1, makeData(100, 0)});
             return numFrames > 0;
         }));
-    const std::vector<int> polled = Access::getPolledFDs(sender->get());
+    const std::vector<int> polled = Access::getPolledFDs(sender->sender);
     ASSERT_EQ(polled.size(), 3U);
     const std::vector<int> shared = {
         polled[0],
         polled[1],
-        (sender->get().*Access::NanomsgWakeupPipe)[1],
+        (sender->sender.*Access::NanomsgWakeupPipe)[1],
         (*receiver).*ReceiverTestAccess::SidechannelSocketFD,
         ((*receiver).*ReceiverTestAccess::LoopWakeupPipe)[1],
         (*receiver).*ReceiverTestAccess::InotifyFD};
@@ -275,7 +245,7 @@ TEST_P(EndToEndTransportTest, AForkedCopyEndsAndTheOriginalGoesOn)
         return runInFork(
             [&]
             {
-                sender->get().disableSend(true);
+                sender->sender.disableSend(true);
                 receiver->shutdownReceiver();
                 receiver.reset();
                 waiting.reset();
@@ -303,7 +273,7 @@ TEST_P(EndToEndTransportTest, AForkedCopyEndsAndTheOriginalGoesOn)
         SCOPED_TRACE(i);
         {
             // One that is held by any thread is never released in the child.
-            auto lock = Access::lock(sender->get());
+            auto lock = Access::lock(sender->sender);
             if (i % 2 == 0)
                 lock.unlock();
             EXPECT_TRUE(endsInFork(true));
@@ -315,7 +285,7 @@ TEST_P(EndToEndTransportTest, AForkedCopyEndsAndTheOriginalGoesOn)
     EXPECT_TRUE(newcomer.readMessage());
     newcomer.close();
     isDone = true;
-    sender->get().disableSend(true);
+    sender->sender.disableSend(true);
     producer.join();
     kit::stopPromptly(*waiting);
     kit::stopPromptly(*receiver);

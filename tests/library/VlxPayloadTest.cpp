@@ -28,27 +28,6 @@ std::string lookingFor(const std::string& fourcc)
     return "Consumed SequenceInfo packet; looking for payloader with FourCC \"" + fourcc + "\"";
 }
 
-/// Escapes every media byte, so that a frame's payload is longer than the frame.
-class EscapingPayloader : public Payloader
-{
-public:
-    EscapingPayloader() : Payloader(CodecA) {}
-
-    std::size_t getSizeForWrappedFrame(const ByteView& mediaData) const override
-    {
-        return 2 * mediaData.size();
-    }
-
-    void wrapFrame(Buffer& packet, std::size_t packetOffset, const ByteView& mediaData) override
-    {
-        for (std::size_t i = 0; i < mediaData.size(); ++i)
-        {
-            packet[packetOffset + 2 * i] = 0x5C;
-            packet[packetOffset + 2 * i + 1] = mediaData[i];
-        }
-    }
-};
-
 /// Announces less than the base writes.
 class UnderstatingPayloader : public Payloader
 {
@@ -73,8 +52,14 @@ public:
         return accepts;
     }
 
+    void reset() override
+    {
+        ++numResets;
+    }
+
     bool accepts = true;
     std::vector<Buffer> headers;
+    int numResets = 0;
 };
 
 Buffer makePrefix(const Buffer& bytes, std::size_t size)
@@ -118,6 +103,8 @@ TEST(VlxPayloadDeathTest, BrokenPreconditionsStopTheProcess)
 TEST(VlxPayloadTest, PacketsAreLaidOutByteForByte)
 {
     Payloader payloader(CodecA);
+    EXPECT_EQ(payloader.getFourcc(), CodecA);
+    EXPECT_TRUE(payloader.getCodecHeader().empty());
     Buffer packet(64, 0xEE); // of an earlier, longer packet
     const auto produceSequenceInfo =
         [&](std::uint32_t fourcc, const char* codecHeader, std::uint16_t sequenceNr)
@@ -133,7 +120,6 @@ TEST(VlxPayloadTest, PacketsAreLaidOutByteForByte)
     };
     const std::uint8_t* const storage = packet.data();
     EXPECT_EQ(produceSequenceInfo(PcmFourcc, "", 5), fromHex("01 00 0500 50434D41"));
-    EXPECT_EQ(produceSequenceInfo(0x04030201, "", 0xABCD), fromHex("01 00 CDAB 01020304"));
     EXPECT_EQ(
         produceSequenceInfo(0xFFFE8000, "00FF01", 0xFFFF), fromHex("01 00 FFFF 0080FEFF 00FF01"));
     EXPECT_EQ(
@@ -144,16 +130,6 @@ TEST(VlxPayloadTest, PacketsAreLaidOutByteForByte)
         fromHex("02 00 FEFF 0102030405060708 F1F2F3F4F5F6F7F8 00"));
     EXPECT_EQ(produceFrame(0, 0, 0, ""), fromHex("02 00 0000 0000000000000000 0000000000000000"));
     EXPECT_EQ(packet.data(), storage);
-}
-
-TEST(VlxPayloadTest, DerivedPayloaderChoosesThePayload)
-{
-    Buffer packet;
-    EscapingPayloader payloader;
-    payloader.produceFramePacket(packet, 1, 0, 0, fromHex("0A0B"));
-    EXPECT_EQ(packet, fromHex("02 00 0100 0000000000000000 0000000000000000 5C0A 5C0B"));
-    EXPECT_EQ(payloader.getFourcc(), CodecA);
-    EXPECT_TRUE(payloader.getCodecHeader().empty());
 }
 
 namespace
@@ -250,21 +226,15 @@ TEST_F(DepayloaderListTest, UnknownTypesAreIgnored)
 
 TEST_F(DepayloaderListTest, UnknownCodecDeselects)
 {
-    struct Row
+    const std::pair<const char*, const char*> rows[] = {
+        {"42444342", "BDCB"}, {"01020304", "    "}, {"1F207E41", "  ~A"}, {"410A00FF", "A  \xFF"}};
+    for (const auto& [fourcc, shown] : rows)
     {
-        const char* fourcc;
-        const char* shown;
-    };
-    for (const Row& row :
-         {Row{"42444342", "BDCB"}, Row{"01020304", "    "}, Row{"1F207E41", "  ~A"},
-          Row{"410A00FF", "A  \xFF"}})
-    {
-        SCOPED_TRACE(row.fourcc);
-        const Buffer packet = fromHex(std::string("01 00 0100 ") + row.fourcc + " 01");
+        SCOPED_TRACE(fourcc);
+        const Buffer packet = fromHex(std::string("01 00 0100 ") + fourcc + " 01");
         EXPECT_EQ(m_list.consumePacket(packet), Retcode::NoMatchingDepayloader);
         EXPECT_EQ(m_list.getCurrentDepayloader(), nullptr);
-        EXPECT_TRUE(
-            logged({debugLog(lookingFor(row.shown)), debugLog("No matching payloader found")}));
+        EXPECT_TRUE(logged({debugLog(lookingFor(shown)), debugLog("No matching payloader found")}));
     }
 
     // Without a selection even the size of a frame is not checked.
@@ -282,16 +252,39 @@ TEST_F(DepayloaderListTest, RejectedHeaderKeepsTheSelection)
 {
     m_depayloader.accepts = false;
     EXPECT_EQ(m_list.consumePacket(m_sequenceInfo), Retcode::Error);
-    EXPECT_EQ(m_list.getCurrentDepayloader(), &m_depayloader);
     EXPECT_TRUE(logged(
         {debugLog(lookingFor("ADCA")), debugLog("Matching payloader found"),
          errorLog(HeaderRejected)}));
     EXPECT_EQ(m_list.consumePacket(m_frame), Retcode::Ok);
+
+    // Out of band the same holds, without a word.
+    EXPECT_FALSE(m_list.setOutOfBandInfo(CodecA, {}));
+    EXPECT_EQ(m_list.getCurrentDepayloader(), &m_depayloader);
+    m_depayloader.accepts = true;
+    EXPECT_TRUE(m_list.setOutOfBandInfo(CodecA, fromHex("03")));
+    EXPECT_EQ(m_depayloader.headers.back(), fromHex("03"));
+    EXPECT_FALSE(m_list.setOutOfBandInfo(PcmFourcc, {}));
+    EXPECT_EQ(m_list.getCurrentDepayloader(), nullptr);
+    EXPECT_TRUE(logged({}));
+
+    // The latest one for a FourCC counts; a reset reaches it, and forgets the frame.
+    RecordingDepayloader replacement(CodecA);
+    m_list.addDepayloader(replacement);
+    EXPECT_EQ(m_list.consumePacket(m_sequenceInfo), Retcode::Ok);
+    EXPECT_EQ(m_list.getCurrentDepayloader(), &replacement);
+    EXPECT_EQ(m_list.stealCurrentFrameMediaData(), fromHex("AABBCC"));
+    EXPECT_EQ(m_list.consumePacket(m_frame), Retcode::Ok);
+    m_list.reset();
+    EXPECT_EQ(replacement.numResets, 1);
+    EXPECT_EQ(m_list.getCurrentDepayloader(), nullptr);
+    EXPECT_EQ(m_list.getCurrentSequenceNr(), 0);
+    EXPECT_EQ(m_list.getCurrentPacketType(), PacketType::Unknown);
+    expectFrame(0, 0, {});
 }
 
 TEST(VlxPayloadTest, PcmHeaderIsWrittenAndRead)
 {
-    struct Row
+    const struct
     {
         const char* name;
         std::uint32_t sampleRate;
@@ -299,8 +292,7 @@ TEST(VlxPayloadTest, PcmHeaderIsWrittenAndRead)
         int sampleFormat;
         const char* header;
         bool accepted;
-    };
-    const std::vector<Row> rows = {
+    } rows[] = {
         {"stereo", 48000, 2, 3, "80BB0000 02 03", true},
         {"low bytes first", 0x04030201, 255, 11, "01020304 FF 0B", true},
         {"channels cut to a byte", 48000, 258, 0, "80BB0000 02 00", true},
@@ -309,12 +301,11 @@ TEST(VlxPayloadTest, PcmHeaderIsWrittenAndRead)
         {"format 12", 48000, 2, 12, "80BB0000 02 0C", false},
         {"format 255", 48000, 2, -1, "80BB0000 02 FF", false},
     };
-
     PcmPayloader payloader;
     PcmDepayloader depayloader; // one for all, so that nothing is left of the row before
     EXPECT_EQ(payloader.getFourcc(), PcmFourcc);
     EXPECT_TRUE(payloader.getCodecHeader().empty());
-    for (const Row& row : rows)
+    for (const auto& row : rows)
     {
         SCOPED_TRACE(row.name);
         payloader.setNewFormat(
@@ -342,11 +333,7 @@ TEST(VlxPayloadTest, TruncatedPcmHeaderChangesOnlyWhatItHolds)
         EXPECT_EQ(depayloader.getSampleFormat(), audioUtils::PcmFormat{size >= 6 ? 5 : 9});
     }
 
-    const PcmDepayloader fresh;
-    EXPECT_EQ(fresh.getFourcc(), PcmFourcc);
-    EXPECT_EQ(fresh.getSampleRate(), 0U);
-    EXPECT_EQ(fresh.getNumChannels(), 0U);
-    EXPECT_EQ(fresh.getSampleFormat(), audioUtils::PcmFormat{0});
+    EXPECT_EQ(PcmDepayloader().getFourcc(), PcmFourcc);
 }
 
 } // namespace vlx

@@ -13,9 +13,8 @@ namespace vlx::testing
 
 ChildProcess::ChildProcess(std::vector<std::string> arguments)
 {
-    int input[2] = {-1, -1};
-    int output[2] = {-1, -1};
-    EXPECT_TRUE(::pipe2(input, O_CLOEXEC) == 0 && ::pipe2(output, O_CLOEXEC) == 0);
+    std::pair<Descriptor, Descriptor> input = makePipe();
+    std::pair<Descriptor, Descriptor> output = makePipe();
     std::vector<char*> argv;
     for (std::string& argument : arguments)
         argv.push_back(argument.data());
@@ -24,15 +23,13 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments)
     if (m_pid == 0)
     {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL); // nothing runs on when a test is aborted
-        ::dup2(input[0], STDIN_FILENO);
-        ::dup2(output[1], STDOUT_FILENO);
+        ::dup2(input.first.get(), STDIN_FILENO);
+        ::dup2(output.second.get(), STDOUT_FILENO);
         ::execv(argv[0], argv.data());
         ::_exit(127);
     }
-    ::close(input[0]);
-    ::close(output[1]);
-    m_input = Descriptor(input[1]);
-    m_output = Descriptor(output[0]);
+    m_input = std::move(input.second);
+    m_output = std::move(output.first);
 }
 
 ChildProcess::~ChildProcess()

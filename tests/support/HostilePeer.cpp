@@ -1,22 +1,18 @@
 #include "support/HostilePeer.hpp"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
-#include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <future>
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "support/SilentFileSystem.hpp"
 
 namespace vlx::testing
 {
@@ -62,39 +58,18 @@ bool passesDescriptor(Trick trick)
 
 void PrintTo(Trick trick, std::ostream* stream)
 {
-    switch (trick)
-    {
-    case Trick::UrgentByte:
-        *stream << "UrgentByte";
-        return;
-    case Trick::LockedFile:
-        *stream << "LockedFile";
-        return;
-    case Trick::LingeringSocket:
-        *stream << "LingeringSocket";
-        return;
-    case Trick::UrgentLingeringSocket:
-        *stream << "UrgentLingeringSocket";
-        return;
-    case Trick::UnansweredFile:
-        *stream << "UnansweredFile";
-        return;
-    }
+    constexpr std::array Names = {
+        "UrgentByte", "LockedFile", "LingeringSocket", "UrgentLingeringSocket"};
+    *stream << Names.at(static_cast<std::size_t>(trick));
 }
 
 HostilePeer::HostilePeer(Trick trick, const std::string& directory)
     : m_trick(trick), m_directory(directory + "/hostile"), m_file(m_directory + "/file")
 {
-    if (m_trick != Trick::LockedFile && m_trick != Trick::UnansweredFile)
+    if (m_trick != Trick::LockedFile)
         return;
     ::chmod(directory.c_str(), 0711);
     std::filesystem::create_directory(m_directory);
-    if (m_trick == Trick::UnansweredFile)
-    {
-        if (!startFileSystem())
-            m_obstacle = "needs root and /dev/fuse";
-        return;
-    }
     m_locked = Descriptor(::open(m_file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
     ::fchmod(m_locked.get(), 0666);
     m_asker = Descriptor(::open(m_file.c_str(), O_RDWR | O_CLOEXEC));
@@ -106,48 +81,18 @@ HostilePeer::HostilePeer(Trick trick, const std::string& directory)
 
 HostilePeer::~HostilePeer()
 {
-    giveUp();
     std::error_code error;
     std::filesystem::remove_all(m_directory, error);
-}
-
-bool HostilePeer::startFileSystem()
-{
-    int ready[2] = {-1, -1};
-    EXPECT_EQ(::pipe2(ready, O_CLOEXEC), 0);
-    m_fileSystem = ::fork();
-    if (m_fileSystem == 0)
-    {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        keepOnly(ready[1], ready[1], ready[1]);
-        serveSilentFileSystem(m_directory, STDOUT_FILENO);
-        ::_exit(1);
-    }
-    ::close(ready[1]);
-    const Descriptor answer(ready[0]);
-    return readByte(answer.get()) == '1';
-}
-
-int HostilePeer::openPassedFile() const
-{
-    if (m_trick == Trick::UnansweredFile)
-    {
-        const std::string mounts = "/proc/" + std::to_string(m_fileSystem) + "/ns/mnt";
-        if (::setns(::open(mounts.c_str(), O_RDONLY | O_CLOEXEC), CLONE_NEWNS) != 0)
-            return -1;
-    }
-    return becomeOtherUser() ? ::open(m_file.c_str(), O_RDWR | O_CLOEXEC) : -1;
 }
 
 /// Its descriptors: the connection, one for the result, and what it passes if that is open already.
 void HostilePeer::sendFromChild() const
 {
     readByte(STDOUT_FILENO);
-    int passedFD = STDERR_FILENO;
-    if (m_trick == Trick::LockedFile || m_trick == Trick::UnansweredFile)
-        passedFD = openPassedFile();
-    else if (!becomeOtherUser())
+    if (!becomeOtherUser())
         ::_exit(1);
+    const int passedFD =
+        m_trick == Trick::LockedFile ? ::open(m_file.c_str(), O_RDWR | O_CLOEXEC) : STDERR_FILENO;
 
     const bool isUrgent = m_trick == Trick::UrgentByte || m_trick == Trick::UrgentLingeringSocket;
     const bool isSent = m_trick == Trick::UrgentByte
@@ -162,23 +107,20 @@ bool HostilePeer::play(const RawConnection& connection)
     int passedFD = -1;
     if (m_trick == Trick::LingeringSocket || m_trick == Trick::UrgentLingeringSocket)
         passedFD = m_lingering.emplace_back().getNear();
-    int link[2] = {-1, -1};
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, link), 0);
-    m_children.push_back(::fork());
-    if (m_children.back() == 0)
+    auto [child, childsEnd] = makeSocketPair();
+    const pid_t process = ::fork();
+    if (process == 0)
     {
-        keepOnly(connection.getFD(), link[1], passedFD);
+        keepOnly(connection.getFD(), childsEnd.get(), passedFD);
         sendFromChild();
     }
-    ::close(link[1]);
-    const Descriptor child(link[0]);
+    childsEnd.close();
     // First of all: the last one to close it shall be the process that it is passed to.
     if (passedFD >= 0)
         m_lingering.back().closeNear();
     const bool isSent =
         ::send(child.get(), "", 1, MSG_NOSIGNAL) == 1 && readByte(child.get()) == '1';
-    if (m_trick != Trick::UnansweredFile) // else it ends with the file system
-        reapChildren();
+    ::waitpid(process, nullptr, 0);
     return isSent;
 }
 
@@ -189,7 +131,7 @@ bool HostilePeer::play(const RawConnection& connection)
     auto result = std::async(std::launch::async, call);
     if (result.wait_for(PromptLimit) != std::future_status::ready)
     {
-        giveUp();
+        m_lingering.clear(); // lets go of what waits for it
         result.get();
         return ::testing::AssertionFailure() << "held until the peer gave up";
     }
@@ -207,25 +149,6 @@ bool HostilePeer::isLockKept() const
     struct flock whole = {};
     whole.l_type = F_WRLCK;
     return ::fcntl(m_asker.get(), F_OFD_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
-}
-
-void HostilePeer::giveUp()
-{
-    m_lingering.clear();
-    if (m_fileSystem > 0)
-    {
-        ::kill(m_fileSystem, SIGKILL);
-        m_children.push_back(m_fileSystem);
-        m_fileSystem = -1;
-    }
-    reapChildren();
-}
-
-void HostilePeer::reapChildren()
-{
-    for (const pid_t child : m_children)
-        ::waitpid(child, nullptr, 0);
-    m_children.clear();
 }
 
 } // namespace vlx::testing

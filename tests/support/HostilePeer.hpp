@@ -22,15 +22,13 @@ enum class Trick
     LockedFile,            ///< a file that the process under test has locked
     LingeringSocket,       ///< closing it takes half a minute
     UrgentLingeringSocket, ///< the same, passed along with an urgent byte
-    UnansweredFile,        ///< closing it takes for ever: its file system never answers
 };
 
 inline const auto AllTricks = ::testing::Values(
     Trick::UrgentByte,
     Trick::LockedFile,
     Trick::LingeringSocket,
-    Trick::UrgentLingeringSocket,
-    Trick::UnansweredFile);
+    Trick::UrgentLingeringSocket);
 
 /// @return whether the trick passes a descriptor
 bool passesDescriptor(Trick trick);
@@ -48,12 +46,6 @@ public:
     HostilePeer(const HostilePeer&) = delete;
     HostilePeer& operator=(const HostilePeer&) = delete;
 
-    /// @return why this machine cannot show the trick; empty if it can
-    const std::string& getObstacle() const
-    {
-        return m_obstacle;
-    }
-
     /// Plays the trick once on a connection.
     ///
     /// @return whether it was sent
@@ -67,24 +59,15 @@ public:
     /// @return whether the process still holds the lock that it had before; true for other tricks
     bool isLockKept() const;
 
-    /// Lets go of everything that waits for this peer.
-    void giveUp();
-
 private:
     [[noreturn]] void sendFromChild() const;
-    int openPassedFile() const;
-    bool startFileSystem();
-    void reapChildren();
 
     const Trick m_trick;
     const std::string m_directory;
     const std::string m_file;
-    std::string m_obstacle;
     Descriptor m_locked; // owns the process's lock
     Descriptor m_asker;  // a second one of the file, closed no earlier: that would drop the lock
     std::vector<LingeringConnection> m_lingering;
-    std::vector<pid_t> m_children;
-    pid_t m_fileSystem = -1;
     std::chrono::milliseconds m_longest{}; // of the prompt calls
 };
 

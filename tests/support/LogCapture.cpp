@@ -33,13 +33,6 @@ protected:
     }
 };
 
-LogExpectation
-makeExpectation(log4cplus::LogLevel level, const ::testing::Matcher<const std::string&>& text)
-{
-    return ::testing::AllOf(
-        ::testing::Field(&LogEntry::level, level), ::testing::Field(&LogEntry::text, text));
-}
-
 std::size_t countIn(const std::vector<LogEntry>& entries, const LogExpectation& expected)
 {
     return static_cast<std::size_t>(std::count_if(
@@ -49,29 +42,10 @@ std::size_t countIn(const std::vector<LogEntry>& entries, const LogExpectation& 
 
 } // namespace
 
-LogExpectation traceLog(const ::testing::Matcher<const std::string&>& text)
+LogExpectation LogOfLevel::operator()(const ::testing::Matcher<const std::string&>& text) const
 {
-    return makeExpectation(log4cplus::TRACE_LOG_LEVEL, text);
-}
-
-LogExpectation debugLog(const ::testing::Matcher<const std::string&>& text)
-{
-    return makeExpectation(log4cplus::DEBUG_LOG_LEVEL, text);
-}
-
-LogExpectation infoLog(const ::testing::Matcher<const std::string&>& text)
-{
-    return makeExpectation(log4cplus::INFO_LOG_LEVEL, text);
-}
-
-LogExpectation warnLog(const ::testing::Matcher<const std::string&>& text)
-{
-    return makeExpectation(log4cplus::WARN_LOG_LEVEL, text);
-}
-
-LogExpectation errorLog(const ::testing::Matcher<const std::string&>& text)
-{
-    return makeExpectation(log4cplus::ERROR_LOG_LEVEL, text);
+    return ::testing::AllOf(
+        ::testing::Field(&LogEntry::level, level), ::testing::Field(&LogEntry::text, text));
 }
 
 std::ostream& operator<<(std::ostream& stream, const LogEntry& entry)

@@ -28,11 +28,18 @@ std::ostream& operator<<(std::ostream& stream, const LogEntry& entry);
 /// A message that a test looks for: its level, and its text or any matcher on it.
 using LogExpectation = ::testing::Matcher<const LogEntry&>;
 
-LogExpectation traceLog(const ::testing::Matcher<const std::string&>& text);
-LogExpectation debugLog(const ::testing::Matcher<const std::string&>& text);
-LogExpectation infoLog(const ::testing::Matcher<const std::string&>& text);
-LogExpectation warnLog(const ::testing::Matcher<const std::string&>& text);
-LogExpectation errorLog(const ::testing::Matcher<const std::string&>& text);
+struct LogOfLevel
+{
+    log4cplus::LogLevel level;
+
+    LogExpectation operator()(const ::testing::Matcher<const std::string&>& text) const;
+};
+
+inline constexpr LogOfLevel traceLog{log4cplus::TRACE_LOG_LEVEL};
+inline constexpr LogOfLevel debugLog{log4cplus::DEBUG_LOG_LEVEL};
+inline constexpr LogOfLevel infoLog{log4cplus::INFO_LOG_LEVEL};
+inline constexpr LogOfLevel warnLog{log4cplus::WARN_LOG_LEVEL};
+inline constexpr LogOfLevel errorLog{log4cplus::ERROR_LOG_LEVEL};
 
 /// Everything that the library's logger was given since the test began, at every level. It is
 /// printed by a test that fails, and by no other. Any thread.

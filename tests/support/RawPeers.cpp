@@ -14,6 +14,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "base/AbstractName.hpp"
+#include "base/LittleEndian.hpp"
+
 namespace vlx::testing
 {
 
@@ -22,14 +25,14 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-/// @return the address and its length; the name's bytes without a terminating 0
-std::pair<sockaddr_un, socklen_t> makeAbstractAddress(const std::string& name)
+/// Calls bind() or connect() with an abstract name.
+template <class Call>
+bool callWithName(Call call, int fd, const std::string& name)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const std::size_t length = std::min(name.size(), sizeof(address.sun_path) - 1);
-    std::memcpy(address.sun_path + 1, name.data(), length);
-    return {address, static_cast<socklen_t>(sizeof(address.sun_family) + 1 + length)};
+    const socklen_t length = setAbstractName(address, name);
+    return call(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0;
 }
 
 int getMillisecondsUntil(Clock::time_point end)
@@ -46,46 +49,32 @@ bool isReadableBefore(int fd, Clock::time_point end)
 
 } // namespace
 
-Descriptor::Descriptor(int fd) : m_fd(fd) {}
-
-Descriptor::~Descriptor()
+std::pair<Descriptor, Descriptor> makePipe()
 {
-    close();
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
-Descriptor::Descriptor(Descriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept
+std::pair<Descriptor, Descriptor> makeSocketPair()
 {
-    std::swap(m_fd, other.m_fd);
-    return *this;
-}
-
-void Descriptor::close()
-{
-    if (m_fd >= 0)
-        ::close(std::exchange(m_fd, -1));
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
 Buffer makeSidechannelMessage(const Buffer& payload)
 {
-    const auto size = static_cast<std::uint32_t>(payload.size());
-    Buffer message(sizeof(size) + payload.size());
-    std::memcpy(message.data(), &size, sizeof(size));
-    std::copy(payload.begin(), payload.end(), message.begin() + sizeof(size));
+    Buffer message;
+    writeLittleEndian(message, 0, static_cast<std::uint32_t>(payload.size()));
+    message.insert(message.end(), payload.begin(), payload.end());
     return message;
 }
-
-RawConnection::RawConnection(Descriptor descriptor) : m_descriptor(std::move(descriptor)) {}
 
 RawConnection::RawConnection(const std::string& name, std::chrono::milliseconds deadline)
     : m_descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
 {
-    const auto [address, length] = makeAbstractAddress(name);
-    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
-    const auto connect = [this, generic, size = length]
-    { return ::connect(getFD(), generic, size) == 0; };
-    if (waitFor(connect, deadline))
+    if (waitFor([&] { return callWithName(::connect, getFD(), name); }, deadline))
         ::fcntl(getFD(), F_SETFL, 0); // only a full backlog must not block
     else
         close();
@@ -124,16 +113,10 @@ Buffer RawConnection::readBytes(std::size_t size, std::chrono::milliseconds dead
 
 std::optional<Buffer> RawConnection::readMessage(std::chrono::milliseconds deadline)
 {
-    std::uint32_t size = 0;
-    const Buffer prefix = readBytes(sizeof(size), deadline);
-    if (prefix.size() != sizeof(size))
-        return std::nullopt;
-    std::memcpy(&size, prefix.data(), sizeof(size));
-
-    Buffer payload = readBytes(size, deadline);
-    if (payload.size() != size)
-        return std::nullopt;
-    return payload;
+    const Buffer prefix = readBytes(sizeof(std::uint32_t), deadline);
+    const auto size = ByteCursor(prefix).read<std::uint32_t>();
+    Buffer payload = readBytes(size.value_or(0), deadline);
+    return size && payload.size() == *size ? std::optional(payload) : std::nullopt;
 }
 
 bool RawConnection::hasInput() const
@@ -148,20 +131,11 @@ bool RawConnection::waitForClose(std::chrono::milliseconds deadline)
            ::recv(getFD(), &byte, sizeof(byte), 0) <= 0;
 }
 
-void RawConnection::close()
-{
-    m_descriptor.close();
-}
-
 RawSidechannelServer::RawSidechannelServer(const std::string& name, int backlog)
     : m_listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
-    const auto [address, length] = makeAbstractAddress(name);
-    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
-    if (::bind(m_listener.get(), generic, length) != 0 || ::listen(m_listener.get(), backlog) != 0)
-    {
+    if (!callWithName(::bind, m_listener.get(), name) || ::listen(m_listener.get(), backlog) != 0)
         m_listener.close();
-    }
 }
 
 RawConnection RawSidechannelServer::accept(std::chrono::milliseconds deadline)
@@ -169,11 +143,6 @@ RawConnection RawSidechannelServer::accept(std::chrono::milliseconds deadline)
     if (!isReadableBefore(m_listener.get(), Clock::now() + deadline))
         return RawConnection(Descriptor());
     return RawConnection(Descriptor(::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC)));
-}
-
-void RawSidechannelServer::close()
-{
-    m_listener.close();
 }
 
 RawNanomsg::RawNanomsg(int protocol) : m_socket(::nn_socket(AF_SP, protocol))

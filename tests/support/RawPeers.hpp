@@ -4,12 +4,14 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include <nanomsg/pipeline.h>
 #include <nanomsg/pubsub.h>
 
 #include <vlx/VlxTypes.hpp>
 
+#include "base/OwnedDescriptor.hpp"
 #include "support/VlxTest.hpp"
 
 /// Plain sockets that play the other end of a stream, and know nothing of the library. Everything
@@ -17,26 +19,11 @@
 namespace vlx::testing
 {
 
-/// Owns a descriptor.
-class Descriptor
-{
-public:
-    explicit Descriptor(int fd = -1);
-    ~Descriptor();
+using Descriptor = OwnedDescriptor;
 
-    Descriptor(Descriptor&& other) noexcept;
-    Descriptor& operator=(Descriptor&& other) noexcept;
-
-    int get() const
-    {
-        return m_fd;
-    }
-
-    void close();
-
-private:
-    int m_fd;
-};
+/// @return both ends of a pipe, read end first; of a pair of connected sockets
+std::pair<Descriptor, Descriptor> makePipe();
+std::pair<Descriptor, Descriptor> makeSocketPair();
 
 /// @return the 4-byte length prefix of a sidechannel message, and the payload
 Buffer makeSidechannelMessage(const Buffer& payload);
@@ -45,7 +32,10 @@ Buffer makeSidechannelMessage(const Buffer& payload);
 class RawConnection
 {
 public:
-    explicit RawConnection(Descriptor descriptor);
+    explicit RawConnection(Descriptor descriptor = Descriptor())
+        : m_descriptor(std::move(descriptor))
+    {
+    }
 
     /// Connects to an abstract name, as a receiver does; tries again until someone listens there or
     /// the deadline has passed.
@@ -55,7 +45,7 @@ public:
 
     bool isOpen() const
     {
-        return m_descriptor.get() >= 0;
+        return m_descriptor.isOpen();
     }
 
     int getFD() const
@@ -81,7 +71,10 @@ public:
     /// @return whether the peer closed before the deadline, with no byte left to read
     bool waitForClose(std::chrono::milliseconds deadline = DefaultDeadline);
 
-    void close();
+    void close()
+    {
+        m_descriptor.close();
+    }
 
 private:
     Descriptor m_descriptor;
@@ -96,13 +89,16 @@ public:
 
     bool isListening() const
     {
-        return m_listener.get() >= 0;
+        return m_listener.isOpen();
     }
 
     /// @return the next connection; not open if none came before the deadline
     RawConnection accept(std::chrono::milliseconds deadline = DefaultDeadline);
 
-    void close();
+    void close()
+    {
+        m_listener.close();
+    }
 
 private:
     Descriptor m_listener;

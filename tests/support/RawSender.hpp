@@ -7,88 +7,66 @@
 #include <utility>
 
 #include <vlx/SideChannel.hpp>
-#include <vlx/VlxTypes.hpp>
+#include <vlx/VlxPayload.hpp>
 
+#include "base/SenderDirectory.hpp"
 #include "support/RawPeers.hpp"
 #include "support/VlxTest.hpp"
 
 namespace vlx::testing
 {
 
-/// @return a packet that announces a sequence of PCM
+/// @return a packet that announces a sequence of stereo PCM
 inline Buffer makeSequenceInfo(
     std::uint16_t sequenceNr,
     std::uint32_t sampleRate = 48000,
-    std::uint8_t sampleFormat = 2)
+    audioUtils::PcmFormat format = audioUtils::PcmFormat::S16LE)
 {
-    Buffer packet = fromHex("01 00 0000 50434D41 00000000 02 00");
-    packet[2] = static_cast<std::uint8_t>(sequenceNr);
-    packet[3] = static_cast<std::uint8_t>(sequenceNr >> 8);
-    for (unsigned int i = 0; i < 4; ++i)
-        packet[8 + i] = static_cast<std::uint8_t>(sampleRate >> (8 * i));
-    packet[13] = sampleFormat;
+    PcmPayloader payloader;
+    payloader.setNewFormat(sampleRate, 2, format);
+    Buffer packet;
+    produceSequenceInfoPacket(packet, PcmFourcc, payloader.getCodecHeader(), sequenceNr);
     return packet;
 }
 
 /// @return a packet with a duration of 10
 inline Buffer makeFrame(
     std::uint16_t sequenceNr,
-    std::uint8_t timestamp,
+    TimeValue timestamp,
     const Buffer& mediaData = {0xD0, 0xD1, 0xD2, 0xD3})
 {
-    Buffer packet = fromHex("02 00 0000 0000000000000000 0A00000000000000");
-    packet[2] = static_cast<std::uint8_t>(sequenceNr);
-    packet[3] = static_cast<std::uint8_t>(sequenceNr >> 8);
-    packet[4] = timestamp;
-    packet.insert(packet.end(), mediaData.begin(), mediaData.end());
+    Buffer packet;
+    PcmPayloader().produceFramePacket(packet, sequenceNr, timestamp, 10, mediaData);
     return packet;
 }
 
-/// What a sender says about the clock of its stream, as bytes of the InitialInfo packet.
+/// The clock that a sender announces.
 struct RawClockInfo
 {
-    std::string address;
+    std::string address = {};
     std::uint16_t port = 0;
-    std::uint8_t protocol = 2; ///< 1: network clock, 2: monotonic system clock
+    TimeSyncProtocol protocol = TimeSyncProtocol::MonotonicSystemClock;
 };
 
 inline Buffer
 makeInitialInfo(const std::string& uri, NanomsgProtocol protocol, const RawClockInfo& clock = {})
 {
-    Buffer packet = fromHex("0100");
-    packet.insert(packet.end(), clock.address.begin(), clock.address.end());
-    const auto port = static_cast<std::uint8_t>(clock.port);
-    const auto highPort = static_cast<std::uint8_t>(clock.port >> 8);
-    const std::uint8_t channel = protocol == NanomsgProtocol::Pipeline ? 1
-                                 : protocol == NanomsgProtocol::PubSub ? 2
-                                                                       : 0;
-    packet.insert(packet.end(), {0, port, highPort, clock.protocol, channel});
-    packet.insert(packet.end(), uri.begin(), uri.end());
-    packet.push_back(0);
-    return packet;
+    return produceInitialInfoPacket({1, clock.address, clock.port, clock.protocol, protocol, uri});
 }
 
 /// A sender made of plain sockets, for one receiver at a time.
 class RawSender
 {
 public:
-    RawSender(const std::string& socketName, NanomsgProtocol protocol, RawClockInfo clock = {})
-        : RawSender(
-              socketName,
-              protocol,
-              std::move(clock),
-              std::string("ipc://") + std::getenv("TMPDIR") + "/raw.ipc")
-    {
-    }
-
+    /// @param uri  of the main channel; empty: a file in the directory that "TMPDIR" names
     RawSender(
         const std::string& socketName,
         NanomsgProtocol protocol,
-        RawClockInfo clock,
-        std::string uri)
+        RawClockInfo clock = {},
+        const std::string& uri = {})
         : m_protocol(protocol),
           m_clock(std::move(clock)),
-          m_uri(std::move(uri)),
+          m_uri(uri.empty() ? makeSocketURI(std::getenv("TMPDIR") + std::string("/raw.ipc")) : uri),
           m_listener(socketName),
           m_sidechannel(Descriptor()),
           m_main(protocol == NanomsgProtocol::PubSub ? NN_PUB : NN_PUSH)
@@ -99,10 +77,8 @@ public:
 
     ~RawSender()
     {
-        const std::string prefix = "ipc://";
         std::error_code error;
-        if (m_uri.starts_with(prefix))
-            std::filesystem::remove(m_uri.substr(prefix.size()), error);
+        std::filesystem::remove(toSocketFilePath(m_uri), error);
     }
 
     RawSender(const RawSender&) = delete;
