@@ -35,52 +35,29 @@ TEST(PcmFormatTest, NamesSizesAndWireValuesFit)
         EXPECT_EQ(audioUtils::bytesPerSample(row.format), row.size);
         EXPECT_EQ(audioUtils::bytesPerFrame(row.format, 6), 6 * row.size);
     }
-}
-
-TEST(PcmFormatTest, ForeignValuesAreUnknownAndWithoutSize)
-{
     for (const int value : {-1, 12, 0x7fffffff})
     {
-        const auto format = static_cast<PcmFormat>(value);
-        EXPECT_FALSE(audioUtils::isValid(format));
-        EXPECT_EQ(audioUtils::toString(format), "unknown");
-        EXPECT_EQ(audioUtils::bytesPerSample(format), 0U);
-        EXPECT_EQ(audioUtils::bytesPerFrame(format, 2), 0U);
+        EXPECT_FALSE(audioUtils::isValid(PcmFormat{value}));
+        EXPECT_EQ(audioUtils::toString(PcmFormat{value}), "unknown");
+        EXPECT_EQ(audioUtils::bytesPerFrame(PcmFormat{value}, 2), 0U);
     }
 }
 
 TEST(PcmFormatTest, NamesAreReadAsUsersWriteThem)
 {
-    const struct
-    {
-        const char* text;
-        std::optional<PcmFormat> format;
-    } rows[] = {
-        {"s16le", PcmFormat::S16LE},
-        {"s16", PcmFormat::S16LE},
-        {"S24be", PcmFormat::S24BE},
-        {"f32_LE", PcmFormat::F32LE},
-        {"S24_3LE", PcmFormat::S24LE},
-        {"s24_3be", PcmFormat::S24BE},
-        {"float", PcmFormat::F32LE},
-        {"FLOAT64_BE", PcmFormat::F64BE},
-        {"pcm_s16le", PcmFormat::S16LE},
-        {"pcm_float64_le", PcmFormat::F64LE},
-        {"pcm_s24_le", std::nullopt},
-        // Four bytes wide, though it looks like the packed one.
-        {"S24_LE", std::nullopt},
-        {"L", std::nullopt},
-        {"S1", std::nullopt},
-        {"FLOATLEX", std::nullopt},
-        {"", std::nullopt},
-        {"S8LE", std::nullopt},
-        {"U16LE", std::nullopt},
-        {"S16 LE", std::nullopt},
-        {"S_16LE", std::nullopt},
-        {"S16_", std::nullopt},
-        {"unknown", std::nullopt}};
-    for (const auto& row : rows)
-        EXPECT_EQ(audioUtils::toPcmFormat(row.text), row.format) << '"' << row.text << '"';
+    const std::pair<const char*, PcmFormat> rows[] = {
+        {"s16le", PcmFormat::S16LE},     {"s16", PcmFormat::S16LE},
+        {"S24be", PcmFormat::S24BE},     {"f32_LE", PcmFormat::F32LE},
+        {"S24_3LE", PcmFormat::S24LE},   {"s24_3be", PcmFormat::S24BE},
+        {"float", PcmFormat::F32LE},     {"FLOAT64_BE", PcmFormat::F64BE},
+        {"pcm_s16le", PcmFormat::S16LE}, {"pcm_float64_le", PcmFormat::F64LE}};
+    for (const auto& [text, format] : rows)
+        EXPECT_EQ(audioUtils::toPcmFormat(text), format) << text;
+    // "S24_LE" is four bytes wide, though it looks like the packed format.
+    for (const char* text :
+         {"S24_LE", "pcm_s24_le", "L", "S1", "FLOATLEX", "", "S8LE", "U16LE", "S16 LE", "S_16LE",
+          "S16_", "unknown"})
+        EXPECT_EQ(audioUtils::toPcmFormat(text), std::nullopt) << text;
     EXPECT_TRUE(audioUtils::isPaddedFormat("S24_le"));
     EXPECT_FALSE(audioUtils::isPaddedFormat("S24_3LE"));
 }
