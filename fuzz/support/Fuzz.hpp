@@ -15,6 +15,9 @@
 
 #include <vlx/VlxPayload.hpp>
 
+#include "base/LittleEndian.hpp"
+#include "base/OwnedDescriptor.hpp"
+
 namespace vlx::fuzz
 {
 
@@ -112,13 +115,7 @@ public:
         return scramble(payload);
     }
 
-    void reset() override
-    {
-        ++numResets;
-    }
-
     Buffer lastHeader; ///< the last header, accepted or not
-    int numResets = 0;
 };
 
 /// Produces a codec header from the values that a depayloader has parsed.
@@ -140,10 +137,9 @@ inline bool startsWith(const ByteView& bytes, const ByteView& beginning)
 /// @return a message with its length in front
 inline Buffer frame(const ByteView& message)
 {
-    Buffer bytes = {0, 0, 0, 0};
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-        bytes[i] = static_cast<std::uint8_t>(message.size() >> (8 * i));
-    bytes.insert(bytes.end(), message.begin(), message.end());
+    Buffer bytes(sizeof(std::uint32_t) + message.size());
+    writeLittleEndian(bytes, 0, static_cast<std::uint32_t>(message.size()));
+    std::copy(message.begin(), message.end(), bytes.begin() + sizeof(std::uint32_t));
     return bytes;
 }
 
@@ -151,11 +147,6 @@ inline Buffer frame(const ByteView& message)
 class FramedPeer
 {
 public:
-    ~FramedPeer()
-    {
-        close();
-    }
-
     /// Opens a connection and closes the previous one.
     ///
     /// @return the receiver's end, the lower descriptor of both; the caller closes it
@@ -164,7 +155,7 @@ public:
         close();
         int ends[2];
         check(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "the system gives a socket pair");
-        m_peerFD = ends[1];
+        m_end = OwnedDescriptor(ends[1]);
         return ends[0];
     }
 
@@ -174,19 +165,18 @@ public:
     std::size_t write(const ByteView& bytes, std::size_t count)
     {
         const ssize_t size = ::send(
-            m_peerFD, bytes.data(), std::min(count, bytes.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
+            m_end.get(), bytes.data(), std::min(count, bytes.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
         return static_cast<std::size_t>(std::max<ssize_t>(size, 0));
     }
 
     /// Closes the sender's end; what has been written can still be read.
     void close()
     {
-        if (m_peerFD >= 0)
-            ::close(std::exchange(m_peerFD, -1));
+        m_end.close();
     }
 
 private:
-    int m_peerFD = -1;
+    OwnedDescriptor m_end;
 };
 
 } // namespace vlx::fuzz
