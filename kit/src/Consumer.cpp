@@ -239,7 +239,8 @@ Consumer::Impl::Impl(ConsumerOptions options, ConsumerCallbacks callbacks)
           m_options.name,
           m_options.senderUser,
           [this](std::uint32_t fourcc, const Buffer& header)
-          { return isPlayable(fourcc, header); }),
+          { return isPlayable(fourcc, header); },
+          m_options.pubSubOnly),
       m_record(static_cast<TimeValue>(m_options.stallTimeout.count())),
       m_queue(m_options.queue)
 {

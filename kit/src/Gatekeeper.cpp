@@ -54,10 +54,12 @@ std::string toModeText(mode_t mode)
 Gatekeeper::Gatekeeper(
     const std::string& name,
     std::optional<uid_t> senderUser,
-    CodecTest isPlayable)
+    CodecTest isPlayable,
+    bool pubSubOnly)
     : m_name(quote(name)),
       m_senderUser(senderUser),
       m_isPlayable(std::move(isPlayable)),
+      m_pubSubOnly(pubSubOnly),
       m_failurePause(PauseMs, MaxPauseMs),
       m_restartPause(FirstPauseMs, PauseMs)
 {
@@ -112,9 +114,12 @@ std::optional<Gatekeeper::Obstacle> Gatekeeper::judgeGreeting(
         return Obstacle{
             Kind::NotASender, m_name + " is not a valid sender: its main channel " +
                                   quote(info->nanomsgURI) + " " + channel.problem};
+    const bool isPipeline = info->nanomsgProtocol == NanomsgProtocol::Pipeline;
+    if (isPipeline && m_pubSubOnly)
+        return Obstacle{
+            Kind::NotPermitted, m_name + " is sent in pipeline, to a single receiver: not joined"};
     if (channel.mayJoin)
         return std::nullopt;
-    const bool isPipeline = info->nanomsgProtocol == NanomsgProtocol::Pipeline;
     return Obstacle{
         Kind::NotPermitted,
         "this user may not " + std::string(isPipeline ? "create " : "write to ") +

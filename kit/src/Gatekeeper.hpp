@@ -54,7 +54,12 @@ public:
     using CodecTest = std::function<bool(std::uint32_t fourcc, const Buffer& header)>;
 
     /// @param senderUser  that the sender must run as; not set: any
-    Gatekeeper(const std::string& name, std::optional<uid_t> senderUser, CodecTest isPlayable);
+    /// @param pubSubOnly  whether a sender in Pipeline is refused
+    Gatekeeper(
+        const std::string& name,
+        std::optional<uid_t> senderUser,
+        CodecTest isPlayable,
+        bool pubSubOnly = false);
 
     /// Resets everything for a new start.
     ///
@@ -118,6 +123,7 @@ private:
     const std::string m_name; // in quotes
     const std::optional<uid_t> m_senderUser;
     const CodecTest m_isPlayable;
+    const bool m_pubSubOnly;
 
     bool m_mustAsk = false;
     bool m_isPatient = false; // with a peer that has not announced a sequence

@@ -52,6 +52,8 @@ struct ConsumerOptions
     /// /proc/sys/kernel/overflowuid) never matches: in a user namespace it stands for every user
     /// from outside.
     std::optional<uid_t> senderUser = {};
+    /// Refuses a sender in Pipeline, whose only receiver this would become: NotPermitted.
+    bool pubSubOnly = false;
     /// Receives informational messages, such as restrictions, one line each, on the thread that
     /// calls start(). Not set: they go to the logger "Vellox.Kit" as WARN.
     std::function<void(const std::string&)> onNotice = {};
@@ -156,7 +158,8 @@ struct ConsumerEvent
         /// header, or the PCM format is beyond StreamFormat::isSupported(). This kind and all that
         /// follow: reported once, until something else happens, and tried again every two seconds.
         CannotPlay,
-        /// This user may not write to the sender's socket file, and would get no frame.
+        /// This user may not write to the sender's socket file, and would get no frame; or the
+        /// sender is in Pipeline and ConsumerOptions::pubSubOnly is set.
         NotPermitted,
         /// The process that holds the name is not a sender that can be trusted: it ends every
         /// connection before it sends a frame, announces an invalid main channel, or runs as

@@ -227,7 +227,7 @@ TEST_F(GatekeeperTest, ARefusalOfTheReceiverIsToldAfterFiveChecks)
     }
 }
 
-TEST_F(GatekeeperTest, TakesTheRightUserOnly)
+TEST_F(GatekeeperTest, TakesTheRightUserAndProtocolOnly)
 {
     const uid_t user = ::geteuid();
     const auto isPlayable = [](std::uint32_t, const Buffer&) { return true; };
@@ -239,6 +239,8 @@ TEST_F(GatekeeperTest, TakesTheRightUserOnly)
     EXPECT_EQ(
         obstacle->text, "the sender of \"x\" runs as user " + std::to_string(user) +
                             ", not as user " + std::to_string(user + 1));
+    Gatekeeper shared("x", std::nullopt, isPlayable, true);
+    EXPECT_FALSE(shared.judgeAnswer(m_good, 0).joins) << "in Pipeline";
     SenderProbe unknownUser = m_good;
     unknownUser.user.reset();
     EXPECT_FALSE(Gatekeeper("x", 65534, isPlayable).judgeAnswer(unknownUser, 0).joins);

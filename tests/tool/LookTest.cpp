@@ -498,6 +498,69 @@ TEST_F(LookTest, MonitorSurvivesItsSender)
     EXPECT_EQ(monitor.stop(), 128 + SIGTERM);
 }
 
+TEST_F(LookTest, MonitorWithoutNamesJoinsAllButPipelines)
+{
+    if (!runsAlone())
+        return;
+    const std::string film = getSocketName() + "-film";
+    ToolProcess monitor({"monitor", "--json"});
+    const auto readLatest = [&](const std::string& name)
+    {
+        json latest = {{"state", ""}};
+        for (const std::string& line : splitLines(monitor.getOutput()))
+        {
+            const json stream = json::parse(line, nullptr, false);
+            if (stream.value("name", "") == name)
+                latest = stream;
+        }
+        return latest;
+    };
+    ToolProcess shared(send({"--tone", "440"}));
+    ToolProcess single({"send", "-s", film, "--silence", "--protocol", "pipeline", "-c", "1"});
+    ToolProcess named({"monitor", film, "--json"});
+    EXPECT_TRUE(waitFor([&] { return isRunning(readLatest(getSocketName())); }));
+    EXPECT_TRUE(waitFor([&] { return readLatest(film)["state"] == "pipeline, not joined"; }));
+    EXPECT_EQ(readLatest(film)["channels"], 1);
+    waitForLine(named, isRunning, "its only receiver");
+    EXPECT_EQ(named.stop(), 128 + SIGTERM);
+    EXPECT_EQ(single.stop(), 128 + SIGTERM);
+    EXPECT_TRUE(waitFor([&] { return contains(monitor.getErrors(), film + ": gone\n"); }));
+    EXPECT_EQ(shared.stop(), 128 + SIGTERM);
+    EXPECT_EQ(monitor.stop(), 128 + SIGTERM);
+}
+
+TEST_F(LookTest, MonitorWithoutNamesShowsStreamsAsTheyComeAndGo)
+{
+    if (!runsAlone())
+        return;
+    TerminalRun monitor({"monitor"});
+    std::size_t seen = 0;
+    const auto shows = [&](const std::string& text)
+    {
+        const bool found = waitFor(
+            [&]
+            {
+                const std::size_t place = monitor.read().find(text, seen);
+                seen = place == std::string::npos ? seen : place;
+                return place != std::string::npos;
+            });
+        EXPECT_TRUE(found) << text << monitor.read().substr(seen);
+    };
+    shows("no sender on this machine");
+    ToolProcess shared(send({"--silence"}));
+    shows("  running  ");
+    EXPECT_EQ(shared.stop(), 128 + SIGTERM);
+    shows("  gone  ");
+    // The next sender of the name is not joined.
+    ToolProcess single(send({"--silence", "--protocol", "pipeline"}));
+    shows("  pipeline, not joined  S16LE");
+    EXPECT_EQ(single.stop(), 128 + SIGTERM);
+    shows("  gone  ");
+    shows("no sender on this machine");
+    monitor.pressCtrlC();
+    EXPECT_EQ(monitor.wait(0, DefaultDeadline), 128 + SIGINT);
+}
+
 TEST_F(LookTest, MonitorsIntervalsAddUpAndItsMetricsAreWhole)
 {
     const std::string metrics = file("vlx.prom");

@@ -224,11 +224,9 @@ TEST(RenderingTest, CountsHaveTheirUnits)
 
     EXPECT_EQ(
         tool::renderLine(snapshot),
-        "desk \"1\"\\x0a: running, S16LE 48000 Hz 2ch, 100.0 frames/s 192.0 kB/s, age "
-        "1.49/1.49/1.50 ms, gaps 3, reconnects 4, clock gstnetclock, synchronised, offset "
-        "-1500.000 "
-        "ms, "
-        "peak -6.0 dBFS");
+        "desk \"1\"\\x0a: running, S16LE 48000 Hz 2ch, sequences 1, 100.0 frames/s 192.0 kB/s, "
+        "age p50/p99/max 1.49/1.49/1.50 ms, gaps 3 (1250.0 ms), reconnects 4, stalls 0, "
+        "clock gstnetclock, synchronised, offset -1500.000 ms, peak -6.0 dBFS");
     const auto screen = tool::renderScreen(snapshot, 80, false);
     EXPECT_EQ(screen.at(2), "  gaps 3 (1250.0 ms)  reconnects 4  stalls 0");
     EXPECT_TRUE(screen.back().ends_with("    0.0 peak  -12.0 rms dBFS")) << screen.back();

@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <vlxkit/Users.hpp>
+
 #include "Text.hpp"
 
 namespace vlx::tool
@@ -87,6 +89,19 @@ nlohmann::ordered_json toJson(const kit::SenderProbe& probe)
         json["codec"] = kit::toFourccText(*probe.fourcc);
     if (probe.format)
         addFormat(json, *probe.format);
+    return json;
+}
+
+nlohmann::ordered_json toJson(const FoundSender& sender)
+{
+    nlohmann::ordered_json json = {
+        {"name", sender.entry.name},
+        {"process", sender.entry.process},
+        {"program", sender.entry.command},
+        {"user", sender.entry.user},
+        {"user_name", kit::getUserName(sender.entry.user)},
+        {"receivers", sender.entry.receivers}};
+    json.update(toJson(sender.probe));
     return json;
 }
 

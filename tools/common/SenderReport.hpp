@@ -14,6 +14,13 @@
 namespace vlx::tool
 {
 
+/// A sender of this machine, and its answer.
+struct FoundSender
+{
+    kit::SenderEntry entry;
+    kit::SenderProbe probe;
+};
+
 /// Timeout of a probe of a sender that is known to exist.
 inline constexpr std::chrono::milliseconds AnswerTimeout{500};
 
@@ -41,5 +48,8 @@ nlohmann::ordered_json toJson(const std::optional<std::int64_t>& number);
 
 /// @return the result of a probe, for --json
 nlohmann::ordered_json toJson(const kit::SenderProbe& probe);
+
+/// @return the same, with what the kernel reports of the sender
+nlohmann::ordered_json toJson(const FoundSender& sender);
 
 } // namespace vlx::tool

@@ -37,13 +37,7 @@ using Row = std::array<std::string, NumColumns>;
 constexpr std::array<bool, NumColumns> RightAligned = {false, true, false, false,
                                                        false, true, false, false};
 
-struct Found
-{
-    kit::SenderEntry entry;
-    kit::SenderProbe probe;
-};
-
-Row makeRow(const Found& found)
+Row makeRow(const FoundSender& found)
 {
     const auto& info = found.probe.initialInfo;
     return {
@@ -57,7 +51,7 @@ Row makeRow(const Found& found)
         describeClock(found.probe)};
 }
 
-void printTable(const std::vector<Found>& senders)
+void printTable(const std::vector<FoundSender>& senders)
 {
     std::vector<Row> rows = {
         {"NAME", "PID", "PROGRAM", "USER", "PROTOCOL", "RECEIVERS", "FORMAT", "CLOCK"}};
@@ -80,19 +74,6 @@ void printTable(const std::vector<Found>& senders)
         line.erase(line.find_last_not_of(' ') + 1);
         std::puts(line.c_str());
     }
-}
-
-nlohmann::ordered_json makeObject(const Found& found)
-{
-    nlohmann::ordered_json json = {
-        {"name", found.entry.name},
-        {"process", found.entry.process},
-        {"program", found.entry.command},
-        {"user", found.entry.user},
-        {"user_name", kit::getUserName(found.entry.user)},
-        {"receivers", found.entry.receivers}};
-    json.update(toJson(found.probe));
-    return json;
 }
 
 /// Names each reason for which directories are kept.
@@ -161,13 +142,14 @@ ExitCode runList(const ListOptions& options, StopSignal& stop)
     const auto probes = kit::probeSenders(names, AnswerTimeout, stop.getFD());
     if (stop.isRequested())
         return ExitCode::Done;
-    std::vector<Found> senders;
+    std::vector<FoundSender> senders;
     for (std::size_t i = 0; i < probes.size(); ++i)
         senders.push_back({list.senders[i], probes[i]});
     if (options.json)
     {
         nlohmann::ordered_json array = nlohmann::ordered_json::array();
-        std::transform(senders.begin(), senders.end(), std::back_inserter(array), makeObject);
+        for (const FoundSender& sender : senders)
+            array.push_back(toJson(sender));
         writeJson("-", array);
     }
     else if (!senders.empty())

@@ -2,11 +2,13 @@
 #include <chrono>
 #include <cstdio>
 #include <memory>
-#include <set>
+#include <optional>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
+
+#include <vlxkit/Discovery.hpp>
 
 #include "Commands.hpp"
 #include "Rendering.hpp"
@@ -41,7 +43,12 @@ constexpr auto ScreenInterval = std::chrono::milliseconds(200);
 constexpr auto LineInterval = std::chrono::seconds(1);
 constexpr auto MetricsInterval = std::chrono::seconds(1);
 
-using Meters = std::vector<std::unique_ptr<StreamMeter>>;
+// A stream that has gone stays on the display for this time.
+constexpr auto GoneTime = std::chrono::seconds(2);
+
+// Streams that are joined without being named. Each takes three threads and about ten descriptors.
+constexpr std::size_t MaxJoined = 64;
+
 using Snapshots = std::vector<StreamSnapshot>;
 
 /// Draws all streams in place. The last picture stays on the screen.
@@ -60,6 +67,8 @@ public:
             const auto more = renderScreen(snapshot, size.width - 1, m_colored);
             lines.insert(lines.end(), more.begin(), more.end());
         }
+        if (lines.empty())
+            lines.emplace_back("no sender on this machine");
         // Lines that have scrolled away could not be drawn again.
         if (lines.size() >= size.height)
         {
@@ -83,13 +92,153 @@ private:
     std::size_t m_numLines = 0; // on the screen now
 };
 
-Snapshots takeSnapshots(const Meters& meters)
+/// The streams that are shown: the named ones, or all of this machine as they come and go.
+class Streams
 {
-    Snapshots snapshots;
-    for (const auto& meter : meters)
-        snapshots.push_back(meter->takeSnapshot());
-    return snapshots;
-}
+public:
+    Streams(const MonitorOptions& options, bool onScreen) : m_options(options), m_onScreen(onScreen)
+    {
+        for (const std::string& name : options.names)
+        {
+            Stream& stream = findStream(name);
+            if (!stream.meter)
+                stream.meter = makeMeter(name);
+        }
+    }
+
+    /// Adds and removes streams, unless they were named.
+    void update()
+    {
+        if (!m_options.names.empty())
+            return;
+        for (kit::SenderChange& change : m_watch.look())
+        {
+            if (!m_options.senderUser || change.sender.user == m_options.senderUser)
+                follow(std::move(change));
+        }
+        std::erase_if(
+            m_streams, [now = SteadyClock::now()](const auto& stream)
+            { return stream.goneAt && now - *stream.goneAt >= GoneTime; });
+    }
+
+    Snapshots takeSnapshots()
+    {
+        Snapshots snapshots;
+        for (Stream& stream : m_streams)
+        {
+            StreamSnapshot& snapshot = snapshots.emplace_back();
+            if (stream.meter)
+            {
+                snapshot = stream.meter->takeSnapshot();
+            }
+            else
+            {
+                snapshot.name = stream.name;
+                snapshot.state = getObstacle(stream);
+                snapshot.announced = stream.sender;
+            }
+            if (stream.goneAt)
+                snapshot.state = "gone";
+        }
+        return snapshots;
+    }
+
+private:
+    struct Stream
+    {
+        std::string name;
+        std::unique_ptr<StreamMeter> meter = {}; // of a joined stream
+        FoundSender sender = {};                 // unless it was named
+        std::string problem = {};                // why it could not be joined
+        std::optional<SteadyClock::time_point> goneAt = {};
+    };
+
+    std::unique_ptr<StreamMeter> makeMeter(const std::string& name) const
+    {
+        auto meter = std::make_unique<StreamMeter>(
+            kit::ConsumerOptions{
+                .name = name,
+                .realTime = m_options.realTime,
+                .senderUser = m_options.senderUser,
+                .pubSubOnly = m_options.names.empty()},
+            [this](const std::string& line) { tell(line); });
+        meter->start();
+        return meter;
+    }
+
+    // On a screen the picture itself shows what happens.
+    void tell(const std::string& line) const
+    {
+        if (!m_onScreen)
+            printNotice(line);
+    }
+
+    static std::string getObstacle(const Stream& stream)
+    {
+        const auto& info = stream.sender.probe.initialInfo;
+        if (!info)
+            return "no answer";
+        if (info->nanomsgProtocol == NanomsgProtocol::Pipeline)
+            return "pipeline, not joined";
+        return stream.problem.empty() ? "not joined" : stream.problem;
+    }
+
+    /// One sender that cannot be joined does not keep the others from the display.
+    void join(Stream& stream) const
+    {
+        try
+        {
+            stream.meter = makeMeter(stream.name);
+        }
+        catch (const CommandFailure& failure)
+        {
+            stream.problem = failure.what();
+        }
+    }
+
+    Stream& findStream(const std::string& name)
+    {
+        const auto found = std::find_if(
+            m_streams.begin(), m_streams.end(),
+            [&name](const Stream& stream) { return stream.name == name; });
+        return found != m_streams.end() ? *found : m_streams.emplace_back(Stream{.name = name});
+    }
+
+    void follow(kit::SenderChange change)
+    {
+        using Kind = kit::SenderChange::Kind;
+        Stream& stream = findStream(change.sender.name);
+        stream.sender = {std::move(change.sender), std::move(change.probe)};
+        const auto& [entry, probe] = stream.sender;
+        if (change.kind == Kind::Gone)
+        {
+            stream.goneAt = SteadyClock::now();
+            tell(entry.name + ": gone");
+            return;
+        }
+        stream.goneAt.reset();
+        const bool isPipeline =
+            probe.initialInfo && probe.initialInfo->nanomsgProtocol == NanomsgProtocol::Pipeline;
+        if (isPipeline)
+            stream.meter.reset();
+        else if (probe.initialInfo && !stream.meter && countJoined() < MaxJoined)
+            join(stream);
+        if (!stream.meter && change.kind == Kind::Came)
+            tell(entry.name + ": " + getObstacle(stream));
+    }
+
+    std::size_t countJoined() const
+    {
+        return static_cast<std::size_t>(std::count_if(
+            m_streams.begin(), m_streams.end(),
+            [](const auto& stream) { return stream.meter != nullptr; }));
+    }
+
+    const MonitorOptions& m_options;
+    const bool m_onScreen;
+    kit::SenderWatch m_watch;
+    std::vector<Stream> m_streams; // as they were named, or came
+};
 
 void printLines(const Snapshots& snapshots, bool json)
 {
@@ -110,7 +259,7 @@ bool hasFrames(const Snapshots& snapshots)
         [](const StreamSnapshot& snapshot) { return snapshot.total.frames > 0; });
 }
 
-void watch(const MonitorOptions& options, const Meters& meters, bool onScreen, StopSignal& stop)
+void watch(const MonitorOptions& options, Streams& streams, bool onScreen, StopSignal& stop)
 {
     const auto begin = SteadyClock::now();
     const auto end = options.duration ? begin + *options.duration : SteadyClock::time_point::max();
@@ -119,8 +268,13 @@ void watch(const MonitorOptions& options, const Meters& meters, bool onScreen, S
     auto metricsDue = begin;
     for (auto due = begin + interval;; due = std::max(due + interval, SteadyClock::now()))
     {
-        const bool stopped = stop.waitUntil(std::min(due, end));
-        const Snapshots snapshots = takeSnapshots(meters);
+        bool stopped = false;
+        do
+        {
+            streams.update();
+            stopped = stop.waitUntil(std::min({SteadyClock::now() + ScreenInterval, due, end}));
+        } while (!stopped && SteadyClock::now() < std::min(due, end));
+        const Snapshots snapshots = streams.takeSnapshots();
         if (onScreen)
             screen.draw(snapshots);
         else
@@ -143,9 +297,9 @@ CLI::App* addCommand(CLI::App& program, MonitorOptions& options)
 {
     CLI::App* const command =
         program.add_subcommand("monitor", "Show streams live: frames, ages, gaps, levels");
-    command->add_option("NAME", options.names, "Names of streams")
+    command
+        ->add_option("NAME", options.names, "Names of streams [all streams, as they come and go]")
         ->type_name("")
-        ->required()
         ->check(checkStreamName);
     command->add_flag("--json", options.json, "Print a JSON object for each stream and second");
     command
@@ -167,27 +321,9 @@ CLI::App* addCommand(CLI::App& program, MonitorOptions& options)
 
 ExitCode runMonitor(const MonitorOptions& options, StopSignal& stop)
 {
-    // On a screen the picture itself shows what happens.
     const bool onScreen = !options.json && isLiveTerminal(STDOUT_FILENO);
-    Meters meters;
-    std::set<std::string> names;
-    for (const std::string& name : options.names)
-    {
-        if (!names.insert(name).second)
-            continue;
-        meters.push_back(std::make_unique<StreamMeter>(
-            kit::ConsumerOptions{
-                .name = name, .realTime = options.realTime, .senderUser = options.senderUser},
-            [onScreen](const std::string& line)
-            {
-                if (!onScreen)
-                    printNotice(line);
-            }));
-        meters.back()->start();
-    }
-    watch(options, meters, onScreen, stop);
-    for (const auto& meter : meters)
-        meter->stop();
+    Streams streams(options, onScreen);
+    watch(options, streams, onScreen, stop);
     return ExitCode::Done;
 }
 

@@ -62,11 +62,6 @@ std::string describeRate(const StreamSnapshot& snapshot)
         static_cast<double>(snapshot.bytes) / seconds / 1e3);
 }
 
-std::string describeStreamFormat(const kit::ConsumerStatistics& statistics)
-{
-    return statistics.sequences == 0 ? "-" : toShortText(statistics.format);
-}
-
 const char* getBarColor(double decibels)
 {
     return decibels > RedDecibels ? Red : decibels > YellowDecibels ? Yellow : Green;
@@ -89,52 +84,82 @@ std::string renderBar(const ChannelLevel& level, std::size_t length, bool colore
     return colored ? getBarColor(toDecibels(level.heldPeak)) + bar + Plain : bar;
 }
 
-/// A sample of one stream, and what its family is.
-struct Metric
+/// One value of a stream, as JSON and as a metric.
+struct Field
 {
-    const char* name;
-    const char* help;
-    std::optional<double> value;
+    const char* key; // of the JSON object; nullptr: only a metric
+    nlohmann::ordered_json value;
+    const char* metric = nullptr;
+    const char* help = nullptr;
     bool isCounter = false;
+    double scale = 1; // to the metric's unit
 };
 
-std::vector<Metric> listMetrics(const kit::ConsumerStatistics& total, const kit::AgeHistogram& ages)
+std::vector<Field> listFields(const StreamSnapshot& snapshot)
 {
     constexpr bool IsCounter = true;
-    const auto toDouble = [](std::uint64_t count) { return static_cast<double>(count); };
-    const auto getAge = [&](double fraction)
-    {
-        const auto age = ages.getPercentile(fraction);
-        return age ? std::optional(static_cast<double>(*age) / 1e9) : std::nullopt;
-    };
+    constexpr double Nanoseconds = 1e-9;
+    const kit::ConsumerStatistics& total = snapshot.total;
     return {
-        {"vlx_up", "Whether the stream is joined",
-         total.state == Receiver::State::Running ? 1.0 : 0.0},
-        {"vlx_frames", "Frames received", toDouble(total.frames), IsCounter},
-        {"vlx_bytes", "Bytes of media received", toDouble(total.bytes), IsCounter},
-        {"vlx_gaps", "Gaps between frames", toDouble(total.gaps), IsCounter},
-        {"vlx_gap_seconds", "Length of all gaps", toDouble(total.gapNs) / 1e9, IsCounter},
-        {"vlx_sequences", "Sequences announced", toDouble(total.sequences), IsCounter},
-        {"vlx_reconnects", "Connections after the first", toDouble(total.reconnects), IsCounter},
-        {"vlx_stalls", "Connections given up without frames", toDouble(total.stalls), IsCounter},
-        {"vlx_age_median_seconds", "Median age of frames on arrival", getAge(0.5)},
-        {"vlx_age_p99_seconds", "99th percentile of the age of frames on arrival", getAge(0.99)},
-        {"vlx_clock_synchronized", "Whether the stream's clock is synchronised",
-         total.clockSynchronized ? 1.0 : 0.0},
-        {"vlx_clock_offset_seconds", "Offset of the stream's clock to the monotonic clock",
-         static_cast<double>(total.clockOffsetNs) / 1e9}};
+        {"joined", total.state == Receiver::State::Running, "vlx_up",
+         "Whether the stream is joined"},
+        {"seconds", snapshot.seconds},
+        {"frames", snapshot.frames},
+        {"bytes", snapshot.bytes},
+        {"total_frames", total.frames, "vlx_frames", "Frames received", IsCounter},
+        {"total_bytes", total.bytes, "vlx_bytes", "Bytes of media received", IsCounter},
+        {"gaps", total.gaps, "vlx_gaps", "Gaps between frames", IsCounter},
+        {"gap_ns", total.gapNs, "vlx_gap_seconds", "Length of all gaps", IsCounter, Nanoseconds},
+        {"sequences", total.sequences, "vlx_sequences", "Sequences announced", IsCounter},
+        {"reconnects", total.reconnects, "vlx_reconnects", "Connections after the first",
+         IsCounter},
+        {"stalls", total.stalls, "vlx_stalls", "Connections given up without frames", IsCounter},
+        {"join_ns", total.joinNs},
+        {nullptr, toJson(snapshot.totalAges.getPercentile(0.5)), "vlx_age_median_seconds",
+         "Median age of frames on arrival", false, Nanoseconds},
+        {nullptr, toJson(snapshot.totalAges.getPercentile(0.99)), "vlx_age_p99_seconds",
+         "99th percentile of the age of frames on arrival", false, Nanoseconds},
+        {"clock", toClockName(total.clock)},
+        {"clock_synchronized", total.clockSynchronized, "vlx_clock_synchronized",
+         "Whether the stream's clock is synchronised"},
+        {"clock_offset_ns", total.clockOffsetNs, "vlx_clock_offset_seconds",
+         "Offset of the stream's clock to the monotonic clock", false, Nanoseconds}};
+}
+
+/// @return what is shown of a stream, by the lines of a screen
+std::vector<std::vector<std::string>> listTexts(const StreamSnapshot& snapshot)
+{
+    const kit::ConsumerStatistics& total = snapshot.total;
+    const auto count = [](const char* name, std::uint64_t number)
+    { return name + (" " + std::to_string(number)); };
+    if (snapshot.announced && !snapshot.announced->probe.initialInfo)
+        return {{toPrintable(snapshot.name), snapshot.state}};
+    if (snapshot.announced)
+        return {
+            {toPrintable(snapshot.name), snapshot.state, describeFormat(snapshot.announced->probe),
+             count("receivers", snapshot.announced->entry.receivers)},
+            {"clock " + describeClock(snapshot.announced->probe)}};
+    return {
+        {toPrintable(snapshot.name), snapshot.state,
+         total.sequences == 0 ? "-" : toShortText(total.format),
+         count("sequences", total.sequences)},
+        {describeRate(snapshot), "age p50/p99/max " + describeAges(snapshot.ages)},
+        {count("gaps", total.gaps) +
+             formatText(" (%.1f ms)", static_cast<double>(total.gapNs) / 1e6),
+         count("reconnects", total.reconnects), count("stalls", total.stalls)},
+        {"clock " + describeClockState(total)}};
 }
 
 } // unnamed namespace
 
 std::string renderLine(const StreamSnapshot& snapshot)
 {
-    const kit::ConsumerStatistics& total = snapshot.total;
-    std::string line = toPrintable(snapshot.name) + ": " + snapshot.state + ", " +
-                       describeStreamFormat(total) + ", " + describeRate(snapshot) + ", age " +
-                       describeAges(snapshot.ages) + ", gaps " + std::to_string(total.gaps) +
-                       ", reconnects " + std::to_string(total.reconnects) + ", clock " +
-                       describeClockState(total);
+    std::string line;
+    for (const auto& texts : listTexts(snapshot))
+    {
+        for (const std::string& text : texts)
+            line += (line.empty() ? "" : line == toPrintable(snapshot.name) ? ": " : ", ") + text;
+    }
     const char* separator = ", peak ";
     for (const ChannelLevel& level : snapshot.levels)
         line += std::exchange(separator, "/") + formatText("%.1f", toDecibels(level.peak));
@@ -143,50 +168,41 @@ std::string renderLine(const StreamSnapshot& snapshot)
 
 nlohmann::ordered_json renderJson(const StreamSnapshot& snapshot)
 {
-    const kit::ConsumerStatistics& total = snapshot.total;
-    nlohmann::ordered_json json = {
-        {"name", snapshot.name},
-        {"state", snapshot.state},
-        {"seconds", snapshot.seconds},
-        {"frames", snapshot.frames},
-        {"bytes", snapshot.bytes},
-        {"total_frames", total.frames},
-        {"total_bytes", total.bytes},
-        {"sequences", total.sequences},
-        {"gaps", total.gaps},
-        {"gap_ns", total.gapNs},
-        {"reconnects", total.reconnects},
-        {"stalls", total.stalls},
-        {"join_ns", total.joinNs},
-        {"clock", toClockName(total.clock)},
-        {"clock_synchronized", total.clockSynchronized},
-        {"clock_offset_ns", total.clockOffsetNs}};
+    nlohmann::ordered_json json = {{"name", snapshot.name}, {"state", snapshot.state}};
+    if (snapshot.announced)
+    {
+        json["joined"] = false;
+        json.update(toJson(*snapshot.announced));
+        return json;
+    }
+    for (const Field& field : listFields(snapshot))
+    {
+        if (field.key != nullptr)
+            json[field.key] = field.value;
+    }
     addAges(json, snapshot.ages);
-    if (total.sequences > 0)
-        addFormat(json, total.format);
-    nlohmann::ordered_json levels = nlohmann::ordered_json::array();
+    if (snapshot.total.sequences > 0)
+        addFormat(json, snapshot.total.format);
+    json["levels"] = nlohmann::ordered_json::array();
     for (const ChannelLevel& level : snapshot.levels)
-        levels.push_back(
+        json["levels"].push_back(
             {{"peak_dbfs", toDecibels(level.peak)},
              {"rms_dbfs", toDecibels(level.rms)},
              {"held_peak_dbfs", toDecibels(level.heldPeak)}});
-    json["levels"] = std::move(levels);
     return json;
 }
 
 std::vector<std::string>
 renderScreen(const StreamSnapshot& snapshot, std::size_t width, bool colored)
 {
-    const kit::ConsumerStatistics& total = snapshot.total;
-    std::vector<std::string> lines = {
-        toPrintable(snapshot.name) + "  " + snapshot.state + "  " + describeStreamFormat(total) +
-            "  sequences " + std::to_string(total.sequences),
-        "  " + describeRate(snapshot) + "  age p50/p99/max " + describeAges(snapshot.ages),
-        "  gaps " + std::to_string(total.gaps) +
-            formatText(" (%.1f ms)", static_cast<double>(total.gapNs) / 1e6) + "  reconnects " +
-            std::to_string(total.reconnects) + "  stalls " + std::to_string(total.stalls),
-        "  clock " + describeClockState(total)};
-    if (total.state != Receiver::State::Running && !snapshot.notice.empty())
+    std::vector<std::string> lines;
+    for (const auto& texts : listTexts(snapshot))
+    {
+        std::string& line = lines.emplace_back();
+        for (const std::string& text : texts)
+            line += (lines.size() == 1 && line.empty() ? "" : "  ") + text;
+    }
+    if (snapshot.total.state != Receiver::State::Running && !snapshot.notice.empty())
         lines.push_back("  " + toPrintable(snapshot.notice));
     for (std::string& line : lines)
         cutToWidth(line, width);
@@ -211,18 +227,24 @@ std::string renderMetrics(const std::vector<StreamSnapshot>& snapshots)
 {
     std::ostringstream text;
     text.precision(std::numeric_limits<double>::max_digits10);
-    const auto families = listMetrics({}, {});
+    const std::vector<Field> families = listFields({});
     for (std::size_t i = 0; i < families.size(); ++i)
     {
-        const Metric& family = families[i];
-        text << "# TYPE " << family.name << (family.isCounter ? " counter" : " gauge")
-             << "\n# HELP " << family.name << " " << family.help << "\n";
+        const Field& family = families[i];
+        if (family.metric == nullptr)
+            continue;
+        text << "# TYPE " << family.metric << (family.isCounter ? " counter" : " gauge")
+             << "\n# HELP " << family.metric << " " << family.help << "\n";
         for (const StreamSnapshot& snapshot : snapshots)
         {
-            if (const auto value = listMetrics(snapshot.total, snapshot.totalAges)[i].value)
-                text << family.name << (family.isCounter ? "_total" : "")
-                     << "{stream=" << std::quoted(toPrintable(snapshot.name)) << "} " << *value
-                     << "\n";
+            const nlohmann::ordered_json value = listFields(snapshot)[i].value;
+            if (value.is_null())
+                continue;
+            text << family.metric << (family.isCounter ? "_total" : "")
+                 << "{stream=" << std::quoted(toPrintable(snapshot.name)) << "} "
+                 << (value.is_boolean() ? double(value.get<bool>())
+                                        : value.get<double>() * family.scale)
+                 << "\n";
         }
     }
     text << "# EOF\n";

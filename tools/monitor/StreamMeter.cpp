@@ -74,11 +74,6 @@ void StreamMeter::start()
         throw CommandFailure(ExitCode::Failed, status.getText());
 }
 
-void StreamMeter::stop()
-{
-    m_consumer.stop();
-}
-
 void StreamMeter::handleFormat(const kit::StreamFormat& format)
 {
     m_format = format;

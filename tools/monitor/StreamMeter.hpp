@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,6 +13,7 @@
 #include <vlxkit/Consumer.hpp>
 
 #include "audio/PcmCodec.hpp"
+#include "common/SenderReport.hpp"
 
 namespace vlx::tool
 {
@@ -61,8 +63,9 @@ private:
 struct StreamSnapshot
 {
     std::string name;
-    std::string state;  ///< such as "running", or what keeps it from running
-    std::string notice; ///< the last event's line; empty if there was none
+    std::string state;                    ///< such as "running", or what keeps it from running
+    std::string notice;                   ///< the last event's line; empty if there was none
+    std::optional<FoundSender> announced; ///< set for a stream that is not joined
     kit::ConsumerStatistics total;
     kit::AgeHistogram totalAges;
     // Of the interval.
@@ -86,8 +89,6 @@ public:
 
     /// @throws CommandFailure
     void start();
-
-    void stop();
 
     /// @return what happened since the last call
     StreamSnapshot takeSnapshot();
