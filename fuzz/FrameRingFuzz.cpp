@@ -31,7 +31,7 @@ public:
         for (std::size_t i = 0; i < NumSlots; ++i)
         {
             const RingPlace place =
-                m_ring->publish(Buffer(layout.getCapacity(), static_cast<std::uint8_t>(i)));
+                m_ring->publish(Buffer(getRingCapacity(layout), static_cast<std::uint8_t>(i)));
             check(place.slot == i && place.generation == i + 1, "slots are used in turn");
         }
         check(m_reader.open(layout, ::geteuid()).empty(), "the ring can be read");

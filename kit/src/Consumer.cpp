@@ -26,6 +26,7 @@
 #include "FrameQueue.hpp"
 #include "Gatekeeper.hpp"
 #include "RetryPause.hpp"
+#include "RingCodec.hpp"
 #include "SenderQuestion.hpp"
 #include "WakeupEvent.hpp"
 #include "base/AbstractName.hpp"
@@ -169,7 +170,8 @@ private:
     SenderProbe askSender();
     bool startReceiver();
     Ending superviseReceiver();
-    bool isPlayable(std::uint32_t fourcc, const Buffer& header);
+    CodecRelay* findCodec(std::uint32_t fourcc);
+    std::string findCodecProblem(const SenderProbe& answer);
     bool isSuspicious();
     bool isUnanswered(const ConnectingLimits& limits, bool isLate);
     void stopReceiver();
@@ -227,6 +229,7 @@ private:
     ClockType m_clock = ClockType::Undetermined;
     CodecRelay* m_codec = nullptr;                                 // of the last sequence
     std::map<std::uint32_t, std::unique_ptr<CodecRelay>> m_codecs; // that the receiver knows
+    RingDepayloader m_ring{[this](std::uint32_t fourcc) { return findCodec(fourcc); }};
     const std::shared_ptr<FramePool> m_pool = std::make_shared<FramePool>();
 
     Receiver m_receiver; // last: its threads use all of the above
@@ -238,13 +241,13 @@ Consumer::Impl::Impl(ConsumerOptions options, ConsumerCallbacks callbacks)
       m_gate(
           m_options.name,
           m_options.senderUser,
-          [this](std::uint32_t fourcc, const Buffer& header)
-          { return isPlayable(fourcc, header); },
+          [this](const SenderProbe& answer) { return findCodecProblem(answer); },
           m_options.pubSubOnly),
       m_record(static_cast<TimeValue>(m_options.stallTimeout.count())),
       m_queue(m_options.queue)
 {
     addCodec(std::make_unique<PcmRelay>());
+    m_receiver.addDepayloader(m_ring);
     m_receiver.setStateChangedCallback([this](Receiver::State state) { handleState(state); });
     m_receiver.setNewSequenceCallback([this](Depayloader& depayloader)
                                       { handleSequence(depayloader); });
@@ -271,19 +274,31 @@ void Consumer::Impl::addCodec(std::unique_ptr<CodecRelay> codec)
     m_codecs[codec->getFourcc()] = std::move(codec);
 }
 
-bool Consumer::Impl::isPlayable(std::uint32_t fourcc, const Buffer& header)
+CodecRelay* Consumer::Impl::findCodec(std::uint32_t fourcc)
 {
     const auto found = m_codecs.find(fourcc);
-    if (found == m_codecs.end())
+    return found == m_codecs.end() ? nullptr : found->second.get();
+}
+
+std::string Consumer::Impl::findCodecProblem(const SenderProbe& answer)
+{
+    const std::uint32_t fourcc = *answer.fourcc;
+    CodecRelay* const codec = findCodec(fourcc);
+    bool isAccepted = false;
+    if (codec != nullptr)
     {
-        const bool isAdded = m_options.anyCodec && m_codecs.size() < MaxCodecs;
-        if (isAdded)
-            addCodec(std::make_unique<CodecRelay>(fourcc));
-        return isAdded;
+        isAccepted = codec->processCodecHeader(answer.codecHeader);
+        codec->reset();
     }
-    const bool isAccepted = found->second->processCodecHeader(header);
-    found->second->reset();
-    return isAccepted;
+    else if (m_options.anyCodec && fourcc != RingFourcc && m_codecs.size() < MaxCodecs)
+    {
+        addCodec(std::make_unique<CodecRelay>(fourcc));
+        isAccepted = true;
+    }
+    if (!isAccepted)
+        return "its codec " + quote(toFourccText(fourcc)) +
+               " is unknown here, or its header is not supported";
+    return answer.ring ? RingReader().open(*answer.ring, *answer.user) : std::string();
 }
 
 Status Consumer::Impl::start()
@@ -475,7 +490,8 @@ void Consumer::Impl::handleState(Receiver::State state)
 void Consumer::Impl::handleSequence(Depayloader& depayloader)
 {
     m_clock = m_receiver.getStreamClockType();
-    auto& codec = static_cast<CodecRelay&>(depayloader);
+    CodecRelay& codec =
+        &depayloader == &m_ring ? *m_ring.getCodec() : static_cast<CodecRelay&>(depayloader);
     CodecRelay* const former = std::exchange(m_codec, &codec);
     // A decoder that misses frames is out of step, whatever its next header is.
     if (former != nullptr && former != &codec)
@@ -497,6 +513,8 @@ void Consumer::Impl::handleSequence(Depayloader& depayloader)
 
 void Consumer::Impl::handleFrame(TimeValue timestamp, TimeValue duration)
 {
+    if (m_ring.takeLoss())
+        return m_record.onLostFrame();
     Buffer& data = m_codec->getFrame();
     Frame frame{{}, data};
     frame.timestamp = timestamp;
@@ -552,6 +570,7 @@ std::optional<std::string> Consumer::Impl::checkSender(const ByteView& packet, u
     m_refusal = m_gate.judgeGreeting(info, user, m_channel);
     if (!m_refusal)
     {
+        m_ring.setSender(user);
         m_announcedClock = {
             .type = toClockType(*info),
             .address = info->timeSyncIPAddress,

@@ -150,6 +150,12 @@ ConsumerRecord::Place ConsumerRecord::onFrame(
     return {gapNs, std::exchange(m_isFirstFrame, false), length};
 }
 
+void ConsumerRecord::onLostFrame()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_counts.lost;
+}
+
 /// A PCM frame has a length even if its sender does not say it.
 TimeValue ConsumerRecord::getLength(TimeValue duration, std::size_t size) const
 {

@@ -81,6 +81,9 @@ public:
         TimeValue arrival,
         TimeValue streamTime);
 
+    /// A frame in shared memory was overwritten before it was read.
+    void onLostFrame();
+
     /// A frame was refused since its sequence was not announced here.
     ///
     /// @return whether that has gone on for 20 ms, so that the sender should be joined again:

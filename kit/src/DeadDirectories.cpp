@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <ctime>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <set>
@@ -19,6 +20,7 @@
 #include <vlxkit/Discovery.hpp>
 
 #include "DirectoryLock.hpp"
+#include "FrameRing.hpp"
 #include "SenderSearch.hpp"
 #include "base/SenderDirectory.hpp"
 
@@ -206,6 +208,7 @@ CleanupResult removeDeadEntries(const std::string& baseDirectory, int stopFD)
             !isServed(makeSocketFilePath(path)))
             result.entries.push_back({path, removeDirectory(path, candidate.status.st_uid)});
     }
+    std::ranges::move(removeDeadRings(MinAgeSeconds), std::back_inserter(result.entries));
     std::sort(
         result.entries.begin(), result.entries.end(),
         [](const DeadEntry& left, const DeadEntry& right) { return left.path < right.path; });
@@ -214,6 +217,7 @@ CleanupResult removeDeadEntries(const std::string& baseDirectory, int stopFD)
 
 void removeOwnDeadDirectories(const std::string& baseDirectory)
 {
+    removeDeadRings();
     for (const Candidate& candidate : findCandidates(baseDirectory))
     {
         const std::string path = baseDirectory + "/" + candidate.name;

@@ -56,7 +56,6 @@ void FramePool::give(Buffer&& buffer)
     if (size == 0 || m_buffers.size() == MaxPooledBuffers || m_numBytes + size > MaxPooledBytes)
         return;
     m_numBytes += size;
-    buffer.clear();
     m_buffers.push_back(std::move(buffer));
 }
 

@@ -26,7 +26,7 @@ class FramePool
 public:
     FramePool();
 
-    /// @return an empty buffer, with memory if there is some
+    /// @return a buffer with any content, which need not be cleared to be overwritten
     Buffer take();
 
     /// Keeps the memory of a buffer, within limits.

@@ -37,6 +37,7 @@ constexpr std::uint64_t PageBytes = 4096;
 constexpr std::uint64_t MinSlots = 2;
 constexpr std::uint64_t MaxSlots = 65536;
 
+constexpr const char* RingDirectory = "/dev/shm/";
 constexpr std::string_view NamePrefix = "vlx-";
 constexpr std::size_t NumNameCharacters = 6;
 constexpr std::size_t MaxNumberDigits = 9;
@@ -46,8 +47,7 @@ constexpr std::uint64_t AllocationStep = 1 << 20;
 
 constexpr std::uint64_t BytesPerBlock = 512; // of a file's status
 
-/// @return whether the name is that of a ring: "vlx-", the six characters of a sender's directory
-///         and, from the sender's second ring on, a point and a number
+/// @return whether makeRingName() makes such names
 bool isRingName(std::string_view name)
 {
     const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
@@ -87,9 +87,17 @@ std::string describeOpenError(const RingLayout& layout, int error)
 
 } // unnamed namespace
 
-std::uint64_t RingLayout::getCapacity() const
+std::uint64_t getRingCapacity(const RingLayout& layout)
 {
-    return slotBytes - SlotHeadBytes;
+    return layout.slotBytes - SlotHeadBytes;
+}
+
+std::string makeRingName(const std::string& sender, unsigned number)
+{
+    const std::string directory = findSenderDirectoryName(sender);
+    const std::string_view prefix = SenderDirectoryPrefix;
+    return std::string(NamePrefix) + directory.substr(std::min(prefix.size(), directory.size())) +
+           (number == 1 ? "" : "." + std::to_string(number));
 }
 
 std::optional<RingLayout>
@@ -203,7 +211,7 @@ int FrameRing::openFile(mode_t mode, gid_t group)
         path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
     if (m_file.get() < 0)
         return errno;
-    m_isOwner = true;
+    m_process = ::getpid();
     ::flock(m_file.get(), LOCK_EX | LOCK_NB);
     const bool isGroups = (mode & S_IRGRP) != 0 && group != ::getegid();
     if (isGroups && ::fchown(m_file.get(), static_cast<uid_t>(-1), group) != 0)
@@ -238,7 +246,7 @@ FrameRing::~FrameRing()
 
 void FrameRing::remove()
 {
-    if (std::exchange(m_isOwner, false) && isLinked())
+    if (std::exchange(m_process, 0) == ::getpid() && isLinked())
         ::unlink(m_layout.getPath().c_str());
 }
 
@@ -248,7 +256,7 @@ bool FrameRing::isLinked() const
     return ::fstat(m_file.get(), &status) == 0 && status.st_nlink != 0;
 }
 
-std::shared_ptr<std::uint8_t> FrameRing::takeSlot()
+std::shared_ptr<std::uint8_t[]> FrameRing::takeSlot()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_numHeld >= m_layout.numSlots / 2)
@@ -359,8 +367,8 @@ void RingReader::close()
 bool RingReader::read(const RingPlace& place, Buffer& bytes) const
 {
     if (m_file.get() < 0 || place.slot >= m_layout.numSlots ||
-        place.offset > m_layout.getCapacity() ||
-        place.length > m_layout.getCapacity() - place.offset)
+        place.offset > getRingCapacity(m_layout) ||
+        place.length > getRingCapacity(m_layout) - place.offset)
         return false;
     const std::uint64_t slot = place.slot * m_layout.slotBytes;
     if (!hasGeneration(slot, place.generation))

@@ -22,34 +22,17 @@ namespace vlx::kit
 /// FourCC of streams whose frames lie in shared memory, "VLXR".
 inline constexpr std::uint32_t RingFourcc = 0x52584C56;
 
-/// Directory of all rings.
-inline constexpr const char* RingDirectory = "/dev/shm/";
-
 /// Largest ring that is made or read.
 inline constexpr std::uint64_t MaxRingBytes = 1ULL << 30;
 
-/// File of a ring: slots of equal size, each with a head and the bytes of one frame.
-struct RingLayout
-{
-    std::string name;            ///< in RingDirectory
-    std::uint32_t numSlots = 0;  ///< at least 2
-    std::uint64_t slotBytes = 0; ///< with the head
+/// @return largest frame of a slot, bytes
+std::uint64_t getRingCapacity(const RingLayout& layout);
 
-    bool operator==(const RingLayout&) const = default;
-
-    std::string getPath() const
-    {
-        return RingDirectory + name;
-    }
-
-    std::uint64_t getFileBytes() const
-    {
-        return numSlots * slotBytes;
-    }
-
-    /// @return largest frame of a slot, bytes
-    std::uint64_t getCapacity() const;
-};
+/// @param sender  path or URI of the sender's socket file
+/// @param number  of the sender's ring, from 1
+/// @return name of a ring: "vlx-", the six characters of the sender's directory and, from the
+///         second ring on, a point and the number
+std::string makeRingName(const std::string& sender, unsigned number);
 
 /// Chooses the layout of a ring.
 ///
@@ -119,7 +102,7 @@ public:
     ///
     /// @return null if half of the slots are handed out: the others are for copies
     /// @thread any
-    std::shared_ptr<std::uint8_t> takeSlot();
+    std::shared_ptr<std::uint8_t[]> takeSlot();
 
     /// Makes a frame readable: in place if it lies in a slot that is handed out, otherwise by a
     /// copy.
@@ -131,7 +114,7 @@ public:
     /// @return whether nobody has removed the file
     bool isLinked() const;
 
-    /// Removes the file; memory that is handed out stays.
+    /// Removes the file, except in a forked child; memory that is handed out stays.
     void remove();
 
 private:
@@ -148,7 +131,7 @@ private:
 
     const RingLayout m_layout;
     OwnedDescriptor m_file; // locked
-    bool m_isOwner = false; // of the name
+    pid_t m_process = 0;    // that has made the file, and will remove it; 0: none
     std::uint8_t* m_memory = nullptr;
     std::uint64_t m_lastGeneration = 0; // by publish()
 

@@ -54,11 +54,11 @@ std::string toModeText(mode_t mode)
 Gatekeeper::Gatekeeper(
     const std::string& name,
     std::optional<uid_t> senderUser,
-    CodecTest isPlayable,
+    CodecTest findCodecProblem,
     bool pubSubOnly)
     : m_name(quote(name)),
       m_senderUser(senderUser),
-      m_isPlayable(std::move(isPlayable)),
+      m_findCodecProblem(std::move(findCodecProblem)),
       m_pubSubOnly(pubSubOnly),
       m_failurePause(PauseMs, MaxPauseMs),
       m_restartPause(FirstPauseMs, PauseMs)
@@ -136,13 +136,12 @@ std::optional<Gatekeeper::Obstacle> Gatekeeper::findObstacle(const SenderProbe& 
     const std::optional<InitialInfo>& info = answer.initialInfo;
     std::optional<Obstacle> obstacle =
         judgeGreeting(info, user, info ? checkChannel(*info, user) : ChannelCheck());
-    if (obstacle || !answer.fourcc || m_isPlayable(*answer.fourcc, answer.codecHeader))
+    if (obstacle || !answer.fourcc)
         return obstacle;
-    return Obstacle{
-        Kind::CannotPlay,
-        "cannot play " + m_name + ": its codec " + quote(toFourccText(*answer.fourcc)) +
-            " is unknown here, or its header is not supported",
-        *answer.fourcc};
+    const std::string problem = m_findCodecProblem(answer);
+    if (problem.empty())
+        return std::nullopt;
+    return Obstacle{Kind::CannotPlay, "cannot play " + m_name + ": " + problem, *answer.fourcc};
 }
 
 Gatekeeper::Step Gatekeeper::judgeAnswer(const SenderProbe& answer, TimeValue durationNs)

@@ -50,15 +50,15 @@ public:
         WorkerEnded,
     };
 
-    /// Whether a codec and its header can be played here.
-    using CodecTest = std::function<bool(std::uint32_t fourcc, const Buffer& header)>;
+    /// Why the announced codec cannot be played here, as the end of a sentence; empty if it can.
+    using CodecTest = std::function<std::string(const SenderProbe& answer)>;
 
     /// @param senderUser  that the sender must run as; not set: any
     /// @param pubSubOnly  whether a sender in Pipeline is refused
     Gatekeeper(
         const std::string& name,
         std::optional<uid_t> senderUser,
-        CodecTest isPlayable,
+        CodecTest findCodecProblem,
         bool pubSubOnly = false);
 
     /// Resets everything for a new start.
@@ -122,7 +122,7 @@ private:
 
     const std::string m_name; // in quotes
     const std::optional<uid_t> m_senderUser;
-    const CodecTest m_isPlayable;
+    const CodecTest m_findCodecProblem;
     const bool m_pubSubOnly;
 
     bool m_mustAsk = false;

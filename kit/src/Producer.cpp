@@ -29,6 +29,7 @@
 #include "DirectoryLock.hpp"
 #include "LibraryError.hpp"
 #include "PrivateUmask.hpp"
+#include "SharedFrames.hpp"
 #include "SocketFile.hpp"
 #include "TailWait.hpp"
 #include "UnixSockets.hpp"
@@ -124,7 +125,10 @@ int findShortage()
 class Producer::Impl
 {
 public:
-    explicit Impl(ProducerOptions options) : m_options(std::move(options)) {}
+    explicit Impl(ProducerOptions options)
+        : m_options(std::move(options)), m_shared(m_options.sharedMemory, m_options.socketMode)
+    {
+    }
 
     Status open(const StreamFormat& format);
     Status open(Payloader& payloader);
@@ -132,6 +136,11 @@ public:
     Status setFormat(Payloader& payloader);
     Status announce();
     Status send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
+    FrameMemory acquire(std::size_t size) const
+    {
+        return m_shared.acquire(size);
+    }
+
     std::size_t checkReceivers();
     Status waitForReceivers(std::size_t count, std::chrono::nanoseconds timeout);
     void interrupt(bool on);
@@ -171,7 +180,8 @@ public:
     }
 
 private:
-    Status openStream(Payloader& payloader);
+    Status open(Payloader& payloader, const std::optional<StreamFormat>& format);
+    Status openStream();
     Status openSender();
     Status initializeSender(const std::string& name);
     Status publish(const std::string& name, std::unique_ptr<Sender> sender);
@@ -179,6 +189,9 @@ private:
     void shutDown();
     template <typename Call>
     bool callSender(Call call);
+    Status setFormat(Payloader& payloader, const std::optional<StreamFormat>& format);
+    Status makeRoom(const std::optional<ByteView>& frame, TimeValue duration);
+    void usePayloader();
     Status announceNow();
     Status announceAfterInterruption();
     Status announceToNewcomers();
@@ -195,7 +208,7 @@ private:
 
     // Of the producing thread.
     PcmPayloader m_pcmPayloader;
-    Payloader* m_payloader = nullptr;     // current one, not owned
+    Payloader* m_payloader = nullptr;     // of the sender, not owned
     std::optional<StreamFormat> m_format; // unset for a payloader of the caller's
     std::string m_baseDirectory;
     DirectoryLock m_directoryLock;
@@ -208,6 +221,7 @@ private:
     std::size_t m_reportedReceivers = 0;
 
     // Of any thread.
+    SharedFrames m_shared; // by the producing thread, except for memory
     std::atomic<std::uint64_t> m_frames = 0;
     std::atomic<std::uint64_t> m_bytes = 0;
     std::atomic<std::uint64_t> m_sequences = 0;
@@ -242,36 +256,41 @@ Status Producer::Impl::open(const StreamFormat& format)
     if (Status status = check(format); !status)
         return status;
     m_pcmPayloader.setNewFormat(format.rate, format.channels, format.sampleFormat);
-    Status status = open(m_pcmPayloader);
-    if (status)
-        m_format = format;
-    return status;
+    return open(m_pcmPayloader, format);
 }
 
 Status Producer::Impl::open(Payloader& payloader)
 {
     if (Status status = checkClosed(); !status)
         return status;
+    return open(payloader, std::nullopt);
+}
+
+Status Producer::Impl::open(Payloader& payloader, const std::optional<StreamFormat>& format)
+{
     if (Status status = check(m_options); !status)
         return status;
-    m_payloader = &payloader;
-    m_format.reset();
-    Status status = openStream(payloader);
+    m_format = format;
+    m_shared.setCodec(payloader, format);
+    Status status = openStream();
     if (!status)
         shutDown();
     return status;
 }
 
-Status Producer::Impl::openStream(Payloader& payloader)
+Status Producer::Impl::openStream()
 {
     if (Status status = openSender(); !status)
         return status;
     // The sooner it comes, the fewer receivers have joined that could miss it. In Pipeline it waits
     // for those that are joining.
-    m_sender->setCurrentPayloader(payloader);
+    usePayloader();
     if (Status status = announceNow(); !status)
         return status;
     if (Status status = protectStream(); !status)
+        return status;
+    // The name of shared memory is known only now.
+    if (Status status = makeRoom(std::nullopt, 0); !status)
         return status;
     return checkUsable();
 }
@@ -384,22 +403,44 @@ Status Producer::Impl::setFormat(const StreamFormat& format)
     if (Status status = check(format); !status)
         return status;
     m_pcmPayloader.setNewFormat(format.rate, format.channels, format.sampleFormat);
-    Status status = setFormat(m_pcmPayloader);
-    m_format = format;
-    return status;
+    return setFormat(m_pcmPayloader, format);
 }
 
 Status Producer::Impl::setFormat(Payloader& payloader)
 {
     if (Status status = checkUsable(); !status)
         return status;
-    m_format.reset();
-    if (m_payloader != &payloader)
-    {
-        m_payloader = &payloader;
-        m_sender->setCurrentPayloader(payloader);
-    }
+    return setFormat(payloader, std::nullopt);
+}
+
+Status Producer::Impl::setFormat(Payloader& payloader, const std::optional<StreamFormat>& format)
+{
+    m_format = format;
+    m_shared.setCodec(payloader, format);
+    usePayloader();
+    if (Status status = announceNow(); !status)
+        return status;
+    return makeRoom(std::nullopt, 0);
+}
+
+/// Announces again if frames begin to travel in shared memory, in other memory, or not any more.
+Status Producer::Impl::makeRoom(const std::optional<ByteView>& frame, TimeValue duration)
+{
+    std::string notice;
+    const bool hasChanged = m_shared.makeRoom(frame, duration, m_socketFile, notice);
+    if (!notice.empty())
+        notify(notice);
+    if (!hasChanged)
+        return {};
+    usePayloader();
     return announceNow();
+}
+
+void Producer::Impl::usePayloader()
+{
+    Payloader* const payloader = &m_shared.getPayloader();
+    if (std::exchange(m_payloader, payloader) != payloader)
+        m_sender->setCurrentPayloader(*payloader);
 }
 
 Status Producer::Impl::announce()
@@ -418,6 +459,11 @@ Status Producer::Impl::send(TimeValue timestamp, TimeValue duration, const ByteV
             ErrorCode::InvalidArgument,
             std::to_string(mediaData.size()) + " bytes of media data are not a whole number of " +
                 "samples of " + std::to_string(m_format->getBytesPerSample()) + " bytes"};
+    if (m_shared.isActive())
+    {
+        if (Status status = makeRoom(mediaData, duration); !status)
+            return status;
+    }
     if (m_announcementsDue > 0)
     {
         if (Status status = announceAfterInterruption(); !status)
@@ -643,10 +689,15 @@ void Producer::Impl::shutDown()
     if (m_sender == nullptr)
         return;
     if (isForkedCopy(m_process)) // another thread may have held the lock, or waited
+    {
         makeAnew(m_mutex, m_stopRequested);
+        m_shared.abandon();
+    }
     m_sender->shutdownSender();
+    m_shared.close();
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_sender.reset();
+    m_payloader = nullptr;
     m_lastFrame.reset();
     m_directoryLock = {};
     m_count.reset();
@@ -756,6 +807,11 @@ Status Producer::send(TimeValue timestamp, TimeValue duration, const ByteView& m
 {
     const Impl::Use use(*m_impl);
     return m_impl->send(timestamp, duration, mediaData);
+}
+
+FrameMemory Producer::acquire(std::size_t size)
+{
+    return m_impl->acquire(size);
 }
 
 std::size_t Producer::checkReceivers()

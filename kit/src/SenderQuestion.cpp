@@ -18,6 +18,7 @@
 #include <vlx/VlxPayload.hpp>
 
 #include "ChannelCheck.hpp"
+#include "FrameRing.hpp"
 #include "base/AbstractName.hpp"
 #include "base/Connection.hpp"
 #include "base/LittleEndian.hpp"
@@ -48,6 +49,13 @@ void takeSequenceInfo(const Buffer& packet, SenderProbe& answer)
     answer.sequenceNr = parsePacketSequenceNr(packet);
     answer.fourcc = ByteCursor(ByteView(packet), 4).read<std::uint32_t>();
     answer.codecHeader.assign(packet.begin() + SequenceInfoHeaderBytes, packet.end());
+    auto shared = answer.fourcc == RingFourcc ? parseRingHeader(answer.codecHeader) : std::nullopt;
+    if (shared)
+    {
+        answer.ring = std::move(shared->layout);
+        answer.fourcc = shared->fourcc;
+        answer.codecHeader = std::move(shared->codecHeader);
+    }
     PcmDepayloader depayloader;
     if (answer.fourcc == PcmFourcc && depayloader.processCodecHeader(answer.codecHeader))
         answer.format = {

@@ -239,6 +239,7 @@ struct ConsumerStatistics
     std::uint64_t reconnects = 0;  ///< connections after the first
     std::uint64_t stalls = 0;      ///< connections left because no frames came
     std::uint64_t dropped = 0;     ///< frames dropped because the queue was full
+    std::uint64_t lost = 0;        ///< frames overwritten in shared memory before they were read
     /// Nanoseconds from start(), or from the loss of the previous connection, to the first frame of
     /// the current or last connection; 0 before that frame.
     TimeValue joinNs = 0;

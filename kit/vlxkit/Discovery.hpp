@@ -19,6 +19,30 @@
 namespace vlx::kit
 {
 
+/// File of shared memory that holds the frames of a stream: slots of equal size, each with a head
+/// and one frame.
+struct RingLayout
+{
+    std::string name;            ///< of the file in "/dev/shm"
+    std::uint32_t numSlots = 0;  ///< frames in the file, at least 2
+    std::uint64_t slotBytes = 0; ///< bytes of a frame with its head
+
+    /// Every field.
+    bool operator==(const RingLayout&) const = default;
+
+    /// @return path of the file
+    std::string getPath() const
+    {
+        return "/dev/shm/" + name;
+    }
+
+    /// @return size of the file
+    std::uint64_t getFileBytes() const
+    {
+        return numSlots * slotBytes;
+    }
+};
+
 /// What somebody who holds a stream's name answered, and what that means for this user.
 struct SenderProbe
 {
@@ -39,6 +63,8 @@ struct SenderProbe
     std::optional<std::uint32_t> fourcc;
     /// The codec's header as it was sent.
     Buffer codecHeader;
+    /// Set if the frames lie in shared memory; codec, header and format are those of the frames.
+    std::optional<RingLayout> ring;
     /// Set if the codec is PCM and its header is valid.
     std::optional<StreamFormat> format;
     /// Path of the main channel's socket file; empty if no sender announces such a URI: the

@@ -31,6 +31,60 @@ enum class SocketMode
     All,
 };
 
+/// How the frames of a stream travel.
+enum class Carriage
+{
+    /// In packets: every receiver can read them.
+    Inline,
+    /// In shared memory, and packets say only where: far faster from some kilobytes up. Only
+    /// consumers of the kit on this machine can read them, with the same "/dev/shm".
+    Shared,
+    /// Shared if the nominal frame of the format has at least 4096 bytes, otherwise inline.
+    Automatic,
+};
+
+/// Options of frames in shared memory. The memory is reserved when the stream opens, or with the
+/// first frame of unknown size. Without enough of it the frames travel inline, with a notice.
+struct SharedMemory
+{
+    Carriage carriage = Carriage::Inline; ///< of the frames
+    /// Nominal size of a frame, as its payloader wraps it; 0: unknown, or for PCM that of
+    /// `frameDuration`. A larger frame makes the producer open larger memory.
+    std::size_t frameBytes = 0;
+    std::chrono::nanoseconds frameDuration{0}; ///< nominal; zero: that of the first frame
+    /// How long a frame can be read after it was sent, at least for four frames. A receiver that
+    /// is later than that loses the frame.
+    std::chrono::nanoseconds span = std::chrono::milliseconds(100);
+    /// Largest memory, at most 1 GiB; the span is shorter if that is too little for it.
+    std::size_t maxBytes = 64 << 20;
+};
+
+/// Memory for one frame, from Producer::acquire(). Copies share it; it may outlive the producer.
+struct FrameMemory
+{
+    std::shared_ptr<std::uint8_t[]> data; ///< to be filled; aligned for vector instructions
+    std::size_t size = 0;                 ///< bytes
+
+    /// @return all of it, as Producer::send() takes it
+    operator ByteView() const // NOLINT(google-explicit-constructor): it is one
+    {
+        return {data.get(), size};
+    }
+};
+
+/// Payloader of a codec whose frames travel unchanged. With it, as with PCM, frames in shared
+/// memory are not copied once more.
+class VLX_API PlainPayloader : public Payloader
+{
+public:
+    /// @param fourcc       code of the codec
+    /// @param codecHeader  announced with every sequence
+    PlainPayloader(std::uint32_t fourcc, const ByteView& codecHeader) : Payloader(fourcc)
+    {
+        m_codecHeader.assign(codecHeader.begin(), codecHeader.end());
+    }
+};
+
 /// Options of a Producer.
 struct ProducerOptions
 {
@@ -53,7 +107,9 @@ struct ProducerOptions
     std::string baseDirectory = {};
     /// Scheduling of the stream's threads.
     RealTime realTime = {};
-    /// Receives informational messages, one line each, on the thread that calls open(). Not set:
+    /// How frames travel.
+    SharedMemory sharedMemory = {};
+    /// Receives informational messages, one line each, on the thread that opens and sends. Not set:
     /// they go to the logger "Vellox.Kit" as WARN.
     std::function<void(const std::string&)> onNotice = {};
     /// Receives the number of joined receivers each time it has changed, on the thread that sends:
@@ -141,6 +197,14 @@ public:
     /// @return NotOpen, Stopped, Interrupted, or InvalidArgument if the media data ends within a
     ///         sample: the frame was not sent
     VLX_API Status send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
+
+    /// Returns memory for a frame: with shared memory a part of that, which send() then does not
+    /// copy; ordinary memory otherwise, and while half of the shared memory is handed out. Fill it,
+    /// then send it, or a part of it, before it is destroyed; leave it unchanged after that.
+    ///
+    /// @param size  bytes
+    /// @thread any
+    VLX_API FrameMemory acquire(std::size_t size);
 
     /// Opens another sequence for receivers that have just joined, as send() does. Call it every
     /// few milliseconds while nothing is sent.

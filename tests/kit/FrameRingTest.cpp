@@ -123,7 +123,7 @@ TEST_F(FrameRingTest, ChoosesSlotsThatHaveRoom)
     {
         const auto layout = chooseRingLayout(row.frameBytes, row.numFrames, row.maxBytes);
         EXPECT_EQ(layout ? layout->numSlots : 0, row.numSlots) << row.frameBytes;
-        EXPECT_TRUE(!layout || layout->getCapacity() >= row.frameBytes);
+        EXPECT_TRUE(!layout || getRingCapacity(*layout) >= row.frameBytes);
     }
 }
 
@@ -182,7 +182,7 @@ TEST_F(FrameRingTest, SlotsAreFilledInPlaceAndHalfOfThemServeCopies)
     EXPECT_TRUE(reader.read(whole, bytes)) << "until its slot is used again";
     first = ring->takeSlot();
     ASSERT_TRUE(first);
-    const RingPlace beyond = ring->publish({first.get(), ring->getLayout().getCapacity()});
+    const RingPlace beyond = ring->publish({first.get(), getRingCapacity(ring->getLayout())});
     EXPECT_EQ(beyond.offset, 0U);
 
     ring->remove();
@@ -195,7 +195,7 @@ TEST_F(FrameRingTest, PlacesOutsideAreLost)
     const auto ring = makeRing(5000, 4);
     RingReader reader;
     ASSERT_EQ(reader.open(ring->getLayout(), ::geteuid()), "");
-    const std::uint64_t capacity = ring->getLayout().getCapacity();
+    const std::uint64_t capacity = getRingCapacity(ring->getLayout());
     Buffer bytes;
     const RingPlace good = ring->publish(makeFrame(capacity, 7));
     EXPECT_TRUE(reader.read(good, bytes));

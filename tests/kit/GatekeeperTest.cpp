@@ -72,8 +72,9 @@ protected:
     SenderProbe m_rude;      // closes without a greeting
     SenderProbe m_busy;
     SenderProbe m_gone; // not reached
-    Gatekeeper m_gate{
-        "x", std::nullopt, [](std::uint32_t fourcc, const Buffer&) { return fourcc == Playable; }};
+    Gatekeeper m_gate{"x", std::nullopt, [](const SenderProbe& answer) {
+                          return answer.fourcc == Playable ? "" : "no codec";
+                      }};
 };
 
 TEST_F(GatekeeperTest, JudgesAnswersOneAfterTheOther)
@@ -230,7 +231,7 @@ TEST_F(GatekeeperTest, ARefusalOfTheReceiverIsToldAfterFiveChecks)
 TEST_F(GatekeeperTest, TakesTheRightUserAndProtocolOnly)
 {
     const uid_t user = ::geteuid();
-    const auto isPlayable = [](std::uint32_t, const Buffer&) { return true; };
+    const auto isPlayable = [](const SenderProbe&) { return std::string(); };
     EXPECT_TRUE(Gatekeeper("x", user, isPlayable).judgeAnswer(m_good, 0).joins);
     Gatekeeper other("x", user + 1, isPlayable);
     const auto obstacle =

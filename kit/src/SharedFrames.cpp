@@ -1,0 +1,160 @@
+#include "SharedFrames.hpp"
+
+#include <algorithm>
+#include <utility>
+
+#include <sys/stat.h>
+
+namespace vlx::kit
+{
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+// Smaller frames are as young in a packet.
+constexpr std::size_t AutomaticMinBytes = 4096;
+
+constexpr std::uint64_t MinFrames = 4;
+// Of frames without a duration.
+constexpr std::uint64_t DefaultFrames = 16;
+
+// Far longer than a receiver takes to join with an announcement that names the former ring.
+constexpr auto FormerRingTime = std::chrono::seconds(1);
+
+constexpr mode_t toRingMode(SocketMode mode)
+{
+    switch (mode)
+    {
+    case SocketMode::Owner:
+        break;
+    case SocketMode::Group:
+        return 0640;
+    case SocketMode::All:
+        return 0644;
+    }
+    return 0600;
+}
+
+/// @return group of the sender's directory, and so of its socket file
+gid_t findGroup(const std::string& socketFile)
+{
+    struct stat status = {};
+    const std::string directory = socketFile.substr(0, socketFile.rfind('/'));
+    return ::stat(directory.c_str(), &status) == 0 ? status.st_gid : ::getegid();
+}
+
+} // unnamed namespace
+
+void SharedFrames::setCodec(Payloader& payloader, const std::optional<StreamFormat>& format)
+{
+    m_payloader = &payloader;
+    m_frameNs = static_cast<TimeValue>(m_options.frameDuration.count());
+    m_nominalBytes = m_options.frameBytes;
+    if (m_nominalBytes == 0 && format)
+        m_nominalBytes = format->toSamples(m_frameNs) * format->getBytesPerSample();
+    m_isWanted = m_options.carriage == Carriage::Shared ||
+                 (m_options.carriage == Carriage::Automatic && m_nominalBytes >= AutomaticMinBytes);
+    if (!m_isWanted)
+        setRing(nullptr);
+    else if (m_ring)
+        m_ringPayloader.use(payloader, m_ring);
+}
+
+bool SharedFrames::makeRoom(
+    const std::optional<ByteView>& frame,
+    TimeValue duration,
+    const std::string& socketFile,
+    std::string& notice)
+{
+    if (m_formerRing && Clock::now() - m_formerSince > FormerRingTime)
+        removeFormerRing();
+    if (!m_isWanted || (!frame && m_nominalBytes == 0))
+        return false;
+    const std::size_t size = frame ? m_payloader->getSizeForWrappedFrame(*frame) : m_nominalBytes;
+    if (m_ring && size <= getRingCapacity(m_ring->getLayout()) && m_ring->isLinked())
+        return false;
+    m_frameNs = duration != 0 ? duration : m_frameNs;
+    std::string problem;
+    std::shared_ptr<FrameRing> ring = makeRing(size, socketFile, problem);
+    if (!ring)
+        notice = "frames are not shared in memory but sent in packets: " + problem;
+    m_isWanted = ring != nullptr;
+    const bool hasChanged = ring || m_ring;
+    setRing(std::move(ring));
+    return hasChanged;
+}
+
+std::shared_ptr<FrameRing>
+SharedFrames::makeRing(std::size_t frameBytes, const std::string& socketFile, std::string& problem)
+{
+    std::optional<RingLayout> layout;
+    if (m_ring) // frames of growing size soon have room
+        layout = chooseRingLayout(
+            std::max(frameBytes, 2 * getRingCapacity(m_ring->getLayout())), countFrames(),
+            m_options.maxBytes);
+    if (!layout || layout->numSlots < MinFrames)
+        layout = chooseRingLayout(frameBytes, countFrames(), m_options.maxBytes);
+    if (!layout)
+    {
+        problem = "two frames of " + std::to_string(frameBytes) + " bytes do not fit into " +
+                  std::to_string(std::min<std::uint64_t>(m_options.maxBytes, MaxRingBytes)) +
+                  " bytes";
+        return nullptr;
+    }
+    layout->name = makeRingName(socketFile, ++m_numRings);
+    return FrameRing::make(*layout, toRingMode(m_mode), findGroup(socketFile), problem);
+}
+
+std::uint64_t SharedFrames::countFrames() const
+{
+    const auto span = static_cast<TimeValue>(m_options.span.count());
+    return m_frameNs == 0 ? DefaultFrames : std::max(MinFrames, span / m_frameNs + 1);
+}
+
+void SharedFrames::setRing(std::shared_ptr<FrameRing> ring)
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        std::swap(m_ring, ring);
+    }
+    if (m_ring)
+        m_ringPayloader.use(*m_payloader, m_ring);
+    else
+        m_ringPayloader.forget();
+    if (!ring)
+        return;
+    removeFormerRing();
+    m_formerRing = std::move(ring);
+    m_formerSince = Clock::now();
+}
+
+void SharedFrames::removeFormerRing()
+{
+    if (m_formerRing)
+        m_formerRing->remove();
+    m_formerRing.reset();
+}
+
+FrameMemory SharedFrames::acquire(std::size_t size) const
+{
+    std::shared_ptr<FrameRing> ring;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        ring = m_ring;
+    }
+    std::shared_ptr<std::uint8_t[]> slot;
+    if (ring && size <= getRingCapacity(ring->getLayout()))
+        slot = ring->takeSlot();
+    return {slot ? slot : std::make_shared_for_overwrite<std::uint8_t[]>(size), size};
+}
+
+void SharedFrames::close()
+{
+    setRing(nullptr);
+    removeFormerRing();
+    m_numRings = 0;
+}
+
+} // namespace vlx::kit

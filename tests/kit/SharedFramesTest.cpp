@@ -1,0 +1,432 @@
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <future>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <CodecRelay.hpp>
+#include <RingCodec.hpp>
+#include <base/SenderDirectory.hpp>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <vlxkit/Consumer.hpp>
+#include <vlxkit/Discovery.hpp>
+#include <vlxkit/Producer.hpp>
+
+#include "support/RawPeers.hpp"
+#include "support/VlxTest.hpp"
+
+namespace vlx::kit
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using namespace vlx::testing;
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using Kind = ConsumerEvent::Kind;
+
+constexpr StreamFormat Format{audioUtils::PcmFormat::S16LE, 48000, 2};
+constexpr std::uint32_t PlainFourcc = 0x4E494C50;
+constexpr std::uint32_t FlipFourcc = 0x50494C46;
+constexpr TimeValue FrameNs = 10'000'000;
+
+Buffer makeFrame(std::size_t size, std::uint64_t number)
+{
+    return Buffer(size, static_cast<std::uint8_t>(number));
+}
+
+Buffer flip(const ByteView& bytes)
+{
+    Buffer flipped(bytes.begin(), bytes.end());
+    for (std::uint8_t& byte : flipped)
+        byte ^= 0xFF;
+    flipped.push_back(0);
+    return flipped;
+}
+
+/// Changes the bytes of a frame, and adds one.
+class FlipPayloader : public Payloader
+{
+public:
+    FlipPayloader() : Payloader(FlipFourcc) {}
+
+    std::size_t getSizeForWrappedFrame(const ByteView& mediaData) const override
+    {
+        return mediaData.size() + 1;
+    }
+
+    void wrapFrame(Buffer& packet, std::size_t packetOffset, const ByteView& mediaData) override
+    {
+        const Buffer flipped = flip(mediaData);
+        std::ranges::copy(flipped, packet.begin() + static_cast<std::ptrdiff_t>(packetOffset));
+    }
+};
+
+class FlipDepayloader : public Depayloader
+{
+public:
+    FlipDepayloader() : Depayloader(FlipFourcc) {}
+
+    bool processCodecHeader(const ByteView& /*codecHeader*/) override
+    {
+        return true;
+    }
+
+    Buffer unwrapFrame(const ByteView& payload) override
+    {
+        Buffer bytes = flip(payload.subspan(0, payload.size() - 1));
+        bytes.pop_back();
+        return bytes;
+    }
+};
+
+class SharedFramesTest : public VlxTest
+{
+protected:
+    ProducerOptions makeOptions(SharedMemory memory = {.carriage = Carriage::Shared})
+    {
+        memory.frameDuration = std::chrono::nanoseconds(FrameNs);
+        return {
+            .name = getSocketName(),
+            .sharedMemory = memory,
+            .onNotice = [this](const std::string& notice) { m_notices.push_back(notice); }};
+    }
+
+    /// Sends frames of one size, each filled with its own number, and reads each one.
+    void exchange(Producer& producer, Consumer& consumer, std::size_t size, bool inPlace = false)
+    {
+        for (int i = 0; i < 6; ++i)
+        {
+            const Buffer bytes = makeFrame(size, ++m_number);
+            const TimeValue timestamp = m_number * FrameNs;
+            const FrameMemory memory = producer.acquire(inPlace ? size : 0);
+            ASSERT_EQ(memory.size, inPlace ? size : 0);
+            std::ranges::copy(
+                bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(memory.size),
+                memory.data.get());
+            const Status sent =
+                producer.send(timestamp, FrameNs, inPlace ? ByteView(memory) : ByteView(bytes));
+            ASSERT_TRUE(sent) << sent.getText();
+            const auto frame = readFrame(consumer);
+            ASSERT_TRUE(frame) << "frame " << m_number << " of " << size << " bytes";
+            EXPECT_EQ(frame->timestamp, timestamp);
+            EXPECT_EQ(frame->gapNs, 0);
+            EXPECT_TRUE(frame->data == bytes) << "frame " << m_number << " of " << size << " bytes";
+        }
+    }
+
+    std::optional<ReceivedFrame> readFrame(Consumer& consumer)
+    {
+        while (auto item = consumer.read(DefaultDeadline))
+        {
+            if (auto* const frame = std::get_if<ReceivedFrame>(&*item))
+                return std::move(*frame);
+            if (std::holds_alternative<StreamFormat>(*item) ||
+                std::holds_alternative<CodecFormat>(*item))
+                ++m_numFormats;
+            else
+                m_events.push_back(std::get<ConsumerEvent>(*item));
+        }
+        return std::nullopt;
+    }
+
+    /// @return names of the rings of a sender, in order
+    static std::vector<std::string> listRings(const std::string& socketFile)
+    {
+        const std::string first = makeRingName(socketFile, 1);
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator("/dev/shm"))
+        {
+            const std::string name = entry.path().filename().string();
+            if (name.starts_with(first))
+                names.push_back(name.substr(first.size()));
+        }
+        std::ranges::sort(names);
+        return names;
+    }
+
+    std::vector<std::string> m_notices;
+    std::vector<ConsumerEvent> m_events;
+    std::uint64_t m_number = 0;
+    int m_numFormats = 0;
+};
+
+TEST_F(SharedFramesTest, ConsumersReadBothCarriages)
+{
+    struct Row
+    {
+        SharedMemory memory;
+        std::size_t size;
+        bool isShared;
+        Payloader* payloader = nullptr; // null: PCM
+        bool inPlace = false;
+        SocketMode mode = SocketMode::Owner;
+        mode_t ringMode = 0600;
+    };
+    PlainPayloader plain(PlainFourcc, Buffer{1, 2, 3});
+    FlipPayloader flipping;
+    const SharedMemory shared{.carriage = Carriage::Shared};
+    const SharedMemory automatic{.carriage = Carriage::Automatic};
+    const SharedMemory large{.carriage = Carriage::Automatic, .frameBytes = 4096};
+    const SharedMemory small{.carriage = Carriage::Automatic, .frameBytes = 4095};
+    for (const Row& row : std::vector<Row>{
+             {{}, 1920, false},
+             {{}, 100'000, false, nullptr, true},
+             {shared, 1920, true},
+             {shared, 0, true},
+             {shared, 100'000, true, nullptr, true},
+             {shared, 100'000, true, &plain, true, SocketMode::Group, 0640},
+             {shared, 100'000, true, &plain, false, SocketMode::All, 0644},
+             {shared, 100'000, true, &flipping},
+             {shared, 100'000, true, &flipping, true},
+             {automatic, 1920, false}, // 10 ms of PCM
+             {automatic, 100'000, false, &plain},
+             {large, 100'000, true, &plain},
+             {small, 100'000, false, &plain}})
+    {
+        SCOPED_TRACE(
+            ::testing::Message() << static_cast<int>(row.memory.carriage) << " " << row.size << " "
+                                 << row.inPlace);
+        ProducerOptions options = makeOptions(row.memory);
+        options.socketMode = row.mode;
+        Producer producer(options);
+        ASSERT_TRUE(
+            row.payloader != nullptr ? producer.open(*row.payloader) : producer.open(Format));
+        FlipDepayloader depayloader;
+        Consumer consumer({.name = getSocketName(), .anyCodec = true});
+        consumer.addDepayloader(depayloader);
+        m_numFormats = 0;
+        ASSERT_TRUE(consumer.start());
+        ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
+        exchange(producer, consumer, row.size, row.inPlace);
+        EXPECT_EQ(m_numFormats, 1);
+        EXPECT_EQ(consumer.getStatistics().lost, 0U);
+
+        const SenderProbe probe = probeSender(getSocketName(), DefaultDeadline);
+        const std::string socketFile = producer.getSocketFile();
+        EXPECT_EQ(probe.ring.has_value(), row.isShared);
+        EXPECT_EQ(probe.fourcc, row.payloader != nullptr ? row.payloader->getFourcc() : PcmFourcc);
+        EXPECT_EQ(probe.format.has_value(), row.payloader == nullptr);
+        EXPECT_EQ(listRings(socketFile).empty(), !row.isShared);
+        struct stat status = {};
+        if (row.isShared && ::stat(probe.ring->getPath().c_str(), &status) == 0)
+        {
+            EXPECT_EQ(status.st_mode & 0777U, row.ringMode);
+        }
+        consumer.stop();
+        producer.close();
+        EXPECT_THAT(listRings(socketFile), IsEmpty());
+    }
+    EXPECT_THAT(m_notices, IsEmpty());
+}
+
+TEST_F(SharedFramesTest, LargerFramesGetALargerRingOrTravelInline)
+{
+    Producer producer(makeOptions({.carriage = Carriage::Shared, .maxBytes = 4 << 20}));
+    PlainPayloader plain(PlainFourcc, {});
+    ASSERT_TRUE(producer.open(plain));
+    Consumer consumer({.name = getSocketName(), .anyCodec = true});
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
+    const std::string socketFile = producer.getSocketFile();
+    EXPECT_THAT(listRings(socketFile), IsEmpty()) << "the size is not known yet";
+    const FrameMemory kept = producer.acquire(1000);
+    exchange(producer, consumer, 3000);
+    EXPECT_THAT(listRings(socketFile), ElementsAre(""));
+    const FrameMemory inFormerRing = producer.acquire(3000);
+    exchange(producer, consumer, 100'000);
+    EXPECT_THAT(listRings(socketFile), ElementsAre("", ".2")) << "receivers may be joining";
+    std::fill_n(inFormerRing.data.get(), inFormerRing.size, std::uint8_t{7});
+    ASSERT_TRUE(producer.send(++m_number * FrameNs, FrameNs, inFormerRing));
+    const auto frame = readFrame(consumer);
+    ASSERT_TRUE(frame);
+    EXPECT_TRUE(frame->data == makeFrame(3000, 7));
+    exchange(producer, consumer, 150'000);
+    EXPECT_THAT(listRings(socketFile), ElementsAre(".2", ".3"));
+    exchange(producer, consumer, 200'000);
+    EXPECT_THAT(listRings(socketFile), ElementsAre(".2", ".3")) << "has room for growing frames";
+    EXPECT_TRUE(waitFor(
+        [&]
+        {
+            exchange(producer, consumer, 100);
+            return HasFailure() || listRings(socketFile).size() == 1;
+        }));
+    EXPECT_THAT(m_notices, IsEmpty());
+    exchange(producer, consumer, 2'500'000);
+    EXPECT_THAT(m_notices, ElementsAre(HasSubstr("two frames of 2500000 bytes do not fit")));
+    EXPECT_FALSE(probeSender(getSocketName(), DefaultDeadline).ring);
+    exchange(producer, consumer, 100);
+    EXPECT_EQ(m_notices.size(), 1U);
+    EXPECT_EQ(m_numFormats, 1) << "the format has never changed";
+    consumer.stop();
+    producer.close();
+    EXPECT_THAT(listRings(socketFile), IsEmpty());
+}
+
+TEST_F(SharedFramesTest, LateReaderLosesExactlyWhatIsOverwritten)
+{
+    constexpr std::size_t Size = 50'000;
+    constexpr std::uint64_t NumFrames = 400;
+    constexpr std::uint64_t Last = NumFrames + 1;
+    std::promise<void> resume;
+    std::shared_future<void> resumed = resume.get_future();
+    std::promise<void> end;
+    std::uint64_t numReceived = 0;
+    std::uint64_t numMixed = 0;
+    std::uint64_t first = 0;
+    std::int64_t gapNs = 0;
+    Consumer consumer(
+        {.name = getSocketName()}, {.onFrame = [&](const Frame& frame)
+                                    {
+                                        const std::uint64_t number = frame.timestamp / FrameNs;
+                                        numMixed += frame.data != makeFrame(Size, number) ? 1U : 0U;
+                                        gapNs += frame.gapNs;
+                                        if (++numReceived == 1)
+                                        {
+                                            first = number;
+                                            resumed.wait();
+                                        }
+                                        if (number == Last)
+                                            end.set_value();
+                                    }});
+    Producer producer(makeOptions({.carriage = Carriage::Shared, .span = 0ns}));
+    ASSERT_TRUE(producer.open(Format));
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
+    for (std::uint64_t number = 1; number <= NumFrames; ++number)
+        ASSERT_TRUE(producer.send(number * FrameNs, FrameNs, makeFrame(Size, number)));
+    resume.set_value();
+    // The packets that have waited are read before the last one is sent.
+    EXPECT_TRUE(waitFor([&] { return consumer.getStatistics().lost > 0; }));
+    std::future<void> ended = end.get_future();
+    EXPECT_TRUE(waitFor(
+        [&]
+        {
+            EXPECT_TRUE(producer.send(Last * FrameNs, FrameNs, makeFrame(Size, Last)));
+            return ended.wait_for(10ms) == std::future_status::ready;
+        }));
+    consumer.stop();
+    producer.close();
+    EXPECT_EQ(numMixed, 0U);
+    const ConsumerStatistics statistics = consumer.getStatistics();
+    EXPECT_GT(statistics.lost, 0U);
+    EXPECT_EQ(statistics.frames + static_cast<std::uint64_t>(gapNs) / FrameNs, Last - first + 1)
+        << "received " << statistics.frames << ", lost in the ring " << statistics.lost;
+}
+
+TEST_F(SharedFramesTest, MissingRingIsReportedAndMadeAnew)
+{
+    Producer producer(makeOptions({.carriage = Carriage::Shared, .frameBytes = 10'000}));
+    ASSERT_TRUE(producer.open(Format));
+    const std::string socketFile = producer.getSocketFile();
+    const std::string path = probeSender(getSocketName(), DefaultDeadline).ring.value().getPath();
+    ASSERT_EQ(::unlink(path.c_str()), 0);
+    Consumer consumer({.name = getSocketName()});
+    ASSERT_TRUE(consumer.start());
+    std::optional<ConsumerEvent> event;
+    ASSERT_TRUE(waitFor(
+        [&]
+        {
+            while (auto item = consumer.read(0ns))
+                event = std::get<ConsumerEvent>(*item);
+            return event && event->kind == Kind::CannotPlay;
+        }));
+    EXPECT_THAT(event->text, HasSubstr(path + "\": the file is missing"));
+    EXPECT_EQ(event->fourcc, PcmFourcc);
+    EXPECT_TRUE(waitFor(
+        [&]
+        {
+            ++m_number;
+            EXPECT_TRUE(producer.send(m_number * FrameNs, FrameNs, makeFrame(10'000, m_number)));
+            const auto item = consumer.read(10ms);
+            return item && std::holds_alternative<ReceivedFrame>(*item);
+        }));
+    EXPECT_THAT(listRings(socketFile), ElementsAre(".2"));
+    consumer.stop();
+    producer.close();
+}
+
+TEST_F(SharedFramesTest, KilledProducerLeavesNothingForLong)
+{
+    Consumer consumer({.name = getSocketName()});
+    ASSERT_TRUE(consumer.start());
+    std::string socketFile;
+    for (int round = 0; round < 3; ++round)
+    {
+        const pid_t child = ::fork();
+        if (child == 0)
+        {
+            Producer producer(makeOptions({.carriage = Carriage::Shared, .frameBytes = 1'000'000}));
+            if (!producer.open(Format))
+                ::_exit(1);
+            for (std::uint64_t number = 1;; ++number)
+            {
+                const auto sent =
+                    producer.send(number * FrameNs, FrameNs, makeFrame(1'000'000, number));
+                if (!sent)
+                    ::_exit(2);
+            }
+        }
+        std::optional<ReceivedFrame> frame;
+        for (int i = 0; i < 5; ++i)
+        {
+            frame = readFrame(consumer);
+            ASSERT_TRUE(frame);
+            EXPECT_TRUE(frame->data == makeFrame(1'000'000, frame->timestamp / FrameNs));
+        }
+        socketFile = probeSender(getSocketName(), DefaultDeadline).socketFile;
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+        EXPECT_THAT(listRings(socketFile), ElementsAre("")) << "nobody could remove it";
+        // What was sent just before can still be read, or is lost, but never mixed.
+        do
+        {
+            const auto item = consumer.read(DefaultDeadline);
+            ASSERT_TRUE(item);
+            const auto* const next = std::get_if<ReceivedFrame>(&*item);
+            if (next == nullptr)
+                break;
+            EXPECT_TRUE(next->data == makeFrame(1'000'000, next->timestamp / FrameNs));
+        } while (true);
+    }
+    Producer producer(makeOptions());
+    ASSERT_TRUE(producer.open(Format));
+    EXPECT_THAT(listRings(socketFile), IsEmpty()) << "the next one cleans up";
+    producer.close();
+    consumer.stop();
+}
+
+TEST_F(SharedFramesTest, DepayloaderSurvivesFramesAfterARefusedHeader)
+{
+    PcmRelay pcm;
+    RingDepayloader depayloader([&](std::uint32_t fourcc)
+                                { return fourcc == PcmFourcc ? &pcm : nullptr; });
+    Buffer payload;
+    writeRingPlace({0, 0, 1, 1}, payload, 0);
+    const RingLayout layout{"vlx-nobody", 4, 8192};
+    for (const Buffer& header :
+         {Buffer(), produceRingHeader({layout, 1}), produceRingHeader({layout, PcmFourcc})})
+    {
+        EXPECT_FALSE(depayloader.processCodecHeader(header));
+        for (const Buffer& bytes : {payload, Buffer()})
+        {
+            depayloader.unwrapFrame(bytes);
+            EXPECT_TRUE(depayloader.takeLoss());
+            EXPECT_FALSE(depayloader.takeLoss());
+        }
+    }
+}
+
+} // unnamed namespace
+
+} // namespace vlx::kit
