@@ -108,6 +108,18 @@ public:
         return m_text;
     }
 
+    /// Waits until a text is printed, at or after the one that was waited for before.
+    bool shows(const std::string& text)
+    {
+        std::size_t place = 0;
+        const auto hasText = [&]
+        { return (place = read().find(text, m_seen)) != std::string::npos; };
+        const bool found = waitFor(hasText);
+        EXPECT_TRUE(found) << text << "\n" << m_text.substr(m_seen);
+        m_seen = found ? place : m_seen;
+        return found;
+    }
+
     void pressCtrlC() const
     {
         EXPECT_EQ(::write(m_terminalFD, "\x03", 1), 1);
@@ -133,6 +145,7 @@ private:
     int m_terminalFD = -1;
     pid_t m_pid = -1;
     std::string m_text;
+    std::size_t m_seen = 0; // where the text began that was waited for
 };
 
 } // unnamed namespace
@@ -534,29 +547,17 @@ TEST_F(LookTest, MonitorWithoutNamesShowsStreamsAsTheyComeAndGo)
     if (!runsAlone())
         return;
     TerminalRun monitor({"monitor"});
-    std::size_t seen = 0;
-    const auto shows = [&](const std::string& text)
-    {
-        const bool found = waitFor(
-            [&]
-            {
-                const std::size_t place = monitor.read().find(text, seen);
-                seen = place == std::string::npos ? seen : place;
-                return place != std::string::npos;
-            });
-        EXPECT_TRUE(found) << text << monitor.read().substr(seen);
-    };
-    shows("no sender on this machine");
+    monitor.shows("no sender on this machine");
     ToolProcess shared(send({"--silence"}));
-    shows("  running  ");
+    monitor.shows("  running  ");
     EXPECT_EQ(shared.stop(), 128 + SIGTERM);
-    shows("  gone  ");
+    monitor.shows("  gone  ");
     // The next sender of the name is not joined.
     ToolProcess single(send({"--silence", "--protocol", "pipeline"}));
-    shows("  pipeline, not joined  S16LE");
+    monitor.shows("  pipeline, not joined  S16LE");
     EXPECT_EQ(single.stop(), 128 + SIGTERM);
-    shows("  gone  ");
-    shows("no sender on this machine");
+    monitor.shows("  gone  ");
+    monitor.shows("no sender on this machine");
     monitor.pressCtrlC();
     EXPECT_EQ(monitor.wait(0, DefaultDeadline), 128 + SIGINT);
 }
@@ -634,44 +635,28 @@ TEST_F(LookTest, MonitorFitsItsTerminal)
 
 TEST_F(LookTest, AProvidersAbsenceIsShown)
 {
-    const std::string address = makeOwnAddress();
-    auto provider = std::make_unique<ToolProcess>(
-        std::vector<std::string>{"clock", "serve", "--address", address});
-    ASSERT_TRUE(waitFor([&] { return countLines(provider->getOutput()) == 1; }));
-    std::string port = provider->getOutput().substr(address.size() + 1);
-    port.pop_back();
-
-    ToolProcess watch({"clock", "watch", address, port, "--json"});
-    ToolProcess lines({"clock", "watch", address, port});
-    const auto isWatched = [&](bool synchronized)
-    {
-        const json line = readLastLine(watch);
-        return line.value("synchronized", !synchronized) == synchronized &&
-               line["round_trip_ns"].is_number() == synchronized;
-    };
-    EXPECT_TRUE(waitFor([&] { return isWatched(true); }));
-    EXPECT_LT(std::abs(readLastLine(watch)["offset_ns"].get<double>()), 20e6); // one machine
-
-    ToolProcess sender(send({"--silence", "--clock-address", address, "--clock-port", port}));
-    ToolProcess monitor({"monitor", getSocketName(), "--json"});
-    const auto isSynchronized = [](const json& line) { return line["clock_synchronized"] == true; };
-    waitForLine(monitor, isSynchronized, "followed");
-
-    EXPECT_EQ(provider->stop(), 128 + SIGTERM);
-    EXPECT_TRUE(waitFor([&] { return isWatched(false); }));
-    EXPECT_TRUE(waitFor([&] { return contains(lines.getOutput(), "not synchronised\n"); }));
-    waitForLine(monitor, std::not_fn(isSynchronized), "lost");
-    provider = std::make_unique<ToolProcess>(
-        std::vector<std::string>{"clock", "serve", "--address", address, "--port", port});
-    EXPECT_TRUE(waitFor([&] { return isWatched(true); }));
-    waitForLine(monitor, isSynchronized, "regained");
-    EXPECT_TRUE(waitFor([&] { return contains(lines.getErrors(), "regained"); }));
-    EXPECT_TRUE(contains(lines.getErrors(), "clock watch: synchronisation lost\n"));
-
-    for (ToolProcess* const each : {&watch, &lines, &monitor, &sender, provider.get()})
-        EXPECT_EQ(each->stop(), 128 + SIGTERM);
-    ToolProcess impatient({"clock", "watch", address, port, "--timeout", "500ms"});
-    EXPECT_EQ(impatient.wait(), 3);
+    TestProvider provider;
+    provider.start(0);
+    const std::string port = std::to_string(provider.getPort());
+    const std::vector<std::string> arguments = {"clock", "watch", provider.getAddress(), port};
+    ToolProcess sender(
+        send({"--silence", "--clock-address", provider.getAddress(), "--clock-port", port}));
+    TerminalRun watch(arguments);
+    TerminalRun monitor({"monitor", getSocketName()});
+    for (TerminalRun* const run : {&watch, &monitor})
+        run->shows("synchronised, offset ");
+    provider.stop();
+    auto impatient = arguments;
+    impatient.insert(impatient.end(), {"--timeout", "200ms"});
+    EXPECT_EQ(ToolProcess(impatient).wait(), 3);
+    watch.shows("clock watch: synchronisation lost");
+    for (TerminalRun* const run : {&watch, &monitor})
+        run->shows("not synchronised");
+    provider.start(0);
+    watch.shows("clock watch: synchronisation regained");
+    for (TerminalRun* const run : {&watch, &monitor})
+        run->shows("synchronised, offset ");
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
 }
 
 TEST_F(LookTest, AClocksOffsetIsToTheMonotonicClock)
@@ -680,12 +665,20 @@ TEST_F(LookTest, AClocksOffsetIsToTheMonotonicClock)
     {
         TestProvider provider;
         provider.start(offsetNs);
-        ToolProcess watch(
-            {"clock", "watch", provider.getAddress(), std::to_string(provider.getPort()),
-             "--json"});
+        provider.stop();
+        const std::vector<std::string> arguments = {
+            "clock", "watch", provider.getAddress(), std::to_string(provider.getPort()), "--json"};
+        ToolProcess watch(arguments);
+        EXPECT_TRUE(waitFor([&] { return countLines(watch.getOutput()) == 1; }));
+        const json before = readLastLine(watch);
+        EXPECT_EQ(before["synchronized"], false);
+        EXPECT_TRUE(before["offset_ns"].is_null() && before["round_trip_ns"].is_null());
+        provider.start(offsetNs);
         EXPECT_TRUE(waitFor([&] { return readLastLine(watch)["offset_ns"].is_number(); }));
-        EXPECT_NEAR(
-            readLastLine(watch)["offset_ns"].get<double>(), static_cast<double>(offsetNs), 20e6);
+        const json line = readLastLine(watch);
+        EXPECT_NEAR(line["offset_ns"].get<double>(), static_cast<double>(offsetNs), 20e6);
+        EXPECT_EQ(line["synchronized"], true);
+        EXPECT_GT(line["round_trip_ns"], 0);
         EXPECT_EQ(watch.stop(), 128 + SIGTERM);
     }
 }
