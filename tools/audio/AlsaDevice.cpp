@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdarg>
+#include <iomanip>
+#include <sstream>
 #include <utility>
-
-#include <samplerate.h>
 
 #include <miscUtils/MiscUtils.hpp>
 
@@ -30,7 +30,11 @@ void keepSilent(const char*, int, const char*, int, const char*, ...) {}
 AlsaDevice::AlsaDevice(std::string name) : m_name(std::move(name))
 {
     ::snd_lib_error_set_handler(keepSilent);
-    check(::snd_pcm_open(&m_pcm, m_name.c_str(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK));
+    // Its converter makes what the hardware wants of the samples; their rate stays ours.
+    std::ostringstream converted;
+    converted << "plug:" << std::quoted(m_name);
+    check(
+        ::snd_pcm_open(&m_pcm, converted.str().c_str(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK));
 }
 
 AlsaDevice::~AlsaDevice()
@@ -44,12 +48,8 @@ void AlsaDevice::configure(std::uint32_t rate, std::uint32_t channels)
     snd_pcm_hw_params_alloca(&hardware);
     check(::snd_pcm_hw_params_any(m_pcm, hardware));
     check(::snd_pcm_hw_params_set_access(m_pcm, hardware, SND_PCM_ACCESS_RW_INTERLEAVED));
-    const auto takes = [&](snd_pcm_format_t format)
-    { return ::snd_pcm_hw_params_test_format(m_pcm, hardware, format) == 0; };
-    m_format = takes(SND_PCM_FORMAT_FLOAT) ? SND_PCM_FORMAT_FLOAT
-               : takes(SND_PCM_FORMAT_S32) ? SND_PCM_FORMAT_S32
-                                           : SND_PCM_FORMAT_S16;
-    check(::snd_pcm_hw_params_set_format(m_pcm, hardware, m_format));
+    check(::snd_pcm_hw_params_set_format(m_pcm, hardware, SND_PCM_FORMAT_FLOAT));
+    check(::snd_pcm_hw_params_set_rate_resample(m_pcm, hardware, 0));
     if (::snd_pcm_hw_params_set_channels(m_pcm, hardware, channels) != 0)
         fail("it does not support " + std::to_string(channels) + " channels");
     m_channels = channels;
@@ -125,21 +125,8 @@ bool AlsaDevice::measure()
 
 bool AlsaDevice::write(const std::vector<float>& values)
 {
-    const void* data = values.data();
-    if (m_format == SND_PCM_FORMAT_S32)
-    {
-        m_integers.resize(values.size());
-        ::src_float_to_int_array(values.data(), m_integers.data(), static_cast<int>(values.size()));
-        data = m_integers.data();
-    }
-    else if (m_format == SND_PCM_FORMAT_S16)
-    {
-        m_shorts.resize(values.size());
-        ::src_float_to_short_array(values.data(), m_shorts.data(), static_cast<int>(values.size()));
-        data = m_shorts.data();
-    }
     const std::size_t count = values.size() / m_channels;
-    const snd_pcm_sframes_t written = ::snd_pcm_writei(m_pcm, data, count);
+    const snd_pcm_sframes_t written = ::snd_pcm_writei(m_pcm, values.data(), count);
     if (!isGoing(written))
         return false;
     m_numWritten += static_cast<std::uint64_t>(written);

@@ -96,7 +96,6 @@ private:
 
     const std::string m_name;
     snd_pcm_t* m_pcm = nullptr;
-    snd_pcm_format_t m_format = SND_PCM_FORMAT_FLOAT;
     std::uint32_t m_rate = 0;
     std::uint32_t m_channels = 0;
     double m_minLead = 0;
@@ -105,8 +104,6 @@ private:
     std::size_t m_space = 0;
     std::uint64_t m_numWritten = 0;
     std::vector<Origin> m_origins;
-    std::vector<int> m_integers; // for devices that take no floats
-    std::vector<short> m_shorts;
 };
 
 } // namespace vlx::tool

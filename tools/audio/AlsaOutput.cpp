@@ -30,8 +30,6 @@ constexpr double MaxLeadSeconds = 0.1;
 constexpr double MaxJitterNs = 1e6;
 // Beyond this the output jumps to where it belongs; below it the rate follows.
 constexpr double MaxErrorSeconds = 0.005;
-// Once following, nothing should be off by more than the initial error for so long.
-constexpr double SettleSeconds = 1;
 constexpr double MaxQueuedSeconds = 10;
 
 /// A stretch of input that begins at a known time.
@@ -114,14 +112,11 @@ public:
         report["play"].push_back(
             {{"device", m_name},
              {"rate", m_device.getRate()},
-             {"channels", m_channels},
              {"latency_ns", m_latency.count()},
              {"samples", m_device.getNumWritten()},
              {"origins", origins},
              {"underruns", m_numUnderruns},
              {"late_samples", m_numLate},
-             {"jumps", m_numJumps},
-             {"max_error_ns", std::llround(m_maxError * NsPerSecond)},
              {"speed_ppm", (m_control.getSpeed() - 1) * 1e6}});
     }
 
@@ -171,15 +166,9 @@ private:
         const double dueNs = *m_inputEndNs - m_unplayed * NsPerSecond / m_format.rate;
         const double error = (m_device.getNextTime() - dueNs) / NsPerSecond;
         if (std::abs(error) > MaxErrorSeconds)
-        {
-            ++m_numJumps;
             m_playing = false;
-            return;
-        }
-        m_control.update(error, interval);
-        m_settledSeconds += interval;
-        if (m_settledSeconds > SettleSeconds)
-            m_maxError = std::max(m_maxError, std::abs(error));
+        else
+            m_control.update(error, interval);
     }
 
     void renderBlock(std::size_t samples)
@@ -220,7 +209,6 @@ private:
         m_pending.clear();
         m_flushing = false;
         m_control.forgetError();
-        m_settledSeconds = 0;
         takeInput();
     }
 
@@ -320,10 +308,7 @@ private:
     bool m_playing = false;  // the resampler gives what leaves next; otherwise silence does
     bool m_flushing = false; // the resampler gets no more until it is reset
     double m_lastUpdateNs = 0;
-    double m_settledSeconds = 0;
-    double m_maxError = 0; // seconds, of what plays for some time
     std::uint64_t m_numUnderruns = 0;
-    std::uint64_t m_numJumps = 0;
     std::uint64_t m_numLate = 0; // samples of the input
 };
 

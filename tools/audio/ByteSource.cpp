@@ -99,11 +99,13 @@ std::size_t ByteSource::getSize() const
 
 std::string_view ByteSource::peek(std::size_t size, const Deadline& deadline)
 {
-    const std::size_t known = m_peeked.size();
-    if (known < size)
+    while (m_peeked.size() < size)
     {
-        m_peeked.resize(size);
-        m_peeked.resize(known + fetch(m_peeked.data() + known, size - known, deadline));
+        const PollResult result = readMore(size - m_peeked.size(), deadline);
+        if (result == PollResult::TimedOut)
+            failAtDeadline();
+        if (result == PollResult::Stopped)
+            break;
     }
     return {reinterpret_cast<const char*>(m_peeked.data()), m_peeked.size()};
 }
@@ -126,58 +128,40 @@ void ByteSource::setReadAhead(std::size_t bytes)
 
 InputArrival ByteSource::takeIn(const Deadline& deadline)
 {
-    const std::size_t known = m_peeked.size();
-    if (m_ended || !m_problem.empty())
-        return InputArrival::Nothing;
-    if (known >= m_readAhead)
+    if (m_peeked.size() >= m_readAhead && !m_ended && m_problem.empty())
         return InputArrival::Full;
+    const bool isReady = readMore(m_readAhead - m_peeked.size(), deadline) == PollResult::Ready;
+    return isReady ? InputArrival::Some : InputArrival::Nothing;
+}
+
+/// Reads once, as soon as there is something.
+///
+/// @return Stopped also at the end and after an error
+PollResult ByteSource::readMore(std::size_t size, const Deadline& deadline)
+{
+    if (m_ended || !m_problem.empty())
+        return PollResult::Stopped;
     const PollResult result = waitForEvents(m_fd, POLLIN, m_stop, deadline);
     m_stopped = result == PollResult::Stopped;
     if (result != PollResult::Ready)
-        return InputArrival::Nothing;
-    m_peeked.resize(m_readAhead);
-    const ssize_t count = ::read(m_fd, m_peeked.data() + known, m_readAhead - known);
+        return result;
+    const std::size_t known = m_peeked.size();
+    m_peeked.resize(known + size);
+    const ssize_t count = ::read(m_fd, m_peeked.data() + known, size);
     m_peeked.resize(known + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     m_ended = count == 0;
     if (count < 0 && errno != EINTR && errno != EAGAIN)
-        failToReadOn();
-    return count == 0 || !m_problem.empty() ? InputArrival::Nothing : InputArrival::Some;
-}
-
-void ByteSource::failToReadOn()
-{
-    m_problem = "cannot continue reading " + m_name + ": " + strerror_r_safe(errno);
+        m_problem = "cannot continue reading " + m_name + ": " + strerror_r_safe(errno);
+    return m_ended || !m_problem.empty() ? PollResult::Stopped : PollResult::Ready;
 }
 
 std::size_t ByteSource::read(unsigned char* bytes, std::size_t size)
 {
-    const auto known = static_cast<std::ptrdiff_t>(std::min(size, m_peeked.size()));
-    unsigned char* const rest = std::copy_n(m_peeked.begin(), known, bytes);
-    m_peeked.erase(m_peeked.begin(), m_peeked.begin() + known);
-    const auto filled = static_cast<std::size_t>(known);
-    return filled + fetch(rest, size - filled, {});
-}
-
-std::size_t ByteSource::fetch(unsigned char* bytes, std::size_t size, const Deadline& deadline)
-{
-    std::size_t filled = 0;
-    while (filled < size && m_problem.empty() && !m_ended)
-    {
-        const PollResult result = waitForEvents(m_fd, POLLIN, m_stop, deadline);
-        m_stopped = result == PollResult::Stopped;
-        if (result == PollResult::TimedOut)
-            failAtDeadline();
-        if (m_stopped)
-            break;
-        const ssize_t count = ::read(m_fd, bytes + filled, size - filled);
-        if (count == 0)
-            break;
-        if (count > 0)
-            filled += static_cast<std::size_t>(count);
-        else if (errno != EINTR && errno != EAGAIN)
-            failToReadOn();
-    }
-    return filled;
+    const std::size_t count = std::min(peek(size).size(), size);
+    const auto end = m_peeked.begin() + static_cast<std::ptrdiff_t>(count);
+    std::copy(m_peeked.begin(), end, bytes);
+    m_peeked.erase(m_peeked.begin(), end);
+    return count;
 }
 
 bool ByteSource::rewind(std::uint64_t place)

@@ -96,9 +96,8 @@ public:
     }
 
 private:
-    std::size_t fetch(unsigned char* bytes, std::size_t size, const Deadline& deadline);
+    PollResult readMore(std::size_t size, const Deadline& deadline);
     [[noreturn]] void failAtDeadline() const;
-    void failToReadOn();
 
     const std::string m_name;
     const StopSignal& m_stop;

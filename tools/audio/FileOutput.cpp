@@ -79,25 +79,20 @@ std::string getExtension(const std::string& path)
     return extension.empty() ? extension : toLower(extension.substr(1));
 }
 
-/// @throws CommandFailure if the kind is not known
-const FileKind& findKind(const std::string& type)
-{
-    const auto* const found = std::find_if(
-        std::begin(FileKinds), std::end(FileKinds),
-        [&](const FileKind& kind) { return type.empty() || kind.extension == type; });
-    if (found == std::end(FileKinds))
-        throw CommandFailure(
-            ExitCode::Usage, "unknown kind of audio file " + quote(type) + ": choose one of " +
-                                 listOutputTypes() + " by -t or the extension");
-    return *found;
-}
-
 /// @param type  as the user named it; empty: by the path
 /// @throws CommandFailure if the kind is not known
 const FileKind& chooseKind(const std::string& path, const std::string& type)
 {
     const std::string preset = path == "-" ? "raw" : getExtension(path);
-    return findKind(type.empty() ? preset : toLower(type));
+    const std::string wanted = type.empty() ? preset : toLower(type);
+    const auto* const found = std::find_if(
+        std::begin(FileKinds), std::end(FileKinds),
+        [&](const FileKind& kind) { return wanted.empty() || kind.extension == wanted; });
+    if (found == std::end(FileKinds))
+        throw CommandFailure(
+            ExitCode::Usage, "unknown kind of audio file " + quote(wanted) + ": choose one of " +
+                                 listOutputTypes() + " by -t or the extension");
+    return *found;
 }
 
 /// What libsndfile calls each sample format, in the order of PcmFormat.

@@ -111,7 +111,8 @@ bool showsProgress()
 
 void printProgress(const std::string& text)
 {
-    if (!live)
+    pollfd terminal{STDERR_FILENO, POLLOUT, 0};
+    if (!live || ::poll(&terminal, 1, 0) != 1) // held by Ctrl-S: nothing should wait for that
         return;
     std::string line = toPrintable(text);
     // One that wraps could not be drawn anew.
