@@ -37,12 +37,7 @@ constexpr TimeValue Second = 1'000'000'000;
 
 TEST(DurationTest, ReadsNumbersWithUnits)
 {
-    struct Row
-    {
-        const char* text;
-        std::optional<std::int64_t> ns;
-    };
-    const Row rows[] = {
+    const std::pair<const char*, std::int64_t> valid[] = {
         {"10ms", 10'000'000},
         {"1.5s", 1'500'000'000},
         {"0.0000000019s", 2},
@@ -57,34 +52,15 @@ TEST(DurationTest, ReadsNumbersWithUnits)
         {"10", 10'000'000'000},
         {"0.25", 250'000'000},
         {"0.333333333333333333333s", 333'333'333},
-        {"2503h", std::nullopt},
-        {"99999999999999999999h", std::nullopt},
-        {"1m30", std::nullopt},
-        {"30s1m", std::nullopt},
-        {"1s1s", std::nullopt},
         {".5s", 500'000'000},
         {".5", 500'000'000},
-        {"1s.5ms", 1'000'500'000},
-        {".s", std::nullopt},
-        {".", std::nullopt},
-        {"1.2.3", std::nullopt},
-        {"ms", std::nullopt},
-        {"", std::nullopt},
-        {"-1s", std::nullopt},
-        {"1.s", std::nullopt},
-        {"1,5s", std::nullopt},
-        {"1 s", std::nullopt},
-        {"1S", std::nullopt},
-        {"1sx", std::nullopt}};
-    for (const Row& row : rows)
-    {
-        const auto duration = tool::parseDuration(row.text);
-        ASSERT_EQ(duration.has_value(), row.ns.has_value()) << row.text;
-        if (row.ns)
-        {
-            EXPECT_EQ(duration->count(), *row.ns) << row.text;
-        }
-    }
+        {"1s.5ms", 1'000'500'000}};
+    for (const auto& [text, ns] : valid)
+        EXPECT_EQ(tool::parseDuration(text), std::chrono::nanoseconds(ns)) << text;
+    for (const char* const text :
+         {"2503h", "99999999999999999999h", "1m30", "30s1m", "1s1s", ".s", ".", "1.2.3", "ms", "",
+          "-1s", "1.s", "1,5s", "1 s", "1S", "1sx"})
+        EXPECT_EQ(tool::parseDuration(text), std::nullopt) << text;
 }
 
 TEST(NumbersTest, RatesAndNumbersAreReadWhole)
@@ -132,33 +108,6 @@ TEST(PcmCodecTest, EveryFormatSurvivesDecodingAndEncoding)
         tool::decodeSamples(bytes, format, values);
         tool::encodeSamples(values, format, result);
         EXPECT_EQ(result, bytes) << audioUtils::toString(format);
-    }
-}
-
-TEST(PcmCodecTest, ValuesFillTheirTypeFromTheTop)
-{
-    struct Row
-    {
-        PcmFormat format;
-        const char* bytes;
-        std::int32_t value;
-    };
-    const Row rows[] = {
-        {PcmFormat::S8, "80", std::numeric_limits<std::int32_t>::min()},
-        {PcmFormat::U8, "00", std::numeric_limits<std::int32_t>::min()},
-        {PcmFormat::U8, "81", 0x0100'0000},
-        {PcmFormat::S16LE, "34 12", 0x1234'0000},
-        {PcmFormat::S16BE, "12 34", 0x1234'0000},
-        {PcmFormat::S24LE, "56 34 12", 0x12345600},
-        {PcmFormat::S24BE, "ff ff ff", -256},
-        {PcmFormat::S32LE, "78 56 34 12", 0x12345678},
-        {PcmFormat::S32BE, "12 34 56 78", 0x12345678}};
-    for (const Row& row : rows)
-    {
-        tool::SampleValues values;
-        tool::decodeSamples(fromHex(row.bytes), row.format, values);
-        EXPECT_EQ(std::get<std::vector<std::int32_t>>(values).at(0), row.value)
-            << audioUtils::toString(row.format) << " " << row.bytes;
     }
 }
 

@@ -58,27 +58,14 @@ public:
         m_sender.startNewSequence();
     }
 
-    void skip(TimeValue ns)
-    {
-        m_timestamp += ns;
-    }
-
-    void send(int frames)
-    {
-        for (; frames > 0; --frames)
-        {
-            m_sender.sendMediaData(m_timestamp, FrameNs, m_frame);
-            m_timestamp += FrameNs;
-        }
-    }
-
     /// Sends until a recording has begun: before, a receiver may refuse frames.
     void sendUntilFile(const std::string& path)
     {
         EXPECT_TRUE(waitFor(
             [&]
             {
-                send(1);
+                m_sender.sendMediaData(m_timestamp, FrameNs, m_frame);
+                m_timestamp += FrameNs;
                 std::this_thread::sleep_for(std::chrono::nanoseconds(FrameNs)); // the stream's pace
                 return fs::exists(path);
             }));
@@ -221,16 +208,6 @@ TEST_F(ReceiveTest, RecordingGoesOnWhenTheSenderComesBack)
              {"receiving S16LE", "lost", "the sender is back", " gaps of "})
             EXPECT_NE(said.find(part), std::string::npos) << part << " in " << said;
     }
-}
-
-TEST_F(ReceiveTest, OneshotEndsWithTheSender)
-{
-    ToolProcess receiver(receive({file("a.wav"), "--oneshot"}));
-    ToolProcess sender(send({"--tone", "440"}));
-    ASSERT_TRUE(waitForSize(file("a.wav"), 10000));
-    sender.signal(SIGKILL);
-    m_senderWasKilled = true;
-    EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
 }
 
 TEST_F(ReceiveTest, AfterAStallEveryReceiverJoinsAgain)
@@ -611,36 +588,6 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Bool(),
     [](const auto& row) { return std::string(row.param ? "Wav" : "Raw"); });
 
-TEST_F(ReceiveTest, EightChannelsAt192KilohertzAreRecordedExactly)
-{
-    ToolSettings settings;
-    settings.input = makeNoise(3UL * 8 * 19200);
-    for (const char* const name : {"a.wav", "a.flac"})
-    {
-        ToolProcess receiver(receive({file(name), "-q", "--oneshot", "--no-fill"}));
-        ToolProcess sender(
-            send(
-                {"-", "-f", "s24le", "-c", "8", "-r", "192000", "--protocol", "pipeline",
-                 "--wait-receivers", "1"}),
-            settings);
-        ASSERT_EQ(sender.wait(), 0) << sender.getErrors();
-        ASSERT_EQ(receiver.wait(), 0) << receiver.getErrors();
-        const Sound sound = readSound(file(name));
-        EXPECT_EQ(sound.info.samplerate, 192000);
-        ASSERT_EQ(sound.values.size(), settings.input->size() / 3);
-        std::size_t differing = 0;
-        for (std::size_t i = 0; i < sound.values.size(); ++i)
-        {
-            const auto at = [&](std::size_t byte)
-            { return static_cast<unsigned char>((*settings.input)[3 * i + byte]); };
-            const int sent = at(0) | at(1) << 8 | static_cast<signed char>(at(2)) * 0x1'0000;
-            differing +=
-                static_cast<int>(std::lround(sound.values[i] * 0x80'0000)) != sent ? 1U : 0U;
-        }
-        EXPECT_EQ(differing, 0U) << name;
-    }
-}
-
 TEST_F(ReceiveTest, EachSequenceGetsAFileOfItsOwn)
 {
     ToolProcess receiver(receive({file("a.wav"), "--split", "--report", file("r.json")}));
@@ -735,77 +682,6 @@ TEST_F(ReceiveTest, AFileThatStandsUnderAGuessedNameIsLeftAlone)
     EXPECT_EQ(fs::hard_link_count(file("victim")), 201U);
     EXPECT_EQ(fs::file_size(file("victim")), 4U);
     EXPECT_EQ(sender.stop(), 128 + SIGTERM);
-}
-
-TEST_F(ReceiveTest, FilesOfALimitedLengthMakeUpTheWhole)
-{
-    ToolSettings settings;
-    settings.input = makeNoise(std::size_t{Rate} / 10 * 2);
-    // Frames of 10 ms end inside the files.
-    ToolProcess receiver(receive(
-        {file("a.raw"), "-q", "--oneshot", "--max-duration", "23ms", "--report", file("r.json")}));
-    ToolProcess sender(send({"-", "-f", "s16", "-c", "1", "--protocol", "pipeline"}), settings);
-    EXPECT_EQ(sender.wait(), 0) << sender.getErrors();
-    EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
-    std::string content;
-    const json report = readJson(file("r.json"));
-    ASSERT_EQ(report["files"].size(), 5U);
-    for (std::size_t i = 0; i < 5; ++i)
-    {
-        const std::string name = file("a-00" + std::to_string(i + 1) + ".raw");
-        EXPECT_EQ(report["files"][i], name);
-        EXPECT_EQ(fs::file_size(name), (i < 4 ? 23U : 8U) * Rate / 1000 * 2);
-        std::ifstream stream(name, std::ios::binary);
-        content.append(std::istreambuf_iterator<char>(stream), {});
-    }
-    EXPECT_TRUE(content == *settings.input);
-    // The place of each stretch follows from its time.
-    const json& segments = report["connections"][0]["segments"];
-    ASSERT_GE(segments.size(), 5U);
-    std::uint64_t samples = 0;
-    for (const json& segment : segments)
-    {
-        EXPECT_EQ(
-            segment["file"].get<std::uint64_t>() * 23 * Rate / 1000 +
-                segment["file_sample"].get<std::uint64_t>(),
-            samples);
-        samples += segment["samples"].get<std::uint64_t>();
-    }
-    EXPECT_EQ(samples, report["samples"]);
-}
-
-TEST_F(ReceiveTest, GapsAreFilledCountedAndSaid)
-{
-    constexpr TimeValue PauseNs = 3'000'000'000;
-    for (const bool fill : {true, false})
-    {
-        const std::string path = file(fill ? "filled.wav" : "joined.wav");
-        OnesSender sender(getSocketName(), 48000, 1);
-        ToolProcess receiver(
-            receive({path, "--oneshot", "--report", file("r.json"), fill ? "-v" : "--no-fill"}));
-        sender.sendUntilFile(path);
-        sender.skip(5 * FrameNs);
-        sender.send(3);
-        sender.skip(PauseNs);
-        sender.setFormat(48000, 1); // a second sequence
-        sender.send(2);
-        sender.skip(FrameNs);
-        sender.send(1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(100)); // the tail leaves
-        sender.get().shutdownSender();
-        ASSERT_EQ(receiver.wait(), 0) << receiver.getErrors();
-
-        const Sound sound = readSound(path);
-        const auto silent =
-            static_cast<std::size_t>(std::count(sound.values.begin(), sound.values.end(), 0.0));
-        EXPECT_EQ(silent, fill ? 3 * 48000 + 6 * 480U : 0U);
-        const std::size_t end = sound.values.size();
-        EXPECT_EQ(sound.values.at(end - 481), fill ? 0.0 : sound.values.at(end - 1));
-        EXPECT_EQ(readJson(file("r.json"))["gap_ns"], PauseNs + 6 * FrameNs);
-        const std::string said =
-            std::string("3 gaps of 3.060 s in all, ") + (fill ? "filled with silence" : "left out");
-        EXPECT_NE(receiver.getErrors().find(said), std::string::npos) << receiver.getErrors();
-    }
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <limits>
 #include <tuple>
 #include <vector>
@@ -69,6 +70,12 @@ protected:
         tool::configureMessages({.quiet = true});
         m_options.output = "/dev/null";
         m_options.type = "raw";
+        EXPECT_NE(::mkdtemp(m_directory.data()), nullptr);
+    }
+
+    ~RecorderTest() override
+    {
+        std::filesystem::remove_all(m_directory);
     }
 
     static void add(tool::Recorder& recorder, const kit::ConsumerItem& item)
@@ -82,19 +89,28 @@ protected:
     }
 
     /// @return the report
-    ordered_json record(const Items& items) const
+    ordered_json record(const Items& items)
     {
         const tool::StopSignal stop;
         tool::Recorder recorder(m_options, {stop, {}}, 0);
         for (const kit::ConsumerItem& item : items)
             add(recorder, item);
         recorder.finish();
+        m_summary = recorder.summarize();
         ordered_json report;
         recorder.addToReport(report);
         return report;
     }
 
+    static std::string readFile(const std::string& path)
+    {
+        std::ifstream stream(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(stream), {}};
+    }
+
     tool::RecordingOptions m_options;
+    std::string m_summary;
+    std::string m_directory = ::testing::TempDir() + "vlx-XXXXXX";
 };
 
 TEST_F(RecorderTest, GapsAndOverlapsSplitTheRecordingIntoSegments)
@@ -126,16 +142,38 @@ TEST_F(RecorderTest, GapsAndOverlapsSplitTheRecordingIntoSegments)
     EXPECT_EQ(segments, "0 100 240; 240 150 80; 320 155 160; ");
 }
 
-TEST_F(RecorderTest, DroppedFramesAreCountedAndTheirGapIsFilled)
+TEST_F(RecorderTest, GapsAreFilledWhereTheyAreCountedAndSaid)
 {
-    Items items;
-    items.emplace_back(Format);
-    items.emplace_back(makeFrame(Second));
-    items.emplace_back(makeFrame(Second + 4 * FrameNs, 3 * FrameNs, Format, 3));
-    const ordered_json report = record(items);
-    EXPECT_EQ(report["overflowed_frames"], 3);
-    EXPECT_EQ(report["gap_ns"], 3 * FrameNs);
-    EXPECT_EQ(report["samples"], Format.toSamples(5 * FrameNs));
+    for (const bool fills : {true, false})
+    {
+        for (const auto sampleFormat : {audioUtils::PcmFormat::S8, audioUtils::PcmFormat::U8})
+        {
+            const StreamFormat format = {sampleFormat, 1000, 1};
+            m_options.output = m_directory + (fills ? "/filled" : "/joined");
+            m_options.overwrite = true;
+            m_options.noFill = !fills;
+            Items items;
+            items.emplace_back(format);
+            items.emplace_back(makeFrame(Second, 0, format));
+            items.emplace_back(makeFrame(Second + 4 * FrameNs, 3 * FrameNs, format, 3)); // dropped
+            items.emplace_back(format); // another sequence
+            items.emplace_back(makeFrame(Second + 6 * FrameNs, FrameNs, format));
+            const ordered_json report = record(items);
+            EXPECT_EQ(report["overflowed_frames"], 3);
+            EXPECT_EQ(report["gap_ns"], 4 * FrameNs);
+            EXPECT_EQ(
+                m_summary, std::string(fills ? "0.070" : "0.030") +
+                               " s received in 3 frames, 2 gaps of 0.040 s in all, " +
+                               (fills ? "filled with silence" : "left out") +
+                               "; 3 frames lost: the output was too slow");
+            const bool isSigned = sampleFormat == audioUtils::PcmFormat::S8;
+            const auto silence = [&](std::size_t size)
+            { return std::string(fills ? size : 0, isSigned ? '\0' : '\x80'); };
+            const std::string frame(10, '\1');
+            EXPECT_TRUE(
+                readFile(m_options.output) == frame + silence(30) + frame + silence(10) + frame);
+        }
+    }
 }
 
 TEST_F(RecorderTest, SilenceIsBoundedByTheTimeThatHasPassed)
@@ -186,12 +224,18 @@ TEST_F(RecorderTest, TheDurationCountsOverAllFormatsAndFiles)
 {
     // Three sequences of 30 ms each: of 8, 16 and 8 kHz.
     Items items;
+    std::string sent;
     for (const std::uint32_t rate : {8000U, 16000U, 8000U})
     {
         const StreamFormat format = {Format.sampleFormat, rate, 1};
         items.emplace_back(format);
         for (int i = 0; i < 3; ++i)
-            items.emplace_back(makeFrame(Second, 0, format));
+        {
+            kit::ReceivedFrame frame = makeFrame(Second, 0, format);
+            for (unsigned char& byte : frame.data)
+                sent += static_cast<char>(byte = static_cast<unsigned char>(sent.size() * 7));
+            items.emplace_back(std::move(frame));
+        }
     }
     struct Row
     {
@@ -214,12 +258,10 @@ TEST_F(RecorderTest, TheDurationCountsOverAllFormatsAndFiles)
          840,
          {320, 160, 640, 320, 240}},
         {"played", true, milliseconds(75), Unlimited, 840, {}}};
-    std::string directory = ::testing::TempDir() + "vlx-XXXXXX";
-    ASSERT_NE(::mkdtemp(directory.data()), nullptr);
     for (const Row& row : rows)
     {
         SCOPED_TRACE(row.name);
-        m_options.output = row.isPlayed ? "" : directory + "/a.raw";
+        m_options.output = row.isPlayed ? "" : m_directory + "/a.raw";
         m_options.play = row.isPlayed ? "null" : "";
         m_options.split = !row.isPlayed;
         m_options.overwrite = true;
@@ -230,11 +272,25 @@ TEST_F(RecorderTest, TheDurationCountsOverAllFormatsAndFiles)
         const ordered_json report = record(items);
         EXPECT_EQ(report["samples"], row.samples);
         std::vector<std::uintmax_t> sizes;
+        std::string content;
         for (const ordered_json& file : report["files"])
+        {
+            content += readFile(file.get<std::string>());
             sizes.push_back(std::filesystem::file_size(file.get<std::string>()));
+        }
         EXPECT_EQ(sizes, row.sizes);
+        EXPECT_EQ(content, sent.substr(0, content.size()));
+        std::vector<std::uintmax_t> lengths(sizes.size());
+        for (const ordered_json& each : report["connections"][0]["segments"])
+        {
+            if (row.isPlayed)
+                continue;
+            std::uintmax_t& length = lengths.at(each["file"].get<std::size_t>());
+            EXPECT_EQ(each["file_sample"].get<std::uintmax_t>() * 2, length);
+            length += each["samples"].get<std::uintmax_t>() * 2;
+        }
+        EXPECT_EQ(lengths, sizes);
     }
-    std::filesystem::remove_all(directory);
 }
 
 TEST_F(RecorderTest, JoinTimesCountFromWhatCausedTheWait)

@@ -33,7 +33,7 @@ TEST_F(ToolTest, EveryLosslessKindArrivesBitForBit)
         {"a.aiff", SF_FORMAT_AIFF | SF_FORMAT_PCM_S8, 1, "b.wav", "S8", SF_FORMAT_PCM_U8},
         {"a.caf", SF_FORMAT_CAF | SF_FORMAT_PCM_32, 2, "b.au", "S32LE", SF_FORMAT_PCM_32},
         {"a.caf", SF_FORMAT_CAF | SF_FORMAT_ALAC_24, 2, "b.w64", "S24LE", SF_FORMAT_PCM_24},
-        {"a.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 2, "b.flac", "S24LE", SF_FORMAT_PCM_24},
+        {"a.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 8, "b.flac", "S24LE", SF_FORMAT_PCM_24},
         {"a.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_S8, 2, "b", "S8", SF_FORMAT_PCM_U8},
         {"a.wav", SF_FORMAT_WAV | SF_FORMAT_ULAW, 1, "b.wav", "F32LE", SF_FORMAT_FLOAT},
         {"a.ogg", SF_FORMAT_OGG | SF_FORMAT_VORBIS, 2, "b.wav", "F32LE", SF_FORMAT_FLOAT}};
