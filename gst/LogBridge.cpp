@@ -22,20 +22,9 @@ GstDebugCategory* getCategory()
 
 GstDebugLevel toDebugLevel(kit::LogLevel level)
 {
-    switch (level)
-    {
-    case kit::LogLevel::Error:
-        return GST_LEVEL_ERROR;
-    case kit::LogLevel::Warning:
-        return GST_LEVEL_WARNING;
-    case kit::LogLevel::Info:
-        return GST_LEVEL_INFO;
-    case kit::LogLevel::Debug:
-        return GST_LEVEL_DEBUG;
-    case kit::LogLevel::Trace:
-        break;
-    }
-    return GST_LEVEL_TRACE;
+    static constexpr GstDebugLevel Levels[] = {
+        GST_LEVEL_ERROR, GST_LEVEL_WARNING, GST_LEVEL_INFO, GST_LEVEL_DEBUG, GST_LEVEL_TRACE};
+    return Levels[static_cast<int>(level)];
 }
 
 /// @return the most verbose level that the category shows

@@ -184,13 +184,13 @@ TEST_F(ElementsClockTest, NetClockKeepsSourcesInStep)
     EXPECT_EQ(used, clock);
     gst_object_unref(used);
     forEachCommonFrame(
-        atFirst, pullCommonFrames(second, atFirst, 20),
+        atFirst, pullFrames(second, 20, &atFirst),
         [](auto difference) { EXPECT_EQ(difference, 0); });
     forEachCommonFrame(
-        pullCommonFrames(sender, atFirst, 20), atFirst,
+        pullFrames(sender, 20, &atFirst), atFirst,
         [](auto difference) { EXPECT_EQ(difference, 30 * Millisecond); });
     // This one's pipeline runs on the system's clock.
-    const Frames atWaiting = pullCommonFrames(waiting, atFirst, 20);
+    const Frames atWaiting = pullFrames(waiting, 20, &atFirst);
     waiting.set(GST_STATE_NULL);
     forEachCommonFrame(
         atWaiting, atFirst,

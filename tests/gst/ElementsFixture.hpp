@@ -102,25 +102,9 @@ using Frames = std::map<std::string, Received>;
 // Of a stream that brings none of those that are wanted.
 inline constexpr int MaxPulls = 1000;
 
-inline Frames pullFrames(const Pipeline& receiver, std::size_t count, const char* sink = "out")
-{
-    Frames frames;
-    for (int left = MaxPulls; frames.size() < count; --left)
-    {
-        const auto frame = receiver.pull(sink);
-        if (!frame || left == 0)
-        {
-            ADD_FAILURE() << "only " << frames.size() << " frames";
-            break;
-        }
-        if (frame->runningTime != 0)
-            frames.emplace(frame->data, *frame);
-    }
-    return frames;
-}
-
-/// Pulls frames until so many of them are among the others.
-inline Frames pullCommonFrames(const Pipeline& receiver, const Frames& others, std::size_t count)
+/// @param others  not null: only frames that are among these count
+inline Frames
+pullFrames(const Pipeline& receiver, std::size_t count, const Frames* others = nullptr)
 {
     Frames frames;
     for (int left = MaxPulls; frames.size() < count; --left)
@@ -128,10 +112,10 @@ inline Frames pullCommonFrames(const Pipeline& receiver, const Frames& others, s
         const auto frame = receiver.pull();
         if (!frame || left == 0)
         {
-            ADD_FAILURE() << "only " << frames.size() << " common frames";
+            ADD_FAILURE() << "only " << frames.size() << " frames";
             break;
         }
-        if (frame->runningTime != 0 && others.contains(frame->data))
+        if (frame->runningTime != 0 && (others == nullptr || others->contains(frame->data)))
             frames.emplace(frame->data, *frame);
     }
     return frames;
