@@ -320,7 +320,7 @@ TEST_F(RecorderTest, JoinTimesCountFromWhatCausedTheWait)
 
 TEST_F(RecorderTest, SilenceAndWaitingFramesEndAtAStop)
 {
-    // Each second of silence in it is a gigabyte and more: 9 s take far longer than is allowed here.
+    // Each second of silence in it is a gigabyte and more: 9 s take longer than is allowed.
     constexpr StreamFormat Huge = {audioUtils::PcmFormat::F64LE, 768'000, 255};
     const tool::StopSignal stop;
     tool::Recorder recorder(m_options, {stop, {}}, 0);
