@@ -234,7 +234,6 @@ private:
 
     struct Count
     {
-        std::size_t numConnections; // of nanomsg
         std::size_t numReceivers;
         Clock::time_point time;
     };
@@ -571,7 +570,7 @@ void Producer::Impl::reportReceivers()
 /// nanomsg counts connections that left just after they had been made, for ever, and knows nothing
 /// of the sidechannel. So what it says is an upper limit only: a receiver has both connections, and
 /// its ends of them are open. That is looked up in the kernel, which takes some time: a count may
-/// be used again for a while, unless nanomsg's has changed.
+/// be used again for a while.
 ///
 /// @param maxAge  of such a count
 /// @pre m_mutex is held, and the stream is open
@@ -581,7 +580,7 @@ std::size_t Producer::Impl::countReceivers(std::chrono::nanoseconds maxAge) cons
     const auto now = Clock::now();
     if (numConnections == 0)
         return 0;
-    if (m_count && m_count->numConnections == numConnections && now - m_count->time < maxAge)
+    if (m_count && now - m_count->time < maxAge)
         return m_count->numReceivers;
 
     const UnixSockets sockets = readUnixSockets();
@@ -592,7 +591,7 @@ std::size_t Producer::Impl::countReceivers(std::chrono::nanoseconds maxAge) cons
         numReceivers = std::min(
             numReceivers, countConnectionsToFile(sockets, m_socketFile).value_or(numReceivers));
     }
-    m_count = {numConnections, numReceivers, now};
+    m_count = {numReceivers, now};
     return numReceivers;
 }
 

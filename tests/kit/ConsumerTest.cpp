@@ -738,6 +738,15 @@ TEST_F(ConsumerTest, AsksAHungSenderOnceAndDoesNotAccuseIt)
     EXPECT_TRUE(consumer.waitForEvent("frame 10"));
 }
 
+TEST_F(ConsumerTest, AnAnswerThatAnnouncesTooMuchIsOverAtOnce)
+{
+    RawSidechannelServer listener(getSocketName(), 1);
+    SenderQuestion question(getSocketName());
+    RawConnection connection = listener.accept();
+    connection.send(fromHex("01 00 10 00")); // bytes that follow: one more than allowed
+    EXPECT_TRUE(waitFor([&] { return question.advance(), question.isOver(); }));
+}
+
 TEST_F(ConsumerTest, AForkedCopyEndsAndTheOriginalGoesOn)
 {
     std::atomic<TimeValue> last = 0;

@@ -242,9 +242,13 @@ TEST_F(GatekeeperTest, TakesTheRightUserAndProtocolOnly)
                             ", not as user " + std::to_string(user + 1));
     Gatekeeper shared("x", std::nullopt, isPlayable, true);
     EXPECT_FALSE(shared.judgeAnswer(m_good, 0).joins) << "in Pipeline";
-    SenderProbe unknownUser = m_good;
-    unknownUser.user.reset();
-    EXPECT_FALSE(Gatekeeper("x", 65534, isPlayable).judgeAnswer(unknownUser, 0).joins);
+    constexpr uid_t OverflowUser = 65534; // may be any user from outside a user namespace
+    EXPECT_TRUE(Gatekeeper("x", OverflowUser, isPlayable)
+                    .judgeGreeting(
+                        m_good.initialInfo, OverflowUser, checkChannel(*m_good.initialInfo, user)));
+    EXPECT_FALSE(
+        Gatekeeper("x", user, isPlayable)
+            .judgeGreeting(m_good.initialInfo, user, checkChannel(*m_good.initialInfo, user)));
 }
 
 } // unnamed namespace
