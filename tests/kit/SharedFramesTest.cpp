@@ -10,6 +10,8 @@
 #include <CodecRelay.hpp>
 #include <RingCodec.hpp>
 #include <base/SenderDirectory.hpp>
+#include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -358,25 +360,38 @@ TEST_F(SharedFramesTest, MissingRingIsReportedAndMadeAnew)
 
 TEST_F(SharedFramesTest, KilledProducerLeavesNothingForLong)
 {
+    struct Child
+    {
+        pid_t process;
+        Descriptor start; // by a byte
+    };
+    // Made before any thread, which could hold a lock at that moment.
+    std::vector<Child> children;
+    for (int i = 0; i < 3; ++i)
+    {
+        int ends[2];
+        ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+        const Descriptor wait(ends[0]);
+        children.push_back({::fork(), Descriptor(ends[1])});
+        if (children.back().process != 0)
+            continue;
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        char byte = 0;
+        Producer producer(makeOptions({.carriage = Carriage::Shared, .frameBytes = 1'000'000}));
+        if (::read(wait.get(), &byte, 1) != 1 || !producer.open(Format))
+            ::_exit(1);
+        for (std::uint64_t number = 1;; ++number)
+        {
+            if (!producer.send(number * FrameNs, FrameNs, makeFrame(1'000'000, number)))
+                ::_exit(2);
+        }
+    }
     Consumer consumer({.name = getSocketName()});
     ASSERT_TRUE(consumer.start());
     std::string socketFile;
-    for (int round = 0; round < 3; ++round)
+    for (const Child& child : children)
     {
-        const pid_t child = ::fork();
-        if (child == 0)
-        {
-            Producer producer(makeOptions({.carriage = Carriage::Shared, .frameBytes = 1'000'000}));
-            if (!producer.open(Format))
-                ::_exit(1);
-            for (std::uint64_t number = 1;; ++number)
-            {
-                const auto sent =
-                    producer.send(number * FrameNs, FrameNs, makeFrame(1'000'000, number));
-                if (!sent)
-                    ::_exit(2);
-            }
-        }
+        ASSERT_EQ(::write(child.start.get(), "x", 1), 1);
         std::optional<ReceivedFrame> frame;
         for (int i = 0; i < 5; ++i)
         {
@@ -385,8 +400,8 @@ TEST_F(SharedFramesTest, KilledProducerLeavesNothingForLong)
             EXPECT_TRUE(frame->data == makeFrame(1'000'000, frame->timestamp / FrameNs));
         }
         socketFile = probeSender(getSocketName(), DefaultDeadline).socketFile;
-        ::kill(child, SIGKILL);
-        ::waitpid(child, nullptr, 0);
+        ::kill(child.process, SIGKILL);
+        ::waitpid(child.process, nullptr, 0);
         EXPECT_THAT(listRings(socketFile), ElementsAre("")) << "nobody could remove it";
         // What was sent just before can still be read, or is lost, but never mixed.
         do
@@ -404,6 +419,7 @@ TEST_F(SharedFramesTest, KilledProducerLeavesNothingForLong)
     EXPECT_THAT(listRings(socketFile), IsEmpty()) << "the next one cleans up";
     producer.close();
     consumer.stop();
+    children.clear();
 }
 
 TEST_F(SharedFramesTest, DepayloaderSurvivesFramesAfterARefusedHeader)
