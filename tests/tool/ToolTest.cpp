@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <vlxkit/Discovery.hpp>
+
 #include "tool/ToolFixture.hpp"
 
 namespace vlx::testing
@@ -344,34 +346,16 @@ TEST_F(ToolTest, SignalsStopBothEndsCleanlyAndAtOnce)
 
 TEST_F(ToolTest, SocketModeSaysWhoMayJoin)
 {
-    struct Row
+    for (const auto& [mode, permissions] :
+         {std::pair("owner", 0600U), {"group", 0660U}, {"all", 0666U}})
     {
-        const char* mode;
-        fs::perms file;
-        fs::perms directory; // who could write there could end the sender
-    };
-    for (const Row& row : {
-             Row{"owner", fs::perms(0600), fs::perms(01700)},
-             Row{"group", fs::perms(0660), fs::perms(01750)},
-             Row{"all", fs::perms(0666), fs::perms(01755)},
-         })
-    {
-        ToolProcess sender(send({"--tone", "1", "--socket-mode", row.mode}));
-        const auto hasMode = [&]
+        ToolProcess sender(send({"--tone", "1", "--socket-mode", mode}));
+        const auto getMode = [&]
         {
-            for (const std::string& name : listTempDirectory())
-            {
-                std::error_code error;
-                const fs::path directory = getTempDirectory() + "/" + name;
-                const auto fileStatus = fs::status(directory / "nanomsgChannel.ipc", error);
-                const auto directoryStatus = fs::status(directory, error);
-                if (fileStatus.permissions() == row.file &&
-                    directoryStatus.permissions() == row.directory)
-                    return true;
-            }
-            return false;
+            const std::chrono::milliseconds timeout(500);
+            return kit::probeSender(getSocketName(), timeout).socketFileMode & 0777U;
         };
-        EXPECT_TRUE(waitFor(hasMode)) << row.mode;
+        EXPECT_TRUE(waitFor([&, wanted = permissions] { return getMode() == wanted; })) << mode;
         EXPECT_EQ(sender.stop(), 128 + SIGTERM);
     }
 }

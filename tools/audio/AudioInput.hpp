@@ -94,9 +94,10 @@ protected:
 /// What a user specifies about an input beside its name.
 struct InputSettings
 {
-    bool raw = false;         ///< samples, whatever the bytes look like
-    bool formatGiven = false; ///< the format was said, so it is not that of an audio file
-    kit::StreamFormat format; ///< of raw samples
+    bool raw = false;             ///< samples, whatever the bytes look like
+    bool formatGiven = false;     ///< the format was said, so it is not that of an audio file
+    kit::StreamFormat format;     ///< of raw samples and tones
+    std::optional<double> toneHz; ///< a tone instead of any file; see makeToneInput()
 };
 
 /// Opens a file, a FIFO or standard input, "-". A file whose extension says "raw" holds raw

@@ -10,7 +10,7 @@
 #include <miscUtils/MiscUtils.hpp>
 
 #include "common/ExitCodes.hpp"
-#include "common/StandardStreams.hpp"
+#include "common/Messages.hpp"
 #include "common/StopSignal.hpp"
 #include "common/Text.hpp"
 

@@ -19,7 +19,7 @@
 #include "AudioOutput.hpp"
 #include "PcmCodec.hpp"
 #include "common/ExitCodes.hpp"
-#include "common/StandardStreams.hpp"
+#include "common/Messages.hpp"
 #include "common/StopSignal.hpp"
 #include "common/Text.hpp"
 

@@ -165,6 +165,8 @@ std::unique_ptr<AudioInput> openInput(
     const StopSignal& stop,
     const Deadline& deadline)
 {
+    if (settings.toneHz)
+        return makeToneInput(*settings.toneHz, settings.format);
     auto source = std::make_unique<ByteSource>(path, stop, deadline);
     const bool isStream = path == "-" || !source->isFile();
     const bool isRaw = settings.raw || isRawPath(path);

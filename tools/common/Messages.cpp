@@ -5,6 +5,7 @@
 #include <mutex>
 #include <string_view>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -53,6 +54,11 @@ void configureMessages(const MessageStyle& wanted)
     style = wanted;
     live = style.progress && !style.quiet && isLiveTerminal(STDERR_FILENO);
     colored = usesColor(STDERR_FILENO);
+}
+
+bool wasClosed(int fd)
+{
+    return (::fcntl(fd, F_GETFL) & O_PATH) != 0;
 }
 
 bool isLiveTerminal(int fd)

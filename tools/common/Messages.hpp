@@ -29,6 +29,10 @@ struct MessageStyle
 /// @pre no thread runs yet that prints
 void configureMessages(const MessageStyle& wanted);
 
+/// @param fd  of standard input, output or error
+/// @return whether the parent had closed it; see runProgram()
+bool wasClosed(int fd);
+
 /// @return whether a stream is a terminal on which a line can be drawn anew
 bool isLiveTerminal(int fd);
 

@@ -5,9 +5,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <exception>
-#include <filesystem>
+#include <sstream>
+#include <utility>
 
 #include <CLI/CLI.hpp>
+#include <fcntl.h>
 #include <log4cplus/configurator.h>
 #include <unistd.h>
 
@@ -17,8 +19,6 @@
 #include "CommonOptions.hpp"
 #include "Completions.hpp"
 #include "ExitCodes.hpp"
-#include "HelpFormatter.hpp"
-#include "StandardStreams.hpp"
 #include "StopSignal.hpp"
 
 namespace vlx::tool
@@ -31,6 +31,64 @@ constexpr const char* Description =
     "Timestamped media frames from one process to many on one machine";
 constexpr const char* ExitCodeHelp = "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 timeout or "
                                      "no sender, 128+n stopped by signal n";
+
+constexpr std::size_t Width = 80;
+constexpr std::size_t HelpColumn = 28;
+
+/// @param first  what stands before the text, on a line of its own if it is too long
+std::string wrap(const std::string& text, std::size_t column = 0, const std::string& first = {})
+{
+    std::string result;
+    std::string line = first;
+    if (column > 0 && line.size() + 2 > column)
+        result = std::exchange(line, {}) + '\n';
+    line.resize(column, ' ');
+    std::istringstream words(text);
+    for (std::string word; words >> word;)
+    {
+        if (line.size() > column && line.size() + 1 + word.size() > Width)
+            result += std::exchange(line, std::string(column, ' ')) + '\n';
+        line += (line.size() > column ? " " : "") + word;
+    }
+    return result + line + '\n';
+}
+
+/// Writes help that fits 80 columns and breaks between words only.
+class HelpFormatter : public CLI::Formatter
+{
+public:
+    std::string make_description(const CLI::App* app) const override
+    {
+        return wrap(app->get_description());
+    }
+
+    std::string make_footer(const CLI::App* app) const override
+    {
+        return app->get_footer().empty() ? std::string() : wrap(app->get_footer());
+    }
+
+    std::string make_subcommand(const CLI::App* command) const override
+    {
+        return wrap(command->get_description(), HelpColumn, "  " + command->get_name());
+    }
+
+    std::string make_option(const CLI::Option* option, bool isPositional) const override
+    {
+        std::string name = option->get_name(isPositional, !isPositional);
+        name.resize(
+            std::min(name.find('{'), name.size())); // the value of a flag that is given none
+        const std::size_t comma = name.find(',');
+        if (comma != std::string::npos)
+            name.insert(comma + 1, " ");
+        else if (!isPositional)
+            name.insert(0, "    "); // where others have a letter
+        if (!option->get_option_text().empty())
+            name += option->get_option_text();
+        else if (option->get_type_size() != 0 && !option->get_type_name().empty())
+            name += ' ' + option->get_type_name();
+        return wrap(option->get_description(), HelpColumn, "  " + name);
+    }
+};
 
 std::string getFullName(const CLI::App& command)
 {
@@ -72,18 +130,6 @@ int explainParseEnd(const CLI::App& program, const CLI::ParseError& error)
     return toInt(ExitCode::Usage);
 }
 
-/// Others must find the directory from wherever they run.
-void makeTempDirectoryAbsolute()
-{
-    const char* const directory = std::getenv("TMPDIR");
-    if (directory == nullptr || *directory == '\0' || *directory == '/')
-        return;
-    std::error_code error;
-    const auto path = std::filesystem::absolute(directory, error);
-    if (!error)
-        ::setenv("TMPDIR", path.c_str(), 1);
-}
-
 /// @return hands the log to standard error while it lives; null if the user's own configuration does
 ///         that
 std::unique_ptr<kit::LogListener> configureLogging(const CommonOptions& options)
@@ -111,6 +157,20 @@ std::unique_ptr<kit::LogListener> configureLogging(const CommonOptions& options)
         });
 }
 
+/// Takes the place of each of standard input, output and error that the parent has closed. Otherwise
+/// the next file or socket that is opened would get that number, and messages or samples would land
+/// in it. See wasClosed().
+void guardStandardStreams()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+    {
+        // Gets this very number: all lower ones are open. Reads and writes fail. Kept by a child,
+        // as the stream itself.
+        if (::fcntl(fd, F_GETFD) == -1)
+            ::open("/dev/null", O_PATH); // NOLINT(android-cloexec-open)
+    }
+}
+
 int runSubcommand(
     const Subcommand& subcommand,
     const CLI::App& command,
@@ -122,7 +182,6 @@ int runSubcommand(
     try
     {
         const auto log = configureLogging(options);
-        makeTempDirectoryAbsolute();
         StopSignal stop;
         const int code = subcommand.run(stop);
         flushOutput();

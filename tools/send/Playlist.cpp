@@ -32,11 +32,6 @@ Playlist::Playlist(
     }
 }
 
-Playlist::Playlist(std::unique_ptr<AudioInput> input, const StopSignal& stop)
-    : m_loop(false), m_stop(stop), m_current(std::move(input))
-{
-}
-
 std::size_t Playlist::read(Buffer& bytes, std::size_t numSamples)
 {
     std::size_t numRead = m_current->read(bytes, numSamples);

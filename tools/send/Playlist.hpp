@@ -28,9 +28,6 @@ public:
         const StopSignal& stop,
         const Deadline& deadline);
 
-    /// Takes a single input that is open already.
-    Playlist(std::unique_ptr<AudioInput> input, const StopSignal& stop);
-
     /// @return whether there is an input; otherwise there was a stop
     bool isOpen() const
     {

@@ -20,8 +20,6 @@ struct SendOptions
     std::string name;
     std::vector<std::string> inputs;
     InputSettings input;
-    std::optional<double> toneHz;
-    bool silence = false;
     bool loop = false;
     OptionalDuration frame = std::chrono::milliseconds(10);
     OptionalDuration duration;
@@ -36,10 +34,5 @@ struct SendOptions
     kit::RealTime realTime;
     std::string report;
 };
-
-/// Adds "send" to the program.
-///
-/// @return the subcommand, which fills the options when it is parsed
-CLI::App* addSendCommand(CLI::App& program, SendOptions& options);
 
 } // namespace vlx::tool
