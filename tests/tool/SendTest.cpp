@@ -246,7 +246,7 @@ TEST_F(SendTest, InputThatIsAlwaysReadyIsStampedExactly)
     }
 }
 
-TEST_F(SendTest, FifoThatNobodyWritesToEndsAtStopAndTimeout)
+TEST_F(SendTest, FifoWithoutAWriterEndsAtStopAndTimeout)
 {
     for (const std::string name : {"a.wav", "a.raw"})
     {

@@ -242,7 +242,7 @@ TEST_F(ToolTest, CompletionsKnowWhatCanFollow)
     }
 }
 
-TEST_F(ToolTest, ReportsFollowNoLinkAndWaitForNobody)
+TEST_F(ToolTest, ReportsFollowNoLinkAndNeverBlock)
 {
     const std::string victim = file("victim");
     const std::string report = file("r.json");

@@ -19,7 +19,7 @@ namespace
 
 using SteadyClock = std::chrono::steady_clock;
 
-// How often a FIFO is tried that nobody reads: nothing tells when somebody does.
+// How often a FIFO without a reader is tried: nothing reports when a reader comes.
 constexpr auto OpenInterval = std::chrono::milliseconds(10);
 
 timespec toTimespec(std::chrono::nanoseconds duration)
@@ -56,7 +56,7 @@ PollResult openPatiently(
     constexpr mode_t NewFileMode = 0666;
     std::error_code error;
     const bool fifo = std::filesystem::is_fifo(path, error);
-    // Without blocking a reader gets its FIFO at once; a writer only if somebody reads.
+    // Without blocking a reader gets its FIFO at once; a writer only if there is a reader.
     while ((fd = ::open(path, flags | O_CLOEXEC | (fifo ? O_NONBLOCK : 0), NewFileMode)) < 0 &&
            fifo && errno == ENXIO)
     {
