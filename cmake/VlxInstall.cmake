@@ -10,8 +10,8 @@ endif()
 include(CMakePackageConfigHelpers)
 set(vlx_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tavo_vellox)
 
-# Components: runtime (what a program needs), development (besides), tools and gstreamer (each besides
-# runtime). Everything belongs to one of them.
+# Components: runtime (what a program needs), development (besides), tools, gstreamer and alsa (each
+# besides runtime). Everything belongs to one of them.
 
 # Libraries. Siblings lie beside each other; another build of the companion stays where it is.
 set(vlx_libraries vlx_vellox vlx_vellox_kit)
@@ -110,4 +110,16 @@ if(TARGET gstvlx)
         INSTALL_RPATH $ORIGIN/..
         INSTALL_RPATH_USE_LINK_PATH ON)
     install(TARGETS gstvlx LIBRARY DESTINATION ${vlx_plugin_dir} COMPONENT gstreamer)
+endif()
+
+# The ALSA plugin, where ALSA looks when the prefix is its own, and its configuration beside ALSA's;
+# /etc/alsa/conf.d needs a link to that.
+if(TARGET vlx_alsa)
+    set_target_properties(vlx_alsa PROPERTIES
+        INSTALL_RPATH $ORIGIN/..
+        INSTALL_RPATH_USE_LINK_PATH ON)
+    install(TARGETS vlx_alsa LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/alsa-lib COMPONENT alsa)
+    install(FILES alsa/99-vlx.conf
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/alsa/alsa.conf.d
+        COMPONENT alsa)
 endif()
