@@ -14,7 +14,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "base/AbstractName.hpp"
 #include "base/LittleEndian.hpp"
 
 namespace vlx::testing
@@ -31,8 +30,11 @@ bool callWithName(Call call, int fd, const std::string& name)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const socklen_t length = setAbstractName(address, name);
-    return call(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0;
+    // Not by the library's function, which this checks.
+    const std::size_t length = std::min(name.size(), sizeof(address.sun_path) - 1);
+    std::memcpy(address.sun_path + 1, name.data(), length);
+    const std::size_t size = sizeof(address.sun_family) + 1 + length;
+    return call(fd, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(size)) == 0;
 }
 
 int getMillisecondsUntil(Clock::time_point end)
