@@ -130,8 +130,7 @@ int explainParseEnd(const CLI::App& program, const CLI::ParseError& error)
     return toInt(ExitCode::Usage);
 }
 
-/// @return hands the log to standard error while it lives; null if the user's own configuration does
-///         that
+/// @return prints the log on standard error while it lives; null if the user's configuration counts
 std::unique_ptr<kit::LogListener> configureLogging(const CommonOptions& options)
 {
     if (!options.logConfig.empty())
@@ -157,9 +156,9 @@ std::unique_ptr<kit::LogListener> configureLogging(const CommonOptions& options)
         });
 }
 
-/// Takes the place of each of standard input, output and error that the parent has closed. Otherwise
-/// the next file or socket that is opened would get that number, and messages or samples would land
-/// in it. See wasClosed().
+/// Fills the place of each standard stream that the parent has closed. Otherwise the next file or
+/// socket that is opened would get its number, and messages or samples would land in it. See
+/// wasClosed().
 void guardStandardStreams()
 {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
