@@ -74,8 +74,8 @@ int toError(int result)
     return result == 0 ? 0 : errno;
 }
 
-/// Orders what was accessed before against what is accessed afterwards. ThreadSanitizer has no fences,
-/// but does not look into files either.
+/// Orders what was accessed before against what is accessed afterwards. ThreadSanitizer has no
+/// fences, but does not look into files either.
 void orderMemory()
 {
 #pragma GCC diagnostic push

@@ -316,10 +316,15 @@ TEST_F(FrameRingTest, ReaderRefusesFilesThatAreNotTheSenders)
 
 TEST_F(FrameRingTest, NoFrameIsEverMixed)
 {
-    constexpr std::size_t Size = 100'000;
-    constexpr std::size_t NumFrames = 3000;
+    constexpr std::size_t Size = 50'000;
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    constexpr std::size_t NumFrames = 500;
+#else
+    constexpr std::size_t NumFrames = 6000;
+#endif
     const auto ring = makeRing(Size, 2);
     std::atomic<std::uint64_t> last = 0; // slot and generation of the newest frame
+    std::atomic<bool> isDone = false;
     std::thread writer(
         [&]
         {
@@ -328,7 +333,7 @@ TEST_F(FrameRingTest, NoFrameIsEverMixed)
                 const RingPlace place = ring->publish(makeFrame(Size, number));
                 last = place.generation << 1 | place.slot;
             }
-            last = 0;
+            isDone = true;
         });
     RingReader reader;
     EXPECT_EQ(reader.open(ring->getLayout(), ::geteuid()), "");
@@ -337,8 +342,10 @@ TEST_F(FrameRingTest, NoFrameIsEverMixed)
     std::size_t numMixed = 0;
     while (last == 0)
         std::this_thread::yield();
-    while (const std::uint64_t newest = last)
+    for (bool isLast = false; !isLast;)
     {
+        isLast = isDone; // then the newest frame stays
+        const std::uint64_t newest = last;
         const RingPlace place{static_cast<std::uint32_t>(newest & 1), 0, Size, newest >> 1};
         if (!reader.read(place, bytes))
             continue;
