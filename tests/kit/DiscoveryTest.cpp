@@ -231,6 +231,8 @@ TEST_F(DiscoveryTest, WatchReportsWhatComesChangesAndGoes)
 
 TEST_F(DiscoveryTest, WatchAsksAStoppedSenderOverOneConnection)
 {
+    if (!runsAlone()) // the watch asks every sender that it sees
+        return;
     const auto countDescriptors = []
     { return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()); };
     const SenderProcess process(getSocketName(), NanomsgProtocol::PubSub);

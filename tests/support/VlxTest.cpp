@@ -30,6 +30,9 @@ constexpr std::chrono::milliseconds PollInterval{1};
 // The program that a death test starts runs the fixture too, and never its end.
 constexpr const char* DeathTestDirectoryPrefix = "death-";
 
+// Variable of a test that runs in a process namespace of its own: its process outside.
+constexpr const char* IsAlone = "VLX_TEST_ALONE";
+
 bool isInDeathTestChild()
 {
     return !GTEST_FLAG_GET(internal_run_death_test).empty();
@@ -125,7 +128,10 @@ std::multiset<std::string> listInheritedDescriptors()
 VlxTest::VlxTest()
 {
     static int numTests = 0;
-    m_socketName = "vlx-test-" + std::to_string(::getpid()) + "-" + std::to_string(++numTests);
+    // In a process namespace of its own every test has the same id, and names are the machine's.
+    const char* const outside = std::getenv(IsAlone);
+    m_socketName = "vlx-test-" + (outside != nullptr ? outside : std::to_string(::getpid())) + "-" +
+                   std::to_string(++numTests);
 }
 
 void VlxTest::SetUp()
@@ -168,7 +174,6 @@ void VlxTest::TearDown()
 
 bool VlxTest::runsAlone()
 {
-    constexpr const char* IsAlone = "VLX_TEST_ALONE";
     if (std::getenv(IsAlone) != nullptr)
         return true;
     const std::string unshare = std::string("unshare --pid --fork --mount-proc --kill-child ") +
@@ -180,8 +185,8 @@ bool VlxTest::runsAlone()
     }
     const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
     const std::string test = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    const std::string command =
-        IsAlone + ("=1 " + unshare) + program + " --gtest_filter='*." + test + "'";
+    const std::string command = IsAlone + ("=" + std::to_string(::getpid()) + "a " + unshare) +
+                                program + " --gtest_filter='*." + test + "'";
     EXPECT_EQ(std::system(command.c_str()), 0);
     return false;
 }

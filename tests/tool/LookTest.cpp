@@ -550,7 +550,7 @@ TEST_F(LookTest, MonitorWithoutNamesShowsStreamsAsTheyComeAndGo)
     monitor.shows("no sender on this machine");
     ToolProcess shared(send({"--silence"}));
     monitor.shows("  running  ");
-    EXPECT_EQ(shared.stop(), 128 + SIGTERM);
+    EXPECT_EQ(shared.stop(), 128 + SIGTERM) << shared.getErrors();
     monitor.shows("  gone  ");
     // The next sender of the name is not joined.
     ToolProcess single(send({"--silence", "--protocol", "pipeline"}));
