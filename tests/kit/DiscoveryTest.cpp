@@ -226,7 +226,8 @@ TEST_F(DiscoveryTest, WatchReportsWhatComesChangesAndGoes)
     }
     EXPECT_EQ(getNextChange(calm), "gone " + name + "-b");
     SenderWatch moved = std::move(calm);
-    EXPECT_THAT(moved.look(), IsEmpty());
+    for (const SenderChange& change : moved.look())
+        EXPECT_FALSE(change.sender.name.starts_with(name)) << change.sender.name;
 }
 
 TEST_F(DiscoveryTest, WatchAsksAStoppedSenderOverOneConnection)
@@ -251,10 +252,11 @@ TEST_F(DiscoveryTest, WatchAsksAStoppedSenderOverOneConnection)
     EXPECT_EQ(getNextChange(watch), "changed " + getSocketName());
     EXPECT_TRUE(m_change.probe.sequenceNr);
 
-    // One that has answered before.
+    // One that has answered before; the stop may also come in the middle of an answer.
     process.signal(SIGSTOP);
-    EXPECT_EQ(getNextChange(watch), "changed " + getSocketName());
-    EXPECT_FALSE(m_change.probe.initialInfo);
+    do
+        ASSERT_EQ(getNextChange(watch), "changed " + getSocketName());
+    while (m_change.probe.initialInfo);
     EXPECT_EQ(countDescriptors(), before + 1);
     process.signal(SIGCONT);
 }
