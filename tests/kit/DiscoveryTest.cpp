@@ -186,6 +186,8 @@ TEST_F(DiscoveryTest, ListsSendersAndNothingElse)
 
 TEST_F(DiscoveryTest, WatchReportsWhatComesChangesAndGoes)
 {
+    if (!runsAlone()) // a watch asks every sender that it sees, other tests' too
+        return;
     using namespace std::chrono_literals;
     const std::string& name = getSocketName();
     SenderWatch watch(10ms);
@@ -226,13 +228,12 @@ TEST_F(DiscoveryTest, WatchReportsWhatComesChangesAndGoes)
     }
     EXPECT_EQ(getNextChange(calm), "gone " + name + "-b");
     SenderWatch moved = std::move(calm);
-    for (const SenderChange& change : moved.look())
-        EXPECT_FALSE(change.sender.name.starts_with(name)) << change.sender.name;
+    EXPECT_THAT(moved.look(), IsEmpty());
 }
 
 TEST_F(DiscoveryTest, WatchAsksAStoppedSenderOverOneConnection)
 {
-    if (!runsAlone()) // the watch asks every sender that it sees
+    if (!runsAlone()) // as above
         return;
     const auto countDescriptors = []
     { return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()); };
