@@ -530,7 +530,7 @@ Status Producer::Impl::announceAfterInterruption()
 {
     while (m_announcementsDue > 0)
     {
-        if (Status status = waitForReceivers(1, std::chrono::nanoseconds::zero()); !status)
+        if (Status status = waitForReceivers(1, std::chrono::nanoseconds(-1)); !status)
             return status;
         const int due = m_announcementsDue;
         if (Status status = announceNow(); !status)
@@ -625,7 +625,7 @@ Status Producer::Impl::waitForReceivers(std::size_t count, std::chrono::nanoseco
         if (m_numConnections >= count && countReceivers(std::chrono::nanoseconds::zero()) >= count)
             return checkUsable();
         const auto waited = Clock::now() - start;
-        if (timeout != timeout.zero() && waited >= timeout)
+        if (timeout >= timeout.zero() && waited >= timeout)
             return {ErrorCode::TimedOut, "too few receivers have joined in time"};
         m_stopRequested.wait_for(
             lock, waited < PromptJoinTime ? PromptCheckInterval : ReceiverCheckInterval,

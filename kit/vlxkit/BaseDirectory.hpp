@@ -25,7 +25,7 @@ struct BaseDirectory
     /// Success if the directory can be used; otherwise NoDirectory, DirectoryNotTrusted or
     /// NotPermitted.
     Status status;
-    /// Whether this call has created the directory.
+    /// True if this call created the directory.
     bool created = false;
     /// Informational message about a created directory, in one line; otherwise empty.
     std::string notice;

@@ -52,14 +52,14 @@ struct ConsumerOptions
     /// /proc/sys/kernel/overflowuid) never matches: in a user namespace it stands for every user
     /// from outside.
     std::optional<uid_t> senderUser = {};
-    /// Refuses a sender in Pipeline, whose only receiver this would become: NotPermitted.
+    /// Refuses Pipeline senders, which accept only one receiver; reported as NotPermitted.
     bool pubSubOnly = false;
     /// Receives informational messages, such as restrictions, one line each, on the thread that
     /// calls start(). Not set: they go to the logger "Vellox.Kit" as WARN.
     std::function<void(const std::string&)> onNotice = {};
     /// Limits of the queue of a consumer without a frame callback.
     QueueLimits queue = {};
-    /// Whether to receive codecs without a depayloader, too: each frame is the payload as it was
+    /// Also receives codecs that have no depayloader: each frame is the payload as it was
     /// sent, and CodecFormat has the codec's FourCC and header. Otherwise they are reported as
     /// CannotPlay. A sender is then asked for its codec before it is first joined. A stream that
     /// changes to a new codec is Lost and joined again; at most 64 codecs in all are received.
@@ -77,7 +77,7 @@ struct FrameInfo
     /// the stream's clock.
     std::int64_t gapNs = 0;
     /// First frame of a connection, of a format or of a codec header, or after a pause: a decoder
-    /// starts afresh. A sequence that only repeats what is known is none of these.
+    /// starts afresh. A repeated announcement does not set it.
     bool isFirst = false;
     TimeValue arrival = 0; ///< nanoseconds of CLOCK_MONOTONIC
     /// Clock of the timestamp.
@@ -136,7 +136,7 @@ struct CodecFormat
     std::uint32_t fourcc = 0; ///< code of the codec, four characters, lowest byte first
     Buffer header;            ///< as the sender announced it
 
-    /// Every field.
+    /// Memberwise comparison.
     bool operator==(const CodecFormat&) const = default;
 };
 
@@ -151,12 +151,12 @@ struct ConsumerEvent
         /// The connection has ended: the sender closed it, it failed, or the consumer left, because
         /// of stop() for instance.
         Lost,
-        /// The consumer left a connection that brought no frames for the stall timeout, or whose
-        /// frames belong to a sequence that was not announced to it, and joins again.
+        /// The consumer joins again: no frame came within the stall timeout, or it missed the
+        /// announcement of a sequence.
         Stalled,
         /// No depayloader for the stream's codec is registered, or its depayloader rejects the
-        /// header, or the PCM format is beyond StreamFormat::isSupported(). This kind and all that
-        /// follow: reported once, until something else happens, and tried again every two seconds.
+        /// header, or the PCM format is beyond StreamFormat::isSupported(). This kind and
+        /// the following are reported once in a row, and retried every two seconds.
         CannotPlay,
         /// This user may not write to the sender's socket file, and would get no frame; or the
         /// sender is in Pipeline and ConsumerOptions::pubSubOnly is set.
@@ -167,21 +167,20 @@ struct ConsumerEvent
         /// checks.
         NotASender,
         /// The receiver could not go on: the process has no descriptor left, for instance, or in
-        /// Pipeline another receiver has joined the stream. Tried again ever more seldom, up to
-        /// every 10 seconds, since each attempt in Pipeline costs memory inside nanomsg (736
-        /// bytes).
+        /// Pipeline another receiver has joined the stream. Retries slow
+        /// down to one every 10 seconds, since each in Pipeline costs 736 bytes inside nanomsg.
         Failed,
     };
 
     Kind kind = Kind::Joined; ///< what happened
     TimeValue time = 0;       ///< nanoseconds of CLOCK_MONOTONIC
-    /// One line for a user: what happened, why, and what to do where something can be done. For
+    /// One line for a user: what happened, why, and the remedy, if there is one. For
     /// NotPermitted it names path and mode of the socket file and the sender's --socket-mode.
     std::string text;
     std::uint32_t fourcc = 0; ///< CannotPlay: the stream's codec
 };
 
-/// @return such as "joined"; a static string
+/// @return a static string such as "joined"
 VLX_API const char* toString(ConsumerEvent::Kind kind);
 
 /// What Consumer::read() returns: a format or codec, before the first frame of each connection and
@@ -202,7 +201,7 @@ struct ConsumerClock
 };
 
 /// Callbacks of a Consumer. All are optional. Without onFrame the consumer also puts everything
-/// into a queue for Consumer::read(). No lock is held during a call, and no two calls overlap.
+/// into a queue for Consumer::read(), after its callback. No lock is held during a call, and no two calls overlap.
 /// Callbacks must not throw, nor start, stop or destroy the consumer; they may call requestStop().
 /// A slow callback makes this consumer lose frames, and no other.
 struct ConsumerCallbacks
@@ -215,7 +214,7 @@ struct ConsumerCallbacks
     /// The same for every other codec. Its depayloader, if there is one, has just accepted the
     /// header.
     std::function<void(const CodecFormat&)> onCodec = {};
-    /// Receives each event, on the receiving thread or on the consumer's own.
+    /// Receives each event, on the receiving thread or on "vlx-keeper".
     ///
     /// Each Joined is followed by exactly one Lost or Stalled before the next Joined, and before
     /// stop() returns; neither comes without a Joined before it. Frames, formats and codecs come
@@ -256,19 +255,19 @@ struct ConsumerStatistics
 /// Receives one stream until it is stopped: waits for the sender, joins it, joins it again after a
 /// loss or a stall, backs off from senders that cannot be played, and stops promptly.
 ///
-/// Threads: the library's two, and one that supervises them, "vlx-keeper". PCM is built in.
+/// Threads: the library's two, one of which receives, and one that supervises them, "vlx-keeper".
+/// PCM is built in.
 ///
 /// Every connection is checked before it is used: the announced main channel must be a sender's own
 /// file in the sender's own directory, below a base directory that no third user controls, and of
-/// the user that the options name. A join takes one connection. Only a sender that was refused, or
-/// whose last connection ended before a sequence was announced, is asked what it sends before it is
-/// joined again, for a clear message.
+/// the user that the options name. A join takes one connection. After a refusal, or a connection
+/// without a sequence, the consumer first asks the sender what it sends, to report a clear message.
 ///
 /// A receiver that has missed the announcement of a sequence, and would refuse every frame, joins
 /// again after 20 ms, at most once a second; that is reported as Stalled.
 ///
-/// An unresponsive sender, a stopped one for instance, keeps one connection waiting, without limit
-/// and without an event. A sender whose backlog is full is asked ten times a second, which costs it
+/// Joining an unresponsive sender, such as a stopped one, waits without limit and without an event,
+/// on one connection. A sender whose backlog is full is asked ten times a second, which costs it
 /// nothing.
 ///
 /// Misuse fails an assertion that names the correct use: start(), stop() or destruction inside a
@@ -279,7 +278,8 @@ struct ConsumerStatistics
 /// reader: while (auto item = consumer.read()) ... An event loop watches getDescriptor() and reads
 /// with a timeout of zero until nothing is left.
 ///
-/// Throws only what the standard library throws (no memory, no thread).
+/// Operations that can fail return a Status, also if a thread cannot be started. Throws
+/// std::bad_alloc.
 class Consumer
 {
 public:
@@ -293,16 +293,15 @@ public:
     Consumer& operator=(const Consumer&) = delete;
 
     /// Takes over a consumer, started or not. The one that was moved from can only be destroyed or
-    /// assigned to; assignment stops the former consumer. Not to itself, nor beside another call.
+    /// assigned to; assignment stops the former consumer. Never self-assign, nor move during another call.
     VLX_API Consumer(Consumer&& other) noexcept;
     VLX_API Consumer& operator=(Consumer&& other) noexcept; ///< see the move constructor
 
     /// Registers a codec beside PCM, or in its place. Before start().
     ///
-    /// Headers are tried on it before its stream is joined, too, and taken back with reset(): on
-    /// the consumer's own thread, while nothing is received. Within a connection it is given a
-    /// header only when that differs from the one before, so that an announcement which repeats it
-    /// leaves a decoder in step.
+    /// Before it joins, the consumer may test a header on it, and then calls reset(): on
+    /// "vlx-keeper", while nothing is received. Within a connection it gets a header only if that
+    /// has changed: repeated announcements do not disturb a decoder.
     ///
     /// @param depayloader  not owned; must outlive the consumer
     VLX_API void addDepayloader(Depayloader& depayloader);
@@ -343,26 +342,25 @@ public:
     /// The order of events is that of ConsumerCallbacks::onEvent.
     ///
     /// @param timeout  how long to wait; zero: not at all; negative: without limit
-    /// @return not set if nothing has come in time; at once if the consumer is not started, or has
-    ///         stopped, and everything was read. requestStop() ends the wait as soon as the stop is
+    /// @return not set after the timeout; at once if the consumer is not started or has stopped,
+    ///         and the queue is empty. requestStop() ends the wait as soon as the stop is
     ///         complete, after the last event; always not set with a frame callback
-    /// @thread any; not during the destruction
+    /// @thread any but a callback's; not during the destruction
     VLX_API std::optional<ConsumerItem>
     read(std::chrono::nanoseconds timeout = std::chrono::nanoseconds(-1));
 
-    /// Frees the readers that wait: read() returns what there is, and does not wait, until this is
-    /// called with false. For a program that pauses or stops its readers.
+    /// Interrupts the readers, for a program that pauses or stops them.
     ///
+    /// @param on  true: read() returns what there is, and does not wait; false: it waits again
     /// @thread any
     VLX_API void interrupt(bool on);
 
-    /// Pauses the stream, or resumes it. During a pause frames are discarded without being counted
-    /// as dropped, also those that wait already; formats and events stay. The next frame has
-    /// isFirst set.
+    /// Pauses the stream, or resumes it. A pause discards frames, queued ones too, without counting them
+    /// as dropped; formats and events stay. The next frame has isFirst set.
     ///
     /// A consumer that is paused when it starts connects to a sender, but joins it only when it is
-    /// resumed. So the sender goes on waiting for its first receiver, and waitUntilJoined() and
-    /// getClock() already work as if it was joined.
+    /// resumed. The sender still waits for its first receiver, but waitUntilJoined() and getClock()
+    /// behave as if joined.
     ///
     /// @param on  whether to pause; not paused by default
     /// @thread one at a time, and not beside start()

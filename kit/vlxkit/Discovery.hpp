@@ -1,6 +1,6 @@
 #pragma once
 
-/// Which processes send on this machine, and what: found through the kernel, and asked by name.
+/// Finds the senders of this machine through the kernel, and asks what they send.
 
 #include <chrono>
 #include <cstddef>
@@ -27,7 +27,7 @@ struct RingLayout
     std::uint32_t numSlots = 0;  ///< frames in the file, at least 2
     std::uint64_t slotBytes = 0; ///< bytes of a frame with its head
 
-    /// Every field.
+    /// Memberwise comparison.
     bool operator==(const RingLayout&) const = default;
 
     /// @return path of the file
@@ -43,19 +43,19 @@ struct RingLayout
     }
 };
 
-/// What somebody who holds a stream's name answered, and what that means for this user.
+/// Answer of the process that holds a stream's name, and the rights of this user.
 struct SenderProbe
 {
-    /// Somebody listens under the name.
+    /// The name has a listener.
     bool reached = false;
-    /// Somebody listens, but his backlog is full: he is stopped, or busy.
+    /// The listener's backlog is full: it is stopped or busy.
     bool busy = false;
-    /// The connection was closed from the other side before everything that was asked for had come.
+    /// The sender closed the connection before its answer was complete.
     bool closedEarly = false;
     /// Effective user of the process that listens, as the kernel recorded it; not set if none was
     /// reached.
     std::optional<uid_t> user;
-    /// Not set if it did not come in time, or was malformed.
+    /// The sender's first message; not set if it was late or malformed.
     std::optional<InitialInfo> initialInfo;
     /// Number of the current sequence; unset, as all that follows, if none was announced in time.
     std::optional<std::uint16_t> sequenceNr;
@@ -67,9 +67,9 @@ struct SenderProbe
     std::optional<RingLayout> ring;
     /// Set if the codec is PCM and its header is valid.
     std::optional<StreamFormat> format;
-    /// Path of the main channel's socket file; empty if no sender announces such a URI: the
-    /// directory must be a sender's, of the sender's user, no link, and in a base directory that no
-    /// other user controls; the file a socket or, in Pipeline, nothing yet.
+    /// Path of the main channel's socket file. Empty unless it is a socket, or in Pipeline may
+    /// become one, in a sender's own directory, which belongs to the sender's user, is no link, and
+    /// lies in a base directory that no other user controls.
     std::string socketFile;
     /// Mode of the socket file; 0 if there is none, or this user may not look.
     mode_t socketFileMode = 0;
@@ -78,8 +78,8 @@ struct SenderProbe
 };
 
 /// Connects to a sender's sidechannel, reads what a new receiver would be told, looks at the socket
-/// file, and closes. Nothing that comes back can stop the process. One who does not answer keeps a
-/// place in his backlog occupied for as long as he does not accept: do not ask again and again.
+/// file, and closes. No answer can stop the process. Each probe of an unresponsive sender fills a
+/// place in its backlog until it accepts: do not repeat such probes.
 ///
 /// @param name     the sender's name in the abstract socket namespace
 /// @param timeout  for the whole exchange. A sender that has not started a sequence yet sends no
@@ -92,7 +92,7 @@ VLX_API SenderProbe probeSender(const std::string& name, std::chrono::millisecon
 /// @param names    of the senders
 /// @param timeout  for all of them together
 /// @param stopFD   a descriptor that ends the wait when it becomes readable; -1: no such descriptor
-/// @return one probe per name, in the same order; what has not come until the end is not set
+/// @return one probe per name, in the same order; late answers are not set
 /// @thread any
 VLX_API std::vector<SenderProbe> probeSenders(
     const std::vector<std::string>& names,
@@ -124,8 +124,8 @@ struct SenderList
 };
 
 /// Finds the senders of this machine and network namespace without connecting to any of them: by
-/// the kernel's socket diagnosis, and by /proc. Where the kernel has no socket diagnosis, its text
-/// "/proc/net/unix" serves; sockets that a process hides there by forged lines are left out.
+/// the kernel's socket diagnosis, and by /proc. Without socket diagnosis it reads "/proc/net/unix",
+/// where a process can hide sockets by forged lines.
 ///
 /// @thread any
 VLX_API SenderList listSenders();
@@ -177,12 +177,12 @@ public:
     /// Takes over what the other watch has seen. The one that was moved from can only be destroyed
     /// or assigned to.
     VLX_API SenderWatch(SenderWatch&& other) noexcept;
-    VLX_API SenderWatch& operator=(SenderWatch&& other) noexcept; ///< see there
+    VLX_API SenderWatch& operator=(SenderWatch&& other) noexcept; ///< see the move constructor
 
     /// Looks, and returns without waiting for any sender. Call it a few times a second: a sender
     /// that comes and goes between two calls is not reported.
     ///
-    /// @return the changes since the call before; at first each sender comes
+    /// @return changes since the previous call; the first call reports every sender
     VLX_API std::vector<SenderChange> look();
 
     /// @return the senders of the latest search, with the hidden ones and the notice
@@ -193,11 +193,10 @@ private:
     std::unique_ptr<Impl> m_impl;
 };
 
-/// A directory that a killed sender has left behind, or a file by which a program that was killed
-/// wanted to wake others.
+/// A directory left by a killed sender, or the wake-up file of a killed program.
 struct DeadEntry
 {
-    std::string path; ///< the whole
+    std::string path; ///< full path
     /// Why it could not be removed, in one line; empty if it was removed.
     std::string problem;
 };
@@ -213,13 +212,12 @@ struct CleanupResult
     std::size_t numUncertain = 0;
 };
 
-/// Removes from a base directory what dead programs have left. All of it is older than a minute:
+/// Removes from a base directory what dead programs have left, if it is older than a minute:
 /// directories that no reachable sender announces, whose lock is not held, and in which no process
-/// serves a socket; and the files of producers and consumers that were killed while they woke
-/// others.
+/// serves a socket; and wake-up files of killed producers and consumers.
 ///
-/// Skips directories of users with unidentified or unresponsive senders. Does not find a sender in
-/// Pipeline without the kit that /proc does not show, in another container with the same base
+/// Skips directories of users with unidentified or unresponsive senders. Cannot recognise a live
+/// Pipeline sender that does not use the kit and runs in another container with the same base
 /// directory.
 ///
 /// @param baseDirectory  path; empty: "TMPDIR", or "/tmp/vlx"

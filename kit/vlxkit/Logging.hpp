@@ -38,7 +38,7 @@ struct LogLine
 VLX_API std::string toText(const LogLine& line);
 
 /// Tells whether anything receives the log: a LogListener, a Logging, or an appender with which the
-/// program has configured log4cplus. If not, log4cplus prints two lines of complaint.
+/// program has configured log4cplus. If not, log4cplus prints a warning of two lines.
 ///
 /// @thread any
 VLX_API bool isLogReceived();
@@ -76,9 +76,9 @@ private:
 };
 
 /// Prints the log of library and kit on standard error while it lives, for a program that does not
-/// configure log4cplus: make one first thing in main().
+/// configure log4cplus: create it first in main().
 ///
-/// May be made again and nested: the level of the youngest counts, and each line appears once.
+/// May be nested: the newest level applies, and each line appears once.
 ///
 /// @thread any; destroy nested ones in reverse order
 class Logging

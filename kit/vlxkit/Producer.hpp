@@ -1,6 +1,6 @@
 #pragma once
 
-/// A stream's sending end with everything around it that a program needs.
+/// The complete sending end of a stream.
 
 #include <chrono>
 #include <cstddef>
@@ -36,8 +36,9 @@ enum class Carriage
 {
     /// In packets: every receiver can read them.
     Inline,
-    /// In shared memory, and packets say only where: far faster from some kilobytes up. Only
-    /// consumers of the kit on this machine can read them, with the same "/dev/shm".
+    /// In shared memory; packets only say where. Far faster for frames of several kilobytes. Only
+    /// consumers of the kit with the same "/dev/shm" can read them, without any option; a plain
+    /// receiver of the library cannot play the stream.
     Shared,
     /// Shared if the nominal frame of the format has at least 4096 bytes, otherwise inline.
     Automatic,
@@ -52,10 +53,9 @@ struct SharedMemory
     /// `frameDuration`. A larger frame makes the producer open larger memory.
     std::size_t frameBytes = 0;
     std::chrono::nanoseconds frameDuration{0}; ///< nominal; zero: that of the first frame
-    /// How long a frame can be read after it was sent, at least for four frames. A receiver that
-    /// is later than that loses the frame.
+    /// How long a sent frame stays readable; at least four frames. A later receiver loses it.
     std::chrono::nanoseconds span = std::chrono::milliseconds(100);
-    /// Largest memory, at most 1 GiB; the span is shorter if that is too little for it.
+    /// Largest memory, at most 1 GiB; too little memory shortens the span.
     std::size_t maxBytes = 64 << 20;
 };
 
@@ -77,6 +77,8 @@ struct FrameMemory
 class VLX_API PlainPayloader : public Payloader
 {
 public:
+    /// Creates a payloader that leaves frames as they are.
+    ///
     /// @param fourcc       code of the codec
     /// @param codecHeader  announced with every sequence
     PlainPayloader(std::uint32_t fourcc, const ByteView& codecHeader) : Payloader(fourcc)
@@ -132,13 +134,15 @@ struct ProducerStatistics
 /// Sends one stream. Opens it so that no receiver misses the beginning, re-announces a sequence to
 /// receivers that joined as it began, and lets the last frame leave before it closes.
 ///
-/// One thread opens, sends and closes; two at once fail an assertion. stop(), interrupt()
-/// and getStatistics() may come from any thread. To close a stream from another thread, call
-/// stop() and join the sending thread first. The caller paces the frames: what a receiver cannot
-/// take at once is lost to that receiver, so several frames at once are lost in part.
+/// One thread opens, sends and closes; two at once fail an assertion. Any thread may call stop(),
+/// interrupt(), acquire() and getStatistics(). To close a stream from another thread, call stop()
+/// and join the sending thread first. The caller paces the frames: a receiver loses what it cannot
+/// take at once, so bursts lose frames.
 ///
-/// Operations that can fail return a Status. Throws only what the standard library throws (no
-/// memory, no thread).
+/// Operations that can fail return a Status, also if a thread cannot be started. Throws
+/// std::bad_alloc, and what a payloader throws.
+///
+/// In a forked child the copy of a producer only closes its descriptors; the parent's goes on.
 class Producer
 {
 public:
@@ -152,7 +156,7 @@ public:
     Producer& operator=(const Producer&) = delete;
 
     /// Takes over a producer, open or not. The one that was moved from can only be destroyed or
-    /// assigned to; assignment closes the former stream. Not to itself, nor beside another call.
+    /// assigned to; assignment closes the former stream. Never self-assign, nor move during another call.
     VLX_API Producer(Producer&& other) noexcept;
     VLX_API Producer& operator=(Producer&& other) noexcept; ///< see the move constructor
 
@@ -186,10 +190,10 @@ public:
     /// @return NotOpen, Stopped or Interrupted
     VLX_API Status announce();
 
-    /// Sends one frame. PubSub: never blocks. Pipeline: blocks until the receiver takes it; stop()
-    /// and interrupt() end that wait. Opens another sequence first if a receiver has joined within
-    /// a second of the last one, since it may have missed that. Allocates nothing per frame,
-    /// without ProducerOptions::onReceivers.
+    /// Sends one frame. PubSub: never blocks. Pipeline: blocks until a receiver takes it, also one
+    /// that joins later; stop() and interrupt() end that wait. First opens another sequence if a
+    /// receiver joined within a second of the current one's start and may have missed it. Allocates
+    /// nothing per frame, without ProducerOptions::onReceivers.
     ///
     /// @param timestamp  of the frame's first sample, nanoseconds on the announced clock
     /// @param duration   nanoseconds
@@ -198,9 +202,10 @@ public:
     ///         sample: the frame was not sent
     VLX_API Status send(TimeValue timestamp, TimeValue duration, const ByteView& mediaData);
 
-    /// Returns memory for a frame: with shared memory a part of that, which send() then does not
-    /// copy; ordinary memory otherwise, and while half of the shared memory is handed out. Fill it,
-    /// then send it, or a part of it, before it is destroyed; leave it unchanged after that.
+    /// Returns memory for a frame: a part of the shared memory, which send() then does not copy if
+    /// the payloader is PCM or a PlainPayloader. Otherwise, and while half of the shared memory is
+    /// handed out, ordinary memory. Fill it, send all or part of it while it exists, then leave it
+    /// unchanged.
     ///
     /// @param size  bytes
     /// @thread any
@@ -216,14 +221,14 @@ public:
     /// a receiver counts when it has bound.
     ///
     /// @param count    receivers
-    /// @param timeout  zero: without limit; negative: do not wait
+    /// @param timeout  zero: do not wait; negative: without limit
     /// @return TimedOut, NotOpen, Stopped or Interrupted
     VLX_API Status waitForReceivers(
         std::size_t count,
-        std::chrono::nanoseconds timeout = std::chrono::nanoseconds::zero());
+        std::chrono::nanoseconds timeout = std::chrono::nanoseconds(-1));
 
-    /// Frees the operation that blocks, and makes it and every later one return Interrupted, until
-    /// this is called with false; then everything continues as before. An operation that was freed
+    /// Interrupts: a blocked operation and all later ones return Interrupted, until this is called
+    /// with false. An operation that was freed
     /// returns Interrupted even if interrupt(false) has followed at once. In PubSub a frame that is
     /// being sent is still sent. In Pipeline a freed send has not sent its frame, unless the
     /// receiver took it in that instant. May come before open().
@@ -232,8 +237,8 @@ public:
     /// @thread any; not from a signal handler
     VLX_API void interrupt(bool on);
 
-    /// Frees the operation that blocks, and makes it and every later operation return Stopped. May
-    /// come before or during open(). Irrevocable.
+    /// Stops for good: a blocked operation and all later ones return Stopped, and only close() is
+    /// left to call. May come before or during open().
     ///
     /// @thread any; not from a signal handler
     VLX_API void stop();

@@ -25,7 +25,8 @@ enum class ErrorCode
     NoDirectory,
     /// Another user controls the base directory, or has replaced files of the stream.
     DirectoryNotTrusted,
-    /// The user may not write to the base directory, or may not use real-time scheduling.
+    /// A producer's user may not write to the base directory, or the user may not use it at all, or
+    /// may not use real-time scheduling.
     NotPermitted,
     /// No descriptor, thread or memory is left. Retry later.
     OutOfResources,

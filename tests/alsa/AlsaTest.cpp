@@ -402,7 +402,8 @@ INSTANTIATE_TEST_SUITE_P(
             SND_PCM_ACCESS_RW_NONINTERLEAVED, SND_PCM_FORMAT_FLOAT64_LE, 3, 48000,
             PcmFormat::F64LE},
         Layout{
-            SND_PCM_ACCESS_RW_INTERLEAVED, SND_PCM_FORMAT_FLOAT64_BE, 2, 48000, PcmFormat::F64BE}));
+            SND_PCM_ACCESS_RW_INTERLEAVED, SND_PCM_FORMAT_FLOAT64_BE, 2, 48000, PcmFormat::F64BE}),
+    [](const auto& each) { return std::string(toString(each.param.expected)); });
 
 TEST_F(AlsaTest, PlaysByTheClockAndReportsTheDelay)
 {

@@ -126,7 +126,7 @@ bool FramePump::waitForReceivers(std::size_t count)
     m_numAwaited = count;
     showWaiting();
     const kit::Status status =
-        m_producer.waitForReceivers(count, m_options.timeout.value_or(nanoseconds::zero()));
+        m_producer.waitForReceivers(count, m_options.timeout.value_or(nanoseconds(-1)));
     if (status.getCode() == kit::ErrorCode::TimedOut)
         throw CommandFailure(
             ExitCode::TimedOut, std::to_string(m_numReceivers) + " of " + std::to_string(count) +
