@@ -674,9 +674,15 @@ TEST_F(LookTest, AClocksOffsetIsToTheMonotonicClock)
         EXPECT_EQ(before["synchronized"], false);
         EXPECT_TRUE(before["offset_ns"].is_null() && before["round_trip_ns"].is_null());
         provider.start(offsetNs);
-        EXPECT_TRUE(waitFor([&] { return readLastLine(watch)["offset_ns"].is_number(); }));
-        const json line = readLastLine(watch);
-        EXPECT_NEAR(line["offset_ns"].get<double>(), static_cast<double>(offsetNs), 20e6);
+        // A first estimate is as good as the round trips of a busy machine.
+        json line;
+        const auto isExact = [&]
+        {
+            line = readLastLine(watch);
+            return line["offset_ns"].is_number() &&
+                   std::abs(line["offset_ns"].get<std::int64_t>() - offsetNs) < 20'000'000;
+        };
+        EXPECT_TRUE(waitFor(isExact)) << line;
         EXPECT_EQ(line["synchronized"], true);
         EXPECT_GT(line["round_trip_ns"], 0);
         EXPECT_EQ(watch.stop(), 128 + SIGTERM);
