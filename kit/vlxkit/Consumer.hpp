@@ -201,9 +201,9 @@ struct ConsumerClock
 };
 
 /// Callbacks of a Consumer. All are optional. Without onFrame the consumer also puts everything
-/// into a queue for Consumer::read(), after its callback. No lock is held during a call, and no two calls overlap.
-/// Callbacks must not throw, nor start, stop or destroy the consumer; they may call requestStop().
-/// A slow callback makes this consumer lose frames, and no other.
+/// into a queue for Consumer::read(), after its callback. No lock is held during a call, and no two
+/// calls overlap. Callbacks must not throw, nor start, stop or destroy the consumer; they may call
+/// requestStop(). A slow callback makes this consumer lose frames, and no other.
 struct ConsumerCallbacks
 {
     /// Receives each frame, on the receiving thread.
@@ -293,7 +293,8 @@ public:
     Consumer& operator=(const Consumer&) = delete;
 
     /// Takes over a consumer, started or not. The one that was moved from can only be destroyed or
-    /// assigned to; assignment stops the former consumer. Never self-assign, nor move during another call.
+    /// assigned to; assignment stops the former consumer. Never self-assign, nor
+    /// move during another call.
     VLX_API Consumer(Consumer&& other) noexcept;
     VLX_API Consumer& operator=(Consumer&& other) noexcept; ///< see the move constructor
 
@@ -355,8 +356,8 @@ public:
     /// @thread any
     VLX_API void interrupt(bool on);
 
-    /// Pauses the stream, or resumes it. A pause discards frames, queued ones too, without counting them
-    /// as dropped; formats and events stay. The next frame has isFirst set.
+    /// Pauses the stream, or resumes it. A pause discards frames, queued ones too, without counting
+    /// them as dropped; formats and events stay. The next frame has isFirst set.
     ///
     /// A consumer that is paused when it starts connects to a sender, but joins it only when it is
     /// resumed. The sender still waits for its first receiver, but waitUntilJoined() and getClock()

@@ -156,7 +156,8 @@ public:
     Producer& operator=(const Producer&) = delete;
 
     /// Takes over a producer, open or not. The one that was moved from can only be destroyed or
-    /// assigned to; assignment closes the former stream. Never self-assign, nor move during another call.
+    /// assigned to; assignment closes the former stream. Never self-assign, nor move
+    /// during another call.
     VLX_API Producer(Producer&& other) noexcept;
     VLX_API Producer& operator=(Producer&& other) noexcept; ///< see the move constructor
 
