@@ -47,6 +47,9 @@ constexpr std::uint64_t AllocationStep = 1 << 20;
 
 constexpr std::uint64_t BytesPerBlock = 512; // of a file's status
 
+// A ring is made without its lock, which comes next: its producer may be held up in between.
+constexpr std::int64_t MinEmptyAgeSeconds = 60;
+
 /// @return whether makeRingName() makes such names
 bool isRingName(std::string_view name)
 {
@@ -424,10 +427,10 @@ std::vector<DeadEntry> removeDeadRings(std::optional<std::int64_t> minAgeSeconds
             !S_ISREG(status.st_mode))
             continue;
         const bool isMine = status.st_uid == ::geteuid();
-        // An empty ring is being made, unless it is old.
-        const bool isDue = minAgeSeconds ? (isMine || ::geteuid() == 0) &&
-                                               std::time(nullptr) - status.st_mtime > *minAgeSeconds
-                                         : isMine && status.st_size != 0;
+        const std::int64_t age = std::time(nullptr) - status.st_mtime;
+        const bool isDue = minAgeSeconds
+                               ? (isMine || ::geteuid() == 0) && age > *minAgeSeconds
+                               : isMine && (status.st_size != 0 || age > MinEmptyAgeSeconds);
         const OwnedDescriptor file(
             isDue ? ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC) : -1);
         if (file.get() >= 0 && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0)

@@ -171,7 +171,8 @@ private:
 
 /// Removes rings that dead producers have left: their lock is free.
 ///
-/// @param minAgeSeconds  younger ones stay; unset: only rings of this user, of any age
+/// @param minAgeSeconds  younger ones stay; not set: only rings of this user, of any age, and
+///                       empty files that are older than a minute
 /// @thread any
 std::vector<DeadEntry> removeDeadRings(std::optional<std::int64_t> minAgeSeconds = {});
 

@@ -4,10 +4,12 @@
 #include <cstdlib>
 #include <functional>
 #include <limits>
+#include <optional>
 #include <thread>
 
 #include <FrameRing.hpp>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -413,7 +415,13 @@ TEST_F(FrameRingTest, OnlyRingsOfTheDeadAreRemoved)
             std::string problem;
             return FrameRing::make(dead, 0600, ::getegid(), problem) != nullptr;
         }));
-    const Descriptor file(::open(beingMade.getPath().c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600));
+    RingLayout stopped = ring->getLayout();
+    stopped.name += ".4";
+    const auto makeEmpty = [](const RingLayout& layout)
+    { return Descriptor(::open(layout.getPath().c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600)); };
+    makeEmpty(beingMade);
+    const Descriptor locked = makeEmpty(stopped);
+    ASSERT_EQ(::flock(locked.get(), LOCK_EX | LOCK_NB), 0);
     ASSERT_TRUE(isThere(dead));
     removeDeadRings(60);
     EXPECT_TRUE(isThere(dead)) << "it is young";
@@ -422,14 +430,25 @@ TEST_F(FrameRingTest, OnlyRingsOfTheDeadAreRemoved)
     EXPECT_TRUE(isThere(beingMade));
     EXPECT_TRUE(isThere(ring->getLayout()));
     EXPECT_TRUE(ring->isLinked());
-    constexpr timespec LongAgo[2] = {};
-    for (const RingLayout& layout : {beingMade, ring->getLayout()})
-        ::utimensat(AT_FDCWD, layout.getPath().c_str(), LongAgo, 0);
-    const std::vector<DeadEntry> removed = removeDeadRings(60);
-    EXPECT_TRUE(std::ranges::any_of(
-        removed, [&](const DeadEntry& entry) { return entry.path == beingMade.getPath(); }));
-    EXPECT_FALSE(isThere(beingMade));
-    EXPECT_TRUE(isThere(ring->getLayout())) << "in use";
+    for (const auto minAgeSeconds : {std::optional<std::int64_t>(60), {}})
+    {
+        SCOPED_TRACE(minAgeSeconds ? "by age" : "by the next producer");
+        const auto reportsEmpty = [&]
+        {
+            makeEmpty(beingMade);
+            constexpr timespec LongAgo[2] = {};
+            for (const RingLayout& layout : {beingMade, stopped, ring->getLayout()})
+                ::utimensat(AT_FDCWD, layout.getPath().c_str(), LongAgo, 0);
+            return std::ranges::any_of(
+                removeDeadRings(minAgeSeconds),
+                [&](const DeadEntry& entry) { return entry.path == beingMade.getPath(); });
+        };
+        EXPECT_TRUE(waitFor(reportsEmpty)); // a producer elsewhere may be the first to remove it
+        EXPECT_FALSE(isThere(beingMade));
+        EXPECT_TRUE(isThere(stopped)) << "locked";
+        EXPECT_TRUE(isThere(ring->getLayout())) << "in use";
+    }
+    ::unlink(stopped.getPath().c_str());
     ring->remove();
     EXPECT_FALSE(isThere(ring->getLayout()));
 }
