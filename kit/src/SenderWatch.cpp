@@ -62,7 +62,7 @@ bool isSame(const SenderProbe& left, const SenderProbe& right)
         return std::tuple(
             probe.initialInfo.has_value(), info.nanomsgURI, info.nanomsgProtocol,
             info.timeSyncProtocol, info.timeSyncIPAddress, info.timeSyncPort, probe.sequenceNr,
-            probe.fourcc, probe.codecHeader, probe.mayJoin);
+            probe.fourcc, probe.codecHeader, probe.ring, probe.mayJoin);
     };
     return list(left) == list(right);
 }

@@ -12,11 +12,13 @@
 #include <vector>
 
 #include <Bell.hpp>
+#include <FrameRing.hpp>
 #include <SenderQuestion.hpp>
 #include <UnixSockets.hpp>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
@@ -229,6 +231,40 @@ TEST_F(DiscoveryTest, WatchReportsWhatComesChangesAndGoes)
     EXPECT_EQ(getNextChange(calm), "gone " + name + "-b");
     SenderWatch moved = std::move(calm);
     EXPECT_THAT(moved.look(), IsEmpty());
+}
+
+TEST_F(DiscoveryTest, WatchReportsOtherSharedMemory)
+{
+    if (!runsAlone()) // as above
+        return;
+    RawSidechannelServer server(getSocketName());
+    ASSERT_EQ(::fcntl(server.getFD(), F_SETFL, O_NONBLOCK), 0); // as a sender's is
+    const std::string rings[] = {"vlx-Ab3xYz", "vlx-Ab3xYz.2"};
+    std::thread peer(
+        [&]
+        {
+            ::pthread_setname_np(::pthread_self(), "vlx-listener"); // as a sender's
+            for (const std::string& ring : rings)
+            {
+                Buffer sequence;
+                produceSequenceInfoPacket(
+                    sequence, RingFourcc, produceRingHeader({{ring, 4, 8192}, 1}), 7);
+                RawConnection connection = server.accept();
+                connection.send(
+                    makeSidechannelMessage(makeInitialInfo("", NanomsgProtocol::PubSub)));
+                connection.send(makeSidechannelMessage(sequence));
+            }
+            server.accept(); // a sender's thread lives on
+        });
+    SenderWatch watch(std::chrono::milliseconds(10));
+    for (const std::string& ring : rings)
+    {
+        EXPECT_EQ(
+            getNextChange(watch), (ring == rings[0] ? "came " : "changed ") + getSocketName());
+        EXPECT_EQ(m_change.probe.ring.value_or(RingLayout()).name, ring);
+    }
+    const RawConnection last(getSocketName());
+    peer.join();
 }
 
 TEST_F(DiscoveryTest, WatchAsksAStoppedSenderOverOneConnection)

@@ -92,6 +92,11 @@ public:
         return m_listener.isOpen();
     }
 
+    int getFD() const
+    {
+        return m_listener.get();
+    }
+
     /// @return the next connection; not open if none came before the deadline
     RawConnection accept(std::chrono::milliseconds deadline = DefaultDeadline);
 
