@@ -263,7 +263,8 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
 {
     const std::string evil = getSocketName() + "\t\x1b[2J\xff\u0085\u202e\u200b";
     ToolProcess first(
-        {"send", "-s", evil, "--tone", "440", "-f", "F32LE", "-r", "44.1k", "-c", "1"});
+        {"send", "-s", evil, "--tone", "440", "-f", "F32LE", "-r", "44.1k", "-c", "1", "--shared",
+         "always"});
     ToolProcess second(send({"--silence", "--protocol", "pipeline", "--clock", "net"}));
     waitForSender(evil);
     waitForSender(getSocketName());
@@ -277,7 +278,14 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
         EXPECT_EQ(sender["clock"], isSecond ? "gstnetclock" : "sysclock");
         EXPECT_EQ(sender["sample_rate"], isSecond ? 48000 : 44100);
         EXPECT_EQ(sender["may_join"], true);
+        EXPECT_EQ(sender.contains("shared_memory"), !isSecond);
     }
+    EXPECT_TRUE(waitFor(
+        [&]
+        {
+            ToolProcess look({"info", evil});
+            return look.wait() == 0 && contains(look.getOutput(), "memory     /dev/shm/vlx-");
+        }));
     for (const std::vector<std::string>& arguments :
          {std::vector<std::string>{"list"}, {"info", evil}})
     {

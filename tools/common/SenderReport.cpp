@@ -89,6 +89,8 @@ nlohmann::ordered_json toJson(const kit::SenderProbe& probe)
         json["codec"] = kit::toFourccText(*probe.fourcc);
     if (probe.format)
         addFormat(json, *probe.format);
+    if (probe.ring)
+        json["shared_memory"] = probe.ring->getPath();
     return json;
 }
 

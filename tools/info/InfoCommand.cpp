@@ -54,6 +54,12 @@ void printText(const InfoOptions& options, const kit::SenderProbe& probe)
     printLine("channel", toPrintable(info.nanomsgURI));
     printLine("sequence", probe.sequenceNr ? std::to_string(*probe.sequenceNr) : "none yet");
     printLine("format", describeFormat(probe));
+    if (probe.ring)
+        printLine(
+            "memory", probe.ring->getPath() + ", " +
+                          formatText(
+                              "%u frames, %llu bytes", probe.ring->numSlots,
+                              static_cast<unsigned long long>(probe.ring->getFileBytes())));
     printLine("joining", describeJoining(probe));
 }
 

@@ -68,6 +68,7 @@ FramePump::FramePump(
            .clockPort = clock.getPort(),
            .socketMode = options.socketMode,
            .realTime = options.realTime,
+           .sharedMemory = {.carriage = options.carriage, .frameDuration = *options.frame},
            .onNotice = printNotice,
            .onReceivers = [this](std::size_t count)
            {

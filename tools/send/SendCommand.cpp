@@ -73,6 +73,13 @@ void addStreamOptions(CLI::App& command, SendOptions& options)
          {"group", kit::SocketMode::Group},
          {"all", kit::SocketMode::All}},
         "Users whose receivers may join [owner]");
+    addChoiceOption(
+        command, "--shared", options.carriage,
+        {{"auto", kit::Carriage::Automatic},
+         {"always", kit::Carriage::Shared},
+         {"never", kit::Carriage::Inline}},
+        "Share frames in memory with receivers of the kit: if they are large, always or never "
+        "[never]");
     addRealTimeOption(command, options.realTime);
 }
 

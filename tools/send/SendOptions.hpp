@@ -28,6 +28,7 @@ struct SendOptions
     OptionalDuration timeout;                               ///< of each wait
     NanomsgProtocol protocol = NanomsgProtocol::PubSub;
     kit::SocketMode socketMode = kit::SocketMode::Owner;
+    kit::Carriage carriage = kit::Carriage::Inline;
     ClockChoice clock = ClockChoice::System;
     std::string clockAddress;
     std::uint16_t clockPort = 0;
