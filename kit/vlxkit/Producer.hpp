@@ -40,7 +40,7 @@ enum class Carriage
     /// consumers of the kit with the same "/dev/shm" can read them, without any option; a plain
     /// receiver of the library cannot play the stream.
     Shared,
-    /// Shared if the nominal frame of the format has at least 4096 bytes, otherwise inline.
+    /// Shared if the nominal frame of the format has at least 8192 bytes, otherwise inline.
     Automatic,
 };
 

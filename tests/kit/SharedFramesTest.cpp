@@ -179,8 +179,8 @@ TEST_F(SharedFramesTest, ConsumersReadBothCarriages)
     FlipPayloader flipping;
     const SharedMemory shared{.carriage = Carriage::Shared};
     const SharedMemory automatic{.carriage = Carriage::Automatic};
-    const SharedMemory large{.carriage = Carriage::Automatic, .frameBytes = 4096};
-    const SharedMemory small{.carriage = Carriage::Automatic, .frameBytes = 4095};
+    const SharedMemory large{.carriage = Carriage::Automatic, .frameBytes = 8192};
+    const SharedMemory small{.carriage = Carriage::Automatic, .frameBytes = 8191};
     for (const Row& row : std::vector<Row>{
              {{}, 1920, false},
              {{}, 100'000, false, nullptr, true},
