@@ -509,8 +509,9 @@ TEST_F(AlsaTest, PauseIsAGapAndDropEndsAtOnce)
 {
     Listener listener(getSocketName());
     Pcm pcm = play({.period = 4800});
-    write(pcm, makeSamples(3 * 4800)); // 300 ms
-    listener.wait(2 * 960);            // it plays
+    constexpr int NumWritten = 10; // 1 s
+    write(pcm, makeSamples(NumWritten * 4800));
+    listener.wait(2 * 960); // it plays
     ASSERT_EQ(::snd_pcm_pause(pcm, 1), 0);
     snd_pcm_sframes_t before = 0;
     snd_pcm_sframes_t after = 0;
@@ -519,20 +520,25 @@ TEST_F(AlsaTest, PauseIsAGapAndDropEndsAtOnce)
     std::this_thread::sleep_for(50ms);
     ::snd_pcm_delay(pcm, &after);
     EXPECT_EQ(before, after);
-    EXPECT_GE(before, 3 * 4800 - 9 * 960);
-    const auto played = static_cast<std::size_t>(::snd_pcm_avail(pcm)) - (NumPeriods - 3) * 4800;
+    EXPECT_GE(before, NumWritten * 4800 - 9 * 960);
+    const auto played =
+        static_cast<std::size_t>(::snd_pcm_avail(pcm)) - (NumPeriods - NumWritten) * 4800;
     ASSERT_EQ(::snd_pcm_pause(pcm, 0), 0);
     listener.wait(played * 2 + 1); // the next frame
     std::int64_t gaps = 0;
     for (const kit::FrameInfo& frame : listener.frames)
         gaps += frame.gapNs;
     EXPECT_GE(gaps, 100'000'000);
+    ASSERT_EQ(::snd_pcm_pause(pcm, 1), 0); // what was paused can be dropped, too
     ASSERT_EQ(::snd_pcm_drop(pcm), 0);
     EXPECT_EQ(::snd_pcm_state(pcm), SND_PCM_STATE_SETUP);
     ASSERT_EQ(::snd_pcm_prepare(pcm), 0);
     EXPECT_EQ(::snd_pcm_avail(pcm), NumPeriods * 4800);
-    pcm.close();
-    EXPECT_LT(listener.bytes.size(), 2U * 3 * 4800);
+    write(pcm, Samples(4800, -7)); // and then it plays anew
+    while (!HasFatalFailure() && listener.getSamples().back() != -7)
+        listener.wait(listener.bytes.size() + 1);
+    const Samples heard = listener.getSamples();
+    EXPECT_LT(std::find(heard.begin(), heard.end(), -7) - heard.begin(), NumWritten * 4800);
 }
 
 TEST_F(AlsaTest, PollWakesTheProgramWhenAPeriodIsFreeAndNeverElse)
@@ -604,6 +610,23 @@ TEST_F(AlsaTest, AGapIsSilenceOfItsLength)
     expected.resize(40 * Period);
     expected.insert(expected.end(), samples.begin(), samples.end());
     EXPECT_EQ(read(pcm, expected.size()), expected);
+}
+
+TEST_F(AlsaTest, WhatComesAfterItsSilenceIsLeftOut)
+{
+    kit::Producer producer = makeProducer();
+    Pcm pcm = record({.period = 4800});
+    ASSERT_EQ(::snd_pcm_start(pcm), 0);
+    const Samples samples = makeSamples(150 * Period);
+    const TimeValue begin = now();
+    send(producer, Samples(samples.begin(), samples.begin() + Period), begin);
+    EXPECT_EQ(read(pcm, 20 * Period).back(), 0); // it is late, and silence flows
+    EXPECT_TRUE(producer.send(
+        begin + PeriodNs, 149 * PeriodNs,
+        ByteView(
+            reinterpret_cast<const unsigned char*>(samples.data() + Period),
+            149 * Period * sizeof(std::int16_t))));
+    EXPECT_EQ(read(pcm, 130 * Period).back(), samples.back());
 }
 
 TEST_F(AlsaTest, AStreamThatReturnsContinuesInTime)
@@ -754,6 +777,16 @@ TEST_F(AlsaTest, ParametersReachTheStream)
     ASSERT_TRUE(probe.initialInfo);
     EXPECT_EQ(probe.initialInfo->timeSyncProtocol, TimeSyncProtocol::Unknown);
     EXPECT_EQ(probe.socketFileMode & 0777U, 0666U);
+
+    // A sender that runs as another user than the given one is not joined.
+    kit::Producer producer({.name = getSocketName() + "-2"});
+    ASSERT_TRUE(producer.open(Mono));
+    const std::string other = ",TIMEOUT=300ms,SENDER_USER=" + std::to_string(::geteuid() + 1);
+    Pcm refusing(getSocketName() + "-2", SND_PCM_STREAM_CAPTURE, {.parameters = other});
+    ASSERT_EQ(refusing.error, 0) << errors;
+    std::int16_t sample = 0;
+    EXPECT_EQ(::snd_pcm_readi(refusing, &sample, 1), -EIO);
+    EXPECT_EQ(producer.checkReceivers(), 0U);
 }
 
 TEST_F(AlsaTest, TwoThreadsPlayOnTwoDevices)

@@ -338,9 +338,12 @@ TEST_F(ToolTest, SignalsStopBothEndsCleanlyAndAtOnce)
         fs::remove(file("a.flac"));
     }
     EXPECT_LT(shortest, MaxStopTime) << "of a receiver and a sender";
+    ::signal(SIGHUP, SIG_IGN); // as nohup(1) does
     ToolProcess blocked(send({"--tone", "440", "--protocol", "pipeline", "-vv"}));
+    ::signal(SIGHUP, SIG_DFL);
     ASSERT_TRUE(waitFor(
         [&] { return blocked.getErrors().find("Starting new sequence") != std::string::npos; }));
+    blocked.signal(SIGHUP);
     EXPECT_EQ(blocked.stop(), 128 + SIGTERM);
 }
 
