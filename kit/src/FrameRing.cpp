@@ -290,7 +290,7 @@ void FrameRing::giveBack(std::uint32_t slot)
     const std::lock_guard<std::mutex> lock(m_mutex);
     --m_numHeld;
     m_isHeld[slot] = false;
-    m_free.push(std::move(slot));
+    m_free.push(std::uint32_t(slot));
 }
 
 RingPlace FrameRing::publish(const ByteView& bytes)
