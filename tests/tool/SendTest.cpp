@@ -202,7 +202,7 @@ TEST_F(SendTest, AWriterIsNeverHeldUpByASmallPipe)
     ToolProcess sender(send({file("fifo"), "-f", "s16", "--report", file("s.json")}));
     int numHeld = 0;
     ASSERT_TRUE(fifo.write(piece));
-    ASSERT_TRUE(waitFor([&] { return kit::isNameTaken(getSocketName()); }));
+    fifo.write(piece); // it finds room once the sender reads
     auto due = std::chrono::steady_clock::now();
     for (int i = 0; i < NumPieces; ++i)
     {
