@@ -16,7 +16,7 @@
 
 #include "common/Messages.hpp"
 #include "common/StopSignal.hpp"
-#include "support/RawPeers.hpp"
+#include "tool/ToolProcess.hpp"
 
 namespace vlx::testing
 {
@@ -302,14 +302,18 @@ TEST_F(RecorderTest, JoinTimesCountFromWhatCausedTheWait)
          {std::tuple(2, Kind::Lost, 10),
           {13, Kind::Stalled, 20},
           {0, Kind::Lost, 25},
-          {28, Kind::Lost, 30}})
+          {28, Kind::Stalled, 30}})
     {
         if (joined != 0) // it brought frames
             items.emplace_back(makeFrame(static_cast<TimeValue>(joined) * Second - AgeNs));
         items.emplace_back(makeEvent(ended, static_cast<TimeValue>(end) * Second));
     }
+    tool::configureMessages({});
+    ::testing::internal::CaptureStderr();
     const ordered_json report = record(items);
-    const std::pair<const char*, TimeValue> expected[] = {{"lost", 2}, {"stall", 3}, {"lost", 3}};
+    // The format, and each end and return of frames: also another stall.
+    EXPECT_EQ(countLines(::testing::internal::GetCapturedStderr()), 6U);
+    const std::pair<const char*, TimeValue> expected[] = {{"lost", 2}, {"stall", 3}, {"stall", 3}};
     ASSERT_EQ(report["connections"].size(), std::size(expected));
     for (std::size_t i = 0; i < std::size(expected); ++i)
     {
