@@ -31,10 +31,13 @@ GstDebugLevel toDebugLevel(kit::LogLevel level)
 kit::LogLevel findLevel()
 {
     const GstDebugLevel threshold = gst_debug_category_get_threshold(getCategory());
-    auto level = kit::LogLevel::Trace;
-    while (level != kit::LogLevel::Error && toDebugLevel(level) > threshold)
-        level = static_cast<kit::LogLevel>(static_cast<int>(level) - 1);
-    return level;
+    using enum kit::LogLevel;
+    for (const kit::LogLevel level : {Trace, Debug, Info, Warning})
+    {
+        if (toDebugLevel(level) <= threshold)
+            return level;
+    }
+    return Error;
 }
 
 void forward(const kit::LogLine& line)

@@ -144,8 +144,6 @@ void FrameQueue::put(ConsumerItem item)
 
 void FrameQueue::putFrame(ReceivedFrame frame, TimeValue lengthNs)
 {
-    if (m_isPaused)
-        return;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_isPaused)

@@ -87,17 +87,15 @@ public:
         ::snd_pcm_hw_params_malloc(&hardware);
         ::snd_pcm_hw_params_any(m_pcm, hardware);
         const snd_pcm_uframes_t buffer = NumPeriods * options.period;
-        for (const auto& step :
-             std::array<std::function<int()>, 6>{
-                 [&] { return ::snd_pcm_hw_params_set_access(m_pcm, hardware, options.access); },
-                 [&] { return ::snd_pcm_hw_params_set_format(m_pcm, hardware, options.format); },
-                 [&]
-                 { return ::snd_pcm_hw_params_set_channels(m_pcm, hardware, options.channels); },
-                 [&] { return ::snd_pcm_hw_params_set_rate(m_pcm, hardware, options.rate, 0); },
-                 [&] { return ::snd_pcm_hw_params_set_buffer_size(m_pcm, hardware, buffer); },
-                 [&] {
-                     return ::snd_pcm_hw_params_set_period_size(m_pcm, hardware, options.period, 0);
-                 }})
+        const std::array<std::function<int()>, 6> steps = {
+            [&] { return ::snd_pcm_hw_params_set_access(m_pcm, hardware, options.access); },
+            [&] { return ::snd_pcm_hw_params_set_format(m_pcm, hardware, options.format); },
+            [&] { return ::snd_pcm_hw_params_set_channels(m_pcm, hardware, options.channels); },
+            [&] { return ::snd_pcm_hw_params_set_rate(m_pcm, hardware, options.rate, 0); },
+            [&] { return ::snd_pcm_hw_params_set_buffer_size(m_pcm, hardware, buffer); },
+            [&]
+            { return ::snd_pcm_hw_params_set_period_size(m_pcm, hardware, options.period, 0); }};
+        for (const auto& step : steps)
         {
             if (error == 0)
                 error = step();
@@ -189,7 +187,8 @@ private:
 std::string errors; // what ALSA and the plugin have printed
 std::mutex errorsMutex;
 
-void keepError(const char*, int, const char*, int, const char* format, ...)
+__attribute__((format(printf, 5, 6))) void
+keepError(const char*, int, const char*, int, const char* format, ...)
 {
     std::va_list arguments;
     va_start(arguments, format);
@@ -297,15 +296,16 @@ protected:
     {
         const auto [access, format, channels, rate, expected] = GetParam();
         const std::size_t width = audioUtils::bytesPerSample(expected);
-        isPlanar = access == SND_PCM_ACCESS_RW_NONINTERLEAVED;
-        isMapped = access == SND_PCM_ACCESS_MMAP_INTERLEAVED;
-        length = NumFrames * (rate / 100);
-        stride = isPlanar ? width : channels * width;
-        program.resize(length * stride);
-        std::iota(program.begin(), program.end(), std::uint8_t(1));
+        m_isPlanar = access == SND_PCM_ACCESS_RW_NONINTERLEAVED;
+        m_isMapped = access == SND_PCM_ACCESS_MMAP_INTERLEAVED;
+        m_length = NumFrames * (rate / 100);
+        m_stride = m_isPlanar ? width : channels * width;
+        m_program.resize(m_length * m_stride);
+        std::iota(m_program.begin(), m_program.end(), std::uint8_t(1));
         // Every channel of a planar access is the same plane.
-        for (std::size_t i = 0; i < length * channels * width; ++i)
-            stream.push_back(program[isPlanar ? i / width / channels * width + i % width : i]);
+        for (std::size_t i = 0; i < m_length * channels * width; ++i)
+            m_stream.push_back(
+                m_program[m_isPlanar ? i / width / channels * width + i % width : i]);
     }
 
     static PcmOptions getOptions()
@@ -323,24 +323,24 @@ protected:
     template <typename Planar, typename Mapped, typename Plain>
     void transfer(snd_pcm_t* pcm, Buffer& data, Planar planar, Mapped mapped, Plain plain) const
     {
-        for (std::size_t done = 0; done < length;)
+        for (std::size_t done = 0; done < m_length;)
         {
-            std::uint8_t* const place = data.data() + done * stride;
+            std::uint8_t* const place = data.data() + done * m_stride;
             std::vector<void*> planes(GetParam().channels, place);
-            const snd_pcm_sframes_t count = isPlanar   ? planar(pcm, planes.data(), length - done)
-                                            : isMapped ? mapped(pcm, place, length - done)
-                                                       : plain(pcm, place, length - done);
+            const snd_pcm_sframes_t count = m_isPlanar ? planar(pcm, planes.data(), m_length - done)
+                                            : m_isMapped ? mapped(pcm, place, m_length - done)
+                                                         : plain(pcm, place, m_length - done);
             ASSERT_GT(count, 0) << ::snd_strerror(static_cast<int>(count));
             done += static_cast<std::size_t>(count);
         }
     }
 
-    bool isPlanar = false;
-    bool isMapped = false;
-    std::size_t length = 0;
-    std::size_t stride = 0;
-    Buffer program; // bytes as the program has them
-    Buffer stream;  // and as the stream has them
+    bool m_isPlanar = false;
+    bool m_isMapped = false;
+    std::size_t m_length = 0;
+    std::size_t m_stride = 0;
+    Buffer m_program; // bytes as the program has them
+    Buffer m_stream;  // and as the stream has them
 };
 
 TEST_P(LayoutTest, IsPlayed)
@@ -348,11 +348,11 @@ TEST_P(LayoutTest, IsPlayed)
     Listener listener(getSocketName());
     Pcm pcm = play(getOptions());
     ASSERT_EQ(pcm.error, 0) << errors;
-    transfer(pcm, program, ::snd_pcm_writen, ::snd_pcm_mmap_writei, ::snd_pcm_writei);
+    transfer(pcm, m_program, ::snd_pcm_writen, ::snd_pcm_mmap_writei, ::snd_pcm_writei);
     EXPECT_EQ(::snd_pcm_drain(pcm), 0);
-    listener.wait(stream.size());
+    listener.wait(m_stream.size());
     EXPECT_EQ(listener.format, getFormat());
-    EXPECT_EQ(listener.bytes, stream);
+    EXPECT_EQ(listener.bytes, m_stream);
     EXPECT_EQ(errors, "");
 }
 
@@ -363,7 +363,7 @@ TEST_P(LayoutTest, IsRecorded)
     ASSERT_EQ(pcm.error, 0) << errors;
     ASSERT_EQ(::snd_pcm_start(pcm), 0);
     ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
-    const std::size_t frameSize = stream.size() / NumFrames;
+    const std::size_t frameSize = m_stream.size() / NumFrames;
     const TimeValue begin = now();
     std::thread sender(
         [&]
@@ -372,14 +372,14 @@ TEST_P(LayoutTest, IsRecorded)
             {
                 EXPECT_TRUE(producer.send(
                     begin + i * PeriodNs, PeriodNs,
-                    ByteView(stream.data() + i * frameSize, frameSize)));
+                    ByteView(m_stream.data() + i * frameSize, frameSize)));
                 std::this_thread::sleep_for(20ms); // a receiver takes one frame at a time
             }
         });
-    Buffer recorded(program.size());
+    Buffer recorded(m_program.size());
     transfer(pcm, recorded, ::snd_pcm_readn, ::snd_pcm_mmap_readi, ::snd_pcm_readi);
     sender.join();
-    EXPECT_EQ(recorded, program);
+    EXPECT_EQ(recorded, m_program);
     EXPECT_EQ(errors, "");
 }
 
@@ -494,10 +494,10 @@ TEST_F(AlsaTest, ASampleIsTakenWhenItIsDue)
 {
     Listener listener(getSocketName());
     Pcm pcm = play({.period = 4800});
-    Samples samples = makeSamples(4 * 4800);
+    Samples samples = makeSamples(19'200);
     write(pcm, samples); // 400 ms
-    const snd_pcm_sframes_t back = ::snd_pcm_rewind(pcm, 2 * 4800);
-    ASSERT_EQ(back, 2 * 4800);
+    const snd_pcm_sframes_t back = ::snd_pcm_rewind(pcm, 9600);
+    ASSERT_EQ(back, 9600);
     std::fill(samples.end() - back, samples.end(), std::int16_t(-7));
     write(pcm, Samples(samples.end() - back, samples.end()));
     ASSERT_EQ(::snd_pcm_drain(pcm), 0);
@@ -509,9 +509,9 @@ TEST_F(AlsaTest, PauseIsAGapAndDropEndsAtOnce)
 {
     Listener listener(getSocketName());
     Pcm pcm = play({.period = 4800});
-    constexpr int NumWritten = 10; // 1 s
+    constexpr std::size_t NumWritten = 10; // 1 s
     write(pcm, makeSamples(NumWritten * 4800));
-    listener.wait(2 * 960); // it plays
+    listener.wait(1920); // it plays
     ASSERT_EQ(::snd_pcm_pause(pcm, 1), 0);
     snd_pcm_sframes_t before = 0;
     snd_pcm_sframes_t after = 0;

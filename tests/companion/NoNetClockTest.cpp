@@ -23,7 +23,7 @@ TEST_F(NoNetClockTest, StartsAreRefusedInOneWarning)
     clock.startSynchronization("127.0.0.1", 8554, 100, 175'000'000, [] { FAIL(); });
     EXPECT_FALSE(clock.isSynchronized());
     EXPECT_EQ(clock.getSynchronizedTime(), 0U);
-    EXPECT_EQ(log().count(warnLog(::testing::_)), 1U);
+    EXPECT_EQ(log().count(WarnLog(::testing::_)), 1U);
     clock.stopSynchronization();
 }
 

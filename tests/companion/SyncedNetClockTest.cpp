@@ -59,7 +59,7 @@ namespace
 using miscUtils::SyncedNetClock;
 using miscUtils::TimeValue;
 using Provider = vlx::testing::TestProvider;
-using vlx::testing::errorLog;
+using vlx::testing::ErrorLog;
 using vlx::testing::LogCapture;
 using vlx::testing::waitFor;
 using namespace std::chrono_literals;
@@ -386,7 +386,7 @@ TEST_F(SyncedNetClockTest, WithoutAThreadItNeverSynchronizes)
         SyncedNetClock clock;
         const vlx::testing::NoThreads shortage;
         clock.startSynchronization("127.0.0.1", 9, WindowSize, RoundTripLimitNs, [] {});
-        const bool isReported = LogCapture::get().contains(errorLog(
+        const bool isReported = LogCapture::get().contains(ErrorLog(
             "Could not start the network clock's thread: Resource temporarily unavailable (11)"));
         clock.stopSynchronization();
         std::_Exit(isReported && !clock.isSynchronized() ? 0 : 1);

@@ -426,7 +426,7 @@ TEST_F(ConsumerTest, LeavesAloneWhatCannotBeJoined)
             {
                 log().clear();
                 ASSERT_TRUE(consumer.start());
-                ASSERT_TRUE(log().waitFor(debugLog("Receiver initialized")));
+                ASSERT_TRUE(log().waitFor(DebugLog("Receiver initialized")));
             }
             const ScriptedSender& sender = senders.emplace_back(name, row.script);
             ASSERT_TRUE(consumer.start());
@@ -546,7 +546,7 @@ TEST_F(ConsumerTest, StaysInTheCheckedDirectoryWhenItsPathIsSwapped)
     {
         const ScriptedSender sender(getSocketName(), {.protocol = NanomsgProtocol::Pipeline});
         log().onNext(
-            debugLog(::testing::StartsWith("VLX initial info:")), // after the check
+            DebugLog(::testing::StartsWith("VLX initial info:")), // after the check
             [&]
             {
                 std::filesystem::rename(sender.getDirectory(), moved);
@@ -683,7 +683,7 @@ TEST_F(ConsumerTest, SaysWhereThisUserMayNotWrite)
         becomeUser(0);
         if (!isThereFirst)
         {
-            EXPECT_TRUE(log().waitFor(debugLog("Receiver initialized")));
+            EXPECT_TRUE(log().waitFor(DebugLog("Receiver initialized")));
             sender.emplace(getSocketName());
         }
         EXPECT_TRUE(consumer.waitForEvent(
@@ -817,7 +817,7 @@ TEST_F(ConsumerTest, StopsPromptlyInEachState)
     RecordedConsumer consumer({.name = getSocketName(), .stallTimeout = 1ns});
     log().clear();
     ASSERT_TRUE(consumer.start());
-    ASSERT_TRUE(log().waitFor(debugLog("Receiver shut down")));
+    ASSERT_TRUE(log().waitFor(DebugLog("Receiver shut down")));
     consumer.stop("being restarted");
 }
 
@@ -881,7 +881,7 @@ TEST_F(ConsumerTest, TakesADirectoryOfItsOwn)
         std::filesystem::current_path(getTempDirectory()); // a relative one is that of the start
         EXPECT_EQ(consumer.start().getText(), "");
         std::filesystem::current_path(former);
-        EXPECT_TRUE(log().waitFor(debugLog("Opened " + directory)));
+        EXPECT_TRUE(log().waitFor(DebugLog("Opened " + directory)));
         consumer.stop("own directory");
     }
     EXPECT_EQ(std::getenv("TMPDIR"), getTempDirectory());

@@ -292,8 +292,9 @@ TEST_F(DiscoveryTest, WatchAsksAStoppedSenderOverOneConnection)
     // One that has answered before; the stop may also come in the middle of an answer.
     process.signal(SIGSTOP);
     do
+    {
         ASSERT_EQ(getNextChange(watch), "changed " + getSocketName());
-    while (m_change.probe.initialInfo);
+    } while (m_change.probe.initialInfo);
     EXPECT_EQ(countDescriptors(), before + 1);
     process.signal(SIGCONT);
 }
@@ -694,7 +695,7 @@ TEST_F(DiscoveryTest, BellIsHeardByWaitingReceiversOnly)
 
     Receiver receiver;
     ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
-    ASSERT_TRUE(log().waitFor(debugLog(::testing::HasSubstr("fsMonitorThreadLoop"))));
+    ASSERT_TRUE(log().waitFor(DebugLog(::testing::HasSubstr("fsMonitorThreadLoop"))));
     RawSidechannelServer server(getSocketName()); // which makes no entry
     ASSERT_TRUE(ringBell());
     EXPECT_TRUE(server.accept().isOpen()) << "one ring is enough";

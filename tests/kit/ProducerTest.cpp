@@ -505,7 +505,7 @@ TEST_F(ProducerTest, SocketFileIsNeverWiderThanItsMode)
         std::vector<mode_t> modes;
         mode_t umaskOfProcess = ~mode_t{0};
         log().onNext(
-            debugLog(StartsWith("Nanomsg watch FD")), // just after the file was made
+            DebugLog(StartsWith("Nanomsg watch FD")), // just after the file was made
             [&]
             {
                 for (const auto& entry : fs::recursive_directory_iterator(getTempDirectory()))
@@ -581,7 +581,7 @@ TEST_F(ProducerTest, TwoThreadsAtOnceAreAMistakeThatIsTold)
                 static_cast<void>(producer.open(Format));
                 std::thread sending(
                     [&] { static_cast<void>(producer.send(0, FrameNs, toBytes("DATA"))); });
-                static_cast<void>(log().waitFor(traceLog(StartsWith("Sending data with"))));
+                static_cast<void>(log().waitFor(TraceLog(StartsWith("Sending data with"))));
                 call(producer);
                 std::_Exit(0);
             },
@@ -624,7 +624,7 @@ TEST_F(ProducerTest, TextIsCompleteWithoutTheLog)
         ProducerOptions options = makeOptions();
         options.baseDirectory = base;
         Producer producer(options);
-        log().onNext(traceLog(StartsWith(row.takes)), row.sabotage);
+        log().onNext(TraceLog(StartsWith(row.takes)), row.sabotage);
         const Status status = producer.open(Format);
         EXPECT_EQ(status.getCode(), row.code) << row.name;
         EXPECT_THAT(status.getText(), HasSubstr(row.text)) << row.name;
@@ -719,7 +719,7 @@ TEST_F(ProducerTest, MeetsItsReceiversInAnotherDirectory)
         Producer producer(options);
         std::string environment; // while it opens
         log().onNext(
-            debugLog(StartsWith("Nanomsg URI")), [&] { environment = std::getenv("TMPDIR"); });
+            DebugLog(StartsWith("Nanomsg URI")), [&] { environment = std::getenv("TMPDIR"); });
         ASSERT_EQ(producer.open(Format).getText(), "");
         EXPECT_THAT(producer.getSocketFile(), StartsWith(directory + "/VlxSender-"));
         EXPECT_EQ(environment, getTempDirectory());
@@ -763,7 +763,7 @@ TEST_F(ProducerTest, StopAndInterruptionEndWhateverWaits)
             });
         EXPECT_TRUE(
             row.name == std::string("receivers") ||
-            log().waitFor(traceLog(StartsWith("Sending data with"))));
+            log().waitFor(TraceLog(StartsWith("Sending data with"))));
         EXPECT_FALSE(hasReturned) << row.name;
         if (ending == Stopped)
             producer.stop();
@@ -810,7 +810,7 @@ TEST_F(ProducerTest, InterruptionLosesNoFrameUntold)
             Producer producer(makeOptions(NanomsgProtocol::Pipeline));
             ASSERT_EQ(producer.open(Format).getText(), "");
             log().onNext(
-                traceLog(StartsWith(step)),
+                TraceLog(StartsWith(step)),
                 [&]
                 {
                     producer.interrupt(true);
@@ -838,7 +838,7 @@ TEST_F(ProducerTest, InterruptionLosesNoFrameUntold)
     ASSERT_TRUE(receiver.start(getSocketName()));
     ASSERT_TRUE(producer.waitForReceivers(1));
     ASSERT_TRUE(producer.send(0, FrameNs, {}));
-    log().onNext(traceLog(StartsWith("Payloader wrapped")), [&] { producer.interrupt(true); });
+    log().onNext(TraceLog(StartsWith("Payloader wrapped")), [&] { producer.interrupt(true); });
     EXPECT_TRUE(producer.send(1, FrameNs, {}));
     EXPECT_TRUE(receiver.waitForEvent("frame 1"));
     EXPECT_EQ(producer.send(2, FrameNs, {}).getCode(), ErrorCode::Interrupted);

@@ -245,7 +245,7 @@ TEST_F(ReceiverClockTest, AStopWaitsForTheClocksCallback)
             EXPECT_NE(std::this_thread::get_id(), worker);
             entered.set_value();
             // The worker is about to stop the clock, or already waits for it.
-            EXPECT_TRUE(log().waitFor(traceLog("Loop wakup activity; aborting wait for input")));
+            EXPECT_TRUE(log().waitFor(TraceLog("Loop wakup activity; aborting wait for input")));
             expectConnectionIntact(m_receiver.get());
             isDone = true;
         });
@@ -266,13 +266,13 @@ TEST_F(ReceiverClockTest, ALossWaitsForTheClocksCallback)
             if (event != Ready || m_receiver.count(Ready) > 1)
                 return;
             m_sender->getSidechannel().close();
-            EXPECT_TRUE(log().waitFor(debugLog(StartsWith("Connection gone because of shutdown"))));
+            EXPECT_TRUE(log().waitFor(DebugLog(StartsWith("Connection gone because of shutdown"))));
             expectConnectionIntact(m_receiver.get());
         });
     ASSERT_NO_FATAL_FAILURE(startStream());
     m_provider.start(ProviderOffsetNs);
     ASSERT_TRUE(m_receiver.waitForEvent("connecting", 2));
-    EXPECT_FALSE(log().contains(errorLog(StartsWith("Cannot query"))));
+    EXPECT_FALSE(log().contains(ErrorLog(StartsWith("Cannot query"))));
 
     // The next connection is still reported ready.
     m_sender.emplace(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
@@ -303,10 +303,10 @@ TEST_F(ReceiverClockTest, ARejectedHeaderIsNotReportedReady)
             ASSERT_TRUE(waitFor([&] { return numSequences == 1; }));
         }
         ASSERT_TRUE(sender.sendOverMainChannel(makeSequenceInfo(2, 44100)));
-        ASSERT_TRUE(log().waitFor(debugLog("Matching payloader found"), isFirst ? 1 : 2));
+        ASSERT_TRUE(log().waitFor(DebugLog("Matching payloader found"), isFirst ? 1 : 2));
         m_provider.start(ProviderOffsetNs);
-        EXPECT_TRUE(log().waitFor(errorLog("Error while consuming VLX packet")));
-        EXPECT_TRUE(log().waitFor(debugLog(StartsWith("Connection gone because of shutdown"))));
+        EXPECT_TRUE(log().waitFor(ErrorLog("Error while consuming VLX packet")));
+        EXPECT_TRUE(log().waitFor(DebugLog(StartsWith("Connection gone because of shutdown"))));
         kit::stopPromptly(receiver);
         EXPECT_EQ(numReady, 0);
         EXPECT_EQ(numSequences, isFirst ? 0 : 1);

@@ -184,7 +184,7 @@ TEST_F(DepayloaderListTest, ConsumesASequence)
     EXPECT_EQ(m_list.consumePacket(makePrefix(m_sequenceInfo, 8)), Retcode::Ok);
     EXPECT_EQ(m_depayloader.headers.back(), Buffer());
     EXPECT_EQ(m_list.getCurrentPacketType(), PacketType::SequenceInfo);
-    EXPECT_TRUE(logged({debugLog(lookingFor("ADCA")), debugLog("Matching payloader found")}));
+    EXPECT_TRUE(logged({DebugLog(lookingFor("ADCA")), DebugLog("Matching payloader found")}));
 }
 
 TEST_F(DepayloaderListTest, TruncatedPacketsChangeOnlyWhatTheyHold)
@@ -196,7 +196,7 @@ TEST_F(DepayloaderListTest, TruncatedPacketsChangeOnlyWhatTheyHold)
         EXPECT_EQ(m_list.getCurrentPacketType(), PacketType::SequenceInfo);
         EXPECT_EQ(m_list.getCurrentSequenceNr(), 7);
         EXPECT_EQ(m_list.getCurrentDepayloader(), &m_depayloader);
-        EXPECT_TRUE(logged({errorLog(FourccUnreadable)}));
+        EXPECT_TRUE(logged({ErrorLog(FourccUnreadable)}));
     }
 
     const Buffer frame = fromHex("02 00 0900 0500000000000080 0600000000000080 DD");
@@ -206,7 +206,7 @@ TEST_F(DepayloaderListTest, TruncatedPacketsChangeOnlyWhatTheyHold)
         EXPECT_EQ(m_list.consumePacket(makePrefix(frame, size)), Retcode::Error);
         EXPECT_EQ(m_list.getCurrentSequenceNr(), 9);
         expectFrame(size < 12 ? 3 : 0x8000000000000005, 4, fromHex("AABBCC"));
-        EXPECT_TRUE(logged({errorLog(TimesUnreadable)}));
+        EXPECT_TRUE(logged({ErrorLog(TimesUnreadable)}));
     }
 }
 
@@ -234,7 +234,7 @@ TEST_F(DepayloaderListTest, UnknownCodecDeselects)
         const Buffer packet = fromHex(std::string("01 00 0100 ") + fourcc + " 01");
         EXPECT_EQ(m_list.consumePacket(packet), Retcode::NoMatchingDepayloader);
         EXPECT_EQ(m_list.getCurrentDepayloader(), nullptr);
-        EXPECT_TRUE(logged({debugLog(lookingFor(shown)), debugLog("No matching payloader found")}));
+        EXPECT_TRUE(logged({DebugLog(lookingFor(shown)), DebugLog("No matching payloader found")}));
     }
 
     // Without a selection even the size of a frame is not checked.
@@ -253,8 +253,8 @@ TEST_F(DepayloaderListTest, RejectedHeaderKeepsTheSelection)
     m_depayloader.accepts = false;
     EXPECT_EQ(m_list.consumePacket(m_sequenceInfo), Retcode::Error);
     EXPECT_TRUE(logged(
-        {debugLog(lookingFor("ADCA")), debugLog("Matching payloader found"),
-         errorLog(HeaderRejected)}));
+        {DebugLog(lookingFor("ADCA")), DebugLog("Matching payloader found"),
+         ErrorLog(HeaderRejected)}));
     EXPECT_EQ(m_list.consumePacket(m_frame), Retcode::Ok);
 
     // Out of band the same holds, without a word.

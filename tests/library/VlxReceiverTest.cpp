@@ -103,7 +103,7 @@ protected:
 
     bool hasLoggedProblems() const
     {
-        return log().count(errorLog(_)) + log().count(warnLog(_)) > 0;
+        return log().count(ErrorLog(_)) + log().count(WarnLog(_)) > 0;
     }
 };
 
@@ -206,7 +206,7 @@ TEST_P(ReceiverTransportTest, CallsBackInOrderFromOneThreadWithoutALock)
     EXPECT_NE(threads.at(1), std::this_thread::get_id());
     EXPECT_EQ(std::count(threads.begin() + 1, threads.end(), threads.at(1)), 5);
 
-    EXPECT_EQ(log().count(traceLog(StartsWith("Setting up receiver"))), 1U);
+    EXPECT_EQ(log().count(TraceLog(StartsWith("Setting up receiver"))), 1U);
     EXPECT_FALSE(hasLoggedProblems());
 }
 
@@ -217,7 +217,7 @@ TEST_F(ReceiverTest, StopsWhileItWaitsForInitialInfo)
     ASSERT_TRUE(receiver.start(getSocketName()));
     RawConnection connection = server.accept();
     ASSERT_TRUE(connection.send(fromHex("10000000 0100"))); // and no more
-    ASSERT_TRUE(log().waitFor(debugLog("Waiting for initial info"), 3));
+    ASSERT_TRUE(log().waitFor(DebugLog("Waiting for initial info"), 3));
     receiver.stop();
     EXPECT_TRUE(connection.waitForClose());
     EXPECT_THAT(receiver.getEvents(), ElementsAre("connecting", "idle"));
@@ -228,7 +228,7 @@ TEST_F(ReceiverTest, AStoppedReceiverClosesNothingAgain)
 {
     RecordedReceiver receiver;
     ASSERT_TRUE(receiver.start(getSocketName()));
-    ASSERT_TRUE(log().waitFor(traceLog(Retrying)));
+    ASSERT_TRUE(log().waitFor(TraceLog(Retrying)));
     const int inotifyFD = receiver.get().*Access::InotifyFD;
     receiver.stop();
     EXPECT_EQ(receiver.get().*Access::InotifyFD, -1);
@@ -255,7 +255,7 @@ TEST_F(ReceiverTest, WithoutDescriptorsItDoesNotStart)
     }
     EXPECT_EQ(receiver.get().getState(), State::Idle);
     EXPECT_THAT(receiver.getEvents(), ElementsAre("connecting", "idle")) << "of the first start";
-    EXPECT_TRUE(log().isExactly({errorLog(
+    EXPECT_TRUE(log().isExactly({ErrorLog(
         "Could not create VLX receiver thread look wakeup pipe: Too many open files (24)")}));
     EXPECT_TRUE(receiver.start(getSocketName()));
 }
@@ -305,16 +305,16 @@ TEST_F(ReceiverTest, WaitsForASenderQuietly)
 {
     RecordedReceiver receiver;
     ASSERT_TRUE(receiver.start(getSocketName()));
-    ASSERT_TRUE(log().waitFor(traceLog(Retrying), 3));
+    ASSERT_TRUE(log().waitFor(TraceLog(Retrying), 3));
     EXPECT_EQ(receiver.get().getState(), State::Connecting);
-    EXPECT_EQ(log().count(traceLog("Sidechannel socket established")), 1U);
-    EXPECT_GE(log().count(traceLog(Attempting)), 3U);
+    EXPECT_EQ(log().count(TraceLog("Sidechannel socket established")), 1U);
+    EXPECT_GE(log().count(TraceLog(Attempting)), 3U);
     EXPECT_FALSE(hasLoggedProblems());
 
     RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
     EXPECT_TRUE(sender.serve());
     EXPECT_TRUE(receiver.waitForEvent("ready"));
-    EXPECT_EQ(log().count(traceLog("Sidechannel socket established")), 1U);
+    EXPECT_EQ(log().count(TraceLog("Sidechannel socket established")), 1U);
     EXPECT_EQ(receiver.count("connecting"), 1U);
 }
 
@@ -325,18 +325,18 @@ TEST_F(ReceiverTest, ReportsWhyItCannotConnect)
     // As if kept from an earlier attempt.
     receiver.get().*Access::SidechannelSocketFD = ::fcntl(readEnd.get(), F_DUPFD_CLOEXEC, 0);
     ASSERT_TRUE(receiver.start(getSocketName()));
-    ASSERT_TRUE(log().waitFor(traceLog(Retrying), 2));
+    ASSERT_TRUE(log().waitFor(TraceLog(Retrying), 2));
     receiver.stop();
     EXPECT_TRUE(log().containsInOrder(
-        {traceLog(Attempting),
-         errorLog("Could not connect to sender: Socket operation on non-socket (88)"),
-         debugLog(StartsWith("Closing sidechannel with FD ")), traceLog(Retrying),
-         traceLog("Sidechannel socket established"), traceLog(Attempting)}));
+        {TraceLog(Attempting),
+         ErrorLog("Could not connect to sender: Socket operation on non-socket (88)"),
+         DebugLog(StartsWith("Closing sidechannel with FD ")), TraceLog(Retrying),
+         TraceLog("Sidechannel socket established"), TraceLog(Attempting)}));
 
     receiver.get().*Access::SidechannelSocketFD = ::fcntl(readEnd.get(), F_DUPFD_CLOEXEC, 0);
     log().clear();
     EXPECT_EQ((receiver.get().*Access::ReadSidechannelMessage)(), 2);
-    EXPECT_TRUE(log().isExactly({errorLog(
+    EXPECT_TRUE(log().isExactly({ErrorLog(
         "Could not read data from VLX sidechannel socket: Socket operation on non-socket (88)")}));
     (receiver.get().*Access::DisconnectSidechannel)();
 }
@@ -352,12 +352,12 @@ TEST_F(ReceiverTest, AFullBacklogIsRetried)
     RecordedReceiver receiver;
     ASSERT_TRUE(receiver.start(getSocketName()));
     EXPECT_TRUE(log().waitFor(
-        errorLog("Could not connect to sender: Resource temporarily unavailable (11)"), 2));
+        ErrorLog("Could not connect to sender: Resource temporarily unavailable (11)"), 2));
     EXPECT_TRUE(waitFor(
         [&]
         {
             stopped.accept({});
-            return log().contains(debugLog("Sidechannel to VLX sender established"));
+            return log().contains(DebugLog("Sidechannel to VLX sender established"));
         }));
 }
 
@@ -365,7 +365,7 @@ TEST_P(ReceiverAgainstTricks, HoldsNeitherWorkerNorShutdown)
 {
     HostilePeer peer(GetParam(), getTempDirectory());
     const bool isGone = passesDescriptor(GetParam());
-    const LogExpectation closed = debugLog("VLX sidechannel socket got closed");
+    const LogExpectation closed = DebugLog("VLX sidechannel socket got closed");
     RawSender sender(getSocketName(), NanomsgProtocol::PubSub);
     const auto forgetConnections = [&sender] // new ones, made by a receiver before it stopped
     {
@@ -384,7 +384,7 @@ TEST_P(ReceiverAgainstTricks, HoldsNeitherWorkerNorShutdown)
         {
             EXPECT_TRUE(log().waitFor(closed));
             EXPECT_TRUE(log().waitFor(
-                errorLog("Could not get initial info; restarting connection attempt")));
+                ErrorLog("Could not get initial info; restarting connection attempt")));
         }
         EXPECT_TRUE(peer.isPrompt([&] { receiver.stop(); }));
     }
@@ -470,8 +470,8 @@ TEST_F(ReceiverTest, ConnectsAgainAtOnceWithoutInitialInfo)
     }
     ASSERT_TRUE(sender.serve());
     EXPECT_TRUE(receiver.waitForEvent("ready"));
-    EXPECT_EQ(log().count(errorLog(_)), 4U);
-    EXPECT_FALSE(log().contains(traceLog(Retrying)));
+    EXPECT_EQ(log().count(ErrorLog(_)), 4U);
+    EXPECT_FALSE(log().contains(TraceLog(Retrying)));
 }
 
 TEST_F(ReceiverTest, LongNamesAreCut)
@@ -490,7 +490,7 @@ TEST_F(ReceiverTest, LongNamesAreCut)
 
 TEST_F(ReceiverTest, OutsideRunningTheClockIsUndetermined)
 {
-    const LogExpectation message = errorLog("Cannot query synced net clock availability unless the "
+    const LogExpectation message = ErrorLog("Cannot query synced net clock availability unless the "
                                             "receiver is in the Running state");
     RecordedReceiver receiver;
     EXPECT_EQ(receiver.get().getStreamClockType(), ClockType::Undetermined);
@@ -567,7 +567,7 @@ TEST_F(ReceiverTest, ARefusedSenderIsRetriedAfterTheUsualDelay)
             []
             {
                 kit::ringBell();
-                return log().count(debugLog(EndsWith("signaling condition variable"))) > 1;
+                return log().count(DebugLog(EndsWith("signaling condition variable"))) > 1;
             }));
         EXPECT_FALSE(sender.getListener().accept(std::chrono::milliseconds(50)).isOpen())
             << "others may ring";
@@ -604,7 +604,7 @@ TEST_P(ReceiverTransportTest, TheCheckChoosesTheMainChannel)
     ASSERT_TRUE(sender.joinMainChannel());
     ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, 7)));
     EXPECT_TRUE(receiver.waitForEvent("frame 7"));
-    EXPECT_TRUE(log().contains(debugLog(
+    EXPECT_TRUE(log().contains(DebugLog(
         ::testing::AllOf(StartsWith("VLX initial info:"), EndsWith("ipc:///nowhere/at/all")))));
     receiver.stop();
 }
@@ -630,7 +630,7 @@ TEST_F(ReceiverTest, SidechannelMessagesCanBeLimited)
         ASSERT_EQ(::write(peer.get(), &row.announced, sizeof(row.announced)), 4);
         log().clear();
         EXPECT_EQ((receiver.*Access::ReadSidechannelMessage)(), row.isAccepted ? 0 : 3);
-        const LogExpectation tooLong = errorLog(
+        const LogExpectation tooLong = ErrorLog(
             "Received sidechannel VLX message is too long: " + std::to_string(row.announced) +
             " byte(s)");
         EXPECT_EQ(log().count(tooLong), row.isAccepted ? 0U : 1U);
@@ -675,8 +675,8 @@ TEST_F(ReceiverTest, GivesUpWithoutAMainChannel)
         EXPECT_EQ(receiver.get().getState(), State::Idle);
         receiver.stop();
         EXPECT_TRUE(log().contains(
-            errorLog(std::string("Could not connect the nanomsg SP socket: ") + row.error)));
-        EXPECT_EQ(log().count(errorLog(_)), 1U);
+            ErrorLog(std::string("Could not connect the nanomsg SP socket: ") + row.error)));
+        EXPECT_EQ(log().count(ErrorLog(_)), 1U);
 
         RawSender good(getSocketName(), NanomsgProtocol::PubSub);
         EXPECT_TRUE(join(receiver, good));
@@ -705,8 +705,8 @@ TEST_F(ReceiverTest, GivesUpWithoutASidechannelSocket)
     ASSERT_TRUE(receiver.waitForEvent("failed"));
     EXPECT_EQ(receiver.get().getState(), State::Idle);
     EXPECT_TRUE(
-        log().contains(errorLog("Could not create sidechannel socket: Too many open files (24)")));
-    EXPECT_FALSE(log().contains(traceLog(Retrying)));
+        log().contains(ErrorLog("Could not create sidechannel socket: Too many open files (24)")));
+    EXPECT_FALSE(log().contains(TraceLog(Retrying)));
 }
 
 TEST_F(ReceiverTest, OnlyTheOwnSocketFileGetsItsMode)
@@ -733,7 +733,7 @@ TEST_F(ReceiverTest, OnlyTheOwnSocketFileGetsItsMode)
 
     // A user with write permission for a pipeline's directory replaces the socket file by a link.
     log().onNext(
-        infoLog(StartsWith("Changing the permissions of socket")),
+        InfoLog(StartsWith("Changing the permissions of socket")),
         [&]
         {
             fs::remove(directory / "raw.ipc");
@@ -761,7 +761,7 @@ TEST_F(ReceiverTest, OnlySocketFilesGetAMode)
         RawSender sender(getSocketName(), NanomsgProtocol::Pipeline);
         ASSERT_TRUE(join(receiver, sender));
         EXPECT_EQ(fs::status(getTempDirectory() + "/raw.ipc").permissions(), fs::perms{0622});
-        EXPECT_EQ(log().count(infoLog(_)), 1U);
+        EXPECT_EQ(log().count(InfoLog(_)), 1U);
     }
     log().clear();
     receiver.stop();
@@ -771,7 +771,7 @@ TEST_F(ReceiverTest, OnlySocketFilesGetAMode)
     ASSERT_TRUE(receiver.waitForEvent("ready", 2));
     ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, 5)));
     EXPECT_TRUE(receiver.waitForEvent("frame 5"));
-    EXPECT_EQ(log().count(infoLog(_)), 0U);
+    EXPECT_EQ(log().count(InfoLog(_)), 0U);
 }
 
 // Input
@@ -846,7 +846,7 @@ TEST_F(ReceiverTest, SequenceNumbersDecideWhatIsKept)
         if (row.message.empty())
             EXPECT_TRUE(log().isExactly({}));
         else
-            EXPECT_TRUE(log().isExactly({debugLog(StartsWith(row.message))}));
+            EXPECT_TRUE(log().isExactly({DebugLog(StartsWith(row.message))}));
     }
 }
 
@@ -879,37 +879,37 @@ std::vector<InputRow> makeInputRows()
     const Buffer noHeader = fromHex("01 00 0200");
     std::vector<InputRow> rows = {
         {"foreign codec", Main, false, foreign,
-         warnLog(
+         WarnLog(
              "Could not select an VLX depayloader for this stream; its packets will be skipped"),
          true},
         {"foreign codec", Side, false, foreign,
-         errorLog("Got a SequenceInfo packet, but no matching payloader was found"), false},
+         ErrorLog("Got a SequenceInfo packet, but no matching payloader was found"), false},
         {"frame without sequence", Main, false, frame0,
-         warnLog("Dropping received nanomsg VLX Frame packet because no matching VLX depayloader "
+         WarnLog("Dropping received nanomsg VLX Frame packet because no matching VLX depayloader "
                  "was previously found"),
          true},
         {"frame without sequence", Side, false, frame0,
-         errorLog("Got a Frame packet, but no payloader is present"), false},
+         ErrorLog("Got a Frame packet, but no payloader is present"), false},
         {"unknown type", Main, true, unknown,
-         traceLog("Received nanomsg VLX packet with 5 byte(s); type: unknown"), true},
+         TraceLog("Received nanomsg VLX packet with 5 byte(s); type: unknown"), true},
         {"unknown type", Side, true, unknown,
-         traceLog("Received sidechannel VLX packet with 5 byte(s); type: unknown"), true},
+         TraceLog("Received sidechannel VLX packet with 5 byte(s); type: unknown"), true},
         {"known sequence", Main, true, redundant,
-         traceLog("Dropping received nanomsg VLX packet with 14 byte(s)"), true},
+         TraceLog("Dropping received nanomsg VLX packet with 14 byte(s)"), true},
         {"known sequence", Side, true, redundant,
-         debugLog("Dropping received sidechannel VLX packet with 14 bytes"), true},
+         DebugLog("Dropping received sidechannel VLX packet with 14 bytes"), true},
         {"frame", Side, true, frame,
-         errorLog("Got a Frame packet over the sidechannel; this is not supposed to happen!"),
+         ErrorLog("Got a Frame packet over the sidechannel; this is not supposed to happen!"),
          true},
         {"empty", Main, true, Buffer(),
-         errorLog("Received nanomsg VLX packet is too short: 0 byte(s)"), true},
+         ErrorLog("Received nanomsg VLX packet is too short: 0 byte(s)"), true},
         {"header only", Main, true, noHeader,
-         errorLog("Received nanomsg VLX packet is too short: 4 byte(s)"), true},
+         ErrorLog("Received nanomsg VLX packet is too short: 4 byte(s)"), true},
         {"one byte", Side, true, Buffer(1),
-         errorLog("Received sidechannel VLX packet is too short: 1 byte(s)"), false},
+         ErrorLog("Received sidechannel VLX packet is too short: 1 byte(s)"), false},
         {"header only", Side, true, noHeader,
-         errorLog("Received sidechannel VLX packet is too short: 4 byte(s)"), false}};
-    const LogExpectation error = errorLog("Error while consuming VLX packet");
+         ErrorLog("Received sidechannel VLX packet is too short: 4 byte(s)"), false}};
+    const LogExpectation error = ErrorLog("Error while consuming VLX packet");
     for (const bool isMain : {true, false})
     {
         rows.push_back({"rejected header", isMain, false, rejected, error, false});
@@ -946,11 +946,11 @@ TEST_F(ReceiverTest, TheChannelsDifferInWhatTheyTolerate)
         {
             ASSERT_TRUE(sender.sendOverSidechannel(makeSequenceInfo(9)));
             EXPECT_TRUE(receiver.waitForEvent("sequence", row.isInSequence ? 2 : 1));
-            EXPECT_FALSE(log().contains(debugLog(ConnectionGone)));
+            EXPECT_FALSE(log().contains(DebugLog(ConnectionGone)));
         }
         else
         {
-            EXPECT_TRUE(log().waitFor(debugLog(ConnectionGone)));
+            EXPECT_TRUE(log().waitFor(DebugLog(ConnectionGone)));
             EXPECT_TRUE(sender.getSidechannel().waitForClose());
         }
         EXPECT_EQ(receiver.count("frame"), std::string(row.name) == "frame" ? 1U : 0U);
@@ -965,13 +965,13 @@ TEST_F(ReceiverTest, MissingCallbacksAreSkipped)
     receiver.addDepayloader(depayloader);
     ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
     ASSERT_TRUE(sender.serve());
-    ASSERT_TRUE(log().waitFor(debugLog("Matching payloader found")));
+    ASSERT_TRUE(log().waitFor(DebugLog("Matching payloader found")));
     ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, 1)));
-    ASSERT_TRUE(log().waitFor(traceLog(StartsWith("Received nanomsg VLX packet with 24"))));
+    ASSERT_TRUE(log().waitFor(TraceLog(StartsWith("Received nanomsg VLX packet with 24"))));
     ASSERT_TRUE(waitFor([] { return log().getEntries().back().text == "Listening for input"; }));
-    EXPECT_FALSE(log().contains(traceLog(StartsWith("Calling media data callback"))));
+    EXPECT_FALSE(log().contains(TraceLog(StartsWith("Calling media data callback"))));
     kit::stopPromptly(receiver);
-    EXPECT_TRUE(log().contains(debugLog("Receiver shut down")));
+    EXPECT_TRUE(log().contains(DebugLog("Receiver shut down")));
     EXPECT_FALSE(hasLoggedProblems());
 }
 
@@ -1061,7 +1061,7 @@ TEST_P(ReceiverTransportTest, BufferedPacketsAreDeliveredAfterTheSidechannelHasC
     ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, 1)));
     EXPECT_TRUE(receiver.waitForEvent("connecting", 2));
     EXPECT_EQ(receiver.count("frame"), NumFrames);
-    EXPECT_EQ(log().count(debugLog(StartsWith("Closing sidechannel"))), 1U);
+    EXPECT_EQ(log().count(DebugLog(StartsWith("Closing sidechannel"))), 1U);
 }
 
 // Sender-presence monitor
@@ -1091,9 +1091,9 @@ TEST_F(ReceiverTest, DirectoriesOfSendersAreSeenAtTheStart)
         RecordedReceiver receiver;
         ASSERT_TRUE(receiver.start(getSocketName()));
         EXPECT_EQ(
-            log().count(debugLog("Sender " + std::string(row.entry) + " already created")),
+            log().count(DebugLog("Sender " + std::string(row.entry) + " already created")),
             row.isSeen ? 1U : 0U);
-        EXPECT_EQ(log().count(debugLog(StartsWith("Sender "))), row.isSeen ? 1U : 0U);
+        EXPECT_EQ(log().count(DebugLog(StartsWith("Sender "))), row.isSeen ? 1U : 0U);
         receiver.stop();
         fs::remove(directory / row.entry);
     }
@@ -1108,9 +1108,9 @@ TEST_F(ReceiverTest, WatchesTheDirectoryThatItIsGiven)
     {
         receiver.get().setBaseDirectory(watched == getTempDirectory() ? "" : watched);
         ASSERT_TRUE(receiver.start(getSocketName()));
-        EXPECT_TRUE(log().contains(debugLog("Opened " + watched)));
+        EXPECT_TRUE(log().contains(DebugLog("Opened " + watched)));
         fs::create_directory(watched + "/VlxSender-abcdef");
-        EXPECT_TRUE(log().waitFor(debugLog(StartsWith("Sender VlxSender-abcdef initializing"))));
+        EXPECT_TRUE(log().waitFor(DebugLog(StartsWith("Sender VlxSender-abcdef initializing"))));
         kit::stopPromptly(receiver.get(), watched);
         fs::remove(watched + "/VlxSender-abcdef");
         log().clear();
@@ -1131,7 +1131,7 @@ TEST_F(ReceiverTest, WithoutTheDirectoryItConnectsAllTheSame)
     EXPECT_TRUE(waitFor([&] { return receiver.getState() == State::Running; }));
     // No event wakes the monitor here: it must end by itself.
     receiver.shutdownReceiver();
-    EXPECT_FALSE(log().contains(debugLog(StartsWith("Opened "))));
+    EXPECT_FALSE(log().contains(DebugLog(StartsWith("Opened "))));
     EXPECT_FALSE(hasLoggedProblems());
 }
 

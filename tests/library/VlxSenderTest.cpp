@@ -177,7 +177,7 @@ protected:
 
     static LogExpectation closedLog(int fd, std::size_t remaining)
     {
-        return debugLog(
+        return DebugLog(
             "Client connection with FD " + std::to_string(fd) + " got closed; " +
             std::to_string(remaining) + " connection(s) remain");
     }
@@ -191,7 +191,7 @@ protected:
     RawConnection connectUngreeted(std::unique_lock<std::mutex>& lock)
     {
         constexpr std::chrono::milliseconds TryDuration{200};
-        const LogExpectation accepted = debugLog(StartsWith(NewClient));
+        const LogExpectation accepted = DebugLog(StartsWith(NewClient));
         for (;;)
         {
             const std::size_t numBefore = log().count(accepted);
@@ -230,7 +230,7 @@ protected:
         {
             log().clear();
             m_future = std::async(std::launch::async, std::move(call));
-            EXPECT_TRUE(log().waitFor(traceLog(MatchesRegex(SendingData))));
+            EXPECT_TRUE(log().waitFor(TraceLog(MatchesRegex(SendingData))));
         }
 
         ~BlockedCall()
@@ -349,7 +349,7 @@ TEST_P(SenderTransportTest, PlainSocketsReadTheStreamByteForByte)
         EXPECT_EQ(receiver.receive(), makeFrame(1, 7, mediaData)) << size;
     }
     EXPECT_TRUE(log().contains(
-        traceLog("Payloader wrapped media data with 1920 byte into packet with 1940 byte")));
+        TraceLog("Payloader wrapped media data with 1920 byte into packet with 1940 byte")));
     m_sender.startNewSequence();
     EXPECT_EQ(receiver.receive(), makeSequenceInfo(2));
     sendFrame(8, {1, 2});
@@ -368,7 +368,7 @@ TEST_F(SenderTest, DestructionShutsDown)
         Sender sender;
         ASSERT_TRUE(initialize(sender, getSocketName()));
     }
-    EXPECT_TRUE(log().contains(traceLog("Sender shut down")));
+    EXPECT_TRUE(log().contains(TraceLog("Sender shut down")));
     EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty());
 }
 
@@ -383,7 +383,7 @@ TEST_F(SenderTest, LongNamesAreReportedAndCut)
         log().clear();
         ASSERT_TRUE(initialize(m_sender, name));
 
-        const LogExpectation tooLong = errorLog(
+        const LogExpectation tooLong = ErrorLog(
             "Cannot set up sender since the Unix domain socket address is too long (max allowed "
             "length: 107 actual length: " +
             std::to_string(length) + ")");
@@ -406,7 +406,7 @@ TEST_F(SenderTest, TakenNameIsReplacedByAFreeAlternative)
     std::string longAlternative = getSocketName() + "-long";
     longAlternative.resize(LongestName + 20, 'a');
     const LogExpectation bindFailed =
-        debugLog("Could not bind listener socket: Address already in use (98)");
+        DebugLog("Could not bind listener socket: Address already in use (98)");
 
     for (const std::string& alternative :
          {getSocketName() + "-b", longAlternative, std::string(), taken})
@@ -417,7 +417,7 @@ TEST_F(SenderTest, TakenNameIsReplacedByAFreeAlternative)
         const bool isFree = !alternative.empty() && alternative != taken;
         ASSERT_EQ(initialize(sender, taken, alternative), isFree);
         EXPECT_EQ(log().count(bindFailed), alternative == taken ? 2U : 1U);
-        EXPECT_EQ(log().count(errorLog("Failed to set up the listener socket")), isFree ? 0U : 1U);
+        EXPECT_EQ(log().count(ErrorLog("Failed to set up the listener socket")), isFree ? 0U : 1U);
         if (isFree)
         {
             RawConnection client(alternative.substr(0, LongestName));
@@ -445,8 +445,8 @@ TEST_F(SenderTest, ASetDirectoryOverridesTheVariable)
     Sender sender;
     EXPECT_FALSE(initialize(sender, getSocketName()));
     EXPECT_TRUE(log().isExactly(
-        {traceLog(StartsWith("Setting up sender")),
-         errorLog("Could not create temporary directory for nanomsg SP socket: No such file or "
+        {TraceLog(StartsWith("Setting up sender")),
+         ErrorLog("Could not create temporary directory for nanomsg SP socket: No such file or "
                   "directory (2)")}));
     release(sender);
 
@@ -563,14 +563,14 @@ TEST_F(SenderTest, DataFromReceiversIsDiscarded)
     EXPECT_EQ(getClients(), std::vector<int>{fds[1]});
     second.close();
     EXPECT_TRUE(log().waitFor(closedLog(fds[1], 0)));
-    EXPECT_EQ(log().count(errorLog(_)), 0U);
+    EXPECT_EQ(log().count(ErrorLog(_)), 0U);
 
     {
         const RawConnection leavesUnread(getSocketName());
         ASSERT_TRUE(waitFor([&] { return leavesUnread.hasInput(); }) && waitForClients(1));
     }
     ASSERT_TRUE(waitForClients(0));
-    EXPECT_TRUE(log().contains(errorLog("Error trying to receive bytes from client connection FD: "
+    EXPECT_TRUE(log().contains(ErrorLog("Error trying to receive bytes from client connection FD: "
                                         "Connection reset by peer (104)")));
 }
 
@@ -586,12 +586,12 @@ TEST_F(SenderTest, ReceiverThatLeavesBeforeItsGreetingDoesNotKill)
         client.close();
         lock.unlock();
         ASSERT_TRUE(log().waitFor(
-            errorLog(MatchesRegex("Could not send message size to client connection with FD [0-9]+:"
+            ErrorLog(MatchesRegex("Could not send message size to client connection with FD [0-9]+:"
                                   " Broken pipe \\(32\\)")),
             2 * i));
     }
     EXPECT_TRUE(waitForClients(0));
-    EXPECT_FALSE(log().contains(errorLog(HasSubstr("payload"))));
+    EXPECT_FALSE(log().contains(ErrorLog(HasSubstr("payload"))));
 
     sigset_t mask{};
     ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
@@ -634,7 +634,7 @@ TEST_P(SenderAgainstTricks, HoldsNeitherListenerNorShutdown)
     for (RawConnection& each : clients)
         EXPECT_TRUE(waitFor([&] { return each.hasInput(); }));
     EXPECT_TRUE(peer.isLockKept());
-    EXPECT_EQ(log().count(errorLog(_)), 0U);
+    EXPECT_EQ(log().count(ErrorLog(_)), 0U);
     EXPECT_TRUE(peer.isPrompt([this] { EXPECT_TRUE(initialize()); })) << "its name is free again";
 }
 
@@ -688,8 +688,8 @@ TEST_F(SenderTest, OutOfDescriptorsTheListenerTriesTenTimesASecond)
 {
     using Clock = std::chrono::steady_clock;
     const LogExpectation failed =
-        errorLog("Could not accept new connection: Too many open files (24)");
-    const LogExpectation attempt = traceLog("Listener thread socket activity");
+        ErrorLog("Could not accept new connection: Too many open files (24)");
+    const LogExpectation attempt = TraceLog("Listener thread socket activity");
     ::signal(SIGUSR1, [](int) {});
     ASSERT_TRUE(initialize());
     const auto waitInVain = [&]
@@ -714,7 +714,7 @@ TEST_F(SenderTest, OutOfDescriptorsTheListenerTriesTenTimesASecond)
         EXPECT_EQ(log().count(failed), 1U);
     };
     waitInVain();
-    ASSERT_TRUE(log().waitFor(debugLog(StartsWith(NewClient))));
+    ASSERT_TRUE(log().waitFor(DebugLog(StartsWith(NewClient))));
     ASSERT_TRUE(waitForClients(0));
     waitInVain(); // it is reported again
     EXPECT_TRUE(RawConnection(getSocketName()).readMessage().has_value());
@@ -758,7 +758,7 @@ TEST_F(SenderTest, WakeupEndsTheListenerThreadAndTheStream)
     RawConnection client = connectGreeted();
     ASSERT_EQ(::write((m_sender.*Access::ListenerWakeupPipe)[1], "xyz", 3), 3);
     ASSERT_TRUE(waitFor([&] { return !(m_sender.*Access::ListenerThreadRunning); }));
-    EXPECT_TRUE(log().contains(traceLog("Listener thread loop wakeup activity")));
+    EXPECT_TRUE(log().contains(TraceLog("Listener thread loop wakeup activity")));
     EXPECT_EQ(countBytesInPipe((m_sender.*Access::ListenerWakeupPipe)[0]), 0);
 
     (m_sender.*Access::ShutdownListener)();
@@ -770,8 +770,8 @@ TEST_F(SenderTest, WakeupEndsTheListenerThreadAndTheStream)
     m_sender.startNewSequence();
     sendFrame(1, {1});
     EXPECT_TRUE(log().isExactly(
-        {debugLog("Not starting new sequence since the listener thread is not running"),
-         traceLog("Cannot send media data: Listener thread is not running")}));
+        {DebugLog("Not starting new sequence since the listener thread is not running"),
+         TraceLog("Cannot send media data: Listener thread is not running")}));
     EXPECT_EQ(m_sender.*Access::SequenceNr, 1);
     EXPECT_EQ(m_sender.*Access::SequenceInfoPacket, makeSequenceInfo(1));
 }
@@ -780,7 +780,7 @@ TEST_F(SenderTest, SendingToAllClientsTriesTheFirstTwoEntriesToo)
 {
     ASSERT_TRUE(initialize());
     RawConnection client = connectGreeted();
-    const LogExpectation failed = errorLog(StartsWith("Could not send message size to client"));
+    const LogExpectation failed = ErrorLog(StartsWith("Could not send message size to client"));
     (m_sender.*Access::SendToAllClients)(Buffer(40, 0x40));
     (m_sender.*Access::SendToAllClients)(Buffer(12, 0x12));
     EXPECT_EQ(log().count(failed), 4U) << "the wakeup pipe and the listening socket";
@@ -792,7 +792,7 @@ TEST_F(SenderTest, SendingToAllClientsTriesTheFirstTwoEntriesToo)
         [&]
         {
             (m_sender.*Access::SendToAllClients)(Buffer(100'000));
-            return log().contains(errorLog(HasSubstr("Resource temporarily unavailable (11)")));
+            return log().contains(ErrorLog(HasSubstr("Resource temporarily unavailable (11)")));
         }));
     EXPECT_EQ(getClients().size(), 1U);
 }
@@ -869,7 +869,7 @@ TEST_F(SenderTest, DisabledSendingDropsFrames)
     EXPECT_TRUE(log().isExactly({})) << "disabled already";
     m_sender.disableSend(false);
     m_sender.disableSend(true); // there is no pipe to write to
-    EXPECT_EQ(log().count(errorLog(_)), 0U);
+    EXPECT_EQ(log().count(ErrorLog(_)), 0U);
     ASSERT_TRUE(initialize());
     EXPECT_FALSE(m_sender.*Access::SendDisabled);
 }
@@ -891,7 +891,7 @@ TEST_F(SenderTest, BlockedSendIsFreedByDisabling)
 
     RawNanomsg receiver(NN_PULL);
     ASSERT_NO_FATAL_FAILURE(join(receiver, NanomsgProtocol::Pipeline));
-    EXPECT_FALSE(log().contains(debugLog(StartsWith("Could not send data"))));
+    EXPECT_FALSE(log().contains(DebugLog(StartsWith("Could not send data"))));
     sendFrame(3, {3});
     EXPECT_EQ(receiver.receive(), makeFrame(1, 3, {3})) << "the dropped frames stay dropped";
 
@@ -908,7 +908,7 @@ TEST_F(SenderTest, AReceiverThatLeavesBeforeTheSendDoesNotBlockIt)
     auto sent = std::async(std::launch::async, [this] { sendFrame(1, {1}); });
     EXPECT_EQ(sent.wait_for(DefaultDeadline), std::future_status::ready);
     EXPECT_TRUE(
-        log().contains(debugLog("Could not send data over nanomsg; connection might be gone")));
+        log().contains(DebugLog("Could not send data over nanomsg; connection might be gone")));
     m_sender.*Access::NanomsgWatchFD = watchFD;
 }
 
@@ -958,7 +958,7 @@ TEST_F(SenderTest, SignalsEndNeitherABlockedSendNorTheListener)
     ASSERT_TRUE(receiver.bind(m_sender.*Access::NanomsgURI));
     EXPECT_EQ(receiver.receive(), makeFrame(1, 1, {1}));
     const RawConnection client = connectGreeted();
-    EXPECT_EQ(log().count(errorLog(_)), 0U);
+    EXPECT_EQ(log().count(ErrorLog(_)), 0U);
     EXPECT_TRUE(blocked.isOver());
 }
 
@@ -998,7 +998,7 @@ TEST_F(SenderTest, ThreadsMayMeet)
     }
     keepRunning = false;
     EXPECT_TRUE(waitForClients(0));
-    EXPECT_EQ(log().count(errorLog(_)), 0U);
+    EXPECT_EQ(log().count(ErrorLog(_)), 0U);
 }
 
 TEST_F(SenderDeathTest, FailedMainChannelLeavesTheListenerOpen)
@@ -1011,8 +1011,8 @@ TEST_F(SenderDeathTest, FailedMainChannelLeavesTheListenerOpen)
     Sender sender;
     EXPECT_FALSE(initialize(sender, getSocketName()));
     EXPECT_TRUE(log().containsInOrder(
-        {traceLog("Listener set up"), errorLog(StartsWith("Could not connect the nanomsg SP")),
-         errorLog("Failed to set up the nanomsg main channel")}));
+        {TraceLog("Listener set up"), ErrorLog(StartsWith("Could not connect the nanomsg SP")),
+         ErrorLog("Failed to set up the nanomsg main channel")}));
     EXPECT_GE(sender.*Access::ListenerSocketFD, 0);
     EXPECT_EQ(sender.*Access::NanomsgMainFD, -1);
     EXPECT_EQ(sender.*Access::NanomsgEndpointID, -1);

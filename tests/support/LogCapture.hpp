@@ -35,11 +35,11 @@ struct LogOfLevel
     LogExpectation operator()(const ::testing::Matcher<const std::string&>& text) const;
 };
 
-inline constexpr LogOfLevel traceLog{log4cplus::TRACE_LOG_LEVEL};
-inline constexpr LogOfLevel debugLog{log4cplus::DEBUG_LOG_LEVEL};
-inline constexpr LogOfLevel infoLog{log4cplus::INFO_LOG_LEVEL};
-inline constexpr LogOfLevel warnLog{log4cplus::WARN_LOG_LEVEL};
-inline constexpr LogOfLevel errorLog{log4cplus::ERROR_LOG_LEVEL};
+inline constexpr LogOfLevel TraceLog{log4cplus::TRACE_LOG_LEVEL};
+inline constexpr LogOfLevel DebugLog{log4cplus::DEBUG_LOG_LEVEL};
+inline constexpr LogOfLevel InfoLog{log4cplus::INFO_LOG_LEVEL};
+inline constexpr LogOfLevel WarnLog{log4cplus::WARN_LOG_LEVEL};
+inline constexpr LogOfLevel ErrorLog{log4cplus::ERROR_LOG_LEVEL};
 
 /// Everything that the library's logger was given since the test began, at every level. It is
 /// printed by a test that fails, and by no other. Any thread.
