@@ -259,6 +259,13 @@ protected:
     }
 
     /// Sends blocks of a period, each at its time.
+    static ByteView toBytes(const Samples& samples, std::size_t first, std::size_t count)
+    {
+        return {
+            reinterpret_cast<const unsigned char*>(samples.data() + first),
+            count * sizeof(std::int16_t)};
+    }
+
     static void send(kit::Producer& producer, const Samples& samples, TimeValue begin)
     {
         ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
@@ -268,11 +275,8 @@ protected:
             std::this_thread::sleep_until(
                 std::chrono::steady_clock::time_point(std::chrono::nanoseconds(due)));
             const std::size_t count = std::min<std::size_t>(Period, samples.size() - done);
-            EXPECT_TRUE(producer.send(
-                due, Mono.toNanoseconds(count),
-                ByteView(
-                    reinterpret_cast<const unsigned char*>(samples.data() + done),
-                    count * sizeof(std::int16_t))));
+            EXPECT_TRUE(
+                producer.send(due, Mono.toNanoseconds(count), toBytes(samples, done, count)));
         }
     }
 };
@@ -621,11 +625,8 @@ TEST_F(AlsaTest, WhatComesAfterItsSilenceIsLeftOut)
     const TimeValue begin = now();
     send(producer, Samples(samples.begin(), samples.begin() + Period), begin);
     EXPECT_EQ(read(pcm, 20 * Period).back(), 0); // it is late, and silence flows
-    EXPECT_TRUE(producer.send(
-        begin + PeriodNs, 149 * PeriodNs,
-        ByteView(
-            reinterpret_cast<const unsigned char*>(samples.data() + Period),
-            149 * Period * sizeof(std::int16_t))));
+    EXPECT_TRUE(
+        producer.send(begin + PeriodNs, 149 * PeriodNs, toBytes(samples, Period, 149 * Period)));
     EXPECT_EQ(read(pcm, 130 * Period).back(), samples.back());
 }
 
