@@ -11,6 +11,10 @@
 // In "pubsub" a receiver loses frames that it cannot take at once, so the sink never sends faster
 // than at twice the speed, not even with sync=false. "pipeline" has one receiver and waits for it.
 //
+// With shared-memory=always or auto, large frames are far younger on arrival, but only receivers of
+// the kit can read them: vlxsrc, or `vlx receive`. Elements upstream then get memory that is sent
+// without a copy.
+//
 // A seek with another rate changes the timestamps' spacing, not the samples or their durations: put
 // scaletempo before the sink.
 
@@ -65,6 +69,7 @@ struct Settings
     int clockPort = 0;
     bool serveClock = false;
     bool waitForConnection = true;
+    int sharedMemory = static_cast<int>(kit::Carriage::Inline);
 };
 
 /// What the timestamps stand on, and where receivers find it.
@@ -104,8 +109,8 @@ public:
     bool setCaps(GstCaps* caps);
     GstFlowReturn render(GstBuffer* buffer);
 
-    // Makes the stream ready for the next buffer. Called with the preroll lock held, like render().
-    GstFlowReturn prepare();
+    // Makes the stream ready for a buffer. Called with the preroll lock held, like render().
+    GstFlowReturn prepare(GstBuffer* buffer);
 
     // From another thread, while one of the above may be waiting.
     bool unlock();
@@ -119,8 +124,9 @@ private:
     GstFlowReturn fail(const kit::Status& status);
     std::optional<Announcement> chooseClock(const Settings& settings) const;
     bool serveClock(GstClock* clock, const Settings& settings);
-    GstFlowReturn open(const Settings& settings, const Announcement& announcement);
-    GstFlowReturn openOrAdapt();
+    GstFlowReturn
+    open(const Settings& settings, const Announcement& announcement, GstBuffer* first);
+    GstFlowReturn openOrAdapt(GstBuffer* buffer);
     GstFlowReturn waitForReceiver();
     void dropProducer();
     GstFlowReturn send(GstBuffer* buffer, const ByteView& data);
@@ -315,7 +321,8 @@ bool Sink::serveClock(GstClock* clock, const Settings& settings)
     return m_provider != nullptr;
 }
 
-GstFlowReturn Sink::open(const Settings& settings, const Announcement& announcement)
+GstFlowReturn
+Sink::open(const Settings& settings, const Announcement& announcement, GstBuffer* first)
 {
     ClockEndpoint endpoint = announcement.endpoint;
     if (announcement.served != nullptr)
@@ -336,6 +343,9 @@ GstFlowReturn Sink::open(const Settings& settings, const Announcement& announcem
     options.clockAddress = endpoint.address;
     options.clockPort = endpoint.port;
     options.socketMode = static_cast<kit::SocketMode>(settings.socketMode);
+    options.sharedMemory.carriage = static_cast<kit::Carriage>(settings.sharedMemory);
+    options.sharedMemory.frameDuration = std::chrono::nanoseconds(
+        m_format.toNanoseconds(gst_buffer_get_size(first) / m_format.getBytesPerSample()));
     if (settings.realtimePriority > 0)
         options.realTime = {kit::RealTimeUse::Try, settings.realtimePriority};
     options.onNotice = [this](const std::string& notice)
@@ -360,7 +370,7 @@ GstFlowReturn Sink::open(const Settings& settings, const Announcement& announcem
 }
 
 // The stream is opened anew when the clock that it announces is no longer that of its timestamps.
-GstFlowReturn Sink::openOrAdapt()
+GstFlowReturn Sink::openOrAdapt(GstBuffer* buffer)
 {
     const Settings settings = getSettings();
     m_clock.set(findClock(GST_ELEMENT(m_element)));
@@ -374,7 +384,7 @@ GstFlowReturn Sink::openOrAdapt()
         dropProducer();
     }
     if (!m_producer)
-        return open(settings, *announcement);
+        return open(settings, *announcement, buffer);
     if (m_announcedFormat == m_format)
         return GST_FLOW_OK;
     if (const kit::Status status = m_producer->setFormat(m_format); !status)
@@ -398,7 +408,7 @@ GstFlowReturn Sink::waitForReceiver()
 
 // Everything that may take long is done without the preroll lock, which a state change needs. Who
 // frees it holds that lock meanwhile, and has said why when we get it back.
-GstFlowReturn Sink::prepare()
+GstFlowReturn Sink::prepare(GstBuffer* buffer)
 {
     for (;;)
     {
@@ -411,7 +421,7 @@ GstFlowReturn Sink::prepare()
 
         const bool pending = noteUnlocks();
         GST_BASE_SINK_PREROLL_UNLOCK(m_element);
-        GstFlowReturn flow = pending ? waitForUnlockStop() : openOrAdapt();
+        GstFlowReturn flow = pending ? waitForUnlockStop() : openOrAdapt(buffer);
         if (flow == GST_FLOW_OK)
             flow = waitForReceiver();
         GST_BASE_SINK_PREROLL_LOCK(m_element);
@@ -489,7 +499,7 @@ GstFlowReturn Sink::render(GstBuffer* buffer)
     bool done = false;
     while (flow == GST_FLOW_OK && !done)
     {
-        flow = prepare();
+        flow = prepare(buffer);
         if (flow != GST_FLOW_OK)
             break;
         if (m_element->need_preroll != FALSE)
@@ -548,6 +558,19 @@ GType getClockType()
     return type;
 }
 
+GType getSharedMemoryType()
+{
+    static const GEnumValue values[] = {
+        {static_cast<gint>(kit::Carriage::Inline), "Every receiver can read the frames", "never"},
+        {static_cast<gint>(kit::Carriage::Shared),
+         "Receivers of the kit with the same /dev/shm can read the frames", "always"},
+        {static_cast<gint>(kit::Carriage::Automatic),
+         "always if the first frame has at least 8192 bytes, else never", "auto"},
+        {0, nullptr, nullptr}};
+    static const GType type = g_enum_register_static("GstVlxSharedMemory", values);
+    return type;
+}
+
 // A flat table.
 void installProperties(gpointer elementClass)
 {
@@ -578,6 +601,9 @@ void installProperties(gpointer elementClass)
     properties.addFlag(
         "wait-for-connection", &Settings::waitForConnection, Mutability::Stopped,
         "Stay in preroll until the first receiver has joined");
+    properties.addChoice(
+        "shared-memory", &Settings::sharedMemory, getSharedMemoryType(),
+        "Share frames in memory, at most 64 MiB: large frames are younger on arrival");
     properties.addStatistics("Frames and bytes sent, receivers, sequences");
 }
 
@@ -595,7 +621,8 @@ void Sink::initClass(gpointer elementClass)
     auto* const sinkClass = GST_BASE_SINK_CLASS(elementClass);
     sinkClass->set_caps = [](GstBaseSink* self, GstCaps* caps) -> gboolean
     { return Type::of(self).setCaps(caps); };
-    sinkClass->preroll = [](GstBaseSink* self, GstBuffer*) { return Type::of(self).prepare(); };
+    sinkClass->preroll = [](GstBaseSink* self, GstBuffer* buffer)
+    { return Type::of(self).prepare(buffer); };
     sinkClass->render = [](GstBaseSink* self, GstBuffer* buffer)
     { return Type::of(self).render(buffer); };
     sinkClass->unlock = [](GstBaseSink* self) -> gboolean { return Type::of(self).unlock(); };

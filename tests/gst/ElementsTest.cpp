@@ -30,7 +30,7 @@ TEST_F(ElementsTest, RankAndDefaultsAreTheDocumentedOnes)
     const std::pair<const char*, std::string> rows[] = {
         {"vlxsink", "socket-name= realtime-priority=0 alternative-socket-name= protocol=pubsub "
                     "socket-mode=owner clock=auto clock-address= clock-port=0 serve-clock=false "
-                    "wait-for-connection=true "},
+                    "wait-for-connection=true shared-memory=never "},
         {"vlxsrc",
          "socket-name= realtime-priority=0 sender-user= timeout=0 eos-on-disconnect=false "
          "max-queue-time=1000000000 max-queue-bytes=67108864 max-queue-frames=10000 "
