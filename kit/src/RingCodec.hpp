@@ -2,11 +2,9 @@
 
 #include <functional>
 #include <memory>
-#include <typeinfo>
 #include <utility>
 
 #include <vlx/VlxPayload.hpp>
-#include <vlxkit/Producer.hpp>
 
 #include "CodecRelay.hpp"
 #include "FrameRing.hpp"
@@ -14,28 +12,63 @@
 namespace vlx::kit
 {
 
-/// Puts the frames of another payloader into a ring. A packet says only where a frame lies.
+/// Wraps each frame with another payloader exactly once, and before the packet is made: only then its
+/// size is known.
+class WrappedPayloader : public Payloader
+{
+public:
+    /// @param codec  must outlive its use
+    explicit WrappedPayloader(Payloader& codec) : Payloader(codec.getFourcc()), m_codec(codec)
+    {
+        m_codecHeader = codec.getCodecHeader();
+    }
+
+    /// @return the wrapped frame, which packets are made with until the next call
+    ByteView wrap(const ByteView& mediaData)
+    {
+        m_frame.resize(m_codec.getSizeForWrappedFrame(mediaData));
+        m_codec.wrapFrame(m_frame, 0, mediaData);
+        return m_frame;
+    }
+
+    std::size_t getSizeForWrappedFrame(const ByteView& /*mediaData*/) const override
+    {
+        return m_frame.size();
+    }
+
+    void wrapFrame(Buffer& packet, std::size_t packetOffset, const ByteView& /*mediaData*/) override
+    {
+        Payloader::wrapFrame(packet, packetOffset, m_frame);
+    }
+
+private:
+    Payloader& m_codec;
+    Buffer m_frame;
+};
+
+/// Puts the frames of another codec into a ring. A packet says only where a frame lies.
 class RingPayloader : public Payloader
 {
 public:
     RingPayloader() : Payloader(RingFourcc) {}
 
-    /// @param payloader  must outlive its use
-    void use(Payloader& payloader, std::shared_ptr<FrameRing> ring)
+    /// @param payloader  of the codec
+    void use(const Payloader& payloader, std::shared_ptr<FrameRing> ring)
     {
         m_codecHeader = produceRingHeader(
             {ring->getLayout(), payloader.getFourcc(), payloader.getCodecHeader()});
-        m_payloader = &payloader;
-        m_copiesOnly = typeid(payloader) == typeid(PcmPayloader) ||
-                       typeid(payloader) == typeid(Payloader) ||
-                       dynamic_cast<const PlainPayloader*>(&payloader) != nullptr;
         m_ring = std::move(ring);
     }
 
     void forget()
     {
-        m_payloader = nullptr;
         m_ring.reset();
+    }
+
+    /// @param frame  the next one, wrapped by its codec; must outlive its packet
+    void setFrame(const ByteView& frame)
+    {
+        m_frame = frame;
     }
 
     std::size_t getSizeForWrappedFrame(const ByteView& /*mediaData*/) const override
@@ -43,23 +76,13 @@ public:
         return RingPlaceBytes;
     }
 
-    void wrapFrame(Buffer& packet, std::size_t packetOffset, const ByteView& mediaData) override
+    void wrapFrame(Buffer& packet, std::size_t packetOffset, const ByteView& /*mediaData*/) override
     {
-        writeRingPlace(
-            m_ring->publish(m_copiesOnly ? mediaData : wrap(mediaData)), packet, packetOffset);
+        writeRingPlace(m_ring->publish(m_frame), packet, packetOffset);
     }
 
 private:
-    ByteView wrap(const ByteView& mediaData)
-    {
-        m_wrapped.resize(m_payloader->getSizeForWrappedFrame(mediaData));
-        m_payloader->wrapFrame(m_wrapped, 0, mediaData);
-        return m_wrapped;
-    }
-
-    Payloader* m_payloader = nullptr;
-    bool m_copiesOnly = false; // the payloader does not change the bytes
-    Buffer m_wrapped;
+    ByteView m_frame;
     std::shared_ptr<FrameRing> m_ring;
 };
 

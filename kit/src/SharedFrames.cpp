@@ -1,6 +1,7 @@
 #include "SharedFrames.hpp"
 
 #include <algorithm>
+#include <typeinfo>
 #include <utility>
 
 #include <sys/stat.h>
@@ -24,6 +25,8 @@ constexpr std::uint64_t DefaultFrames = 16;
 // Far longer than a receiver takes to join with an announcement that names the former ring.
 constexpr auto FormerRingTime = std::chrono::seconds(1);
 
+constexpr std::size_t MemoryAlignment = 64; // as in a ring
+
 constexpr mode_t toRingMode(SocketMode mode)
 {
     switch (mode)
@@ -46,6 +49,22 @@ gid_t findGroup(const std::string& socketFile)
     return ::stat(directory.c_str(), &status) == 0 ? status.st_gid : ::getegid();
 }
 
+std::shared_ptr<std::uint8_t[]> makeMemory(std::size_t size)
+{
+    struct alignas(MemoryAlignment) Line
+    {
+        std::uint8_t bytes[MemoryAlignment];
+    };
+    const auto lines = std::make_shared_for_overwrite<Line[]>(size / MemoryAlignment + 1);
+    return {lines, lines[0].bytes};
+}
+
+bool keepsBytes(const Payloader& payloader)
+{
+    return typeid(payloader) == typeid(PcmPayloader) || typeid(payloader) == typeid(Payloader) ||
+           dynamic_cast<const PlainPayloader*>(&payloader) != nullptr;
+}
+
 } // unnamed namespace
 
 void SharedFrames::setCodec(Payloader& payloader, const std::optional<StreamFormat>& format)
@@ -57,6 +76,9 @@ void SharedFrames::setCodec(Payloader& payloader, const std::optional<StreamForm
         m_nominalBytes = format->toSamples(m_frameNs) * format->getBytesPerSample();
     m_isWanted = m_options.carriage == Carriage::Shared ||
                  (m_options.carriage == Carriage::Automatic && m_nominalBytes >= AutomaticMinBytes);
+    m_wrapper.reset();
+    if (m_isWanted && !keepsBytes(payloader))
+        m_payloader = &m_wrapper.emplace(payloader);
     if (!m_isWanted)
         setRing(nullptr);
     else if (m_ring)
@@ -71,10 +93,17 @@ bool SharedFrames::makeRoom(
 {
     if (m_formerRing && Clock::now() - m_formerSince > FormerRingTime)
         removeFormerRing();
-    if (!m_isWanted || (!frame && m_nominalBytes == 0))
-        return false;
-    const std::size_t size = frame ? m_payloader->getSizeForWrappedFrame(*frame) : m_nominalBytes;
-    if (m_ring && size <= getRingCapacity(m_ring->getLayout()) && m_ring->isLinked())
+    std::size_t size = m_nominalBytes;
+    if (frame)
+    {
+        const ByteView bytes = m_wrapper ? m_wrapper->wrap(*frame) : *frame;
+        m_ringPayloader.setFrame(bytes);
+        size = bytes.size();
+    }
+    const bool isKnown = frame || size != 0;
+    const bool hasRoom =
+        m_ring && size <= getRingCapacity(m_ring->getLayout()) && m_ring->isLinked();
+    if (!m_isWanted || !isKnown || hasRoom)
         return false;
     m_frameNs = duration != 0 ? duration : m_frameNs;
     std::string problem;
@@ -90,13 +119,12 @@ bool SharedFrames::makeRoom(
 std::shared_ptr<FrameRing>
 SharedFrames::makeRing(std::size_t frameBytes, const std::string& socketFile, std::string& problem)
 {
-    std::optional<RingLayout> layout;
-    if (m_ring) // frames of growing size soon have room
-        layout = chooseRingLayout(
-            std::max(frameBytes, 2 * getRingCapacity(m_ring->getLayout())), countFrames(),
-            m_options.maxBytes);
+    const std::size_t former = m_ring ? getRingCapacity(m_ring->getLayout()) : 0;
+    // Frames of growing size soon have room; a ring that was removed returns as it was.
+    const std::size_t roomy = frameBytes > former ? std::max(frameBytes, 2 * former) : former;
+    auto layout = chooseRingLayout(roomy, countFrames(), m_options.maxBytes);
     if (!layout || layout->numSlots < MinFrames)
-        layout = chooseRingLayout(frameBytes, countFrames(), m_options.maxBytes);
+        layout = chooseRingLayout(std::max(frameBytes, former), countFrames(), m_options.maxBytes);
     if (!layout)
     {
         problem = "two frames of " + std::to_string(frameBytes) + " bytes do not fit into " +
@@ -148,7 +176,7 @@ FrameMemory SharedFrames::acquire(std::size_t size) const
     std::shared_ptr<std::uint8_t[]> slot;
     if (ring && size <= getRingCapacity(ring->getLayout()))
         slot = ring->takeSlot();
-    return {slot ? slot : std::make_shared_for_overwrite<std::uint8_t[]>(size), size};
+    return {slot ? slot : makeMemory(size), size};
 }
 
 void SharedFrames::close()

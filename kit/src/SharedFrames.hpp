@@ -34,7 +34,7 @@ public:
     /// @return whether makeRoom() has to be called for each frame
     bool isActive() const
     {
-        return m_isWanted || m_formerRing;
+        return m_isWanted || m_wrapper || m_formerRing;
     }
 
     /// Makes a ring, if the next frame needs one and there is none that can hold it.
@@ -78,7 +78,8 @@ private:
     const SharedMemory m_options;
     const SocketMode m_mode;
 
-    Payloader* m_payloader = nullptr; // of the frames
+    Payloader* m_payloader = nullptr;          // of the frames
+    std::optional<WrappedPayloader> m_wrapper; // of a codec that changes the bytes
     RingPayloader m_ringPayloader;
     bool m_isWanted = false;
     std::size_t m_nominalBytes = 0;          // 0: unknown

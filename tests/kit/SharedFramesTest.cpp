@@ -47,16 +47,7 @@ Buffer makeFrame(std::size_t size, std::uint64_t number)
     return Buffer(size, static_cast<std::uint8_t>(number));
 }
 
-Buffer flip(const ByteView& bytes)
-{
-    Buffer flipped(bytes.begin(), bytes.end());
-    for (std::uint8_t& byte : flipped)
-        byte ^= 0xFF;
-    flipped.push_back(0);
-    return flipped;
-}
-
-/// Changes the bytes of a frame, and adds one.
+/// Changes the bytes of a frame, and adds its number: one more each time that it is asked.
 class FlipPayloader : public Payloader
 {
 public:
@@ -64,16 +55,24 @@ public:
 
     std::size_t getSizeForWrappedFrame(const ByteView& mediaData) const override
     {
-        return mediaData.size() + 1;
+        m_encoded.assign(mediaData.begin(), mediaData.end());
+        for (std::uint8_t& byte : m_encoded)
+            byte ^= 0xFF;
+        m_encoded.push_back(m_number++);
+        return m_encoded.size();
     }
 
-    void wrapFrame(Buffer& packet, std::size_t packetOffset, const ByteView& mediaData) override
+    void wrapFrame(Buffer& packet, std::size_t packetOffset, const ByteView& /*mediaData*/) override
     {
-        const Buffer flipped = flip(mediaData);
-        std::ranges::copy(flipped, packet.begin() + static_cast<std::ptrdiff_t>(packetOffset));
+        Payloader::wrapFrame(packet, packetOffset, m_encoded);
     }
+
+private:
+    mutable std::uint8_t m_number = 0;
+    mutable Buffer m_encoded;
 };
 
+/// Takes only what is in order.
 class FlipDepayloader : public Depayloader
 {
 public:
@@ -86,10 +85,14 @@ public:
 
     Buffer unwrapFrame(const ByteView& payload) override
     {
-        Buffer bytes = flip(payload.subspan(0, payload.size() - 1));
-        bytes.pop_back();
-        return bytes;
+        Buffer bytes(payload.begin(), payload.end() - 1);
+        for (std::uint8_t& byte : bytes)
+            byte ^= 0xFF;
+        return *(payload.end() - 1) == m_number++ ? bytes : Buffer();
     }
+
+private:
+    std::uint8_t m_number = 0;
 };
 
 class SharedFramesTest : public VlxTest
@@ -113,6 +116,7 @@ protected:
             const TimeValue timestamp = m_number * FrameNs;
             const FrameMemory memory = producer.acquire(inPlace ? size : 0);
             ASSERT_EQ(memory.size, inPlace ? size : 0);
+            EXPECT_EQ(reinterpret_cast<std::uintptr_t>(memory.data.get()) % 64, 0U);
             std::ranges::copy(
                 bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(memory.size),
                 memory.data.get());
@@ -176,9 +180,10 @@ TEST_F(SharedFramesTest, ConsumersReadBothCarriages)
         mode_t ringMode = 0600;
     };
     PlainPayloader plain(PlainFourcc, Buffer{1, 2, 3});
-    FlipPayloader flipping;
+    FlipPayloader flipping[3];
     const SharedMemory shared{.carriage = Carriage::Shared};
     const SharedMemory automatic{.carriage = Carriage::Automatic};
+    const SharedMemory tooSmall{.carriage = Carriage::Shared, .maxBytes = 100'000};
     const SharedMemory large{.carriage = Carriage::Automatic, .frameBytes = 8192};
     const SharedMemory small{.carriage = Carriage::Automatic, .frameBytes = 8191};
     for (const Row& row : std::vector<Row>{
@@ -189,8 +194,9 @@ TEST_F(SharedFramesTest, ConsumersReadBothCarriages)
              {shared, 100'000, true, nullptr, true},
              {shared, 100'000, true, &plain, true, SocketMode::Group, 0640},
              {shared, 100'000, true, &plain, false, SocketMode::All, 0644},
-             {shared, 100'000, true, &flipping},
-             {shared, 100'000, true, &flipping, true},
+             {shared, 100'000, true, &flipping[0]},
+             {shared, 100'000, true, &flipping[1], true},
+             {tooSmall, 100'000, false, &flipping[2]},
              {automatic, 1920, false}, // 10 ms of PCM
              {automatic, 100'000, false, &plain},
              {large, 100'000, true, &plain},
@@ -229,7 +235,7 @@ TEST_F(SharedFramesTest, ConsumersReadBothCarriages)
         producer.close();
         EXPECT_THAT(listRings(socketFile), IsEmpty());
     }
-    EXPECT_THAT(m_notices, IsEmpty());
+    EXPECT_THAT(m_notices, ElementsAre(HasSubstr("do not fit"))) << "into too small a ring";
 }
 
 TEST_F(SharedFramesTest, LargerFramesGetALargerRingOrTravelInline)
@@ -331,7 +337,8 @@ TEST_F(SharedFramesTest, MissingRingIsReportedAndMadeAnew)
     Producer producer(makeOptions({.carriage = Carriage::Shared, .frameBytes = 10'000}));
     ASSERT_TRUE(producer.open(Format));
     const std::string socketFile = producer.getSocketFile();
-    const std::string path = probeSender(getSocketName(), DefaultDeadline).ring.value().getPath();
+    const RingLayout first = probeSender(getSocketName(), DefaultDeadline).ring.value();
+    const std::string path = first.getPath();
     ASSERT_EQ(::unlink(path.c_str()), 0);
     Consumer consumer({.name = getSocketName()});
     ASSERT_TRUE(consumer.start());
@@ -354,6 +361,9 @@ TEST_F(SharedFramesTest, MissingRingIsReportedAndMadeAnew)
             return item && std::holds_alternative<ReceivedFrame>(*item);
         }));
     EXPECT_THAT(listRings(socketFile), ElementsAre(".2"));
+    RingLayout layout = probeSender(getSocketName(), DefaultDeadline).ring.value();
+    layout.name = first.name;
+    EXPECT_EQ(layout, first);
     consumer.stop();
     producer.close();
 }
