@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
-#include <cstdlib>
 #include <functional>
 #include <limits>
 #include <optional>
@@ -10,14 +9,13 @@
 #include <FrameRing.hpp>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "SharedMemoryTest.hpp"
 #include "support/RawPeers.hpp"
 #include "support/ResourceLimit.hpp"
-#include "support/VlxTest.hpp"
 
 namespace vlx::kit
 {
@@ -26,45 +24,32 @@ namespace
 {
 
 using namespace vlx::testing;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 constexpr std::uint64_t Huge = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint64_t NearHalf = 1ULL << 63;
 constexpr uid_t Nobody = 65534;
 
-class FrameRingTest : public VlxTest
+class FrameRingTest : public SharedMemoryTest
 {
 protected:
-    FrameRingTest()
-    {
-        char characters[] = "/tmp/ring-XXXXXX";
-        EXPECT_NE(::mkdtemp(characters), nullptr);
-        ::rmdir(characters);
-        m_name = std::string("vlx-") + (characters + sizeof("/tmp/ring-") - 1);
-    }
-
-    RingLayout makeLayout(std::size_t frameBytes, std::uint64_t numSlots) const
+    static RingLayout
+    makeLayout(std::size_t frameBytes, std::uint64_t numSlots, const char* name = "vlx-Ab3xYz")
     {
         RingLayout layout = chooseRingLayout(frameBytes, numSlots, MaxRingBytes).value();
-        layout.name = m_name;
+        layout.name = name;
         return layout;
     }
 
-    std::shared_ptr<FrameRing> makeRing(std::size_t frameBytes, std::uint64_t numSlots) const
+    static std::shared_ptr<FrameRing> makeRing(std::size_t frameBytes, std::uint64_t numSlots)
     {
         std::string problem;
         auto ring = FrameRing::make(makeLayout(frameBytes, numSlots), 0600, ::getegid(), problem);
         EXPECT_EQ(problem, "");
         return ring;
     }
-
-    std::string m_name;
 };
-
-Buffer makeFrame(std::size_t size, std::size_t number)
-{
-    return Buffer(size, static_cast<std::uint8_t>(number));
-}
 
 TEST_F(FrameRingTest, ParsesWhatItProducesAndRefusesEverythingElse)
 {
@@ -384,73 +369,51 @@ TEST_F(FrameRingTest, WithoutRoomThereIsNoRingAndNoSignal)
     EXPECT_THAT(problem, HasSubstr("File exists"));
     EXPECT_EQ(::unlink(layout.getPath().c_str()), 0) << "what is another's stays";
 
-    if (::geteuid() != 0)
-        GTEST_SKIP() << "only root can make a full /dev/shm";
-    EXPECT_TRUE(runInFork(
-        [&]
-        {
-            if (::unshare(CLONE_NEWNS) != 0 ||
-                ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-                return false;
-            const auto mount = [](const char* options)
-            { return ::mount("tmpfs", "/dev/shm", "tmpfs", 0, options) == 0; };
-            return mount("size=8m,mode=1777") &&
-                   getProblem().find("No space left") != std::string::npos && mount("mode=0777") &&
-                   getProblem().find("no sticky bit") != std::string::npos;
-        }));
+    ASSERT_TRUE(mountMemory("size=8m,mode=1777"));
+    EXPECT_THAT(getProblem(), HasSubstr("No space left"));
+    ASSERT_TRUE(mountMemory("mode=0777"));
+    EXPECT_THAT(getProblem(), HasSubstr("no sticky bit"));
 }
 
 TEST_F(FrameRingTest, OnlyRingsOfTheDeadAreRemoved)
 {
     const auto ring = makeRing(5000, 4);
-    const auto isThere = [](const RingLayout& layout)
-    { return ::access(layout.getPath().c_str(), F_OK) == 0; };
-    RingLayout dead = ring->getLayout();
-    dead.name += ".2";
-    RingLayout beingMade = ring->getLayout();
-    beingMade.name += ".3";
+    const RingLayout dead = makeLayout(5000, 4, "vlx-Ab3xYz.2");
     ASSERT_TRUE(runInFork(
         [&]
         {
             std::string problem;
             return FrameRing::make(dead, 0600, ::getegid(), problem) != nullptr;
         }));
-    RingLayout stopped = ring->getLayout();
-    stopped.name += ".4";
-    const auto makeEmpty = [](const RingLayout& layout)
-    { return Descriptor(::open(layout.getPath().c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600)); };
-    makeEmpty(beingMade);
-    const Descriptor locked = makeEmpty(stopped);
+    const auto makeEmpty = [](const char* name)
+    {
+        const std::string path = RingLayout{name}.getPath();
+        return Descriptor(::open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600));
+    };
+    makeEmpty("vlx-Ab3xYz.3"); // is being made
+    const Descriptor locked = makeEmpty("vlx-Ab3xYz.4");
     ASSERT_EQ(::flock(locked.get(), LOCK_EX | LOCK_NB), 0);
-    ASSERT_TRUE(isThere(dead));
-    removeDeadRings(60);
-    EXPECT_TRUE(isThere(dead)) << "it is young";
-    removeDeadRings();
-    EXPECT_FALSE(isThere(dead));
-    EXPECT_TRUE(isThere(beingMade));
-    EXPECT_TRUE(isThere(ring->getLayout()));
+    makeEmpty("vlx-others.txt");
+    EXPECT_EQ(removeDeadRings(60).size(), 0U) << "all are young";
+    EXPECT_EQ(removeDeadRings().size(), 1U);
+    EXPECT_THAT(
+        listMemory(), ElementsAre("vlx-Ab3xYz", "vlx-Ab3xYz.3", "vlx-Ab3xYz.4", "vlx-others.txt"));
     EXPECT_TRUE(ring->isLinked());
     for (const auto minAgeSeconds : {std::optional<std::int64_t>(60), {}})
     {
         SCOPED_TRACE(minAgeSeconds ? "by age" : "by the next producer");
-        const auto reportsEmpty = [&]
-        {
-            makeEmpty(beingMade);
-            constexpr timespec LongAgo[2] = {};
-            for (const RingLayout& layout : {beingMade, stopped, ring->getLayout()})
-                ::utimensat(AT_FDCWD, layout.getPath().c_str(), LongAgo, 0);
-            return std::ranges::any_of(
-                removeDeadRings(minAgeSeconds),
-                [&](const DeadEntry& entry) { return entry.path == beingMade.getPath(); });
-        };
-        EXPECT_TRUE(waitFor(reportsEmpty)); // a producer elsewhere may be the first to remove it
-        EXPECT_FALSE(isThere(beingMade));
-        EXPECT_TRUE(isThere(stopped)) << "locked";
-        EXPECT_TRUE(isThere(ring->getLayout())) << "in use";
+        makeEmpty("vlx-Ab3xYz.3");
+        constexpr timespec LongAgo[2] = {};
+        for (const std::string& name : listMemory())
+            ::utimensat(AT_FDCWD, RingLayout{name}.getPath().c_str(), LongAgo, 0);
+        const auto removed = removeDeadRings(minAgeSeconds);
+        ASSERT_EQ(removed.size(), 1U);
+        EXPECT_EQ(removed[0].path, "/dev/shm/vlx-Ab3xYz.3");
+        EXPECT_THAT(listMemory(), ElementsAre("vlx-Ab3xYz", "vlx-Ab3xYz.4", "vlx-others.txt"));
     }
-    ::unlink(stopped.getPath().c_str());
+    for (const char* const name : {"vlx-Ab3xYz.4", "vlx-others.txt"})
+        ::unlink(RingLayout{name}.getPath().c_str());
     ring->remove();
-    EXPECT_FALSE(isThere(ring->getLayout()));
 }
 
 } // unnamed namespace

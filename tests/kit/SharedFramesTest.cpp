@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
 #include <future>
 #include <optional>
 #include <string>
@@ -9,7 +8,6 @@
 
 #include <CodecRelay.hpp>
 #include <RingCodec.hpp>
-#include <base/SenderDirectory.hpp>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -20,8 +18,8 @@
 #include <vlxkit/Discovery.hpp>
 #include <vlxkit/Producer.hpp>
 
+#include "SharedMemoryTest.hpp"
 #include "support/RawPeers.hpp"
-#include "support/VlxTest.hpp"
 
 namespace vlx::kit
 {
@@ -29,7 +27,6 @@ namespace vlx::kit
 namespace
 {
 
-namespace fs = std::filesystem;
 using namespace vlx::testing;
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
@@ -41,11 +38,6 @@ constexpr StreamFormat Format{audioUtils::PcmFormat::S16LE, 48000, 2};
 constexpr std::uint32_t PlainFourcc = 0x4E494C50;
 constexpr std::uint32_t FlipFourcc = 0x50494C46;
 constexpr TimeValue FrameNs = 10'000'000;
-
-Buffer makeFrame(std::size_t size, std::uint64_t number)
-{
-    return Buffer(size, static_cast<std::uint8_t>(number));
-}
 
 /// Changes the bytes of a frame, and adds its number: one more each time that it is asked.
 class FlipPayloader : public Payloader
@@ -95,7 +87,7 @@ private:
     std::uint8_t m_number = 0;
 };
 
-class SharedFramesTest : public VlxTest
+class SharedFramesTest : public SharedMemoryTest
 {
 protected:
     ProducerOptions makeOptions(SharedMemory memory = {.carriage = Carriage::Shared})
@@ -146,18 +138,12 @@ protected:
         return std::nullopt;
     }
 
-    /// @return names of the rings of a sender, in order
-    static std::vector<std::string> listRings(const std::string& socketFile)
+    /// @return what follows the sender's directory in the names of its rings
+    static std::vector<std::string> listRings()
     {
-        const std::string first = makeRingName(socketFile, 1);
-        std::vector<std::string> names;
-        for (const auto& entry : fs::directory_iterator("/dev/shm"))
-        {
-            const std::string name = entry.path().filename().string();
-            if (name.starts_with(first))
-                names.push_back(name.substr(first.size()));
-        }
-        std::ranges::sort(names);
+        std::vector<std::string> names = listMemory();
+        for (std::string& name : names)
+            name.erase(0, sizeof("vlx-Ab3xYz") - 1);
         return names;
     }
 
@@ -221,11 +207,10 @@ TEST_F(SharedFramesTest, ConsumersReadBothCarriages)
         EXPECT_EQ(consumer.getStatistics().lost, 0U);
 
         const SenderProbe probe = probeSender(getSocketName(), DefaultDeadline);
-        const std::string socketFile = producer.getSocketFile();
         EXPECT_EQ(probe.ring.has_value(), row.isShared);
         EXPECT_EQ(probe.fourcc, row.payloader != nullptr ? row.payloader->getFourcc() : PcmFourcc);
         EXPECT_EQ(probe.format.has_value(), row.payloader == nullptr);
-        EXPECT_EQ(listRings(socketFile).empty(), !row.isShared);
+        EXPECT_EQ(listRings().empty(), !row.isShared);
         struct stat status = {};
         if (row.isShared && ::stat(probe.ring->getPath().c_str(), &status) == 0)
         {
@@ -233,7 +218,7 @@ TEST_F(SharedFramesTest, ConsumersReadBothCarriages)
         }
         consumer.stop();
         producer.close();
-        EXPECT_THAT(listRings(socketFile), IsEmpty());
+        EXPECT_THAT(listRings(), IsEmpty());
     }
     EXPECT_THAT(m_notices, ElementsAre(HasSubstr("do not fit"))) << "into too small a ring";
 }
@@ -246,28 +231,27 @@ TEST_F(SharedFramesTest, LargerFramesGetALargerRingOrTravelInline)
     Consumer consumer({.name = getSocketName(), .anyCodec = true});
     ASSERT_TRUE(consumer.start());
     ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
-    const std::string socketFile = producer.getSocketFile();
-    EXPECT_THAT(listRings(socketFile), IsEmpty()) << "the size is not known yet";
+    EXPECT_THAT(listRings(), IsEmpty()) << "the size is not known yet";
     const FrameMemory kept = producer.acquire(1000);
     exchange(producer, consumer, 3000);
-    EXPECT_THAT(listRings(socketFile), ElementsAre(""));
+    EXPECT_THAT(listRings(), ElementsAre(""));
     const FrameMemory inFormerRing = producer.acquire(3000);
     exchange(producer, consumer, 100'000);
-    EXPECT_THAT(listRings(socketFile), ElementsAre("", ".2")) << "receivers may be joining";
+    EXPECT_THAT(listRings(), ElementsAre("", ".2")) << "receivers may be joining";
     std::fill_n(inFormerRing.data.get(), inFormerRing.size, std::uint8_t{7});
     ASSERT_TRUE(producer.send(++m_number * FrameNs, FrameNs, inFormerRing));
     const auto frame = readFrame(consumer);
     ASSERT_TRUE(frame);
     EXPECT_TRUE(frame->data == makeFrame(3000, 7));
     exchange(producer, consumer, 150'000);
-    EXPECT_THAT(listRings(socketFile), ElementsAre(".2", ".3"));
+    EXPECT_THAT(listRings(), ElementsAre(".2", ".3"));
     exchange(producer, consumer, 200'000);
-    EXPECT_THAT(listRings(socketFile), ElementsAre(".2", ".3")) << "has room for growing frames";
+    EXPECT_THAT(listRings(), ElementsAre(".2", ".3")) << "has room for growing frames";
     EXPECT_TRUE(waitFor(
         [&]
         {
             exchange(producer, consumer, 100);
-            return HasFailure() || listRings(socketFile).size() == 1;
+            return HasFailure() || listRings().size() == 1;
         }));
     EXPECT_THAT(m_notices, IsEmpty());
     exchange(producer, consumer, 2'500'000);
@@ -278,7 +262,7 @@ TEST_F(SharedFramesTest, LargerFramesGetALargerRingOrTravelInline)
     EXPECT_EQ(m_numFormats, 1) << "the format has never changed";
     consumer.stop();
     producer.close();
-    EXPECT_THAT(listRings(socketFile), IsEmpty());
+    EXPECT_THAT(listRings(), IsEmpty());
 }
 
 TEST_F(SharedFramesTest, LateReaderLosesExactlyWhatIsOverwritten)
@@ -336,7 +320,6 @@ TEST_F(SharedFramesTest, MissingRingIsReportedAndMadeAnew)
 {
     Producer producer(makeOptions({.carriage = Carriage::Shared, .frameBytes = 10'000}));
     ASSERT_TRUE(producer.open(Format));
-    const std::string socketFile = producer.getSocketFile();
     const RingLayout first = probeSender(getSocketName(), DefaultDeadline).ring.value();
     const std::string path = first.getPath();
     ASSERT_EQ(::unlink(path.c_str()), 0);
@@ -360,7 +343,7 @@ TEST_F(SharedFramesTest, MissingRingIsReportedAndMadeAnew)
             const auto item = consumer.read(10ms);
             return item && std::holds_alternative<ReceivedFrame>(*item);
         }));
-    EXPECT_THAT(listRings(socketFile), ElementsAre(".2"));
+    EXPECT_THAT(listRings(), ElementsAre(".2"));
     RingLayout layout = probeSender(getSocketName(), DefaultDeadline).ring.value();
     layout.name = first.name;
     EXPECT_EQ(layout, first);
@@ -401,7 +384,6 @@ TEST_F(SharedFramesTest, KilledProducerLeavesNothingForLong)
     }
     Consumer consumer({.name = getSocketName()});
     ASSERT_TRUE(consumer.start());
-    std::string socketFile;
     for (const Child& child : children)
     {
         ASSERT_EQ(::write(child.start.get(), "x", 1), 1);
@@ -412,10 +394,9 @@ TEST_F(SharedFramesTest, KilledProducerLeavesNothingForLong)
             ASSERT_TRUE(frame);
             EXPECT_TRUE(frame->data == makeFrame(1'000'000, frame->timestamp / FrameNs));
         }
-        socketFile = probeSender(getSocketName(), DefaultDeadline).socketFile;
         ::kill(child.process, SIGKILL);
         ::waitpid(child.process, nullptr, 0);
-        EXPECT_THAT(listRings(socketFile), ElementsAre("")) << "nobody could remove it";
+        EXPECT_THAT(listRings(), ElementsAre("")) << "nobody could remove it";
         // What was sent just before can still be read, or is lost, but never mixed.
         do
         {
@@ -429,7 +410,8 @@ TEST_F(SharedFramesTest, KilledProducerLeavesNothingForLong)
     }
     Producer producer(makeOptions());
     ASSERT_TRUE(producer.open(Format));
-    EXPECT_THAT(listRings(socketFile), IsEmpty()) << "the next one cleans up";
+    EXPECT_THAT(listMemory(), ElementsAre(makeRingName(producer.getSocketFile(), 1)))
+        << "the next one cleans up";
     producer.close();
     consumer.stop();
     children.clear();
