@@ -37,7 +37,9 @@ protected:
     void TearDown() override
     {
         if (!IsSkipped())
+        {
             EXPECT_THAT(listMemory(), ::testing::IsEmpty()) << "left in shared memory";
+        }
         VlxTest::TearDown();
     }
 
