@@ -345,23 +345,26 @@ TEST_F(ReceiveTest, AReceiverThatMayNotJoinAtFirstRecordsOnceItMay)
 TEST_F(ReceiveTest, AStopIsHeardUnderAFlood)
 {
     constexpr auto MaxStopTime = std::chrono::milliseconds(500);
+    constexpr auto FloodPause = std::chrono::milliseconds(1);
     constexpr int NumTries = 10; // a busy machine may hold a process up as long by itself
     PcmPayloader payloader;
     payloader.setNewFormat(8000, 1, audioUtils::PcmFormat::S16LE);
     Sender sender;
     startSender(sender, payloader);
-    std::atomic<bool> keepRunning = true;
-    std::thread flood(
-        [&]
+    std::jthread flood(
+        [&](const std::stop_token& stop)
         {
-            for (TimeValue time = 0; keepRunning; ++time)
-                sender.sendMediaData(time, 1, Buffer(2));
+            // Pauses let the sender's listener thread answer whoever joins.
+            for (TimeValue time = 0; !stop.stop_requested();
+                 std::this_thread::sleep_for(FloodPause))
+                for (const TimeValue end = time + 100; time < end; ++time)
+                    sender.sendMediaData(time, 1, Buffer(2));
         });
     bool wasPrompt = false;
     for (int i = 0; i < NumTries && !wasPrompt; ++i)
     {
         ToolProcess receiver(receive({file("a.wav"), "--report", file("r.json")}));
-        EXPECT_TRUE(waitForSize(file("a.wav"), 20'000)); // the flood itself
+        ASSERT_TRUE(waitForSize(file("a.wav"), 2'000)); // the flood itself
         const auto begin = std::chrono::steady_clock::now();
         EXPECT_EQ(receiver.stop(), 128 + SIGTERM) << receiver.getErrors();
         wasPrompt = std::chrono::steady_clock::now() - begin < MaxStopTime;
@@ -371,7 +374,7 @@ TEST_F(ReceiveTest, AStopIsHeardUnderAFlood)
         fs::remove(file("a.wav"));
     }
     EXPECT_TRUE(wasPrompt);
-    keepRunning = false;
+    flood.request_stop();
     flood.join();
     sender.shutdownSender();
 }
