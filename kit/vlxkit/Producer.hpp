@@ -98,7 +98,8 @@ struct ProducerOptions
     NanomsgProtocol protocol = NanomsgProtocol::PubSub;
     /// Announced clock of the timestamps.
     TimeSyncProtocol clock = TimeSyncProtocol::MonotonicSystemClock;
-    /// Announced address of the network clock's provider; empty: no provider.
+    /// Announced address of the network clock's provider; empty: no provider. The producer does
+    /// not follow this clock: a program that stamps by it reads it from a SyncedNetClock.
     std::string clockAddress = {};
     std::uint16_t clockPort = 0; ///< UDP port of the provider; 0: no provider
     /// Users whose receivers may join.
