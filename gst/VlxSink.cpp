@@ -39,6 +39,7 @@
 #include "Caps.hpp"
 #include "Clocks.hpp"
 #include "ElementType.hpp"
+#include "FrameAllocator.hpp"
 #include "LogBridge.hpp"
 
 GST_DEBUG_CATEGORY_STATIC(vlxsink_debug);
@@ -107,6 +108,7 @@ public:
     void onStop();
 
     bool setCaps(GstCaps* caps);
+    bool proposeAllocation(GstQuery* query) const;
     GstFlowReturn render(GstBuffer* buffer);
 
     // Makes the stream ready for a buffer. Called with the preroll lock held, like render().
@@ -135,6 +137,7 @@ private:
 
     GstBaseSink* const m_element;
     ProvidedClock m_providedClock;
+    FrameAllocator m_allocator;
 
     // Streaming thread, or state changes while there is none.
     kit::StreamFormat m_format;
@@ -209,8 +212,17 @@ bool Sink::setCaps(GstCaps* caps)
     return true;
 }
 
+bool Sink::proposeAllocation(GstQuery* query) const
+{
+    if (getSettings().sharedMemory == static_cast<int>(kit::Carriage::Inline))
+        return false;
+    gst_query_add_allocation_param(query, m_allocator.get(), nullptr);
+    return true;
+}
+
 void Sink::dropProducer()
 {
+    m_allocator.setProducer(nullptr);
     m_provider.reset();
     m_announcedFormat.reset();
     m_joined = false;
@@ -361,6 +373,7 @@ Sink::open(const Settings& settings, const Announcement& announcement, GstBuffer
         return fail(status);
     }
 
+    m_allocator.setProducer(m_producer.get());
     m_announcement = announcement;
     m_announcedFormat = m_format;
     GST_INFO_OBJECT(
@@ -495,6 +508,13 @@ GstFlowReturn Sink::render(GstBuffer* buffer)
         GST_ELEMENT_ERROR(m_element, RESOURCE, READ, (nullptr), ("A buffer cannot be mapped."));
         return GST_FLOW_ERROR;
     }
+    Buffer copy;
+    ByteView data(map.data, map.size);
+    if (!FrameAllocator::seal(buffer))
+    {
+        copy.assign(data.begin(), data.end());
+        data = copy;
+    }
     GstFlowReturn flow = GST_FLOW_OK;
     bool done = false;
     while (flow == GST_FLOW_OK && !done)
@@ -508,7 +528,7 @@ GstFlowReturn Sink::render(GstBuffer* buffer)
             flow = gst_base_sink_do_preroll(m_element, GST_MINI_OBJECT_CAST(buffer));
             continue;
         }
-        flow = send(buffer, ByteView(map.data, map.size));
+        flow = send(buffer, data);
         done = flow == GST_FLOW_OK;
         // Paused: the same buffer again when it goes on. Flushed: it is dropped.
         if (flow == GST_FLOW_FLUSHING && m_element->flushing == FALSE)
@@ -621,6 +641,8 @@ void Sink::initClass(gpointer elementClass)
     auto* const sinkClass = GST_BASE_SINK_CLASS(elementClass);
     sinkClass->set_caps = [](GstBaseSink* self, GstCaps* caps) -> gboolean
     { return Type::of(self).setCaps(caps); };
+    sinkClass->propose_allocation = [](GstBaseSink* self, GstQuery* query) -> gboolean
+    { return Type::of(self).proposeAllocation(query); };
     sinkClass->preroll = [](GstBaseSink* self, GstBuffer* buffer)
     { return Type::of(self).prepare(buffer); };
     sinkClass->render = [](GstBaseSink* self, GstBuffer* buffer)

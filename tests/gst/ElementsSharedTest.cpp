@@ -1,6 +1,12 @@
 // Frames in shared memory, from vlxsink to vlxsrc.
 
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
 #include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -66,9 +72,83 @@ protected:
         EXPECT_EQ(gst_app_src_push_buffer(GST_APP_SRC(sender.find("in")), buffer), GST_FLOW_OK);
     }
 
+    /// Pushes a buffer and expects these bytes at the receiver.
+    ///
+    /// @param buffer  taken over
+    static void expectDelivery(
+        const Pipeline& sender,
+        const Pipeline& receiver,
+        GstBuffer* buffer,
+        const std::string& data)
+    {
+        push(sender, buffer);
+        const auto frame = receiver.pull();
+        ASSERT_TRUE(frame);
+        EXPECT_TRUE(frame->data == data);
+    }
+
+    /// @return how often bytes stand in shared memory
+    std::size_t countInRings(const std::string& data) const
+    {
+        std::size_t count = 0;
+        for (const std::string& path : listRings())
+        {
+            std::ifstream file(path, std::ios::binary);
+            std::string ring(fs::file_size(path), '\0');
+            file.read(ring.data(), static_cast<std::streamsize>(ring.size()));
+            for (auto at = ring.find(data); at != std::string::npos; at = ring.find(data, at + 1))
+                ++count;
+        }
+        return count;
+    }
+
 private:
     std::size_t m_number = 0;
 };
+
+struct AllocatorDeleter
+{
+    void operator()(gpointer allocator) const
+    {
+        gst_object_unref(allocator);
+    }
+};
+using AllocatorPtr = std::unique_ptr<GstAllocator, AllocatorDeleter>;
+
+/// @return what the sink offers to the element that fills buffers; null: nothing
+AllocatorPtr askForAllocator(const Pipeline& sender)
+{
+    GstPad* const pad = gst_element_get_static_pad(sender.find("in"), "src");
+    GstQuery* const query = gst_query_new_allocation(nullptr, FALSE);
+    GstAllocator* allocator = nullptr;
+    if (gst_pad_peer_query(pad, query) != FALSE && gst_query_get_n_allocation_params(query) > 0)
+        gst_query_parse_nth_allocation_param(query, 0, &allocator, nullptr);
+    gst_query_unref(query);
+    gst_object_unref(pad);
+    return AllocatorPtr(allocator);
+}
+
+/// @return whether a buffer's first memory lies in a sender's shared memory
+bool isInRing(GstBuffer* buffer)
+{
+    GstMapInfo map;
+    GstMemory* const memory = gst_buffer_peek_memory(buffer, 0);
+    EXPECT_TRUE(gst_memory_map(memory, &map, GST_MAP_READ));
+    const auto address = reinterpret_cast<std::uintptr_t>(map.data);
+    gst_memory_unmap(memory, &map);
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);)
+    {
+        std::istringstream fields(line);
+        std::uintptr_t begin = 0;
+        std::uintptr_t end = 0;
+        char dash = 0;
+        fields >> std::hex >> begin >> dash >> end;
+        if (address >= begin && address < end)
+            return line.find("/dev/shm/vlx-") != std::string::npos;
+    }
+    return false;
+}
 
 TEST_F(ElementsSharedTest, FramesArriveBitExactAndTheMemoryIsRemoved)
 {
@@ -107,6 +187,212 @@ TEST_F(ElementsSharedTest, FramesArriveBitExactAndTheMemoryIsRemoved)
         sender.set(GST_STATE_READY);
         EXPECT_TRUE(rings.empty() || !fs::exists(rings.front()));
     }
+}
+
+/// A sender whose stream is open and whose allocator is known, and its receiver.
+class SinkMemoryTest : public ElementsSharedTest
+{
+protected:
+    SinkMemoryTest() : m_receiver(makeReceiver()), m_sender(makeInput("shared-memory=always"))
+    {
+        m_receiver.set(GST_STATE_PLAYING);
+        m_sender.set(GST_STATE_PLAYING);
+        const std::string first = makeFrame(FrameBytes);
+        expectDelivery(makeBuffer(first), first);
+        m_allocator = askForAllocator(m_sender);
+    }
+
+    GstBuffer* makeInRing(const std::string& data) const
+    {
+        GstBuffer* const buffer = makeBuffer(data, m_allocator.get());
+        EXPECT_TRUE(isInRing(buffer));
+        return buffer;
+    }
+
+    void expectDelivery(GstBuffer* buffer, const std::string& data) const
+    {
+        ElementsSharedTest::expectDelivery(m_sender, m_receiver, buffer, data);
+    }
+
+    static constexpr std::size_t FrameBytes = 65'536;
+
+    const Pipeline m_receiver;
+    const Pipeline m_sender;
+    AllocatorPtr m_allocator;
+};
+
+TEST_F(SinkMemoryTest, FramesThatAreFilledThereAreNotCopied)
+{
+    for (int i = 0; i < 5; ++i)
+    {
+        const std::string data = makeFrame(FrameBytes);
+        GstBuffer* const buffer = makeInRing(data);
+        EXPECT_EQ(countInRings(data), 1U);
+        expectDelivery(buffer, data);
+        EXPECT_EQ(countInRings(data), 1U) << "copied";
+    }
+    const std::string data = makeFrame(640);
+    GstAllocationParams params{GST_MEMORY_FLAG_ZERO_PADDED, 127, 128, 64, {}};
+    GstBuffer* const aligned = gst_buffer_new_allocate(m_allocator.get(), data.size(), &params);
+    gst_buffer_fill(aligned, 0, data.data(), data.size());
+    GstMapInfo map;
+    ASSERT_TRUE(gst_buffer_map(aligned, &map, GST_MAP_READ));
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(map.data) % 128, 0U);
+    EXPECT_EQ(map.data[640], 0);
+    gst_buffer_unmap(aligned, &map);
+    expectDelivery(aligned, data);
+    EXPECT_EQ(countInRings(data), 1U) << "copied";
+
+    const Pipeline inlineSender(
+        "appsrc name=in ! vlxsink socket-name=other wait-for-connection=false");
+    inlineSender.set(GST_STATE_PLAYING);
+    EXPECT_FALSE(askForAllocator(inlineSender));
+}
+
+// Receivers may read what was sent until the memory is used again.
+TEST_F(SinkMemoryTest, WhatWasSentStaysAsItWas)
+{
+    const std::string first = makeFrame(FrameBytes);
+    const std::string second = makeFrame(FrameBytes);
+    GstBuffer* buffer = makeInRing(first);
+    expectDelivery(gst_buffer_ref(buffer), first);
+    expectDelivery(gst_buffer_ref(buffer), first);
+    EXPECT_EQ(countInRings(first), 1U) << "sent twice, as behind a tee";
+    g_object_set(m_sender.find("sink"), "enable-last-sample", FALSE, nullptr);
+    ASSERT_TRUE(waitFor([&] { return GST_MINI_OBJECT_REFCOUNT_VALUE(buffer) == 1; }));
+    const std::size_t half = FrameBytes / 2;
+    gst_buffer_fill(buffer, 0, second.data(), half);
+    EXPECT_EQ(countInRings(first), 1U) << "overwritten";
+    expectDelivery(buffer, second.substr(0, half) + first.substr(half));
+
+    // A mapping that stays open.
+    buffer = makeInRing(first);
+    GstMapInfo map;
+    ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READWRITE));
+    const std::size_t copies = countInRings(first);
+    expectDelivery(gst_buffer_ref(buffer), first);
+    EXPECT_EQ(countInRings(first), copies + 1);
+    std::copy(second.begin(), second.end(), map.data);
+    EXPECT_EQ(countInRings(first), copies) << "overwritten";
+    gst_buffer_unmap(buffer, &map);
+    gst_buffer_unref(buffer);
+}
+
+TEST_F(SinkMemoryTest, PartsAndCopiesAreSentRight)
+{
+    const std::string data = makeFrame(FrameBytes);
+    const std::string half = data.substr(data.size() / 2);
+    GstBuffer* const buffer = makeInRing(data);
+    GstBuffer* const part =
+        gst_buffer_copy_region(buffer, GST_BUFFER_COPY_ALL, half.size(), half.size());
+    GstBuffer* const partOfPart = gst_buffer_copy_region(part, GST_BUFFER_COPY_ALL, 640, 1280);
+    GstBuffer* const swapped = gst_buffer_append(
+        gst_buffer_copy(part), gst_buffer_copy_region(buffer, GST_BUFFER_COPY_ALL, 0, half.size()));
+    GstBuffer* writable = gst_buffer_make_writable(gst_buffer_ref(buffer));
+    ASSERT_NE(writable, buffer);
+    gst_buffer_memset(writable, 0, 7, half.size());
+    expectDelivery(writable, std::string(half.size(), 7) + half);
+    expectDelivery(swapped, half + data.substr(0, half.size()));
+    expectDelivery(part, half);
+    expectDelivery(partOfPart, half.substr(640, 1280));
+    expectDelivery(buffer, data);
+    // Of half the ring, and of another sink.
+    const std::string other = m_name + "2";
+    const Pipeline receiver("vlxsrc socket-name=" + other + " ! appsink name=out sync=false");
+    receiver.set(GST_STATE_PLAYING);
+    const Pipeline sender(makeInput("shared-memory=always socket-name=" + other));
+    sender.set(GST_STATE_PLAYING);
+    std::vector<GstBuffer*> held;
+    std::vector<std::string> contents;
+    for (bool isOurs = true; isOurs; isOurs = isInRing(held.back()))
+    {
+        contents.push_back(makeFrame(FrameBytes));
+        held.push_back(makeBuffer(contents.back(), m_allocator.get()));
+        ASSERT_LT(held.size(), 1000U);
+    }
+    EXPECT_GT(held.size(), 1U);
+    for (std::size_t i = 0; i < held.size(); ++i)
+    {
+        ElementsSharedTest::expectDelivery(sender, receiver, gst_buffer_ref(held[i]), contents[i]);
+        expectDelivery(held[i], contents[i]);
+    }
+}
+
+TEST_F(SinkMemoryTest, MemoryOutlivesTheStreamAndTheElement)
+{
+    const std::string data = makeFrame(FrameBytes);
+    GstBuffer* const ofTheFormer = makeInRing(data);
+    GstBuffer* const kept = makeInRing(data);
+    m_sender.set(GST_STATE_NULL);
+    GstBuffer* const before = makeBuffer(data, m_allocator.get());
+    EXPECT_FALSE(isInRing(before));
+    m_sender.set(GST_STATE_PLAYING);
+    expectDelivery(before, data);
+    expectDelivery(ofTheFormer, data);
+    gst_buffer_unref(makeInRing(data));
+
+    AllocatorPtr allocator;
+    {
+        const Pipeline other(makeInput(
+            "shared-memory=always wait-for-connection=false "
+            "protocol=pubsub socket-name=" +
+            m_name + "2"));
+        other.set(GST_STATE_PLAYING);
+        push(other, makeBuffer(data));
+        ASSERT_TRUE(waitFor([&] { return other.getCount("sink", "frames") == 1; }));
+        allocator = askForAllocator(other);
+    }
+    expectDelivery(makeBuffer(data, allocator.get()), data);
+    expectDelivery(kept, data);
+}
+
+// A pool uses its memory again.
+TEST_F(SinkMemoryTest, PoolOfTheSinksMemoryCarriesEachFrame)
+{
+    GstBufferPool* const pool = gst_buffer_pool_new();
+    GstStructure* const config = gst_buffer_pool_get_config(pool);
+    gst_buffer_pool_config_set_params(config, nullptr, FrameBytes, 1, 2);
+    gst_buffer_pool_config_set_allocator(config, m_allocator.get(), nullptr);
+    ASSERT_TRUE(gst_buffer_pool_set_config(pool, config));
+    ASSERT_TRUE(gst_buffer_pool_set_active(pool, TRUE));
+    std::vector<std::string> contents;
+    for (int i = 0; i < 10; ++i)
+    {
+        GstBuffer* buffer = nullptr;
+        ASSERT_EQ(gst_buffer_pool_acquire_buffer(pool, &buffer, nullptr), GST_FLOW_OK);
+        contents.push_back(makeFrame(FrameBytes));
+        gst_buffer_fill(buffer, 0, contents.back().data(), FrameBytes);
+        expectDelivery(buffer, contents.back());
+    }
+    for (const std::string& data : contents)
+        EXPECT_GE(countInRings(data), 1U) << "overwritten";
+    gst_buffer_pool_set_active(pool, FALSE);
+    gst_object_unref(pool);
+}
+
+TEST_F(ElementsSharedTest, SourcesFillTheSinksMemory)
+{
+    std::atomic<int> numInRing = 0;
+    const Pipeline receiver(makeReceiver());
+    const Pipeline sender(
+        "audiotestsrc wave=white-noise samplesperbuffer=1024 ! "
+        "audio/x-raw,format=F64LE,rate=192000,channels=8 ! vlxsink name=sink "
+        "shared-memory=auto socket-name=" +
+        m_name);
+    const auto count = [](GstPad* /*pad*/, GstPadProbeInfo* info, gpointer counter)
+    {
+        if (isInRing(GST_PAD_PROBE_INFO_BUFFER(info)))
+            ++*static_cast<std::atomic<int>*>(counter);
+        return GST_PAD_PROBE_OK;
+    };
+    GstPad* const pad = gst_element_get_static_pad(sender.find("sink"), "sink");
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, count, &numInRing, nullptr);
+    gst_object_unref(pad);
+    receiver.set(GST_STATE_PLAYING);
+    sender.set(GST_STATE_PLAYING);
+    EXPECT_TRUE(waitFor([&] { return numInRing >= 10; }));
+    EXPECT_TRUE(receiver.pull());
+    sender.set(GST_STATE_NULL);
 }
 
 } // namespace
