@@ -453,8 +453,13 @@ TEST_F(ProducerTest, ReceiversHaveBothConnectionsAndAreStillThere)
         RecordedReceiver receiver;
         ASSERT_TRUE(receiver.start(getSocketName()));
         ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
-        EXPECT_TRUE(producer.send(7, FrameNs, toBytes("DATA")));
-        EXPECT_TRUE(receiver.waitForEvent("frame 7"));
+        // Until the receiver has read the announcement it refuses frames.
+        const auto sendFrame = [&]
+        {
+            EXPECT_TRUE(producer.send(7, FrameNs, toBytes("DATA")));
+            return receiver.count("frame 7") > 0;
+        };
+        EXPECT_TRUE(waitFor(sendFrame));
         EXPECT_EQ(producer.checkReceivers(), 1U);
         const Status status = producer.waitForReceivers(2, 0ns);
         EXPECT_EQ(status.getCode(), ErrorCode::TimedOut);
