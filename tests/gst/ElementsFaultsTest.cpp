@@ -71,6 +71,7 @@ TEST_F(ElementsFaultsTest, FaultyFramesHarmNoPipeline)
         const auto frame = receiver.pull();
         ASSERT_TRUE(frame);
         EXPECT_EQ(frame->data.size(), row.expectedBytes);
+        EXPECT_EQ(frame->memoryBytes, row.bytes) << "not the received frame itself";
         EXPECT_EQ(frame->discont, row.discont);
         EXPECT_EQ(receiver.getCount("src", "dropped"), dropped);
     }

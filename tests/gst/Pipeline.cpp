@@ -86,6 +86,7 @@ std::optional<Received> Pipeline::pull(const char* sink) const
     received.due = received.runningTime + gst_element_get_base_time(m_pipeline);
     received.duration = GST_BUFFER_DURATION(buffer);
     received.discont = GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT) != FALSE;
+    gst_buffer_get_sizes(buffer, nullptr, &received.memoryBytes);
     gst_sample_unref(sample);
     return received;
 }

@@ -20,6 +20,7 @@ struct Received
     GstClockTime due = 0; ///< on the pipeline's clock
     GstClockTime duration = 0;
     bool discont = false;
+    std::size_t memoryBytes = 0; ///< of the buffer's memory, also beyond the data
 };
 
 /// A pipeline of this process; stopped at the end.
