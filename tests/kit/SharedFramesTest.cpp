@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <csignal>
+#include <functional>
 #include <future>
+#include <iostream>
 #include <optional>
 #include <string>
 #include <utility>
@@ -8,12 +10,16 @@
 
 #include <CodecRelay.hpp>
 #include <RingCodec.hpp>
+#include <base/SenderDirectory.hpp>
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <vlx/SideChannel.hpp>
+#include <vlx/VlxSender.hpp>
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
 #include <vlxkit/Producer.hpp>
@@ -340,15 +346,192 @@ TEST_F(SharedFramesTest, MissingRingIsReportedAndMadeAnew)
         {
             ++m_number;
             EXPECT_TRUE(producer.send(m_number * FrameNs, FrameNs, makeFrame(10'000, m_number)));
-            const auto item = consumer.read(10ms);
-            return item && std::holds_alternative<ReceivedFrame>(*item);
+            bool isLatest = false;
+            while (auto item = consumer.read(10ms))
+            {
+                const auto* const frame = std::get_if<ReceivedFrame>(&*item);
+                isLatest = frame != nullptr && frame->timestamp == m_number * FrameNs;
+            }
+            return isLatest;
         }));
     EXPECT_THAT(listRings(), ElementsAre(".2"));
+    ASSERT_EQ(::unlink((path + ".2").c_str()), 0);
+    exchange(producer, consumer, 10'000);
+    EXPECT_THAT(listRings(), ElementsAre(".3")) << "without a loss";
+    EXPECT_EQ(consumer.getStatistics().connections, 1U);
     RingLayout layout = probeSender(getSocketName(), DefaultDeadline).ring.value();
     layout.name = first.name;
     EXPECT_EQ(layout, first);
     consumer.stop();
     producer.close();
+}
+
+TEST_F(SharedFramesTest, ByDefaultAStreamIsWhatTheCoreSends)
+{
+    std::uint64_t numSequences = 0; // until the receiver has joined
+    // Whatever a plain receiver gets of some frames, on both channels.
+    const auto record = [&](const std::function<void()>& join,
+                            const std::function<void()>& announce, const auto& send,
+                            PcmPayloader& payloader)
+    {
+        RawConnection client(getSocketName());
+        RawNanomsg receiver(NN_SUB);
+        std::vector<Buffer> messages{client.readMessage().value(), client.readMessage().value()};
+        const InitialInfo info = parseInitialInfoPacket(messages[0]);
+        EXPECT_TRUE(receiver.connect(info.nanomsgURI) && receiver.waitForPeers());
+        const std::string directory = findSenderDirectoryName(info.nanomsgURI);
+        const auto name = std::ranges::search(messages[0], directory);
+        std::ranges::fill(name, std::uint8_t{0}); // differs each time
+        join();
+        const auto take = [&]
+        {
+            std::optional<Buffer> message;
+            do
+                message = receiver.receive();
+            while (message && parsePacketSequenceNr(*message) <= numSequences);
+            messages.push_back(message.value());
+        };
+        for (const TimeValue timestamp : {1U, 2U, 3U})
+        {
+            if (timestamp != 2)
+            {
+                announce();
+                take();
+            }
+            send(timestamp, makeFrame(timestamp == 3 ? 100'000 : 1920, timestamp));
+            take();
+            payloader.setNewFormat(96000, 1, audioUtils::PcmFormat::F32LE);
+        }
+        return messages;
+    };
+    PcmPayloader payloader;
+    payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
+    Producer producer({.name = getSocketName()});
+    ASSERT_TRUE(producer.open(payloader));
+    const std::vector<Buffer> ofKit = record(
+        [&]
+        {
+            EXPECT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
+            numSequences = producer.getStatistics().sequences;
+        },
+        [&] { EXPECT_TRUE(producer.setFormat(payloader)); },
+        [&](TimeValue timestamp, const Buffer& bytes)
+        { EXPECT_TRUE(producer.send(timestamp, FrameNs, bytes)); },
+        payloader);
+    EXPECT_THAT(listMemory(), IsEmpty());
+    producer.close();
+
+    payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
+    Sender sender;
+    ASSERT_TRUE(sender.initializeSender(
+        getSocketName(), {}, {}, 0, TimeSyncProtocol::MonotonicSystemClock,
+        NanomsgProtocol::PubSub));
+    sender.setCurrentPayloader(payloader);
+    sender.startNewSequence();
+    const std::vector<Buffer> ofCore = record(
+        [&]
+        {
+            EXPECT_TRUE(waitFor([&] { return sender.getNumReceivers() == 1; }));
+            for (std::uint64_t i = 1; i < numSequences; ++i)
+                sender.startNewSequence();
+        },
+        [&] { sender.startNewSequence(); },
+        [&](TimeValue timestamp, const Buffer& bytes)
+        { sender.sendMediaData(timestamp, FrameNs, bytes); },
+        payloader);
+    sender.shutdownSender();
+    EXPECT_EQ(ofKit, ofCore);
+}
+
+TEST_F(SharedFramesTest, ForeignConsumersReadOrSayWhyNot)
+{
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer refuses threads in a forked child";
+#endif
+    struct Row
+    {
+        const char* consumer;
+        SocketMode mode;
+        std::function<bool()> become;
+        std::function<bool(const char* path)> changeRing;
+        const char* result;
+        pid_t process = 0;
+        Descriptor start = Descriptor(); // by a byte
+    };
+    constexpr uid_t Nobody = 65534;
+    const auto stay = [] { return true; };
+    const auto leave = [](const char*) { return true; };
+    const auto becomeNobody = []
+    { return ::setgroups(0, nullptr) == 0 && ::setgid(Nobody) == 0 && ::setuid(Nobody) == 0; };
+    Row rows[] = {
+        {"another user", SocketMode::All, becomeNobody, leave, "frame"},
+        {"another user who may not join", SocketMode::Owner, becomeNobody, leave, "not permitted"},
+        {"another user who may not read", SocketMode::All, becomeNobody,
+         [](const char* path) { return ::chmod(path, 0600) == 0; }, "this user may not read it"},
+        {"reader of another's ring", SocketMode::All, stay,
+         [](const char* path) { return ::chown(path, Nobody, Nobody) == 0; },
+         "belongs to user 65534"},
+        {"one with namespaces of its own", SocketMode::Owner,
+         [] { return ::unshare(CLONE_NEWUSER | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWNS) == 0; },
+         leave, "frame"},
+        {"one with a /dev/shm of its own", SocketMode::Owner,
+         [] { return leaveMountNamespace() && mountMemory("mode=1777"); }, leave,
+         "the sender runs in a container"},
+    };
+    const auto consume = [&](const Row& row)
+    {
+        Consumer consumer({.name = getSocketName()});
+        if (!consumer.start())
+            return false;
+        std::string result;
+        while (auto item = consumer.read(DefaultDeadline))
+        {
+            if (const auto* const event = std::get_if<ConsumerEvent>(&*item))
+                result = std::string(toString(event->kind)) + ": " + event->text;
+            if (std::holds_alternative<ReceivedFrame>(*item))
+                result = "frame";
+            if (result == "frame" || result.find("not") != std::string::npos)
+                break;
+        }
+        if (result.find(row.result) == std::string::npos)
+            std::cerr << row.consumer << ": " << result << '\n';
+        return result.find(row.result) != std::string::npos;
+    };
+    // Made before any thread, which could hold a lock at that moment.
+    for (Row& row : rows)
+    {
+        auto [wait, start] = makePipe();
+        row.start = std::move(start);
+        row.process = ::fork();
+        char byte = 0;
+        if (row.process == 0)
+            ::_exit(
+                ::read(wait.get(), &byte, 1) == 1 && row.become() &&
+                        runInFork([&] { return consume(row); })
+                    ? 0
+                    : 1);
+    }
+    ASSERT_EQ(::chmod(getTempDirectory().c_str(), 01777), 0);
+    for (Row& row : rows)
+    {
+        SCOPED_TRACE(row.consumer);
+        ProducerOptions options = makeOptions({.carriage = Carriage::Shared, .frameBytes = 10'000});
+        options.socketMode = row.mode;
+        Producer producer(options);
+        ASSERT_TRUE(producer.open(Format));
+        EXPECT_TRUE(row.changeRing(("/dev/shm/" + listMemory().at(0)).c_str()));
+        ASSERT_EQ(::write(row.start.get(), "x", 1), 1);
+        int status = -1;
+        EXPECT_TRUE(waitFor(
+            [&]
+            {
+                ++m_number;
+                EXPECT_TRUE(
+                    producer.send(m_number * FrameNs, FrameNs, makeFrame(10'000, m_number)));
+                return ::waitpid(row.process, &status, WNOHANG) == row.process;
+            }));
+        EXPECT_EQ(status, 0);
+    }
 }
 
 TEST_F(SharedFramesTest, KilledProducerLeavesNothingForLong)
