@@ -41,7 +41,6 @@ namespace
 using namespace std::chrono_literals;
 using nlohmann::json;
 
-constexpr std::uint64_t NsPerSecond = 1'000'000'000;
 constexpr std::uint64_t NsPerMs = 1'000'000;
 constexpr std::uint64_t NsPerClock = NsPerSecond / CLOCKS_PER_SEC;
 constexpr std::uint64_t SettleNs = 20 * NsPerMs;
@@ -57,14 +56,15 @@ enum class Phase : std::uint16_t
     End,     // tells receivers that the stream ends
 };
 
-// Identifies a frame: the first bytes of its media data. The last byte repeats that of the index,
-// to detect a truncated frame.
+// Identifies a frame. The last byte of its media data repeats that of the index, to detect a
+// truncated frame.
 struct FrameTag
 {
     std::uint16_t epoch;
     Phase phase;
     std::uint32_t index; // within the phase, from 0
 };
+static_assert(sizeof(FrameTag) == TagBytes);
 
 using Clock = std::chrono::steady_clock; // that all processes of the machine share
 
@@ -120,7 +120,8 @@ public:
     {
         const std::uint64_t calledNs = nowNs();
         m_send = openStream(m_plan);
-        m_prober = std::thread([this] { sendRun(Phase::Probe, MaxFloodFrames, NsPerMs); });
+        m_prober = std::thread(
+            [this] { sendRun(Phase::Probe, MaxFloodFrames, NsPerSecond / m_plan.rate); });
         say("opened " + std::to_string(calledNs));
     }
 

@@ -18,7 +18,12 @@ namespace vlx::bench
 
 using Bytes = std::span<const std::uint8_t>;
 
-/// What an end is to do. Adapters need the first four.
+constexpr std::uint64_t NsPerSecond = 1'000'000'000;
+
+/// Identify a frame, together with its last byte: the first bytes of its media data.
+constexpr std::size_t TagBytes = 8;
+
+/// What an end is to do.
 struct Plan
 {
     std::string name;        ///< unique per session; part of socket names and file names

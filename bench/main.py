@@ -17,9 +17,10 @@ import tables  # noqa: E402
 from targets import target_table  # noqa: E402
 
 BUILD = ROOT / "build" / "bench"  # as the preset says
-QUESTIONS = {"age": questions.measure_age, "overload": questions.measure_overload,
-             "busy": questions.measure_busy, "fanout": questions.measure_fanout,
-             "join": joining.measure_join, "micro": questions.measure_micro}
+QUESTIONS = {"age": questions.measure_age, "size": questions.measure_size,
+             "overload": questions.measure_overload, "busy": questions.measure_busy,
+             "fanout": questions.measure_fanout, "join": joining.measure_join,
+             "micro": questions.measure_micro}
 FURTHER_TABLES = {"age": "allocation", "fanout": "memory"}
 
 

@@ -10,7 +10,7 @@ from matplotlib.ticker import NullFormatter, ScalarFormatter
 
 from figures import Record, distinct, median_of, values_of, where
 from tables import in_order
-from targets import BYTES, Data
+from targets import BYTES, Data, SIZES
 from transports import ALL, OURS
 
 # Rows of ours that differ in the bell.
@@ -59,6 +59,14 @@ def _age(records: list[Record], axes: object) -> None:
         ages = [median_of(rows, f"p{share.replace('.', '')}_us") for share in PERCENTILES]
         axes.plot(PERCENTILES, ages, marker=".", **_style(transport))
     _finish(axes, xlabel="percentile", ylabel="us", yscale="log")
+
+
+def _size(records: list[Record], axes: object) -> None:
+    for transport, rows in in_order(records).items():
+        ages = [median_of(where(rows, bytes=size, rate=rate), "p50_us") for size, rate in SIZES]
+        axes.plot([f"{size:,} bytes\n{rate:,}/s" for size, rate in SIZES], ages, marker=".",
+                  **_style(transport))
+    _finish(axes, ylabel="us", yscale="log")
 
 
 def _bars(records: list[Record], axes: object) -> None:
@@ -116,5 +124,5 @@ def _micro(records: list[Record], axes: object) -> None:
             xticks=sizes)
 
 
-DRAW = {"age": _age, "overload": _bars, "busy": _bars, "fanout": _fanout, "join": _join,
-        "micro": _micro}
+DRAW = {"age": _age, "size": _size, "overload": _bars, "busy": _bars, "fanout": _fanout,
+        "join": _join, "micro": _micro}

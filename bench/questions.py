@@ -10,10 +10,12 @@ import subprocess
 from figures import Record
 from session import Plan, busy_loops, run_session
 from tables import MANY_OBJECTS
+from targets import SIZES
 import transports as t
 
 COMPARED = [t.OURS, t.KIT, t.RAW, t.POLLS, t.ZMQ, t.NNG]  # have a target in the age table
 EVERYBODY = [*COMPARED, t.NANOMSG, t.ZMQ_TUNED, t.NNG_TUNED, t.UNIX, t.GST_SHM, t.GST_OURS]
+BY_REFERENCE = [t.KIT_SHARED, t.KIT_IN_PLACE, t.GST_SHARED]
 
 
 @dataclass
@@ -80,16 +82,28 @@ def measure_age(campaign: Campaign) -> None:
         if turn >= rounds:
             campaign.measure_round(compared, plan, turn)
             continue
-        for size in (64, 1920, 7680, 65536):
+        for size in (64, 1920, 7680):
             plan = Plan(bytes=size, frames=frames, warmup=warm_up)
             campaign.measure_round(everybody, plan, turn)
+
+
+def measure_size(campaign: Campaign) -> None:
+    """How does the age of a frame grow with its size? At a rate that each size is used with."""
+    rounds, seconds = campaign.choose(full=(3, 1.5), quick=(2, 0.4))
+    members = campaign.select([t.KIT, *BY_REFERENCE, t.ZMQ, t.NNG, t.UNIX, t.GST_SHM, t.GST_OURS])
+    campaign.begin(f"frames for {seconds} s, at most 500, {rounds} rounds interleaved")
+    for turn in range(rounds):
+        for size, rate in SIZES:
+            frames = min(int(seconds * rate), 500)
+            plan = Plan(bytes=size, rate=rate, frames=frames, warmup=frames // 10)
+            campaign.measure_round(members, plan, turn)
 
 
 def measure_overload(campaign: Campaign) -> None:
     """What happens to the age of frames when the producer sends as fast as the call returns?"""
     sizes, rounds = campaign.choose(full=((1920, 65536), 4), quick=((1920,), 3))
     flood_ms, warm_up = campaign.choose(full=1000, quick=200), 2000
-    everybody = campaign.select(EVERYBODY)
+    everybody = campaign.select([*EVERYBODY, t.KIT_SHARED, t.GST_SHARED])
     campaign.begin(f"flood of {flood_ms} ms, {warm_up} frames warm-up, {rounds} rounds interleaved")
     for turn in range(rounds):
         for size in sizes:
@@ -101,10 +115,14 @@ def measure_busy(campaign: Campaign) -> None:
     """What is lost, and how old do frames get, where more wants to run than there are processors?"""
     frames = campaign.choose(full=10000, quick=1000)
     loops = len(os.sched_getaffinity(0)) + 1
-    members = campaign.select([t.OURS, t.KIT, t.KIT_RT, t.RAW, t.ZMQ, t.NNG, t.GST_SHM])
+    peers = [t.KIT, t.KIT_RT, t.ZMQ, t.NNG, t.GST_SHM]
+    members = {1920: campaign.select([t.OURS, t.RAW, *peers]),
+               65536: campaign.select([t.KIT_SHARED, t.KIT_SHARED_RT, *peers])}
     campaign.begin(f"{loops} busy loops, {frames} frames")
     with busy_loops(loops):
-        campaign.measure_round(members, Plan(frames=frames, warmup=100, patience=5), 0)
+        for size, transports in members.items():
+            plan = Plan(bytes=size, frames=frames, warmup=100, patience=5)
+            campaign.measure_round(transports, plan, 0)
 
 
 def measure_fanout(campaign: Campaign) -> None:

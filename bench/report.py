@@ -12,6 +12,7 @@ HERE = Path(__file__).parent
 SIZE = f"{BYTES:,} bytes"
 CAPTIONS = {
     "age": f"Age of a frame, {SIZE} at 1,000 a second",
+    "size": "Median age of a frame by size and rate",
     "overload": f"Age of what arrives when the producer floods, {SIZE}",
     "busy": f"Age on a busy machine, {SIZE} at 1,000 a second",
     "fanout": f"Sender CPU for each receiver, {SIZE} at 100 frames a second",

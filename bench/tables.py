@@ -6,7 +6,7 @@ import math
 from figures import (Record, distinct, format_ratio, format_spread, median_of, quotient, ratios,
                      values_of, where, worst_of)
 from shared import Table, median, percentile
-from transports import ALL, RAW
+from transports import ALL, GST_SHM, RAW, ZMQ
 
 # Receiving objects in one process where the memory of an object is measured.
 MANY_OBJECTS = 17
@@ -20,30 +20,41 @@ def in_order(records: list[Record]) -> dict[str, list[Record]]:
     return {transport: rows for transport, rows in found.items() if rows}
 
 
-def _compare(records: list[Record], group_key: str, figures: dict[str, str],
-             to_raw: dict[str, str], spread: bool = False) -> Table:
+def _compare(records: list[Record], group_keys: tuple[str, ...], figures: dict[str, str],
+             compared: dict[str, tuple[str, str]], spread: bool = False) -> Table:
     """A row for each transport in each group of records.
 
-    figures, to_raw: headings and keys; the second are ratios to raw nanomsg with our options."""
-    table = Table(group_key, "<transport", *figures, *to_raw)
-    for group in sorted(distinct(records, group_key)):
-        members = in_order(where(records, **{group_key: group}))
+    figures: headings and keys. compared: headings, keys and transports to which the ratios are."""
+    table = Table(*group_keys, "<transport", *figures, *compared)
+    measured = [record for record in records if "transport" in record]
+    for group in sorted({tuple(record[key] for key in group_keys) for record in measured}):
+        members = in_order(where(measured, **dict(zip(group_keys, group))))
         for transport, rows in members.items():
-            compared = [ratios(rows, members.get(RAW, []), key) for key in to_raw.values()]
-            table.add(group, ALL[transport].label,
+            found = [ratios(rows, members.get(base, []), key) for key, base in compared.values()]
+            table.add(*group, ALL[transport].label,
                       *(float(median_of(rows, key)) for key in figures.values()),
-                      *(format_spread(found) if spread else format_ratio(median(found))
-                        for found in compared))
+                      *(format_spread(values) if spread else format_ratio(median(values))
+                        for values in found))
     return table
 
 
 def age_table(records: list[Record]) -> Table:
     return _compare(
-        records, "bytes",
+        records, ("bytes",),
         {"p50 us": "p50_us", "p90 us": "p90_us", "p99 us": "p99_us", "p99.9 us": "p999_us",
          "max us": "max_us", "lost %": "lost_pct", "sender us/frame": "sender_cpu_us",
          "receiver us/frame": "receiver_cpu_us"},
-        {"p50 vs raw": "p50_us", "p99 vs raw": "p99_us", "cpu vs raw": "cpu_us"}, spread=True)
+        {"p50 vs raw": ("p50_us", RAW), "p99 vs raw": ("p99_us", RAW),
+         "cpu vs raw": ("cpu_us", RAW)}, spread=True)
+
+
+def size_table(records: list[Record]) -> Table:
+    return _compare(
+        records, ("bytes", "rate"),
+        {"p50 us": "p50_us", "p90 us": "p90_us", "max us": "max_us", "lost %": "lost_pct",
+         "sender us/frame": "sender_cpu_us", "receiver us/frame": "receiver_cpu_us"},
+        {"p50 vs shm": ("p50_us", GST_SHM), "p50 vs ZeroMQ": ("p50_us", ZMQ),
+         "cpu vs shm": ("cpu_us", GST_SHM)}, spread=True)
 
 
 def allocation_table(records: list[Record]) -> Table:
@@ -58,34 +69,30 @@ def allocation_table(records: list[Record]) -> Table:
 
 def overload_table(records: list[Record]) -> Table:
     return _compare(
-        records, "bytes",
+        records, ("bytes",),
         {"offered/s": "offered_per_s", "delivered/s": "delivered_per_s", "lost %": "lost_pct",
          "p50 us": "p50_us", "p99 us": "p99_us", "p99.9 us": "p999_us",
          "cpu us/delivered": "delivered_cpu_us"},
-        {"delivered vs raw": "delivered_per_s", "p99 vs raw": "p99_us",
-         "cpu vs raw": "delivered_cpu_us"}, spread=True)
+        {"delivered vs raw": ("delivered_per_s", RAW), "p99 vs raw": ("p99_us", RAW),
+         "cpu vs raw": ("delivered_cpu_us", RAW)}, spread=True)
 
 
 def busy_table(records: list[Record]) -> Table:
-    table = Table("<transport", "sent", "lost", "lost %", "p50 us", "p99 us", "p99.9 us", "max us",
-                  "sender us/frame", "receiver us/frame")
-    for transport, rows in in_order(records).items():
-        sent, received = sum(values_of(rows, "sent")), sum(values_of(rows, "received"))
-        table.add(ALL[transport].label, sent, sent - received,
-                  quotient(100 * (sent - received), sent),
-                  *(median_of(rows, key) for key in (
-                      "p50_us", "p99_us", "p999_us", "max_us", "sender_cpu_us", "receiver_cpu_us")))
-    return table
+    return _compare(
+        records, ("bytes",),
+        {"sent": "sent", "received": "received", "lost %": "lost_pct", "p50 us": "p50_us",
+         "p99 us": "p99_us", "p99.9 us": "p999_us", "max us": "max_us",
+         "sender us/frame": "sender_cpu_us", "receiver us/frame": "receiver_cpu_us"}, {})
 
 
 def fanout_table(records: list[Record]) -> Table:
     return _compare(
-        where(records, objects=1), "receivers",
+        where(records, objects=1), ("receivers",),
         {"lost %": "lost_pct", "sender us/frame": "sender_cpu_us",
          "sender us/frame/receiver": "sender_cpu_per_receiver_us",
          "receiver us/frame": "receiver_cpu_us", "p50 us": "p50_us", "p99 us": "p99_us",
          "worst p99 us": "worst_p99_us", "PSS KiB/receiver": "pss_kib"},
-        {"p99 vs raw": "p99_us", "sender vs raw": "sender_cpu_us"})
+        {"p99 vs raw": ("p99_us", RAW), "sender vs raw": ("sender_cpu_us", RAW)})
 
 
 def memory_table(records: list[Record]) -> Table:

@@ -8,10 +8,14 @@ from figures import (Record, format_ratio, format_spread, median_of, quotient, r
                      worst_of)
 from shared import Table, format_number, median, percentile
 from tables import join_times
-from transports import ALL, KIT, KIT_RT, NNG, OURS, POLLS, RAW, ZMQ
+from transports import (ALL, GST_OURS, GST_SHARED, GST_SHM, KIT, KIT_IN_PLACE, KIT_RT, KIT_SHARED,
+                        NNG, OURS, POLLS, RAW, ZMQ)
 
 BYTES = 1920
 RECEIVERS = 32
+# Bytes of a frame, and the rate at which its age is measured.
+SIZES = [(BYTES, 30), (BYTES, 1000), (65536, 1000), (1 << 20, 100), (3_110_400, 30)]
+SMALLEST, _, REFERRED, *LARGE = SIZES
 
 Data = dict[str, list[Record]]  # raw data of each question
 Values = list[float]  # one of each round; the median counts
@@ -20,12 +24,22 @@ Measure = Callable[[Data, str], Values]  # gets a transport's id
 LIMITS = {"at most": operator.le, "under": operator.lt, "at least": operator.ge}
 
 
-def _to(question: str, base: str, key: str) -> Measure:
+def _to(question: str, base: str, key: str, size: int = BYTES, rate: int = 1000) -> Measure:
     """Ratios to another transport within each round."""
     def measure(data: Data, transport: str) -> Values:
-        records = where(data[question], bytes=BYTES)
+        records = where(data[question], bytes=size, rate=rate)
         return ratios(where(records, transport=transport), where(records, transport=base), key)
     return measure
+
+
+def _growth(data: Data, transport: str) -> Values:
+    """Sender's CPU for the largest frames to that for the smallest ones, at the same rate."""
+    rows = where(data["size"], transport=transport, rate=SMALLEST[1])
+    return ratios(where(rows, bytes=LARGE[-1][0]), where(rows, bytes=BYTES), "sender_cpu_us")
+
+
+def _size_loss(data: Data, transport: str) -> Values:
+    return [worst_of(where(data["size"], transport=transport), "lost_pct")]
 
 
 def _worst_allocations(side: str) -> Measure:
@@ -52,12 +66,13 @@ def _cost_of_many(data: Data, transport: str) -> Values:
 
 
 def _busy_loss(data: Data, transport: str) -> Values:
-    return [max((r["sent"] - r["received"] for r in where(data["busy"], transport=transport)),
+    return [max((r["sent"] - r["received"]
+                 for r in where(data["busy"], transport=transport, bytes=BYTES)),
                 default=math.nan)]
 
 
 def _busy_p99(data: Data, transport: str) -> Values:
-    return [quotient(*(median_of(where(data["busy"], transport=each), "p99_us")
+    return [quotient(*(median_of(where(data["busy"], transport=each, bytes=BYTES), "p99_us")
                        for each in (transport, KIT)))]
 
 
@@ -75,6 +90,20 @@ TARGETS = [
     ("age, 1,920 bytes", OURS, "p50 of ZeroMQ", "at most", 0.80, _to("age", ZMQ, "p50_us"), RAW),
     ("age, 1,920 bytes", OURS, "p50 of nng", "at most", 0.80, _to("age", NNG, "p50_us"), RAW),
     ("age, 1,920 bytes", KIT, "p50 of ours", "at most", 1.03, _to("age", OURS, "p50_us")),
+    *[(f"age, {size:,} bytes", KIT_SHARED, f"p50 of {ALL[base].label}", "at most", limit,
+       _to("size", base, "p50_us", size, rate), KIT_IN_PLACE)
+      for limit, base, sizes in ((1.40, GST_SHM, [REFERRED]), (0.90, ZMQ, [REFERRED]),
+                                 (0.60, ZMQ, LARGE))
+      for size, rate in sizes],
+    ("all sizes", KIT_SHARED, "% lost, worst round", "at most", 0, _size_loss, KIT_IN_PLACE),
+    ("sender's CPU, 3,110,400 bytes", KIT_IN_PLACE, "of that at 1,920 bytes", "at most", 1.30,
+     _growth, KIT_SHARED),
+    ("elements, 1,920 bytes", GST_OURS, "p50 of GStreamer shm", "at most", 2.50,
+     _to("size", GST_SHM, "p50_us")),
+    ("elements, 1,920 bytes", GST_OURS, "CPU of GStreamer shm", "at most", 1.60,
+     _to("size", GST_SHM, "cpu_us")),
+    *[(f"elements, {size:,} bytes", GST_SHARED, "p50 of GStreamer shm", "at most", 1.70,
+       _to("size", GST_SHM, "p50_us", size, rate), GST_OURS) for size, rate in (REFERRED, *LARGE)],
     ("overload, 1,920 bytes", OURS, "p99 of nanomsg, our options", "at most", 1.25,
      _to("overload", RAW, "p99_us"), POLLS),
     ("overload, 1,920 bytes", OURS, "p99 of ZeroMQ", "at most", 0.05,

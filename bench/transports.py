@@ -16,10 +16,11 @@ class Transport:
 
 
 OURS, KIT, KIT_RT = "vellox", "kit", "kit-rt"
+KIT_SHARED, KIT_IN_PLACE, KIT_SHARED_RT = "kit-shared", "kit-in-place", "kit-shared-rt"
 RAW = "nanomsg-same"  # nanomsg with our socket options
 POLLS = "nanomsg-polls"  # the same, and waiting as we do
 NANOMSG, ZMQ, ZMQ_TUNED, NNG, NNG_TUNED = "nanomsg", "zmq", "zmq-tuned", "nng", "nng-tuned"
-UNIX, GST_SHM, GST_OURS = "unix", "gst-shm", "gst-vlx"
+UNIX, GST_SHM, GST_OURS, GST_SHARED = "unix", "gst-shm", "gst-vlx", "gst-vlx-shared"
 
 # In the order of the tables.
 ALL = {row[0]: Transport(*row) for row in [
@@ -28,6 +29,12 @@ ALL = {row[0]: Transport(*row) for row in [
     (KIT, "kit", "kit", "", "#e8a0a8", "the same through Producer and Consumer"),
     (KIT_RT, "kit, real-time", "kit", "rt", "#f2cf9a",
      "the same with real-time scheduling on both sides"),
+    (KIT_SHARED, "kit, by reference", "kit", "shared", "#b3002d",
+     "kit with frames in shared memory, where the send call copies them"),
+    (KIT_IN_PLACE, "kit, in place", "kit", "shared-acquire", "#7a0020",
+     "the same with memory of Producer::acquire(); filling it is not part of the figures"),
+    (KIT_SHARED_RT, "kit, by reference, real-time", "kit", "shared-rt", "#e07b39",
+     "kit, by reference, with real-time scheduling on both sides"),
     (RAW, "nanomsg, our options", "nanomsg", "same", "#1f4e79",
      "NN_SNDBUF 1, NN_RCVBUF 1, NN_RCVMAXSIZE -1, NN_DONTWAIT, NN_MSG: the design's limit"),
     (POLLS, "nanomsg, our polls", "nanomsg", "polls", "#6d9dc5",
@@ -45,6 +52,8 @@ ALL = {row[0]: Transport(*row) for row in [
      "appsrc ! shmsink and shmsrc ! appsink, sync=false, queues of one buffer"),
     (GST_OURS, "GStreamer vlx", "gst", "vlx", "#c9b98f",
      "appsrc ! vlxsink and vlxsrc ! appsink, the same settings"),
+    (GST_SHARED, "GStreamer vlx, by reference", "gst", "vlx-shared", "#e3b505",
+     "the same with shared-memory=always"),
 ]}
 
 
@@ -56,9 +65,9 @@ def obstacle(build: Path, transport: Transport) -> str:
     """Why the transport cannot run here; empty if it can."""
     if not endpoint_program(build, transport).exists():
         return "not built"
-    if transport.id == GST_OURS and not (build / "gst" / "libgstvlx.so").exists():
+    if transport.variant.startswith("vlx") and not (build / "gst" / "libgstvlx.so").exists():
         return "the GStreamer elements are not built"
-    if transport.id == KIT_RT and not may_run_in_real_time():
+    if transport.variant.endswith("rt") and not may_run_in_real_time():
         return "real-time scheduling is not permitted (ulimit -r)"
     return ""
 

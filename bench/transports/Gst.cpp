@@ -1,7 +1,9 @@
 /// GStreamer elements in pipelines inside the process, without clock synchronisation and with
 /// queues of one buffer: appsrc ! SINK and SOURCE ! appsink. Variant "shm": shmsink and shmsrc.
-/// "vlx": vlxsink and vlxsrc, with the packets as samples of a stereo stream.
+/// "vlx": vlxsink and vlxsrc; "vlx-shared": with frames in shared memory. Packets are samples of an
+/// audio stream whose rate is that of the packets; both variants fill up the last sample.
 
+#include <algorithm>
 #include <deque>
 #include <memory>
 
@@ -16,23 +18,37 @@ namespace vlx::bench
 namespace
 {
 
-constexpr GstClockTime BufferDurationNs = 1'000'000;
+constexpr std::size_t Channels = 36; // the largest frames then have a rate that audio may have
+constexpr std::size_t BytesPerSample = 4 * Channels;
+
+std::size_t countSamples(std::size_t packetBytes)
+{
+    return (packetBytes + BytesPerSample - 1) / BytesPerSample;
+}
+
+bool isOurs(const Plan& plan)
+{
+    return plan.variant.starts_with("vlx");
+}
 
 std::string describeSender(const Plan& plan)
 {
-    const bool ours = plan.variant == "vlx";
     return std::string("appsrc name=end format=time block=true max-buffers=1 ") +
-           (ours ? "is-live=true do-timestamp=true caps=audio/x-raw,format=S16LE,rate=48000,"
-                   "channels=2,layout=interleaved ! vlxsink socket-name=" +
-                       plan.name
-                 : "! shmsink wait-for-connection=false socket-path=" + plan.getPath(".shm")) +
+           (isOurs(plan)
+                ? "is-live=true do-timestamp=true caps=audio/x-raw,format=S32LE,layout=interleaved,"
+                  "channel-mask=(bitmask)0,channels=" +
+                      std::to_string(Channels) + ",rate=" +
+                      std::to_string(countSamples(sizeof(PacketHeader) + plan.bytes) * plan.rate) +
+                      " ! vlxsink socket-name=" + plan.name +
+                      (plan.variant == "vlx" ? "" : " shared-memory=always")
+                : "! shmsink wait-for-connection=false socket-path=" + plan.getPath(".shm")) +
            " sync=false async=false enable-last-sample=false";
 }
 
 std::string describeReceiver(const Plan& plan)
 {
-    return (plan.variant == "vlx" ? "vlxsrc socket-name=" + plan.name
-                                  : "shmsrc is-live=true socket-path=" + plan.getPath(".shm")) +
+    return (isOurs(plan) ? "vlxsrc socket-name=" + plan.name
+                         : "shmsrc is-live=true socket-path=" + plan.getPath(".shm")) +
            " ! appsink name=end sync=false max-buffers=1 enable-last-sample=false";
 }
 
@@ -77,7 +93,11 @@ GstFlowReturn onSample(GstAppSink* sink, gpointer handler)
     GstMapInfo map;
     if (gst_buffer_map(buffer, &map, GST_MAP_READ))
     {
-        deliverPacket(*static_cast<FrameHandler*>(handler), map.data, map.size);
+        PacketHeader header{};
+        std::memcpy(&header, map.data, std::min(map.size, sizeof header));
+        deliverPacket(
+            *static_cast<FrameHandler*>(handler), map.data,
+            std::min<std::size_t>(map.size, header.packetBytes));
         gst_buffer_unmap(buffer, &map);
     }
     gst_sample_unref(sample);
@@ -90,11 +110,14 @@ SendFrame openStream(const Plan& plan)
 {
     const Element pipeline = parsePipeline(describeSender(plan));
     play(pipeline);
-    return [pipeline, input = GST_APP_SRC(getEnd(pipeline))](std::uint64_t, Bytes packet)
+    const GstClockTime durationNs = NsPerSecond / plan.rate;
+    return
+        [pipeline, durationNs, input = GST_APP_SRC(getEnd(pipeline))](std::uint64_t, Bytes packet)
     {
-        GstBuffer* const buffer = gst_buffer_new_allocate(nullptr, packet.size(), nullptr);
+        GstBuffer* const buffer =
+            gst_buffer_new_allocate(nullptr, countSamples(packet.size()) * BytesPerSample, nullptr);
         gst_buffer_fill(buffer, 0, packet.data(), packet.size());
-        GST_BUFFER_DURATION(buffer) = BufferDurationNs;
+        GST_BUFFER_DURATION(buffer) = durationNs;
         gst_app_src_push_buffer(input, buffer);
     };
 }

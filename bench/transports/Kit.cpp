@@ -1,5 +1,7 @@
-/// Ours through the kit: pubsub on the monotonic system clock. Variant "rt": with real-time
-/// scheduling on both sides, the thread that sends included.
+/// Ours through the kit: pubsub on the monotonic system clock. Variants that begin with "shared":
+/// frames in shared memory. Ending with "acquire": the sender finds them there, except for what
+/// identifies a frame. Ending with "rt": real-time scheduling on both sides, the thread that sends
+/// included.
 
 #include <memory>
 
@@ -14,14 +16,20 @@ namespace vlx::bench
 namespace
 {
 
-constexpr TimeValue FrameDurationNs = 1'000'000;
-
 // Before the main function, so that no join waits for it.
 const kit::Logging LogOnStandardError(kit::LogLevel::Error);
 
 kit::RealTime chooseScheduling(const Plan& plan)
 {
-    return {plan.variant == "rt" ? kit::RealTimeUse::Require : kit::RealTimeUse::Off};
+    return {plan.variant.ends_with("rt") ? kit::RealTimeUse::Require : kit::RealTimeUse::Off};
+}
+
+kit::FrameMemory makeFrame(kit::Producer& producer, Bytes media)
+{
+    kit::FrameMemory frame = producer.acquire(media.size());
+    std::memcpy(frame.data.get(), media.data(), TagBytes);
+    frame.data.get()[media.size() - 1] = media.back();
+    return frame;
 }
 
 } // namespace
@@ -30,14 +38,25 @@ SendFrame openStream(const Plan& plan)
 {
     const auto scope =
         std::make_shared<kit::RealTimeScope>(chooseScheduling(plan)); // of this thread
-    const auto producer = std::make_shared<kit::Producer>(
-        kit::ProducerOptions{.name = plan.name, .realTime = chooseScheduling(plan)});
+    kit::ProducerOptions options{.name = plan.name, .realTime = chooseScheduling(plan)};
+    const TimeValue durationNs = NsPerSecond / plan.rate;
+    if (plan.variant.starts_with("shared"))
+    {
+        options.sharedMemory = {
+            kit::Carriage::Shared, plan.bytes, std::chrono::nanoseconds(durationNs)};
+        options.onNotice = [](const std::string& notice) // then it would measure other frames
+        { require(false, "send", notice.c_str()); };
+    }
+    const auto producer = std::make_shared<kit::Producer>(options);
     const kit::Status opened = producer->open(kit::StreamFormat{});
     require(static_cast<bool>(opened), "open", opened.getText().c_str());
-    return [scope, producer](std::uint64_t timestampNs, Bytes packet)
+    const bool isAcquired = plan.variant.ends_with("acquire");
+    return [scope, producer, durationNs, isAcquired](std::uint64_t timestampNs, Bytes packet)
     {
+        const Bytes media = packet.subspan(sizeof(PacketHeader));
         static_cast<void>(
-            producer->send(timestampNs, FrameDurationNs, packet.subspan(sizeof(PacketHeader))));
+            isAcquired ? producer->send(timestampNs, durationNs, makeFrame(*producer, media))
+                       : producer->send(timestampNs, durationNs, media));
     };
 }
 
