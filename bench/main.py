@@ -29,11 +29,11 @@ def parse_options() -> argparse.Namespace:
         prog="scripts/bench",
         description="Builds the benchmarks, runs them beside every peer that is installed, prints "
         "the tables, and writes the summary and its pictures to docs/benchmarks.md and "
-        "docs/benchmarks/. Takes about 18 minutes.",
+        "docs/benchmarks/. Takes about 23 minutes.",
         epilog="Raw data: build/bench/data/full/*.jsonl, or quick instead of full. "
         "Exit code: 0 done, 1 a build or a measurement failed, 2 usage.")
     add = parser.add_argument
-    add("--quick", action="store_true", help="short runs, every table all the same; under 4 "
+    add("--quick", action="store_true", help="short runs, every table all the same; about 6 "
         "minutes. The summary goes to the build directory, as with --questions")
     add("--cpus", metavar="LIST", type=read_processors,
         help='processors to use, such as "0,2", or "all"; default: the first two')

@@ -101,7 +101,7 @@ def measure_size(campaign: Campaign) -> None:
 
 def measure_overload(campaign: Campaign) -> None:
     """What happens to the age of frames when the producer sends as fast as the call returns?"""
-    sizes, rounds = campaign.choose(full=((1920, 65536), 4), quick=((1920,), 3))
+    sizes, rounds = campaign.choose(full=((1920, 65536), 3), quick=((1920,), 3))
     flood_ms, warm_up = campaign.choose(full=1000, quick=200), 2000
     everybody = campaign.select([*EVERYBODY, t.KIT_SHARED, t.GST_SHARED])
     campaign.begin(f"flood of {flood_ms} ms, {warm_up} frames warm-up, {rounds} rounds interleaved")

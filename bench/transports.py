@@ -32,7 +32,7 @@ ALL = {row[0]: Transport(*row) for row in [
     (KIT_SHARED, "kit, by reference", "kit", "shared", "#b3002d",
      "kit with frames in shared memory, where the send call copies them"),
     (KIT_IN_PLACE, "kit, in place", "kit", "shared-acquire", "#7a0020",
-     "the same with memory of Producer::acquire(); filling it is not part of the figures"),
+     "the same with memory from Producer::acquire(), where the send call copies nothing"),
     (KIT_SHARED_RT, "kit, by reference, real-time", "kit", "shared-rt", "#e07b39",
      "kit, by reference, with real-time scheduling on both sides"),
     (RAW, "nanomsg, our options", "nanomsg", "same", "#1f4e79",

@@ -1,7 +1,8 @@
 /// GStreamer elements in pipelines inside the process, without clock synchronisation and with
 /// queues of one buffer: appsrc ! SINK and SOURCE ! appsink. Variant "shm": shmsink and shmsrc.
 /// "vlx": vlxsink and vlxsrc; "vlx-shared": with frames in shared memory. Packets are samples of an
-/// audio stream whose rate is that of the packets; both variants fill up the last sample.
+/// audio stream whose rate is that of the packets; all variants fill up the last sample. Buffers are
+/// of the allocator that the sink offers, as those of GStreamer's own sources are.
 
 #include <algorithm>
 #include <deque>
@@ -78,6 +79,20 @@ GstElement* getEnd(const Element& pipeline)
     return end;
 }
 
+// @return null for the default allocator
+std::shared_ptr<GstAllocator> askForAllocator(const Element& pipeline)
+{
+    const std::shared_ptr<GstPad> pad(
+        gst_element_get_static_pad(getEnd(pipeline), "src"), gst_object_unref);
+    const std::shared_ptr<GstQuery> query(
+        gst_query_new_allocation(nullptr, FALSE), gst_query_unref);
+    GstAllocator* allocator = nullptr;
+    if (gst_pad_peer_query(pad.get(), query.get()) != FALSE &&
+        gst_query_get_n_allocation_params(query.get()) > 0)
+        gst_query_parse_nth_allocation_param(query.get(), 0, &allocator, nullptr);
+    return {allocator, [](gpointer offered) { g_clear_object(&offered); }};
+}
+
 void play(const Element& pipeline)
 {
     const auto change = gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
@@ -111,11 +126,11 @@ SendFrame openStream(const Plan& plan)
     const Element pipeline = parsePipeline(describeSender(plan));
     play(pipeline);
     const GstClockTime durationNs = NsPerSecond / plan.rate;
-    return
-        [pipeline, durationNs, input = GST_APP_SRC(getEnd(pipeline))](std::uint64_t, Bytes packet)
+    return [pipeline, durationNs, allocator = askForAllocator(pipeline),
+            input = GST_APP_SRC(getEnd(pipeline))](std::uint64_t, Bytes packet)
     {
-        GstBuffer* const buffer =
-            gst_buffer_new_allocate(nullptr, countSamples(packet.size()) * BytesPerSample, nullptr);
+        GstBuffer* const buffer = gst_buffer_new_allocate(
+            allocator.get(), countSamples(packet.size()) * BytesPerSample, nullptr);
         gst_buffer_fill(buffer, 0, packet.data(), packet.size());
         GST_BUFFER_DURATION(buffer) = durationNs;
         gst_app_src_push_buffer(input, buffer);
