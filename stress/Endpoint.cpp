@@ -45,6 +45,8 @@ struct Plan
     bool log = false;     // show the library's
     bool pipeline = false;
     bool shared = false;          // other users may join
+    bool ring = false;            // frames travel in shared memory, every other one without a copy
+    std::size_t bytes = 1920;     // of a frame
     std::uint64_t frames = 0;     // ends after so many; 0: no end
     std::uint64_t resequence = 0; // period of new sequences, milliseconds
     std::size_t receivers = 0;    // that the first frame waits for, and for "go"
@@ -56,8 +58,8 @@ struct Plan
 // One name in a line would be a page.
 // clang-format off
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(
-    Plan, role, name, board, kill, descriptors, threads, log, pipeline, shared, frames, resequence,
-    receivers, port, rejoin, lock)
+    Plan, role, name, board, kill, descriptors, threads, log, pipeline, shared, ring, bytes, frames,
+    resequence, receivers, port, rejoin, lock)
 // clang-format on
 
 namespace
@@ -65,7 +67,6 @@ namespace
 
 constexpr TimeValue NsPerMs = 1'000'000;
 constexpr TimeValue FramePeriodNs = 10 * NsPerMs;
-constexpr std::size_t FrameBytes = 1920;
 constexpr TimeValue TurnNs = 20 * NsPerMs;
 constexpr TimeValue StarvedLimitNs = 1'500 * NsPerMs;
 constexpr uid_t FirstUnusedID = 100'000; // of users
@@ -85,7 +86,7 @@ struct Board
     using Number = std::atomic<std::uint64_t>;
 
     Number go;          // written from outside: the first frame may leave
-    Number stop;        // written from outside
+    Number stop;        // written from outside; Death: a producer dies while it fills a frame
     Number ready;       // Producer: open. Consumer: has a format
     Number frames;      // sent or received
     Number lost;        // missing between two frames of a connection
@@ -98,12 +99,17 @@ struct Board
     Number failures; // the consumer could not go on, and tries again
     Number logLines;
     Number errorLines;
+    Number missing;     // between two frames, by their times
+    Number overwritten; // in shared memory
+    Number mixed;       // not filled with their own numbers
     Number clockOffset; // of a consumer's stream time to the system's; 0: there is none
 
     // Of losses: stamp and arrival of the frame before, arrival of the one after, and how many are
     // missing.
     std::array<std::array<std::uint64_t, 4>, 256> bursts;
     std::array<std::uint64_t, 8'192> times; // a ring: age of a frame, or duration of a send
+
+    static constexpr std::uint64_t Death = 2;
 
     void addFrame(TimeValue time)
     {
@@ -169,7 +175,26 @@ bool lockFile(const Plan& plan)
 bool letPass(const Board& board, TimeValue nanoseconds)
 {
     std::this_thread::sleep_for(std::chrono::nanoseconds(nanoseconds));
-    return board.stop == 0;
+    return board.stop == 0 || board.stop == Board::Death;
+}
+
+/// Fills a frame with its number, behind its tag.
+void fill(std::uint8_t* frame, std::size_t size, const FrameTag& tag, const Board& board)
+{
+    const auto number = static_cast<std::uint8_t>(tag.index);
+    std::fill_n(frame, size / 2, number);
+    std::memcpy(frame, &tag, sizeof(tag));
+    if (board.stop == Board::Death)
+        ::raise(SIGKILL);
+    std::fill_n(frame + size / 2, size - size / 2, number);
+}
+
+bool isFilled(const Buffer& frame, const FrameTag& tag)
+{
+    const auto number = static_cast<std::uint8_t>(tag.index);
+    return std::all_of(
+        frame.begin() + sizeof(tag), frame.end(),
+        [&](std::uint8_t byte) { return byte == number; });
 }
 
 int produce(Board& board, const Plan& plan)
@@ -183,6 +208,10 @@ int produce(Board& board, const Plan& plan)
         .clockAddress = hasNetClock ? "127.0.0.1" : "",
         .clockPort = plan.port,
         .socketMode = plan.shared ? kit::SocketMode::All : kit::SocketMode::Owner,
+        .sharedMemory =
+            {.carriage = plan.ring ? kit::Carriage::Shared : kit::Carriage::Inline,
+             .frameBytes = plan.bytes,
+             .frameDuration = std::chrono::nanoseconds(FramePeriodNs)},
     });
     PcmPayloader payloader;
     payloader.setNewFormat(48'000, 2, audioUtils::PcmFormat::S16LE);
@@ -193,10 +222,11 @@ int produce(Board& board, const Plan& plan)
         if (!letPass(board, TurnNs))
             return ExitDone;
 
-    Buffer frame(FrameBytes);
+    Buffer buffer(plan.bytes);
     FrameTag tag = {static_cast<std::uint64_t>(::getpid()), 0};
     const TimeValue sequenceNs = plan.resequence * NsPerMs;
-    TimeValue due = miscUtils::getMonotonicSysclockTime();
+    const TimeValue start = miscUtils::getMonotonicSysclockTime();
+    TimeValue due = start;
     TimeValue sequenceDue = due + sequenceNs;
     board.incarnation = tag.incarnation;
     while (true)
@@ -208,8 +238,13 @@ int produce(Board& board, const Plan& plan)
             ++board.sequences;
             sequenceDue += sequenceNs;
         }
-        std::memcpy(frame.data(), &tag, sizeof(tag));
-        static_cast<void>(producer.send(before, FramePeriodNs, frame));
+        const bool isInPlace = plan.ring && tag.index % 2 == 0;
+        const kit::FrameMemory memory =
+            isInPlace ? producer.acquire(plan.bytes) : kit::FrameMemory();
+        fill(isInPlace ? memory.data.get() : buffer.data(), plan.bytes, tag, board);
+        static_cast<void>(producer.send(
+            plan.ring ? start + tag.index * FramePeriodNs : before, FramePeriodNs,
+            isInPlace ? ByteView(memory) : ByteView(buffer)));
         const TimeValue now = miscUtils::getMonotonicSysclockTime();
         board.addFrame(now - before);
         // A sender that was paused goes on from here; a burst of late frames would be lost.
@@ -223,6 +258,7 @@ int produce(Board& board, const Plan& plan)
 struct Receipt
 {
     Board& board;
+    std::size_t frameBytes;
     std::atomic<bool> isFirst = true; // of a connection
     FrameTag last = {};               // the receiving thread's, and so the next
     TimeValue lastTimestamp = 0;
@@ -244,8 +280,12 @@ struct Receipt
         // Other programs' frames, which have no tag and another size, are counted by their times.
         const auto gapNs = static_cast<std::uint64_t>(std::max<std::int64_t>(frame.gapNs, 0));
         FrameTag tag = {1, last.index + 1 + gapNs / FramePeriodNs};
-        if (frame.data.size() == FrameBytes)
+        board.missing += gapNs / FramePeriodNs;
+        if (frame.data.size() == frameBytes)
+        {
             std::memcpy(&tag, frame.data.data(), sizeof(tag));
+            board.mixed += isFilled(frame.data, tag) ? 0 : 1;
+        }
 
         if (tag.incarnation != board.incarnation)
         {
@@ -270,7 +310,7 @@ struct Receipt
 
 int consume(Board& board, const Plan& plan)
 {
-    Receipt receipt{board};
+    Receipt receipt{board, plan.bytes};
     kit::Consumer consumer(
         {.name = plan.name},
         {.onFrame = [&receipt](const kit::Frame& frame) { receipt.onFrame(frame); },
@@ -284,6 +324,7 @@ int consume(Board& board, const Plan& plan)
     {
         const TimeValue now = miscUtils::getMonotonicSysclockTime();
         const TimeValue streamTime = consumer.getStreamTime();
+        board.overwritten = consumer.getStatistics().lost;
         board.clockOffset = streamTime != 0 ? streamTime - now : 0;
         const bool isOver = board.failures > 0 || now > start + StarvedLimitNs;
         if (plan.frames != 0 && (board.frames >= plan.frames || isOver))

@@ -461,3 +461,60 @@ def miss_provider(run: Run) -> None:
     time.sleep(2)
     run.check_bystanders(stream, handles=False)
     run.check(not stream.consumers[0].board.clock_offset, "there should be no stream time")
+
+
+# Frames in shared memory.
+
+def find_rings(run: Run) -> set[Path]:
+    """Of the senders that have a directory."""
+    return {Path("/dev/shm", "vlx-" + entry.name[-6:])
+            for entry in run.directory.glob("VlxSender-*")}
+
+
+@fault("ring-kill", "sender killed -9 while it writes 3.1 MB in shared memory",
+       "2 receivers resume, no frame is mixed, nothing is left after the next start")
+def kill_writers(run: Run) -> None:
+    """At a random moment, and every other time just in the middle of a frame."""
+    stream, times, rings = run.start(2, bytes=3_110_400, ring=True), [], find_rings(run)
+    for number in range(6 if run.lenient else 100 * run.minutes):
+        if number % 2:
+            stream.producer.board.stop = 2
+            run.require(stream.producer.await_end(run.limit) == "SIGKILL", "it did not die writing")
+        else:
+            time.sleep(random.uniform(0, 0.1))
+        times.append(run.resume(stream))
+        dead, rings = rings, find_rings(run)
+        run.require(len(rings) == 1 and rings.isdisjoint(dead) and all(map(Path.exists, rings)) and
+                    not any(map(Path.exists, dead)), f"rings {dead}, then {rings}")
+    run.tell(f"{len(times)} kills; resumed after p50 {median(times):.0f}, max {max(times):.0f} ms")
+    end_ring(run, stream)
+
+
+@fault("ring-stop", "receiver stopped for 10 s while frames of 1 MB turn in shared memory",
+       "sent = received + lost; right data afterwards; another one loses none")
+def stop_reader(run: Run) -> None:
+    stream = run.start(2, bytes=1_000_000, ring=True)
+    stopped, other = stream.consumers
+    stopped.send_signal(signal.SIGSTOP)
+    time.sleep(1 if run.lenient else 10)
+    stopped.send_signal(signal.SIGCONT)
+    run.within(delivery([stopped]), "no 20 frames")
+    end_ring(run, stream)
+    board, sent = stopped.board, stream.producer.board.frames
+    run.tell(f"sent {sent} = received {board.frames} + lost {board.missing}, "
+             f"{board.overwritten} of them overwritten; {board.stalls} stalls")
+    run.check(board.frames + board.missing == sent, "not equal")
+    run.check(0 < board.overwritten <= board.missing, "not counted")
+    run.lose([other], stream.since)
+
+
+def end_ring(run: Run, stream: Stream) -> None:
+    """Lets the sender end and checks what it leaves, and what has been received."""
+    rings = find_rings(run)
+    run.within(delivery(stream.consumers), "a receiver gets no frames")
+    stream.producer.board.stop = 1
+    run.check(stream.producer.await_end(run.limit) == "worked", "the sender did not end")
+    run.check(rings and not any(map(Path.exists, rings)), f"left or missing: {rings}")
+    mixed = sum(end.board.mixed for end in stream.consumers)
+    run.tell(f"{mixed} of {sum(end.board.frames for end in stream.consumers):,} frames mixed")
+    run.check(mixed == 0, "a frame is mixed")

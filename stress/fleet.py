@@ -30,7 +30,7 @@ class Board(ctypes.Structure):
 
     _fields_ = [(name, ctypes.c_uint64) for name in (
         "go stop ready frames lost num_bursts incarnation incarnation_since joins sequences stalls "
-        "failures log_lines error_lines clock_offset").split()] + [
+        "failures log_lines error_lines missing overwritten mixed clock_offset").split()] + [
             ("bursts", ctypes.c_uint64 * 4 * MAX_BURSTS), ("ring", ctypes.c_uint64 * NUM_TIMES)]
 
     def times(self, first: int = 0) -> list[float]:
@@ -206,7 +206,8 @@ class Stream:
         self.since = time.monotonic_ns()
         self.producer = self.start_producer(receivers=num_consumers)
         opened = wait_until(JOIN_LIMIT_S, lambda: self.producer.board.ready)
-        self.consumers = [End("consume", self.name) for _ in range(num_consumers)]
+        size = options.get("bytes", FRAME_BYTES)
+        self.consumers = [End("consume", self.name, bytes=size) for _ in range(num_consumers)]
         self.joined = opened and wait_until(
             JOIN_LIMIT_S, lambda: all(end.board.ready for end in self.consumers))
         self.producer.board.go = 1
