@@ -162,6 +162,7 @@ int Device::open(
     io.flags = SND_PCM_IOPLUG_FLAG_BOUNDARY_WA;
     io.poll_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     io.poll_events = POLLIN;
+    io.nonblock = (mode & SND_PCM_NONBLOCK) != 0 ? 1 : 0;
     io.callback = &getCallbacks(device->isPlayback());
     io.private_data = device.get();
     if (io.poll_fd < 0)
@@ -274,7 +275,7 @@ int Device::start()
 int Device::stop()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_isRunning = m_isDraining = false;
+    m_isRunning = false;
     m_changed.notify_all();
     updateDescriptor();
     return 0;
@@ -298,7 +299,7 @@ snd_pcm_sframes_t Device::getPointer()
 }
 
 /// Copies between the program's areas and the buffer. The areas are the program's own, or with
-/// mapped access ALSA's copy of the buffer, where the offset is the place in the buffer.
+/// mapped access ALSA's copy of the buffer.
 snd_pcm_sframes_t Device::transfer(
     const snd_pcm_channel_area_t* areas,
     snd_pcm_uframes_t offset,
@@ -312,7 +313,7 @@ snd_pcm_sframes_t Device::transfer(
     const auto own = makeAreas(
         m_buffer.data(), m_io.channels,
         static_cast<unsigned int>(::snd_pcm_format_physical_width(m_io.format)));
-    std::uint64_t place = (isMapped ? offset : m_io.appl_ptr) % m_bufferSize;
+    std::uint64_t place = m_io.appl_ptr % m_bufferSize;
     for (std::uint64_t left = size; left > 0;)
     {
         const std::uint64_t count = std::min(left, m_bufferSize - place);

@@ -59,6 +59,9 @@ private:
     {
         kit::ProducerOptions options{.name = settings.name};
         options.clock = settings.clock;
+        options.clockPort = settings.clockPort;
+        if (settings.clockPort != 0)
+            options.clockAddress = settings.clockAddress;
         options.socketMode = settings.socketMode;
         options.realTime = settings.realTime;
         options.onNotice = [](const std::string& /*notice*/) {};

@@ -60,6 +60,12 @@ bool readTime(std::string_view text, std::chrono::nanoseconds& result)
     return true;
 }
 
+bool readPort(std::string_view text, std::uint16_t& result)
+{
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), result);
+    return error == std::errc() && end == text.data() + text.size();
+}
+
 /// @return whether the value is valid for the parameter
 bool readParameter(std::string_view key, std::string_view value, Settings& settings)
 {
@@ -85,8 +91,13 @@ bool readParameter(std::string_view key, std::string_view value, Settings& setti
         return choose<TimeSyncProtocol>(
             value,
             {{"sysclock", TimeSyncProtocol::MonotonicSystemClock},
+             {"net", TimeSyncProtocol::GstNetClock},
              {"none", TimeSyncProtocol::Unknown}},
             settings.clock);
+    else if (key == "clock_address")
+        settings.clockAddress = value;
+    else if (key == "clock_port")
+        return readPort(value, settings.clockPort);
     else if (key == "timeout")
         return readTime(value, settings.timeout);
     else if (key == "on_gap")
@@ -122,12 +133,16 @@ std::optional<Settings> readSettings(snd_config_t* section)
             return std::nullopt;
         }
     }
+    const bool isServed = settings.clock == TimeSyncProtocol::GstNetClock;
+    const char* problem = nullptr;
     if (settings.name.empty())
-    {
-        SNDERR("vlx: no stream is named; open the device as vlx:NAME");
-        return std::nullopt;
-    }
-    return settings;
+        problem = "no stream is named; open the device as vlx:NAME";
+    else if (isServed == (settings.clockPort == 0))
+        problem = "CLOCK=net and CLOCK_PORT, the port of \"vlx clock serve\", need each other";
+    if (problem == nullptr)
+        return settings;
+    SNDERR("vlx: %s", problem);
+    return std::nullopt;
 }
 
 snd_pcm_format_t toAlsaFormat(audioUtils::PcmFormat format)

@@ -22,6 +22,8 @@ struct Settings
     std::optional<uid_t> senderUser = {};
     kit::RealTime realTime = {};
     TimeSyncProtocol clock = TimeSyncProtocol::MonotonicSystemClock;
+    std::string clockAddress = {};         ///< of the network clock's provider on this machine
+    std::uint16_t clockPort = 0;           ///< its UDP port
     std::chrono::nanoseconds timeout = {}; ///< without a frame; zero: without limit
     bool reportsGaps = false;              ///< by an overrun, instead of filling them with silence
 };

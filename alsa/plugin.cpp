@@ -2,6 +2,7 @@
 #include <chrono>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_external.h>
@@ -65,11 +66,38 @@ int open(snd_pcm_t** pcm, const char* name, snd_config_t* config, snd_pcm_stream
     return Device::open(makePlayback(*settings), pcm, name, mode, std::nullopt);
 }
 
+/// Describes the device. In a list, where no name is given, also names the running streams.
+int describe(snd_config_t** result, snd_config_t* source)
+{
+    snd_config_t* node = nullptr;
+    const char* name = nullptr;
+    std::string text = "Vellox stream: vlx:NAME";
+    std::vector<std::string> streams;
+    if (::snd_config_search(source, "name", &node) < 0 ||
+        ::snd_config_get_string(node, &name) < 0 || *name == '\0')
+    {
+        for (const kit::SenderEntry& sender : kit::listSenders().senders)
+        {
+            // Others have a meaning to ALSA, or are not for a terminal.
+            if (sender.name.find_first_of(",='\"|\\") == std::string::npos &&
+                sender.name == kit::toPrintable(sender.name))
+                streams.push_back(sender.name);
+        }
+    }
+    const std::vector<kit::SenderProbe> probes = kit::probeSenders(streams, ProbeTime);
+    for (std::size_t i = 0; i < streams.size(); ++i)
+    {
+        if (probes[i].format)
+            text += "\nvlx:" + streams[i] + " (" + kit::toText(*probes[i].format) + ")";
+    }
+    return ::snd_config_imake_string(result, "description", text.c_str());
+}
+
 } // namespace
 
 } // namespace vlx::alsa
 
-// For "type vlx" ALSA looks for these two names:
+// For "type vlx" ALSA looks for these names:
 // NOLINTBEGIN(readability-identifier-naming,bugprone-reserved-identifier)
 
 extern "C" VLX_API int _snd_pcm_vlx_open(
@@ -91,6 +119,25 @@ extern "C" VLX_API int _snd_pcm_vlx_open(
     }
 }
 
-extern "C" VLX_API const char __snd_pcm_vlx_open_dlsym_pcm_001 = 0; // the interface's version
+// And for "@func vlx_describe":
+extern "C" VLX_API int snd_func_vlx_describe(
+    snd_config_t** result,
+    snd_config_t* /*root*/,
+    snd_config_t* source,
+    snd_config_t* /*data*/)
+{
+    try
+    {
+        return vlx::alsa::describe(result, source);
+    }
+    catch (const std::exception&)
+    {
+        return -ENOMEM;
+    }
+}
+
+// Versions of the interfaces.
+extern "C" VLX_API const char __snd_pcm_vlx_open_dlsym_pcm_001 = 0;
+extern "C" VLX_API const char _snd_func_vlx_describe_dlsym_config_evaluate_001 = 0;
 
 // NOLINTEND(readability-identifier-naming,bugprone-reserved-identifier)
