@@ -123,6 +123,7 @@ private:
     int allocate() const;
     int openFile(mode_t mode, gid_t group);
     int prepare(mode_t mode, gid_t group);
+    int map();
     void giveBack(std::uint32_t slot);
     std::uint64_t getGeneration(std::uint32_t slot) const;
     void setGeneration(std::uint32_t slot, std::uint64_t generation);
@@ -130,8 +131,9 @@ private:
     std::uint8_t* getSlot(std::uint32_t slot) const;
 
     const RingLayout m_layout;
-    OwnedDescriptor m_file; // locked
-    pid_t m_process = 0;    // that has made the file, and will remove it; 0: none
+    OwnedDescriptor m_file;     // locked
+    pid_t m_process = 0;        // that has made the file, and will remove it; 0: none
+    void* m_reserved = nullptr; // addresses, in which the memory is aligned
     std::uint8_t* m_memory = nullptr;
     std::uint64_t m_lastGeneration = 0; // by publish()
 

@@ -151,6 +151,7 @@ TEST_F(FrameRingTest, SlotsAreFilledInPlaceAndHalfOfThemServeCopies)
     auto first = ring->takeSlot();
     const auto second = ring->takeSlot();
     ASSERT_TRUE(first && second);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(first.get()) % (2 << 20), 64U) << "no huge pages";
     EXPECT_FALSE(ring->takeSlot());
     std::fill_n(first.get(), Size, std::uint8_t{1});
     std::fill_n(second.get(), Size, std::uint8_t{2});
