@@ -159,17 +159,22 @@ TEST_F(FrameRingTest, SlotsAreFilledInPlaceAndHalfOfThemServeCopies)
     const RingPlace part = ring->publish({second.get() + 1000, 100});
     EXPECT_EQ(part.offset, 1000U);
     EXPECT_EQ(ring->publish({first.get(), Size}), whole) << "sent twice";
+    RingPlace oldest;
     for (std::size_t number = 3; number < 20; ++number)
     {
-        const RingPlace copied = ring->publish(makeFrame(Size, number));
+        const RingPlace copied = oldest = ring->publish(makeFrame(Size, number));
         EXPECT_TRUE(reader.read(copied, bytes) && bytes == makeFrame(Size, number)) << number;
         EXPECT_TRUE(reader.read(whole, bytes) && bytes == makeFrame(Size, 1)) << number;
         EXPECT_TRUE(reader.read(part, bytes) && bytes == makeFrame(100, 2)) << number;
     }
+    const RingPlace newest = ring->publish(makeFrame(Size, 20));
     first.reset();
     EXPECT_TRUE(reader.read(whole, bytes)) << "until its slot is used again";
+    EXPECT_TRUE(reader.read(oldest, bytes));
     first = ring->takeSlot();
     ASSERT_TRUE(first);
+    EXPECT_FALSE(reader.read(oldest, bytes)) << "it is being filled";
+    EXPECT_TRUE(reader.read(newest, bytes));
     const RingPlace beyond = ring->publish({first.get(), getRingCapacity(ring->getLayout())});
     EXPECT_EQ(beyond.offset, 0U);
 

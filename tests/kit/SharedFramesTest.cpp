@@ -1,7 +1,5 @@
 #include <algorithm>
-#include <csignal>
 #include <functional>
-#include <future>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -13,7 +11,6 @@
 #include <base/SenderDirectory.hpp>
 #include <fcntl.h>
 #include <grp.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -271,57 +268,6 @@ TEST_F(SharedFramesTest, LargerFramesGetALargerRingOrTravelInline)
     EXPECT_THAT(listRings(), IsEmpty());
 }
 
-TEST_F(SharedFramesTest, LateReaderLosesExactlyWhatIsOverwritten)
-{
-    constexpr std::size_t Size = 50'000;
-    constexpr std::uint64_t NumFrames = 400;
-    constexpr std::uint64_t Last = NumFrames + 1;
-    std::promise<void> resume;
-    std::shared_future<void> resumed = resume.get_future();
-    std::promise<void> end;
-    std::uint64_t numReceived = 0;
-    std::uint64_t numMixed = 0;
-    std::uint64_t first = 0;
-    std::int64_t gapNs = 0;
-    Consumer consumer(
-        {.name = getSocketName()}, {.onFrame = [&](const Frame& frame)
-                                    {
-                                        const std::uint64_t number = frame.timestamp / FrameNs;
-                                        numMixed += frame.data != makeFrame(Size, number) ? 1U : 0U;
-                                        gapNs += frame.gapNs;
-                                        if (++numReceived == 1)
-                                        {
-                                            first = number;
-                                            resumed.wait();
-                                        }
-                                        if (number == Last)
-                                            end.set_value();
-                                    }});
-    Producer producer(makeOptions({.carriage = Carriage::Shared, .span = 0ns}));
-    ASSERT_TRUE(producer.open(Format));
-    ASSERT_TRUE(consumer.start());
-    ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
-    for (std::uint64_t number = 1; number <= NumFrames; ++number)
-        ASSERT_TRUE(producer.send(number * FrameNs, FrameNs, makeFrame(Size, number)));
-    resume.set_value();
-    // The packets that have waited are read before the last one is sent.
-    EXPECT_TRUE(waitFor([&] { return consumer.getStatistics().lost > 0; }));
-    std::future<void> ended = end.get_future();
-    EXPECT_TRUE(waitFor(
-        [&]
-        {
-            EXPECT_TRUE(producer.send(Last * FrameNs, FrameNs, makeFrame(Size, Last)));
-            return ended.wait_for(10ms) == std::future_status::ready;
-        }));
-    consumer.stop();
-    producer.close();
-    EXPECT_EQ(numMixed, 0U);
-    const ConsumerStatistics statistics = consumer.getStatistics();
-    EXPECT_GT(statistics.lost, 0U);
-    EXPECT_EQ(statistics.frames + static_cast<std::uint64_t>(gapNs) / FrameNs, Last - first + 1)
-        << "received " << statistics.frames << ", lost in the ring " << statistics.lost;
-}
-
 TEST_F(SharedFramesTest, MissingRingIsReportedAndMadeAnew)
 {
     Producer producer(makeOptions({.carriage = Carriage::Shared, .frameBytes = 10'000}));
@@ -532,72 +478,6 @@ TEST_F(SharedFramesTest, ForeignConsumersReadOrSayWhyNot)
             }));
         EXPECT_EQ(status, 0);
     }
-}
-
-TEST_F(SharedFramesTest, KilledProducerLeavesNothingForLong)
-{
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "the thread sanitizer refuses threads in a forked child";
-#endif
-    struct Child
-    {
-        pid_t process;
-        Descriptor start; // by a byte
-    };
-    // Made before any thread, which could hold a lock at that moment.
-    std::vector<Child> children;
-    for (int i = 0; i < 3; ++i)
-    {
-        int ends[2];
-        ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-        const Descriptor wait(ends[0]);
-        children.push_back({::fork(), Descriptor(ends[1])});
-        if (children.back().process != 0)
-            continue;
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        char byte = 0;
-        Producer producer(makeOptions({.carriage = Carriage::Shared, .frameBytes = 1'000'000}));
-        if (::read(wait.get(), &byte, 1) != 1 || !producer.open(Format))
-            ::_exit(1);
-        for (std::uint64_t number = 1;; ++number)
-        {
-            if (!producer.send(number * FrameNs, FrameNs, makeFrame(1'000'000, number)))
-                ::_exit(2);
-        }
-    }
-    Consumer consumer({.name = getSocketName()});
-    ASSERT_TRUE(consumer.start());
-    for (const Child& child : children)
-    {
-        ASSERT_EQ(::write(child.start.get(), "x", 1), 1);
-        std::optional<ReceivedFrame> frame;
-        for (int i = 0; i < 5; ++i)
-        {
-            frame = readFrame(consumer);
-            ASSERT_TRUE(frame);
-            EXPECT_TRUE(frame->data == makeFrame(1'000'000, frame->timestamp / FrameNs));
-        }
-        ::kill(child.process, SIGKILL);
-        ::waitpid(child.process, nullptr, 0);
-        EXPECT_THAT(listRings(), ElementsAre("")) << "nobody could remove it";
-        // What was sent just before can still be read, or is lost, but never mixed.
-        do
-        {
-            const auto item = consumer.read(DefaultDeadline);
-            ASSERT_TRUE(item);
-            const auto* const next = std::get_if<ReceivedFrame>(&*item);
-            if (next == nullptr)
-                break;
-            EXPECT_TRUE(next->data == makeFrame(1'000'000, next->timestamp / FrameNs));
-        } while (true);
-    }
-    Producer producer(makeOptions());
-    ASSERT_TRUE(producer.open(Format));
-    EXPECT_THAT(listMemory(), ElementsAre(makeRingName(producer.getSocketFile(), 1)))
-        << "the next one cleans up";
-    producer.close();
-    consumer.stop();
-    children.clear();
 }
 
 TEST_F(SharedFramesTest, DepayloaderSurvivesFramesAfterARefusedHeader)
