@@ -5,6 +5,7 @@
 /// Each program vlx_bench_end_<name> is the endpoint's main program linked with one adapter, which
 /// defines openStream() and startReceiving(); so no process carries another peer's libraries.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -77,15 +78,19 @@ SendFrame openStream(const Plan& plan);
 void startReceiving(const Plan& plan, FrameHandler handler);
 
 /// Delivers a complete packet.
+///
+/// @param size  bytes; what follows the packet is ignored
 inline void deliverPacket(const FrameHandler& handler, const void* data, std::size_t size)
 {
+    PacketHeader header{};
     std::uint64_t timestampNs = 0;
-    if (size < sizeof(PacketHeader))
+    if (size < sizeof header)
         return;
-    std::memcpy(&timestampNs, data, sizeof timestampNs);
-    handler(
-        timestampNs,
-        Bytes(static_cast<const std::uint8_t*>(data), size).subspan(sizeof(PacketHeader)));
+    std::memcpy(&header, data, sizeof header);
+    std::memcpy(&timestampNs, header.timestampNs, sizeof timestampNs);
+    const Bytes packet(
+        static_cast<const std::uint8_t*>(data), std::min<std::size_t>(size, header.packetBytes));
+    handler(timestampNs, packet.subspan(sizeof header));
 }
 
 /// Ends the process with a message if a call of an adapter has failed.

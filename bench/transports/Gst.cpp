@@ -4,7 +4,6 @@
 /// audio stream whose rate is that of the packets; all variants fill up the last sample. Buffers are
 /// of the allocator that the sink offers, as those of GStreamer's own sources are.
 
-#include <algorithm>
 #include <deque>
 #include <memory>
 
@@ -108,11 +107,7 @@ GstFlowReturn onSample(GstAppSink* sink, gpointer handler)
     GstMapInfo map;
     if (gst_buffer_map(buffer, &map, GST_MAP_READ))
     {
-        PacketHeader header{};
-        std::memcpy(&header, map.data, std::min(map.size, sizeof header));
-        deliverPacket(
-            *static_cast<FrameHandler*>(handler), map.data,
-            std::min<std::size_t>(map.size, header.packetBytes));
+        deliverPacket(*static_cast<FrameHandler*>(handler), map.data, map.size);
         gst_buffer_unmap(buffer, &map);
     }
     gst_sample_unref(sample);
