@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <cstdio>
 #include <functional>
 #include <limits>
 #include <optional>
@@ -221,73 +222,45 @@ TEST_F(FrameRingTest, PlacesOutsideAreLost)
 
 TEST_F(FrameRingTest, ReaderRefusesFilesThatAreNotTheSenders)
 {
-    const std::string path = makeLayout(5000, 4).getPath();
+    const std::string file = makeLayout(5000, 4).getPath();
+    const char* const path = file.c_str();
     const auto size = static_cast<off_t>(makeLayout(5000, 4).getFileBytes());
     Descriptor lease;
+    const auto hold = [&]
+    {
+        std::signal(SIGIO, SIG_IGN);
+        lease = Descriptor(::open(path, O_CREAT | O_RDWR | O_CLOEXEC, 0600));
+        return ::fcntl(lease.get(), F_SETLEASE, F_WRLCK);
+    };
     struct Row
     {
         const char* name;
-        std::function<void()> change;
+        bool isReplaced;
+        std::function<int()> change;
         const char* problem;
-        bool needsRoot = false;
     };
-    const std::vector<Row> rows = {
-        {"truncated", [&] { ::truncate(path.c_str(), size - 1); }, "announced size"},
-        {"grown", [&] { ::truncate(path.c_str(), size + 1); }, "announced size"},
-        {"sparse",
-         [&]
-         {
-             ::truncate(path.c_str(), 0);
-             ::truncate(path.c_str(), size);
-         },
-         "announced size"},
-        {"unlinked", [&] { ::unlink(path.c_str()); }, "the file is missing"},
-        {"another user's", [&] { ::chown(path.c_str(), Nobody, Nobody); }, "belongs to user 65534",
-         true},
-        {"replaced by a link",
-         [&]
-         {
-             ::unlink(path.c_str());
-             ::symlink("/etc/passwd", path.c_str());
-         },
-         "Too many levels"},
-        {"replaced by a directory",
-         [&]
-         {
-             ::unlink(path.c_str());
-             ::mkdir(path.c_str(), 0700);
-         },
-         "not a regular file"},
-        {"held by a lease",
-         [&]
-         {
-             std::signal(SIGIO, SIG_IGN);
-             ::unlink(path.c_str());
-             lease = Descriptor(::open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600));
-             ASSERT_EQ(::fcntl(lease.get(), F_SETLEASE, F_WRLCK), 0);
-         },
-         "Resource temporarily unavailable"},
-        {"replaced by a pipe",
-         [&]
-         {
-             ::unlink(path.c_str());
-             ::mkfifo(path.c_str(), 0600);
-         },
-         "not a regular file"},
-    };
-    for (const Row& row : rows)
+    for (const Row& row :
+         std::vector<Row>{
+             {"truncated", false, [&] { return ::truncate(path, size - 1); }, "announced size"},
+             {"grown", false, [&] { return ::truncate(path, size + 1); }, "announced size"},
+             {"sparse", false, [&] { return ::truncate(path, 0) + ::truncate(path, size); },
+              "announced size"},
+             {"unlinked", true, [] { return 0; }, "the file is missing"},
+             {"another user's", false, [&] { return ::chown(path, Nobody, Nobody); },
+              "belongs to user 65534"},
+             {"a link", true, [&] { return ::symlink("/etc/passwd", path); }, "Too many levels"},
+             {"a directory", true, [&] { return ::mkdir(path, 0700); }, "not a regular file"},
+             {"a pipe", true, [&] { return ::mkfifo(path, 0600); }, "not a regular file"},
+             {"leased", true, hold, "Resource temporarily unavailable"}})
     {
         SCOPED_TRACE(row.name);
-        if (row.needsRoot && ::geteuid() != 0)
-            continue;
         const auto ring = makeRing(5000, 4);
         ASSERT_TRUE(ring);
-        row.change();
+        ASSERT_TRUE(!row.isReplaced || ::unlink(path) == 0);
+        ASSERT_EQ(row.change(), 0);
         RingReader reader;
-        const std::string problem = reader.open(ring->getLayout(), ::geteuid());
-        EXPECT_THAT(problem, HasSubstr(row.problem));
-        ::unlink(path.c_str());
-        ::rmdir(path.c_str());
+        EXPECT_THAT(reader.open(ring->getLayout(), ::geteuid()), HasSubstr(row.problem));
+        ::remove(path);
         lease = Descriptor();
     }
 
@@ -298,11 +271,11 @@ TEST_F(FrameRingTest, ReaderRefusesFilesThatAreNotTheSenders)
     Buffer bytes;
     const RingPlace place = ring->publish(makeFrame(5000, 1));
     EXPECT_TRUE(reader.read(place, bytes));
-    ASSERT_EQ(::truncate(path.c_str(), 64 + 100), 0);
+    ASSERT_EQ(::truncate(path, 64 + 100), 0);
     EXPECT_FALSE(reader.read(place, bytes)) << "ends within the frame";
-    ASSERT_EQ(::truncate(path.c_str(), 0), 0);
+    ASSERT_EQ(::truncate(path, 0), 0);
     EXPECT_FALSE(reader.read(place, bytes)) << "is empty";
-    ASSERT_EQ(::truncate(path.c_str(), size), 0);
+    ASSERT_EQ(::truncate(path, size), 0);
     EXPECT_FALSE(reader.read(place, bytes)) << "has a hole";
     ring->remove();
 }

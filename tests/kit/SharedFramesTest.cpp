@@ -256,6 +256,12 @@ TEST_F(SharedFramesTest, LargerFramesGetALargerRingOrTravelInline)
             exchange(producer, consumer, 100);
             return HasFailure() || listRings().size() == 1;
         }));
+    RingLayout removed = probeSender(getSocketName(), DefaultDeadline).ring.value();
+    ASSERT_EQ(::unlink(removed.getPath().c_str()), 0);
+    exchange(producer, consumer, 100);
+    EXPECT_THAT(listRings(), ElementsAre(".4")) << "without a loss";
+    removed.name.back() = '4';
+    EXPECT_EQ(probeSender(getSocketName(), DefaultDeadline).ring, removed);
     EXPECT_THAT(m_notices, IsEmpty());
     exchange(producer, consumer, 2'500'000);
     EXPECT_THAT(m_notices, ElementsAre(HasSubstr("two frames of 2500000 bytes do not fit")));
@@ -266,50 +272,6 @@ TEST_F(SharedFramesTest, LargerFramesGetALargerRingOrTravelInline)
     consumer.stop();
     producer.close();
     EXPECT_THAT(listRings(), IsEmpty());
-}
-
-TEST_F(SharedFramesTest, MissingRingIsReportedAndMadeAnew)
-{
-    Producer producer(makeOptions({.carriage = Carriage::Shared, .frameBytes = 10'000}));
-    ASSERT_TRUE(producer.open(Format));
-    const RingLayout first = probeSender(getSocketName(), DefaultDeadline).ring.value();
-    const std::string path = first.getPath();
-    ASSERT_EQ(::unlink(path.c_str()), 0);
-    Consumer consumer({.name = getSocketName()});
-    ASSERT_TRUE(consumer.start());
-    std::optional<ConsumerEvent> event;
-    ASSERT_TRUE(waitFor(
-        [&]
-        {
-            while (auto item = consumer.read(0ns))
-                event = std::get<ConsumerEvent>(*item);
-            return event && event->kind == Kind::CannotPlay;
-        }));
-    EXPECT_THAT(event->text, HasSubstr(path + "\": the file is missing"));
-    EXPECT_EQ(event->fourcc, PcmFourcc);
-    EXPECT_TRUE(waitFor(
-        [&]
-        {
-            ++m_number;
-            EXPECT_TRUE(producer.send(m_number * FrameNs, FrameNs, makeFrame(10'000, m_number)));
-            bool isLatest = false;
-            while (auto item = consumer.read(10ms))
-            {
-                const auto* const frame = std::get_if<ReceivedFrame>(&*item);
-                isLatest = frame != nullptr && frame->timestamp == m_number * FrameNs;
-            }
-            return isLatest;
-        }));
-    EXPECT_THAT(listRings(), ElementsAre(".2"));
-    ASSERT_EQ(::unlink((path + ".2").c_str()), 0);
-    exchange(producer, consumer, 10'000);
-    EXPECT_THAT(listRings(), ElementsAre(".3")) << "without a loss";
-    EXPECT_EQ(consumer.getStatistics().connections, 1U);
-    RingLayout layout = probeSender(getSocketName(), DefaultDeadline).ring.value();
-    layout.name = first.name;
-    EXPECT_EQ(layout, first);
-    consumer.stop();
-    producer.close();
 }
 
 TEST_F(SharedFramesTest, ByDefaultAStreamIsWhatTheCoreSends)
