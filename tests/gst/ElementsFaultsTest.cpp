@@ -230,7 +230,8 @@ TEST_F(ElementsFaultsTest, SinkSurvivesHastyPausesAndSeeks)
     receiver.set(GST_STATE_PLAYING);
     // Without sync the sink waits in render, with it mostly before.
     for (const char* properties :
-         {"sync=false wait-for-connection=false", "wait-for-connection=false", "sync=false", ""})
+         {"sync=false wait-for-connection=false shared-memory=always", "wait-for-connection=false",
+          "sync=false", ""})
     {
         SCOPED_TRACE(std::to_string(seed) + " " + properties);
         const Pipeline sender(
@@ -259,7 +260,7 @@ TEST_F(ElementsFaultsTest, SinkSurvivesHastyPausesAndSeeks)
 TEST_F(ElementsFaultsTest, StateCyclesLeaveNothing)
 {
     const Pipeline receiver(makeReceiver());
-    const Pipeline sender(makeSender("wait-for-connection=false"));
+    const Pipeline sender(makeSender("wait-for-connection=false shared-memory=always"));
     std::size_t threads = 0;
     std::size_t descriptors = 0;
     for (int cycle = 0; cycle < 50; ++cycle)
