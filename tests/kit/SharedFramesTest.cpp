@@ -288,8 +288,9 @@ TEST_F(SharedFramesTest, ByDefaultAStreamIsWhatTheCoreSends)
         const InitialInfo info = parseInitialInfoPacket(messages[0]);
         EXPECT_TRUE(receiver.connect(info.nanomsgURI) && receiver.waitForPeers());
         const std::string directory = findSenderDirectoryName(info.nanomsgURI);
-        const auto name = std::ranges::search(messages[0], directory);
-        std::ranges::fill(name, std::uint8_t{0}); // differs each time
+        const auto name =
+            std::search(messages[0].begin(), messages[0].end(), directory.begin(), directory.end());
+        std::fill_n(name, directory.size(), std::uint8_t{0}); // differs each time
         join();
         const auto take = [&]
         {
