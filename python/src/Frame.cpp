@@ -1,0 +1,142 @@
+#include "Frame.hpp"
+
+namespace vlx::python
+{
+
+namespace
+{
+
+const kit::StreamFormat& getFormat(const Frame& frame)
+{
+    if (!frame.content->format)
+        raise(kit::ErrorCode::InvalidArgument, "the frame has no samples, but a codec's bytes");
+    return *frame.content->format;
+}
+
+py::array makeReadOnly(py::array array)
+{
+    array.attr("setflags")(py::arg("write") = false);
+    return array;
+}
+
+py::array getSamples(const py::object& self)
+{
+    const auto& frame = self.cast<const Frame&>();
+    const Buffer& data = frame.received.data;
+    return makeReadOnly(makeArray(getFormat(frame), data.data(), data.size(), self));
+}
+
+py::array getData(const py::object& self)
+{
+    const Buffer& data = self.cast<const Frame&>().received.data;
+    const auto size = static_cast<py::ssize_t>(data.size());
+    return makeReadOnly(py::array(py::dtype("u1"), {size}, data.data(), self));
+}
+
+const char* getClock(const Frame& frame)
+{
+    using Type = Receiver::StreamClockType;
+    switch (frame.received.clock)
+    {
+    case Type::Undetermined:
+    case Type::NoClock:
+        break;
+    case Type::MonotonicSystemClock:
+        return "monotonic";
+    case Type::SyncedNetClock:
+        return "network";
+    }
+    return "none";
+}
+
+std::string describe(const py::object& self)
+{
+    const auto& frame = self.cast<const Frame&>();
+    const py::object& format = frame.content->pythonFormat;
+    return py::str("<vellox.Frame {} ns, {} bytes, {}>")
+        .format(
+            frame.received.timestamp, frame.received.data.size(),
+            format.is_none() ? frame.content->pythonCodec : format);
+}
+
+void addStamps(py::class_<Frame>& type)
+{
+    type.def_property_readonly(
+            "timestamp", [](const Frame& frame) { return frame.received.timestamp; },
+            "Time of the first sample on the stream's clock, nanoseconds.")
+        .def_property_readonly(
+            "duration", [](const Frame& frame) { return frame.received.duration; },
+            "Length, nanoseconds.")
+        .def_property_readonly(
+            "gap", [](const Frame& frame) { return frame.received.gapNs; },
+            "Nanoseconds from the end of the previous frame to this one: positive if media is\n"
+            "missing, negative if the frames overlap, 0 within a small jitter.")
+        .def_property_readonly(
+            "is_first", [](const Frame& frame) { return frame.received.isFirst; },
+            "Whether this is the first frame of a connection, a format or a codec header.")
+        .def_property_readonly(
+            "dropped", [](const Frame& frame) { return frame.received.numDropped; },
+            "Frames dropped directly before this one because the queue was full.")
+        .def_property_readonly(
+            "arrival", [](const Frame& frame) { return frame.received.arrival; },
+            "Time of the arrival, nanoseconds of time.monotonic_ns().")
+        .def_property_readonly(
+            "monotonic_time", [](const Frame& frame) { return frame.received.getMonotonicTime(); },
+            "The timestamp in nanoseconds of time.monotonic_ns(); None while the stream's clock "
+            "is\n"
+            "unknown.")
+        .def_property_readonly(
+            "clock", getClock, "Clock of the timestamp: \"monotonic\", \"network\" or \"none\".");
+}
+
+} // unnamed namespace
+
+void addFrame(py::module_& module)
+{
+    py::class_<Frame> type(
+        module, "Frame",
+        "One frame of a stream. It owns its memory, which lives as long as the frame or any view\n"
+        "of it. Durations and stamps are integers in nanoseconds.");
+    type.def_property_readonly(
+            "samples", getSamples,
+            "The samples, without a copy: a read-only array of shape (samples, channels) in the\n"
+            "stream's own format and byte order; of shape (samples, channels, 3) and type uint8\n"
+            "for packed 24-bit samples. Raises InvalidArgument if the stream is not PCM.")
+        .def_property_readonly(
+            "data", getData, "The bytes, without a copy: a read-only uint8 array of one dimension.")
+        .def(
+            "to_float",
+            [](const Frame& frame)
+            {
+                const Buffer& data = frame.received.data;
+                return toFloat(getFormat(frame), data.data(), data.size());
+            },
+            "Returns a copy as float32 of shape (samples, channels), full scale at 1. Raises\n"
+            "InvalidArgument if the stream is not PCM.")
+        .def(
+            "to_int32",
+            [](const Frame& frame)
+            {
+                const Buffer& data = frame.received.data;
+                return toInt32(getFormat(frame), data.data(), data.size());
+            },
+            "Returns a copy as int32 of shape (samples, channels), full scale at 2**31: a 24-bit\n"
+            "value is multiplied by 256. Floats are rounded and clipped. Raises InvalidArgument "
+            "if\n"
+            "the stream is not PCM.")
+        .def_property_readonly(
+            "format",
+            [](const Frame& frame)
+            {
+                getFormat(frame);
+                return frame.content->pythonFormat;
+            },
+            "The Format. Raises InvalidArgument if the stream is not PCM.")
+        .def_property_readonly(
+            "codec", [](const Frame& frame) { return frame.content->pythonCodec; },
+            "The Codec; None for PCM.")
+        .def("__repr__", describe);
+    addStamps(type);
+}
+
+} // namespace vlx::python

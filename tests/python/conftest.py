@@ -1,0 +1,84 @@
+"""What all tests of the module share: a base directory and a name of their own, and a check that
+neither a descriptor, a thread nor a file is left."""
+
+import gc
+import itertools
+import os
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+import pytest
+
+import vellox
+
+DEADLINE = 30
+_number = itertools.count()
+
+
+def wait_until(condition):
+    """For what happens at once, except on a machine that is busy."""
+    end = time.monotonic() + DEADLINE
+    while not (result := condition()):
+        assert time.monotonic() < end, "the condition has not come true"
+        time.sleep(0.002)
+    return result
+
+
+def run_vlx(*arguments, **options):
+    return subprocess.Popen([os.environ["VLX_TOOL"], *arguments], **options)
+
+
+def run_python(code, *arguments, **options):
+    command = [sys.executable, "-X", "dev", "-W", "error", "-c", code, *arguments]
+    return subprocess.Popen(command, text=True, **options)
+
+
+def get_holdings():
+    return len(os.listdir("/proc/self/fd")), len(os.listdir("/proc/self/task"))
+
+
+@pytest.fixture(scope="session", autouse=True)
+def libraries():
+    """What libraries open once."""
+    with tempfile.TemporaryDirectory(prefix="py-") as path:
+        name = f"python-{os.getpid()}"
+        with vellox.Producer(name, base_directory=path) as sender:
+            with vellox.Consumer(name, base_directory=path):
+                sender.wait_for_receivers(1, timeout=DEADLINE)
+                sender.acquire(1)
+
+
+@pytest.fixture(autouse=True)
+def directory(monkeypatch, libraries):
+    with tempfile.TemporaryDirectory(prefix="py-") as path:
+        monkeypatch.setenv("TMPDIR", path)
+        before = get_holdings()
+        yield Path(path)
+        gc.collect()
+        wait_until(lambda: all(now <= then for now, then in zip(get_holdings(), before)))
+        assert os.listdir(path) == []
+
+
+@pytest.fixture
+def name():
+    return f"python-{os.getpid()}-{next(_number)}"
+
+
+@pytest.fixture
+def streams(name):
+    """Makes connected pairs."""
+
+    def make(consumer={}, **producer):
+        sender = vellox.Producer(name, **producer)
+        receiver = vellox.Consumer(name, **{"timeout": DEADLINE, **consumer})
+        opened.extend((receiver, sender))
+        sender.wait_for_receivers(1, timeout=DEADLINE)
+        return sender, receiver
+
+    opened = []
+    yield make
+    while opened:
+        opened.pop().close()

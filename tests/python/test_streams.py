@@ -1,0 +1,347 @@
+"""Producer and consumer in one process."""
+
+import array
+import asyncio
+import gc
+import logging
+import os
+import select
+import threading
+import time
+
+import numpy as np
+import pytest
+
+import vellox
+from conftest import DEADLINE, run_python, wait_until
+
+SILENCE = np.zeros((480, 2), np.int16)
+MS = 1_000_000
+
+
+def exchange(sender, receiver, *stamps, **options):
+    """One frame after the other: those of a burst can be lost."""
+    frames = []
+    for stamp in stamps:
+        sender.send(SILENCE, timestamp=stamp, **options)
+        frames.append(receiver.read())
+    return frames
+
+
+
+def test_frames_arrive_as_read_only_views_that_outlive_everything(streams):
+    sender, receiver = streams()
+    sender.send(SILENCE + 7)
+    samples = receiver.read().samples
+    receiver.close()
+    del receiver
+    gc.collect()
+    assert samples.shape == (480, 2)
+    assert samples.dtype == np.int16
+    assert (samples == 7).all()
+    assert np.shares_memory(samples, samples.base.data)
+    with pytest.raises(ValueError):
+        samples[0] = 1
+
+
+@pytest.mark.parametrize(
+    "data", [SILENCE, SILENCE.ravel(), bytes(1920), memoryview(bytes(1920)), bytearray(1920),
+             array.array("h", bytes(1920)), SILENCE.view("<i2")],
+)
+def test_any_buffer_of_whole_samples_is_sent(streams, data):
+    sender, receiver = streams()
+    sender.send(data)
+    assert receiver.read().samples.shape == (480, 2)
+
+
+@pytest.mark.parametrize(
+    "data, error",
+    [
+        (SILENCE.astype(np.float32), "type \"f\" and shape (480, 2)"),
+        (SILENCE.astype(">i2"), "type \">h\""),
+        (SILENCE.astype("u2"), "type \"H\""),
+        (np.zeros((2, 480), np.int16), "shape (2, 480)"),
+        (np.zeros((480, 2, 1), np.int16), "shape (480, 2, 1)"),
+        (np.zeros((480, 4), np.uint8), "shape (480, 4)"),
+        (bytes(1919), "1919 bytes"),
+        (SILENCE[::2], "contiguous"),
+    ],
+)
+def test_anything_else_is_refused(streams, data, error):
+    sender, _ = streams()
+    with pytest.raises(ValueError) as raised:
+        sender.send(data)
+    assert error in str(raised.value)
+
+
+def test_frames_without_stamps_follow_each_other_exactly(streams):
+    sender, receiver = streams(rate=44100)
+    begin = time.monotonic_ns()
+    for _ in range(10):
+        sender.send(SILENCE[:441])
+    assert time.monotonic_ns() - begin >= 90 * MS
+    frames = [receiver.read() for _ in range(10)]
+    steps = {b.timestamp - a.timestamp for a, b in zip(frames, frames[1:]) if b.gap == 0}
+    assert steps == {10 * MS}
+    assert {f.duration for f in frames} == {10 * MS}
+    assert [f.is_first for f in frames] == [True] + 9 * [False]
+    assert frames[0].monotonic_time == frames[0].timestamp
+    assert frames[0].clock == "monotonic"
+    assert frames[0].arrival >= frames[0].timestamp
+    assert receiver.stream_time() >= frames[9].timestamp
+
+
+def test_a_given_stamp_is_sent_at_once_and_shows_gaps(streams):
+    sender, receiver = streams()
+    now = time.monotonic_ns()
+    far = now + 3600 * 1000 * MS
+    frames = exchange(sender, receiver, now, now + 15 * MS, far)
+    assert [f.timestamp for f in frames] == [now, now + 15 * MS, far]
+    assert [f.gap for f in frames[:2]] == [0, 5 * MS]
+    (frame,) = exchange(sender, receiver, 5, duration=7)
+    assert (frame.timestamp, frame.duration) == (5, 7)
+
+
+def test_late_frames_are_counted_and_begin_anew_after_a_long_delay(streams):
+    sender, receiver = streams()
+
+    def is_kept():
+        begin = time.monotonic_ns() - 100 * MS
+        frames = exchange(sender, receiver, begin, None)
+        return frames[1].timestamp == begin + 10 * MS
+
+    wait_until(is_kept)  # a busy machine may take long
+    late = sender.statistics.late
+    assert late > 0
+    now = time.monotonic_ns()
+    assert exchange(sender, receiver, now - 5000 * MS, None)[1].timestamp > now
+    assert sender.statistics.late == late + 1
+    assert sender.statistics.bytes == sender.statistics.frames * 1920
+
+
+@pytest.mark.parametrize("carriage", ["inline", "shared", "automatic"])
+def test_acquired_memory_is_filled_and_sent(streams, name, carriage):
+    sender, receiver = streams(format="S24LE", carriage=carriage, frame_bytes=480 * 6)
+    block = sender.acquire(480)
+    assert block.shape == (480, 2, 3)
+    block[...] = 5
+    sender.send(block)
+    assert (receiver.read().samples == 5).all()
+    assert vellox.probe(name).shared == (carriage == "shared")
+
+
+def test_other_codecs_travel_as_bytes(streams):
+    sender, receiver = streams(consumer={"raw": True}, fourcc="MJPG", header=b"\1caps")
+    memory = sender.acquire(5)
+    memory[:] = 1
+    sender.send(memory, timestamp=9, duration=3)
+    frame = receiver.read()
+    assert frame.codec == vellox.Codec("MJPG", b"\1caps")
+    assert frame.data.tobytes() == b"\1" * 5
+    assert (frame.timestamp, frame.duration) == (9, 3)
+    for access in (lambda: frame.samples, lambda: frame.format, frame.to_float):
+        with pytest.raises(vellox.InvalidArgument):
+            access()
+
+
+def test_a_codec_that_is_not_asked_for_cannot_be_played(name):
+    with vellox.Producer(name, fourcc="MJPG"), vellox.Consumer(name) as receiver:
+        with pytest.raises(vellox.CannotPlay, match="MJPG"):
+            receiver.read(DEADLINE)
+        assert "cannot play" in [event.kind for event in receiver.events()]
+
+
+def test_pcm_of_a_raw_consumer_has_samples(streams):
+    sender, receiver = streams(consumer={"raw": True})
+    sender.send(SILENCE)
+    assert receiver.read().codec is None
+
+
+def test_errors_have_classes(name):
+    with vellox.Producer(name):
+        with pytest.raises(vellox.NameTaken, match=name):
+            vellox.Producer(name)
+        with vellox.Producer(name, alternative_name=f"{name}-2") as other:
+            assert other.name == f"{name}-2"
+    for make in (
+        lambda: vellox.Producer(""),
+        lambda: vellox.Producer(name, format="S17LE"),
+        lambda: vellox.Producer(name, channels=0),
+        lambda: vellox.Producer(name, carriage="pigeon"),
+        lambda: vellox.Producer(name, fourcc="MJPEG"),
+        lambda: vellox.Consumer(name, timeout=-1),
+        lambda: vellox.Consumer(108 * "x"),
+    ):
+        with pytest.raises(vellox.InvalidArgument):
+            make()
+    with pytest.raises(vellox.Error) as raised:
+        vellox.Consumer(name, base_directory="/does/not/exist")
+    assert raised.value.code == "no directory"
+
+
+def test_waiting_ends(name):
+    with vellox.Producer(name) as sender, vellox.Consumer(name, timeout=0.01) as receiver:
+        with pytest.raises(TimeoutError):
+            receiver.read()
+        with pytest.raises(vellox.TimedOut):
+            next(receiver)
+        with pytest.raises(vellox.TimedOut):
+            sender.wait_for_receivers(2, timeout=0.01)
+    with pytest.raises(vellox.Closed):
+        receiver.read()
+    with pytest.raises(vellox.Closed):
+        sender.send(SILENCE)
+    assert list(receiver) == []
+    assert "closed" in repr(receiver) and "closed" in repr(sender)
+
+
+def test_another_thread_closes_what_waits(name):
+    sender = vellox.Producer(name)
+    receiver = vellox.Consumer(name)
+    frames = []
+    waits = (
+        lambda: frames.extend(receiver),
+        lambda: pytest.raises(vellox.Closed, sender.wait_for_receivers, 9),
+    )
+    threads = [threading.Thread(target=wait) for wait in waits]
+    for thread in threads:
+        thread.start()
+    receiver.close()
+    sender.close()
+    for thread in threads:
+        thread.join(DEADLINE)
+        assert not thread.is_alive()
+
+
+def test_full_queue_drops_the_oldest_and_counts(streams):
+    sender, receiver = streams(consumer={"max_queue": 1e-9})
+    for i in range(3):
+        sender.send(SILENCE + i)
+        wait_until(lambda: receiver.statistics.frames == i + 1)
+    frame = receiver.read()
+    assert frame.samples[0, 0] == 2
+    assert frame.dropped == receiver.statistics.dropped == 2
+
+
+def test_events_tell_what_happened(streams):
+    sender, receiver = streams()
+    sender.send(SILENCE)
+    receiver.read()
+    sender.close()
+    kinds = []
+    wait_until(lambda: kinds.extend(e.kind for e in receiver.events()) or len(kinds) == 2)
+    assert kinds == ["joined", "lost"]
+    assert receiver.events() == []
+
+
+def test_a_sender_of_another_user_is_not_joined(name, caplog):
+    with vellox.Producer(name), vellox.Consumer(name, sender_user=os.getuid() + 1) as receiver:
+        wait_until(lambda: any(e.kind == "not a sender" for e in receiver.events()))
+        with pytest.raises(vellox.TimedOut):
+            receiver.read(0.01)
+    assert name in caplog.text
+
+
+def test_senders_are_listed_and_probed(streams, name):
+    streams(format="F32BE", rate=44100, channels=1)
+    (sender,) = [s for s in vellox.senders() if s.name == name]
+    assert (sender.process, sender.user) == (os.getpid(), os.getuid())
+    found = vellox.probe(name)
+    assert found.format == vellox.Format("F32BE", 44100, 1)
+    assert (found.clock, found.answered, found.may_join) == ("monotonic", True, True)
+    assert str(found.format) == "F32BE, 44100 Hz, 1 channel"
+    assert vellox.probe(f"{name}-2") is None
+
+
+def test_the_log_goes_to_python(name, caplog):
+    caplog.set_level(logging.DEBUG, "vellox")
+    with vellox.Producer(name), vellox.Consumer(name) as receiver:
+        with pytest.raises(vellox.TimedOut):
+            receiver.read(0.01)
+    record = caplog.records[0]
+    assert record.name == "vellox"
+    assert record.pathname.endswith(".cpp")
+
+
+def test_a_descriptor_is_readable_while_a_frame_waits(streams):
+    sender, receiver = streams()
+    sender.send(SILENCE)
+    assert select.select([receiver], [], [], DEADLINE)[0] == [receiver]
+    receiver.read()
+    assert select.select([receiver], [], [], 0)[0] == []
+
+
+def test_a_task_receives_while_others_run(streams):
+    sender, receiver = streams()
+    received = []
+
+    async def receive():
+        async for frame in receiver:
+            received.append(frame)
+            if len(received) == 3:
+                receiver.close()
+
+    async def send():
+        for _ in range(3):
+            sender.send(SILENCE, timestamp=time.monotonic_ns())
+            await asyncio.sleep(0.001)
+
+    async def both():
+        await asyncio.wait_for(asyncio.gather(receive(), send()), DEADLINE)
+
+    asyncio.run(both())
+    assert len(received) == 3
+
+
+def test_a_task_that_waits_too_long_times_out(name):
+    async def receive():
+        async for _ in vellox.Consumer(name, timeout=0.01):
+            pass
+
+    with pytest.raises(vellox.TimedOut):
+        asyncio.run(receive())
+
+
+SENDER = """
+import sys, vellox
+with vellox.Producer(sys.argv[1]) as sender:
+    while True:
+        sender.send(bytes(1920))
+"""
+
+
+def test_iteration_goes_on_after_the_sender_was_killed(name, directory):
+    sender = run_python(SENDER, name)
+    first = 0
+    for frame in vellox.Consumer(name, timeout=DEADLINE):
+        first += frame.is_first
+        if first == 1 and sender.poll() is None:
+            sender.kill()
+            sender.wait()
+            sender = run_python(SENDER, name)
+        elif first == 2:
+            break
+    sender.terminate()
+    sender.wait()
+    for path in directory.glob("*/*"):
+        path.unlink()
+    for path in directory.iterdir():
+        path.rmdir()
+
+
+def test_many_objects_leave_nothing(name):
+    for _ in range(15):
+        sender, receiver = vellox.Producer(name), vellox.Consumer(name)
+        sender.cycle, receiver.cycle = receiver, sender
+        del sender, receiver
+        gc.collect()
+
+
+def test_every_public_name_is_explained():
+    for public in vellox.__all__:
+        thing = getattr(vellox, public)
+        assert thing.__doc__, public
+        if not isinstance(thing, type):
+            continue
+        for member, value in vars(thing).items():
+            assert member.startswith("_") or value.__doc__, f"{public}.{member}"
