@@ -99,6 +99,7 @@ struct Board
     Number failures; // the consumer could not go on, and tries again
     Number logLines;
     Number errorLines;
+    Number last;        // frame of the producer, counted by it from 1
     Number missing;     // between two frames, by their times
     Number overwritten; // in shared memory
     Number mixed;       // not filled with their own numbers
@@ -302,6 +303,7 @@ struct Receipt
                 board.bursts[number] = {lastTimestamp, lastArrival, frame.arrival, count};
         }
         last = tag;
+        board.last = tag.index + 1;
         lastTimestamp = frame.timestamp;
         lastArrival = frame.arrival;
         board.addFrame(frame.arrival - frame.timestamp);

@@ -30,7 +30,7 @@ class Board(ctypes.Structure):
 
     _fields_ = [(name, ctypes.c_uint64) for name in (
         "go stop ready frames lost num_bursts incarnation incarnation_since joins sequences stalls "
-        "failures log_lines error_lines missing overwritten mixed clock_offset").split()] + [
+        "failures log_lines error_lines last missing overwritten mixed clock_offset").split()] + [
             ("bursts", ctypes.c_uint64 * 4 * MAX_BURSTS), ("ring", ctypes.c_uint64 * NUM_TIMES)]
 
     def times(self, first: int = 0) -> list[float]:
