@@ -10,10 +10,12 @@ extern "C"
         return "print_suppressions=0";
     }
 
-    // nanomsg does not release an endpoint whose bind has failed.
+    // nanomsg does not release an endpoint whose bind has failed. log4cplus sometimes does not
+    // release a thread's data if the thread, such as one of GLib's pool, ends with the process.
     VLX_API const char* __lsan_default_suppressions()
     {
-        return "leak:nn_bipc_create\n";
+        return "leak:nn_bipc_create\n"
+               "leak:log4cplus::internal::alloc_ptd\n";
     }
 
     VLX_API const char* __tsan_default_options()
