@@ -47,12 +47,6 @@ json readLastLine(const ToolProcess& process)
     return lines.empty() ? json::object() : json::parse(lines.back(), nullptr, false);
 }
 
-std::string readText(const std::string& path)
-{
-    std::ifstream stream(path);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
 bool contains(const std::string& text, const std::string& part)
 {
     return text.find(part) != std::string::npos;
@@ -156,10 +150,8 @@ protected:
     /// @return what "list --json" tells of this test's senders
     json listOwn() const
     {
-        ToolProcess list({"list", "--json"});
-        EXPECT_EQ(list.wait(), 0);
         json own = json::array();
-        for (const json& sender : json::parse(list.getOutput(), nullptr, false))
+        for (const json& sender : json::parse(runTool({"list", "--json"}).output, nullptr, false))
         {
             if (sender["name"].get<std::string>().starts_with(getSocketName()))
                 own.push_back(sender);
@@ -210,55 +202,6 @@ protected:
     }
 };
 
-TEST_F(LookTest, ListNamesTheLivingAndClearsUpAfterTheDead)
-{
-    if (!runsAlone())
-        return;
-    constexpr std::size_t NumSenders = 20;
-    constexpr std::size_t NumKilled = 5;
-    std::vector<std::unique_ptr<ToolProcess>> senders;
-    for (std::size_t i = 0; i < NumSenders; ++i)
-        senders.push_back(std::make_unique<ToolProcess>(std::vector<std::string>{
-            "send", "-s", getSocketName() + "-" + std::to_string(i), "--silence", "--protocol",
-            i % 2 == 0 ? "pubsub" : "pipeline", "-q"}));
-    EXPECT_TRUE(waitFor([&] { return listOwn().size() == NumSenders; }));
-    EXPECT_EQ(listTempDirectory().size(), NumSenders + 1); // and the fixture's
-
-    for (std::size_t i = 0; i < NumKilled; ++i)
-    {
-        senders[i]->signal(SIGKILL);
-        EXPECT_EQ(senders[i]->wait(), 128 + SIGKILL);
-    }
-    EXPECT_EQ(listOwn().size(), NumSenders - NumKilled);
-
-    // Young ones are kept, since their senders may be about to open; those of living ones always.
-    ToolProcess early({"list", "--clean"});
-    EXPECT_EQ(early.wait(), 0);
-    EXPECT_EQ(early.getOutput(), "");
-    EXPECT_NE(early.getErrors().find("younger"), std::string::npos);
-    for (const std::string& name : listTempDirectory())
-        fs::last_write_time(
-            getTempDirectory() + "/" + name,
-            fs::file_time_type::clock::now() - std::chrono::minutes(2));
-    std::size_t numRemoved = 0;
-    const auto areAllRemoved = [&]
-    {
-        // Does nothing while there is any sender on the machine that does not answer.
-        ToolProcess clean({"list", "--clean"});
-        EXPECT_EQ(clean.wait(), 0);
-        const auto lines = splitLines(clean.getOutput());
-        for (const std::string& line : lines)
-            EXPECT_TRUE(line.starts_with("removed " + getTempDirectory() + "/VlxSender-")) << line;
-        numRemoved += lines.size();
-        return numRemoved >= NumKilled;
-    };
-    EXPECT_TRUE(waitFor(areAllRemoved));
-    EXPECT_EQ(numRemoved, NumKilled);
-    EXPECT_EQ(listTempDirectory().size(), NumSenders - NumKilled + 1);
-    for (std::size_t i = NumKilled; i < NumSenders; ++i)
-        EXPECT_EQ(senders[i]->stop(), 128 + SIGTERM);
-}
-
 TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
 {
     const std::string evil = getSocketName() + "\t\x1b[2J\xff\u0085\u202e\u200b";
@@ -281,46 +224,36 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
         EXPECT_EQ(sender.contains("shared_memory"), !isSecond);
     }
     EXPECT_TRUE(waitFor(
-        [&]
-        {
-            ToolProcess look({"info", evil});
-            return look.wait() == 0 && contains(look.getOutput(), "memory     /dev/shm/vlx-");
+        [&] {
+            return contains(runTool({"info", evil}).output, "memory     /dev/shm/vlx-");
         }));
     for (const std::vector<std::string>& arguments :
          {std::vector<std::string>{"list"}, {"info", evil}})
     {
-        ToolProcess look(arguments);
-        EXPECT_EQ(look.wait(), 0);
-        const std::string text = look.getOutput();
-        EXPECT_TRUE(contains(text, getSocketName() + "\\x09\\x1b[2J\\xff\\xc2\\x85\\xe2\\x80\\xae"))
-            << text;
-        EXPECT_TRUE(contains(text, "F32LE 44100 Hz 1ch")) << text;
+        const std::string text = runTool(arguments).output;
+        EXPECT_THAT(
+            text, HasSubstr(getSocketName() + "\\x09\\x1b[2J\\xff\\xc2\\x85\\xe2\\x80\\xae"));
+        EXPECT_THAT(text, HasSubstr("F32LE 44100 Hz 1ch"));
         EXPECT_FALSE(contains(text, "\x1b") || contains(text, "\u202e")) << text;
     }
-    ToolProcess info({"info", getSocketName()});
-    EXPECT_EQ(info.wait(), 0);
-    EXPECT_TRUE(contains(info.getOutput(), "gstnetclock 127.0.0.1:")) << info.getOutput();
+    EXPECT_THAT(runTool({"info", getSocketName()}).output, HasSubstr("gstnetclock 127.0.0.1:"));
 
     if (const auto other = letAnotherUserIn())
     {
-        ToolProcess foreign({"info", evil}, *other);
-        EXPECT_EQ(foreign.wait(), 0);
-        EXPECT_TRUE(contains(foreign.getOutput(), "--socket-mode group or all"));
+        EXPECT_THAT(
+            runTool({"info", evil}, 0, *other).output, HasSubstr("--socket-mode group or all"));
     }
 
     expectRefusal({"info", getSocketName() + "-none"}, 3, "no sender");
 
     // One that is stopped does not answer: the wait for it can be ended.
     second.signal(SIGSTOP);
-    ToolProcess brief({"info", getSocketName(), "--timeout", "200ms"});
-    EXPECT_EQ(brief.wait(), 3);
+    runTool({"info", getSocketName(), "--timeout", "200ms"}, 3);
     ToolProcess patient({"info", getSocketName(), "--timeout", "1h"});
     EXPECT_EQ(patient.wait(std::chrono::seconds(1)), std::nullopt);
     patient.signal(SIGINT);
     EXPECT_EQ(patient.wait(), 128 + SIGINT);
     second.signal(SIGCONT);
-    EXPECT_EQ(first.stop(), 128 + SIGTERM);
-    EXPECT_EQ(second.stop(), 128 + SIGTERM);
 }
 
 TEST_F(LookTest, ListTellsOfOtherUsersAndCleanWhatItCannotRemove)
@@ -333,44 +266,41 @@ TEST_F(LookTest, ListTellsOfOtherUsersAndCleanWhatItCannotRemove)
     const std::string userName = listOwn().at(0)["user_name"];
     EXPECT_NE(userName, std::to_string(::geteuid()));
     EXPECT_EQ(kit::findUser(userName), ::geteuid());
+    EXPECT_THAT(runTool({"-q", "list"}).output, HasSubstr(getSocketName()));
 
-    ToolProcess quiet({"-q", "list"});
-    EXPECT_EQ(quiet.wait(), 0);
-    EXPECT_TRUE(contains(quiet.getOutput(), getSocketName())) << quiet.getErrors();
-
+    const auto makeOld = [](const fs::path& path)
+    {
+        const auto old = fs::file_time_type::clock::now() - std::chrono::minutes(2);
+        fs::last_write_time(path, old);
+    };
     const fs::path full = fs::path(getTempDirectory()) / "VlxSender-abcdef";
+    const fs::path dead = fs::path(getTempDirectory()) / "VlxSender-ghijkl";
     fs::create_directories(full / "by another program");
-    const auto old = fs::file_time_type::clock::now() - std::chrono::minutes(2);
-    fs::last_write_time(full, old);
-    ToolProcess clean({"list", "--clean"});
-    EXPECT_EQ(clean.wait(), 1);
-    EXPECT_TRUE(contains(clean.getErrors(), full.string() + ": ")) << clean.getErrors();
-    EXPECT_EQ(clean.getOutput(), "");
+    fs::create_directory(dead);
+    for (const fs::path& path : {full, dead})
+        makeOld(path);
+    const ToolText clean = runTool({"list", "--clean"}, 1);
+    EXPECT_THAT(clean.errors, HasSubstr(full.string() + ": "));
+    EXPECT_EQ(clean.output, "removed " + dead.string() + "\n");
 
     // A directory may be that of a sender that does not answer.
     ToolProcess mute(
         {"send", "-s", getSocketName() + "-mute", "--silence", "--protocol", "pipeline"});
     waitForSender(getSocketName() + "-mute");
     mute.signal(SIGSTOP);
-    ToolProcess doubting({"list", "--clean"});
-    EXPECT_EQ(doubting.wait(), 0);
-    EXPECT_TRUE(contains(doubting.getErrors(), "kept: 1 whose user")) << doubting.getErrors();
-    EXPECT_TRUE(contains(doubting.getErrors(), "2 younger than a minute"));
+    const std::string doubts = runTool({"list", "--clean"}).errors;
+    EXPECT_THAT(doubts, HasSubstr("kept: 1 whose user"));
+    EXPECT_THAT(doubts, HasSubstr("2 younger than a minute"));
     mute.signal(SIGCONT);
     EXPECT_EQ(mute.stop(), 128 + SIGTERM);
     fs::remove_all(full);
 
     const auto other = letAnotherUserIn();
     if (!other)
-    {
-        EXPECT_EQ(sender.stop(), 128 + SIGTERM);
         GTEST_SKIP() << "only root can run the tool as another user";
-    }
-    ToolProcess foreign({"list"}, *other);
-    EXPECT_EQ(foreign.wait(), 0);
-    EXPECT_TRUE(contains(foreign.getErrors(), "other users' senders")) << foreign.getErrors();
-    EXPECT_FALSE(contains(foreign.getErrors(), "no sender on this machine"));
-    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+    const std::string errors = runTool({"list"}, 0, *other).errors;
+    EXPECT_THAT(errors, HasSubstr("other users' senders"));
+    EXPECT_THAT(errors, Not(HasSubstr("no sender on this machine")));
 }
 
 TEST_F(LookTest, OnlyTheSenderOfTheGivenUserIsJoined)
@@ -383,15 +313,12 @@ TEST_F(LookTest, OnlyTheSenderOfTheGivenUserIsJoined)
     {
         auto ofOwn = arguments;
         ofOwn.insert(ofOwn.end(), {"--sender-user", own, "-d", "100ms", "--timeout", "9s"});
-        ToolProcess accepting(ofOwn);
-        EXPECT_EQ(accepting.wait(), 0) << accepting.getErrors();
+        runTool(ofOwn);
         fs::remove(file("a.wav")); // would be refused
         auto ofOther = arguments;
         ofOther.insert(ofOther.end(), {"--sender-user", other, "--timeout", "500ms"});
-        ToolProcess refusing(ofOther);
-        EXPECT_EQ(refusing.wait(), 3) << refusing.getErrors();
+        runTool(ofOther, 3);
     }
-    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
 }
 
 TEST_F(LookTest, CompletionsOfferStreamsWithPlainNames)
@@ -407,16 +334,11 @@ TEST_F(LookTest, CompletionsOfferStreamsWithPlainNames)
     {
         std::vector<std::string> words = arguments;
         words.insert(words.begin(), "--complete");
-        ToolProcess completion(words);
-        EXPECT_EQ(completion.wait(), 0);
-        EXPECT_TRUE(contains(completion.getOutput(), plain + "\t")) << completion.getOutput();
-        EXPECT_FALSE(contains(completion.getOutput(), "touch")) << completion.getOutput();
+        const std::string output = runTool(words).output;
+        EXPECT_THAT(output, HasSubstr(plain + "\t"));
+        EXPECT_THAT(output, Not(HasSubstr("touch")));
     }
-    ToolProcess sending({"--complete", "send", "-s", ""});
-    EXPECT_EQ(sending.wait(), 0);
-    EXPECT_EQ(sending.getOutput(), "") << "their names are taken";
-    EXPECT_EQ(first.stop(), 128 + SIGTERM);
-    EXPECT_EQ(second.stop(), 128 + SIGTERM);
+    EXPECT_EQ(runTool({"--complete", "send", "-s", ""}).output, "") << "their names are taken";
 }
 
 TEST_F(LookTest, AReaderThatHasEnoughEndsTheMonitorQuietly)
@@ -429,13 +351,13 @@ TEST_F(LookTest, AReaderThatHasEnoughEndsTheMonitorQuietly)
                                  file("errors") + " | true; exit ${PIPESTATUS[0]}";
         const int status = std::system(("bash -c '" + line + "'").c_str());
         EXPECT_EQ(WEXITSTATUS(status), 0) << command;
-        EXPECT_FALSE(contains(readText(file("errors")), "cannot")) << readText(file("errors"));
+        EXPECT_THAT(readText(file("errors")), Not(HasSubstr("cannot")));
     }
 
-    ToolProcess twice({"monitor", getSocketName(), getSocketName(), "--json", "-d", "100ms", "-q"});
-    EXPECT_EQ(twice.wait(), 0);
-    EXPECT_EQ(countLines(twice.getOutput()), 1U) << twice.getOutput();
-    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+    const std::string once =
+        runTool({"monitor", getSocketName(), getSocketName(), "--json", "-d", "100ms", "-q"})
+            .output;
+    EXPECT_EQ(countLines(once), 1U) << once;
 }
 
 TEST_F(LookTest, AServedClockIsNotServedTwiceAndJunkKeepsNobodyOut)
@@ -466,13 +388,13 @@ TEST_F(LookTest, AServedClockIsNotServedTwiceAndJunkKeepsNobodyOut)
             }
         });
     ToolProcess watch({"clock", "watch", address, port, "-d", "1h"});
-    EXPECT_TRUE(waitFor([&] { return contains(watch.getErrors(), "synchronised"); }));
-    EXPECT_TRUE(waitFor([&] { return contains(provider.getErrors(), "under load"); }));
+    EXPECT_TRUE(waitForText(watch, "synchronised"));
+    EXPECT_TRUE(waitForText(provider, "under load"));
     // Said once, however long it takes.
     EXPECT_TRUE(waitFor([&] { return countLines(watch.getOutput()) >= 2; }));
     keepRunning = false;
     flood.join();
-    EXPECT_TRUE(waitFor([&] { return contains(provider.getErrors(), "no longer"); }));
+    EXPECT_TRUE(waitForText(provider, "no longer"));
     EXPECT_EQ(countLines(provider.getErrors()), 2U) << provider.getErrors();
 }
 
@@ -482,23 +404,19 @@ TEST_F(LookTest, WhatAnImpostorAnnouncesHarmsNoTerminal)
     const Buffer announcement = makeSidechannelMessage(makeInitialInfo(
         "ipc:///VlxSender-\nvlx: \x1b[2J\u202e\xff" + std::string(5000, 'x'),
         NanomsgProtocol::PubSub));
-    const auto runBesideImpostor = [&](const std::vector<std::string>& arguments)
-    {
-        ToolProcess process(arguments);
-        while (!process.wait(std::chrono::milliseconds(1)))
-            impostor.accept(std::chrono::milliseconds(20)).send(announcement);
-        return process.getOutput() + process.getErrors();
-    };
     for (const std::vector<std::string>& arguments :
          {receive({file("a.wav"), "-vv", "--timeout", "1s"}),
           {"monitor", getSocketName(), "-d", "1s"},
           {"info", getSocketName()},
           {"info", "--json", getSocketName()}})
     {
-        const std::string text = runBesideImpostor(arguments);
-        EXPECT_TRUE(contains(text, "1b[2J")) << text;
+        ToolProcess process(arguments);
+        while (!process.wait(std::chrono::milliseconds(1)))
+            impostor.accept(std::chrono::milliseconds(20)).send(announcement);
+        const std::string text = process.getOutput() + process.getErrors();
+        EXPECT_THAT(text, HasSubstr("1b[2J"));
         EXPECT_FALSE(contains(text, "\x1b") || contains(text, "\u202e")) << text;
-        EXPECT_FALSE(contains(text, "\nvlx: \\x1b")) << text;
+        EXPECT_THAT(text, Not(HasSubstr("\nvlx: \\x1b")));
     }
 }
 
@@ -510,13 +428,11 @@ TEST_F(LookTest, MonitorSurvivesItsSender)
     {
         ToolProcess sender(send({"--tone", "440"}));
         waitForStream(monitor, 2, 48000, 0);
-        sender.signal(SIGKILL);
+        sender.kill();
         waitForLine(monitor, std::not_fn(isRunning), "killed");
     }
     ToolProcess sender(send({"--tone", "440", "-f", "F32LE", "-r", "44.1k", "-c", "3"}));
     waitForStream(monitor, 3, 44100, 1);
-    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
-    EXPECT_EQ(monitor.stop(), 128 + SIGTERM);
 }
 
 TEST_F(LookTest, MonitorWithoutNamesJoinsAllButPipelines)
@@ -543,11 +459,8 @@ TEST_F(LookTest, MonitorWithoutNamesJoinsAllButPipelines)
     EXPECT_TRUE(waitFor([&] { return readLatest(film)["state"] == "pipeline, not joined"; }));
     EXPECT_EQ(readLatest(film)["channels"], 1);
     waitForLine(named, isRunning, "its only receiver");
-    EXPECT_EQ(named.stop(), 128 + SIGTERM);
     EXPECT_EQ(single.stop(), 128 + SIGTERM);
-    EXPECT_TRUE(waitFor([&] { return contains(monitor.getErrors(), film + ": gone\n"); }));
-    EXPECT_EQ(shared.stop(), 128 + SIGTERM);
-    EXPECT_EQ(monitor.stop(), 128 + SIGTERM);
+    EXPECT_TRUE(waitForText(monitor, film + ": gone\n"));
 }
 
 TEST_F(LookTest, MonitorWithoutNamesShowsStreamsAsTheyComeAndGo)
@@ -604,7 +517,6 @@ TEST_F(LookTest, MonitorsIntervalsAddUpAndItsMetricsAreWhole)
     EXPECT_EQ(frames, readLastLine(monitor)["total_frames"]);
     EXPECT_LT(
         seconds, std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
-    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
 }
 
 TEST_F(LookTest, MonitorEndsAfterItsDurationOrTimeout)
@@ -613,7 +525,7 @@ TEST_F(LookTest, MonitorEndsAfterItsDurationOrTimeout)
     ToolProcess impatient({"monitor", getSocketName(), "--timeout", "500ms"});
     EXPECT_EQ(brief.wait(), 0);
     EXPECT_EQ(countLines(brief.getOutput()), 1U);
-    EXPECT_TRUE(contains(brief.getOutput(), getSocketName() + ": "));
+    EXPECT_THAT(brief.getOutput(), HasSubstr(getSocketName() + ": "));
     EXPECT_EQ(impatient.wait(), 3);
 }
 
@@ -638,7 +550,6 @@ TEST_F(LookTest, MonitorFitsItsTerminal)
     for (const std::string& line : splitLines(plain))
         EXPECT_LE(line.size() - static_cast<std::size_t>(line.ends_with('\r')), 80U) << line;
     EXPECT_TRUE(contains(monitor.read(), "\x1b[32m") || contains(monitor.read(), "\x1b[33m"));
-    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
 }
 
 TEST_F(LookTest, AProvidersAbsenceIsShown)
@@ -656,7 +567,7 @@ TEST_F(LookTest, AProvidersAbsenceIsShown)
     provider.stop();
     auto impatient = arguments;
     impatient.insert(impatient.end(), {"--timeout", "200ms"});
-    EXPECT_EQ(ToolProcess(impatient).wait(), 3);
+    runTool(impatient, 3);
     watch.shows("clock watch: synchronisation lost");
     for (TerminalRun* const run : {&watch, &monitor})
         run->shows("not synchronised");
@@ -664,7 +575,6 @@ TEST_F(LookTest, AProvidersAbsenceIsShown)
     watch.shows("clock watch: synchronisation regained");
     for (TerminalRun* const run : {&watch, &monitor})
         run->shows("synchronised, offset ");
-    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
 }
 
 TEST_F(LookTest, AClocksOffsetIsToTheMonotonicClock)
@@ -693,7 +603,6 @@ TEST_F(LookTest, AClocksOffsetIsToTheMonotonicClock)
         EXPECT_TRUE(waitFor(isExact)) << line;
         EXPECT_EQ(line["synchronized"], true);
         EXPECT_GT(line["round_trip_ns"], 0);
-        EXPECT_EQ(watch.stop(), 128 + SIGTERM);
     }
 }
 
@@ -701,9 +610,7 @@ TEST_F(LookTest, CheckSaysWhatIsWrong)
 {
     ToolSettings bad;
     bad.tempDirectory = file("none");
-    ToolProcess unfit({"check"}, bad);
-    EXPECT_EQ(unfit.wait(), 1);
-    EXPECT_TRUE(unfit.getOutput().starts_with("FAIL  base directory")) << unfit.getOutput();
+    EXPECT_THAT(runTool({"check"}, 1, bad).output, StartsWith("FAIL  base directory"));
 
     // Another user that has taken the names to come, by the number of the process.
     std::vector<std::unique_ptr<RawSidechannelServer>> impostors;
@@ -718,7 +625,7 @@ TEST_F(LookTest, CheckSaysWhatIsWrong)
     const auto code = check.wait();
     const std::string text = check.getOutput();
     EXPECT_EQ(countLines(text), 5U) << text;
-    EXPECT_TRUE(contains(text, " of 500 frames lost")) << text;
+    EXPECT_THAT(text, HasSubstr(" of 500 frames lost"));
     EXPECT_EQ(code, contains(text, "FAIL") ? 1 : 0) << text; // a busy machine is not fit
 }
 

@@ -22,6 +22,9 @@ namespace vlx::testing
 
 namespace fs = std::filesystem;
 using nlohmann::json;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
 
 constexpr int Rate = 48000;
 constexpr sf_count_t SourceSamples = Rate / 10;
@@ -70,10 +73,15 @@ inline void writeNoise(const std::string& path, int format, int channels)
     ASSERT_EQ(::sf_close(file), 0);
 }
 
+inline std::string readText(const std::string& path)
+{
+    std::ifstream stream(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
 inline json readJson(const std::string& path)
 {
-    std::ifstream stream(path);
-    return json::parse(stream, nullptr, false);
+    return json::parse(readText(path), nullptr, false);
 }
 
 /// A codec that the tool does not know.
@@ -130,12 +138,10 @@ protected:
         const ToolSettings& settings = {})
     {
         SCOPED_TRACE(message);
-        ToolProcess process(arguments, settings);
-        EXPECT_EQ(process.wait(), code);
-        const std::string errors = process.getErrors();
-        EXPECT_NE(errors.find(message), std::string::npos) << errors;
+        const auto [output, errors] = runTool(arguments, code, settings);
+        EXPECT_THAT(errors, HasSubstr(message));
         EXPECT_EQ(countLines(errors), 1U) << errors;
-        EXPECT_EQ(process.getOutput(), "");
+        EXPECT_EQ(output, "");
     }
 
     /// Opens the test's directories to another user.
@@ -162,6 +168,12 @@ protected:
             getSocketName(), {}, {}, 0, TimeSyncProtocol::MonotonicSystemClock, protocol));
         sender.setCurrentPayloader(payloader);
         sender.startNewSequence();
+    }
+
+    /// Waits until the tool has printed a text on standard error.
+    static bool waitForText(const ToolProcess& process, const std::string& text)
+    {
+        return waitFor([&] { return process.getErrors().find(text) != std::string::npos; });
     }
 
     /// Waits until a recording has grown to so many bytes.

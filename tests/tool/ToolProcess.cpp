@@ -86,13 +86,20 @@ ToolProcess::~ToolProcess()
 {
     if (m_exitCode || m_pid <= 0)
         return;
-    ::kill(m_pid, SIGKILL);
-    ::waitpid(m_pid, nullptr, 0);
+    EXPECT_EQ(stop(), 128 + SIGTERM) << getErrors();
+    if (!m_exitCode)
+        kill();
 }
 
 void ToolProcess::signal(int number) const
 {
     ::kill(m_pid, number);
+}
+
+void ToolProcess::kill()
+{
+    signal(SIGKILL);
+    EXPECT_EQ(wait(), 128 + SIGKILL);
 }
 
 std::optional<int> ToolProcess::wait(std::chrono::milliseconds deadline)
@@ -117,6 +124,13 @@ std::string ToolProcess::getOutput() const
 std::string ToolProcess::getErrors() const
 {
     return readAll(m_errors.get());
+}
+
+ToolText runTool(const std::vector<std::string>& arguments, int code, const ToolSettings& settings)
+{
+    ToolProcess process(arguments, settings);
+    EXPECT_EQ(process.wait(), code) << process.getErrors();
+    return {process.getOutput(), process.getErrors()};
 }
 
 std::size_t countLines(const std::string& text)

@@ -24,7 +24,7 @@ struct ToolSettings
     std::vector<int> closed;                  ///< of descriptors 0 to 2
 };
 
-/// One run of the tool. Kills it at the end if it still runs.
+/// One run of the tool. One that still runs at the end is stopped, and must stop cleanly.
 class ToolProcess
 {
 public:
@@ -35,6 +35,9 @@ public:
     ToolProcess& operator=(const ToolProcess&) = delete;
 
     void signal(int number) const;
+
+    /// Ends it as a crash would.
+    void kill();
 
     /// @return the exit code as a shell sees it, so 128 + n after signal n; nothing at the deadline
     std::optional<int> wait(std::chrono::milliseconds deadline = DefaultDeadline);
@@ -61,6 +64,17 @@ private:
     pid_t m_pid = -1;
     std::optional<int> m_exitCode;
 };
+
+/// What a run of the tool has printed.
+struct ToolText
+{
+    std::string output; ///< to standard output
+    std::string errors; ///< to standard error
+};
+
+/// Runs the tool to its end, which must have this exit code.
+ToolText
+runTool(const std::vector<std::string>& arguments, int code = 0, const ToolSettings& settings = {});
 
 /// @return the number of lines in a text
 std::size_t countLines(const std::string& text);
