@@ -779,8 +779,6 @@ TEST_F(ConsumerTest, AForkedCopyEndsAndTheOriginalGoesOn)
             << i;
     }
     EXPECT_EQ(numEvents, 1) << "joined, and never lost";
-    consumer->stop();
-    waiting->stop();
 }
 
 TEST_F(ConsumerTest, StopsPromptlyInEachState)
@@ -818,7 +816,6 @@ TEST_F(ConsumerTest, StopsPromptlyInEachState)
     log().clear();
     ASSERT_TRUE(consumer.start());
     ASSERT_TRUE(log().waitFor(DebugLog("Receiver shut down")));
-    consumer.stop("being restarted");
 }
 
 TEST_F(ConsumerTest, CanBeAskedToStopFromACallback)
@@ -882,7 +879,6 @@ TEST_F(ConsumerTest, TakesADirectoryOfItsOwn)
         EXPECT_EQ(consumer.start().getText(), "");
         std::filesystem::current_path(former);
         EXPECT_TRUE(log().waitFor(DebugLog("Opened " + directory)));
-        consumer.stop("own directory");
     }
     EXPECT_EQ(std::getenv("TMPDIR"), getTempDirectory());
     std::filesystem::remove(directory);

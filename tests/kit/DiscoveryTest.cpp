@@ -331,8 +331,6 @@ TEST_F(DiscoveryTest, ForgedNamesHideAndRenameNothing)
     EXPECT_TRUE(probeSender(name + "c", DefaultDeadline).sequenceNr);
     EXPECT_THAT(removeDeadEntries().entries, IsEmpty());
     EXPECT_TRUE(fs::exists(pipeline.getDirectory()));
-    for (RawSidechannelServer& forger : forgers)
-        forger.close();
 }
 
 TEST_F(DiscoveryTest, TextOfTheKernelIsReadWithDoubt)
@@ -408,9 +406,6 @@ TEST_F(DiscoveryTest, MuteSendersAreAskedAtOnce)
     const std::vector<SenderProbe> stopped = probeSenders(names, 1h, stop.get());
     EXPECT_FALSE(stopped[mute.size()].reached) << "it comes after 200 others";
     EXPECT_THAT(probeSenders({}, 1h, -1), IsEmpty());
-    producer.close();
-    for (RawSidechannelServer& server : mute)
-        server.close();
 }
 
 TEST_F(DiscoveryTest, RemovesWakeupFilesOfKilledPrograms)
@@ -537,7 +532,6 @@ TEST_F(DiscoveryTest, ProbeTellsWhetherThisUserMayJoin)
             EXPECT_EQ(answer.mayJoin, user == 0 || row.otherMayJoin);
             EXPECT_TRUE(user == 0 || answer.socketFileMode == row.seenByOther);
         }
-        producer.close();
     }
 }
 
@@ -679,7 +673,6 @@ TEST_P(DiscoveryAgainstTricks, HoldsNoQuestion)
     ASSERT_TRUE(peer.play(server.accept()));
     EXPECT_TRUE(peer.isPrompt([&] { question.reset(); }));
     EXPECT_TRUE(peer.isLockKept());
-    server.close();
 }
 
 TEST_F(DiscoveryTest, BellIsHeardByWaitingReceiversOnly)

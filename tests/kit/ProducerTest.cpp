@@ -33,6 +33,7 @@
 
 #include "support/AllocationCounter.hpp"
 #include "support/ChildProcess.hpp"
+#include "support/OpenSender.hpp"
 #include "support/RawPeers.hpp"
 #include "support/RecordedReceiver.hpp"
 #include "support/ResourceLimit.hpp"
@@ -170,8 +171,6 @@ TEST_F(ProducerTest, OpensForThoseWhoMayJoin)
         EXPECT_EQ(producer.getStatistics().frames, 1U);
         EXPECT_EQ(producer.getStatistics().bytes, 4U);
         EXPECT_EQ(producer.getStatistics().receivers, 1U);
-        producer.close();
-        receiver.stop();
     }
 }
 
@@ -203,12 +202,8 @@ TEST_F(ProducerTest, NoticesWhatSomebodyElseHasPutInItsDirectory)
     {
         for (const auto protocol : {NanomsgProtocol::PubSub, NanomsgProtocol::Pipeline})
         {
-            Sender sender;
-            ASSERT_TRUE(sender.initializeSender(
-                getSocketName(), {}, {}, 0, TimeSyncProtocol::MonotonicSystemClock, protocol));
             PcmPayloader payloader;
-            sender.setCurrentPayloader(payloader);
-            sender.startNewSequence();
+            OpenSender sender(getSocketName(), payloader, protocol);
             const std::string file = findSocketFile(getSocketName());
             ASSERT_THAT(file, StartsWith(getTempDirectory() + "/VlxSender-"));
             fs::remove(file);
@@ -325,8 +320,6 @@ TEST_F(ProducerTest, SaysWhatItCannotOpen)
     ASSERT_TRUE(receiver.start(getSocketName()));
     EXPECT_TRUE(first.waitForReceivers(1));
     EXPECT_EQ(probeSender(getSocketName(), std::chrono::seconds(5)).format, Format);
-    receiver.stop();
-    first.close();
 }
 
 TEST_F(ProducerTest, RefusesBaseDirectoryThatAnotherUserControls)
@@ -467,7 +460,6 @@ TEST_F(ProducerTest, ReceiversHaveBothConnectionsAndAreStillThere)
         receiver.stop();
         EXPECT_TRUE(waitFor([&] { return producer.getStatistics().receivers == 0; }));
         EXPECT_FALSE(producer.waitForReceivers(1, 0ns));
-        producer.close();
     }
 }
 
@@ -486,10 +478,6 @@ TEST_F(ProducerTest, ACountOfReceiversIsOfOneOpeningOnly)
     ASSERT_TRUE(half.connect("ipc://" + producer.getSocketFile()));
     while (std::chrono::steady_clock::now() < counted + 100ms) // so long a count may be used again
         ASSERT_EQ(producer.getStatistics().receivers, 0U);
-    half.close();
-    channel.close();
-    sidechannel.close();
-    producer.close();
 }
 
 TEST_F(ProducerTest, SocketFileIsNeverWiderThanItsMode)
@@ -527,7 +515,6 @@ TEST_F(ProducerTest, SocketFileIsNeverWiderThanItsMode)
         EXPECT_THAT(modes, ::testing::ElementsAre(row.birth));
         EXPECT_EQ(umaskOfProcess, 0U);
         EXPECT_EQ(::umask(0), 0U);
-        producer.close();
     }
     ::umask(umaskBefore);
 }
@@ -569,7 +556,6 @@ TEST_F(ProducerTest, TakesWholeSamplesOnly)
     PcmPayloader payloader; // sizes of any other codec are its own
     ASSERT_TRUE(producer.setFormat(payloader));
     EXPECT_TRUE(producer.send(0, FrameNs, Buffer(5)));
-    producer.close();
 }
 
 TEST_F(ProducerTest, TwoThreadsAtOnceAreAMistakeThatIsTold)
@@ -783,7 +769,6 @@ TEST_F(ProducerTest, StopAndInterruptionEndWhateverWaits)
         ASSERT_TRUE(receiver.start(getSocketName()));
         EXPECT_EQ(producer.send(5, FrameNs, {}).getCode(), ending == Stopped ? Stopped : Ok);
         EXPECT_TRUE(ending == Stopped || receiver.waitForEvent("frame 5")) << row.name;
-        receiver.stop();
     }
 
     Producer never(makeOptions());
@@ -832,7 +817,6 @@ TEST_F(ProducerTest, InterruptionLosesNoFrameUntold)
             EXPECT_TRUE(receiver.waitForEvent("frame 2")) << step << isTakenBackAtOnce;
             EXPECT_EQ(sending.get(), ErrorCode::Ok);
             EXPECT_EQ(producer.getStatistics().frames, 1U);
-            receiver.stop();
         }
     }
 
@@ -850,7 +834,6 @@ TEST_F(ProducerTest, InterruptionLosesNoFrameUntold)
     producer.interrupt(false);
     EXPECT_TRUE(producer.send(3, FrameNs, {}));
     EXPECT_TRUE(receiver.waitForEvent("frame 3"));
-    receiver.stop();
 }
 #endif
 
@@ -982,9 +965,6 @@ TEST_F(ProducerTest, AnnouncesAgainWhenItMayHaveBeenMissed)
     ASSERT_TRUE(waitForCount(1));
     EXPECT_EQ(producer.checkReceivers(), 1U);
     EXPECT_EQ(successor.receive(), fromHex("01 00 0800 50434D41 80BB0000 02 02"));
-    client.close();
-    successor.close();
-    producer.close();
 }
 
 TEST_F(ProducerTest, TwoStreamsOfOneProcessSurviveAForkAndTheirWatchers)
@@ -1024,8 +1004,6 @@ TEST_F(ProducerTest, TwoStreamsOfOneProcessSurviveAForkAndTheirWatchers)
     second.close();
     EXPECT_TRUE(receiver.waitForEvent("frame"));
     EXPECT_EQ(second.getStatistics().frames, 100U);
-    receiver.stop();
-    first.close();
 }
 
 TEST_F(ProducerTest, ThreadsRunInRealTimeWhereTheUserMay)

@@ -22,6 +22,7 @@
 
 #include "Bell.hpp"
 #include "support/AllocationCounter.hpp"
+#include "support/OpenSender.hpp"
 #include "support/RawPeers.hpp"
 #include "support/RecordedReceiver.hpp"
 #include "support/TestAccess.hpp"
@@ -41,16 +42,10 @@ namespace
 
 using Frame = RecordedReceiver::Frame;
 
-/// A sender of PCM, with its first sequence announced.
 struct PcmSender
 {
-    PcmSender(const std::string& name, NanomsgProtocol protocol)
+    PcmSender(const std::string& name, NanomsgProtocol protocol) : sender(name, payloader, protocol)
     {
-        payloader.setNewFormat(48000, 2, PcmFormat::S16LE);
-        EXPECT_TRUE(sender.initializeSender(
-            name, "", "", 0, TimeSyncProtocol::MonotonicSystemClock, protocol));
-        sender.setCurrentPayloader(payloader);
-        sender.startNewSequence();
     }
 
     void send(const Frame& frame)
@@ -63,8 +58,8 @@ struct PcmSender
         return waitFor([this, number] { return sender.getNumReceivers() == number; });
     }
 
-    PcmPayloader payloader; // first: it must outlive the sender
-    Sender sender;
+    FormattedPayloader payloader{48000, 2}; // first: it must outlive the sender
+    OpenSender sender;
 };
 
 /// @return media data that differs in every frame

@@ -362,16 +362,6 @@ TEST_P(SenderTransportTest, PlainSocketsReadTheStreamByteForByte)
     EXPECT_EQ(m_sender.getNumReceivers(), 0U);
 }
 
-TEST_F(SenderTest, DestructionShutsDown)
-{
-    {
-        Sender sender;
-        ASSERT_TRUE(initialize(sender, getSocketName()));
-    }
-    EXPECT_TRUE(log().contains(TraceLog("Sender shut down")));
-    EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty());
-}
-
 TEST_F(SenderTest, LongNamesAreReportedAndCut)
 {
     for (const std::size_t length : {LongestName, LongestName + 1, std::size_t{120}})
@@ -432,7 +422,6 @@ TEST_F(SenderTest, TakenNameIsReplacedByAFreeAlternative)
         EXPECT_TRUE(log().isExactly({}));
         release(sender);
     }
-    other.close();
 }
 
 TEST_F(SenderTest, ASetDirectoryOverridesTheVariable)

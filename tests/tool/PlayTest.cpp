@@ -36,30 +36,24 @@ public:
         const std::string& name,
         bool pauses = false,
         const TestProvider* provider = nullptr)
-        : m_pauses(pauses), m_offsetNs(provider != nullptr ? provider->getOffsetNs() : 0)
+        : m_pauses(pauses),
+          m_offsetNs(provider != nullptr ? provider->getOffsetNs() : 0),
+          m_sender(
+              name,
+              m_payloader,
+              NanomsgProtocol::PubSub,
+              provider != nullptr
+                  ? RawClockInfo{provider->getAddress(), provider->getPort(), TimeSyncProtocol::GstNetClock}
+                  : RawClockInfo{}),
+          m_thread([this] { loop(); })
     {
-        m_payloader.setNewFormat(Rate, 1, audioUtils::PcmFormat::F32LE);
-        EXPECT_TRUE(
-            provider != nullptr ? m_sender.initializeSender(
-                                      name, {}, provider->getAddress(), provider->getPort(),
-                                      TimeSyncProtocol::GstNetClock, NanomsgProtocol::PubSub)
-                                : m_sender.initializeSender(
-                                      name, {}, {}, 0, TimeSyncProtocol::MonotonicSystemClock,
-                                      NanomsgProtocol::PubSub));
-        m_sender.setCurrentPayloader(m_payloader);
-        m_sender.startNewSequence();
-        m_thread = std::thread([this] { loop(); });
     }
 
     ~SineSender()
     {
         m_keepRunning = false;
         m_thread.join();
-        m_sender.shutdownSender();
     }
-
-    SineSender(const SineSender&) = delete;
-    SineSender& operator=(const SineSender&) = delete;
 
     /// @return when the stream's first sample was taken, nanoseconds of CLOCK_MONOTONIC
     double getBeginNs() const
@@ -101,10 +95,10 @@ private:
     const bool m_pauses;
     const std::int64_t m_offsetNs; // of the timestamps against CLOCK_MONOTONIC
     const std::chrono::steady_clock::time_point m_begin = std::chrono::steady_clock::now();
-    PcmPayloader m_payloader;
-    Sender m_sender;
+    FormattedPayloader m_payloader{Rate, 1, audioUtils::PcmFormat::F32LE};
+    OpenSender m_sender;
     std::atomic<bool> m_keepRunning = true;
-    std::thread m_thread;
+    std::thread m_thread; // last
 };
 
 /// What left a device, by the report of whoever played it.

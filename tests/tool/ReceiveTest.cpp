@@ -36,25 +36,16 @@ class OnesSender
 {
 public:
     OnesSender(const std::string& name, std::uint32_t rate, std::uint32_t channels)
+        : m_payloader(rate, channels),
+          m_sender(name, m_payloader, NanomsgProtocol::Pipeline),
+          m_frame(std::size_t{rate} / 100 * channels * 2, 1)
     {
-        EXPECT_TRUE(m_sender.initializeSender(
-            name, {}, {}, 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::Pipeline));
-        setFormat(rate, channels);
     }
-
-    ~OnesSender()
-    {
-        m_sender.shutdownSender();
-    }
-
-    OnesSender(const OnesSender&) = delete;
-    OnesSender& operator=(const OnesSender&) = delete;
 
     void setFormat(std::uint32_t rate, std::uint32_t channels)
     {
-        m_frame = Buffer(std::size_t{rate} / 100 * channels * 2, 1);
+        m_frame.resize(std::size_t{rate} / 100 * channels * 2, 1);
         m_payloader.setNewFormat(rate, channels, audioUtils::PcmFormat::S16LE);
-        m_sender.setCurrentPayloader(m_payloader);
         m_sender.startNewSequence();
     }
 
@@ -77,8 +68,8 @@ public:
     }
 
 private:
-    PcmPayloader m_payloader;
-    Sender m_sender;
+    FormattedPayloader m_payloader;
+    OpenSender m_sender;
     Buffer m_frame;
     TimeValue m_timestamp =
         static_cast<TimeValue>(std::chrono::steady_clock::now().time_since_epoch().count());
@@ -260,9 +251,8 @@ TEST_F(ReceiveTest, AfterAStallEveryReceiverJoinsAgain)
 TEST_F(ReceiveTest, WhatCannotBePlayedIsSaidOnce)
 {
     OpusPayloader opus;
-    PcmPayloader invalid, tooWide;
-    invalid.setNewFormat(48000, 2, static_cast<audioUtils::PcmFormat>(99));
-    tooWide.setNewFormat(48000, 2, audioUtils::PcmFormat::F64LE);
+    FormattedPayloader invalid(48000, 2, audioUtils::PcmFormat{99});
+    FormattedPayloader tooWide(48000, 2, audioUtils::PcmFormat::F64LE);
     struct Row
     {
         Payloader& payloader;
@@ -274,19 +264,15 @@ TEST_F(ReceiveTest, WhatCannotBePlayedIsSaidOnce)
         {tooWide, "FLAC cannot hold F64LE, 48000 Hz, 2 channels"}};
     for (const Row& row : rows)
     {
-        Sender sender;
-        startSender(sender, row.payloader);
+        const OpenSender sender(getSocketName(), row.payloader);
         expectRefusal(receive({file("a.flac"), "-q"}), 1, row.message);
-        sender.shutdownSender();
     }
 }
 
 TEST_F(ReceiveTest, OddFramesAndAChangedFormatLoseNothingElse)
 {
-    PcmPayloader payloader;
-    payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
-    Sender sender;
-    startSender(sender, payloader, NanomsgProtocol::Pipeline);
+    FormattedPayloader payloader(48000, 2);
+    OpenSender sender(getSocketName(), payloader, NanomsgProtocol::Pipeline);
     ToolProcess receiver(receive({file("a.wav"), "-q", "--report", file("r.json")}));
     TimeValue timestamp = 1000;
     // Until the receiver has read the announcement it refuses frames.
@@ -298,7 +284,6 @@ TEST_F(ReceiveTest, OddFramesAndAChangedFormatLoseNothingElse)
     payloader.setNewFormat(48000, 1, audioUtils::PcmFormat::S16LE);
     sender.startNewSequence();
     EXPECT_EQ(receiver.wait(), 1);
-    sender.shutdownSender();
 
     const std::string errors = receiver.getErrors();
     EXPECT_THAT(errors, HasSubstr("a frame of 7 bytes"));
@@ -332,10 +317,8 @@ TEST_F(ReceiveTest, AStopIsHeardUnderAFlood)
     constexpr auto MaxStopTime = std::chrono::milliseconds(500);
     constexpr auto FloodPause = std::chrono::milliseconds(1);
     constexpr int NumTries = 10; // a busy machine may hold a process up as long by itself
-    PcmPayloader payloader;
-    payloader.setNewFormat(8000, 1, audioUtils::PcmFormat::S16LE);
-    Sender sender;
-    startSender(sender, payloader);
+    FormattedPayloader payloader(8000, 1);
+    OpenSender sender(getSocketName(), payloader);
     std::jthread flood(
         [&](const std::stop_token& stop)
         {
@@ -359,9 +342,6 @@ TEST_F(ReceiveTest, AStopIsHeardUnderAFlood)
         fs::remove(file("a.wav"));
     }
     EXPECT_TRUE(wasPrompt);
-    flood.request_stop();
-    flood.join();
-    sender.shutdownSender();
 }
 
 TEST_F(ReceiveTest, OneshotEndsAlsoAfterAStall)

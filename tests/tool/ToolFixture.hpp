@@ -11,9 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <sndfile.h>
 
-#include <vlx/VlxPayload.hpp>
-#include <vlx/VlxSender.hpp>
-
+#include "support/OpenSender.hpp"
 #include "support/VlxTest.hpp"
 #include "tool/ToolProcess.hpp"
 
@@ -156,18 +154,6 @@ protected:
         if (::geteuid() != 0 || ToolProcess({"--version"}, settings).wait() != 0)
             return std::nullopt;
         return settings;
-    }
-
-    /// Sends from this process: silence in a format and frame size that the test chooses.
-    void startSender(
-        Sender& sender,
-        Payloader& payloader,
-        NanomsgProtocol protocol = NanomsgProtocol::PubSub) const
-    {
-        ASSERT_TRUE(sender.initializeSender(
-            getSocketName(), {}, {}, 0, TimeSyncProtocol::MonotonicSystemClock, protocol));
-        sender.setCurrentPayloader(payloader);
-        sender.startNewSequence();
     }
 
     /// Waits until the tool has printed a text on standard error.
