@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <deque>
 #include <filesystem>
 #include <fstream>
@@ -21,7 +20,6 @@
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -23,7 +23,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <vlx/VlxSender.hpp>
@@ -873,9 +872,11 @@ TEST_F(ProducerTest, LastFrameArrivesHoweverLarge)
     Producer producer(makeOptions(NanomsgProtocol::Pipeline));
     ASSERT_EQ(producer.open(Format).getText(), "");
     ASSERT_TRUE(producer.waitForReceivers(1));
-    EXPECT_TRUE(producer.send(1, LongFrameNs, Buffer(1 << 20)));
+    const Buffer large(1 << 20, 0x31);
+    EXPECT_TRUE(producer.send(1, LongFrameNs, large));
     producer.close();
     EXPECT_TRUE(receiver.waitForEvent("frame 1"));
+    EXPECT_TRUE(receiver.getFrames().at(0).data == large); // too much to be printed
     receiver.stop();
     for (const auto duration : {0ms, 10ms, 100ms, 2000ms})
         EXPECT_EQ(getTailWait(duration), std::max(duration, 100ms));

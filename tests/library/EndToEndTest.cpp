@@ -1,27 +1,21 @@
 // Senders and receivers together.
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <limits>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <fcntl.h>
-#include <log4cplus/logger.h>
-#include <malloc.h>
 
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxReceiver.hpp>
 #include <vlx/VlxSender.hpp>
 
 #include "Bell.hpp"
-#include "support/AllocationCounter.hpp"
 #include "support/OpenSender.hpp"
 #include "support/RawPeers.hpp"
 #include "support/RecordedReceiver.hpp"
@@ -34,8 +28,6 @@ namespace vlx
 {
 
 using namespace vlx::testing;
-
-using audioUtils::PcmFormat;
 
 namespace
 {
@@ -93,90 +85,6 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::PrintToStringParamName());
 
 } // namespace
-
-TEST_P(EndToEndTransportTest, FramesArriveBitForBit)
-{
-    PcmSender sender(getSocketName(), GetParam());
-    RecordedReceiver receiver;
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    ASSERT_TRUE(sender.waitForReceivers(1));
-    ASSERT_TRUE(receiver.waitForEvent("ready"));
-
-    std::vector<std::string> expectedEvents = {
-        "connecting", "running", "sequence 48000 x2 S16LE", "ready monotonic system clock"};
-    std::vector<Frame> expectedFrames;
-    const auto send = [&](const Frame& frame)
-    {
-        expectedFrames.push_back(frame);
-        expectedEvents.push_back("frame " + std::to_string(frame.timestamp));
-        sender.send(frame);
-        return receiver.waitForEvent("frame", expectedFrames.size());
-    };
-    for (std::uint32_t i = 0; i < 2; ++i)
-    {
-        const PcmFormat format = i == 0 ? PcmFormat::S8 : PcmFormat::F64BE;
-        const std::uint32_t sampleRate = i == 0 ? 0xFFFFFFFF : 8001;
-        const std::uint32_t numChannels = i == 0 ? 255 : 1;
-        sender.payloader.setNewFormat(sampleRate, numChannels, format);
-        sender.sender.startNewSequence();
-        expectedEvents.push_back(
-            "sequence " + std::to_string(sampleRate) + " x" + std::to_string(numChannels) + " " +
-            std::string(toString(format)));
-        ASSERT_TRUE(receiver.waitForEvent("sequence", i + 2));
-        for (const std::size_t size : {0U, 1U, 1920U, 60000U})
-            ASSERT_TRUE(send({size * 1000 + i, i, makeData(size, i)}));
-    }
-    ASSERT_TRUE(send({0, 0, {}}));
-    constexpr TimeValue Largest = std::numeric_limits<TimeValue>::max();
-    ASSERT_TRUE(send({Largest, Largest, makeData(4 << 20, 1)}));
-
-    EXPECT_EQ(receiver.getEvents(), expectedEvents);
-    EXPECT_TRUE(receiver.getFrames() == expectedFrames); // too much to be printed
-}
-
-TEST_P(EndToEndTransportTest, AFrameCostsOneAllocationAtTheReceiverAndNoneAtTheSender)
-{
-    constexpr std::size_t NumFrames = 100;
-    const log4cplus::Logger logger = log4cplus::Logger::getInstance("Vellox");
-    log4cplus::Logger(logger).setLogLevel(log4cplus::OFF_LOG_LEVEL); // messages take memory, too
-
-    PcmSender sender(getSocketName(), GetParam());
-    PcmDepayloader depayloader;
-    Receiver receiver;
-    std::array<std::size_t, NumFrames> allocations{}; // of the worker until each frame
-    std::atomic<std::size_t> numReceived = 0;
-    receiver.addDepayloader(depayloader);
-    receiver.setMediaDataCallback(
-        [&](TimeValue, TimeValue, const Buffer&)
-        {
-            allocations[numReceived] = countAllocationsOfThread();
-            ++numReceived; // last: it publishes the entry
-        });
-    std::atomic<bool> isReady = false;
-    receiver.setReceiverIsReadyCallback([&](Depayloader&, Receiver::StreamClockType)
-                                        { isReady = true; });
-    ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
-    ASSERT_TRUE(sender.waitForReceivers(1));
-    ASSERT_TRUE(waitFor([&] { return isReady.load(); }));
-
-    const Frame frame = {1, 1, makeData(1920, 1)};
-    const Frame shorter = {2, 1, makeData(480, 2)};
-    std::size_t ofSender = 0;
-    const std::size_t inUse = ::mallinfo2().uordblks; // none of it counted with a sanitizer
-    for (std::size_t i = 0; i < NumFrames; ++i)
-    {
-        const std::size_t before = countAllocationsOfThread();
-        sender.send(i % 2 == 0 ? frame : shorter);
-        if (i > 0) // the buffer has grown
-            ofSender += countAllocationsOfThread() - before;
-        ASSERT_TRUE(waitFor([&] { return numReceived == i + 1; }));
-    }
-    EXPECT_EQ(ofSender, 0U);
-    EXPECT_EQ(allocations.back() - allocations.front(), NumFrames - 1);
-    EXPECT_LT(::mallinfo2().uordblks, inUse + NumFrames * 480) << "a leak";
-    kit::stopPromptly(receiver);
-    log4cplus::Logger(logger).setLogLevel(log4cplus::TRACE_LOG_LEVEL);
-}
 
 TEST_P(EndToEndTransportTest, ReconnectingLeavesNothingBehind)
 {

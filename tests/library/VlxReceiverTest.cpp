@@ -8,7 +8,6 @@
 #include <fstream>
 #include <future>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -9,7 +8,6 @@
 #include <functional>
 #include <future>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>

@@ -3,7 +3,6 @@
 #include <csignal>
 #include <filesystem>
 
-#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,7 +1,5 @@
 // The subcommands that look at streams, clocks and the machine.
 
-#include <algorithm>
-#include <array>
 #include <atomic>
 #include <cstdlib>
 #include <memory>
@@ -207,7 +205,7 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
     const std::string evil = getSocketName() + "\t\x1b[2J\xff\u0085\u202e\u200b";
     ToolProcess first(
         {"send", "-s", evil, "--tone", "440", "-f", "F32LE", "-r", "44.1k", "-c", "1", "--shared",
-         "always"});
+         "always", "--socket-mode", "group"});
     ToolProcess second(send({"--silence", "--protocol", "pipeline", "--clock", "net"}));
     waitForSender(evil);
     waitForSender(getSocketName());
@@ -241,7 +239,8 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
     if (const auto other = letAnotherUserIn())
     {
         EXPECT_THAT(
-            runTool({"info", evil}, 0, *other).output, HasSubstr("--socket-mode group or all"));
+            runTool({"info", evil}, 0, *other).output,
+            HasSubstr(", mode 660; at the sender: --socket-mode group or all"));
     }
 
     expectRefusal({"info", getSocketName() + "-none"}, 3, "no sender");

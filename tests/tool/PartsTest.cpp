@@ -2,13 +2,10 @@
 
 #include <array>
 #include <csignal>
-#include <cstring>
 #include <limits>
 #include <thread>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -207,10 +204,7 @@ TEST(StopSignalTest, ASecondPressComesThreeHundredMillisecondsLater)
 {
     using namespace std::chrono_literals;
     using SteadyClock = std::chrono::steady_clock;
-    int pipeFDs[2];
-    ASSERT_EQ(::pipe2(pipeFDs, O_CLOEXEC), 0);
-    const Descriptor readEnd(pipeFDs[0]);
-    Descriptor writeEnd(pipeFDs[1]);
+    auto [readEnd, writeEnd] = makePipe();
     const auto begin = SteadyClock::now();
     const pid_t child = ::fork();
     if (child == 0)

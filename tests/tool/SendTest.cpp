@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 
 #include <miscUtils/MiscUtils.hpp>
-#include <vlxkit/Discovery.hpp>
 
 #include "audio/AudioInput.hpp"
 #include "common/StopSignal.hpp"

@@ -6,7 +6,6 @@
 #include <fstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_external.h>

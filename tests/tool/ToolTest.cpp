@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <vlxkit/Discovery.hpp>
-
 #include "tool/ToolFixture.hpp"
 
 namespace vlx::testing
@@ -288,22 +286,6 @@ TEST_F(ToolTest, ReportsFollowNoLinkAndNeverBlock)
     EXPECT_TRUE(fs::is_symlink("/dev/stdout"));
 }
 
-TEST_F(ToolTest, SeveralSignalsOfOnePressStopOnce)
-{
-    ToolProcess sender(send({"--tone", "440", "--report", file("s.json")}));
-    ToolProcess receiver(receive({file("a.wav")}));
-    ASSERT_TRUE(waitForSize(file("a.wav"), 20000));
-    // While it lets its last frame leave, which takes 100 ms.
-    const auto isEnded = [&]
-    {
-        sender.signal(SIGINT);
-        return sender.wait(std::chrono::milliseconds(0)).has_value();
-    };
-    ASSERT_TRUE(waitFor(isEnded));
-    EXPECT_EQ(sender.wait(), 128 + SIGINT);
-    EXPECT_GT(readJson(file("s.json")).value("frames", 0), 0) << "the report was not finished";
-}
-
 TEST_F(ToolTest, SignalsStopBothEndsCleanlyAndAtOnce)
 {
     // The receiver's monitor thread alone would take up to 5 s. A busy machine may hold one up.
@@ -333,21 +315,6 @@ TEST_F(ToolTest, SignalsStopBothEndsCleanlyAndAtOnce)
     ::signal(SIGHUP, SIG_DFL);
     ASSERT_TRUE(waitForText(blocked, "Starting new sequence"));
     blocked.signal(SIGHUP);
-}
-
-TEST_F(ToolTest, SocketModeSaysWhoMayJoin)
-{
-    for (const auto& [mode, permissions] :
-         {std::pair("owner", 0600U), {"group", 0660U}, {"all", 0666U}})
-    {
-        ToolProcess sender(send({"--tone", "1", "--socket-mode", mode}));
-        const auto getMode = [&]
-        {
-            const std::chrono::milliseconds timeout(500);
-            return kit::probeSender(getSocketName(), timeout).socketFileMode & 0777U;
-        };
-        EXPECT_TRUE(waitFor([&, wanted = permissions] { return getMode() == wanted; })) << mode;
-    }
 }
 
 } // namespace
