@@ -5,7 +5,6 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -32,50 +31,21 @@ using namespace vlx::testing;
 namespace
 {
 
-using Frame = RecordedReceiver::Frame;
-
-struct PcmSender
-{
-    PcmSender(const std::string& name, NanomsgProtocol protocol) : sender(name, payloader, protocol)
-    {
-    }
-
-    void send(const Frame& frame)
-    {
-        sender.sendMediaData(frame.timestamp, frame.duration, frame.data);
-    }
-
-    bool waitForReceivers(std::size_t number) const
-    {
-        return waitFor([this, number] { return sender.getNumReceivers() == number; });
-    }
-
-    FormattedPayloader payloader{48000, 2}; // first: it must outlive the sender
-    OpenSender sender;
-};
-
-/// @return media data that differs in every frame
-Buffer makeData(std::size_t size, std::size_t seed)
-{
-    Buffer data(size);
-    for (std::size_t i = 0; i < size; ++i)
-        data[i] = static_cast<std::uint8_t>(i * 31 + (i >> 8) + seed * 7);
-    return data;
-}
-
 class EndToEndTransportTest : public VlxTest, public ::testing::WithParamInterface<NanomsgProtocol>
 {
 protected:
     /// Creates a sender that one waiting receiver joins. The receiver may miss an announcement
     /// while it joins, so a second sequence follows.
-    std::unique_ptr<PcmSender> makeJoinedSender() const
+    std::unique_ptr<OpenSender> makeJoinedSender()
     {
-        auto sender = std::make_unique<PcmSender>(getSocketName(), GetParam());
+        auto sender = std::make_unique<OpenSender>(getSocketName(), m_payloader, GetParam());
         kit::ringBell();
-        EXPECT_TRUE(sender->waitForReceivers(1));
-        sender->sender.startNewSequence();
+        EXPECT_TRUE(waitFor([&] { return sender->getNumReceivers() == 1; }));
+        sender->startNewSequence();
         return sender;
     }
+
+    FormattedPayloader m_payloader{48000, 2};
 };
 
 INSTANTIATE_TEST_SUITE_P(
@@ -99,7 +69,7 @@ TEST_P(EndToEndTransportTest, ReconnectingLeavesNothingBehind)
     {
         auto sender = makeJoinedSender();
         ASSERT_TRUE(receiver.waitForEvent("ready", round));
-        sender->send({round, 1, makeData(100, round)});
+        sender->sendMediaData(round, 1, Buffer(100));
         ASSERT_TRUE(receiver.waitForEvent("frame", round));
         if (round == 2)
             numAtFirst = countAll();
@@ -131,15 +101,15 @@ TEST_P(EndToEndTransportTest, AForkedCopyEndsAndTheOriginalGoesOn)
     ASSERT_TRUE(waitFor(
         [&]
         {
-            sender->send({0, 1, makeData(100, 0)});
+            sender->sendMediaData(0, 1, Buffer(100));
             return numFrames > 0;
         }));
-    const std::vector<int> polled = Access::getPolledFDs(sender->sender);
+    const std::vector<int> polled = Access::getPolledFDs(*sender);
     ASSERT_EQ(polled.size(), 3U);
     const std::vector<int> shared = {
         polled[0],
         polled[1],
-        (sender->sender.*Access::NanomsgWakeupPipe)[1],
+        ((*sender).*Access::NanomsgWakeupPipe)[1],
         (*receiver).*ReceiverTestAccess::SidechannelSocketFD,
         ((*receiver).*ReceiverTestAccess::LoopWakeupPipe)[1],
         (*receiver).*ReceiverTestAccess::InotifyFD};
@@ -148,7 +118,7 @@ TEST_P(EndToEndTransportTest, AForkedCopyEndsAndTheOriginalGoesOn)
         return runInFork(
             [&]
             {
-                sender->sender.disableSend(true);
+                sender->disableSend(true);
                 receiver->shutdownReceiver();
                 receiver.reset();
                 waiting.reset();
@@ -167,7 +137,7 @@ TEST_P(EndToEndTransportTest, AForkedCopyEndsAndTheOriginalGoesOn)
         {
             for (TimeValue i = 0; !isDone; ++i)
             {
-                sender->send({i, 1, makeData(100 * (i % 20), i)});
+                sender->sendMediaData(i, 1, Buffer(100 * (i % 20)));
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
             }
         });
@@ -176,7 +146,7 @@ TEST_P(EndToEndTransportTest, AForkedCopyEndsAndTheOriginalGoesOn)
         SCOPED_TRACE(i);
         {
             // One that is held by any thread is never released in the child.
-            auto lock = Access::lock(sender->sender);
+            auto lock = Access::lock(*sender);
             if (i % 2 == 0)
                 lock.unlock();
             EXPECT_TRUE(endsInFork(true));
@@ -188,7 +158,7 @@ TEST_P(EndToEndTransportTest, AForkedCopyEndsAndTheOriginalGoesOn)
     EXPECT_TRUE(newcomer.readMessage());
     newcomer.close();
     isDone = true;
-    sender->sender.disableSend(true);
+    sender->disableSend(true);
     producer.join();
     kit::stopPromptly(*waiting);
     kit::stopPromptly(*receiver);

@@ -247,7 +247,7 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
     expectRefusal({"info", getSocketName() + "-none"}, 3, "no sender");
 
     // One that is stopped does not answer: the wait for it can be ended.
-    second.signal(SIGSTOP);
+    second.suspend();
     runTool({"info", getSocketName(), "--timeout", "200ms"}, 3);
     ToolProcess patient({"info", getSocketName(), "--timeout", "1h"});
     EXPECT_EQ(patient.wait(std::chrono::seconds(1)), std::nullopt);
@@ -287,7 +287,7 @@ TEST_F(LookTest, ListTellsOfOtherUsersAndCleanWhatItCannotRemove)
     ToolProcess mute(
         {"send", "-s", getSocketName() + "-mute", "--silence", "--protocol", "pipeline"});
     waitForSender(getSocketName() + "-mute");
-    mute.signal(SIGSTOP);
+    mute.suspend();
     const std::string doubts = runTool({"list", "--clean"}).errors;
     EXPECT_THAT(doubts, HasSubstr("kept: 1 whose user"));
     EXPECT_THAT(doubts, HasSubstr("2 younger than a minute"));
@@ -596,10 +596,7 @@ TEST_F(LookTest, CheckSaysWhatIsWrong)
 
     // Another user that has taken the names to come, by the number of the process.
     std::vector<std::unique_ptr<RawSidechannelServer>> impostors;
-    const pid_t last = ::fork();
-    if (last == 0)
-        ::_exit(0);
-    ::waitpid(last, nullptr, 0);
+    const pid_t last = findLatestProcess();
     for (pid_t pid = last; pid < last + 200; ++pid)
         impostors.push_back(
             std::make_unique<RawSidechannelServer>("vlx-check-" + std::to_string(pid)));

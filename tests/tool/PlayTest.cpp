@@ -199,7 +199,7 @@ TEST_F(PlayTest, EachSampleLeavesOnTimeAtEveryReceiver)
     ToolProcess second(play("second", {"-d", duration, "--latency", "200ms"}));
     // What leaves late because the process stood still is told, and what follows is on time again.
     ASSERT_TRUE(waitForSize(file("second.raw"), Rate * sizeof(float)));
-    second.signal(SIGSTOP);
+    second.suspend();
     std::this_thread::sleep_for(std::chrono::milliseconds(300)); // what is done here to it
     second.signal(SIGCONT);
 

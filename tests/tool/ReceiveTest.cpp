@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "tool/ToolFixture.hpp"
@@ -148,7 +147,7 @@ TEST_F(ReceiveTest, AfterAStallTheReceiverJoinsAgain)
     ToolProcess receiver(receive({file("a.wav"), "--stall", "200ms", "--report", file("r.json")}));
     // A busy receiver may have missed the announcement, and be joining again.
     ASSERT_TRUE(waitForSize(file("a.wav"), 30000));
-    sender.signal(SIGSTOP);
+    sender.suspend();
     ASSERT_TRUE(waitForText(receiver, "no frame")) << receiver.getErrors();
     sender.signal(SIGCONT);
     EXPECT_TRUE(waitForText(receiver, "the sender is back"));
@@ -275,7 +274,7 @@ TEST_F(ReceiveTest, OneshotEndsAlsoAfterAStall)
     ToolProcess sender(send({"--tone", "440"}));
     ToolProcess receiver(receive(arguments));
     ASSERT_TRUE(waitForSize(file("a.wav"), 10000));
-    sender.signal(SIGSTOP);
+    sender.suspend();
     ASSERT_TRUE(waitForText(receiver, "no frame"));
     m_senderWasKilled = true;
     sender.kill();
@@ -537,10 +536,7 @@ TEST_F(ReceiveTest, NoFormerRecordingIsReplacedUnlessThatIsWanted)
 TEST_F(ReceiveTest, AFileThatStandsUnderAGuessedNameIsLeftAlone)
 {
     std::ofstream(file("victim")) << "kept";
-    const pid_t last = ::fork();
-    if (last == 0)
-        ::_exit(0);
-    ::waitpid(last, nullptr, 0);
+    const pid_t last = findLatestProcess();
     for (pid_t pid = last; pid < last + 200; ++pid)
         fs::create_hard_link(file("victim"), file("a.wav.part-" + std::to_string(pid)));
     ToolProcess sender(send({"--silence"}));

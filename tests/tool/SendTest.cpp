@@ -305,7 +305,7 @@ TEST_F(SendTest, CatchingUpAfterAPauseIsNoBurst)
     {
         const TimeValue now = miscUtils::getMonotonicSysclockTime();
         EXPECT_TRUE(waitFor([&] { return hasFrameSince(now); }));
-        sender.signal(SIGSTOP);
+        sender.suspend();
         std::this_thread::sleep_for(QuarterPause);
         const TimeValue begin = miscUtils::getMonotonicSysclockTime(); // it stands still by now
         std::this_thread::sleep_for(3 * QuarterPause);

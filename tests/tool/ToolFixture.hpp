@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sndfile.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "support/OpenSender.hpp"
 #include "support/VlxTest.hpp"
@@ -80,6 +82,16 @@ inline std::string readText(const std::string& path)
 inline json readJson(const std::string& path)
 {
     return json::parse(readText(path), nullptr, false);
+}
+
+/// @return the id of a process that has just ended: those to come have the next ones
+inline pid_t findLatestProcess()
+{
+    const pid_t process = ::fork();
+    if (process == 0)
+        ::_exit(0);
+    ::waitpid(process, nullptr, 0);
+    return process;
 }
 
 /// A codec that the tool does not know.

@@ -96,6 +96,13 @@ void ToolProcess::signal(int number) const
     ::kill(m_pid, number);
 }
 
+void ToolProcess::suspend() const
+{
+    signal(SIGSTOP);
+    siginfo_t info = {}; // its threads may run on for a moment
+    ::waitid(P_PID, static_cast<id_t>(m_pid), &info, WSTOPPED);
+}
+
 void ToolProcess::kill()
 {
     signal(SIGKILL);

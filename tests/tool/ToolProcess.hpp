@@ -36,6 +36,9 @@ public:
 
     void signal(int number) const;
 
+    /// Makes it stand still, until SIGCONT.
+    void suspend() const;
+
     /// Ends it as a crash would.
     void kill();
 
