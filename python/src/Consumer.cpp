@@ -104,7 +104,7 @@ void Consumer::close()
     m_consumer.stop();
 }
 
-/// Of the consumer's threads.
+/// Runs on the consumer's threads.
 void Consumer::keepEvent(const kit::ConsumerEvent& event)
 {
     const std::lock_guard<std::mutex> lock(m_eventMutex);
@@ -259,12 +259,10 @@ void addConsumer(py::module_& module)
         .def(py::init(&makeConsumer))
         .def(
             "read", &Consumer::read, "timeout"_a = py::none(),
-            "Returns the next Frame; waits for it, for a sender too.\n\n"
-            "timeout: seconds; None: that of the consumer. Raises TimedOut; Closed; CannotPlay "
-            "and\n"
-            "NotPermitted, once for each sender that is to blame: the consumer goes on trying, "
-            "and\n"
-            "may be read again.")
+            "Returns the next Frame. Waits for it, and for a sender.\n\n"
+            "timeout: seconds; None: the consumer's timeout.\n\n"
+            "Raises TimedOut and Closed, and once per unusable sender CannotPlay or NotPermitted:\n"
+            "the consumer keeps retrying, and can be read again.")
         .def("_take", &Consumer::take, "Returns the next Frame, or None if there is none yet.")
         .def("__iter__", [](const py::object& self) { return self; })
         .def(
@@ -286,12 +284,10 @@ void addConsumer(py::module_& module)
             })
         .def(
             "close", &Consumer::close,
-            "Leaves the stream. Other threads that read stop doing so within 50 ms. Does nothing "
-            "if\n"
-            "closed.")
+            "Leaves the stream. Reads in other threads end within 50 ms. Does nothing if closed.")
         .def(
             "events", &Consumer::takeEvents,
-            "Returns a list of each Event since the last call, 1,000 at most.")
+            "Returns a list of the Events since the last call, at most 1,000.")
         .def("_statistics", &Consumer::getStatistics)
         .def(
             "stream_time", &Consumer::getStreamTime,
@@ -299,9 +295,8 @@ void addConsumer(py::module_& module)
             "unknown.")
         .def(
             "fileno", &Consumer::getDescriptor,
-            "Returns a descriptor that is readable while something waits to be read, for select "
-            "and\n"
-            "event loops. Raises Error if no descriptor is left.")
+            "Returns a descriptor for select and event loops, readable while something waits to\n"
+            "be read. Raises Error if no descriptor is left.")
         .def_property_readonly("closed", &Consumer::isClosed, "Whether close() was called.");
 }
 

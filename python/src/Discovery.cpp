@@ -21,7 +21,7 @@ const char* getClock(const InitialInfo& info)
     return info.timeSyncPort != 0 ? "network" : "none";
 }
 
-/// Ends a question when it is destroyed.
+/// Ends a probe when it is destroyed.
 class Stop
 {
 public:

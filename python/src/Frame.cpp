@@ -9,7 +9,7 @@ namespace
 const kit::StreamFormat& getFormat(const Frame& frame)
 {
     if (!frame.content->format)
-        raise(kit::ErrorCode::InvalidArgument, "the frame has no samples, but a codec's bytes");
+        raise(kit::ErrorCode::InvalidArgument, "the stream is not PCM: use Frame.data instead");
     return *frame.content->format;
 }
 
@@ -66,7 +66,7 @@ void addStamps(py::class_<Frame>& type)
             "Time of the first sample on the stream's clock, nanoseconds.")
         .def_property_readonly(
             "duration", [](const Frame& frame) { return frame.received.duration; },
-            "Length, nanoseconds.")
+            "Length of the frame, nanoseconds.")
         .def_property_readonly(
             "gap", [](const Frame& frame) { return frame.received.gapNs; },
             "Nanoseconds from the end of the previous frame to this one: positive if media is\n"
@@ -79,12 +79,11 @@ void addStamps(py::class_<Frame>& type)
             "Frames dropped directly before this one because the queue was full.")
         .def_property_readonly(
             "arrival", [](const Frame& frame) { return frame.received.arrival; },
-            "Time of the arrival, nanoseconds of time.monotonic_ns().")
+            "Time of arrival, nanoseconds of time.monotonic_ns().")
         .def_property_readonly(
             "monotonic_time", [](const Frame& frame) { return frame.received.getMonotonicTime(); },
-            "The timestamp in nanoseconds of time.monotonic_ns(); None while the stream's clock "
-            "is\n"
-            "unknown.")
+            "The timestamp converted to time.monotonic_ns(), nanoseconds; None while the stream's\n"
+            "clock is unknown.")
         .def_property_readonly(
             "clock", getClock, "Clock of the timestamp: \"monotonic\", \"network\" or \"none\".");
 }
@@ -95,13 +94,13 @@ void addFrame(py::module_& module)
 {
     py::class_<Frame> type(
         module, "Frame",
-        "One frame of a stream. It owns its memory, which lives as long as the frame or any view\n"
-        "of it. Durations and stamps are integers in nanoseconds.");
+        "One frame of a stream. Its memory lives as long as the frame or any view of it.\n"
+        "Timestamps and durations are integers in nanoseconds.");
     type.def_property_readonly(
             "samples", getSamples,
             "The samples, without a copy: a read-only array of shape (samples, channels) in the\n"
-            "stream's own format and byte order; of shape (samples, channels, 3) and type uint8\n"
-            "for packed 24-bit samples. Raises InvalidArgument if the stream is not PCM.")
+            "stream's own format and byte order. Packed 24-bit samples are uint8 of shape\n"
+            "(samples, channels, 3). Raises InvalidArgument if the stream is not PCM.")
         .def_property_readonly(
             "data", getData, "The bytes, without a copy: a read-only uint8 array of one dimension.")
         .def(

@@ -10,7 +10,7 @@
 namespace vlx::python
 {
 
-/// What a stream carries: PCM, or another codec.
+/// Format of a stream: PCM, or another codec.
 struct Content
 {
     std::optional<kit::StreamFormat> format;
@@ -18,7 +18,7 @@ struct Content
     py::object pythonCodec = py::none();  ///< None for PCM
 };
 
-/// One frame, which owns its data: arrays over them keep it alive.
+/// One frame. It owns its data; arrays over the data keep it alive.
 struct Frame
 {
     kit::ReceivedFrame received;

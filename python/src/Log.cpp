@@ -1,5 +1,5 @@
-// The log of library and kit, for Python's logging. The thread that logs never touches Python: lines
-// wait in a queue until a thread of Python's comes by.
+// The log of library and kit, for Python's logging. The thread that logs never runs Python: lines
+// wait in a queue until a Python thread delivers them.
 
 #include <atomic>
 #include <deque>

@@ -20,11 +20,11 @@ using namespace py::literals;
 using std::chrono::nanoseconds;
 
 constexpr TimeValue LongLateNs = 1'000'000'000;
-// From this size on the copy is worth a change of the thread.
+// From this size on, the GIL is released during the copy.
 constexpr std::size_t LargeBytes = 65'536;
 constexpr nanoseconds MaxTail = std::chrono::milliseconds(400);
 
-/// The bytes of an object, while it lives.
+/// Access to the bytes of an object, which it keeps alive.
 class BufferView
 {
 public:
@@ -59,7 +59,7 @@ public:
                static_cast<std::size_t>(m_view.shape[dimension]) == length;
     }
 
-    /// @return whether the values have this size and order, and one of these types
+    /// @return whether the values have this size and byte order, and one of these types
     bool holds(const char* codes, std::size_t size, bool isBig) const
     {
         const char* format = m_view.format != nullptr ? m_view.format : "B";
@@ -104,8 +104,8 @@ void checkSamples(const BufferView& view, const kit::StreamFormat& format, const
                     given.attr("format"), given.attr("shape"))));
 }
 
-/// A producer of the kit, which is always open until it is closed. The GIL guards what has no lock of
-/// its own.
+/// A producer of the kit, open from construction until it is closed. The GIL guards what has no
+/// lock of its own.
 class Producer
 {
 public:
@@ -149,9 +149,9 @@ private:
     bool m_hasPace = false;
     std::uint64_t m_numLate = 0;
 
-    // Never waited for with the GIL, which may be waited for with it.
+    // Never block on it while holding the GIL; its holder may wait for the GIL.
     std::mutex m_mutex;
-    kit::Producer m_producer;       // guarded by m_mutex, but for its calls of any thread
+    kit::Producer m_producer;       // guarded by m_mutex, except calls from any thread
     Clock::time_point m_lastSent{}; // guarded by m_mutex
     nanoseconds m_lastDuration{};   // guarded by m_mutex
 };
@@ -193,7 +193,7 @@ void Producer::close()
     if (m_process == ::getpid())
     {
         lock.lock();
-        // Of a long frame the end has left long before the frame is over.
+        // The end of a long frame has left long before the frame's duration has passed.
         if (m_lastDuration > MaxTail)
         {
             std::this_thread::sleep_until(m_lastSent + MaxTail);
@@ -364,31 +364,34 @@ void addProducer(py::module_& module)
         .def(
             "send", &Producer::send, "data"_a, py::kw_only(), "timestamp"_a = py::none(),
             "duration"_a = py::none(),
-            "Sends one frame, without a copy of its own.\n\n"
+            "Sends one frame. The module adds no copy.\n\n"
             "data: a C-contiguous buffer in the stream's format and byte order, of shape\n"
             "    (samples, channels), or interleaved in one dimension; packed 24-bit samples are\n"
-            "    uint8 of shape (samples, channels, 3). bytes are taken for every format.\n"
-            "timestamp: nanoseconds of time.monotonic_ns(): sent at once. None: of the samples "
-            "sent\n"
-            "    so far; waits until the frame is due. After a delay frames follow at twice the\n"
-            "    pace; after more than a second they begin anew, with a gap.\n"
-            "duration: nanoseconds; None: that of the samples, 0 for another codec than PCM.\n\n"
-            "Raises InvalidArgument, Closed.")
+            "    uint8 of shape (samples, channels, 3). Every format accepts bytes.\n"
+            "timestamp: nanoseconds of time.monotonic_ns(); sends at once. None: continues after\n"
+            "    the samples sent so far, and waits until the frame is due. After a delay, frames\n"
+            "    are sent at twice the pace; after more than a second, timestamps restart at the\n"
+            "    current time, with a gap. With codecs other than PCM, None means the current\n"
+            "    time, and sends at once.\n"
+            "duration: nanoseconds; None: that of the samples; 0 for codecs other than PCM.\n\n"
+            "Raises InvalidArgument and Closed.")
         .def(
             "acquire", &Producer::acquire, "count"_a,
             "Returns a writable array for one frame, in shared memory if the stream uses it. Fill\n"
-            "it, send it, and leave it unchanged then.\n\n"
+            "it and send it. Do not change it afterwards.\n\n"
             "count: samples, for an array of shape (count, channels), or (count, channels, 3) for\n"
-            "packed 24-bit samples; bytes for another codec than PCM. Raises Closed.")
+            "packed 24-bit samples; bytes for codecs other than PCM.\n\n"
+            "Raises Closed.")
         .def(
             "wait_for_receivers", &Producer::waitForReceivers, "count"_a = 1,
             "timeout"_a = py::none(),
             "Waits until a number of receivers have joined.\n\n"
-            "timeout: seconds; None: no limit. Raises TimedOut, Closed.")
+            "timeout: seconds; None: no limit.\n\n"
+            "Raises TimedOut and Closed.")
         .def(
             "close", &Producer::close,
-            "Closes the stream when the last frame has left, after 100 to 500 ms. Does nothing if\n"
-            "closed.")
+            "Waits until the last frame has left, 100 to 500 ms, and closes the stream. Does\n"
+            "nothing if closed.")
         .def("_statistics", &Producer::getStatistics)
         .def_property_readonly(
             "name", [](const Producer& self) { return toPython(self.getName()); },

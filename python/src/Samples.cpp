@@ -1,4 +1,4 @@
-// Samples of the twelve formats as arrays of numpy.
+// Samples of the twelve formats as numpy arrays.
 
 #include <array>
 #include <bit>
@@ -69,7 +69,7 @@ double readDouble(const std::uint8_t* bytes)
 
 using Reader = double (*)(const std::uint8_t* bytes);
 
-/// In the order of PcmFormat: a sample as a number, full scale at 1.
+/// A sample as a number, full scale at 1; in the order of PcmFormat.
 constexpr std::array<Reader, audioUtils::NumPcmFormats> Readers = {
     readInteger<1, false>, readUnsigned,         readInteger<2, false>, readInteger<2, true>,
     readInteger<3, false>, readInteger<3, true>, readInteger<4, false>, readInteger<4, true>,

@@ -54,7 +54,7 @@ std::chrono::nanoseconds toNanoseconds(std::optional<double> seconds)
     if (!seconds)
         return std::chrono::nanoseconds(-1);
     if (!(*seconds >= 0))
-        raise(kit::ErrorCode::InvalidArgument, "a time is not negative");
+        raise(kit::ErrorCode::InvalidArgument, "a time in seconds must be 0 or more");
     return std::chrono::nanoseconds(
         static_cast<std::int64_t>(std::min(*seconds, Longest) * 1'000'000'000));
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-// What all classes of the module use: waiting without the GIL, errors, and objects made in Python.
+// Helpers of all classes of the module: waiting without the GIL, errors, and Python objects.
 
 #include <algorithm>
 #include <chrono>
@@ -22,8 +22,9 @@ namespace vlx::python
 namespace py = pybind11;
 using Clock = std::chrono::steady_clock;
 
-/// Releases the GIL while it lives. A daemon thread that comes back when the interpreter ends, or has
-/// ended, stays here, as it must neither touch Python nor unwind: destroy it without locks.
+/// Releases the GIL while it lives. A daemon thread that would reacquire it while the interpreter
+/// ends, or afterwards, blocks forever, since it must neither use Python nor unwind. Hold no lock
+/// when destroying this object.
 class WithoutGil
 {
 public:
@@ -37,19 +38,19 @@ private:
     PyThreadState* const m_thread;
 };
 
-/// Keeps every other thread from coming back to Python.
+/// Keeps every other thread from reacquiring the GIL.
 void beginEnd();
 
-/// Hands log lines to Python, and runs handlers of signals.
+/// Delivers log lines to Python, and runs signal handlers.
 ///
-/// @throws py::error_already_set  what a handler raises
+/// @throws py::error_already_set  if a handler raises
 void handleSignals();
 
 /// Waits without the GIL, in pieces short enough for Ctrl-C.
 ///
 /// @param timeout  negative: no limit
 /// @param step     called with the longest time that it may wait; returns true to end the wait
-/// @return false after the timeout
+/// @return false if the timeout has expired
 template <typename Step>
 bool waitFor(std::chrono::nanoseconds timeout, Step step)
 {
@@ -88,25 +89,27 @@ std::chrono::nanoseconds toNanoseconds(std::optional<double> seconds);
 /// Raises the Python exception of a failure.
 void check(const kit::Status& status);
 
-/// A type of the package that is written in Python.
+/// @return a type of the package that is written in Python
 py::object getType(const char* name);
 
-/// Text from a peer or from the file system, as os.fsdecode() makes it.
+/// Decodes text from a peer or from the file system as os.fsdecode() does.
 py::str toPython(const std::string& text);
 
-/// The four characters of a codec's code.
+/// Converts a FourCC to its four characters.
 py::str toPythonFourcc(std::uint32_t fourcc);
 
-/// @param process  that has made an object
+/// Checks that an object is used in the process that created it.
+///
+/// @param process  the process that created the object
 /// @throws ErrorCode::NotOpen in a forked child
 void checkProcess(pid_t process);
 
-/// How the samples of a stream look in numpy.
+/// Representation of samples in numpy.
 struct SampleType
 {
     const char* name;     ///< of the format
     const char* dtype;    ///< of numpy
-    const char* codes;    ///< of the struct module: types of the same meaning
+    const char* codes;    ///< equivalent types of the struct module
     std::size_t numParts; ///< values per sample of a channel: packed 24-bit samples are three bytes
 };
 
@@ -115,8 +118,8 @@ const SampleType& getSampleType(const kit::StreamFormat& format);
 /// @throws ErrorCode::InvalidArgument for an unknown name
 audioUtils::PcmFormat toSampleFormat(const std::string& name);
 
-/// An array over memory that another object owns: (samples, channels), and (samples, channels, 3)
-/// for packed 24-bit samples.
+/// Makes an array over memory that another object owns, of shape (samples, channels), or (samples,
+/// channels, 3) for packed 24-bit samples.
 py::array makeArray(
     const kit::StreamFormat& format,
     const void* data,
@@ -127,7 +130,7 @@ py::array makeArray(
 py::array toFloat(const kit::StreamFormat& format, const std::uint8_t* data, std::size_t numBytes);
 py::array toInt32(const kit::StreamFormat& format, const std::uint8_t* data, std::size_t numBytes);
 
-/// The same objects in Python.
+/// Converts to the objects of the package.
 py::object toPythonFormat(const kit::StreamFormat& format);
 py::object toPythonCodec(std::uint32_t fourcc, const Buffer& header);
 
@@ -138,7 +141,7 @@ void addFrame(py::module_& module);
 void addLog(py::module_& module);
 void addProducer(py::module_& module);
 
-/// Hands waiting log lines to Python.
+/// Delivers waiting log lines to Python.
 void deliverLog();
 
 } // namespace vlx::python

@@ -1,4 +1,4 @@
-// The private half of the package vellox: what is not shorter in Python.
+// The native half of the package vellox.
 
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +13,7 @@ namespace
 
 pid_t process = 0;
 
-/// The log's finaliser waits for threads, which a forked child does not have.
+/// Ends a forked child at once: the log's finaliser would wait for threads that it does not have.
 void endForkedChild(int code, void* /*unused*/)
 {
     if (::getpid() == process)

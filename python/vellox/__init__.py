@@ -1,8 +1,8 @@
 """Timestamped media frames from one process to many on one machine.
 
-A Producer sends a stream under a name, a Consumer receives it as numpy arrays; senders() and
-probe() find streams. Stamps and durations are integers in nanoseconds, time-outs are floats in
-seconds. The log goes to the logger "vellox".
+A Producer sends a stream under a name, and a Consumer receives it as numpy arrays. senders() and
+probe() find streams. Timestamps and durations are integers in nanoseconds, timeouts are floats in
+seconds. The library logs to the logger "vellox".
 """
 
 from vellox._core import Frame

@@ -1,4 +1,4 @@
-"""Producer and Consumer with the manners of Python."""
+"""The classes Producer and Consumer, and discovery."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ __version__: str = _core.version
 _Path = Union[str, bytes, "os.PathLike[str]"]
 _REAL_TIME = ("off", "try", "require")
 
-# A task looks after its consumer so often, seconds: a consumer that is closed wakes nothing.
+# Interval in seconds at which a task checks its consumer: closing a consumer wakes no task.
 _SLICE = 0.05
 
 _open: weakref.WeakSet[Consumer | Producer] = weakref.WeakSet()
@@ -34,7 +34,7 @@ _obstacle = ""
 
 
 def _close_all() -> None:
-    """Before the interpreter ends: afterwards no thread of the library's may run."""
+    """Closes all streams before the interpreter ends: no library thread may run afterwards."""
     global _obstacle
     _obstacle = "the interpreter is ending"
     _core.begin_end()
@@ -43,7 +43,7 @@ def _close_all() -> None:
 
 
 def _begin_child() -> None:
-    """The transport has threads, which a forked child does not have."""
+    """Bars new streams in a forked child: it lacks the threads of the transport."""
     global _obstacle
     _core.forget_log()
     if _open:
@@ -67,21 +67,21 @@ def _find(option: str, value: str, choices: tuple[str, ...]) -> int:
 
 
 class Consumer(_core.Consumer):
-    """Receives one stream: waits for its sender, joins it, and joins it again after a loss.
+    """Receives one stream: waits for its sender, joins it, and reconnects after a loss.
 
-    Iterate it, with "for" or "async for", or call read(). Frames wait in a queue of `max_queue`
-    seconds, which a thread without Python fills; the oldest are dropped and counted. Close it, or
-    leave its "with" block: that takes milliseconds, up to 5 seconds if the base directory is not
-    writable.
+    Iterate over it with "for" or "async for", or call read(). A thread without Python fills a
+    queue of `max_queue` seconds; when it is full, the oldest frames are dropped and counted. Call
+    close(), or leave the "with" block: this takes milliseconds, but up to 5 seconds if the base
+    directory is not writable.
 
-    name: of the stream, 1 to 107 bytes.
+    name: name of the stream, 1 to 107 bytes.
     timeout: seconds that read() and iteration wait for a frame before they raise TimedOut; None:
         no limit.
-    raw: receives other codecs than PCM, too: Frame.data and Frame.codec.
-    sender_user: id of the user that the sender must run as.
+    raw: also receives codecs other than PCM, as Frame.data and Frame.codec.
+    sender_user: id of the user that the sender must run as; None: any.
     base_directory: where senders and receivers meet; empty: TMPDIR, or /tmp/vlx.
-    stall_timeout: seconds without a frame after which the stream is joined again; None: never.
-    max_queue: seconds; None: only limited to 64 MiB and 10,000 frames.
+    stall_timeout: seconds without a frame after which the consumer reconnects; None: never.
+    max_queue: length of the queue, seconds; None: limited only to 64 MiB and 10,000 frames.
     real_time: scheduling of the receiving threads.
 
     Raises InvalidArgument, NotPermitted and Error. Any thread may call any method.
@@ -165,20 +165,20 @@ class Consumer(_core.Consumer):
 
 
 class Producer(_core.Producer):
-    """Sends one stream, which is open from the beginning until close(), or the end of its "with"
+    """Sends one stream, which is open from construction until close() or the end of the "with"
     block.
 
-    name: of the stream, 1 to 107 bytes.
+    name: name of the stream, 1 to 107 bytes.
     rate: samples per second.
     channels: 1 to 255.
     format: one of S8, U8, S16LE, S16BE, S24LE, S24BE, S32LE, S32BE, F32LE, F32BE, F64LE, F64BE.
-    fourcc: code of another codec, four characters; rate, channels and format then have no meaning.
-    header: announced with that codec.
-    alternative_name: used if another producer holds the name; empty: opening fails.
+    fourcc: code of another codec, four characters; rate, channels and format are then ignored.
+    header: codec header, announced with fourcc.
+    alternative_name: used if another producer holds the name; empty: raises NameTaken.
     base_directory: where senders and receivers meet; empty: TMPDIR, or /tmp/vlx.
     socket_mode: users whose receivers may join: "owner", "group" or "all".
-    carriage: "inline"; "shared": frames lie in shared memory, which only receivers of the kit
-        can read; "automatic": shared if frames have at least 8,192 bytes.
+    carriage: how frames travel: "inline", in packets; "shared", in shared memory, which only
+        receivers of the kit can read; "automatic", shared if frames have at least 8,192 bytes.
     frame_bytes: nominal size of a frame in shared memory; 0: that of the first frame.
     real_time: scheduling of the stream's threads.
 
@@ -247,8 +247,10 @@ def senders() -> list[Sender]:
 
 
 def probe(name: str | bytes, *, timeout: float = 1.0) -> Probe | None:
-    """Asks a sender what it sends; None if the name has no sender.
+    """Returns what a sender announces; None if the name has no sender.
 
-    timeout: seconds for the whole exchange. Raises InvalidArgument.
+    timeout: seconds for the whole exchange.
+
+    Raises InvalidArgument.
     """
     return _core.probe(os.fsencode(name), timeout)

@@ -1,4 +1,4 @@
-"""Errors and small objects."""
+"""Exceptions and value types."""
 
 from __future__ import annotations
 
@@ -6,7 +6,7 @@ import typing
 
 
 class Error(Exception):
-    """An operation failed. The text is complete: what failed, and why."""
+    """An operation failed. The message states what failed and why."""
 
     code: str = "failed"
     """Kind of the failure, such as "no directory"."""
@@ -21,19 +21,19 @@ class NotPermitted(Error, PermissionError):
 
 
 class InvalidArgument(Error, ValueError):
-    """An option, a name or the data of a frame is not valid."""
+    """An option, a name or the data of a frame is invalid."""
 
 
 class TimedOut(Error, TimeoutError):
-    """A time-out has expired."""
+    """A timeout has expired."""
 
 
 class CannotPlay(Error):
-    """The stream has a codec that is not received without raw=True."""
+    """The stream's codec is not PCM, and raw=True is not set."""
 
 
 class Closed(Error):
-    """The producer or consumer is closed, or belongs to the parent of this process."""
+    """The producer or consumer is closed, or was created before this process was forked."""
 
 
 class Format(typing.NamedTuple):
@@ -61,12 +61,12 @@ class Codec(typing.NamedTuple):
 
 
 class Event(typing.NamedTuple):
-    """A change of a consumer's connection, or the reason why there is none."""
+    """A change of a consumer's connection, or the reason why it has no connection."""
 
     kind: str
     """"joined", "lost", "stalled", "cannot play", "not permitted", "not a sender" or "failed"."""
     time: int
-    """Nanoseconds of time.monotonic_ns()."""
+    """Time of the event, nanoseconds of time.monotonic_ns()."""
     text: str
     """What happened, why, and the remedy."""
 
@@ -83,7 +83,7 @@ class ConsumerStatistics(typing.NamedTuple):
     dropped: int
     """Frames dropped because the queue was full."""
     lost: int
-    """Frames overwritten in shared memory before they were read."""
+    """Frames overwritten in shared memory before the consumer read them."""
     gaps: int
     """Positive gaps between frames."""
     gap_ns: int
@@ -93,11 +93,11 @@ class ConsumerStatistics(typing.NamedTuple):
     sequences: int
     """Sequences announced."""
     connections: int
-    """Connections that brought a frame."""
+    """Connections on which a frame arrived."""
     reconnects: int
     """Connections after the first."""
     stalls: int
-    """Connections left because no frames came."""
+    """Connections closed because no frames arrived."""
     join_ns: int
     """Time from the start, or from the last loss, to the first frame, nanoseconds."""
 
@@ -144,14 +144,14 @@ class Probe(typing.NamedTuple):
     busy: bool
     """Whether the sender is stopped or overloaded."""
     clock: str | None
-    """Clock of the stamps: "monotonic", "network" or "none"; None without an answer."""
+    """Clock of the timestamps: "monotonic", "network" or "none"; None without an answer."""
     format: Format | None
     """Format; None if the stream is not PCM, or was not announced in time."""
     codec: Codec | None
-    """Codec other than PCM."""
+    """Codec, if it is not PCM."""
     shared: bool
     """Whether the frames lie in shared memory."""
     socket_file: str
-    """Path of the main channel's socket; empty if there is none that can be trusted."""
+    """Path of the main channel's socket; empty if no trustworthy path is known."""
     may_join: bool
     """Whether this user may join."""
