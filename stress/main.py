@@ -9,7 +9,8 @@ import sys
 import tempfile
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "runs"))
-import chaos  # noqa: E402  each of these adds its rows
+import alsa  # noqa: E402, F401  each of these adds its rows
+import chaos  # noqa: E402
 import endurance  # noqa: E402
 import fleet  # noqa: E402
 import hostile  # noqa: E402, F401

@@ -196,29 +196,17 @@ public:
         EXPECT_TRUE(m_consumer.start());
     }
 
+    /// Waits until the stream is joined: from then on no frame is missed.
+    void join()
+    {
+        takeUntil([this] { return isJoined; });
+        ASSERT_TRUE(isJoined);
+    }
+
     /// Takes frames until so many bytes have come in all.
     void wait(std::size_t size)
     {
-        const auto end = std::chrono::steady_clock::now() + DefaultDeadline;
-        while (bytes.size() < size && std::chrono::steady_clock::now() < end)
-        {
-            const auto item = m_consumer.read(100ms);
-            if (!item)
-                continue;
-            if (const auto* const announced = std::get_if<kit::StreamFormat>(&*item))
-                format = *announced;
-            const auto* const frame = std::get_if<kit::ReceivedFrame>(&*item);
-            if (frame == nullptr)
-                continue;
-            EXPECT_GE(frame->timestamp, m_end) << "overlaps the one before";
-            EXPECT_GE(frame->arrival, frame->timestamp) << "left before it was due";
-            EXPECT_LE(frame->duration, 20 * Millisecond);
-            m_end = frame->timestamp + frame->duration;
-            lateness = std::max(lateness, frame->arrival - frame->timestamp);
-            frames.push_back(*frame);
-            offsets.push_back(bytes.size());
-            bytes.insert(bytes.end(), frame->data.begin(), frame->data.end());
-        }
+        takeUntil([this, size] { return bytes.size() >= size; });
         ASSERT_GE(bytes.size(), size);
     }
 
@@ -241,8 +229,37 @@ public:
     TimeValue lateness = 0;           // the largest
     Buffer bytes;
     kit::StreamFormat format;
+    bool isJoined = false;
 
 private:
+    template <typename Condition>
+    void takeUntil(Condition condition)
+    {
+        const auto end = std::chrono::steady_clock::now() + DefaultDeadline;
+        while (!condition() && std::chrono::steady_clock::now() < end)
+        {
+            const auto item = m_consumer.read(100ms);
+            if (!item)
+                continue;
+            if (const auto* const announced = std::get_if<kit::StreamFormat>(&*item))
+            {
+                format = *announced;
+                isJoined = true;
+            }
+            const auto* const frame = std::get_if<kit::ReceivedFrame>(&*item);
+            if (frame == nullptr)
+                continue;
+            EXPECT_GE(frame->timestamp, m_end) << "overlaps the one before";
+            EXPECT_GE(frame->arrival, frame->timestamp) << "left before it was due";
+            EXPECT_LE(frame->duration, 20 * Millisecond);
+            m_end = frame->timestamp + frame->duration;
+            lateness = std::max(lateness, frame->arrival - frame->timestamp);
+            frames.push_back(*frame);
+            offsets.push_back(bytes.size());
+            bytes.insert(bytes.end(), frame->data.begin(), frame->data.end());
+        }
+    }
+
     kit::Consumer m_consumer;
     TimeValue m_end = now(); // of the last frame
 };
@@ -484,6 +501,7 @@ TEST_F(AlsaTest, PlaysByTheClockAndReportsTheDelay)
     Listener listener(getSocketName());
     Pcm pcm = play({.rate = OddRate, .period = 1000});
     ASSERT_EQ(pcm.error, 0) << errors;
+    listener.join();
     const Samples samples = makeSamples(std::size_t(50) * 441);
     struct Look
     {
@@ -526,6 +544,7 @@ TEST_F(AlsaTest, UnderrunIsAGapOfItsLength)
 {
     Listener listener(getSocketName());
     Pcm pcm = play({.start = Never});
+    listener.join();
     const Samples samples = makeSamples(3 * Period);
     pcm.write(samples);
     EXPECT_EQ(::snd_pcm_state(pcm), SND_PCM_STATE_PREPARED);
@@ -553,6 +572,7 @@ TEST_F(AlsaTest, ASampleIsTakenWhenItIsDue)
 {
     Listener listener(getSocketName());
     Pcm pcm = play({.period = 4800});
+    listener.join();
     Samples samples = makeSamples(19'200);
     pcm.write(samples); // 400 ms
     const snd_pcm_sframes_t back = ::snd_pcm_rewind(pcm, 9600);
@@ -567,6 +587,7 @@ TEST_F(AlsaTest, PauseIsAGapAndDropEndsAtOnce)
 {
     Listener listener(getSocketName());
     Pcm pcm = play({.period = 4800});
+    listener.join();
     constexpr std::size_t NumWritten = 10; // 1 s
     pcm.write(makeSamples(NumWritten * 4800));
     listener.wait(1920); // it plays
@@ -615,6 +636,7 @@ TEST_F(AlsaTest, PollWakesTheProgramWhenAPeriodIsFreeAndNeverElse)
 {
     Listener listener(getSocketName());
     Pcm pcm = play({.mode = SND_PCM_NONBLOCK});
+    listener.join();
     const Samples samples = makeSamples(3 * BufferSize);
     std::size_t wakeups = 0;
     for (std::size_t done = 0; done < samples.size(); ++wakeups)
@@ -641,6 +663,7 @@ TEST_F(AlsaTest, AProgramThatWantsNoUnderrunsComesBackInTime)
 {
     Listener listener(getSocketName());
     Pcm pcm = play({.stop = Never});
+    listener.join();
     pcm.write(makeSamples(2 * Period));
     ASSERT_TRUE(waitFor(
         [&]
@@ -675,7 +698,7 @@ TEST_F(AlsaTest, MissingSamplesBecomeSilenceOfTheirLength)
     };
     constexpr int Hour = 3'600'000;
     kit::Producer producer = makeProducer();
-    Pcm pcm = record({.period = 2 * Period});
+    Pcm pcm = record({.period = 4800});
     for (const auto& [name, stamp, sent, silence, meanwhile] :
          {Case{"nothing is missing", 20, 0, 0, Nothing}, Case{"a gap", 100, 100, 80, Nothing},
           Case{"a gap longer than a frame may be late", 300, 300, 280, Nothing},
@@ -694,6 +717,7 @@ TEST_F(AlsaTest, MissingSamplesBecomeSilenceOfTheirLength)
         const TimeValue stampBegin = begin + toTime(stamp);
         send(producer, makeSamples(2 * Period), begin);
         Samples recorded = pcm.readSound(2 * Period);
+        ASSERT_EQ(recorded, makeSamples(2 * Period));
         const TimeValue arrived = now() + 20 * Millisecond; // its end, at the latest
         if (meanwhile == NewSender)
         {
@@ -711,35 +735,38 @@ TEST_F(AlsaTest, MissingSamplesBecomeSilenceOfTheirLength)
             EXPECT_EQ(::snd_pcm_pause(pcm, 0), 0);
         }
         TimeValue heard = 0; // when
-        for (std::size_t size = 2 * Period; size < 22 * Period; size += 10 * Period)
+        for (std::size_t size = 2 * Period; size < 202 * Period; size += 100 * Period)
         {
-            const Samples samples = makeSamples(10 * Period, size);
+            const Samples samples = makeSamples(100 * Period, size);
+            const auto before = static_cast<std::ptrdiff_t>(recorded.size());
             send(producer, samples, stampBegin + Mono.toNanoseconds(size - 2 * Period));
-            while (recorded.back() != samples.back() && !HasFailure())
+            while (recorded.back() != samples.back() && recorded.size() < 600 * Period)
             {
-                recorded.push_back(pcm.read(1).at(0));
+                const snd_pcm_sframes_t available = ::snd_pcm_avail(pcm);
+                const Samples more = pcm.read(static_cast<std::size_t>(std::max(available, 1L)));
+                recorded.insert(recorded.end(), more.begin(), more.end());
                 if (heard == 0 && recorded.back() != 0)
                     heard = now();
             }
+            const auto sound = std::find_if(
+                recorded.begin() + before, recorded.end(),
+                [](std::int16_t sample) { return sample != 0; });
+            EXPECT_TRUE(
+                std::equal(sound, recorded.end(), samples.end() - (recorded.end() - sound)));
         }
         // The samples that silence has replaced are left out.
-        ASSERT_GE(recorded.size(), 22 * Period);
-        const std::size_t missing = recorded.size() - 22 * Period;
+        ASSERT_GE(recorded.size(), 202 * Period);
+        const std::size_t missing = recorded.size() - 202 * Period;
         const auto exact = Mono.toSamples(toTime(std::max(silence, 0)));
         const std::size_t rounded = meanwhile == NewSender ? 1 : 0;
         EXPECT_GE(missing + rounded, silence >= 0 ? exact : Mono.toSamples(least));
         EXPECT_LE(
             missing,
             (silence >= 0 ? exact : Mono.toSamples(heard - begin - 20 * Millisecond)) + rounded);
-        const auto sound = std::find_if(
-            recorded.begin() + 2 * Period, recorded.end(),
-            [](std::int16_t sample) { return sample != 0; });
-        const Samples all = makeSamples(22 * Period);
-        EXPECT_TRUE(std::equal(all.begin(), all.begin() + 2 * Period, recorded.begin()));
-        EXPECT_TRUE(std::equal(sound, recorded.end(), all.end() - (recorded.end() - sound)));
         ASSERT_EQ(::snd_pcm_drop(pcm), 0);
         ASSERT_EQ(::snd_pcm_prepare(pcm), 0);
     }
+    producer.stop(); // closes at once
 }
 
 TEST_F(AlsaTest, ReportsWhatARecordingCannotContinueWith)
@@ -830,6 +857,8 @@ TEST_F(AlsaTest, AReaderThatStopsGetsAnOverrun)
 
 TEST_F(AlsaTest, WaitingCostsNothing)
 {
+    if (std::getenv("VLX_EMULATED") != nullptr)
+        GTEST_SKIP() << "an emulator costs something";
     Pcm player(getSocketName() + "-p", SND_PCM_STREAM_PLAYBACK);
     Pcm recorder = record({.mode = SND_PCM_NONBLOCK}); // no sender
     ASSERT_EQ(::snd_pcm_start(recorder), 0);
@@ -850,6 +879,7 @@ TEST_F(AlsaTest, LeavesNothingBehindAndSaysNothing)
         {
             Listener listener(getSocketName() + suffix);
             Pcm pcm(getSocketName() + suffix, SND_PCM_STREAM_PLAYBACK);
+            listener.join();
             pcm.write(makeSamples(3 * Period));
             EXPECT_EQ(::snd_pcm_drain(pcm), 0);
             listener.expect(makeSamples(3 * Period));
@@ -867,6 +897,7 @@ TEST_F(AlsaTest, AForkedChildClosesWhatItGotAndItsParentPlaysOn)
 {
     Listener listener(getSocketName());
     Pcm pcm = play();
+    listener.join();
     const Samples samples = makeSamples(2 * BufferSize);
     pcm.write(Samples(samples.begin(), samples.begin() + BufferSize));
     EXPECT_TRUE(runInFork(
@@ -953,7 +984,6 @@ TEST_F(AlsaTest, ParametersReachTheStream)
 
 TEST_F(AlsaTest, AnotherFormatIsConverted)
 {
-    Listener listener(getSocketName());
     kit::Producer producer({.name = getSocketName() + "-24"});
     ASSERT_TRUE(producer.open({PcmFormat::S24LE, Rate, 2}));
     Pcm pcm(

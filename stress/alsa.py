@@ -1,0 +1,41 @@
+"""ALSA's plugin: aplay plays from a pipe, and each sample leaves at its time."""
+
+from contextlib import suppress
+import os
+import shutil
+import subprocess
+import time
+
+from fleet import Process
+from rows import SKIPPED, Run, row
+from shared import ROOT, make_name
+
+RATE, FRAME_BYTES = 48_000, 4
+PERIOD = 960  # the frames of the stream have 20 ms
+
+
+@row("endurance", "alsa", "aplay from a pipe, in real time",
+     "at each moment at most one period more or fewer samples have left than the clock says")
+def play_from_pipe(run: Run) -> None:
+    plugin = run.tool.parents[1] / "alsa"
+    run.require(shutil.which("aplay") and plugin.exists() and run.tool.exists(),
+                "needs aplay, the plugin and the tool", SKIPPED)
+    os.environ.update(ALSA_PLUGIN_DIR=str(plugin), ALSA_CONFIG_PATH=(
+        f"/usr/share/alsa/alsa.conf:{ROOT / 'alsa/99-vlx.conf'}"))
+    name, total = make_name(), round(7.5 * run.minutes) * RATE
+    listener = Process([str(run.tool), "receive", "-q", "--realtime", "-s", name, "-d",
+                        f"{total // RATE}s", "--no-fill", "--raw", "-"], output=subprocess.PIPE)
+    player = Process(["sh", "-c", f"head -c {total * FRAME_BYTES} /dev/zero | "
+                      f"aplay -t raw -f dat -D vlx:{name},REALTIME=try"])
+    with suppress(PermissionError):  # what is measured is not this program
+        os.sched_setscheduler(0, os.SCHED_RR, os.sched_param(10))
+    start, left, errors = 0, 0, []
+    while data := os.read(listener.stdout.fileno(), PERIOD * FRAME_BYTES):
+        start = start or time.monotonic_ns()
+        errors.append(left - (time.monotonic_ns() - start) * RATE / 1e9)
+        left += len(data) / FRAME_BYTES
+    os.sched_setscheduler(0, os.SCHED_OTHER, os.sched_param(0))
+    run.check(player.await_end(10) == "worked" and left == total, f"{left:.0f} of {total} samples")
+    if errors:
+        run.tell(f"{total // RATE} s; {min(errors):+.0f} to {max(errors):+.0f} samples")
+        run.check(run.lenient or max(map(abs, errors)) <= PERIOD, f"{PERIOD} allowed")
