@@ -16,7 +16,9 @@ namespace
 constexpr TimeValue Millisecond = 1'000'000;
 // A frame may be this late before silence takes its place.
 constexpr TimeValue Lateness = 200 * Millisecond;
+// How often the thread looks at the clock: for silence, and before the first frame.
 constexpr std::chrono::milliseconds Tick{10};
+constexpr std::chrono::milliseconds IdleTick{100};
 
 class Capture : public Device
 {
@@ -68,7 +70,7 @@ private:
     kit::Consumer m_consumer;
     bool m_isOpen = false;
     // Guarded by m_mutex.
-    bool m_hasBegun = false;        // a frame has come
+    bool m_hasBegun = false;        // a frame has come; only the thread changes it
     TimeValue m_end = 0;            // when the next frame is expected
     std::uint64_t m_numFilled = 0;  // samples of silence since m_end
     std::uint64_t m_numSkipped = 0; // samples that are still to be skipped, for silence instead
@@ -97,7 +99,7 @@ void Capture::run()
 {
     while (true)
     {
-        const std::optional<kit::ConsumerItem> item = m_consumer.read(Tick);
+        const std::optional<kit::ConsumerItem> item = m_consumer.read(m_hasBegun ? Tick : IdleTick);
         if (item)
             take(*item);
         std::unique_lock<std::mutex> lock(m_mutex);

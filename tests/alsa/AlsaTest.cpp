@@ -342,7 +342,8 @@ class LayoutTest : public AlsaTest, public ::testing::WithParamInterface<Layout>
 
 TEST_P(LayoutTest, ArrivesWithEveryByte)
 {
-    const auto [access, format, channels, rate, expected] = GetParam();
+    const auto [access, format, numChannels, rate, expected] = GetParam();
+    const unsigned int channels = numChannels; // for the lambda
     const PcmOptions options = {access, format, channels, rate, 0, rate / 100};
     const std::size_t width = audioUtils::bytesPerSample(expected);
     const bool isPlanar = access == Planar;
@@ -514,7 +515,7 @@ TEST_F(AlsaTest, PlaysByTheClockAndReportsTheDelay)
     {
         const auto place = samples.begin() + static_cast<std::ptrdiff_t>(done);
         pcm.write(Samples(place, place + 441));
-        if (done < 5 * 441)
+        if (done < std::size_t(5) * 441)
             continue; // it has just started
         Look look = {now(), 0, done + 441, 0};
         ASSERT_EQ(::snd_pcm_delay(pcm, &look.delay), 0);
