@@ -451,7 +451,7 @@ TEST_F(LookTest, MonitorWithoutNamesShowsStreamsAsTheyComeAndGo)
     ToolProcess single(send({"--silence", "--protocol", "pipeline"}));
     monitor.shows("  pipeline, not joined  S16LE");
     const auto isNotJoined = [](const json& line)
-    { return line["state"] == "pipeline, not joined" && line["channels"] == 2; };
+    { return line["state"] == "pipeline, not joined" && line.value("channels", 0) == 2; };
     waitForLine(lines, isNotJoined, "may have another receiver");
     waitForLine(named, isRunning, "its only receiver");
     EXPECT_EQ(single.stop(), 128 + SIGTERM);
