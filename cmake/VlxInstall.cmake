@@ -10,8 +10,8 @@ endif()
 include(CMakePackageConfigHelpers)
 set(vlx_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tavo_vellox)
 
-# Components: runtime (what a program needs), development (besides), tools, gstreamer and alsa (each
-# besides runtime). Everything belongs to one of them.
+# Components: runtime (what a program needs), development (besides), tools, gstreamer, alsa and python
+# (each besides runtime). Everything belongs to one of them.
 
 # Libraries. Siblings lie beside each other; another build of the companion stays where it is.
 set(vlx_libraries vlx_vellox vlx_vellox_kit)
@@ -122,4 +122,18 @@ if(TARGET vlx_alsa)
     install(FILES alsa/99-vlx.conf
         DESTINATION ${CMAKE_INSTALL_DATADIR}/alsa/alsa.conf.d
         COMPONENT alsa)
+endif()
+
+# The Python module, where Python looks when the prefix is its own.
+if(TARGET vlx_python)
+    file(RELATIVE_PATH vlx_python_to_libdir
+        ${CMAKE_INSTALL_PREFIX}/${VLX_PYTHON_DIR}/vellox ${CMAKE_INSTALL_FULL_LIBDIR})
+    set_target_properties(vlx_python PROPERTIES
+        INSTALL_RPATH $ORIGIN/${vlx_python_to_libdir}
+        INSTALL_RPATH_USE_LINK_PATH ON)
+    install(TARGETS vlx_python LIBRARY DESTINATION ${VLX_PYTHON_DIR}/vellox COMPONENT python)
+    install(DIRECTORY python/vellox
+        DESTINATION ${VLX_PYTHON_DIR}
+        COMPONENT python
+        FILES_MATCHING PATTERN *.py PATTERN *.pyi PATTERN py.typed)
 endif()

@@ -15,3 +15,13 @@ if(NOT CMAKE_CROSSCOMPILING)
     endif()
 endif()
 option(VLX_BUILD_PYTHON "Build the Python module" ${vlx_build_python_default})
+
+# Below the prefix; Debian's Python names a directory below /usr/local.
+if(VLX_BUILD_PYTHON AND NOT DEFINED CACHE{VLX_PYTHON_DIR})
+    execute_process(
+        COMMAND ${Python_EXECUTABLE} -c
+            "import os, sys, sysconfig; print(os.path.relpath(sysconfig.get_path('platlib'), sys.prefix))"
+        OUTPUT_VARIABLE vlx_python_dir OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    string(REGEX REPLACE "^local/" "" vlx_python_dir ${vlx_python_dir})
+    set(VLX_PYTHON_DIR ${vlx_python_dir} CACHE STRING "Directory of the Python module, below the prefix")
+endif()
