@@ -122,7 +122,7 @@ void Capture::take(const kit::ConsumerItem& item)
         if (*format == m_format)
             return;
         SNDERR(
-            "vlx: the stream's format is now %s: open the device again",
+            "vlx: the stream's format has changed to %s; open the device again",
             kit::toText(*format).c_str());
         fail(-ENODEV);
     }
@@ -160,8 +160,9 @@ void Capture::takeFrame(std::unique_lock<std::mutex>& lock, const kit::ReceivedF
     put(lock, frame.data.data() + skipped * m_format.getBytesPerSample(), samples - skipped);
 }
 
-/// Returns the samples that are missing before a frame. Its timestamp says so; but not after a
-/// sender that came back with another clock, nor if a timestamp jumps further than time went on.
+/// Returns the number of samples that are missing before a frame. It follows from the timestamp,
+/// unless the sender has returned with another clock, or a timestamp jumps further than time has
+/// passed.
 std::uint64_t Capture::measureGap(const kit::ReceivedFrame& frame) const
 {
     const std::uint64_t waited =
@@ -173,7 +174,7 @@ std::uint64_t Capture::measureGap(const kit::ReceivedFrame& frame) const
     return gap > longest ? waited : gap;
 }
 
-/// No frame has come: silence takes its place, at the pace of the clock.
+/// Delivers silence at the pace of the clock while no frame arrives.
 void Capture::onTick(std::unique_lock<std::mutex>& lock)
 {
     const TimeValue now = getNow();
@@ -181,7 +182,7 @@ void Capture::onTick(std::unique_lock<std::mutex>& lock)
     const auto timeout = static_cast<TimeValue>(m_settings.timeout.count());
     if (timeout > 0 && waited >= timeout)
     {
-        SNDERR("vlx: the stream brings nothing any more");
+        SNDERR("vlx: no frame arrived within TIMEOUT");
         fail(-EIO);
         return;
     }
@@ -219,8 +220,8 @@ bool Capture::fill(std::unique_lock<std::mutex>& lock, std::uint64_t samples)
     return true;
 }
 
-/// Puts samples into the buffer. One that is full may take its time to become empty until the next
-/// frame is due; then it is an overrun.
+/// Puts samples into the buffer. If it is full, waits for the program until the next frame is due,
+/// and then reports an overrun.
 ///
 /// @return whether the program still records
 bool Capture::put(

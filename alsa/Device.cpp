@@ -22,7 +22,7 @@ constexpr unsigned int MaxChannels = 64;
 constexpr unsigned int MinRate = 8'000;
 constexpr unsigned int MaxRate = 384'000;
 constexpr unsigned int MinPeriodBytes = 64;
-constexpr unsigned int MaxBufferBytes = 1 << 20; // programs that take the largest get it
+constexpr unsigned int MaxBufferBytes = 1 << 20; // programs may take the largest buffer
 constexpr unsigned int MaxPeriods = 1024;
 
 bool isRealTime(int policy)
@@ -298,8 +298,8 @@ snd_pcm_sframes_t Device::getPointer()
     return static_cast<snd_pcm_sframes_t>(m_position) + (m_error != 0 ? 1 : 0);
 }
 
-/// Copies between the program's areas and the buffer. The areas are the program's own, or with
-/// mapped access ALSA's copy of the buffer.
+/// Copies between areas and the buffer. The areas are the program's own; with mapped access they
+/// are ALSA's copy of the buffer.
 snd_pcm_sframes_t Device::transfer(
     const snd_pcm_channel_area_t* areas,
     snd_pcm_uframes_t offset,

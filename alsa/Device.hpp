@@ -49,7 +49,7 @@ public:
 protected:
     Device(Settings settings, snd_pcm_stream_t stream);
 
-    /// The program prepares; called without the lock.
+    /// Prepares the stream; called without the lock.
     ///
     /// @return 0 or a negative error number
     virtual int onPrepare()
@@ -60,7 +60,7 @@ protected:
     ///
     /// @return 0 or a negative error number
     virtual int onStart() = 0;
-    /// @return samples between the program's position and the ear or the microphone
+    /// @return samples between the program's position and the stream's present one
     virtual snd_pcm_sframes_t getDelay() = 0;
     /// Waits until everything was played.
     virtual int drain()
@@ -69,9 +69,9 @@ protected:
     }
     /// Makes the thread end, and closes the stream.
     virtual void shutDown() = 0;
-    /// In a forked child, where the thread does not exist: only closes the stream's descriptors.
+    /// In a forked child, which lacks the thread: only closes the stream's descriptors.
     virtual void abandon() = 0;
-    /// The thread.
+    /// Body of the thread.
     virtual void run() = 0;
 
     /// Starts the thread.
@@ -98,7 +98,7 @@ protected:
     ///
     /// @param numTransferred  samples that the program's position does not contain yet
     void updateDescriptor(std::uint64_t numTransferred = 0);
-    /// Stops with an error that the program gets at its next call.
+    /// Stops with an error, which the program's next call returns.
     void fail(int errorNumber);
     /// Reports an underrun or overrun.
     void reportXrun();

@@ -17,7 +17,7 @@ namespace
 constexpr TimeValue MaxFrameNs = 20'000'000;
 // Receivers that wait for the stream join it meanwhile, so that they get its beginning.
 constexpr std::chrono::milliseconds JoinTime{50};
-// How long a sequence may still have to be announced again, and how often that is looked at.
+// Period in which a sequence may have to be announced again, and the interval of the checks.
 constexpr std::chrono::milliseconds AnnounceTime{1000};
 constexpr std::chrono::milliseconds AnnounceInterval{10};
 
@@ -110,7 +110,7 @@ int Playback::onPrepare()
     return 0;
 }
 
-/// What the program has written and was not sent, and what was sent ahead of its time.
+/// @return samples that are not sent yet, and those of the last frame whose time has not passed
 snd_pcm_sframes_t Playback::getDelay()
 {
     const TimeValue now = getNow();
@@ -156,7 +156,7 @@ void Playback::run()
     }
 }
 
-/// Nothing is to be sent; a receiver that joins as the stream begins gets its format all the same.
+/// Waits for samples. Receivers that join as the stream begins get its format meanwhile.
 void Playback::idle(std::unique_lock<std::mutex>& lock)
 {
     if (std::chrono::steady_clock::now() >= m_announcedUntil)
@@ -168,7 +168,7 @@ void Playback::idle(std::unique_lock<std::mutex>& lock)
     m_changed.wait_for(lock, AnnounceInterval);
 }
 
-/// Everything was played.
+/// Called when everything was played.
 void Playback::onEmpty()
 {
     if (m_isDraining)

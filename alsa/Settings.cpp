@@ -136,9 +136,9 @@ std::optional<Settings> readSettings(snd_config_t* section)
     const bool isServed = settings.clock == TimeSyncProtocol::GstNetClock;
     const char* problem = nullptr;
     if (settings.name.empty())
-        problem = "no stream is named; open the device as vlx:NAME";
+        problem = "the stream's name is missing; open the device as vlx:NAME";
     else if (isServed == (settings.clockPort == 0))
-        problem = "CLOCK=net and CLOCK_PORT, the port of \"vlx clock serve\", need each other";
+        problem = "set both CLOCK=net and CLOCK_PORT, the port of \"vlx clock serve\", or neither";
     if (problem == nullptr)
         return settings;
     SNDERR("vlx: %s", problem);

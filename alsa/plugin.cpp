@@ -29,7 +29,7 @@ int probe(const Settings& settings, std::optional<kit::StreamFormat>& format)
     const kit::SenderProbe sender = kit::probeSender(settings.name, ProbeTime);
     format = sender.format;
     if (!sender.fourcc)
-        return 0; // waits for its sender
+        return 0; // the device waits for the sender
     std::string reason;
     int error = 0;
     if (!format)
@@ -39,7 +39,7 @@ int probe(const Settings& settings, std::optional<kit::StreamFormat>& format)
     }
     else if (!sender.mayJoin)
     {
-        reason = "may not be joined by this user; its sender can permit it by --socket-mode";
+        reason = "does not admit this user; see its sender's --socket-mode or SOCKET_MODE";
         error = -EACCES;
     }
     if (error < 0)
@@ -66,7 +66,7 @@ int open(snd_pcm_t** pcm, const char* name, snd_config_t* config, snd_pcm_stream
     return Device::open(makePlayback(*settings), pcm, name, mode, std::nullopt);
 }
 
-/// Describes the device. In a list, where no name is given, also names the running streams.
+/// Describes the device. In a list, where no name is given, adds the running streams.
 int describe(snd_config_t** result, snd_config_t* source)
 {
     snd_config_t* node = nullptr;
@@ -78,7 +78,7 @@ int describe(snd_config_t** result, snd_config_t* source)
     {
         for (const kit::SenderEntry& sender : kit::listSenders().senders)
         {
-            // Others have a meaning to ALSA, or are not for a terminal.
+            // Other names contain characters that ALSA interprets or that are unprintable.
             if (sender.name.find_first_of(",='\"|\\") == std::string::npos &&
                 sender.name == kit::toPrintable(sender.name))
                 streams.push_back(sender.name);
@@ -119,7 +119,7 @@ extern "C" VLX_API int _snd_pcm_vlx_open(
     }
 }
 
-// And for "@func vlx_describe":
+// For "@func vlx_describe" ALSA looks for this name:
 extern "C" VLX_API int snd_func_vlx_describe(
     snd_config_t** result,
     snd_config_t* /*root*/,

@@ -21,10 +21,10 @@ using Bytes = std::span<const std::uint8_t>;
 
 constexpr std::uint64_t NsPerSecond = 1'000'000'000;
 
-/// Identify a frame, together with its last byte: the first bytes of its media data.
+/// Number of first bytes of the media data that, with the last byte, identify a frame.
 constexpr std::size_t TagBytes = 8;
 
-/// What an end is to do.
+/// Task of one end.
 struct Plan
 {
     std::string name;        ///< unique per session; part of socket names and file names

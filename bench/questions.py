@@ -88,7 +88,7 @@ def measure_age(campaign: Campaign) -> None:
 
 
 def measure_size(campaign: Campaign) -> None:
-    """How does the age of a frame grow with its size? At a rate that each size is used with."""
+    """How does the age of a frame grow with its size, each at a typical rate?"""
     rounds, seconds = campaign.choose(full=(3, 1.5), quick=(2, 0.4))
     members = campaign.select([t.KIT, *BY_REFERENCE, t.ZMQ, t.NNG, t.UNIX, t.GST_SHM, t.GST_OURS])
     campaign.begin(f"frames for {seconds} s, at most 500, {rounds} rounds interleaved")

@@ -24,7 +24,7 @@ def _compare(records: list[Record], group_keys: tuple[str, ...], figures: dict[s
              compared: dict[str, tuple[str, str]], spread: bool = False) -> Table:
     """A row for each transport in each group of records.
 
-    figures: headings and keys. compared: headings, keys and transports to which the ratios are."""
+    figures: headings and keys. compared: headings, keys and reference transports of ratios."""
     table = Table(*group_keys, "<transport", *figures, *compared)
     measured = [record for record in records if "transport" in record]
     for group in sorted({tuple(record[key] for key in group_keys) for record in measured}):

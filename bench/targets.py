@@ -33,7 +33,7 @@ def _to(question: str, base: str, key: str, size: int = BYTES, rate: int = 1000)
 
 
 def _growth(data: Data, transport: str) -> Values:
-    """Sender's CPU for the largest frames to that for the smallest ones, at the same rate."""
+    """Ratio of the sender's CPU for the largest frames to the smallest, at the same rate."""
     rows = where(data["size"], transport=transport, rate=SMALLEST[1])
     return ratios(where(rows, bytes=LARGE[-1][0]), where(rows, bytes=BYTES), "sender_cpu_us")
 

@@ -12,7 +12,7 @@ namespace vlx::gst
 namespace
 {
 
-/// What an allocator stands on.
+/// An allocator's source of memory.
 struct Source
 {
     std::mutex mutex;
@@ -33,12 +33,12 @@ struct AllocatorClass
 struct Content
 {
     kit::FrameMemory frame;
-    std::uint8_t* data = nullptr; // in the frame, aligned
-    unsigned numWriters = 0;      // that have it mapped
+    std::uint8_t* data = nullptr; // aligned, within the frame
+    unsigned numWriters = 0;      // mappings for writing
     bool isSent = false;
 };
 
-/// A part of a memory has the whole as its parent, and is read-only.
+/// A memory, or a read-only part of one, whose parent is the whole.
 struct Memory : GstMemory
 {
     std::mutex& getMutex()
@@ -46,11 +46,11 @@ struct Memory : GstMemory
         return parent != nullptr ? static_cast<Memory*>(parent)->mutex : mutex;
     }
 
-    std::mutex mutex;                 // of the whole; guards what follows, in all parts
+    std::mutex mutex;                 // that of the whole guards the contents of all parts
     std::shared_ptr<Content> content; // constant in a part
 };
 
-/// @return content that no other memory has, for a memory that is initialised
+/// @return new content for an initialised memory
 std::shared_ptr<Content> acquireContent(const Memory& memory)
 {
     Source& source = *static_cast<Allocator*>(static_cast<gpointer>(memory.allocator))->source;
@@ -92,7 +92,7 @@ gpointer map(GstMemory* mapped, GstMapInfo* info, gsize /*maxSize*/)
     const std::lock_guard lock(memory.getMutex());
     if ((info->flags & GST_MAP_WRITE) != 0)
     {
-        // Receivers may still read what was sent.
+        // Receivers may still read the sent content.
         if (memory.content->isSent)
         {
             const std::shared_ptr<Content> sent =
@@ -175,7 +175,7 @@ void FrameAllocator::setProducer(kit::Producer* producer)
 
 bool FrameAllocator::seal(GstBuffer* buffer)
 {
-    // Several memories are mapped as a copy.
+    // GStreamer maps several memories as a copy.
     if (gst_buffer_n_memory(buffer) != 1)
         return true;
     GstMemory* const memory = gst_buffer_peek_memory(buffer, 0);

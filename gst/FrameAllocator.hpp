@@ -1,6 +1,6 @@
 #pragma once
 
-/// Memory for upstream of vlxsink, which is sent without a copy.
+/// Memory that upstream elements fill and vlxsink sends without a copy.
 
 #include <gst/gst.h>
 
@@ -11,8 +11,8 @@
 namespace vlx::gst
 {
 
-/// An allocator of a producer's frame memory. Its memory stays valid as long as anyone holds it, and
-/// keeps its content: a write to memory that was sent goes to a copy.
+/// Allocator of a producer's frame memory. The memory stays valid as long as it is referenced.
+/// Memory that was sent is never changed: a write to it goes to a copy.
 ///
 /// @thread any
 class FrameAllocator
@@ -20,13 +20,13 @@ class FrameAllocator
 public:
     FrameAllocator();
 
-    /// @return the allocator, to be offered upstream
+    /// @return the allocator to offer upstream
     GstAllocator* get() const
     {
         return m_allocator.get();
     }
 
-    /// Chooses where memory comes from.
+    /// Sets the source of memory.
     ///
     /// @param producer  must outlive its use; null: ordinary memory
     void setProducer(kit::Producer* producer);

@@ -11,9 +11,9 @@
 // In "pubsub" a receiver loses frames that it cannot take at once, so the sink never sends faster
 // than at twice the speed, not even with sync=false. "pipeline" has one receiver and waits for it.
 //
-// With shared-memory=always or auto, large frames are far younger on arrival, but only receivers of
-// the kit can read them: vlxsrc, or `vlx receive`. Elements upstream then get memory that is sent
-// without a copy.
+// With shared-memory=always or auto, large frames arrive far sooner, but only receivers of the kit
+// can read them, such as vlxsrc and `vlx receive`. Upstream elements can fill the memory that is
+// sent, without a copy.
 //
 // A seek with another rate changes the timestamps' spacing, not the samples or their durations: put
 // scaletempo before the sink.
@@ -419,8 +419,8 @@ GstFlowReturn Sink::waitForReceiver()
     return GST_FLOW_OK;
 }
 
-// Everything that may take long is done without the preroll lock, which a state change needs. Who
-// frees it holds that lock meanwhile, and has said why when we get it back.
+// Slow steps run without the preroll lock, which a state change needs. A thread that ends such a
+// step holds the lock meanwhile, and has recorded the reason when we get the lock back.
 GstFlowReturn Sink::prepare(GstBuffer* buffer)
 {
     for (;;)
@@ -623,7 +623,7 @@ void installProperties(gpointer elementClass)
         "Stay in preroll until the first receiver has joined");
     properties.addChoice(
         "shared-memory", &Settings::sharedMemory, getSharedMemoryType(),
-        "Share frames in memory, at most 64 MiB: large frames are younger on arrival");
+        "Put frames into shared memory, at most 64 MiB: large frames then arrive sooner");
     properties.addStatistics("Frames and bytes sent, receivers, sequences");
 }
 

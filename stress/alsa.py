@@ -1,4 +1,4 @@
-"""ALSA's plugin: aplay plays from a pipe, and each sample leaves at its time."""
+"""The ALSA plugin: aplay plays from a pipe, and each sample is sent on time."""
 
 from contextlib import suppress
 import os
@@ -11,11 +11,11 @@ from rows import SKIPPED, Run, row
 from shared import ROOT, make_name
 
 RATE, FRAME_BYTES = 48_000, 4
-PERIOD = 960  # the frames of the stream have 20 ms
+PERIOD = 960  # samples of a frame, 20 ms
 
 
 @row("endurance", "alsa", "aplay from a pipe, in real time",
-     "at each moment at most one period more or fewer samples have left than the clock says")
+     "the number of samples sent never differs from the clock by more than a period")
 def play_from_pipe(run: Run) -> None:
     plugin = run.tool.parents[1] / "alsa"
     run.require(shutil.which("aplay") and plugin.exists() and run.tool.exists(),
@@ -27,7 +27,7 @@ def play_from_pipe(run: Run) -> None:
                         f"{total // RATE}s", "--no-fill", "--raw", "-"], output=subprocess.PIPE)
     player = Process(["sh", "-c", f"head -c {total * FRAME_BYTES} /dev/zero | "
                       f"aplay -t raw -f dat -D vlx:{name},REALTIME=try"])
-    with suppress(PermissionError):  # what is measured is not this program
+    with suppress(PermissionError):  # this program must not be what is measured
         os.sched_setscheduler(0, os.SCHED_RR, os.sched_param(10))
     start, left, errors = 0, 0, []
     while data := os.read(listener.stdout.fileno(), PERIOD * FRAME_BYTES):

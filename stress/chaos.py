@@ -466,15 +466,15 @@ def miss_provider(run: Run) -> None:
 # Frames in shared memory.
 
 def find_rings(run: Run) -> set[Path]:
-    """Of the senders that have a directory."""
+    """Returns the rings of all senders that have a directory."""
     return {Path("/dev/shm", "vlx-" + entry.name[-6:])
             for entry in run.directory.glob("VlxSender-*")}
 
 
 @fault("ring-kill", "sender killed -9 while it writes 3.1 MB in shared memory",
-       "2 receivers resume, no frame is mixed, nothing is left after the next start")
+       "2 receivers resume, no frame is mixed, the next sender removes all remains")
 def kill_writers(run: Run) -> None:
-    """At a random moment, and every other time just in the middle of a frame."""
+    """Kills at a random moment, and every other time in the middle of a frame."""
     stream, times, rings = run.start(2, bytes=3_110_400, ring=True), [], find_rings(run)
     for number in range(6 if run.lenient else 100 * run.minutes):
         if number % 2:
@@ -490,8 +490,8 @@ def kill_writers(run: Run) -> None:
     end_ring(run, stream)
 
 
-@fault("ring-stop", "receiver stopped for 10 s while frames of 1 MB turn in shared memory",
-       "sent = received + lost; right data afterwards; another one loses none")
+@fault("ring-stop", "receiver stopped for 10 s while frames of 1 MB turn over in shared memory",
+       "sent = received + lost; intact data afterwards; another receiver loses none")
 def stop_reader(run: Run) -> None:
     stream = run.start(2, bytes=1_000_000, ring=True)
     stopped, other = stream.consumers
@@ -504,12 +504,12 @@ def stop_reader(run: Run) -> None:
     run.within(lambda: board.frames + board.missing == board.last, "sent != received + lost")
     run.tell(f"sent {board.last} = received {board.frames} + lost {board.missing}, "
              f"{board.overwritten} of them overwritten; {board.stalls} stalls")
-    run.check(0 < board.overwritten <= board.missing, "not counted")
+    run.check(0 < board.overwritten <= board.missing, "overwritten frames are not counted")
     run.lose([other], stream.since)
 
 
 def end_ring(run: Run, stream: Stream) -> None:
-    """Lets the sender end and checks what it leaves, and what has been received."""
+    """Ends the sender, and checks that it leaves nothing and that no frame was mixed."""
     rings = find_rings(run)
     run.within(delivery(stream.consumers), "a receiver gets no frames")
     stream.producer.board.stop = 1

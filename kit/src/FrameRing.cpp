@@ -254,8 +254,8 @@ int FrameRing::allocate() const
     return 0;
 }
 
-/// Maps the file, in huge pages where the system has them: a reader then copies frames of a mebibyte
-/// in half the time, and this takes no longer.
+/// Maps the file, in huge pages if the system has them: readers then copy frames of a mebibyte in
+/// half the time, and mapping takes no longer.
 int FrameRing::map()
 {
     const std::size_t size = m_layout.getFileBytes();

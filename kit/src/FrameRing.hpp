@@ -111,7 +111,7 @@ public:
     /// @thread one at a time
     RingPlace publish(const ByteView& bytes);
 
-    /// @return whether nobody has removed the file
+    /// @return whether the file still exists
     bool isLinked() const;
 
     /// Removes the file, except in a forked child; memory that is handed out stays.
@@ -132,8 +132,8 @@ private:
 
     const RingLayout m_layout;
     OwnedDescriptor m_file;     // locked
-    pid_t m_process = 0;        // that has made the file, and will remove it; 0: none
-    void* m_reserved = nullptr; // addresses, in which the memory is aligned
+    pid_t m_process = 0;        // created the file and will remove it; 0: no file
+    void* m_reserved = nullptr; // address range that contains the aligned memory
     std::uint8_t* m_memory = nullptr;
     std::uint64_t m_lastGeneration = 0; // by publish()
 

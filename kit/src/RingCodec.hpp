@@ -12,8 +12,8 @@
 namespace vlx::kit
 {
 
-/// Wraps each frame with another payloader exactly once, and before the packet is made: only then its
-/// size is known.
+/// Wraps each frame with another payloader exactly once, before the packet is made: its size is
+/// known only then.
 class WrappedPayloader : public Payloader
 {
 public:
@@ -23,7 +23,7 @@ public:
         m_codecHeader = codec.getCodecHeader();
     }
 
-    /// @return the wrapped frame, which packets are made with until the next call
+    /// @return the wrapped frame, which packets carry until the next call
     ByteView wrap(const ByteView& mediaData)
     {
         m_frame.resize(m_codec.getSizeForWrappedFrame(mediaData));
@@ -46,7 +46,7 @@ private:
     Buffer m_frame;
 };
 
-/// Puts the frames of another codec into a ring. A packet says only where a frame lies.
+/// Puts the frames of another codec into a ring. A packet contains only a frame's place.
 class RingPayloader : public Payloader
 {
 public:

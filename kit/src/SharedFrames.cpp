@@ -120,7 +120,7 @@ std::shared_ptr<FrameRing>
 SharedFrames::makeRing(std::size_t frameBytes, const std::string& socketFile, std::string& problem)
 {
     const std::size_t former = m_ring ? getRingCapacity(m_ring->getLayout()) : 0;
-    // Frames of growing size soon have room; a ring that was removed returns as it was.
+    // Doubling soon makes room for growing frames; a removed ring is replaced by one of its size.
     const std::size_t roomy = frameBytes > former ? std::max(frameBytes, 2 * former) : former;
     auto layout = chooseRingLayout(roomy, countFrames(), m_options.maxBytes);
     if (!layout || layout->numSlots < MinFrames)

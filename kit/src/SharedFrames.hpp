@@ -18,7 +18,7 @@
 namespace vlx::kit
 {
 
-/// Decides whether a producer's frames travel in shared memory, and has the rings.
+/// Decides whether a producer's frames travel in shared memory, and owns the rings.
 ///
 /// @thread one at a time, except acquire()
 class SharedFrames
@@ -50,7 +50,7 @@ public:
         const std::string& socketFile,
         std::string& notice);
 
-    /// @return what packets are made with
+    /// @return the payloader of the packets
     Payloader& getPayloader()
     {
         return m_ring ? static_cast<Payloader&>(m_ringPayloader) : *m_payloader;
@@ -62,7 +62,7 @@ public:
     /// Removes the rings, except in a forked child.
     void close();
 
-    /// In a forked child: waits for no lock any more.
+    /// In a forked child: no longer waits for locks.
     void abandon()
     {
         makeAnew(m_mutex);

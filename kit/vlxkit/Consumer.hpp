@@ -318,8 +318,8 @@ public:
 
     /// Stops. No callback runs any more once it has returned, normally within milliseconds; a
     /// joined stream has been reported as Lost by then. Does nothing on a consumer that is not
-    /// started; it may be started again. Unread items stay in the queue, before those of the next
-    /// start.
+    /// started; it may be started again. Unread items stay in the queue, ahead of those of the
+    /// next start.
     ///
     /// It takes up to 5 seconds if the base directory is not writable or was removed, or if the
     /// user has no inotify instance left; up to 400 ms within the first half second of an attempt

@@ -36,16 +36,16 @@ enum class Carriage
 {
     /// In packets: every receiver can read them.
     Inline,
-    /// In shared memory; packets only say where. Far faster for frames of several kilobytes. Only
-    /// consumers of the kit with the same "/dev/shm" can read them, without any option; a plain
-    /// receiver of the library cannot play the stream.
+    /// In shared memory; packets contain only their places. Far faster for frames of several
+    /// kilobytes. Only consumers of the kit with the same "/dev/shm" can read them, without any
+    /// option; a receiver on the core alone cannot play the stream.
     Shared,
     /// Shared if the nominal frame of the format has at least 8192 bytes, otherwise inline.
     Automatic,
 };
 
 /// Options of frames in shared memory. The memory is reserved when the stream opens, or with the
-/// first frame of unknown size. Without enough of it the frames travel inline, with a notice.
+/// first frame of unknown size. If it is too small, the frames travel inline, with a notice.
 struct SharedMemory
 {
     Carriage carriage = Carriage::Inline; ///< of the frames
@@ -53,7 +53,7 @@ struct SharedMemory
     /// `frameDuration`. A larger frame makes the producer open larger memory.
     std::size_t frameBytes = 0;
     std::chrono::nanoseconds frameDuration{0}; ///< nominal; zero: that of the first frame
-    /// How long a sent frame stays readable; at least four frames. A later receiver loses it.
+    /// Time that a sent frame stays readable, at least four frames; a slower receiver loses it.
     std::chrono::nanoseconds span = std::chrono::milliseconds(100);
     /// Largest memory, at most 1 GiB; too little memory shortens the span.
     std::size_t maxBytes = 64 << 20;
@@ -65,15 +65,15 @@ struct FrameMemory
     std::shared_ptr<std::uint8_t[]> data; ///< to be filled; aligned for vector instructions
     std::size_t size = 0;                 ///< bytes
 
-    /// @return all of it, as Producer::send() takes it
+    /// @return the whole memory, for Producer::send()
     operator ByteView() const // NOLINT(google-explicit-constructor): it is one
     {
         return {data.get(), size};
     }
 };
 
-/// Payloader of a codec whose frames travel unchanged. With it, as with PCM, frames in shared
-/// memory are not copied once more.
+/// Payloader of a codec whose frames travel unchanged. As with PCM, frames in shared memory
+/// are not copied an additional time.
 class VLX_API PlainPayloader : public Payloader
 {
 public:
@@ -99,7 +99,7 @@ struct ProducerOptions
     /// Announced clock of the timestamps.
     TimeSyncProtocol clock = TimeSyncProtocol::MonotonicSystemClock;
     /// Announced address of the network clock's provider; empty: no provider. The producer does
-    /// not follow this clock: a program that stamps by it reads it from a SyncedNetClock.
+    /// not follow this clock: to stamp frames with its time, use a SyncedNetClock.
     std::string clockAddress = {};
     std::uint16_t clockPort = 0; ///< UDP port of the provider; 0: no provider
     /// Users whose receivers may join.

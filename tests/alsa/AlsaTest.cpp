@@ -44,7 +44,7 @@ constexpr snd_pcm_uframes_t Never = 1U << 30U; // a threshold
 constexpr TimeValue Millisecond = 1'000'000;
 constexpr kit::StreamFormat Mono = {PcmFormat::S16LE, Rate, 1};
 
-// On a busy machine an ordinary thread may come too late to take each frame.
+// On a busy machine a thread without real-time scheduling may be too late for some frames.
 constexpr kit::RealTime Prompt = {kit::RealTimeUse::Try, 10};
 
 TimeValue now()
@@ -52,7 +52,7 @@ TimeValue now()
     return static_cast<TimeValue>(std::chrono::steady_clock::now().time_since_epoch().count());
 }
 
-/// @return samples none of which is 0; only every 65535th is the same
+/// @return samples without 0; a value recurs after 65535 samples
 Samples makeSamples(std::size_t count, std::size_t first = 0)
 {
     Samples samples(count);
@@ -76,7 +76,7 @@ struct PcmOptions
     const char* suffix = "";
 };
 
-/// What a program opens. Closed at the end.
+/// An open PCM, which is closed at the end.
 class Pcm
 {
 public:
@@ -126,9 +126,9 @@ public:
         m_pcm.reset();
     }
 
-    /// Waits at most so long for the descriptor.
+    /// Waits for the descriptor.
     ///
-    /// @return what it stands for; 0 if it is not ready
+    /// @return its events; 0 if it is not ready in time
     unsigned short poll(int milliseconds)
     {
         pollfd descriptor{};
@@ -168,7 +168,7 @@ public:
         return result > 0 ? samples : Samples();
     }
 
-    /// Leaves silence out that comes first.
+    /// Reads samples, without leading silence.
     Samples readSound(std::size_t count)
     {
         Samples samples;
@@ -185,7 +185,7 @@ private:
     std::unique_ptr<snd_pcm_t, int (*)(snd_pcm_t*)> m_pcm{nullptr, ::snd_pcm_close};
 };
 
-/// A receiver that keeps everything, and expects of each frame what a device promises.
+/// A receiver that keeps everything, and checks each frame against the device's promises.
 class Listener
 {
 public:
@@ -203,7 +203,7 @@ public:
         ASSERT_TRUE(isJoined);
     }
 
-    /// Takes frames until so many bytes have come in all.
+    /// Reads frames until this many bytes have arrived in total.
     void wait(std::size_t size)
     {
         takeUntil([this, size] { return bytes.size() >= size; });
@@ -249,7 +249,7 @@ private:
             const auto* const frame = std::get_if<kit::ReceivedFrame>(&*item);
             if (frame == nullptr)
                 continue;
-            EXPECT_GE(frame->timestamp, m_end) << "overlaps the one before";
+            EXPECT_GE(frame->timestamp, m_end) << "overlaps the previous frame";
             EXPECT_GE(frame->arrival, frame->timestamp) << "left before it was due";
             EXPECT_LE(frame->duration, 20 * Millisecond);
             m_end = frame->timestamp + frame->duration;
@@ -413,7 +413,7 @@ INSTANTIATE_TEST_SUITE_P(
         Layout{Plain, SND_PCM_FORMAT_FLOAT64_BE, 2, 48000, PcmFormat::F64BE}),
     [](const auto& each) { return std::string(toString(each.param.expected)); });
 
-TEST_F(AlsaTest, OffersWhatStreamsCanHave)
+TEST_F(AlsaTest, OffersTheFormatsOfStreams)
 {
     const Pcm pcm = play();
     snd_pcm_hw_params_t* parameters = nullptr;
@@ -438,7 +438,7 @@ TEST_F(AlsaTest, OffersWhatStreamsCanHave)
             << size;
 }
 
-TEST_F(AlsaTest, ListsOfDevicesNameTheRunningStreams)
+TEST_F(AlsaTest, DeviceListsNameTheRunningStreams)
 {
     const kit::Producer producer = makeProducer();
     kit::Producer strange({.name = getSocketName() + "|IOIDInput"});
@@ -498,7 +498,7 @@ TEST_F(AlsaTest, RefusesWhatItCannotOpen)
 
 TEST_F(AlsaTest, PlaysByTheClockAndReportsTheDelay)
 {
-    // Nothing here is a multiple of anything: period, frame, buffer, nanoseconds of a sample.
+    // No two are multiples: period, frame, buffer, nanoseconds of a sample.
     constexpr unsigned int OddRate = 44100;
     Listener listener(getSocketName());
     Pcm pcm = play({.rate = OddRate, .period = 1000});
@@ -570,7 +570,7 @@ TEST_F(AlsaTest, UnderrunIsAGapOfItsLength)
     EXPECT_GE(second.gapNs, 50'000'000);
 }
 
-TEST_F(AlsaTest, ASampleIsTakenWhenItIsDue)
+TEST_F(AlsaTest, ASampleLeavesTheBufferWhenItIsDue)
 {
     Listener listener(getSocketName());
     Pcm pcm = play({.period = 4800});
@@ -634,7 +634,7 @@ TEST_F(AlsaTest, PauseIsAGapAndDropEndsAtOnce)
     }
 }
 
-TEST_F(AlsaTest, PollWakesTheProgramWhenAPeriodIsFreeAndNeverElse)
+TEST_F(AlsaTest, PollWakesTheProgramOnlyWhenAPeriodIsFree)
 {
     Listener listener(getSocketName());
     Pcm pcm = play({.mode = SND_PCM_NONBLOCK});
@@ -661,7 +661,7 @@ TEST_F(AlsaTest, PollWakesTheProgramWhenAPeriodIsFreeAndNeverElse)
     listener.expect(samples);
 }
 
-TEST_F(AlsaTest, AProgramThatWantsNoUnderrunsComesBackInTime)
+TEST_F(AlsaTest, AProgramThatIgnoresUnderrunsResumesOnTime)
 {
     Listener listener(getSocketName());
     Pcm pcm = play({.stop = Never});
@@ -771,7 +771,7 @@ TEST_F(AlsaTest, MissingSamplesBecomeSilenceOfTheirLength)
     producer.stop(); // closes at once
 }
 
-TEST_F(AlsaTest, ReportsWhatARecordingCannotContinueWith)
+TEST_F(AlsaTest, ReportsWhyARecordingCannotContinue)
 {
     struct Case
     {
@@ -872,7 +872,7 @@ TEST_F(AlsaTest, WaitingCostsNothing)
     EXPECT_LT(spent, 0.01 * 1e-9 * static_cast<double>(now() - begin));
 }
 
-TEST_F(AlsaTest, LeavesNothingBehindAndSaysNothing)
+TEST_F(AlsaTest, LeavesNothingBehindAndPrintsNothing)
 {
     ::testing::internal::CaptureStderr();
     const auto playAgainAndAgain = [this](const char* suffix)
@@ -895,7 +895,7 @@ TEST_F(AlsaTest, LeavesNothingBehindAndSaysNothing)
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(AlsaTest, AForkedChildClosesWhatItGotAndItsParentPlaysOn)
+TEST_F(AlsaTest, AForkedChildClosesTheDeviceAndItsParentPlaysOn)
 {
     Listener listener(getSocketName());
     Pcm pcm = play();

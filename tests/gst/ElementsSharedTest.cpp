@@ -25,7 +25,7 @@ namespace fs = std::filesystem;
 class ElementsSharedTest : public ElementsTest
 {
 protected:
-    /// @return description of a sender of what is pushed into "in"; a mebibyte lasts 21 ms
+    /// @return description of a sender that "in" feeds; a mebibyte lasts 21 ms
     std::string makeInput(const std::string& properties) const
     {
         return "appsrc name=in format=time caps=audio/x-raw,format=F64LE,rate=768000,channels=8,"
@@ -49,7 +49,7 @@ protected:
         return paths;
     }
 
-    /// @return the number's bytes, as a frame of its own
+    /// @return a frame that differs from all earlier ones
     std::string makeFrame(std::size_t bytes)
     {
         std::string data(bytes, '\0');
@@ -87,7 +87,7 @@ protected:
         EXPECT_TRUE(frame->data == data);
     }
 
-    /// @return how often bytes stand in shared memory
+    /// @return number of copies of these bytes in shared memory
     std::size_t countInRings(const std::string& data) const
     {
         std::size_t count = 0;
@@ -115,7 +115,7 @@ struct AllocatorDeleter
 };
 using AllocatorPtr = std::unique_ptr<GstAllocator, AllocatorDeleter>;
 
-/// @return what the sink offers to the element that fills buffers; null: nothing
+/// @return the allocator that the sink offers upstream; null: no offer
 AllocatorPtr askForAllocator(const Pipeline& sender)
 {
     GstPad* const pad = gst_element_get_static_pad(sender.find("in"), "src");
@@ -221,7 +221,7 @@ protected:
     AllocatorPtr m_allocator;
 };
 
-TEST_F(SinkMemoryTest, FramesThatAreFilledThereAreNotCopied)
+TEST_F(SinkMemoryTest, FramesFilledInPlaceAreNotCopied)
 {
     for (int i = 0; i < 5; ++i)
     {
@@ -249,8 +249,8 @@ TEST_F(SinkMemoryTest, FramesThatAreFilledThereAreNotCopied)
     EXPECT_FALSE(askForAllocator(inlineSender));
 }
 
-// Receivers may read what was sent until the memory is used again.
-TEST_F(SinkMemoryTest, WhatWasSentStaysAsItWas)
+// Receivers may read sent memory until it is reused.
+TEST_F(SinkMemoryTest, SentMemoryIsNeverChanged)
 {
     const std::string first = makeFrame(FrameBytes);
     const std::string second = makeFrame(FrameBytes);
@@ -278,7 +278,7 @@ TEST_F(SinkMemoryTest, WhatWasSentStaysAsItWas)
     gst_buffer_unref(buffer);
 }
 
-TEST_F(SinkMemoryTest, PartsAndCopiesAreSentRight)
+TEST_F(SinkMemoryTest, PartsAndCopiesAreSentIntact)
 {
     const std::string data = makeFrame(FrameBytes);
     const std::string half = data.substr(data.size() / 2);
@@ -296,7 +296,7 @@ TEST_F(SinkMemoryTest, PartsAndCopiesAreSentRight)
     expectDelivery(part, half);
     expectDelivery(partOfPart, half.substr(640, 1280));
     expectDelivery(buffer, data);
-    // Of half the ring, and of another sink.
+    // Memory beyond half of the ring, and memory of another sink.
     const std::string other = m_name + "2";
     const Pipeline receiver("vlxsrc socket-name=" + other + " ! appsink name=out sync=false");
     receiver.set(GST_STATE_PLAYING);
@@ -346,7 +346,7 @@ TEST_F(SinkMemoryTest, MemoryOutlivesTheStreamAndTheElement)
     expectDelivery(kept, data);
 }
 
-// A pool uses its memory again.
+// A pool reuses its memory.
 TEST_F(SinkMemoryTest, PoolOfTheSinksMemoryCarriesEachFrame)
 {
     GstBufferPool* const pool = gst_buffer_pool_new();

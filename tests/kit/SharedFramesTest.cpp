@@ -42,7 +42,7 @@ constexpr std::uint32_t PlainFourcc = 0x4E494C50;
 constexpr std::uint32_t FlipFourcc = 0x50494C46;
 constexpr TimeValue FrameNs = 10'000'000;
 
-/// Changes the bytes of a frame, and adds its number: one more each time that it is asked.
+/// Changes the bytes of a frame and adds a number, which grows with each call.
 class FlipPayloader : public Payloader
 {
 public:
@@ -67,7 +67,7 @@ private:
     mutable Buffer m_encoded;
 };
 
-/// Takes only what is in order.
+/// Accepts only frames in order.
 class FlipDepayloader : public Depayloader
 {
 public:
@@ -141,7 +141,7 @@ protected:
         return std::nullopt;
     }
 
-    /// @return what follows the sender's directory in the names of its rings
+    /// @return suffixes of the names of the sender's rings
     static std::vector<std::string> listRings()
     {
         std::vector<std::string> names = listMemory();
@@ -352,7 +352,7 @@ TEST_F(SharedFramesTest, ByDefaultAStreamIsWhatTheCoreSends)
     EXPECT_EQ(ofKit, ofCore);
 }
 
-TEST_F(SharedFramesTest, ForeignConsumersReadOrSayWhyNot)
+TEST_F(SharedFramesTest, ForeignConsumersReadOrReportWhyNot)
 {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "the thread sanitizer refuses threads in a forked child";

@@ -19,8 +19,8 @@ inline Buffer makeFrame(std::size_t size, std::uint64_t number)
     return Buffer(size, static_cast<std::uint8_t>(number));
 }
 
-/// Base of all tests of shared memory. They have a /dev/shm of their own, so that not even a failing
-/// one touches what belongs to another program, and leave nothing there.
+/// Base of all tests of shared memory. They have a private /dev/shm, so that not even a failing
+/// test touches files of other programs, and leave nothing there.
 class SharedMemoryTest : public VlxTest
 {
 protected:
@@ -29,7 +29,7 @@ protected:
         VlxTest::SetUp();
         static const bool isOwn = leaveMountNamespace();
         if (!isOwn || !mountMemory("mode=1777"))
-            GTEST_SKIP() << "only root can have a /dev/shm of its own";
+            GTEST_SKIP() << "only root can mount a private /dev/shm";
     }
 
     void TearDown() override
@@ -41,13 +41,13 @@ protected:
         VlxTest::TearDown();
     }
 
-    /// Lets the calling thread, and those that it starts, see another /dev/shm.
+    /// Mounts another /dev/shm for the calling thread and those that it starts.
     static bool mountMemory(const char* options)
     {
         return ::mount("tmpfs", "/dev/shm", "tmpfs", 0, options) == 0;
     }
 
-    /// Lets the calling thread mount what only it sees, and what it starts.
+    /// Makes later mounts visible only to the calling thread and what it starts.
     static bool leaveMountNamespace()
     {
         return ::unshare(CLONE_NEWNS) == 0 &&

@@ -1,5 +1,5 @@
-"""What all tests of the module share: a base directory and a name of their own, and a check that
-neither a descriptor, a thread nor a file is left."""
+"""Fixtures of all tests of the module: a private base directory and name, and a check that no
+descriptor, thread or file is left."""
 
 import gc
 import itertools
@@ -19,10 +19,10 @@ _number = itertools.count()
 
 
 def wait_until(condition):
-    """For what happens at once, except on a machine that is busy."""
+    """Waits for a condition, with a deadline that a busy machine meets."""
     end = time.monotonic() + DEADLINE
     while not (result := condition()):
-        assert time.monotonic() < end, "the condition has not come true"
+        assert time.monotonic() < end, "the condition was not met in time"
         time.sleep(0.002)
     return result
 
@@ -42,7 +42,7 @@ def get_holdings():
 
 @pytest.fixture(scope="session", autouse=True)
 def libraries():
-    """What libraries open once."""
+    """Lets the libraries open what they open once."""
     with tempfile.TemporaryDirectory(prefix="py-") as path:
         name = f"python-{os.getpid()}"
         with vellox.Producer(name, base_directory=path) as sender:

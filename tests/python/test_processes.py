@@ -16,7 +16,7 @@ def ready(): print("ready", flush=True)
 
 @pytest.fixture
 def start(name):
-    """Runs code in a process, with a name of its own."""
+    """Runs code in a process, with a private stream name."""
 
     def run(code):
         process = run_python(
@@ -157,6 +157,6 @@ with vellox.Producer(name) as sender:
 }
 
 
-def test_processes_end_whatever_is_open(start):
+def test_processes_end_with_streams_open(start):
     for end, process in {end: start(code) for end, code in ENDS.items()}.items():
         assert finish(process) == (0, "", ""), end

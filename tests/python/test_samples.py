@@ -9,7 +9,7 @@ import pytest
 import vellox
 from conftest import DEADLINE, run_vlx
 
-# Format, and 0, the lowest value and half of full scale in it.
+# Format: 0, the lowest value and half of full scale.
 FORMATS = {
     "S8": struct.pack("3b", 0, -128, 64),
     "U8": bytes((128, 0, 192)),
@@ -50,7 +50,7 @@ def test_floats_beyond_full_scale_are_clipped(streams):
 
 
 def make_frames(sample_format, channels):
-    """Frames of 10 ms, which are sent again and again: a busy machine loses some."""
+    """Makes frames of 10 ms. They are sent repeatedly: a busy machine loses some."""
     size = 480 * channels * len(FORMATS[sample_format]) // 3
     return [os.urandom(size) for _ in range(5)]
 

@@ -20,7 +20,7 @@ MS = 1_000_000
 
 
 def exchange(sender, receiver, *stamps, **options):
-    """One frame after the other: those of a burst can be lost."""
+    """Sends and receives frames one by one: a burst can lose some."""
     frames = []
     for stamp in stamps:
         sender.send(SILENCE, timestamp=stamp, **options)
@@ -67,7 +67,7 @@ def test_any_buffer_of_whole_samples_is_sent(streams, data):
         (SILENCE[::2], "contiguous"),
     ],
 )
-def test_anything_else_is_refused(streams, data, error):
+def test_any_other_data_is_refused(streams, data, error):
     sender, _ = streams()
     with pytest.raises(ValueError) as raised:
         sender.send(data)
@@ -144,7 +144,7 @@ def test_other_codecs_travel_as_bytes(streams):
             access()
 
 
-def test_a_codec_that_is_not_asked_for_cannot_be_played(name):
+def test_another_codec_cannot_be_played_without_raw(name):
     with vellox.Producer(name, fourcc="MJPG"), vellox.Consumer(name) as receiver:
         with pytest.raises(vellox.CannotPlay, match="MJPG"):
             receiver.read(DEADLINE)
@@ -195,7 +195,7 @@ def test_waiting_ends(name):
     assert "closed" in repr(receiver) and "closed" in repr(sender)
 
 
-def test_another_thread_closes_what_waits(name):
+def test_another_thread_closes_a_waiting_stream(name):
     sender = vellox.Producer(name)
     receiver = vellox.Consumer(name)
     frames = []
@@ -223,7 +223,7 @@ def test_full_queue_drops_the_oldest_and_counts(streams):
     assert frame.dropped == receiver.statistics.dropped == 2
 
 
-def test_events_tell_what_happened(streams):
+def test_events_report_what_happened(streams):
     sender, receiver = streams()
     sender.send(SILENCE)
     receiver.read()
@@ -310,7 +310,7 @@ with vellox.Producer(sys.argv[1]) as sender:
 """
 
 
-def test_iteration_goes_on_after_the_sender_was_killed(name, directory):
+def test_iteration_continues_after_the_sender_was_killed(name, directory):
     sender = run_python(SENDER, name)
     first = 0
     for frame in vellox.Consumer(name, timeout=DEADLINE):
@@ -337,7 +337,7 @@ def test_many_objects_leave_nothing(name):
         gc.collect()
 
 
-def test_every_public_name_is_explained():
+def test_every_public_name_has_a_docstring():
     for public in vellox.__all__:
         thing = getattr(vellox, public)
         assert thing.__doc__, public

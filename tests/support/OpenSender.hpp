@@ -11,7 +11,7 @@
 namespace vlx::testing
 {
 
-/// A payloader of PCM that has its format.
+/// A payloader of PCM whose format is set.
 class FormattedPayloader : public PcmPayloader
 {
 public:
@@ -28,7 +28,7 @@ public:
 class OpenSender : public Sender
 {
 public:
-    /// @param payloader  outlives the sender
+    /// @param payloader  must outlive the sender
     OpenSender(
         const std::string& name,
         Payloader& payloader,

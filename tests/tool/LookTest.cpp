@@ -256,7 +256,7 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
     second.signal(SIGCONT);
 }
 
-TEST_F(LookTest, ListTellsOfOtherUsersAndCleanWhatItCannotRemove)
+TEST_F(LookTest, ListShowsOtherUsersAndCleanReportsWhatItCannotRemove)
 {
     if (!runsAlone())
         return;
@@ -562,7 +562,7 @@ TEST_F(LookTest, AProvidersAbsenceAndJumpAreShown)
     for (TerminalRun* const run : {&watch, &monitor})
         run->shows("synchronised, offset ");
 
-    // Unsynchronised for a moment only, which a busy machine may miss.
+    // Unsynchronised only for a moment, which a test on a busy machine may miss.
     const auto isLost = [&] { return contains(watch.read(), "synchronisation lost"); };
     const auto jump = [&]
     {
@@ -574,7 +574,7 @@ TEST_F(LookTest, AProvidersAbsenceAndJumpAreShown)
     watch.shows("clock watch: synchronisation lost");
     watch.shows("clock watch: synchronisation regained");
     watch.shows("synchronised, offset ");
-    // To the monotonic clock; a first estimate is as good as the round trips of a busy machine.
+    // Relative to the monotonic clock. Round trips on a busy machine limit a first estimate.
     json line;
     const auto isExact = [&]
     {
@@ -588,7 +588,7 @@ TEST_F(LookTest, AProvidersAbsenceAndJumpAreShown)
     EXPECT_GT(line["round_trip_ns"], 0);
 }
 
-TEST_F(LookTest, CheckSaysWhatIsWrong)
+TEST_F(LookTest, CheckReportsWhatIsWrong)
 {
     ToolSettings bad;
     bad.tempDirectory = file("none");

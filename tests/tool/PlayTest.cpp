@@ -258,7 +258,7 @@ TEST_F(PlayTest, ANetworkClockFarFromThisMachinesIsFollowed)
     EXPECT_GT(connection["segments"][0]["timestamp"], OffsetNs);
     EXPECT_LT(connection["join_ns"], OffsetNs);
     EXPECT_LT(played.report["play"][0]["late_samples"], Rate) << played.report["play"];
-    // Of what was played before the clock was synchronised nothing is known.
+    // Playback before the clock was synchronised is unknown.
     const Errors errors = measureErrors(played, sender.getBeginNs());
     EXPECT_GT(errors.numWindows, 5U);
     EXPECT_LT(errors.maxNs, 5 * MaxErrorNs);

@@ -161,7 +161,7 @@ TEST_F(ReceiveTest, AfterAStallTheReceiverJoinsAgain)
     EXPECT_EQ(report["connections"][0]["ended"], "stall") << said;
 }
 
-TEST_F(ReceiveTest, WhatCannotBePlayedIsSaidOnce)
+TEST_F(ReceiveTest, AnUnplayableStreamIsReportedOnce)
 {
     OpusPayloader opus;
     FormattedPayloader invalid(48000, 2, audioUtils::PcmFormat{99});
@@ -225,7 +225,7 @@ TEST_F(ReceiveTest, AReceiverThatMayNotJoinAtFirstRecordsOnceItMay)
     EXPECT_EQ(readJson(file("r.json"))["finished"], true);
 }
 
-TEST_F(ReceiveTest, AStopIsHeardUnderAFlood)
+TEST_F(ReceiveTest, AFloodDelaysNoStop)
 {
     constexpr auto MaxStopTime = std::chrono::milliseconds(500);
     constexpr auto FloodPause = std::chrono::milliseconds(1);
@@ -235,7 +235,7 @@ TEST_F(ReceiveTest, AStopIsHeardUnderAFlood)
     std::jthread flood(
         [&](const std::stop_token& stop)
         {
-            // Pauses let the sender's listener thread answer whoever joins.
+            // Pauses let the sender's listener thread answer new receivers.
             for (TimeValue time = 0; !stop.stop_requested();
                  std::this_thread::sleep_for(FloodPause))
                 for (const TimeValue end = time + 100; time < end; ++time)

@@ -84,7 +84,7 @@ inline json readJson(const std::string& path)
     return json::parse(readText(path), nullptr, false);
 }
 
-/// @return the id of a process that has just ended: those to come have the next ones
+/// @return the id of a process that has just ended; new processes get the next ids
 inline pid_t findLatestProcess()
 {
     const pid_t process = ::fork();
@@ -174,7 +174,7 @@ protected:
         return waitFor([&] { return process.getErrors().find(text) != std::string::npos; });
     }
 
-    /// Waits until a recording has grown to so many bytes.
+    /// Waits until a recording has grown to this size.
     static bool waitForSize(
         const std::string& path,
         std::uintmax_t size,

@@ -12,7 +12,7 @@
 namespace vlx::testing
 {
 
-/// How a run of the tool differs from a plain one.
+/// Settings of a run of the tool.
 struct ToolSettings
 {
     std::optional<std::string> input;         ///< of standard input; unset: empty
@@ -24,7 +24,7 @@ struct ToolSettings
     std::vector<int> closed;                  ///< of descriptors 0 to 2
 };
 
-/// One run of the tool. One that still runs at the end is stopped, and must stop cleanly.
+/// One run of the tool. If it still runs at the end, it is stopped and must exit cleanly.
 class ToolProcess
 {
 public:
@@ -36,10 +36,10 @@ public:
 
     void signal(int number) const;
 
-    /// Makes it stand still, until SIGCONT.
+    /// Stops the process until SIGCONT.
     void suspend() const;
 
-    /// Ends it as a crash would.
+    /// Kills it, as a crash would.
     void kill();
 
     /// @return the exit code as a shell sees it, so 128 + n after signal n; nothing at the deadline
@@ -68,14 +68,14 @@ private:
     std::optional<int> m_exitCode;
 };
 
-/// What a run of the tool has printed.
+/// Output of a run of the tool.
 struct ToolText
 {
     std::string output; ///< to standard output
     std::string errors; ///< to standard error
 };
 
-/// Runs the tool to its end, which must have this exit code.
+/// Runs the tool to its end, and expects this exit code.
 ToolText
 runTool(const std::vector<std::string>& arguments, int code = 0, const ToolSettings& settings = {});
 
