@@ -22,7 +22,7 @@ constexpr unsigned int MaxChannels = 64;
 constexpr unsigned int MinRate = 8'000;
 constexpr unsigned int MaxRate = 384'000;
 constexpr unsigned int MinPeriodBytes = 64;
-constexpr unsigned int MaxBufferBytes = 1 << 20; // programs may take the largest buffer
+constexpr unsigned int MaxBufferBytes = 1 << 20; // given to programs that request the largest
 constexpr unsigned int MaxPeriods = 1024;
 
 bool isRealTime(int policy)
