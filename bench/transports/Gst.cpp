@@ -1,8 +1,8 @@
 /// GStreamer elements in pipelines inside the process, without clock synchronisation and with
 /// queues of one buffer: appsrc ! SINK and SOURCE ! appsink. Variant "shm": shmsink and shmsrc.
 /// "vlx": vlxsink and vlxsrc; "vlx-shared": with frames in shared memory. Packets are samples of an
-/// audio stream whose rate is that of the packets; all variants fill up the last sample. Buffers are
-/// of the allocator that the sink offers, as those of GStreamer's own sources are.
+/// audio stream whose rate is that of the packets; all variants fill up the last sample. Buffers
+/// are of the allocator that the sink offers, as those of GStreamer's own sources are.
 
 #include <deque>
 #include <memory>
