@@ -38,13 +38,7 @@ public:
         const TestProvider* provider = nullptr)
         : m_pauses(pauses),
           m_offsetNs(provider != nullptr ? provider->getOffsetNs() : 0),
-          m_sender(
-              name,
-              m_payloader,
-              NanomsgProtocol::PubSub,
-              provider != nullptr
-                  ? RawClockInfo{provider->getAddress(), provider->getPort(), TimeSyncProtocol::GstNetClock}
-                  : RawClockInfo{}),
+          m_sender(name, m_payloader, NanomsgProtocol::PubSub, describe(provider)),
           m_thread([this] { loop(); })
     {
     }
@@ -62,6 +56,13 @@ public:
     }
 
 private:
+    static RawClockInfo describe(const TestProvider* provider)
+    {
+        if (provider == nullptr)
+            return {};
+        return {provider->getAddress(), provider->getPort(), TimeSyncProtocol::GstNetClock};
+    }
+
     void loop()
     {
         constexpr double TrueRate = Rate * (1 + SenderPpm * 1e-6);
