@@ -23,8 +23,9 @@ def play_from_pipe(run: Run) -> None:
     os.environ.update(ALSA_PLUGIN_DIR=str(plugin), ALSA_CONFIG_PATH=(
         f"/usr/share/alsa/alsa.conf:{ROOT / 'alsa/99-vlx.conf'}"))
     name, total = make_name(), round(7.5 * run.minutes) * RATE
-    listener = Process([str(run.tool), "receive", "-q", "--realtime", "-s", name, "-d",
-                        f"{total // RATE}s", "--no-fill", "--raw", "-"], output=subprocess.PIPE)
+    listener = Process([str(run.tool), "receive", "-q", "--realtime", "--oneshot", "-s", name,
+                        "-d", f"{total // RATE}s", "--no-fill", "--raw", "-"],
+                       output=subprocess.PIPE)
     player = Process(["sh", "-c", f"head -c {total * FRAME_BYTES} /dev/zero | "
                       f"aplay -t raw -f dat -D vlx:{name},REALTIME=try"])
     with suppress(PermissionError):  # this program must not be what is measured

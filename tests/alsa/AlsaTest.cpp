@@ -939,14 +939,22 @@ TEST_F(AlsaTest, ThreadsHaveTheWantedScheduling)
         ASSERT_EQ(::snd_pcm_start(recorder), 0);
         EXPECT_EQ(::sched_getscheduler(0), SCHED_OTHER);
         std::set<int> policies;
-        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+        const auto look = [&]
         {
-            std::string name;
-            std::getline(std::ifstream(task.path() / "comm"), name);
-            if (name == "vlx-playback" || name == "vlx-capture" || name == "vlx-listener")
-                policies.insert(::sched_getscheduler(std::stoi(task.path().filename())));
-        }
-        EXPECT_EQ(policies, std::set<int>{expected}) << opener << parameters;
+            policies.clear();
+            bool hasCapture = false; // which gets its name when it runs
+            for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+            {
+                std::string name;
+                std::getline(std::ifstream(task.path() / "comm"), name);
+                hasCapture = hasCapture || name == "vlx-capture";
+                if (name == "vlx-playback" || name == "vlx-capture" || name == "vlx-listener")
+                    policies.insert(::sched_getscheduler(std::stoi(task.path().filename())));
+            }
+            return hasCapture && policies == std::set<int>{expected};
+        };
+        EXPECT_TRUE(waitFor(look))
+            << opener << parameters << ": " << ::testing::PrintToString(policies);
     }
 }
 
