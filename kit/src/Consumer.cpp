@@ -490,6 +490,8 @@ void Consumer::Impl::handleState(Receiver::State state)
 void Consumer::Impl::handleSequence(Depayloader& depayloader)
 {
     m_clock = m_receiver.getStreamClockType();
+    if (&depayloader != &m_ring)
+        m_ring.reset();
     CodecRelay& codec =
         &depayloader == &m_ring ? *m_ring.getCodec() : static_cast<CodecRelay&>(depayloader);
     CodecRelay* const former = std::exchange(m_codec, &codec);

@@ -39,6 +39,9 @@ constexpr std::uint64_t HugePageBytes = 2 << 20;
 constexpr int AdviceCollapse = 25;
 constexpr int AdvicePopulateWrite = 23;
 
+// The sticky bit, which no other program sets on files: only what has it is removed as a dead ring.
+constexpr mode_t RingMark = S_ISVTX;
+
 constexpr std::uint64_t MinSlots = 2;
 constexpr std::uint64_t MaxSlots = 65536;
 
@@ -216,7 +219,7 @@ int FrameRing::prepare(mode_t mode, gid_t group)
     m_isHeld.resize(m_layout.numSlots);
     for (std::uint32_t slot = 0; slot < m_layout.numSlots; ++slot)
         m_free.push(std::uint32_t(slot));
-    return toError(::fchmod(m_file.get(), mode));
+    return toError(::fchmod(m_file.get(), RingMark | mode));
 }
 
 /// The file is empty until it is locked.
@@ -224,7 +227,8 @@ int FrameRing::openFile(mode_t mode, gid_t group)
 {
     const std::string path = m_layout.getPath();
     m_file = OwnedDescriptor(::open(
-        path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+        path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+        RingMark | S_IRUSR | S_IWUSR));
     if (m_file.get() < 0)
         return errno;
     m_process = ::getpid();
@@ -260,7 +264,8 @@ int FrameRing::map()
 {
     const std::size_t size = m_layout.getFileBytes();
     void* const reserved = ::mmap(
-        nullptr, size + HugePageBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1,
+        nullptr, size + HugePageBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
+        -1, // cppcheck-suppress invalidFunctionArg  // anonymous
         0);
     if (reserved == MAP_FAILED)
         return errno;
@@ -310,6 +315,8 @@ std::shared_ptr<std::uint8_t[]> FrameRing::takeSlot()
 
 void FrameRing::giveBack(std::uint32_t slot)
 {
+    if (isForkedCopy(m_owner)) // its lock may stay locked
+        return;
     const std::lock_guard<std::mutex> lock(m_mutex);
     --m_numHeld;
     m_isHeld[slot] = false;
@@ -447,7 +454,7 @@ std::vector<DeadEntry> removeDeadRings(std::optional<std::int64_t> minAgeSeconds
         const std::string path = entry.path().string();
         struct stat status = {};
         if (!isRingName(entry.path().filename().string()) || ::lstat(path.c_str(), &status) != 0 ||
-            !S_ISREG(status.st_mode))
+            !S_ISREG(status.st_mode) || (status.st_mode & RingMark) == 0)
             continue;
         const bool isMine = status.st_uid == ::geteuid();
         const std::int64_t age = std::time(nullptr) - status.st_mtime;

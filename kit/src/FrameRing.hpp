@@ -14,6 +14,7 @@
 #include <vlxkit/Discovery.hpp>
 
 #include "FrameQueue.hpp"
+#include "base/ForkedCopy.hpp"
 #include "base/OwnedDescriptor.hpp"
 
 namespace vlx::kit
@@ -131,6 +132,7 @@ private:
     std::uint8_t* getSlot(std::uint32_t slot) const;
 
     const RingLayout m_layout;
+    const pid_t m_owner = ::getpid();
     OwnedDescriptor m_file;     // locked
     pid_t m_process = 0;        // created the file and will remove it; 0: no file
     void* m_reserved = nullptr; // address range that contains the aligned memory

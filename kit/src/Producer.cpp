@@ -126,7 +126,8 @@ class Producer::Impl
 {
 public:
     explicit Impl(ProducerOptions options)
-        : m_options(std::move(options)), m_shared(m_options.sharedMemory, m_options.socketMode)
+        : m_options(std::move(options)),
+          m_shared(m_options.sharedMemory, m_options.socketMode, m_options.protocol)
     {
     }
 

@@ -26,7 +26,7 @@ public:
     /// @return the wrapped frame, which packets carry until the next call
     ByteView wrap(const ByteView& mediaData)
     {
-        m_frame.resize(m_codec.getSizeForWrappedFrame(mediaData));
+        m_frame.assign(m_codec.getSizeForWrappedFrame(mediaData), 0); // as in a packet
         m_codec.wrapFrame(m_frame, 0, mediaData);
         return m_frame;
     }

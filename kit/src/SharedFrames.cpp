@@ -21,6 +21,8 @@ constexpr std::size_t AutomaticMinBytes = 8192;
 constexpr std::uint64_t MinFrames = 4;
 // Of frames without a duration.
 constexpr std::uint64_t DefaultFrames = 16;
+// Packets that wait in Pipeline until a send blocks, about 17, and the frames at both ends.
+constexpr std::uint64_t PipelineFrames = 20;
 
 // Far longer than a receiver takes to join with an announcement that names the former ring.
 constexpr auto FormerRingTime = std::chrono::seconds(1);
@@ -123,11 +125,13 @@ SharedFrames::makeRing(std::size_t frameBytes, const std::string& socketFile, st
     // Doubling soon makes room for growing frames; a removed ring is replaced by one of its size.
     const std::size_t roomy = frameBytes > former ? std::max(frameBytes, 2 * former) : former;
     auto layout = chooseRingLayout(roomy, countFrames(), m_options.maxBytes);
-    if (!layout || layout->numSlots < MinFrames)
+    if (!layout || layout->numSlots < getMinFrames())
         layout = chooseRingLayout(std::max(frameBytes, former), countFrames(), m_options.maxBytes);
-    if (!layout)
+    const bool isPipeline = m_protocol == NanomsgProtocol::Pipeline;
+    if (!layout || (isPipeline && layout->numSlots < PipelineFrames))
     {
-        problem = "two frames of " + std::to_string(frameBytes) + " bytes do not fit into " +
+        problem = (isPipeline ? std::to_string(PipelineFrames) : "two") + " frames of " +
+                  std::to_string(frameBytes) + " bytes do not fit into " +
                   std::to_string(std::min<std::uint64_t>(m_options.maxBytes, MaxRingBytes)) +
                   " bytes";
         return nullptr;
@@ -136,10 +140,16 @@ SharedFrames::makeRing(std::size_t frameBytes, const std::string& socketFile, st
     return FrameRing::make(*layout, toRingMode(m_mode), findGroup(socketFile), problem);
 }
 
+/// No frame may be overwritten in Pipeline.
+std::uint64_t SharedFrames::getMinFrames() const
+{
+    return m_protocol == NanomsgProtocol::Pipeline ? PipelineFrames : MinFrames;
+}
+
 std::uint64_t SharedFrames::countFrames() const
 {
     const auto span = static_cast<TimeValue>(m_options.span.count());
-    return m_frameNs == 0 ? DefaultFrames : std::max(MinFrames, span / m_frameNs + 1);
+    return std::max(getMinFrames(), m_frameNs == 0 ? DefaultFrames : span / m_frameNs + 1);
 }
 
 void SharedFrames::setRing(std::shared_ptr<FrameRing> ring)

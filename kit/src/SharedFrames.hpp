@@ -24,7 +24,10 @@ namespace vlx::kit
 class SharedFrames
 {
 public:
-    SharedFrames(const SharedMemory& options, SocketMode mode) : m_options(options), m_mode(mode) {}
+    SharedFrames(const SharedMemory& options, SocketMode mode, NanomsgProtocol protocol)
+        : m_options(options), m_mode(mode), m_protocol(protocol)
+    {
+    }
 
     /// Chooses for a new codec or format. makeRoom() must follow.
     ///
@@ -71,12 +74,14 @@ public:
 private:
     std::shared_ptr<FrameRing>
     makeRing(std::size_t frameBytes, const std::string& socketFile, std::string& problem);
+    std::uint64_t getMinFrames() const;
     std::uint64_t countFrames() const;
     void setRing(std::shared_ptr<FrameRing> ring);
     void removeFormerRing();
 
     const SharedMemory m_options;
     const SocketMode m_mode;
+    const NanomsgProtocol m_protocol;
 
     Payloader* m_payloader = nullptr;          // of the frames
     std::optional<WrappedPayloader> m_wrapper; // of a codec that changes the bytes

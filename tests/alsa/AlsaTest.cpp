@@ -753,8 +753,10 @@ TEST_F(AlsaTest, MissingSamplesBecomeSilenceOfTheirLength)
             const auto sound = std::find_if(
                 recorded.begin() + before, recorded.end(),
                 [](std::int16_t sample) { return sample != 0; });
+            const auto numSounding = recorded.end() - sound;
             EXPECT_TRUE(
-                std::equal(sound, recorded.end(), samples.end() - (recorded.end() - sound)));
+                Samples(sound, recorded.end()) ==
+                Samples(samples.end() - numSounding, samples.end()));
         }
         // The samples that silence has replaced are left out.
         ASSERT_GE(recorded.size(), 202 * Period);
@@ -926,15 +928,15 @@ TEST_F(AlsaTest, ThreadsHaveTheWantedScheduling)
         const char* parameters;
         int expected; // of the plugin's threads
     };
-    for (const auto& [opener, parameters, expected] :
+    for (const Case& row :
          {Case{SCHED_OTHER, "", SCHED_OTHER}, Case{SCHED_FIFO, "", SCHED_FIFO},
           Case{SCHED_OTHER, ",REALTIME=try", SCHED_RR}})
     {
         if (!setPolicy(SCHED_FIFO))
             GTEST_SKIP() << "needs the permission for real-time scheduling";
-        setPolicy(opener);
-        Pcm player(getSocketName() + "-p", SND_PCM_STREAM_PLAYBACK, {.parameters = parameters});
-        Pcm recorder = record({.parameters = parameters});
+        setPolicy(row.opener);
+        Pcm player(getSocketName() + "-p", SND_PCM_STREAM_PLAYBACK, {.parameters = row.parameters});
+        Pcm recorder = record({.parameters = row.parameters});
         setPolicy(SCHED_OTHER); // it may change between opening and starting
         ASSERT_EQ(::snd_pcm_start(recorder), 0);
         EXPECT_EQ(::sched_getscheduler(0), SCHED_OTHER);
@@ -951,10 +953,10 @@ TEST_F(AlsaTest, ThreadsHaveTheWantedScheduling)
                 if (name == "vlx-playback" || name == "vlx-capture" || name == "vlx-listener")
                     policies.insert(::sched_getscheduler(std::stoi(task.path().filename())));
             }
-            return hasCapture && policies == std::set<int>{expected};
+            return hasCapture && policies == std::set<int>{row.expected};
         };
         EXPECT_TRUE(waitFor(look))
-            << opener << parameters << ": " << ::testing::PrintToString(policies);
+            << row.opener << row.parameters << ": " << ::testing::PrintToString(policies);
     }
 }
 

@@ -2,6 +2,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <functional>
 #include <limits>
 #include <optional>
@@ -239,19 +240,19 @@ TEST_F(FrameRingTest, ReaderRefusesFilesThatAreNotTheSenders)
         std::function<int()> change;
         const char* problem;
     };
-    for (const Row& row :
-         std::vector<Row>{
-             {"truncated", false, [&] { return ::truncate(path, size - 1); }, "announced size"},
-             {"grown", false, [&] { return ::truncate(path, size + 1); }, "announced size"},
-             {"sparse", false, [&] { return ::truncate(path, 0) + ::truncate(path, size); },
-              "announced size"},
-             {"unlinked", true, [] { return 0; }, "the file is missing"},
-             {"another user's", false, [&] { return ::chown(path, Nobody, Nobody); },
-              "belongs to user 65534"},
-             {"a link", true, [&] { return ::symlink("/etc/passwd", path); }, "Too many levels"},
-             {"a directory", true, [&] { return ::mkdir(path, 0700); }, "not a regular file"},
-             {"a pipe", true, [&] { return ::mkfifo(path, 0600); }, "not a regular file"},
-             {"leased", true, hold, "Resource temporarily unavailable"}})
+    const std::vector<Row> rows = {
+        {"truncated", false, [&] { return ::truncate(path, size - 1); }, "announced size"},
+        {"grown", false, [&] { return ::truncate(path, size + 1); }, "announced size"},
+        {"sparse", false, [&] { return ::truncate(path, 0) + ::truncate(path, size); },
+         "announced size"},
+        {"unlinked", true, [] { return 0; }, "the file is missing"},
+        {"another user's", false, [&] { return ::chown(path, Nobody, Nobody); },
+         "belongs to user 65534"},
+        {"a link", true, [&] { return ::symlink("/etc/passwd", path); }, "Too many levels"},
+        {"a directory", true, [&] { return ::mkdir(path, 0700); }, "not a regular file"},
+        {"a pipe", true, [&] { return ::mkfifo(path, 0600); }, "not a regular file"},
+        {"leased", true, hold, "Resource temporarily unavailable"}};
+    for (const Row& row : rows)
     {
         SCOPED_TRACE(row.name);
         const auto ring = makeRing(5000, 4);
@@ -367,8 +368,9 @@ TEST_F(FrameRingTest, OnlyRingsOfTheDeadAreRemoved)
     const auto makeEmpty = [](const char* name)
     {
         const std::string path = RingLayout{name}.getPath();
-        return Descriptor(::open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600));
+        return Descriptor(::open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 01600));
     };
+    std::ofstream("/dev/shm/vlx-camera") << "another program's";
     makeEmpty("vlx-Ab3xYz.3"); // is being made
     const Descriptor locked = makeEmpty("vlx-Ab3xYz.4");
     ASSERT_EQ(::flock(locked.get(), LOCK_EX | LOCK_NB), 0);
@@ -376,7 +378,8 @@ TEST_F(FrameRingTest, OnlyRingsOfTheDeadAreRemoved)
     EXPECT_EQ(removeDeadRings(60).size(), 0U) << "all are young";
     EXPECT_EQ(removeDeadRings().size(), 1U);
     EXPECT_THAT(
-        listMemory(), ElementsAre("vlx-Ab3xYz", "vlx-Ab3xYz.3", "vlx-Ab3xYz.4", "vlx-others.txt"));
+        listMemory(),
+        ElementsAre("vlx-Ab3xYz", "vlx-Ab3xYz.3", "vlx-Ab3xYz.4", "vlx-camera", "vlx-others.txt"));
     EXPECT_TRUE(ring->isLinked());
     for (const auto minAgeSeconds : {std::optional<std::int64_t>(60), {}})
     {
@@ -388,9 +391,11 @@ TEST_F(FrameRingTest, OnlyRingsOfTheDeadAreRemoved)
         const auto removed = removeDeadRings(minAgeSeconds);
         ASSERT_EQ(removed.size(), 1U);
         EXPECT_EQ(removed[0].path, "/dev/shm/vlx-Ab3xYz.3");
-        EXPECT_THAT(listMemory(), ElementsAre("vlx-Ab3xYz", "vlx-Ab3xYz.4", "vlx-others.txt"));
+        EXPECT_THAT(
+            listMemory(),
+            ElementsAre("vlx-Ab3xYz", "vlx-Ab3xYz.4", "vlx-camera", "vlx-others.txt"));
     }
-    for (const char* const name : {"vlx-Ab3xYz.4", "vlx-others.txt"})
+    for (const char* const name : {"vlx-Ab3xYz.4", "vlx-camera", "vlx-others.txt"})
         ::unlink(RingLayout{name}.getPath().c_str());
     ring->remove();
 }

@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <atomic>
+#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <optional>
@@ -35,6 +37,7 @@ using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 using Kind = ConsumerEvent::Kind;
 
 constexpr StreamFormat Format{audioUtils::PcmFormat::S16LE, 48000, 2};
@@ -148,6 +151,18 @@ protected:
         for (std::string& name : names)
             name.erase(0, sizeof("vlx-Ab3xYz") - 1);
         return names;
+    }
+
+    /// @return whether a descriptor of this process has this name
+    static bool isOpen(const std::string& path)
+    {
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        {
+            if (std::filesystem::read_symlink(entry.path(), error) == path)
+                return true;
+        }
+        return false;
     }
 
     std::vector<std::string> m_notices;
@@ -272,6 +287,69 @@ TEST_F(SharedFramesTest, LargerFramesGetALargerRingOrTravelInline)
     consumer.stop();
     producer.close();
     EXPECT_THAT(listRings(), IsEmpty());
+}
+
+TEST_F(SharedFramesTest, ARingIsClosedOnceFramesTravelInline)
+{
+    Producer producer(makeOptions({.carriage = Carriage::Shared, .maxBytes = 1 << 20}));
+    ASSERT_TRUE(producer.open(Format));
+    Consumer consumer({.name = getSocketName()});
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
+    exchange(producer, consumer, 1920);
+    ASSERT_THAT(listMemory(), SizeIs(1));
+    const std::string ring = "/dev/shm/" + listMemory()[0];
+    EXPECT_TRUE(isOpen(ring));
+    exchange(producer, consumer, 1'000'000);
+    EXPECT_TRUE(waitFor( // the producer keeps it for receivers that are joining
+        [&]
+        {
+            exchange(producer, consumer, 1920);
+            return HasFailure() || (listMemory().empty() && !isOpen(ring + " (deleted)"));
+        }));
+}
+
+TEST_F(SharedFramesTest, PipelineLosesNoFrame)
+{
+    constexpr std::uint64_t NumFrames = 60;
+    constexpr std::uint64_t NumWaiting = 7; // before a send blocks, at the least
+    constexpr TimeValue LongNs = 10 * FrameNs;
+    ProducerOptions options = makeOptions();
+    options.protocol = NanomsgProtocol::Pipeline;
+    options.sharedMemory.frameDuration = std::chrono::nanoseconds(LongNs);
+    Producer producer(options);
+    ASSERT_TRUE(producer.open(Format));
+    std::atomic<std::uint64_t> numSent = 0;
+    std::atomic<std::uint64_t> numReceived = 0;
+    Consumer consumer(
+        {.name = getSocketName()},
+        {.onFrame = [&](const Frame& frame)
+         {
+             EXPECT_TRUE(waitFor([&] { return numSent >= NumWaiting; }));
+             const std::uint64_t number = frame.timestamp / LongNs;
+             EXPECT_TRUE(
+                 std::ranges::equal(frame.data, makeFrame(Format.getBytesPerSample(), number)));
+             ++numReceived;
+         }});
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
+    for (std::uint64_t number = 1; number <= NumFrames; ++number)
+    {
+        ASSERT_TRUE(
+            producer.send(number * LongNs, LongNs, makeFrame(Format.getBytesPerSample(), number)));
+        ++numSent;
+    }
+    EXPECT_TRUE(waitFor([&] { return numReceived == NumFrames; }));
+    EXPECT_EQ(consumer.getStatistics().lost, 0U);
+    consumer.stop();
+    EXPECT_THAT(listRings(), ElementsAre(""));
+    producer.close();
+
+    options.sharedMemory.maxBytes = 10 * 100'000;
+    options.sharedMemory.frameBytes = 100'000;
+    Producer tooSmall(options);
+    ASSERT_TRUE(tooSmall.open(Format));
+    EXPECT_THAT(m_notices, ElementsAre(HasSubstr("20 frames of 100000 bytes do not fit")));
 }
 
 TEST_F(SharedFramesTest, ByDefaultAStreamIsWhatTheCoreSends)
