@@ -195,11 +195,11 @@ public:
     /// @return NotOpen, Stopped or Interrupted
     VLX_API Status announce();
 
-    /// Sends one frame. PubSub: never waits for a receiver. Pipeline: blocks until a receiver takes it, also one
-    /// that joins later; stop() and interrupt() end that wait. First opens another sequence if a
-    /// receiver joined within a second of the current one's start and may have missed it. Allocates
-    /// nothing per frame, without ProducerOptions::onReceivers. Reserving shared memory, which a
-    /// known size of frames moves to open(), takes about 1 ms for each MiB.
+    /// Sends one frame. PubSub: never waits for a receiver. Pipeline: blocks until a receiver takes
+    /// it, also one that joins later; stop() and interrupt() end that wait. First opens another
+    /// sequence if a receiver joined within a second of the current one's start and may have missed
+    /// it. Allocates nothing per frame, without ProducerOptions::onReceivers. Reserving shared
+    /// memory takes about 1 ms for each MiB; with a known size of frames, open() does that.
     ///
     /// @param timestamp  of the frame's first sample, nanoseconds on the announced clock
     /// @param duration   nanoseconds
