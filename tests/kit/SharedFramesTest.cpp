@@ -345,7 +345,7 @@ TEST_F(SharedFramesTest, PipelineLosesNoFrame)
     EXPECT_THAT(listRings(), ElementsAre(""));
     producer.close();
 
-    options.sharedMemory.maxBytes = 10 * 100'000;
+    options.sharedMemory.maxBytes = 1'000'000; // ten frames
     options.sharedMemory.frameBytes = 100'000;
     Producer tooSmall(options);
     ASSERT_TRUE(tooSmall.open(Format));
