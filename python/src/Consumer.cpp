@@ -178,8 +178,8 @@ Frame Consumer::read(std::optional<double> timeout)
             });
         if (!isReady)
             raise(
-                kit::ErrorCode::TimedOut, std::string(py::str("no frame of \"{}\" within {:g} s")
-                                                          .format(toPython(m_name), *seconds)));
+                kit::ErrorCode::TimedOut, "no frame of \"" + m_name + "\" within " +
+                                              std::string(py::str("{:g} s").format(*seconds)));
     }
 }
 

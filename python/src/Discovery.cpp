@@ -34,11 +34,12 @@ public:
         ::close(m_event);
     }
 
-    explicit Stop(const std::string& name, std::chrono::milliseconds timeout)
-        : m_question(std::async(
-              std::launch::async,
-              [this, name, timeout] { return kit::probeSenders({name}, timeout, m_event).at(0); }))
+    /// If no thread starts, the destructor runs, since the other constructor has returned.
+    explicit Stop(const std::string& name, std::chrono::milliseconds timeout) : Stop()
     {
+        m_question = std::async(
+            std::launch::async,
+            [this, name, timeout] { return kit::probeSenders({name}, timeout, m_event).at(0); });
     }
 
     Stop(const Stop&) = delete;
@@ -53,6 +54,12 @@ public:
     }
 
 private:
+    Stop()
+    {
+        if (m_event < 0)
+            raise(kit::ErrorCode::OutOfResources, "no descriptor is left");
+    }
+
     const int m_event = ::eventfd(0, EFD_CLOEXEC);
     std::future<kit::SenderProbe> m_question;
 };

@@ -89,6 +89,9 @@ void deliverLog()
     }
     catch (py::error_already_set& error)
     {
+        isDelivering = false;
+        if (!error.matches(PyExc_Exception)) // Ctrl-C
+            throw;
         error.discard_as_unraisable("vellox");
     }
     isDelivering = false;

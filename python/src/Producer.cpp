@@ -23,6 +23,8 @@ constexpr TimeValue LongLateNs = 1'000'000'000;
 // From this size on, the GIL is released during the copy.
 constexpr std::size_t LargeBytes = 65'536;
 constexpr nanoseconds MaxTail = std::chrono::milliseconds(400);
+// Between looks for receivers.
+constexpr nanoseconds CheckInterval = std::chrono::milliseconds(5);
 
 /// Access to the bytes of an object, which it keeps alive.
 class BufferView
@@ -186,8 +188,7 @@ Producer::~Producer()
 
 void Producer::close()
 {
-    if (m_isClosed.exchange(true))
-        return;
+    m_isClosed = true;
     const WithoutGil unlocked;
     std::unique_lock<std::mutex> lock(m_mutex, std::defer_lock);
     if (m_process == ::getpid())
@@ -299,9 +300,15 @@ void Producer::waitForReceivers(std::size_t count, std::optional<double> timeout
         toNanoseconds(timeout),
         [&](nanoseconds slice)
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            status = m_producer.waitForReceivers(count, slice);
-            return status.getCode() != kit::ErrorCode::TimedOut;
+            {
+                const std::lock_guard<std::mutex> lock(m_mutex);
+                status = m_producer.waitForReceivers(count, nanoseconds::zero());
+            }
+            if (status.getCode() != kit::ErrorCode::TimedOut)
+                return true;
+            // Without the lock: other threads send.
+            std::this_thread::sleep_for(std::min(slice, CheckInterval));
+            return false;
         });
     check(status);
 }

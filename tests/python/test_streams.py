@@ -5,6 +5,7 @@ import asyncio
 import gc
 import logging
 import os
+import resource
 import select
 import threading
 import time
@@ -179,6 +180,12 @@ def test_errors_have_classes(name):
     assert raised.value.code == "no directory"
 
 
+def test_a_name_that_is_not_text_is_shown(name):
+    with vellox.Consumer(name.encode() + b"\xff", timeout=0.01) as receiver:
+        with pytest.raises(vellox.TimedOut, match=f"{name}\udcff\" within 0.01 s"):
+            receiver.read()
+
+
 def test_waiting_ends(name):
     with vellox.Producer(name) as sender, vellox.Consumer(name, timeout=0.01) as receiver:
         with pytest.raises(TimeoutError):
@@ -193,6 +200,29 @@ def test_waiting_ends(name):
         sender.send(SILENCE)
     assert list(receiver) == []
     assert "closed" in repr(receiver) and "closed" in repr(sender)
+
+
+def test_sends_pass_a_thread_that_waits_for_receivers(name):
+    with vellox.Producer(name) as sender:
+        wait = lambda: pytest.raises(vellox.Error, sender.wait_for_receivers, 9, 2)
+        thread = threading.Thread(target=wait)
+        thread.start()
+        for _ in range(100):
+            sender.send(SILENCE, timestamp=1)
+            time.sleep(0.001)  # lets the thread run
+        assert thread.is_alive()
+    thread.join()
+
+
+def test_close_waits_for_another_thread_that_closes(name):
+    sender = vellox.Producer(name)
+    sender.send(SILENCE)
+    thread = threading.Thread(target=sender.close)
+    thread.start()
+    wait_until(lambda: sender.closed)
+    sender.close()
+    vellox.Producer(name).close()
+    thread.join()
 
 
 def test_another_thread_closes_a_waiting_stream(name):
@@ -251,6 +281,31 @@ def test_senders_are_listed_and_probed(streams, name):
     assert (found.clock, found.answered, found.may_join) == ("monotonic", True, True)
     assert str(found.format) == "F32BE, 44100 Hz, 1 channel"
     assert vellox.probe(f"{name}-2") is None
+
+
+def test_a_probe_without_descriptors_fails(name):
+    limits = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (0, limits[1]))
+    try:
+        with pytest.raises(vellox.Error, match="no descriptor"):
+            vellox.probe(name)
+    finally:
+        resource.setrlimit(resource.RLIMIT_NOFILE, limits)
+
+
+def test_ctrl_c_ends_the_delivery_of_the_log(name, caplog, monkeypatch):
+    def interrupt(record):
+        raise KeyboardInterrupt
+
+    caplog.set_level(logging.DEBUG, "vellox")
+    with vellox.Producer(name) as sender:
+        with monkeypatch.context() as patch:
+            patch.setattr(logging.getLogger("vellox"), "handle", interrupt)
+            with pytest.raises(KeyboardInterrupt):
+                sender.send(SILENCE)
+        with pytest.raises(vellox.TimedOut):
+            vellox.Consumer(name).read(0.01)
+    assert caplog.records
 
 
 def test_the_log_goes_to_python(name, caplog):
