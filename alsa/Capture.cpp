@@ -60,7 +60,7 @@ private:
         return options;
     }
 
-    void take(const kit::ConsumerItem& item);
+    void note(const kit::ConsumerItem& item);
     void takeFrame(std::unique_lock<std::mutex>& lock, const kit::ReceivedFrame& frame);
     void onTick(std::unique_lock<std::mutex>& lock);
     std::uint64_t measureGap(const kit::ReceivedFrame& frame) const;
@@ -69,6 +69,7 @@ private:
 
     kit::Consumer m_consumer;
     bool m_isOpen = false;
+    std::optional<kit::StreamFormat> m_streamFormat; // only the thread uses it
     // Guarded by m_mutex.
     bool m_hasBegun = false;        // a frame has come; only the thread changes it
     TimeValue m_end = 0;            // when the next frame is expected
@@ -101,36 +102,31 @@ void Capture::run()
     {
         const std::optional<kit::ConsumerItem> item = m_consumer.read(m_hasBegun ? Tick : IdleTick);
         if (item)
-            take(*item);
+            note(*item);
         std::unique_lock<std::mutex> lock(m_mutex);
         if (m_quits)
             return;
-        if (!item && m_isRunning)
+        const bool isOther = m_streamFormat && *m_streamFormat != m_format;
+        if (isOther && m_isRunning)
+            fail(
+                lock, -ENODEV,
+                "the stream's format has changed to " + kit::toText(*m_streamFormat) +
+                    "; open the device again");
+        else if (const auto* const frame = item ? std::get_if<kit::ReceivedFrame>(&*item) : nullptr)
+            takeFrame(lock, *frame);
+        else if (!item && m_isRunning)
             onTick(lock);
     }
 }
 
-void Capture::take(const kit::ConsumerItem& item)
+/// Keeps the stream's format, and reports problems; without the lock.
+void Capture::note(const kit::ConsumerItem& item)
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    if (const auto* const frame = std::get_if<kit::ReceivedFrame>(&item))
-    {
-        takeFrame(lock, *frame);
-    }
-    else if (const auto* const format = std::get_if<kit::StreamFormat>(&item))
-    {
-        if (*format == m_format)
-            return;
-        SNDERR(
-            "vlx: the stream's format has changed to %s; open the device again",
-            kit::toText(*format).c_str());
-        fail(-ENODEV);
-    }
-    else if (const auto* const event = std::get_if<kit::ConsumerEvent>(&item))
-    {
-        if (event->kind >= kit::ConsumerEvent::Kind::CannotPlay)
-            SNDERR("vlx: %s", event->text.c_str());
-    }
+    if (const auto* const format = std::get_if<kit::StreamFormat>(&item))
+        m_streamFormat = *format;
+    const auto* const event = std::get_if<kit::ConsumerEvent>(&item);
+    if (event != nullptr && event->kind >= kit::ConsumerEvent::Kind::CannotPlay)
+        SNDERR("vlx: %s", event->text.c_str());
 }
 
 void Capture::takeFrame(std::unique_lock<std::mutex>& lock, const kit::ReceivedFrame& frame)
@@ -182,8 +178,7 @@ void Capture::onTick(std::unique_lock<std::mutex>& lock)
     const auto timeout = static_cast<TimeValue>(m_settings.timeout.count());
     if (timeout > 0 && waited >= timeout)
     {
-        SNDERR("vlx: no frame arrived within TIMEOUT");
-        fail(-EIO);
+        fail(lock, -EIO, "no frame arrived within TIMEOUT");
         return;
     }
     if (!m_hasBegun || m_isPaused || waited < Lateness)

@@ -18,7 +18,6 @@ namespace vlx::alsa
 namespace
 {
 
-constexpr unsigned int MaxChannels = 64;
 constexpr unsigned int MinRate = 8'000;
 constexpr unsigned int MaxRate = 384'000;
 constexpr unsigned int MinPeriodBytes = 64;
@@ -124,9 +123,9 @@ int Device::close(snd_pcm_ioplug_t* io)
     return 0;
 }
 
-const snd_pcm_ioplug_callback_t& Device::getCallbacks(bool isPlayback)
+const snd_pcm_ioplug_callback_t& Device::getCallbacks()
 {
-    static const auto make = [](bool drains)
+    static const snd_pcm_ioplug_callback_t table = []
     {
         snd_pcm_ioplug_callback_t callbacks{};
         callbacks.start = call<&Device::start>;
@@ -140,13 +139,10 @@ const snd_pcm_ioplug_callback_t& Device::getCallbacks(bool isPlayback)
         callbacks.pause = call<&Device::pause>;
         callbacks.poll_revents = call<&Device::getEvents>;
         callbacks.delay = call<&Device::reportDelay>;
-        if (drains)
-            callbacks.drain = call<&Device::drain>;
+        callbacks.drain = call<&Device::drain>;
         return callbacks;
-    };
-    static const snd_pcm_ioplug_callback_t capture = make(false);
-    static const snd_pcm_ioplug_callback_t playback = make(true);
-    return isPlayback ? playback : capture;
+    }();
+    return table;
 }
 
 int Device::open(
@@ -163,7 +159,7 @@ int Device::open(
     io.poll_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     io.poll_events = POLLIN;
     io.nonblock = (mode & SND_PCM_NONBLOCK) != 0 ? 1 : 0;
-    io.callback = &getCallbacks(device->isPlayback());
+    io.callback = &getCallbacks();
     io.private_data = device.get();
     if (io.poll_fd < 0)
         return -errno;
@@ -389,11 +385,15 @@ void Device::updateDescriptor(std::uint64_t numTransferred)
         ::eventfd_read(m_io.poll_fd, &value);
 }
 
-void Device::fail(int errorNumber)
+void Device::fail(std::unique_lock<std::mutex>& lock, int errorNumber, const std::string& reason)
 {
     m_error = errorNumber;
     m_isRunning = false;
+    m_changed.notify_all();
     updateDescriptor();
+    lock.unlock(); // the program's error handler may wait for a thread that needs it
+    SNDERR("vlx: %s", reason.c_str());
+    lock.lock();
 }
 
 void Device::reportXrun()
@@ -415,9 +415,8 @@ void Device::startThread()
             }
             catch (const std::exception& exception)
             {
-                SNDERR("vlx: %s", exception.what());
-                const std::lock_guard<std::mutex> lock(m_mutex);
-                fail(-EIO);
+                std::unique_lock<std::mutex> lock(m_mutex);
+                fail(lock, -EIO, exception.what());
             }
         });
 }

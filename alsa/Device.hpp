@@ -22,6 +22,8 @@
 namespace vlx::alsa
 {
 
+constexpr unsigned int MaxChannels = 64;
+
 /// One open PCM: the buffer between the program and a thread of the plugin, with the callbacks of
 /// ALSA's I/O plugin interface. Playback and capture say what the thread does.
 ///
@@ -98,8 +100,9 @@ protected:
     ///
     /// @param numTransferred  samples that the program's position does not contain yet
     void updateDescriptor(std::uint64_t numTransferred = 0);
-    /// Stops with an error, which the program's next call returns.
-    void fail(int errorNumber);
+    /// Stops with an error, which the program's next call returns; prints the reason without the
+    /// lock.
+    void fail(std::unique_lock<std::mutex>& lock, int errorNumber, const std::string& reason);
     /// Reports an underrun or overrun.
     void reportXrun();
     /// The state in which an xrun does not stop the PCM.
@@ -157,7 +160,7 @@ private:
     template <auto Member, typename Result, typename... Arguments>
     static Result call(snd_pcm_ioplug_t* io, Arguments... arguments);
     static int close(snd_pcm_ioplug_t* io);
-    static const snd_pcm_ioplug_callback_t& getCallbacks(bool isPlayback);
+    static const snd_pcm_ioplug_callback_t& getCallbacks();
 
     const snd_pcm_stream_t m_stream;
     const pid_t m_process;

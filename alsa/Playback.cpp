@@ -20,6 +20,8 @@ constexpr std::chrono::milliseconds JoinTime{50};
 // Period in which a sequence may have to be announced again, and the interval of the checks.
 constexpr std::chrono::milliseconds AnnounceTime{1000};
 constexpr std::chrono::milliseconds AnnounceInterval{10};
+// How often a drain looks whether it is aborted.
+constexpr std::chrono::milliseconds AbortInterval{50};
 
 class Playback : public Device
 {
@@ -75,18 +77,18 @@ private:
     kit::Producer m_producer;
     bool m_isOpen = false;
     std::chrono::steady_clock::time_point m_announcedUntil;
+    std::mutex m_sending; // held during send(), without m_mutex; locked after that
     // Guarded by m_mutex.
     kit::Pace m_pace;
     std::uint64_t m_frameSize = 1; // samples
-    bool m_isSending = false;      // without the lock
     TimeValue m_sentUntil = 0;     // end of the last frame
     Buffer m_frame;
 };
 
 int Playback::onPrepare()
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait(lock, [this] { return !m_isSending; });
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::lock_guard<std::mutex> sending(m_sending);
     m_pace = kit::Pace(m_format.rate);
     m_frameSize = std::clamp<std::uint64_t>(
         m_format.toSamples(MaxFrameNs), 1, std::max<std::uint64_t>(m_io.period_size, 1));
@@ -132,10 +134,9 @@ int Playback::drain()
         m_changed.notify_all();
         updateDescriptor();
     }
-    if (m_io.nonblock != 0 && m_isRunning)
-        return -EAGAIN;
-    m_changed.wait(lock, [this] { return !m_isRunning || m_quits; });
-    return 0;
+    while (m_isRunning && !m_quits && m_io.nonblock == 0) // snd_pcm_abort() only sets nonblock
+        m_changed.wait_for(lock, AbortInterval);
+    return m_isRunning && !m_quits ? -EAGAIN : 0;
 }
 
 void Playback::run()
@@ -202,17 +203,14 @@ void Playback::sendFrame(std::unique_lock<std::mutex>& lock, std::uint64_t sampl
     m_sentUntil = timestamp + duration;
     updateDescriptor();
 
-    m_isSending = true;
+    std::unique_lock<std::mutex> sending(m_sending);
     lock.unlock();
     const kit::Status status =
         m_producer.send(timestamp, duration, ByteView(m_frame.data(), samples * sampleBytes));
+    sending.unlock();
     lock.lock();
-    m_isSending = false;
-    m_changed.notify_all();
-    if (status)
-        return;
-    SNDERR("vlx: %s", status.getText().c_str());
-    fail(toErrorNumber(status.getCode()));
+    if (!status)
+        fail(lock, toErrorNumber(status.getCode()), status.getText());
 }
 
 } // namespace

@@ -37,6 +37,12 @@ int probe(const Settings& settings, std::optional<kit::StreamFormat>& format)
         reason = "carries the codec " + kit::quote(kit::toFourccText(*sender.fourcc)) + ", not PCM";
         error = -EINVAL;
     }
+    else if (format->channels > MaxChannels)
+    {
+        reason = "has " + std::to_string(format->channels) + " channels, more than " +
+                 std::to_string(MaxChannels);
+        error = -EINVAL;
+    }
     else if (!sender.mayJoin)
     {
         reason = "does not admit this user; see its sender's --socket-mode or SOCKET_MODE";

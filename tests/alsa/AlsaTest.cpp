@@ -472,6 +472,10 @@ TEST_F(AlsaTest, RefusesWhatItCannotOpen)
         EXPECT_EQ(Pcm(name, Capture, options).error, -EINVAL);
     EXPECT_EQ(Pcm(getSocketName() + "-other", Capture).error, -EINVAL);
     EXPECT_THAT(errors, HasSubstr("carries the codec \"opus\", not PCM"));
+    kit::Producer wide({.name = getSocketName() + "-wide"});
+    ASSERT_TRUE(wide.open({PcmFormat::S16LE, Rate, 65}));
+    EXPECT_EQ(Pcm(getSocketName() + "-wide", Capture, {.channels = 65}).error, -EINVAL);
+    EXPECT_THAT(errors, HasSubstr("has 65 channels, more than 64"));
     for (const char* const parameters :
          {",CLOCK=sundial", ",CLOCK=net", ",CLOCK_PORT=1", ",CLOCK_PORT=70000", ",SOCKET_MODE=some",
           ",REALTIME=yes", ",ON_GAP=noise", ",SENDER_USER=no-such-user", ",TIMEOUT=0",
@@ -817,6 +821,60 @@ TEST_F(AlsaTest, ReportsWhyARecordingCannotContinue)
         send(producer, makeSamples(Period), now() + 100 * Millisecond);
         EXPECT_EQ(::snd_pcm_readi(pcm, samples.data(), 1), error == -EPIPE ? error : 1); // the gap
     }
+}
+
+TEST_F(AlsaTest, ARestartedRecordingTakesNoOtherFormat)
+{
+    kit::Producer producer = makeProducer();
+    Pcm pcm = record();
+    ASSERT_EQ(::snd_pcm_start(pcm), 0);
+    send(producer, makeSamples(Period));
+    EXPECT_EQ(pcm.read(Period), makeSamples(Period));
+    {
+        const std::lock_guard<std::mutex> lock(errorsMutex); // its error handler waits meanwhile
+        ASSERT_TRUE(producer.setFormat({PcmFormat::S16LE, 44100, 1}));
+        // Silence comes until then; the failure promises one more sample.
+        ASSERT_TRUE(waitFor(
+            [&]
+            {
+                const auto before = ::snd_pcm_avail(pcm);
+                std::this_thread::sleep_for(50ms);
+                return before > 0 && ::snd_pcm_avail(pcm) == before;
+            }));
+    }
+    ASSERT_TRUE(waitFor(
+        []
+        {
+            const std::lock_guard<std::mutex> lock(errorsMutex);
+            return errors.find("the stream's format has changed to") != std::string::npos;
+        }));
+    ASSERT_EQ(::snd_pcm_drop(pcm), 0);
+    ASSERT_EQ(::snd_pcm_prepare(pcm), 0);
+    ASSERT_EQ(::snd_pcm_start(pcm), 0);
+    send(producer, makeSamples(Period));
+    std::int16_t sample = 0;
+    EXPECT_EQ(::snd_pcm_readi(pcm, &sample, 1), -ENODEV);
+}
+
+TEST_F(AlsaTest, DrainEndsARecordingAndCanBeAborted)
+{
+    kit::Producer producer = makeProducer();
+    for (const char* const suffix : {"", "-unsent"})
+    {
+        Pcm recorder(getSocketName() + suffix, SND_PCM_STREAM_CAPTURE);
+        ASSERT_EQ(::snd_pcm_start(recorder), 0);
+        EXPECT_EQ(::snd_pcm_drain(recorder), 0);
+        EXPECT_EQ(::snd_pcm_state(recorder), SND_PCM_STATE_SETUP);
+    }
+    Pcm player(getSocketName() + "-p", SND_PCM_STREAM_PLAYBACK, {.period = 24'000});
+    player.write(makeSamples(NumPeriods * 24'000)); // 10 s
+    int result = 0;
+    std::thread drainer([&] { result = ::snd_pcm_drain(player); });
+    EXPECT_TRUE(waitFor([&] { return ::snd_pcm_state(player) == SND_PCM_STATE_DRAINING; }));
+    EXPECT_EQ(::snd_pcm_abort(player), 0); // as a signal handler does
+    drainer.join();
+    EXPECT_EQ(result, -EAGAIN);
+    EXPECT_EQ(::snd_pcm_drop(player), 0);
 }
 
 TEST_F(AlsaTest, AReaderThatStopsGetsAnOverrun)
