@@ -121,7 +121,14 @@ protected:
             const Status sent =
                 producer.send(timestamp, FrameNs, inPlace ? ByteView(memory) : ByteView(bytes));
             ASSERT_TRUE(sent) << sent.getText();
-            const auto frame = readFrame(consumer);
+            auto frame = readFrame(consumer, 3s);
+            // A busy machine may not have taken the announcement of a ring when its first frame is
+            // sent, which is then dropped.
+            if (!frame && ++m_numSentAgain == 1)
+            {
+                ASSERT_TRUE(producer.send(timestamp, FrameNs, bytes));
+                frame = readFrame(consumer);
+            }
             ASSERT_TRUE(frame) << "frame " << m_number << " of " << size << " bytes";
             EXPECT_EQ(frame->timestamp, timestamp);
             EXPECT_EQ(frame->gapNs, 0);
@@ -129,9 +136,10 @@ protected:
         }
     }
 
-    std::optional<ReceivedFrame> readFrame(Consumer& consumer)
+    std::optional<ReceivedFrame>
+    readFrame(Consumer& consumer, std::chrono::nanoseconds timeout = DefaultDeadline)
     {
-        while (auto item = consumer.read(DefaultDeadline))
+        while (auto item = consumer.read(timeout))
         {
             if (auto* const frame = std::get_if<ReceivedFrame>(&*item))
                 return std::move(*frame);
@@ -169,6 +177,7 @@ protected:
     std::vector<ConsumerEvent> m_events;
     std::uint64_t m_number = 0;
     int m_numFormats = 0;
+    int m_numSentAgain = 0;
 };
 
 TEST_F(SharedFramesTest, ConsumersReadBothCarriages)
