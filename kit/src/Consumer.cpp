@@ -490,10 +490,10 @@ void Consumer::Impl::handleState(Receiver::State state)
 void Consumer::Impl::handleSequence(Depayloader& depayloader)
 {
     m_clock = m_receiver.getStreamClockType();
-    if (&depayloader != &m_ring)
+    const bool isRing = &depayloader == &m_ring;
+    CodecRelay& codec = isRing ? *m_ring.getCodec() : static_cast<CodecRelay&>(depayloader);
+    if (!isRing)
         m_ring.reset();
-    CodecRelay& codec =
-        &depayloader == &m_ring ? *m_ring.getCodec() : static_cast<CodecRelay&>(depayloader);
     CodecRelay* const former = std::exchange(m_codec, &codec);
     // A decoder that misses frames is out of step, whatever its next header is.
     if (former != nullptr && former != &codec)
