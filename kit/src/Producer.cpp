@@ -289,9 +289,13 @@ Status Producer::Impl::openStream()
         return status;
     if (Status status = protectStream(); !status)
         return status;
-    // The name of shared memory is known only now.
-    if (Status status = makeRoom(std::nullopt, 0); !status)
-        return status;
+    // The name of shared memory is known only now. In Pipeline an announcement waits for whoever is
+    // connected, as this process was just now: it comes with the first frame, which may wait.
+    if (m_options.protocol != NanomsgProtocol::Pipeline)
+    {
+        if (Status status = makeRoom(std::nullopt, 0); !status)
+            return status;
+    }
     return checkUsable();
 }
 

@@ -100,7 +100,7 @@ bool SharedFrames::makeRoom(
     {
         const ByteView bytes = m_wrapper ? m_wrapper->wrap(*frame) : *frame;
         m_ringPayloader.setFrame(bytes);
-        size = bytes.size();
+        size = std::max(size, bytes.size());
     }
     const bool isKnown = frame || size != 0;
     const bool hasRoom =

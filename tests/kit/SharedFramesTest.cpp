@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <iostream>
@@ -315,6 +316,51 @@ TEST_F(SharedFramesTest, ARingIsClosedOnceFramesTravelInline)
             exchange(producer, consumer, 1920);
             return HasFailure() || (listMemory().empty() && !isOpen(ring + " (deleted)"));
         }));
+}
+
+TEST_F(SharedFramesTest, PipelineLosesNoFrame)
+{
+    constexpr std::uint64_t NumFrames = 60;
+    constexpr std::uint64_t NumWaiting = 7; // before a send blocks, at the least
+    constexpr TimeValue LongNs = 10 * FrameNs;
+    ProducerOptions options = makeOptions();
+    options.protocol = NanomsgProtocol::Pipeline;
+    options.sharedMemory.frameDuration = std::chrono::nanoseconds(LongNs);
+    Producer producer(options);
+    ASSERT_TRUE(producer.open(Format));
+    std::atomic<std::uint64_t> numSent = 0;
+    std::atomic<std::uint64_t> numReceived = 0;
+    Consumer consumer(
+        {.name = getSocketName()},
+        {.onFrame = [&](const Frame& frame)
+         {
+             EXPECT_TRUE(waitFor([&] { return numSent >= NumWaiting; }));
+             const std::uint64_t number = frame.timestamp / LongNs;
+             EXPECT_TRUE(
+                 std::ranges::equal(frame.data, makeFrame(Format.getBytesPerSample(), number)));
+             ++numReceived;
+         }});
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
+    for (std::uint64_t number = 1; number <= NumFrames; ++number)
+    {
+        ASSERT_TRUE(
+            producer.send(number * LongNs, LongNs, makeFrame(Format.getBytesPerSample(), number)));
+        ++numSent;
+    }
+    EXPECT_TRUE(waitFor([&] { return numReceived == NumFrames; }));
+    EXPECT_EQ(consumer.getStatistics().lost, 0U);
+    EXPECT_THAT(listRings(), ElementsAre(""));
+    producer.close();
+
+    options.sharedMemory.maxBytes = 1'000'000; // ten frames
+    options.sharedMemory.frameBytes = 100'000;
+    Producer tooSmall(options);
+    ASSERT_TRUE(tooSmall.open(Format));
+    ASSERT_TRUE(tooSmall.send(LongNs, LongNs, makeFrame(Format.getBytesPerSample(), 1)));
+    EXPECT_THAT(m_notices, ElementsAre(HasSubstr("20 frames of 100000 bytes do not fit")));
+    EXPECT_TRUE(waitFor([&] { return numReceived == NumFrames + 1; }));
+    consumer.stop();
 }
 
 TEST_F(SharedFramesTest, ByDefaultAStreamIsWhatTheCoreSends)
