@@ -44,8 +44,9 @@ enum class Carriage
     Automatic,
 };
 
-/// Options of frames in shared memory. The memory is reserved when the stream opens; in Pipeline, or
-/// if the size of frames is unknown, with the first frame. If it is too small, the frames travel inline, with a notice.
+/// Options of frames in shared memory. The memory is reserved when the stream opens; with the first
+/// frame in Pipeline, or if the size of frames is unknown. If it is too small, the frames travel
+/// inline, with a notice.
 struct SharedMemory
 {
     Carriage carriage = Carriage::Inline; ///< of the frames
