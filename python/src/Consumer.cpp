@@ -19,20 +19,6 @@ using Kind = kit::ConsumerEvent::Kind;
 
 constexpr std::size_t MaxEvents = 1000;
 
-const char* toText(Receiver::State state)
-{
-    switch (state)
-    {
-    case Receiver::State::Idle:
-        return "idle";
-    case Receiver::State::Connecting:
-        return "connecting";
-    case Receiver::State::Running:
-        return "running";
-    }
-    return "unknown";
-}
-
 /// A consumer of the kit. The GIL guards what has no lock of its own.
 class Consumer
 {
@@ -203,7 +189,7 @@ py::dict Consumer::getStatistics() const
     checkProcess(m_process);
     const kit::ConsumerStatistics counts = m_consumer.getStatistics();
     return py::dict(
-        "state"_a = toText(counts.state), "frames"_a = counts.frames, "bytes"_a = counts.bytes,
+        "state"_a = toString(counts.state), "frames"_a = counts.frames, "bytes"_a = counts.bytes,
         "dropped"_a = counts.dropped, "lost"_a = counts.lost, "gaps"_a = counts.gaps,
         "gap_ns"_a = counts.gapNs, "overlaps"_a = counts.overlaps, "sequences"_a = counts.sequences,
         "connections"_a = counts.connections, "reconnects"_a = counts.reconnects,

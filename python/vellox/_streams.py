@@ -66,6 +66,16 @@ def _find(option: str, value: str, choices: tuple[str, ...]) -> int:
     return choices.index(value)
 
 
+def _close(
+    stream: _core.Consumer | _core.Producer,
+    kind: type[BaseException] | None,
+    error: BaseException | None,
+    trace: TracebackType | None,
+) -> None:
+    """Closes the stream at the end of a with block."""
+    stream.close()
+
+
 class Consumer(_core.Consumer):
     """Receives one stream: waits for its sender, joins it, and reconnects after a loss.
 
@@ -122,13 +132,7 @@ class Consumer(_core.Consumer):
     def __enter__(self) -> Consumer:
         return self
 
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
-        self.close()
+    __exit__ = _close
 
     def __aiter__(self) -> Consumer:
         return self
@@ -225,13 +229,7 @@ class Producer(_core.Producer):
     def __enter__(self) -> Producer:
         return self
 
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
-        self.close()
+    __exit__ = _close
 
     def __repr__(self) -> str:
         state = "closed" if self.closed else "open"
