@@ -287,7 +287,11 @@ TEST_F(ElementsTest, PauseOfASinkThatWaitsForItsReceiverKeepsTheStream)
     {
         std::set<std::string> paths;
         for (const auto& entry : std::filesystem::directory_iterator(m_directory))
-            paths.insert(entry.path().string());
+        {
+            // A bell may just be ringing.
+            if (entry.path().filename().string().starts_with("VlxSender-"))
+                paths.insert(entry.path().string());
+        }
         return paths;
     };
     const Pipeline sender(makeSender("protocol=pipeline wait-for-connection=false"));
