@@ -16,7 +16,7 @@ int main()
         std::cerr << opened.getText() << std::endl;
         return 1;
     }
-    // Receivers that are waiting miss no frame.
+    // Receivers that are already waiting join first.
     if (!producer.waitForReceivers(1, std::chrono::milliseconds(100)))
         std::cerr << "no receiver yet" << std::endl;
     const vlx::Buffer silence(1920); // 480 samples of 2 channels of 16 bits
