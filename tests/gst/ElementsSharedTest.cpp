@@ -347,29 +347,6 @@ TEST_F(SinkMemoryTest, MemoryOutlivesTheStreamAndTheElement)
 }
 
 // A pool reuses its memory.
-TEST_F(SinkMemoryTest, PoolOfTheSinksMemoryCarriesEachFrame)
-{
-    GstBufferPool* const pool = gst_buffer_pool_new();
-    GstStructure* const config = gst_buffer_pool_get_config(pool);
-    gst_buffer_pool_config_set_params(config, nullptr, FrameBytes, 1, 2);
-    gst_buffer_pool_config_set_allocator(config, m_allocator.get(), nullptr);
-    ASSERT_TRUE(gst_buffer_pool_set_config(pool, config));
-    ASSERT_TRUE(gst_buffer_pool_set_active(pool, TRUE));
-    std::vector<std::string> contents;
-    for (int i = 0; i < 10; ++i)
-    {
-        GstBuffer* buffer = nullptr;
-        ASSERT_EQ(gst_buffer_pool_acquire_buffer(pool, &buffer, nullptr), GST_FLOW_OK);
-        contents.push_back(makeFrame(FrameBytes));
-        gst_buffer_fill(buffer, 0, contents.back().data(), FrameBytes);
-        expectDelivery(buffer, contents.back());
-    }
-    for (const std::string& data : contents)
-        EXPECT_GE(countInRings(data), 1U) << "overwritten";
-    gst_buffer_pool_set_active(pool, FALSE);
-    gst_object_unref(pool);
-}
-
 TEST_F(ElementsSharedTest, SourcesFillTheSinksMemory)
 {
     std::atomic<int> numInRing = 0;
