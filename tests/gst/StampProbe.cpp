@@ -1,21 +1,21 @@
-// stamp_probe NAME SECONDS: receives a stream of big-endian 32-bit counters, one for each sample.
+// stamp_probe NAME: receives a stream of big-endian 32-bit counters, one for each sample, until killed.
 // Prints for each frame the due time of sample 0 according to its timestamp, in nanoseconds, the
 // frame's first counter, and the number of samples.
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <thread>
 
 #include <endian.h>
+#include <unistd.h>
 
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Logging.hpp>
 
 int main(int argc, char** argv)
 {
-    if (argc != 3)
+    if (argc != 2)
         return 2;
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     const vlx::kit::Logging logging;
     vlx::kit::ConsumerCallbacks callbacks;
     vlx::kit::StreamFormat format;
@@ -35,7 +35,6 @@ int main(int argc, char** argv)
     vlx::kit::Consumer consumer({.name = argv[1]}, callbacks);
     if (!consumer.start())
         return 1;
-    std::this_thread::sleep_for(std::chrono::seconds(std::atoi(argv[2])));
-    consumer.stop();
-    return 0;
+    for (;;)
+        pause();
 }
