@@ -14,14 +14,21 @@
 namespace vlx
 {
 
+/// Writes an integer, lowest byte first.
+template <std::unsigned_integral Integer>
+void storeLittleEndian(std::uint8_t* destination, Integer value)
+{
+    for (std::size_t i = 0; i < sizeof(Integer); ++i)
+        destination[i] = static_cast<std::uint8_t>(value >> (8 * i));
+}
+
 /// Writes an integer, lowest byte first. A shorter packet grows to the end of the field, filled
 /// with zeros.
 template <std::unsigned_integral Integer>
 void writeLittleEndian(Buffer& packet, std::size_t offset, Integer value)
 {
     packet.resize(std::max(packet.size(), offset + sizeof(Integer)));
-    for (std::size_t i = 0; i < sizeof(Integer); ++i)
-        packet[offset + i] = static_cast<std::uint8_t>(value >> (8 * i));
+    storeLittleEndian(&packet[offset], value);
 }
 
 /// Reads fields in order, never beyond the end. After the first read that finds too few bytes, all

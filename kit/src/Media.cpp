@@ -1,0 +1,66 @@
+#include <limits>
+
+#include <vlxkit/Media.hpp>
+#include <vlxkit/Text.hpp>
+
+#include "base/LittleEndian.hpp"
+
+namespace vlx::kit
+{
+
+namespace
+{
+
+constexpr std::uint32_t KnownFlags = MediaHead::DeltaUnit | MediaHead::Header | MediaHead::Marker |
+                                     MediaHead::Discont | MediaHead::Corrupted |
+                                     MediaHead::Droppable;
+
+constexpr std::size_t FlagsOffset = 0;
+constexpr std::size_t PtsOffset = 8;
+constexpr std::size_t PositionOffset = 16;
+
+// Marks of values that are not set.
+constexpr auto NoPts = std::numeric_limits<std::int64_t>::min();
+constexpr auto NoPosition = std::numeric_limits<std::uint64_t>::max();
+
+} // unnamed namespace
+
+void writeMediaHead(const MediaHead& head, std::uint8_t* destination)
+{
+    std::fill_n(destination, MediaHeadBytes, std::uint8_t{0});
+    storeLittleEndian(destination + FlagsOffset, head.flags);
+    storeLittleEndian(
+        destination + PtsOffset, static_cast<std::uint64_t>(head.ptsOffsetNs.value_or(NoPts)));
+    storeLittleEndian(destination + PositionOffset, head.offset.value_or(NoPosition));
+}
+
+std::optional<MediaFrame> parseMediaFrame(const ByteView& bytes)
+{
+    if (bytes.size() < MediaHeadBytes)
+        return std::nullopt;
+    MediaFrame frame{{}, bytes.subspan(MediaHeadBytes)};
+    frame.head.flags = *ByteCursor(bytes, FlagsOffset).read<std::uint32_t>() & KnownFlags;
+    const auto pts = static_cast<std::int64_t>(*ByteCursor(bytes, PtsOffset).read<std::uint64_t>());
+    if (pts != NoPts)
+        frame.head.ptsOffsetNs = pts;
+    const std::uint64_t position = *ByteCursor(bytes, PositionOffset).read<std::uint64_t>();
+    if (position != NoPosition)
+        frame.head.offset = position;
+    return frame;
+}
+
+bool isMediaCaps(std::string_view text)
+{
+    return !text.empty() && text.size() <= MaxMediaCapsBytes &&
+           toPrintable(text, MaxMediaCapsBytes) == text;
+}
+
+std::optional<std::string> getMediaCaps(const CodecFormat& codec)
+{
+    std::string text(codec.header.begin(), codec.header.end());
+    if (codec.fourcc != MediaFourcc || !isMediaCaps(text))
+        return std::nullopt;
+    return text;
+}
+
+} // namespace vlx::kit
