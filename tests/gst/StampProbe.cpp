@@ -1,6 +1,6 @@
-// stamp_probe NAME: receives a stream of big-endian 32-bit counters, one for each sample, until killed.
-// Prints for each frame the due time of sample 0 according to its timestamp, in nanoseconds, the
-// frame's first counter, and the number of samples.
+// stamp_probe NAME: receives a stream of big-endian 32-bit counters, one for each sample, until
+// killed. Prints for each frame the due time of sample 0 according to its timestamp, in
+// nanoseconds, the frame's first counter, and the number of samples.
 
 #include <cstdio>
 #include <cstring>
