@@ -1,9 +1,12 @@
-// Takes codec headers and payloads of frames in shared memory from an input, and reads a ring that
-// is there with them. What parses is produced again, and a frame that is read is the one that was
-// written.
+// Takes the kit's codec headers and payloads from an input: of any media, and of frames in shared
+// memory, with which it reads an existing ring. What parses is produced again, and a frame that is
+// read is the one that was written.
 
 #include <FrameRing.hpp>
 #include <unistd.h>
+
+#include <vlxkit/Media.hpp>
+#include <vlxkit/Text.hpp>
 
 #include "support/Fuzz.hpp"
 
@@ -61,6 +64,19 @@ std::uint64_t takeNumber(fuzz::InputReader& input)
                           : input.take<std::uint64_t>();
 }
 
+void checkMedia(const ByteView& bytes)
+{
+    if (const auto frame = parseMediaFrame(bytes))
+    {
+        Buffer again(MediaHeadBytes);
+        writeMediaHead(frame->head, again.data());
+        check(parseMediaFrame(again)->head == frame->head, "the same head");
+        check(again.size() + frame->data.size() == bytes.size(), "the rest is data");
+    }
+    if (const auto caps = getMediaCaps({MediaFourcc, Buffer(bytes.begin(), bytes.end())}))
+        check(quote(*caps).size() <= bytes.size() + 2, "needs no escapes");
+}
+
 } // unnamed namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -79,6 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         check(again.size() == RingPlaceBytes && fuzz::startsWith({data, size}, again), "the same");
         target.read(*place);
     }
+    checkMedia({data, size});
     fuzz::InputReader input(data, size);
     while (!input.isEmpty())
         target.read(
