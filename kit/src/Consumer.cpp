@@ -16,6 +16,7 @@
 #include <vlxkit/BaseDirectory.hpp>
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
+#include <vlxkit/Media.hpp>
 #include <vlxkit/PromptStop.hpp>
 #include <vlxkit/Text.hpp>
 
@@ -295,6 +296,11 @@ std::string Consumer::Impl::findCodecProblem(const SenderProbe& answer)
         addCodec(std::make_unique<CodecRelay>(fourcc));
         isAccepted = true;
     }
+    const auto caps = getMediaCaps({fourcc, answer.codecHeader});
+    if (!isAccepted && caps)
+        return "its media is " + shortenMediaCaps(*caps) +
+               ", not PCM audio; use gst-launch-1.0 vlxsrc socket-name=" + quote(m_options.name) +
+               " ! ...";
     if (!isAccepted)
         return "its codec " + quote(toFourccText(fourcc)) +
                " is unknown here, or its header is not supported";

@@ -19,6 +19,8 @@ constexpr std::size_t FlagsOffset = 0;
 constexpr std::size_t PtsOffset = 8;
 constexpr std::size_t PositionOffset = 16;
 
+constexpr std::size_t MaxShortCapsBytes = 60;
+
 // Marks of values that are not set.
 constexpr auto NoPts = std::numeric_limits<std::int64_t>::min();
 constexpr auto NoPosition = std::numeric_limits<std::uint64_t>::max();
@@ -61,6 +63,20 @@ std::optional<std::string> getMediaCaps(const CodecFormat& codec)
     if (codec.fourcc != MediaFourcc || !isMediaCaps(text))
         return std::nullopt;
     return text;
+}
+
+std::string shortenMediaCaps(std::string_view caps)
+{
+    std::string text;
+    bool isType = false;
+    for (const char c : caps)
+    {
+        const bool wasType = isType;
+        isType = wasType ? c != ')' : c == '(' && text.ends_with('=');
+        if (!wasType && !isType)
+            text += c;
+    }
+    return toPrintable(text, MaxShortCapsBytes);
 }
 
 } // namespace vlx::kit

@@ -81,4 +81,12 @@ VLX_API bool isMediaCaps(std::string_view text);
 /// @thread any
 VLX_API std::optional<std::string> getMediaCaps(const CodecFormat& codec);
 
+/// Shortens caps for one line of text.
+///
+/// @param caps  according to isMediaCaps()
+/// @return such as "video/x-raw, format=I420, width=1920, height=1080, frame...": without types
+///         such as "(int)", and at most 60 bytes
+/// @thread any
+VLX_API std::string shortenMediaCaps(std::string_view caps);
+
 } // namespace vlx::kit

@@ -20,6 +20,7 @@
 
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
+#include <vlxkit/Media.hpp>
 #include <vlxkit/Producer.hpp>
 #include <vlxkit/Text.hpp>
 
@@ -392,9 +393,13 @@ TEST_F(ConsumerTest, LeavesAloneWhatCannotBeJoined)
         std::string line; // of the event
     };
     const Buffer info = fromHex("0100 00 0000 02 02 6970633A2F2F782F7900"); // ipc://x/y
+    const std::string caps = "video/x-raw, width=(int)16";
+    Buffer media;
+    produceSequenceInfoPacket(media, MediaFourcc, Buffer(caps.begin(), caps.end()), 1);
     const std::string longPath = getTempDirectory() + "/VlxSender-" + std::string(100, 'x') + "/y";
     const Row rows[] = {
         {"unknown codec", {.second = makeForeignSequenceInfo("WXYZ")}, "cannot play"},
+        {"any media", {.second = media}, "cannot play"},
         {"invalid PCM header", {.second = makeSequenceInfo(1, 0)}, "cannot play"},
         {"absurd PCM rate", {.second = makeSequenceInfo(1, 768'001)}, "cannot play"},
         {"invalid header of an own codec", {.second = makeForeignSequenceInfo()}, "cannot play"},

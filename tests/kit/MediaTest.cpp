@@ -109,6 +109,13 @@ TEST(MediaTest, CapsArePrintableText)
         codec.fourcc = PcmFourcc;
         EXPECT_EQ(getMediaCaps(codec), std::nullopt) << "another codec";
     }
+    EXPECT_EQ(
+        shortenMediaCaps("video/x-raw, format=(string)I420, width=(int)1920, height=(int)1080, "
+                         "framerate=(fraction)30/1, note=(string)\\(b\\)"),
+        "video/x-raw, format=I420, width=1920, height=1080, framer...");
+    EXPECT_EQ(
+        shortenMediaCaps("a, b=(int)1, c=(d), (e)=\"f(g)h\", i=(j"),
+        "a, b=1, c=, (e)=\"f(g)h\", i=");
     EXPECT_EQ(toFourccText(MediaFourcc), "VLXM");
 }
 

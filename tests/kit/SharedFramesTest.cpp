@@ -21,6 +21,7 @@
 #include <vlx/VlxSender.hpp>
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
+#include <vlxkit/Media.hpp>
 #include <vlxkit/Producer.hpp>
 
 #include "SharedMemoryTest.hpp"
@@ -143,11 +144,12 @@ protected:
         {
             if (auto* const frame = std::get_if<ReceivedFrame>(&*item))
                 return std::move(*frame);
-            if (std::holds_alternative<StreamFormat>(*item) ||
-                std::holds_alternative<CodecFormat>(*item))
-                ++m_numFormats;
+            if (const auto* const event = std::get_if<ConsumerEvent>(&*item))
+                m_events.push_back(*event);
             else
-                m_events.push_back(std::get<ConsumerEvent>(*item));
+                ++m_numFormats;
+            if (const auto* const codec = std::get_if<CodecFormat>(&*item))
+                m_codec = *codec;
         }
         return std::nullopt;
     }
@@ -175,6 +177,7 @@ protected:
 
     std::vector<std::string> m_notices;
     std::vector<ConsumerEvent> m_events;
+    CodecFormat m_codec; // the last one
     std::uint64_t m_number = 0;
     int m_numFormats = 0;
     int m_numSentAgain = 0;
@@ -248,6 +251,55 @@ TEST_F(SharedFramesTest, ConsumersReadBothCarriages)
         EXPECT_THAT(listRings(), IsEmpty());
     }
     EXPECT_THAT(m_notices, ElementsAre(HasSubstr("do not fit"))) << "into too small a ring";
+}
+
+TEST_F(SharedFramesTest, AnyMediaArrivesWithItsHeadsAndCaps)
+{
+    constexpr std::size_t PictureBytes = 1920 * 1080 * 3 / 2;
+    const std::string caps = "video/x-raw, format=(string)I420, width=(int)1920, height=(int)1080";
+    PlainPayloader payloader(MediaFourcc, Buffer(caps.begin(), caps.end()));
+    Producer producer(makeOptions(
+        {.carriage = Carriage::Automatic, .frameBytes = MediaHeadBytes + PictureBytes}));
+    ASSERT_TRUE(producer.open(payloader));
+    Consumer consumer({.name = getSocketName(), .anyCodec = true});
+    Consumer audioOnly({.name = getSocketName()});
+    ASSERT_TRUE(consumer.start());
+    ASSERT_TRUE(audioOnly.start());
+    ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
+    exchange(producer, consumer, MediaHeadBytes + PictureBytes, true);
+    EXPECT_EQ(getMediaCaps(m_codec), caps);
+    const MediaHead heads[] = {
+        {MediaHead::Header | MediaHead::Discont, 0, 0}, {MediaHead::DeltaUnit, -40'000'000, 1}, {}};
+    for (const MediaHead& head : heads)
+    {
+        const FrameMemory memory = producer.acquire(MediaHeadBytes + PictureBytes);
+        writeMediaHead(head, memory.data.get());
+        Buffer picture(PictureBytes);
+        std::uint32_t noise = static_cast<std::uint32_t>(++m_number);
+        for (std::uint8_t& byte : picture)
+            byte = static_cast<std::uint8_t>((noise = noise * 1664525 + 1013904223) >> 24U);
+        std::ranges::copy(picture, memory.data.get() + MediaHeadBytes);
+        ASSERT_TRUE(producer.send(m_number * FrameNs, FrameNs, memory));
+        const auto frame = readFrame(consumer);
+        ASSERT_TRUE(frame);
+        const auto media = parseMediaFrame(frame->data);
+        ASSERT_TRUE(media);
+        EXPECT_EQ(media->head, head);
+        EXPECT_TRUE(std::ranges::equal(media->data, picture)) << "frame " << m_number;
+    }
+    EXPECT_EQ(consumer.getStatistics().lost, 0U);
+    EXPECT_THAT(listRings(), SizeIs(1));
+
+    const ConsumerEvent* event = nullptr;
+    std::optional<ConsumerItem> item;
+    while (event == nullptr || event->kind != Kind::CannotPlay)
+    {
+        item = audioOnly.read(DefaultDeadline);
+        ASSERT_TRUE(item);
+        event = std::get_if<ConsumerEvent>(&*item);
+    }
+    EXPECT_THAT(event->text, HasSubstr("its media is video/x-raw, format=I420"));
+    EXPECT_EQ(event->fourcc, MediaFourcc);
 }
 
 TEST_F(SharedFramesTest, LargerFramesGetALargerRingOrTravelInline)
