@@ -73,10 +73,6 @@ Device::Device(Settings settings, snd_pcm_stream_t stream)
     : m_settings(std::move(settings)), m_stream(stream), m_process(::getpid())
 {
     ::pthread_getschedparam(::pthread_self(), &m_openersPolicy, &m_openersParameters);
-    // Without a receiver of the log, log4cplus complains on standard error.
-    if (!kit::isLogReceived())
-        m_silence = std::make_unique<kit::LogListener>(
-            kit::LogLevel::Error, [](const kit::LogLine& /*line*/) {});
     m_io.poll_fd = -1;
 }
 

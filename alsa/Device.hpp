@@ -166,7 +166,8 @@ private:
     const pid_t m_process;
     int m_openersPolicy = 0;
     sched_param m_openersParameters{};
-    std::unique_ptr<kit::LogListener> m_silence;
+    // Without a receiver of the log, log4cplus complains on standard error.
+    const kit::LogListener m_silence{kit::LogLevel::Error, [](const kit::LogLine& /*line*/) {}};
     std::thread m_thread;
 
     // Guarded by m_mutex.

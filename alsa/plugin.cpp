@@ -8,6 +8,7 @@
 #include <alsa/pcm_external.h>
 
 #include <vlxkit/Discovery.hpp>
+#include <vlxkit/Logging.hpp>
 #include <vlxkit/Text.hpp>
 
 #include "Device.hpp"
@@ -55,6 +56,7 @@ int probe(const Settings& settings, std::optional<kit::StreamFormat>& format)
 
 int open(snd_pcm_t** pcm, const char* name, snd_config_t* config, snd_pcm_stream_t stream, int mode)
 {
+    kit::endLogThreads();
     const std::optional<Settings> settings = readSettings(config);
     if (!settings)
         return -EINVAL;
@@ -75,6 +77,7 @@ int open(snd_pcm_t** pcm, const char* name, snd_config_t* config, snd_pcm_stream
 /// Describes the device. In a list, where no name is given, adds the running streams.
 int describe(snd_config_t** result, snd_config_t* source)
 {
+    kit::endLogThreads();
     snd_config_t* node = nullptr;
     const char* name = nullptr;
     std::string text = "Vellox stream: vlx:NAME";

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <log4cplus/appender.h>
+#include <log4cplus/config.hxx>
 #include <log4cplus/logger.h>
 #include <log4cplus/spi/loggingevent.h>
 
@@ -155,6 +156,21 @@ std::string toText(const LogLine& line)
 bool isLogReceived()
 {
     return hasAppender();
+}
+
+void endLogThreads()
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    const auto loggers = log4cplus::Logger::getCurrentLoggers();
+    const bool isUsed =
+        std::any_of(
+            loggers.begin(), loggers.end(),
+            [](const log4cplus::Logger& logger)
+            { return logger.getName().compare(0, 6, LOG4CPLUS_TEXT("Vellox")) != 0; }) ||
+        !log4cplus::Logger::getRoot().getAllAppenders().empty() ||
+        !getLogger().getAllAppenders().empty();
+    if (!isUsed)
+        log4cplus::deinitialize();
 }
 
 class LogListener::Impl

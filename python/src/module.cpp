@@ -1,33 +1,15 @@
 // The native half of the package vellox.
 
-#include <cstdio>
-#include <cstdlib>
+#include <vlxkit/Logging.hpp>
 
 #include "Support.hpp"
 
 namespace vlx::python
 {
 
-namespace
-{
-
-pid_t process = 0;
-
-/// Ends a forked child at once: the log's finaliser would wait for threads that it does not have.
-void endForkedChild(int code, void* /*unused*/)
-{
-    if (::getpid() == process)
-        return;
-    std::fflush(nullptr);
-    ::_exit(code);
-}
-
-} // unnamed namespace
-
 PYBIND11_MODULE(_core, module)
 {
-    process = ::getpid();
-    ::on_exit(endForkedChild, nullptr);
+    kit::endLogThreads();
     module.attr("version") = VLX_PYTHON_VERSION;
     module.def("begin_end", beginEnd);
     addFrame(module);

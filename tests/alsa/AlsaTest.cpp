@@ -23,6 +23,7 @@
 #include <vlxkit/Discovery.hpp>
 #include <vlxkit/Producer.hpp>
 
+#include "support/ChildProcess.hpp"
 #include "support/VlxTest.hpp"
 
 namespace vlx::testing
@@ -953,6 +954,20 @@ TEST_F(AlsaTest, LeavesNothingBehindAndPrintsNothing)
     playAgainAndAgain("-b");
     other.join();
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(AlsaTest, AHostsForkedChildExitsAndItsTerminalStaysEmpty)
+{
+    const std::string device = "vlx:" + getSocketName();
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {ALSA_HOST}, {ALSA_HOST, device + "-a", device + "-b"}})
+    {
+        ChildProcess host(arguments);
+        std::vector<std::string> lines;
+        for (std::string line = host.readLine(); !line.empty(); line = host.readLine())
+            lines.push_back(line);
+        EXPECT_THAT(lines, ::testing::ElementsAre("at exit", "child: 3", "at exit"));
+    }
 }
 
 TEST_F(AlsaTest, AForkedChildClosesTheDeviceAndItsParentPlaysOn)

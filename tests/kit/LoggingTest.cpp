@@ -170,6 +170,12 @@ TEST_F(LoggingTest, PrintsTheLibrarysLinesOnceAndUndoesWhatItChanged)
     }
 }
 
+TEST_F(LoggingTest, TheThreadsOfAProgramsOwnLogStay)
+{
+    endLogThreads();
+    EXPECT_TRUE(isLogReceived()) << "the program's appenders are gone";
+}
+
 } // unnamed namespace
 
 } // namespace vlx::kit
