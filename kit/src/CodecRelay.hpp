@@ -107,7 +107,9 @@ class DepayloaderRelay : public CodecRelay
 public:
     /// @param target  must outlive the relay
     explicit DepayloaderRelay(Depayloader& target)
-        : CodecRelay(target.getFourcc()), m_target(target)
+        : CodecRelay(target.getFourcc()),
+          m_target(target),
+          m_isPlain(dynamic_cast<PlainDepayloader*>(&target) != nullptr)
     {
     }
 
@@ -119,7 +121,7 @@ public:
 
     bool reusesMemory() const override
     {
-        return false;
+        return m_isPlain;
     }
 
 private:
@@ -130,10 +132,14 @@ private:
 
     void unwrap(const ByteView& payload) override
     {
-        m_frame = m_target.unwrapFrame(payload);
+        if (m_isPlain)
+            CodecRelay::unwrap(payload);
+        else
+            m_frame = m_target.unwrapFrame(payload);
     }
 
     Depayloader& m_target;
+    const bool m_isPlain; // the frame is the payload
 };
 
 /// PCM within the limits of StreamFormat.

@@ -13,11 +13,12 @@ namespace
 
 constexpr std::uint32_t KnownFlags = MediaHead::DeltaUnit | MediaHead::Header | MediaHead::Marker |
                                      MediaHead::Discont | MediaHead::Corrupted |
-                                     MediaHead::Droppable;
+                                     MediaHead::Droppable | MediaHead::Decoding;
 
 constexpr std::size_t FlagsOffset = 0;
 constexpr std::size_t PtsOffset = 8;
 constexpr std::size_t PositionOffset = 16;
+constexpr std::size_t NumberOffset = 24;
 
 constexpr std::size_t MaxShortCapsBytes = 60;
 
@@ -34,6 +35,7 @@ void writeMediaHead(const MediaHead& head, std::uint8_t* destination)
     storeLittleEndian(
         destination + PtsOffset, static_cast<std::uint64_t>(head.ptsOffsetNs.value_or(NoPts)));
     storeLittleEndian(destination + PositionOffset, head.offset.value_or(NoPosition));
+    storeLittleEndian(destination + NumberOffset, head.number);
 }
 
 std::optional<MediaFrame> parseMediaFrame(const ByteView& bytes)
@@ -48,6 +50,7 @@ std::optional<MediaFrame> parseMediaFrame(const ByteView& bytes)
     const std::uint64_t position = *ByteCursor(bytes, PositionOffset).read<std::uint64_t>();
     if (position != NoPosition)
         frame.head.offset = position;
+    frame.head.number = *ByteCursor(bytes, NumberOffset).read<std::uint64_t>();
     return frame;
 }
 

@@ -66,6 +66,20 @@ struct ConsumerOptions
     bool anyCodec = false;
 };
 
+/// Depayloader of a codec whose frames travel unchanged, the counterpart of PlainPayloader. Frames
+/// in shared memory are not copied an additional time. A codec derives from it and checks headers.
+class PlainDepayloader : public Depayloader
+{
+public:
+    using Depayloader::Depayloader;
+
+    /// Returns the payload.
+    Buffer unwrapFrame(const ByteView& payload) final
+    {
+        return {payload.begin(), payload.end()};
+    }
+};
+
 /// Description of a frame.
 struct FrameInfo
 {

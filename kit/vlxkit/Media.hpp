@@ -35,6 +35,7 @@ struct MediaHead
     static constexpr std::uint32_t Discont = 8;    ///< something is missing before this frame
     static constexpr std::uint32_t Corrupted = 16; ///< the data is damaged
     static constexpr std::uint32_t Droppable = 32; ///< no other frame needs this one
+    static constexpr std::uint32_t Decoding = 64;  ///< the timestamp is the time of decoding
 
     std::uint32_t flags = 0; ///< sum of the above
     /// Time of presentation minus the frame's timestamp, nanoseconds; not set: unknown. The
@@ -43,6 +44,9 @@ struct MediaHead
     /// Position in the stream, in the media's unit (frames or bytes, for instance); not set:
     /// unknown.
     std::optional<std::uint64_t> offset = {};
+    /// Number of the frame, one more than that of the frame sent before: a receiver that sees any
+    /// other number has lost frames. 0: not counted.
+    std::uint64_t number = 0;
 
     /// Memberwise comparison.
     bool operator==(const MediaHead&) const = default;

@@ -25,19 +25,22 @@ TEST(MediaTest, HeadsHaveTheirDocumentedBytes)
         Buffer flags;
         Buffer pts;
         Buffer position;
+        Buffer number = Buffer(8, 0);
     };
     const Buffer zero(8, 0);
     const Row rows[] = {
         {"zero", {0, 0, 0}, {0, 0, 0, 0}, zero, zero},
         {"nothing set", {}, {0, 0, 0, 0}, {0, 0, 0, 0, 0, 0, 0, 0x80}, Buffer(8, 0xFF)},
         {"each byte has its place",
-         {MediaHead::DeltaUnit | MediaHead::Droppable, 0x0807060504030201, 0x1817161514131211},
+         {MediaHead::DeltaUnit | MediaHead::Droppable, 0x0807060504030201, 0x1817161514131211,
+          0x28},
          {33, 0, 0, 0},
          {1, 2, 3, 4, 5, 6, 7, 8},
-         {0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17, 0x18}},
+         {0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17, 0x18},
+         {0x28, 0, 0, 0, 0, 0, 0, 0}},
         {"presented earlier, all flags",
-         {63, -2, Largest - 1},
-         {63, 0, 0, 0},
+         {127, -2, Largest - 1},
+         {127, 0, 0, 0},
          {0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
          {0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
         {"the extremes that are set",
@@ -53,7 +56,7 @@ TEST(MediaTest, HeadsHaveTheirDocumentedBytes)
         expected.insert(expected.end(), 4, 0);
         expected.insert(expected.end(), row.pts.begin(), row.pts.end());
         expected.insert(expected.end(), row.position.begin(), row.position.end());
-        expected.insert(expected.end(), 8, 0);
+        expected.insert(expected.end(), row.number.begin(), row.number.end());
         expected.insert(expected.end(), {'x', 'y'});
         Buffer frame(MediaHeadBytes + 2, 'z');
         frame[MediaHeadBytes] = 'x';
@@ -62,8 +65,7 @@ TEST(MediaTest, HeadsHaveTheirDocumentedBytes)
         EXPECT_EQ(frame, expected);
 
         std::fill_n(&frame[4], 4, 0xAA); // a later version may use what is reserved
-        std::fill_n(&frame[24], 8, 0xAA);
-        frame[0] |= 0xC0;
+        frame[0] |= 0x80;
         frame[3] = 0xFF;
         for (std::size_t size = 0; size <= frame.size(); ++size)
         {
