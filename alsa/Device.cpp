@@ -243,6 +243,8 @@ int Device::prepare()
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_isRunning = false;
+        if (m_hasThreadFailed)
+            return -EIO;
     }
     if (const int error = onPrepare(); error < 0)
         return error;
@@ -412,6 +414,7 @@ void Device::startThread()
             catch (const std::exception& exception)
             {
                 std::unique_lock<std::mutex> lock(m_mutex);
+                m_hasThreadFailed = true;
                 fail(lock, -EIO, exception.what());
             }
         });

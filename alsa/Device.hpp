@@ -176,6 +176,7 @@ private:
     std::uint64_t m_stopThreshold = 0;
     int m_error = 0;
     bool m_isSignalled = false;
+    bool m_hasThreadFailed = false; // for good
 };
 
 /// @return nanoseconds of CLOCK_MONOTONIC

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -267,6 +268,7 @@ private:
 
 std::string errors; // what ALSA and the plugin have printed
 std::mutex errorsMutex;
+std::atomic<bool> throwsError = false; // once
 
 __attribute__((format(printf, 5, 6))) void
 keepError(const char*, int, const char*, int, const char* format, ...)
@@ -278,6 +280,8 @@ keepError(const char*, int, const char*, int, const char* format, ...)
     va_end(arguments);
     const std::lock_guard<std::mutex> lock(errorsMutex);
     errors += text.data();
+    if (throwsError.exchange(false))
+        throw std::runtime_error("out of order");
 }
 
 class AlsaTest : public VlxTest
@@ -855,6 +859,21 @@ TEST_F(AlsaTest, ARestartedRecordingTakesNoOtherFormat)
     send(producer, makeSamples(Period));
     std::int16_t sample = 0;
     EXPECT_EQ(::snd_pcm_readi(pcm, &sample, 1), -ENODEV);
+}
+
+TEST_F(AlsaTest, WhenTheThreadHasFailedThePcmCannotBePrepared)
+{
+    Pcm pcm = record();
+    ASSERT_EQ(::snd_pcm_start(pcm), 0);
+    throwsError = true; // where the thread reports the codec
+    kit::PlainPayloader opus(0x7375706F, Buffer());
+    kit::Producer producer({.name = getSocketName()});
+    ASSERT_TRUE(producer.open(opus));
+    std::int16_t sample = 0;
+    EXPECT_EQ(::snd_pcm_readi(pcm, &sample, 1), -EIO);
+    EXPECT_EQ(::snd_pcm_drop(pcm), 0);
+    EXPECT_EQ(::snd_pcm_prepare(pcm), -EIO);
+    EXPECT_THAT(errors, HasSubstr("out of order"));
 }
 
 TEST_F(AlsaTest, DrainEndsARecordingAndCanBeAborted)
