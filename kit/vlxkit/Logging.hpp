@@ -43,8 +43,8 @@ VLX_API std::string toText(const LogLine& line);
 /// @thread any
 VLX_API bool isLogReceived();
 
-/// Ends the four idle threads that log4cplus starts when it is loaded, so that a forked child of this
-/// process can end by exit(), which waits for them although the child does not have them. For
+/// Ends the four idle threads that log4cplus starts when it is loaded, so that a forked child of
+/// this process can end by exit(), which waits for them although the child does not have them. For
 /// plugins and language bindings, before their first LogListener.
 ///
 /// The threads serve appenders with AsyncAppend alone. If the program itself has an appender or a
