@@ -52,14 +52,13 @@ struct Plan
     std::size_t receivers = 0;    // that the first frame waits for, and for "go"
     std::uint16_t port = 0;       // of the network clock
     std::uint64_t rejoin = 0;     // period, milliseconds
-    std::string lock;             // file of which a byte is kept locked: 0 by a producer, else 1
 };
 
 // One name in a line would be a page.
 // clang-format off
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(
     Plan, role, name, board, kill, descriptors, threads, log, pipeline, shared, ring, bytes, frames,
-    resequence, receivers, port, rejoin, lock)
+    resequence, receivers, port, rejoin)
 // clang-format on
 
 namespace
@@ -157,19 +156,6 @@ bool applyLimits(const Plan& plan)
     const uid_t id = FirstUnusedID + static_cast<uid_t>(::getpid());
     return plan.threads < 0 || (::setgroups(0, nullptr) == 0 && ::setgid(id) == 0 &&
                                 ::setuid(id) == 0 && limit(RLIMIT_NPROC, plan.threads));
-}
-
-/// A POSIX lock, which any close of any descriptor of the file would give up.
-bool lockFile(const Plan& plan)
-{
-    if (plan.lock.empty())
-        return true;
-    const int fd = ::open(plan.lock.c_str(), O_RDWR | O_CLOEXEC);
-    struct flock range = {};
-    range.l_type = F_WRLCK;
-    range.l_start = plan.role == "produce" ? 0 : 1;
-    range.l_len = 1;
-    return ::fcntl(fd, F_SETLK, &range) == 0;
 }
 
 /// @return whether to go on
@@ -370,7 +356,7 @@ int main(int argc, char** argv)
     const auto shown = plan.log ? kit::LogLevel::Debug : kit::LogLevel::Error;
     const kit::Logging logging(plan.kill != 0 ? kit::LogLevel::Trace : shown);
     watchLog(*board, plan);
-    if (!applyLimits(plan) || !lockFile(plan))
+    if (!applyLimits(plan))
         return ExitBroken;
     try
     {

@@ -23,7 +23,7 @@ import subprocess
 import time
 from typing import Callable
 
-from fleet import End, Losses, Peer, Process, Stream, delivery, kill_all
+from fleet import End, Peer, Process, Stream, delivery
 import peers
 from rows import LIMIT, SKIPPED, Run, row
 from shared import make_name, median, wait_until
@@ -71,33 +71,6 @@ def kill_senders(run: Run, stream: Stream, is_wanted: Callable[[int], bool]) -> 
     run.check_handles(stream)
 
 
-@fault("receivers", "8 of 32 receivers killed, stopped, resumed",
-       "24 others lose no more than without")
-def harass_receivers(run: Run) -> None:
-    """Eight, at random, after a while without."""
-    seconds = 12 + (run.minutes - 1) * 20
-    control = run.start(32)
-    time.sleep(seconds)
-    normal = Losses(control.consumers[:24], run.probe, control.since).lost
-    kill_all()
-    stream = run.start(32)
-    count = 0
-    end = time.monotonic() + seconds
-    while time.monotonic() < end:
-        victim = random.randrange(24, 32)
-        action = random.choice([signal.SIGKILL, signal.SIGSTOP, signal.SIGCONT, signal.SIGCONT])
-        stream.consumers[victim].send_signal(action)
-        if action == signal.SIGKILL:
-            stream.consumers[victim] = End("consume", stream.name)
-        count += 1
-        time.sleep(random.uniform(0.02, 0.15))
-    for consumer in stream.consumers:
-        consumer.send_signal(signal.SIGCONT)
-    run.tell(f"{count} kills, stops, resumes in {seconds} s; control: {normal} lost; others:")
-    run.lose(stream.consumers[:24], stream.since, allowed=normal)
-    run.within(delivery(stream.consumers), "not all 32 deliver in the end")
-
-
 # Misbehaving clients.
 
 @fault("churn", "client connects and leaves 10,000 times", "others undisturbed, nothing left",
@@ -108,10 +81,6 @@ def harass_receivers(run: Run) -> None:
        1, True, peers.write_rubbish, False)
 @fault("rubbish-main", "client writes rubbish to the main channel", "others undisturbed",
        1, False, peers.write_rubbish, True)
-@fault("oob", "client sends a byte of urgent data", "others undisturbed, nothing left",
-       1, True, peers.send_urgent)
-@fault("lingering", "client passes a TCP socket that lingers",
-       "others undisturbed, nothing left", 1, True, peers.pass_lingering)
 def run_beside(run: Run, times: int, hostile: bool, role: Callable, *arguments: object) -> None:
     """Beside a client, of another user or of the same, that does its work so many times, and then
     goes on for a while."""
@@ -152,49 +121,22 @@ def send_to_main_channel(run: Run, pipeline: bool, hello: bytes, message: bytes)
 
 # Impostors.
 
-def meet_impostor(run: Run, role: Callable) -> tuple[Peer, End]:
-    """One that holds a sender's name, and a consumer that has met it."""
-    name = make_name()
-    impostor = Peer(peers.be_hostile, role, name)
-    consumer = End("consume", name)
-    run.within(lambda: impostor.count() > 0, "no receiver joined the impostor")
-    return impostor, consumer
-
-
-@fault("impostor-greeting", "impostor sends a malformed InitialInfo", "receiver survives")
-def greet_malformed(run: Run) -> None:
-    impostor, consumer = meet_impostor(run, peers.greet_malformed)
-    end = consumer.await_end(run.beside)
-    run.tell(f"greeted {impostor.count()} times")
-    run.check(end == "hung", f"the receiver ended: {end}")
-
-
 @fault("impostor-packets", "impostor publishes rubbish packets",
        "receiver survives, finds the real sender")
 def publish_rubbish(run: Run) -> None:
-    impostor, consumer = meet_impostor(run, peers.publish_rubbish)
-    run.within(lambda: consumer.board.joins, "the receiver did not join")
+    name = make_name()
+    impostor = Peer(peers.be_hostile, peers.publish_rubbish, name)
+    consumer = End("consume", name)
+    run.within(lambda: impostor.count() > 0 and consumer.board.joins, "the receiver did not join")
     time.sleep(run.beside)
     run.tell(f"{impostor.count():,} packets, joined {consumer.board.joins} times")
     run.check(consumer.is_running(), "the receiver has ended")
     impostor.kill()
     since = time.monotonic_ns()
-    producer = End("produce", consumer.name)
+    producer = End("produce", name)
     if run.within(lambda: consumer.board.incarnation == producer.pid, "a real sender's frames not"):
         took = (consumer.board.incarnation_since - since) / 1e6
         run.tell(f"a real sender's frames after {took:.0f} ms")
-
-
-@fault("oob-greeting", "holder of the name sends a byte of urgent data", "receiver stops promptly")
-def stop_under_urgent(run: Run) -> None:
-    _, consumer = meet_impostor(run, peers.hold_urgently)
-    run.within(lambda: consumer.board.joins, "the receiver did not join")
-    time.sleep(0.2)
-    start = time.monotonic()
-    consumer.board.stop = 1
-    end = consumer.await_end(run.limit)
-    run.tell(f"{end} {(time.monotonic() - start) * 1e3:.0f} ms after a stop was asked for")
-    run.check(end == "worked", f"over {run.limit} s, or not properly")
 
 
 def make_target(run: Run) -> Path:
@@ -213,22 +155,6 @@ def check_target(run: Run, target: Path, swapper: Peer) -> None:
 
 def words(ends: Counter) -> str:
     return ", ".join(f"{number} x {end}" for end, number in sorted(ends.items()))
-
-
-@fault("link-pipeline",
-       "another user swaps a link in for a pipeline receiver's socket file",
-       "mode of root's file unchanged")
-def swap_announced(run: Run) -> None:
-    target = make_target(run)
-    name = make_name()
-    holder = Peer(peers.announce_swapped, name, functools.partial(os.symlink, target))
-    consumers = [End("consume", name) for _ in range(4)]
-    run.within(lambda: holder.count() > 0, "no socket file")
-    time.sleep(2 * run.beside)
-    run.tell(f"{sum(end.board.joins for end in consumers)} joins")
-    run.check(all(end.is_running() for end in consumers),
-              words(Counter(end.await_end(0.01) for end in consumers)))
-    check_target(run, target, holder)
 
 
 @fault("link", "another user swaps a link in for a sender's socket file",
@@ -293,26 +219,6 @@ def sweep(run: Run, role: str, limit: str, count: int) -> None:
 def limit_descriptors(end: End, limit: int) -> None:
     hard = resource.prlimit(end.pid, resource.RLIMIT_NOFILE)[1]
     resource.prlimit(end.pid, resource.RLIMIT_NOFILE, (limit, hard))
-
-
-@fault("descriptors-listener", "running sender out of descriptors, new receiver",
-       "others undisturbed, one ERROR line; it joins once there are descriptors")
-def starve_listener(run: Run) -> None:
-    stream = run.start(4)
-    errors = stream.producer.board.error_lines
-    used = {int(fd) for fd in os.listdir(f"/proc/{stream.producer.pid}/fd")}
-    # The lowest that is free: no further one is allowed, but every poll of those that are there.
-    limit_descriptors(stream.producer, next(n for n in range(1024) if n not in used))
-    latecomer = End("consume", stream.name)
-    time.sleep(2)
-    errors = stream.producer.board.error_lines - errors
-    run.check(errors == 1, f"{errors} ERROR lines in 2 s instead of one")
-    run.check(latecomer.board.frames == 0, "the latecomer was let in")
-    limit_descriptors(stream.producer, 1024)
-    if run.within(lambda: latecomer.board.frames > 20, "with descriptors the latecomer joins not"):
-        run.tell("latecomer joins once there are descriptors")
-    latecomer.kill()
-    run.check_bystanders(stream)
 
 
 @fault("descriptors-rejoin", "running receivers out of descriptors, rejoin",
@@ -395,6 +301,42 @@ def run_removed(run: Run) -> None:
     run_without_directory(run, path, lambda: shutil.rmtree(path), path.mkdir)
 
 
+@fault("passed-fuse", "another user passes a file whose close never ends",
+       "sender and receiver go on, and stop promptly")
+def pass_stuck(run: Run) -> None:
+    """To both ends, again and again: the user joins the one and poses as the sender of the other."""
+    path = run.directory / "stuck"
+    path.mkdir()
+    run.require(os.geteuid() == 0 and os.path.exists("/dev/fuse") and
+                ctypes.CDLL(None).unshare(NEW_NAMESPACE) == 0 and mount("--make-rprivate", "/"),
+                "no FUSE here", SKIPPED)
+    device = os.open("/dev/fuse", os.O_RDWR | os.O_CLOEXEC)
+    options = f"fd={device},rootmode=40000,user_id=0,group_id=0,allow_other"
+    mounted = ctypes.CDLL(None).mount(b"stuck", bytes(path), b"fuse", 0, options.encode()) == 0
+    server = Peer(peers.serve_stuck_files, device)
+    os.close(device)
+    run.require(mounted, "cannot mount a FUSE file system", SKIPPED)
+    try:
+        ends = [End("produce", make_name()), End("consume", make_name())]
+        run.within(lambda: ends[0].board.ready, "no sender")
+        hostile = [Peer(peers.be_hostile, role, end.name, path / "file") for role, end in zip(
+            (peers.pass_file_to_sender, peers.pass_file_to_receiver), ends)]
+        run.within(lambda: all(peer.count() for peer in hostile), "nothing was passed")
+        time.sleep(run.beside)
+        start = time.monotonic()
+        for end in ends:
+            end.board.stop = 1
+        run.within(lambda: not any(end.is_running() for end in ends), "no stop")
+        run.tell(f"{sum(peer.count() for peer in hostile)} passed; stopped after "
+                 f"{(time.monotonic() - start) * 1e3:.0f} ms")
+        server.kill()  # what hangs in a close ends then
+        results = {end.await_end(run.limit) for end in ends}
+        run.check(results == {"worked"}, f"a stop: {results}")
+    finally:
+        server.kill()
+        subprocess.run(["umount", "--lazy", path], check=True)
+
+
 # Network clocks.
 
 SYNC_LIMIT_S = 6  # the first use initialises GStreamer
@@ -403,7 +345,7 @@ BOOT_NS = 5_000 * 10**9
 JUMP_NS = 1_000 * 10**9
 
 
-def start_clock_stream(run: Run, is_there: bool = True) -> tuple[Stream, list[int]]:
+def start_clock_stream(run: Run) -> tuple[Stream, list[int]]:
     """A stream on a network clock, and the mode and offset of the clock's provider."""
     # GStreamer would otherwise look through all of its plug-ins in each process.
     os.environ["GST_REGISTRY"] = str(run.directory / "registry.bin")
@@ -411,8 +353,7 @@ def start_clock_stream(run: Run, is_there: bool = True) -> tuple[Stream, list[in
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as server:
         server.bind(("127.0.0.1", 0))
         port = server.getsockname()[1]
-        if is_there:
-            Peer(peers.provide_time, server, state)
+        Peer(peers.provide_time, server, state)
     return run.start(2, port=port), state
 
 
@@ -452,15 +393,6 @@ def disturb_clock(run: Run, mode: int, jump: int) -> None:
     state[:] = peers.HONEST, BOOT_NS + jump
     run.tell(f"right after {sync_ms(run, stream, BOOT_NS + jump):.0f} ms")
     run.check_bystanders(stream, handles=False)  # GStreamer keeps some for a minute
-
-
-@fault("clock-unreachable", "no clock provider at the announced port",
-       "stream time 0; frames undisturbed")
-def miss_provider(run: Run) -> None:
-    stream, _ = start_clock_stream(run, is_there=False)
-    time.sleep(2)
-    run.check_bystanders(stream, handles=False)
-    run.check(not stream.consumers[0].board.clock_offset, "there should be no stream time")
 
 
 # Frames in shared memory.

@@ -82,11 +82,6 @@ class Process(subprocess.Popen):
             return "std::terminate"
         return signal.Signals(-code).name if code < 0 else ENDS.get(code, f"exit {code}")
 
-    def processor_seconds(self) -> float:
-        """Processor time used so far."""
-        fields = Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-
     def handles(self) -> tuple[int, int]:
         """Numbers of descriptors and threads."""
         return tuple(len(os.listdir(f"/proc/{self.pid}/{what}")) for what in ("fd", "task"))

@@ -4,7 +4,6 @@ until it is killed, and calls its first argument whenever it has done its work o
 
 import array
 from contextlib import suppress
-import ctypes
 import encodings.idna  # noqa: F401  now: another user may not read the interpreter's directory
 import itertools
 import os
@@ -120,36 +119,6 @@ def write_rubbish(note: Note, name: str, to_main: bool) -> None:
                 channel.sendall(random.randbytes(RUBBISH_BYTES))
 
 
-def send_urgent(note: Note, name: str) -> None:
-    """One byte that no ordinary read gets, though there is something to read."""
-    clients = []
-    while True:
-        clients.append(join(name))
-        clients[-1].send(b"x", socket.MSG_OOB)
-        note()
-        time.sleep(0.3)
-
-
-def pass_lingering(note: Note, name: str) -> None:
-    """From a child each, which is gone before the sender closes its own."""
-    signal.signal(signal.SIGCHLD, signal.SIG_IGN)
-    server = socket.create_server(("127.0.0.1", 0))
-    while True:
-        if os.fork() == 0:
-            tcp = make_lingering(server)
-            pass_file(join(name), b"x", tcp.fileno())
-            tcp.close()
-            os._exit(0)
-        note()
-        time.sleep(2)
-
-
-def greet_malformed(note: Note, name: str) -> None:
-    for client in greet(name, frame(b"\x01\0no end")):
-        note()
-        client.recv(1)
-
-
 def make_packet() -> bytes:
     """Random packets of every small size. Many get past the sequence filter, and select a codec."""
     packet = bytearray(random.randbytes(random.randint(1, 40)))
@@ -159,9 +128,9 @@ def make_packet() -> bytes:
     return bytes(packet)
 
 
-def publish(note: Note, name: str, messages: Iterator[bytes]) -> None:
-    """Holds a sender's name, greets properly, announces PCM, and publishes to each subscriber until
-    it leaves."""
+def publish_rubbish(note: Note, name: str) -> None:
+    """Holds a sender's name, greets properly, announces PCM, and publishes packets to each
+    subscriber until it leaves."""
     path, publisher = open_main_channel()
     visitors = greet(name, greeting(PUB_SUB, path))
     threading.Thread(target=list, args=(visitors,), daemon=True).start()
@@ -170,31 +139,10 @@ def publish(note: Note, name: str, messages: Iterator[bytes]) -> None:
         with subscriber, suppress(OSError):
             subscriber.sendall(PUBLISHER)
             subscriber.recv(8, socket.MSG_WAITALL)
-            for message in messages:
-                subscriber.sendall(message)
+            while True:
+                packet = make_packet()
+                subscriber.sendall(b"\x01" + struct.pack(">Q", len(packet)) + packet)
                 note()
-
-
-def make_message(packet: bytes) -> bytes:
-    """As the main channel carries it."""
-    return b"\x01" + struct.pack(">Q", len(packet)) + packet
-
-
-def publish_rubbish(note: Note, name: str) -> None:
-    publish(note, name, (make_message(make_packet()) for _ in itertools.count()))
-
-
-def hold_urgently(note: Note, name: str) -> None:
-    """Holds a sender's name, greets properly, announces a sequence, and sends a byte that no
-    ordinary read gets."""
-    path, _publisher = open_main_channel()
-    clients = []
-    for client in greet(name, greeting(PUB_SUB, path)):
-        clients.append(client)
-        time.sleep(0.1)
-        with suppress(OSError):
-            client.send(b"x", socket.MSG_OOB)
-            note()
 
 
 def become_other_user() -> None:
@@ -202,21 +150,6 @@ def become_other_user() -> None:
     os.setgid(OTHER_USER)
     os.setuid(OTHER_USER)
     die_with_parent()  # is forgotten at a change of the user
-
-
-def announce_swapped(note: Note, name: str, put: Put) -> None:
-    """Another user holds the name, lets receivers bind in its directory, and replaces their socket
-    file."""
-    become_other_user()
-    directory = Path(os.environ["TMPDIR"], "VlxSender-others")
-    directory.mkdir()
-    directory.chmod(0o777)
-    path = directory / "nanomsgChannel.ipc"
-    for client in greet(name, greeting(PIPELINE, path)):
-        deadline = time.monotonic() + 0.2
-        while time.monotonic() < deadline and not swap(note, path, put):
-            pass
-        client.close()
 
 
 def swap(note: Note, path: Path, put: Put) -> bool:
@@ -290,135 +223,6 @@ def serve_stuck_files(note: Note, device: int) -> None:
         body = answers[operation]() if operation in answers else b""
         error = 0 if operation in answers else -38  # ENOSYS
         os.write(device, struct.pack("<IiQ", 16 + len(body), error, unique) + body)
-
-
-def make_lingering(server: socket.socket) -> socket.socket:
-    """A TCP socket whose close would block: its data cannot be sent."""
-    tcp = socket.create_connection(server.getsockname())
-    tcp.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 4))
-    tcp.setblocking(False)
-    with suppress(BlockingIOError):
-        while True:
-            tcp.send(bytes(65536))
-    return tcp
-
-
-def fill_backlog(note: Note, name: str) -> None:
-    """With a lingering socket in each connection, behind an urgent byte."""
-    server = socket.create_server(("127.0.0.1", 0))
-    clients = []
-    while True:
-        client = socket.socket(socket.AF_UNIX)
-        client.setblocking(False)
-        try:
-            client.connect("\0" + name)
-        except BlockingIOError:  # it is full
-            signal.pause()
-        with make_lingering(server) as tcp:
-            pass_file(client, b"x", tcp.fileno(), socket.MSG_OOB)
-        clients.append(client)
-        note()
-
-
-def answer_differently(note: Note, name: str, targets: list[Path]) -> None:
-    """Holds a sender's name. Every second answer is good."""
-    path, _publisher = open_main_channel()
-    link = path.parent.with_name("VlxSender-linked")
-    link.symlink_to(targets[-1].parent)
-    good = greeting(PUB_SUB, path)
-    bad = [frame(b"\x01\0no end"), frame(b""), b"\xff\xff\xff\x7f",
-           good.replace(b"\x02ipc", b"\x07ipc"),
-           greeting(PIPELINE, link / "nanomsgChannel.ipc"),
-           greeting(PIPELINE, Path("/tmp/" + "x" * 110))]
-    bad += [greeting(PIPELINE, target) for target in targets]
-    answers = itertools.cycle([answer for each in bad for answer in (good, each)])
-    server = listen("\0" + name)
-    while True:
-        client = server.accept()[0]
-        with suppress(OSError):
-            client.settimeout(0.3)
-            client.sendall(next(answers))
-            note()
-            client.recv(1)
-        client.close()
-
-
-def make_frame(timestamp: int, size: int) -> bytes:
-    """The message of a frame that is all silence."""
-    duration = size // 4 * 10**9 // 48_000
-    return make_message(struct.pack("<HHQQ", 2, 1, timestamp % 2**64, duration) + bytes(size))
-
-
-def flood(note: Note, name: str) -> None:
-    """With the smallest of frames, many at once."""
-    def make_messages() -> Iterator[bytes]:
-        while True:
-            now = time.monotonic_ns()
-            yield b"".join(make_frame(now + 20_833 * number, 4) for number in range(1000))
-    publish(note, name, make_messages())
-
-
-def send_gaps(note: Note, name: str) -> None:
-    """Gaps of a second up to years, small frames and larger ones."""
-    def make_frames() -> Iterator[bytes]:
-        timestamp = time.monotonic_ns()
-        for number in itertools.count():
-            timestamp += 10**9 if number < 50 else 10**17
-            yield make_frame(timestamp, 2040 if number % 2 else 4)
-            time.sleep(0.01)
-    publish(note, name, make_frames())
-
-
-def forge_names(note: Note, name: str) -> None:
-    """Listens under names that hold lines of /proc/net/unix: for the real sender's socket under
-    another name, and for sockets that are not there under the sender's."""
-    with open("/proc/net/unix", encoding="latin-1") as table:
-        inodes = [line.split()[6] for line in table if line.rstrip().endswith(f"@{name}")]
-    servers = []
-    for inode in [*inodes, "0", "1", "x"]:
-        for shown in (f"@{name}x", "@", f"@{name}"):
-            line = f"ffff: 00000002 00000000 00010000 0001 01 {inode} {shown}"
-            with suppress(OSError):
-                servers.append(listen(f"\0x\n{line}"))
-    note()
-    signal.pause()
-
-
-def hold_mute_names(note: Note, count: int) -> None:
-    """Imitates a process with a number of hanging senders."""
-    ctypes.CDLL(None).prctl(15, b"vlx-listener")  # PR_SET_NAME
-    servers = []
-    for number in range(count):
-        servers.append(socket.socket(socket.AF_UNIX, socket.SOCK_STREAM | socket.SOCK_NONBLOCK))
-        servers[-1].bind(f"\0mute-{os.getpid()}-{number}")
-        servers[-1].listen(4)
-        note()
-    signal.pause()
-
-
-def race_narrowing(note: Note) -> None:
-    """Joins every main channel that is open to it, and records those that continue to send."""
-    while True:
-        for entry in Path(os.environ["TMPDIR"]).glob("VlxSender-*"):
-            with suppress(OSError):
-                client = connect(str(entry / "nanomsgChannel.ipc"))
-                client.settimeout(2)
-                client.sendall(SUBSCRIBER)
-                if len(client.recv(64)) > len(SUBSCRIBER) or client.recv(64):
-                    note()
-
-
-def hold_connections(note: Note, name: str, count: int) -> None:
-    clients = []
-    while len(clients) < count:
-        client = socket.socket(socket.AF_UNIX)
-        client.setblocking(False)
-        with suppress(BlockingIOError):  # while the backlog is full
-            client.connect("\0" + name)
-            clients.append(client)
-        note()
-        time.sleep(0.01)
-    signal.pause()
 
 
 def swap_in_directories(note: Note, put: Put) -> None:
