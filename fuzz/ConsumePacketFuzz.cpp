@@ -1,5 +1,5 @@
-// Sends sequences of packets, resets and out-of-band headers through a DepayloaderList: nothing is
-// taken that ends too early, no frame without a codec, and a frame that is taken is the one sent.
+// Sends sequences of packets, resets and out-of-band headers through a DepayloaderList: no frame is
+// taken without a codec.
 
 #include <array>
 
@@ -13,8 +13,6 @@ using fuzz::check;
 using Retcode = DepayloaderList::ConsumePacketRetcode;
 
 constexpr std::size_t MinPacketBytes = 5; // shorter ones are refused by assertion
-constexpr std::size_t SequenceInfoHeaderBytes = 8;
-constexpr std::size_t FrameHeaderBytes = 20;
 
 class Run
 {
@@ -23,7 +21,7 @@ public:
     {
         m_list.addDepayloader(m_pcm);
         if (m_input.take() % 2 != 0)
-            m_list.addDepayloader(m_scrambler);
+            m_list.addDepayloader(m_odd);
     }
 
     void play()
@@ -36,7 +34,7 @@ private:
     std::uint32_t takeFourcc()
     {
         const std::uint8_t choice = m_input.take();
-        const std::array known = {PcmFourcc, fuzz::ScrambleFourcc};
+        const std::array known = {PcmFourcc, fuzz::OddFourcc};
         return choice < 2 * known.size() ? known[choice % known.size()]
                                          : m_input.take<std::uint32_t>();
     }
@@ -88,41 +86,22 @@ private:
         const auto duration = m_input.take<TimeValue>();
         const ByteView mediaData = m_input.takeBlock();
         PcmPayloader().produceFramePacket(m_packet, sequenceNr, timestamp, duration, mediaData);
-        if (consume(m_packet) != Retcode::Ok)
-            return;
-        const Buffer plain(mediaData.begin(), mediaData.end());
-        const bool isScrambled = m_list.getCurrentDepayloader() == &m_scrambler;
-        check(
-            m_list.getCurrentFrameTimestamp() == timestamp &&
-                m_list.getCurrentFrameDuration() == duration &&
-                m_list.getCurrentFrameMediaData() == (isScrambled ? fuzz::scramble(plain) : plain),
-            "a frame that is taken is the one sent");
+        consume(m_packet);
     }
 
-    Retcode consume(const ByteView& packet)
+    void consume(const ByteView& packet)
     {
         if (packet.size() < MinPacketBytes)
-            return Retcode::Error;
+            return;
         const bool hasCodec = m_list.getCurrentDepayloader() != nullptr;
-        const Retcode retcode = m_list.consumePacket(packet);
-        const PacketType type = m_list.getCurrentPacketType();
-        check(
-            type == parsePacketType(packet) && toString(type) != "<dummy>" &&
-                m_list.getCurrentSequenceNr() == parsePacketSequenceNr(packet),
-            "type and number are the packet's");
-        check(
-            (retcode == Retcode::NoCurrentDepayloader) == (type == PacketType::Frame && !hasCodec),
-            "no frame is taken without a codec");
-        constexpr std::array MinBytes = {MinPacketBytes, SequenceInfoHeaderBytes, FrameHeaderBytes};
-        check(
-            retcode != Retcode::Ok || packet.size() >= MinBytes[static_cast<std::size_t>(type)],
-            "no packet is taken that ends before its fields do");
-        return retcode;
+        const bool isRefused = m_list.consumePacket(packet) == Retcode::NoCurrentDepayloader;
+        const bool isFrame = m_list.getCurrentPacketType() == PacketType::Frame;
+        check(isRefused == (isFrame && !hasCodec), "no frame is taken without a codec");
     }
 
     fuzz::InputReader m_input;
     PcmDepayloader m_pcm;
-    fuzz::ScrambleDepayloader m_scrambler;
+    fuzz::OddDepayloader m_odd;
     DepayloaderList m_list;
     Buffer m_packet;
 };

@@ -86,46 +86,20 @@ private:
     ByteView m_rest;
 };
 
-/// FourCC of the targets' own codec, "ScrM". Unlike PCM it changes the bytes of a frame.
-inline constexpr std::uint32_t ScrambleFourcc = 0x4D726353;
-
-/// Transformation of that codec; applying it twice restores the bytes.
-inline Buffer scramble(const ByteView& bytes)
-{
-    Buffer scrambled(bytes.rbegin(), bytes.rend());
-    for (auto& byte : scrambled)
-        byte ^= 0x5A;
-    return scrambled;
-}
+/// FourCC of the targets' own codec, "ScrM".
+inline constexpr std::uint32_t OddFourcc = 0x4D726353;
 
 /// Accepts codec headers of odd length only.
-class ScrambleDepayloader : public Depayloader
+class OddDepayloader : public Depayloader
 {
 public:
-    ScrambleDepayloader() : Depayloader(ScrambleFourcc) {}
+    OddDepayloader() : Depayloader(OddFourcc) {}
 
     bool processCodecHeader(const ByteView& codecHeader) override
     {
-        lastHeader.assign(codecHeader.begin(), codecHeader.end());
         return codecHeader.size() % 2 == 1;
     }
-
-    Buffer unwrapFrame(const ByteView& payload) override
-    {
-        return scramble(payload);
-    }
-
-    Buffer lastHeader; ///< the last header, accepted or not
 };
-
-/// Produces a codec header from the values that a depayloader has parsed.
-inline Buffer produceAgain(const PcmDepayloader& depayloader)
-{
-    PcmPayloader payloader;
-    payloader.setNewFormat(
-        depayloader.getSampleRate(), depayloader.getNumChannels(), depayloader.getSampleFormat());
-    return payloader.getCodecHeader();
-}
 
 /// @return whether the bytes begin with others
 inline bool startsWith(const ByteView& bytes, const ByteView& beginning)
