@@ -570,31 +570,6 @@ TEST_F(ConsumerTest, StaysInTheCheckedDirectoryWhenItsPathIsSwapped)
     std::filesystem::remove_all(moved);
 }
 
-TEST_F(ConsumerTest, JoinsOnlyTheUserThatItIsToldTo)
-{
-    if (::geteuid() != 0)
-        GTEST_SKIP() << "only root can become another user";
-    ASSERT_EQ(::chmod(getTempDirectory().c_str(), 01777), 0);
-    constexpr uid_t Other = 1234;
-    const auto open = [this](std::optional<ScriptedSender>& sender, uid_t user)
-    {
-        becomeUser(user);
-        sender.emplace(getSocketName());
-        becomeUser(0);
-    };
-    std::optional<ScriptedSender> sender;
-    RecordedConsumer consumer({.name = getSocketName(), .senderUser = Other});
-    open(sender, 0);
-    ASSERT_TRUE(consumer.start());
-    EXPECT_TRUE(consumer.waitForEvent(
-        "not a sender: the sender of \"" + getSocketName() +
-        "\" runs as user 0, not as user 1234"));
-    EXPECT_EQ(consumer.count("joined"), 0U);
-    sender.reset();
-    open(sender, Other);
-    EXPECT_TRUE(consumer.waitForEvent("format")) << "waited out";
-}
-
 TEST_F(ConsumerTest, JoinsAgainWhenItHasMissedAnAnnouncement)
 {
     RecordedConsumer consumer({.name = getSocketName(), .stallTimeout = 0ns});
@@ -742,15 +717,6 @@ TEST_F(ConsumerTest, AsksAHungSenderOnceAndDoesNotAccuseIt)
     ASSERT_TRUE(consumer.waitForEvent("format"));
     ASSERT_TRUE(sender.send(makeFrame(1, 10)));
     EXPECT_TRUE(consumer.waitForEvent("frame 10"));
-}
-
-TEST_F(ConsumerTest, AnAnswerThatAnnouncesTooMuchIsOverAtOnce)
-{
-    RawSidechannelServer listener(getSocketName(), 1);
-    SenderQuestion question(getSocketName());
-    RawConnection connection = listener.accept();
-    connection.send(fromHex("01 00 10 00")); // bytes that follow: one more than allowed
-    EXPECT_TRUE(waitFor([&] { return question.advance(), question.isOver(); }));
 }
 
 TEST_F(ConsumerTest, AForkedCopyEndsAndTheOriginalGoesOn)

@@ -10,15 +10,12 @@
 
 #include <CodecRelay.hpp>
 #include <RingCodec.hpp>
-#include <base/SenderDirectory.hpp>
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <vlx/SideChannel.hpp>
-#include <vlx/VlxSender.hpp>
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
 #include <vlxkit/Media.hpp>
@@ -413,84 +410,6 @@ TEST_F(SharedFramesTest, PipelineLosesNoFrame)
     EXPECT_THAT(m_notices, ElementsAre(HasSubstr("20 frames of 100000 bytes do not fit")));
     EXPECT_TRUE(waitFor([&] { return numReceived == NumFrames + 1; }));
     consumer.stop();
-}
-
-TEST_F(SharedFramesTest, ByDefaultAStreamIsWhatTheCoreSends)
-{
-    std::uint64_t numSequences = 0; // until the receiver has joined
-    // Whatever a plain receiver gets of some frames, on both channels.
-    const auto record = [&](const std::function<void()>& join,
-                            const std::function<void()>& announce, const auto& send,
-                            PcmPayloader& payloader)
-    {
-        RawConnection client(getSocketName());
-        RawNanomsg receiver(NN_SUB);
-        std::vector<Buffer> messages{client.readMessage().value(), client.readMessage().value()};
-        const InitialInfo info = parseInitialInfoPacket(messages[0]);
-        EXPECT_TRUE(receiver.connect(info.nanomsgURI) && receiver.waitForPeers());
-        const std::string directory = findSenderDirectoryName(info.nanomsgURI);
-        const auto name =
-            std::search(messages[0].begin(), messages[0].end(), directory.begin(), directory.end());
-        std::fill_n(name, directory.size(), std::uint8_t{0}); // differs each time
-        join();
-        const auto take = [&]
-        {
-            std::optional<Buffer> message;
-            do
-                message = receiver.receive();
-            while (message && parsePacketSequenceNr(*message) <= numSequences);
-            messages.push_back(message.value());
-        };
-        for (const TimeValue timestamp : {1U, 2U, 3U})
-        {
-            if (timestamp != 2)
-            {
-                announce();
-                take();
-            }
-            send(timestamp, makeFrame(timestamp == 3 ? 100'000 : 1920, timestamp));
-            take();
-            payloader.setNewFormat(96000, 1, audioUtils::PcmFormat::F32LE);
-        }
-        return messages;
-    };
-    PcmPayloader payloader;
-    payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
-    Producer producer({.name = getSocketName()});
-    ASSERT_TRUE(producer.open(payloader));
-    const std::vector<Buffer> ofKit = record(
-        [&]
-        {
-            EXPECT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
-            numSequences = producer.getStatistics().sequences;
-        },
-        [&] { EXPECT_TRUE(producer.setFormat(payloader)); },
-        [&](TimeValue timestamp, const Buffer& bytes)
-        { EXPECT_TRUE(producer.send(timestamp, FrameNs, bytes)); },
-        payloader);
-    EXPECT_THAT(listMemory(), IsEmpty());
-    producer.close();
-
-    payloader.setNewFormat(48000, 2, audioUtils::PcmFormat::S16LE);
-    Sender sender;
-    ASSERT_TRUE(sender.initializeSender(
-        getSocketName(), {}, {}, 0, TimeSyncProtocol::MonotonicSystemClock,
-        NanomsgProtocol::PubSub));
-    sender.setCurrentPayloader(payloader);
-    sender.startNewSequence();
-    const std::vector<Buffer> ofCore = record(
-        [&]
-        {
-            EXPECT_TRUE(waitFor([&] { return sender.getNumReceivers() == 1; }));
-            for (std::uint64_t i = 1; i < numSequences; ++i)
-                sender.startNewSequence();
-        },
-        [&] { sender.startNewSequence(); },
-        [&](TimeValue timestamp, const Buffer& bytes)
-        { sender.sendMediaData(timestamp, FrameNs, bytes); },
-        payloader);
-    sender.shutdownSender();
-    EXPECT_EQ(ofKit, ofCore);
 }
 
 TEST_F(SharedFramesTest, ForeignConsumersReadOrReportWhyNot)

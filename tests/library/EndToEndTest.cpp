@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <filesystem>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -20,8 +19,6 @@
 #include "support/RecordedReceiver.hpp"
 #include "support/TestAccess.hpp"
 #include "support/VlxTest.hpp"
-
-namespace fs = std::filesystem;
 
 namespace vlx
 {
@@ -55,33 +52,6 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::PrintToStringParamName());
 
 } // namespace
-
-TEST_P(EndToEndTransportTest, ReconnectingLeavesNothingBehind)
-{
-    const auto count = [](const char* directory)
-    { return std::distance(fs::directory_iterator(directory), fs::directory_iterator()); };
-    const auto countAll = [&] { return count("/proc/self/fd") + count("/proc/self/task"); };
-    constexpr std::size_t NumRounds = 50;
-    RecordedReceiver receiver;
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    std::ptrdiff_t numAtFirst = 0;
-    for (std::size_t round = 1; round <= NumRounds; ++round)
-    {
-        auto sender = makeJoinedSender();
-        ASSERT_TRUE(receiver.waitForEvent("ready", round));
-        sender->sendMediaData(round, 1, Buffer(100));
-        ASSERT_TRUE(receiver.waitForEvent("frame", round));
-        if (round == 2)
-            numAtFirst = countAll();
-        if (round == NumRounds)
-        {
-            EXPECT_TRUE(waitFor([&] { return countAll() == numAtFirst; }))
-                << countAll() << " after " << numAtFirst;
-        }
-        sender.reset();
-        ASSERT_TRUE(receiver.waitForEvent("connecting", round + 1));
-    }
-}
 
 TEST_P(EndToEndTransportTest, AForkedCopyEndsAndTheOriginalGoesOn)
 {
