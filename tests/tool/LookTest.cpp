@@ -16,6 +16,8 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <vlxkit/Media.hpp>
+#include <vlxkit/Producer.hpp>
 #include <vlxkit/Users.hpp>
 
 #include "support/RawSender.hpp"
@@ -254,6 +256,47 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
     patient.signal(SIGINT);
     EXPECT_EQ(patient.wait(), 128 + SIGINT);
     second.signal(SIGCONT);
+}
+
+TEST_F(LookTest, AnyMediaIsShownByItsCaps)
+{
+    struct Row
+    {
+        std::string caps;
+        std::string shown;
+        bool isValid;
+    };
+    const std::string video = "video/x-raw, format=(string)I420, width=(int)1920, height=(int)1080";
+    const Row rows[] = {
+        {video + ", views=(int)1", "video/x-raw, format=I420, width=1920, height=1080, views=1",
+         true},
+        {"a/b, c=(string)" + std::string(50'000, 'd'), "a/b, c=" + std::string(50, 'd') + "...",
+         true},
+        {"video/x-raw\x1b[2J", "codec \"VLXM\"", false}};
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.shown);
+        kit::PlainPayloader payloader(kit::MediaFourcc, Buffer(row.caps.begin(), row.caps.end()));
+        OpenSender sender(getSocketName(), payloader);
+        EXPECT_THAT(runTool({"list"}).output, HasSubstr("  " + row.shown + "  sysclock"));
+        EXPECT_THAT(runTool({"info", getSocketName()}).output, HasSubstr(" " + row.shown + "\n"));
+        const json info = json::parse(runTool({"info", "--json", getSocketName()}).output);
+        EXPECT_EQ(info["codec"], "VLXM");
+        EXPECT_EQ(info.value("caps", ""), row.isValid ? row.caps : "");
+    }
+    kit::PlainPayloader payloader(kit::MediaFourcc, Buffer(video.begin(), video.end()));
+    OpenSender sender(getSocketName(), payloader);
+    ToolProcess objects({"monitor", getSocketName(), "--json"});
+    ToolProcess lines({"monitor", getSocketName()});
+    const auto showsFrames = [&](const json& line)
+    {
+        sender.sendMediaData(0, 0, Buffer(100));
+        return isRunning(line) && line["frames"] > 0 && line.value("codec", "") == "VLXM" &&
+               line.value("caps", "") == video && line["levels"].empty();
+    };
+    waitForLine(objects, showsFrames, "frames without levels");
+    EXPECT_TRUE(waitFor(
+        [&] { return contains(lines.getOutput(), ": running, video/x-raw, format=I420, "); }));
 }
 
 TEST_F(LookTest, ListShowsOtherUsersAndCleanReportsWhatItCannotRemove)

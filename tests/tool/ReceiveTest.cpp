@@ -10,6 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <vlxkit/Media.hpp>
+#include <vlxkit/Producer.hpp>
+
 #include "tool/ToolFixture.hpp"
 
 namespace vlx::testing
@@ -164,14 +167,19 @@ TEST_F(ReceiveTest, AfterAStallTheReceiverJoinsAgain)
 TEST_F(ReceiveTest, AnUnplayableStreamIsReportedOnce)
 {
     OpusPayloader opus;
+    const std::string caps = "video/x-h264, level=(string)4";
+    kit::PlainPayloader video(kit::MediaFourcc, Buffer(caps.begin(), caps.end()));
+    const std::string instead =
+        "not PCM audio; use gst-launch-1.0 vlxsrc socket-name=\"" + getSocketName() + "\" ! ...";
     FormattedPayloader invalid(48000, 2, audioUtils::PcmFormat{99});
     FormattedPayloader tooWide(48000, 2, audioUtils::PcmFormat::F64LE);
     struct Row
     {
         Payloader& payloader;
-        const char* message;
+        std::string message;
     };
     const Row rows[] = {
+        {video, "its media is video/x-h264, level=4, " + instead},
         {opus, "its codec \"OPUS\""},
         {invalid, "its codec \"PCM"},
         {tooWide, "FLAC cannot hold F64LE, 48000 Hz, 2 channels"}};

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <vlxkit/Media.hpp>
 #include <vlxkit/Users.hpp>
 
 #include "Text.hpp"
@@ -15,12 +16,18 @@ std::string toShortText(const kit::StreamFormat& format)
            std::to_string(format.rate) + " Hz " + std::to_string(format.channels) + "ch";
 }
 
+std::string toShortText(const kit::CodecFormat& codec)
+{
+    const auto caps = kit::getMediaCaps(codec);
+    return caps ? kit::shortenMediaCaps(*caps) : "codec " + quote(kit::toFourccText(codec.fourcc));
+}
+
 std::string describeFormat(const kit::SenderProbe& probe)
 {
     if (probe.format)
         return toShortText(*probe.format);
     if (probe.fourcc)
-        return "codec " + quote(kit::toFourccText(*probe.fourcc));
+        return toShortText(kit::CodecFormat{*probe.fourcc, probe.codecHeader});
     return probe.initialInfo ? "no sequence yet" : "no answer";
 }
 
@@ -58,6 +65,13 @@ void addFormat(nlohmann::ordered_json& json, const kit::StreamFormat& format)
     json["channels"] = format.channels;
 }
 
+void addFormat(nlohmann::ordered_json& json, const kit::CodecFormat& codec)
+{
+    json["codec"] = kit::toFourccText(codec.fourcc);
+    if (const auto caps = kit::getMediaCaps(codec))
+        json["caps"] = *caps;
+}
+
 void addAges(nlohmann::ordered_json& json, const kit::AgeHistogram& ages)
 {
     json["age_p50_ns"] = toJson(ages.getPercentile(0.5));
@@ -86,7 +100,7 @@ nlohmann::ordered_json toJson(const kit::SenderProbe& probe)
     if (probe.sequenceNr)
         json["sequence"] = *probe.sequenceNr;
     if (probe.fourcc)
-        json["codec"] = kit::toFourccText(*probe.fourcc);
+        addFormat(json, kit::CodecFormat{*probe.fourcc, probe.codecHeader});
     if (probe.format)
         addFormat(json, *probe.format);
     if (probe.ring)

@@ -9,6 +9,7 @@
 
 #include <vlx/VlxReceiver.hpp>
 #include <vlxkit/AgeHistogram.hpp>
+#include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
 
 namespace vlx::tool
@@ -27,7 +28,10 @@ inline constexpr std::chrono::milliseconds AnswerTimeout{500};
 /// @return such as "S16LE 48000 Hz 2ch"
 std::string toShortText(const kit::StreamFormat& format);
 
-/// @return the same, or what else is known of the stream's codec
+/// @return caps, shortened, such as "video/x-raw, format=I420"; of another codec its code
+std::string toShortText(const kit::CodecFormat& codec);
+
+/// @return format or codec of the stream, or what else is known of it
 std::string describeFormat(const kit::SenderProbe& probe);
 
 /// @return such as "sysclock", or "gstnetclock 10.0.0.1:8554"; empty without an answer
@@ -39,6 +43,9 @@ const char* toClockName(Receiver::StreamClockType clock);
 
 /// Adds sample format, rate and channels.
 void addFormat(nlohmann::ordered_json& json, const kit::StreamFormat& format);
+
+/// Adds the codec's code, and whole caps.
+void addFormat(nlohmann::ordered_json& json, const kit::CodecFormat& codec);
 
 /// Adds median, 99th percentile and largest of ages in nanoseconds; null without any.
 void addAges(nlohmann::ordered_json& json, const kit::AgeHistogram& ages);

@@ -160,7 +160,8 @@ private:
                 .name = name,
                 .realTime = m_options.realTime,
                 .senderUser = m_options.senderUser,
-                .pubSubOnly = m_options.names.empty()},
+                .pubSubOnly = m_options.names.empty(),
+                .anyCodec = true},
             [this](const std::string& line) { tell(line); });
         meter->start();
         return meter;

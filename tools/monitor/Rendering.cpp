@@ -141,7 +141,9 @@ std::vector<std::vector<std::string>> listTexts(const StreamSnapshot& snapshot)
             {"clock " + describeClock(snapshot.announced->probe)}};
     return {
         {toPrintable(snapshot.name), snapshot.state,
-         total.sequences == 0 ? "-" : toShortText(total.format),
+         snapshot.codec         ? toShortText(*snapshot.codec)
+         : total.sequences == 0 ? "-"
+                                : toShortText(total.format),
          count("sequences", total.sequences)},
         {describeRate(snapshot), "age p50/p99/max " + describeAges(snapshot.ages)},
         {count("gaps", total.gaps) +
@@ -181,7 +183,9 @@ nlohmann::ordered_json renderJson(const StreamSnapshot& snapshot)
             json[field.key] = field.value;
     }
     addAges(json, snapshot.ages);
-    if (snapshot.total.sequences > 0)
+    if (snapshot.codec)
+        addFormat(json, *snapshot.codec);
+    else if (snapshot.total.sequences > 0)
         addFormat(json, snapshot.total.format);
     json["levels"] = nlohmann::ordered_json::array();
     for (const ChannelLevel& level : snapshot.levels)

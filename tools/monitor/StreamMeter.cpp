@@ -64,6 +64,7 @@ StreamMeter::StreamMeter(
           options,
           {.onFrame = [this](const kit::Frame& frame) { handleFrame(frame); },
            .onFormat = [this](const kit::StreamFormat& format) { handleFormat(format); },
+           .onCodec = [this](const kit::CodecFormat& codec) { handleCodec(codec); },
            .onEvent = [this](const kit::ConsumerEvent& event) { handleEvent(event); }})
 {
 }
@@ -79,10 +80,20 @@ void StreamMeter::handleFormat(const kit::StreamFormat& format)
     m_format = format;
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_levelMeter.setChannels(format.channels);
+    m_codec.reset();
+}
+
+void StreamMeter::handleCodec(const kit::CodecFormat& codec)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_levelMeter.setChannels(0);
+    m_codec = codec;
 }
 
 void StreamMeter::handleFrame(const kit::Frame& frame)
 {
+    if (m_codec) // which has no levels
+        return;
     const std::size_t usable = frame.data.size() - frame.data.size() % m_format.getBytesPerSample();
     decodeLevels(ByteView(frame.data).first(usable), m_format.sampleFormat, m_levels);
 
@@ -117,6 +128,7 @@ StreamSnapshot StreamMeter::takeSnapshot()
     snapshot.ages -= m_agesBefore;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
+        snapshot.codec = m_codec;
         snapshot.levels = m_levelMeter.take(now);
         snapshot.state = m_obstacle.empty() ? toString(snapshot.total.state) : m_obstacle;
         snapshot.notice = m_notice;

@@ -63,9 +63,10 @@ private:
 struct StreamSnapshot
 {
     std::string name;
-    std::string state;                    ///< such as "running", or what keeps it from running
-    std::string notice;                   ///< the last event's line; empty if there was none
-    std::optional<FoundSender> announced; ///< set for a stream that is not joined
+    std::string state;                     ///< such as "running", or what keeps it from running
+    std::string notice;                    ///< the last event's line; empty if there was none
+    std::optional<FoundSender> announced;  ///< set for a stream that is not joined
+    std::optional<kit::CodecFormat> codec; ///< set if the frames are not PCM
     kit::ConsumerStatistics total;
     kit::AgeHistogram totalAges;
     // Of the interval.
@@ -97,6 +98,7 @@ private:
     using SteadyClock = std::chrono::steady_clock;
 
     void handleFormat(const kit::StreamFormat& format);
+    void handleCodec(const kit::CodecFormat& codec);
     void handleFrame(const kit::Frame& frame);
     void handleEvent(const kit::ConsumerEvent& event);
     void lookAtClock(kit::ConsumerStatistics& statistics);
@@ -111,7 +113,8 @@ private:
     std::mutex m_mutex;
     // Guarded by m_mutex.
     LevelMeter m_levelMeter;
-    std::string m_obstacle; // what keeps the stream from running
+    std::optional<kit::CodecFormat> m_codec; // unless PCM; set by the receiving thread
+    std::string m_obstacle;                  // what keeps the stream from running
     std::string m_notice;
 
     // Follows the stream's network clock beside the consumer, which cannot tell when it is lost.
