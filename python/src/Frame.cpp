@@ -1,5 +1,7 @@
 #include "Frame.hpp"
 
+#include <vlxkit/Media.hpp>
+
 namespace vlx::python
 {
 
@@ -26,11 +28,34 @@ py::array getSamples(const py::object& self)
     return makeReadOnly(makeArray(getFormat(frame), data.data(), data.size(), self));
 }
 
+/// @param bytes  part of the frame
+py::array makeBytes(const ByteView& bytes, const py::object& frame)
+{
+    const auto size = static_cast<py::ssize_t>(bytes.size());
+    return makeReadOnly(py::array(py::dtype("u1"), {size}, bytes.data(), frame));
+}
+
 py::array getData(const py::object& self)
 {
-    const Buffer& data = self.cast<const Frame&>().received.data;
-    const auto size = static_cast<py::ssize_t>(data.size());
-    return makeReadOnly(py::array(py::dtype("u1"), {size}, data.data(), self));
+    return makeBytes(self.cast<const Frame&>().received.data, self);
+}
+
+py::object getMedia(const py::object& self)
+{
+    const auto& frame = self.cast<const Frame&>();
+    const py::object& codec = frame.content->pythonCodec;
+    if (codec.is_none() || codec.attr("caps").is_none())
+        return py::none();
+    const auto media = kit::parseMediaFrame(frame.received.data);
+    if (!media)
+        return py::none();
+    const kit::MediaHead& head = media->head;
+    std::optional<TimeValue> pts;
+    if (head.ptsOffsetNs)
+        pts = frame.received.timestamp + static_cast<TimeValue>(*head.ptsOffsetNs);
+    return getType("Media")(
+        getType("MediaFlags")(head.flags), pts, head.offset, head.number,
+        makeBytes(media->data, self));
 }
 
 const char* getClock(const Frame& frame)
@@ -134,6 +159,8 @@ void addFrame(py::module_& module)
         .def_property_readonly(
             "codec", [](const Frame& frame) { return frame.content->pythonCodec; },
             "The Codec; None for PCM.")
+        .def_property_readonly(
+            "media", getMedia, "The Media of a stream that has caps; None for other streams.")
         .def("__repr__", describe);
     addStamps(type);
 }

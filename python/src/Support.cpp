@@ -5,6 +5,7 @@
 #include <cxxabi.h>
 
 #include <vlxkit/Discovery.hpp>
+#include <vlxkit/Media.hpp>
 
 namespace vlx::python
 {
@@ -139,7 +140,8 @@ py::object toPythonCodec(std::uint32_t fourcc, const Buffer& header)
 {
     return getType("Codec")(
         toPythonFourcc(fourcc),
-        py::bytes(reinterpret_cast<const char*>(header.data()), header.size()));
+        py::bytes(reinterpret_cast<const char*>(header.data()), header.size()),
+        kit::getMediaCaps({fourcc, header}));
 }
 
 } // namespace vlx::python

@@ -3,7 +3,7 @@ from typing import Any, Literal, overload
 import numpy as np
 import numpy.typing as npt
 
-from vellox._types import Codec, Event, Format, Probe, Sender
+from vellox._types import Codec, Event, Format, Media, Probe, Sender
 
 version: str
 
@@ -22,6 +22,8 @@ class Frame(metaclass=pybind11_type):
     def format(self) -> Format: ...
     @property
     def codec(self) -> Codec | None: ...
+    @property
+    def media(self) -> Media | None: ...
     @property
     def timestamp(self) -> int: ...
     @property

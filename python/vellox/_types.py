@@ -2,7 +2,11 @@
 
 from __future__ import annotations
 
+import enum
 import typing
+
+import numpy as np
+import numpy.typing as npt
 
 
 class Error(Exception):
@@ -58,6 +62,42 @@ class Codec(typing.NamedTuple):
     """Code of four characters."""
     header: bytes
     """Header as the sender announces it."""
+    caps: str | None = None
+    """Media type of a stream with the code "VLXM", as GStreamer writes it; None for others."""
+
+
+class MediaFlags(enum.IntFlag):
+    """Flags of a frame of media."""
+
+    DELTA_UNIT = 1
+    """Needs earlier frames to be decoded."""
+    HEADER = 2
+    """Data that a decoder needs first."""
+    MARKER = 4
+    """The end of a picture, for instance."""
+    DISCONT = 8
+    """Something is missing before this frame."""
+    CORRUPTED = 16
+    """The data is damaged."""
+    DROPPABLE = 32
+    """No other frame needs this one."""
+    DECODING = 64
+    """The timestamp is the time of decoding."""
+
+
+class Media(typing.NamedTuple):
+    """Contents of a frame of a stream that has caps."""
+
+    flags: MediaFlags
+    """Sum of flags."""
+    pts: int | None
+    """Time of presentation on the stream's clock, nanoseconds; None if unknown."""
+    offset: int | None
+    """Position in the stream, in the media's unit; None if unknown."""
+    number: int
+    """One more than that of the frame sent before; 0: not counted."""
+    data: npt.NDArray[np.uint8]
+    """The media's bytes, a part of Frame.data without a copy."""
 
 
 class Event(typing.NamedTuple):

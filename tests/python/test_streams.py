@@ -7,6 +7,7 @@ import logging
 import os
 import resource
 import select
+import struct
 import threading
 import time
 
@@ -138,11 +139,29 @@ def test_other_codecs_travel_as_bytes(streams):
     sender.send(memory, timestamp=9, duration=3)
     frame = receiver.read()
     assert frame.codec == vellox.Codec("MJPG", b"\1caps")
+    assert frame.codec.caps is None
+    assert frame.media is None
     assert frame.data.tobytes() == b"\1" * 5
     assert (frame.timestamp, frame.duration) == (9, 3)
     for access in (lambda: frame.samples, lambda: frame.format, frame.to_float):
         with pytest.raises(vellox.InvalidArgument):
             access()
+
+
+def test_media_has_caps_and_heads(streams):
+    caps = "video/x-h264, level=(string)4"
+    sender, receiver = streams(consumer={"raw": True}, fourcc="VLXM", header=caps.encode())
+    none = (-(2**63), 2**64 - 1, 0)
+    rows = [((9, -5, 7, 3), (9, 995, 7, 3)), ((0, *none), (0, None, None, 0))]
+    for head, shown in rows:
+        sender.send(struct.pack("<Q q Q Q", *head) + b"video", timestamp=1000)
+        frame = receiver.read()
+        assert (frame.codec.fourcc, frame.codec.caps) == ("VLXM", caps)
+        assert frame.media[:4] == shown
+        assert frame.media.data.tobytes() == b"video"
+    sender.send(b"too short for a head", timestamp=2000)
+    assert receiver.read().media is None
+    assert vellox.MediaFlags.DELTA_UNIT | vellox.MediaFlags.DISCONT == 9
 
 
 def test_another_codec_cannot_be_played_without_raw(name):
