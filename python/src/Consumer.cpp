@@ -2,8 +2,6 @@
 #include <deque>
 #include <mutex>
 
-#include <poll.h>
-
 #include <vlxkit/Consumer.hpp>
 
 #include "Frame.hpp"
@@ -45,7 +43,8 @@ public:
 private:
     void keepEvent(const kit::ConsumerEvent& event);
     void handle(const kit::ConsumerEvent& event) const;
-    void waitForItem(std::chrono::nanoseconds timeout);
+    void checkOpen() const;
+    std::optional<Frame> accept(kit::ConsumerItem& item);
 
     const pid_t m_process = ::getpid();
     const std::string m_name;
@@ -120,25 +119,41 @@ void Consumer::handle(const kit::ConsumerEvent& event) const
     }
 }
 
-std::optional<Frame> Consumer::take()
+void Consumer::checkOpen() const
 {
     checkProcess(m_process);
     if (m_isClosed)
         raise(kit::ErrorCode::NotOpen, "the consumer is closed");
-    while (auto item = m_consumer.read(std::chrono::nanoseconds(0)))
-    {
-        if (const auto* const format = std::get_if<kit::StreamFormat>(&*item))
-            m_content =
-                std::make_shared<Content>(Content{*format, toPythonFormat(*format), py::none()});
-        else if (const auto* const codec = std::get_if<kit::CodecFormat>(&*item))
-            m_content = std::make_shared<Content>(
-                Content{{}, py::none(), toPythonCodec(codec->fourcc, codec->header)});
-        else if (const auto* const event = std::get_if<kit::ConsumerEvent>(&*item))
-            handle(*event);
-        else
-            return Frame{std::move(std::get<kit::ReceivedFrame>(*item)), m_content};
-    }
+}
+
+/// @return the item, if it is a frame
+std::optional<Frame> Consumer::accept(kit::ConsumerItem& item)
+{
+    if (auto* const frame = std::get_if<kit::ReceivedFrame>(&item))
+        return Frame{std::move(*frame), m_content};
+    if (const auto* const format = std::get_if<kit::StreamFormat>(&item))
+        m_content =
+            std::make_shared<Content>(Content{*format, toPythonFormat(*format), py::none()});
+    else if (const auto* const codec = std::get_if<kit::CodecFormat>(&item))
+        m_content = std::make_shared<Content>(
+            Content{{}, py::none(), toPythonCodec(codec->fourcc, codec->header)});
+    else
+        handle(std::get<kit::ConsumerEvent>(item));
     return std::nullopt;
+}
+
+std::optional<Frame> Consumer::take()
+{
+    checkOpen();
+    std::optional<Frame> frame;
+    while (!frame)
+    {
+        auto item = m_consumer.read(std::chrono::nanoseconds(0));
+        if (!item)
+            break;
+        frame = accept(*item);
+    }
+    return frame;
 }
 
 Frame Consumer::read(std::optional<double> timeout)
@@ -146,7 +161,7 @@ Frame Consumer::read(std::optional<double> timeout)
     const std::optional<double> seconds = timeout ? timeout : m_timeout;
     const std::chrono::nanoseconds limit = toNanoseconds(seconds);
     const Clock::time_point begin = Clock::now();
-    deliverLog();
+    handleSignals();
     for (;;)
     {
         if (auto frame = take())
@@ -154,18 +169,22 @@ Frame Consumer::read(std::optional<double> timeout)
         std::chrono::nanoseconds rest = limit;
         if (seconds)
             rest = std::max(limit - (Clock::now() - begin), std::chrono::nanoseconds::zero());
+        std::optional<kit::ConsumerItem> item;
         const bool isReady = waitFor(
             rest,
-            [this](std::chrono::nanoseconds slice)
+            [&](std::chrono::nanoseconds slice)
             {
-                pollfd entry{m_consumer.getDescriptor(), POLLIN, 0};
-                const timespec time{0, static_cast<long>(slice.count())};
-                return ::ppoll(&entry, 1, &time, nullptr) > 0 || m_isClosed;
+                item = m_consumer.read(slice);
+                return item || m_isClosed;
             });
         if (!isReady)
             raise(
                 kit::ErrorCode::TimedOut, "no frame of \"" + m_name + "\" within " +
                                               std::string(py::str("{:g} s").format(*seconds)));
+        if (!item)
+            continue; // closed
+        if (auto frame = accept(*item))
+            return std::move(*frame);
     }
 }
 

@@ -67,9 +67,9 @@ bool waitFor(std::chrono::nanoseconds timeout, Step step)
             const WithoutGil unlocked;
             isDone = step(slice);
         }
-        handleSignals();
-        if (isDone)
+        if (isDone) // before a handler can raise, which would lose what was waited for
             return true;
+        handleSignals();
         if (timeout.count() >= 0 && Clock::now() - begin >= timeout)
             return false;
     }
