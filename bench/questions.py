@@ -90,7 +90,8 @@ def measure_age(campaign: Campaign) -> None:
 def measure_size(campaign: Campaign) -> None:
     """How does the age of a frame grow with its size, each at a typical rate?"""
     rounds, seconds = campaign.choose(full=(3, 1.5), quick=(2, 0.4))
-    members = campaign.select([t.KIT, *BY_REFERENCE, t.ZMQ, t.NNG, t.UNIX, t.GST_SHM, t.GST_OURS])
+    members = campaign.select([t.KIT, *BY_REFERENCE, t.ZMQ, t.NNG, t.UNIX, t.GST_SHM, t.GST_OURS,
+                               t.PYTHON, t.PYTHON_IN_PLACE, t.PYZMQ])
     campaign.begin(f"frames for {seconds} s, at most 500, {rounds} rounds interleaved")
     for turn in range(rounds):
         for size, rate in SIZES:

@@ -14,7 +14,7 @@ from typing import Iterator
 
 from figures import Record, quotient
 from shared import die_with_parent, make_name, median, pss_kib
-from transports import Transport, endpoint_program
+from transports import Transport, endpoint_command
 
 STEP_S = 15
 DRAIN_S = 3
@@ -46,8 +46,9 @@ class Endpoint:
         self._patience = plan.patience
         self._pending = b""
         self._process = subprocess.Popen(
-            [endpoint_program(build, transport), json.dumps(argument)], stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE, bufsize=0, env={**os.environ, "TMPDIR": str(directory)})
+            [*endpoint_command(build, transport), json.dumps(argument)],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0,
+            env={**os.environ, "TMPDIR": str(directory)})
 
     def __enter__(self) -> "Endpoint":
         return self

@@ -9,7 +9,7 @@ from figures import (Record, format_ratio, format_spread, median_of, quotient, r
 from shared import Table, format_number, median, percentile
 from tables import join_times
 from transports import (ALL, GST_OURS, GST_SHARED, GST_SHM, KIT, KIT_IN_PLACE, KIT_RT, KIT_SHARED,
-                        NNG, OURS, POLLS, RAW, ZMQ)
+                        NNG, OURS, POLLS, PYTHON, PYTHON_IN_PLACE, PYZMQ, RAW, ZMQ)
 
 BYTES = 1920
 RECEIVERS = 32
@@ -95,6 +95,11 @@ TARGETS = [
       for limit, base, sizes in ((1.40, GST_SHM, [REFERRED]), (0.90, ZMQ, [REFERRED]),
                                  (0.60, ZMQ, LARGE))
       for size, rate in sizes],
+    *[(f"Python, {size:,} bytes", each, "p50 of pyzmq", "at most", limit,
+       _to("size", PYZMQ, "p50_us", size, rate), other)
+      for limit, each, other, (size, rate) in (
+          (1.40, PYTHON, PYTHON_IN_PLACE, SIZES[1]), (1.10, PYTHON_IN_PLACE, PYTHON, REFERRED),
+          (0.60, PYTHON_IN_PLACE, PYTHON, LARGE[-1]))],
     ("all sizes", KIT_SHARED, "% lost, worst round", "at most", 0, _size_loss, KIT_IN_PLACE),
     ("sender's CPU, 3,110,400 bytes", KIT_IN_PLACE, "of that at 1,920 bytes", "at most", 1.30,
      _growth, KIT_SHARED),

@@ -1,8 +1,10 @@
 """What can carry the frames: an entry for each row of the tables."""
 
 from dataclasses import dataclass
+from importlib.machinery import PathFinder
 import os
 from pathlib import Path
+import sys
 
 
 @dataclass(frozen=True)
@@ -21,6 +23,7 @@ RAW = "nanomsg-same"  # nanomsg with our socket options
 POLLS = "nanomsg-polls"  # the same, and waiting as we do
 NANOMSG, ZMQ, ZMQ_TUNED, NNG, NNG_TUNED = "nanomsg", "zmq", "zmq-tuned", "nng", "nng-tuned"
 UNIX, GST_SHM, GST_OURS, GST_SHARED = "unix", "gst-shm", "gst-vlx", "gst-vlx-shared"
+PYTHON, PYTHON_IN_PLACE, PYZMQ = "python", "python-in-place", "pyzmq"
 
 # In the order of the tables.
 ALL = {row[0]: Transport(*row) for row in [
@@ -54,16 +57,31 @@ ALL = {row[0]: Transport(*row) for row in [
      "appsrc ! vlxsink and vlxsrc ! appsink, the same settings"),
     (GST_SHARED, "GStreamer vlx, by reference", "gst", "vlx-shared", "#e3b505",
      "the same with shared-memory=always"),
+    (PYTHON, "Python", "python.py", "vellox", "#2b6a99",
+     "the Python module; ages end where read() has returned"),
+    (PYTHON_IN_PLACE, "Python, in place", "python.py", "vellox-acquire", "#12304a",
+     "the same with arrays from Producer.acquire(), in shared memory"),
+    (PYZMQ, "pyzmq", "python.py", "zmq", "#9fc4de",
+     "ZeroMQ in Python, defaults; sent and received with copy=False"),
 ]}
 
 
-def endpoint_program(build: Path, transport: Transport) -> Path:
-    return build / "bench" / f"vlx_bench_end_{transport.program}"
+def is_python(transport: Transport) -> bool:
+    return transport.program.endswith(".py")
+
+
+def endpoint_command(build: Path, transport: Transport) -> list[Path]:
+    if is_python(transport):
+        return [Path(sys.executable), Path(__file__).parent / "transports" / transport.program]
+    return [build / "bench" / f"vlx_bench_end_{transport.program}"]
 
 
 def obstacle(build: Path, transport: Transport) -> str:
     """Why the transport cannot run here; empty if it can."""
-    if not endpoint_program(build, transport).exists():
+    module = transport.variant.partition("-")[0]
+    if is_python(transport) and not PathFinder.find_spec(module, [f"{build}/python", *sys.path]):
+        return f"Python has no module {module}"
+    if not endpoint_command(build, transport)[0].exists():
         return "not built"
     if transport.variant.startswith("vlx") and not (build / "gst" / "libgstvlx.so").exists():
         return "the GStreamer elements are not built"
