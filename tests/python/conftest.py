@@ -8,6 +8,7 @@ import subprocess
 import sys
 import tempfile
 import time
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
@@ -69,16 +70,17 @@ def name():
 
 @pytest.fixture
 def streams(name):
-    """Makes connected pairs."""
+    """Makes connected pairs, of which the first has the test's name."""
 
     def make(consumer={}, **producer):
-        sender = vellox.Producer(name, **producer)
-        receiver = vellox.Consumer(name, **{"timeout": DEADLINE, **consumer})
+        sender = vellox.Producer(name if not opened else f"{name}-{len(opened)}", **producer)
+        receiver = vellox.Consumer(sender.name, **{"timeout": DEADLINE, **consumer})
         opened.extend((receiver, sender))
         sender.wait_for_receivers(1, timeout=DEADLINE)
         return sender, receiver
 
     opened = []
     yield make
-    while opened:
-        opened.pop().close()
+    with ThreadPoolExecutor() as pool:
+        list(pool.map(lambda stream: stream.close(), opened))
+    opened.clear()

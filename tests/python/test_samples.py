@@ -27,20 +27,18 @@ FORMATS = {
 STREAMS = [(f, i % 8 + 1) for i, f in enumerate(FORMATS)]
 
 
-@pytest.mark.parametrize("sample_format", FORMATS)
-def test_samples_are_converted(streams, sample_format):
-    data = FORMATS[sample_format]
-    sender, receiver = streams(format=sample_format, channels=3)
-    sender.send(data)
-    frame = receiver.read()
-    assert frame.to_float().tolist() == [[0, -1, 0.5]]
-    assert frame.to_float().dtype == np.float32
-    assert frame.to_int32().tolist() == [[0, -(2**31), 2**30]]
-    assert frame.samples.tobytes() == frame.data.tobytes() == data
-    if "24" not in sample_format:
+def test_samples_are_converted(streams):
+    for sample_format, data in FORMATS.items():
+        sender, receiver = streams(format=sample_format, channels=3)
+        sender.send(data)
+        frame = receiver.read()
+        assert frame.to_float().tolist() == [[0, -1, 0.5]]
+        assert frame.to_float().dtype == np.float32
+        assert frame.to_int32().tolist() == [[0, -(2**31), 2**30]]
+        assert frame.samples.tobytes() == frame.data.tobytes() == data
+        assert frame.format == vellox.Format(sample_format, 48000, 3)
         sender.send(frame.samples)
         assert receiver.read().samples.tolist() == frame.samples.tolist()
-    assert frame.format == vellox.Format(sample_format, 48000, 3)
 
 
 def test_floats_beyond_full_scale_are_clipped(streams):
