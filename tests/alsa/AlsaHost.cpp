@@ -1,10 +1,11 @@
-// A program that knows only ALSA: it lists the devices, or plays to those that it is given and
-// closes the first. Then it forks a child that ends by exit().
+// A program that knows only ALSA: it lists the devices, or opens two. When its input has ended, it
+// closes the first, and forks a child that closes the second and ends by exit(). It plays to the
+// second before and after that.
 
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <vector>
+#include <numeric>
 
 #include <alsa/asoundlib.h>
 #include <sys/wait.h>
@@ -18,30 +19,39 @@ int main(int argc, char** argv)
     void** hints = nullptr;
     if (argc == 1 && ::snd_device_name_hint(-1, "pcm", &hints) == 0)
         ::snd_device_name_free_hint(hints);
-    std::vector<snd_pcm_t*> pcms;
+    std::array<snd_pcm_t*, 2> pcms{};
+    std::array<short, 480> samples{};
+    std::iota(samples.begin(), samples.end(), short(1));
     for (int i = 1; i < argc; ++i)
     {
-        constexpr std::array<short, 4800> Samples{};
-        snd_pcm_t* pcm = nullptr;
+        snd_pcm_t*& pcm = pcms.at(static_cast<std::size_t>(i - 1));
         if (::snd_pcm_open(&pcm, argv[i], SND_PCM_STREAM_PLAYBACK, 0) < 0 ||
             ::snd_pcm_set_params(
                 pcm, SND_PCM_FORMAT_S16, SND_PCM_ACCESS_RW_INTERLEAVED, 1, 48000, 0, 500'000) < 0)
             return 1;
-        ::snd_pcm_writei(pcm, Samples.data(), Samples.size());
-        pcms.push_back(pcm);
     }
-    if (!pcms.empty())
+    snd_pcm_t* const pcm = pcms[1];
+    std::getchar();
+    if (pcm != nullptr)
+    {
         ::snd_pcm_close(pcms[0]);
-
+        ::snd_pcm_writei(pcm, samples.data(), samples.size());
+    }
     const pid_t child = ::fork();
     if (child == 0)
     {
         ::alarm(30); // ends it if it hangs
-        std::exit(3);
+        const bool isClosed = pcm == nullptr || (::snd_pcm_writei(pcm, samples.data(), 1) < 0 &&
+                                                 ::snd_pcm_close(pcm) == 0);
+        std::exit(isClosed ? 3 : 4);
     }
     int status = 0;
     ::waitpid(child, &status, 0);
     std::printf("child: %d\n", WIFEXITED(status) ? WEXITSTATUS(status) : -1);
-    for (std::size_t i = 1; i < pcms.size(); ++i)
-        ::snd_pcm_close(pcms[i]);
+    if (pcm != nullptr)
+    {
+        ::snd_pcm_writei(pcm, samples.data(), samples.size());
+        ::snd_pcm_drain(pcm);
+        ::snd_pcm_close(pcm);
+    }
 }
