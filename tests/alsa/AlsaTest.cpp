@@ -310,6 +310,8 @@ protected:
         return {getSocketName(), SND_PCM_STREAM_CAPTURE, options};
     }
 
+    const kit::RealTimeScope m_scope{Prompt}; // a program that is late has underruns and overruns
+
     kit::Producer makeProducer() const
     {
         kit::Producer producer({.name = getSocketName(), .realTime = Prompt});
@@ -374,7 +376,6 @@ TEST_P(LayoutTest, ArrivesWithEveryByte)
             static_cast<snd_pcm_sframes_t>(length));
     };
 
-    const kit::RealTimeScope scope(Prompt); // a recording that is not read overruns
     Listener listener(getSocketName());
     Pcm player = play(options);
     ASSERT_EQ(player.error, 0) << errors;
