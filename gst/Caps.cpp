@@ -14,10 +14,16 @@ constexpr std::uint32_t MaxRate = G_MAXINT;
 
 } // unnamed namespace
 
-bool isInTemplate(const kit::StreamFormat& format)
+bool isPlayable(const kit::StreamFormat& format)
 {
     return audioUtils::isValid(format.sampleFormat) && format.rate > 0 && format.rate <= MaxRate &&
            format.channels > 0 && format.channels <= MaxChannels;
+}
+
+bool isInSystemMemory(const GstCaps* caps, guint index)
+{
+    const GstCapsFeatures* const features = gst_caps_get_features(caps, index);
+    return gst_caps_features_is_equal(features, GST_CAPS_FEATURES_MEMORY_SYSTEM_MEMORY) != FALSE;
 }
 
 GstCaps* toCaps(const kit::StreamFormat& format)
@@ -37,9 +43,11 @@ GstCaps* toCaps(const kit::StreamFormat& format)
 
 std::optional<kit::StreamFormat> toStreamFormat(const GstCaps* caps)
 {
-    if (!gst_caps_is_fixed(caps))
+    if (!gst_caps_is_fixed(caps) || !isInSystemMemory(caps, 0))
         return std::nullopt;
     const GstStructure* const fields = gst_caps_get_structure(caps, 0);
+    if (gst_structure_has_name(fields, "audio/x-raw") == FALSE)
+        return std::nullopt;
     const gchar* const name = gst_structure_get_string(fields, "format");
     const gchar* const layout = gst_structure_get_string(fields, "layout");
     gint rate = 0;
@@ -53,7 +61,7 @@ std::optional<kit::StreamFormat> toStreamFormat(const GstCaps* caps)
         return std::nullopt;
     const kit::StreamFormat format{
         *sampleFormat, static_cast<std::uint32_t>(rate), static_cast<std::uint32_t>(channels)};
-    return isInTemplate(format) ? std::optional(format) : std::nullopt;
+    return isPlayable(format) ? std::optional(format) : std::nullopt;
 }
 
 } // namespace vlx::gst

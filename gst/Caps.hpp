@@ -14,23 +14,20 @@ namespace vlx::gst
 /// GStreamer's audio elements support at most 64 channels; audioconvert crashes at 64.
 inline constexpr unsigned MaxChannels = 63;
 
-/// Caps of every stream that the elements support.
-inline constexpr const char* TemplateCaps =
-    "audio/x-raw, format = (string) { S8, U8, S16LE, S16BE, S24LE, S24BE, S32LE, S32BE, F32LE, "
-    "F32BE, F64LE, F64BE }, layout = (string) interleaved, rate = (int) [ 1, max ], "
-    "channels = (int) [ 1, 63 ]";
+/// @return whether elements can be given a stream's format
+bool isPlayable(const kit::StreamFormat& format);
 
-/// @return whether a stream's format is within the template
-bool isInTemplate(const kit::StreamFormat& format);
+/// @return whether a structure of caps requires nothing but ordinary memory
+bool isInSystemMemory(const GstCaps* caps, guint index);
 
 /// Returns a format's caps. A stream has no speaker positions: up to eight channels get the default
 /// ones, more channels get no positions.
 ///
-/// @pre the format is within the template
+/// @pre isPlayable(format)
 /// @return a new reference
 GstCaps* toCaps(const kit::StreamFormat& format);
 
-/// @return the format; not set if the caps are not fixed, or not within the template
+/// @return the format of PCM streams; not set for caps that are not fixed, and for other media
 std::optional<kit::StreamFormat> toStreamFormat(const GstCaps* caps);
 
 } // namespace vlx::gst

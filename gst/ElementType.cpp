@@ -97,7 +97,7 @@ void describeElement(
 {
     auto* const described = GST_ELEMENT_CLASS(elementClass);
     gst_element_class_set_static_metadata(described, name, kind, purpose, "Vellox developers");
-    GstCaps* const caps = gst_caps_from_string(TemplateCaps);
+    GstCaps* const caps = gst_caps_new_any();
     gst_element_class_add_pad_template(
         described, gst_pad_template_new(
                        direction == GST_PAD_SRC ? "src" : "sink", direction, GST_PAD_ALWAYS, caps));

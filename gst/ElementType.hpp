@@ -4,7 +4,6 @@
 
 #include <gst/gst.h>
 
-#include "Caps.hpp"
 #include "Properties.hpp"
 
 namespace vlx::gst
@@ -163,7 +162,7 @@ private:
 /// @return whether the stream has a name; posts an error otherwise
 bool checkName(gpointer element, const std::string& name);
 
-/// Describes an element and its one pad, whose template allows the caps of every stream.
+/// Describes an element and its one pad, whose template allows any caps.
 void describeElement(
     gpointer elementClass,
     const char* name,

@@ -16,7 +16,9 @@ namespace
 struct Source
 {
     std::mutex mutex;
-    kit::Producer* producer = nullptr; // guarded by the mutex
+    // Guarded by the mutex.
+    kit::Producer* producer = nullptr;
+    std::size_t headBytes = 0;
 };
 
 struct Allocator
@@ -34,6 +36,7 @@ struct Content
 {
     kit::FrameMemory frame;
     std::uint8_t* data = nullptr; // aligned, within the frame
+    std::size_t headBytes = 0;    // in front of the data
     unsigned numWriters = 0;      // mappings for writing
     bool isSent = false;
 };
@@ -54,17 +57,18 @@ struct Memory : GstMemory
 std::shared_ptr<Content> acquireContent(const Memory& memory)
 {
     Source& source = *static_cast<Allocator*>(static_cast<gpointer>(memory.allocator))->source;
-    const std::size_t size = memory.maxsize + memory.align;
     auto content = std::make_shared<Content>();
     {
         const std::lock_guard lock(source.mutex);
+        content->headBytes = source.headBytes;
+        const std::size_t size = content->headBytes + memory.maxsize + memory.align;
         content->frame =
             source.producer != nullptr
                 ? source.producer->acquire(size)
                 : kit::FrameMemory{std::make_shared_for_overwrite<std::uint8_t[]>(size), size};
     }
-    const auto address = reinterpret_cast<std::uintptr_t>(content->frame.data.get());
-    content->data = content->frame.data.get() + (-address & memory.align);
+    std::uint8_t* const begin = content->frame.data.get() + content->headBytes;
+    content->data = begin + (-reinterpret_cast<std::uintptr_t>(begin) & memory.align);
     return content;
 }
 
@@ -158,6 +162,18 @@ GType getAllocatorType()
     return type;
 }
 
+/// @return a buffer's only memory, if an allocator of ours has made it; null for other memory, and
+///         for several, which GStreamer maps as a copy
+Memory* findMemory(GstBuffer* buffer)
+{
+    if (gst_buffer_n_memory(buffer) != 1)
+        return nullptr;
+    GstMemory* const memory = gst_buffer_peek_memory(buffer, 0);
+    return G_TYPE_CHECK_INSTANCE_TYPE(memory->allocator, getAllocatorType()) != FALSE
+               ? static_cast<Memory*>(memory)
+               : nullptr;
+}
+
 } // unnamed namespace
 
 FrameAllocator::FrameAllocator()
@@ -166,25 +182,39 @@ FrameAllocator::FrameAllocator()
 {
 }
 
-void FrameAllocator::setProducer(kit::Producer* producer)
+void FrameAllocator::setProducer(kit::Producer* producer, std::size_t headBytes)
 {
     Source& source = *static_cast<Allocator*>(static_cast<gpointer>(get()))->source;
     const std::lock_guard lock(source.mutex);
     source.producer = producer;
+    source.headBytes = producer != nullptr ? headBytes : 0;
 }
 
 bool FrameAllocator::seal(GstBuffer* buffer)
 {
     // GStreamer maps several memories as a copy.
-    if (gst_buffer_n_memory(buffer) != 1)
+    Memory* const memory = findMemory(buffer);
+    if (memory == nullptr)
         return true;
-    GstMemory* const memory = gst_buffer_peek_memory(buffer, 0);
-    if (G_TYPE_CHECK_INSTANCE_TYPE(memory->allocator, getAllocatorType()) == FALSE)
-        return true;
-    auto& sent = *static_cast<Memory*>(memory);
-    const std::lock_guard lock(sent.getMutex());
-    sent.content->isSent = sent.content->numWriters == 0;
-    return sent.content->isSent;
+    const std::lock_guard lock(memory->getMutex());
+    memory->content->isSent = memory->content->numWriters == 0;
+    return memory->content->isSent;
+}
+
+std::uint8_t* FrameAllocator::sealWithHead(GstBuffer* buffer, std::size_t headBytes)
+{
+    Memory* const memory = findMemory(buffer);
+    if (memory == nullptr)
+        return nullptr;
+    GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_TAG_MEMORY);
+    const std::lock_guard lock(memory->getMutex());
+    Content& content = *memory->content;
+    // A part has bytes of other parts in front of it.
+    if (memory->parent != nullptr || memory->offset != 0 || content.headBytes < headBytes ||
+        content.isSent || content.numWriters != 0)
+        return nullptr;
+    content.isSent = true;
+    return content.data - headBytes;
 }
 
 } // namespace vlx::gst

@@ -1,8 +1,16 @@
-// vlxsink sends raw audio, with caps and timestamps, to any number of other processes. Receivers
-// may come and go; the sink never waits for them. A receiver is vlxsrc, or `vlx receive`.
+// vlxsink sends media of any kind, with caps and timestamps, to any number of other processes.
+// Receivers may come and go; the sink never waits for them. A receiver is vlxsrc, or for PCM audio
+// `vlx receive`.
 //
 //   gst-launch-1.0 audiotestsrc ! audio/x-raw,rate=48000,channels=2 ! vlxsink socket-name=kitchen
 //   gst-launch-1.0 vlxsrc socket-name=kitchen ! audioconvert ! autoaudiosink
+//   gst-launch-1.0 v4l2src ! video/x-raw,width=1920,height=1080 ! vlxsink socket-name=camera
+//   gst-launch-1.0 vlxsrc socket-name=camera ! videoconvert ! autovideosink
+//
+// Interleaved audio in the formats of the kit with up to 63 channels is sent as PCM, which every
+// receiver can play. All other media goes to vlxsrc with its caps, which must be fixed, in system
+// memory, at most 64 KiB of text, and without nested structures. Flags, PTS, DTS, duration and
+// offset travel with each buffer. Metadata does not: padded pictures and planes are packed.
 //
 // The sink opens the stream when it prerolls. By default preroll lasts until a receiver has joined,
 // so that the receiver gets the beginning. Each buffer is sent when it is due, stamped with that
@@ -11,9 +19,11 @@
 // In "pubsub" a receiver loses frames that it cannot take at once, so the sink never sends faster
 // than at twice the speed, not even with sync=false. "pipeline" has one receiver and waits for it.
 //
-// With shared-memory=always or auto, large frames arrive far sooner, but only receivers of the kit
-// can read them, such as vlxsrc and `vlx receive`. Upstream elements can fill the memory that is
-// sent, without a copy.
+// Frames in shared memory arrive far sooner if they are large, but only receivers of the kit can
+// read them, such as vlxsrc and `vlx receive`. Upstream elements can fill the memory that is sent,
+// without a copy. By default this is so for all media but PCM.
+//
+// When a receiver joins a stream that is not PCM, the sink asks upstream for a key frame.
 //
 // A seek with another rate changes the timestamps' spacing, not the samples or their durations: put
 // scaletempo before the sink.
@@ -28,9 +38,12 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <variant>
+#include <vector>
 
 #include <gst/base/gstbasesink.h>
 #include <gst/net/gstnet.h>
+#include <gst/video/video.h>
 
 #include <miscUtils/MiscUtils.hpp>
 #include <vlxkit/Pace.hpp>
@@ -41,6 +54,8 @@
 #include "ElementType.hpp"
 #include "FrameAllocator.hpp"
 #include "LogBridge.hpp"
+#include "MediaFormat.hpp"
+#include "MediaFrames.hpp"
 
 GST_DEBUG_CATEGORY_STATIC(vlxsink_debug);
 #define GST_CAT_DEFAULT vlxsink_debug
@@ -58,6 +73,18 @@ enum class ClockChoice
     GstNetClock,
 };
 
+// Beside the values of kit::Carriage.
+constexpr int SharedForMedia = 3;
+
+// Far more than a receiver on a busy machine needs to copy a frame.
+constexpr auto MediaSpan = std::chrono::milliseconds(250);
+constexpr std::size_t MaxMediaMemory = 256 << 20;
+
+// Between frames without a duration.
+constexpr TimeValue MediaSpacingNs = 200'000;
+
+using SinkFormat = std::variant<kit::StreamFormat, MediaFormat>;
+
 struct Settings
 {
     std::string name;
@@ -70,7 +97,14 @@ struct Settings
     int clockPort = 0;
     bool serveClock = false;
     bool waitForConnection = true;
-    int sharedMemory = static_cast<int>(kit::Carriage::Inline);
+    int sharedMemory = SharedForMedia;
+
+    kit::Carriage getCarriage(bool isMedia) const
+    {
+        if (sharedMemory == SharedForMedia)
+            return isMedia ? kit::Carriage::Automatic : kit::Carriage::Inline;
+        return static_cast<kit::Carriage>(sharedMemory);
+    }
 };
 
 /// What the timestamps stand on, and where receivers find it.
@@ -107,6 +141,7 @@ public:
     bool onStart();
     void onStop();
 
+    static GstCaps* getCaps(GstCaps* filter);
     bool setCaps(GstCaps* caps);
     bool proposeAllocation(GstQuery* query) const;
     GstFlowReturn render(GstBuffer* buffer);
@@ -124,29 +159,48 @@ private:
     GstFlowReturn waitForUnlockStop();
     GstFlowReturn fail(const std::string& problem);
     GstFlowReturn fail(const kit::Status& status);
+    bool isMedia() const
+    {
+        return m_format && std::holds_alternative<MediaFormat>(*m_format);
+    }
     std::optional<Announcement> chooseClock(const Settings& settings) const;
     bool serveClock(GstClock* clock, const Settings& settings);
+    kit::SharedMemory chooseMemory(const Settings& settings, GstBuffer* first) const;
     GstFlowReturn
     open(const Settings& settings, const Announcement& announcement, GstBuffer* first);
+    kit::Status announceFormat();
     GstFlowReturn openOrAdapt(GstBuffer* buffer);
     GstFlowReturn waitForReceiver();
+    void onReceivers(std::size_t count);
     void dropProducer();
-    GstFlowReturn send(GstBuffer* buffer, const ByteView& data);
-    TimeValue makeTimestamp(GstBuffer* buffer) const;
-    void waitForTurn();
+    template <typename Send>
+    GstFlowReturn sendWhenPossible(GstBuffer* buffer, Send send);
+    GstFlowReturn renderPcm(GstBuffer* buffer);
+    GstFlowReturn sendPcm(GstBuffer* buffer, const ByteView& data);
+    GstFlowReturn sendMedia(GstBuffer* buffer);
+    std::optional<ByteView> makePacket(GstBuffer* buffer, const kit::MediaHead& head);
+    std::optional<std::int64_t> getRunningTime(GstClockTime time) const;
+    TimeValue makeTimestamp(std::optional<std::int64_t> runningTime) const;
+    void waitForTurn(TimeValue earliest);
 
     GstBaseSink* const m_element;
     ProvidedClock m_providedClock;
     FrameAllocator m_allocator;
 
     // Streaming thread, or state changes while there is none.
-    kit::StreamFormat m_format;
-    std::optional<kit::StreamFormat> m_announcedFormat;
+    std::optional<SinkFormat> m_format;
+    std::optional<SinkFormat> m_announcedFormat;
+    // Of media. The last one is in use, or the one before if the producer was interrupted.
+    std::vector<std::unique_ptr<kit::PlainPayloader>> m_payloaders;
     Announcement m_announcement;
     ObjectPtr<GstNetTimeProvider> m_provider;
     PipelineClock m_clock; // that the announcement was chosen for
     bool m_joined = false;
-    kit::Pace m_pace; // after the first frame
+    std::size_t m_numReceivers = 0;
+    kit::Pace m_pace;         // of PCM, after the first frame
+    TimeValue m_earliest = 0; // for the next frame of media
+    std::uint64_t m_numMediaFrames = 0;
+    kit::FrameMemory m_packet; // of media: reused unless it is shared
 
     mutable std::mutex m_mutex;
     std::condition_variable m_condition;
@@ -199,22 +253,50 @@ void Sink::onStop()
         m_producer->stop();
     dropProducer();
     m_clock.set(nullptr);
+    m_packet = {};
+}
+
+// Memory that other elements cannot read does not travel.
+GstCaps* Sink::getCaps(GstCaps* filter)
+{
+    if (filter == nullptr || gst_caps_is_any(filter) != FALSE)
+        return gst_caps_new_any();
+    GstCaps* const caps = gst_caps_new_empty();
+    for (guint i = 0; i < gst_caps_get_size(filter); ++i)
+        if (isInSystemMemory(filter, i))
+            gst_caps_append_structure(caps, gst_structure_copy(gst_caps_get_structure(filter, i)));
+    return caps;
 }
 
 bool Sink::setCaps(GstCaps* caps)
 {
-    const auto format = toStreamFormat(caps);
-    if (!format)
+    const std::string text = toText(caps);
+    GST_INFO_OBJECT(m_element, "caps %s", text.c_str());
+    if (const auto pcm = toStreamFormat(caps))
+    {
+        m_format = *pcm;
+        m_pace.changeRate(pcm->rate);
+        return true;
+    }
+    auto media = MediaFormat::parse(text);
+    if (!media)
+    {
+        GST_ELEMENT_ERROR(
+            m_element, STREAM, FORMAT, ("The stream cannot be sent: its caps are not supported."),
+            ("%s", text.c_str()));
         return false;
-    GST_INFO_OBJECT(m_element, "format %s", toText(*format).c_str());
-    m_format = *format;
-    m_pace.changeRate(m_format.rate);
+    }
+    m_format = std::move(*media);
+    m_pace.begin(0);
     return true;
 }
 
 bool Sink::proposeAllocation(GstQuery* query) const
 {
-    if (getSettings().sharedMemory == static_cast<int>(kit::Carriage::Inline))
+    GstCaps* caps = nullptr;
+    gst_query_parse_allocation(query, &caps, nullptr);
+    const bool isPcm = caps == nullptr ? !isMedia() : toStreamFormat(caps).has_value();
+    if (getSettings().getCarriage(!isPcm) == kit::Carriage::Inline)
         return false;
     gst_query_add_allocation_param(query, m_allocator.get(), nullptr);
     return true;
@@ -229,6 +311,8 @@ void Sink::dropProducer()
     if (!m_producer)
         return;
     m_producer->close();
+    m_payloaders.clear();
+    m_numReceivers = 0;
     const kit::ProducerStatistics last = m_producer->getStatistics();
     const std::lock_guard lock(m_mutex);
     m_earlier.frames += last.frames;
@@ -333,6 +417,27 @@ bool Sink::serveClock(GstClock* clock, const Settings& settings)
     return m_provider != nullptr;
 }
 
+// A compressed picture may be far larger than the first one.
+kit::SharedMemory Sink::chooseMemory(const Settings& settings, GstBuffer* first) const
+{
+    kit::SharedMemory memory;
+    memory.carriage = settings.getCarriage(isMedia());
+    const std::size_t size = gst_buffer_get_size(first);
+    if (!isMedia())
+    {
+        const auto& pcm = std::get<kit::StreamFormat>(*m_format);
+        memory.frameDuration =
+            std::chrono::nanoseconds(pcm.toNanoseconds(size / pcm.getBytesPerSample()));
+        return memory;
+    }
+    const auto& media = std::get<MediaFormat>(*m_format);
+    memory.frameBytes = kit::MediaHeadBytes + std::max(size, media.estimateSize());
+    memory.frameDuration = std::chrono::nanoseconds(media.getDuration(size));
+    memory.span = MediaSpan;
+    memory.maxBytes = MaxMediaMemory;
+    return memory;
+}
+
 GstFlowReturn
 Sink::open(const Settings& settings, const Announcement& announcement, GstBuffer* first)
 {
@@ -355,55 +460,78 @@ Sink::open(const Settings& settings, const Announcement& announcement, GstBuffer
     options.clockAddress = endpoint.address;
     options.clockPort = endpoint.port;
     options.socketMode = static_cast<kit::SocketMode>(settings.socketMode);
-    options.sharedMemory.carriage = static_cast<kit::Carriage>(settings.sharedMemory);
-    options.sharedMemory.frameDuration = std::chrono::nanoseconds(
-        m_format.toNanoseconds(gst_buffer_get_size(first) / m_format.getBytesPerSample()));
+    options.sharedMemory = chooseMemory(settings, first);
     if (settings.realtimePriority > 0)
         options.realTime = {kit::RealTimeUse::Try, settings.realtimePriority};
     options.onNotice = [this](const std::string& notice)
     { GST_ELEMENT_WARNING(m_element, RESOURCE, SETTINGS, ("%s", notice.c_str()), (nullptr)); };
+    if (isMedia())
+        options.onReceivers = [this](std::size_t count) { onReceivers(count); };
     {
         const std::lock_guard lock(m_mutex);
         m_producer = std::make_unique<kit::Producer>(std::move(options));
         m_producer->interrupt(m_interrupted);
     }
-    if (const kit::Status status = m_producer->open(m_format); !status)
+    if (const kit::Status status = announceFormat(); !status)
     {
         dropProducer();
         return fail(status);
     }
 
-    m_allocator.setProducer(m_producer.get());
+    m_allocator.setProducer(m_producer.get(), isMedia() ? kit::MediaHeadBytes : 0);
     m_announcement = announcement;
-    m_announcedFormat = m_format;
     GST_INFO_OBJECT(
         m_element, "\"%s\" is open on %s", m_producer->getName().c_str(),
         toString(announcement.protocol));
     return GST_FLOW_OK;
 }
 
-// The stream is opened anew when the clock that it announces is no longer that of its timestamps.
+// Opens the stream with the present format, or changes to it.
+kit::Status Sink::announceFormat()
+{
+    const auto use = [this](auto& format)
+    { return m_announcedFormat ? m_producer->setFormat(format) : m_producer->open(format); };
+    kit::Status status;
+    if (const auto* const media = std::get_if<MediaFormat>(&*m_format))
+    {
+        const std::string& text = media->getText();
+        m_payloaders.push_back(std::make_unique<kit::PlainPayloader>(
+            kit::MediaFourcc, Buffer(text.begin(), text.end())));
+        status = use(*m_payloaders.back());
+        if (status)
+            m_payloaders.erase(m_payloaders.begin(), m_payloaders.end() - 1);
+    }
+    else
+        status = use(std::get<kit::StreamFormat>(*m_format));
+    if (status)
+        m_announcedFormat = m_format;
+    return status;
+}
+
+// The stream is opened anew when the clock that it announces is no longer that of its timestamps,
+// and between PCM and other media, which may travel in another way.
 GstFlowReturn Sink::openOrAdapt(GstBuffer* buffer)
 {
+    if (!m_format)
+        return fail("its buffers have no caps; set them with a capsfilter");
     const Settings settings = getSettings();
     m_clock.set(findClock(GST_ELEMENT(m_element)));
     const auto announcement = chooseClock(settings);
     if (!announcement)
         return fail("a network clock is wanted, but the pipeline has none; set \"clock-address\" "
                     "and \"clock-port\", or \"serve-clock\"");
-    if (m_producer && m_announcement != *announcement)
+    if (m_producer &&
+        (m_announcement != *announcement || m_announcedFormat->index() != m_format->index()))
     {
-        GST_INFO_OBJECT(m_element, "opening again, with the pipeline's present clock");
+        GST_INFO_OBJECT(m_element, "opening again, with the present clock and media");
         dropProducer();
     }
     if (!m_producer)
         return open(settings, *announcement, buffer);
     if (m_announcedFormat == m_format)
         return GST_FLOW_OK;
-    if (const kit::Status status = m_producer->setFormat(m_format); !status)
-        return fail(status);
-    m_announcedFormat = m_format;
-    return GST_FLOW_OK;
+    const kit::Status status = announceFormat();
+    return status ? GST_FLOW_OK : fail(status);
 }
 
 GstFlowReturn Sink::waitForReceiver()
@@ -417,6 +545,16 @@ GstFlowReturn Sink::waitForReceiver()
     }
     m_joined = true;
     return GST_FLOW_OK;
+}
+
+// The first receiver of a stream that waits for it gets the first frame.
+void Sink::onReceivers(std::size_t count)
+{
+    const bool isJoin = count > std::exchange(m_numReceivers, count);
+    if (isJoin && m_joined)
+        gst_pad_push_event(
+            GST_BASE_SINK_PAD(m_element),
+            gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
 }
 
 // Slow steps run without the preroll lock, which a state change needs. A thread that ends such a
@@ -443,16 +581,22 @@ GstFlowReturn Sink::prepare(GstBuffer* buffer)
     }
 }
 
-TimeValue Sink::makeTimestamp(GstBuffer* buffer) const
+// Negative before the beginning of the segment, as with the time of decoding.
+std::optional<std::int64_t> Sink::getRunningTime(GstClockTime time) const
 {
     const GstSegment& segment = m_element->segment;
-    const GstClockTime runningTime =
-        segment.format == GST_FORMAT_TIME && GST_BUFFER_PTS_IS_VALID(buffer)
-            ? gst_segment_to_running_time(&segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer))
-            : GST_CLOCK_TIME_NONE;
+    if (segment.format != GST_FORMAT_TIME || !GST_CLOCK_TIME_IS_VALID(time))
+        return std::nullopt;
+    guint64 distance = 0;
+    const gint sign = gst_segment_to_running_time_full(&segment, GST_FORMAT_TIME, time, &distance);
+    return sign == 0 ? std::nullopt : std::optional(sign * static_cast<std::int64_t>(distance));
+}
+
+TimeValue Sink::makeTimestamp(std::optional<std::int64_t> runningTime) const
+{
     GstClock* const clock = m_clock.get();
     const bool isSystemTime = m_announcement.protocol == TimeSyncProtocol::MonotonicSystemClock;
-    if (!GST_CLOCK_TIME_IS_VALID(runningTime))
+    if (!runningTime)
     {
         if (m_pace.getTimestamp() != 0)
             return m_pace.getTimestamp();
@@ -468,30 +612,32 @@ TimeValue Sink::makeTimestamp(GstBuffer* buffer) const
         shift -= m_clock.getOffset();
     if (isOther && named && !isSystemTime)
         shift += measureOffset(named.get());
-    return gst_element_get_base_time(GST_ELEMENT(m_element)) + runningTime +
-           gst_base_sink_get_latency(m_element) + static_cast<TimeValue>(shift);
+    return gst_element_get_base_time(GST_ELEMENT(m_element)) +
+           gst_base_sink_get_latency(m_element) + static_cast<TimeValue>(*runningTime + shift);
 }
 
 // Receivers would lose a part of a burst. A pipeline that catches up after a delay therefore sends
 // at most at twice the speed. A condition variable would enter the kernel even for a time that has
 // passed.
-void Sink::waitForTurn()
+void Sink::waitForTurn(TimeValue earliest)
 {
-    const std::chrono::nanoseconds earliest(m_pace.getEarliestTime());
-    const std::chrono::steady_clock::time_point due(earliest);
+    const std::chrono::steady_clock::time_point due{std::chrono::nanoseconds(earliest)};
     if (std::chrono::steady_clock::now() >= due)
         return;
     std::unique_lock lock(m_mutex);
     m_condition.wait_until(lock, due, [this] { return m_interrupted; });
 }
 
-GstFlowReturn Sink::send(GstBuffer* buffer, const ByteView& data)
+GstFlowReturn Sink::sendPcm(GstBuffer* buffer, const ByteView& data)
 {
-    const TimeValue timestamp = makeTimestamp(buffer);
-    waitForTurn();
+    const auto runningTime = getRunningTime(GST_BUFFER_PTS(buffer));
+    const TimeValue timestamp =
+        makeTimestamp(runningTime >= std::int64_t{0} ? runningTime : std::nullopt);
+    waitForTurn(m_pace.getEarliestTime());
     if (timestamp != m_pace.getTimestamp())
         m_pace.begin(timestamp);
-    const std::size_t samples = data.size() / m_format.getBytesPerSample();
+    const std::size_t samples =
+        data.size() / std::get<kit::StreamFormat>(*m_format).getBytesPerSample();
     const TimeValue duration = GST_BUFFER_DURATION_IS_VALID(buffer) ? GST_BUFFER_DURATION(buffer)
                                                                     : m_pace.getDuration(samples);
     if (const kit::Status status = m_producer->send(timestamp, duration, data); !status)
@@ -500,7 +646,87 @@ GstFlowReturn Sink::send(GstBuffer* buffer, const ByteView& data)
     return GST_FLOW_OK;
 }
 
-GstFlowReturn Sink::render(GstBuffer* buffer)
+// A head and the bytes: in place if the buffer lies in memory of ours that was not sent before, or
+// copied.
+std::optional<ByteView> Sink::makePacket(GstBuffer* buffer, const kit::MediaHead& head)
+{
+    const auto& format = std::get<MediaFormat>(*m_format);
+    const std::size_t size = kit::MediaHeadBytes + format.getPackedSize(buffer);
+    if (format.isPacked(buffer))
+    {
+        std::uint8_t* const room = FrameAllocator::sealWithHead(buffer, kit::MediaHeadBytes);
+        if (room != nullptr)
+        {
+            kit::writeMediaHead(head, room);
+            return ByteView(room, size);
+        }
+    }
+    if (m_packet.size < size)
+        m_packet = m_producer->acquire(size);
+    kit::writeMediaHead(head, m_packet.data.get());
+    if (!format.pack(buffer, m_packet.data.get() + kit::MediaHeadBytes))
+        return std::nullopt;
+    return ByteView(m_packet.data.get(), size);
+}
+
+// A frame is due at its time of decoding, which rises from frame to frame.
+GstFlowReturn Sink::sendMedia(GstBuffer* buffer)
+{
+    const auto decoding = getRunningTime(GST_BUFFER_DTS_OR_PTS(buffer));
+    const auto presentation = getRunningTime(GST_BUFFER_PTS(buffer));
+    const TimeValue timestamp = makeTimestamp(decoding);
+    waitForTurn(m_earliest);
+    kit::MediaHead head = makeHead(buffer);
+    head.number = m_numMediaFrames + 1;
+    if (GST_BUFFER_DTS_IS_VALID(buffer))
+        head.flags |= kit::MediaHead::Decoding;
+    if (decoding && presentation)
+        head.ptsOffsetNs = *presentation - *decoding;
+    const auto packet = makePacket(buffer, head);
+    if (!packet)
+    {
+        GST_ELEMENT_ERROR(m_element, RESOURCE, READ, (nullptr), ("A buffer cannot be read."));
+        return GST_FLOW_ERROR;
+    }
+    const TimeValue duration =
+        GST_BUFFER_DURATION_IS_VALID(buffer)
+            ? GST_BUFFER_DURATION(buffer)
+            : std::get<MediaFormat>(*m_format).getDuration(packet->size() - kit::MediaHeadBytes);
+    const kit::Status status = m_producer->send(timestamp, duration, *packet);
+    if (getSettings().getCarriage(true) != kit::Carriage::Inline)
+        m_packet = {};
+    if (!status)
+        return fail(status);
+    m_numMediaFrames = head.number;
+    m_earliest = miscUtils::getMonotonicSysclockTime() + std::max(duration / 2, MediaSpacingNs);
+    return GST_FLOW_OK;
+}
+
+/// @param send  sends the buffer; must be possible again if it is interrupted
+template <typename Send>
+GstFlowReturn Sink::sendWhenPossible(GstBuffer* buffer, Send send)
+{
+    for (;;)
+    {
+        GstFlowReturn flow = prepare(buffer);
+        if (flow != GST_FLOW_OK)
+            return flow;
+        if (m_element->need_preroll != FALSE)
+        {
+            // Paused meanwhile: the state change is completed here, and may change the clock.
+            flow = gst_base_sink_do_preroll(m_element, GST_MINI_OBJECT_CAST(buffer));
+            if (flow != GST_FLOW_OK)
+                return flow;
+            continue;
+        }
+        flow = send();
+        // Paused: the same buffer again when it goes on. Flushed: it is dropped.
+        if (flow != GST_FLOW_FLUSHING || m_element->flushing != FALSE)
+            return flow;
+    }
+}
+
+GstFlowReturn Sink::renderPcm(GstBuffer* buffer)
 {
     GstMapInfo map;
     if (gst_buffer_map(buffer, &map, GST_MAP_READ) == FALSE)
@@ -515,27 +741,15 @@ GstFlowReturn Sink::render(GstBuffer* buffer)
         copy.assign(data.begin(), data.end());
         data = copy;
     }
-    GstFlowReturn flow = GST_FLOW_OK;
-    bool done = false;
-    while (flow == GST_FLOW_OK && !done)
-    {
-        flow = prepare(buffer);
-        if (flow != GST_FLOW_OK)
-            break;
-        if (m_element->need_preroll != FALSE)
-        {
-            // Paused meanwhile: the state change is completed here, and may change the clock.
-            flow = gst_base_sink_do_preroll(m_element, GST_MINI_OBJECT_CAST(buffer));
-            continue;
-        }
-        flow = send(buffer, data);
-        done = flow == GST_FLOW_OK;
-        // Paused: the same buffer again when it goes on. Flushed: it is dropped.
-        if (flow == GST_FLOW_FLUSHING && m_element->flushing == FALSE)
-            flow = GST_FLOW_OK;
-    }
+    const GstFlowReturn flow = sendWhenPossible(buffer, [&] { return sendPcm(buffer, data); });
     gst_buffer_unmap(buffer, &map);
     return flow;
+}
+
+GstFlowReturn Sink::render(GstBuffer* buffer)
+{
+    return isMedia() ? sendWhenPossible(buffer, [&] { return sendMedia(buffer); })
+                     : renderPcm(buffer);
 }
 
 // From here on: the element as GObject knows it.
@@ -586,6 +800,7 @@ GType getSharedMemoryType()
          "Receivers of the kit with the same /dev/shm can read the frames", "always"},
         {static_cast<gint>(kit::Carriage::Automatic),
          "always if the first frame has at least 8192 bytes, else never", "auto"},
+        {SharedForMedia, "never for PCM, which every receiver can then play; else auto", "media"},
         {0, nullptr, nullptr}};
     static const GType type = g_enum_register_static("GstVlxSharedMemory", values);
     return type;
@@ -623,7 +838,8 @@ void installProperties(gpointer elementClass)
         "Stay in preroll until the first receiver has joined");
     properties.addChoice(
         "shared-memory", &Settings::sharedMemory, getSharedMemoryType(),
-        "Put frames into shared memory, at most 64 MiB: large frames then arrive sooner");
+        "Put frames into shared memory, at most 64 MiB, or 256 MiB for media other than PCM: large "
+        "frames then arrive sooner");
     properties.addStatistics("Frames and bytes sent, receivers, sequences");
 }
 
@@ -634,11 +850,12 @@ void Sink::initClass(gpointer elementClass)
 {
     GST_DEBUG_CATEGORY_INIT(vlxsink_debug, "vlxsink", 0, "Vellox sink");
     describeElement(
-        elementClass, "Vellox sink", "Sink/Audio",
-        "Sends timestamped audio to any number of processes of this machine", GST_PAD_SINK);
+        elementClass, "Vellox sink", "Sink/Audio/Video",
+        "Sends timestamped media to any number of processes of this machine", GST_PAD_SINK);
     installProperties(elementClass);
 
     auto* const sinkClass = GST_BASE_SINK_CLASS(elementClass);
+    sinkClass->get_caps = [](GstBaseSink*, GstCaps* filter) { return Sink::getCaps(filter); };
     sinkClass->set_caps = [](GstBaseSink* self, GstCaps* caps) -> gboolean
     { return Type::of(self).setCaps(caps); };
     sinkClass->propose_allocation = [](GstBaseSink* self, GstQuery* query) -> gboolean

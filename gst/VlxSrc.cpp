@@ -1,8 +1,10 @@
 // vlxsrc receives the stream of a vlxsink, of `vlx send` or of any other Vellox sender, with its
-// caps and timestamps. It waits until the sender starts, and restarts.
+// caps and timestamps: PCM audio, and any other media of a vlxsink. It waits until the sender
+// starts, and restarts.
 //
 //   gst-launch-1.0 vlxsrc socket-name=kitchen ! audioconvert ! audioresample ! autoaudiosink
 //   gst-launch-1.0 vlxsrc socket-name=kitchen eos-on-disconnect=1 ! wavenc ! filesink location=k
+//   gst-launch-1.0 vlxsrc socket-name=camera ! decodebin ! videoconvert ! autovideosink
 //   gst-play-1.0 vlx://kitchen
 //
 // Timestamps: a sample is due at the same time as at the sender, plus the latency that this element
@@ -10,6 +12,10 @@
 // monotonic clock, or the same network clock, which the element provides. On any other clock the
 // time is converted by way of the monotonic clock. If the stream has no clock, or its time is
 // unknown, the time of arrival is used. The buffer after a gap or a new connection has DISCONT.
+//
+// Encoded media begins with a key frame, also after lost frames: delta units that cannot be decoded
+// are dropped. Caps that could harm elements, and codecs other than PCM and media, are not played:
+// a warning names the codec, and vlxsrc waits for another sender.
 //
 // Element messages on the bus: "vlx-joined", "vlx-lost" and "vlx-stalled", with "socket-name",
 // "text", and "time" in nanoseconds of the monotonic clock. Unprintable bytes appear as \xNN.
@@ -31,12 +37,16 @@
 
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
+#include <vlxkit/Media.hpp>
 #include <vlxkit/Text.hpp>
 #include <vlxkit/Users.hpp>
 
+#include "Caps.hpp"
 #include "Clocks.hpp"
 #include "ElementType.hpp"
 #include "LogBridge.hpp"
+#include "MediaFormat.hpp"
+#include "MediaFrames.hpp"
 
 GST_DEBUG_CATEGORY_STATIC(vlxsrc_debug);
 #define GST_CAT_DEFAULT vlxsrc_debug
@@ -63,6 +73,17 @@ constexpr auto ConnectTimeout = std::chrono::milliseconds(250);
 // Timestamps that are further away cannot be meant for the announced clock.
 constexpr std::int64_t ImplausibleNs = 60'000'000'000;
 
+bool isPlausible(TimeValue duration)
+{
+    return duration != 0 && duration < ImplausibleNs;
+}
+
+// What was due before the pipeline began is due at its beginning.
+GstClockTime toClockTime(std::int64_t runningTime)
+{
+    return static_cast<GstClockTime>(std::max(runningTime, std::int64_t{0}));
+}
+
 struct Settings
 {
     std::string name;
@@ -76,10 +97,23 @@ struct Settings
     guint64 stallTimeoutNs = DefaultStallTimeoutNs;
     guint64 latencyNs = DefaultLatencyNs;
     bool provideClock = true;
+    bool waitForKeyframe = true;
 
     kit::QueueLimits getQueueLimits() const
     {
         return {std::chrono::nanoseconds(maxQueueTimeNs), maxQueueBytes, maxQueueFrames};
+    }
+};
+
+/// Refuses media whose caps are not supported.
+class MediaDepayloader : public kit::PlainDepayloader
+{
+public:
+    MediaDepayloader() : PlainDepayloader(kit::MediaFourcc) {}
+
+    bool processCodecHeader(const ByteView& codecHeader) override
+    {
+        return MediaFormat::parse(std::string(codecHeader.begin(), codecHeader.end())).has_value();
     }
 };
 
@@ -116,10 +150,16 @@ private:
 
     // Streaming thread.
     std::chrono::nanoseconds getReadTimeout();
+    GstFlowReturn applyItem(kit::ConsumerItem& item, GstBuffer** buffer);
+    void noteClock();
     GstFlowReturn applyFormat(const kit::StreamFormat& format);
+    GstFlowReturn applyCodec(const kit::CodecFormat& codec);
+    GstFlowReturn setCaps(GstCaps* caps);
     bool endsStream(const ConsumerEvent& event);
     GstBuffer* toBuffer(kit::ReceivedFrame&& frame);
-    GstClockTime toRunningTime(const kit::FrameInfo& frame);
+    GstBuffer* toPcmBuffer(kit::ReceivedFrame&& frame);
+    GstBuffer* toMediaBuffer(kit::ReceivedFrame&& frame);
+    std::optional<std::int64_t> findRunningTime(const kit::FrameInfo& frame);
 
     GstBaseSrc* const m_element;
     GstElement* const m_gstElement;
@@ -128,7 +168,8 @@ private:
     // Streaming thread, or state changes while there is none.
     PipelineClock m_clock;
     ClockEndpoint m_streamEndpoint; // of the last sender with a network clock
-    std::optional<kit::StreamFormat> m_format;
+    std::variant<std::monostate, kit::StreamFormat, MediaFormat> m_format;
+    LossFilter m_losses;      // of media
     bool m_isDiscont = false; // the next buffer
     bool m_isJoined = false;
     std::optional<SteadyClock::time_point> m_waitingSince; // for a sender
@@ -136,10 +177,12 @@ private:
 
     // Any thread.
     std::atomic<bool> m_unlocked = false;
-    std::atomic<std::uint64_t> m_incomplete = 0; // frames without a whole sample
+    std::atomic<std::uint64_t> m_incomplete = 0; // frames without a whole sample or picture
+    std::atomic<std::uint64_t> m_skipped = 0;    // delta units that cannot be decoded
 
     // For the two, and for who reads or changes properties.
     mutable std::mutex m_mutex;
+    MediaDepayloader m_mediaDepayloader;
     // State changes set it, with m_mutex held; kept after the stop, for its statistics.
     std::unique_ptr<kit::Consumer> m_consumer;
 };
@@ -184,7 +227,8 @@ GstStructure* Src::makeStatistics() const
     return gst_structure_new(
         "application/x-vlxsrc-stats", "frames", G_TYPE_UINT64, toCount(counts.frames), "bytes",
         G_TYPE_UINT64, toCount(counts.bytes), "gaps", G_TYPE_UINT64, toCount(counts.gaps),
-        "dropped", G_TYPE_UINT64, toCount(counts.dropped + m_incomplete), "reconnects",
+        "dropped", G_TYPE_UINT64, toCount(counts.dropped + m_incomplete), "lost", G_TYPE_UINT64,
+        toCount(counts.lost), "skipped", G_TYPE_UINT64, toCount(m_skipped), "reconnects",
         G_TYPE_UINT64, toCount(counts.reconnects), "stalls", G_TYPE_UINT64, toCount(counts.stalls),
         "age", G_TYPE_INT64, toTime(ages.getPercentile(0.5)), "age-max", G_TYPE_INT64,
         toTime(ages.getMax()), nullptr);
@@ -218,17 +262,19 @@ bool Src::onStart()
         return false;
 
     m_incomplete = 0;
+    m_skipped = 0;
     m_isDiscont = false;
     m_isJoined = false;
     m_waitingSince.reset();
     m_streamEndpoint = {};
-    m_format.reset();
+    m_format = {};
     {
         const std::lock_guard lock(m_mutex);
         m_consumer = std::make_unique<kit::Consumer>(
             std::move(options),
             kit::ConsumerCallbacks{.onEvent = [this](const auto& event) { onEvent(event); }});
     }
+    m_consumer->addDepayloader(m_mediaDepayloader);
     m_consumer->pause(true);
     const kit::Status started = m_consumer->start();
     if (!started)
@@ -321,13 +367,11 @@ std::chrono::nanoseconds Src::getReadTimeout()
 
 GstFlowReturn Src::applyFormat(const kit::StreamFormat& format)
 {
-    const kit::ConsumerClock clock = m_consumer->getClock();
-    if (clock.type == ClockType::SyncedNetClock)
-        m_streamEndpoint = {clock.address, clock.port};
-    if (m_format == format)
+    const auto* const former = std::get_if<kit::StreamFormat>(&m_format);
+    if (former != nullptr && *former == format)
         return GST_FLOW_OK;
     GST_INFO_OBJECT(m_element, "format %s", toText(format).c_str());
-    if (!isInTemplate(format))
+    if (!isPlayable(format))
     {
         GST_ELEMENT_ERROR(
             m_element, STREAM, FORMAT,
@@ -336,12 +380,25 @@ GstFlowReturn Src::applyFormat(const kit::StreamFormat& format)
             (nullptr));
         return GST_FLOW_ERROR;
     }
-    m_warnedOfTimestamps = false;
     m_format = format;
-    GstCaps* const caps = toCaps(format);
-    const bool accepted = gst_base_src_set_caps(m_element, caps) != FALSE;
-    gst_caps_unref(caps);
-    return accepted ? GST_FLOW_OK : GST_FLOW_NOT_NEGOTIATED;
+    return setCaps(CapsPtr(toCaps(format)).get());
+}
+
+GstFlowReturn Src::applyCodec(const kit::CodecFormat& codec)
+{
+    auto media = MediaFormat::parse(std::string(codec.header.begin(), codec.header.end()));
+    const auto* const former = std::get_if<MediaFormat>(&m_format);
+    if (!media || (former != nullptr && *former == *media))
+        return GST_FLOW_OK;
+    GST_INFO_OBJECT(m_element, "caps %s", media->getText().c_str());
+    m_format = std::move(*media);
+    return setCaps(std::get<MediaFormat>(m_format).getCaps());
+}
+
+GstFlowReturn Src::setCaps(GstCaps* caps)
+{
+    m_warnedOfTimestamps = false;
+    return gst_base_src_set_caps(m_element, caps) != FALSE ? GST_FLOW_OK : GST_FLOW_NOT_NEGOTIATED;
 }
 
 bool Src::endsStream(const ConsumerEvent& event)
@@ -351,9 +408,12 @@ bool Src::endsStream(const ConsumerEvent& event)
     return event.kind == ConsumerEvent::Kind::Lost && getSettings().eosOnDisconnect;
 }
 
-// A frame that was due before the pipeline began is due at its beginning.
-GstClockTime Src::toRunningTime(const kit::FrameInfo& frame)
+// Negative for a frame that was due before the pipeline began; not set without a clock.
+std::optional<std::int64_t> Src::findRunningTime(const kit::FrameInfo& frame)
 {
+    m_clock.set(ObjectPtr<GstClock>(gst_element_get_clock(m_gstElement)));
+    if (m_clock.get() == nullptr)
+        return std::nullopt;
     const std::int64_t clockOffset = m_clock.getOffset();
     const auto arrival = static_cast<std::int64_t>(frame.arrival) + clockOffset;
     std::int64_t due = arrival;
@@ -373,15 +433,15 @@ GstClockTime Src::toRunningTime(const kit::FrameInfo& frame)
                 ("using the times of arrival"));
         due = arrival;
     }
-    const auto base = static_cast<std::int64_t>(gst_element_get_base_time(m_gstElement));
-    return static_cast<GstClockTime>(std::max(due - base, std::int64_t{0}));
+    return due - static_cast<std::int64_t>(gst_element_get_base_time(m_gstElement));
 }
 
 // The buffer holds the frame, which owns its data. Elements behind this one rely on whole samples,
 // and crash on empty buffers: null if there is no whole sample.
-GstBuffer* Src::toBuffer(kit::ReceivedFrame&& frame)
+GstBuffer* Src::toPcmBuffer(kit::ReceivedFrame&& frame)
 {
-    const std::size_t bytesPerSample = m_format->getBytesPerSample();
+    const auto& format = std::get<kit::StreamFormat>(m_format);
+    const std::size_t bytesPerSample = format.getBytesPerSample();
     const std::size_t samples = frame.data.size() / bytesPerSample;
     m_isDiscont = m_isDiscont || frame.isFirst || frame.gapNs != 0 || frame.numDropped != 0;
     if (samples == 0)
@@ -398,12 +458,74 @@ GstBuffer* Src::toBuffer(kit::ReceivedFrame&& frame)
     const kit::ReceivedFrame& held = *kept.release();
     if (std::exchange(m_isDiscont, false))
         GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
-    const bool isPlausible = held.duration != 0 && held.duration < ImplausibleNs;
-    GST_BUFFER_DURATION(buffer) = isPlausible ? held.duration : m_format->toNanoseconds(samples);
-    m_clock.set(ObjectPtr<GstClock>(gst_element_get_clock(m_gstElement)));
-    if (m_clock.get() != nullptr)
-        GST_BUFFER_PTS(buffer) = toRunningTime(held);
+    GST_BUFFER_DURATION(buffer) =
+        isPlausible(held.duration) ? held.duration : format.toNanoseconds(samples);
+    if (const auto time = findRunningTime(held))
+        GST_BUFFER_PTS(buffer) = toClockTime(*time);
     return buffer;
+}
+
+// Null for a frame that elements cannot use.
+GstBuffer* Src::toMediaBuffer(kit::ReceivedFrame&& frame)
+{
+    const auto& format = std::get<MediaFormat>(m_format);
+    const auto media = kit::parseMediaFrame(frame.data);
+    m_isDiscont = m_isDiscont || frame.isFirst || frame.numDropped != 0;
+    if (!media || !format.isWhole(media->data.size()))
+    {
+        m_isDiscont = true;
+        ++m_incomplete;
+        return nullptr;
+    }
+    const kit::MediaHead head = media->head;
+    m_losses.add(head, m_isDiscont);
+    m_isDiscont = m_losses.isLoss();
+    if (m_losses.isDamaged() && getSettings().waitForKeyframe)
+    {
+        ++m_skipped;
+        return nullptr;
+    }
+    const TimeValue duration = frame.duration;
+    const auto time = findRunningTime(frame);
+    GstBuffer* const buffer = makeBuffer(std::move(frame), head);
+    format.describe(buffer);
+    if (std::exchange(m_isDiscont, false))
+        GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
+    if (isPlausible(duration))
+        GST_BUFFER_DURATION(buffer) = duration;
+    if (time && (head.flags & kit::MediaHead::Decoding) != 0)
+        GST_BUFFER_DTS(buffer) = toClockTime(*time);
+    const std::int64_t offset = head.ptsOffsetNs.value_or(ImplausibleNs);
+    if (time && -ImplausibleNs < offset && offset < ImplausibleNs)
+        GST_BUFFER_PTS(buffer) = toClockTime(*time + offset);
+    return buffer;
+}
+
+GstBuffer* Src::toBuffer(kit::ReceivedFrame&& frame)
+{
+    return std::holds_alternative<MediaFormat>(m_format) ? toMediaBuffer(std::move(frame))
+                                                         : toPcmBuffer(std::move(frame));
+}
+
+void Src::noteClock()
+{
+    const kit::ConsumerClock clock = m_consumer->getClock();
+    if (clock.type == ClockType::SyncedNetClock)
+        m_streamEndpoint = {clock.address, clock.port};
+}
+
+GstFlowReturn Src::applyItem(kit::ConsumerItem& item, GstBuffer** buffer)
+{
+    if (auto* const frame = std::get_if<kit::ReceivedFrame>(&item))
+    {
+        *buffer = toBuffer(std::move(*frame));
+        return GST_FLOW_OK;
+    }
+    if (const auto* const event = std::get_if<ConsumerEvent>(&item))
+        return endsStream(*event) ? GST_FLOW_EOS : GST_FLOW_OK;
+    noteClock();
+    const auto* const codec = std::get_if<kit::CodecFormat>(&item);
+    return codec != nullptr ? applyCodec(*codec) : applyFormat(std::get<kit::StreamFormat>(item));
 }
 
 GstFlowReturn Src::create(GstBuffer** buffer)
@@ -411,13 +533,7 @@ GstFlowReturn Src::create(GstBuffer** buffer)
     *buffer = nullptr;
     while (std::optional<kit::ConsumerItem> item = m_consumer->read(getReadTimeout()))
     {
-        GstFlowReturn flow = GST_FLOW_OK;
-        if (auto* const frame = std::get_if<kit::ReceivedFrame>(&*item))
-            *buffer = toBuffer(std::move(*frame));
-        else if (const auto* const format = std::get_if<kit::StreamFormat>(&*item))
-            flow = applyFormat(*format);
-        else if (const auto* const event = std::get_if<ConsumerEvent>(&*item))
-            flow = endsStream(*event) ? GST_FLOW_EOS : GST_FLOW_OK;
+        const GstFlowReturn flow = applyItem(*item, buffer);
         if (flow != GST_FLOW_OK || *buffer != nullptr)
             return flow;
     }
@@ -457,7 +573,7 @@ void installProperties(gpointer elementClass)
         "and counted; 0: no limit");
     properties.addNumber(
         "max-queue-bytes", &Settings::maxQueueBytes, Mutability::AnyTime,
-        "Bytes of audio that may wait for a busy pipeline; 0: no limit");
+        "Bytes of media that may wait for a busy pipeline; 0: no limit");
     properties.addNumber(
         "max-queue-frames", &Settings::maxQueueFrames, Mutability::AnyTime,
         "Frames that may wait for a busy pipeline; 0: no limit");
@@ -472,11 +588,14 @@ void installProperties(gpointer elementClass)
         "provide-clock", &Settings::provideClock, Mutability::Stopped,
         "Provide the stream's network clock to the pipeline, if the stream has one and the sender "
         "is present on the way to PAUSED");
+    properties.addFlag(
+        "wait-for-keyframe", &Settings::waitForKeyframe, Mutability::AnyTime,
+        "Begin encoded media with a key frame, also after lost frames, and drop delta units until "
+        "then");
     properties.addStatistics(
         "Frames and bytes received, gaps, frames dropped (too old for a busy pipeline, or without "
-        "a "
-        "whole sample), reconnects, stalls; age of frames on arrival, median and largest, in "
-        "nanoseconds");
+        "a whole sample or picture), lost in shared memory, or skipped until a key frame; "
+        "reconnects, stalls; age of frames on arrival, median and largest, in nanoseconds");
 }
 
 gboolean answerQuery(GstBaseSrc* element, GstQuery* query)
@@ -494,8 +613,8 @@ void Src::initClass(gpointer elementClass)
 {
     GST_DEBUG_CATEGORY_INIT(vlxsrc_debug, "vlxsrc", 0, "Vellox source");
     describeElement(
-        elementClass, "Vellox source", "Source/Audio",
-        "Receives timestamped audio from another process of this machine", GST_PAD_SRC);
+        elementClass, "Vellox source", "Source/Audio/Video",
+        "Receives timestamped media from another process of this machine", GST_PAD_SRC);
     installProperties(elementClass);
 
     auto* const srcClass = GST_BASE_SRC_CLASS(elementClass);

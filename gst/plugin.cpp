@@ -21,7 +21,7 @@ GST_PLUGIN_DEFINE(
     GST_VERSION_MAJOR,
     GST_VERSION_MINOR,
     vlx,
-    "Timestamped audio from one process to many on one machine",
+    "Timestamped media from one process to many on one machine",
     registerElements,
     VLX_PLUGIN_VERSION,
     GST_LICENSE_UNKNOWN,

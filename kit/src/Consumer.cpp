@@ -297,6 +297,8 @@ std::string Consumer::Impl::findCodecProblem(const SenderProbe& answer)
         isAccepted = true;
     }
     const auto caps = getMediaCaps({fourcc, answer.codecHeader});
+    if (codec != nullptr && !isAccepted && caps)
+        return "its caps are not supported: " + shortenMediaCaps(*caps);
     if (!isAccepted && caps)
         return "its media is " + shortenMediaCaps(*caps) +
                ", not PCM audio; use gst-launch-1.0 vlxsrc socket-name=" + quote(m_options.name) +

@@ -13,6 +13,8 @@
 
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxSender.hpp>
+#include <vlxkit/Media.hpp>
+#include <vlxkit/Producer.hpp>
 
 #include "gst/Pipeline.hpp"
 
@@ -59,23 +61,31 @@ protected:
     const std::string m_name = "gst-test-" + std::to_string(::getpid());
 };
 
-/// A sender of PCM that checks nothing of what it sends. In pipeline mode, so that nothing is lost
-/// to a receiver that is started after it.
+/// A sender of PCM or any media that checks nothing of what it sends. In pipeline mode, so that
+/// nothing is lost to a receiver that is started after it.
 class UncheckedSender
 {
 public:
     explicit UncheckedSender(const std::string& name, std::uint32_t channels = 2)
     {
         m_payloader.setNewFormat(48000, channels, audioUtils::PcmFormat::S16LE);
-        m_sender.setCurrentPayloader(m_payloader);
-        EXPECT_TRUE(m_sender.initializeSender(
-            name, "", "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::Pipeline));
-        m_sender.startNewSequence();
+        start(name, m_payloader);
+    }
+
+    UncheckedSender(const std::string& name, const std::string& caps)
+        : m_mediaPayloader(kit::MediaFourcc, Buffer(caps.begin(), caps.end()))
+    {
+        start(name, m_mediaPayloader);
     }
 
     void send(TimeValue timestamp, TimeValue duration, std::size_t bytes)
     {
-        m_sender.sendMediaData(timestamp, duration, Buffer(bytes, 1));
+        send(timestamp, duration, Buffer(bytes, 1));
+    }
+
+    void send(TimeValue timestamp, TimeValue duration, const Buffer& data)
+    {
+        m_sender.sendMediaData(timestamp, duration, data);
     }
 
     /// Frees a send that blocks; nothing is sent any more.
@@ -85,7 +95,16 @@ public:
     }
 
 private:
+    void start(const std::string& name, Payloader& payloader)
+    {
+        m_sender.setCurrentPayloader(payloader);
+        EXPECT_TRUE(m_sender.initializeSender(
+            name, "", "", 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::Pipeline));
+        m_sender.startNewSequence();
+    }
+
     PcmPayloader m_payloader;
+    kit::PlainPayloader m_mediaPayloader{kit::MediaFourcc, {}};
     Sender m_sender;
 };
 

@@ -346,16 +346,24 @@ TEST_F(SinkMemoryTest, MemoryOutlivesTheStreamAndTheElement)
     expectDelivery(kept, data);
 }
 
+class SourcesTest : public ElementsSharedTest, public ::testing::WithParamInterface<const char*>
+{
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    Media,
+    SourcesTest,
+    ::testing::Values(
+        "audiotestsrc wave=white-noise samplesperbuffer=1024 ! "
+        "audio/x-raw,format=F64LE,rate=192000,channels=8 ! vlxsink name=sink shared-memory=auto",
+        "videotestsrc ! video/x-raw,format=I420,width=320,framerate=60/1 ! vlxsink name=sink"));
+
 // A pool reuses its memory.
-TEST_F(ElementsSharedTest, SourcesFillTheSinksMemory)
+TEST_P(SourcesTest, FillTheSinksMemory)
 {
     std::atomic<int> numInRing = 0;
     const Pipeline receiver(makeReceiver());
-    const Pipeline sender(
-        "audiotestsrc wave=white-noise samplesperbuffer=1024 ! "
-        "audio/x-raw,format=F64LE,rate=192000,channels=8 ! vlxsink name=sink "
-        "shared-memory=auto socket-name=" +
-        m_name);
+    const Pipeline sender(GetParam() + (" socket-name=" + m_name));
     const auto count = [](GstPad* /*pad*/, GstPadProbeInfo* info, gpointer counter)
     {
         if (isInRing(GST_PAD_PROBE_INFO_BUFFER(info)))

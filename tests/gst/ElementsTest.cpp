@@ -30,11 +30,12 @@ TEST_F(ElementsTest, RankAndDefaultsAreTheDocumentedOnes)
     const std::pair<const char*, std::string> rows[] = {
         {"vlxsink", "socket-name= realtime-priority=0 alternative-socket-name= protocol=pubsub "
                     "socket-mode=owner clock=auto clock-address= clock-port=0 serve-clock=false "
-                    "wait-for-connection=true shared-memory=never "},
+                    "wait-for-connection=true shared-memory=media "},
         {"vlxsrc",
          "socket-name= realtime-priority=0 sender-user= timeout=0 eos-on-disconnect=false "
          "max-queue-time=1000000000 max-queue-bytes=67108864 max-queue-frames=10000 "
-         "stall-timeout=2000000000 latency=20000000 provide-clock=true "}};
+         "stall-timeout=2000000000 latency=20000000 provide-clock=true "
+         "wait-for-keyframe=true "}};
     for (const auto& [name, defaults] : rows)
     {
         GstElement* const element = gst_element_factory_make(name, nullptr);
@@ -256,8 +257,6 @@ TEST_F(ElementsTest, ChangeOfCapsOpensASequence)
     guint64 count = 0;
     gst_structure_get_uint64(stats, "sequences", &count);
     EXPECT_GE(count, 3U);
-    EXPECT_FALSE(
-        gst_pad_query_accept_caps(sender->srcpad, gst_caps_new_empty_simple("audio/x-alaw")));
     gst_structure_free(stats);
     gst_harness_teardown(sender);
 }

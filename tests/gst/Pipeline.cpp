@@ -85,6 +85,10 @@ std::optional<Received> Pipeline::pull(const char* sink) const
         gst_sample_get_segment(sample), GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
     received.due = received.runningTime + gst_element_get_base_time(m_pipeline);
     received.duration = GST_BUFFER_DURATION(buffer);
+    if (GST_BUFFER_DTS_IS_VALID(buffer) && GST_BUFFER_PTS_IS_VALID(buffer))
+        received.ptsOffset = GST_CLOCK_DIFF(GST_BUFFER_DTS(buffer), GST_BUFFER_PTS(buffer));
+    received.offset = GST_BUFFER_OFFSET(buffer);
+    received.flags = GST_BUFFER_FLAGS(buffer);
     received.discont = GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT) != FALSE;
     gst_buffer_get_sizes(buffer, nullptr, &received.memoryBytes);
     gst_sample_unref(sample);

@@ -20,6 +20,9 @@ struct Received
     GstClockTime due = 0; ///< on the pipeline's clock
     GstClockTime duration = 0;
     bool discont = false;
+    std::optional<GstClockTimeDiff> ptsOffset; ///< PTS minus DTS, if both are set
+    std::uint64_t offset = 0;
+    guint flags = 0;
     std::size_t memoryBytes = 0; ///< of the buffer's memory, also beyond the data
 };
 

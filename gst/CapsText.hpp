@@ -1,0 +1,39 @@
+#pragma once
+
+/// Caps as text, for streams of any media.
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <gst/gst.h>
+
+namespace vlx::gst
+{
+
+struct CapsDeleter
+{
+    void operator()(GstCaps* caps) const
+    {
+        gst_caps_unref(caps);
+    }
+};
+
+/// Owns one reference.
+using CapsPtr = std::unique_ptr<GstCaps, CapsDeleter>;
+
+/// Converts a text from another process to caps. Only what gst_caps_to_string() writes for fixed
+/// caps of one structure in system memory is accepted, with fields that are numbers, fractions,
+/// texts, bit masks, buffers, or arrays of these; anything else never reaches GStreamer's parser.
+///
+/// @param text  any bytes
+/// @return null for a text that is not accepted
+/// @pre gst_init() was called
+CapsPtr parseCaps(std::string_view text);
+
+/// Converts caps to text, without checking them.
+///
+/// @return such as "video/x-raw, format=(string)I420"; parseCaps() may refuse it
+std::string toText(const GstCaps* caps);
+
+} // namespace vlx::gst

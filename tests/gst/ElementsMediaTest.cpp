@@ -1,0 +1,396 @@
+// Any media through the elements.
+
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include <gst/app/gstappsink.h>
+#include <gst/app/gstappsrc.h>
+#include <gst/audio/audio.h>
+#include <gst/video/video.h>
+
+#include <miscUtils/MiscUtils.hpp>
+
+#include "gst/ElementsFixture.hpp"
+#include "gst/MediaFormat.hpp"
+
+namespace vlx::testing
+{
+
+namespace
+{
+
+using kit::MediaHead;
+
+constexpr auto Unknown = std::numeric_limits<std::uint64_t>::max();
+
+/// @return bytes that differ from those of every other number
+std::string makeData(std::size_t bytes, std::size_t number)
+{
+    std::string data(bytes, '\0');
+    for (std::size_t i = 0; i < bytes; ++i)
+        data[i] = static_cast<char>((i + number) * (number + 1 + i / 256));
+    return data;
+}
+
+GstBuffer* makeBuffer(const std::string& data)
+{
+    GstBuffer* const buffer = gst_buffer_new_allocate(nullptr, data.size(), nullptr);
+    gst_buffer_fill(buffer, 0, data.data(), data.size());
+    return buffer;
+}
+
+class ElementsMediaTest : public ElementsTest
+{
+protected:
+    std::string makeInput(const std::string& properties) const
+    {
+        return "appsrc name=in format=time ! vlxsink name=sink sync=false socket-name=" + m_name +
+               " " + properties;
+    }
+
+    static void setCaps(const Pipeline& sender, const std::string& text)
+    {
+        GstCaps* const caps = gst_caps_from_string(text.c_str());
+        gst_app_src_set_caps(GST_APP_SRC(sender.find("in")), caps);
+        gst_caps_unref(caps);
+    }
+
+    /// @param buffer  taken over
+    static void push(const Pipeline& sender, GstBuffer* buffer)
+    {
+        EXPECT_EQ(gst_app_src_push_buffer(GST_APP_SRC(sender.find("in")), buffer), GST_FLOW_OK);
+    }
+};
+
+// One pipeline after the other medium, without a restart: each row changes the caps.
+TEST_F(ElementsMediaTest, EveryMediumArrivesAsItWasSent)
+{
+    struct Row
+    {
+        std::string caps;
+        std::size_t bytes;
+        bool hasDts;
+    };
+    const std::string picture = "format=I420,interlace-mode=progressive,framerate=30/1,width=";
+    const Row rows[] = {
+        {"video/x-raw," + picture + "321,height=241", 118'096, false},
+        {"video/x-h264,stream-format=avc,alignment=au,codec_data=(buffer)0142c00dffe1,"
+         "multiview-flags=(GstVideoMultiviewFlagsSet)0:ffffffff:/right-view-first/left-flipped",
+         900, true},
+        {"audio/x-raw,format=S16LE,layout=interleaved,rate=48000,channels=2,"
+         "channel-mask=(bitmask)3",
+         1920, false},
+        {"audio/x-opus,channel-mapping-family=0,streamheader=(buffer)<4f707573,4f70>", 70, false},
+        {"audio/"
+         "x-raw,format=F32LE,layout=interleaved,rate=8000,channels=64,channel-mask=(bitmask)0",
+         2560, false},
+        {"audio/x-raw,format=S16LE,layout=non-interleaved,rate=8000,channels=2,"
+         "channel-mask=(bitmask)3",
+         320, false},
+        {"application/x-custom,text=(string)\"a, \\\"b\\\" ;c\",numbers=(int)<1,2>", 1, false},
+        {"video/x-raw," + picture + "64,height=64", 6144, false},
+    };
+    for (const char* const use : {"media", "never"})
+    {
+        SCOPED_TRACE(use);
+        const Pipeline receiver(makeReceiver());
+        receiver.set(GST_STATE_PLAYING);
+        const Pipeline sender(makeInput("protocol=pipeline shared-memory=" + std::string(use)));
+        sender.set(GST_STATE_PLAYING);
+        std::uint64_t number = 0;
+        GstClockTime firstDue = 0;
+        for (const Row& row : rows)
+        {
+            SCOPED_TRACE(row.caps);
+            const bool isPcm = row.caps.find("=2,") != std::string::npos && row.bytes == 1920;
+            setCaps(sender, row.caps);
+            // Pictures are decoded in another order than presented.
+            for (const int order : {2, 0, 1})
+            {
+                const std::string data = makeData(row.bytes, number);
+                GstBuffer* const buffer = makeBuffer(data);
+                const GstClockTime time = number * 10 * GST_MSECOND + GST_SECOND;
+                const GstClockTimeDiff shift = row.hasDts ? order * 7 * Millisecond : 0;
+                GST_BUFFER_PTS(buffer) = time + static_cast<GstClockTime>(shift);
+                if (row.hasDts)
+                    GST_BUFFER_DTS(buffer) = time;
+                GST_BUFFER_DURATION(buffer) = 10 * GST_MSECOND;
+                GST_BUFFER_OFFSET(buffer) = 1000 + number;
+                const guint flags =
+                    row.hasDts && order != 2 ? GST_BUFFER_FLAG_DELTA_UNIT : GST_BUFFER_FLAG_MARKER;
+                GST_BUFFER_FLAG_SET(buffer, flags);
+                push(sender, buffer);
+                const auto received = receiver.pull();
+                ASSERT_TRUE(received);
+                EXPECT_TRUE(received->data == data);
+                GstCaps* const caps = gst_caps_from_string(received->caps.c_str());
+                GstCaps* const expected = gst_caps_from_string(row.caps.c_str());
+                EXPECT_TRUE(gst_caps_is_equal(caps, expected)) << received->caps;
+                gst_caps_unref(caps);
+                gst_caps_unref(expected);
+                const GstClockTime due = received->due - time - static_cast<GstClockTime>(shift);
+                firstDue = number == 0 ? due : firstDue;
+                EXPECT_EQ(due, firstDue);
+                EXPECT_EQ(received->duration, 10 * GST_MSECOND);
+                EXPECT_EQ(received->ptsOffset, row.hasDts ? std::optional(shift) : std::nullopt);
+                EXPECT_EQ(received->offset, isPcm ? Unknown : 1000 + number);
+                EXPECT_EQ((received->flags & flags) != 0, !isPcm);
+                EXPECT_EQ(received->discont, order == 2);
+                ++number;
+            }
+        }
+        EXPECT_EQ(receiver.getCount("src", "dropped"), 0U);
+        EXPECT_EQ(receiver.getCount("src", "skipped"), 0U);
+    }
+}
+
+TEST_F(ElementsMediaTest, PaddedPicturesAndPlanesArePacked)
+{
+    const Pipeline receiver("vlxsrc socket-name=" + m_name + " ! appsink name=out sync=false");
+    receiver.set(GST_STATE_PLAYING);
+    const Pipeline sender(makeInput("protocol=pipeline"));
+    sender.set(GST_STATE_PLAYING);
+    setCaps(sender, "video/x-raw,format=GRAY8,width=4,height=2,framerate=30/1");
+    GstBuffer* const picture = makeBuffer("__abcd____efgh____");
+    gsize offsets[GST_VIDEO_MAX_PLANES] = {2};
+    gint strides[GST_VIDEO_MAX_PLANES] = {8};
+    gst_buffer_add_video_meta_full(
+        picture, GST_VIDEO_FRAME_FLAG_NONE, GST_VIDEO_FORMAT_GRAY8, 4, 2, 1, offsets, strides);
+    push(sender, picture);
+    EXPECT_EQ(receiver.pull()->data, "abcdefgh");
+
+    const std::string caps = "audio/x-raw,format=U8,layout=non-interleaved,rate=8000,channels=2,"
+                             "channel-mask=(bitmask)3";
+    setCaps(sender, caps);
+    GstBuffer* const planes = makeBuffer("_abcd___efgh_");
+    GstAudioInfo info;
+    GstCaps* const planar = gst_caps_from_string(caps.c_str());
+    ASSERT_TRUE(gst_audio_info_from_caps(&info, planar));
+    gst_caps_unref(planar);
+    gsize starts[] = {1, 8};
+    gst_buffer_add_audio_meta(planes, &info, 4, starts);
+    push(sender, planes);
+    GstSample* const sample = gst_app_sink_pull_sample(GST_APP_SINK(receiver.find("out")));
+    ASSERT_NE(sample, nullptr);
+    GstAudioBuffer mapped;
+    ASSERT_TRUE(gst_audio_buffer_map(&mapped, &info, gst_sample_get_buffer(sample), GST_MAP_READ));
+    EXPECT_EQ(std::string(static_cast<const char*>(mapped.planes[0]), 4), "abcd");
+    EXPECT_EQ(std::string(static_cast<const char*>(mapped.planes[1]), 4), "efgh");
+    gst_audio_buffer_unmap(&mapped);
+    gst_sample_unref(sample);
+}
+
+GstPadProbeReturn noteKeyRequest(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer wasAsked)
+{
+    if (gst_video_event_is_force_key_unit(GST_PAD_PROBE_INFO_EVENT(info)) != FALSE)
+        *static_cast<std::atomic<bool>*>(wasAsked) = true;
+    return GST_PAD_PROBE_OK;
+}
+
+// The encoder makes a key frame only when it is asked to.
+TEST_F(ElementsMediaTest, LateReceiverBeginsWithAKeyFrameThatItGetsAtOnce)
+{
+    const Pipeline sender(makeInput("wait-for-connection=false"));
+    setCaps(sender, "video/x-vp8,width=64,height=64,framerate=200/1");
+    std::atomic<bool> isKeyWanted = false;
+    GstPad* const pad = gst_element_get_static_pad(sender.find("in"), "src");
+    gst_pad_add_probe(
+        pad, GST_PAD_PROBE_TYPE_EVENT_UPSTREAM, noteKeyRequest, &isKeyWanted, nullptr);
+    gst_object_unref(pad);
+    sender.set(GST_STATE_PLAYING);
+    std::uint64_t number = 0;
+    const auto encode = [&]
+    {
+        GstBuffer* const buffer = makeBuffer(std::to_string(number));
+        GST_BUFFER_DURATION(buffer) = 5 * GST_MSECOND;
+        if (number++ != 0 && !isKeyWanted.exchange(false))
+            GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+        push(sender, buffer);
+        EXPECT_TRUE(waitFor([&] { return sender.getCount("sink", "frames") == number; }));
+    };
+    encode();
+    EXPECT_FALSE(isKeyWanted);
+    for (const bool waits : {true, false})
+    {
+        SCOPED_TRACE(waits);
+        const Pipeline receiver(makeReceiver(waits ? "" : "wait-for-keyframe=false"));
+        receiver.set(GST_STATE_PLAYING);
+        GstSample* sample = nullptr;
+        GstAppSink* const out = GST_APP_SINK(receiver.find("out"));
+        EXPECT_TRUE(waitFor(
+            [&]
+            {
+                encode();
+                sample = gst_app_sink_try_pull_sample(out, 0);
+                return sample != nullptr;
+            }));
+        ASSERT_NE(sample, nullptr);
+        EXPECT_EQ(
+            GST_BUFFER_FLAG_IS_SET(gst_sample_get_buffer(sample), GST_BUFFER_FLAG_DELTA_UNIT),
+            !waits);
+        gst_sample_unref(sample);
+        EXPECT_EQ(receiver.getCount("src", "skipped") > 0, waits);
+    }
+}
+
+TEST_F(ElementsMediaTest, LossesAreSkippedUpToTheNextKeyFrame)
+{
+    constexpr std::uint32_t Delta = MediaHead::DeltaUnit;
+    const Pipeline receiver(makeReceiver());
+    UncheckedSender sender(m_name, std::string("video/x-vp8, width=(int)64"));
+    receiver.set(GST_STATE_PLAYING);
+    struct Row
+    {
+        std::uint64_t number;
+        std::uint32_t flags;
+        std::int64_t ptsOffset;
+        std::size_t bytes; ///< including the head
+    };
+    constexpr auto Farthest = std::numeric_limits<std::int64_t>::max();
+    const Row rows[] = {
+        {1, Delta, 0, 40},  {2, 0, -Farthest, 40},  {3, Delta, Farthest, 40}, {5, Delta, 0, 40},
+        {6, Delta, 0, 40},  {7, 0xFFFFFF00, 0, 40}, {8, Delta, 0, 32},        {9, Delta, 0, 7},
+        {10, Delta, 0, 40}, {12, 0, 0, 40},         {13, Delta, 0, 40},
+    };
+    std::uint8_t byte = 0;
+    for (const Row& row : rows)
+    {
+        Buffer data(kit::MediaHeadBytes + 8, byte++);
+        kit::writeMediaHead({row.flags, row.ptsOffset, {}, row.number}, data.data());
+        data.resize(row.bytes);
+        sender.send(miscUtils::getMonotonicSysclockTime(), 1, data);
+    }
+    std::string arrived;
+    std::string disconts;
+    for (int i = 0; i < 5; ++i)
+    {
+        const auto frame = receiver.pull();
+        ASSERT_TRUE(frame) << arrived;
+        arrived += std::to_string(rows[static_cast<std::size_t>(frame->data[0])].number) + " ";
+        disconts += frame->discont ? "d" : "-";
+    }
+    EXPECT_EQ(arrived, "2 3 7 12 13 ");
+    EXPECT_EQ(disconts, "d-dd-");
+    EXPECT_EQ(receiver.getCount("src", "skipped"), 4U);
+    EXPECT_EQ(receiver.getCount("src", "dropped"), 2U) << "without data";
+}
+
+// Receivers may still read the first one.
+TEST_F(ElementsMediaTest, FrameThatIsSentTwiceIsCopied)
+{
+    const Pipeline receiver(makeReceiver());
+    receiver.set(GST_STATE_PLAYING);
+    const Pipeline sender(makeInput("protocol=pipeline"));
+    setCaps(sender, "video/x-raw,format=GRAY8,width=256,height=256,framerate=30/1");
+    sender.set(GST_STATE_PLAYING);
+    const std::string data = makeData(65'536, 1);
+    push(sender, makeBuffer(data));
+    ASSERT_TRUE(receiver.pull());
+    GstPad* const pad = gst_element_get_static_pad(sender.find("in"), "src");
+    GstQuery* const query = gst_query_new_allocation(nullptr, FALSE);
+    GstAllocator* allocator = nullptr;
+    ASSERT_TRUE(gst_pad_peer_query(pad, query));
+    gst_query_parse_nth_allocation_param(query, 0, &allocator, nullptr);
+    GstBuffer* const buffer = gst_buffer_new_allocate(allocator, data.size(), nullptr);
+    gst_buffer_fill(buffer, 0, data.data(), data.size());
+    GstMapInfo map;
+    for (std::uint64_t number = 2; number < 4; ++number)
+    {
+        push(sender, gst_buffer_ref(buffer));
+        EXPECT_TRUE(receiver.pull()->data == data);
+        ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
+        const auto sent =
+            kit::parseMediaFrame({map.data - kit::MediaHeadBytes, kit::MediaHeadBytes});
+        gst_buffer_unmap(buffer, &map);
+        EXPECT_EQ(sent->head.number, 2U);
+    }
+    gst_buffer_unref(buffer);
+    gst_object_unref(allocator);
+    gst_query_unref(query);
+    gst_object_unref(pad);
+}
+
+TEST_F(ElementsMediaTest, OnlyPlainCapsAreAccepted)
+{
+    std::string nested = "1";
+    for (int i = 0; i < 10'000; ++i)
+        nested = "<" + nested + ">";
+    std::string fields;
+    for (int i = 0; i < 300; ++i)
+        fields += ", f" + std::to_string(i) + "=(int)1";
+    const std::pair<std::string, bool> rows[] = {
+        {"video/x-raw, format=(string)I420, width=(int)64, height=(int)64, framerate=(fraction)0/1",
+         true},
+        {"a/b", true},
+        {"a/b(memory:SystemMemory), x=(int)1", true},
+        {"a/b, x=(string)\"\\303\\274 \\\"\"", true},
+        {"a/b, x=(buffer)<  >, y=(double)-1.5e-7, z=(gint64)-9", true},
+        {"", false},
+        {"ANY", false},
+        {"EMPTY", false},
+        {std::string("a/b\0", 4), false},
+        {"a/b; c/d", false},
+        {"a/b(memory:Own), x=(int)1", false},
+        {"a/b, x=(int)[ 1, 2 ]", false},
+        {"a/b, x=(int){ 1, 2 }", false},
+        {"a/b, x=1", false},
+        {"a/b, x=(int)", false},
+        {"a/b, x=(int)99999999999", false},
+        {"a/b, x=(fraction)1/0", false},
+        {"a/b, x=(fraction)-2147483648/1", false},
+        {"a/b, x=(string)NULL", false},
+        {"a/b, x=(string)\"\\377\"", false},
+        {"a/b, x=(string)\"open", false},
+        {"a/b, x=(buffer)123", false},
+        {"a/b, x=(GstCaps)\"a/b\"", false},
+        {"a/b, x=(structure)\"a/b\"", false},
+        {"a/b, x=(taglist)\"a\"", false},
+        {"a/b, x=(type)gint", false},
+        {"a/b, x=(sample)\"AAAA:None:None:None\"", false},
+        {"a/b, x=(GstMessageType)1", false},
+        {"a/b, x=(int)" + nested, false},
+        {"a/b" + fields, false},
+        {"a/" + std::string(200, 'b'), false},
+        {"a/b, x=(string)" + std::string(kit::MaxMediaCapsBytes, 'x'), false},
+        {"video/x-raw, format=(string)I420, width=(int)8", false},
+        {"audio/x-raw, format=(string)S16LE, rate=(int)1, channels=(int)-1", false},
+    };
+    for (const auto& [text, isAccepted] : rows)
+        EXPECT_EQ(gst::MediaFormat::parse(text).has_value(), isAccepted) << text.substr(0, 200);
+}
+
+TEST_F(ElementsMediaTest, WhatCannotBePlayedIsReportedAndLeft)
+{
+    const Pipeline receiver(makeReceiver());
+    {
+        const UncheckedSender sender(m_name, std::string("a/b, x=(GstCaps)\"a/b\""));
+        receiver.set(GST_STATE_PLAYING);
+        EXPECT_TRUE(receiver.waitForMessage(GST_MESSAGE_WARNING));
+    }
+    const Pipeline sender(makeInput(""));
+    GstPad* const pad = gst_element_get_static_pad(sender.find("sink"), "sink");
+    GstCaps* const foreign = gst_caps_from_string("video/x-raw(memory:Own); a/b");
+    GstCaps* const caps = gst_pad_query_caps(pad, foreign);
+    EXPECT_EQ(gst::toText(caps), "a/b");
+    gst_caps_unref(caps);
+    gst_caps_unref(foreign);
+    gst_object_unref(pad);
+    setCaps(sender, "a/b, x=(taglist)\"taglist\\,\\ title\\=a\\;\"");
+    sender.set(GST_STATE_PLAYING);
+    push(sender, makeBuffer("a"));
+    EXPECT_TRUE(sender.waitForMessage(GST_MESSAGE_ERROR));
+
+    const Pipeline next(makeInput(""));
+    setCaps(next, "a/b");
+    next.set(GST_STATE_PLAYING);
+    push(next, makeBuffer("a"));
+    const auto received = receiver.pull();
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received->data, "a");
+}
+
+} // unnamed namespace
+
+} // namespace vlx::testing
