@@ -62,7 +62,7 @@ def _age(records: list[Record], axes: object) -> None:
 
 
 def _size(records: list[Record], axes: object) -> None:
-    for transport, rows in in_order(records).items():
+    for transport, rows in in_order(where(records, receivers=1)).items():
         ages = [median_of(where(rows, bytes=size, rate=rate), "p50_us") for size, rate in SIZES]
         axes.plot([f"{size:,} bytes\n{rate:,}/s" for size, rate in SIZES], ages, marker=".",
                   **_style(transport))

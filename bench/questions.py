@@ -15,6 +15,7 @@ import transports as t
 
 COMPARED = [t.OURS, t.KIT, t.RAW, t.POLLS, t.ZMQ, t.NNG]  # have a target in the age table
 EVERYBODY = [*COMPARED, t.NANOMSG, t.ZMQ_TUNED, t.NNG_TUNED, t.UNIX, t.GST_SHM, t.GST_OURS]
+PICTURE = 1920 * 1080 * 3 // 2 - 20  # with the benchmark's header a picture, for three receivers
 BY_REFERENCE = [t.KIT_SHARED, t.KIT_IN_PLACE, t.GST_SHARED]
 
 
@@ -92,12 +93,16 @@ def measure_size(campaign: Campaign) -> None:
     rounds, seconds = campaign.choose(full=(3, 1.5), quick=(2, 0.4))
     members = campaign.select([t.KIT, *BY_REFERENCE, t.ZMQ, t.NNG, t.UNIX, t.GST_SHM, t.GST_OURS,
                                t.PYTHON, t.PYTHON_IN_PLACE, t.PYZMQ])
+    videos = campaign.select([t.GST_SHM, t.GST_VIDEO])
     campaign.begin(f"frames for {seconds} s, at most 500, {rounds} rounds interleaved")
     for turn in range(rounds):
         for size, rate in SIZES:
             frames = min(int(seconds * rate), 500)
             plan = Plan(bytes=size, rate=rate, frames=frames, warmup=frames // 10)
             campaign.measure_round(members, plan, turn)
+        frames = campaign.choose(full=300, quick=30)
+        plan = Plan(bytes=PICTURE, rate=30, frames=frames, warmup=30, receivers=3)
+        campaign.measure_round(videos, plan, turn)
 
 
 def measure_overload(campaign: Campaign) -> None:

@@ -54,7 +54,7 @@ def size_table(records: list[Record]) -> Table:
         {"p50 us": "p50_us", "p90 us": "p90_us", "max us": "max_us", "lost %": "lost_pct",
          "sender us/frame": "sender_cpu_us", "receiver us/frame": "receiver_cpu_us"},
         {"p50 vs shm": ("p50_us", GST_SHM), "p50 vs ZeroMQ": ("p50_us", ZMQ),
-         "cpu vs shm": ("cpu_us", GST_SHM)}, spread=True)
+         "cpu vs shm": ("delivered_cpu_us", GST_SHM)}, spread=True)
 
 
 def allocation_table(records: list[Record]) -> Table:

@@ -8,8 +8,8 @@ from figures import (Record, format_ratio, format_spread, median_of, quotient, r
                      worst_of)
 from shared import Table, format_number, median, percentile
 from tables import join_times
-from transports import (ALL, GST_OURS, GST_SHARED, GST_SHM, KIT, KIT_IN_PLACE, KIT_RT, KIT_SHARED,
-                        NNG, OURS, POLLS, PYTHON, PYTHON_IN_PLACE, PYZMQ, RAW, ZMQ)
+from transports import (ALL, GST_OURS, GST_SHARED, GST_SHM, GST_VIDEO, KIT, KIT_IN_PLACE, KIT_RT,
+                        KIT_SHARED, NNG, OURS, POLLS, PYTHON, PYTHON_IN_PLACE, PYZMQ, RAW, ZMQ)
 
 BYTES = 1920
 RECEIVERS = 32
@@ -109,6 +109,8 @@ TARGETS = [
      _to("size", GST_SHM, "cpu_us")),
     *[(f"elements, {size:,} bytes", GST_SHARED, "p50 of GStreamer shm", "at most", 1.70,
        _to("size", GST_SHM, "p50_us", size, rate), GST_OURS) for size, rate in (REFERRED, *LARGE)],
+    ("elements, 1080p30 video", GST_VIDEO, "% lost, worst round", "at most", 0, _size_loss,
+     GST_SHM),
     ("overload, 1,920 bytes", OURS, "p99 of nanomsg, our options", "at most", 1.25,
      _to("overload", RAW, "p99_us"), POLLS),
     ("overload, 1,920 bytes", OURS, "p99 of ZeroMQ", "at most", 0.05,

@@ -23,6 +23,7 @@ RAW = "nanomsg-same"  # nanomsg with our socket options
 POLLS = "nanomsg-polls"  # the same, and waiting as we do
 NANOMSG, ZMQ, ZMQ_TUNED, NNG, NNG_TUNED = "nanomsg", "zmq", "zmq-tuned", "nng", "nng-tuned"
 UNIX, GST_SHM, GST_OURS, GST_SHARED = "unix", "gst-shm", "gst-vlx", "gst-vlx-shared"
+GST_VIDEO = "gst-vlx-video"
 PYTHON, PYTHON_IN_PLACE, PYZMQ = "python", "python-in-place", "pyzmq"
 
 # In the order of the tables.
@@ -57,6 +58,8 @@ ALL = {row[0]: Transport(*row) for row in [
      "appsrc ! vlxsink and vlxsrc ! appsink, the same settings"),
     (GST_SHARED, "GStreamer vlx, by reference", "gst", "vlx-shared", "#e3b505",
      "the same with shared-memory=always"),
+    (GST_VIDEO, "GStreamer vlx, video", "gst", "vlx-video", "#a67c00",
+     "the same as video/x-raw: 1080p, a picture in each buffer"),
     (PYTHON, "Python", "python.py", "vellox", "#2b6a99",
      "the Python module; ages end where read() has returned"),
     (PYTHON_IN_PLACE, "Python, in place", "python.py", "vellox-acquire", "#12304a",

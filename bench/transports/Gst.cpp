@@ -1,8 +1,9 @@
 /// GStreamer elements in pipelines inside the process, without clock synchronisation and with
 /// queues of one buffer: appsrc ! SINK and SOURCE ! appsink. Variant "shm": shmsink and shmsrc.
 /// "vlx": vlxsink and vlxsrc; "vlx-shared": with frames in shared memory. Packets are samples of an
-/// audio stream whose rate is that of the packets; all variants fill up the last sample. Buffers
-/// are of the allocator that the sink offers, as those of GStreamer's own sources are.
+/// audio stream whose rate is that of the packets; all variants fill up the last sample. Packets of
+/// "vlx-video" are pictures of 1080p video instead. Buffers are of the allocator that the sink
+/// offers, as those of GStreamer's own sources are.
 
 #include <deque>
 #include <memory>
@@ -31,14 +32,21 @@ bool isOurs(const Plan& plan)
     return plan.variant.starts_with("vlx");
 }
 
+std::string describeMedia(const Plan& plan)
+{
+    if (plan.variant == "vlx-video")
+        return "video/x-raw,format=I420,width=1920,height=1080,framerate=" +
+               std::to_string(plan.rate) + "/1";
+    return "audio/x-raw,format=S32LE,layout=interleaved,channel-mask=(bitmask)0,channels=" +
+           std::to_string(Channels) +
+           ",rate=" + std::to_string(countSamples(sizeof(PacketHeader) + plan.bytes) * plan.rate);
+}
+
 std::string describeSender(const Plan& plan)
 {
     return std::string("appsrc name=end format=time block=true max-buffers=1 ") +
            (isOurs(plan)
-                ? "is-live=true do-timestamp=true caps=audio/x-raw,format=S32LE,layout=interleaved,"
-                  "channel-mask=(bitmask)0,channels=" +
-                      std::to_string(Channels) + ",rate=" +
-                      std::to_string(countSamples(sizeof(PacketHeader) + plan.bytes) * plan.rate) +
+                ? "is-live=true do-timestamp=true caps=" + describeMedia(plan) +
                       " ! vlxsink socket-name=" + plan.name +
                       (plan.variant == "vlx" ? "" : " shared-memory=always")
                 : "! shmsink wait-for-connection=false socket-path=" + plan.getPath(".shm")) +
