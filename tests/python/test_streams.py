@@ -298,8 +298,8 @@ def test_the_log_goes_to_python_until_ctrl_c(name, caplog, monkeypatch):
             patch.setattr(logging.getLogger("vellox"), "handle", interrupt)
             with pytest.raises(KeyboardInterrupt):
                 sender.send(SILENCE)
-        with pytest.raises(vellox.TimedOut):
-            vellox.Consumer(name).read(0.01)
+        receiver = vellox.Consumer(name)
+        wait_until(lambda: pytest.raises(TimeoutError, receiver.read, 0.01) and caplog.records)
     record = caplog.records[0]
     assert record.name == "vellox"
     assert record.pathname.endswith(".cpp")
