@@ -1,8 +1,6 @@
 // "vlx send": its inputs, its clocks, and what it does when something is late.
 
 #include <algorithm>
-#include <map>
-#include <mutex>
 #include <thread>
 
 #include <fcntl.h>
@@ -12,7 +10,6 @@
 
 #include "audio/AudioInput.hpp"
 #include "common/StopSignal.hpp"
-#include "support/RecordedReceiver.hpp"
 #include "support/TestProvider.hpp"
 #include "tool/ToolFixture.hpp"
 
@@ -21,8 +18,6 @@ namespace vlx::testing
 
 namespace
 {
-
-using std::chrono::milliseconds;
 
 class SendTest : public ToolTest
 {
@@ -160,85 +155,6 @@ TEST_F(SendTest, WavFromAPipeIsSentAndOtherInputIsRefused)
     expectRefusal(send({"-", "--raw"}), 1, "empty");
 }
 
-/// A FIFO from whose other end the tool reads.
-class FifoWriter
-{
-public:
-    explicit FifoWriter(const std::string& path, int size)
-    {
-        EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
-        m_fd = Descriptor(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-        EXPECT_GE(::fcntl(m_fd.get(), F_SETPIPE_SZ, size), size);
-    }
-
-    /// @return whether it found room at once
-    bool write(const std::string& bytes) const
-    {
-        const auto tryWrite = [&]
-        { return ::write(m_fd.get(), bytes.data(), bytes.size()) == ssize_t(bytes.size()); };
-        const bool hasRoom = tryWrite();
-        EXPECT_TRUE(hasRoom || waitFor(tryWrite));
-        return hasRoom;
-    }
-
-private:
-    Descriptor m_fd;
-};
-
-TEST_F(SendTest, AWriterIsNeverHeldUpByASmallPipe)
-{
-    constexpr auto PieceLength = milliseconds(20);
-    constexpr int NumPieces = 75;
-    const std::string piece(
-        std::size_t{Rate} / 50 * 4, '\1'); // it fits in when the pipe is almost empty
-    const FifoWriter fifo(file("fifo"), 4096);
-    ToolProcess sender(send({file("fifo"), "-f", "s16", "--report", file("s.json")}));
-    int numHeld = 0;
-    ASSERT_TRUE(fifo.write(piece));
-    fifo.write(piece); // it finds room once the sender reads
-    auto due = std::chrono::steady_clock::now();
-    for (int i = 0; i < NumPieces; ++i)
-    {
-        std::this_thread::sleep_until(due += PieceLength); // the pace of a live source
-        numHeld += fifo.write(piece) ? 0 : 1;
-    }
-    // On a busy machine it is now and then.
-    EXPECT_LT(numHeld, NumPieces / 5);
-    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
-    EXPECT_LT(std::abs(readJson(file("s.json"))["speed_ppm"].get<double>()), 2500);
-}
-
-TEST_F(SendTest, InputThatIsAlwaysReadyIsStampedExactly)
-{
-    const FifoWriter fifo(file("fifo"), 1 << 16);
-    ToolProcess sender(send({file("fifo"), "-f", "s16", "-d", "2s", "--report", file("s.json")}));
-    std::atomic<bool> keepRunning = true;
-    std::thread writer(
-        [&]
-        {
-            while (keepRunning)
-                fifo.write(std::string(4096, '\1'));
-        });
-    EXPECT_EQ(sender.wait(), 0) << sender.getErrors();
-    keepRunning = false;
-    const Descriptor reader(::open(file("fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    std::string rest(1 << 16, '\0');
-    EXPECT_GT(::read(reader.get(), rest.data(), rest.size()), 0); // frees the writer
-    writer.join();
-    const json report = readJson(file("s.json"));
-    EXPECT_EQ(report["samples"], 2 * Rate);
-    EXPECT_EQ(report["speed_ppm"], 0);
-    // A run begins anew only where this machine was too busy to send.
-    const json& first = report["runs"].at(0);
-    for (const json& run : report["runs"])
-    {
-        const std::int64_t expected = first["timestamp"].get<std::int64_t>() +
-                                      run["sample"].get<std::int64_t>() * 1'000'000'000 / Rate;
-        const std::int64_t late = run["timestamp"].get<std::int64_t>() - expected;
-        EXPECT_TRUE(run == first || late > 400'000'000) << report["runs"];
-    }
-}
-
 TEST_F(SendTest, FifoWithoutAWriterEndsAtStopAndTimeout)
 {
     for (const std::string name : {"a.wav", "a.raw"})
@@ -272,53 +188,6 @@ TEST_F(SendTest, FilesInARowBeginASequenceWhereTheFormatChanges)
 TEST_F(SendTest, LastFrameIsWaitedForAsLongAsItIs)
 {
     runTool(send({"--silence", "--frame", "1h", "-d", "50ms"}));
-}
-
-TEST_F(SendTest, CatchingUpAfterAPauseIsNoBurst)
-{
-    constexpr TimeValue FrameNs = 10'000'000;
-    constexpr auto QuarterPause = milliseconds(75);
-    std::mutex mutex;
-    std::map<TimeValue, TimeValue> arrivals; // by timestamp
-    RecordedReceiver receiver;
-    receiver.onEvent(
-        [&](const std::string& event)
-        {
-            if (!event.starts_with("frame "))
-                return;
-            const std::lock_guard<std::mutex> lock(mutex);
-            arrivals[std::stoull(event.substr(6))] = miscUtils::getMonotonicSysclockTime();
-        });
-    const auto hasFrameSince = [&](TimeValue time)
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return !arrivals.empty() && arrivals.rbegin()->first >= time;
-    };
-    ASSERT_TRUE(receiver.start(getSocketName()));
-    ToolProcess sender(send({"--tone", "440"}));
-
-    // A frame that became due in the pause leaves after all that were due before it, each of which
-    // takes half its length. A busy machine only makes it later. Far too busy, it catches up with
-    // nothing: then another pause is made.
-    std::size_t numLate = 0;
-    const auto pause = [&]
-    {
-        const TimeValue now = miscUtils::getMonotonicSysclockTime();
-        EXPECT_TRUE(waitFor([&] { return hasFrameSince(now); }));
-        sender.suspend();
-        std::this_thread::sleep_for(QuarterPause);
-        const TimeValue begin = miscUtils::getMonotonicSysclockTime(); // it stands still by now
-        std::this_thread::sleep_for(3 * QuarterPause);
-        const TimeValue end = miscUtils::getMonotonicSysclockTime();
-        sender.signal(SIGCONT);
-        EXPECT_TRUE(waitFor([&] { return hasFrameSince(end); }));
-        const std::lock_guard<std::mutex> lock(mutex);
-        const auto last = arrivals.lower_bound(end);
-        for (auto it = arrivals.lower_bound(begin + 10 * FrameNs); it != last; ++it, ++numLate)
-            EXPECT_GE(it->second, end + (it->first - begin) / 2 - FrameNs) << numLate;
-        return numLate > 0 || HasFailure();
-    };
-    EXPECT_TRUE(waitFor(pause));
 }
 
 TEST_F(SendTest, TimestampsFollowAClockThatJumps)
