@@ -645,23 +645,34 @@ TEST_F(ConsumerTest, SaysWhereThisUserMayNotWrite)
         GTEST_SKIP() << "only root can become another user";
     constexpr uid_t OtherUser = 65534;
     ASSERT_EQ(::chmod(getTempDirectory().c_str(), 01777), 0);
-    for (const bool isThereFirst : {true, false})
+    struct Row
+    {
+        NanomsgProtocol protocol;
+        bool isThereFirst;
+        std::string problem;
+        std::string mode;
+    };
+    for (const Row& row :
+         {Row{NanomsgProtocol::PubSub, true, "write to", " (mode 0755)"},
+          Row{NanomsgProtocol::PubSub, false, "write to", " (mode 0755)"},
+          Row{NanomsgProtocol::Pipeline, true, "create", ""}})
     {
         RecordedConsumer consumer({.name = getSocketName(), .stallTimeout = 0ns});
         std::optional<ScriptedSender> sender;
-        if (isThereFirst)
-            sender.emplace(getSocketName());
+        const Script script{.protocol = row.protocol};
+        if (row.isThereFirst)
+            sender.emplace(getSocketName(), script);
         becomeUser(OtherUser);
         EXPECT_TRUE(consumer.start());
         becomeUser(0);
-        if (!isThereFirst)
+        if (!row.isThereFirst)
         {
             EXPECT_TRUE(log().waitFor(DebugLog("Receiver initialized")));
-            sender.emplace(getSocketName());
+            sender.emplace(getSocketName(), script);
         }
         EXPECT_TRUE(consumer.waitForEvent(
-            "not permitted: this user may not write to \"" + sender->getDirectory() +
-            "/nanomsgChannel.ipc\" (mode 0755), the socket file of \"" + getSocketName() +
+            "not permitted: this user may not " + row.problem + " \"" + sender->getDirectory() +
+            "/nanomsgChannel.ipc\"" + row.mode + ", the socket file of \"" + getSocketName() +
             "\": give its sender --socket-mode group or all"));
         EXPECT_EQ(consumer.count("joined"), 0U);
         consumer.stop("not permitted");

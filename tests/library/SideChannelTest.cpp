@@ -3,6 +3,7 @@
 
 #include <vlx/SideChannel.hpp>
 
+#include "base/SenderDirectory.hpp"
 #include "support/VlxTest.hpp"
 
 namespace vlx
@@ -86,6 +87,23 @@ TEST(SideChannelTest, NamesAreReadExactly)
     }
     EXPECT_EQ(toTimeSyncProtocol("pubsub"), TimeSyncProtocol::Unknown);
     EXPECT_EQ(toNanomsgProtocol("sysclock"), NanomsgProtocol::Unknown);
+}
+
+TEST(SenderDirectoryTest, OnlyTheUriOfASocketFileHasOne)
+{
+    const std::string directory = "/tmp/VlxSender-aZ09xy";
+    const std::string file = directory + "/nanomsgChannel.ipc";
+    EXPECT_EQ(findSenderDirectory("ipc://" + file), directory);
+    const std::string longest = std::string(MaxSocketPathLength - file.size(), '/');
+    EXPECT_EQ(findSenderDirectory("ipc://" + longest + file), longest + directory);
+    for (const std::string& uri :
+         {std::string(), file, "tcp://" + file, "ipc:///" + longest + file, "ipc://" + directory,
+          "ipc://" + directory + "/other", "ipc://" + directory + "/../nanomsgChannel.ipc",
+          "ipc://" + file.substr(1), std::string("ipc://VlxSender-aZ09xy/nanomsgChannel.ipc"),
+          std::string("ipc:///tmp/VlxSender-aZ09x/nanomsgChannel.ipc"),
+          std::string("ipc:///tmp/VlxSender-aZ09xyz/nanomsgChannel.ipc"),
+          std::string("ipc:///tmp/VlxSender-aZ0.xy/nanomsgChannel.ipc")})
+        EXPECT_EQ(findSenderDirectory(uri), "") << uri;
 }
 
 } // namespace vlx

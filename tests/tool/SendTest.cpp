@@ -155,6 +155,85 @@ TEST_F(SendTest, WavFromAPipeIsSentAndOtherInputIsRefused)
     expectRefusal(send({"-", "--raw"}), 1, "empty");
 }
 
+/// A FIFO from whose other end the tool reads.
+class FifoWriter
+{
+public:
+    explicit FifoWriter(const std::string& path, int size)
+    {
+        EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
+        m_fd = Descriptor(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+        EXPECT_GE(::fcntl(m_fd.get(), F_SETPIPE_SZ, size), size);
+    }
+
+    /// @return whether it found room at once
+    bool write(const std::string& bytes) const
+    {
+        const auto tryWrite = [&]
+        { return ::write(m_fd.get(), bytes.data(), bytes.size()) == ssize_t(bytes.size()); };
+        const bool hasRoom = tryWrite();
+        EXPECT_TRUE(hasRoom || waitFor(tryWrite));
+        return hasRoom;
+    }
+
+private:
+    Descriptor m_fd;
+};
+
+TEST_F(SendTest, AWriterIsNeverHeldUpByASmallPipe)
+{
+    constexpr auto PieceLength = std::chrono::milliseconds(20);
+    constexpr int NumPieces = 75;
+    const std::string piece(
+        std::size_t{Rate} / 50 * 4, '\1'); // it fits in when the pipe is almost empty
+    const FifoWriter fifo(file("fifo"), 4096);
+    ToolProcess sender(send({file("fifo"), "-f", "s16", "--report", file("s.json")}));
+    int numHeld = 0;
+    ASSERT_TRUE(fifo.write(piece));
+    fifo.write(piece); // it finds room once the sender reads
+    auto due = std::chrono::steady_clock::now();
+    for (int i = 0; i < NumPieces; ++i)
+    {
+        std::this_thread::sleep_until(due += PieceLength); // the pace of a live source
+        numHeld += fifo.write(piece) ? 0 : 1;
+    }
+    // On a busy machine it is now and then.
+    EXPECT_LT(numHeld, NumPieces / 5);
+    EXPECT_EQ(sender.stop(), 128 + SIGTERM);
+    EXPECT_LT(std::abs(readJson(file("s.json"))["speed_ppm"].get<double>()), 2500);
+}
+
+TEST_F(SendTest, InputThatIsAlwaysReadyIsStampedExactly)
+{
+    const FifoWriter fifo(file("fifo"), 1 << 16);
+    ToolProcess sender(send({file("fifo"), "-f", "s16", "-d", "2s", "--report", file("s.json")}));
+    std::atomic<bool> keepRunning = true;
+    std::thread writer(
+        [&]
+        {
+            while (keepRunning)
+                fifo.write(std::string(4096, '\1'));
+        });
+    EXPECT_EQ(sender.wait(), 0) << sender.getErrors();
+    keepRunning = false;
+    const Descriptor reader(::open(file("fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    std::string rest(1 << 16, '\0');
+    EXPECT_GT(::read(reader.get(), rest.data(), rest.size()), 0); // frees the writer
+    writer.join();
+    const json report = readJson(file("s.json"));
+    EXPECT_EQ(report["samples"], 2 * Rate);
+    EXPECT_EQ(report["speed_ppm"], 0);
+    // A run begins anew only where this machine was too busy to send.
+    const json& first = report["runs"].at(0);
+    for (const json& run : report["runs"])
+    {
+        const std::int64_t expected = first["timestamp"].get<std::int64_t>() +
+                                      run["sample"].get<std::int64_t>() * 1'000'000'000 / Rate;
+        const std::int64_t late = run["timestamp"].get<std::int64_t>() - expected;
+        EXPECT_TRUE(run == first || late > 400'000'000) << report["runs"];
+    }
+}
+
 TEST_F(SendTest, FifoWithoutAWriterEndsAtStopAndTimeout)
 {
     for (const std::string name : {"a.wav", "a.raw"})
@@ -185,9 +264,12 @@ TEST_F(SendTest, FilesInARowBeginASequenceWhereTheFormatChanges)
     EXPECT_GT(runs.at(0)["timestamp"], miscUtils::getMonotonicSysclockTime());
 }
 
-TEST_F(SendTest, LastFrameIsWaitedForAsLongAsItIs)
+TEST_F(SendTest, FramesAreAsLongAsAskedFor)
 {
-    runTool(send({"--silence", "--frame", "1h", "-d", "50ms"}));
+    runTool(send({"--silence", "--frame", "1h", "-d", "50ms"})); // it is waited for
+    runTool(send(
+        {"--silence", "-r", "22050", "--frame", "7ms", "-d", "140ms", "--report", file("s.json")}));
+    EXPECT_EQ(readJson(file("s.json"))["frames"], 21) << "of 154 samples, and one of 7";
 }
 
 TEST_F(SendTest, TimestampsFollowAClockThatJumps)
