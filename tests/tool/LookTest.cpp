@@ -262,7 +262,7 @@ TEST_F(LookTest, AnyMediaIsShownByItsCaps)
         SCOPED_TRACE(row.shown);
         kit::PlainPayloader payloader(kit::MediaFourcc, Buffer(row.caps.begin(), row.caps.end()));
         OpenSender sender(getSocketName(), payloader);
-        EXPECT_THAT(runTool({"list"}).output, HasSubstr("  " + row.shown + "  sysclock"));
+        EXPECT_THAT(runTool({"list"}).output, HasSubstr("  " + row.shown + "  "));
         EXPECT_THAT(runTool({"info", getSocketName()}).output, HasSubstr(" " + row.shown + "\n"));
         const json info = json::parse(runTool({"info", "--json", getSocketName()}).output);
         EXPECT_EQ(info["codec"], "VLXM");
