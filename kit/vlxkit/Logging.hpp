@@ -48,7 +48,7 @@ VLX_API bool isLogReceived();
 /// plugins and language bindings, before their first LogListener.
 ///
 /// The threads serve appenders with AsyncAppend alone. If the program itself has an appender or a
-/// logger of log4cplus, nothing happens.
+/// logger of log4cplus, nothing happens. If not, it cannot use AsyncAppend later.
 ///
 /// @thread any
 VLX_API void endLogThreads();
