@@ -167,7 +167,7 @@ private:
     int m_openersPolicy = 0;
     sched_param m_openersParameters{};
     // Without a receiver of the log, log4cplus complains on standard error.
-    const kit::LogListener m_silence{kit::LogLevel::Error, [](const kit::LogLine& /*line*/) {}};
+    const kit::LogListener m_silence{kit::LogLevel::Error, nullptr};
     std::thread m_thread;
 
     // Guarded by m_mutex.

@@ -73,6 +73,8 @@ public:
     ForwardingAppender(LogLevel level, std::function<void(const LogLine&)> onLine)
         : m_level(level), m_onLine(std::move(onLine))
     {
+        if (!m_onLine)
+            setName(LOG4CPLUS_C_STR_TO_TSTRING(LibraryError::Name)); // receives nothing
     }
 
     ~ForwardingAppender() override

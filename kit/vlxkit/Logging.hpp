@@ -67,7 +67,8 @@ public:
     /// @param level   least severe level that is handed over
     /// @param onLine  called on the thread that logs, one call at a time, and never again once the
     ///                destructor has returned; must not throw, call the library, destroy the
-    ///                listener, or wait for a lock that is held while the library is called
+    ///                listener, or wait for a lock that is held while the library is called.
+    ///                Not set: lines are dropped, and isLogReceived() ignores this listener
     VLX_API LogListener(LogLevel level, std::function<void(const LogLine&)> onLine);
     VLX_API ~LogListener();
 

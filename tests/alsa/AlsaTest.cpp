@@ -968,11 +968,15 @@ TEST_F(AlsaTest, AForkedChildClosesTheDeviceAndExitsAndItsParentPlaysOn)
 {
     const std::string device = "vlx:" + getSocketName();
     Listener listener(getSocketName() + "-b");
-    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
-             {ALSA_HOST}, {ALSA_HOST, device + "-a", device + "-b"}})
+    for (const std::vector<std::string>& devices :
+         std::vector<std::vector<std::string>>{{}, {device + "-a", device + "-b"}})
     {
+        // A sanitizer does not find the leaks of a forked child, and prints that.
+        std::vector<std::string> arguments = {
+            "/usr/bin/env", "LSAN_OPTIONS=detect_leaks=0", ALSA_HOST};
+        arguments.insert(arguments.end(), devices.begin(), devices.end());
         ChildProcess host(arguments);
-        if (arguments.size() > 1)
+        if (!devices.empty())
             listener.join();
         host.finish();
         std::vector<std::string> lines;
