@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <cstdint>
 
 #include <gst/video/video.h>
@@ -137,6 +138,10 @@ bool isAllowed(const GValue* value)
         const gchar* const text = g_value_get_string(value);
         return text != nullptr && g_utf8_validate(text, -1, nullptr) != FALSE;
     }
+    if (G_VALUE_HOLDS_DOUBLE(value))
+        return std::isfinite(g_value_get_double(value));
+    if (G_VALUE_HOLDS_FLOAT(value))
+        return std::isfinite(g_value_get_float(value));
     return isAllowed(G_VALUE_TYPE(value));
 }
 
@@ -152,8 +157,7 @@ public:
         if (!std::all_of(m_rest.begin(), m_rest.end(), isPrintable))
             return false;
         const std::string_view name = takeName();
-        if (name.empty() || name == "ANY" || name == "EMPTY" || name == "NONE" ||
-            name.starts_with("audio/x-raw-") || name.starts_with("video/x-raw-")) // of long ago
+        if (name.empty() || name == "ANY" || name == "EMPTY" || name == "NONE")
             return false;
         take("(memory:SystemMemory)");
         int numFields = 0;

@@ -1,7 +1,6 @@
 #include "MediaFormat.hpp"
 
 #include <algorithm>
-#include <bit>
 #include <utility>
 
 namespace vlx::gst
@@ -27,21 +26,6 @@ const GstAudioMeta* findPlanes(GstBuffer* buffer)
                : nullptr;
 }
 
-/// @return whether speakers have positions that GStreamer takes without a warning
-bool hasValidPositions(const GstStructure* fields)
-{
-    gint channels = 0;
-    guint64 mask = 0;
-    if (gst_structure_get_int(fields, "channels", &channels) == FALSE ||
-        gst_structure_get(fields, "channel-mask", GST_TYPE_BITMASK, &mask, nullptr) == FALSE ||
-        mask == 0)
-        return true;
-    GstAudioChannelPosition positions[64];
-    return channels == std::popcount(mask) &&
-           gst_audio_channel_positions_from_mask(channels, mask, positions) != FALSE &&
-           gst_audio_check_valid_channel_positions(positions, channels, FALSE) != FALSE;
-}
-
 bool hasDefaultPlanes(const GstVideoMeta& meta, const GstVideoInfo& info)
 {
     return meta.n_planes == GST_VIDEO_INFO_N_PLANES(&info) &&
@@ -62,8 +46,10 @@ std::optional<MediaFormat> MediaFormat::parse(std::string_view text)
     if (gst_structure_has_name(fields, "video/x-raw") != FALSE &&
         gst_video_info_from_caps(&format.m_video.emplace(), format.getCaps()) == FALSE)
         return std::nullopt;
+    gint channels = 1; // GStreamer fails an assertion if there are 0
+    gst_structure_get_int(fields, "channels", &channels);
     if (gst_structure_has_name(fields, "audio/x-raw") != FALSE &&
-        (!hasValidPositions(fields) ||
+        (channels < 1 ||
          gst_audio_info_from_caps(&format.m_audio.emplace(), format.getCaps()) == FALSE))
         return std::nullopt;
     return format;

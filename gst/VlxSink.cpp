@@ -77,7 +77,7 @@ enum class ClockChoice
 constexpr int SharedForMedia = 3;
 
 // Far more than a receiver on a busy machine needs to copy a frame.
-constexpr auto MediaSpan = std::chrono::milliseconds(250);
+constexpr auto MediaSpan = std::chrono::milliseconds(500);
 constexpr std::size_t MaxMediaMemory = 256 << 20;
 
 // Between frames without a duration.
