@@ -26,6 +26,35 @@ const GstAudioMeta* findPlanes(GstBuffer* buffer)
                : nullptr;
 }
 
+struct Limit
+{
+    const char* field;
+    gint max;
+};
+
+// GstAudioInfo has room for 64 channels.
+constexpr Limit Limits[] = {
+    {"channels", 64}, {"rate", G_MAXINT}, {"width", 65'535}, {"height", 65'535}, {"views", 64},
+};
+
+/// @return whether GStreamer can compute with the numbers of raw media, which it does not check
+bool isInLimits(const GstStructure* fields)
+{
+    gint pixelWidth = 1;
+    gint frames = 0;
+    gint denominator = 1;
+    gst_structure_get_fraction(fields, "pixel-aspect-ratio", &pixelWidth, &denominator);
+    gst_structure_get_fraction(fields, "framerate", &frames, &denominator);
+    const auto isInLimit = [fields](const Limit& limit)
+    {
+        gint value = 1;
+        gst_structure_get_int(fields, limit.field, &value);
+        return 1 <= value && value <= limit.max;
+    };
+    return pixelWidth > 0 && frames >= 0 &&
+           std::all_of(std::begin(Limits), std::end(Limits), isInLimit);
+}
+
 bool hasDefaultPlanes(const GstVideoMeta& meta, const GstVideoInfo& info)
 {
     return meta.n_planes == GST_VIDEO_INFO_N_PLANES(&info) &&
@@ -43,14 +72,17 @@ std::optional<MediaFormat> MediaFormat::parse(std::string_view text)
         return std::nullopt;
     format.m_text = text;
     const GstStructure* const fields = gst_caps_get_structure(format.getCaps(), 0);
-    if (gst_structure_has_name(fields, "video/x-raw") != FALSE &&
-        gst_video_info_from_caps(&format.m_video.emplace(), format.getCaps()) == FALSE)
+    const bool isVideo = gst_structure_has_name(fields, "video/x-raw") != FALSE;
+    const bool isAudio = gst_structure_has_name(fields, "audio/x-raw") != FALSE;
+    if ((isVideo || isAudio) && !isInLimits(fields))
         return std::nullopt;
-    gint channels = 1; // GStreamer fails an assertion if there are 0
-    gst_structure_get_int(fields, "channels", &channels);
-    if (gst_structure_has_name(fields, "audio/x-raw") != FALSE &&
-        (channels < 1 ||
-         gst_audio_info_from_caps(&format.m_audio.emplace(), format.getCaps()) == FALSE))
+    if (isVideo &&
+        (gst_video_info_from_caps(&format.m_video.emplace(), format.getCaps()) == FALSE ||
+         GST_VIDEO_INFO_SIZE(&*format.m_video) == 0))
+        return std::nullopt;
+    if (isAudio &&
+        (gst_audio_info_from_caps(&format.m_audio.emplace(), format.getCaps()) == FALSE ||
+         GST_AUDIO_INFO_BPF(&*format.m_audio) == 0))
         return std::nullopt;
     return format;
 }

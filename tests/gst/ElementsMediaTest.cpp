@@ -320,6 +320,9 @@ TEST_F(ElementsMediaTest, OnlyPlainCapsAreAccepted)
     std::string fields;
     for (int i = 0; i < 300; ++i)
         fields += ", f" + std::to_string(i) + "=(int)1";
+    const std::string picture = "video/x-raw, format=(string)";
+    const std::string sound = "audio/x-raw, layout=(string)interleaved, "
+                              "channel-mask=(bitmask)0x0000000000000000, format=(string)";
     const std::pair<std::string, bool> rows[] = {
         {"video/x-raw, format=(string)I420, width=(int)64, height=(int)64, framerate=(fraction)0/1",
          true},
@@ -356,6 +359,20 @@ TEST_F(ElementsMediaTest, OnlyPlainCapsAreAccepted)
         {"a/b, x=(string)" + std::string(kit::MaxMediaCapsBytes, 'x'), false},
         {"video/x-raw, format=(string)I420, width=(int)8", false},
         {"audio/x-raw, format=(string)S16LE, rate=(int)1, channels=(int)-1", false},
+        {picture + "I420, width=(int)65536, height=(int)1", false},
+        {picture + "I420, width=(int)-16, height=(int)16", false},
+        {picture + "I420, width=(int)16, height=(int)0", false},
+        {picture + "ENCODED, width=(int)16, height=(int)16", false},
+        {picture + "I420, width=(int)16, height=(int)16, views=(int)-1", false},
+        {picture + "I420, width=(int)16, height=(int)16, framerate=(fraction)-1/1", false},
+        {picture + "I420, width=(int)16, height=(int)16, pixel-aspect-ratio=(fraction)0/1", false},
+        {sound + "S16LE, rate=(int)8000, channels=(int)64", true},
+        {sound + "S16LE, rate=(int)8000, channels=(int)65", false},
+        {sound + "S16LE, rate=(int)8000, channels=(int)0", false},
+        {sound + "S16LE, rate=(int)8000, channels=(int)-64", false},
+        {sound + "S32LE, rate=(int)8000, channels=(int)134217728", false},
+        {sound + "S16LE, rate=(int)0, channels=(int)1", false},
+        {sound + "ENCODED, rate=(int)8000, channels=(int)1", false},
     };
     for (const auto& [text, isAccepted] : rows)
         EXPECT_EQ(gst::MediaFormat::parse(text).has_value(), isAccepted) << text.substr(0, 200);
