@@ -13,6 +13,7 @@
 #include <log4cplus/config.hxx>
 #include <log4cplus/logger.h>
 #include <log4cplus/spi/loggingevent.h>
+#include <unistd.h>
 
 #include <vlxkit/Logging.hpp>
 
@@ -116,19 +117,33 @@ private:
     std::function<void(const LogLine&)> m_onLine;
 };
 
+const pid_t loadedBy = ::getpid();
+
 std::mutex mutex;
 // Guarded by mutex.
 std::vector<const ForwardingAppender*> listeners;
-log4cplus::LogLevel formerLevel = log4cplus::NOT_SET_LOG_LEVEL; // before the first listener
-std::optional<log4cplus::LogLevel> configuredLevel;             // of a program with appenders
+log4cplus::LogLevel formerLevel = log4cplus::NOT_SET_LOG_LEVEL; // of the program
+std::optional<log4cplus::LogLevel> configuredLevel;             // if the program has appenders
+std::optional<log4cplus::LogLevel> ourLevel;                    // that was set last, for listeners
 
 /// @pre mutex is held
 void adjustLevel()
 {
+    log4cplus::Logger logger = getLogger();
+    if (logger.getLogLevel() != ourLevel) // the program has set it, before or since
+    {
+        formerLevel = logger.getLogLevel();
+        configuredLevel.reset();
+        if (hasAppender())
+            configuredLevel = logger.getChainedLogLevel();
+    }
     log4cplus::LogLevel level = configuredLevel.value_or(log4cplus::OFF_LOG_LEVEL);
     for (const ForwardingAppender* listener : listeners)
         level = std::min(level, look(listener->getLevel()).value);
-    getLogger().setLogLevel(listeners.empty() ? formerLevel : level);
+    ourLevel.reset();
+    if (!listeners.empty())
+        ourLevel = level;
+    logger.setLogLevel(ourLevel.value_or(formerLevel));
 }
 
 std::mutex printerMutex;
@@ -162,15 +177,20 @@ bool isLogReceived()
 
 void endLogThreads()
 {
+    if (::getpid() != loadedBy) // would wait for threads of the parent
+        return;
     const std::lock_guard<std::mutex> lock(mutex);
-    const auto loggers = log4cplus::Logger::getCurrentLoggers();
-    const bool isUsed =
-        std::any_of(
-            loggers.begin(), loggers.end(),
-            [](const log4cplus::Logger& logger)
-            { return logger.getName().compare(0, 6, LOG4CPLUS_TEXT("Vellox")) != 0; }) ||
-        !log4cplus::Logger::getRoot().getAllAppenders().empty() ||
-        !getLogger().getAllAppenders().empty();
+    auto loggers = log4cplus::Logger::getCurrentLoggers();
+    const bool isUsed = !log4cplus::Logger::getRoot().getAllAppenders().empty() ||
+                        std::any_of(
+                            loggers.begin(), loggers.end(),
+                            [](log4cplus::Logger& logger)
+                            {
+                                const log4cplus::tstring name =
+                                    logger.getName() + LOG4CPLUS_TEXT('.');
+                                return name.compare(0, 7, LOG4CPLUS_TEXT("Vellox.")) != 0 ||
+                                       !logger.getAllAppenders().empty();
+                            });
     if (!isUsed)
         log4cplus::deinitialize();
 }
@@ -183,13 +203,6 @@ public:
     {
         const std::lock_guard<std::mutex> lock(mutex);
         log4cplus::Logger logger = getLogger();
-        if (listeners.empty())
-        {
-            formerLevel = logger.getLogLevel();
-            configuredLevel.reset();
-            if (hasAppender())
-                configuredLevel = logger.getChainedLogLevel();
-        }
         listeners.push_back(m_appender);
         adjustLevel();
         logger.addAppender(m_holder);

@@ -47,8 +47,12 @@ VLX_API bool isLogReceived();
 /// this process can end by exit(), which waits for them although the child does not have them. For
 /// plugins and language bindings, before their first LogListener.
 ///
-/// The threads serve appenders with AsyncAppend alone. If the program itself has an appender or a
-/// logger of log4cplus, nothing happens. If not, it cannot use AsyncAppend later.
+/// Nothing happens in a child that was forked after the library was loaded, nor if the program
+/// itself has an appender or a logger of log4cplus.
+///
+/// The threads serve only appenders with the property AsyncAppend; such an appender crashes once
+/// the threads have ended. A program that uses one configures log4cplus first, or at least gets a
+/// logger.
 ///
 /// @thread any
 VLX_API void endLogThreads();

@@ -10,6 +10,9 @@
 #include <gtest/gtest.h>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
+#include <log4cplus/nullappender.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <vlxkit/Logging.hpp>
 
@@ -171,12 +174,47 @@ TEST_F(LoggingTest, PrintsTheLibrarysLinesOnceAndUndoesWhatItChanged)
         EXPECT_EQ(library.getLogLevel(), levelBefore);
         EXPECT_EQ(library.getAllAppenders().size(), numAppenders);
     }
+
+    {
+        const Logging logging;
+        library.setLogLevel(log4cplus::ERROR_LOG_LEVEL);
+        const Logging another;
+    }
+    EXPECT_EQ(library.getLogLevel(), log4cplus::ERROR_LOG_LEVEL) << "the program has set it since";
+}
+
+TEST_F(LoggingTest, AForkedChildWaitsForNoThread)
+{
+    const pid_t child = ::fork();
+    if (child == 0)
+    {
+        ::alarm(20);
+        log4cplus::Logger::getRoot().removeAllAppenders();
+        m_library.removeAllAppenders();
+        endLogThreads();
+        ::_exit(0);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(LoggingTest, TheThreadsOfAProgramsOwnLogStay)
 {
     endLogThreads();
     EXPECT_TRUE(isLogReceived()) << "the program's appenders are gone";
+
+    log4cplus::Logger::getRoot().removeAllAppenders();
+    m_library.removeAllAppenders();
+    for (const char* const name : {"Vellox.Kit", "VelloxPlayer"})
+    {
+        log4cplus::Logger logger = log4cplus::Logger::getInstance(name);
+        const log4cplus::SharedAppenderPtr appender(new log4cplus::NullAppender);
+        logger.addAppender(appender);
+        endLogThreads();
+        EXPECT_EQ(logger.getAllAppenders().size(), 1U) << name;
+        logger.removeAppender(appender);
+    }
 }
 
 } // unnamed namespace
