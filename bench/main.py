@@ -54,7 +54,8 @@ def measure_all(options: argparse.Namespace, data: Path) -> bool:
     os.sched_setaffinity(0, options.cpus or sorted(os.sched_getaffinity(0))[:2])
     os.environ["GST_REGISTRY"] = str(BUILD / "gst-registry.bin")
     os.environ["GST_PLUGIN_PATH"] = str(BUILD / "gst")
-    os.environ["PYTHONPATH"] = str(BUILD / "python")
+    paths = [str(BUILD / "python"), os.environ.get("PYTHONPATH")]
+    os.environ["PYTHONPATH"] = os.pathsep.join(filter(None, paths))
     complete = True
     with tempfile.TemporaryDirectory(prefix="vb", dir="/tmp") as scratch:
         for question in options.questions:

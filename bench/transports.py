@@ -61,7 +61,7 @@ ALL = {row[0]: Transport(*row) for row in [
     (GST_VIDEO, "GStreamer vlx, video", "gst", "vlx-video", "#a67c00",
      "the same as video/x-raw: 1080p, a picture in each buffer"),
     (PYTHON, "Python", "python.py", "vellox", "#2b6a99",
-     "the Python module; ages end where read() has returned"),
+     "the Python module; ages end where the bytes can be read"),
     (PYTHON_IN_PLACE, "Python, in place", "python.py", "vellox-acquire", "#12304a",
      "the same with arrays from Producer.acquire(), in shared memory"),
     (PYZMQ, "pyzmq", "python.py", "zmq", "#9fc4de",

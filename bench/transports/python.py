@@ -1,6 +1,7 @@
 """The endpoint of Endpoint.cpp in Python: the same plan, lines and frames. Variants: "vellox", and
 "vellox-acquire" with frames in shared memory, where the sender finds them; "zmq" is pyzmq, which
-makes no copies of its own from 65,536 bytes up. Ages end where the read call has returned."""
+makes no copies of its own from 65,536 bytes up. Ages begin at the send call, when the frame is filled,
+and end where its bytes can be read."""
 
 import json
 import math
@@ -30,19 +31,18 @@ class Vellox:
         self._duration = 10**9 // self._plan["rate"]
 
     def send(self, tag, last):
-        now = time.monotonic_ns()
         frame = media = self._media
         if self._shared:
             frame = self._producer.acquire(len(media) // 4)
             media = memoryview(frame).cast("B")
         media[:TAG.size], media[-1] = tag, last
-        self._producer.send(frame, timestamp=now, duration=self._duration)
+        self._producer.send(frame, timestamp=time.monotonic_ns(), duration=self._duration)
 
     def receive(self):
         consumer = self._vellox.Consumer(self._plan["name"])
         while True:
             frame = consumer.read()
-            yield time.monotonic_ns(), frame.timestamp, memoryview(frame.data)
+            yield frame.timestamp, memoryview(frame.data)
 
 
 class Zmq:
@@ -75,7 +75,7 @@ class Zmq:
         socket.connect(self._url)
         while True:
             packet = socket.recv(copy=False).buffer
-            yield time.monotonic_ns(), *STAMP.unpack_from(packet), packet[STAMP.size:]
+            yield *STAMP.unpack_from(packet), packet[STAMP.size:]
 
 
 def say(word, result=None):
@@ -131,7 +131,8 @@ class Receiver:
 
     def _receive(self, plan, transport):
         is_first = True
-        for arrived, sent, media in transport.receive():
+        for sent, media in transport.receive():
+            arrived = time.monotonic_ns()
             epoch, phase, index = TAG.unpack_from(media)
             if len(media) != plan["bytes"] or media[-1] != index & 0xff:
                 self._corrupt += 1
