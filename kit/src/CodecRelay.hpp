@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <optional>
-#include <variant>
 
 #include <vlx/VlxPayload.hpp>
 #include <vlxkit/Consumer.hpp>
@@ -10,9 +9,6 @@
 
 namespace vlx::kit
 {
-
-/// What a stream's frames are read with.
-using FrameFormat = std::variant<StreamFormat, CodecFormat>;
 
 /// Stands between a receiver and the user of a codec's frames: keeps each frame, so that it need
 /// not be copied from the receiver, and withholds a header that only repeats the one before, so

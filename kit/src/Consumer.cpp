@@ -229,6 +229,7 @@ private:
     ConsumerClock m_announcedClock;
     ClockType m_clock = ClockType::Undetermined;
     CodecRelay* m_codec = nullptr;                                 // of the last sequence
+    std::shared_ptr<const FrameFormat> m_format;                   // of its frames, for the queue
     std::map<std::uint32_t, std::unique_ptr<CodecRelay>> m_codecs; // that the receiver knows
     RingDepayloader m_ring{[this](std::uint32_t fourcc) { return findCodec(fourcc); }};
     const std::shared_ptr<FramePool> m_pool = std::make_shared<FramePool>();
@@ -513,7 +514,10 @@ void Consumer::Impl::handleSequence(Depayloader& depayloader)
     if (!codec.hasChanged())
         return;
     if (usesQueue())
+    {
+        m_format = std::make_shared<const FrameFormat>(format);
         std::visit([this](const auto& item) { m_queue.put(item); }, format);
+    }
     const CallbackScope scope(m_callbackThread);
     if (pcm != nullptr && m_callbacks.onFormat)
         m_callbacks.onFormat(*pcm);
@@ -542,8 +546,9 @@ void Consumer::Impl::handleFrame(TimeValue timestamp, TimeValue duration)
     {
         const std::shared_ptr<FramePool> pool = m_codec->reusesMemory() ? m_pool : nullptr;
         Buffer next = pool ? pool->take() : Buffer();
-        m_queue.putFrame(
-            ReceivedFrame(frame, std::exchange(data, std::move(next)), pool), place.lengthNs);
+        ReceivedFrame received(frame, std::exchange(data, std::move(next)), pool);
+        received.format = m_format;
+        m_queue.putFrame(std::move(received), place.lengthNs);
         return;
     }
     const CallbackScope scope(m_callbackThread);

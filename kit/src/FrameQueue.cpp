@@ -72,6 +72,7 @@ ReceivedFrame& ReceivedFrame::operator=(ReceivedFrame&& other) noexcept
 {
     FrameInfo::operator=(other);
     numDropped = other.numDropped;
+    format = std::move(other.format);
     std::swap(data, other.data); // the other one gives it back
     std::swap(m_pool, other.m_pool);
     return *this;

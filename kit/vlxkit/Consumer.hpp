@@ -115,6 +115,19 @@ struct Frame : FrameInfo
     const Buffer& data; ///< valid during the callback only: copy what you keep
 };
 
+/// Codec of the frames that follow, if it is not PCM: what a decoder needs.
+struct CodecFormat
+{
+    std::uint32_t fourcc = 0; ///< code of the codec, four characters, lowest byte first
+    Buffer header;            ///< as the sender announced it
+
+    /// Memberwise comparison.
+    bool operator==(const CodecFormat&) const = default;
+};
+
+/// What a stream's frames are read with.
+using FrameFormat = std::variant<StreamFormat, CodecFormat>;
+
 class FramePool;
 
 /// One frame from a consumer's queue, which owns its data. It can be moved and kept, also longer
@@ -128,6 +141,9 @@ struct ReceivedFrame : FrameInfo
     /// Frames dropped directly before this one because the queue was full. gapNs includes their
     /// media.
     std::uint64_t numDropped = 0;
+    /// Format or codec of the frame, for threads that read in turn: another one may have read the
+    /// item that announced it. Set for every frame that read() returns.
+    std::shared_ptr<const FrameFormat> format = {};
 
     /// A frame without data.
     VLX_API ReceivedFrame();
@@ -142,16 +158,6 @@ struct ReceivedFrame : FrameInfo
 
 private:
     std::shared_ptr<FramePool> m_pool;
-};
-
-/// Codec of the frames that follow, if it is not PCM: what a decoder needs.
-struct CodecFormat
-{
-    std::uint32_t fourcc = 0; ///< code of the codec, four characters, lowest byte first
-    Buffer header;            ///< as the sender announced it
-
-    /// Memberwise comparison.
-    bool operator==(const CodecFormat&) const = default;
 };
 
 /// A change of the connection, or the reason why there is no connection.

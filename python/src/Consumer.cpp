@@ -4,7 +4,7 @@
 
 #include <vlxkit/Consumer.hpp>
 
-#include "Frame.hpp"
+#include "Support.hpp"
 
 namespace vlx::python
 {
@@ -13,6 +13,7 @@ namespace
 {
 
 using namespace py::literals;
+using Frame = kit::ReceivedFrame;
 using Kind = kit::ConsumerEvent::Kind;
 
 constexpr std::size_t MaxEvents = 1000;
@@ -44,13 +45,12 @@ private:
     void keepEvent(const kit::ConsumerEvent& event);
     void handle(const kit::ConsumerEvent& event) const;
     void checkOpen() const;
-    std::optional<Frame> accept(kit::ConsumerItem& item);
+    std::optional<Frame> accept(kit::ConsumerItem& item) const;
 
     const pid_t m_process = ::getpid();
     const std::string m_name;
     const std::optional<double> m_timeout;
     std::atomic<bool> m_isClosed = false;
-    std::shared_ptr<const Content> m_content = std::make_shared<Content>();
 
     std::mutex m_eventMutex;
     std::deque<kit::ConsumerEvent> m_events; // guarded by m_eventMutex
@@ -126,19 +126,13 @@ void Consumer::checkOpen() const
         raise(kit::ErrorCode::NotOpen, "the consumer is closed");
 }
 
-/// @return the item, if it is a frame
-std::optional<Frame> Consumer::accept(kit::ConsumerItem& item)
+/// @return the item, if it is a frame, which has its format
+std::optional<Frame> Consumer::accept(kit::ConsumerItem& item) const
 {
-    if (auto* const frame = std::get_if<kit::ReceivedFrame>(&item))
-        return Frame{std::move(*frame), m_content};
-    if (const auto* const format = std::get_if<kit::StreamFormat>(&item))
-        m_content =
-            std::make_shared<Content>(Content{*format, toPythonFormat(*format), py::none()});
-    else if (const auto* const codec = std::get_if<kit::CodecFormat>(&item))
-        m_content = std::make_shared<Content>(
-            Content{{}, py::none(), toPythonCodec(codec->fourcc, codec->header)});
-    else
-        handle(std::get<kit::ConsumerEvent>(item));
+    if (auto* const frame = std::get_if<Frame>(&item))
+        return std::move(*frame);
+    if (const auto* const event = std::get_if<kit::ConsumerEvent>(&item))
+        handle(*event);
     return std::nullopt;
 }
 

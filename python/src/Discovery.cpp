@@ -76,7 +76,7 @@ py::object probe(const py::bytes& name, std::optional<double> timeout)
     if (answer.format)
         format = toPythonFormat(*answer.format);
     else if (answer.fourcc)
-        codec = toPythonCodec(*answer.fourcc, answer.codecHeader);
+        codec = toPythonCodec({*answer.fourcc, answer.codecHeader});
     py::object clock = py::none();
     if (answer.initialInfo)
         clock = py::str(getClock(*answer.initialInfo));

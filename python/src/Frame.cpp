@@ -1,6 +1,10 @@
-#include "Frame.hpp"
+#include <memory>
+#include <variant>
 
+#include <vlxkit/Consumer.hpp>
 #include <vlxkit/Media.hpp>
+
+#include "Support.hpp"
 
 namespace vlx::python
 {
@@ -8,11 +12,20 @@ namespace vlx::python
 namespace
 {
 
+using Frame = kit::ReceivedFrame;
+
 const kit::StreamFormat& getFormat(const Frame& frame)
 {
-    if (!frame.content->format)
+    const auto* const format = std::get_if<kit::StreamFormat>(frame.format.get());
+    if (format == nullptr)
         raise(kit::ErrorCode::InvalidArgument, "the stream is not PCM: use Frame.data instead");
-    return *frame.content->format;
+    return *format;
+}
+
+py::object getCodec(const Frame& frame)
+{
+    const auto* const codec = std::get_if<kit::CodecFormat>(frame.format.get());
+    return codec != nullptr ? toPythonCodec(*codec) : py::none();
 }
 
 py::array makeReadOnly(py::array array)
@@ -24,7 +37,7 @@ py::array makeReadOnly(py::array array)
 py::array getSamples(const py::object& self)
 {
     const auto& frame = self.cast<const Frame&>();
-    const Buffer& data = frame.received.data;
+    const Buffer& data = frame.data;
     return makeReadOnly(makeArray(getFormat(frame), data.data(), data.size(), self));
 }
 
@@ -37,31 +50,38 @@ py::array makeBytes(const ByteView& bytes, const py::object& frame)
 
 py::array getData(const py::object& self)
 {
-    return makeBytes(self.cast<const Frame&>().received.data, self);
+    return makeBytes(self.cast<const Frame&>().data, self);
+}
+
+/// @return not set if it is unknown or out of range
+std::optional<TimeValue> getPts(TimeValue timestamp, const kit::MediaHead& head)
+{
+    if (!head.ptsOffsetNs)
+        return std::nullopt;
+    const TimeValue pts = timestamp + static_cast<TimeValue>(*head.ptsOffsetNs);
+    const bool wraps = (pts < timestamp) != (*head.ptsOffsetNs < 0);
+    return wraps ? std::nullopt : std::optional(pts);
 }
 
 py::object getMedia(const py::object& self)
 {
     const auto& frame = self.cast<const Frame&>();
-    const py::object& codec = frame.content->pythonCodec;
-    if (codec.is_none() || codec.attr("caps").is_none())
+    const auto* const codec = std::get_if<kit::CodecFormat>(frame.format.get());
+    if (codec == nullptr || !kit::getMediaCaps(*codec))
         return py::none();
-    const auto media = kit::parseMediaFrame(frame.received.data);
+    const auto media = kit::parseMediaFrame(frame.data);
     if (!media)
         return py::none();
     const kit::MediaHead& head = media->head;
-    std::optional<TimeValue> pts;
-    if (head.ptsOffsetNs)
-        pts = frame.received.timestamp + static_cast<TimeValue>(*head.ptsOffsetNs);
     return getType("Media")(
-        getType("MediaFlags")(head.flags), pts, head.offset, head.number,
+        getType("MediaFlags")(head.flags), getPts(frame.timestamp, head), head.offset, head.number,
         makeBytes(media->data, self));
 }
 
 const char* getClock(const Frame& frame)
 {
     using Type = Receiver::StreamClockType;
-    switch (frame.received.clock)
+    switch (frame.clock)
     {
     case Type::Undetermined:
     case Type::NoClock:
@@ -77,36 +97,36 @@ const char* getClock(const Frame& frame)
 std::string describe(const py::object& self)
 {
     const auto& frame = self.cast<const Frame&>();
-    const py::object& format = frame.content->pythonFormat;
+    const auto* const format = std::get_if<kit::StreamFormat>(frame.format.get());
     return py::str("<vellox.Frame {} ns, {} bytes, {}>")
         .format(
-            frame.received.timestamp, frame.received.data.size(),
-            format.is_none() ? frame.content->pythonCodec : format);
+            frame.timestamp, frame.data.size(),
+            format != nullptr ? toPythonFormat(*format) : getCodec(frame));
 }
 
 void addStamps(py::class_<Frame>& type)
 {
     type.def_property_readonly(
-            "timestamp", [](const Frame& frame) { return frame.received.timestamp; },
+            "timestamp", [](const Frame& frame) { return frame.timestamp; },
             "Time of the first sample on the stream's clock, nanoseconds.")
         .def_property_readonly(
-            "duration", [](const Frame& frame) { return frame.received.duration; },
+            "duration", [](const Frame& frame) { return frame.duration; },
             "Length of the frame, nanoseconds.")
         .def_property_readonly(
-            "gap", [](const Frame& frame) { return frame.received.gapNs; },
+            "gap", [](const Frame& frame) { return frame.gapNs; },
             "Nanoseconds from the end of the previous frame to this one: positive if media is\n"
             "missing, negative if the frames overlap, 0 within a small jitter.")
         .def_property_readonly(
-            "is_first", [](const Frame& frame) { return frame.received.isFirst; },
+            "is_first", [](const Frame& frame) { return frame.isFirst; },
             "Whether this is the first frame of a connection, a format or a codec header.")
         .def_property_readonly(
-            "dropped", [](const Frame& frame) { return frame.received.numDropped; },
+            "dropped", [](const Frame& frame) { return frame.numDropped; },
             "Frames dropped directly before this one because the queue was full.")
         .def_property_readonly(
-            "arrival", [](const Frame& frame) { return frame.received.arrival; },
+            "arrival", [](const Frame& frame) { return frame.arrival; },
             "Time of arrival, nanoseconds of time.monotonic_ns().")
         .def_property_readonly(
-            "monotonic_time", [](const Frame& frame) { return frame.received.getMonotonicTime(); },
+            "monotonic_time", [](const Frame& frame) { return frame.getMonotonicTime(); },
             "The timestamp converted to time.monotonic_ns(), nanoseconds; None while the stream's\n"
             "clock is unknown.")
         .def_property_readonly(
@@ -132,7 +152,7 @@ void addFrame(py::module_& module)
             "to_float",
             [](const Frame& frame)
             {
-                const Buffer& data = frame.received.data;
+                const Buffer& data = frame.data;
                 return toFloat(getFormat(frame), data.data(), data.size());
             },
             "Returns a copy as float32 of shape (samples, channels), full scale at 1. Raises\n"
@@ -141,7 +161,7 @@ void addFrame(py::module_& module)
             "to_int32",
             [](const Frame& frame)
             {
-                const Buffer& data = frame.received.data;
+                const Buffer& data = frame.data;
                 return toInt32(getFormat(frame), data.data(), data.size());
             },
             "Returns a copy as int32 of shape (samples, channels), full scale at 2**31: a 24-bit\n"
@@ -149,16 +169,9 @@ void addFrame(py::module_& module)
             "if\n"
             "the stream is not PCM.")
         .def_property_readonly(
-            "format",
-            [](const Frame& frame)
-            {
-                getFormat(frame);
-                return frame.content->pythonFormat;
-            },
+            "format", [](const Frame& frame) { return toPythonFormat(getFormat(frame)); },
             "The Format. Raises InvalidArgument if the stream is not PCM.")
-        .def_property_readonly(
-            "codec", [](const Frame& frame) { return frame.content->pythonCodec; },
-            "The Codec; None for PCM.")
+        .def_property_readonly("codec", getCodec, "The Codec; None for PCM.")
         .def_property_readonly(
             "media", getMedia, "The Media of a stream that has caps; None for other streams.")
         .def("__repr__", describe);

@@ -136,12 +136,13 @@ py::object toPythonFormat(const kit::StreamFormat& format)
     return getType("Format")(getSampleType(format).name, format.rate, format.channels);
 }
 
-py::object toPythonCodec(std::uint32_t fourcc, const Buffer& header)
+py::object toPythonCodec(const kit::CodecFormat& codec)
 {
+    const Buffer& header = codec.header;
     return getType("Codec")(
-        toPythonFourcc(fourcc),
+        toPythonFourcc(codec.fourcc),
         py::bytes(reinterpret_cast<const char*>(header.data()), header.size()),
-        kit::getMediaCaps({fourcc, header}));
+        kit::getMediaCaps(codec));
 }
 
 } // namespace vlx::python

@@ -13,6 +13,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <vlxkit/Consumer.hpp>
 #include <vlxkit/Status.hpp>
 #include <vlxkit/StreamFormat.hpp>
 
@@ -132,7 +133,7 @@ py::array toInt32(const kit::StreamFormat& format, const std::uint8_t* data, std
 
 /// Converts to the objects of the package.
 py::object toPythonFormat(const kit::StreamFormat& format);
-py::object toPythonCodec(std::uint32_t fourcc, const Buffer& header);
+py::object toPythonCodec(const kit::CodecFormat& codec);
 
 // Of module.cpp.
 void addConsumer(py::module_& module);

@@ -91,7 +91,7 @@ class Media(typing.NamedTuple):
     flags: MediaFlags
     """Sum of flags."""
     pts: int | None
-    """Time of presentation on the stream's clock, nanoseconds; None if unknown."""
+    """Time of presentation on the stream's clock, nanoseconds; None if unknown or out of range."""
     offset: int | None
     """Position in the stream, in the media's unit; None if unknown."""
     number: int

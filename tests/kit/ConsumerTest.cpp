@@ -998,9 +998,15 @@ TEST_F(ConsumerTest, IsReadInOrderUntilItIsStopped)
     const auto read = [&]
     {
         const auto item = consumer.read(5s);
-        if (item)
-            lines.push_back(toLine(*item));
-        return item.has_value();
+        if (!item)
+            return false;
+        if (const auto* const frame = std::get_if<ReceivedFrame>(&*item))
+        {
+            const auto line = [](const auto& format) { return toLine(format); };
+            EXPECT_EQ(std::visit(line, *frame->format), lines.back());
+        }
+        lines.push_back(toLine(*item));
+        return true;
     };
     EXPECT_TRUE(read() && read());
     EXPECT_FALSE(isReadable(fd));

@@ -144,7 +144,12 @@ def test_media_has_caps_and_heads(streams):
     caps = "video/x-h264, level=(string)4"
     sender, receiver = streams(consumer={"raw": True}, fourcc="VLXM", header=caps.encode())
     none = (-(2**63), 2**64 - 1, 0)
-    rows = [((9, -5, 7, 3), (9, 995, 7, 3)), ((0, *none), (0, None, None, 0))]
+    rows = [
+        ((9, -5, 7, 3), (9, 995, 7, 3)),
+        ((0, *none), (0, None, None, 0)),
+        ((0, -1000, 7, 0), (0, 0, 7, 0)),
+        ((0, -1001, 7, 0), (0, None, 7, 0)),
+    ]
     for head, shown in rows:
         sender.send(struct.pack("<Q q Q Q", *head) + b"video", timestamp=1000)
         frame = receiver.read()
