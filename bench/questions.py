@@ -15,7 +15,7 @@ import transports as t
 
 COMPARED = [t.OURS, t.KIT, t.RAW, t.POLLS, t.ZMQ, t.NNG]  # have a target in the age table
 EVERYBODY = [*COMPARED, t.NANOMSG, t.ZMQ_TUNED, t.NNG_TUNED, t.UNIX, t.GST_SHM, t.GST_OURS]
-PICTURE = 1920 * 1080 * 3 // 2 - 20  # with the benchmark's header a picture, for three receivers
+PICTURE = 1920 * 1080 * 3 // 2 - 20  # a whole picture with the benchmark's header
 BY_REFERENCE = [t.KIT_SHARED, t.KIT_IN_PLACE, t.GST_SHARED]
 
 

@@ -59,7 +59,7 @@ ALL = {row[0]: Transport(*row) for row in [
     (GST_SHARED, "GStreamer vlx, by reference", "gst", "vlx-shared", "#e3b505",
      "the same with shared-memory=always"),
     (GST_VIDEO, "GStreamer vlx, video", "gst", "vlx-video", "#a67c00",
-     "the same as video/x-raw: 1080p, a picture in each buffer"),
+     "the same as video/x-raw: 1080p, one picture in each buffer"),
     (PYTHON, "Python", "python.py", "vellox", "#2b6a99",
      "the Python module; ages end where the bytes can be read"),
     (PYTHON_IN_PLACE, "Python, in place", "python.py", "vellox-acquire", "#12304a",

@@ -2,8 +2,8 @@
 /// queues of one buffer: appsrc ! SINK and SOURCE ! appsink. Variant "shm": shmsink and shmsrc.
 /// "vlx": vlxsink and vlxsrc; "vlx-shared": with frames in shared memory. Packets are samples of an
 /// audio stream whose rate is that of the packets; all variants fill up the last sample. Packets of
-/// "vlx-video" are pictures of 1080p video instead. Buffers are of the allocator that the sink
-/// offers, as those of GStreamer's own sources are.
+/// "vlx-video" are pictures of 1080p video instead. Buffers come from the allocator that the sink
+/// offers, as with GStreamer's own sources.
 
 #include <deque>
 #include <memory>

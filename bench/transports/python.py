@@ -1,7 +1,8 @@
-"""The endpoint of Endpoint.cpp in Python: the same plan, lines and frames. Variants: "vellox", and
-"vellox-acquire" with frames in shared memory, where the sender finds them; "zmq" is pyzmq, which
-makes no copies of its own from 65,536 bytes up. Ages begin at the send call, when the frame is filled,
-and end where its bytes can be read."""
+"""The endpoint of Endpoint.cpp in Python: the same plan, lines and frames.
+
+Variants: "vellox"; "vellox-acquire", whose sender fills its frames in shared memory; and "zmq",
+pyzmq, which makes no copies of its own from 65,536 bytes up. The age of a frame begins at the send
+call, with the frame already filled, and ends when its bytes can be read."""
 
 import json
 import math
@@ -83,7 +84,7 @@ def say(word, result=None):
 
 
 def use_since(begin):
-    """What was used since then: time, and processor time of all threads."""
+    """Time, and processor time of all threads, since then."""
     wall, cpu = time.monotonic_ns() - begin[0], time.process_time_ns() - begin[1]
     return {"wall_ns": wall, "cpu_ns": cpu, "allocations": math.nan}
 
@@ -96,7 +97,7 @@ class Sender:
         self._prober = threading.Thread(target=self._send, args=(PROBE, 10**9), daemon=True)
 
     def _send(self, phase, count):
-        """A frame that is late is not made up for by a burst."""
+        """Sends frames at the plan's rate, without a burst after a delay."""
         due = time.monotonic_ns()
         for i in range(count):
             if phase == PROBE and not self._probing:

@@ -67,7 +67,7 @@ bool hasAppender()
                { return appender->getName() != LOG4CPLUS_C_STR_TO_TSTRING(LibraryError::Name); });
 }
 
-/// Hands lines to a function.
+/// Passes lines to a function.
 class ForwardingAppender : public log4cplus::Appender
 {
 public:
@@ -93,7 +93,7 @@ public:
         m_level = level;
     }
 
-    /// Forgets the function. A call in progress has returned then.
+    /// Waits for a call in progress, then drops the function.
     void close() override
     {
         const std::lock_guard<log4cplus::thread::Mutex> lock(access_mutex);
@@ -122,15 +122,15 @@ const pid_t loadedBy = ::getpid();
 std::mutex mutex;
 // Guarded by mutex.
 std::vector<const ForwardingAppender*> listeners;
-log4cplus::LogLevel formerLevel = log4cplus::NOT_SET_LOG_LEVEL; // of the program
+log4cplus::LogLevel formerLevel = log4cplus::NOT_SET_LOG_LEVEL; // set by the program
 std::optional<log4cplus::LogLevel> configuredLevel;             // if the program has appenders
-std::optional<log4cplus::LogLevel> ourLevel;                    // that was set last, for listeners
+std::optional<log4cplus::LogLevel> ourLevel;                    // last set for listeners
 
 /// @pre mutex is held
 void adjustLevel()
 {
     log4cplus::Logger logger = getLogger();
-    if (logger.getLogLevel() != ourLevel) // the program has set it, before or since
+    if (logger.getLogLevel() != ourLevel) // set by the program
     {
         formerLevel = logger.getLogLevel();
         configuredLevel.reset();
@@ -177,7 +177,7 @@ bool isLogReceived()
 
 void endLogThreads()
 {
-    if (::getpid() != loadedBy) // would wait for threads of the parent
+    if (::getpid() != loadedBy) // the threads exist only in the parent
         return;
     const std::lock_guard<std::mutex> lock(mutex);
     auto loggers = log4cplus::Logger::getCurrentLoggers();

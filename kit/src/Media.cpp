@@ -22,7 +22,7 @@ constexpr std::size_t NumberOffset = 24;
 
 constexpr std::size_t MaxShortCapsBytes = 60;
 
-// Marks of values that are not set.
+// Stored for values that are not set.
 constexpr auto NoPts = std::numeric_limits<std::int64_t>::min();
 constexpr auto NoPosition = std::numeric_limits<std::uint64_t>::max();
 

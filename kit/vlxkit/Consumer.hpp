@@ -66,8 +66,8 @@ struct ConsumerOptions
     bool anyCodec = false;
 };
 
-/// Depayloader of a codec whose frames travel unchanged, the counterpart of PlainPayloader. Frames
-/// in shared memory are not copied an additional time. A codec derives from it and checks headers.
+/// Depayloader of a codec whose frames travel unchanged, the counterpart of PlainPayloader. It adds
+/// no copy to frames in shared memory. Derive a class for each codec, to check its headers.
 class PlainDepayloader : public Depayloader
 {
 public:
@@ -125,7 +125,7 @@ struct CodecFormat
     bool operator==(const CodecFormat&) const = default;
 };
 
-/// What a stream's frames are read with.
+/// Format of PCM frames, or codec of other frames.
 using FrameFormat = std::variant<StreamFormat, CodecFormat>;
 
 class FramePool;
@@ -141,8 +141,8 @@ struct ReceivedFrame : FrameInfo
     /// Frames dropped directly before this one because the queue was full. gapNs includes their
     /// media.
     std::uint64_t numDropped = 0;
-    /// Format or codec of the frame, for threads that read in turn: another one may have read the
-    /// item that announced it. Set for every frame that read() returns.
+    /// Format or codec of the frame. If several threads read in turn, another thread may have read
+    /// the item that announced it. Set for every frame that read() returns.
     std::shared_ptr<const FrameFormat> format = {};
 
     /// A frame without data.

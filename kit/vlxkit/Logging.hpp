@@ -1,6 +1,6 @@
 #pragma once
 
-/// The log of library and kit: printed on standard error, or handed to the program.
+/// The log of library and kit: printed on standard error, or passed to the program.
 
 #include <functional>
 #include <memory>
@@ -21,7 +21,7 @@ enum class LogLevel
     Trace,
 };
 
-/// One line of the log. Its references are valid during the call that hands it over.
+/// One line of the log. Its references are valid only during the call of the listener's function.
 struct LogLine
 {
     LogLevel level = LogLevel::Error; ///< severity
@@ -37,42 +37,43 @@ struct LogLine
 /// @return the line, without a line feed
 VLX_API std::string toText(const LogLine& line);
 
-/// Tells whether anything receives the log: a LogListener, a Logging, or an appender with which the
-/// program has configured log4cplus. If not, log4cplus prints a warning of two lines.
+/// Returns whether anything receives the log: a LogListener, a Logging, or an appender with which
+/// the program has configured log4cplus. If not, log4cplus prints a warning of two lines.
 ///
 /// @thread any
 VLX_API bool isLogReceived();
 
-/// Ends the four idle threads that log4cplus starts when it is loaded, so that a forked child of
-/// this process can end by exit(), which waits for them although the child does not have them. For
-/// plugins and language bindings, before their first LogListener.
+/// Ends the four idle threads that log4cplus starts when it is loaded.
 ///
-/// Nothing happens in a child that was forked after the library was loaded, nor if the program
-/// itself has an appender or a logger of log4cplus.
+/// For plugins and language bindings: without this, exit() hangs in a forked child, because it
+/// waits for threads that exist only in the parent. Call it before the first LogListener.
 ///
-/// The threads serve only appenders with the property AsyncAppend; such an appender crashes once
-/// the threads have ended. A program that uses one configures log4cplus first, or at least gets a
-/// logger.
+/// Has no effect if the program itself has an appender or a logger of log4cplus, or in a child that
+/// was forked after the library was loaded.
+///
+/// The threads serve only appenders with the property AsyncAppend. Such an appender crashes once
+/// the threads have ended. A program that uses one must configure log4cplus, or get a logger,
+/// before this call.
 ///
 /// @thread any
 VLX_API void endLogThreads();
 
-/// Hands the log of library and kit to a function while it lives, for a program that has a log of
-/// its own. Several may live at once; each has its own level.
+/// Passes the log of library and kit to a function while it lives, for a program that has its own
+/// log. Several listeners may live at once; each has its own level.
 ///
-/// It sets the level of the logger "Vellox" to the most verbose of all listeners, changes no other
-/// logger, and undoes that with the last one. In a program that configures log4cplus itself, the
-/// logger never becomes less verbose than configured.
+/// It sets the level of the logger "Vellox" to the most verbose level of all listeners, changes no
+/// other logger, and restores the level when the last listener is destroyed. In a program that
+/// configures log4cplus itself, the logger never becomes less verbose than configured.
 class LogListener
 {
 public:
     /// Starts to listen.
     ///
-    /// @param level   least severe level that is handed over
+    /// @param level   least severe level that is passed on
     /// @param onLine  called on the thread that logs, one call at a time, and never again once the
     ///                destructor has returned; must not throw, call the library, destroy the
     ///                listener, or wait for a lock that is held while the library is called.
-    ///                Not set: lines are dropped, and isLogReceived() ignores this listener
+    ///                If not set, lines are dropped, and isLogReceived() ignores this listener
     VLX_API LogListener(LogLevel level, std::function<void(const LogLine&)> onLine);
     VLX_API ~LogListener();
 
@@ -81,7 +82,7 @@ public:
 
     /// Changes the level.
     ///
-    /// @param level  least severe level that is handed over
+    /// @param level  least severe level that is passed on
     /// @thread any
     VLX_API void setLevel(LogLevel level);
 

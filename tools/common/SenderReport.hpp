@@ -28,10 +28,10 @@ inline constexpr std::chrono::milliseconds AnswerTimeout{500};
 /// @return such as "S16LE 48000 Hz 2ch"
 std::string toShortText(const kit::StreamFormat& format);
 
-/// @return caps, shortened, such as "video/x-raw, format=I420"; of another codec its code
+/// @return shortened caps, such as "video/x-raw, format=I420"; for any other codec, its code
 std::string toShortText(const kit::CodecFormat& codec);
 
-/// @return format or codec of the stream, or what else is known of it
+/// @return format or codec of the stream; "no sequence yet" or "no answer" if unknown
 std::string describeFormat(const kit::SenderProbe& probe);
 
 /// @return such as "sysclock", or "gstnetclock 10.0.0.1:8554"; empty without an answer
@@ -44,7 +44,7 @@ const char* toClockName(Receiver::StreamClockType clock);
 /// Adds sample format, rate and channels.
 void addFormat(nlohmann::ordered_json& json, const kit::StreamFormat& format);
 
-/// Adds the codec's code, and whole caps.
+/// Adds the codec's code and, if it has any, its complete caps.
 void addFormat(nlohmann::ordered_json& json, const kit::CodecFormat& codec);
 
 /// Adds median, 99th percentile and largest of ages in nanoseconds; null without any.
