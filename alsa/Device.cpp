@@ -249,6 +249,8 @@ int Device::prepare()
     if (const int error = onPrepare(); error < 0)
         return error;
     const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_hasThreadFailed) // meanwhile
+        return -EIO;
     m_position = 0;
     m_error = 0;
     m_isXrun = m_isPaused = m_isDraining = false;

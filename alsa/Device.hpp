@@ -134,6 +134,7 @@ protected:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     // Guarded by m_mutex.
+    int m_error = 0;              // that the program's next call returns
     std::uint64_t m_position = 0; // of the thread
     std::uint64_t m_bufferSize = 1;
     bool m_isRunning = false; // started, and neither stopped nor in an xrun
@@ -174,7 +175,6 @@ private:
     Buffer m_buffer;
     std::uint64_t m_availableMinimum = 1;
     std::uint64_t m_stopThreshold = 0;
-    int m_error = 0;
     bool m_isSignalled = false;
     bool m_hasThreadFailed = false; // for good
 };

@@ -123,6 +123,8 @@ snd_pcm_sframes_t Playback::getDelay()
 int Playback::drain()
 {
     std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_error != 0)
+        return m_error;
     if (!m_isDraining)
     {
         if (!m_isRunning && !m_isXrun)
@@ -136,7 +138,7 @@ int Playback::drain()
     }
     while (m_isRunning && !m_quits && m_io.nonblock == 0) // snd_pcm_abort() only sets nonblock
         m_changed.wait_for(lock, AbortInterval);
-    return m_isRunning && !m_quits ? -EAGAIN : 0;
+    return m_isRunning && !m_quits ? -EAGAIN : m_error;
 }
 
 void Playback::run()
