@@ -229,17 +229,22 @@ TEST_F(ElementsFaultsTest, SinkSurvivesHastyPausesAndSeeks)
     const Pipeline receiver(makeReceiver() + " drop=true max-buffers=1");
     receiver.set(GST_STATE_PLAYING);
     // Without sync the sink waits in render, with it mostly before.
-    for (const char* properties :
-         {"sync=false wait-for-connection=false shared-memory=always", "wait-for-connection=false",
-          "sync=false", ""})
+    const char* const audio = "audiotestsrc samplesperbuffer=480 ! audio/x-raw,rate=48000";
+    const char* const video = "videotestsrc ! video/x-raw,width=160,height=120,framerate=100/1";
+    const std::pair<const char*, const char*> rows[] = {
+        {audio, "sync=false wait-for-connection=false shared-memory=always"},
+        {audio, "wait-for-connection=false"},
+        {audio, "sync=false"},
+        {audio, ""},
+        {video, "sync=false"},
+        {video, ""}};
+    for (const auto& [source, properties] : rows)
     {
-        SCOPED_TRACE(std::to_string(seed) + " " + properties);
+        SCOPED_TRACE(std::to_string(seed) + " " + source + " " + properties);
         const Pipeline sender(
-            "audiotestsrc samplesperbuffer=480 ! audio/x-raw,rate=48000 ! vlxsink name=sink "
-            "socket-name=" +
-            m_name + " " + properties);
+            source + (" ! vlxsink name=sink socket-name=" + m_name) + " " + properties);
         sender.reach(GST_STATE_PLAYING);
-        for (int round = 0; round < numRounds / 4; ++round)
+        for (int round = 0; round < numRounds / 6; ++round)
         {
             sender.set(GST_STATE_PAUSED);
             std::this_thread::sleep_for(std::chrono::milliseconds(draw(20)) * draw(2));

@@ -356,7 +356,8 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         "audiotestsrc wave=white-noise samplesperbuffer=1024 ! "
         "audio/x-raw,format=F64LE,rate=192000,channels=8 ! vlxsink name=sink shared-memory=auto",
-        "videotestsrc ! video/x-raw,format=I420,width=320,framerate=60/1 ! vlxsink name=sink"));
+        "videotestsrc ! video/x-raw,format=I420,width=320,framerate=60/1 ! vlxsink name=sink"),
+    [](const auto& source) { return source.index == 0 ? "Audio" : "Video"; });
 
 // A pool reuses its memory.
 TEST_P(SourcesTest, FillTheSinksMemory)
