@@ -35,11 +35,14 @@ bool isPlain(char c)
     return g_ascii_isalnum(c) != FALSE || std::string_view("/-_.:+").find(c) != std::string::npos;
 }
 
+// GStreamer leaks memory if it fails within an array.
+template <typename Integer>
 bool isInteger(std::string_view text)
 {
-    if (text.starts_with('-'))
-        text.remove_prefix(1);
-    return !text.empty() && text.size() <= 20 && std::all_of(text.begin(), text.end(), isDigit);
+    Integer value = 0;
+    const char* const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, value);
+    return result.ec == std::errc() && result.ptr == end;
 }
 
 bool isFraction(std::string_view text)
@@ -109,10 +112,18 @@ struct ValueType
 
 // As gst_caps_to_string() names them.
 constexpr ValueType ValueTypes[] = {
-    {"int", isInteger},     {"uint", isInteger},    {"gint64", isInteger},
-    {"guint64", isInteger}, {"boolean", isBoolean}, {"fraction", isFraction},
-    {"float", isReal},      {"double", isReal},     {"bitmask", isBitmask},
-    {"string", isString},   {"buffer", isBuffer},   {"GstVideoMultiviewFlagsSet", isFlagSet},
+    {"int", isInteger<gint>},
+    {"uint", isInteger<guint>},
+    {"gint64", isInteger<gint64>},
+    {"guint64", isInteger<guint64>},
+    {"boolean", isBoolean},
+    {"fraction", isFraction},
+    {"float", isReal},
+    {"double", isReal},
+    {"bitmask", isBitmask},
+    {"string", isString},
+    {"buffer", isBuffer},
+    {"GstVideoMultiviewFlagsSet", isFlagSet},
 };
 
 bool isAllowed(GType type)
