@@ -17,7 +17,6 @@ namespace
 
 constexpr std::size_t MaxNameBytes = 127;
 constexpr int MaxFields = 256;
-constexpr int MaxArrayDepth = 4;
 
 bool isLetter(char c)
 {
@@ -35,14 +34,16 @@ bool isPlain(char c)
     return g_ascii_isalnum(c) != FALSE || std::string_view("/-_.:+").find(c) != std::string::npos;
 }
 
-// GStreamer leaks memory if it fails within an array.
+// Everything that GStreamer can parse, since it leaks an array that it fails to parse. It takes
+// zeros in front of others for octal numbers.
 template <typename Integer>
 bool isInteger(std::string_view text)
 {
     Integer value = 0;
     const char* const end = text.data() + text.size();
     const auto result = std::from_chars(text.data(), end, value);
-    return result.ec == std::errc() && result.ptr == end;
+    const bool isOctal = text.size() > 1 && text[text.front() == '-' ? 1 : 0] == '0';
+    return result.ec == std::errc() && result.ptr == end && !isOctal;
 }
 
 bool isFraction(std::string_view text)
@@ -184,20 +185,18 @@ private:
         if (takeName().empty() || !take("=("))
             return false;
         const ValueType* const type = takeType();
-        return type != nullptr && isValue(*type, 0);
+        return type != nullptr && (take("<") ? isArray(*type) : isValue(*type));
     }
 
-    bool isValue(const ValueType& type, int depth)
+    bool isValue(const ValueType& type)
     {
-        if (take("<"))
-            return depth < MaxArrayDepth && isArray(type, depth);
         if (take("\""))
             return type.isValue == isString && takeQuoted();
         const std::string_view text = takePlain();
         return !text.empty() && type.isValue(text);
     }
 
-    bool isArray(const ValueType& type, int depth)
+    bool isArray(const ValueType& type)
     {
         take(" ");
         if (take(" >") || take(">"))
@@ -205,7 +204,7 @@ private:
         do
         {
             const bool isSameType = !take("(") || takeType() == &type;
-            if (!isSameType || !isValue(type, depth + 1))
+            if (!isSameType || !isValue(type))
                 return false;
         } while (take(", "));
         return take(" >") || take(">");

@@ -24,7 +24,8 @@ using CapsPtr = std::unique_ptr<GstCaps, CapsDeleter>;
 
 /// Converts a text from another process to caps. Only what gst_caps_to_string() writes for fixed
 /// caps of one structure in system memory is accepted, with fields that are numbers, fractions,
-/// texts, bit masks, buffers, or arrays of these; anything else never reaches GStreamer's parser.
+/// texts, bit masks, buffers, or flat arrays of these; anything else never reaches GStreamer's
+/// parser.
 ///
 /// @param text  any bytes
 /// @return null for a text that is not accepted
