@@ -14,10 +14,10 @@ namespace vlx::gst
 /// GStreamer's audio elements support at most 64 channels; audioconvert crashes at 64.
 inline constexpr unsigned MaxChannels = 63;
 
-/// @return whether elements can be given a stream's format
+/// @return whether GStreamer supports a stream's format
 bool isPlayable(const kit::StreamFormat& format);
 
-/// @return whether a structure of caps requires nothing but ordinary memory
+/// @return whether a structure of caps describes buffers in system memory
 bool isInSystemMemory(const GstCaps* caps, guint index);
 
 /// Returns a format's caps. A stream has no speaker positions: up to eight channels get the default
@@ -27,7 +27,7 @@ bool isInSystemMemory(const GstCaps* caps, guint index);
 /// @return a new reference
 GstCaps* toCaps(const kit::StreamFormat& format);
 
-/// @return the format of PCM streams; not set for caps that are not fixed, and for other media
+/// @return the format, if the caps can be sent as PCM; not set for other caps
 std::optional<kit::StreamFormat> toStreamFormat(const GstCaps* caps);
 
 } // namespace vlx::gst

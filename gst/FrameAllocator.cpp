@@ -162,8 +162,8 @@ GType getAllocatorType()
     return type;
 }
 
-/// @return a buffer's only memory, if an allocator of ours has made it; null for other memory, and
-///         for several, which GStreamer maps as a copy
+/// @return the buffer's memory, if it is the only one and comes from a FrameAllocator; otherwise
+///         null, since GStreamer maps several memories as a copy
 Memory* findMemory(GstBuffer* buffer)
 {
     if (gst_buffer_n_memory(buffer) != 1)
@@ -192,7 +192,6 @@ void FrameAllocator::setProducer(kit::Producer* producer, std::size_t headBytes)
 
 bool FrameAllocator::seal(GstBuffer* buffer)
 {
-    // GStreamer maps several memories as a copy.
     Memory* const memory = findMemory(buffer);
     if (memory == nullptr)
         return true;

@@ -29,7 +29,7 @@ public:
     /// Sets the source of memory.
     ///
     /// @param producer   must outlive its use; null: ordinary memory
-    /// @param headBytes  room in front of the memory, for the head of a frame
+    /// @param headBytes  space in front of the memory for the head of a frame, bytes
     void setProducer(kit::Producer* producer, std::size_t headBytes = 0);
 
     /// Marks a buffer's memory as sent, before it is sent for the first time.
@@ -38,11 +38,11 @@ public:
     /// @return whether it can be sent in place; false while its memory is mapped to be written
     static bool seal(GstBuffer* buffer);
 
-    /// Marks a buffer's memory as sent together with the room in front of it. A pool then replaces
-    /// the memory, even if it could not be marked: with memory that is sent in place.
+    /// Marks a buffer's memory as sent, together with the space for the head in front of it. A
+    /// pool then replaces this memory, even if null is returned.
     ///
-    /// @return the beginning of the room, to be filled, with the buffer's bytes directly behind it;
-    ///         null if the buffer cannot be sent in place, or was sent before
+    /// @return where to write the head, directly in front of the buffer's bytes; null if the buffer
+    ///         cannot be sent in place, or was sent before
     static std::uint8_t* sealWithHead(GstBuffer* buffer, std::size_t headBytes);
 
 private:

@@ -17,7 +17,7 @@ std::uint64_t scaleSeconds(std::uint64_t numerator, std::uint64_t denominator)
     return gst_util_uint64_scale(GST_SECOND, numerator, denominator);
 }
 
-/// @return null if the buffer has none, or its planes lie one behind the other by default
+/// @return the planes of planar audio; null for a buffer without them, or interleaved audio
 const GstAudioMeta* findPlanes(GstBuffer* buffer)
 {
     const GstAudioMeta* const meta = gst_buffer_get_audio_meta(buffer);
@@ -37,7 +37,7 @@ constexpr Limit Limits[] = {
     {"channels", 64}, {"rate", G_MAXINT}, {"width", 65'535}, {"height", 65'535}, {"views", 64},
 };
 
-/// @return whether GStreamer can compute with the numbers of raw media, which it does not check
+/// @return whether the numbers of raw media are within limits that GStreamer does not check
 bool isInLimits(const GstStructure* fields)
 {
     gint pixelWidth = 1;
@@ -87,7 +87,7 @@ std::optional<MediaFormat> MediaFormat::parse(std::string_view text)
     return format;
 }
 
-// A picture that is compressed well.
+// For encoded pictures, this assumes good compression.
 std::size_t MediaFormat::estimateSize() const
 {
     if (m_video)

@@ -1,6 +1,6 @@
 #pragma once
 
-/// Media types of streams that are not PCM.
+/// Media types of streams other than PCM.
 
 #include <cstddef>
 #include <cstdint>
@@ -18,18 +18,20 @@
 namespace vlx::gst
 {
 
-/// Caps of a stream, and how they arrange the bytes of a buffer.
+/// Caps of a stream, and the layout of its buffers.
 ///
-/// Packed bytes are in the caps' own arrangement: raw video with the default strides and offsets,
-/// planar audio with one plane directly behind the other.
+/// Packed bytes have the default layout of the caps: raw video with the default strides and
+/// offsets, planar audio with each plane directly after the previous one.
 class MediaFormat
 {
 public:
+    /// Parses caps from another process.
+    ///
     /// @param text  any bytes
-    /// @return not set for caps that no stream may have, see parseCaps()
+    /// @return not set for caps that are not supported, see parseCaps()
     static std::optional<MediaFormat> parse(std::string_view text);
 
-    /// @return the text that the caps were read from
+    /// @return the parsed text
     const std::string& getText() const
     {
         return m_text;
@@ -41,14 +43,16 @@ public:
         return m_caps.get();
     }
 
-    /// @return a size that most buffers do not exceed, in bytes; 0: unknown
+    /// @return size that most buffers do not exceed, bytes; 0: unknown
     std::size_t estimateSize() const;
 
-    /// @param size  of packed bytes
-    /// @return the duration that follows from the caps, nanoseconds; 0: unknown
+    /// Returns the duration of a buffer according to the caps.
+    ///
+    /// @param size  number of packed bytes
+    /// @return nanoseconds; 0: unknown
     std::uint64_t getDuration(std::size_t size) const;
 
-    /// @return whether elements can rely on packed bytes of this size
+    /// @return whether packed bytes of this size are whole samples or pictures
     bool isWhole(std::size_t size) const;
 
     /// @return whether a buffer's bytes are packed already
@@ -62,9 +66,9 @@ public:
     /// @return false if the buffer cannot be read
     bool pack(GstBuffer* buffer, std::uint8_t* destination) const;
 
-    /// Describes the arrangement of packed bytes in a buffer where elements expect that.
+    /// Adds metadata with the layout of packed bytes, if elements need it.
     ///
-    /// @param buffer  writable, of whole bytes
+    /// @param buffer  writable, with packed bytes for which isWhole() returns true
     void describe(GstBuffer* buffer) const;
 
     /// Compares the texts.

@@ -12,12 +12,12 @@
 namespace vlx::gst
 {
 
-/// @return the head of a buffer's frame, with its flags and offset only
+/// Makes the head of a frame from a buffer: flags and offset, without time and number.
 kit::MediaHead makeHead(GstBuffer* buffer);
 
-/// Makes a buffer of a received frame, with the flags and the offset that its head has.
+/// Makes a buffer from a received frame, with the flags and the offset of its head.
 ///
-/// @param frame  held by the buffer; with a head
+/// @param frame  begins with a head; owned by the buffer
 /// @return a new reference, without timestamps
 GstBuffer* makeBuffer(kit::ReceivedFrame&& frame, const kit::MediaHead& head);
 
@@ -27,18 +27,18 @@ GstBuffer* makeBuffer(kit::ReceivedFrame&& frame, const kit::MediaHead& head);
 class LossFilter
 {
 public:
-    /// Looks at the next frame of a stream.
+    /// Processes the next frame of a stream.
     ///
-    /// @param isLoss  something is known to be missing before the frame
+    /// @param isLoss  whether a loss before the frame is already known
     void add(const kit::MediaHead& head, bool isLoss);
 
-    /// @return whether something is missing before the last frame
+    /// @return whether a frame was lost directly before the last one
     bool isLoss() const
     {
         return m_isLoss;
     }
 
-    /// @return whether the last frame is of no use before the next key frame
+    /// @return whether the last frame cannot be decoded
     bool isDamaged() const
     {
         return m_isDamaged;

@@ -1,5 +1,5 @@
-// vlxsink sends media of any kind, with caps and timestamps, to any number of other processes.
-// Receivers may come and go; the sink never waits for them. A receiver is vlxsrc, or for PCM audio
+// vlxsink sends any media, with caps and timestamps, to any number of other processes. Receivers
+// may come and go; the sink never waits for them. Receive with vlxsrc, or PCM also with
 // `vlx receive`.
 //
 //   gst-launch-1.0 audiotestsrc ! audio/x-raw,rate=48000,channels=2 ! vlxsink socket-name=kitchen
@@ -8,9 +8,9 @@
 //   gst-launch-1.0 vlxsrc socket-name=camera ! videoconvert ! autovideosink
 //
 // Interleaved audio in the formats of the kit with up to 63 channels is sent as PCM, which every
-// receiver can play. All other media goes to vlxsrc with its caps, which must be fixed, in system
-// memory, at most 64 KiB of text, and without nested structures. Flags, PTS, DTS, duration and
-// offset travel with each buffer. Metadata does not: padded pictures and planes are packed.
+// receiver can play. All other media is sent with its caps. They must be fixed, in system memory,
+// at most 64 KiB as text, and without nested structures. Each buffer is sent with its flags, PTS,
+// DTS, duration and offset, but without metadata: padded pictures and planes are packed.
 //
 // The sink opens the stream when it prerolls. By default preroll lasts until a receiver has joined,
 // so that the receiver gets the beginning. Each buffer is sent when it is due, stamped with that
@@ -19,11 +19,11 @@
 // In "pubsub" a receiver loses frames that it cannot take at once, so the sink never sends faster
 // than at twice the speed, not even with sync=false. "pipeline" has one receiver and waits for it.
 //
-// Frames in shared memory arrive far sooner if they are large, but only receivers of the kit can
-// read them, such as vlxsrc and `vlx receive`. Upstream elements can fill the memory that is sent,
-// without a copy. By default this is so for all media but PCM.
+// By default, all media except PCM is sent in shared memory, where large frames arrive far sooner.
+// Only receivers of the kit, such as vlxsrc and `vlx receive`, can read them. Upstream elements can
+// fill the memory that is sent, without a copy.
 //
-// When a receiver joins a stream that is not PCM, the sink asks upstream for a key frame.
+// When a receiver joins a stream that is not PCM, the sink requests a key frame upstream.
 //
 // A seek with another rate changes the timestamps' spacing, not the samples or their durations: put
 // scaletempo before the sink.
@@ -73,10 +73,10 @@ enum class ClockChoice
     GstNetClock,
 };
 
-// Beside the values of kit::Carriage.
+// An additional value beside those of kit::Carriage.
 constexpr int SharedForMedia = 3;
 
-// Far more than a receiver on a busy machine needs to copy a frame.
+// Far longer than a receiver on a busy machine takes to copy a frame.
 constexpr auto MediaSpan = std::chrono::milliseconds(500);
 constexpr std::size_t MaxMediaMemory = 256 << 20;
 
@@ -190,7 +190,7 @@ private:
     // Streaming thread, or state changes while there is none.
     std::optional<SinkFormat> m_format;
     std::optional<SinkFormat> m_announcedFormat;
-    // Of media. The last one is in use, or the one before if the producer was interrupted.
+    // Of media. The last one is in use; if the producer was interrupted, the previous one.
     std::vector<std::unique_ptr<kit::PlainPayloader>> m_payloaders;
     Announcement m_announcement;
     ObjectPtr<GstNetTimeProvider> m_provider;
@@ -200,7 +200,7 @@ private:
     kit::Pace m_pace;         // of PCM, after the first frame
     TimeValue m_earliest = 0; // for the next frame of media
     std::uint64_t m_numMediaFrames = 0;
-    kit::FrameMemory m_packet; // of media: reused unless it is shared
+    kit::FrameMemory m_packet; // of media; reused unless shared
 
     mutable std::mutex m_mutex;
     std::condition_variable m_condition;
@@ -256,7 +256,7 @@ void Sink::onStop()
     m_packet = {};
 }
 
-// Memory that other elements cannot read does not travel.
+// Refuses memory that cannot be read as system memory.
 GstCaps* Sink::getCaps(GstCaps* filter)
 {
     if (filter == nullptr || gst_caps_is_any(filter) != FALSE)
@@ -417,7 +417,7 @@ bool Sink::serveClock(GstClock* clock, const Settings& settings)
     return m_provider != nullptr;
 }
 
-// A compressed picture may be far larger than the first one.
+// The first encoded picture does not limit the size: later ones may be far larger.
 kit::SharedMemory Sink::chooseMemory(const Settings& settings, GstBuffer* first) const
 {
     kit::SharedMemory memory;
@@ -486,7 +486,7 @@ Sink::open(const Settings& settings, const Announcement& announcement, GstBuffer
     return GST_FLOW_OK;
 }
 
-// Opens the stream with the present format, or changes to it.
+// Opens the stream with the current format, or changes an open stream to it.
 kit::Status Sink::announceFormat()
 {
     const auto use = [this](auto& format)
@@ -508,8 +508,8 @@ kit::Status Sink::announceFormat()
     return status;
 }
 
-// The stream is opened anew when the clock that it announces is no longer that of its timestamps,
-// and between PCM and other media, which may travel in another way.
+// The stream is opened again if its timestamps are no longer on the announced clock, or if it
+// changes between PCM and other media, whose use of shared memory may differ.
 GstFlowReturn Sink::openOrAdapt(GstBuffer* buffer)
 {
     if (!m_format)
@@ -523,7 +523,7 @@ GstFlowReturn Sink::openOrAdapt(GstBuffer* buffer)
     if (m_producer &&
         (m_announcement != *announcement || m_announcedFormat->index() != m_format->index()))
     {
-        GST_INFO_OBJECT(m_element, "opening again, with the present clock and media");
+        GST_INFO_OBJECT(m_element, "opening again, with the current clock and media");
         dropProducer();
     }
     if (!m_producer)
@@ -547,7 +547,7 @@ GstFlowReturn Sink::waitForReceiver()
     return GST_FLOW_OK;
 }
 
-// The first receiver of a stream that waits for it gets the first frame.
+// No request for the receiver that ends the wait before the first frame: it gets that frame.
 void Sink::onReceivers(std::size_t count)
 {
     const bool isJoin = count > std::exchange(m_numReceivers, count);
@@ -581,7 +581,7 @@ GstFlowReturn Sink::prepare(GstBuffer* buffer)
     }
 }
 
-// Negative before the beginning of the segment, as with the time of decoding.
+// Negative before the beginning of the segment, which is usual for decoding times.
 std::optional<std::int64_t> Sink::getRunningTime(GstClockTime time) const
 {
     const GstSegment& segment = m_element->segment;
@@ -646,8 +646,8 @@ GstFlowReturn Sink::sendPcm(GstBuffer* buffer, const ByteView& data)
     return GST_FLOW_OK;
 }
 
-// A head and the bytes: in place if the buffer lies in memory of ours that was not sent before, or
-// copied.
+// Returns head and data: in place if the buffer is in the sink's own memory and was not sent
+// before, otherwise as a copy.
 std::optional<ByteView> Sink::makePacket(GstBuffer* buffer, const kit::MediaHead& head)
 {
     const auto& format = std::get<MediaFormat>(*m_format);
@@ -669,7 +669,7 @@ std::optional<ByteView> Sink::makePacket(GstBuffer* buffer, const kit::MediaHead
     return ByteView(m_packet.data.get(), size);
 }
 
-// A frame is due at its time of decoding, which rises from frame to frame.
+// A frame is due at its decoding time, which increases from frame to frame.
 GstFlowReturn Sink::sendMedia(GstBuffer* buffer)
 {
     const auto decoding = getRunningTime(GST_BUFFER_DTS_OR_PTS(buffer));
@@ -702,7 +702,7 @@ GstFlowReturn Sink::sendMedia(GstBuffer* buffer)
     return GST_FLOW_OK;
 }
 
-/// @param send  sends the buffer; must be possible again if it is interrupted
+/// @param send  sends the buffer; called again after an interruption
 template <typename Send>
 GstFlowReturn Sink::sendWhenPossible(GstBuffer* buffer, Send send)
 {
@@ -720,7 +720,7 @@ GstFlowReturn Sink::sendWhenPossible(GstBuffer* buffer, Send send)
             continue;
         }
         flow = send();
-        // Paused: the same buffer again when it goes on. Flushed: it is dropped.
+        // After a pause the same buffer is sent again; after a flush it is dropped.
         if (flow != GST_FLOW_FLUSHING || m_element->flushing != FALSE)
             return flow;
     }
@@ -799,8 +799,9 @@ GType getSharedMemoryType()
         {static_cast<gint>(kit::Carriage::Shared),
          "Receivers of the kit with the same /dev/shm can read the frames", "always"},
         {static_cast<gint>(kit::Carriage::Automatic),
-         "always if the first frame has at least 8192 bytes, else never", "auto"},
-        {SharedForMedia, "never for PCM, which every receiver can then play; else auto", "media"},
+         "always if the first frame has at least 8192 bytes, otherwise never", "auto"},
+        {SharedForMedia, "never for PCM, so that every receiver can play it; otherwise auto",
+         "media"},
         {0, nullptr, nullptr}};
     static const GType type = g_enum_register_static("GstVlxSharedMemory", values);
     return type;

@@ -1,6 +1,5 @@
-// vlxsrc receives the stream of a vlxsink, of `vlx send` or of any other Vellox sender, with its
-// caps and timestamps: PCM audio, and any other media of a vlxsink. It waits until the sender
-// starts, and restarts.
+// vlxsrc receives a stream with its caps and timestamps: PCM audio from any Vellox sender, such as
+// `vlx send`, and any other media from vlxsink. It waits for the sender to start, and to restart.
 //
 //   gst-launch-1.0 vlxsrc socket-name=kitchen ! audioconvert ! audioresample ! autoaudiosink
 //   gst-launch-1.0 vlxsrc socket-name=kitchen eos-on-disconnect=1 ! wavenc ! filesink location=k
@@ -14,8 +13,8 @@
 // unknown, the time of arrival is used. The buffer after a gap or a new connection has DISCONT.
 //
 // Encoded media begins with a key frame, also after lost frames: delta units that cannot be decoded
-// are dropped. Caps that could harm elements, and codecs other than PCM and media, are not played:
-// a warning names the codec, and vlxsrc waits for another sender.
+// are dropped. If the codec or the caps are not supported, vlxsrc posts a warning with the cause,
+// and waits for another sender.
 //
 // Element messages on the bus: "vlx-joined", "vlx-lost" and "vlx-stalled", with "socket-name",
 // "text", and "time" in nanoseconds of the monotonic clock. Unprintable bytes appear as \xNN.
@@ -78,7 +77,7 @@ bool isPlausible(TimeValue duration)
     return duration != 0 && duration < ImplausibleNs;
 }
 
-// What was due before the pipeline began is due at its beginning.
+// Frames that were due before the pipeline began are due at its beginning.
 GstClockTime toClockTime(std::int64_t runningTime)
 {
     return static_cast<GstClockTime>(std::max(runningTime, std::int64_t{0}));
@@ -180,7 +179,7 @@ private:
     std::atomic<std::uint64_t> m_incomplete = 0; // frames without a whole sample or picture
     std::atomic<std::uint64_t> m_skipped = 0;    // delta units that cannot be decoded
 
-    // For the two, and for who reads or changes properties.
+    // Shared by both, and by threads that read or change properties.
     mutable std::mutex m_mutex;
     MediaDepayloader m_mediaDepayloader;
     // State changes set it, with m_mutex held; kept after the stop, for its statistics.
@@ -465,7 +464,7 @@ GstBuffer* Src::toPcmBuffer(kit::ReceivedFrame&& frame)
     return buffer;
 }
 
-// Null for a frame that elements cannot use.
+// Null for a frame without valid data.
 GstBuffer* Src::toMediaBuffer(kit::ReceivedFrame&& frame)
 {
     const auto& format = std::get<MediaFormat>(m_format);
