@@ -1,6 +1,7 @@
 #include "CapsText.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -15,8 +16,12 @@ namespace vlx::gst
 namespace
 {
 
-constexpr std::size_t MaxNameBytes = 127;
-constexpr int MaxFields = 256;
+constexpr std::size_t MaxNameBytes = 63;
+constexpr int MaxFields = 64;
+
+// GStreamer keeps every name for ever.
+constexpr std::size_t MaxNewNames = 16'384;
+std::atomic<std::size_t> numNewNames = 0;
 
 bool isLetter(char c)
 {
@@ -48,7 +53,7 @@ bool isInteger(std::string_view text)
 
 bool isFraction(std::string_view text)
 {
-    std::int64_t numbers[2] = {};
+    gint numbers[2] = {};
     const std::size_t slash = text.find('/');
     if (slash == std::string_view::npos)
         return false;
@@ -60,7 +65,7 @@ bool isFraction(std::string_view text)
         if (result.ec != std::errc() || result.ptr != end)
             return false;
     }
-    return std::abs(numbers[0]) <= G_MAXINT && numbers[1] > 0 && numbers[1] <= G_MAXINT;
+    return numbers[0] >= -G_MAXINT && numbers[1] > 0;
 }
 
 bool isReal(std::string_view text)
@@ -169,7 +174,8 @@ public:
         if (!std::all_of(m_rest.begin(), m_rest.end(), isPrintable))
             return false;
         const std::string_view name = takeName();
-        if (name.empty() || name == "ANY" || name == "EMPTY" || name == "NONE")
+        if (name.empty() || name == "ANY" || name == "EMPTY" || name == "NONE" ||
+            name.starts_with("audio/x-raw-") || name.starts_with("video/x-raw-")) // of long ago
             return false;
         take("(memory:SystemMemory)");
         int numFields = 0;
@@ -177,6 +183,12 @@ public:
             if (++numFields > MaxFields || !isField())
                 return false;
         return m_rest.empty();
+    }
+
+    /// @return number of names that GStreamer has not met before
+    std::size_t getNumNewNames() const
+    {
+        return m_numNewNames;
     }
 
 private:
@@ -230,9 +242,11 @@ private:
     std::string_view takeName()
     {
         const std::string_view name = takePlain();
-        return name.size() <= MaxNameBytes && !name.empty() && isLetter(name.front())
-                   ? name
-                   : std::string_view();
+        if (name.empty() || name.size() > MaxNameBytes || !isLetter(name.front()))
+            return {};
+        if (g_quark_try_string(std::string(name).c_str()) == 0)
+            ++m_numNewNames;
+        return name;
     }
 
     const ValueType* takeType()
@@ -256,13 +270,24 @@ private:
     }
 
     std::string_view m_rest;
+    std::size_t m_numNewNames = 0;
 };
+
+/// Checks a text before a parser sees it.
+bool isCaps(std::string_view text)
+{
+    CapsGrammar grammar(text);
+    if (text.size() > kit::MaxMediaCapsBytes || !grammar.isCaps())
+        return false;
+    const std::size_t numNew = grammar.getNumNewNames();
+    return numNew == 0 || numNewNames.fetch_add(numNew) + numNew <= MaxNewNames;
+}
 
 } // unnamed namespace
 
 CapsPtr parseCaps(std::string_view text)
 {
-    if (text.size() > kit::MaxMediaCapsBytes || !CapsGrammar(text).isCaps())
+    if (!isCaps(text))
         return nullptr;
     static_cast<void>(GST_TYPE_VIDEO_MULTIVIEW_FLAGSET); // known to the parser once it is used
     CapsPtr caps(gst_caps_from_string(std::string(text).c_str()));

@@ -25,7 +25,8 @@ using CapsPtr = std::unique_ptr<GstCaps, CapsDeleter>;
 /// Converts a text from another process to caps. Only what gst_caps_to_string() writes for fixed
 /// caps of one structure in system memory is accepted, with fields that are numbers, fractions,
 /// texts, bit masks, buffers, or flat arrays of these; anything else never reaches GStreamer's
-/// parser.
+/// parser. GStreamer keeps every name for as long as the process runs: caps have at most 64 fields,
+/// with names of at most 63 bytes, and after 16,384 new names here others are refused.
 ///
 /// @param text  any bytes
 /// @return null for a text that is not accepted

@@ -1,7 +1,10 @@
 #include "MediaFormat.hpp"
 
 #include <algorithm>
+#include <bit>
 #include <utility>
+
+#include "Caps.hpp"
 
 namespace vlx::gst
 {
@@ -32,9 +35,9 @@ struct Limit
     gint max;
 };
 
-// GstAudioInfo has room for 64 channels.
 constexpr Limit Limits[] = {
-    {"channels", 64}, {"rate", G_MAXINT}, {"width", 65'535}, {"height", 65'535}, {"views", 64},
+    {"channels", MaxChannels}, {"rate", G_MAXINT}, {"width", 65'535},
+    {"height", 65'535},        {"views", 64},
 };
 
 /// @return whether the numbers of raw media are within limits that GStreamer does not check
@@ -53,6 +56,22 @@ bool isInLimits(const GstStructure* fields)
     };
     return pixelWidth > 0 && frames >= 0 &&
            std::all_of(std::begin(Limits), std::end(Limits), isInLimit);
+}
+
+/// @return whether speakers have positions that GStreamer takes without a warning
+bool hasValidPositions(const GstStructure* fields)
+{
+    gint channels = 0;
+    guint64 mask = 0;
+    gst_structure_get_int(fields, "channels", &channels);
+    if (gst_structure_get(fields, "channel-mask", GST_TYPE_BITMASK, &mask, nullptr) == FALSE)
+        return channels <= 2;
+    if (mask == 0)
+        return true;
+    GstAudioChannelPosition positions[64];
+    return channels == std::popcount(mask) &&
+           gst_audio_channel_positions_from_mask(channels, mask, positions) != FALSE &&
+           gst_audio_check_valid_channel_positions(positions, channels, FALSE) != FALSE;
 }
 
 bool hasDefaultPlanes(const GstVideoMeta& meta, const GstVideoInfo& info)
@@ -81,7 +100,8 @@ std::optional<MediaFormat> MediaFormat::parse(std::string_view text)
          GST_VIDEO_INFO_SIZE(&*format.m_video) == 0))
         return std::nullopt;
     if (isAudio &&
-        (gst_audio_info_from_caps(&format.m_audio.emplace(), format.getCaps()) == FALSE ||
+        (!hasValidPositions(fields) ||
+         gst_audio_info_from_caps(&format.m_audio.emplace(), format.getCaps()) == FALSE ||
          GST_AUDIO_INFO_BPF(&*format.m_audio) == 0))
         return std::nullopt;
     return format;

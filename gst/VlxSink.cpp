@@ -282,7 +282,9 @@ bool Sink::setCaps(GstCaps* caps)
     if (!media)
     {
         GST_ELEMENT_ERROR(
-            m_element, STREAM, FORMAT, ("The stream cannot be sent: its caps are not supported."),
+            m_element, STREAM, FORMAT,
+            ("The stream cannot be sent: its caps are not supported%s.",
+             text.starts_with("audio/x-raw") ? "; raw audio has 1 to 63 channels" : ""),
             ("%s", text.c_str()));
         return false;
     }

@@ -83,9 +83,6 @@ TEST_F(ElementsMediaTest, EveryMediumArrivesAsItWasSent)
          "channel-mask=(bitmask)3",
          1920, false},
         {"audio/x-opus,channel-mapping-family=0,streamheader=(buffer)<4f707573,4f70>", 70, false},
-        {"audio/"
-         "x-raw,format=F32LE,layout=interleaved,rate=8000,channels=64,channel-mask=(bitmask)0",
-         2560, false},
         {"audio/x-raw,format=S16LE,layout=non-interleaved,rate=8000,channels=2,"
          "channel-mask=(bitmask)3",
          320, false},
@@ -318,7 +315,7 @@ TEST_F(ElementsMediaTest, OnlyPlainCapsAreAccepted)
     for (int i = 0; i < 10'000; ++i)
         nested = "<" + nested + ">";
     std::string fields;
-    for (int i = 0; i < 300; ++i)
+    for (int i = 0; i < 65; ++i)
         fields += ", f" + std::to_string(i) + "=(int)1";
     const std::string picture = "video/x-raw, format=(string)";
     const std::string sound = "audio/x-raw, layout=(string)interleaved, "
@@ -343,6 +340,7 @@ TEST_F(ElementsMediaTest, OnlyPlainCapsAreAccepted)
         {"a/b, x=(int)99999999999", false},
         {"a/b, x=(fraction)1/0", false},
         {"a/b, x=(fraction)-2147483648/1", false},
+        {"a/b, x=(fraction)-9223372036854775808/1", false},
         {"a/b, x=(string)NULL", false},
         {"a/b, x=(string)\"\\377\"", false},
         {"a/b, x=(string)\"open", false},
@@ -355,7 +353,7 @@ TEST_F(ElementsMediaTest, OnlyPlainCapsAreAccepted)
         {"a/b, x=(GstMessageType)1", false},
         {"a/b, x=(int)" + nested, false},
         {"a/b" + fields, false},
-        {"a/" + std::string(200, 'b'), false},
+        {"a/" + std::string(62, 'b'), false},
         {"a/b, x=(string)" + std::string(kit::MaxMediaCapsBytes, 'x'), false},
         {"video/x-raw, format=(string)I420, width=(int)8", false},
         {"audio/x-raw, format=(string)S16LE, rate=(int)1, channels=(int)-1", false},
@@ -366,8 +364,8 @@ TEST_F(ElementsMediaTest, OnlyPlainCapsAreAccepted)
         {picture + "I420, width=(int)16, height=(int)16, views=(int)-1", false},
         {picture + "I420, width=(int)16, height=(int)16, framerate=(fraction)-1/1", false},
         {picture + "I420, width=(int)16, height=(int)16, pixel-aspect-ratio=(fraction)0/1", false},
-        {sound + "S16LE, rate=(int)8000, channels=(int)64", true},
-        {sound + "S16LE, rate=(int)8000, channels=(int)65", false},
+        {sound + "S16LE, rate=(int)8000, channels=(int)63", true},
+        {sound + "S16LE, rate=(int)8000, channels=(int)64", false},
         {sound + "S16LE, rate=(int)8000, channels=(int)0", false},
         {sound + "S16LE, rate=(int)8000, channels=(int)-64", false},
         {sound + "S32LE, rate=(int)8000, channels=(int)134217728", false},
@@ -376,6 +374,13 @@ TEST_F(ElementsMediaTest, OnlyPlainCapsAreAccepted)
     };
     for (const auto& [text, isAccepted] : rows)
         EXPECT_EQ(gst::MediaFormat::parse(text).has_value(), isAccepted) << text.substr(0, 200);
+
+    int numNew = 0;
+    while (numNew < 16'384 && gst::MediaFormat::parse("new/" + std::to_string(numNew)))
+        ++numNew;
+    EXPECT_GT(numNew, 16'000);
+    EXPECT_LT(numNew, 16'384) << "GStreamer keeps them";
+    EXPECT_TRUE(gst::MediaFormat::parse("new/0, x=(int)1"));
 }
 
 TEST_F(ElementsMediaTest, WhatCannotBePlayedIsReportedAndLeft)
