@@ -249,7 +249,7 @@ int Device::prepare()
     if (const int error = onPrepare(); error < 0)
         return error;
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_hasThreadFailed) // meanwhile
+    if (m_hasThreadFailed) // since the call began
         return -EIO;
     m_position = 0;
     m_error = 0;

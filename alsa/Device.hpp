@@ -134,7 +134,7 @@ protected:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     // Guarded by m_mutex.
-    int m_error = 0;              // that the program's next call returns
+    int m_error = 0;              // returned by the program's next call
     std::uint64_t m_position = 0; // of the thread
     std::uint64_t m_bufferSize = 1;
     bool m_isRunning = false; // started, and neither stopped nor in an xrun
@@ -167,7 +167,7 @@ private:
     const pid_t m_process;
     int m_openersPolicy = 0;
     sched_param m_openersParameters{};
-    // Without a receiver of the log, log4cplus complains on standard error.
+    // Without any listener, log4cplus prints a warning on standard error.
     const kit::LogListener m_silence{kit::LogLevel::Error, nullptr};
     std::thread m_thread;
 
@@ -176,7 +176,7 @@ private:
     std::uint64_t m_availableMinimum = 1;
     std::uint64_t m_stopThreshold = 0;
     bool m_isSignalled = false;
-    bool m_hasThreadFailed = false; // for good
+    bool m_hasThreadFailed = false; // permanent
 };
 
 /// @return nanoseconds of CLOCK_MONOTONIC

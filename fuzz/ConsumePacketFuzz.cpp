@@ -1,5 +1,5 @@
-// Sends sequences of packets, resets and out-of-band headers through a DepayloaderList: no frame is
-// taken without a codec.
+// Sends sequences of packets, resets and out-of-band headers through a DepayloaderList: it accepts
+// no frame without a codec.
 
 #include <array>
 
@@ -96,7 +96,7 @@ private:
         const bool hasCodec = m_list.getCurrentDepayloader() != nullptr;
         const bool isRefused = m_list.consumePacket(packet) == Retcode::NoCurrentDepayloader;
         const bool isFrame = m_list.getCurrentPacketType() == PacketType::Frame;
-        check(isRefused == (isFrame && !hasCodec), "no frame is taken without a codec");
+        check(isRefused == (isFrame && !hasCodec), "no frame is accepted without a codec");
     }
 
     fuzz::InputReader m_input;

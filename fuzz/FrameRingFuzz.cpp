@@ -1,6 +1,6 @@
-// Takes the kit's codec headers and payloads from an input: of any media, and of frames in shared
-// memory, with which it reads an existing ring. What parses is produced again, and a frame that is
-// read is the one that was written.
+// Parses codec headers and payloads of the kit: of any media, and of frames in shared memory, which
+// it then reads from an existing ring. Writing the parsed values gives the same bytes, and each
+// frame that is read equals the one that was written.
 
 #include <FrameRing.hpp>
 #include <unistd.h>

@@ -43,7 +43,7 @@ class Harness
 public:
     Harness() : m_pushFD(::nn_socket(AF_SP, NN_PUSH))
     {
-        check(::pipe2(wakeupPipe(), O_CLOEXEC) == 0, "the system gives a pipe");
+        check(::pipe2(wakeupPipe(), O_CLOEXEC) == 0, "a pipe can be created");
         m_receiver.*Access::KeepRunning = true;
         m_receiver.addDepayloader(m_pcm);
         m_receiver.addDepayloader(m_odd);

@@ -1,5 +1,5 @@
-// Caps from another process: what is accepted is fixed, is written as a text that is accepted
-// again, and holds for buffers of any size. GStreamer's warnings stop the process.
+// Parses caps from another process. Accepted caps are fixed, survive a conversion to text and back,
+// and work with buffers of any size. GStreamer's warnings stop the process.
 
 #include <string>
 

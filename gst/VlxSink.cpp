@@ -123,7 +123,7 @@ public:
     explicit Sink(GstBaseSink* element)
         : WithSettings(element), m_element(element), m_providedClock(GST_ELEMENT(element))
     {
-        // Nothing is rendered here; whoever does that has a deadline of its own.
+        // Nothing is rendered here; elements that render have their own deadline.
         gst_base_sink_set_processing_deadline(element, 0);
     }
 

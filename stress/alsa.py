@@ -1,5 +1,5 @@
-"""The ALSA plugin: aplay plays from a pipe, and each sample is sent on time; arecord records while
-its senders are killed."""
+"""The ALSA plugin: aplay plays from a pipe and each sample is sent on time; arecord records while its
+senders are killed."""
 
 from contextlib import suppress
 import os

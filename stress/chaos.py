@@ -302,9 +302,9 @@ def run_removed(run: Run) -> None:
 
 
 @fault("passed-fuse", "another user passes a file whose close never ends",
-       "sender and receiver go on, and stop promptly")
+       "sender and receiver continue, and stop promptly")
 def pass_stuck(run: Run) -> None:
-    """To both ends, again and again: the user joins the one and poses as the sender of the other."""
+    """Passes files to a sender as its receiver, and to a receiver as an impostor of its sender."""
     path = run.directory / "stuck"
     path.mkdir()
     run.require(os.geteuid() == 0 and os.path.exists("/dev/fuse") and
@@ -329,7 +329,7 @@ def pass_stuck(run: Run) -> None:
         run.within(lambda: not any(end.is_running() for end in ends), "no stop")
         run.tell(f"{sum(peer.count() for peer in hostile)} passed; stopped after "
                  f"{(time.monotonic() - start) * 1e3:.0f} ms")
-        server.kill()  # what hangs in a close ends then
+        server.kill()  # ends each close that hangs
         results = {end.await_end(run.limit) for end in ends}
         run.check(results == {"worked"}, f"a stop: {results}")
     finally:

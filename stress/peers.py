@@ -129,8 +129,8 @@ def make_packet() -> bytes:
 
 
 def publish_rubbish(note: Note, name: str) -> None:
-    """Holds a sender's name, greets properly, announces PCM, and publishes packets to each
-    subscriber until it leaves."""
+    """Holds a sender's name, sends a valid greeting, announces PCM, and publishes random packets to
+    each subscriber until it disconnects."""
     path, publisher = open_main_channel()
     visitors = greet(name, greeting(PUB_SUB, path))
     threading.Thread(target=list, args=(visitors,), daemon=True).start()

@@ -330,7 +330,7 @@ RingPlace FrameRing::publish(const ByteView& bytes)
     if (!place)
     {
         place = {m_free.pop(), 0, bytes.size()};
-        lock.unlock(); // nobody else has the slot
+        lock.unlock(); // no other thread has the slot
         setGeneration(place->slot, 0);
         std::copy(bytes.begin(), bytes.end(), getSlot(place->slot) + SlotHeadBytes);
         lock.lock();

@@ -46,15 +46,15 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-// A receiver that is between its sidechannel and its main-channel connection when a sequence is
-// started hears of it on neither, and then refuses every frame. That is common just after a sender
-// has started, when all that waited for it join at once. So whoever joins so soon after a sequence
-// has another one started, which he cannot miss any more. Far longer than joining takes on a busy
+// If a sequence starts while a receiver is between its sidechannel and its main-channel connection,
+// the receiver misses both announcements and then refuses every frame. This is common just after a
+// sender has started, when all waiting receivers join at once. A receiver that joins this soon
+// after a sequence therefore causes another announcement. Far longer than joining takes on a busy
 // machine.
 constexpr auto JoiningTime = std::chrono::seconds(1);
 
 constexpr auto ReceiverCheckInterval = std::chrono::milliseconds(5);
-// A receiver that waits for the stream joins 2 ms after it opens: then it is looked for closely.
+// A waiting receiver joins 2 ms after the stream opens, so the check is more frequent at first.
 constexpr auto PromptJoinTime = std::chrono::milliseconds(50);
 constexpr auto PromptCheckInterval = std::chrono::milliseconds(1);
 
@@ -289,8 +289,9 @@ Status Producer::Impl::openStream()
         return status;
     if (Status status = protectStream(); !status)
         return status;
-    // The name of shared memory is known only now. In Pipeline an announcement waits for whoever is
-    // connected, as this process was just now: it comes with the first frame, which may wait.
+    // The name of shared memory is known only now. In Pipeline an announcement waits for connected
+    // receivers, and this process was connected just now: it is sent with the first frame, which
+    // may wait.
     if (m_options.protocol != NanomsgProtocol::Pipeline)
     {
         if (Status status = makeRoom(std::nullopt, 0); !status)

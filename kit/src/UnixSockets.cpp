@@ -87,7 +87,7 @@ void takeSocket(std::string_view bytes, UnixSockets& sockets)
 {
     const auto message = readHeader<unix_diag_msg>(bytes);
     if (!message || message->udiag_type != SOCK_STREAM || message->udiag_ino == 0)
-        return; // a connection that nobody has accepted yet has no number
+        return; // a connection that is not accepted yet has no number
     UnixSocket socket;
     socket.isListening = message->udiag_state == ListenState;
     socket.isConnected = message->udiag_state == EstablishedState;
@@ -206,7 +206,7 @@ UnixSockets parseUnixSockets(std::istream& text)
             continue;
         }
         previous = inode;
-        if (inode == 0) // connections that nobody has accepted yet
+        if (inode == 0) // connections that are not accepted yet
             continue;
         UnixSocket socket;
         socket.isListening = (flags & AcceptsConnectionsFlag) != 0;

@@ -53,7 +53,7 @@ py::array getData(const py::object& self)
     return makeBytes(self.cast<const Frame&>().data, self);
 }
 
-/// @return not set if it is unknown or out of range
+/// @return presentation time; not set if unknown or out of range
 std::optional<TimeValue> getPts(TimeValue timestamp, const kit::MediaHead& head)
 {
     if (!head.ptsOffsetNs)
@@ -173,7 +173,7 @@ void addFrame(py::module_& module)
             "The Format. Raises InvalidArgument if the stream is not PCM.")
         .def_property_readonly("codec", getCodec, "The Codec; None for PCM.")
         .def_property_readonly(
-            "media", getMedia, "The Media of a stream that has caps; None for other streams.")
+            "media", getMedia, "The Media, if the stream has caps; None for other streams.")
         .def("__repr__", describe);
     addStamps(type);
 }

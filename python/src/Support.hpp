@@ -68,7 +68,7 @@ bool waitFor(std::chrono::nanoseconds timeout, Step step)
             const WithoutGil unlocked;
             isDone = step(slice);
         }
-        if (isDone) // before a handler can raise, which would lose what was waited for
+        if (isDone) // first, since a signal handler that raises would lose the result
             return true;
         handleSignals();
         if (timeout.count() >= 0 && Clock::now() - begin >= timeout)

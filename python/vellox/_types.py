@@ -63,41 +63,41 @@ class Codec(typing.NamedTuple):
     header: bytes
     """Header as the sender announces it."""
     caps: str | None = None
-    """Media type of a stream with the code "VLXM", as GStreamer writes it; None for others."""
+    """Media type as GStreamer writes it, if the code is "VLXM"; None for other codecs."""
 
 
 class MediaFlags(enum.IntFlag):
-    """Flags of a frame of media."""
+    """Flags of a frame that is not PCM."""
 
     DELTA_UNIT = 1
     """Needs earlier frames to be decoded."""
     HEADER = 2
     """Data that a decoder needs first."""
     MARKER = 4
-    """The end of a picture, for instance."""
+    """For example the end of a picture."""
     DISCONT = 8
-    """Something is missing before this frame."""
+    """Data is missing before this frame."""
     CORRUPTED = 16
     """The data is damaged."""
     DROPPABLE = 32
     """No other frame needs this one."""
     DECODING = 64
-    """The timestamp is the time of decoding."""
+    """The timestamp is the decoding time."""
 
 
 class Media(typing.NamedTuple):
-    """Contents of a frame of a stream that has caps."""
+    """Contents of a frame whose stream has caps."""
 
     flags: MediaFlags
-    """Sum of flags."""
+    """Flags of the frame."""
     pts: int | None
-    """Time of presentation on the stream's clock, nanoseconds; None if unknown or out of range."""
+    """Presentation time on the stream's clock, nanoseconds; None if unknown or out of range."""
     offset: int | None
     """Position in the stream, in the media's unit; None if unknown."""
     number: int
-    """One more than that of the frame sent before; 0: not counted."""
+    """Number of the frame, one more than the previous frame's; 0: frames are not counted."""
     data: npt.NDArray[np.uint8]
-    """The media's bytes, a part of Frame.data without a copy."""
+    """The media data, a view of Frame.data without a copy."""
 
 
 class Event(typing.NamedTuple):

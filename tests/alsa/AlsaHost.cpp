@@ -1,6 +1,6 @@
-// A program that knows only ALSA: it lists the devices, or opens two. When its input has ended, it
-// closes the first, and forks a child that closes the second and ends by exit(). It plays to the
-// second before and after that.
+// A program that uses only ALSA. Without arguments it lists the devices; with two, it opens them.
+// At the end of its input it closes the first device, and forks a child that closes the second one
+// and ends by exit(). It plays to the second device before and after the fork.
 
 #include <array>
 #include <cstdio>

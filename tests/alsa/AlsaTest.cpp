@@ -310,7 +310,7 @@ protected:
         return {getSocketName(), SND_PCM_STREAM_CAPTURE, options};
     }
 
-    const kit::RealTimeScope m_scope{Prompt}; // a program that is late has underruns and overruns
+    const kit::RealTimeScope m_scope{Prompt}; // a delay causes underruns and overruns
 
     kit::Producer makeProducer() const
     {
@@ -971,7 +971,7 @@ TEST_F(AlsaTest, AForkedChildClosesTheDeviceAndExitsAndItsParentPlaysOn)
     for (const std::vector<std::string>& devices :
          std::vector<std::vector<std::string>>{{}, {device + "-a", device + "-b"}})
     {
-        // A sanitizer does not find the leaks of a forked child, and prints that.
+        // In a forked child, a sanitizer prints that it cannot detect leaks.
         std::vector<std::string> arguments = {
             "/usr/bin/env", "LSAN_OPTIONS=detect_leaks=0", ALSA_HOST};
         arguments.insert(arguments.end(), devices.begin(), devices.end());

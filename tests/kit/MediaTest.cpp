@@ -1,4 +1,4 @@
-// The codec of any media: heads and caps.
+// The codec VLXM: heads and caps.
 
 #include <limits>
 
@@ -16,7 +16,7 @@ namespace
 constexpr auto Least = std::numeric_limits<std::int64_t>::min();
 constexpr auto Largest = std::numeric_limits<std::uint64_t>::max();
 
-TEST(MediaTest, HeadsHaveTheirDocumentedBytes)
+TEST(MediaTest, HeadsHaveTheDocumentedBytes)
 {
     struct Row
     {
@@ -43,7 +43,7 @@ TEST(MediaTest, HeadsHaveTheirDocumentedBytes)
          {127, 0, 0, 0},
          {0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
          {0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
-        {"the extremes that are set",
+        {"the largest values that can be set",
          {0, Least + 1, Largest - 1},
          {0, 0, 0, 0},
          {1, 0, 0, 0, 0, 0, 0, 0x80},

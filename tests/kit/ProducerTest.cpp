@@ -173,7 +173,7 @@ TEST_F(ProducerTest, OpensForThoseWhoMayJoin)
     }
 }
 
-TEST_F(ProducerTest, NoticesWhatSomebodyElseHasPutInItsDirectory)
+TEST_F(ProducerTest, ReportsForeignEntriesInItsDirectory)
 {
     const std::string victim = getTempDirectory() + "/victim";
     std::ofstream(victim) << "kept";

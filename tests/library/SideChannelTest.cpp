@@ -89,7 +89,7 @@ TEST(SideChannelTest, NamesAreReadExactly)
     EXPECT_EQ(toNanomsgProtocol("sysclock"), NanomsgProtocol::Unknown);
 }
 
-TEST(SenderDirectoryTest, OnlyTheUriOfASocketFileHasOne)
+TEST(SenderDirectoryTest, OnlyUrisOfSocketFilesHaveADirectory)
 {
     const std::string directory = "/tmp/VlxSender-aZ09xy";
     const std::string file = directory + "/nanomsgChannel.ipc";

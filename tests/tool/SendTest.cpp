@@ -264,7 +264,7 @@ TEST_F(SendTest, FilesInARowBeginASequenceWhereTheFormatChanges)
     EXPECT_GT(runs.at(0)["timestamp"], miscUtils::getMonotonicSysclockTime());
 }
 
-TEST_F(SendTest, FramesAreAsLongAsAskedFor)
+TEST_F(SendTest, FramesHaveTheRequestedLength)
 {
     runTool(send({"--silence", "--frame", "1h", "-d", "50ms"})); // it is waited for
     runTool(send(

@@ -191,7 +191,8 @@ void ReceiveControl::handleEvent(const kit::ConsumerEvent& event)
 bool ReceiveControl::watch()
 {
     printProgress(m_recorder.describeProgress());
-    // A sender that is killed while it hangs was not joined again, so nobody reports its loss.
+    // A consumer that reconnects to a hung sender has not joined it, so it reports no loss if that
+    // sender is killed.
     if (m_recorder.getNumFrames() > 0)
         return m_options.recording.oneshot && m_isStalled && !kit::isNameTaken(m_options.name);
     if (!m_deadline || SteadyClock::now() < *m_deadline)
