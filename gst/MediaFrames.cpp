@@ -58,7 +58,12 @@ void LossFilter::add(const kit::MediaHead& head, bool isLoss)
     const std::uint64_t last = std::exchange(m_lastNumber, head.number);
     m_isLoss = isLoss || (last != 0 && head.number != 0 && head.number != last + 1);
     const bool isDelta = (head.flags & kit::MediaHead::DeltaUnit) != 0;
-    m_isDamaged = isDelta && (m_isDamaged || m_isLoss);
+    // A key frame may be marked as a header, too, but has a PTS. Nothing is missing
+    // before the first header.
+    const bool isHeader = (head.flags & kit::MediaHead::Header) != 0 && !head.ptsOffsetNs;
+    const bool isMissing = (m_isWaiting || m_isLoss) && !(isHeader && head.number == 1);
+    m_isWaiting = isMissing && (isDelta || isHeader);
+    m_isDamaged = m_isWaiting && !isHeader;
 }
 
 } // namespace vlx::gst

@@ -47,6 +47,7 @@ public:
 private:
     std::uint64_t m_lastNumber = 0;
     bool m_isLoss = false;
+    bool m_isWaiting = false; // for a key frame
     bool m_isDamaged = false;
 };
 

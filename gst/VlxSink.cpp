@@ -80,8 +80,9 @@ constexpr int SharedForMedia = 3;
 constexpr auto MediaSpan = std::chrono::milliseconds(500);
 constexpr std::size_t MaxMediaMemory = 256 << 20;
 
-// Between frames without a duration.
-constexpr TimeValue MediaSpacingNs = 200'000;
+// Between frames of media.
+constexpr TimeValue MinSpacingNs = 200'000;
+constexpr TimeValue MaxSpacingNs = 1'000'000'000;
 
 using SinkFormat = std::variant<kit::StreamFormat, MediaFormat>;
 
@@ -115,6 +116,14 @@ struct Announcement
     GstClock* served = nullptr; // for comparison only
 
     bool operator==(const Announcement&) const = default;
+};
+
+/// The frame of media that was sent last.
+struct LastMedia
+{
+    TimeValue sent = 0;
+    TimeValue timestamp = 0;
+    TimeValue duration = 0;
 };
 
 class Sink : public WithSettings<Settings>
@@ -178,9 +187,11 @@ private:
     GstFlowReturn renderPcm(GstBuffer* buffer);
     GstFlowReturn sendPcm(GstBuffer* buffer, const ByteView& data);
     GstFlowReturn sendMedia(GstBuffer* buffer);
-    std::optional<ByteView> makePacket(GstBuffer* buffer, const kit::MediaHead& head);
+    std::optional<ByteView>
+    makePacket(GstBuffer* buffer, const kit::MediaHead& head, kit::FrameMemory& copy) const;
     std::optional<std::int64_t> getRunningTime(GstClockTime time) const;
     TimeValue makeTimestamp(std::optional<std::int64_t> runningTime) const;
+    TimeValue findEarliestTime(std::optional<TimeValue> timestamp) const;
     void waitForTurn(TimeValue earliest);
 
     GstBaseSink* const m_element;
@@ -197,10 +208,9 @@ private:
     PipelineClock m_clock; // that the announcement was chosen for
     bool m_joined = false;
     std::size_t m_numReceivers = 0;
-    kit::Pace m_pace;         // of PCM, after the first frame
-    TimeValue m_earliest = 0; // for the next frame of media
+    kit::Pace m_pace; // of PCM, after the first frame
+    LastMedia m_lastMedia;
     std::uint64_t m_numMediaFrames = 0;
-    kit::FrameMemory m_packet; // of media; reused unless shared
 
     mutable std::mutex m_mutex;
     std::condition_variable m_condition;
@@ -253,7 +263,6 @@ void Sink::onStop()
         m_producer->stop();
     dropProducer();
     m_clock.set(nullptr);
-    m_packet = {};
 }
 
 // Refuses memory that cannot be read as system memory.
@@ -630,6 +639,15 @@ void Sink::waitForTurn(TimeValue earliest)
     m_condition.wait_until(lock, due, [this] { return m_interrupted; });
 }
 
+// Media are sent at twice the speed at most, too. Durations are not those of the pace: subtitles
+// overlap, and the parts of a picture have that of the whole.
+TimeValue Sink::findEarliestTime(std::optional<TimeValue> timestamp) const
+{
+    const TimeValue step =
+        timestamp ? *timestamp - std::min(*timestamp, m_lastMedia.timestamp) : m_lastMedia.duration;
+    return m_lastMedia.sent + std::clamp(step / 2, MinSpacingNs, MaxSpacingNs);
+}
+
 GstFlowReturn Sink::sendPcm(GstBuffer* buffer, const ByteView& data)
 {
     const auto runningTime = getRunningTime(GST_BUFFER_PTS(buffer));
@@ -649,8 +667,9 @@ GstFlowReturn Sink::sendPcm(GstBuffer* buffer, const ByteView& data)
 }
 
 // Returns head and data: in place if the buffer is in the sink's own memory and was not sent
-// before, otherwise as a copy.
-std::optional<ByteView> Sink::makePacket(GstBuffer* buffer, const kit::MediaHead& head)
+// before, otherwise as a copy. Not set if it cannot be read.
+std::optional<ByteView>
+Sink::makePacket(GstBuffer* buffer, const kit::MediaHead& head, kit::FrameMemory& copy) const
 {
     const auto& format = std::get<MediaFormat>(*m_format);
     const std::size_t size = kit::MediaHeadBytes + format.getPackedSize(buffer);
@@ -663,12 +682,11 @@ std::optional<ByteView> Sink::makePacket(GstBuffer* buffer, const kit::MediaHead
             return ByteView(room, size);
         }
     }
-    if (m_packet.size < size)
-        m_packet = m_producer->acquire(size);
-    kit::writeMediaHead(head, m_packet.data.get());
-    if (!format.pack(buffer, m_packet.data.get() + kit::MediaHeadBytes))
+    copy = m_producer->acquire(size);
+    kit::writeMediaHead(head, copy.data.get());
+    if (!format.pack(buffer, copy.data.get() + kit::MediaHeadBytes))
         return std::nullopt;
-    return ByteView(m_packet.data.get(), size);
+    return copy;
 }
 
 // A frame is due at its decoding time, which increases from frame to frame.
@@ -677,14 +695,15 @@ GstFlowReturn Sink::sendMedia(GstBuffer* buffer)
     const auto decoding = getRunningTime(GST_BUFFER_DTS_OR_PTS(buffer));
     const auto presentation = getRunningTime(GST_BUFFER_PTS(buffer));
     const TimeValue timestamp = makeTimestamp(decoding);
-    waitForTurn(m_earliest);
+    waitForTurn(findEarliestTime(decoding ? std::optional(timestamp) : std::nullopt));
     kit::MediaHead head = makeHead(buffer);
     head.number = m_numMediaFrames + 1;
     if (GST_BUFFER_DTS_IS_VALID(buffer))
         head.flags |= kit::MediaHead::Decoding;
     if (decoding && presentation)
         head.ptsOffsetNs = *presentation - *decoding;
-    const auto packet = makePacket(buffer, head);
+    kit::FrameMemory copy;
+    const auto packet = makePacket(buffer, head, copy);
     if (!packet)
     {
         GST_ELEMENT_ERROR(m_element, RESOURCE, READ, (nullptr), ("A buffer cannot be read."));
@@ -694,13 +713,10 @@ GstFlowReturn Sink::sendMedia(GstBuffer* buffer)
         GST_BUFFER_DURATION_IS_VALID(buffer)
             ? GST_BUFFER_DURATION(buffer)
             : std::get<MediaFormat>(*m_format).getDuration(packet->size() - kit::MediaHeadBytes);
-    const kit::Status status = m_producer->send(timestamp, duration, *packet);
-    if (getSettings().getCarriage(true) != kit::Carriage::Inline)
-        m_packet = {};
-    if (!status)
+    if (const kit::Status status = m_producer->send(timestamp, duration, *packet); !status)
         return fail(status);
     m_numMediaFrames = head.number;
-    m_earliest = miscUtils::getMonotonicSysclockTime() + std::max(duration / 2, MediaSpacingNs);
+    m_lastMedia = {miscUtils::getMonotonicSysclockTime(), timestamp, duration};
     return GST_FLOW_OK;
 }
 

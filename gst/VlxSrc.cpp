@@ -481,6 +481,7 @@ GstBuffer* Src::toMediaBuffer(kit::ReceivedFrame&& frame)
     m_isDiscont = m_losses.isLoss();
     if (m_losses.isDamaged() && getSettings().waitForKeyframe)
     {
+        m_isDiscont = true;
         ++m_skipped;
         return nullptr;
     }

@@ -1,7 +1,13 @@
 // Any media through the elements.
 
+#include <atomic>
+#include <chrono>
+#include <csignal>
 #include <cstdint>
+#include <fstream>
+#include <iterator>
 #include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -109,7 +115,7 @@ TEST_F(ElementsMediaTest, EveryMediumArrivesAsItWasSent)
                 const std::string data = makeData(row.bytes, number);
                 GstBuffer* const buffer = makeBuffer(data);
                 const GstClockTime time = number * 10 * GST_MSECOND + GST_SECOND;
-                const GstClockTimeDiff shift = row.hasDts ? order * 7 * Millisecond : 0;
+                const GstClockTimeDiff shift = row.hasDts ? order * (7 * Millisecond) : 0;
                 GST_BUFFER_PTS(buffer) = time + static_cast<GstClockTime>(shift);
                 if (row.hasDts)
                     GST_BUFFER_DTS(buffer) = time;
@@ -235,6 +241,7 @@ TEST_F(ElementsMediaTest, LateReceiverBeginsWithAKeyFrameThatItGetsAtOnce)
 TEST_F(ElementsMediaTest, LossesAreSkippedUpToTheNextKeyFrame)
 {
     constexpr std::uint32_t Delta = MediaHead::DeltaUnit;
+    constexpr std::uint32_t Header = MediaHead::Header;
     const Pipeline receiver(makeReceiver());
     UncheckedSender sender(m_name, std::string("video/x-vp8, width=(int)64"));
     receiver.set(GST_STATE_PLAYING);
@@ -242,14 +249,15 @@ TEST_F(ElementsMediaTest, LossesAreSkippedUpToTheNextKeyFrame)
     {
         std::uint64_t number;
         std::uint32_t flags;
-        std::int64_t ptsOffset;
+        std::optional<std::int64_t> ptsOffset;
         std::size_t bytes; ///< including the head
     };
     constexpr auto Farthest = std::numeric_limits<std::int64_t>::max();
     const Row rows[] = {
         {1, Delta, 0, 40},  {2, 0, -Farthest, 40},  {3, Delta, Farthest, 40}, {5, Delta, 0, 40},
         {6, Delta, 0, 40},  {7, 0xFFFFFF00, 0, 40}, {8, Delta, 0, 32},        {9, Delta, 0, 7},
-        {10, Delta, 0, 40}, {12, 0, 0, 40},         {13, Delta, 0, 40},
+        {10, Delta, 0, 40}, {12, 0, 0, 40},         {13, Delta, 0, 40},       {15, Header, {}, 40},
+        {16, Delta, 0, 40}, {17, Header, 0, 40},    {18, Delta, 0, 40},
     };
     std::uint8_t byte = 0;
     for (const Row& row : rows)
@@ -261,17 +269,86 @@ TEST_F(ElementsMediaTest, LossesAreSkippedUpToTheNextKeyFrame)
     }
     std::string arrived;
     std::string disconts;
-    for (int i = 0; i < 5; ++i)
+    for (int i = 0; i < 8; ++i)
     {
         const auto frame = receiver.pull();
         ASSERT_TRUE(frame) << arrived;
-        arrived += std::to_string(rows[static_cast<std::size_t>(frame->data[0])].number) + " ";
+        arrived += std::to_string(rows[static_cast<std::uint8_t>(frame->data[0])].number) + " ";
         disconts += frame->discont ? "d" : "-";
     }
-    EXPECT_EQ(arrived, "2 3 7 12 13 ");
-    EXPECT_EQ(disconts, "d-dd-");
-    EXPECT_EQ(receiver.getCount("src", "skipped"), 4U);
+    EXPECT_EQ(arrived, "2 3 7 12 13 15 17 18 ");
+    EXPECT_EQ(disconts, "d-dd-dd-");
+    EXPECT_EQ(receiver.getCount("src", "skipped"), 5U);
     EXPECT_EQ(receiver.getCount("src", "dropped"), 2U) << "without data";
+}
+
+// Not by their durations.
+TEST_F(ElementsMediaTest, FramesAreSentAtTwiceTheSpeedAtMost)
+{
+    constexpr GstClockTime Hour = 3600 * GST_SECOND;
+    struct Row
+    {
+        GstClockTime step; ///< of the timestamps
+        GstClockTime duration;
+        std::chrono::milliseconds least; ///< between two frames
+    };
+    const Row rows[] = {
+        {100 * GST_MSECOND, Hour, std::chrono::milliseconds(50)},
+        {0, Hour, std::chrono::milliseconds(0)},
+        {Hour, Hour, std::chrono::milliseconds(1000)},
+        {GST_CLOCK_TIME_NONE, 100 * GST_MSECOND, std::chrono::milliseconds(50)},
+    };
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.step);
+        const Pipeline sender(makeInput("wait-for-connection=false"));
+        setCaps(sender, "a/b");
+        sender.set(GST_STATE_PLAYING);
+        const auto begin = std::chrono::steady_clock::now();
+        for (std::uint64_t i = 0; i < 3; ++i)
+        {
+            GstBuffer* const buffer = makeBuffer("a");
+            if (GST_CLOCK_TIME_IS_VALID(row.step))
+                GST_BUFFER_PTS(buffer) = i * row.step;
+            GST_BUFFER_DURATION(buffer) = row.duration;
+            push(sender, buffer);
+        }
+        ASSERT_TRUE(waitFor([&] { return sender.getCount("sink", "frames") == 3; }));
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, 2 * row.least);
+    }
+}
+
+// The receiver reads both only after they were sent.
+TEST_F(ElementsMediaTest, FramesStayAsTheyWereSentWhenThePropertyChanges)
+{
+    const std::string file = m_directory + "/received";
+    const ChildPipeline receiver(
+        "vlxsrc max-queue-time=0 socket-name=" + m_name +
+        " ! filesink buffer-mode=2 location=" + file);
+    const Pipeline sender(makeInput("shared-memory=always"));
+    setCaps(sender, "a/b");
+    sender.set(GST_STATE_PLAYING);
+    std::string expected;
+    const auto sendNext = [&](std::size_t number)
+    {
+        const std::string data = makeData(1000, number);
+        push(sender, makeBuffer(data));
+        EXPECT_TRUE(waitFor([&] { return sender.getCount("sink", "frames") == number; }));
+        expected += data;
+    };
+    const auto read = [&]
+    {
+        std::ifstream stream(file);
+        return std::string(std::istreambuf_iterator<char>(stream), {});
+    };
+    sendNext(1);
+    ASSERT_TRUE(waitFor([&] { return read() == expected; }));
+    gst_util_set_object_arg(G_OBJECT(sender.find("sink")), "shared-memory", "never");
+    receiver.signal(SIGSTOP);
+    sendNext(2);
+    sendNext(3);
+    receiver.signal(SIGCONT);
+    EXPECT_TRUE(waitFor([&] { return read() == expected; }));
 }
 
 // Receivers may still read the first one.
