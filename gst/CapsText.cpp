@@ -19,7 +19,7 @@ namespace
 constexpr std::size_t MaxNameBytes = 63;
 constexpr int MaxFields = 64;
 
-// GStreamer keeps every name for ever.
+// Limits the memory for names, which GStreamer never releases.
 constexpr std::size_t MaxNewNames = 16'384;
 std::atomic<std::size_t> numNewNames = 0;
 
@@ -39,8 +39,8 @@ bool isPlain(char c)
     return g_ascii_isalnum(c) != FALSE || std::string_view("/-_.:+").find(c) != std::string::npos;
 }
 
-// Everything that GStreamer can parse, since it leaks an array that it fails to parse. It takes
-// zeros in front of others for octal numbers.
+// Only what GStreamer can parse, since it leaks an array that it fails to parse. It parses numbers
+// with a leading zero as octal.
 template <typename Integer>
 bool isInteger(std::string_view text)
 {
@@ -175,7 +175,7 @@ public:
             return false;
         const std::string_view name = takeName();
         if (name.empty() || name == "ANY" || name == "EMPTY" || name == "NONE" ||
-            name.starts_with("audio/x-raw-") || name.starts_with("video/x-raw-")) // of long ago
+            name.starts_with("audio/x-raw-") || name.starts_with("video/x-raw-")) // obsolete
             return false;
         take("(memory:SystemMemory)");
         int numFields = 0;
@@ -185,7 +185,7 @@ public:
         return m_rest.empty();
     }
 
-    /// @return number of names that GStreamer has not met before
+    /// @return number of names that are new to GStreamer
     std::size_t getNumNewNames() const
     {
         return m_numNewNames;
@@ -273,7 +273,7 @@ private:
     std::size_t m_numNewNames = 0;
 };
 
-/// Checks a text before a parser sees it.
+/// Checks a text before GStreamer parses it.
 bool isCaps(std::string_view text)
 {
     CapsGrammar grammar(text);

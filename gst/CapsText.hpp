@@ -22,14 +22,17 @@ struct CapsDeleter
 /// Owns one reference.
 using CapsPtr = std::unique_ptr<GstCaps, CapsDeleter>;
 
-/// Converts a text from another process to caps. Only what gst_caps_to_string() writes for fixed
-/// caps of one structure in system memory is accepted, with fields that are numbers, fractions,
-/// texts, bit masks, buffers, or flat arrays of these; anything else never reaches GStreamer's
-/// parser. GStreamer keeps every name for as long as the process runs: caps have at most 64 fields,
-/// with names of at most 63 bytes, and after 16,384 new names here others are refused.
+/// Converts a text from another process to caps.
+///
+/// Accepts only what gst_caps_to_string() writes for fixed caps of one structure in system memory.
+/// Fields must be numbers, fractions, strings, bit masks, buffers, or flat arrays of these. Any other
+/// text never reaches GStreamer's parser.
+///
+/// GStreamer never releases a name. Caps may therefore have at most 64 fields, with names of at
+/// most 63 bytes, and a process accepts at most 16,384 new names.
 ///
 /// @param text  any bytes
-/// @return null for a text that is not accepted
+/// @return null if the text is not accepted
 /// @pre gst_init() was called
 CapsPtr parseCaps(std::string_view text);
 
