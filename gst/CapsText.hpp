@@ -25,8 +25,8 @@ using CapsPtr = std::unique_ptr<GstCaps, CapsDeleter>;
 /// Converts a text from another process to caps.
 ///
 /// Accepts only what gst_caps_to_string() writes for fixed caps of one structure in system memory.
-/// Fields must be numbers, fractions, strings, bit masks, buffers, or flat arrays of these. Any other
-/// text never reaches GStreamer's parser.
+/// Fields must be numbers, fractions, strings, bit masks, buffers, or flat arrays of these. Any
+/// other text never reaches GStreamer's parser.
 ///
 /// GStreamer never releases a name. Caps may therefore have at most 64 fields, with names of at
 /// most 63 bytes, and a process accepts at most 16,384 new names.
