@@ -13,7 +13,8 @@
 // unknown, the time of arrival is used. The buffer after a gap or a new connection has DISCONT.
 //
 // Encoded media begins with a key frame, also after lost frames: delta units that cannot be decoded
-// are dropped. If the codec or the caps are not supported, vlxsrc posts a warning with the cause,
+// are dropped. If no key frame comes, vlxsrc leaves the stream and joins it again, so that vlxsink
+// asks for one. If the codec or the caps are not supported, vlxsrc posts a warning with the cause,
 // and waits for another sender.
 //
 // Element messages on the bus: "vlx-joined", "vlx-lost" and "vlx-stalled", with "socket-name",
@@ -68,6 +69,12 @@ constexpr guint64 DefaultLatencyNs = 20'000'000;
 
 // A sender normally answers at once, but not on a busy machine.
 constexpr auto ConnectTimeout = std::chrono::milliseconds(250);
+
+// For a key frame that the encoder makes by itself, and after a join for the one that vlxsink asks
+// for. An encoder may look far ahead: the pause doubles until a key frame comes.
+constexpr TimeValue KeyframeWaitNs = 200'000'000;
+constexpr TimeValue MinRejoinPauseNs = 1'000'000'000;
+constexpr TimeValue MaxRejoinPauseNs = 8 * MinRejoinPauseNs;
 
 // Timestamps that are further away cannot be meant for the announced clock.
 constexpr std::int64_t ImplausibleNs = 60'000'000'000;
@@ -158,6 +165,7 @@ private:
     GstBuffer* toBuffer(kit::ReceivedFrame&& frame);
     GstBuffer* toPcmBuffer(kit::ReceivedFrame&& frame);
     GstBuffer* toMediaBuffer(kit::ReceivedFrame&& frame);
+    void awaitKeyframe(TimeValue now, bool isNew);
     std::optional<std::int64_t> findRunningTime(const kit::FrameInfo& frame);
 
     GstBaseSrc* const m_element;
@@ -168,7 +176,9 @@ private:
     PipelineClock m_clock;
     ClockEndpoint m_streamEndpoint; // of the last sender with a network clock
     std::variant<std::monostate, kit::StreamFormat, MediaFormat> m_format;
-    LossFilter m_losses;      // of media
+    LossFilter m_losses;        // of media
+    TimeValue m_rejoinTime = 0; // if no key frame comes
+    TimeValue m_rejoinPauseNs = MinRejoinPauseNs;
     bool m_isDiscont = false; // the next buffer
     bool m_isJoined = false;
     std::optional<SteadyClock::time_point> m_waitingSince; // for a sender
@@ -264,6 +274,7 @@ bool Src::onStart()
     m_skipped = 0;
     m_isDiscont = false;
     m_isJoined = false;
+    m_rejoinPauseNs = MinRejoinPauseNs;
     m_waitingSince.reset();
     m_streamEndpoint = {};
     m_format = {};
@@ -404,6 +415,8 @@ bool Src::endsStream(const ConsumerEvent& event)
 {
     m_isJoined = event.kind == ConsumerEvent::Kind::Joined;
     m_waitingSince.reset();
+    if (m_isJoined)
+        m_rejoinTime = event.time + m_rejoinPauseNs;
     return event.kind == ConsumerEvent::Kind::Lost && getSettings().eosOnDisconnect;
 }
 
@@ -477,14 +490,17 @@ GstBuffer* Src::toMediaBuffer(kit::ReceivedFrame&& frame)
         return nullptr;
     }
     const kit::MediaHead head = media->head;
+    const bool wasDamaged = m_losses.isDamaged();
     m_losses.add(head, m_isDiscont);
     m_isDiscont = m_losses.isLoss();
     if (m_losses.isDamaged() && getSettings().waitForKeyframe)
     {
         m_isDiscont = true;
         ++m_skipped;
+        awaitKeyframe(frame.arrival, !wasDamaged);
         return nullptr;
     }
+    m_rejoinPauseNs = MinRejoinPauseNs;
     const TimeValue duration = frame.duration;
     const auto time = findRunningTime(frame);
     GstBuffer* const buffer = makeBuffer(std::move(frame), head);
@@ -499,6 +515,17 @@ GstBuffer* Src::toMediaBuffer(kit::ReceivedFrame&& frame)
     if (time && -ImplausibleNs < offset && offset < ImplausibleNs)
         GST_BUFFER_PTS(buffer) = toClockTime(*time + offset);
     return buffer;
+}
+
+void Src::awaitKeyframe(TimeValue now, bool isNew)
+{
+    if (isNew)
+        m_rejoinTime = std::max(m_rejoinTime, now + KeyframeWaitNs);
+    if (now < m_rejoinTime)
+        return;
+    m_rejoinTime = now + m_rejoinPauseNs;
+    m_rejoinPauseNs = std::min(2 * m_rejoinPauseNs, MaxRejoinPauseNs);
+    m_consumer->rejoin();
 }
 
 GstBuffer* Src::toBuffer(kit::ReceivedFrame&& frame)
@@ -579,7 +606,8 @@ void installProperties(gpointer elementClass)
         "Frames that may wait for a busy pipeline; 0: no limit");
     properties.addNumber(
         "stall-timeout", &Settings::stallTimeoutNs, Mutability::Stopped,
-        "Reconnect after this time without a frame, in nanoseconds; 0: never");
+        "Reconnect after this time without a frame, counted from the end of the last one, in "
+        "nanoseconds; 0: never");
     properties.addNumber(
         "latency", &Settings::latencyNs, Mutability::AnyTime,
         "Latency that is reported to the pipeline: the time that a frame may take to arrive, in "

@@ -120,6 +120,7 @@ public:
     Status start();
     void stop();
     void requestStop();
+    void rejoin();
     void pause(bool on);
     TimeValue getStreamTime() const;
     ConsumerClock getClock() const;
@@ -154,6 +155,7 @@ private:
         Doubt, // about the sender, for a closer look
         Flapping,
         MissedSequence,
+        Request,
         WorkerEnded,
     };
 
@@ -213,6 +215,7 @@ private:
     std::atomic<bool> m_started = false;
     std::atomic<bool> m_stopRequested = false;
     std::atomic<bool> m_missedSequence = false;
+    std::atomic<bool> m_rejoinRequested = false;
     CallbackThread m_callbackThread{};
     std::atomic<bool> m_isDoubtful = false;      // the sender: refused, or left without a frame
     std::atomic<bool> m_workerEnded = false;     // unasked
@@ -401,6 +404,12 @@ void Consumer::Impl::stop()
 void Consumer::Impl::requestStop()
 {
     m_stopRequested = true;
+    m_wakeup.wake();
+}
+
+void Consumer::Impl::rejoin()
+{
+    m_rejoinRequested = true;
     m_wakeup.wake();
 }
 
@@ -668,6 +677,7 @@ bool Consumer::Impl::startReceiver()
 {
     m_endedByKeeper = false;
     m_missedSequence = false;
+    m_rejoinRequested = false;
     m_isDoubtful = false;
     m_workerEnded = false;
     m_givenUp = false;
@@ -706,6 +716,8 @@ Consumer::Impl::Ending Consumer::Impl::superviseReceiver()
             return Ending::WorkerEnded;
         if (m_missedSequence)
             return Ending::MissedSequence;
+        if (m_rejoinRequested.exchange(false) && m_record.isJoined())
+            return Ending::Request;
         if (m_record.isFlapping())
             return Ending::Flapping;
         if (m_record.isStalled(getMonotonicSysclockTime()))
@@ -728,6 +740,8 @@ void Consumer::Impl::reportEnd(Ending ending)
     if (!m_endIsUnreported.exchange(false))
         return;
     const std::string name = quote(m_options.name);
+    if (ending == Ending::Request)
+        return tell(Kind::Stalled, "joining " + name + " again, as requested");
     if (ending != Ending::Stall && ending != Ending::MissedSequence)
         return tell(Kind::Lost, "left " + name);
     m_record.onStall();
@@ -746,6 +760,7 @@ void Consumer::Impl::handleEnding(Ending ending)
     {
     case Ending::Stop:
     case Ending::MissedSequence:
+    case Ending::Request:
     case Ending::Stall:
         break;
     case Ending::Doubt:
@@ -866,6 +881,11 @@ void Consumer::stop()
 void Consumer::requestStop()
 {
     m_impl->requestStop();
+}
+
+void Consumer::rejoin()
+{
+    m_impl->rejoin();
 }
 
 void Consumer::interrupt(bool on)

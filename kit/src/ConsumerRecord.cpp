@@ -17,6 +17,8 @@ constexpr TimeValue MaxJitterNs = 1'000'000;
 constexpr TimeValue RoundingNs = 2;
 
 constexpr unsigned MaxDoublings = 4;
+// A duration that is beyond this is not believed.
+constexpr TimeValue MaxSignNs = 60'000'000'000;
 constexpr std::size_t LossLimit = 5;
 constexpr TimeValue FlapWindowNs = 1'000'000'000;
 // A frame may overtake the announcement of its sequence, but not for long.
@@ -136,7 +138,6 @@ ConsumerRecord::Place ConsumerRecord::onFrame(
         ++m_counts.connections;
         m_counts.joinNs = arrival - m_waitBegin;
     }
-    m_lastSign = arrival;
     m_unknownSince = 0;
     m_stallsInARow = 0;
     ++m_counts.frames;
@@ -145,6 +146,7 @@ ConsumerRecord::Place ConsumerRecord::onFrame(
         m_ages.add(static_cast<std::int64_t>(streamTime - timestamp));
 
     const TimeValue length = getLength(duration, size);
+    m_lastSign = arrival + std::min(length, MaxSignNs);
     const std::int64_t gapNs = measureGap(timestamp, length);
     m_expectedTimestamp = timestamp + length;
     return {gapNs, std::exchange(m_isFirstFrame, false), length};
@@ -229,6 +231,12 @@ TimeValue ConsumerRecord::getConnectingSince() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_connectingSince;
+}
+
+bool ConsumerRecord::isJoined() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_joinedSince != 0;
 }
 
 bool ConsumerRecord::hasFrame() const

@@ -28,7 +28,7 @@ public:
         TimeValue lengthNs; ///< of its media
     };
 
-    /// @param stallLimitNs  time without a frame after which a connection counts as stalled; 0:
+    /// @param stallLimitNs  time after the last frame's end, as its duration says, after which a connection counts as stalled; 0:
     ///                      never. A sender that is merely paused looks the same, so it doubles
     ///                      with each stall until a frame comes or the sender goes, up to
     ///                      sixteenfold
@@ -106,6 +106,8 @@ public:
     /// @return since when the receiver looks for a sender; 0 if it does not
     TimeValue getConnectingSince() const;
 
+    bool isJoined() const;
+
     /// @return whether the present connection has brought a frame
     bool hasFrame() const;
 
@@ -136,7 +138,7 @@ private:
     bool m_holds = false;
     bool m_isHeld = false;                        // a sender was checked, and is not joined yet
     std::deque<TimeValue> m_losses;               // without a sequence; the last ones, oldest first
-    TimeValue m_lastSign = 0;                     // the join, or the last frame after it
+    TimeValue m_lastSign = 0;                     // the join, or the end of the last frame
     unsigned m_stallsInARow = 0;                  // since the last frame or loss
     std::optional<StreamFormat> m_format;         // of the present sequence, if it is PCM
     std::optional<TimeValue> m_expectedTimestamp; // of the next frame, if nothing is missing

@@ -41,8 +41,9 @@ struct ConsumerOptions
     /// Directory where senders and receivers of this machine meet; empty: "TMPDIR" as it is in
     /// start(), or "/tmp/vlx", which is created if it is missing. Any other directory must exist.
     std::string baseDirectory = {};
-    /// Time without a frame after which a joined stream is joined again; zero: never. The time
-    /// doubles with each attempt that brought no frame, up to sixteenfold.
+    /// Time without a frame after which a joined stream is joined again; zero: never. It counts
+    /// from the end of the last frame's duration, which may be at most 60 s. The time doubles with
+    /// each attempt that brought no frame, up to sixteenfold.
     std::chrono::nanoseconds stallTimeout = std::chrono::seconds(2);
     /// Scheduling of the stream's threads.
     RealTime realTime = {};
@@ -171,8 +172,8 @@ struct ConsumerEvent
         /// The connection has ended: the sender closed it, it failed, or the consumer left, because
         /// of stop() for instance.
         Lost,
-        /// The consumer joins again: no frame came within the stall timeout, or it missed the
-        /// announcement of a sequence.
+        /// The consumer joins again: no frame came within the stall timeout, it missed the
+        /// announcement of a sequence, or rejoin() was called.
         Stalled,
         /// No depayloader for the stream's codec is registered, or its depayloader rejects the
         /// header, or the PCM format is beyond StreamFormat::isSupported(). This kind and
@@ -357,6 +358,13 @@ public:
     ///
     /// @thread any, callbacks included
     VLX_API void requestStop();
+
+    /// Asks the consumer to leave the stream and to join it again, and returns at once. Reported as
+    /// Stalled, and not counted as such; frames are lost meanwhile. A vlxsink asks for a key frame
+    /// when a receiver joins. Does nothing on a consumer that is not joined.
+    ///
+    /// @thread any, callbacks included
+    VLX_API void rejoin();
 
     /// Takes the next item from the queue, in order of arrival. When the queue is full, the oldest
     /// frame is dropped and counted. Events are never dropped, and take some hundred bytes each

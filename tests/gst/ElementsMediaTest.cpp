@@ -351,6 +351,36 @@ TEST_F(ElementsMediaTest, FramesStayAsTheyWereSentWhenThePropertyChanges)
     EXPECT_TRUE(waitFor([&] { return read() == expected; }));
 }
 
+// A vlxsink asks for a key frame when a receiver joins.
+TEST_F(ElementsMediaTest, JoinsAgainForAKeyFrameThatDoesNotCome)
+{
+    const Pipeline receiver(makeReceiver());
+    UncheckedSender sender(m_name, std::string("video/x-vp8"));
+    receiver.set(GST_STATE_PLAYING);
+    std::uint64_t number = 0;
+    const auto send = [&](std::uint32_t flags)
+    {
+        Buffer data(kit::MediaHeadBytes + 1);
+        kit::writeMediaHead({flags, 0, {}, ++number}, data.data());
+        sender.send(miscUtils::getMonotonicSysclockTime(), 1, data);
+    };
+    send(0);
+    ASSERT_TRUE(receiver.pull());
+    receiver.set(GST_STATE_PAUSED);
+    receiver.set(GST_STATE_PLAYING);
+    EXPECT_TRUE(waitFor(
+        [&]
+        {
+            send(MediaHead::DeltaUnit);
+            return receiver.getCount("src", "reconnects") > 0;
+        }));
+    EXPECT_EQ(receiver.getCount("src", "stalls"), 0U);
+    send(0);
+    const auto received = receiver.pull();
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received->flags & GST_BUFFER_FLAG_DELTA_UNIT, 0U);
+}
+
 // Receivers may still read the first one.
 TEST_F(ElementsMediaTest, FrameThatIsSentTwiceIsCopied)
 {

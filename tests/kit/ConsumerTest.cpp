@@ -580,6 +580,10 @@ TEST_F(ConsumerTest, JoinsAgainWhenItHasMissedAnAnnouncement)
     EXPECT_EQ(consumer.count("stalled: missed a format announcement"), 1U);
     EXPECT_EQ(consumer.count("joined"), 2U);
     EXPECT_EQ(consumer.get().getStatistics().reconnects, 1U);
+    consumer.get().rejoin();
+    ASSERT_TRUE(consumer.waitForEvent("stalled: joining"));
+    ASSERT_TRUE(consumer.waitForEvent("joined", 3));
+    EXPECT_EQ(consumer.get().getStatistics().stalls, 1U);
 }
 
 TEST_F(ConsumerTest, StartsAWorkerAgainThatHasEndedUnasked)
@@ -1416,6 +1420,16 @@ TEST(ConsumerRecordTest, StallLimitDoublesUntilAFrameComes)
     EXPECT_FALSE(record.isStalled(now + 1));
     EXPECT_TRUE(record.isStalled(now + 2));
     EXPECT_EQ(record.getStatistics().stalls, 5U);
+
+    // From the end of the last frame, within reason.
+    constexpr TimeValue Longest = 60'000'000'000;
+    for (const TimeValue duration : {TimeValue{3}, Longest, ~TimeValue{0}})
+    {
+        record.onFrame(0, duration, 0, now, 0);
+        const TimeValue end = now + std::min(duration, Longest);
+        EXPECT_FALSE(record.isStalled(end + 1));
+        EXPECT_TRUE(record.isStalled(end + 2));
+    }
 
     // The next one who takes the name is no slower than he is.
     record.onStall();
