@@ -41,6 +41,18 @@ GstCaps* toCaps(const kit::StreamFormat& format)
     return caps;
 }
 
+CapsPtr selectPcm(const GstCaps* caps)
+{
+    static GstStaticCaps text = GST_STATIC_CAPS(
+        "audio/x-raw, format = (string) { S8, U8, S16LE, S16BE, S24LE, S24BE, S32LE, S32BE, F32LE, "
+        "F32BE, F64LE, F64BE }, layout = (string) interleaved, rate = (int) [ 1, max ], "
+        "channels = (int) [ 1, 63 ]");
+    const CapsPtr pcm(gst_static_caps_get(&text));
+    // The function does not change its arguments.
+    return CapsPtr(
+        gst_caps_intersect_full(const_cast<GstCaps*>(caps), pcm.get(), GST_CAPS_INTERSECT_FIRST));
+}
+
 std::optional<kit::StreamFormat> toStreamFormat(const GstCaps* caps)
 {
     if (!gst_caps_is_fixed(caps) || !isInSystemMemory(caps, 0))

@@ -8,6 +8,8 @@
 
 #include <vlxkit/StreamFormat.hpp>
 
+#include "CapsText.hpp"
+
 namespace vlx::gst
 {
 
@@ -26,6 +28,12 @@ bool isInSystemMemory(const GstCaps* caps, guint index);
 /// @pre isPlayable(format)
 /// @return a new reference
 GstCaps* toCaps(const kit::StreamFormat& format);
+
+/// Selects what streams of PCM can have.
+///
+/// @param caps  of any media
+/// @return empty if there is nothing
+CapsPtr selectPcm(const GstCaps* caps);
 
 /// @return the format, if the caps can be sent as PCM; not set for other caps
 std::optional<kit::StreamFormat> toStreamFormat(const GstCaps* caps);

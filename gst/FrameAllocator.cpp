@@ -205,7 +205,8 @@ std::uint8_t* FrameAllocator::sealWithHead(GstBuffer* buffer, std::size_t headBy
     Memory* const memory = findMemory(buffer);
     if (memory == nullptr)
         return nullptr;
-    GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_TAG_MEMORY);
+    if (gst_buffer_is_writable(buffer) != FALSE)
+        GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_TAG_MEMORY);
     const std::lock_guard lock(memory->getMutex());
     Content& content = *memory->content;
     // A part has bytes of other parts in front of it.

@@ -74,6 +74,23 @@ bool hasValidPositions(const GstStructure* fields)
            gst_audio_check_valid_channel_positions(positions, channels, FALSE) != FALSE;
 }
 
+/// @return whether GStreamer takes the views of a picture without a warning
+bool hasValidViews(const GstStructure* fields)
+{
+    const gchar* const mode = gst_structure_get_string(fields, "multiview-mode");
+    GEnumClass* const modes = G_ENUM_CLASS(g_type_class_ref(GST_TYPE_VIDEO_MULTIVIEW_MODE));
+    const bool isValid = mode == nullptr || g_enum_get_value_by_nick(modes, mode) != nullptr;
+    g_type_class_unref(modes);
+    return isValid;
+}
+
+bool hasSameSize(const GstVideoMeta& meta, const GstVideoInfo& info)
+{
+    return meta.format == GST_VIDEO_INFO_FORMAT(&info) &&
+           meta.width == static_cast<guint>(GST_VIDEO_INFO_WIDTH(&info)) &&
+           meta.height == static_cast<guint>(GST_VIDEO_INFO_HEIGHT(&info));
+}
+
 bool hasDefaultPlanes(const GstVideoMeta& meta, const GstVideoInfo& info)
 {
     return meta.n_planes == GST_VIDEO_INFO_N_PLANES(&info) &&
@@ -96,7 +113,8 @@ std::optional<MediaFormat> MediaFormat::parse(std::string_view text)
     if ((isVideo || isAudio) && !isInLimits(fields))
         return std::nullopt;
     if (isVideo &&
-        (gst_video_info_from_caps(&format.m_video.emplace(), format.getCaps()) == FALSE ||
+        (!hasValidViews(fields) ||
+         gst_video_info_from_caps(&format.m_video.emplace(), format.getCaps()) == FALSE ||
          GST_VIDEO_INFO_SIZE(&*format.m_video) == 0))
         return std::nullopt;
     if (isAudio &&
@@ -172,6 +190,9 @@ bool MediaFormat::pack(GstBuffer* buffer, std::uint8_t* destination) const
         return gst_buffer_extract(buffer, 0, destination, size) == size;
     if (m_audio)
     {
+        if (GST_AUDIO_INFO_CHANNELS(&findPlanes(buffer)->info) !=
+            GST_AUDIO_INFO_CHANNELS(&*m_audio))
+            return false;
         const auto numPlanes = static_cast<std::size_t>(GST_AUDIO_INFO_CHANNELS(&*m_audio));
         const std::size_t plane = size / numPlanes;
         std::size_t copied = 0;
@@ -180,6 +201,8 @@ bool MediaFormat::pack(GstBuffer* buffer, std::uint8_t* destination) const
                 buffer, findPlanes(buffer)->offsets[i], destination + i * plane, plane);
         return copied == size;
     }
+    if (!hasSameSize(*gst_buffer_get_video_meta(buffer), *m_video))
+        return false;
     GstVideoFrame from;
     if (gst_video_frame_map(&from, &*m_video, buffer, GST_MAP_READ) == FALSE)
         return false;
@@ -188,9 +211,7 @@ bool MediaFormat::pack(GstBuffer* buffer, std::uint8_t* destination) const
     for (guint i = 0; i < GST_VIDEO_INFO_N_PLANES(&*m_video); ++i)
         to.data[i] = destination + m_video->offset[i];
     std::fill_n(destination, size, std::uint8_t{0}); // the ends of lines are not copied
-    const bool isCopied = from.info.width == m_video->width &&
-                          from.info.height == m_video->height &&
-                          gst_video_frame_copy(&to, &from) != FALSE;
+    const bool isCopied = gst_video_frame_copy(&to, &from) != FALSE;
     gst_video_frame_unmap(&from);
     return isCopied;
 }

@@ -177,7 +177,7 @@ private:
     kit::SharedMemory chooseMemory(const Settings& settings, GstBuffer* first) const;
     GstFlowReturn
     open(const Settings& settings, const Announcement& announcement, GstBuffer* first);
-    kit::Status announceFormat();
+    kit::Status announceFormat(bool isOpen);
     GstFlowReturn openOrAdapt(GstBuffer* buffer);
     GstFlowReturn waitForReceiver();
     void onReceivers(std::size_t count);
@@ -265,15 +265,21 @@ void Sink::onStop()
     m_clock.set(nullptr);
 }
 
-// Refuses memory that cannot be read as system memory.
+// Refuses memory that cannot be read as system memory. Raw audio travels as PCM if it can: every
+// receiver plays that.
 GstCaps* Sink::getCaps(GstCaps* filter)
 {
     if (filter == nullptr || gst_caps_is_any(filter) != FALSE)
         return gst_caps_new_any();
-    GstCaps* const caps = gst_caps_new_empty();
+    GstCaps* const caps = selectPcm(filter).release();
+    const bool hasPcm = gst_caps_is_empty(caps) == FALSE;
     for (guint i = 0; i < gst_caps_get_size(filter); ++i)
-        if (isInSystemMemory(filter, i))
-            gst_caps_append_structure(caps, gst_structure_copy(gst_caps_get_structure(filter, i)));
+    {
+        const GstStructure* const fields = gst_caps_get_structure(filter, i);
+        const bool isOtherAudio = hasPcm && gst_structure_has_name(fields, "audio/x-raw") != FALSE;
+        if (isInSystemMemory(filter, i) && !isOtherAudio)
+            gst_caps_append_structure(caps, gst_structure_copy(fields));
+    }
     return caps;
 }
 
@@ -321,6 +327,9 @@ void Sink::dropProducer()
     m_joined = false;
     if (!m_producer)
         return;
+    // Closing would wait for the end of the last frame, which may be a text of an hour.
+    if (!m_payloaders.empty())
+        m_producer->stop();
     m_producer->close();
     m_payloaders.clear();
     m_numReceivers = 0;
@@ -483,7 +492,7 @@ Sink::open(const Settings& settings, const Announcement& announcement, GstBuffer
         m_producer = std::make_unique<kit::Producer>(std::move(options));
         m_producer->interrupt(m_interrupted);
     }
-    if (const kit::Status status = announceFormat(); !status)
+    if (const kit::Status status = announceFormat(false); !status)
     {
         dropProducer();
         return fail(status);
@@ -498,10 +507,11 @@ Sink::open(const Settings& settings, const Announcement& announcement, GstBuffer
 }
 
 // Opens the stream with the current format, or changes an open stream to it.
-kit::Status Sink::announceFormat()
+kit::Status Sink::announceFormat(bool isOpen)
 {
-    const auto use = [this](auto& format)
-    { return m_announcedFormat ? m_producer->setFormat(format) : m_producer->open(format); };
+    m_announcedFormat.reset(); // unknown to receivers if it is interrupted
+    const auto use = [&](auto& format)
+    { return isOpen ? m_producer->setFormat(format) : m_producer->open(format); };
     kit::Status status;
     if (const auto* const media = std::get_if<MediaFormat>(&*m_format))
     {
@@ -531,8 +541,7 @@ GstFlowReturn Sink::openOrAdapt(GstBuffer* buffer)
     if (!announcement)
         return fail("a network clock is wanted, but the pipeline has none; set \"clock-address\" "
                     "and \"clock-port\", or \"serve-clock\"");
-    if (m_producer &&
-        (m_announcement != *announcement || m_announcedFormat->index() != m_format->index()))
+    if (m_producer && (m_announcement != *announcement || isMedia() == m_payloaders.empty()))
     {
         GST_INFO_OBJECT(m_element, "opening again, with the current clock and media");
         dropProducer();
@@ -541,7 +550,7 @@ GstFlowReturn Sink::openOrAdapt(GstBuffer* buffer)
         return open(settings, *announcement, buffer);
     if (m_announcedFormat == m_format)
         return GST_FLOW_OK;
-    const kit::Status status = announceFormat();
+    const kit::Status status = announceFormat(true);
     return status ? GST_FLOW_OK : fail(status);
 }
 
@@ -650,9 +659,14 @@ TimeValue Sink::findEarliestTime(std::optional<TimeValue> timestamp) const
 
 GstFlowReturn Sink::sendPcm(GstBuffer* buffer, const ByteView& data)
 {
-    const auto runningTime = getRunningTime(GST_BUFFER_PTS(buffer));
+    // A buffer outside of the segment has no time.
+    const GstSegment& segment = m_element->segment;
+    const bool isInSegment =
+        segment.format == GST_FORMAT_TIME && GST_BUFFER_PTS_IS_VALID(buffer) &&
+        gst_segment_to_running_time(&segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer)) !=
+            GST_CLOCK_TIME_NONE;
     const TimeValue timestamp =
-        makeTimestamp(runningTime >= std::int64_t{0} ? runningTime : std::nullopt);
+        makeTimestamp(isInSegment ? getRunningTime(GST_BUFFER_PTS(buffer)) : std::nullopt);
     waitForTurn(m_pace.getEarliestTime());
     if (timestamp != m_pace.getTimestamp())
         m_pace.begin(timestamp);
@@ -862,6 +876,16 @@ void installProperties(gpointer elementClass)
     properties.addStatistics("Frames and bytes sent, receivers, sequences");
 }
 
+gboolean answerQuery(GstBaseSink* element, GstQuery* query)
+{
+    if (GST_QUERY_TYPE(query) != GST_QUERY_ACCEPT_CAPS)
+        return GST_BASE_SINK_CLASS(Type::getParentClass())->query(element, query);
+    GstCaps* caps = nullptr;
+    gst_query_parse_accept_caps(query, &caps);
+    gst_query_set_accept_caps_result(query, static_cast<gboolean>(isInSystemMemory(caps, 0)));
+    return TRUE;
+}
+
 } // unnamed namespace
 
 // A flat table.
@@ -877,6 +901,7 @@ void Sink::initClass(gpointer elementClass)
     sinkClass->get_caps = [](GstBaseSink*, GstCaps* filter) { return Sink::getCaps(filter); };
     sinkClass->set_caps = [](GstBaseSink* self, GstCaps* caps) -> gboolean
     { return Type::of(self).setCaps(caps); };
+    sinkClass->query = answerQuery;
     sinkClass->propose_allocation = [](GstBaseSink* self, GstQuery* query) -> gboolean
     { return Type::of(self).proposeAllocation(query); };
     sinkClass->preroll = [](GstBaseSink* self, GstBuffer* buffer)

@@ -25,7 +25,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -179,6 +178,7 @@ private:
     LossFilter m_losses;        // of media
     TimeValue m_rejoinTime = 0; // if no key frame comes
     TimeValue m_rejoinPauseNs = MinRejoinPauseNs;
+    bool m_isRefused = false; // the format, by the elements behind this one
     bool m_isDiscont = false; // the next buffer
     bool m_isJoined = false;
     std::optional<SteadyClock::time_point> m_waitingSince; // for a sender
@@ -391,6 +391,7 @@ GstFlowReturn Src::applyFormat(const kit::StreamFormat& format)
         return GST_FLOW_ERROR;
     }
     m_format = format;
+    m_isRefused = false;
     return setCaps(CapsPtr(toCaps(format)).get());
 }
 
@@ -402,7 +403,15 @@ GstFlowReturn Src::applyCodec(const kit::CodecFormat& codec)
         return GST_FLOW_OK;
     GST_INFO_OBJECT(m_element, "caps %s", media->getText().c_str());
     m_format = std::move(*media);
-    return setCaps(std::get<MediaFormat>(m_format).getCaps());
+    GstCaps* const caps = std::get<MediaFormat>(m_format).getCaps();
+    m_isRefused = gst_pad_peer_query_accept_caps(GST_BASE_SRC_PAD(m_element), caps) == FALSE;
+    if (!m_isRefused)
+        return setCaps(caps);
+    GST_ELEMENT_WARNING(
+        m_element, STREAM, FORMAT,
+        ("The pipeline cannot play the stream: the next element does not accept its caps."),
+        ("%s", std::get<MediaFormat>(m_format).getText().c_str()));
+    return GST_FLOW_OK;
 }
 
 GstFlowReturn Src::setCaps(GstCaps* caps)
@@ -427,16 +436,19 @@ std::optional<std::int64_t> Src::findRunningTime(const kit::FrameInfo& frame)
     if (m_clock.get() == nullptr)
         return std::nullopt;
     const std::int64_t clockOffset = m_clock.getOffset();
-    const auto arrival = static_cast<std::int64_t>(frame.arrival) + clockOffset;
+    const auto toPipelineTime = [clockOffset](TimeValue time) // of a sender: any number
+    { return static_cast<std::int64_t>(time + static_cast<TimeValue>(clockOffset)); };
+    const std::int64_t arrival = toPipelineTime(frame.arrival);
     std::int64_t due = arrival;
     if (gst_base_src_get_do_timestamp(m_element) == FALSE)
     {
         if (frame.clock == ClockType::SyncedNetClock && m_clock.getProvider() == m_streamEndpoint)
             due = static_cast<std::int64_t>(frame.timestamp);
         else if (const auto monotonic = frame.getMonotonicTime())
-            due = static_cast<std::int64_t>(*monotonic) + clockOffset;
+            due = toPipelineTime(*monotonic);
     }
-    if (std::abs(due - arrival) > ImplausibleNs)
+    const bool isNear = arrival - ImplausibleNs <= due && due <= arrival + ImplausibleNs;
+    if (!isNear)
     {
         if (!std::exchange(m_warnedOfTimestamps, true))
             GST_ELEMENT_WARNING(
@@ -530,6 +542,11 @@ void Src::awaitKeyframe(TimeValue now, bool isNew)
 
 GstBuffer* Src::toBuffer(kit::ReceivedFrame&& frame)
 {
+    if (m_isRefused)
+    {
+        ++m_incomplete;
+        return nullptr;
+    }
     return std::holds_alternative<MediaFormat>(m_format) ? toMediaBuffer(std::move(frame))
                                                          : toPcmBuffer(std::move(frame));
 }

@@ -469,6 +469,7 @@ TEST_F(ElementsMediaTest, OnlyPlainCapsAreAccepted)
         {picture + "I420, width=(int)16, height=(int)0", false},
         {picture + "ENCODED, width=(int)16, height=(int)16", false},
         {picture + "I420, width=(int)16, height=(int)16, views=(int)-1", false},
+        {picture + "I420, width=(int)16, height=(int)16, multiview-mode=(string)monm", false},
         {picture + "I420, width=(int)16, height=(int)16, framerate=(fraction)-1/1", false},
         {picture + "I420, width=(int)16, height=(int)16, pixel-aspect-ratio=(fraction)0/1", false},
         {sound + "S16LE, rate=(int)8000, channels=(int)63", true},
@@ -476,6 +477,9 @@ TEST_F(ElementsMediaTest, OnlyPlainCapsAreAccepted)
         {sound + "S16LE, rate=(int)8000, channels=(int)0", false},
         {sound + "S16LE, rate=(int)8000, channels=(int)-64", false},
         {sound + "S32LE, rate=(int)8000, channels=(int)134217728", false},
+        {"audio/x-raw, layout=(string)interleaved, format=(string)S16LE, rate=(int)1, "
+         "channels=(int)2, channel-mask=(bitmask)0x7",
+         false},
         {sound + "S16LE, rate=(int)0, channels=(int)1", false},
         {sound + "ENCODED, rate=(int)8000, channels=(int)1", false},
     };
@@ -492,19 +496,34 @@ TEST_F(ElementsMediaTest, OnlyPlainCapsAreAccepted)
 
 TEST_F(ElementsMediaTest, WhatCannotBePlayedIsReportedAndLeft)
 {
-    const Pipeline receiver(makeReceiver());
+    const Pipeline receiver(makeReceiver("! capsfilter caps=a/b"));
+    receiver.set(GST_STATE_PLAYING);
+    for (const char* const text : {"a/b, x=(GstCaps)\"a/b\"", "c/d"})
     {
-        const UncheckedSender sender(m_name, std::string("a/b, x=(GstCaps)\"a/b\""));
-        receiver.set(GST_STATE_PLAYING);
-        EXPECT_TRUE(receiver.waitForMessage(GST_MESSAGE_WARNING));
+        const UncheckedSender sender(m_name, std::string(text));
+        EXPECT_TRUE(receiver.waitForMessage(GST_MESSAGE_WARNING)) << text;
     }
     const Pipeline sender(makeInput(""));
     GstPad* const pad = gst_element_get_static_pad(sender.find("sink"), "sink");
-    GstCaps* const foreign = gst_caps_from_string("video/x-raw(memory:Own); a/b");
-    GstCaps* const caps = gst_pad_query_caps(pad, foreign);
-    EXPECT_EQ(gst::toText(caps), "a/b");
-    gst_caps_unref(caps);
-    gst_caps_unref(foreign);
+    GstCaps* const own = gst_caps_from_string("video/x-raw(memory:Own)");
+    EXPECT_FALSE(gst_pad_query_accept_caps(pad, own));
+    gst_caps_unref(own);
+    const std::string pcm = "audio/x-raw, format=(string)U8, rate=(int)1, channels=(int)1, layout=";
+    const std::pair<std::string, std::string> rows[] = {
+        {"video/x-raw(memory:Own); a/b", "a/b"},
+        {pcm + "(string){non-interleaved,interleaved}; a/b", pcm + "(string)interleaved; a/b"},
+        {pcm + "(string)non-interleaved", pcm + "(string)non-interleaved"},
+    };
+    for (const auto& [filter, expected] : rows)
+    {
+        GstCaps* const wanted = gst_caps_from_string(filter.c_str());
+        GstCaps* const offered = gst_caps_from_string(expected.c_str());
+        GstCaps* const caps = gst_pad_query_caps(pad, wanted);
+        EXPECT_TRUE(gst_caps_is_strictly_equal(caps, offered)) << gst::toText(caps);
+        gst_caps_unref(caps);
+        gst_caps_unref(offered);
+        gst_caps_unref(wanted);
+    }
     gst_object_unref(pad);
     setCaps(sender, "a/b, x=(taglist)\"taglist\\,\\ title\\=a\\;\"");
     sender.set(GST_STATE_PLAYING);
