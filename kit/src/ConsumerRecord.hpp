@@ -28,10 +28,10 @@ public:
         TimeValue lengthNs; ///< of its media
     };
 
-    /// @param stallLimitNs  time after the last frame's end, as its duration says, after which a connection counts as stalled; 0:
-    ///                      never. A sender that is merely paused looks the same, so it doubles
-    ///                      with each stall until a frame comes or the sender goes, up to
-    ///                      sixteenfold
+    /// @param stallLimitNs  time from the end of the last frame's duration after which a connection
+    ///                      counts as stalled; 0: never. A sender that is merely paused looks the
+    ///                      same, so it doubles with each stall until a frame comes or the sender
+    ///                      goes, up to sixteenfold
     explicit ConsumerRecord(TimeValue stallLimitNs) : m_stallLimitNs(stallLimitNs) {}
 
     /// The consumer starts; no sender is joined yet.

@@ -486,12 +486,14 @@ TEST_F(ElementsMediaTest, OnlyPlainCapsAreAccepted)
     for (const auto& [text, isAccepted] : rows)
         EXPECT_EQ(gst::MediaFormat::parse(text).has_value(), isAccepted) << text.substr(0, 200);
 
+#ifndef __SANITIZE_ADDRESS__ // GLib loses the former tables of a growing number of names
     int numNew = 0;
     while (numNew < 16'384 && gst::MediaFormat::parse("new/" + std::to_string(numNew)))
         ++numNew;
     EXPECT_GT(numNew, 16'000);
     EXPECT_LT(numNew, 16'384) << "GStreamer keeps them";
     EXPECT_TRUE(gst::MediaFormat::parse("new/0, x=(int)1"));
+#endif
 }
 
 TEST_F(ElementsMediaTest, WhatCannotBePlayedIsReportedAndLeft)
