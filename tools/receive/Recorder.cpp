@@ -126,9 +126,10 @@ void Recorder::sayPresence()
 {
     if (getConnection().frames > 0)
         return;
+    const bool wasAbsent = std::exchange(m_absenceSaid, false);
     if (m_numFrames == 0)
         printNotice("receiving " + toText(*m_outputs.getFormat()));
-    else if (std::exchange(m_absenceSaid, false))
+    else if (wasAbsent)
         printNotice("the sender is back: " + toText(*m_outputs.getFormat()));
 }
 
@@ -222,7 +223,10 @@ void Recorder::add(const kit::ConsumerEvent& event)
     if (isLoss && m_options.oneshot && m_numFrames > 0)
         m_isDone = true;
     // A sender that sends nothing for long stalls again and again.
-    else if ((isLoss || !std::exchange(m_stallSaid, true)) && !std::exchange(m_absenceSaid, true))
+    // Nor was a stream joined, for the user, that brought no frame: an obstacle may follow.
+    else if (
+        (isLoss ? m_numFrames > 0 : !std::exchange(m_stallSaid, true)) &&
+        !std::exchange(m_absenceSaid, true))
         printNotice(event.text);
 }
 
