@@ -84,6 +84,9 @@ constexpr std::size_t MaxMediaMemory = 256 << 20;
 constexpr TimeValue MinSpacingNs = 200'000;
 constexpr TimeValue MaxSpacingNs = 1'000'000'000;
 
+// Far more than a receiver needs to join a stream that was opened again, unless it has left.
+constexpr std::chrono::milliseconds RejoinTimeout(500);
+
 using SinkFormat = std::variant<kit::StreamFormat, MediaFormat>;
 
 struct Settings
@@ -207,6 +210,7 @@ private:
     ObjectPtr<GstNetTimeProvider> m_provider;
     PipelineClock m_clock; // that the announcement was chosen for
     bool m_joined = false;
+    bool m_isReopened = false; // since a receiver joined it
     std::size_t m_numReceivers = 0;
     kit::Pace m_pace; // of PCM, after the first frame
     LastMedia m_lastMedia;
@@ -248,6 +252,7 @@ bool Sink::onStart()
 {
     forwardLibraryLog();
     m_pace.begin(0);
+    m_isReopened = false;
     {
         const std::lock_guard lock(m_mutex);
         m_earlier = {};
@@ -544,6 +549,7 @@ GstFlowReturn Sink::openOrAdapt(GstBuffer* buffer)
     if (m_producer && (m_announcement != *announcement || isMedia() == m_payloaders.empty()))
     {
         GST_INFO_OBJECT(m_element, "opening again, with the current clock and media");
+        m_isReopened = m_isReopened || m_joined;
         dropProducer();
     }
     if (!m_producer)
@@ -560,7 +566,9 @@ GstFlowReturn Sink::waitForReceiver()
         return GST_FLOW_OK;
     if (getSettings().waitForConnection)
     {
-        if (const kit::Status status = m_producer->waitForReceivers(1); !status)
+        const auto timeout = m_isReopened ? RejoinTimeout : std::chrono::milliseconds(-1);
+        const kit::Status status = m_producer->waitForReceivers(1, timeout);
+        if (!status && status.getCode() != kit::ErrorCode::TimedOut)
             return fail(status);
     }
     m_joined = true;

@@ -185,6 +185,24 @@ TEST_F(ElementsMediaTest, PaddedPicturesAndPlanesArePacked)
     gst_sample_unref(sample);
 }
 
+TEST_F(ElementsMediaTest, ChangeToOtherMediaDoesNotWaitForReceiversThatHaveLeft)
+{
+    const Pipeline sender(makeInput(""));
+    setCaps(
+        sender, "audio/x-raw,format=S16LE,layout=interleaved,rate=48000,channels=2,"
+                "channel-mask=(bitmask)3");
+    sender.set(GST_STATE_PLAYING);
+    push(sender, makeBuffer(makeData(1920, 0)));
+    {
+        const Pipeline receiver(makeReceiver());
+        receiver.set(GST_STATE_PLAYING);
+        ASSERT_TRUE(receiver.pull());
+    }
+    setCaps(sender, "a/b");
+    push(sender, makeBuffer("a"));
+    EXPECT_TRUE(waitFor([&] { return sender.getCount("sink", "frames") == 2; }));
+}
+
 GstPadProbeReturn noteKeyRequest(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer wasAsked)
 {
     if (gst_video_event_is_force_key_unit(GST_PAD_PROBE_INFO_EVENT(info)) != FALSE)
