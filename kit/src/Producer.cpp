@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -220,6 +221,7 @@ private:
     std::chrono::nanoseconds m_lastDuration{0};
     int m_announcementsDue = 0; // before the next frame; see announceAfterInterruption()
     std::size_t m_reportedReceivers = 0;
+    std::set<std::uint64_t> m_reportedConnections;
 
     // Of any thread.
     SharedFrames m_shared; // by the producing thread, except for memory
@@ -235,8 +237,9 @@ private:
 
     struct Count
     {
-        std::size_t numReceivers;
+        std::size_t numReceivers = 0;
         Clock::time_point time;
+        std::set<std::uint64_t> connections; // to the socket file, if they are known
     };
 
     // Guards what follows, not what the pointer points to. The producing thread changes pointer and
@@ -565,11 +568,22 @@ Status Producer::Impl::announceToNewcomers()
 void Producer::Impl::reportReceivers()
 {
     std::size_t count = 0;
+    std::size_t numNew = 0;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         count = countReceivers(MaxCountAge);
+        // More are connected than have joined while one of them is joining.
+        if (m_count && m_count->connections.size() == count &&
+            m_count->connections != m_reportedConnections)
+        {
+            for (const std::uint64_t connection : m_count->connections)
+                numNew += m_reportedConnections.contains(connection) ? 0U : 1U;
+            m_reportedConnections = m_count->connections;
+        }
     }
-    if (std::exchange(m_reportedReceivers, count) != count)
+    if (count <= m_reportedReceivers && numNew > 0)
+        m_options.onReceivers(count - numNew);
+    if (std::exchange(m_reportedReceivers, count) != count || numNew > 0)
         m_options.onReceivers(count);
 }
 
@@ -585,20 +599,26 @@ std::size_t Producer::Impl::countReceivers(std::chrono::nanoseconds maxAge) cons
     const std::size_t numConnections = m_sender->getNumReceivers();
     const auto now = Clock::now();
     if (numConnections == 0)
+    {
+        m_count.reset();
         return 0;
+    }
     if (m_count && now - m_count->time < maxAge)
         return m_count->numReceivers;
 
     const UnixSockets sockets = readUnixSockets();
-    std::size_t numReceivers = numConnections;
+    Count count{.numReceivers = numConnections, .time = now, .connections = {}};
     if (!sockets.isIncomplete)
     {
-        numReceivers = std::min(numReceivers, countConnections(sockets, '\0' + m_name));
-        numReceivers = std::min(
-            numReceivers, countConnectionsToFile(sockets, m_socketFile).value_or(numReceivers));
+        count.numReceivers = std::min(count.numReceivers, countConnections(sockets, '\0' + m_name));
+        if (auto connections = findConnectionsToFile(sockets, m_socketFile))
+        {
+            count.numReceivers = std::min(count.numReceivers, connections->size());
+            count.connections = std::move(*connections);
+        }
     }
-    m_count = {numReceivers, now};
-    return numReceivers;
+    m_count = std::move(count);
+    return m_count->numReceivers;
 }
 
 Status Producer::Impl::announceNow()
@@ -708,6 +728,7 @@ void Producer::Impl::shutDown()
     m_count.reset();
     m_announcementsDue = 0;
     m_reportedReceivers = 0;
+    m_reportedConnections.clear();
 }
 
 ProducerStatistics Producer::Impl::getStatistics() const

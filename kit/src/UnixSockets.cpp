@@ -126,16 +126,9 @@ Answer takeAnswer(std::string_view bytes, UnixSockets& sockets)
     return Answer::More;
 }
 
-template <class Condition>
-std::size_t countOpen(const UnixSockets& sockets, const Condition& condition)
+bool isOpen(const UnixSocket& socket)
 {
-    const auto count = std::count_if(
-        sockets.byInode.begin(), sockets.byInode.end(),
-        [&condition](const auto& socket) {
-            return socket.second.isConnected && !socket.second.isPeerGone &&
-                   condition(socket.second);
-        });
-    return static_cast<std::size_t>(count);
+    return socket.isConnected && !socket.isPeerGone;
 }
 
 /// @return nothing if the kernel offers no socket diagnosis
@@ -229,20 +222,26 @@ UnixSockets parseUnixSockets(std::istream& text)
 
 std::size_t countConnections(const UnixSockets& sockets, std::string_view name)
 {
-    return countOpen(sockets, [name](const UnixSocket& socket) { return socket.name == name; });
+    const auto count = std::count_if(
+        sockets.byInode.begin(), sockets.byInode.end(),
+        [name](const auto& socket) { return isOpen(socket.second) && socket.second.name == name; });
+    return static_cast<std::size_t>(count);
 }
 
-std::optional<std::size_t>
-countConnectionsToFile(const UnixSockets& sockets, const std::string& path)
+std::optional<std::set<std::uint64_t>>
+findConnectionsToFile(const UnixSockets& sockets, const std::string& path)
 {
     struct stat status = {};
     if (!sockets.hasFiles)
         return std::nullopt;
+    std::set<std::uint64_t> found;
     if (::lstat(path.c_str(), &status) != 0)
-        return 0;
-    const auto inode = static_cast<std::uint32_t>(status.st_ino);
-    return countOpen(
-        sockets, [inode](const UnixSocket& socket) { return socket.fileInode == inode; });
+        return found;
+    const auto fileInode = static_cast<std::uint32_t>(status.st_ino);
+    for (const auto& [inode, socket] : sockets.byInode)
+        if (isOpen(socket) && socket.fileInode == fileInode)
+            found.insert(inode);
+    return found;
 }
 
 } // namespace vlx::kit

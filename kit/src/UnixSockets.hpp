@@ -4,6 +4,7 @@
 #include <functional>
 #include <istream>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -53,10 +54,10 @@ UnixSockets parseUnixSockets(std::istream& text);
 /// @thread any
 std::size_t countConnections(const UnixSockets& sockets, std::string_view name);
 
-/// Counts the connections to a socket file whose other end is open, whatever path it was bound by.
+/// Finds the connections to a socket file whose other end is open, whatever path it was bound by.
 ///
-/// @return not set if the system does not report the sockets' files
-std::optional<std::size_t>
-countConnectionsToFile(const UnixSockets& sockets, const std::string& path);
+/// @return their sockets' inode numbers; not set if the system does not report the sockets' files
+std::optional<std::set<std::uint64_t>>
+findConnectionsToFile(const UnixSockets& sockets, const std::string& path);
 
 } // namespace vlx::kit

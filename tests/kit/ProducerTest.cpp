@@ -858,9 +858,18 @@ TEST_F(ProducerTest, TellsWhenReceiversComeAndGo)
     EXPECT_TRUE(waitForCount(2));
     first.stop();
     EXPECT_TRUE(waitForCount(1));
+
+    // Without a call that tells.
+    const auto waitForReceivers = [&](std::size_t count)
+    { return waitFor([&] { return producer.getStatistics().receivers == count; }); };
+    second.stop();
+    EXPECT_TRUE(waitForReceivers(0));
+    ASSERT_TRUE(second.start(getSocketName()));
+    EXPECT_TRUE(waitForReceivers(1));
+    EXPECT_TRUE(producer.send(0, FrameNs, {}));
     second.stop();
     EXPECT_TRUE(waitFor([&] { return producer.checkReceivers() == 0; }));
-    EXPECT_THAT(counts, ::testing::ElementsAre(1, 2, 1, 0));
+    EXPECT_THAT(counts, ::testing::ElementsAre(1, 2, 1, 0, 1, 0));
 }
 
 TEST_F(ProducerTest, LastFrameArrivesHoweverLarge)
