@@ -121,9 +121,9 @@ struct ProducerOptions
     std::function<void(const std::string&)> onNotice = {};
     /// Receives the number of joined receivers each time it has changed, on the thread that sends:
     /// within send(), checkReceivers() and waitForReceivers(), at most 100 ms after the change if
-    /// that thread calls one of them. If one has left and another has joined in that time, it receives
-    /// both changes. A stream that closes reports nothing, and counts from 0 again
-    /// when it is opened. Must not call the producer.
+    /// that thread calls one of them. It reports both changes if one receiver has left and another
+    /// has joined meanwhile. A stream that closes reports nothing, and counts from 0 again when it
+    /// is opened. Must not call the producer.
     std::function<void(std::size_t)> onReceivers = {};
 };
 
