@@ -54,13 +54,14 @@ struct MediaHead
 /// A frame of any media.
 struct MediaFrame
 {
-    MediaHead head;
-    ByteView data; ///< part of the bytes that were parsed
+    MediaHead head; ///< what precedes the media data
+    ByteView data;  ///< part of the bytes that were parsed
 };
 
 /// Writes a head. The smallest signed time and the largest unsigned position are reserved: they are
 /// parsed as not set.
 ///
+/// @param head         to write
 /// @param destination  receives MediaHeadBytes bytes
 /// @thread any
 VLX_API void writeMediaHead(const MediaHead& head, std::uint8_t* destination);
