@@ -137,6 +137,8 @@ public:
     {
         // Nothing is rendered here; elements that render have their own deadline.
         gst_base_sink_set_processing_deadline(element, 0);
+        // It would keep the memory of a frame, and a pool would give that out again, to be copied.
+        gst_base_sink_set_last_sample_enabled(element, FALSE);
     }
 
     static void initClass(gpointer elementClass);
@@ -338,6 +340,7 @@ void Sink::dropProducer()
     m_producer->close();
     m_payloaders.clear();
     m_numReceivers = 0;
+    m_numMediaFrames = 0;
     const kit::ProducerStatistics last = m_producer->getStatistics();
     const std::lock_guard lock(m_mutex);
     m_earlier.frames += last.frames;

@@ -70,7 +70,7 @@ constexpr guint64 DefaultLatencyNs = 20'000'000;
 constexpr auto ConnectTimeout = std::chrono::milliseconds(250);
 
 // For a key frame that the encoder makes by itself, and after a join for the one that vlxsink asks
-// for. An encoder may look far ahead: the pause doubles until a key frame comes.
+// for. An encoder may look far ahead: the pause doubles until frames have come for a while.
 constexpr TimeValue KeyframeWaitNs = 200'000'000;
 constexpr TimeValue MinRejoinPauseNs = 1'000'000'000;
 constexpr TimeValue MaxRejoinPauseNs = 8 * MinRejoinPauseNs;
@@ -399,7 +399,7 @@ GstFlowReturn Src::applyCodec(const kit::CodecFormat& codec)
 {
     auto media = MediaFormat::parse(std::string(codec.header.begin(), codec.header.end()));
     const auto* const former = std::get_if<MediaFormat>(&m_format);
-    if (!media || (former != nullptr && *former == *media))
+    if (!media || (former != nullptr && *former == *media && !m_isRefused))
         return GST_FLOW_OK;
     GST_INFO_OBJECT(m_element, "caps %s", media->getText().c_str());
     m_format = std::move(*media);
@@ -512,7 +512,10 @@ GstBuffer* Src::toMediaBuffer(kit::ReceivedFrame&& frame)
         awaitKeyframe(frame.arrival, !wasDamaged);
         return nullptr;
     }
-    m_rejoinPauseNs = MinRejoinPauseNs;
+    // A pipeline that is too slow loses frames again soon.
+    if ((head.flags & kit::MediaHead::Header) == 0 &&
+        frame.arrival > m_rejoinTime + m_rejoinPauseNs)
+        m_rejoinPauseNs = MinRejoinPauseNs;
     const TimeValue duration = frame.duration;
     const auto time = findRunningTime(frame);
     GstBuffer* const buffer = makeBuffer(std::move(frame), head);
@@ -533,7 +536,8 @@ void Src::awaitKeyframe(TimeValue now, bool isNew)
 {
     if (isNew)
         m_rejoinTime = std::max(m_rejoinTime, now + KeyframeWaitNs);
-    if (now < m_rejoinTime)
+    // A sender that ends meanwhile is not reported as lost.
+    if (now < m_rejoinTime || getSettings().eosOnDisconnect)
         return;
     m_rejoinTime = now + m_rejoinPauseNs;
     m_rejoinPauseNs = std::min(2 * m_rejoinPauseNs, MaxRejoinPauseNs);

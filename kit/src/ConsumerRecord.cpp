@@ -146,7 +146,7 @@ ConsumerRecord::Place ConsumerRecord::onFrame(
         m_ages.add(static_cast<std::int64_t>(streamTime - timestamp));
 
     const TimeValue length = getLength(duration, size);
-    m_lastSign = arrival + std::min(length, MaxSignNs);
+    m_lastSign = arrival + std::min(m_format ? getLength(0, size) : length, MaxSignNs);
     const std::int64_t gapNs = measureGap(timestamp, length);
     m_expectedTimestamp = timestamp + length;
     return {gapNs, std::exchange(m_isFirstFrame, false), length};

@@ -715,7 +715,7 @@ void Producer::Impl::shutDown()
         return;
     if (isForkedCopy(m_process)) // another thread may have held the lock, or waited
     {
-        makeAnew(m_mutex, m_stopRequested);
+        makeAnew(m_mutex, m_stopRequested, m_count, m_reportedConnections);
         m_shared.abandon();
     }
     m_sender->shutdownSender();

@@ -258,7 +258,6 @@ TEST_F(SinkMemoryTest, SentMemoryIsNeverChanged)
     expectDelivery(gst_buffer_ref(buffer), first);
     expectDelivery(gst_buffer_ref(buffer), first);
     EXPECT_EQ(countInRings(first), 1U) << "sent twice, as behind a tee";
-    g_object_set(m_sender.find("sink"), "enable-last-sample", FALSE, nullptr);
     ASSERT_TRUE(waitFor([&] { return GST_MINI_OBJECT_REFCOUNT_VALUE(buffer) == 1; }));
     const std::size_t half = FrameBytes / 2;
     gst_buffer_fill(buffer, 0, second.data(), half);
