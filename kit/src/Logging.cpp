@@ -117,7 +117,7 @@ private:
     std::function<void(const LogLine&)> m_onLine;
 };
 
-const pid_t loadedBy = ::getpid();
+const pid_t LoadedBy = ::getpid();
 
 std::mutex mutex;
 // Guarded by mutex.
@@ -177,7 +177,7 @@ bool isLogReceived()
 
 void endLogThreads()
 {
-    if (::getpid() != loadedBy) // the threads exist only in the parent
+    if (::getpid() != LoadedBy) // the threads exist only in the parent
         return;
     const std::lock_guard<std::mutex> lock(mutex);
     auto loggers = log4cplus::Logger::getCurrentLoggers();

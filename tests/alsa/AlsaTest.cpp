@@ -376,6 +376,7 @@ TEST_P(LayoutTest, ArrivesWithEveryByte)
             static_cast<snd_pcm_sframes_t>(length));
     };
 
+    const kit::StreamFormat streamFormat{expected, rate, channels};
     Buffer recorded(program.size());
     const auto playAndRecord = [&]
     {
@@ -397,7 +398,7 @@ TEST_P(LayoutTest, ArrivesWithEveryByte)
         EXPECT_EQ(::snd_pcm_drain(player), 0);
         transfer(recorder, recorded, ::snd_pcm_readn, ::snd_pcm_mmap_readi, ::snd_pcm_readi);
         listener.wait(stream.size());
-        EXPECT_EQ(listener.format, (kit::StreamFormat{expected, rate, channels}));
+        EXPECT_EQ(listener.format, streamFormat);
         EXPECT_EQ(listener.bytes, stream);
     };
     // A receiver that has just joined may miss the announcement, and with it the first frame.
