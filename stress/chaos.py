@@ -398,9 +398,10 @@ def disturb_clock(run: Run, mode: int, jump: int) -> None:
 # Frames in shared memory.
 
 def find_rings(run: Run) -> set[Path]:
-    """Returns the rings of all senders that have a directory."""
-    return {Path("/dev/shm", "vlx-" + entry.name[-6:])
-            for entry in run.directory.glob("VlxSender-*")}
+    """Returns the rings of all senders that have one and a directory."""
+    rings = {Path("/dev/shm", "vlx-" + entry.name[-6:])
+             for entry in run.directory.glob("VlxSender-*")}
+    return set(filter(Path.exists, rings))  # rows before have left directories
 
 
 @fault("ring-kill", "sender killed -9 while it writes 3.1 MB in shared memory",
