@@ -92,6 +92,16 @@ struct NoDescriptorsLeft : ResourceLimit
 class ReceiverTest : public VlxTest
 {
 protected:
+    /// @return whether the worker listens; the line of the other thread may come late
+    static bool isListening()
+    {
+        auto entries = log().getEntries();
+        std::erase_if(
+            entries, [](const LogEntry& entry)
+            { return entry.text == "void vlx::Receiver::fsMonitorThreadLoop()"; });
+        return entries.back().text == "Listening for input";
+    }
+
     /// Starts a receiver and has it join a sender, which announces sequence 1.
     ::testing::AssertionResult join(RecordedReceiver& receiver, RawSender& sender) const
     {
@@ -191,7 +201,7 @@ TEST_P(ReceiverTransportTest, CallsBackInOrderFromOneThreadWithoutALock)
     ASSERT_TRUE(receiver.waitForEvent("ready"));
     ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, 77)));
     ASSERT_TRUE(receiver.waitForEvent("frame"));
-    ASSERT_TRUE(waitFor([] { return log().getEntries().back().text == "Listening for input"; }));
+    ASSERT_TRUE(waitFor(isListening));
     EXPECT_EQ(listInheritedDescriptors(), inherited);
     receiver.stop();
     EXPECT_EQ(receiver.get().getState(), State::Idle);
@@ -967,7 +977,7 @@ TEST_F(ReceiverTest, MissingCallbacksAreSkipped)
     ASSERT_TRUE(log().waitFor(DebugLog("Matching payloader found")));
     ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, 1)));
     ASSERT_TRUE(log().waitFor(TraceLog(StartsWith("Received nanomsg VLX packet with 24"))));
-    ASSERT_TRUE(waitFor([] { return log().getEntries().back().text == "Listening for input"; }));
+    ASSERT_TRUE(waitFor(isListening));
     EXPECT_FALSE(log().contains(TraceLog(StartsWith("Calling media data callback"))));
     kit::stopPromptly(receiver);
     EXPECT_TRUE(log().contains(DebugLog("Receiver shut down")));
