@@ -1,10 +1,13 @@
 #include "CapsText.hpp"
 
 #include <algorithm>
-#include <atomic>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <vector>
 
 #include <gst/video/video.h>
 
@@ -19,9 +22,27 @@ namespace
 constexpr std::size_t MaxNameBytes = 63;
 constexpr int MaxFields = 64;
 
-// Limits the memory for names, which GStreamer never releases.
-constexpr std::size_t MaxNewNames = 16'384;
-std::atomic<std::size_t> numNewNames = 0;
+constexpr std::size_t MaxKnownNames = 16'384;
+
+/// Limits the memory for names, which GStreamer never releases.
+///
+/// @return whether all names are known, or became known
+bool learnNames(const std::vector<std::string_view>& names)
+{
+    static std::mutex mutex;
+    // Never destroyed: threads may still receive while the process exits.
+    static auto& known = *new std::set<std::string, std::less<>>; // guarded by mutex
+    const std::lock_guard lock(mutex);
+    for (const std::string_view name : names)
+    {
+        if (known.contains(name))
+            continue;
+        if (known.size() == MaxKnownNames)
+            return false;
+        known.emplace(name);
+    }
+    return true;
+}
 
 bool isLetter(char c)
 {
@@ -185,10 +206,10 @@ public:
         return m_rest.empty();
     }
 
-    /// @return number of names that are new to GStreamer
-    std::size_t getNumNewNames() const
+    /// @return parts of the text
+    const std::vector<std::string_view>& getNames() const
     {
-        return m_numNewNames;
+        return m_names;
     }
 
 private:
@@ -244,8 +265,7 @@ private:
         const std::string_view name = takePlain();
         if (name.empty() || name.size() > MaxNameBytes || !isLetter(name.front()))
             return {};
-        if (g_quark_try_string(std::string(name).c_str()) == 0)
-            ++m_numNewNames;
+        m_names.push_back(name);
         return name;
     }
 
@@ -270,17 +290,15 @@ private:
     }
 
     std::string_view m_rest;
-    std::size_t m_numNewNames = 0;
+    std::vector<std::string_view> m_names;
 };
 
 /// Checks a text before GStreamer parses it.
 bool isCaps(std::string_view text)
 {
     CapsGrammar grammar(text);
-    if (text.size() > kit::MaxMediaCapsBytes || !grammar.isCaps())
-        return false;
-    const std::size_t numNew = grammar.getNumNewNames();
-    return numNew == 0 || numNewNames.fetch_add(numNew) + numNew <= MaxNewNames;
+    return text.size() <= kit::MaxMediaCapsBytes && grammar.isCaps() &&
+           learnNames(grammar.getNames());
 }
 
 } // unnamed namespace

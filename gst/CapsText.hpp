@@ -29,7 +29,7 @@ using CapsPtr = std::unique_ptr<GstCaps, CapsDeleter>;
 /// other text never reaches GStreamer's parser.
 ///
 /// GStreamer never releases a name. Caps may therefore have at most 64 fields, with names of at
-/// most 63 bytes, and a process accepts at most 16,384 new names.
+/// most 63 bytes, and a process accepts at most 16,384 different names.
 ///
 /// @param text  any bytes
 /// @return null if the text is not accepted

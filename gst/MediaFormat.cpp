@@ -125,6 +125,26 @@ std::optional<MediaFormat> MediaFormat::parse(std::string_view text)
     return format;
 }
 
+BufferListPtr MediaFormat::makeHeaders() const
+{
+    const GstStructure* const fields = gst_caps_get_structure(getCaps(), 0);
+    const GValue* const headers = gst_structure_get_value(fields, "streamheader");
+    const guint num = headers != nullptr && GST_VALUE_HOLDS_ARRAY(headers)
+                          ? gst_value_array_get_size(headers)
+                          : 0;
+    if (num == 0 || !GST_VALUE_HOLDS_BUFFER(gst_value_array_get_value(headers, 0)))
+        return nullptr;
+    BufferListPtr list(gst_buffer_list_new());
+    for (guint i = 0; i < num; ++i) // all of one type
+    {
+        GstBuffer* const copy =
+            gst_buffer_copy(gst_value_get_buffer(gst_value_array_get_value(headers, i)));
+        GST_BUFFER_FLAG_SET(copy, GST_BUFFER_FLAG_HEADER);
+        gst_buffer_list_add(list.get(), copy);
+    }
+    return list;
+}
+
 // For encoded pictures, this assumes good compression.
 std::size_t MediaFormat::estimateSize() const
 {

@@ -18,6 +18,17 @@
 namespace vlx::gst
 {
 
+struct BufferListDeleter
+{
+    void operator()(GstBufferList* list) const
+    {
+        gst_buffer_list_unref(list);
+    }
+};
+
+/// Owns one reference.
+using BufferListPtr = std::unique_ptr<GstBufferList, BufferListDeleter>;
+
 /// Caps of a stream, and the layout of its buffers.
 ///
 /// Packed bytes have the default layout of the caps: raw video with the default strides and
@@ -42,6 +53,11 @@ public:
     {
         return m_caps.get();
     }
+
+    /// Returns the headers in the caps, which a receiver needs if it joins late.
+    ///
+    /// @return null: the caps have no "streamheader"
+    BufferListPtr makeHeaders() const;
 
     /// @return size that most buffers do not exceed, bytes; 0: unknown
     std::size_t estimateSize() const;

@@ -1,5 +1,6 @@
 #include "MediaFrames.hpp"
 
+#include <algorithm>
 #include <memory>
 #include <utility>
 
@@ -51,6 +52,14 @@ GstBuffer* makeBuffer(kit::ReceivedFrame&& frame, const kit::MediaHead& head)
             GST_BUFFER_FLAG_SET(buffer, pair.buffer);
     GST_BUFFER_OFFSET(buffer) = head.offset.value_or(GST_BUFFER_OFFSET_NONE);
     return buffer;
+}
+
+bool beginsHeaders(const kit::MediaFrame& first, GstBufferList* headers)
+{
+    GstBuffer* const header = gst_buffer_list_get(headers, 0);
+    const std::size_t common = std::min(first.data.size(), gst_buffer_get_size(header));
+    return first.head.number == 1 || ((first.head.flags & kit::MediaHead::Header) != 0 &&
+                                      gst_buffer_memcmp(header, 0, first.data.data(), common) == 0);
 }
 
 void LossFilter::add(const kit::MediaHead& head, bool isLoss)

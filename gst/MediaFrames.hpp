@@ -21,6 +21,12 @@ kit::MediaHead makeHead(GstBuffer* buffer);
 /// @return a new reference, without timestamps
 GstBuffer* makeBuffer(kit::ReceivedFrame&& frame, const kit::MediaHead& head);
 
+/// Checks whether the headers in the caps of a stream precede the media in the stream, too.
+///
+/// @param first    of the frames that were received
+/// @param headers  at least one
+bool beginsHeaders(const kit::MediaFrame& first, GstBufferList* headers);
+
 /// Finds frames that cannot be decoded because an earlier one was lost.
 ///
 /// A value type.

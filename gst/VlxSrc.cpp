@@ -14,8 +14,9 @@
 //
 // Encoded media begins with a key frame, also after lost frames: delta units that cannot be decoded
 // are dropped. If no key frame comes, vlxsrc leaves the stream and joins it again, so that vlxsink
-// asks for one. If the codec or the caps are not supported, vlxsrc posts a warning with the cause,
-// and waits for another sender.
+// asks for one. After a late join, vlxsrc first sends the headers in the caps ("streamheader"). If
+// the codec or the caps are not supported, vlxsrc posts a warning with the cause, and waits for
+// another sender.
 //
 // Element messages on the bus: "vlx-joined", "vlx-lost" and "vlx-stalled", with "socket-name",
 // "text", and "time" in nanoseconds of the monotonic clock. Unprintable bytes appear as \xNN.
@@ -165,6 +166,7 @@ private:
     GstBuffer* toPcmBuffer(kit::ReceivedFrame&& frame);
     GstBuffer* toMediaBuffer(kit::ReceivedFrame&& frame);
     void awaitKeyframe(TimeValue now, bool isNew);
+    void sendHeadersBefore(GstBuffer** buffer);
     std::optional<std::int64_t> findRunningTime(const kit::FrameInfo& frame);
 
     GstBaseSrc* const m_element;
@@ -175,6 +177,7 @@ private:
     PipelineClock m_clock;
     ClockEndpoint m_streamEndpoint; // of the last sender with a network clock
     std::variant<std::monostate, kit::StreamFormat, MediaFormat> m_format;
+    BufferListPtr m_headers;    // needed before the next buffer; null: no headers
     LossFilter m_losses;        // of media
     TimeValue m_rejoinTime = 0; // if no key frame comes
     TimeValue m_rejoinPauseNs = MinRejoinPauseNs;
@@ -278,6 +281,7 @@ bool Src::onStart()
     m_waitingSince.reset();
     m_streamEndpoint = {};
     m_format = {};
+    m_headers.reset();
     {
         const std::lock_guard lock(m_mutex);
         m_consumer = std::make_unique<kit::Consumer>(
@@ -391,6 +395,7 @@ GstFlowReturn Src::applyFormat(const kit::StreamFormat& format)
         return GST_FLOW_ERROR;
     }
     m_format = format;
+    m_headers.reset();
     m_isRefused = false;
     return setCaps(CapsPtr(toCaps(format)).get());
 }
@@ -403,6 +408,7 @@ GstFlowReturn Src::applyCodec(const kit::CodecFormat& codec)
         return GST_FLOW_OK;
     GST_INFO_OBJECT(m_element, "caps %s", media->getText().c_str());
     m_format = std::move(*media);
+    m_headers = std::get<MediaFormat>(m_format).makeHeaders();
     GstCaps* const caps = std::get<MediaFormat>(m_format).getCaps();
     m_isRefused = gst_pad_peer_query_accept_caps(GST_BASE_SRC_PAD(m_element), caps) == FALSE;
     if (!m_isRefused)
@@ -516,6 +522,8 @@ GstBuffer* Src::toMediaBuffer(kit::ReceivedFrame&& frame)
     if ((head.flags & kit::MediaHead::Header) == 0 &&
         frame.arrival > m_rejoinTime + m_rejoinPauseNs)
         m_rejoinPauseNs = MinRejoinPauseNs;
+    if (m_headers && beginsHeaders(*media, m_headers.get()))
+        m_headers.reset();
     const TimeValue duration = frame.duration;
     const auto time = findRunningTime(frame);
     GstBuffer* const buffer = makeBuffer(std::move(frame), head);
@@ -530,6 +538,16 @@ GstBuffer* Src::toMediaBuffer(kit::ReceivedFrame&& frame)
     if (time && -ImplausibleNs < offset && offset < ImplausibleNs)
         GST_BUFFER_PTS(buffer) = toClockTime(*time + offset);
     return buffer;
+}
+
+// Takes over the buffer, and leaves null.
+void Src::sendHeadersBefore(GstBuffer** buffer)
+{
+    GstBufferList* const list = m_headers.release();
+    if (GST_BUFFER_FLAG_IS_SET(*buffer, GST_BUFFER_FLAG_DISCONT))
+        GST_BUFFER_FLAG_SET(gst_buffer_list_get_writable(list, 0), GST_BUFFER_FLAG_DISCONT);
+    gst_buffer_list_add(list, std::exchange(*buffer, nullptr));
+    gst_base_src_submit_buffer_list(m_element, list);
 }
 
 void Src::awaitKeyframe(TimeValue now, bool isNew)
@@ -582,8 +600,13 @@ GstFlowReturn Src::create(GstBuffer** buffer)
     while (std::optional<kit::ConsumerItem> item = m_consumer->read(getReadTimeout()))
     {
         const GstFlowReturn flow = applyItem(*item, buffer);
-        if (flow != GST_FLOW_OK || *buffer != nullptr)
+        if (flow != GST_FLOW_OK)
             return flow;
+        if (*buffer == nullptr)
+            continue;
+        if (m_headers)
+            sendHeadersBefore(buffer);
+        return flow;
     }
     if (m_unlocked)
         return GST_FLOW_FLUSHING;

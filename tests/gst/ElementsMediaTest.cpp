@@ -301,6 +301,53 @@ TEST_F(ElementsMediaTest, LossesAreSkippedUpToTheNextKeyFrame)
     EXPECT_EQ(receiver.getCount("src", "dropped"), 2U) << "without data";
 }
 
+TEST_F(ElementsMediaTest, LateReceiverGetsTheHeadersInTheCapsFirst)
+{
+    struct Row
+    {
+        std::uint64_t number;
+        std::uint32_t flags;
+        std::string data;
+        std::string expected;
+        std::string disconts;
+    };
+    const Row rows[] = {
+        {1, 0, "a", "ab", "d-"},
+        {2, 0, "a", "HIJKab", "d-d-"},
+        {2, MediaHead::Header, "HI", "HIb", "d-"}, // they follow
+        {3, MediaHead::Header, "JK", "HIJKJKb", "d-d-"},
+    };
+    for (const Row& row : rows)
+    {
+        SCOPED_TRACE(row.expected);
+        const Pipeline receiver(makeReceiver("wait-for-keyframe=false"));
+        UncheckedSender sender(m_name, "a/b, streamheader=(buffer)< 4849, 4a4b >");
+        receiver.set(GST_STATE_PLAYING);
+        const auto send = [&](const MediaHead& head, const std::string& text)
+        {
+            Buffer data(kit::MediaHeadBytes);
+            kit::writeMediaHead(head, data.data());
+            data.insert(data.end(), text.begin(), text.end());
+            sender.send(miscUtils::getMonotonicSysclockTime(), 1, data);
+        };
+        send({row.flags, {}, {}, row.number}, row.data);
+        send({0, {}, {}, row.number + 1}, "b");
+        std::string received;
+        std::string disconts;
+        while (received.size() < row.expected.size())
+        {
+            const auto frame = receiver.pull();
+            ASSERT_TRUE(frame) << received;
+            disconts += frame->discont ? 'd' : '-';
+            const bool isHeader = g_ascii_isupper(frame->data.front()) != FALSE;
+            EXPECT_EQ((frame->flags & GST_BUFFER_FLAG_HEADER) != 0, isHeader);
+            received += frame->data;
+        }
+        EXPECT_EQ(received, row.expected);
+        EXPECT_EQ(disconts, row.disconts);
+    }
+}
+
 // Not by their durations.
 TEST_F(ElementsMediaTest, FramesAreSentAtTwiceTheSpeedAtMost)
 {
