@@ -13,6 +13,7 @@ import alsa  # noqa: E402, F401  each of these adds its rows
 import chaos  # noqa: E402
 import endurance  # noqa: E402
 import fleet  # noqa: E402
+import media  # noqa: E402, F401
 import rows  # noqa: E402
 from shared import ROOT, build, describe_machine, exit_on_signals  # noqa: E402
 import soak  # noqa: E402
