@@ -544,8 +544,12 @@ GstBuffer* Src::toMediaBuffer(kit::ReceivedFrame&& frame)
 void Src::sendHeadersBefore(GstBuffer** buffer)
 {
     GstBufferList* const list = m_headers.release();
+    GstBuffer* const first = gst_buffer_list_get_writable(list, 0);
     if (GST_BUFFER_FLAG_IS_SET(*buffer, GST_BUFFER_FLAG_DISCONT))
-        GST_BUFFER_FLAG_SET(gst_buffer_list_get_writable(list, 0), GST_BUFFER_FLAG_DISCONT);
+        GST_BUFFER_FLAG_SET(first, GST_BUFFER_FLAG_DISCONT);
+    // GstBaseSrc would set 0.
+    GST_BUFFER_PTS(first) = GST_BUFFER_PTS(*buffer);
+    GST_BUFFER_DTS(first) = GST_BUFFER_DTS(*buffer);
     gst_buffer_list_add(list, std::exchange(*buffer, nullptr));
     gst_base_src_submit_buffer_list(m_element, list);
 }
