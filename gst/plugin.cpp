@@ -2,6 +2,8 @@
 
 #include <gst/gst.h>
 
+#include <vlxkit/Logging.hpp>
+
 #include "VlxSink.hpp"
 #include "VlxSrc.hpp"
 
@@ -10,6 +12,7 @@ namespace
 
 gboolean registerElements(GstPlugin* plugin)
 {
+    vlx::kit::endLogThreads();
     return static_cast<gboolean>(
         gst_element_register(plugin, "vlxsink", GST_RANK_NONE, vlx::gst::getSinkType()) != FALSE &&
         gst_element_register(plugin, "vlxsrc", GST_RANK_NONE, vlx::gst::getSrcType()) != FALSE);

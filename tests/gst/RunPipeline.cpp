@@ -1,12 +1,34 @@
 // Runs the pipeline of its argument until its end, as gst-launch-1.0 does: exit 0 at EOS, 1 after
-// an error.
+// an error. With a second argument, only makes the pipeline: exit 0 if a forked child can exit.
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gst/gst.h>
+
+namespace
+{
+
+constexpr unsigned ExitDeadlineSeconds = 30;
+
+int exitInForkedChild()
+{
+    const pid_t child = ::fork();
+    if (child == 0)
+    {
+        ::alarm(ExitDeadlineSeconds);
+        return 0;
+    }
+    int status = 0;
+    return ::waitpid(child, &status, 0) == child && status == 0 ? 0 : 1;
+}
+
+} // unnamed namespace
 
 int main(int argc, char** argv)
 {
     gst_init(&argc, &argv);
-    if (argc != 2)
+    if (argc < 2)
         return 2;
     GError* error = nullptr;
     GstElement* const pipeline = gst_parse_launch(argv[1], &error);
@@ -14,6 +36,8 @@ int main(int argc, char** argv)
         g_printerr("%s\n", error->message);
     if (pipeline == nullptr)
         return 1;
+    if (argc > 2)
+        return exitInForkedChild();
     gst_element_set_state(pipeline, GST_STATE_PLAYING);
     GstBus* const bus = gst_element_get_bus(pipeline);
     GstMessage* const message = gst_bus_timed_pop_filtered(
