@@ -1,10 +1,9 @@
 // Runs the pipeline of its argument until its end, as gst-launch-1.0 does: exit 0 at EOS, 1 after
 // an error. With a second argument, only makes the pipeline: exit 0 if a forked child can exit.
 
+#include <gst/gst.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gst/gst.h>
 
 namespace
 {
