@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <limits>
+#include <string>
 
 #include <vlxkit/Media.hpp>
 #include <vlxkit/Text.hpp>
@@ -25,6 +27,25 @@ constexpr std::size_t MaxShortCapsBytes = 60;
 // Stored for values that are not set.
 constexpr auto NoPts = std::numeric_limits<std::int64_t>::min();
 constexpr auto NoPosition = std::numeric_limits<std::uint64_t>::max();
+
+/// Removes fields such as codec_data, which hide what matters.
+std::string dropBuffers(std::string_view caps)
+{
+    constexpr std::string_view Type = "=(buffer)";
+    std::string text;
+    for (;;)
+    {
+        const std::size_t type = caps.find(Type);
+        const std::size_t begin = type == caps.npos ? type : caps.rfind(", ", type);
+        text += caps.substr(0, begin);
+        if (begin == caps.npos)
+            return text;
+        caps.remove_prefix(type + Type.size());
+        const bool isArray = caps.starts_with('<');
+        const std::size_t end = std::min(caps.find(isArray ? '>' : ','), caps.size());
+        caps.remove_prefix(std::min(end + (isArray ? 1 : 0), caps.size()));
+    }
+}
 
 } // unnamed namespace
 
@@ -72,7 +93,7 @@ std::string shortenMediaCaps(std::string_view caps)
 {
     std::string text;
     bool isType = false;
-    for (const char c : caps)
+    for (const char c : dropBuffers(caps))
     {
         const bool wasType = isType;
         isType = wasType ? c != ')' : c == '(' && text.ends_with('=');

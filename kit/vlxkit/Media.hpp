@@ -89,8 +89,8 @@ VLX_API std::optional<std::string> getMediaCaps(const CodecFormat& codec);
 /// Shortens caps for one line of text.
 ///
 /// @param caps  caps that isMediaCaps() accepts
-/// @return at most 60 bytes without types such as "(int)", for example "video/x-raw, format=I420,
-///         width=1920, height=1080, framer..."
+/// @return at most 60 bytes without buffers and types such as "(int)", for example "video/x-raw,
+///         format=I420, width=1920, height=1080, framer..."
 /// @thread any
 VLX_API std::string shortenMediaCaps(std::string_view caps);
 

@@ -118,6 +118,11 @@ TEST(MediaTest, CapsArePrintableText)
     EXPECT_EQ(
         shortenMediaCaps("a, b=(int)1, c=(d), (e)=\"f(g)h\", i=(j"),
         "a, b=1, c=, (e)=\"f(g)h\", i=");
+    EXPECT_EQ(
+        shortenMediaCaps(
+            "a, b=(buffer)01ff, c=(int)1, d=(buffer)< 01, 02 >, e=(int)2, f=(buffer)0"),
+        "a, c=1, e=2");
+    EXPECT_EQ(shortenMediaCaps("a, b=(buffer)<1"), "a");
     EXPECT_EQ(toFourccText(MediaFourcc), "VLXM");
 }
 
