@@ -42,6 +42,8 @@ TEST(PaceTest, StampsAreExactForEveryRateAndBlock)
     constexpr std::uint64_t Hours = 1000;
     for (const std::uint32_t rate : {1U, 8000U, 11025U, 44100U, 48000U, 192000U, 768000U})
     {
+        const kit::StreamFormat format{.rate = rate};
+        EXPECT_EQ(format.toNanoseconds(Hours * 3600 * rate), Hours * 3600 * Second) << rate;
         for (const std::uint64_t block : {1U, 7U, 441U, 4096U})
         {
             Pace pace(rate);
@@ -55,8 +57,9 @@ TEST(PaceTest, StampsAreExactForEveryRateAndBlock)
                 pace.advance(block, 0);
             }
             EXPECT_EQ(pace.getTimestamp(), Begin + Hours * 3600 * Second) << rate << " " << block;
-            const TimeValue length = kit::StreamFormat{.rate = rate}.toNanoseconds(3 * block);
+            const TimeValue length = format.toNanoseconds(3 * block);
             EXPECT_LE(sum - length, 1U) << rate << " " << block;
+            EXPECT_EQ(format.toSamples(length), 3 * block) << rate;
         }
     }
 }

@@ -1,6 +1,5 @@
 // The subcommands that look at streams, clocks and the machine.
 
-#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <regex>
@@ -9,11 +8,8 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
-#include <pty.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <vlxkit/Media.hpp>
@@ -51,96 +47,6 @@ bool contains(const std::string& text, const std::string& part)
 {
     return text.find(part) != std::string::npos;
 }
-
-/// A run of the tool on a terminal of its own, 80 columns wide and 24 lines high.
-class TerminalRun
-{
-public:
-    explicit TerminalRun(const std::vector<std::string>& arguments)
-    {
-        const winsize size{24, 80, 0, 0};
-        m_pid = ::forkpty(&m_terminalFD, nullptr, nullptr, &size);
-        if (m_pid != 0)
-            return;
-        // An echoed ^C could fall into the middle of a picture's line.
-        termios modes{};
-        ::tcgetattr(STDIN_FILENO, &modes);
-        modes.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        ::tcsetattr(STDIN_FILENO, TCSANOW, &modes);
-        ::setenv("TERM", "xterm", 1);
-        ::unsetenv("NO_COLOR");
-        std::vector<const char*> argv = {VLX_TOOL_PATH};
-        for (const std::string& argument : arguments)
-            argv.push_back(argument.c_str());
-        argv.push_back(nullptr);
-        ::execv(argv[0], const_cast<char**>(argv.data()));
-        ::_exit(127);
-    }
-
-    ~TerminalRun()
-    {
-        if (m_pid > 0)
-            wait(SIGKILL, DefaultDeadline);
-        ::close(m_terminalFD);
-    }
-
-    TerminalRun(const TerminalRun&) = delete;
-    TerminalRun& operator=(const TerminalRun&) = delete;
-
-    /// @return all that was printed so far
-    const std::string& read()
-    {
-        char chunk[4096];
-        pollfd descriptor{m_terminalFD, POLLIN, 0};
-        while (::poll(&descriptor, 1, 0) == 1)
-        {
-            const ssize_t count = ::read(m_terminalFD, chunk, sizeof(chunk));
-            if (count <= 0)
-                break;
-            m_text.append(chunk, static_cast<std::size_t>(count));
-        }
-        return m_text;
-    }
-
-    /// Waits until a text is printed, at or after the one that was waited for before.
-    bool shows(const std::string& text)
-    {
-        std::size_t place = 0;
-        const auto hasText = [&]
-        { return (place = read().find(text, m_seen)) != std::string::npos; };
-        const bool found = waitFor(hasText);
-        EXPECT_TRUE(found) << text << "\n" << m_text.substr(m_seen);
-        m_seen = found ? place : m_seen;
-        return found;
-    }
-
-    void pressCtrlC() const
-    {
-        EXPECT_EQ(::write(m_terminalFD, "\x03", 1), 1);
-    }
-
-    /// @param number  of a signal that is sent first; 0: none
-    std::optional<int> wait(int number, std::chrono::milliseconds deadline)
-    {
-        int status = 0;
-        ::kill(m_pid, number);
-        const bool ended = waitFor(
-            [&]
-            {
-                read();
-                return ::waitpid(m_pid, &status, WNOHANG) != 0;
-            },
-            deadline);
-        m_pid = ended ? -1 : m_pid;
-        return ended ? std::optional(WEXITSTATUS(status)) : std::nullopt;
-    }
-
-private:
-    int m_terminalFD = -1;
-    pid_t m_pid = -1;
-    std::string m_text;
-    std::size_t m_seen = 0; // where the text began that was waited for
-};
 
 } // unnamed namespace
 
@@ -213,8 +119,7 @@ TEST_F(LookTest, ListAndInfoTellWhatIsAnnouncedAndHarmNoTerminal)
         [&] {
             return contains(runTool({"info", evil}).output, "memory     /dev/shm/vlx-");
         }));
-    for (const std::vector<std::string>& arguments :
-         {std::vector<std::string>{"list"}, {"info", evil}})
+    for (const Arguments& arguments : {Arguments{"list"}, {"info", evil}})
     {
         const std::string text = runTool(arguments).output;
         EXPECT_THAT(
@@ -295,17 +200,12 @@ TEST_F(LookTest, ListShowsOtherUsersAndCleanReportsWhatItCannotRemove)
     EXPECT_EQ(kit::findUser(userName), ::geteuid());
     EXPECT_THAT(runTool({"-q", "list"}).output, HasSubstr(getSocketName()));
 
-    const auto makeOld = [](const fs::path& path)
-    {
-        const auto old = fs::file_time_type::clock::now() - std::chrono::minutes(2);
-        fs::last_write_time(path, old);
-    };
     const fs::path full = fs::path(getTempDirectory()) / "VlxSender-abcdef";
     const fs::path dead = fs::path(getTempDirectory()) / "VlxSender-ghijkl";
     fs::create_directories(full / "by another program");
     fs::create_directory(dead);
     for (const fs::path& path : {full, dead})
-        makeOld(path);
+        fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::minutes(2));
     const ToolText clean = runTool({"list", "--clean"}, 1);
     EXPECT_THAT(clean.errors, HasSubstr(full.string() + ": "));
     EXPECT_EQ(clean.output, "removed " + dead.string() + "\n");
@@ -335,16 +235,11 @@ TEST_F(LookTest, OnlyTheSenderOfTheGivenUserIsJoined)
     const std::string own = std::to_string(::geteuid());
     const std::string other = std::to_string(::geteuid() + 1);
     ToolProcess sender(send({"--silence"}));
-    for (const std::vector<std::string>& arguments :
-         {receive({file("a.wav"), "-q"}), {"monitor", getSocketName(), "-q"}})
+    for (const Arguments& arguments :
+         {receive({file("a.wav"), "-q", "--overwrite"}), {"monitor", getSocketName(), "-q"}})
     {
-        auto ofOwn = arguments;
-        ofOwn.insert(ofOwn.end(), {"--sender-user", own, "-d", "100ms", "--timeout", "9s"});
-        runTool(ofOwn);
-        fs::remove(file("a.wav")); // would be refused
-        auto ofOther = arguments;
-        ofOther.insert(ofOther.end(), {"--sender-user", other, "--timeout", "500ms"});
-        runTool(ofOther, 3);
+        runTool(join(arguments, {"--sender-user", own, "-d", "100ms", "--timeout", "9s"}));
+        runTool(join(arguments, {"--sender-user", other, "--timeout", "500ms"}), 3);
     }
 }
 
@@ -356,12 +251,10 @@ TEST_F(LookTest, CompletionsOfferStreamsWithPlainNames)
     ToolProcess second({"send", "-s", evil, "--silence"});
     waitForSender(plain);
     waitForSender(evil);
-    for (const std::vector<std::string>& arguments :
-         {std::vector<std::string>{"info", ""}, {"monitor", "-v", ""}, {"receive", "-s", ""}})
+    for (const Arguments& arguments :
+         {Arguments{"info", ""}, {"monitor", "-v", ""}, {"receive", "-s", ""}})
     {
-        std::vector<std::string> words = arguments;
-        words.insert(words.begin(), "--complete");
-        const std::string output = runTool(words).output;
+        const std::string output = runTool(join({"--complete"}, arguments)).output;
         EXPECT_THAT(output, HasSubstr(plain + "\t"));
         EXPECT_THAT(output, Not(HasSubstr("touch")));
     }
@@ -396,16 +289,15 @@ TEST_F(LookTest, AServedClockIsNotServedTwiceAndJunkKeepsNobodyOut)
     port.pop_back();
     expectRefusal({"clock", "serve", "--address", address, "--port", port}, 1, "in use");
 
-    std::atomic<bool> keepRunning = true;
-    std::thread flood(
-        [&]
+    std::jthread flood(
+        [&](const std::stop_token& stop)
         {
             const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
             sockaddr_in target{};
             target.sin_family = AF_INET;
             target.sin_port = htons(static_cast<std::uint16_t>(std::stoi(port)));
             ::inet_pton(AF_INET, address.c_str(), &target.sin_addr);
-            while (keepRunning)
+            while (!stop.stop_requested())
             {
                 for (std::size_t size = 0; size < 24; ++size)
                     ::sendto(
@@ -419,7 +311,7 @@ TEST_F(LookTest, AServedClockIsNotServedTwiceAndJunkKeepsNobodyOut)
     EXPECT_TRUE(waitForText(provider, "under load"));
     // Said once, however long it takes.
     EXPECT_TRUE(waitFor([&] { return countLines(watch.getOutput()) >= 2; }));
-    keepRunning = false;
+    flood.request_stop();
     flood.join();
     EXPECT_TRUE(waitForText(provider, "no longer"));
     EXPECT_EQ(countLines(provider.getErrors()), 2U) << provider.getErrors();
@@ -431,7 +323,7 @@ TEST_F(LookTest, WhatAnImpostorAnnouncesHarmsNoTerminal)
     const Buffer announcement = makeSidechannelMessage(makeInitialInfo(
         "ipc:///VlxSender-\nvlx: \x1b[2J\u202e\xff" + std::string(5000, 'x'),
         NanomsgProtocol::PubSub));
-    for (const std::vector<std::string>& arguments :
+    for (const Arguments& arguments :
          {receive({file("a.wav"), "-vv", "--timeout", "1s"}),
           {"monitor", getSocketName(), "-d", "1s"},
           {"info", getSocketName()},
@@ -451,27 +343,27 @@ TEST_F(LookTest, MonitorWithoutNamesShowsStreamsAsTheyComeAndGo)
 {
     if (!runsAlone())
         return;
-    TerminalRun monitor({"monitor"});
+    ToolProcess monitor({"monitor"}, {.onTerminal = true});
     ToolProcess lines({"monitor", "--json"});
     ToolProcess named({"monitor", getSocketName(), "--json"});
-    monitor.shows("no sender on this machine");
+    monitor.expectOutput("no sender on this machine");
     ToolProcess shared(send({"--silence"}));
-    monitor.shows("  running  ");
+    monitor.expectOutput("  running  ");
     EXPECT_EQ(shared.stop(), 128 + SIGTERM) << shared.getErrors();
-    monitor.shows("  gone  ");
+    monitor.expectOutput("  gone  ");
     // The next sender of the name is not joined.
     ToolProcess single(send({"--silence", "--protocol", "pipeline"}));
-    monitor.shows("  pipeline, not joined  S16LE");
+    monitor.expectOutput("  pipeline, not joined  S16LE");
     const auto isNotJoined = [](const json& line)
     { return line["state"] == "pipeline, not joined" && line.value("channels", 0) == 2; };
     waitForLine(lines, isNotJoined, "may have another receiver");
     waitForLine(named, isRunning, "its only receiver");
     EXPECT_EQ(single.stop(), 128 + SIGTERM);
-    monitor.shows("  gone  ");
-    monitor.shows("no sender on this machine");
+    monitor.expectOutput("  gone  ");
+    monitor.expectOutput("no sender on this machine");
     EXPECT_TRUE(waitForText(lines, getSocketName() + ": gone\n"));
     monitor.pressCtrlC();
-    EXPECT_EQ(monitor.wait(0, DefaultDeadline), 128 + SIGINT);
+    EXPECT_EQ(monitor.wait(), 128 + SIGINT);
 }
 
 TEST_F(LookTest, MonitorsIntervalsAddUpAndItsMetricsAreWhole)
@@ -519,37 +411,29 @@ TEST_F(LookTest, MonitorsIntervalsAddUpAndItsMetricsAreWhole)
         seconds, std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
 }
 
-TEST_F(LookTest, MonitorEndsAfterItsDurationOrTimeout)
-{
-    ToolProcess brief({"monitor", getSocketName(), "-d", "500ms"});
-    ToolProcess impatient({"monitor", getSocketName(), "--timeout", "500ms"});
-    EXPECT_EQ(brief.wait(), 0);
-    EXPECT_EQ(countLines(brief.getOutput()), 1U);
-    EXPECT_THAT(brief.getOutput(), HasSubstr(getSocketName() + ": "));
-    EXPECT_EQ(impatient.wait(), 3);
-}
-
 TEST_F(LookTest, MonitorFitsItsTerminal)
 {
     ToolProcess sender(send({"--tone", "440", "-c", "32"}));
     waitForSender(getSocketName());
-    TerminalRun monitor({"monitor", getSocketName(), getSocketName() + std::string(90, 'x')});
+    ToolProcess monitor(
+        {"monitor", getSocketName(), getSocketName() + std::string(90, 'x')}, {.onTerminal = true});
     // A whole screen: Ctrl-C makes the terminal discard what it has not shown yet.
     EXPECT_TRUE(waitFor(
         [&]
         {
-            const std::string screen = monitor.read();
+            const std::string screen = monitor.getOutput();
             return contains(screen, "dBFS") &&
                    contains(screen.substr(screen.find("dBFS")), "more than fits the terminal");
         }));
     monitor.pressCtrlC();
-    EXPECT_EQ(monitor.wait(0, DefaultDeadline), 128 + SIGINT);
+    EXPECT_EQ(monitor.wait(), 128 + SIGINT);
 
+    const std::string screen = monitor.getOutput();
     const std::string plain =
-        std::regex_replace(monitor.read(), std::regex("\x1b\\[[0-9;]*[A-Za-z]|\\^C"), "");
+        std::regex_replace(screen, std::regex("\x1b\\[[0-9;]*[A-Za-z]|\\^C"), "");
     for (const std::string& line : splitLines(plain))
         EXPECT_LE(line.size() - static_cast<std::size_t>(line.ends_with('\r')), 80U) << line;
-    EXPECT_TRUE(contains(monitor.read(), "\x1b[32m") || contains(monitor.read(), "\x1b[33m"));
+    EXPECT_TRUE(contains(screen, "\x1b[32m") || contains(screen, "\x1b[33m"));
 }
 
 TEST_F(LookTest, AProvidersAbsenceAndJumpAreShown)
@@ -562,29 +446,24 @@ TEST_F(LookTest, AProvidersAbsenceAndJumpAreShown)
     const OpenSender sender( // the tool's would wait for the clock
         getSocketName(), payloader, NanomsgProtocol::PubSub,
         {provider.getAddress(), provider.getPort(), TimeSyncProtocol::GstNetClock});
-    const auto watchClock = [&](const std::vector<std::string>& options)
-    {
-        std::vector<std::string> arguments = {
-            "clock", "watch", provider.getAddress(), std::to_string(provider.getPort())};
-        arguments.insert(arguments.end(), options.begin(), options.end());
-        return arguments;
-    };
-    TerminalRun watch(watchClock({}));
-    TerminalRun monitor({"monitor", getSocketName()});
-    ToolProcess lines(watchClock({"--json"}));
-    for (TerminalRun* const run : {&watch, &monitor})
-        run->shows("not synchronised");
-    runTool(watchClock({"--timeout", "200ms"}), 3);
+    const Arguments watchClock = {
+        "clock", "watch", provider.getAddress(), std::to_string(provider.getPort())};
+    ToolProcess watch(watchClock, {.onTerminal = true});
+    ToolProcess monitor({"monitor", getSocketName()}, {.onTerminal = true});
+    ToolProcess lines(join(watchClock, {"--json"}));
+    for (ToolProcess* const process : {&watch, &monitor})
+        process->expectOutput("not synchronised");
+    runTool(join(watchClock, {"--timeout", "200ms"}), 3);
     EXPECT_TRUE(waitFor([&] { return countLines(lines.getOutput()) > 0; }));
     const json absent = readLastLine(lines);
     EXPECT_EQ(absent["synchronized"], false);
     EXPECT_TRUE(absent["offset_ns"].is_null() && absent["round_trip_ns"].is_null()) << absent;
     provider.start(JumpNs);
-    for (TerminalRun* const run : {&watch, &monitor})
-        run->shows("synchronised, offset ");
+    for (ToolProcess* const process : {&watch, &monitor})
+        process->expectOutput("synchronised, offset ");
 
     // Unsynchronised only for a moment, which a test on a busy machine may miss.
-    const auto isLost = [&] { return contains(watch.read(), "synchronisation lost"); };
+    const auto isLost = [&] { return contains(watch.getOutput(), "synchronisation lost"); };
     const auto jump = [&]
     {
         provider.stop();
@@ -592,9 +471,9 @@ TEST_F(LookTest, AProvidersAbsenceAndJumpAreShown)
         return waitFor(isLost, std::chrono::seconds(1));
     };
     EXPECT_TRUE(waitFor(jump));
-    watch.shows("clock watch: synchronisation lost");
-    watch.shows("clock watch: synchronisation regained");
-    watch.shows("synchronised, offset ");
+    watch.expectOutput("clock watch: synchronisation lost");
+    watch.expectOutput("clock watch: synchronisation regained");
+    watch.expectOutput("synchronised, offset ");
     // Relative to the monotonic clock. Round trips on a busy machine limit a first estimate.
     json line;
     const auto isExact = [&]
@@ -611,9 +490,9 @@ TEST_F(LookTest, AProvidersAbsenceAndJumpAreShown)
 
 TEST_F(LookTest, CheckReportsWhatIsWrong)
 {
-    ToolSettings bad;
-    bad.tempDirectory = file("none");
-    EXPECT_THAT(runTool({"check"}, 1, bad).output, StartsWith("FAIL  base directory"));
+    EXPECT_THAT(
+        runTool({"check"}, 1, {.tempDirectory = file("none")}).output,
+        StartsWith("FAIL  base directory"));
 
     // Another user that has taken the names to come, by the number of the process.
     std::vector<std::unique_ptr<RawSidechannelServer>> impostors;

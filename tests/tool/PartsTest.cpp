@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <vlx/VlxReceiver.hpp>
-#include <vlxkit/StreamFormat.hpp>
 #include <vlxkit/Users.hpp>
 
 #include "audio/PcmCodec.hpp"
@@ -28,9 +27,6 @@ namespace
 {
 
 using audioUtils::PcmFormat;
-using kit::StreamFormat;
-
-constexpr TimeValue Second = 1'000'000'000;
 
 TEST(DurationTest, ReadsNumbersWithUnits)
 {
@@ -228,17 +224,6 @@ TEST(StopSignalTest, ASecondPressComesThreeHundredMillisecondsLater)
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_EQ(WEXITSTATUS(status), 128 + SIGINT);
-}
-
-TEST(StreamFormatTest, TimesFollowFromTheSampleCountAlone)
-{
-    const kit::StreamFormat format{PcmFormat::S16LE, 22050, 1};
-    EXPECT_EQ(format.toNanoseconds(1), 45351U); // of 45351.47
-    // A year of samples is a year, to the nanosecond.
-    constexpr std::uint64_t Year = 365ULL * 24 * 3600;
-    EXPECT_EQ(format.toNanoseconds(Year * 22050), Year * Second);
-    for (const std::uint64_t samples : {1ULL, 220ULL, 22049ULL, 22051ULL, 695'368'800'001ULL})
-        EXPECT_EQ(format.toSamples(format.toNanoseconds(samples)), samples);
 }
 
 } // namespace

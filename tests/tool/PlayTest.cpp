@@ -6,6 +6,7 @@
 #include <cmath>
 #include <complex>
 #include <cstdlib>
+#include <cstring>
 #include <numbers>
 #include <thread>
 
@@ -165,28 +166,19 @@ Errors measureErrors(const Played& played, double beginNs)
 class PlayTest : public ToolTest
 {
 protected:
-    static void SetUpTestSuite()
+    Arguments play(const std::string& name, const Arguments& more) const
     {
-        gst_init(nullptr, nullptr); // what it keeps is no leak of a test
-    }
-
-    std::vector<std::string> play(const std::string& name, std::vector<std::string> more) const
-    {
-        more.insert(more.begin(), {"--play", "file:'" + file(name) + ".raw',raw"});
-        more.insert(more.end(), {"--report", file(name) + ".json"});
-        return receive(more);
+        const Arguments files = {
+            "--play", "file:'" + file(name) + ".raw',raw", "--report", file(name) + ".json"};
+        return receive(join(files, more));
     }
 
     Played readPlayed(const std::string& name) const
     {
-        Played played;
-        played.report = readJson(file(name) + ".json");
-        played.values.resize(fs::file_size(file(name) + ".raw") / sizeof(float));
-        std::ifstream(file(name) + ".raw", std::ios::binary)
-            .read(
-                reinterpret_cast<char*>(played.values.data()),
-                static_cast<std::streamsize>(played.values.size() * sizeof(float)));
-        return played;
+        const std::string bytes = readText(file(name) + ".raw");
+        std::vector<float> values(bytes.size() / sizeof(float));
+        std::memcpy(values.data(), bytes.data(), values.size() * sizeof(float));
+        return {values, readJson(file(name) + ".json")};
     }
 };
 

@@ -84,6 +84,12 @@ inline json readJson(const std::string& path)
     return json::parse(readText(path), nullptr, false);
 }
 
+inline Arguments join(Arguments first, const Arguments& rest)
+{
+    first.insert(first.end(), rest.begin(), rest.end());
+    return first;
+}
+
 /// @return the id of a process that has just ended; new processes get the next ids
 inline pid_t findLatestProcess()
 {
@@ -128,21 +134,35 @@ protected:
         return m_files + "/" + name;
     }
 
-    std::vector<std::string> send(std::vector<std::string> more) const
+    Arguments send(const Arguments& more) const
     {
-        more.insert(more.begin(), {"send", "-s", getSocketName()});
-        return more;
+        return join({"send", "-s", getSocketName()}, more);
     }
 
-    std::vector<std::string> receive(std::vector<std::string> more) const
+    Arguments receive(const Arguments& more) const
     {
-        more.insert(more.begin(), {"receive", "-s", getSocketName()});
-        return more;
+        return join({"receive", "-s", getSocketName()}, more);
+    }
+
+    /// Sends to a receiver until both have ended. In a pipeline nothing is lost, however busy the
+    /// machine is.
+    ///
+    /// @return the receiver's output, and the errors of both
+    ToolText transfer(
+        const Arguments& input,
+        const Arguments& output,
+        const ToolSettings& settings = {}) const
+    {
+        ToolProcess receiver(receive(join(output, {"--oneshot"})));
+        ToolProcess sender(send(join(input, {"--protocol", "pipeline"})), settings);
+        EXPECT_EQ(sender.wait(), 0) << sender.getErrors();
+        EXPECT_EQ(receiver.wait(), 0) << receiver.getErrors();
+        return {receiver.getOutput(), sender.getErrors() + receiver.getErrors()};
     }
 
     /// Runs the tool to an end that it explains in one line.
     static void expectRefusal(
-        const std::vector<std::string>& arguments,
+        const Arguments& arguments,
         int code,
         const std::string& message,
         const ToolSettings& settings = {})

@@ -5,10 +5,13 @@
 #include <cstdlib>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 namespace vlx::testing
@@ -40,28 +43,43 @@ Descriptor makeMemoryFile(const std::string& content = {})
 
 } // namespace
 
-ToolProcess::ToolProcess(std::vector<std::string> arguments, const ToolSettings& settings)
+ToolProcess::ToolProcess(Arguments arguments, const ToolSettings& settings)
     : m_input(
           settings.inputPath ? Descriptor(::open(settings.inputPath->c_str(), O_RDWR | O_CLOEXEC))
-                             : makeMemoryFile(settings.input.value_or(""))),
+                             : makeMemoryFile(settings.input)),
       m_output(
           settings.outputPath ? Descriptor(::open(settings.outputPath->c_str(), O_RDWR | O_CLOEXEC))
                               : makeMemoryFile()),
       m_errors(makeMemoryFile())
 {
     arguments.insert(arguments.begin(), VLX_TOOL_PATH);
-    m_pid = ::fork();
+    const winsize size{24, 80, 0, 0};
+    int terminalFD = -1;
+    m_pid = settings.onTerminal ? ::forkpty(&terminalFD, nullptr, nullptr, &size) : ::fork();
     if (m_pid == 0)
-        runChild(arguments, settings);
+        runChild(std::move(arguments), settings);
+    m_terminal = Descriptor(terminalFD);
 }
 
-void ToolProcess::runChild(const std::vector<std::string>& arguments, const ToolSettings& settings)
-    const
+void ToolProcess::runChild(Arguments arguments, const ToolSettings& settings) const
 {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL); // nothing runs on when a test is aborted
-    ::dup2(m_input.get(), STDIN_FILENO);
-    ::dup2(m_output.get(), STDOUT_FILENO);
-    ::dup2(m_errors.get(), STDERR_FILENO);
+    if (settings.onTerminal)
+    {
+        // An echoed ^C could fall into the middle of a picture's line.
+        termios modes{};
+        ::tcgetattr(STDIN_FILENO, &modes);
+        modes.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &modes);
+        ::setenv("TERM", "xterm", 1);
+        ::unsetenv("NO_COLOR");
+    }
+    else
+    {
+        ::dup2(m_input.get(), STDIN_FILENO);
+        ::dup2(m_output.get(), STDOUT_FILENO);
+        ::dup2(m_errors.get(), STDERR_FILENO);
+    }
     for (const int fd : settings.closed)
         ::close(fd);
     if (settings.tempDirectory)
@@ -75,8 +93,8 @@ void ToolProcess::runChild(const std::vector<std::string>& arguments, const Tool
         ::_exit(ExitCodeOfFailedStart);
 
     std::vector<char*> argv;
-    for (const std::string& argument : arguments)
-        argv.push_back(const_cast<char*>(argument.c_str()));
+    for (std::string& argument : arguments)
+        argv.push_back(argument.data());
     argv.push_back(nullptr);
     ::execv(argv[0], argv.data());
     ::_exit(ExitCodeOfFailedStart);
@@ -112,7 +130,12 @@ void ToolProcess::kill()
 std::optional<int> ToolProcess::wait(std::chrono::milliseconds deadline)
 {
     int status = 0;
-    if (!m_exitCode && waitFor([&] { return ::waitpid(m_pid, &status, WNOHANG) != 0; }, deadline))
+    const auto hasEnded = [&]
+    {
+        drain();
+        return ::waitpid(m_pid, &status, WNOHANG) != 0;
+    };
+    if (!m_exitCode && waitFor(hasEnded, deadline))
         m_exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return m_exitCode;
 }
@@ -123,8 +146,20 @@ std::optional<int> ToolProcess::stop()
     return wait();
 }
 
+/// Makes room on the terminal: a full one would hold the tool up.
+void ToolProcess::drain() const
+{
+    char chunk[4096];
+    ssize_t count = 0;
+    pollfd terminal{m_terminal.get(), POLLIN, 0};
+    while (::poll(&terminal, 1, 0) == 1 &&
+           (count = ::read(m_terminal.get(), chunk, sizeof(chunk))) > 0)
+        EXPECT_EQ(::write(m_output.get(), chunk, static_cast<std::size_t>(count)), count);
+}
+
 std::string ToolProcess::getOutput() const
 {
+    drain();
     return readAll(m_output.get());
 }
 
@@ -133,7 +168,22 @@ std::string ToolProcess::getErrors() const
     return readAll(m_errors.get());
 }
 
-ToolText runTool(const std::vector<std::string>& arguments, int code, const ToolSettings& settings)
+void ToolProcess::expectOutput(const std::string& text)
+{
+    std::size_t place = 0;
+    EXPECT_TRUE(
+        waitFor([&] { return (place = getOutput().find(text, m_seen)) != std::string::npos; }))
+        << text << "\n"
+        << getOutput().substr(m_seen);
+    m_seen = std::min(place, getOutput().size());
+}
+
+void ToolProcess::pressCtrlC() const
+{
+    EXPECT_EQ(::write(m_terminal.get(), "\x03", 1), 1);
+}
+
+ToolText runTool(const Arguments& arguments, int code, const ToolSettings& settings)
 {
     ToolProcess process(arguments, settings);
     EXPECT_EQ(process.wait(), code) << process.getErrors();

@@ -12,23 +12,26 @@
 namespace vlx::testing
 {
 
+using Arguments = std::vector<std::string>;
+
 /// Settings of a run of the tool.
 struct ToolSettings
 {
-    std::optional<std::string> input;         ///< of standard input; unset: empty
-    std::optional<std::string> inputPath;     ///< of standard input, instead
-    std::optional<std::string> outputPath;    ///< of standard output; unset: kept
-    std::optional<std::string> tempDirectory; ///< for TMPDIR; unset: the test's
-    std::optional<std::size_t> maxFileSize;   ///< bytes
-    std::optional<uid_t> asUser;              ///< needs root
-    std::vector<int> closed;                  ///< of descriptors 0 to 2
+    std::string input = {};                        ///< of standard input
+    std::optional<std::string> inputPath = {};     ///< of standard input, instead
+    std::optional<std::string> outputPath = {};    ///< of standard output; not set: kept
+    std::optional<std::string> tempDirectory = {}; ///< for TMPDIR; not set: the test's
+    std::optional<std::size_t> maxFileSize = {};   ///< bytes
+    std::optional<uid_t> asUser = {};              ///< needs root
+    std::vector<int> closed = {};                  ///< of descriptors 0 to 2
+    bool onTerminal = false;                       ///< of its own, of 80 columns and 24 lines
 };
 
 /// One run of the tool. If it still runs at the end, it is stopped and must exit cleanly.
 class ToolProcess
 {
 public:
-    explicit ToolProcess(std::vector<std::string> arguments, const ToolSettings& settings = {});
+    explicit ToolProcess(Arguments arguments, const ToolSettings& settings = {});
     ~ToolProcess();
 
     ToolProcess(const ToolProcess&) = delete;
@@ -50,20 +53,28 @@ public:
     /// @return as wait()
     std::optional<int> stop();
 
-    /// @return what was written to standard output so far
+    /// @return what was written to standard output, or to the terminal, so far
     std::string getOutput() const;
 
     /// @return what was written to standard error so far
     std::string getErrors() const;
 
+    /// Waits until the output has a text, at or after the one that was waited for before.
+    void expectOutput(const std::string& text);
+
+    /// On a terminal.
+    void pressCtrlC() const;
+
 private:
-    [[noreturn]] void
-    runChild(const std::vector<std::string>& arguments, const ToolSettings& settings) const;
+    [[noreturn]] void runChild(Arguments arguments, const ToolSettings& settings) const;
+    void drain() const;
 
     // Files in memory: nothing is left in the test's directory.
     Descriptor m_input;
     Descriptor m_output;
     Descriptor m_errors;
+    Descriptor m_terminal;
+    std::size_t m_seen = 0; // where the text began that was waited for
     pid_t m_pid = -1;
     std::optional<int> m_exitCode;
 };
@@ -76,8 +87,7 @@ struct ToolText
 };
 
 /// Runs the tool to its end, and expects this exit code.
-ToolText
-runTool(const std::vector<std::string>& arguments, int code = 0, const ToolSettings& settings = {});
+ToolText runTool(const Arguments& arguments, int code = 0, const ToolSettings& settings = {});
 
 /// @return the number of lines in a text
 std::size_t countLines(const std::string& text);
