@@ -295,9 +295,15 @@ constexpr auto PromptStopLimit = 2s;
 // Stopping, pausing and flushing free whatever waits.
 TEST_F(ElementsFaultsTest, WaitingEndsWhenItIsNotWantedAnyMore)
 {
-    const char* const sinks[] = {"protocol=pubsub", "protocol=pipeline"};
-    for (const char* properties : sinks)
+    const auto expectPromptStop = [](const Pipeline& pipeline, GstState state)
     {
+        const auto start = std::chrono::steady_clock::now();
+        pipeline.set(state);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, PromptStopLimit) << state;
+    };
+    for (const char* properties : {"protocol=pubsub", "protocol=pipeline"})
+    {
+        SCOPED_TRACE(properties);
         const Pipeline sender(makeSender(properties));
         for (const GstState state : {GST_STATE_PAUSED, GST_STATE_READY, GST_STATE_NULL})
         {
@@ -309,16 +315,12 @@ TEST_F(ElementsFaultsTest, WaitingEndsWhenItIsNotWantedAnyMore)
                     return gst_element_query_position(sender.get(), GST_FORMAT_TIME, &position) !=
                            FALSE;
                 }));
-            const auto start = std::chrono::steady_clock::now();
-            sender.set(state);
-            EXPECT_LT(std::chrono::steady_clock::now() - start, PromptStopLimit) << properties;
+            expectPromptStop(sender, state);
         }
     }
     const Pipeline receiver(makeReceiver());
     receiver.set(GST_STATE_PLAYING);
-    const auto start = std::chrono::steady_clock::now();
-    receiver.set(GST_STATE_NULL);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, PromptStopLimit);
+    expectPromptStop(receiver, GST_STATE_NULL);
 }
 
 TEST_F(ElementsFaultsTest, FlushFreesABlockedSendAndTheStreamGoesOn)
