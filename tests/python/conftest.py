@@ -28,10 +28,6 @@ def wait_until(condition):
     return result
 
 
-def run_vlx(*arguments, **options):
-    return subprocess.Popen([os.environ["VLX_TOOL"], *arguments], **options)
-
-
 def run_python(code, *arguments, **options):
     command = [sys.executable, "-X", "dev", "-W", "error", "-c", code, *arguments]
     return subprocess.Popen(command, text=True, **options)

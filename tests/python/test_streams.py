@@ -64,8 +64,7 @@ def test_only_buffers_of_whole_samples_are_sent(streams):
         (bytes(1919), "1919 bytes"),
         (SILENCE[::2], "contiguous"),
     ):
-        with pytest.raises(ValueError, match=re.escape(error)):
-            sender.send(data)
+        pytest.raises(ValueError, sender.send, data).match(re.escape(error))
 
 
 def test_frames_without_stamps_follow_each_other_exactly(streams):
@@ -136,8 +135,7 @@ def test_other_codecs_travel_as_bytes(streams):
     assert frame.data.tobytes() == b"\1" * 5
     assert (frame.timestamp, frame.duration) == (9, 3)
     for access in (lambda: frame.samples, lambda: frame.format, frame.to_float):
-        with pytest.raises(vellox.InvalidArgument):
-            access()
+        pytest.raises(vellox.InvalidArgument, access)
 
 
 def test_media_has_caps_and_heads(streams):
@@ -163,15 +161,13 @@ def test_media_has_caps_and_heads(streams):
 
 def test_another_codec_cannot_be_played_without_raw(name):
     with vellox.Producer(name, fourcc="MJPG"), vellox.Consumer(name) as receiver:
-        with pytest.raises(vellox.CannotPlay, match="MJPG"):
-            receiver.read(DEADLINE)
+        pytest.raises(vellox.CannotPlay, receiver.read, DEADLINE).match("MJPG")
         assert "cannot play" in [event.kind for event in receiver.events()]
 
 
 def test_errors_have_classes(name):
     with vellox.Producer(name):
-        with pytest.raises(vellox.NameTaken, match=name):
-            vellox.Producer(name)
+        pytest.raises(vellox.NameTaken, vellox.Producer, name).match(name)
         with vellox.Producer(name, alternative_name=f"{name}-2") as other:
             assert other.name == f"{name}-2"
     for make in (
@@ -183,28 +179,20 @@ def test_errors_have_classes(name):
         lambda: vellox.Consumer(name, timeout=-1),
         lambda: vellox.Consumer(108 * "x"),
     ):
-        with pytest.raises(vellox.InvalidArgument):
-            make()
-    with pytest.raises(vellox.Error) as raised:
-        vellox.Consumer(name, base_directory="/does/not/exist")
+        pytest.raises(vellox.InvalidArgument, make)
+    raised = pytest.raises(vellox.Error, vellox.Consumer, name, base_directory="/does/not/exist")
     assert raised.value.code == "no directory"
 
 
 def test_waiting_ends(name):
     is_no_text = name.encode() + b"\xff"
     with vellox.Producer(name) as sender, vellox.Consumer(is_no_text, timeout=0.01) as receiver:
-        with pytest.raises(TimeoutError, match=f"{name}\udcff\" within 0.01 s"):
-            receiver.read()
-        with pytest.raises(vellox.TimedOut):
-            next(receiver)
-        with pytest.raises(vellox.TimedOut):
-            asyncio.run(anext(receiver))
-        with pytest.raises(vellox.TimedOut):
-            sender.wait_for_receivers(2, timeout=0.01)
-    with pytest.raises(vellox.Closed):
-        receiver.read()
-    with pytest.raises(vellox.Closed):
-        sender.send(SILENCE)
+        pytest.raises(TimeoutError, receiver.read).match(f"{name}\udcff\" within 0.01 s")
+        pytest.raises(vellox.TimedOut, next, receiver)
+        pytest.raises(vellox.TimedOut, lambda: asyncio.run(anext(receiver)))
+        pytest.raises(vellox.TimedOut, sender.wait_for_receivers, 2, timeout=0.01)
+    pytest.raises(vellox.Closed, receiver.read)
+    pytest.raises(vellox.Closed, sender.send, SILENCE)
     assert list(receiver) == []
     assert "closed" in repr(receiver) and "closed" in repr(sender)
 
@@ -267,8 +255,7 @@ def test_events_report_what_happened(streams):
 def test_a_sender_of_another_user_is_not_joined(name, caplog):
     with vellox.Producer(name), vellox.Consumer(name, sender_user=os.getuid() + 1) as receiver:
         wait_until(lambda: any(e.kind == "not a sender" for e in receiver.events()))
-        with pytest.raises(vellox.TimedOut):
-            receiver.read(0.01)
+        pytest.raises(vellox.TimedOut, receiver.read, 0.01)
     assert name in caplog.text
 
 
@@ -287,8 +274,7 @@ def test_a_probe_without_descriptors_fails(name):
     limits = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (0, limits[1]))
     try:
-        with pytest.raises(vellox.Error, match="no descriptor"):
-            vellox.probe(name)
+        pytest.raises(vellox.Error, vellox.probe, name).match("no descriptor")
     finally:
         resource.setrlimit(resource.RLIMIT_NOFILE, limits)
 
@@ -301,8 +287,7 @@ def test_the_log_goes_to_python_until_ctrl_c(name, caplog, monkeypatch):
     with vellox.Producer(name) as sender:
         with monkeypatch.context() as patch:
             patch.setattr(logging.getLogger("vellox"), "handle", interrupt)
-            with pytest.raises(KeyboardInterrupt):
-                sender.send(SILENCE)
+            pytest.raises(KeyboardInterrupt, sender.send, SILENCE)
         receiver = vellox.Consumer(name)
         wait_until(lambda: pytest.raises(TimeoutError, receiver.read, 0.01) and caplog.records)
     record = caplog.records[0]
