@@ -125,6 +125,11 @@ std::optional<MediaFormat> MediaFormat::parse(std::string_view text)
     return format;
 }
 
+std::string_view MediaFormat::getType() const
+{
+    return gst_structure_get_name(gst_caps_get_structure(getCaps(), 0));
+}
+
 BufferListPtr MediaFormat::makeHeaders() const
 {
     const GstStructure* const fields = gst_caps_get_structure(getCaps(), 0);
@@ -145,6 +150,11 @@ BufferListPtr MediaFormat::makeHeaders() const
     return list;
 }
 
+bool MediaFormat::hasKeyFrames() const
+{
+    return !getType().starts_with("image/");
+}
+
 // For encoded pictures, this assumes good compression.
 std::size_t MediaFormat::estimateSize() const
 {
@@ -157,8 +167,7 @@ std::size_t MediaFormat::estimateSize() const
     constexpr gint MaxLength = 16'384;
     width = std::clamp(width, 0, MaxLength);
     height = std::clamp(height, 0, MaxLength);
-    const std::string_view name = gst_structure_get_name(fields);
-    const bool isPicture = name.starts_with("video/") || name.starts_with("image/");
+    const bool isPicture = getType().starts_with("video/") || !hasKeyFrames();
     const std::size_t area = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
     return std::max(area / 4, isPicture ? MinPictureBytes : 0);
 }

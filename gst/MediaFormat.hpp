@@ -59,6 +59,10 @@ public:
     /// @return null: the caps have no "streamheader"
     BufferListPtr makeHeaders() const;
 
+    /// @return false for media whose buffers are pictures of their own: the encoders of some, such
+    ///         as pngenc, mark them as delta units
+    bool hasKeyFrames() const;
+
     /// @return size that most buffers do not exceed, bytes; 0: unknown
     std::size_t estimateSize() const;
 
@@ -94,6 +98,9 @@ public:
     }
 
 private:
+    /// @return such as "video/x-h264"
+    std::string_view getType() const;
+
     std::string m_text;
     std::shared_ptr<GstCaps> m_caps;
     std::optional<GstVideoInfo> m_video; // raw

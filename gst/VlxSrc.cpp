@@ -511,7 +511,7 @@ GstBuffer* Src::toMediaBuffer(kit::ReceivedFrame&& frame)
     const bool wasDamaged = m_losses.isDamaged();
     m_losses.add(head, m_isDiscont);
     m_isDiscont = m_losses.isLoss();
-    if (m_losses.isDamaged() && getSettings().waitForKeyframe)
+    if (m_losses.isDamaged() && format.hasKeyFrames() && getSettings().waitForKeyframe)
     {
         m_isDiscont = true;
         ++m_skipped;

@@ -301,6 +301,17 @@ TEST_F(ElementsMediaTest, LossesAreSkippedUpToTheNextKeyFrame)
     EXPECT_EQ(receiver.getCount("src", "dropped"), 2U) << "without data";
 }
 
+TEST_F(ElementsMediaTest, ImagesArriveAlthoughTheirEncoderMarksDeltaUnits)
+{
+    const Pipeline receiver(makeReceiver());
+    UncheckedSender sender(m_name, std::string("image/png"));
+    receiver.set(GST_STATE_PLAYING);
+    Buffer data(kit::MediaHeadBytes + 1);
+    kit::writeMediaHead({MediaHead::DeltaUnit, {}, {}, 2}, data.data());
+    sender.send(miscUtils::getMonotonicSysclockTime(), 1, data);
+    EXPECT_TRUE(receiver.pull());
+}
+
 TEST_F(ElementsMediaTest, LateReceiverGetsTheHeadersInTheCapsFirst)
 {
     struct Row
