@@ -1,10 +1,7 @@
 // A build without GStreamer: a network clock never synchronises, and each start logs one message.
 
-#include <gtest/gtest.h>
-
 #include <miscUtils/SyncedNetClock.hpp>
 
-#include "support/LogCapture.hpp"
 #include "support/VlxTest.hpp"
 
 namespace vlx::testing
@@ -13,9 +10,7 @@ namespace vlx::testing
 namespace
 {
 
-class NoNetClockTest : public VlxTest
-{
-};
+using NoNetClockTest = VlxTest;
 
 TEST_F(NoNetClockTest, StartsAreRefusedInOneWarning)
 {

@@ -12,28 +12,23 @@ using audioUtils::PcmFormat;
 
 TEST(PcmFormatTest, NamesSizesAndWireValuesFit)
 {
-    const struct
-    {
-        PcmFormat format;
-        int wireValue;
-        std::string name;
-        std::size_t size;
-    } rows[] = {{PcmFormat::S8, 0, "S8", 1},        {PcmFormat::U8, 1, "U8", 1},
-                {PcmFormat::S16LE, 2, "S16LE", 2},  {PcmFormat::S16BE, 3, "S16BE", 2},
-                {PcmFormat::S24LE, 4, "S24LE", 3},  {PcmFormat::S24BE, 5, "S24BE", 3},
-                {PcmFormat::S32LE, 6, "S32LE", 4},  {PcmFormat::S32BE, 7, "S32BE", 4},
-                {PcmFormat::F32LE, 8, "F32LE", 4},  {PcmFormat::F32BE, 9, "F32BE", 4},
-                {PcmFormat::F64LE, 10, "F64LE", 8}, {PcmFormat::F64BE, 11, "F64BE", 8}};
+    const std::tuple<PcmFormat, int, std::string, std::size_t> rows[] = {
+        {PcmFormat::S8, 0, "S8", 1},        {PcmFormat::U8, 1, "U8", 1},
+        {PcmFormat::S16LE, 2, "S16LE", 2},  {PcmFormat::S16BE, 3, "S16BE", 2},
+        {PcmFormat::S24LE, 4, "S24LE", 3},  {PcmFormat::S24BE, 5, "S24BE", 3},
+        {PcmFormat::S32LE, 6, "S32LE", 4},  {PcmFormat::S32BE, 7, "S32BE", 4},
+        {PcmFormat::F32LE, 8, "F32LE", 4},  {PcmFormat::F32BE, 9, "F32BE", 4},
+        {PcmFormat::F64LE, 10, "F64LE", 8}, {PcmFormat::F64BE, 11, "F64BE", 8}};
     ASSERT_EQ(std::size(rows), audioUtils::NumPcmFormats);
-    for (const auto& row : rows)
+    for (const auto& [format, wireValue, name, size] : rows)
     {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(static_cast<int>(row.format), row.wireValue);
-        EXPECT_TRUE(audioUtils::isValid(row.format));
-        EXPECT_EQ(audioUtils::toString(row.format), row.name);
-        EXPECT_EQ(audioUtils::toPcmFormat(row.name), row.format);
-        EXPECT_EQ(audioUtils::bytesPerSample(row.format), row.size);
-        EXPECT_EQ(audioUtils::bytesPerFrame(row.format, 6), 6 * row.size);
+        SCOPED_TRACE(name);
+        EXPECT_EQ(static_cast<int>(format), wireValue);
+        EXPECT_TRUE(audioUtils::isValid(format));
+        EXPECT_EQ(audioUtils::toString(format), name);
+        EXPECT_EQ(audioUtils::toPcmFormat(name), format);
+        EXPECT_EQ(audioUtils::bytesPerSample(format), size);
+        EXPECT_EQ(audioUtils::bytesPerFrame(format, 6), 6 * size);
     }
     for (const int value : {-1, 12, 0x7fffffff})
     {

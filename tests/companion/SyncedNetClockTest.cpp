@@ -1,30 +1,14 @@
 // The clock against real net time providers on loopback.
 
-#include <algorithm>
 #include <array>
-#include <atomic>
-#include <chrono>
-#include <cstdint>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <future>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <dlfcn.h>
 #include <gio/gio.h>
-#include <gtest/gtest.h>
 
 #include <miscUtils/MiscUtils.hpp>
 #include <miscUtils/SyncedNetClock.hpp>
 
-#include "support/LogCapture.hpp"
 #include "support/ResourceLimit.hpp"
 #include "support/TestProvider.hpp"
 #include "support/VlxTest.hpp"

@@ -1,7 +1,3 @@
-#include <atomic>
-#include <cstdint>
-#include <filesystem>
-
 #include <vlxkit/Consumer.hpp>
 
 #include "support/RawSender.hpp"

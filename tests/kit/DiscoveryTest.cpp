@@ -1,22 +1,11 @@
-#include <algorithm>
-#include <csignal>
 #include <deque>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <memory>
 #include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <Bell.hpp>
 #include <FrameRing.hpp>
 #include <SenderQuestion.hpp>
 #include <UnixSockets.hpp>
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -25,11 +14,11 @@
 #include <unistd.h>
 
 #include <vlxkit/Discovery.hpp>
-#include <vlxkit/Producer.hpp>
 #include <vlxkit/PromptStop.hpp>
 
 #include "support/ChildProcess.hpp"
 #include "support/HostilePeer.hpp"
+#include "support/OpenProducer.hpp"
 #include "support/RawSender.hpp"
 #include "support/RecordedReceiver.hpp"
 #include "support/VlxTest.hpp"
@@ -147,10 +136,8 @@ TEST_F(DiscoveryTest, ListsSendersAndNothingElse)
     const SenderProcess pipeline(name + "-c", NanomsgProtocol::Pipeline);
     SenderProcess killed(name + "-d", NanomsgProtocol::PubSub);
     RawSidechannelServer ownListener(name + "-e"); // that a host may have for other purposes
-    RecordedReceiver receiver;
-    ASSERT_TRUE(receiver.start(name));
-    Producer own({.name = name});
-    ASSERT_EQ(own.open(StreamFormat()).getText(), "");
+    RecordedReceiver receiver(name);
+    OpenProducer own({.name = name});
     ASSERT_TRUE(own.waitForReceivers(1));
 
     const std::string command = "SenderProcess";
@@ -204,8 +191,7 @@ TEST_F(DiscoveryTest, WatchReportsWhatComesChangesAndGoes)
 
     SenderWatch calm(1h); // asks nothing more, so that every change of the number is a receiver's
     EXPECT_EQ(getNextChange(calm), "came " + name);
-    RecordedReceiver receiver;
-    ASSERT_TRUE(receiver.start(name));
+    RecordedReceiver receiver(name);
     EXPECT_EQ(getNextChange(calm), "changed " + name);
     EXPECT_EQ(m_change.sender.receivers, 1U);
     receiver.stop();
@@ -269,20 +255,18 @@ TEST_F(DiscoveryTest, WatchAsksAStoppedSenderOverOneConnection)
 {
     if (!runsAlone()) // as above
         return;
-    const auto countDescriptors = []
-    { return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()); };
     const SenderProcess process(getSocketName(), NanomsgProtocol::PubSub);
     process.signal(SIGSTOP);
     siginfo_t stopped = {}; // its threads may run on for a moment
     ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(process.getPid()), &stopped, WSTOPPED), 0);
-    const auto before = countDescriptors();
+    const auto before = listDescriptors().size();
     SenderWatch watch(std::chrono::milliseconds(10));
     EXPECT_EQ(getNextChange(watch), "came " + getSocketName());
     EXPECT_FALSE(m_change.probe.initialInfo);
     EXPECT_TRUE(m_change.probe.reached);
     for (int i = 0; i < 50; ++i)
         EXPECT_THAT(watch.look(), IsEmpty());
-    EXPECT_EQ(countDescriptors(), before + 1);
+    EXPECT_EQ(listDescriptors().size(), before + 1);
     process.signal(SIGCONT);
     EXPECT_EQ(getNextChange(watch), "changed " + getSocketName());
     EXPECT_TRUE(m_change.probe.sequenceNr);
@@ -293,7 +277,7 @@ TEST_F(DiscoveryTest, WatchAsksAStoppedSenderOverOneConnection)
     {
         ASSERT_EQ(getNextChange(watch), "changed " + getSocketName());
     } while (m_change.probe.initialInfo);
-    EXPECT_EQ(countDescriptors(), before + 1);
+    EXPECT_EQ(listDescriptors().size(), before + 1);
     process.signal(SIGCONT);
 }
 
@@ -336,14 +320,7 @@ TEST_F(DiscoveryTest, TextOfTheKernelIsReadWithDoubt)
     const std::string heading = "Num       RefCount Protocol Flags    Type St Inode Path\n";
     const std::string first = "ffff8881: 00000002 00000000 00010000 0001 01    11 @a b\n";
     const std::string second = "ffff8882: 00000003 00000000 00000000 0001 03    12 @a b\n";
-    struct Row
-    {
-        const char* name;
-        std::string lines;
-        std::vector<std::uint64_t> inodes;
-        bool isIncomplete;
-    };
-    const Row rows[] = {
+    const std::tuple<const char*, std::string, std::vector<std::uint64_t>, bool> rows[] = {
         {"none", "", {}, false},
         {"two", first + second, {11, 12}, false},
         {"without name", "0: 2 0 0 0001 03 13\n" + second, {12, 13}, false},
@@ -354,15 +331,15 @@ TEST_F(DiscoveryTest, TextOfTheKernelIsReadWithDoubt)
         {"twice, of another type", first + "0: 0 0 0 2 1 11 @evil\n" + second, {12}, true},
         {"three times", first + first + first, {}, true},
         {"no blank", first + "0: 0 0 10000 1 1 13x\n", {}, true}};
-    for (const Row& row : rows)
+    for (const auto& [name, lines, expected, isIncomplete] : rows)
     {
-        std::istringstream text(heading + row.lines);
+        std::istringstream text(heading + lines);
         const UnixSockets sockets = parseUnixSockets(text);
         std::vector<std::uint64_t> inodes;
         for (const auto& [inode, socket] : sockets.byInode)
             inodes.push_back(inode);
-        EXPECT_THAT(inodes, ::testing::UnorderedElementsAreArray(row.inodes)) << row.name;
-        EXPECT_EQ(sockets.isIncomplete, row.isIncomplete) << row.name;
+        EXPECT_THAT(inodes, ::testing::UnorderedElementsAreArray(expected)) << name;
+        EXPECT_EQ(sockets.isIncomplete, isIncomplete) << name;
     }
 
     std::istringstream text(heading + first + second);
@@ -385,8 +362,7 @@ TEST_F(DiscoveryTest, MuteSendersAreAskedAtOnce)
         names.push_back(getSocketName() + "-" + std::to_string(i));
         mute.emplace_back(names.back());
     }
-    Producer producer({.name = getSocketName()});
-    ASSERT_EQ(producer.open(StreamFormat()).getText(), "");
+    OpenProducer producer({.name = getSocketName()});
     names.push_back(getSocketName());
     names.push_back("vlx-nobody");
 
@@ -408,32 +384,26 @@ TEST_F(DiscoveryTest, MuteSendersAreAskedAtOnce)
 
 TEST_F(DiscoveryTest, RemovesWakeupFilesOfKilledPrograms)
 {
-    struct Row
+    const std::tuple<const char*, bool, bool, bool> rows[] = {
+        {".vlx-stop-a1B2c3", true, false, true},
+        {".bell-VlxSender-17-a1B2c3", true, false, true},
+        {".vlx-stop-young1", false, false, false},
+        {".bell-VlxSender-17-young1", false, false, false},
+        {".vlx-stop-filled", true, true, false},
+        {"vlx-stop-a1B2c3", true, false, false},
+        {".bellows", true, false, false}};
+    for (const auto& [name, isOld, hasContents, isRemoved] : rows)
     {
-        const char* name;
-        bool isOld;
-        bool hasContents;
-        bool isRemoved;
-    };
-    const Row rows[] = {{".vlx-stop-a1B2c3", true, false, true},
-                        {".bell-VlxSender-17-a1B2c3", true, false, true},
-                        {".vlx-stop-young1", false, false, false},
-                        {".bell-VlxSender-17-young1", false, false, false},
-                        {".vlx-stop-filled", true, true, false},
-                        {"vlx-stop-a1B2c3", true, false, false},
-                        {".bellows", true, false, false}};
-    for (const Row& row : rows)
-    {
-        std::ofstream(getTempDirectory() + "/" + row.name) << (row.hasContents ? "x" : "");
-        if (row.isOld)
-            makeOld(getTempDirectory() + "/" + row.name);
+        std::ofstream(getTempDirectory() + "/" + name) << (hasContents ? "x" : "");
+        if (isOld)
+            makeOld(getTempDirectory() + "/" + name);
     }
     fs::create_directory(getTempDirectory() + "/.vlx-stop-folder");
     makeOld(getTempDirectory() + "/.vlx-stop-folder");
     EXPECT_EQ(removeDeadEntries().entries.size(), 2U);
     EXPECT_TRUE(fs::exists(getTempDirectory() + "/.vlx-stop-folder"));
-    for (const Row& row : rows)
-        EXPECT_NE(fs::exists(getTempDirectory() + "/" + row.name), row.isRemoved) << row.name;
+    for (const auto& [name, isOld, hasContents, isRemoved] : rows)
+        EXPECT_NE(fs::exists(getTempDirectory() + "/" + name), isRemoved) << name;
     for (const std::string& name : listTempDirectory())
         fs::remove(getTempDirectory() + "/" + name);
 }
@@ -507,15 +477,7 @@ TEST_F(DiscoveryTest, NoAnswerStopsOrHoldsTheProcess)
         left.insert(left.end(), right.begin(), right.end());
         return left;
     };
-    struct Row
-    {
-        const char* name;
-        Buffer bytes;
-        bool hasInfo;
-        bool hasFourcc;
-        bool hasFormat;
-    };
-    const Row rows[] = {
+    const std::tuple<const char*, Buffer, bool, bool, bool> rows[] = {
         {"nothing", {}, false, false, false},
         {"half a prefix", fromHex("05 00"), false, false, false},
         {"huge length", fromHex("ff ff ff ff 00"), false, false, false},
@@ -532,15 +494,15 @@ TEST_F(DiscoveryTest, NoAnswerStopsOrHoldsTheProcess)
         {"PCM without rate", join(info, makeSidechannelMessage(fromHex("01 00 0100 50434D41"))),
          true, true, false},
         {"PCM", join(info, PcmSequence), true, true, true}};
-    for (const Row& row : rows)
+    for (const auto& [name, bytes, hasInfo, hasFourcc, hasFormat] : rows)
     {
         const SenderProbe answer =
-            probe([&row](RawConnection& connection) { connection.send(row.bytes, 3); });
-        EXPECT_TRUE(answer.reached) << row.name;
-        EXPECT_FALSE(answer.busy || answer.mayJoin) << row.name;
-        EXPECT_EQ(answer.initialInfo.has_value(), row.hasInfo) << row.name;
-        EXPECT_EQ(answer.fourcc.has_value(), row.hasFourcc) << row.name;
-        EXPECT_EQ(answer.format.has_value(), row.hasFormat) << row.name;
+            probe([&bytes = bytes](RawConnection& connection) { connection.send(bytes, 3); });
+        EXPECT_TRUE(answer.reached) << name;
+        EXPECT_FALSE(answer.busy || answer.mayJoin) << name;
+        EXPECT_EQ(answer.initialInfo.has_value(), hasInfo) << name;
+        EXPECT_EQ(answer.fourcc.has_value(), hasFourcc) << name;
+        EXPECT_EQ(answer.format.has_value(), hasFormat) << name;
     }
     EXPECT_FALSE(probeSender(getSocketName(), DefaultDeadline).reached);
 

@@ -1,17 +1,9 @@
-#include <algorithm>
-#include <atomic>
-#include <csignal>
 #include <cstdio>
-#include <fstream>
-#include <functional>
 #include <limits>
-#include <optional>
-#include <thread>
 
 #include <FrameRing.hpp>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -92,27 +84,21 @@ TEST_F(FrameRingTest, ParsesWhatItProducesAndRefusesEverythingElse)
 
 TEST_F(FrameRingTest, ChoosesSlotsThatHaveRoom)
 {
-    struct Row
+    const std::tuple<std::size_t, std::uint64_t, std::uint64_t, std::uint32_t> rows[] = {
+        {0, 4, 64 << 20, 4},
+        {4096 - 64, 10, 40960, 10},
+        {4096 - 63, 10, 40960, 5},
+        {3'110'400, 10, 64 << 20, 10},
+        {32 << 20, 4, 64 << 20, 0},
+        {16 << 20, 4, 64 << 20, 3},
+        {1, 1'000'000, MaxRingBytes, 65536},
+        {std::numeric_limits<std::size_t>::max(), 4, Huge, 0},
+        {MaxRingBytes, 4, Huge, 0}};
+    for (const auto& [frameBytes, numFrames, maxBytes, numSlots] : rows) // no slots: no ring
     {
-        std::size_t frameBytes;
-        std::uint64_t numFrames;
-        std::uint64_t maxBytes;
-        std::uint32_t numSlots; // 0: no ring
-    };
-    for (const Row& row : std::vector<Row>{
-             {0, 4, 64 << 20, 4},
-             {4096 - 64, 10, 40960, 10},
-             {4096 - 63, 10, 40960, 5},
-             {3'110'400, 10, 64 << 20, 10},
-             {32 << 20, 4, 64 << 20, 0},
-             {16 << 20, 4, 64 << 20, 3},
-             {1, 1'000'000, MaxRingBytes, 65536},
-             {std::numeric_limits<std::size_t>::max(), 4, Huge, 0},
-             {MaxRingBytes, 4, Huge, 0}})
-    {
-        const auto layout = chooseRingLayout(row.frameBytes, row.numFrames, row.maxBytes);
-        EXPECT_EQ(layout ? layout->numSlots : 0, row.numSlots) << row.frameBytes;
-        EXPECT_TRUE(!layout || getRingCapacity(*layout) >= row.frameBytes);
+        const auto layout = chooseRingLayout(frameBytes, numFrames, maxBytes);
+        EXPECT_EQ(layout ? layout->numSlots : 0, numSlots) << frameBytes;
+        EXPECT_TRUE(!layout || getRingCapacity(*layout) >= frameBytes);
     }
 }
 
@@ -233,14 +219,7 @@ TEST_F(FrameRingTest, ReaderRefusesFilesThatAreNotTheSenders)
         lease = Descriptor(::open(path, O_CREAT | O_RDWR | O_CLOEXEC, 0600));
         return ::fcntl(lease.get(), F_SETLEASE, F_WRLCK);
     };
-    struct Row
-    {
-        const char* name;
-        bool isReplaced;
-        std::function<int()> change;
-        const char* problem;
-    };
-    const std::vector<Row> rows = {
+    const std::tuple<const char*, bool, std::function<int()>, const char*> rows[] = {
         {"truncated", false, [&] { return ::truncate(path, size - 1); }, "announced size"},
         {"grown", false, [&] { return ::truncate(path, size + 1); }, "announced size"},
         {"sparse", false, [&] { return ::truncate(path, 0) + ::truncate(path, size); },
@@ -252,15 +231,15 @@ TEST_F(FrameRingTest, ReaderRefusesFilesThatAreNotTheSenders)
         {"a directory", true, [&] { return ::mkdir(path, 0700); }, "not a regular file"},
         {"a pipe", true, [&] { return ::mkfifo(path, 0600); }, "not a regular file"},
         {"leased", true, hold, "Resource temporarily unavailable"}};
-    for (const Row& row : rows)
+    for (const auto& [name, isReplaced, change, problem] : rows)
     {
-        SCOPED_TRACE(row.name);
+        SCOPED_TRACE(name);
         const auto ring = makeRing(5000, 4);
         ASSERT_TRUE(ring);
-        ASSERT_TRUE(!row.isReplaced || ::unlink(path) == 0);
-        ASSERT_EQ(row.change(), 0);
+        ASSERT_TRUE(!isReplaced || ::unlink(path) == 0);
+        ASSERT_EQ(change(), 0);
         RingReader reader;
-        EXPECT_THAT(reader.open(ring->getLayout(), ::geteuid()), HasSubstr(row.problem));
+        EXPECT_THAT(reader.open(ring->getLayout(), ::geteuid()), HasSubstr(problem));
         ::remove(path);
         lease = Descriptor();
     }

@@ -1,8 +1,5 @@
 #include "Gatekeeper.hpp"
 
-#include <filesystem>
-#include <string>
-
 #include <vlxkit/Consumer.hpp>
 
 #include "support/RawSender.hpp"
@@ -79,13 +76,12 @@ protected:
 
 TEST_F(GatekeeperTest, JudgesAnswersOneAfterTheOther)
 {
-    struct Row
+    const struct
     {
         const SenderProbe& answer;
         std::string line;
         TimeValue durationNs = 0;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {m_good, "0 join"},
         {m_silent, "0 join"},
         {m_closing, "0 join"},
@@ -140,12 +136,7 @@ TEST_F(GatekeeperTest, AsksAfterASetbackUntilTheSenderIsFitOrGone)
 // whenever it is asked.
 TEST_F(GatekeeperTest, DoubtsGrowUntilAFrameComes)
 {
-    struct Row
-    {
-        std::string pause;
-        std::string line;
-    };
-    const Row rows[] = {
+    const std::pair<const char*, std::string> rows[] = {
         {"0 ask", "0 join"},
         {"20 ask", "0 join"},
         {"40 ask", "0 join"},
@@ -157,12 +148,11 @@ TEST_F(GatekeeperTest, DoubtsGrowUntilAFrameComes)
         {"2000 ask", "10000 ask"}};
     for (const bool isGone : {false, true})
     {
-        for (const Row& row : rows)
+        for (const auto& [pause, line] : rows)
         {
-            EXPECT_EQ(toLine(m_gate.onSetback(Setback::Doubt)), row.pause);
+            EXPECT_EQ(toLine(m_gate.onSetback(Setback::Doubt)), pause);
             EXPECT_EQ(
-                toLine(m_gate.judgeAnswer(isGone ? m_gone : m_good, 0)),
-                isGone ? "0 join" : row.line);
+                toLine(m_gate.judgeAnswer(isGone ? m_gone : m_good, 0)), isGone ? "0 join" : line);
         }
         m_gate.forgetObstacles();
     }
@@ -177,15 +167,14 @@ TEST_F(GatekeeperTest, ARefusalThatAnAnswerExplainsIsForgotten)
 
 TEST_F(GatekeeperTest, TellsASetbackThatNoAnswerExplains)
 {
-    struct Row
+    const struct
     {
         Setback setback;
         const SenderProbe& answer;
         std::string line;
         std::string pause;
         int timeoutMs = 5; // for the announcement
-    };
-    const Row rows[] = {
+    } rows[] = {
         {Setback::Doubt, m_good, "0 join", "0 ask"},
         {Setback::Flapping, m_good, "not a sender 2000 ask", "20 ask", 300},
         {Setback::Flapping, m_closing, "20 ask", "40 ask", 300},

@@ -137,11 +137,10 @@ TEST_F(LoggingTest, NoCallOutlivesItsListener)
 
 TEST_F(LoggingTest, PrintsTheLibrarysLinesOnceAndUndoesWhatItChanged)
 {
-    log4cplus::Logger library = log4cplus::Logger::getInstance("Vellox");
     const log4cplus::Logger part = log4cplus::Logger::getInstance("Vellox.Part");
     const log4cplus::Logger other = log4cplus::Logger::getInstance("Other");
-    const log4cplus::LogLevel levelBefore = library.getLogLevel();
-    const std::size_t numAppenders = library.getAllAppenders().size();
+    const log4cplus::LogLevel levelBefore = m_library.getLogLevel();
+    const std::size_t numAppenders = m_library.getAllAppenders().size();
     const auto logAll = [&](const std::string& when)
     {
         LOG4CPLUS_WARN(part, when << " warning");
@@ -171,16 +170,17 @@ TEST_F(LoggingTest, PrintsTheLibrarysLinesOnceAndUndoesWhatItChanged)
             EXPECT_EQ(line.find("[Other]"), std::string::npos) << line;
         }
         EXPECT_EQ(lines, "outer warning; inner warning; inner debug; again warning; ") << round;
-        EXPECT_EQ(library.getLogLevel(), levelBefore);
-        EXPECT_EQ(library.getAllAppenders().size(), numAppenders);
+        EXPECT_EQ(m_library.getLogLevel(), levelBefore);
+        EXPECT_EQ(m_library.getAllAppenders().size(), numAppenders);
     }
 
     {
         const Logging logging;
-        library.setLogLevel(log4cplus::ERROR_LOG_LEVEL);
+        m_library.setLogLevel(log4cplus::ERROR_LOG_LEVEL);
         const Logging another;
     }
-    EXPECT_EQ(library.getLogLevel(), log4cplus::ERROR_LOG_LEVEL) << "the program has set it since";
+    EXPECT_EQ(m_library.getLogLevel(), log4cplus::ERROR_LOG_LEVEL)
+        << "the program has set it since";
 }
 
 TEST_F(LoggingTest, AForkedChildWaitsForNoThread)

@@ -18,7 +18,8 @@ constexpr auto Largest = std::numeric_limits<std::uint64_t>::max();
 
 TEST(MediaTest, HeadsHaveTheDocumentedBytes)
 {
-    struct Row
+    const Buffer zero(8, 0);
+    const struct
     {
         const char* name;
         MediaHead head;
@@ -26,9 +27,7 @@ TEST(MediaTest, HeadsHaveTheDocumentedBytes)
         Buffer pts;
         Buffer position;
         Buffer number = Buffer(8, 0);
-    };
-    const Buffer zero(8, 0);
-    const Row rows[] = {
+    } rows[] = {
         {"zero", {0, 0, 0}, {0, 0, 0, 0}, zero, zero},
         {"nothing set", {}, {0, 0, 0, 0}, {0, 0, 0, 0, 0, 0, 0, 0x80}, Buffer(8, 0xFF)},
         {"each byte has its place",
@@ -49,7 +48,7 @@ TEST(MediaTest, HeadsHaveTheDocumentedBytes)
          {1, 0, 0, 0, 0, 0, 0, 0x80},
          {0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
     };
-    for (const Row& row : rows)
+    for (const auto& row : rows)
     {
         SCOPED_TRACE(row.name);
         Buffer expected = row.flags;
@@ -83,13 +82,7 @@ TEST(MediaTest, HeadsHaveTheDocumentedBytes)
 TEST(MediaTest, CapsArePrintableText)
 {
     using namespace std::string_view_literals;
-    struct Row
-    {
-        const char* name;
-        std::string text;
-        bool isValid;
-    };
-    const Row rows[] = {
+    const std::tuple<const char*, std::string, bool> rows[] = {
         {"empty", "", false},
         {"video", "video/x-raw, format=(string)I420, width=(int)1920", true},
         {"one character", "a", true},
@@ -102,12 +95,12 @@ TEST(MediaTest, CapsArePrintableText)
         {"other direction", "video/x-raw\u202e", false},
         {"not UTF-8", "video/x-raw\xff", false},
     };
-    for (const Row& row : rows)
+    for (const auto& [name, text, isValid] : rows)
     {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(isMediaCaps(row.text), row.isValid);
-        CodecFormat codec{MediaFourcc, Buffer(row.text.begin(), row.text.end())};
-        EXPECT_EQ(getMediaCaps(codec), row.isValid ? std::optional(row.text) : std::nullopt);
+        SCOPED_TRACE(name);
+        EXPECT_EQ(isMediaCaps(text), isValid);
+        CodecFormat codec{MediaFourcc, Buffer(text.begin(), text.end())};
+        EXPECT_EQ(getMediaCaps(codec), isValid ? std::optional(text) : std::nullopt);
         codec.fourcc = PcmFourcc;
         EXPECT_EQ(getMediaCaps(codec), std::nullopt) << "another codec";
     }

@@ -1,25 +1,11 @@
-#include <atomic>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <future>
-#include <iterator>
 #include <limits>
-#include <optional>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <DirectoryLock.hpp>
 #include <SocketFile.hpp>
 #include <TailWait.hpp>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <log4cplus/logger.h>
 #include <sched.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -28,12 +14,11 @@
 #include <vlx/VlxSender.hpp>
 #include <vlxkit/BaseDirectory.hpp>
 #include <vlxkit/Discovery.hpp>
-#include <vlxkit/Producer.hpp>
 
 #include "support/AllocationCounter.hpp"
 #include "support/ChildProcess.hpp"
+#include "support/OpenProducer.hpp"
 #include "support/OpenSender.hpp"
-#include "support/RawPeers.hpp"
 #include "support/RecordedReceiver.hpp"
 #include "support/ResourceLimit.hpp"
 #include "support/VlxTest.hpp"
@@ -57,12 +42,6 @@ mode_t getMode(const std::string& path)
 {
     struct stat status = {};
     return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
-}
-
-std::size_t countDescriptors()
-{
-    return static_cast<std::size_t>(
-        std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
 sockaddr_un makeAddress(const std::string& path)
@@ -112,19 +91,6 @@ void greetAndLeave(const std::string& socketFile, bool isListener)
     ::unlink(socketFile.c_str());
 }
 
-std::set<pid_t> listThreads()
-{
-    std::set<pid_t> threads;
-    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/task"))
-        threads.insert(std::stoi(entry.path().filename().string()));
-    return threads;
-}
-
-std::string getParent(const std::string& path)
-{
-    return path.substr(0, path.rfind('/'));
-}
-
 class ProducerTest : public VlxTest
 {
 protected:
@@ -136,32 +102,24 @@ protected:
 
 TEST_F(ProducerTest, OpensForThoseWhoMayJoin)
 {
-    struct Row
-    {
-        NanomsgProtocol protocol;
-        SocketMode mode;
-        mode_t directory;
-        mode_t file;
-    };
-    const Row rows[] = {
+    const std::tuple<NanomsgProtocol, SocketMode, mode_t, mode_t> rows[] = {
         {NanomsgProtocol::PubSub, SocketMode::Owner, 01700, 0600},
         {NanomsgProtocol::PubSub, SocketMode::Group, 01750, 0660},
         {NanomsgProtocol::PubSub, SocketMode::All, 01755, 0666},
         {NanomsgProtocol::Pipeline, SocketMode::Owner, 01700, 0},
         {NanomsgProtocol::Pipeline, SocketMode::Group, 01770, 0},
         {NanomsgProtocol::Pipeline, SocketMode::All, 01777, 0}};
-    for (const Row& row : rows)
+    for (const auto& [protocol, mode, directoryMode, fileMode] : rows)
     {
-        ProducerOptions options = makeOptions(row.protocol);
-        options.socketMode = row.mode;
+        ProducerOptions options = makeOptions(protocol);
+        options.socketMode = mode;
         Producer producer(options);
-        RecordedReceiver receiver;
-        ASSERT_TRUE(receiver.start(getSocketName()));
+        RecordedReceiver receiver(getSocketName());
         ASSERT_EQ(producer.open(Format).getText(), "");
-        EXPECT_EQ(getMode(getParent(producer.getSocketFile())), row.directory);
-        if (row.protocol == NanomsgProtocol::PubSub) // in Pipeline the receiver makes it
+        EXPECT_EQ(getMode(fs::path(producer.getSocketFile()).parent_path()), directoryMode);
+        if (protocol == NanomsgProtocol::PubSub) // in Pipeline the receiver makes it
         {
-            EXPECT_EQ(getMode(producer.getSocketFile()), row.file);
+            EXPECT_EQ(getMode(producer.getSocketFile()), fileMode);
         }
         EXPECT_EQ(producer.getName(), getSocketName());
         ASSERT_TRUE(producer.waitForReceivers(1));
@@ -178,15 +136,14 @@ TEST_F(ProducerTest, ReportsForeignEntriesInItsDirectory)
     const std::string victim = getTempDirectory() + "/victim";
     std::ofstream(victim) << "kept";
     ASSERT_EQ(::chmod(victim.c_str(), 0600), 0);
-    struct Row
+    const struct
     {
         const char* name;
         std::function<void(const std::string&)> swap; // of the socket file
         bool isFineInPipeline;
         SocketMode mode = SocketMode::All;
         bool isFineInPubSub = false;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"nothing", [](const auto&) {}, true},
         {"link", [&](const auto& file) { fs::create_symlink(victim, file); }, false},
         {"file", [](const auto& file) { std::ofstream(file) << "x"; }, false},
@@ -197,7 +154,7 @@ TEST_F(ProducerTest, ReportsForeignEntriesInItsDirectory)
         {"own socket", bindSocket, true, SocketMode::Owner, true}};
     if (::geteuid() != 0)
         GTEST_SKIP() << "needs a second user";
-    for (const Row& row : rows)
+    for (const auto& row : rows)
     {
         for (const auto protocol : {NanomsgProtocol::PubSub, NanomsgProtocol::Pipeline})
         {
@@ -214,7 +171,7 @@ TEST_F(ProducerTest, ReportsForeignEntriesInItsDirectory)
             EXPECT_EQ(static_cast<bool>(status), isFine) << row.name << ": " << status.getText();
             EXPECT_EQ(getMode(victim), 0600U) << row.name;
             sender.shutdownSender(); // would abort with a directory in the socket file's place
-            fs::remove_all(getParent(file));
+            fs::remove_all(fs::path(file).parent_path());
         }
     }
 
@@ -250,8 +207,7 @@ TEST_F(ProducerTest, ReportsForeignEntriesInItsDirectory)
 
 TEST_F(ProducerTest, SaysWhatItCannotOpen)
 {
-    Producer first(makeOptions());
-    ASSERT_TRUE(first.open(Format));
+    OpenProducer first(makeOptions());
     const std::string other = getSocketName() + "-b";
     const std::string longest = other + std::string(107 - other.size(), 'x');
     const auto pad = [](std::string path, std::size_t size)
@@ -262,7 +218,8 @@ TEST_F(ProducerTest, SaysWhatItCannotOpen)
     const auto format = [](std::uint32_t rate, std::uint32_t channels) {
         return StreamFormat{audioUtils::PcmFormat::S16LE, rate, channels};
     };
-    struct Row
+    using enum ErrorCode;
+    const struct
     {
         std::string name;
         std::string alternativeName;
@@ -270,9 +227,7 @@ TEST_F(ProducerTest, SaysWhatItCannotOpen)
         StreamFormat format;
         ErrorCode code;
         const char* text = ""; // part of it
-    };
-    using enum ErrorCode;
-    const Row rows[] = {
+    } rows[] = {
         {"", "", "", Format, NameInvalid, "1 to 107 bytes"},
         {longest, "", "", Format, Ok},
         {longest + "x", "", "", Format, NameInvalid, "1 to 107 bytes"},
@@ -289,7 +244,7 @@ TEST_F(ProducerTest, SaysWhatItCannotOpen)
         {other, "", "", format(768'001, 2), InvalidArgument, "at most 768000 Hz"},
         {other, "", "", format(48000, 0), InvalidArgument, "1 to 255 channels"},
         {other, "", "", format(48000, 256), InvalidArgument, "1 to 255 channels"}};
-    for (const Row& row : rows)
+    for (const auto& row : rows)
     {
         ProducerOptions options = makeOptions();
         options.name = row.name;
@@ -315,8 +270,7 @@ TEST_F(ProducerTest, SaysWhatItCannotOpen)
 
     // An open stream keeps its format, also in what receivers that join are told.
     EXPECT_EQ(first.open({audioUtils::PcmFormat::U8, 8000, 1}).getCode(), AlreadyOpen);
-    RecordedReceiver receiver;
-    ASSERT_TRUE(receiver.start(getSocketName()));
+    RecordedReceiver receiver(getSocketName());
     EXPECT_TRUE(first.waitForReceivers(1));
     EXPECT_EQ(probeSender(getSocketName(), std::chrono::seconds(5)).format, Format);
 }
@@ -326,15 +280,8 @@ TEST_F(ProducerTest, RefusesBaseDirectoryThatAnotherUserControls)
     if (::geteuid() != 0)
         GTEST_SKIP() << "needs a second user";
     constexpr uid_t Other = 65534;
-    struct Row
-    {
-        uid_t owner;
-        mode_t mode;
-        uid_t linkOwner;     // of a link to it, which is used then
-        const char* problem; // null: none
-    };
     constexpr uid_t NoLink = ~uid_t{0};
-    const Row rows[] = {
+    const std::tuple<uid_t, mode_t, uid_t, const char*> rows[] = {
         {0, 0700, NoLink, nullptr},
         {0, 0755, NoLink, nullptr},
         {0, 01777, NoLink, nullptr},
@@ -349,29 +296,29 @@ TEST_F(ProducerTest, RefusesBaseDirectoryThatAnotherUserControls)
         {0, 0777, 0, "has no sticky bit"}};
     const std::string directory = getTempDirectory() + "/base";
     const std::string link = getTempDirectory() + "/link";
-    for (const Row& row : rows)
+    for (const auto& [owner, mode, linkOwner, expected] : rows)
     {
         fs::create_directory(directory);
-        ASSERT_EQ(::chown(directory.c_str(), row.owner, 0), 0);
-        ASSERT_EQ(::chmod(directory.c_str(), row.mode), 0);
+        ASSERT_EQ(::chown(directory.c_str(), owner, 0), 0);
+        ASSERT_EQ(::chmod(directory.c_str(), mode), 0);
         fs::create_directory_symlink(directory, link);
-        ASSERT_EQ(::lchown(link.c_str(), row.linkOwner == NoLink ? 0 : row.linkOwner, 0), 0);
+        ASSERT_EQ(::lchown(link.c_str(), linkOwner == NoLink ? 0 : linkOwner, 0), 0);
         ProducerOptions options = makeOptions();
-        options.baseDirectory = row.linkOwner == NoLink ? directory : link;
+        options.baseDirectory = linkOwner == NoLink ? directory : link;
         for (const auto use : {BaseDirectoryUse::Send, BaseDirectoryUse::Receive})
         {
             const Status status = prepareBaseDirectory(use, options.baseDirectory).status;
             const std::string& problem = status.getText();
             EXPECT_EQ(
                 status.getCode(),
-                row.problem == nullptr ? ErrorCode::Ok : ErrorCode::DirectoryNotTrusted)
-                << problem << std::oct << row.mode;
-            EXPECT_THAT(problem, HasSubstr(row.problem == nullptr ? "" : row.problem));
+                expected == nullptr ? ErrorCode::Ok : ErrorCode::DirectoryNotTrusted)
+                << problem << std::oct << mode;
+            EXPECT_THAT(problem, HasSubstr(expected == nullptr ? "" : expected));
             EXPECT_THAT(
-                problem, HasSubstr(row.problem == nullptr ? "" : "install -d -m 1777 -o root"));
+                problem, HasSubstr(expected == nullptr ? "" : "install -d -m 1777 -o root"));
         }
         Producer producer(options);
-        EXPECT_EQ(producer.open(Format).getText().empty(), row.problem == nullptr);
+        EXPECT_EQ(producer.open(Format).getText().empty(), expected == nullptr);
         producer.close();
         fs::remove(link);
         fs::remove(directory);
@@ -404,8 +351,7 @@ TEST_F(ProducerTest, ReceiversHaveBothConnectionsAndAreStillThere)
 {
     for (const auto protocol : {NanomsgProtocol::PubSub, NanomsgProtocol::Pipeline})
     {
-        Producer producer(makeOptions(protocol));
-        ASSERT_EQ(producer.open(Format).getText(), "");
+        OpenProducer producer(makeOptions(protocol));
         const bool isPipeline = protocol == NanomsgProtocol::Pipeline;
         // nanomsg counts such for ever if they leave while it takes them in.
         for (int i = 0; i < (isPipeline ? 1 : 200); ++i)
@@ -442,8 +388,7 @@ TEST_F(ProducerTest, ReceiversHaveBothConnectionsAndAreStillThere)
         fs::rename(file + "-aside", file);
         channel.close();
 
-        RecordedReceiver receiver;
-        ASSERT_TRUE(receiver.start(getSocketName()));
+        RecordedReceiver receiver(getSocketName());
         ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
         // Until the receiver has read the announcement it refuses frames.
         const auto sendFrame = [&]
@@ -464,8 +409,7 @@ TEST_F(ProducerTest, ReceiversHaveBothConnectionsAndAreStillThere)
 
 TEST_F(ProducerTest, ACountOfReceiversIsOfOneOpeningOnly)
 {
-    Producer producer(makeOptions());
-    ASSERT_TRUE(producer.open(Format));
+    OpenProducer producer(makeOptions());
     RawConnection sidechannel(getSocketName());
     RawNanomsg channel(NN_SUB);
     ASSERT_TRUE(channel.connect("ipc://" + producer.getSocketFile()));
@@ -482,17 +426,12 @@ TEST_F(ProducerTest, ACountOfReceiversIsOfOneOpeningOnly)
 TEST_F(ProducerTest, SocketFileIsNeverWiderThanItsMode)
 {
     const mode_t umaskBefore = ::umask(0);
-    struct Row
-    {
-        SocketMode mode;
-        mode_t birth;
-    };
-    const Row rows[] = {
+    const std::pair<SocketMode, mode_t> rows[] = {
         {SocketMode::Owner, 0700}, {SocketMode::Group, 0770}, {SocketMode::All, 0777}};
-    for (const Row& row : rows)
+    for (const auto& [mode, birth] : rows)
     {
         ProducerOptions options = makeOptions();
-        options.socketMode = row.mode;
+        options.socketMode = mode;
         Producer producer(options);
         std::vector<mode_t> modes;
         mode_t umaskOfProcess = ~mode_t{0};
@@ -511,7 +450,7 @@ TEST_F(ProducerTest, SocketFileIsNeverWiderThanItsMode)
                 status >> std::oct >> umaskOfProcess;
             });
         ASSERT_EQ(producer.open(Format).getText(), "");
-        EXPECT_THAT(modes, ::testing::ElementsAre(row.birth));
+        EXPECT_THAT(modes, ::testing::ElementsAre(birth));
         EXPECT_EQ(umaskOfProcess, 0U);
         EXPECT_EQ(::umask(0), 0U);
     }
@@ -520,13 +459,7 @@ TEST_F(ProducerTest, SocketFileIsNeverWiderThanItsMode)
 
 TEST_F(ProducerTest, TakesWholeSamplesOnly)
 {
-    struct Row
-    {
-        StreamFormat format;
-        std::size_t bytes;
-        bool isSent;
-    };
-    const Row rows[] = {
+    const std::tuple<StreamFormat, std::size_t, bool> rows[] = {
         {Format, 0, true},
         {Format, 4, true},
         {Format, 2, false}, // one channel
@@ -535,17 +468,16 @@ TEST_F(ProducerTest, TakesWholeSamplesOnly)
         {{audioUtils::PcmFormat::S24LE, 48000, 2}, 6, true},
         {{audioUtils::PcmFormat::S24LE, 48000, 2}, 8, false},
         {{audioUtils::PcmFormat::U8, 8000, 1}, 5, true}};
-    Producer producer(makeOptions());
-    ASSERT_TRUE(producer.open(Format));
+    OpenProducer producer(makeOptions());
     std::uint64_t numSent = 0;
-    for (const Row& row : rows)
+    for (const auto& [format, bytes, isSent] : rows)
     {
-        ASSERT_TRUE(producer.setFormat(row.format));
+        ASSERT_TRUE(producer.setFormat(format));
         EXPECT_EQ(
-            producer.send(0, FrameNs, Buffer(row.bytes)).getCode(),
-            row.isSent ? ErrorCode::Ok : ErrorCode::InvalidArgument)
-            << row.bytes;
-        numSent += row.isSent ? 1 : 0;
+            producer.send(0, FrameNs, Buffer(bytes)).getCode(),
+            isSent ? ErrorCode::Ok : ErrorCode::InvalidArgument)
+            << bytes;
+        numSent += isSent ? 1 : 0;
         EXPECT_EQ(producer.getStatistics().frames, numSent);
     }
     EXPECT_FALSE(producer.setFormat({audioUtils::PcmFormat::U8, 0, 1}));
@@ -584,20 +516,19 @@ TEST_F(ProducerTest, TwoThreadsAtOnceAreAMistakeThatIsTold)
 #ifndef __SANITIZE_THREAD__
 TEST_F(ProducerTest, TextIsCompleteWithoutTheLog)
 {
-    struct Row
+    const std::string base = getTempDirectory() + "/base";
+    const std::string name = getSocketName();
+    std::optional<Sender> rival;
+    const int next = ::dup(0);
+    ::close(next);
+    const struct
     {
         const char* name;
         const char* takes; // the last log line before the step that fails
         std::function<void()> sabotage;
         ErrorCode code;
         const char* text;
-    };
-    const std::string base = getTempDirectory() + "/base";
-    const std::string name = getSocketName();
-    std::optional<Sender> rival;
-    const int next = ::dup(0);
-    ::close(next);
-    const Row rows[] = {
+    } rows[] = {
         {"directory", "Setting up sender", [&] { fs::remove_all(base); }, ErrorCode::Failed,
          "Could not create temporary directory for nanomsg SP socket: No such file or directory"},
         {"name", "Setting up sender",
@@ -608,7 +539,7 @@ TEST_F(ProducerTest, TextIsCompleteWithoutTheLog)
                  name, {}, {}, 0, TimeSyncProtocol::MonotonicSystemClock, NanomsgProtocol::PubSub));
          },
          ErrorCode::NameTaken, "is taken by another sender"}};
-    for (const Row& row : rows)
+    for (const auto& row : rows)
     {
         fs::create_directory(base);
         ProducerOptions options = makeOptions();
@@ -638,8 +569,7 @@ TEST_F(ProducerTest, TextIsCompleteWithoutTheLog)
 
 TEST_F(ProducerTest, MovesWhileItIsOpen)
 {
-    Producer first(makeOptions());
-    ASSERT_EQ(first.open(Format).getText(), "");
+    OpenProducer first(makeOptions());
     Producer second(std::move(first));
     EXPECT_TRUE(second.send(0, FrameNs, {}));
     ProducerOptions options = makeOptions();
@@ -685,8 +615,7 @@ TEST_F(ProducerTest, CrashLoopLeavesOneDirectoryAtMost)
         }
         EXPECT_TRUE(fs::exists(living.getDirectory()));
     }
-    Producer last(makeOptions());
-    ASSERT_EQ(last.open(Format).getText(), "");
+    OpenProducer last(makeOptions());
     EXPECT_FALSE(fs::exists(locked));
     const std::size_t numKept = isForeign ? 3 : 2; // that cannot be judged
     EXPECT_EQ(countDirectories(), numKept + 1);    // and its own
@@ -720,13 +649,12 @@ TEST_F(ProducerTest, MeetsItsReceiversInAnotherDirectory)
 
 TEST_F(ProducerTest, StopAndInterruptionEndWhateverWaits)
 {
-    struct Row
+    const struct
     {
         const char* name;
         bool hasClient; // so that a new sequence is sent, and waits
         std::function<Status(Producer&)> wait;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"send", false, [](Producer& producer) { return producer.send(0, FrameNs, {}); }},
         {"sequence", true,
          [](Producer& producer) {
@@ -734,19 +662,17 @@ TEST_F(ProducerTest, StopAndInterruptionEndWhateverWaits)
          }},
         {"receivers", false, [](Producer& producer) { return producer.waitForReceivers(1); }}};
     using enum ErrorCode;
-    for (const auto& [row, ending] :
-         {std::pair(rows[0], Stopped), std::pair(rows[0], Interrupted), std::pair(rows[1], Stopped),
-          std::pair(rows[1], Interrupted), std::pair(rows[2], Stopped),
-          std::pair(rows[2], Interrupted)})
+    for (std::size_t i = 0; i < 2 * std::size(rows); ++i)
     {
-        Producer producer(makeOptions(NanomsgProtocol::Pipeline));
-        ASSERT_EQ(producer.open(Format).getText(), "");
+        const auto& row = rows[i / 2];
+        const ErrorCode ending = i % 2 == 0 ? Stopped : Interrupted;
+        OpenProducer producer(makeOptions(NanomsgProtocol::Pipeline));
         RawConnection client(row.hasClient ? getSocketName() : "vlx-nobody", {});
         ASSERT_TRUE(!row.hasClient || client.readMessage());
         log().clear();
         std::atomic<bool> hasReturned = false;
         std::thread waiting(
-            [&, &row = row, ending = ending]
+            [&]
             {
                 EXPECT_EQ(row.wait(producer).getCode(), ending) << row.name;
                 hasReturned = true;
@@ -764,8 +690,7 @@ TEST_F(ProducerTest, StopAndInterruptionEndWhateverWaits)
         EXPECT_EQ(producer.getStatistics().frames, 0U) << row.name;
         producer.interrupt(false);
         client.close();
-        RecordedReceiver receiver;
-        ASSERT_TRUE(receiver.start(getSocketName()));
+        RecordedReceiver receiver(getSocketName());
         EXPECT_EQ(producer.send(5, FrameNs, {}).getCode(), ending == Stopped ? Stopped : Ok);
         EXPECT_TRUE(ending == Stopped || receiver.waitForEvent("frame 5")) << row.name;
     }
@@ -796,8 +721,7 @@ TEST_F(ProducerTest, InterruptionLosesNoFrameUntold)
     {
         for (const bool isTakenBackAtOnce : {true, false})
         {
-            Producer producer(makeOptions(NanomsgProtocol::Pipeline));
-            ASSERT_EQ(producer.open(Format).getText(), "");
+            OpenProducer producer(makeOptions(NanomsgProtocol::Pipeline));
             log().onNext(
                 TraceLog(StartsWith(step)),
                 [&]
@@ -811,8 +735,7 @@ TEST_F(ProducerTest, InterruptionLosesNoFrameUntold)
             auto sending = std::async(
                 std::launch::async, [&] { return producer.send(2, FrameNs, {}).getCode(); });
             EXPECT_EQ(sending.wait_for(50ms), std::future_status::timeout) << step;
-            RecordedReceiver receiver;
-            ASSERT_TRUE(receiver.start(getSocketName()));
+            RecordedReceiver receiver(getSocketName());
             EXPECT_TRUE(receiver.waitForEvent("frame 2")) << step << isTakenBackAtOnce;
             EXPECT_EQ(sending.get(), ErrorCode::Ok);
             EXPECT_EQ(producer.getStatistics().frames, 1U);
@@ -820,10 +743,8 @@ TEST_F(ProducerTest, InterruptionLosesNoFrameUntold)
     }
 
     // What does not block sends what it has begun.
-    Producer producer(makeOptions());
-    ASSERT_EQ(producer.open(Format).getText(), "");
-    RecordedReceiver receiver;
-    ASSERT_TRUE(receiver.start(getSocketName()));
+    OpenProducer producer(makeOptions());
+    RecordedReceiver receiver(getSocketName());
     ASSERT_TRUE(producer.waitForReceivers(1));
     ASSERT_TRUE(producer.send(0, FrameNs, {}));
     log().onNext(TraceLog(StartsWith("Payloader wrapped")), [&] { producer.interrupt(true); });
@@ -841,20 +762,17 @@ TEST_F(ProducerTest, TellsWhenReceiversComeAndGo)
     std::vector<std::size_t> counts;
     ProducerOptions options = makeOptions();
     options.onReceivers = [&counts](std::size_t count) { counts.push_back(count); };
-    Producer producer(options);
-    ASSERT_EQ(producer.open(Format).getText(), "");
+    OpenProducer producer(options);
     const auto waitForCount = [&](std::size_t count)
     {
         return waitFor(
             [&]
             { return producer.send(0, FrameNs, {}) && !counts.empty() && counts.back() == count; });
     };
-    RecordedReceiver first;
-    ASSERT_TRUE(first.start(getSocketName()));
+    RecordedReceiver first(getSocketName());
     ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
     EXPECT_THAT(counts, ::testing::ElementsAre(1));
-    RecordedReceiver second;
-    ASSERT_TRUE(second.start(getSocketName()));
+    RecordedReceiver second(getSocketName());
     EXPECT_TRUE(waitForCount(2));
     first.stop();
     EXPECT_TRUE(waitForCount(1));
@@ -874,12 +792,10 @@ TEST_F(ProducerTest, TellsWhenReceiversComeAndGo)
 
 TEST_F(ProducerTest, LastFrameArrivesHoweverLarge)
 {
-    RecordedReceiver receiver;
-    ASSERT_TRUE(receiver.start(getSocketName()));
+    RecordedReceiver receiver(getSocketName());
     // A busy machine may need long for so large a frame; so long the producer waits for it.
     constexpr TimeValue LongFrameNs = 200 * FrameNs;
-    Producer producer(makeOptions(NanomsgProtocol::Pipeline));
-    ASSERT_EQ(producer.open(Format).getText(), "");
+    OpenProducer producer(makeOptions(NanomsgProtocol::Pipeline));
     ASSERT_TRUE(producer.waitForReceivers(1));
     const Buffer large(1 << 20, 0x31);
     EXPECT_TRUE(producer.send(1, LongFrameNs, large));
@@ -896,8 +812,7 @@ TEST_F(ProducerTest, StopCutsTheTailOfALongFrame)
     constexpr TimeValue HourNs = 3600 * TimeValue{1'000'000'000};
     for (const TimeValue duration : {HourNs, std::numeric_limits<TimeValue>::max()})
     {
-        Producer producer(makeOptions());
-        ASSERT_TRUE(producer.open(Format));
+        OpenProducer producer(makeOptions());
         const auto sent = std::chrono::steady_clock::now();
         ASSERT_TRUE(producer.send(0, duration, toBytes("DATA")));
         std::atomic<bool> isClosed = false;
@@ -914,8 +829,7 @@ TEST_F(ProducerTest, StopCutsTheTailOfALongFrame)
     }
 
     // What the transport needs, it gets.
-    Producer producer(makeOptions());
-    ASSERT_TRUE(producer.open(Format));
+    OpenProducer producer(makeOptions());
     const auto sent = std::chrono::steady_clock::now();
     ASSERT_TRUE(producer.send(0, HourNs, toBytes("DATA")));
     producer.stop();
@@ -925,8 +839,7 @@ TEST_F(ProducerTest, StopCutsTheTailOfALongFrame)
 
 TEST_F(ProducerTest, AnnouncesAgainWhenItMayHaveBeenMissed)
 {
-    Producer producer(makeOptions());
-    ASSERT_EQ(producer.open(Format).getText(), "");
+    OpenProducer producer(makeOptions());
     RawConnection client(getSocketName());
     ASSERT_TRUE(client.readMessage());
     EXPECT_EQ(client.readMessage(), fromHex("01 00 0100 50434D41 80BB0000 02 02"));
@@ -979,27 +892,24 @@ TEST_F(ProducerTest, AnnouncesAgainWhenItMayHaveBeenMissed)
 
 TEST_F(ProducerTest, TwoStreamsOfOneProcessSurviveAForkAndTheirWatchers)
 {
-    Producer first(makeOptions());
+    OpenProducer first(makeOptions());
     ProducerOptions options = makeOptions();
     options.name += "-b";
-    Producer second(options);
-    ASSERT_EQ(first.open(Format).getText(), "");
-    ASSERT_EQ(second.open(Format).getText(), "");
+    OpenProducer second(options);
     EXPECT_NE(first.getSocketFile(), second.getSocketFile());
 
     // Copies without their threads: only what belongs to the transport stays open.
     EXPECT_TRUE(runInFork(
         [&]
         {
-            const std::size_t before = countDescriptors();
+            const std::size_t before = listDescriptors().size();
             first.stop();
             first.close();
             second.close();
-            return countDescriptors() + 10 <= before && second.getStatistics().receivers == 0;
+            return listDescriptors().size() + 10 <= before && second.getStatistics().receivers == 0;
         }));
 
-    RecordedReceiver receiver;
-    ASSERT_TRUE(receiver.start(options.name));
+    RecordedReceiver receiver(options.name);
     ASSERT_TRUE(second.waitForReceivers(1));
     auto watching = std::async(
         std::launch::async,
@@ -1023,44 +933,36 @@ TEST_F(ProducerTest, ThreadsRunInRealTimeWhereTheUserMay)
     const rlimit none{0, 0};
     ASSERT_EQ(::setrlimit(RLIMIT_RTPRIO, &none), 0);
     ASSERT_EQ(::chmod(getTempDirectory().c_str(), 01777), 0);
-    struct Row
-    {
-        uid_t user;
-        RealTimeUse use;
-        bool opens;
-        std::size_t notices;
-        int policy;
-    };
-    const Row rows[] = {
+    const std::tuple<uid_t, RealTimeUse, bool, std::size_t, int> rows[] = {
         {0, RealTimeUse::Off, true, 0, SCHED_OTHER},
         {0, RealTimeUse::Try, true, 0, SCHED_RR},
         {0, RealTimeUse::Require, true, 0, SCHED_RR},
         {65534, RealTimeUse::Try, true, 1, SCHED_OTHER},
         {65534, RealTimeUse::Require, false, 0, SCHED_OTHER}};
-    for (const Row& row : rows)
+    for (const auto& [user, use, opens, numNotices, policy] : rows)
     {
         std::vector<std::string> notices;
         ProducerOptions options = makeOptions();
-        options.realTime = {row.use, 7};
+        options.realTime = {use, 7};
         options.onNotice = [&](const std::string& notice) { notices.push_back(notice); };
-        const std::set<pid_t> before = listThreads();
-        ASSERT_EQ(::seteuid(row.user), 0);
+        const auto before = listThreads();
+        ASSERT_EQ(::seteuid(user), 0);
         Producer producer(options);
         const Status status = producer.open(Format);
-        EXPECT_EQ(status.getCode(), row.opens ? ErrorCode::Ok : ErrorCode::NotPermitted);
+        EXPECT_EQ(status.getCode(), opens ? ErrorCode::Ok : ErrorCode::NotPermitted);
         EXPECT_EQ(::sched_getscheduler(0), SCHED_OTHER);
         std::size_t numNew = 0;
-        for (const pid_t thread : listThreads())
+        for (const auto& [thread, name] : listThreads())
         {
             if (before.contains(thread))
                 continue;
             ++numNew;
-            EXPECT_EQ(::sched_getscheduler(thread), row.policy);
+            EXPECT_EQ(::sched_getscheduler(thread), policy);
         }
-        EXPECT_EQ(numNew, row.opens ? 2U : 0U); // the library's and nanomsg's
-        EXPECT_EQ(notices.size(), row.notices);
+        EXPECT_EQ(numNew, opens ? 2U : 0U); // the library's and nanomsg's
+        EXPECT_EQ(notices.size(), numNotices);
         notices.push_back(status.getText());
-        EXPECT_THAT(notices[0], HasSubstr(row.user == 0 ? "" : "RLIMIT_RTPRIO is 0"));
+        EXPECT_THAT(notices[0], HasSubstr(user == 0 ? "" : "RLIMIT_RTPRIO is 0"));
         producer.close();
         ASSERT_EQ(::seteuid(0), 0);
         EXPECT_TRUE(waitFor([&before] { return listThreads() == before; }));

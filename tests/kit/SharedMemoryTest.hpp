@@ -1,10 +1,5 @@
 #pragma once
 
-#include <algorithm>
-#include <filesystem>
-#include <string>
-#include <vector>
-
 #include <sched.h>
 #include <sys/mount.h>
 

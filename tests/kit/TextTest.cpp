@@ -12,13 +12,8 @@ namespace
 
 TEST(TextTest, NothingReachesATerminalButVisibleCharacters)
 {
-    struct Row
-    {
-        std::string_view text;
-        std::string_view shown;
-    };
     using namespace std::string_view_literals;
-    const Row rows[] = {
+    const std::pair<std::string_view, std::string_view> rows[] = {
         {"", ""},
         {"plain ~!\"\\", "plain ~!\"\\"},
         {"Grüße, 音声, 🎵, e\u0301", "Grüße, 音声, 🎵, e\u0301"},
@@ -38,11 +33,11 @@ TEST(TextTest, NothingReachesATerminalButVisibleCharacters)
         {"\xe0\x9f\xbf\xf0\x8f\xbf\xbf", "\\xe0\\x9f\\xbf\\xf0\\x8f\\xbf\\xbf"},
         {"\xed\xa0\x80", "\\xed\\xa0\\x80"},
         {"\xf4\x90\x80\x80\xf5\x80\x80\x80", "\\xf4\\x90\\x80\\x80\\xf5\\x80\\x80\\x80"}};
-    for (const Row& row : rows)
+    for (const auto& [text, shown] : rows)
     {
-        EXPECT_EQ(kit::toPrintable(row.text), row.shown);
-        EXPECT_EQ(kit::toPrintable(row.shown), row.shown) << "shown twice";
-        EXPECT_EQ(kit::quote(row.text), "\"" + std::string(row.shown) + "\"");
+        EXPECT_EQ(kit::toPrintable(text), shown);
+        EXPECT_EQ(kit::toPrintable(shown), shown) << "shown twice";
+        EXPECT_EQ(kit::quote(text), "\"" + std::string(shown) + "\"");
     }
 }
 

@@ -1,12 +1,5 @@
 // Senders and receivers together.
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <memory>
-#include <thread>
-#include <vector>
-
 #include <fcntl.h>
 
 #include <vlx/VlxPayload.hpp>

@@ -1,6 +1,3 @@
-#include <string>
-#include <vector>
-
 #include <vlx/SideChannel.hpp>
 
 #include "base/SenderDirectory.hpp"

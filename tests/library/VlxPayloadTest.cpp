@@ -1,9 +1,5 @@
-#include <string>
-#include <vector>
-
 #include <vlx/VlxPayload.hpp>
 
-#include "support/LogCapture.hpp"
 #include "support/VlxTest.hpp"
 
 namespace vlx
@@ -66,8 +62,6 @@ Buffer makePrefix(const Buffer& bytes, std::size_t size)
 {
     return Buffer(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
 }
-
-} // namespace
 
 TEST(VlxPayloadTest, HeaderIsReadWhateverFollows)
 {
@@ -132,9 +126,6 @@ TEST(VlxPayloadTest, PacketsAreLaidOutByteForByte)
     EXPECT_EQ(packet.data(), storage);
 }
 
-namespace
-{
-
 /// A list with one depayloader that accepts, and a frame that it has consumed.
 class DepayloaderListTest : public ::testing::Test
 {
@@ -166,8 +157,6 @@ protected:
     RecordingDepayloader m_depayloader{CodecA};
     DepayloaderList m_list;
 };
-
-} // namespace
 
 TEST_F(DepayloaderListTest, ConsumesASequence)
 {
@@ -284,15 +273,7 @@ TEST_F(DepayloaderListTest, RejectedHeaderKeepsTheSelection)
 
 TEST(VlxPayloadTest, PcmHeaderIsWrittenAndRead)
 {
-    const struct
-    {
-        const char* name;
-        std::uint32_t sampleRate;
-        std::uint32_t numChannels;
-        int sampleFormat;
-        const char* header;
-        bool accepted;
-    } rows[] = {
+    const std::tuple<const char*, std::uint32_t, std::uint32_t, int, const char*, bool> rows[] = {
         {"stereo", 48000, 2, 3, "80BB0000 02 03", true},
         {"low bytes first", 0x04030201, 255, 11, "01020304 FF 0B", true},
         {"channels cut to a byte", 48000, 258, 0, "80BB0000 02 00", true},
@@ -305,17 +286,16 @@ TEST(VlxPayloadTest, PcmHeaderIsWrittenAndRead)
     PcmDepayloader depayloader; // one for all, so that nothing is left of the row before
     EXPECT_EQ(payloader.getFourcc(), PcmFourcc);
     EXPECT_TRUE(payloader.getCodecHeader().empty());
-    for (const auto& row : rows)
+    for (const auto& [name, sampleRate, numChannels, sampleFormat, header, accepted] : rows)
     {
-        SCOPED_TRACE(row.name);
-        payloader.setNewFormat(
-            row.sampleRate, row.numChannels, audioUtils::PcmFormat{row.sampleFormat});
-        EXPECT_EQ(payloader.getCodecHeader(), fromHex(row.header));
+        SCOPED_TRACE(name);
+        payloader.setNewFormat(sampleRate, numChannels, audioUtils::PcmFormat{sampleFormat});
+        EXPECT_EQ(payloader.getCodecHeader(), fromHex(header));
 
-        EXPECT_EQ(depayloader.processCodecHeader(payloader.getCodecHeader()), row.accepted);
-        EXPECT_EQ(depayloader.getSampleRate(), row.sampleRate);
-        EXPECT_EQ(depayloader.getNumChannels(), row.numChannels & 0xFF);
-        EXPECT_EQ(depayloader.getSampleFormat(), audioUtils::PcmFormat{row.sampleFormat & 0xFF});
+        EXPECT_EQ(depayloader.processCodecHeader(payloader.getCodecHeader()), accepted);
+        EXPECT_EQ(depayloader.getSampleRate(), sampleRate);
+        EXPECT_EQ(depayloader.getNumChannels(), numChannels & 0xFF);
+        EXPECT_EQ(depayloader.getSampleFormat(), audioUtils::PcmFormat{sampleFormat & 0xFF});
     }
 }
 
@@ -335,5 +315,7 @@ TEST(VlxPayloadTest, TruncatedPcmHeaderChangesOnlyWhatItHolds)
 
     EXPECT_EQ(PcmDepayloader().getFourcc(), PcmFourcc);
 }
+
+} // namespace
 
 } // namespace vlx

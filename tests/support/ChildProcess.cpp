@@ -1,8 +1,5 @@
 #include "support/ChildProcess.hpp"
 
-#include <csignal>
-#include <filesystem>
-
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>

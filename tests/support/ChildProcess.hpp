@@ -1,8 +1,5 @@
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include <sys/types.h>
 
 #include "support/RawPeers.hpp"

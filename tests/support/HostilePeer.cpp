@@ -1,10 +1,6 @@
 #include "support/HostilePeer.hpp"
 
-#include <algorithm>
 #include <array>
-#include <chrono>
-#include <filesystem>
-#include <future>
 
 #include <fcntl.h>
 #include <sys/prctl.h>

@@ -1,13 +1,5 @@
 #pragma once
 
-#include <chrono>
-#include <functional>
-#include <ostream>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "support/RawPeers.hpp"
 
 namespace vlx::testing

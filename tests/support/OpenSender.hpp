@@ -1,8 +1,5 @@
 #pragma once
 
-#include <cstdint>
-#include <string>
-
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxSender.hpp>
 

@@ -1,10 +1,7 @@
 #include "support/RawPeers.hpp"
 
-#include <algorithm>
 #include <array>
-#include <cstdint>
 #include <cstring>
-#include <utility>
 
 #include <fcntl.h>
 #include <nanomsg/nn.h>
@@ -121,9 +118,9 @@ std::optional<Buffer> RawConnection::readMessage(std::chrono::milliseconds deadl
     return size && payload.size() == *size ? std::optional(payload) : std::nullopt;
 }
 
-bool RawConnection::hasInput() const
+bool isReadable(int fd)
 {
-    return isReadableBefore(getFD(), Clock::now());
+    return isReadableBefore(fd, Clock::now());
 }
 
 bool RawConnection::waitForClose(std::chrono::milliseconds deadline)

@@ -1,11 +1,5 @@
 #pragma once
 
-#include <chrono>
-#include <cstddef>
-#include <optional>
-#include <string>
-#include <utility>
-
 #include <nanomsg/pipeline.h>
 #include <nanomsg/pubsub.h>
 
@@ -27,6 +21,9 @@ std::pair<Descriptor, Descriptor> makeSocketPair();
 
 /// @return the 4-byte length prefix of a sidechannel message, and the payload
 Buffer makeSidechannelMessage(const Buffer& payload);
+
+/// @return whether something can be read without waiting
+bool isReadable(int fd);
 
 /// One end of a sidechannel connection.
 class RawConnection
@@ -64,9 +61,6 @@ public:
 
     /// @return the payload of the next length-prefixed message; nothing if it did not come whole
     std::optional<Buffer> readMessage(std::chrono::milliseconds deadline = DefaultDeadline);
-
-    /// @return whether bytes, or the end of the stream, can be read without waiting
-    bool hasInput() const;
 
     /// @return whether the peer closed before the deadline, with no byte left to read
     bool waitForClose(std::chrono::milliseconds deadline = DefaultDeadline);

@@ -1,10 +1,6 @@
 #pragma once
 
-#include <cstdint>
 #include <cstdlib>
-#include <filesystem>
-#include <string>
-#include <utility>
 
 #include <vlx/SideChannel.hpp>
 #include <vlx/VlxPayload.hpp>

@@ -1,11 +1,5 @@
 #pragma once
 
-#include <functional>
-#include <mutex>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include <audioUtils/PcmFormat.hpp>
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxReceiver.hpp>
@@ -52,6 +46,12 @@ public:
                 }
                 onCallback("frame " + std::to_string(timestamp));
             });
+    }
+
+    /// Starts at once.
+    explicit RecordedReceiver(const std::string& socketName) : RecordedReceiver()
+    {
+        EXPECT_TRUE(start(socketName));
     }
 
     ~RecordedReceiver()

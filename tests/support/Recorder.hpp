@@ -1,10 +1,5 @@
 #pragma once
 
-#include <algorithm>
-#include <mutex>
-#include <string>
-#include <vector>
-
 #include "support/VlxTest.hpp"
 
 namespace vlx::testing

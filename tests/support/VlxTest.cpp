@@ -1,12 +1,8 @@
 #include "support/VlxTest.hpp"
 
-#include <algorithm>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <sstream>
-#include <thread>
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -47,34 +43,52 @@ std::string makeTempDirectory(std::string pattern)
 std::multiset<std::string> listDescriptorsWithout(int flags)
 {
     std::multiset<std::string> targets;
-    const fs::path directory = "/proc/self/fd";
-    for (const fs::directory_entry& entry : fs::directory_iterator(directory))
+    for (const auto& [fd, target] : listDescriptors())
     {
-        std::error_code error;
-        const std::string target = fs::read_symlink(entry.path(), error).string();
-        const bool isOfIterator = target.find("/proc/") == 0;
-        const int fd = std::stoi(entry.path().filename());
-        if (!error && !isOfIterator && (::fcntl(fd, F_GETFD) & flags) == 0)
+        if ((::fcntl(fd, F_GETFD) & flags) == 0)
             targets.insert(target);
     }
     return targets;
 }
 
-/// @return "tid name" of each thread of this process
-std::set<std::string> listThreads()
+/// @return what is in the second, and not in the first
+template <class Set>
+Set findNew(const Set& before, const Set& now)
 {
-    std::set<std::string> threads;
+    Set added;
+    std::set_difference(
+        now.begin(), now.end(), before.begin(), before.end(), std::inserter(added, added.end()));
+    return added;
+}
+
+} // namespace
+
+std::map<int, std::string> listDescriptors()
+{
+    std::map<int, std::string> targets;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd"))
+    {
+        std::error_code error;
+        const std::string target = fs::read_symlink(entry.path(), error).string();
+        const bool isOfIterator = target.starts_with("/proc/");
+        if (!error && !isOfIterator)
+            targets.emplace(std::stoi(entry.path().filename()), target);
+    }
+    return targets;
+}
+
+std::map<pid_t, std::string> listThreads()
+{
+    std::map<pid_t, std::string> threads;
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/task"))
     {
         std::string name;
         std::getline(std::ifstream(entry.path() / "comm"), name);
         if (!name.empty()) // otherwise it has just ended
-            threads.insert(entry.path().filename().string() + " " + name);
+            threads.emplace(std::stoi(entry.path().filename()), name);
     }
     return threads;
 }
-
-} // namespace
 
 bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds deadline)
 {
@@ -158,9 +172,12 @@ void VlxTest::TearDown()
         ::unsetenv("TMPDIR");
 
     // Threads end, and nanomsg lets go of its descriptors, a moment after the call that asks them.
-    waitFor([this] { return findLeftDescriptors().empty() && findLeftThreads().empty(); });
-    EXPECT_THAT(findLeftDescriptors(), ::testing::IsEmpty()) << "descriptors were left open";
-    EXPECT_THAT(findLeftThreads(), ::testing::IsEmpty()) << "threads were left running";
+    const auto findDescriptors = [this]
+    { return findNew(m_descriptorsBefore, listDescriptorsWithout(0)); };
+    const auto findThreads = [this] { return findNew(m_threadsBefore, listThreads()); };
+    waitFor([&] { return findDescriptors().empty() && findThreads().empty(); });
+    EXPECT_THAT(findDescriptors(), ::testing::IsEmpty()) << "descriptors were left open";
+    EXPECT_THAT(findThreads(), ::testing::IsEmpty()) << "threads were left running";
 
     std::error_code error;
     for (const std::string& name : listTempDirectory())
@@ -197,27 +214,6 @@ std::vector<std::string> VlxTest::listTempDirectory() const
     for (const fs::directory_entry& entry : fs::directory_iterator(m_tempDirectory))
         names.push_back(entry.path().filename().string());
     return names;
-}
-
-VlxTest::Descriptors VlxTest::findLeftDescriptors() const
-{
-    const Descriptors now = listDescriptorsWithout(0);
-    Descriptors left;
-    std::set_difference(
-        now.begin(), now.end(), m_descriptorsBefore.begin(), m_descriptorsBefore.end(),
-        std::inserter(left, left.end()));
-    return left;
-}
-
-std::set<std::string> VlxTest::findLeftThreads() const
-{
-    std::set<std::string> left;
-    for (const std::string& thread : listThreads())
-    {
-        if (!m_threadsBefore.contains(thread))
-            left.insert(thread);
-    }
-    return left;
 }
 
 } // namespace vlx::testing

@@ -1,12 +1,21 @@
 #pragma once
 
+// What nearly every test uses comes with the fixture.
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <future>
+#include <map>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -52,6 +61,12 @@ Buffer toBytes(const std::string& text);
 /// @param digits  two hexadecimal digits per byte; spaces are ignored
 Buffer fromHex(const std::string& digits);
 
+/// @return what each descriptor of this process points to
+std::map<int, std::string> listDescriptors();
+
+/// @return the names of the threads of this process
+std::map<pid_t, std::string> listThreads();
+
 /// @return what the descriptors point to that a program started now would get
 std::multiset<std::string> listInheritedDescriptors();
 
@@ -93,8 +108,7 @@ protected:
     /// every directory of its user in doubt.
     ///
     /// @return whether this is that run. Otherwise the test is over: its result has been taken
-    /// over,
-    ///         or it is skipped because this user can have no such namespace
+    ///         over, or it is skipped because this user can have no such namespace
     static bool runsAlone();
 
     static LogCapture& log()
@@ -103,16 +117,11 @@ protected:
     }
 
 private:
-    using Descriptors = std::multiset<std::string>; // what they point to
-
-    Descriptors findLeftDescriptors() const;
-    std::set<std::string> findLeftThreads() const;
-
     std::string m_tempDirectory;
     std::string m_socketName;
     std::optional<std::string> m_outerTempDirectory; // value of TMPDIR before
-    Descriptors m_descriptorsBefore;
-    std::set<std::string> m_threadsBefore;
+    std::multiset<std::string> m_descriptorsBefore;  // what they point to
+    std::map<pid_t, std::string> m_threadsBefore;
 };
 
 } // namespace vlx::testing
