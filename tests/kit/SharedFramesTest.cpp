@@ -1,12 +1,4 @@
-#include <algorithm>
-#include <atomic>
-#include <filesystem>
-#include <functional>
 #include <iostream>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include <CodecRelay.hpp>
 #include <RingCodec.hpp>
@@ -19,9 +11,9 @@
 #include <vlxkit/Consumer.hpp>
 #include <vlxkit/Discovery.hpp>
 #include <vlxkit/Media.hpp>
-#include <vlxkit/Producer.hpp>
 
 #include "SharedMemoryTest.hpp"
+#include "support/OpenProducer.hpp"
 #include "support/RawPeers.hpp"
 
 namespace vlx::kit
@@ -141,9 +133,7 @@ protected:
         {
             if (auto* const frame = std::get_if<ReceivedFrame>(&*item))
                 return std::move(*frame);
-            if (const auto* const event = std::get_if<ConsumerEvent>(&*item))
-                m_events.push_back(*event);
-            else
+            if (!std::holds_alternative<ConsumerEvent>(*item))
                 ++m_numFormats;
             if (const auto* const codec = std::get_if<CodecFormat>(&*item))
                 m_codec = *codec;
@@ -160,20 +150,7 @@ protected:
         return names;
     }
 
-    /// @return whether a descriptor of this process has this name
-    static bool isOpen(const std::string& path)
-    {
-        std::error_code error;
-        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        {
-            if (std::filesystem::read_symlink(entry.path(), error) == path)
-                return true;
-        }
-        return false;
-    }
-
     std::vector<std::string> m_notices;
-    std::vector<ConsumerEvent> m_events;
     CodecFormat m_codec; // the last one
     std::uint64_t m_number = 0;
     int m_numFormats = 0;
@@ -182,7 +159,14 @@ protected:
 
 TEST_F(SharedFramesTest, ConsumersReadBothCarriages)
 {
-    struct Row
+    PlainPayloader plain(PlainFourcc, Buffer{1, 2, 3});
+    FlipPayloader flipping[3];
+    const SharedMemory shared{.carriage = Carriage::Shared};
+    const SharedMemory automatic{.carriage = Carriage::Automatic};
+    const SharedMemory tooSmall{.carriage = Carriage::Shared, .maxBytes = 100'000};
+    const SharedMemory large{.carriage = Carriage::Automatic, .frameBytes = 8192};
+    const SharedMemory small{.carriage = Carriage::Automatic, .frameBytes = 8191};
+    const struct
     {
         SharedMemory memory;
         std::size_t size;
@@ -191,29 +175,22 @@ TEST_F(SharedFramesTest, ConsumersReadBothCarriages)
         bool inPlace = false;
         SocketMode mode = SocketMode::Owner;
         mode_t ringMode = 0600;
-    };
-    PlainPayloader plain(PlainFourcc, Buffer{1, 2, 3});
-    FlipPayloader flipping[3];
-    const SharedMemory shared{.carriage = Carriage::Shared};
-    const SharedMemory automatic{.carriage = Carriage::Automatic};
-    const SharedMemory tooSmall{.carriage = Carriage::Shared, .maxBytes = 100'000};
-    const SharedMemory large{.carriage = Carriage::Automatic, .frameBytes = 8192};
-    const SharedMemory small{.carriage = Carriage::Automatic, .frameBytes = 8191};
-    for (const Row& row : std::vector<Row>{
-             {{}, 1920, false},
-             {{}, 100'000, false, nullptr, true},
-             {shared, 1920, true},
-             {shared, 0, true},
-             {shared, 100'000, true, nullptr, true},
-             {shared, 100'000, true, &plain, true, SocketMode::Group, 0640},
-             {shared, 100'000, true, &plain, false, SocketMode::All, 0644},
-             {shared, 100'000, true, &flipping[0]},
-             {shared, 100'000, true, &flipping[1], true},
-             {tooSmall, 100'000, false, &flipping[2]},
-             {automatic, 1920, false}, // 10 ms of PCM
-             {automatic, 100'000, false, &plain},
-             {large, 100'000, true, &plain},
-             {small, 100'000, false, &plain}})
+    } rows[] = {
+        {{}, 1920, false},
+        {{}, 100'000, false, nullptr, true},
+        {shared, 1920, true},
+        {shared, 0, true},
+        {shared, 100'000, true, nullptr, true},
+        {shared, 100'000, true, &plain, true, SocketMode::Group, 0640},
+        {shared, 100'000, true, &plain, false, SocketMode::All, 0644},
+        {shared, 100'000, true, &flipping[0]},
+        {shared, 100'000, true, &flipping[1], true},
+        {tooSmall, 100'000, false, &flipping[2]},
+        {automatic, 1920, false}, // 10 ms of PCM
+        {automatic, 100'000, false, &plain},
+        {large, 100'000, true, &plain},
+        {small, 100'000, false, &plain}};
+    for (const auto& row : rows)
     {
         SCOPED_TRACE(
             ::testing::Message() << static_cast<int>(row.memory.carriage) << " " << row.size << " "
@@ -335,36 +312,28 @@ TEST_F(SharedFramesTest, LargerFramesGetALargerRingOrTravelInline)
     EXPECT_THAT(listRings(), ElementsAre(".4")) << "without a loss";
     removed.name.back() = '4';
     EXPECT_EQ(probeSender(getSocketName(), DefaultDeadline).ring, removed);
+    const std::string path = removed.getPath();
+    const auto isOpen = [](const std::string& name)
+    {
+        return std::ranges::any_of(
+            listDescriptors(), [&name](const auto& entry) { return entry.second == name; });
+    };
+    EXPECT_TRUE(isOpen(path));
     EXPECT_THAT(m_notices, IsEmpty());
     exchange(producer, consumer, 2'500'000);
     EXPECT_THAT(m_notices, ElementsAre(HasSubstr("two frames of 2500000 bytes do not fit")));
     EXPECT_FALSE(probeSender(getSocketName(), DefaultDeadline).ring);
-    exchange(producer, consumer, 100);
+    EXPECT_TRUE(waitFor( // the producer keeps the ring for receivers that are joining
+        [&]
+        {
+            exchange(producer, consumer, 100);
+            return HasFailure() || (listRings().empty() && !isOpen(path + " (deleted)"));
+        }));
     EXPECT_EQ(m_notices.size(), 1U);
     EXPECT_EQ(m_numFormats, 1) << "the format has never changed";
     consumer.stop();
     producer.close();
     EXPECT_THAT(listRings(), IsEmpty());
-}
-
-TEST_F(SharedFramesTest, ARingIsClosedOnceFramesTravelInline)
-{
-    Producer producer(makeOptions({.carriage = Carriage::Shared, .maxBytes = 1 << 20}));
-    ASSERT_TRUE(producer.open(Format));
-    Consumer consumer({.name = getSocketName()});
-    ASSERT_TRUE(consumer.start());
-    ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
-    exchange(producer, consumer, 1920);
-    ASSERT_THAT(listMemory(), SizeIs(1));
-    const std::string ring = "/dev/shm/" + listMemory()[0];
-    EXPECT_TRUE(isOpen(ring));
-    exchange(producer, consumer, 1'000'000);
-    EXPECT_TRUE(waitFor( // the producer keeps it for receivers that are joining
-        [&]
-        {
-            exchange(producer, consumer, 1920);
-            return HasFailure() || (listMemory().empty() && !isOpen(ring + " (deleted)"));
-        }));
 }
 
 TEST_F(SharedFramesTest, PipelineLosesNoFrame)
@@ -375,8 +344,7 @@ TEST_F(SharedFramesTest, PipelineLosesNoFrame)
     ProducerOptions options = makeOptions();
     options.protocol = NanomsgProtocol::Pipeline;
     options.sharedMemory.frameDuration = std::chrono::nanoseconds(LongNs);
-    Producer producer(options);
-    ASSERT_TRUE(producer.open(Format));
+    OpenProducer producer(options);
     std::atomic<std::uint64_t> numSent = 0;
     std::atomic<std::uint64_t> numReceived = 0;
     Consumer consumer(
@@ -404,8 +372,7 @@ TEST_F(SharedFramesTest, PipelineLosesNoFrame)
 
     options.sharedMemory.maxBytes = 1'000'000; // ten frames
     options.sharedMemory.frameBytes = 100'000;
-    Producer tooSmall(options);
-    ASSERT_TRUE(tooSmall.open(Format));
+    OpenProducer tooSmall(options);
     ASSERT_TRUE(tooSmall.send(LongNs, LongNs, makeFrame(Format.getBytesPerSample(), 1)));
     EXPECT_THAT(m_notices, ElementsAre(HasSubstr("20 frames of 100000 bytes do not fit")));
     EXPECT_TRUE(waitFor([&] { return numReceived == NumFrames + 1; }));
@@ -486,8 +453,7 @@ TEST_F(SharedFramesTest, ForeignConsumersReadOrReportWhyNot)
         SCOPED_TRACE(row.consumer);
         ProducerOptions options = makeOptions({.carriage = Carriage::Shared, .frameBytes = 10'000});
         options.socketMode = row.mode;
-        Producer producer(options);
-        ASSERT_TRUE(producer.open(Format));
+        OpenProducer producer(options);
         EXPECT_TRUE(row.changeRing(("/dev/shm/" + listMemory().at(0)).c_str()));
         ASSERT_EQ(::write(row.start.get(), "x", 1), 1);
         int status = -1;

@@ -1,20 +1,11 @@
 // The receiver with a network clock, against a real provider.
 
-#include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <future>
-#include <optional>
-#include <string>
-#include <thread>
-
 #include <dlfcn.h>
 
 #include <miscUtils/MiscUtils.hpp>
 #include <vlx/VlxPayload.hpp>
 #include <vlx/VlxReceiver.hpp>
 
-#include "support/LogCapture.hpp"
 #include "support/RawSender.hpp"
 #include "support/RecordedReceiver.hpp"
 #include "support/TestProvider.hpp"
@@ -136,12 +127,7 @@ private:
 
 TEST_F(ReceiverClockTest, ClocksFollowTheInitialInfo)
 {
-    const struct
-    {
-        int protocol;
-        std::uint16_t port;
-        ClockType clock;
-    } rows[] = {
+    const std::tuple<int, std::uint16_t, ClockType> rows[] = {
         {2, 0, ClockType::MonotonicSystemClock},
         {2, 9, ClockType::MonotonicSystemClock},
         {1, 0, ClockType::NoClock},
@@ -150,13 +136,13 @@ TEST_F(ReceiverClockTest, ClocksFollowTheInitialInfo)
         {0, 9, ClockType::SyncedNetClock},
         {7, 9, ClockType::SyncedNetClock},
     };
-    for (const auto& row : rows)
+    for (const auto& [protocol, port, clock] : rows)
     {
-        SCOPED_TRACE(std::to_string(row.protocol) + ", port " + std::to_string(row.port));
+        SCOPED_TRACE(std::to_string(protocol) + ", port " + std::to_string(port));
         log().clear();
         RawSender sender(
             getSocketName(), NanomsgProtocol::PubSub,
-            {SilentAddress, row.port, TimeSyncProtocol{row.protocol}});
+            {SilentAddress, port, TimeSyncProtocol{protocol}});
         RecordedReceiver receiver;
         EXPECT_EQ(receiver.get().getCurrentStreamTime(), 0U);
         ASSERT_TRUE(receiver.start(getSocketName()));
@@ -165,13 +151,12 @@ TEST_F(ReceiverClockTest, ClocksFollowTheInitialInfo)
         ASSERT_TRUE(sender.sendOverMainChannel(makeFrame(1, 1))); // after a report, if there is one
         ASSERT_TRUE(receiver.waitForEvent("frame"));
 
-        EXPECT_EQ(receiver.get().getStreamClockType(), row.clock);
-        EXPECT_EQ(receiver.count("ready"), row.clock == ClockType::SyncedNetClock ? 0U : 1U);
-        EXPECT_EQ(
-            receiver.count(std::string("ready ") + toString(row.clock)), receiver.count("ready"));
+        EXPECT_EQ(receiver.get().getStreamClockType(), clock);
+        EXPECT_EQ(receiver.count("ready"), clock == ClockType::SyncedNetClock ? 0U : 1U);
+        EXPECT_EQ(receiver.count(std::string("ready ") + toString(clock)), receiver.count("ready"));
         const TimeValue before = miscUtils::getMonotonicSysclockTime();
         const TimeValue time = receiver.get().getCurrentStreamTime();
-        if (row.clock == ClockType::MonotonicSystemClock)
+        if (clock == ClockType::MonotonicSystemClock)
             EXPECT_TRUE(before <= time && time <= miscUtils::getMonotonicSysclockTime());
         else
             EXPECT_EQ(time, 0U);
@@ -180,7 +165,6 @@ TEST_F(ReceiverClockTest, ClocksFollowTheInitialInfo)
 
 TEST_F(ReceiverClockTest, IsReadyOnceWhenTheClockIsSynchronised)
 {
-    m_provider.start(ProviderOffsetNs);
     std::atomic<TimeValue> timeWhenReady = 0;
     std::atomic<ClockType> clockWhenReady = ClockType::Undetermined;
     m_receiver.onEvent(
@@ -192,9 +176,14 @@ TEST_F(ReceiverClockTest, IsReadyOnceWhenTheClockIsSynchronised)
             timeWhenReady = m_receiver.get().getCurrentStreamTime();
         });
     ASSERT_NO_FATAL_FAILURE(startStream());
-    ASSERT_TRUE(m_receiver.waitForEvent("ready"));
     ASSERT_TRUE(m_sender->sendOverMainChannel(makeSequenceInfo(2, 44100)));
     ASSERT_TRUE(m_receiver.waitForEvent(SecondSequence));
+    ASSERT_TRUE(m_sender->sendOverMainChannel(makeFrame(2, 1)));
+    ASSERT_TRUE(m_receiver.waitForEvent("frame 1"));
+    m_provider.start(ProviderOffsetNs); // late
+    ASSERT_TRUE(m_receiver.waitForEvent("ready"));
+    ASSERT_TRUE(m_sender->sendOverMainChannel(makeSequenceInfo(3)));
+    ASSERT_TRUE(m_receiver.waitForEvent(FirstSequence, 2));
 
     // The clock calls back at each of these.
     const auto readTime = [&] { return m_receiver.get().getCurrentStreamTime(); };
@@ -202,11 +191,12 @@ TEST_F(ReceiverClockTest, IsReadyOnceWhenTheClockIsSynchronised)
     m_provider.start(ProviderOffsetNs + 1000 * NsPerSecond);
     ASSERT_TRUE(waitFor([&] { return readTime() == 0; }));
     ASSERT_TRUE(waitFor([&] { return readTime() != 0; }));
-    ASSERT_TRUE(m_sender->sendOverMainChannel(makeFrame(2, 3)));
-    ASSERT_TRUE(m_receiver.waitForEvent("frame"));
+    ASSERT_TRUE(m_sender->sendOverMainChannel(makeFrame(3, 3)));
+    ASSERT_TRUE(m_receiver.waitForEvent("frame 3"));
     EXPECT_THAT(
-        m_receiver.getEvents(),
-        ElementsAre("connecting", "running", FirstSequence, Ready, SecondSequence, "frame 3"));
+        m_receiver.getEvents(), ElementsAre(
+                                    "connecting", "running", FirstSequence, SecondSequence,
+                                    "frame 1", Ready, FirstSequence, "frame 3"));
     EXPECT_EQ(clockWhenReady, ClockType::SyncedNetClock);
     EXPECT_GT(timeWhenReady, static_cast<TimeValue>(ProviderOffsetNs));
 
@@ -215,22 +205,7 @@ TEST_F(ReceiverClockTest, IsReadyOnceWhenTheClockIsSynchronised)
     EXPECT_EQ(roundTripLimitNs, 175'000'000U);
 }
 
-TEST_F(ReceiverClockTest, IsReadyWithTheLatestSequenceWhenTheProviderComesLate)
-{
-    ASSERT_NO_FATAL_FAILURE(startStream());
-    ASSERT_TRUE(m_sender->sendOverMainChannel(makeSequenceInfo(2, 44100)));
-    ASSERT_TRUE(m_receiver.waitForEvent(SecondSequence));
-    ASSERT_TRUE(m_sender->sendOverMainChannel(makeFrame(2, 1)));
-    ASSERT_TRUE(m_receiver.waitForEvent("frame 1"));
-
-    m_provider.start(ProviderOffsetNs);
-    ASSERT_TRUE(m_receiver.waitForEvent("ready"));
-    EXPECT_THAT(
-        m_receiver.getEvents(),
-        ElementsAre("connecting", "running", FirstSequence, SecondSequence, "frame 1", Ready));
-}
-
-TEST_F(ReceiverClockTest, AStopWaitsForTheClocksCallback)
+TEST_F(ReceiverClockTest, ALossAndAStopWaitForTheClocksCallback)
 {
     std::thread::id worker;
     std::atomic<bool> isDone = false;
@@ -243,31 +218,17 @@ TEST_F(ReceiverClockTest, AStopWaitsForTheClocksCallback)
             if (event != Ready)
                 return;
             EXPECT_NE(std::this_thread::get_id(), worker);
-            entered.set_value();
+            const bool isLoss = m_receiver.count(Ready) == 1;
+            if (isLoss)
+                m_sender->getSidechannel().close();
+            else
+                entered.set_value();
             // The worker is about to stop the clock, or already waits for it.
-            EXPECT_TRUE(log().waitFor(TraceLog("Loop wakup activity; aborting wait for input")));
+            EXPECT_TRUE(log().waitFor(
+                isLoss ? DebugLog(StartsWith("Connection gone because of shutdown"))
+                       : TraceLog("Loop wakup activity; aborting wait for input")));
             expectConnectionIntact(m_receiver.get());
-            isDone = true;
-        });
-    ASSERT_NO_FATAL_FAILURE(startStream());
-    m_provider.start(ProviderOffsetNs);
-    ASSERT_EQ(entered.get_future().wait_for(DefaultDeadline), std::future_status::ready);
-    m_receiver.stop();
-    EXPECT_TRUE(isDone);
-    EXPECT_THAT(
-        m_receiver.getEvents(), ElementsAre("connecting", "running", FirstSequence, Ready, "idle"));
-}
-
-TEST_F(ReceiverClockTest, ALossWaitsForTheClocksCallback)
-{
-    m_receiver.onEvent(
-        [&](const std::string& event)
-        {
-            if (event != Ready || m_receiver.count(Ready) > 1)
-                return;
-            m_sender->getSidechannel().close();
-            EXPECT_TRUE(log().waitFor(DebugLog(StartsWith("Connection gone because of shutdown"))));
-            expectConnectionIntact(m_receiver.get());
+            isDone = !isLoss;
         });
     ASSERT_NO_FATAL_FAILURE(startStream());
     m_provider.start(ProviderOffsetNs);
@@ -275,9 +236,18 @@ TEST_F(ReceiverClockTest, ALossWaitsForTheClocksCallback)
     EXPECT_FALSE(log().contains(ErrorLog(StartsWith("Cannot query"))));
 
     // The next connection is still reported ready.
+    m_provider.stop();
     m_sender.emplace(getSocketName(), NanomsgProtocol::PubSub, getClockInfo());
     ASSERT_TRUE(m_sender->serve(1));
-    EXPECT_TRUE(m_receiver.waitForEvent(Ready, 2));
+    ASSERT_TRUE(m_receiver.waitForEvent(FirstSequence, 2));
+    m_provider.start(ProviderOffsetNs);
+    ASSERT_EQ(entered.get_future().wait_for(DefaultDeadline), std::future_status::ready);
+    m_receiver.stop();
+    EXPECT_TRUE(isDone);
+    EXPECT_THAT(
+        m_receiver.getEvents(), ElementsAre(
+                                    "connecting", "running", FirstSequence, Ready, "connecting",
+                                    "running", FirstSequence, Ready, "idle"));
 }
 
 TEST_F(ReceiverClockTest, ARejectedHeaderIsNotReportedReady)

@@ -1,23 +1,11 @@
-#include <array>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <functional>
-#include <future>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include <fcntl.h>
 #include <nanomsg/nn.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -30,7 +18,6 @@
 #include "base/SenderDirectory.hpp"
 #include "base/WakeupPipe.hpp"
 #include "support/HostilePeer.hpp"
-#include "support/LogCapture.hpp"
 #include "support/RawSender.hpp"
 #include "support/ResourceLimit.hpp"
 #include "support/TestAccess.hpp"
@@ -46,6 +33,7 @@ using namespace vlx::testing;
 using Access = SenderTestAccess;
 
 using ::testing::_;
+using ::testing::Contains;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::StartsWith;
@@ -316,7 +304,11 @@ TEST_P(SenderTransportTest, ShutdownLeavesNothingAndItCanBeInitializedAgain)
 TEST_P(SenderTransportTest, PlainSocketsReadTheStreamByteForByte)
 {
     const auto inherited = listInheritedDescriptors();
-    startStream(GetParam());
+    const RawClockInfo clock{"10.1.2.3", 0x1234, TimeSyncProtocol::GstNetClock};
+    ASSERT_TRUE(m_sender.initializeSender(
+        getSocketName(), "", clock.address, 0x10000U + clock.port, clock.protocol, GetParam()));
+    m_sender.setCurrentPayloader(m_payloader);
+    m_sender.startNewSequence();
     const std::string uri = m_sender.*Access::NanomsgURI;
     int queueBytes = 0; // frames must not queue and age
     std::size_t optionSize = sizeof(queueBytes);
@@ -325,12 +317,9 @@ TEST_P(SenderTransportTest, PlainSocketsReadTheStreamByteForByte)
     EXPECT_EQ(queueBytes, 1);
 
     RawConnection client(getSocketName());
-    EXPECT_EQ(client.readMessage(), makeInitialInfo(uri, GetParam()));
+    EXPECT_EQ(client.readMessage(), makeInitialInfo(uri, GetParam(), clock)) << "a port is cut";
     EXPECT_EQ(client.readMessage(), makeSequenceInfo(1));
-    std::array<char, 16> threadName{};
-    ::pthread_getname_np(
-        (m_sender.*Access::ListenerThread).native_handle(), threadName.data(), threadName.size());
-    EXPECT_STREQ(threadName.data(), "vlx-listener");
+    EXPECT_THAT(listThreads(), Contains(::testing::Pair(_, "vlx-listener")));
 
     const bool isPipeline = GetParam() == NanomsgProtocol::Pipeline;
     RawNanomsg pull(NN_PULL);
@@ -352,7 +341,7 @@ TEST_P(SenderTransportTest, PlainSocketsReadTheStreamByteForByte)
     EXPECT_EQ(receiver.receive(), makeSequenceInfo(2));
     sendFrame(8, {1, 2});
     EXPECT_EQ(receiver.receive(), makeFrame(2, 8, {1, 2}));
-    EXPECT_FALSE(client.hasInput()) << "only newcomers are told on the sidechannel";
+    EXPECT_FALSE(isReadable(client.getFD())) << "only newcomers are told on the sidechannel";
 
     receiver.close();
     EXPECT_TRUE(waitFor([&] { return m_sender.getNumReceivers() == 0; }));
@@ -508,36 +497,12 @@ TEST_F(SenderTest, OnlyTheNewDirectoryGetsItsMode)
     }
 }
 
-TEST_F(SenderTest, AnnouncesItsClock)
-{
-    const struct
-    {
-        std::string address;
-        std::uint32_t port;
-        TimeSyncProtocol protocol;
-    } rows[] = {
-        {"10.1.2.3", 0x1234, TimeSyncProtocol::GstNetClock},
-        {"", 0x10005, TimeSyncProtocol::MonotonicSystemClock},
-        {"::1", 65535, TimeSyncProtocol::Unknown}};
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(row.port);
-        ASSERT_TRUE(m_sender.initializeSender(
-            getSocketName(), "", row.address, row.port, row.protocol, NanomsgProtocol::PubSub));
-        const RawClockInfo clock{row.address, static_cast<std::uint16_t>(row.port), row.protocol};
-        EXPECT_EQ(
-            RawConnection(getSocketName()).readMessage(),
-            makeInitialInfo(m_sender.*Access::NanomsgURI, NanomsgProtocol::PubSub, clock));
-        m_sender.shutdownSender();
-    }
-}
-
 TEST_F(SenderTest, DataFromReceiversIsDiscarded)
 {
     ASSERT_TRUE(initialize());
     RawConnection first = connectGreeted();
     RawConnection second = connectGreeted();
-    EXPECT_FALSE(first.hasInput()) << "no sequence yet";
+    EXPECT_FALSE(isReadable(first.getFD())) << "no sequence yet";
     const std::vector<int> fds = getClients();
     ASSERT_TRUE(first.send(Buffer(1000, 0xAA)));
     ASSERT_TRUE(second.send(Buffer(3, 0xAA), 1));
@@ -554,7 +519,7 @@ TEST_F(SenderTest, DataFromReceiversIsDiscarded)
 
     {
         const RawConnection leavesUnread(getSocketName());
-        ASSERT_TRUE(waitFor([&] { return leavesUnread.hasInput(); }) && waitForClients(1));
+        ASSERT_TRUE(waitFor([&] { return isReadable(leavesUnread.getFD()); }) && waitForClients(1));
     }
     ASSERT_TRUE(waitForClients(0));
     EXPECT_TRUE(log().contains(ErrorLog("Error trying to receive bytes from client connection FD: "
@@ -619,7 +584,7 @@ TEST_P(SenderAgainstTricks, HoldsNeitherListenerNorShutdown)
     ASSERT_TRUE(waitFor([&] { return !(m_sender.*Access::ListenerThreadRunning); }));
     EXPECT_TRUE(peer.isPrompt([this] { m_sender.shutdownSender(); }));
     for (RawConnection& each : clients)
-        EXPECT_TRUE(waitFor([&] { return each.hasInput(); }));
+        EXPECT_TRUE(waitFor([&] { return isReadable(each.getFD()); }));
     EXPECT_TRUE(peer.isLockKept());
     EXPECT_EQ(log().count(ErrorLog(_)), 0U);
     EXPECT_TRUE(peer.isPrompt([this] { EXPECT_TRUE(initialize()); })) << "its name is free again";
@@ -652,12 +617,7 @@ TEST_F(SenderTest, AFileOfTheHostThatCannotBeClosedDelaysNothing)
 {
     constexpr int MaxHeld = 16;
     ASSERT_TRUE(initialize());
-    const auto countThreads = []
-    {
-        const fs::directory_iterator tasks("/proc/self/task");
-        return std::distance(begin(tasks), end(tasks));
-    };
-    const auto numBefore = countThreads();
+    const auto numBefore = listThreads().size();
     const std::unique_lock<std::mutex> hung(closingMutex);
     for (int i = 0; i < MaxHeld + 4 && !HasFailure(); ++i)
     {
@@ -667,8 +627,8 @@ TEST_F(SenderTest, AFileOfTheHostThatCannotBeClosedDelaysNothing)
         EXPECT_TRUE(client.waitForClose());
     }
     EXPECT_TRUE(waitForClients(0));
-    EXPECT_TRUE(waitFor([&] { return countThreads() <= numBefore + MaxHeld; }));
-    EXPECT_GT(countThreads(), numBefore) << "nothing was held";
+    EXPECT_TRUE(waitFor([&] { return listThreads().size() <= numBefore + MaxHeld; }));
+    EXPECT_GT(listThreads().size(), numBefore) << "nothing was held";
 }
 
 TEST_F(SenderTest, OutOfDescriptorsTheListenerTriesTenTimesASecond)
