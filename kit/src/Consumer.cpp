@@ -1,5 +1,4 @@
 #include <atomic>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -371,10 +370,7 @@ Status Consumer::Impl::prepare()
         return base.status;
     if (!base.notice.empty())
         notify(base.notice);
-    std::error_code error;
-    m_directory = std::filesystem::absolute(base.path, error);
-    if (error)
-        return {ErrorCode::NoDirectory, "cannot find " + quote(base.path) + ": " + error.message()};
+    m_directory = base.path;
     m_receiver.setBaseDirectory(m_directory);
     if (!base.writable)
         notify(quote(base.path) + " is not writable; stopping can take up to 5 seconds");

@@ -447,23 +447,6 @@ TEST_F(SyncedNetClockTest, MayBeStoppedAndStartedFromInsideTheCallback)
     EXPECT_TRUE(waitFor([&] { return numCallbacks == 4; }));
 }
 
-TEST_F(SyncedNetClockTest, MakesNoCallbackAfterTheStop)
-{
-    Follower stopped;
-    Follower witness;
-    stopped.start(m_provider);
-    witness.start(m_provider);
-    ASSERT_TRUE(
-        waitFor([&] { return stopped.follows(m_provider) && witness.follows(m_provider); }));
-
-    stopped.clock.stopSynchronization();
-    const int numCallbacks = stopped.numCallbacks;
-    m_provider.stop();
-    m_provider.start(InitialOffsetNs + 1000 * NsPerSecond);
-    EXPECT_TRUE(waitFor([&] { return witness.hasReturned(m_provider); }));
-    EXPECT_EQ(stopped.numCallbacks, numCallbacks);
-}
-
 TEST_F(SyncedNetClockTest, MayBeUsedFromManyThreadsAtOnce)
 {
     std::vector<std::future<void>> calls;

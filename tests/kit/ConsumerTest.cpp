@@ -638,20 +638,6 @@ TEST_F(ConsumerTest, SaysWhereThisUserMayNotWrite)
     }
 }
 
-TEST_F(ConsumerTest, JoinsAgainAfterAStall)
-{
-    RecordedConsumer consumer({.name = getSocketName(), .stallTimeout = 50ms});
-    ScriptedSender sender(getSocketName());
-    ASSERT_TRUE(consumer.start());
-    ASSERT_TRUE(consumer.waitForEvent("stalled"));
-    ASSERT_TRUE(consumer.waitForEvent("joined", 2));
-    ASSERT_TRUE(waitFor([&] { return sender.send(makeFrame(1, 10)) && consumer.count("frame"); }));
-    EXPECT_EQ(consumer.count("lost"), 0U);
-    const ConsumerStatistics statistics = consumer.get().getStatistics();
-    EXPECT_GE(statistics.stalls, 1U);
-    EXPECT_EQ(statistics.connections, 1U);
-}
-
 TEST_F(ConsumerTest, AsksAHungSenderOnceAndDoesNotAccuseIt)
 {
     RecordedConsumer consumer({.name = getSocketName()});
@@ -1162,16 +1148,6 @@ TEST_F(ConsumerTest, SaysTheClockThatTheFramesHave)
     constexpr auto NoClock = Receiver::StreamClockType::NoClock; // since it has no port
     EXPECT_EQ(readFrame(consumer).clock, NoClock);
     EXPECT_EQ(consumer.getClock().type, NoClock);
-}
-
-TEST_F(ConsumerTest, LeavesASilentSenderAlone)
-{
-    const ScriptedSender sender(getSocketName(), {.second = Buffer()});
-    RecordedConsumer consumer({.name = getSocketName(), .stallTimeout = 0ns});
-    ASSERT_TRUE(consumer.start());
-    ASSERT_TRUE(consumer.waitForEvent("joined"));
-    std::this_thread::sleep_for(1s);
-    EXPECT_EQ(sender.getNumConnections(), 1U) << "joined, and not asked";
 }
 
 TEST(WakeupEventTest, AWakeEndsOneWait)

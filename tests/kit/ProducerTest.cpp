@@ -626,27 +626,6 @@ TEST_F(ProducerTest, CrashLoopLeavesOneDirectoryAtMost)
     fs::remove(bare);
 }
 
-TEST_F(ProducerTest, MeetsItsReceiversInAnotherDirectory)
-{
-    const std::string directory = getTempDirectory() + "/other";
-    fs::create_directory(directory);
-    fs::current_path(getTempDirectory());
-    for (const char* const baseDirectory : {directory.c_str(), "other"})
-    {
-        ProducerOptions options = makeOptions();
-        options.baseDirectory = baseDirectory;
-        Producer producer(options);
-        std::string environment; // while it opens
-        log().onNext(
-            DebugLog(StartsWith("Nanomsg URI")), [&] { environment = std::getenv("TMPDIR"); });
-        ASSERT_EQ(producer.open(Format).getText(), "");
-        EXPECT_THAT(producer.getSocketFile(), StartsWith(directory + "/VlxSender-"));
-        EXPECT_EQ(environment, getTempDirectory());
-    }
-    fs::current_path("/");
-    fs::remove(directory);
-}
-
 TEST_F(ProducerTest, StopAndInterruptionEndWhateverWaits)
 {
     const struct
