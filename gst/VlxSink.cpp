@@ -19,9 +19,9 @@
 // In "pubsub" a receiver loses frames that it cannot take at once, so the sink never sends faster
 // than at twice the speed, not even with sync=false. "pipeline" has one receiver and waits for it.
 //
-// By default, all media except PCM is sent in shared memory, where large frames arrive far sooner.
-// Only receivers of the kit, such as vlxsrc and `vlx receive`, can read them. Upstream elements can
-// fill the memory that is sent, without a copy.
+// By default, large frames of media other than PCM are sent in shared memory, where they arrive far
+// sooner. Only receivers of the kit, such as vlxsrc, can read them. Upstream elements can fill the
+// memory that is sent, without a copy.
 //
 // When a receiver joins a stream that is not PCM, the sink requests a key frame upstream.
 //

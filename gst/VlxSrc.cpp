@@ -247,7 +247,7 @@ GstStructure* Src::makeStatistics() const
 }
 
 // No frame may be due before the pipeline's base time. So the consumer connects to a sender, which
-// tells its clock, but joins it only when that time is set.
+// announces its clock, but joins it only when that time is set.
 bool Src::onStart()
 {
     forwardLibraryLog();
@@ -634,8 +634,8 @@ void installProperties(gpointer elementClass)
     properties.begin(elementClass);
     properties.addText(
         "sender-user", &Settings::senderUser,
-        "User whose sender is joined, by name or number; senders of other users are waited out; "
-        "empty: any");
+        "User whose sender is joined, by name or number; for other users' senders vlxsrc posts a "
+        "warning and waits; empty: any");
     properties.addNumber(
         "timeout", &Settings::timeoutNs, Mutability::Stopped,
         "Time to wait for a sender before posting an error, in nanoseconds; 0: no limit");
