@@ -4,19 +4,15 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <limits>
 #include <tuple>
 #include <vector>
 
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "common/Messages.hpp"
 #include "common/StopSignal.hpp"
-#include "tool/ToolProcess.hpp"
+#include "tool/ToolFixture.hpp"
 
 namespace vlx::testing
 {
@@ -75,17 +71,7 @@ protected:
 
     ~RecorderTest() override
     {
-        std::filesystem::remove_all(m_directory);
-    }
-
-    static void add(tool::Recorder& recorder, const kit::ConsumerItem& item)
-    {
-        if (const auto* const format = std::get_if<StreamFormat>(&item))
-            recorder.add(*format);
-        else if (const auto* const event = std::get_if<Event>(&item))
-            recorder.add(*event);
-        else
-            recorder.add(std::get<kit::ReceivedFrame>(item));
+        fs::remove_all(m_directory);
     }
 
     /// @return the report
@@ -93,19 +79,18 @@ protected:
     {
         const tool::StopSignal stop;
         tool::Recorder recorder(m_options, {stop, {}}, 0);
+        const auto add = [&](const auto& item)
+        {
+            if constexpr (requires { recorder.add(item); })
+                recorder.add(item);
+        };
         for (const kit::ConsumerItem& item : items)
-            add(recorder, item);
+            std::visit(add, item);
         recorder.finish();
         m_summary = recorder.summarize();
         ordered_json report;
         recorder.addToReport(report);
         return report;
-    }
-
-    static std::string readFile(const std::string& path)
-    {
-        std::ifstream stream(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(stream), {}};
     }
 
     tool::RecordingOptions m_options;
@@ -171,7 +156,7 @@ TEST_F(RecorderTest, GapsAreFilledWhereTheyAreCountedAndSaid)
             { return std::string(fills ? size : 0, isSigned ? '\0' : '\x80'); };
             const std::string frame(10, '\1');
             EXPECT_TRUE(
-                readFile(m_options.output) == frame + silence(30) + frame + silence(10) + frame);
+                readText(m_options.output) == frame + silence(30) + frame + silence(10) + frame);
         }
     }
 }
@@ -241,23 +226,22 @@ TEST_F(RecorderTest, TheDurationCountsOverAllFormatsAndFiles)
     {
         const char* name;
         bool isPlayed;
-        std::chrono::milliseconds duration, maxDuration;
+        tool::OptionalDuration duration, maxDuration;
         std::uint64_t samples;
         std::vector<std::uintmax_t> sizes; // of the files, bytes
     };
     using std::chrono::milliseconds;
-    constexpr milliseconds Unlimited(0);
     const Row rows[] = {
-        {"in the second format", false, milliseconds(45), Unlimited, 480, {480, 480}},
-        {"at the end of a format", false, milliseconds(60), Unlimited, 720, {480, 960}},
-        {"in the third format", false, milliseconds(75), Unlimited, 840, {480, 960, 240}},
+        {"in the second format", false, milliseconds(45), {}, 480, {480, 480}},
+        {"at the end of a format", false, milliseconds(60), {}, 720, {480, 960}},
+        {"in the third format", false, milliseconds(75), {}, 840, {480, 960, 240}},
         {"within short files",
          false,
          milliseconds(75),
          milliseconds(20),
          840,
          {320, 160, 640, 320, 240}},
-        {"played", true, milliseconds(75), Unlimited, 840, {}}};
+        {"played", true, milliseconds(75), {}, 840, {}}};
     for (const Row& row : rows)
     {
         SCOPED_TRACE(row.name);
@@ -266,17 +250,15 @@ TEST_F(RecorderTest, TheDurationCountsOverAllFormatsAndFiles)
         m_options.split = !row.isPlayed;
         m_options.overwrite = true;
         m_options.duration = row.duration;
-        m_options.maxDuration = row.maxDuration == Unlimited
-                                    ? tool::OptionalDuration()
-                                    : tool::OptionalDuration(row.maxDuration);
+        m_options.maxDuration = row.maxDuration;
         const ordered_json report = record(items);
         EXPECT_EQ(report["samples"], row.samples);
         std::vector<std::uintmax_t> sizes;
         std::string content;
         for (const ordered_json& file : report["files"])
         {
-            content += readFile(file.get<std::string>());
-            sizes.push_back(std::filesystem::file_size(file.get<std::string>()));
+            content += readText(file.get<std::string>());
+            sizes.push_back(fs::file_size(file.get<std::string>()));
         }
         EXPECT_EQ(sizes, row.sizes);
         EXPECT_EQ(content, sent.substr(0, content.size()));

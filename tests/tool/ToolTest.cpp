@@ -116,6 +116,10 @@ TEST_F(ToolTest, BadInputGetsOneLineAndItsExitCode)
         {send({m_files}), 1, "directory"},
         {send({file("text.wav")}), 1, "text.wav"},
         {send({file("missing.raw"), "--raw"}), 1, "No such file"},
+        {send({"-", "-r", "8000"}), 2, "standard input is a terminal", {.inputPath = "/dev/ptmx"}},
+        {send({"-", "-r", "8000"}), 2, "standard input is closed", {.closed = {0}}},
+        {send({"-"}), 1, "empty"},
+        {send({"-", "--raw"}), 1, "empty"},
         {send({"-", "-c", "1"}), 1, "1 of 2 bytes", {.input = std::string(1001, 'x')}},
         {send({"--tone", "1", "--report", file("missing/r.json")}), 1, "r.json"},
         {{"send", "-s", getSocketName() + "-taken", "--tone", "1"}, 1, "taken"},
@@ -126,12 +130,24 @@ TEST_F(ToolTest, BadInputGetsOneLineAndItsExitCode)
         {receive({file("missing/a.wav")}), 1, "No such file"},
         {receive({m_files}), 1, "directory"},
         {receive({"/dev/null"}), 1, "raw"},
+        {receive({file("a.mp4")}), 2, "unknown kind of audio file \"mp4\""},
+        {receive({file("a.wav"), "-t", "doc"}), 2, "unknown kind of audio file \"doc\""},
+        {receive({file("%H.doc"), "--name-pattern"}), 2, "unknown kind of audio file \"doc\""},
+        {receive({"/dev/null/%H.wav", "--name-pattern"}), 1, "no file can be created"},
+        {receive({"-"}), 2, "terminal", {.outputPath = "/dev/ptmx"}},
+        {receive({"-"}), 2, "closed", {.closed = {1}}},
+        {receive({"-", "-t", "flac"}), 1, "-t wav"},
+        {receive({"-", "--split"}), 2, "--split needs a file name"},
+        {receive({"-", "--max-duration", "1s"}), 2, "--max-duration needs a file name"},
+        {receive({"-", "--name-pattern"}), 2, "--name-pattern needs a file name"},
+        {receive({"-", "--report", "-"}), 2, "report"},
+        {receive({file("a.wav"), "--latency", "1s"}), 2, "--play"},
         {receive({file("a.wav"), "--report", file("missing/r.json")}), 1, "r.json"},
         {receive({file("a.wav"), "--timeout", "50ms"}), 3, "no sender"},
         {send({"--tone", "1", "--wait-receivers", "2", "--timeout", "50ms"}), 3, "0 of 2"}};
     for (const Row& row : rows)
         expectRefusal(row.arguments, row.code, row.message, row.settings);
-    EXPECT_FALSE(fs::exists(file("a.wav"))) << "an empty recording was left";
+    EXPECT_EQ(std::distance(fs::directory_iterator(m_files), {}), 3) << "a recording was left";
 }
 
 TEST_F(ToolTest, HelpAndVersionGoToStandardOutput)
