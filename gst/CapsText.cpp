@@ -49,11 +49,6 @@ bool isLetter(char c)
     return g_ascii_isalpha(c) != FALSE;
 }
 
-bool isDigit(char c)
-{
-    return g_ascii_isdigit(c) != FALSE;
-}
-
 /// @return whether a character needs no quotes
 bool isPlain(char c)
 {
@@ -89,11 +84,13 @@ bool isFraction(std::string_view text)
     return numbers[0] >= -G_MAXINT && numbers[1] > 0;
 }
 
+template <typename Real>
 bool isReal(std::string_view text)
 {
-    const auto isPart = [](char c) { return isDigit(c) || std::string_view("+-.e").find(c) < 4; };
-    return isDigit(text.back()) && text.size() <= 40 &&
-           std::all_of(text.begin(), text.end(), isPart);
+    Real value = 0;
+    const char* const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, value);
+    return result.ec == std::errc() && result.ptr == end && std::isfinite(value);
 }
 
 bool isHex(std::string_view text)
@@ -139,18 +136,12 @@ struct ValueType
 
 // As gst_caps_to_string() names them.
 constexpr ValueType ValueTypes[] = {
-    {"int", isInteger<gint>},
-    {"uint", isInteger<guint>},
-    {"gint64", isInteger<gint64>},
-    {"guint64", isInteger<guint64>},
-    {"boolean", isBoolean},
-    {"fraction", isFraction},
-    {"float", isReal},
-    {"double", isReal},
-    {"bitmask", isBitmask},
-    {"string", isString},
-    {"buffer", isBuffer},
-    {"GstVideoMultiviewFlagsSet", isFlagSet},
+    {"int", isInteger<gint>},      {"uint", isInteger<guint>},
+    {"gint64", isInteger<gint64>}, {"guint64", isInteger<guint64>},
+    {"boolean", isBoolean},        {"fraction", isFraction},
+    {"float", isReal<gfloat>},     {"double", isReal<gdouble>},
+    {"bitmask", isBitmask},        {"string", isString},
+    {"buffer", isBuffer},          {"GstVideoMultiviewFlagsSet", isFlagSet},
 };
 
 bool isAllowed(GType type)
@@ -176,11 +167,18 @@ bool isAllowed(const GValue* value)
         const gchar* const text = g_value_get_string(value);
         return text != nullptr && g_utf8_validate(text, -1, nullptr) != FALSE;
     }
-    if (G_VALUE_HOLDS_DOUBLE(value))
-        return std::isfinite(g_value_get_double(value));
-    if (G_VALUE_HOLDS_FLOAT(value))
-        return std::isfinite(g_value_get_float(value));
     return isAllowed(G_VALUE_TYPE(value));
+}
+
+/// @return whether a field has the type that elements rely on: some crash otherwise
+bool hasExpectedType(GQuark name, const GValue* value)
+{
+    const std::string_view field = g_quark_to_string(name);
+    if (field == "codec_data")
+        return GST_VALUE_HOLDS_BUFFER(value);
+    return field != "streamheader" ||
+           (GST_VALUE_HOLDS_ARRAY(value) && gst_value_array_get_size(value) > 0 &&
+            GST_VALUE_HOLDS_BUFFER(gst_value_array_get_value(value, 0)));
 }
 
 /// Checks the grammar of caps, so that a parser is given nothing unusual.
@@ -278,15 +276,21 @@ private:
         return take(")") && type != std::end(ValueTypes) ? type : nullptr;
     }
 
-    // Up to the next quote without a backslash.
+    // Up to the next quote without a backslash, after the first one.
     bool takeQuoted()
     {
         std::size_t end = 0;
         while (end < m_rest.size() && m_rest[end] != '"')
             end += m_rest[end] == '\\' ? 2U : 1U;
-        const bool isClosed = end < m_rest.size();
-        m_rest.remove_prefix(isClosed ? end + 1 : 0);
-        return isClosed;
+        if (end >= m_rest.size())
+            return false;
+        const std::string text = '"' + std::string(m_rest.substr(0, end + 1));
+        m_rest.remove_prefix(end + 1);
+        GValue value = G_VALUE_INIT;
+        g_value_init(&value, G_TYPE_STRING);
+        const bool isValid = gst_value_deserialize(&value, text.c_str()) != FALSE;
+        g_value_unset(&value);
+        return isValid;
     }
 
     std::string_view m_rest;
@@ -313,8 +317,8 @@ CapsPtr parseCaps(std::string_view text)
         gst_caps_features_is_equal(
             gst_caps_get_features(caps.get(), 0), GST_CAPS_FEATURES_MEMORY_SYSTEM_MEMORY) == FALSE)
         return nullptr;
-    const auto check = [](GQuark /*name*/, const GValue* value, gpointer /*data*/)
-    { return static_cast<gboolean>(isAllowed(value)); };
+    const auto check = [](GQuark name, const GValue* value, gpointer /*data*/)
+    { return static_cast<gboolean>(isAllowed(value) && hasExpectedType(name, value)); };
     const GstStructure* const fields = gst_caps_get_structure(caps.get(), 0);
     return gst_structure_foreach(fields, check, nullptr) != FALSE ? std::move(caps) : nullptr;
 }

@@ -26,7 +26,8 @@ using CapsPtr = std::unique_ptr<GstCaps, CapsDeleter>;
 ///
 /// Accepts only what gst_caps_to_string() writes for fixed caps of one structure in system memory.
 /// Fields must be numbers, fractions, strings, bit masks, buffers, or flat arrays of these. Any
-/// other text never reaches GStreamer's parser.
+/// other text never reaches GStreamer's parser of caps. "codec_data" must be a buffer, and
+/// "streamheader" an array of buffers.
 ///
 /// GStreamer never releases a name. Caps may therefore have at most 64 fields, with names of at
 /// most 63 bytes, and a process accepts at most 16,384 different names.

@@ -63,6 +63,12 @@ public:
     ///         as pngenc, mark them as delta units
     bool hasKeyFrames() const;
 
+    /// @return whether the media is raw video or audio
+    bool isRaw() const
+    {
+        return m_video || m_audio;
+    }
+
     /// @return size that most buffers do not exceed, bytes; 0: unknown
     std::size_t estimateSize() const;
 

@@ -298,6 +298,7 @@ bool Sink::setCaps(GstCaps* caps)
     {
         m_format = *pcm;
         m_pace.changeRate(pcm->rate);
+        gst_base_sink_set_drop_out_of_segment(m_element, TRUE);
         return true;
     }
     auto media = MediaFormat::parse(text);
@@ -310,6 +311,8 @@ bool Sink::setCaps(GstCaps* caps)
             ("%s", text.c_str()));
         return false;
     }
+    // Encoded media before the segment is needed to decode what follows.
+    gst_base_sink_set_drop_out_of_segment(m_element, static_cast<gboolean>(media->isRaw()));
     m_format = std::move(*media);
     m_pace.begin(0);
     return true;
@@ -717,6 +720,8 @@ Sink::makePacket(GstBuffer* buffer, const kit::MediaHead& head, kit::FrameMemory
 // A frame is due at its decoding time, which increases from frame to frame.
 GstFlowReturn Sink::sendMedia(GstBuffer* buffer)
 {
+    if (gst_buffer_get_size(buffer) == 0)
+        return GST_FLOW_OK; // receivers would take it for a loss
     const auto decoding = getRunningTime(GST_BUFFER_DTS_OR_PTS(buffer));
     const auto presentation = getRunningTime(GST_BUFFER_PTS(buffer));
     const TimeValue timestamp = makeTimestamp(decoding);
