@@ -151,6 +151,8 @@ public:
     bool unlockStop();
 
 private:
+    void interruptConsumer(bool on);
+
     // Consumer's threads.
     void onEvent(const ConsumerEvent& event);
 
@@ -338,7 +340,7 @@ void Src::answerLatency(GstQuery* query) const
 bool Src::unlock()
 {
     m_unlocked = true;
-    m_consumer->interrupt(true);
+    interruptConsumer(true);
     return true;
 }
 
@@ -346,8 +348,16 @@ bool Src::unlockStop()
 {
     m_unlocked = false;
     m_isDiscont = true;
-    m_consumer->interrupt(false);
+    interruptConsumer(false);
     return true;
+}
+
+// A flush may come before the first start.
+void Src::interruptConsumer(bool on)
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_consumer)
+        m_consumer->interrupt(on);
 }
 
 // The consumer reports an obstacle once.

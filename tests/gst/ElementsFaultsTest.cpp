@@ -319,6 +319,8 @@ TEST_F(ElementsFaultsTest, WaitingEndsWhenItIsNotWantedAnyMore)
         }
     }
     const Pipeline receiver(makeReceiver());
+    gst_element_send_event(receiver.find("src"), gst_event_new_flush_start()); // not started yet
+    gst_element_send_event(receiver.find("src"), gst_event_new_flush_stop(TRUE));
     receiver.set(GST_STATE_PLAYING);
     expectPromptStop(receiver, GST_STATE_NULL);
 }
