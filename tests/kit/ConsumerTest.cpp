@@ -29,7 +29,6 @@ namespace
 {
 
 using namespace vlx::testing;
-using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 
 // Far below the 5 s of a stop that nobody helps; the figure itself is printed.
@@ -517,7 +516,7 @@ TEST_F(ConsumerTest, StaysInTheCheckedDirectoryWhenItsPathIsSwapped)
     {
         const ScriptedSender sender(getSocketName(), {.protocol = NanomsgProtocol::Pipeline});
         log().onNext(
-            DebugLog(::testing::StartsWith("VLX initial info:")), // after the check
+            DebugLog(StartsWith("VLX initial info:")), // after the check
             [&]
             {
                 std::filesystem::rename(sender.getDirectory(), moved);

@@ -29,11 +29,7 @@ namespace vlx::kit
 namespace
 {
 
-namespace fs = std::filesystem;
 using namespace vlx::testing;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using ::testing::Not;
 
 constexpr uid_t OtherUser = 65534;
@@ -175,7 +171,6 @@ TEST_F(DiscoveryTest, WatchReportsWhatComesChangesAndGoes)
 {
     if (!runsAlone()) // a watch asks every sender that it sees, other tests' too
         return;
-    using namespace std::chrono_literals;
     const std::string& name = getSocketName();
     SenderWatch watch(10ms);
     Producer own({.name = name});
@@ -354,7 +349,6 @@ TEST_F(DiscoveryTest, TextOfTheKernelIsReadWithDoubt)
 
 TEST_F(DiscoveryTest, MuteSendersAreAskedAtOnce)
 {
-    using namespace std::chrono_literals;
     std::vector<RawSidechannelServer> mute;
     std::vector<std::string> names;
     for (int i = 0; i < 250; ++i)
@@ -556,7 +550,7 @@ TEST_F(DiscoveryTest, BellIsHeardByWaitingReceiversOnly)
 
     Receiver receiver;
     ASSERT_TRUE(receiver.initializeReceiver(getSocketName()));
-    ASSERT_TRUE(log().waitFor(DebugLog(::testing::HasSubstr("fsMonitorThreadLoop"))));
+    ASSERT_TRUE(log().waitFor(DebugLog(HasSubstr("fsMonitorThreadLoop"))));
     RawSidechannelServer server(getSocketName()); // which makes no entry
     ASSERT_TRUE(ringBell());
     EXPECT_TRUE(server.accept().isOpen()) << "one ring is enough";

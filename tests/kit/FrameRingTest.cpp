@@ -18,8 +18,6 @@ namespace
 {
 
 using namespace vlx::testing;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 constexpr std::uint64_t Huge = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint64_t NearHalf = 1ULL << 63;

@@ -29,11 +29,7 @@ namespace vlx::kit
 namespace
 {
 
-namespace fs = std::filesystem;
 using namespace vlx::testing;
-using namespace std::chrono_literals;
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 constexpr StreamFormat Format{audioUtils::PcmFormat::S16LE, 48000, 2};
 constexpr TimeValue FrameNs = 10'000'000;
@@ -450,7 +446,7 @@ TEST_F(ProducerTest, SocketFileIsNeverWiderThanItsMode)
                 status >> std::oct >> umaskOfProcess;
             });
         ASSERT_EQ(producer.open(Format).getText(), "");
-        EXPECT_THAT(modes, ::testing::ElementsAre(birth));
+        EXPECT_THAT(modes, ElementsAre(birth));
         EXPECT_EQ(umaskOfProcess, 0U);
         EXPECT_EQ(::umask(0), 0U);
     }
@@ -750,7 +746,7 @@ TEST_F(ProducerTest, TellsWhenReceiversComeAndGo)
     };
     RecordedReceiver first(getSocketName());
     ASSERT_TRUE(producer.waitForReceivers(1, DefaultDeadline));
-    EXPECT_THAT(counts, ::testing::ElementsAre(1));
+    EXPECT_THAT(counts, ElementsAre(1));
     RecordedReceiver second(getSocketName());
     EXPECT_TRUE(waitForCount(2));
     first.stop();
@@ -766,7 +762,7 @@ TEST_F(ProducerTest, TellsWhenReceiversComeAndGo)
     EXPECT_TRUE(producer.send(0, FrameNs, {}));
     second.stop();
     EXPECT_TRUE(waitFor([&] { return producer.checkReceivers() == 0; }));
-    EXPECT_THAT(counts, ::testing::ElementsAre(1, 2, 1, 0, 1, 0));
+    EXPECT_THAT(counts, ElementsAre(1, 2, 1, 0, 1, 0));
 }
 
 TEST_F(ProducerTest, LastFrameArrivesHoweverLarge)

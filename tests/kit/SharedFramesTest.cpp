@@ -23,11 +23,6 @@ namespace
 {
 
 using namespace vlx::testing;
-using namespace std::chrono_literals;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
 using Kind = ConsumerEvent::Kind;
 
 constexpr StreamFormat Format{audioUtils::PcmFormat::S16LE, 48000, 2};

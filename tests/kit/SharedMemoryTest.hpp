@@ -31,7 +31,7 @@ protected:
     {
         if (!IsSkipped())
         {
-            EXPECT_THAT(listMemory(), ::testing::IsEmpty()) << "left in shared memory";
+            EXPECT_THAT(listMemory(), IsEmpty()) << "left in shared memory";
         }
         VlxTest::TearDown();
     }

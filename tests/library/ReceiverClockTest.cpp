@@ -36,9 +36,6 @@ using namespace vlx::testing;
 
 using ClockType = Receiver::StreamClockType;
 
-using ::testing::ElementsAre;
-using ::testing::StartsWith;
-
 namespace
 {
 

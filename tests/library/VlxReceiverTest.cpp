@@ -22,8 +22,6 @@
 #include "support/TestAccess.hpp"
 #include "support/VlxTest.hpp"
 
-namespace fs = std::filesystem;
-
 namespace vlx
 {
 
@@ -32,11 +30,6 @@ using namespace vlx::testing;
 using Access = ReceiverTestAccess;
 using ClockType = Receiver::StreamClockType;
 using State = Receiver::State;
-
-using ::testing::_;
-using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::StartsWith;
 
 namespace
 {

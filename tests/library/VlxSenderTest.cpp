@@ -23,20 +23,12 @@
 #include "support/TestAccess.hpp"
 #include "support/VlxTest.hpp"
 
-namespace fs = std::filesystem;
-
 namespace vlx
 {
 
 using namespace vlx::testing;
 
 using Access = SenderTestAccess;
-
-using ::testing::_;
-using ::testing::Contains;
-using ::testing::HasSubstr;
-using ::testing::MatchesRegex;
-using ::testing::StartsWith;
 
 namespace
 {
@@ -286,7 +278,7 @@ TEST_P(SenderTransportTest, ShutdownLeavesNothingAndItCanBeInitializedAgain)
     RawConnection client = connectGreeted();
     m_sender.shutdownSender();
     EXPECT_TRUE(client.waitForClose());
-    EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty());
+    EXPECT_THAT(listTempDirectory(), IsEmpty());
     EXPECT_TRUE(Access::getPolledFDs(m_sender).empty());
     EXPECT_TRUE(m_sender.*Access::SendDisabled);
     log().clear();
@@ -610,7 +602,7 @@ TEST_F(SenderTest, AFullWakeupPipeBlocksNoThread)
     sendFrame(1, {1});
     EXPECT_EQ(receiver.receive(), makeFrame(1, 1, {1}));
     m_sender.shutdownSender();
-    EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty());
+    EXPECT_THAT(listTempDirectory(), IsEmpty());
 }
 
 TEST_F(SenderTest, AFileOfTheHostThatCannotBeClosedDelaysNothing)
@@ -843,8 +835,7 @@ TEST_F(SenderTest, BlockedSendIsFreedByDisabling)
     EXPECT_EQ(receiver.receive(), makeFrame(1, 3, {3})) << "the dropped frames stay dropped";
 
     m_sender.shutdownSender();
-    EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty())
-        << "the receiver's socket file was there";
+    EXPECT_THAT(listTempDirectory(), IsEmpty()) << "the receiver's socket file was there";
 }
 
 TEST_F(SenderTest, AReceiverThatLeavesBeforeTheSendDoesNotBlockIt)

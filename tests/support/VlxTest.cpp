@@ -8,8 +8,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace fs = std::filesystem;
-
 void vlx::PrintTo(NanomsgProtocol protocol, std::ostream* stream)
 {
     *stream << toString(protocol);
@@ -176,8 +174,8 @@ void VlxTest::TearDown()
     { return findNew(m_descriptorsBefore, listDescriptorsWithout(0)); };
     const auto findThreads = [this] { return findNew(m_threadsBefore, listThreads()); };
     waitFor([&] { return findDescriptors().empty() && findThreads().empty(); });
-    EXPECT_THAT(findDescriptors(), ::testing::IsEmpty()) << "descriptors were left open";
-    EXPECT_THAT(findThreads(), ::testing::IsEmpty()) << "threads were left running";
+    EXPECT_THAT(findDescriptors(), IsEmpty()) << "descriptors were left open";
+    EXPECT_THAT(findThreads(), IsEmpty()) << "threads were left running";
 
     std::error_code error;
     for (const std::string& name : listTempDirectory())
@@ -185,7 +183,7 @@ void VlxTest::TearDown()
         if (name.rfind(DeathTestDirectoryPrefix, 0) == 0)
             fs::remove_all(fs::path(m_tempDirectory) / name, error);
     }
-    EXPECT_THAT(listTempDirectory(), ::testing::IsEmpty()) << "left in the directory";
+    EXPECT_THAT(listTempDirectory(), IsEmpty()) << "left in the directory";
     fs::remove_all(m_tempDirectory, error);
 }
 

@@ -37,6 +37,18 @@ void PrintTo(NanomsgProtocol protocol, std::ostream* stream);
 namespace vlx::testing
 {
 
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using ::testing::_;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+
 /// Generous, since a busy machine under a sanitizer is slow; only a failing test waits this long.
 /// On a busy machine the kernel alone can take 13 seconds to close an inotify descriptor, which
 /// each receiver has, and holds up all processes that close one.
