@@ -79,7 +79,10 @@ bool hasValidViews(const GstStructure* fields)
 {
     const gchar* const mode = gst_structure_get_string(fields, "multiview-mode");
     GEnumClass* const modes = G_ENUM_CLASS(g_type_class_ref(GST_TYPE_VIDEO_MULTIVIEW_MODE));
-    const bool isValid = mode == nullptr || g_enum_get_value_by_nick(modes, mode) != nullptr;
+    const GEnumValue* const known =
+        mode != nullptr ? g_enum_get_value_by_nick(modes, mode) : nullptr;
+    const bool isValid =
+        mode == nullptr || (known != nullptr && known->value != GST_VIDEO_MULTIVIEW_MODE_NONE);
     g_type_class_unref(modes);
     return isValid;
 }

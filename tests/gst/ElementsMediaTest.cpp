@@ -600,6 +600,7 @@ TEST_F(ElementsMediaTest, OnlyPlainCapsAreAccepted)
         {picture + "ENCODED, width=(int)16, height=(int)16", false},
         {picture + "I420, width=(int)16, height=(int)16, views=(int)-1", false},
         {picture + "I420, width=(int)16, height=(int)16, multiview-mode=(string)monm", false},
+        {picture + "I420, width=(int)16, height=(int)16, multiview-mode=(string)none", false},
         {picture + "I420, width=(int)16, height=(int)16, framerate=(fraction)-1/1", false},
         {picture + "I420, width=(int)16, height=(int)16, pixel-aspect-ratio=(fraction)0/1", false},
         {sound + "S16LE, rate=(int)8000, channels=(int)63", true},
