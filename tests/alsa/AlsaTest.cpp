@@ -1,20 +1,12 @@
 // Programs that play and record through ALSA, against the kit's other end.
 
-#include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <map>
 #include <mutex>
 #include <numeric>
-#include <set>
-#include <thread>
 
 #include <alsa/asoundlib.h>
 #include <poll.h>

@@ -1,10 +1,7 @@
 // The elements under floods, faulty streams and hasty applications.
 
-#include <algorithm>
-#include <atomic>
 #include <cstdlib>
 #include <random>
-#include <thread>
 
 #include <gst/check/gstharness.h>
 

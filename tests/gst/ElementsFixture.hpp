@@ -4,10 +4,6 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
-#include <functional>
-#include <map>
-#include <string>
 
 #include <unistd.h>
 

@@ -1,13 +1,6 @@
 // Frames in shared memory, from vlxsink to vlxsrc.
 
-#include <algorithm>
-#include <atomic>
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include <gst/app/gstappsrc.h>
 

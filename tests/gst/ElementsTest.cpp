@@ -1,11 +1,5 @@
 // The elements in pipelines of this process, against pipelines of this and of other processes.
 
-#include <filesystem>
-#include <memory>
-#include <set>
-#include <string>
-#include <thread>
-
 #include <gst/check/gstharness.h>
 #include <gst/net/gstnet.h>
 #include <log4cplus/logger.h>

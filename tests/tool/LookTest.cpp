@@ -1,10 +1,8 @@
 // The subcommands that look at streams, clocks and the machine.
 
 #include <cstdlib>
-#include <memory>
 #include <regex>
 #include <sstream>
-#include <thread>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -1,11 +1,8 @@
 // The tool's parts that need no process: durations, conversions, timestamps, watches.
 
 #include <array>
-#include <csignal>
 #include <limits>
-#include <thread>
 
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 

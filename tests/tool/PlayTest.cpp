@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <numbers>
-#include <thread>
 
 #include "support/TestProvider.hpp"
 #include "tool/ToolFixture.hpp"

@@ -1,9 +1,7 @@
 // "vlx receive" as a user runs it: what is recorded, played and said.
 
-#include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <thread>
 
 #include <fcntl.h>
 #include <sys/ioctl.h>

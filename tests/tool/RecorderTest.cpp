@@ -2,11 +2,9 @@
 
 #include "receive/Recorder.hpp"
 
-#include <csignal>
 #include <cstdlib>
 #include <limits>
 #include <tuple>
-#include <vector>
 
 #include <unistd.h>
 

@@ -1,8 +1,5 @@
 // "vlx send": its inputs, its clocks, and what it does when something is late.
 
-#include <algorithm>
-#include <thread>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 

@@ -2,12 +2,6 @@
 
 // What the tests of the tool share: its files, and how it is called.
 
-#include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <optional>
-
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sndfile.h>
 #include <sys/wait.h>

@@ -1,7 +1,5 @@
 #include "tool/ToolProcess.hpp"
 
-#include <algorithm>
-#include <csignal>
 #include <cstdlib>
 
 #include <fcntl.h>

@@ -1,10 +1,5 @@
 #pragma once
 
-#include <chrono>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include <sys/types.h>
 
 #include "support/RawPeers.hpp"
