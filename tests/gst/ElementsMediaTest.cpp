@@ -121,8 +121,10 @@ TEST_F(ElementsMediaTest, EveryMediumArrivesAsItWasSent)
                     GST_BUFFER_DTS(buffer) = time;
                 GST_BUFFER_DURATION(buffer) = 10 * GST_MSECOND;
                 GST_BUFFER_OFFSET(buffer) = 1000 + number;
-                const guint flags =
-                    row.hasDts && order != 2 ? GST_BUFFER_FLAG_DELTA_UNIT : GST_BUFFER_FLAG_MARKER;
+                const guint flags = row.hasDts && order != 2
+                                        ? GST_BUFFER_FLAG_DELTA_UNIT
+                                        : GST_BUFFER_FLAG_MARKER | GST_BUFFER_FLAG_CORRUPTED |
+                                              GST_BUFFER_FLAG_DROPPABLE;
                 GST_BUFFER_FLAG_SET(buffer, flags);
                 push(sender, buffer);
                 const auto received = receiver.pull();
@@ -139,7 +141,7 @@ TEST_F(ElementsMediaTest, EveryMediumArrivesAsItWasSent)
                 EXPECT_EQ(received->duration, 10 * GST_MSECOND);
                 EXPECT_EQ(received->ptsOffset, row.hasDts ? std::optional(shift) : std::nullopt);
                 EXPECT_EQ(received->offset, isPcm ? Unknown : 1000 + number);
-                EXPECT_EQ((received->flags & flags) != 0, !isPcm);
+                EXPECT_EQ(received->flags & flags, isPcm ? 0 : flags);
                 EXPECT_EQ(received->discont, order == 2);
                 ++number;
             }
@@ -323,7 +325,8 @@ TEST_F(ElementsMediaTest, LossesAreSkippedUpToTheNextKeyFrame)
         {1, Delta, 0, 40},  {2, 0, -Farthest, 40},  {3, Delta, Farthest, 40}, {5, Delta, 0, 40},
         {6, Delta, 0, 40},  {7, 0xFFFFFF00, 0, 40}, {8, Delta, 0, 32},        {9, Delta, 0, 7},
         {10, Delta, 0, 40}, {12, 0, 0, 40},         {13, Delta, 0, 40},       {15, Header, {}, 40},
-        {16, Delta, 0, 40}, {17, Header, 0, 40},    {18, Delta, 0, 40},
+        {16, Delta, 0, 40}, {17, Header, 0, 40},    {18, Delta, 0, 40},       {0, Delta, 0, 40},
+        {7, Delta, 0, 40}, // not counted
     };
     std::uint8_t byte = 0;
     for (const Row& row : rows)
@@ -335,15 +338,15 @@ TEST_F(ElementsMediaTest, LossesAreSkippedUpToTheNextKeyFrame)
     }
     std::string arrived;
     std::string disconts;
-    for (int i = 0; i < 8; ++i)
+    for (int i = 0; i < 10; ++i)
     {
         const auto frame = receiver.pull();
         ASSERT_TRUE(frame) << arrived;
         arrived += std::to_string(rows[static_cast<std::uint8_t>(frame->data[0])].number) + " ";
         disconts += frame->discont ? "d" : "-";
     }
-    EXPECT_EQ(arrived, "2 3 7 12 13 15 17 18 ");
-    EXPECT_EQ(disconts, "d-dd-dd-");
+    EXPECT_EQ(arrived, "2 3 7 12 13 15 17 18 0 7 ");
+    EXPECT_EQ(disconts, "d-dd-dd---");
     EXPECT_EQ(receiver.getCount("src", "skipped"), 5U);
     EXPECT_EQ(receiver.getCount("src", "dropped"), 2U) << "without data";
 }
