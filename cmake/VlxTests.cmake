@@ -4,7 +4,7 @@
 # plugin. Many of them would fill GLib's table of names, of which it loses the former ones as it
 # grows.
 set(VLX_TEST_ENVIRONMENT
-    "GST_REGISTRY=${PROJECT_BINARY_DIR}/gst-registry.bin" "GST_PLUGIN_SYSTEM_PATH=")
+    "GST_REGISTRY=${PROJECT_BINARY_DIR}/gst-without-plugins.bin" "GST_PLUGIN_SYSTEM_PATH=")
 
 # vlx_discover_tests(NAME): each test of a GoogleTest program becomes a ctest process, with the
 # environment above.

@@ -129,14 +129,21 @@ struct LastMedia
     TimeValue duration = 0;
 };
 
+void prerollBeforeChain(GstPad* pad);
+
 class Sink : public WithSettings<Settings>
 {
 public:
     explicit Sink(GstBaseSink* element)
-        : WithSettings(element), m_element(element), m_providedClock(GST_ELEMENT(element))
+        : WithSettings(element),
+          baseChain(GST_PAD_CHAINFUNC(GST_BASE_SINK_PAD(element))),
+          baseChainList(GST_PAD_CHAINLISTFUNC(GST_BASE_SINK_PAD(element))),
+          m_element(element),
+          m_providedClock(GST_ELEMENT(element))
     {
         // Nothing is rendered here; elements that render have their own deadline.
         gst_base_sink_set_processing_deadline(element, 0);
+        prerollBeforeChain(GST_BASE_SINK_PAD(element));
         // It would keep the memory of a frame, and a pool would give that out again, to be copied.
         gst_base_sink_set_last_sample_enabled(element, FALSE);
     }
@@ -158,14 +165,18 @@ public:
     static GstCaps* getCaps(GstCaps* filter);
     bool setCaps(GstCaps* caps);
     bool proposeAllocation(GstQuery* query) const;
+    // Makes the stream ready for a buffer, if it has to preroll. Called with the stream lock held.
+    GstFlowReturn preroll(GstBuffer* buffer);
+    // Called with the preroll lock held.
     GstFlowReturn render(GstBuffer* buffer);
-
-    // Makes the stream ready for a buffer. Called with the preroll lock held, like render().
-    GstFlowReturn prepare(GstBuffer* buffer);
 
     // From another thread, while one of the above may be waiting.
     bool unlock();
     bool unlockStop();
+
+    // Of GstBaseSink's pad.
+    const GstPadChainFunction baseChain;
+    const GstPadChainListFunction baseChainList;
 
 private:
     bool isUnlocked() const;
@@ -183,6 +194,8 @@ private:
     GstFlowReturn
     open(const Settings& settings, const Announcement& announcement, GstBuffer* first);
     kit::Status announceFormat(bool isOpen);
+    // Makes the stream ready for a buffer. Called with the preroll lock held.
+    GstFlowReturn prepare(GstBuffer* buffer);
     GstFlowReturn openOrAdapt(GstBuffer* buffer);
     GstFlowReturn waitForReceiver();
     void onReceivers(std::size_t count);
@@ -615,6 +628,18 @@ GstFlowReturn Sink::prepare(GstBuffer* buffer)
     }
 }
 
+// Before GstBaseSink gets the buffer: it takes a flush during preroll for a failure, aborts the
+// change of state, and would never deactivate the pad.
+GstFlowReturn Sink::preroll(GstBuffer* buffer)
+{
+    GST_BASE_SINK_PREROLL_LOCK(m_element);
+    const GstFlowReturn flow = m_element->need_preroll != FALSE ? prepare(buffer) : GST_FLOW_OK;
+    GST_BASE_SINK_PREROLL_UNLOCK(m_element);
+    if (flow != GST_FLOW_OK && flow != GST_FLOW_FLUSHING)
+        gst_element_abort_state(GST_ELEMENT(m_element));
+    return flow;
+}
+
 // Negative before the beginning of the segment, which is usual for decoding times.
 std::optional<std::int64_t> Sink::getRunningTime(GstClockTime time) const
 {
@@ -804,6 +829,32 @@ GstFlowReturn Sink::render(GstBuffer* buffer)
 
 using Type = ElementType<Sink, GstBaseSink>;
 
+GstFlowReturn chain(GstPad* pad, GstObject* parent, GstBuffer* buffer)
+{
+    const GstFlowReturn flow = Type::of(parent).preroll(buffer);
+    if (flow == GST_FLOW_OK)
+        return Type::of(parent).baseChain(pad, parent, buffer);
+    gst_buffer_unref(buffer);
+    return flow;
+}
+
+GstFlowReturn chainList(GstPad* pad, GstObject* parent, GstBufferList* list)
+{
+    const GstFlowReturn flow = gst_buffer_list_length(list) == 0
+                                   ? GST_FLOW_OK
+                                   : Type::of(parent).preroll(gst_buffer_list_get(list, 0));
+    if (flow == GST_FLOW_OK)
+        return Type::of(parent).baseChainList(pad, parent, list);
+    gst_buffer_list_unref(list);
+    return flow;
+}
+
+void prerollBeforeChain(GstPad* pad)
+{
+    gst_pad_set_chain_function(pad, chain);
+    gst_pad_set_chain_list_function(pad, chainList);
+}
+
 GType getProtocolType()
 {
     static const GEnumValue values[] = {
@@ -920,8 +971,6 @@ void Sink::initClass(gpointer elementClass)
     sinkClass->query = answerQuery;
     sinkClass->propose_allocation = [](GstBaseSink* self, GstQuery* query) -> gboolean
     { return Type::of(self).proposeAllocation(query); };
-    sinkClass->preroll = [](GstBaseSink* self, GstBuffer* buffer)
-    { return Type::of(self).prepare(buffer); };
     sinkClass->render = [](GstBaseSink* self, GstBuffer* buffer)
     { return Type::of(self).render(buffer); };
     sinkClass->unlock = [](GstBaseSink* self) -> gboolean { return Type::of(self).unlock(); };

@@ -6,6 +6,7 @@
 #include <gst/check/gstharness.h>
 
 #include <miscUtils/MiscUtils.hpp>
+#include <vlxkit/Discovery.hpp>
 
 #include "gst/ElementsFixture.hpp"
 #include "support/RecordedReceiver.hpp"
@@ -314,6 +315,14 @@ TEST_F(ElementsFaultsTest, WaitingEndsWhenItIsNotWantedAnyMore)
                 }));
             expectPromptStop(sender, state);
         }
+    }
+    {
+        const Pipeline sender("audiotestsrc ! vlxsink socket-name=" + m_name);
+        sender.set(GST_STATE_PAUSED);
+        EXPECT_TRUE(waitFor([this] { return kit::isSenderPresent(m_name); }));
+        const auto flags = static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH);
+        EXPECT_TRUE(gst_element_seek_simple(sender.get(), GST_FORMAT_TIME, flags, 0));
+        expectPromptStop(sender, GST_STATE_NULL);
     }
     const Pipeline receiver(makeReceiver());
     gst_element_send_event(receiver.find("src"), gst_event_new_flush_start()); // not started yet
