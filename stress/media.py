@@ -14,9 +14,10 @@ from rows import SKIPPED, Run, row
 from shared import make_name, wait_until
 
 NUM_READERS = 3
-PICTURES = "videotestsrc pattern=ball num-buffers={} ! video/x-raw,width=1920,height=1080,framerate=30/1"
+PICTURES = ("videotestsrc pattern=ball num-buffers={} "
+            "! video/x-raw,format=I420,width=1920,height=1080,framerate=30/1")
 ENCODERS = (
-    "videotestsrc is-live=true ! video/x-raw,width={0},height={0},framerate=30/1 "
+    "videotestsrc is-live=true ! video/x-raw,format=I420,width={0},height={0},framerate=30/1 "
     "! x264enc tune=zerolatency key-int-max=3000 ! h264parse ! video/x-h264,alignment=au "
     "! vlxsink wait-for-connection=false socket-name={1}-video "
     "audiotestsrc is-live=true samplesperbuffer=480 ! opusenc ! opusparse "
@@ -56,6 +57,7 @@ def send_pictures(run: Run) -> None:
     expected = Counter(reference.find(pattern))
     readers = [Pipeline(f"vlxsrc socket-name={name} eos-on-disconnect=true ! checksumsink hash=md5")
                for _ in range(NUM_READERS)]
+    run.within(lambda: all(reader.find("New clock") for reader in readers), "readers not ready")
     sender = Pipeline(f"{pictures} ! vlxsink socket-name={name}")
     run.check(sender.await_end(60 * run.minutes) == "worked", "the sender failed")
     arrived = []
